@@ -1,0 +1,46 @@
+# A thin front: each target calls cmake, ctest or a script. Programs end up in build/bin,
+# libraries in build/lib.
+BUILD := build
+JOBS ?= $(shell nproc)
+
+.PHONY: build run test bench lint asan clang valgrind soak format install clean
+build:
+	@scripts/install-deps build
+	cmake --preset release
+	cmake --build $(BUILD) -j $(JOBS)
+
+run: build
+	@scripts/run-demo $(BUILD)
+
+# Unit tests, then system tests with real sockets, namespaces and collectors.
+test:
+	@scripts/install-deps test
+	cmake --preset release -DTARN_TESTS=ON
+	cmake --build $(BUILD) -j $(JOBS)
+	ctest --test-dir $(BUILD) --output-on-failure -LE long
+
+# The slow campaigns: random kills, long soaks, millions of records.
+soak:
+	@scripts/install-deps test
+	cmake --preset release -DTARN_TESTS=ON
+	cmake --build $(BUILD) -j $(JOBS)
+	ctest --test-dir $(BUILD) --output-on-failure -L long
+
+bench:
+	@scripts/install-deps test
+	cmake --preset release -DTARN_BENCH=ON
+	cmake --build $(BUILD) -j $(JOBS) --target tarn_bench
+	$(BUILD)/bin/tarn_bench
+
+lint asan clang valgrind:
+	@scripts/install-deps all
+	scripts/check-$@
+
+format:
+	git ls-files -- '*.h' '*.cpp' | xargs clang-format -i
+
+install: build
+	cmake --install $(BUILD)
+
+clean:
+	rm -rf build build-asan build-clang build-debug

@@ -1,0 +1,80 @@
+#include "platform/Entity.h"
+
+#include <algorithm>
+#ifndef NDEBUG
+#include <thread>
+
+#include "platform/Assert.h"
+#endif
+
+namespace platform {
+namespace {
+/// Counts and lists are unguarded: an entity touched from a second thread is a fault at once.
+void assertOwningThread() {
+#ifndef NDEBUG
+  static const std::thread::id owner = std::this_thread::get_id();
+  TARN_ASSERT_AS(owner == std::this_thread::get_id(), "entities belong to one thread");
+#endif
+}
+}  // namespace
+
+EntityWatcherBase::EntityWatcherBase(Ptr<const Entity> watched) : watched_(std::move(watched)) {
+  watched_->watcherAdd(this);
+}
+EntityWatcherBase::~EntityWatcherBase() { watched_->watcherDel(this); }
+
+Entity::~Entity() = default;
+
+void Entity::watcherAdd(EntityWatcherBase* w) const {
+  assertOwningThread();
+  if (!watchers_) watchers_ = std::make_unique<WatcherList>();
+  watchers_->all.push_back(w);
+}
+void Entity::watcherDel(EntityWatcherBase* w) const noexcept {
+  auto it = std::find(watchers_->all.begin(), watchers_->all.end(), w);
+  if (watchers_->depth == 0) {
+    watchers_->all.erase(it);
+  } else {
+    *it = nullptr;
+    watchers_->cleared = true;
+  }
+}
+
+Entity::Round::Round(const Entity& e) noexcept : entity(&e), count(e.watchers_->all.size()) {
+  assertOwningThread();
+  ++e.watchers_->depth;
+}
+Entity::Round::~Round() {
+  WatcherList& list = *entity->watchers_;
+  if (--list.depth > 0 || !list.cleared) return;
+  list.cleared = false;
+  std::erase(list.all, nullptr);
+}
+
+namespace {
+const AttrRow* rowNamed(AttrRows rows, std::string_view name) {
+  auto it =
+      std::find_if(rows.begin(), rows.end(), [&](const AttrRow& r) { return r.name == name; });
+  return it == rows.end() ? nullptr : &*it;
+}
+}  // namespace
+
+std::optional<std::string> Entity::attrText(std::string_view name) const {
+  const AttrRow* r = rowNamed(attrRows(), name);
+  if (!r || !r->get) return std::nullopt;
+  return r->get(*this);
+}
+AttrResult Entity::attrTextIs(std::string_view name, std::string_view text) {
+  const AttrRow* r = rowNamed(attrRows(), name);
+  if (!r || !r->get) return AttrResult::unknownName;
+  if (!r->set) return AttrResult::readOnly;
+  return r->set(*this, text) ? AttrResult::ok : AttrResult::badText;
+}
+AttrResult Entity::attrRun(std::string_view name) {
+  const AttrRow* r = rowNamed(attrRows(), name);
+  if (!r || !r->run) return AttrResult::unknownName;
+  r->run(*this);
+  return AttrResult::ok;
+}
+
+}  // namespace platform

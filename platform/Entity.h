@@ -1,0 +1,250 @@
+#pragma once
+#include <concepts>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "platform/Ptr.h"
+#include "platform/Text.h"
+
+/// The entity framework: objects with attributes and collections that tell their watchers when a
+/// value changes. Everything runs on one thread (the agent's).
+///
+///   class Thing final : public Entity {
+///    public:
+///     class Watcher : public EntityWatcher<Thing> {
+///      public:
+///       using EntityWatcher::EntityWatcher;
+///       virtual void handleSize() {}
+///     };
+///     uint32_t size() const { return size_; }
+///     void sizeIs(uint32_t v) { set(size_, v, &Watcher::handleSize); }
+///    ...
+///
+/// Rules that a handler may rely on:
+///  - it is called only when the value changed, synchronously, in the order of change;
+///  - it may change anything, create and destroy watchers (itself included), and drop the last
+///    reference to the entity: that lives until the round is over;
+///  - a watcher made inside a round hears from the next change on; a destroyed one hears nothing;
+///  - no exception leaves a handler.
+namespace platform {
+
+class Entity;
+
+/// What access by name needs of one attribute. Made by `row`, `childRow`, `mapRow`, `actionRow`.
+struct AttrRow {
+  /// Receives the members of a collection: the key's text, and the child entity or else the text.
+  using Visitor =
+      std::function<void(const std::string& key, const Entity* child, const std::string& text)>;
+  std::string_view name;
+  std::string (*get)(const Entity&) = nullptr;                  ///< value attributes
+  bool (*set)(Entity&, std::string_view text) = nullptr;        ///< settable ones; false: bad text
+  void (*each)(const Entity&, const Visitor& visit) = nullptr;  ///< children and collections
+  void (*run)(Entity&) = nullptr;                               ///< actions
+};
+using AttrRows = std::span<const AttrRow>;
+
+enum class AttrResult { ok, unknownName, readOnly, badText };
+
+/// A watcher's place in its entity's list. The watcher holds the entity, never the reverse.
+class TARN_API EntityWatcherBase {
+ public:
+  EntityWatcherBase(const EntityWatcherBase&) = delete;
+  EntityWatcherBase& operator=(const EntityWatcherBase&) = delete;
+
+ protected:
+  explicit EntityWatcherBase(Ptr<const Entity> watched);
+  virtual ~EntityWatcherBase();
+  const Entity* watched() const { return watched_.get(); }
+
+ private:
+  Ptr<const Entity> watched_;
+};
+
+/// Base of the `Watcher` class of entity type `E`.
+template <class E>
+class EntityWatcher : public EntityWatcherBase {
+ public:
+  /// `entity` must not be null.
+  explicit EntityWatcher(Ptr<const E> entity) : EntityWatcherBase(std::move(entity)) {}
+  const E* entity() const { return static_cast<const E*>(watched()); }
+};
+
+class TARN_API Entity {
+ public:
+  Entity(const Entity&) = delete;
+  Entity& operator=(const Entity&) = delete;
+
+  void addRef() const noexcept { ++refs_; }
+  void release() const noexcept {
+    if (--refs_ == 0) delete this;
+  }
+  uint32_t refs() const noexcept { return refs_; }
+
+  /// The rows of this type's attributes, for access by name; the order is the declaration's.
+  virtual AttrRows attrRows() const { return {}; }
+  /// The attribute's text, or nothing where there is no such value attribute.
+  std::optional<std::string> attrText(std::string_view name) const;
+  /// Sets an attribute from its text; on anything but `ok` nothing changed.
+  AttrResult attrTextIs(std::string_view name, std::string_view text);
+  /// Runs an action; `unknownName` where there is none of that name.
+  AttrResult attrRun(std::string_view name);
+
+ protected:
+  Entity() noexcept = default;
+  virtual ~Entity();
+
+  /// Stores `v` and tells the watchers when that changes the value.
+  template <class T, class V, class W>
+  void set(T& member, V&& v, void (W::*handler)()) {
+    if (member == v) return;
+    // The old value may hold the last reference to what a caller still uses: drop it at the end.
+    [[maybe_unused]] const T old = std::exchange(member, T(std::forward<V>(v)));
+    notify(handler);
+  }
+  template <class Map, class V, class W, class K>
+  void put(Map& map, const typename Map::key_type& key, V&& v, void (W::*handler)(K)) {
+    typename Map::mapped_type old{};
+    if (auto it = map.find(key); it == map.end()) {
+      map.emplace(key, std::forward<V>(v));
+    } else {
+      if (it->second == v) return;
+      old = std::exchange(it->second, typename Map::mapped_type(std::forward<V>(v)));
+    }
+    const typename Map::key_type copy = key;  // a handler may destroy what `key` refers to
+    notify(handler, copy);
+  }
+  /// Removes the entry; it lives until the watchers have been told. False: there was none.
+  template <class Map, class W, class K>
+  bool del(Map& map, const typename Map::key_type& key, void (W::*handler)(K)) {
+    auto node = map.extract(key);
+    if (node.empty()) return false;
+    notify(handler, node.key());
+    return true;
+  }
+  /// Removes the entries that are there now; one that a handler adds stays.
+  template <class Map, class W, class K>
+  void delAll(Map& map, void (W::*handler)(K)) {
+    const Ptr<Entity> hold(this);
+    std::vector<typename Map::key_type> keys;
+    keys.reserve(map.size());
+    for (const auto& entry : map) keys.push_back(entry.first);
+    for (const auto& key : keys) del(map, key, handler);
+  }
+  /// The entry's value, or a default one (null for a pointer).
+  template <class Map>
+  static typename Map::mapped_type find(const Map& map, const typename Map::key_type& key) {
+    auto it = map.find(key);
+    return it == map.end() ? typename Map::mapped_type{} : it->second;
+  }
+
+  template <class W, class... P, class... A>
+  void notify(void (W::*handler)(P...), const A&... args) const noexcept {
+    if (!watchers_) return;
+    Round round(*this);
+    // A watcher that a handler adds waits for the next change; one that leaves clears its slot.
+    for (size_t i = 0; i < round.count; ++i)
+      if (auto* w = watchers_->all[i]) (static_cast<W*>(w)->*handler)(args...);
+  }
+
+ private:
+  friend class EntityWatcherBase;
+  struct WatcherList {
+    std::vector<EntityWatcherBase*> all;
+    uint32_t depth = 0;    // rounds under way, nested
+    bool cleared = false;  // a slot was cleared during a round
+  };
+  struct TARN_API Round {
+    explicit Round(const Entity& e) noexcept;
+    ~Round();
+    Ptr<const Entity> entity;  // a handler may drop the last reference
+    size_t count;
+  };
+
+  void watcherAdd(EntityWatcherBase* w) const;
+  void watcherDel(EntityWatcherBase* w) const noexcept;
+
+  mutable uint32_t refs_ = 1;
+  mutable std::unique_ptr<WatcherList> watchers_;  // made by the first watcher
+};
+static_assert(sizeof(Entity) == 24, "vtable, count, list: what an unwatched entity costs");
+
+namespace detail {
+template <class F>
+struct MemberOf;
+template <class C, class R>
+struct MemberOf<R (C::*)() const> {
+  using Class = C;
+  using Result = std::remove_cvref_t<R>;
+};
+template <class C, class R>
+struct MemberOf<R (C::*)()> {
+  using Class = C;
+};
+template <class C, class R, class A>
+struct MemberOf<R (C::*)(A)> {
+  using Class = C;
+  using Arg = std::remove_cvref_t<A>;
+};
+template <class T>
+concept EntityPtr = requires(const T& p) {
+  { p.get() } -> std::convertible_to<const Entity*>;
+};
+}  // namespace detail
+
+/// A value attribute; settable when the setter is given too.
+template <auto Get>
+constexpr AttrRow row(std::string_view name) {
+  using M = detail::MemberOf<decltype(Get)>;
+  return {.name = name, .get = [](const Entity& e) {
+            return toText((static_cast<const typename M::Class&>(e).*Get)());
+          }};
+}
+template <auto Get, auto Set>
+constexpr AttrRow row(std::string_view name) {
+  using S = detail::MemberOf<decltype(Set)>;
+  AttrRow r = row<Get>(name);
+  r.set = [](Entity& e, std::string_view text) {
+    typename S::Arg value{};
+    if (!fromText(text, value)) return false;
+    (static_cast<typename S::Class&>(e).*Set)(std::move(value));
+    return true;
+  };
+  return r;
+}
+/// A pointer to another entity (null shows nothing).
+template <auto Get>
+constexpr AttrRow childRow(std::string_view name) {
+  using M = detail::MemberOf<decltype(Get)>;
+  return {.name = name, .each = [](const Entity& e, const AttrRow::Visitor& visit) {
+            const auto& child = (static_cast<const typename M::Class&>(e).*Get)();
+            if (child) visit({}, child.get(), {});
+          }};
+}
+/// A map whose accessor returns it by reference; values are entities or have a text form.
+template <auto Get>
+constexpr AttrRow mapRow(std::string_view name) {
+  using M = detail::MemberOf<decltype(Get)>;
+  return {.name = name, .each = [](const Entity& e, const AttrRow::Visitor& visit) {
+            for (const auto& [k, v] : (static_cast<const typename M::Class&>(e).*Get)()) {
+              if constexpr (detail::EntityPtr<std::remove_cvref_t<decltype(v)>>) {
+                visit(toText(k), v.get(), {});
+              } else {
+                visit(toText(k), nullptr, toText(v));
+              }
+            }
+          }};
+}
+template <auto Run>
+constexpr AttrRow actionRow(std::string_view name) {
+  using M = detail::MemberOf<decltype(Run)>;
+  return {.name = name, .run = [](Entity& e) { (static_cast<typename M::Class&>(e).*Run)(); }};
+}
+
+}  // namespace platform

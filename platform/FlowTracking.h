@@ -1,0 +1,31 @@
+#pragma once
+#include "platform/Entity.h"
+
+namespace FlowTracking {
+
+/// The kind of flow tracking; the value is exported in 16 bits as flowTrackingType.
+enum class FlowTrackingType : uint16_t { hardware = 0, software = 1 };
+inline std::string toText(FlowTrackingType t) {
+  return t == FlowTrackingType::software ? "software" : "hardware";
+}
+
+/// Requests of the operator to the library.
+class TARN_API ConfigReq final : public Entity {
+ public:
+  class TARN_API Watcher : public EntityWatcher<ConfigReq> {
+   public:
+    using EntityWatcher::EntityWatcher;
+    virtual void handleClearCounters() {}
+  };
+  /// Any new value asks for the collectors' counters to be cleared once.
+  uint32_t clearCounters() const { return clearCounters_; }
+  void clearCountersIs(uint32_t v) { set(clearCounters_, v, &Watcher::handleClearCounters); }
+
+  AttrRows attrRows() const override;
+
+ private:
+  uint32_t clearCounters_ = 0;
+};
+TARN_API Ptr<ConfigReq> configReqFactory();
+
+}  // namespace FlowTracking

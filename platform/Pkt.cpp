@@ -1,0 +1,40 @@
+#include "platform/Pkt.h"
+
+#include <algorithm>
+
+namespace platform {
+namespace {
+bool ptrWithinRegion(const uint8_t* p, const uint8_t* region, uint32_t size) {
+  return p >= region && p <= region + size;
+}
+}  // namespace
+
+// The block is not cleared: a message is written over all of it.
+Pkt::Pkt(uint32_t size) : size_(size), buffer_(new uint8_t[size]) {}
+Ptr<Pkt> Pkt::ofSize(uint32_t size) { return Ptr<Pkt>::adopt(new Pkt(size)); }
+
+void Pkt::headRoomIs(uint32_t n) {
+  TARN_ASSERT(len_ == 0 && n <= size_);
+  head_ = n;
+}
+void Pkt::dataHeadInc(uint32_t n) {
+  TARN_ASSERT_AS(n <= head_ && ptrWithinRegion(data() - n, buffer_.get(), size_),
+                 "ptrWithinRegion( data_, buffer_, size_ )");
+  head_ -= n;
+  len_ += n;
+}
+void Pkt::dataTailInc(uint32_t n) {
+  TARN_ASSERT(n <= UINT32_MAX / 2 - head_ - len_);
+  const uint32_t needed = head_ + len_ + n;
+  if (needed > size_) {
+    const uint32_t size = std::max(needed, 2 * size_);
+    std::unique_ptr<uint8_t[]> larger(new uint8_t[size]);
+    if (len_ > 0) std::memcpy(larger.get() + head_, data(), len_);
+    buffer_ = std::move(larger);
+    size_ = size;
+  }
+  std::memset(buffer_.get() + head_ + len_, 0, n);
+  len_ += n;
+}
+
+}  // namespace platform

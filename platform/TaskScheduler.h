@@ -1,0 +1,58 @@
+#pragma once
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/Entity.h"
+
+namespace platform {
+
+/// Urgency of a task among those that are due: a lower value runs first. The library uses 2.
+using TaskPriority = uint8_t;
+using Seconds = std::chrono::duration<double>;
+
+/// A task that its owner schedules; idle when made. Its body runs on the scheduler's thread, never
+/// inside the call that schedules it, once per scheduling. Destroying it stops it, also from
+/// inside its own body.
+class TARN_API TimerTask {
+ public:
+  TimerTask() = default;
+  TimerTask(const TimerTask&) = delete;
+  TimerTask& operator=(const TimerTask&) = delete;
+  virtual ~TimerTask() = default;
+
+  virtual const std::string& name() const = 0;
+  /// Runs once after `delay` (0 or less: as soon as possible), in place of any pending run.
+  virtual void scheduleIs(Seconds delay) = 0;
+  /// The same, except that an earlier pending run is kept.
+  virtual void scheduleLowestIs(Seconds delay) = 0;
+  /// Drops the pending run, if any. A body under way finishes.
+  virtual void stop() = 0;
+  /// A run is pending. False inside the body until that schedules the task again.
+  virtual bool scheduled() const = 0;
+  /// The body is under way.
+  virtual bool running() const = 0;
+  /// For long loops inside a body: other work waits, or the body has had its share of time
+  /// (10 ms). Schedule again and return.
+  virtual bool shouldYield() const = 0;
+};
+
+/// Runs tasks in the order of their due time, equal times by priority, equal priorities in the
+/// order of scheduling. Time is monotonic: setting the wall clock moves no task. Between two rounds
+/// of due tasks the thread's other work (sockets, signals) gets its turn, so a task that schedules
+/// itself with delay 0 starves nobody.
+class TARN_API TaskScheduler : public Entity {
+ public:
+  /// `body` must not throw. `name` appears in traces and in the control socket's listing.
+  virtual std::unique_ptr<TimerTask> timerTask(std::string name, TaskPriority priority,
+                                               std::function<void()> body) = 0;
+};
+
+/// What the agent hands to root reactors: the place to get the thread's scheduler from.
+class TARN_API TaskSchedulerRoot : public Entity {
+ public:
+  virtual Ptr<TaskScheduler> taskScheduler() const = 0;
+};
+
+}  // namespace platform

@@ -1,0 +1,38 @@
+#pragma once
+#include <sstream>
+#include <string>
+#include <string_view>
+
+#include "platform/Api.h"
+
+namespace platform {
+
+/// Where trace lines go. Levels: 0 what an operator must see, 3 events, 5 decisions, 8 octets.
+class TARN_API TraceSink {
+ public:
+  virtual ~TraceSink() = default;
+  virtual bool enabled(int level) const = 0;
+  virtual void line(int level, std::string_view text) = 0;
+};
+
+namespace TraceLevel {
+inline constexpr int error = 0;
+inline constexpr int event = 3;
+inline constexpr int detail = 5;
+inline constexpr int packet = 8;
+}  // namespace TraceLevel
+
+/// The sink of the installed platform.
+TARN_API TraceSink& traceSink();
+
+/// Writes one line made of its arguments; they are only formatted when the level is enabled.
+template <class... A>
+void trace(int level, const A&... parts) {
+  TraceSink& sink = traceSink();
+  if (!sink.enabled(level)) return;
+  std::ostringstream out;
+  (out << ... << parts);
+  sink.line(level, out.view());
+}
+
+}  // namespace platform

@@ -1,0 +1,82 @@
+#pragma once
+#include <cstdint>
+#include <map>
+#include <system_error>
+
+#include "platform/Entity.h"
+#include "platform/Ip.h"
+#include "platform/Pkt.h"
+#include "platform/Values.h"
+
+namespace platform {
+
+/// The platform refused an operation; `code().value()` is the errno, `what()` its text.
+class TARN_API ErrnoException : public std::system_error {
+ public:
+  ErrnoException(int err, const std::string& what)
+      : std::system_error(err, std::generic_category(), what) {}
+};
+
+/// What an endpoint did since it was made; counts never go down, not even when it reopens.
+struct UdpPamCounters {
+  uint64_t sent = 0;                    ///< datagrams that the kernel took
+  uint64_t sentOctets = 0;              ///< their UDP payload
+  uint64_t dropped = 0;                 ///< datagrams that it refused, or that found the queue full
+  uint64_t queued = 0;                  ///< waiting for room in the socket now
+  uint64_t queuedMax = 0;               ///< the most that ever waited
+  std::map<int, uint64_t> dropByErrno;  ///< `dropped` by cause; ENOBUFS also for a full queue
+};
+
+/// One UDP endpoint, unconnected: every datagram carries its own addressing. Order of use:
+///
+///   pam->netNsIs(ns); pam->ipv6EnIs(v6); pam->txPrioIs(2);   // while out of service
+///   pam->modeIs(UdpPam::inService);                            // opens; may throw ErrnoException
+///   pam->rxPort();                                            // the bound local port, never 0 now
+///   pam->txSrcIpAddrIs(..); pam->txDstIpAddrIs(..); pam->txPortIs(..); pam->txTosIs(..);
+///   pam->txPktIs(pkt);
+///   pam->modeIs(UdpPam::outOfService);                         // closes; so does the destructor
+class TARN_API UdpPam : public Entity {
+ public:
+  enum Mode : uint8_t { outOfService = 0, inService = 1 };
+  /// The octets of a packet that its owner may write again once `txPktIs` returned.
+  static constexpr uint32_t restampLen = 16;
+
+  virtual const std::string& name() const = 0;
+
+  // Settled before the endpoint goes in service; changing one in service takes effect at the next
+  // opening.
+  virtual void netNsIs(const NamespaceName& ns) = 0;  ///< empty: the namespace the agent started in
+  virtual void ipv6EnIs(bool on) = 0;                 ///< one family per endpoint
+  virtual void txPrioIs(uint8_t prio) = 0;            ///< the kernel's traffic-control priority
+  virtual void rxIpAddrIs(IpAddr addr) = 0;           ///< local address; zero: any
+  virtual void rxIp6AddrIs(const Ip6Addr& addr) = 0;
+  virtual void rxPortIs(uint16_t port) = 0;  ///< local port; zero: the kernel chooses
+
+  /// In service: opens and binds the socket in the namespace; throws ErrnoException when refused
+  /// (ENOENT: no such namespace; EMFILE; EACCES; EADDRINUSE; EADDRNOTAVAIL) and stays out of
+  /// service. Out of service: sends what is queued if the socket takes it at once, then closes.
+  virtual void modeIs(Mode mode) = 0;
+  virtual Mode mode() const = 0;
+  virtual uint8_t txPrio() const = 0;
+  virtual uint16_t rxPort() const = 0;  ///< the bound port; out of service what `rxPortIs` said
+  virtual int fd() const = 0;           ///< -1 when out of service
+
+  // The next datagram's addressing; each stays until it is set again.
+  virtual void txSrcIpAddrIs(IpAddr addr) = 0;
+  virtual void txSrcIp6AddrIs(const Ip6Addr& addr) = 0;
+  virtual void txDstIpAddrIs(IpAddr addr) = 0;
+  virtual void txDstIp6AddrIs(const Ip6Addr& addr) = 0;
+  virtual void txPortIs(uint16_t port) = 0;
+  virtual void txTosIs(uint8_t tos) = 0;  ///< IPv4 TOS or IPv6 traffic class
+
+  /// Takes the datagram over with the addressing of this moment and returns at once: copies the
+  /// first `restampLen` octets and shares the rest, which must not change any more. It leaves in
+  /// the order of the calls, at the latest when the current task or handler of the agent's loop
+  /// is over. A socket without room keeps it queued (bounded); any other refusal drops and counts
+  /// it. Never throws, never blocks. Out of service: dropped and counted (EBADF).
+  virtual void txPktIs(const Ptr<Pkt>& pkt) = 0;
+
+  virtual const UdpPamCounters& counters() const = 0;
+};
+
+}  // namespace platform

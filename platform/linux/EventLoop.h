@@ -1,0 +1,49 @@
+#pragma once
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "platform/TaskScheduler.h"
+
+namespace platform {
+
+/// The agent's one thread: epoll for descriptors, a timerfd on the monotonic clock for tasks.
+///
+///   auto loop = eventLoopFactory();
+///   auto watch = loop->fdWatch(fd, EPOLLIN, [](uint32_t events) { ... });
+///   loop->run();                       // until stop()
+///
+/// One round: wait for descriptors or the next due task, run the handlers of the ready
+/// descriptors, then the tasks that were due when the round began; after each handler and each
+/// task run the end-of-task hooks that were asked for inside it.
+class EventLoop : public TaskSchedulerRoot {
+ public:
+  /// A descriptor under watch; destroying it ends the watch (also from inside its handler) and
+  /// leaves the descriptor open.
+  class FdWatch {
+   public:
+    virtual ~FdWatch() = default;
+    /// EPOLLIN, EPOLLOUT or both; 0 keeps the watch but hears errors only.
+    virtual void eventsIs(uint32_t events) = 0;
+  };
+
+  /// Throws ErrnoException when epoll refuses the descriptor.
+  virtual std::unique_ptr<FdWatch> fdWatch(int fd, uint32_t events,
+                                           std::function<void(uint32_t events)> handler) = 0;
+  /// Runs `hook` once, when the handler or task under way is over; outside the loop, at the start
+  /// of its next round. Endpoints send there what gathered. A hook must not throw; its owner must
+  /// outlive it or clear what it refers to.
+  virtual void atEndOfTask(std::function<void()> hook) = 0;
+
+  /// Runs rounds until `stop`. Returns at once when `stop` was called before.
+  virtual void run() = 0;
+  /// Runs one round, waiting at most `maxWait` for something to do.
+  virtual void runOnce(Seconds maxWait) = 0;
+  virtual void stop() = 0;
+};
+
+/// Throws ErrnoException when the kernel has no descriptor left.
+Ptr<EventLoop> eventLoopFactory();
+
+}  // namespace platform
