@@ -81,6 +81,7 @@ AttrRows FtStatus::attrRows() const {
       mapRow<static_cast<TemplateMap>(&FtStatus::templateStatus)>("templateStatus"),
       row<&FtStatus::activeInterval, &FtStatus::activeIntervalIs>("activeInterval"),
       row<&FtStatus::inactiveTimeout, &FtStatus::inactiveTimeoutIs>("inactiveTimeout"),
+      row<&FtStatus::sampleRate, &FtStatus::sampleRateIs>("sampleRate"),
   };
   return rows;
 }

@@ -223,6 +223,7 @@ class TARN_API FtStatus final : public Entity {
     virtual void handleTemplateStatus(FlowTracking::TemplateId /*templateId*/) {}
     virtual void handleActiveInterval() {}
     virtual void handleInactiveTimeout() {}
+    virtual void handleSampleRate() {}
   };
   explicit FtStatus(std::string name) : name_(std::move(name)) {}
   const std::string& name() const { return name_; }
@@ -244,6 +245,9 @@ class TARN_API FtStatus final : public Entity {
   void activeIntervalIs(Seconds v) { set(activeInterval_, v, &Watcher::handleActiveInterval); }
   Seconds inactiveTimeout() const { return inactiveTimeout_; }
   void inactiveTimeoutIs(Seconds v) { set(inactiveTimeout_, v, &Watcher::handleInactiveTimeout); }
+  /// One packet out of this many is sampled; 0: the rate of `Status` holds for this tracker too.
+  uint32_t sampleRate() const { return sampleRate_; }
+  void sampleRateIs(uint32_t v) { set(sampleRate_, v, &Watcher::handleSampleRate); }
 
   AttrRows attrRows() const override;
 
@@ -252,6 +256,7 @@ class TARN_API FtStatus final : public Entity {
   std::map<FlowTracking::TemplateId, Ptr<TemplateStatus>> templateStatus_;
   Seconds activeInterval_{0};
   Seconds inactiveTimeout_{0};
+  uint32_t sampleRate_ = 0;
 };
 TARN_API Ptr<FtStatus> ftStatusFactory(const std::string& name);
 
@@ -272,7 +277,7 @@ class TARN_API Status final : public Entity {
   }
   void ftStatusDel(const std::string& name) { del(ftStatus_, name, &Watcher::handleFtStatus); }
   void ftStatusDelAll() { delAll(ftStatus_, &Watcher::handleFtStatus); }
-  /// One packet out of this many is sampled.
+  /// One packet out of this many is sampled, where the tracker's own status says no other.
   uint32_t sampleRate() const { return sampleRate_; }
   void sampleRateIs(uint32_t v) { set(sampleRate_, v, &Watcher::handleSampleRate); }
 
