@@ -137,6 +137,16 @@ class TARN_API Entity {
     for (const auto& entry : map) keys.push_back(entry.first);
     for (const auto& key : keys) del(map, key, handler);
   }
+  /// Removes children that nobody watches as a collection. What a destructor notifies finds them
+  /// out of the map already; `key` may be the map's own.
+  template <class Map>
+  static void drop(Map& map, const typename Map::key_type& key) {
+    const auto old = map.extract(key);
+  }
+  template <class Map>
+  static void dropAll(Map& map) {
+    const Map old = std::exchange(map, {});
+  }
   /// The entry's value, or a default one (null for a pointer).
   template <class Map>
   static typename Map::mapped_type find(const Map& map, const typename Map::key_type& key) {

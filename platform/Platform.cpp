@@ -22,6 +22,16 @@ Platform& Platform::current() {
 
 TraceSink& traceSink() { return Platform::current().trace(); }
 
+std::ostream& operator<<(std::ostream& out, const HexDump& dump) {
+  static constexpr char digits[] = "0123456789abcdef";
+  for (size_t i = 0; i < dump.octets.size(); ++i) {
+    if (i % 16 == 0)
+      out << '\n' << digits[i >> 12 & 15] << digits[i >> 8 & 15] << digits[i >> 4 & 15] << "0: ";
+    out << digits[dump.octets[i] >> 4] << digits[dump.octets[i] & 15] << ' ';
+  }
+  return out;
+}
+
 std::string logText(const LogMessage& message, std::span<const std::string> args) {
   std::string out;
   std::string_view rest = message.format;

@@ -1,4 +1,7 @@
 #pragma once
+#include <cstdint>
+#include <ostream>
+#include <span>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -24,6 +27,12 @@ inline constexpr int packet = 8;
 
 /// The sink of the installed platform.
 TARN_API TraceSink& traceSink();
+
+/// Streams octets as hexadecimal, 16 to a line behind their offset.
+struct HexDump {
+  std::span<const uint8_t> octets;
+};
+TARN_API std::ostream& operator<<(std::ostream& out, const HexDump& dump);
 
 /// Writes one line made of its arguments; they are only formatted when the level is enabled.
 template <class... A>

@@ -1,0 +1,278 @@
+#pragma once
+#include <array>
+#include <compare>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+#include "platform/Entity.h"
+#include "platform/Ip.h"
+#include "platform/IpfixTypes.h"
+#include "platform/SharedTable.h"
+
+/// What was exported, per (tracker, exporter, collector), in a table that other processes read.
+/// The records are plain octets of fixed size: the struct is the layout in shared memory, host
+/// byte order, every padding octet zero. docs/shared-memory.md describes it for readers in other
+/// languages; a change of it is a new layout version there.
+namespace Tarn::Ipfix {
+
+/// Index into a name's storage, 0..127; a value outside raises std::range_error.
+class TARN_API StringIndex {
+ public:
+  static constexpr unsigned min() { return 0; }
+  static constexpr unsigned max() { return 127; }
+  explicit StringIndex(unsigned value) : value_(static_cast<uint8_t>(value)) {
+    if (value > max())
+      throw std::range_error(
+          "StringIndex::value < StringIndex::min or > StringIndex::max not allowed");
+  }
+  uint8_t value() const { return value_; }
+  StringIndex operator+(StringIndex n) const {
+    return StringIndex(static_cast<uint8_t>(value_ + n.value_));
+  }
+  auto operator<=>(const StringIndex&) const = default;
+
+ private:
+  uint8_t value_;
+};
+
+/// Index of a per-set slot, 0..19; a value outside raises std::range_error.
+class TARN_API SetIndex {
+ public:
+  static constexpr unsigned min() { return 0; }
+  static constexpr unsigned max() { return 19; }
+  static constexpr uint8_t none = 255;
+  explicit SetIndex(unsigned value) : value_(static_cast<uint8_t>(value)) {
+    if (value > max())
+      throw std::range_error("SetIndex::value < SetIndex::min or > SetIndex::max not allowed");
+  }
+  uint8_t value() const { return value_; }
+  SetIndex operator+(SetIndex n) const { return SetIndex(static_cast<uint8_t>(value_ + n.value_)); }
+  auto operator<=>(const SetIndex&) const = default;
+
+ private:
+  uint8_t value_;
+};
+
+/// A set id that messages may carry: 2, 3 or above 255; any other asserts.
+class TARN_API SetId {
+ public:
+  explicit SetId(uint16_t value);
+  uint16_t value() const { return value_; }
+  auto operator<=>(const SetId&) const = default;
+
+ private:
+  uint16_t value_;
+};
+
+/// A collector's transport address.
+class TARN_API CollectorInfo {
+ public:
+  CollectorInfo() = default;
+  CollectorInfo(const IpGenAddr& addr, uint16_t port);
+  static CollectorInfo fromIpAndPort(const IpAndPort& a) { return {a.addr, a.port}; }
+  static CollectorInfo fromIp6AndPort(const Ip6AndPort& a) { return {a.addr, a.port}; }
+
+  IpGenAddr addr() const;
+  uint16_t port() const { return port_; }
+  /// 10.0.0.1:4739 or [2001:db8::1]:4739
+  std::string stringValue() const;
+  std::string strep() const;  ///< the "Value(...)" form
+  bool operator==(const CollectorInfo&) const = default;
+  /// By family and address, then port.
+  std::strong_ordering operator<=>(const CollectorInfo& o) const;
+
+ private:
+  uint8_t family_ = 0;  // 4, 6, or 0 for none
+  uint8_t pad_ = 0;
+  uint16_t port_ = 0;
+  std::array<uint8_t, 16> addr_{};  // network order; IPv4 in the first four octets
+};
+static_assert(sizeof(CollectorInfo) == 20);
+
+/// The table's key. Names hold at most 128 octets; a longer one asserts.
+class TARN_API CollectorStatisticsKey {
+ public:
+  static constexpr size_t nameMax = StringIndex::max() + 1;
+  using Storage = std::array<uint8_t, nameMax>;
+
+  CollectorStatisticsKey() = default;
+  CollectorStatisticsKey(std::string_view tracker, std::string_view exporter,
+                         const CollectorInfo& collector)
+      : collector_(collector) {
+    trackerIs(tracker);
+    exporterIs(exporter);
+  }
+  const CollectorInfo& collector() const { return collector_; }
+  void collectorIs(const CollectorInfo& c) { collector_ = c; }
+  std::string_view tracker() const { return text(trackerStorage_, trackerLen_); }
+  void trackerIs(std::string_view name) { store(trackerStorage_, trackerLen_, name); }
+  std::string_view exporter() const { return text(exporterStorage_, exporterLen_); }
+  void exporterIs(std::string_view name) { store(exporterStorage_, exporterLen_, name); }
+
+  /// Single octets. Writing behind the end lengthens the name, the gap filled with zeros; deleting
+  /// zeroes the octet, and shortens the name when it was the last.
+  void trackerStorageIs(StringIndex i, uint8_t c) { put(trackerStorage_, trackerLen_, i, c); }
+  void trackerStorageDel(StringIndex i) { del(trackerStorage_, trackerLen_, i); }
+  void trackerStorageDelAll() { trackerIs({}); }
+  void exporterStorageIs(StringIndex i, uint8_t c) { put(exporterStorage_, exporterLen_, i, c); }
+  void exporterStorageDel(StringIndex i) { del(exporterStorage_, exporterLen_, i); }
+  void exporterStorageDelAll() { exporterIs({}); }
+
+  /// The lengths are within bounds, as in every key that was not read from foreign memory.
+  bool valid() const { return trackerLen_ <= nameMax && exporterLen_ <= nameMax; }
+  bool operator==(const CollectorStatisticsKey&) const = default;
+  /// By tracker, exporter, collector.
+  std::strong_ordering operator<=>(const CollectorStatisticsKey& o) const;
+
+  std::string stringValue() const;  ///< "<tracker> <exporter> <collector>"
+  std::string strep() const;        ///< the "Value(...)" form, which has no parser: asserts
+  [[noreturn]] static CollectorStatisticsKey fromStrep(std::string_view text);
+
+ private:
+  static std::string_view text(const Storage& s, uint32_t len) {
+    return {reinterpret_cast<const char*>(s.data()), len};
+  }
+  static void store(Storage& s, uint32_t& len, std::string_view name);
+  static void put(Storage& s, uint32_t& len, StringIndex i, uint8_t c);
+  static void del(Storage& s, uint32_t& len, StringIndex i);
+
+  CollectorInfo collector_;
+  uint32_t trackerLen_ = 0;
+  uint32_t exporterLen_ = 0;
+  Storage trackerStorage_{};  // zero behind the name: equal keys are equal octets
+  Storage exporterStorage_{};
+};
+static_assert(sizeof(CollectorStatisticsKey) == 284);
+
+/// Counters of one set id; set id 0 marks a free slot.
+struct TARN_API CollectorSetStatisticsEntry {
+  uint16_t setId = 0;
+  std::array<uint8_t, 6> pad{};
+  uint64_t exportedFlowRecordCount = 0;
+  uint64_t exportedTemplateCount = 0;
+  bool operator==(const CollectorSetStatisticsEntry&) const = default;
+  std::string strep() const;
+};
+static_assert(sizeof(CollectorSetStatisticsEntry) == 24);
+
+/// The table's value. Times are UTC seconds, 0 for never; counters only grow until cleared.
+class TARN_API CollectorStatisticsEntry {
+ public:
+  static constexpr size_t slots = SetIndex::max() + 1;
+
+  CollectorStatisticsEntry() = default;
+  explicit CollectorStatisticsEntry(const CollectorStatisticsKey& key) : key_(key) {}
+  /// An entry from a record of the table; nothing when its length or a count in it is impossible.
+  static std::optional<CollectorStatisticsEntry> fromOctets(SharedTable::Octets octets);
+
+  const CollectorStatisticsKey& key() const { return key_; }
+  uint64_t exportedMessageTotalCount() const { return messages_; }
+  void exportedMessageTotalCountIs(uint64_t v) { messages_ = v; }
+  void exportedMessageTotalCountInc(uint64_t n) { messages_ += n; }
+  uint64_t exportedFlowRecordTotalCount() const { return records_; }
+  void exportedFlowRecordTotalCountIs(uint64_t v) { records_ = v; }
+  void exportedFlowRecordTotalCountInc(uint64_t n) { records_ += n; }
+  uint64_t exportedOctetTotalCount() const { return octets_; }
+  void exportedOctetTotalCountIs(uint64_t v) { octets_ = v; }
+  void exportedOctetTotalCountInc(uint64_t n) { octets_ += n; }
+  double lastSentTime() const { return lastSent_; }
+  void lastSentTimeIs(double t) { lastSent_ = t; }
+  double lastTemplateSentTime() const { return lastTemplateSent_; }
+  void lastTemplateSentTimeIs(double t) { lastTemplateSent_ = t; }
+  double lastDataRecordSentTime() const { return lastDataRecordSent_; }
+  void lastDataRecordSentTimeIs(double t) { lastDataRecordSent_ = t; }
+  double lastOptionsDataSentTime() const { return lastOptionsDataSent_; }
+  void lastOptionsDataSentTimeIs(double t) { lastOptionsDataSent_ = t; }
+  double lastClearedTime() const { return lastCleared_; }
+  void lastClearedTimeIs(double t) { lastCleared_ = t; }
+  uint8_t nextIdx() const { return nextIdx_; }  ///< the slot freed last; 255: none
+  void nextIdxIs(uint8_t v) { nextIdx_ = v; }
+  uint32_t setEntryCount() const { return used_; }  ///< slots in use, freed ones among them
+
+  /// The slot that holds the id, or SetIndex::none.
+  uint8_t indexForSetId(SetId id) const;
+  /// The slot that holds the id or would; raises std::range_error when 20 other ids have one.
+  SetIndex maybeNewIndexForSetId(SetId id) const;
+  /// There is a slot for the id: `setEntryIs` would not raise.
+  bool hasRoomFor(SetId id) const;
+  /// The id's counters, or an all-zero entry.
+  CollectorSetStatisticsEntry setEntry(SetId id) const;
+  void setEntryIs(const CollectorSetStatisticsEntry& e);
+  /// Removes and returns them; an all-zero entry when there were none.
+  CollectorSetStatisticsEntry setEntryDel(SetId id);
+  const CollectorSetStatisticsEntry& setEntryStorage(SetIndex i) const {
+    return setEntryStorage_[i.value()];
+  }
+  void setEntryStorageIs(SetIndex i, const CollectorSetStatisticsEntry& e);
+  void setEntryStorageDel(SetIndex i) { setEntryStorage_[i.value()] = {}; }
+  void setEntryStorageDelAll();
+
+  /// All counters 0 and `lastClearedTime` now; set ids keep their slots.
+  void clear(double now);
+
+  /// One line for people; `now` is what ages count from.
+  std::string readable(double now) const;
+  std::string strep() const;  ///< the "Value(...)" form, which has no parser: asserts
+  [[noreturn]] static CollectorStatisticsEntry fromStrep(std::string_view text);
+  bool operator==(const CollectorStatisticsEntry&) const = default;
+
+ private:
+  CollectorStatisticsKey key_;
+  uint32_t pad0_ = 0;
+  uint64_t messages_ = 0;
+  uint64_t records_ = 0;
+  uint64_t octets_ = 0;
+  double lastSent_ = 0;
+  double lastTemplateSent_ = 0;
+  double lastDataRecordSent_ = 0;
+  double lastOptionsDataSent_ = 0;
+  double lastCleared_ = 0;
+  uint8_t nextIdx_ = SetIndex::none;
+  std::array<uint8_t, 3> pad1_{};
+  uint32_t used_ = 0;
+  std::array<CollectorSetStatisticsEntry, slots> setEntryStorage_{};
+};
+static_assert(sizeof(CollectorStatisticsEntry) == 840);
+static_assert(std::is_trivially_copyable_v<CollectorStatisticsEntry>);
+
+/// The statistics table, as the library's writers use it.
+class TARN_API CollectorStatistics final : public Entity {
+ public:
+  static constexpr size_t keyLen = sizeof(CollectorStatisticsKey);
+  static constexpr size_t valueLen = sizeof(CollectorStatisticsEntry);
+
+  class TARN_API Watcher : public EntityWatcher<CollectorStatistics> {
+   public:
+    using EntityWatcher::EntityWatcher;
+    virtual void handleStats(const CollectorStatisticsKey& /*key*/) {}
+  };
+
+  /// `table` has the key and value lengths above (asserted).
+  explicit CollectorStatistics(Ptr<SharedTable> table);
+
+  std::optional<CollectorStatisticsEntry> stats(const CollectorStatisticsKey& key) const;
+  /// Inserts or replaces. A full table is traced once and the entry is not counted: export goes on.
+  void statsIs(const CollectorStatisticsEntry& entry);
+  void statsDel(const CollectorStatisticsKey& key);
+  void statsDelAll();
+  size_t size() const { return table_->size(); }
+
+ private:
+  Ptr<SharedTable> table_;
+  bool fullTraced_ = false;
+};
+TARN_API Ptr<CollectorStatistics> collectorStatisticsFactory(Ptr<SharedTable> table);
+
+}  // namespace Tarn::Ipfix
+
+template <>
+struct std::hash<Tarn::Ipfix::CollectorStatisticsKey> {
+  size_t operator()(const Tarn::Ipfix::CollectorStatisticsKey& k) const noexcept {
+    return std::hash<std::string_view>{}({reinterpret_cast<const char*>(&k), sizeof k});
+  }
+};

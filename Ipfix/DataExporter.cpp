@@ -1,0 +1,55 @@
+#include "Ipfix/DataExporter.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+#include "platform/Assert.h"
+
+namespace FlowTracking {
+
+Ptr<DataRecord> DataRecord::make(std::string_view data) {
+  TARN_ASSERT(data.size() < UINT32_MAX / 2);
+  // At least a pointer's room, for a record that is appended to later.
+  const auto capacity = static_cast<uint32_t>(std::max(data.size(), sizeof(uint8_t*)));
+  void* block = ::operator new(sizeof(DataRecord) + capacity);
+  auto* record = new (block) DataRecord(capacity);
+  if (!data.empty()) std::memcpy(record->inlineArea(), data.data(), data.size());
+  record->len_ = static_cast<uint32_t>(data.size());
+  return Ptr<DataRecord>::adopt(record);
+}
+Ptr<DataRecord> dataRecordFactory(std::string_view data) { return DataRecord::make(data); }
+
+uint8_t* DataRecord::inlineArea() const {
+  return reinterpret_cast<uint8_t*>(const_cast<DataRecord*>(this) + 1);
+}
+uint8_t* DataRecord::octets() const {
+  uint8_t* area = inlineArea();
+  if (moved_) std::memcpy(&area, area, sizeof area);
+  return area;
+}
+
+void DataRecord::append(const unsigned char* bytes, unsigned int n) {
+  if (n == 0) return;
+  TARN_ASSERT(n < UINT32_MAX / 4 && len_ < UINT32_MAX / 4);
+  const uint32_t needed = len_ + n;
+  if (needed > capacity_) {
+    const uint32_t capacity = std::max(needed, 2 * len_);
+    auto* larger = new uint8_t[capacity];
+    std::memcpy(larger, octets(), len_);
+    if (moved_) delete[] octets();
+    std::memcpy(inlineArea(), &larger, sizeof larger);
+    moved_ = 1;
+    capacity_ = capacity;
+  }
+  std::memcpy(octets() + len_, bytes, n);
+  len_ = needed;
+}
+
+void DataRecord::destroy() const noexcept {
+  if (moved_) delete[] octets();
+  this->~DataRecord();
+  ::operator delete(const_cast<DataRecord*>(this));
+}
+
+}  // namespace FlowTracking

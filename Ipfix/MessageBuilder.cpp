@@ -1,0 +1,104 @@
+#include "Ipfix/MessageBuilder.h"
+
+#include "platform/Platform.h"
+
+namespace FlowTracking {
+
+using ::Ipfix::IpfixConst;
+
+Ptr<Pkt> Message::pkt(uint32_t seqNo) {
+  msgHdr_.exportTimeIs(Platform::current().clock().nowU32());
+  msgHdr_.seqNoIs(seqNo);
+  return pktHolder_p();
+}
+Ptr<Message> messageFactory(Ptr<Pkt> pkt) {
+  return Ptr<Message>::adopt(new Message(std::move(pkt)));
+}
+
+void MessageBuilder::startMsg() {
+  TARN_ASSERT(!pkt());
+  TARN_ASSERT(offset() == 0);
+  pkt_ = Platform::current().newPkt(maxSize_);
+  pktBufSize_ = pkt_->bufSize();
+  pkt_->dataWholeIs();
+  msgHdr_ = messageFactory(pkt_);
+  offsetIs(IpfixConst::messageHeaderLen());  // written by finalizeMsg
+}
+
+uint32_t MessageBuilder::addSetRecordBytes(MessageBuilder* builder, TemplateId templateId,
+                                           const char* bytes, size_t len) {
+  TARN_ASSERT(builder->pkt());
+  TARN_ASSERT(len < UINT16_MAX);
+  const auto n = static_cast<uint32_t>(len);
+  const bool sameSet = builder->setHdr_ && builder->setId_ == templateId;
+  const uint32_t needed = sameSet ? n : (n + IpfixConst::setHeaderLen()) & UINT16_MAX;
+  if (builder->offset_ + needed > builder->maxSize_) return 0;
+
+  builder->recordCountInc(1);
+  if (!sameSet) {
+    if (builder->setHdr_) builder->finalizeSet_p();
+    builder->startSet_p(templateId);
+  }
+  TARN_ASSERT_AS(builder->offset() + n <= builder->pktBufSize(),
+                 "builder->offset() + bytes <= builder->pktBufSize()");
+  std::memcpy(builder->pkt_->at(builder->offset_, n), bytes, n);
+  builder->offsetInc(n);
+  builder->setLenInc(static_cast<uint16_t>(n));
+  return n;
+}
+
+void MessageBuilder::startSet_p(TemplateId templateId) {
+  TARN_ASSERT(pkt());
+  TARN_ASSERT(!setHdr());
+  setHdr_.emplace(pkt_, offset_);
+  setHdr_->setIdIs(templateId);
+  setId_ = templateId;
+  setLenIs(IpfixConst::setHeaderLen());
+  offsetInc(IpfixConst::setHeaderLen());
+}
+void MessageBuilder::finalizeSet_p() {
+  TARN_ASSERT(pkt());
+  TARN_ASSERT(setHdr());
+  setHdr_->lengthIs(setLen_);
+  setLenIs(0);
+  setHdr_.reset();
+}
+
+Ptr<Message> MessageBuilder::finalizeMsg() {
+  if (setHdr_) finalizeSet_p();
+  TARN_ASSERT(pkt());
+  TARN_ASSERT(offset() > IpfixConst::messageHeaderLen());
+  const uint32_t msgLen = offset();
+  offsetIs(0);
+  MessageHeader& hdr = msgHdr_->msgHdr();
+  hdr.versionIs(IpfixConst::version());
+  hdr.lengthIs(static_cast<uint16_t>(msgLen));
+  hdr.exportTimeIs(0);
+  hdr.seqNoIs(0);
+  hdr.observationDomainIdIs(observationDomainId_);
+  msgHdr_->recordCountIs(recordCount_);
+  recordCountIs(0);
+  const Ptr<Message> message = std::move(msgHdr_);
+  const Ptr<Pkt> _pkt = std::move(pkt_);
+  TARN_ASSERT(msgLen <= pktBufSize());
+  _pkt->dataTailDec(_pkt->bytes() - msgLen);
+  TARN_ASSERT(_pkt->bytes() == msgLen);
+  return message;
+}
+
+AttrRows MessageBuilder::attrRows() const {
+  using B = MessageBuilder;
+  static constexpr AttrRow rows[] = {
+      row<&B::maxSize>("maxSize"),         row<&B::observationDomainId>("observationDomainId"),
+      row<&B::pktBufSize>("pktBufSize"),   row<&B::offset>("offset"),
+      row<&B::setLen>("setLen"),           row<&B::setId>("setId"),
+      row<&B::recordCount>("recordCount"),
+  };
+  return rows;
+}
+Ptr<MessageBuilder> messageBuilderFactory(unsigned short maxSize,
+                                          unsigned int observationDomainId) {
+  return Ptr<MessageBuilder>::adopt(new MessageBuilder(maxSize, observationDomainId));
+}
+
+}  // namespace FlowTracking
