@@ -146,7 +146,8 @@ ExporterInfoSm::ExporterInfoSm(FlowTrackingType ftrType, const std::string& ftNa
   handleInitialized();
 }
 ExporterInfoSm::~ExporterInfoSm() {
-  hwExpConfigSm_.reset();
+  hwExpConfigSm_.reset();  // no handler may run on what is going away
+  expInfoSm_.reset();
   handleDestroyed();
 }
 
@@ -191,12 +192,14 @@ void ExporterInfoSm::handleCollector6() {
 }
 
 void ExporterInfoSm::handlePam4Management() {
+  const Ptr<ExporterInfoSm> hold(this);  // who hears of this may delete the exporter
   deletePam4();
   if (hwExpConfig_->srcIpAddr().isZero()) return;
   handleCollector4();
   createPam4();
 }
 void ExporterInfoSm::handlePam6Management() {
+  const Ptr<ExporterInfoSm> hold(this);
   deletePam6();
   if (hwExpConfig_->srcIp6Addr().isZero()) return;
   handleCollector6();
@@ -250,6 +253,7 @@ void ExporterInfoSm::retryPams_p() {
 }
 
 void ExporterInfoSm::handlePam() {
+  const Ptr<ExporterInfoSm> hold(this);
   trace(TraceLevel::detail, "ExporterInfoSm::", "handlePam", " for ", traceId_,
         " exporter4Resolved: ", !hwExpConfig_->srcIpAddr().isZero(),
         ", rxPort4: ", expInfo_->rxPort4(), ", pam4 exists: ", bool{expInfo_->udpPam4()},
