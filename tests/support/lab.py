@@ -1,0 +1,213 @@
+"""Processes, namespaces and links of a system test, and waiting with a deadline."""
+
+import ctypes
+import json
+import os
+import re
+import signal
+import socket
+import subprocess
+import time
+
+BUILD = os.environ.get("TARN_BUILD_DIR", "")
+# Everything is given more time where programs run under a slow tool.
+SLOW = float(os.environ.get("TARN_SLOW", "1"))
+# What tarnflowd is run under, for instance valgrind with its options.
+AGENT_WRAP = os.environ.get("TARN_AGENT_WRAP", "").split()
+
+
+def wait_for(what, condition, seconds=5.0):
+    """Polls until `condition()` is true and returns its value; fails by name at the deadline."""
+    deadline = time.monotonic() + seconds * SLOW
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            raise AssertionError(f"not within {seconds * SLOW:g} s: {what}")
+        time.sleep(0.01)
+
+
+def run(*argv, ns=None, check=True):
+    """Runs a command to its end, in namespace `ns`, and returns its standard output."""
+    argv = [str(a) for a in argv]
+    if ns:
+        argv = ["ip", "netns", "exec", ns, *argv]
+    done = subprocess.run(argv, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    if check and done.returncode:
+        raise AssertionError(f"{' '.join(argv)}: exit {done.returncode}: {done.stderr}")
+    return done.stdout
+
+
+class Program:
+    """A running program with its output in files."""
+
+    def __init__(self, lab, name, argv, ns=None, env=None):
+        self.name = name
+        argv = [str(a) for a in argv]
+        if ns:
+            argv = ["ip", "netns", "exec", ns, *argv]
+        self._out = lab.path(f"{name}.out")
+        self._err = lab.path(f"{name}.err")
+        with open(self._out, "wb") as out, open(self._err, "wb") as err:
+            self.process = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=out, stderr=err,
+                                            env={**os.environ, **(env or {})})
+        self.pid = self.process.pid
+        self.started = time.monotonic()
+
+    def out(self):
+        return self._out.read_text(errors="backslashreplace")
+
+    def err(self):
+        return self._err.read_text(errors="backslashreplace")
+
+    def log(self):
+        return self.out() + self.err()
+
+    def running(self):
+        return self.process.poll() is None
+
+    def wait_log(self, pattern, seconds=5.0):
+        """Waits until a line of the output matches; the program must still run."""
+        def found():
+            match = re.search(pattern, self.log(), re.M)
+            if not match and not self.running():
+                raise AssertionError(f"{self.name} ended ({self.process.returncode}) before it "
+                                     f"said /{pattern}/:\n{self.log()}")
+            return match
+        return wait_for(f"{self.name} says /{pattern}/", found, seconds)
+
+    def wait_exit(self, seconds=5.0):
+        wait_for(f"{self.name} ends", lambda: not self.running(), seconds)
+        return self.process.returncode
+
+    def stop(self, sig=signal.SIGTERM, seconds=5.0):
+        """Sends a signal and returns the exit code; negative when a signal ended it."""
+        if self.running():
+            self.process.send_signal(sig)
+        return self.wait_exit(seconds)
+
+
+class Lab:
+    """What one test made, to be taken away when it is over."""
+
+    def __init__(self, directory):
+        self.directory = directory
+        self.programs = []
+        self.namespaces = []
+        self.links = []
+        self._files = {}
+
+    def path(self, name):
+        """A file of this test; the same name again gives a numbered one."""
+        n = self._files[name] = self._files.get(name, 0) + 1
+        stem, dot, suffix = name.partition(".")
+        return self.directory / (name if n == 1 else f"{stem}{n}{dot}{suffix}")
+
+    def start(self, name, *argv, ns=None, env=None):
+        program = Program(self, name, argv, ns, env)
+        self.programs.append(program)
+        return program
+
+    def namespace(self, name):
+        run("ip", "netns", "add", name)
+        self.namespaces.append(name)
+        run("ip", "link", "set", "lo", "up", ns=name)
+        return name
+
+    def namespace_del(self, name):
+        run("ip", "netns", "del", name)
+        self.namespaces.remove(name)
+
+    def veth(self, end, peer, peer_ns, ns=None):
+        """A cable from `end` (in `ns`) to `peer` in `peer_ns`, both up."""
+        run("ip", "link", "add", end, "type", "veth", "peer", "name", peer, "netns", peer_ns, ns=ns)
+        if not ns:
+            self.links.append(end)
+        run("ip", "link", "set", end, "up", ns=ns)
+        run("ip", "link", "set", peer, "up", ns=peer_ns)
+
+    def address(self, device, *prefixes, ns=None, verb="add"):
+        """Adds or removes addresses; IPv6 ones are usable at once (no duplicate detection)."""
+        for prefix in prefixes:
+            nodad = ["nodad"] if ":" in prefix and verb == "add" else []
+            run("ip", "address", verb, prefix, "dev", device, *nodad, ns=ns)
+
+    def close(self):
+        for program in reversed(self.programs):
+            if program.running():
+                program.process.kill()
+                program.process.wait()
+        for link in self.links:
+            run("ip", "link", "del", link, check=False)
+        for name in self.namespaces:
+            run("ip", "netns", "del", name, check=False)
+
+    def report(self):
+        """Everything the programs said, for a failed test."""
+        return "\n".join(f"---- {p.name} (exit {p.process.poll()}) ----\n{p.log()}"
+                         for p in self.programs)
+
+
+class Notify:
+    """The service manager's end of the readiness protocol (sd_notify(3))."""
+
+    def __init__(self, path):
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK)
+        self.socket.bind(str(path))
+        self.path = str(path)
+        self.heard = []
+
+    def lines(self):
+        while True:
+            try:
+                self.heard += self.socket.recv(4096).decode().splitlines()
+            except BlockingIOError:
+                return self.heard
+
+
+_libc = ctypes.CDLL(None, use_errno=True)
+
+
+class inside:
+    """The calling thread is in namespace `ns` meanwhile (None: stays)."""
+
+    def __init__(self, ns):
+        self.ns = ns
+
+    def __enter__(self):
+        self.home = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
+        if self.ns:
+            there = os.open(f"/run/netns/{self.ns}", os.O_RDONLY)
+            self._enter(there)
+            os.close(there)
+
+    def __exit__(self, *_):
+        self._enter(self.home)
+        os.close(self.home)
+
+    @staticmethod
+    def _enter(fd):
+        if _libc.setns(fd, 0x40000000):  # CLONE_NEWNET
+            raise OSError(ctypes.get_errno(), "setns")
+
+
+def descriptors(pid):
+    """What the process has open: {descriptor: target}."""
+    found = {}
+    for fd in os.listdir(f"/proc/{pid}/fd"):
+        try:
+            found[int(fd)] = os.readlink(f"/proc/{pid}/fd/{fd}")
+        except FileNotFoundError:
+            pass
+    return found
+
+
+def resident_kib(pid):
+    with open(f"/proc/{pid}/status") as status:
+        return int(re.search(r"VmRSS:\s+(\d+)", status.read())[1])
+
+
+def parse_json_lines(text):
+    """The complete lines of a program that prints one JSON value per line."""
+    return [json.loads(line) for line in text.splitlines(True) if line.endswith("\n")]

@@ -1,0 +1,195 @@
+"""What is on the wire: captured by tcpdump, judged by tshark.
+
+The few fields that a test waits for are read from the capture here; everything that a test judges
+goes through tshark, which shares nothing with us.
+"""
+
+import dataclasses
+import ipaddress
+import json
+import re
+import struct
+import subprocess
+
+import lab as lab_module
+from lab import wait_for
+
+PORT = 4739
+
+
+@dataclasses.dataclass(frozen=True)
+class Message:
+    """One captured IPFIX message, by its IP, UDP and message headers."""
+    time: float
+    src: str
+    dst: str
+    src_port: int
+    dst_port: int
+    tos: int
+    length: int
+    export_time: int
+    sequence: int
+    domain: int
+    sets: tuple  # (set id, octets) of each set
+
+
+def _packets(data):
+    """(time, octets) of each whole packet of a pcap file under construction."""
+    if len(data) < 24:
+        return
+    magic, link_type = struct.unpack_from("<I16xI", data)
+    assert magic in (0xA1B2C3D4, 0xA1B23C4D) and link_type == 1, (hex(magic), link_type)
+    fraction = 1e-9 if magic == 0xA1B23C4D else 1e-6
+    at = 24
+    while at + 16 <= len(data):
+        seconds, part, captured = struct.unpack_from("<III", data, at)
+        if at + 16 + captured > len(data):
+            return
+        yield seconds + part * fraction, data[at + 16:at + 16 + captured]
+        at += 16 + captured
+
+
+def _message(time, frame):
+    kind = struct.unpack_from(">H", frame, 12)[0]
+    if kind == 0x0800:
+        tos, udp = frame[15], 14 + (frame[14] & 15) * 4
+        src, dst = frame[26:30], frame[30:34]
+    elif kind == 0x86DD:
+        tos, udp = struct.unpack_from(">H", frame, 14)[0] >> 4 & 0xFF, 54
+        src, dst = frame[22:38], frame[38:54]
+    else:
+        return None
+    src_port, dst_port = struct.unpack_from(">HH", frame, udp)
+    body = frame[udp + 8:]
+    _, length, export_time, sequence, domain = struct.unpack_from(">HHIII", body)
+    sets, at = [], 16
+    while at + 4 <= len(body):
+        set_id, set_len = struct.unpack_from(">HH", body, at)
+        sets.append((set_id, set_len))
+        at += max(set_len, 4)
+    return Message(time, str(ipaddress.ip_address(src)), str(ipaddress.ip_address(dst)), src_port,
+                   dst_port, tos, length, export_time, sequence, domain, tuple(sets))
+
+
+class Capture:
+    """tcpdump on a device of a namespace."""
+
+    def __init__(self, lab, device, ns=None, port=PORT):
+        self.file = lab.path(f"{device}.pcap")
+        self.port = port
+        self.program = lab.start(
+            f"tcpdump-{device}", "tcpdump", "-Z", "root", "-i", device, "-U", "--immediate-mode",
+            "-B", "16384", "--direction=in", "-w", self.file, "udp", "dst", "port", port, ns=ns)
+        self.program.wait_log("listening on")
+
+    def messages(self, **fields):
+        """The messages so far, in order; only those whose fields equal `fields`."""
+        data = self.file.read_bytes() if self.file.exists() else b""
+        found = [m for m in (_message(*p) for p in _packets(data)) if m]
+        return [m for m in found if all(getattr(m, k) == v for k, v in fields.items())]
+
+    def wait(self, count, seconds=5.0, **fields):
+        """Waits for at least `count` such messages."""
+        wait_for(f"{count} messages with {fields}",
+                 lambda: len(self.messages(**fields)) >= count, seconds)
+        return self.messages(**fields)
+
+    def wait_until(self, what, condition, seconds=5.0, **fields):
+        """Waits until `condition` holds for the list of messages."""
+        return wait_for(what, lambda: condition(self.messages(**fields)), seconds)
+
+    def stop(self):
+        self.program.stop()
+        lost = re.search(r"(\d+) packets? dropped by kernel", self.program.err())
+        assert lost and lost[1] == "0", f"the capture itself lost packets: {self.program.err()}"
+
+
+@dataclasses.dataclass(frozen=True)
+class Template:
+    """A template as tshark read it. Fields: (element id, length, enterprise number or 0)."""
+    id: int
+    scope_count: int  # 0: a data template
+    fields: tuple
+    field_count: int  # as the record's header says
+
+
+@dataclasses.dataclass(frozen=True)
+class Decoded:
+    """One packet as tshark read it."""
+    src: str
+    dst: str
+    src_port: int
+    tos: int
+    version: int
+    length: int
+    sequence: int
+    domain: int
+    set_ids: tuple
+    templates: tuple
+
+
+def _walk(node):
+    """Every (key, value) of nested objects, in order."""
+    if isinstance(node, dict):
+        for key, value in node.items():
+            yield key, value
+            yield from _walk(value)
+    elif isinstance(node, list):
+        for value in node:
+            yield from _walk(value)
+
+
+def _template(record):
+    fields, scopes = [], 0
+    for key, field in record.items():
+        if not key.startswith("Field ("):
+            continue
+        scopes += "[Scope]" in key
+        enterprise = field["cflow.template_ipfix_pen_provided"] == "1"
+        element = field["cflow.template_ipfix_field_type" + ("_enterprise" if enterprise else "")]
+        fields.append((int(element), int(field["cflow.template_field_length"]),
+                       int(field["cflow.template_ipfix_field_pen"]) if enterprise else 0))
+    said = record.get("cflow.template_ipfix_total_field_count",
+                      record.get("cflow.template_field_count"))
+    scope_said = int(record.get("cflow.template_ipfix_scope_field_count", 0))
+    assert scope_said == scopes, record
+    return Template(int(record["cflow.template_id"]), scopes, tuple(fields), int(said))
+
+
+def tshark(file, port=PORT):
+    """Decodes a capture. Fails on whatever tshark finds wrong in it: malformed packets, unexpected
+    sequence numbers, unknown templates, octets it could not place, a bad UDP checksum."""
+    layers = "frame ip ipv6 udp cflow _ws.malformed data"
+    text = subprocess.run(
+        ["tshark", "-r", str(file), "-d", f"udp.port=={port},cflow", "-T", "json",
+         "--no-duplicate-keys", "-J", layers], check=True, stdout=subprocess.PIPE,
+        stderr=subprocess.DEVNULL, text=True).stdout
+    decoded = []
+    for number, packet in enumerate(json.loads(text), 1):
+        layer = packet["_source"]["layers"]
+        assert "cflow" in layer, f"packet {number} is not IPFIX: {layer.keys()}"
+        bad = [(k, v) for k, v in _walk(packet["_source"])
+               if "malformed" in k.lower() or k == "_ws.expert.message" or "undecoded" in k.lower()]
+        assert not bad, f"tshark on packet {number}: {bad}"
+        assert layer["frame"]["frame.protocols"].endswith(":udp:cflow"), layer["frame"]
+        cflow = layer["cflow"]
+        ip = layer.get("ip")
+        tos = ip["ip.dsfield"] if ip else layer["ipv6"]["ipv6.tclass"]
+        ip = ip or layer["ipv6"]
+        sets = [v for k, v in cflow.items() if re.match(r"Set \d+ \[", k)]
+        records = [v for one in sets for k, v in one.items()
+                   if re.match(r"(Options )?Template \(", k)]
+        decoded.append(Decoded(
+            ip.get("ip.src", ip.get("ipv6.src")), ip.get("ip.dst", ip.get("ipv6.dst")),
+            int(layer["udp"]["udp.srcport"]), int(tos, 16), int(cflow["cflow.version"]),
+            int(cflow["cflow.len"]), int(cflow["cflow.sequence"]), int(cflow["cflow.od_id"]),
+            tuple(int(one["cflow.flowset_id"]) for one in sets),
+            tuple(_template(r) for r in records)))
+    experts = subprocess.run(
+        ["tshark", "-r", str(file), "-d", f"udp.port=={port},cflow", "-q", "-z", "expert"],
+        check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True).stdout
+    assert "CFLOW" not in experts and "Malformed" not in experts, experts
+    return decoded
+
+
+__all__ = ["PORT", "Capture", "Decoded", "Message", "Template", "lab_module", "tshark"]
