@@ -1,0 +1,449 @@
+#include "platform/linux/UdpPamLinux.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <string.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <deque>
+#include <limits>
+#include <memory>
+
+#include "platform/Assert.h"
+#include "platform/linux/Fd.h"
+#include "platform/linux/Netns.h"
+
+namespace platform {
+namespace {
+
+constexpr size_t batchMax = 64;    // datagrams per system call, and held back before one is made
+constexpr size_t flushMax = 1024;  // datagrams per task or handler once the socket has been full
+constexpr size_t failingMax = 256;
+constexpr TaskPriority taskPriority = 2;  // the library's own
+
+std::string errnoText(int err) {
+  const char* name = ::strerrorname_np(err);
+  const char* text = ::strerrordesc_np(err);
+  return std::string(text ? text : "unknown error") + " (" +
+         (name ? name : std::to_string(err).c_str()) + ')';
+}
+
+struct Destination {
+  IpGenAddr addr;
+  uint16_t port = 0;
+  auto operator<=>(const Destination&) const = default;
+  std::string stringValue() const {
+    return addr.isIpv6() ? Ip6AndPort{addr.ip6Addr(), port}.stringValue()
+                         : IpAndPort{addr.ipAddr(), port}.stringValue();
+  }
+};
+
+struct Datagram {
+  Ptr<Pkt> pkt;
+  uint32_t len;
+  uint8_t tos;
+  std::array<uint8_t, UdpPam::restampLen> head;
+  IpGenAddr src;
+  Destination dst;
+};
+
+/// What sendmmsg is told of one datagram.
+struct TxSlot {
+  void fill(const Datagram& d, mmsghdr& out);
+
+  union {
+    sockaddr_in v4;
+    sockaddr_in6 v6;
+  } to;
+  std::array<iovec, 2> iov;
+  alignas(
+      cmsghdr) std::array<char, CMSG_SPACE(sizeof(in6_pktinfo)) + CMSG_SPACE(sizeof(int))> control;
+};
+
+template <class T>
+void addControl(msghdr& hdr, int level, int type, const T& value) {
+  auto* c = reinterpret_cast<cmsghdr*>(static_cast<char*>(hdr.msg_control) + hdr.msg_controllen);
+  c->cmsg_level = level;
+  c->cmsg_type = type;
+  c->cmsg_len = CMSG_LEN(sizeof value);
+  memcpy(CMSG_DATA(c), &value, sizeof value);
+  hdr.msg_controllen += CMSG_SPACE(sizeof value);
+}
+
+in6_addr octetsOf(const Ip6Addr& a) {
+  in6_addr out{};
+  memcpy(&out, a.octets().data(), sizeof out);
+  return out;
+}
+
+void TxSlot::fill(const Datagram& d, mmsghdr& out) {
+  memset(&to, 0, sizeof to);
+  memset(control.data(), 0, control.size());
+  msghdr& hdr = out.msg_hdr;
+  hdr = {};
+  hdr.msg_name = &to;
+  hdr.msg_control = control.data();
+  if (d.dst.addr.isIpv6()) {
+    to.v6.sin6_family = AF_INET6;
+    to.v6.sin6_port = htons(d.dst.port);
+    to.v6.sin6_addr = octetsOf(d.dst.addr.ip6Addr());
+    hdr.msg_namelen = sizeof to.v6;
+    if (!d.src.ip6Addr().isZero()) {
+      in6_pktinfo info{};
+      info.ipi6_addr = octetsOf(d.src.ip6Addr());
+      addControl(hdr, IPPROTO_IPV6, IPV6_PKTINFO, info);
+    }
+    addControl(hdr, IPPROTO_IPV6, IPV6_TCLASS, static_cast<int>(d.tos));
+  } else {
+    to.v4.sin_family = AF_INET;
+    to.v4.sin_port = htons(d.dst.port);
+    to.v4.sin_addr.s_addr = htonl(d.dst.addr.ipAddr().value());
+    hdr.msg_namelen = sizeof to.v4;
+    if (!d.src.ipAddr().isZero()) {
+      in_pktinfo info{};
+      info.ipi_spec_dst.s_addr = htonl(d.src.ipAddr().value());
+      addControl(hdr, IPPROTO_IP, IP_PKTINFO, info);
+    }
+  }
+  const uint32_t headLen = std::min(d.len, UdpPam::restampLen);
+  TARN_ASSERT_AS(d.pkt->bytes() >= d.len, "a packet under transmission keeps its length");
+  iov[0] = {const_cast<uint8_t*>(d.head.data()), headLen};
+  iov[1] = {const_cast<uint8_t*>(d.pkt->data()) + headLen, d.len - headLen};
+  hdr.msg_iov = iov.data();
+  hdr.msg_iovlen = d.len > headLen ? 2 : 1;
+}
+
+class UdpPamLinux final : public UdpPam {
+ public:
+  UdpPamLinux(const std::string& name, Ptr<EventLoop> loop, TraceSink& trace,
+              const LinuxPlatformOptions& options)
+      : name_(name),
+        loop_(std::move(loop)),
+        trace_(trace),
+        netnsDir_(options.netnsDir),
+        queueMax_(std::max<size_t>(options.endpointQueueMax, 1)),
+        rest_(loop_->taskScheduler()->timerTask(name + "-tx", taskPriority, [this] { flush(); })) {}
+  ~UdpPamLinux() override {
+    close();
+    if (hook_) *hook_ = nullptr;
+  }
+
+  const std::string& name() const override { return name_; }
+  void netNsIs(const NamespaceName& ns) override { netNs_ = ns; }
+  void ipv6EnIs(bool on) override { ipv6En_ = on; }
+  void txPrioIs(uint8_t prio) override { txPrio_ = prio; }
+  void rxIpAddrIs(IpAddr addr) override { rx4_ = addr; }
+  void rxIp6AddrIs(const Ip6Addr& addr) override { rx6_ = addr; }
+  void rxPortIs(uint16_t port) override { rxPort_ = port; }
+  void modeIs(Mode mode) override {
+    if (mode == this->mode()) return;
+    if (mode == inService) {
+      open();
+    } else {
+      close();
+    }
+  }
+  Mode mode() const override { return socket_ ? inService : outOfService; }
+  uint8_t txPrio() const override { return txPrio_; }
+  uint16_t rxPort() const override { return socket_ ? boundPort_ : rxPort_; }
+  int fd() const override { return socket_.get(); }
+
+  void txSrcIpAddrIs(IpAddr addr) override { src4_ = addr; }
+  void txSrcIp6AddrIs(const Ip6Addr& addr) override { src6_ = addr; }
+  void txDstIpAddrIs(IpAddr addr) override { dst4_ = addr; }
+  void txDstIp6AddrIs(const Ip6Addr& addr) override { dst6_ = addr; }
+  void txPortIs(uint16_t port) override { txPort_ = port; }
+  void txTosIs(uint8_t tos) override { tos_ = tos; }
+  void txPktIs(const Ptr<Pkt>& pkt) override;
+
+  const UdpPamCounters& counters() const override { return counters_; }
+  AttrRows attrRows() const override {
+    using P = UdpPamLinux;
+    static constexpr AttrRow rows[] = {
+        row<&P::name>("name"),       row<&P::fd>("fd"),         row<&P::rxPort>("rxPort"),
+        row<&P::txPrio>("txPrio"),   row<&P::sent>("sent"),     row<&P::sentOctets>("sentOctets"),
+        row<&P::dropped>("dropped"), row<&P::queued>("queued"), row<&P::queuedMax>("queuedMax")};
+    return rows;
+  }
+
+ private:
+  struct Failure {
+    uint64_t count = 0;
+    uint32_t minLen = 0;  // a datagram at least this long must get through to end it
+  };
+
+  uint64_t sent() const { return counters_.sent; }
+  uint64_t sentOctets() const { return counters_.sentOctets; }
+  uint64_t dropped() const { return counters_.dropped; }
+  uint64_t queued() const { return counters_.queued; }
+  uint64_t queuedMax() const { return counters_.queuedMax; }
+
+  void open();
+  void close();
+  void flushAtEndOfTask();
+  void flush();
+  bool sendSome();
+  void traceLine(const std::string& text) {
+    if (trace_.enabled(TraceLevel::error)) trace_.line(TraceLevel::error, name_ + ": " + text);
+  }
+  void countDrop(int err) {
+    ++counters_.dropped;
+    ++counters_.dropByErrno[err];
+  }
+  void tosIs(uint8_t tos);
+  void popFront();
+  void taken(const Datagram& d);
+  void refused(const Datagram& d, int err);
+
+  const std::string name_;
+  const Ptr<EventLoop> loop_;
+  TraceSink& trace_;
+  const std::string netnsDir_;
+  const size_t queueMax_;
+
+  NamespaceName netNs_;
+  bool ipv6En_ = false;
+  uint8_t txPrio_ = 0;
+  IpAddr rx4_;
+  Ip6Addr rx6_;
+  uint16_t rxPort_ = 0;
+
+  Fd socket_;
+  bool socketIpv6_ = false;
+  uint16_t boundPort_ = 0;
+  std::unique_ptr<EventLoop::FdWatch> watch_;
+  uint8_t socketTos_ = 0;
+  bool full_ = false;  // the socket has no room; EPOLLOUT is awaited
+
+  IpAddr src4_;
+  Ip6Addr src6_;
+  IpAddr dst4_;
+  Ip6Addr dst6_;
+  uint16_t txPort_ = 0;
+  uint8_t tos_ = 0;
+
+  std::deque<Datagram> queue_;
+  std::unique_ptr<TimerTask> rest_;     // goes on where a flush stopped at its bound
+  std::shared_ptr<UdpPamLinux*> hook_;  // the pending end-of-task hook's way to this
+  UdpPamCounters counters_;
+  std::map<Destination, std::map<int, Failure>> failing_;
+  uint64_t overflow_ = 0;  // dropped since the queue was last empty
+};
+
+void UdpPamLinux::open() {
+  const std::string& ns = netNs_.stringValue();
+  if (ns.find('/') != std::string::npos || ns == "." || ns == "..")
+    throw ErrnoException(EINVAL, name_ + ": network namespace " + quoted(ns));
+  const int family = ipv6En_ ? AF_INET6 : AF_INET;
+  auto refuse = [this](const char* what) {
+    const int err = errno;  // NOLINT: before anything changes it
+    throw ErrnoException(err, name_ + ": " + what);
+  };
+  Fd socket;
+  {
+    const NetnsScope scope(ns.empty() ? std::string() : netnsDir_ + '/' + ns);
+    socket = Fd(::socket(family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_UDP));
+    if (!socket) refuse("socket");
+  }
+  auto option = [&](int level, int opt, int value, const char* what) {
+    if (::setsockopt(socket.get(), level, opt, &value, sizeof value) != 0) refuse(what);
+  };
+  option(SOL_SOCKET, SO_PRIORITY, txPrio_, "SO_PRIORITY");
+  // Messages are sized to the exporter's MTU. One that is too large for the path is refused with
+  // EMSGSIZE, and counted, rather than sent in fragments that routers and firewalls lose.
+  union {
+    sockaddr_in v4;
+    sockaddr_in6 v6;
+  } local;
+  memset(&local, 0, sizeof local);
+  socklen_t len = sizeof local.v4;
+  if (ipv6En_) {
+    option(IPPROTO_IPV6, IPV6_V6ONLY, 1, "IPV6_V6ONLY");
+    option(IPPROTO_IPV6, IPV6_MTU_DISCOVER, IPV6_PMTUDISC_DO, "IPV6_MTU_DISCOVER");
+    local.v6.sin6_family = AF_INET6;
+    local.v6.sin6_port = htons(rxPort_);
+    local.v6.sin6_addr = octetsOf(rx6_);
+    len = sizeof local.v6;
+  } else {
+    option(IPPROTO_IP, IP_MTU_DISCOVER, IP_PMTUDISC_DO, "IP_MTU_DISCOVER");
+    local.v4.sin_family = AF_INET;
+    local.v4.sin_port = htons(rxPort_);
+    local.v4.sin_addr.s_addr = htonl(rx4_.value());
+  }
+  if (::bind(socket.get(), reinterpret_cast<sockaddr*>(&local), len) != 0) refuse("bind");
+  if (::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&local), &len) != 0)
+    refuse("getsockname");
+  // Only writability is ever waited for: nobody is told to send here, and what arrives all the
+  // same stays in the kernel's bounded buffer.
+  watch_ = loop_->fdWatch(socket.get(), 0, [this](uint32_t events) {
+    int err = 0;
+    socklen_t n = sizeof err;
+    if (events & EPOLLERR) ::getsockopt(socket_.get(), SOL_SOCKET, SO_ERROR, &err, &n);
+    if (!(events & EPOLLOUT)) return;
+    full_ = false;
+    watch_->eventsIs(0);
+    flush();
+  });
+  boundPort_ = ntohs(ipv6En_ ? local.v6.sin6_port : local.v4.sin_port);
+  socketIpv6_ = ipv6En_;
+  socketTos_ = 0;
+  socket_ = std::move(socket);
+}
+
+void UdpPamLinux::close() {
+  if (!socket_) return;
+  full_ = false;
+  while (!queue_.empty() && sendSome()) {
+  }
+  while (!queue_.empty()) {  // still no room
+    countDrop(EAGAIN);
+    popFront();
+  }
+  rest_->stop();
+  watch_ = nullptr;
+  socket_.close();
+  full_ = false;
+  failing_.clear();
+  overflow_ = 0;
+}
+
+void UdpPamLinux::txPktIs(const Ptr<Pkt>& pkt) {
+  if (!socket_) return countDrop(EBADF);
+  Datagram d{.pkt = pkt,
+             .len = pkt->bytes(),
+             .tos = tos_,
+             .head = {},
+             .src = socketIpv6_ ? IpGenAddr(src6_) : IpGenAddr(src4_),
+             .dst = {socketIpv6_ ? IpGenAddr(dst6_) : IpGenAddr(dst4_), txPort_}};
+  // The kernel would take a zero address for this host itself.
+  if (txPort_ == 0 || (socketIpv6_ ? dst6_.isZero() : dst4_.isZero()))
+    return refused(d, EDESTADDRREQ);
+  if (queue_.size() >= queueMax_) {
+    countDrop(ENOBUFS);
+    if (overflow_++ == 0)
+      traceLine("queue of " + std::to_string(queueMax_) + " datagrams is full: dropping");
+    return;
+  }
+  std::copy_n(pkt->data(), std::min(d.len, restampLen), d.head.begin());
+  queue_.push_back(std::move(d));
+  counters_.queued = queue_.size();
+  counters_.queuedMax = std::max(counters_.queuedMax, counters_.queued);
+  if (full_) return;
+  // A full batch gains nothing by waiting, and a long task shall not fill the queue.
+  if (queue_.size() >= std::min(batchMax, queueMax_)) sendSome();
+  if (!queue_.empty()) flushAtEndOfTask();
+}
+
+void UdpPamLinux::flushAtEndOfTask() {
+  if (hook_ || full_) return;
+  hook_ = std::make_shared<UdpPamLinux*>(this);
+  loop_->atEndOfTask([hook = hook_] {
+    if (UdpPamLinux* self = *hook) {
+      self->hook_ = nullptr;
+      self->flush();
+    }
+  });
+}
+
+void UdpPamLinux::flush() {
+  const uint64_t stopAt = counters_.sent + counters_.dropped + flushMax;
+  while (!queue_.empty() && sendSome())
+    if (counters_.sent + counters_.dropped >= stopAt) break;
+  if (!queue_.empty() && !full_) rest_->scheduleLowestIs(Seconds(0));
+}
+
+/// Sends the first of the queue in one call, or drops its first datagram when that is refused.
+/// False: the socket has no room; the watch calls `flush` when it has.
+bool UdpPamLinux::sendSome() {
+  if (full_) return false;
+  std::array<mmsghdr, batchMax> msgs;
+  std::array<TxSlot, batchMax> slots;
+  const size_t most = std::min(queue_.size(), batchMax);
+  size_t n = 0;
+  if (!socketIpv6_) tosIs(queue_.front().tos);
+  for (; n < most && (socketIpv6_ || queue_[n].tos == socketTos_); ++n)
+    slots[n].fill(queue_[n], msgs[n]);
+  const int sent = ::sendmmsg(socket_.get(), msgs.data(), static_cast<unsigned>(n), MSG_NOSIGNAL);
+  if (sent > 0) {
+    for (int i = 0; i < sent; ++i) {
+      taken(queue_.front());
+      popFront();
+    }
+    return true;
+  }
+  const int err = errno;
+  if (err == EINTR) return true;
+  if (err == EAGAIN || err == EWOULDBLOCK) {
+    full_ = true;
+    watch_->eventsIs(EPOLLOUT);
+    return false;
+  }
+  const Datagram d = std::move(queue_.front());
+  popFront();
+  refused(d, err);
+  return true;
+}
+
+/// The socket's IPv4 TOS. As a control message it would come with a priority that the kernel
+/// derives from it in place of `txPrio`; as an option it does too, but then the priority can be set
+/// again. The datagrams of an exporter share one TOS, so this is no system call per datagram.
+void UdpPamLinux::tosIs(uint8_t tos) {
+  if (tos == socketTos_) return;
+  const int value = tos;
+  const int prio = txPrio_;
+  ::setsockopt(socket_.get(), IPPROTO_IP, IP_TOS, &value, sizeof value);
+  ::setsockopt(socket_.get(), SOL_SOCKET, SO_PRIORITY, &prio, sizeof prio);
+  socketTos_ = tos;
+}
+
+void UdpPamLinux::popFront() {
+  queue_.pop_front();
+  counters_.queued = queue_.size();
+  if (queue_.empty() && overflow_ > 0) {
+    traceLine("queue is empty again after " + std::to_string(overflow_) + " drops");
+    overflow_ = 0;
+  }
+}
+
+void UdpPamLinux::taken(const Datagram& d) {
+  ++counters_.sent;
+  counters_.sentOctets += d.len;
+  if (failing_.empty()) return;
+  auto to = failing_.find(d.dst);
+  if (to == failing_.end()) return;
+  for (auto it = to->second.begin(); it != to->second.end();) {
+    const auto& [err, failure] = *it;
+    if (d.len < failure.minLen) {
+      ++it;
+      continue;
+    }
+    traceLine("sends again after " + std::to_string(failure.count) +
+              " failures: " + errnoText(err) + ", to " + d.dst.stringValue());
+    it = to->second.erase(it);
+  }
+  if (to->second.empty()) failing_.erase(to);
+}
+
+void UdpPamLinux::refused(const Datagram& d, int err) {
+  countDrop(err);
+  if (failing_.size() >= failingMax && !failing_.contains(d.dst)) failing_.erase(failing_.begin());
+  auto [it, first] = failing_[d.dst].try_emplace(err);
+  Failure& failure = it->second;
+  // Small datagrams passing between large ones that do not are no recovery.
+  if (err == EMSGSIZE) failure.minLen = first ? d.len : std::min(failure.minLen, d.len);
+  ++failure.count;
+  if (first) traceLine("sending fails: " + errnoText(err) + ", to " + d.dst.stringValue());
+}
+
+}  // namespace
+
+Ptr<UdpPam> udpPamLinux(const std::string& name, Ptr<EventLoop> loop, TraceSink& trace,
+                        const LinuxPlatformOptions& options) {
+  return Ptr<UdpPam>::adopt(new UdpPamLinux(name, std::move(loop), trace, options));
+}
+
+}  // namespace platform
