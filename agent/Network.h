@@ -1,0 +1,105 @@
+#pragma once
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/Entity.h"
+#include "platform/Ip.h"
+#include "platform/Values.h"
+
+namespace agent {
+using namespace platform;
+
+/// One address of a link, as rtnetlink tells it. What names it: local and peer address, length.
+struct LinkAddress {
+  IpGenAddr local;        ///< this machine's
+  IpGenAddr peer;         ///< the other end's on a point-to-point link, else the same
+  uint8_t prefixLen = 0;  ///< of the peer's prefix
+  uint8_t scope = 0;      ///< RT_SCOPE_*
+  uint32_t flags = 0;     ///< IFA_F_*
+
+  bool sameName(const LinkAddress& o) const {
+    return local == o.local && peer == o.peer && prefixLen == o.prefixLen;
+  }
+  bool operator==(const LinkAddress&) const = default;
+};
+
+struct Link {
+  uint32_t index = 0;  ///< the kernel's, in its namespace
+  std::string name;
+  uint32_t flags = 0;                  ///< IFF_*
+  std::vector<LinkAddress> addresses;  ///< in the kernel's order
+
+  std::string stringValue() const;
+  bool operator==(const Link&) const = default;
+};
+
+/// The network of one VRF: whether its namespace is there, and its links and addresses. Written by
+/// what listens to the kernel; watched by whoever needs to know.
+///
+/// Changes are collected while they are written and told together by `tell`, by name: of a rename
+/// both names are told.
+class VrfNetwork final : public Entity {
+ public:
+  class Watcher : public EntityWatcher<VrfNetwork> {
+   public:
+    using EntityWatcher::EntityWatcher;
+    /// It came, with all its links, or went with all of them; `handleLink` is not called then.
+    virtual void handlePresent() {}
+    /// The link of this name came, went or changed.
+    virtual void handleLink(const std::string& /*name*/) {}
+  };
+
+  explicit VrfNetwork(VrfName vrf) : vrf_(std::move(vrf)) {}
+  const VrfName& vrf() const { return vrf_; }
+  bool isDefault() const { return vrf_.stringValue() == defaultVrf; }
+  /// The namespace is there and its links are known.
+  bool present() const { return present_; }
+  /// False forgets all links.
+  void presentIs(bool v);
+  const std::map<uint32_t, Link>& links() const { return links_; }
+  const Link* link(const std::string& name) const;  ///< null: there is none
+
+  void linkIs(uint32_t index, const std::string& name, uint32_t flags);
+  void linkDel(uint32_t index);
+  /// Of an unknown link: ignored.
+  void addressIs(uint32_t index, const LinkAddress& address);
+  void addressDel(uint32_t index, const LinkAddress& address);
+  void tell();
+
+  // A repeated survey: what nobody mentions between begin and end is gone.
+  void surveyBegin();
+  void surveyLinksEnd();
+  void surveyAddressesEnd();
+
+  AttrRows attrRows() const override;
+
+ private:
+  void changed(const std::string& name);
+
+  VrfName vrf_;
+  bool present_ = false;
+  std::map<uint32_t, Link> links_;
+  std::map<std::string, uint32_t> byName_;
+  std::set<std::string> changed_;
+  // Not mentioned yet in the survey under way.
+  std::set<uint32_t> staleLinks_;
+  std::map<uint32_t, std::vector<LinkAddress>> staleAddresses_;
+};
+Ptr<VrfNetwork> vrfNetworkFactory(const VrfName& vrf);
+
+/// The addresses that an exporter sends from; zero: none.
+struct SourceAddresses {
+  IpAddr v4;
+  Ip6Addr v6;
+  bool operator==(const SourceAddresses&) const = default;
+};
+
+/// Picks them among the link's: of each family the first that may leave the machine, and on a
+/// loopback link, failing that, one of its own. A link that is down has none. `current` stays as
+/// long as the link has it and it is usable.
+SourceAddresses chooseSource(const Link& link, const SourceAddresses& current);
+
+}  // namespace agent

@@ -1,0 +1,285 @@
+#include "agent/Networks.h"
+
+#include <sys/epoll.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <functional>
+#include <optional>
+#include <vector>
+
+#include "platform/UdpPam.h"
+
+namespace agent {
+namespace {
+constexpr TaskPriority priority = 2;
+constexpr Seconds tick{2.0};
+// `ip netns add` makes the file first and mounts the namespace on it a moment later.
+constexpr Seconds firstRetry{0.01};
+constexpr Seconds lastRetry{1.0};
+
+/// What tells two namespaces, and a namespace from the plain file below its mount, apart. The
+/// kernel does not give the number to another one while a socket of ours keeps it alive.
+struct Identity {
+  dev_t device;
+  ino_t inode;
+  bool operator==(const Identity&) const = default;
+};
+std::optional<Identity> identityOf(const std::string& path) {
+  struct stat st {};
+  if (stat(path.c_str(), &st) < 0) return std::nullopt;
+  return Identity{st.st_dev, st.st_ino};
+}
+}  // namespace
+
+struct Networks::Entry {
+  Ptr<VrfNetwork> network;
+  std::string fileName;  // empty: the namespace that the agent is in
+  std::string path;
+  std::unique_ptr<RtnetlinkMonitor> monitor;
+  std::optional<Identity> opened;  // what the monitor is in
+  bool failed = false;             // the monitor said that it is of no more use
+  bool retry = false;              // there is something that is no namespace yet
+  std::string said;                // the last state told to the operator
+};
+
+/// Tells the names that come and go in a directory, which itself may come and go.
+class Networks::DirectoryWatch {
+ public:
+  DirectoryWatch(EventLoop& loop, std::string dir, AgentLog& log,
+                 std::function<void(const std::string&)> name, std::function<void()> all)
+      : dir_(std::move(dir)), name_(std::move(name)), all_(std::move(all)) {
+    const size_t slash = dir_.find_last_of('/');
+    parent_ = slash == 0 || slash == dir_.npos ? "/" : dir_.substr(0, slash);
+    base_ = slash == dir_.npos ? dir_ : dir_.substr(slash + 1);
+    fd_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (fd_ < 0) {
+      log.warning(std::string("inotify: ") + std::strerror(errno) +
+                  "; namespaces are looked for every 2 seconds");
+      return;
+    }
+    watch_ = loop.fdWatch(fd_, EPOLLIN, [this](uint32_t) { handleReadable(); });
+    attach();
+  }
+  ~DirectoryWatch() {
+    watch_.reset();
+    if (fd_ >= 0) ::close(fd_);
+  }
+
+  /// Watches the directory, or its parent while it does not exist.
+  void attach() {
+    if (fd_ < 0 || dirWatch_ >= 0) return;
+    constexpr uint32_t events = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
+                                IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+    // The parent first: a directory made in between is not missed.
+    if (parentWatch_ < 0)
+      parentWatch_ =
+          inotify_add_watch(fd_, parent_.c_str(),
+                            IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR);
+    dirWatch_ = inotify_add_watch(fd_, dir_.c_str(), events);
+    if (dirWatch_ < 0 || parentWatch_ < 0) return;
+    inotify_rm_watch(fd_, parentWatch_);
+    parentWatch_ = -1;
+  }
+
+ private:
+  void handleReadable() {
+    alignas(inotify_event) std::array<char, 16384> buffer;
+    std::vector<std::string> names;
+    bool all = false;
+    for (;;) {
+      const ssize_t n = read(fd_, buffer.data(), buffer.size());
+      if (n <= 0) break;
+      for (ssize_t at = 0; at < n;) {
+        const auto& event = *reinterpret_cast<const inotify_event*>(buffer.data() + at);
+        at += static_cast<ssize_t>(sizeof event + event.len);
+        const bool self = (event.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) != 0;
+        if ((event.mask & IN_Q_OVERFLOW) != 0) {
+          all = true;
+        } else if (event.wd == dirWatch_ && self) {
+          if ((event.mask & IN_MOVE_SELF) != 0) inotify_rm_watch(fd_, dirWatch_);
+          dirWatch_ = -1;
+          all = true;
+        } else if (event.wd == parentWatch_ && self) {
+          parentWatch_ = -1;
+        } else if (event.wd == dirWatch_ && event.len > 0) {
+          names.emplace_back(event.name);
+        } else if (event.wd == parentWatch_ && event.len > 0 && base_ == event.name) {
+          all = true;
+        }
+      }
+    }
+    if (all) {
+      attach();
+      all_();
+    } else {
+      for (const std::string& name : names) name_(name);
+    }
+  }
+
+  std::string dir_;
+  std::string parent_;
+  std::string base_;
+  std::function<void(const std::string&)> name_;
+  std::function<void()> all_;
+  int fd_ = -1;
+  int dirWatch_ = -1;
+  int parentWatch_ = -1;
+  std::unique_ptr<EventLoop::FdWatch> watch_;
+};
+
+Networks::Networks(Ptr<EventLoop> loop, std::string netnsDir, AgentLog& log)
+    : loop_(std::move(loop)), dir_(std::move(netnsDir)), log_(log) {
+  while (dir_.size() > 1 && dir_.back() == '/') dir_.pop_back();
+  const auto scheduler = loop_->taskScheduler();
+  soonTask_ = scheduler->timerTask("networks-soon", priority, [this] { handleSoon(); });
+  tickTask_ = scheduler->timerTask("networks-tick", priority, [this] { handleTick(); });
+  tickTask_->scheduleIs(tick);
+  network(VrfName(std::string(defaultVrf)));
+}
+Networks::~Networks() = default;
+
+Ptr<VrfNetwork> Networks::network(const VrfName& vrf) {
+  auto& entry = entries_[vrf];
+  if (entry) return entry->network;
+  entry = std::make_unique<Entry>();
+  entry->network = vrfNetworkFactory(vrf);
+  entry->fileName = namespaceOf(vrf).stringValue();
+  if (!entry->fileName.empty()) {
+    entry->path = dir_ + '/' + entry->fileName;
+    if (!watch_)
+      watch_ = std::make_unique<DirectoryWatch>(
+          *loop_, dir_, log_, [this](const std::string& name) { handleName(name); },
+          [this] { handleDirectory(); });
+  }
+  review(*entry);
+  return entry->network;
+}
+
+void Networks::keepOnly(const std::set<VrfName>& vrfs) {
+  bool named = false;
+  for (auto it = entries_.begin(); it != entries_.end();) {
+    const bool isDefault = it->second->fileName.empty();
+    if (isDefault || vrfs.contains(it->first)) {
+      named = named || !isDefault;
+      ++it;
+    } else {
+      close(*it->second);
+      it = entries_.erase(it);
+    }
+  }
+  if (!named) watch_.reset();
+}
+
+bool Networks::settled() const {
+  for (const auto& [vrf, entry] : entries_)
+    if (entry->monitor && !entry->monitor->settled()) return false;
+  return true;
+}
+
+void Networks::say(Entry& entry, Severity severity, const std::string& what) {
+  if (entry.said == what) return;
+  entry.said = what;
+  const std::string where =
+      entry.fileName.empty() ? "the default namespace" : "namespace " + entry.path;
+  log_.say(severity, where + ' ' + what);
+}
+
+void Networks::close(Entry& entry) {
+  entry.monitor.reset();
+  entry.opened.reset();
+  entry.failed = false;
+  entry.network->presentIs(false);
+}
+
+void Networks::open(Entry& entry) {
+  Entry* const e = &entry;
+  entry.monitor = std::make_unique<RtnetlinkMonitor>(
+      *loop_, entry.network, entry.path, [this, e](const std::string& why) {
+        log_.warning("rtnetlink in VRF " + e->network->vrf().stringValue() + ": " + why);
+        e->failed = true;
+        e->retry = true;
+        reviewSoon();
+      });
+}
+
+void Networks::review(Entry& entry) {
+  entry.retry = false;
+  const bool named = !entry.fileName.empty();
+  const auto found = named ? identityOf(entry.path) : Identity{};
+  if (entry.monitor && (entry.failed || !found || *found != *entry.opened)) close(entry);
+  if (!found) {
+    // A first look that finds nothing is as much news as a namespace that went.
+    say(entry, Severity::info, entry.said.empty() ? "is not there" : "is gone");
+    return;
+  }
+  if (entry.monitor) return;
+  try {
+    open(entry);
+  } catch (const ErrnoException& e) {
+    const int err = e.code().value();
+    if (err == EINVAL || err == ENOENT) {  // made, and not mounted yet; or gone again
+      entry.retry = true;
+    } else {
+      say(entry, Severity::error,
+          std::string("cannot be looked at: ") + std::strerror(err) +
+              (err == EPERM ? " (entering a namespace needs CAP_SYS_ADMIN)" : ""));
+    }
+    return;
+  }
+  entry.opened = found;
+  // Replaced while it was entered: which of the two the monitor is in is unknown.
+  if (named && identityOf(entry.path) != found) {
+    close(entry);
+    entry.retry = true;
+    return;
+  }
+  if (named) say(entry, Severity::info, "is there");
+}
+
+void Networks::reviewSoon() {
+  soon_ = firstRetry;
+  soonTask_->scheduleIs(soon_);
+}
+
+void Networks::handleSoon() {
+  bool more = false;
+  for (auto& [vrf, entry] : entries_) {
+    if (entry->retry) review(*entry);
+    more = more || entry->retry;
+  }
+  soon_ = std::min(2 * soon_, lastRetry);
+  if (more) soonTask_->scheduleIs(soon_);
+}
+
+void Networks::handleName(const std::string& fileName) {
+  constexpr size_t prefix = 3;  // "ns-"
+  if (fileName.size() <= prefix || fileName.size() > prefix + VrfName::maxLength) return;
+  auto it = entries_.find(VrfName(fileName.substr(prefix)));
+  if (it == entries_.end() || it->second->fileName != fileName) return;
+  review(*it->second);
+  if (it->second->retry) reviewSoon();
+}
+
+void Networks::handleDirectory() {
+  reviewAll();
+  reviewSoon();
+}
+
+void Networks::reviewAll() {
+  for (auto& [vrf, entry] : entries_) review(*entry);
+}
+
+void Networks::handleTick() {
+  for (auto& [vrf, entry] : entries_)
+    if (entry->monitor && !entry->monitor->alive()) entry->failed = true;
+  if (watch_) watch_->attach();
+  reviewAll();
+  tickTask_->scheduleIs(tick);
+}
+
+}  // namespace agent

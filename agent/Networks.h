@@ -1,0 +1,61 @@
+#pragma once
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "agent/AgentLog.h"
+#include "agent/Network.h"
+#include "agent/Rtnetlink.h"
+#include "platform/linux/EventLoop.h"
+
+namespace agent {
+
+/// The networks that the agent looks at: the one of the namespace that it started in, VRF
+/// "default", and those of the namespaces `ns-<vrf>` that somebody asked for. Follows namespaces
+/// that appear, disappear, and are replaced by others of the same name; of one that disappeared it
+/// keeps nothing, so that the kernel can take it down.
+///
+/// inotify tells within milliseconds; a look at all of them every two seconds finds what it cannot
+/// tell (a mount is no event of the directory) or had to drop.
+class Networks {
+ public:
+  /// `netnsDir` holds the namespaces' mounts; it need not exist yet.
+  Networks(Ptr<EventLoop> loop, std::string netnsDir, AgentLog& log);
+  ~Networks();
+  Networks(const Networks&) = delete;
+  Networks& operator=(const Networks&) = delete;
+
+  /// The VRF's network, looked at from now on.
+  Ptr<VrfNetwork> network(const VrfName& vrf);
+  /// Stops looking at others than these and the default one.
+  void keepOnly(const std::set<VrfName>& vrfs);
+  /// Every namespace that is there has been surveyed.
+  bool settled() const;
+
+ private:
+  struct Entry;
+  class DirectoryWatch;
+
+  void review(Entry& entry);
+  void open(Entry& entry);
+  void close(Entry& entry);
+  void say(Entry& entry, Severity severity, const std::string& what);
+  void reviewSoon();
+  void handleSoon();
+  void handleTick();
+  void handleName(const std::string& fileName);
+  void handleDirectory();
+  void reviewAll();
+
+  Ptr<EventLoop> loop_;
+  std::string dir_;
+  AgentLog& log_;
+  std::map<VrfName, std::unique_ptr<Entry>> entries_;
+  std::unique_ptr<DirectoryWatch> watch_;
+  std::unique_ptr<TimerTask> soonTask_;
+  std::unique_ptr<TimerTask> tickTask_;
+  Seconds soon_{0};
+};
+
+}  // namespace agent

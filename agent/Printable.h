@@ -1,0 +1,11 @@
+#pragma once
+#include <string>
+#include <string_view>
+
+namespace agent {
+
+/// `text` fit for a terminal and one line of a log: control characters (C0, DEL, C1) and octets
+/// that are not UTF-8 as \xNN, newline and tab as \n and \t, a backslash doubled.
+std::string printable(std::string_view text);
+
+}  // namespace agent

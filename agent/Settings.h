@@ -1,0 +1,62 @@
+#pragma once
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "platform/FlowTracking.h"
+#include "platform/Ip.h"
+#include "platform/Values.h"
+
+namespace agent {
+using namespace platform;
+
+/// A configuration that was read and found valid as a whole; docs/configuration.md describes each
+/// key. Equal settings need no work.
+struct CollectorSettings {
+  IpGenAddr address;
+  uint16_t port = 4739;  // IANA's port for IPFIX over UDP
+  bool operator==(const CollectorSettings&) const = default;
+};
+
+struct ExporterSettings {
+  VrfName vrf{std::string(defaultVrf)};
+  std::string localInterface;
+  DscpValue dscp;
+  uint32_t mtu = 1500;  ///< octets of the largest IP packet
+  std::chrono::milliseconds templateInterval{60000};
+  std::map<std::string, CollectorSettings> collectors;
+  bool operator==(const ExporterSettings&) const = default;
+};
+
+struct TrackerSettings {
+  FlowTracking::FtId id = 0;  ///< observation domain id, unique over all trackers
+  FlowTracking::FlowTrackingType type = FlowTracking::FlowTrackingType::software;
+  std::vector<std::string> interfaces;  ///< patterns of the interfaces whose packets are tracked
+  uint32_t sampleRate = 1;              ///< one packet out of this many
+  std::chrono::milliseconds activeInterval{60000};
+  std::chrono::milliseconds inactiveTimeout{15000};
+  std::map<std::string, ExporterSettings> exporters;
+  bool operator==(const TrackerSettings&) const = default;
+};
+
+struct Settings {
+  std::string statistics = "/tarnflow";                ///< name of the shared-memory segment
+  std::string control = "/run/tarnflow/control.sock";  ///< path of the control socket
+  std::map<std::string, VrfId> vrfs;                   ///< exported ids; always has "default"
+  std::map<std::string, TrackerSettings> trackers;
+  bool operator==(const Settings&) const = default;
+};
+
+/// How many of each a configuration has, for messages.
+struct SettingsCount {
+  size_t trackers = 0;
+  size_t exporters = 0;
+  size_t collectors = 0;
+};
+SettingsCount count(const Settings& settings);
+/// "2 trackers, 1 exporter, 3 collectors".
+std::string describe(const SettingsCount& n);
+
+}  // namespace agent

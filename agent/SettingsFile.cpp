@@ -1,0 +1,569 @@
+#include "agent/SettingsFile.h"
+
+#include <toml++/toml.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <set>
+
+#include "agent/Printable.h"
+
+namespace agent {
+namespace {
+using FlowTracking::FlowTrackingType;
+using std::chrono::milliseconds;
+
+constexpr size_t nameMax = 128;             // what a statistics entry holds of a name
+constexpr size_t interfaceNameMax = 15;     // IFNAMSIZ without its terminator
+constexpr size_t socketPathMax = 107;       // sockaddr_un::sun_path without its terminator
+constexpr uint32_t mtuMin = 48 + 20 + 259;  // IPv6 and UDP, message and set header, and the
+                                            // longest options record: an interface's, 254 octets
+constexpr uint32_t mtuMax = 65535;          // the length field of an IPv4 packet
+constexpr VrfId vrfIdMax = 0xfffffe;        // 0xffffff is exported for "no VRF"
+constexpr milliseconds second{1000};
+
+/// Edits that turn one text into the other: insert, delete, replace, swap of two neighbours.
+size_t editDistance(std::string_view a, std::string_view b) {
+  std::vector<size_t> before(b.size() + 1);
+  std::vector<size_t> last(b.size() + 1);
+  std::vector<size_t> row(b.size() + 1);
+  for (size_t j = 0; j <= b.size(); ++j) last[j] = j;
+  for (size_t i = 1; i <= a.size(); ++i) {
+    row[0] = i;
+    for (size_t j = 1; j <= b.size(); ++j) {
+      row[j] =
+          std::min({last[j] + 1, row[j - 1] + 1, last[j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1)});
+      if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1])
+        row[j] = std::min(row[j], before[j - 2] + 1);
+    }
+    before.swap(last);
+    last.swap(row);
+  }
+  return last[b.size()];
+}
+
+/// Case and the choice of - or _ are the likeliest slips.
+std::string folded(std::string_view key) {
+  std::string out(key.substr(0, 64));
+  for (char& c : out) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    if (c == '_') c = '-';
+  }
+  return out;
+}
+
+/// The candidate that was probably meant, or none.
+std::string_view nearest(std::string_view key, const std::vector<std::string_view>& candidates) {
+  std::string_view best;
+  size_t bestDistance = 4;
+  for (const std::string_view c : candidates) {
+    const size_t d = editDistance(folded(key), c);
+    if (d < bestDistance && d <= 1 + c.size() / 4) {
+      best = c;
+      bestDistance = d;
+    }
+  }
+  return best;
+}
+
+/// One step of a key's path, as TOML writes it.
+std::string keyText(std::string_view key) {
+  const auto bare = [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+           c == '_';
+  };
+  if (!key.empty() && std::all_of(key.begin(), key.end(), bare)) return std::string(key);
+  return '"' + printable(key) + '"';
+}
+
+/// A value as an error shows it.
+std::string shown(const toml::node& node) {
+  switch (node.type()) {
+    case toml::node_type::string: {
+      std::string text = printable(node.as_string()->get());
+      if (text.size() > 80) {
+        size_t cut = 77;
+        while (cut > 0 && (text[cut] & 0xc0) == 0x80) --cut;  // not inside a character
+        text = text.substr(0, cut) + "...";
+      }
+      return '"' + text + '"';
+    }
+    case toml::node_type::integer:
+      return std::to_string(node.as_integer()->get());
+    case toml::node_type::floating_point: {
+      std::ostringstream out;
+      out << node.as_floating_point()->get();
+      return out.str();
+    }
+    case toml::node_type::boolean:
+      return node.as_boolean()->get() ? "true" : "false";
+    case toml::node_type::table:
+      return "a table";
+    case toml::node_type::array:
+      return "an array";
+    default:
+      return "a date or time";
+  }
+}
+
+bool hasControl(std::string_view text) {
+  return std::any_of(text.begin(), text.end(),
+                     [](unsigned char c) { return c < 0x20 || c == 0x7f; });
+}
+bool hasControlOrBlank(std::string_view text) {
+  return hasControl(text) || text.find(' ') != text.npos;
+}
+
+/// Collects errors with their place in the file.
+class Errors {
+ public:
+  explicit Errors(std::string fileName) : fileName_(std::move(fileName)) {}
+  void add(const toml::source_position& at, std::string text) {
+    errors_.push_back({at.line, at.column, std::move(text)});
+  }
+  void atKey(const toml::source_position& at, const std::string& path, const std::string& text) {
+    add(at, "key '" + path + "': " + text);
+  }
+  bool empty() const { return errors_.empty(); }
+  std::vector<std::string> inFileOrder() {
+    std::stable_sort(errors_.begin(), errors_.end(), [](const Error& a, const Error& b) {
+      return a.line != b.line ? a.line < b.line : a.column < b.column;
+    });
+    std::vector<std::string> lines;
+    lines.reserve(errors_.size());
+    for (const Error& e : errors_)
+      lines.push_back(printable(fileName_) + ':' + std::to_string(e.line) + ':' +
+                      std::to_string(e.column) + ": " + e.text);
+    return lines;
+  }
+
+ private:
+  struct Error {
+    uint32_t line;
+    uint32_t column;
+    std::string text;
+  };
+  std::string fileName_;
+  std::vector<Error> errors_;
+};
+
+/// Reads one value into `out`. Returns what would be right, or nothing when the value is.
+template <class T>
+using Rule = std::function<std::string(const toml::node& node, T& out)>;
+
+/// One table of the file: hands out its keys and, in the end, complains about the others.
+class Section {
+ public:
+  Section(Errors& errors, const toml::table& table, std::string path, toml::source_position at)
+      : errors_(errors), table_(table), path_(std::move(path)), at_(at) {}
+  Section(const Section&) = delete;
+  Section& operator=(const Section&) = delete;
+  ~Section() { refuseUnknown(); }
+
+  std::string pathOf(std::string_view key) const {
+    return path_.empty() ? keyText(key) : path_ + '.' + keyText(key);
+  }
+
+  /// False when the key is absent or wrong: `out` is unchanged.
+  template <class T>
+  bool optional(std::string_view key, T& out, const Rule<T>& rule) {
+    known_.push_back(key);
+    const toml::node* node = table_.get(key);
+    if (!node) return false;
+    T value{};
+    const std::string expected = rule(*node, value);
+    if (!expected.empty()) {
+      refuse(key, *node, expected);
+      return false;
+    }
+    out = std::move(value);
+    return true;
+  }
+  template <class T>
+  bool required(std::string_view key, T& out, const Rule<T>& rule, const std::string& what) {
+    if (!table_.get(key)) errors_.atKey(at_, pathOf(key), "missing: " + what);
+    return optional(key, out, rule);
+  }
+
+  /// Visits the table at `key` when it is there.
+  void table(std::string_view key, const std::function<void(Section& section)>& visit) {
+    known_.push_back(key);
+    const toml::node* node = table_.get(key);
+    if (!node) return;
+    if (const toml::table* table = node->as_table()) {
+      Section section(errors_, *table, pathOf(key), node->source().begin);
+      visit(section);
+    } else {
+      refuse(key, *node, "it is a table, [" + pathOf(key) + "]");
+    }
+  }
+
+  /// Visits the tables below `key` in the file's order, each with its name, which `nameRule`
+  /// accepts (empty answer).
+  void tables(std::string_view key, const std::string& what,
+              const std::function<std::string(const std::string& name)>& nameRule,
+              const std::function<void(const std::string& name, Section& section)>& visit) {
+    known_.push_back(key);
+    const toml::node* node = table_.get(key);
+    if (!node) return;
+    const std::string form = "each " + what + " is a table, [" + pathOf(key) + ".NAME]";
+    const toml::table* all = node->as_table();
+    if (!all) {
+      refuse(key, *node, form);
+      return;
+    }
+    std::vector<std::pair<const toml::key*, const toml::node*>> children;
+    for (const auto& [nameKey, child] : *all) children.emplace_back(&nameKey, &child);
+    std::sort(children.begin(), children.end(), [](const auto& a, const auto& b) {
+      const auto& p = a.first->source().begin;
+      const auto& q = b.first->source().begin;
+      return p.line != q.line ? p.line < q.line : p.column < q.column;
+    });
+    for (const auto& [nameKey, child] : children) {
+      const std::string name(nameKey->str());
+      const std::string path = pathOf(key) + '.' + keyText(name);
+      const toml::table* table = child->as_table();
+      if (!table) {
+        errors_.atKey(child->source().begin, path, shown(*child) + " is not allowed: " + form);
+        continue;
+      }
+      if (const std::string expected = nameRule(name); !expected.empty())
+        errors_.atKey(nameKey->source().begin, path, "this name is not allowed: " + expected);
+      Section section(errors_, *table, path, nameKey->source().begin);
+      visit(name, section);
+    }
+  }
+
+  /// An error about the value of a key that is there.
+  void refuse(std::string_view key, const std::string& expected) {
+    if (const toml::node* node = table_.get(key)) refuse(key, *node, expected);
+  }
+
+ private:
+  void refuse(std::string_view key, const toml::node& node, const std::string& expected) {
+    errors_.atKey(node.source().begin, pathOf(key), shown(node) + " is not allowed: " + expected);
+  }
+
+  void refuseUnknown() {
+    for (const auto& [key, node] : table_) {
+      if (std::find(known_.begin(), known_.end(), key.str()) != known_.end()) continue;
+      const std::string_view meant = nearest(key.str(), known_);
+      std::string text = "unknown";
+      if (!meant.empty()) {
+        text += "; did you mean '" + std::string(meant) + "'?";
+      } else {
+        text += "; known here:";
+        for (const std::string_view k : known_)
+          text += (k == known_.front() ? " " : ", ") + std::string(k);
+      }
+      errors_.atKey(key.source().begin, pathOf(key.str()), text);
+    }
+  }
+
+  Errors& errors_;
+  const toml::table& table_;
+  std::string path_;
+  toml::source_position at_;
+  std::vector<std::string_view> known_;
+};
+
+// Rules. Each is made of what the value is, in words, and a test.
+
+template <class T>
+Rule<T> integer(const std::string& noun, int64_t min, int64_t max) {
+  return [=](const toml::node& node, T& out) -> std::string {
+    const auto* value = node.as_integer();
+    if (!value || value->get() < min || value->get() > max)
+      return noun + " is an integer from " + std::to_string(min) + " to " + std::to_string(max);
+    out = static_cast<T>(value->get());
+    return {};
+  };
+}
+
+Rule<std::string> text(const std::string& expected,
+                       const std::function<bool(const std::string&)>& good) {
+  return [=](const toml::node& node, std::string& out) -> std::string {
+    const auto* value = node.as_string();
+    if (!value || !good(value->get())) return expected;
+    out = value->get();
+    return {};
+  };
+}
+
+std::string timeText(milliseconds t) {
+  return t.count() % 1000 == 0 ? std::to_string(t.count() / 1000) + 's'
+                               : std::to_string(t.count()) + "ms";
+}
+std::optional<milliseconds> parseTime(std::string_view text) {
+  int64_t value = 0;
+  auto [end, err] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (err != std::errc{} || text.empty() || text[0] == '-') return std::nullopt;
+  const std::string_view unit(end, static_cast<size_t>(text.data() + text.size() - end));
+  const int64_t factor = unit == "ms"  ? 1
+                         : unit == "s" ? 1000
+                         : unit == "m" ? 60000
+                         : unit == "h" ? 3600000
+                                       : 0;
+  if (factor == 0 || value > INT64_MAX / factor) return std::nullopt;
+  return milliseconds(value * factor);
+}
+Rule<milliseconds> duration(const std::string& noun, milliseconds min, milliseconds max) {
+  return [=](const toml::node& node, milliseconds& out) -> std::string {
+    const auto* value = node.as_string();
+    const auto parsed = value ? parseTime(value->get()) : std::nullopt;
+    if (!parsed || *parsed < min || *parsed > max)
+      return noun + " is a time from " + timeText(min) + " to " + timeText(max) +
+             R"(, in quotes, like "1500ms", "30s", "5m" or "1h")";
+    out = *parsed;
+    return {};
+  };
+}
+
+std::string addressRule(const toml::node& node, IpGenAddr& out) {
+  static const std::string expected =
+      "a collector's address is one IPv4 or IPv6 address in quotes, not a host name";
+  const auto* value = node.as_string();
+  const auto parsed = value ? IpGenAddr::fromString(value->get()) : std::nullopt;
+  if (!parsed || parsed->family() == IpGenAddr::Family::none) return expected;
+  const auto refuse = [](const char* what) {
+    return std::string("a collector has an address of its own, and this is ") + what;
+  };
+  if (parsed->isIpv4()) {
+    const uint32_t a = parsed->ipAddr().value();
+    if (a == 0) return refuse("the unspecified address");
+    if (a == 0xffffffff) return refuse("the broadcast address");
+    if (a >> 28 == 0xe) return refuse("a multicast address");
+  } else {
+    const auto& a = parsed->ip6Addr().octets();
+    static constexpr std::array<uint8_t, 12> mapped = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
+    if (parsed->ip6Addr().isZero()) return refuse("the unspecified address");
+    if (a[0] == 0xff) return refuse("a multicast address");
+    if (std::equal(mapped.begin(), mapped.end(), a.begin()))
+      return refuse("an IPv4 address inside IPv6: write it as IPv4");
+    if (parsed->ip6Addr().isLinkLocal())
+      return refuse("a link-local address, which is good on one link only");
+  }
+  out = *parsed;
+  return {};
+}
+
+std::string typeRule(const toml::node& node, FlowTrackingType& out) {
+  const auto* value = node.as_string();
+  if (value && value->get() == "software") {
+    out = FlowTrackingType::software;
+  } else if (value && value->get() == "hardware") {
+    out = FlowTrackingType::hardware;
+  } else {
+    return R"(a tracker's type is "software" or "hardware")";
+  }
+  return {};
+}
+
+std::string patternsRule(const toml::node& node, std::vector<std::string>& out) {
+  const auto* all = node.as_array();
+  const auto good = [](const toml::node& n) {
+    const auto* s = n.as_string();
+    return s && !s->get().empty() && s->get().size() <= VrfName::maxLength + 1 + nameMax &&
+           !hasControlOrBlank(s->get());
+  };
+  if (!all || !std::all_of(all->begin(), all->end(), good))
+    return R"(interfaces is a list of names or patterns without blanks, like ["eth*", "red/eth0"])";
+  for (const auto& n : *all) out.push_back(n.as_string()->get());
+  return {};
+}
+
+std::string vrfNameProblem(const std::string& name) {
+  if (!name.empty() && name.size() <= VrfName::maxLength && name.find('/') == name.npos &&
+      !hasControlOrBlank(name))
+    return {};
+  return "a VRF's name has 1 to " + std::to_string(VrfName::maxLength) +
+         " octets, without blank, '/' and control characters: its namespace is ns-NAME";
+}
+std::function<std::string(const std::string&)> nameRule(const std::string& what) {
+  return [=](const std::string& name) -> std::string {
+    if (!name.empty() && name.size() <= nameMax && !hasControl(name)) return {};
+    return what + "'s name has 1 to " + std::to_string(nameMax) +
+           " octets, without control characters";
+  };
+}
+
+/// Values that must not occur twice, with the path of who has them.
+template <class K>
+class Unique {
+ public:
+  /// The path of the one that has `key` already, or nothing.
+  std::string take(const K& key, const std::string& path) {
+    auto [it, fresh] = owner_.emplace(key, path);
+    return fresh ? std::string() : it->second;
+  }
+
+ private:
+  std::map<K, std::string> owner_;
+};
+
+void readCollectors(Section& exporter, ExporterSettings& out) {
+  Unique<std::pair<IpGenAddr, uint16_t>> taken;
+  exporter.tables(
+      "collector", "collector", nameRule("a collector"), [&](const std::string& name, Section& s) {
+        CollectorSettings c;
+        const bool valid = s.required<IpGenAddr>("address", c.address, addressRule,
+                                                 "the collector's IPv4 or IPv6 address");
+        s.optional<uint16_t>("port", c.port, integer<uint16_t>("a port", 1, 65535));
+        if (valid) {
+          // Its counters are kept under address and port.
+          const std::string other = taken.take({c.address, c.port}, keyText(name));
+          if (!other.empty())
+            s.refuse("address",
+                     "collector " + other + " of this exporter has the same address and port");
+        }
+        out.collectors.emplace(name, c);
+      });
+}
+
+void readExporters(Section& tracker, TrackerSettings& out) {
+  tracker.tables(
+      "exporter", "exporter", nameRule("an exporter"), [&](const std::string& name, Section& s) {
+        ExporterSettings e;
+        std::string vrf{defaultVrf};
+        s.optional<std::string>("vrf", vrf, [](const toml::node& node, std::string& v) {
+          const auto* value = node.as_string();
+          if (value) v = value->get();
+          return vrfNameProblem(v);
+        });
+        e.vrf = VrfName(vrf);
+        const auto interfaceRule =
+            text("an interface's name has 1 to " + std::to_string(interfaceNameMax) +
+                     " octets, without blank and '/'",
+                 [](const std::string& v) {
+                   return !v.empty() && v.size() <= interfaceNameMax && v != "." && v != ".." &&
+                          v.find('/') == v.npos && !hasControlOrBlank(v);
+                 });
+        s.required<std::string>("local-interface", e.localInterface, interfaceRule,
+                                "the interface that the source addresses come from");
+        uint32_t dscp = 0;
+        s.optional<uint32_t>("dscp", dscp, integer<uint32_t>("a DSCP", 0, DscpValue::max));
+        e.dscp = DscpValue(dscp);
+        s.optional<uint32_t>("mtu", e.mtu, integer<uint32_t>("an mtu, in octets,", mtuMin, mtuMax));
+        s.optional<milliseconds>("template-interval", e.templateInterval,
+                                 duration("a template interval", second, 65535 * second));
+        readCollectors(s, e);
+        out.exporters.emplace(name, std::move(e));
+      });
+}
+
+void readTrackers(Section& root, Settings& out) {
+  Unique<FlowTracking::FtId> taken;
+  root.tables(
+      "tracker", "tracker", nameRule("a tracker"), [&](const std::string& name, Section& s) {
+        TrackerSettings t;
+        if (s.required<FlowTracking::FtId>(
+                "id", t.id, integer<FlowTracking::FtId>("an observation domain id", 0, UINT32_MAX),
+                "the observation domain id, an integer of its own for each tracker")) {
+          const std::string other = taken.take(t.id, keyText(name));
+          if (!other.empty())
+            s.refuse("id", "tracker " + other + " has this observation domain id");
+        }
+        s.optional<FlowTrackingType>("type", t.type, typeRule);
+        s.optional<std::vector<std::string>>("interfaces", t.interfaces, patternsRule);
+        s.optional<uint32_t>(
+            "sample-rate", t.sampleRate,
+            integer<uint32_t>("a sample rate, one packet out of so many,", 1, UINT32_MAX));
+        s.optional<milliseconds>("active-interval", t.activeInterval,
+                                 duration("an active interval", second, 65534 * second));
+        s.optional<milliseconds>("inactive-timeout", t.inactiveTimeout,
+                                 duration("an inactive timeout", second, 65534 * second));
+        readExporters(s, t);
+        out.trackers.emplace(name, std::move(t));
+      });
+}
+
+void readVrfs(Section& root, Settings& out) {
+  const std::string defaultName{defaultVrf};
+  std::map<VrfId, std::string> taken;
+  struct Entry {
+    std::string name;
+    VrfId id;
+  };
+  root.tables("vrf", "VRF", vrfNameProblem, [&](const std::string& name, Section& s) {
+    VrfId id = 0;
+    if (!s.required<VrfId>("id", id, integer<VrfId>("a VRF's id", 0, vrfIdMax),
+                           "the number that is exported as ingressVRFID"))
+      return;
+    const auto [owner, fresh] = taken.emplace(id, name);
+    if (!fresh) s.refuse("id", "VRF " + keyText(owner->second) + " has this id");
+    if (id == 0 && name != defaultName) s.refuse("id", "0 is the id of the VRF \"default\"");
+    out.vrfs[name] = id;
+  });
+  out.vrfs.emplace(defaultName, 0);
+}
+
+void readAgent(Section& s, Settings& out) {
+  s.optional<std::string>(
+      "statistics", out.statistics,
+      text("the name of the statistics begins with '/', has no other '/' and 2 to 255 octets",
+           [](const std::string& v) {
+             return v.size() >= 2 && v.size() <= NAME_MAX && v[0] == '/' && v != "/." &&
+                    v != "/.." && v.find('/', 1) == v.npos && !hasControl(v);
+           }));
+  s.optional<std::string>("control", out.control,
+                          text("the control socket is an absolute path of at most " +
+                                   std::to_string(socketPathMax) + " octets",
+                               [](const std::string& v) {
+                                 return v.size() >= 2 && v.size() <= socketPathMax && v[0] == '/' &&
+                                        !hasControl(v);
+                               }));
+}
+
+}  // namespace
+
+SettingsResult parseSettings(std::string_view toml, const std::string& fileName) {
+  SettingsResult result;
+  Errors errors(fileName);
+  toml::table table;
+  try {
+    table = toml::parse(toml, fileName);
+  } catch (const toml::parse_error& e) {
+    errors.add(e.source().begin, "not TOML: " + printable(e.description()));
+    result.errors = errors.inFileOrder();
+    return result;
+  }
+  Settings settings;
+  {
+    Section root(errors, table, {}, {1, 1});
+    root.table("agent", [&](Section& s) { readAgent(s, settings); });
+    readVrfs(root, settings);
+    readTrackers(root, settings);
+  }
+  if (errors.empty()) {
+    result.settings = std::move(settings);
+  } else {
+    result.errors = errors.inFileOrder();
+  }
+  return result;
+}
+
+SettingsResult readSettings(const std::string& fileName) {
+  SettingsResult result;
+  const auto refuse = [&](const std::string& why) {
+    result.errors.push_back(printable(fileName) + ": " + why);
+    return result;
+  };
+  errno = 0;
+  std::ifstream in(fileName, std::ios::binary);
+  if (!in) return refuse(std::string("cannot be read: ") + std::strerror(errno));
+  std::string text;
+  std::array<char, 65536> block;
+  while (text.size() <= settingsFileMax && (in.read(block.data(), block.size()), in.gcount() > 0))
+    text.append(block.data(), static_cast<size_t>(in.gcount()));
+  if (in.bad()) return refuse(std::string("cannot be read: ") + std::strerror(errno));
+  if (text.size() > settingsFileMax)
+    return refuse("larger than " + std::to_string(settingsFileMax) +
+                  " octets, the most that is read");
+  return parseSettings(text, fileName);
+}
+
+}  // namespace agent

@@ -1,0 +1,361 @@
+#include "agent/SettingsFile.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "agent/Printable.h"
+
+namespace agent {
+namespace {
+using namespace std::chrono_literals;
+using FlowTracking::FlowTrackingType;
+
+// Line numbers matter: the table below names them.
+const std::string good = R"([agent]
+statistics = "/tarn"
+control    = "/run/c.sock"
+
+[vrf.red]
+id = 10
+
+[tracker.edge]
+id               = 7
+type             = "hardware"
+interfaces       = ["eth*", "red/eth0"]
+sample-rate      = 100
+active-interval  = "30s"
+inactive-timeout = "1500ms"
+
+[tracker.edge.exporter.main]
+vrf               = "red"
+local-interface   = "eth0"
+dscp              = 46
+mtu               = 327
+template-interval = "1h"
+
+[tracker.edge.exporter.main.collector.one]
+address = "10.0.0.1"
+port    = 2055
+
+[tracker.edge.exporter.main.collector.two]
+address = "2001:db8::1"
+
+[tracker.core]
+id = 8
+)";
+
+std::vector<std::string> errorsOf(const std::string& toml) {
+  SettingsResult r = parseSettings(toml, "f");
+  EXPECT_NE(r.settings.has_value(), !r.errors.empty());
+  return r.errors;
+}
+
+TEST(SettingsFile, ReadsEveryKey) {
+  const SettingsResult r = parseSettings(good, "f");
+  ASSERT_TRUE(r.settings) << r.errors.at(0);
+  TrackerSettings edge;
+  edge.id = 7;
+  edge.type = FlowTrackingType::hardware;
+  edge.interfaces = {"eth*", "red/eth0"};
+  edge.sampleRate = 100;
+  edge.activeInterval = 30s;
+  edge.inactiveTimeout = 1500ms;
+  ExporterSettings main;
+  main.vrf = VrfName("red");
+  main.localInterface = "eth0";
+  main.dscp = DscpValue(46);
+  main.mtu = 327;
+  main.templateInterval = 1h;
+  main.collectors["one"] = {*IpGenAddr::fromString("10.0.0.1"), 2055};
+  main.collectors["two"] = {*IpGenAddr::fromString("2001:db8::1"), 4739};
+  edge.exporters["main"] = main;
+  TrackerSettings core;
+  core.id = 8;
+  Settings all;
+  all.statistics = "/tarn";
+  all.control = "/run/c.sock";
+  all.vrfs = {{"default", 0}, {"red", 10}};
+  all.trackers = {{"edge", edge}, {"core", core}};
+  EXPECT_EQ(*r.settings, all);
+  EXPECT_EQ(describe(count(all)), "2 trackers, 1 exporter, 2 collectors");
+}
+
+TEST(SettingsFile, EmbeddedDefaultIsValid) {
+  const SettingsResult r = parseSettings(defaultSettingsText(), "default");
+  ASSERT_TRUE(r.settings) << r.errors.at(0);
+  const TrackerSettings& tracker = r.settings->trackers.at("default");
+  const ExporterSettings& local = tracker.exporters.at("local");
+  EXPECT_EQ(tracker.id, 1u);
+  EXPECT_EQ(local.localInterface, "lo");
+  EXPECT_EQ(local.templateInterval, 20s);
+  EXPECT_EQ(local.collectors.at("ipv4").address.stringValue(), "127.0.0.1");
+  EXPECT_EQ(local.collectors.at("ipv6").address.stringValue(), "::1");
+
+  // Its comments state the defaults: uncommented they change nothing.
+  std::string uncommented;
+  std::istringstream lines{std::string(defaultSettingsText())};
+  for (std::string line; std::getline(lines, line); uncommented += line + '\n')
+    if (line.starts_with("# ") && line.find(" = ") != line.npos && !line.ends_with('.') &&
+        line.find("id = 10") == line.npos)
+      line.erase(0, 2);
+  EXPECT_NE(uncommented, defaultSettingsText());
+  const SettingsResult again = parseSettings(uncommented, "uncommented");
+  ASSERT_TRUE(again.settings) << again.errors.at(0);
+  EXPECT_EQ(*again.settings, *r.settings);
+}
+
+struct Bad {
+  const char* name;
+  std::string from;  // text of the good file ...
+  std::string to;    // ... and what stands in its place
+  std::string error;
+};
+void PrintTo(const Bad& b, std::ostream* out) { *out << b.name; }
+class BadSettings : public testing::TestWithParam<Bad> {};
+
+TEST_P(BadSettings, OneErrorThatNamesPlaceKeyAndValue) {
+  const Bad& bad = GetParam();
+  std::string toml = good;
+  const size_t at = toml.find(bad.from);
+  ASSERT_NE(at, toml.npos);
+  toml.replace(at, bad.from.size(), bad.to);
+  EXPECT_EQ(errorsOf(toml), std::vector<std::string>{bad.error});
+}
+
+const std::string exp = "key 'tracker.edge.exporter.main.";
+const std::string timeForm = R"(, in quotes, like "1500ms", "30s", "5m" or "1h")";
+const Bad badSettings[] = {
+    {"syntax", "id               = 7", "id = = 7",
+     "f:9:6: not TOML: Error while parsing value: could not determine value type"},
+    {"dscpTooLarge", "= 46", "= 64",
+     "f:19:21: " + exp + "dscp': 64 is not allowed: a DSCP is an integer from 0 to 63"},
+    {"dscpNegative", "= 46", "= -1",
+     "f:19:21: " + exp + "dscp': -1 is not allowed: a DSCP is an integer from 0 to 63"},
+    {"dscpText", "= 46", "= \"46\"",
+     "f:19:21: " + exp + "dscp': \"46\" is not allowed: a DSCP is an integer from 0 to 63"},
+    {"dscpFloat", "= 46", "= 46.5",
+     "f:19:21: " + exp + "dscp': 46.5 is not allowed: a DSCP is an integer from 0 to 63"},
+    {"mtuTooSmall", "= 327", "= 326",
+     "f:20:21: " + exp +
+         "mtu': 326 is not allowed: an mtu, in octets, is an integer from 327 to 65535"},
+    {"mtuTooLarge", "= 327", "= 65536",
+     "f:20:21: " + exp +
+         "mtu': 65536 is not allowed: an mtu, in octets, is an integer from 327 to 65535"},
+    {"intervalWithoutUnit", "\"1h\"", "60",
+     "f:21:21: " + exp +
+         "template-interval': 60 is not allowed: a template interval is a time from 1s to 65535s" +
+         timeForm},
+    {"intervalTooShort", "\"1h\"", "\"999ms\"",
+     "f:21:21: " + exp +
+         "template-interval': \"999ms\" is not allowed: a template interval is a time from 1s to "
+         "65535s" +
+         timeForm},
+    {"intervalTooLong", "\"1h\"", "\"19h\"",
+     "f:21:21: " + exp +
+         "template-interval': \"19h\" is not allowed: a template interval is a time from 1s to "
+         "65535s" +
+         timeForm},
+    {"activeIntervalOverflows", "\"30s\"", "\"9223372036854775807h\"",
+     "f:13:20: key 'tracker.edge.active-interval': \"9223372036854775807h\" is not allowed: an "
+     "active interval is a time from 1s to 65534s" +
+         timeForm},
+    {"inactiveTimeoutUnit", "\"1500ms\"", "\"15 s\"",
+     "f:14:20: key 'tracker.edge.inactive-timeout': \"15 s\" is not allowed: an inactive timeout "
+     "is a time from 1s to 65534s" +
+         timeForm},
+    {"sampleRateZero", "= 100", "= 0",
+     "f:12:20: key 'tracker.edge.sample-rate': 0 is not allowed: a sample rate, one packet out of "
+     "so many, is an integer from 1 to 4294967295"},
+    {"idTooLarge", "id               = 7", "id = 4294967296",
+     "f:9:6: key 'tracker.edge.id': 4294967296 is not allowed: an observation domain id is an "
+     "integer from 0 to 4294967295"},
+    {"idTwice", "id = 8", "id = 7",
+     "f:31:6: key 'tracker.core.id': 7 is not allowed: tracker edge has this observation domain "
+     "id"},
+    {"idMissing", "id = 8\n", "",
+     "f:30:10: key 'tracker.core.id': missing: the observation domain id, an integer of its own "
+     "for each tracker"},
+    {"type", "\"hardware\"", "\"Software\"",
+     "f:10:20: key 'tracker.edge.type': \"Software\" is not allowed: a tracker's type is "
+     "\"software\" or \"hardware\""},
+    {"interfaces", "\"red/eth0\"", "\"red eth0\"",
+     "f:11:20: key 'tracker.edge.interfaces': an array is not allowed: interfaces is a list of "
+     "names or patterns without blanks, like [\"eth*\", \"red/eth0\"]"},
+    {"localInterfaceLong", "= \"eth0\"", "= \"abcdefghijklmnop\"",
+     "f:18:21: " + exp +
+         "local-interface': \"abcdefghijklmnop\" is not allowed: an interface's name has 1 to 15 "
+         "octets, without blank and '/'"},
+    {"localInterfaceMissing", "local-interface   = \"eth0\"\n", "",
+     "f:16:24: " + exp +
+         "local-interface': missing: the interface that the source addresses come from"},
+    {"vrfSlash", "= \"red\"", "= \"../red\"",
+     "f:17:21: " + exp +
+         "vrf': \"../red\" is not allowed: a VRF's name has 1 to 100 octets, without blank, '/' "
+         "and control characters: its namespace is ns-NAME"},
+    {"vrfNameLong", "[vrf.red]", "[vrf." + std::string(101, 'a') + "]",
+     "f:5:6: key 'vrf." + std::string(101, 'a') +
+         "': this name is not allowed: a VRF's name has 1 to 100 octets, without blank, '/' and "
+         "control characters: its namespace is ns-NAME"},
+    {"vrfIdTooLarge", "id = 10", "id = 16777215",
+     "f:6:6: key 'vrf.red.id': 16777215 is not allowed: a VRF's id is an integer from 0 to "
+     "16777214"},
+    {"vrfIdOfDefault", "id = 10", "id = 0",
+     "f:6:6: key 'vrf.red.id': 0 is not allowed: 0 is the id of the VRF \"default\""},
+    {"vrfIdTwice", "id = 10", "id = 10\n[vrf.blue]\nid = 10",
+     "f:8:6: key 'vrf.blue.id': 10 is not allowed: VRF red has this id"},
+    {"portZero", "= 2055", "= 0",
+     "f:25:11: " + exp +
+         "collector.one.port': 0 is not allowed: a port is an integer from 1 to 65535"},
+    {"addressHostName", "\"10.0.0.1\"", "\"collector.example\"",
+     "f:24:11: " + exp +
+         "collector.one.address': \"collector.example\" is not allowed: a collector's address is "
+         "one IPv4 or IPv6 address in quotes, not a host name"},
+    {"addressMissing", "address = \"10.0.0.1\"\n", "",
+     "f:23:39: " + exp + "collector.one.address': missing: the collector's IPv4 or IPv6 address"},
+    {"collectorTwice", "\"2001:db8::1\"", "\"10.0.0.1\"\nport = 2055",
+     "f:28:11: " + exp +
+         "collector.two.address': \"10.0.0.1\" is not allowed: collector one of this exporter has "
+         "the same address and port"},
+    {"statistics", "\"/tarn\"", "\"tarn\"",
+     "f:2:14: key 'agent.statistics': \"tarn\" is not allowed: the name of the statistics begins "
+     "with '/', has no other '/' and 2 to 255 octets"},
+    {"control", "\"/run/c.sock\"", "\"/" + std::string(107, 'x') + "\"",
+     "f:3:14: key 'agent.control': \"/" + std::string(76, 'x') +
+         "...\" is not allowed: the control socket is an absolute path of at most 107 octets"},
+    {"trackerNameLong", "[tracker.core]", "[tracker." + std::string(129, 'n') + "]",
+     "f:30:10: key 'tracker." + std::string(129, 'n') +
+         "': this name is not allowed: a tracker's name has 1 to 128 octets, without control "
+         "characters"},
+    {"trackerNameControl", "[tracker.core]", "[tracker.\"a\\u001bb\"]",
+     "f:30:10: key 'tracker.\"a\\x1bb\"': this name is not allowed: a tracker's name has 1 to 128 "
+     "octets, without control characters"},
+    {"collectorNameEmpty", "collector.two", "collector.\"\"",
+     "f:27:39: " + exp +
+         "collector.\"\"': this name is not allowed: a collector's name has 1 to 128 octets, "
+         "without control characters"},
+    {"unknownWithSuggestion", "dscp   ", "dspc   ",
+     "f:19:1: " + exp + "dspc': unknown; did you mean 'dscp'?"},
+    {"unknownUnderscore", "sample-rate", "Sample_Rate",
+     "f:12:1: key 'tracker.edge.Sample_Rate': unknown; did you mean 'sample-rate'?"},
+    {"unknownWithoutSuggestion", "port    = 2055", "colour = 1",
+     "f:25:1: " + exp + "collector.one.colour': unknown; known here: address, port"},
+    {"unknownTable", "[tracker.core]", "[trackers.core]",
+     "f:30:2: key 'trackers': unknown; did you mean 'tracker'?"},
+    {"notATable", "[tracker.core]\nid = 8", "[tracker]\ncore = 8",
+     "f:31:8: key 'tracker.core': 8 is not allowed: each tracker is a table, [tracker.NAME]"},
+    {"arrayOfTables", "[tracker.core]", "[[tracker.core]]",
+     "f:30:1: key 'tracker.core': an array is not allowed: each tracker is a table, "
+     "[tracker.NAME]"},
+};
+INSTANTIATE_TEST_SUITE_P(Table, BadSettings, testing::ValuesIn(badSettings),
+                         [](const auto& info) { return info.param.name; });
+
+TEST(SettingsFile, AddressesThatNoCollectorHas) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"0.0.0.0", "the unspecified address"},
+      {"255.255.255.255", "the broadcast address"},
+      {"224.0.0.1", "a multicast address"},
+      {"239.255.255.255", "a multicast address"},
+      {"::", "the unspecified address"},
+      {"ff02::1", "a multicast address"},
+      {"::ffff:10.0.0.1", "an IPv4 address inside IPv6: write it as IPv4"},
+      {"fe80::1", "a link-local address, which is good on one link only"},
+  };
+  for (const auto& [address, what] : cases) {
+    std::string toml = good;
+    toml.replace(toml.find("10.0.0.1"), 8, address);
+    EXPECT_EQ(errorsOf(toml),
+              std::vector<std::string>{"f:24:11: " + exp + "collector.one.address': \"" + address +
+                                       "\" is not allowed: a collector has an address of its own, "
+                                       "and this is " +
+                                       what});
+  }
+  for (const char* address : {"223.255.255.255", "240.0.0.1", "::1", "fd00::1"}) {
+    std::string toml = good;
+    toml.replace(toml.find("10.0.0.1"), 8, address);
+    EXPECT_TRUE(parseSettings(toml, "f").settings) << address;
+  }
+}
+
+TEST(SettingsFile, BoundsThemselvesAreAllowed) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"= 46", "= 0"},
+      {"= 46", "= 63"},
+      {"= 327", "= 65535"},
+      {"\"1h\"", "\"1s\""},
+      {"\"1h\"", "\"65535s\""},
+      {"\"30s\"", "\"65534000ms\""},
+      {"= 100", "= 4294967295"},
+      {"id               = 7", "id = 4294967295"},
+      {"id               = 7", "id = 0"},
+      {"id = 10", "id = 16777214"},
+      {"id = 10", "id = 1\n[vrf.default]\nid = 99"},
+      {"= 2055", "= 65535"},
+  };
+  for (const auto& [from, to] : cases) {
+    std::string toml = good;
+    toml.replace(toml.find(from), std::string(from).size(), to);
+    const SettingsResult r = parseSettings(toml, "f");
+    EXPECT_TRUE(r.settings) << to << ": " << (r.errors.empty() ? "" : r.errors[0]);
+  }
+  std::string toml = good;
+  toml.replace(toml.find("[tracker.core]"), 14, "[tracker." + std::string(128, 'n') + "]");
+  EXPECT_TRUE(parseSettings(toml, "f").settings);
+}
+
+TEST(SettingsFile, AllErrorsInTheOrderOfTheFile) {
+  EXPECT_EQ(errorsOf("[tracker.b]\nid = 1\ntyp = \"software\"\n[tracker.a]\nid = 1\n"
+                     "sample-rate = -5\n[agent]\nstatistics = 5\n"),
+            (std::vector<std::string>{
+                "f:3:1: key 'tracker.b.typ': unknown; did you mean 'type'?",
+                "f:5:6: key 'tracker.a.id': 1 is not allowed: tracker b has this observation "
+                "domain id",
+                "f:6:15: key 'tracker.a.sample-rate': -5 is not allowed: a sample rate, one packet "
+                "out of so many, is an integer from 1 to 4294967295",
+                "f:8:14: key 'agent.statistics': 5 is not allowed: the name of the statistics "
+                "begins with '/', has no other '/' and 2 to 255 octets"}));
+}
+
+class TempFile {
+ public:
+  explicit TempFile(const std::string& content)
+      : name_(testing::TempDir() + "settings-" + std::to_string(getpid())) {
+    std::ofstream(name_, std::ios::binary) << content;
+  }
+  ~TempFile() { unlink(name_.c_str()); }
+  const std::string& name() const { return name_; }
+
+ private:
+  std::string name_;
+};
+
+TEST(SettingsFile, FilesOnDisk) {
+  EXPECT_EQ(readSettings("/nonexistent/x\n").errors,
+            std::vector<std::string>{"/nonexistent/x\\n: cannot be read: No such file or "
+                                     "directory"});
+  EXPECT_EQ(readSettings("/tmp").errors,
+            std::vector<std::string>{"/tmp: cannot be read: Is a directory"});
+  const TempFile whole(good);
+  EXPECT_EQ(readSettings(whole.name()).settings, parseSettings(good, "f").settings);
+  const TempFile crlf("\xef\xbb\xbf[tracker.a]\r\nid = 1\r\n");
+  EXPECT_TRUE(readSettings(crlf.name()).settings);
+  const TempFile empty("");
+  EXPECT_EQ(readSettings(empty.name()).settings->trackers.size(), 0u);
+  const TempFile huge(std::string(settingsFileMax + 1, '#'));
+  EXPECT_EQ(readSettings(huge.name()).errors,
+            std::vector<std::string>{huge.name() +
+                                     ": larger than 16777216 octets, the most that is read"});
+}
+
+TEST(Printable, ControlCharactersAndBrokenUtf8) {
+  EXPECT_EQ(printable("Zürich 日本 €"), "Zürich 日本 €");
+  EXPECT_EQ(printable("a\nb\tc\\d\x1b[31m\x7f"), "a\\nb\\tc\\\\d\\x1b[31m\\x7f");
+  EXPECT_EQ(printable("\xc2\x9b[31m"), "\\xc2\\x9b[31m");  // C1: CSI
+  EXPECT_EQ(printable("\xff\xc0\xaf\xe2\x82"), "\\xff\\xc0\\xaf\\xe2\\x82");
+  EXPECT_EQ(printable("\xed\xa0\x80\xf4\x90\x80\x80"), "\\xed\\xa0\\x80\\xf4\\x90\\x80\\x80");
+}
+
+}  // namespace
+}  // namespace agent
