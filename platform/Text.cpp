@@ -4,7 +4,7 @@
 
 namespace platform {
 
-std::string quoted(std::string_view text) {
+std::string toQuoted(std::string_view text) {
   static constexpr char hex[] = "0123456789abcdef";
   std::string out = "'";
   for (const unsigned char c : text) {
@@ -26,7 +26,7 @@ std::string quoted(std::string_view text) {
   return out + "'";
 }
 
-std::optional<std::string> unquoted(std::string_view text) {
+std::optional<std::string> fromQuoted(std::string_view text) {
   if (text.size() < 2 || text.front() != '\'' || text.back() != '\'') return std::nullopt;
   text = text.substr(1, text.size() - 2);
   std::string out;
@@ -129,7 +129,7 @@ ValueReader::ValueReader(std::string_view type, std::string_view text) {
     text = trimmed(text.substr(len < text.size() ? len + 1 : len));
     const size_t colon = item.find("':");
     if (colon == std::string_view::npos) return;
-    auto name = unquoted(item.substr(0, colon + 1));
+    auto name = fromQuoted(item.substr(0, colon + 1));
     if (!name) return;
     attrs_.emplace_back(std::move(*name), trimmed(item.substr(colon + 2)));
   }

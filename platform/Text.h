@@ -18,9 +18,9 @@
 namespace platform {
 
 /// 'text' in single quotes; backslash, quote and control characters escaped (\n, \t, \xNN).
-TARN_API std::string quoted(std::string_view text);
-/// Reads back what `quoted` wrote; nothing when the text is not such a literal.
-TARN_API std::optional<std::string> unquoted(std::string_view text);
+TARN_API std::string toQuoted(std::string_view text);
+/// Reads back what `toQuoted` wrote; nothing when the text is not such a literal.
+TARN_API std::optional<std::string> fromQuoted(std::string_view text);
 
 template <class T>
 concept HasStringValue = requires(const T& v) {
@@ -32,8 +32,8 @@ concept HasFromString = requires(std::string_view s) {
 };
 
 inline std::string toText(bool v) { return v ? "True" : "False"; }
-inline std::string toText(std::string_view v) { return quoted(v); }
-inline std::string toText(const std::string& v) { return quoted(v); }
+inline std::string toText(std::string_view v) { return toQuoted(v); }
+inline std::string toText(const std::string& v) { return toQuoted(v); }
 TARN_API std::string toText(double v);
 template <std::integral T>
 requires(!std::same_as<T, bool>) std::string toText(T v) { return std::to_string(v); }
@@ -52,7 +52,7 @@ inline bool fromText(std::string_view s, bool& v) {
   return true;
 }
 inline bool fromText(std::string_view s, std::string& v) {
-  auto r = unquoted(s);
+  auto r = fromQuoted(s);
   if (r) v = std::move(*r);
   return r.has_value();
 }

@@ -112,7 +112,7 @@ AttrRows TimerQueue::attrRows() const {
          const auto& queue = static_cast<const TimerQueue&>(e);
          const Time now = queue.host_ ? queue.host_->now() : queue.round_;
          for (const Task* t : queue.pending_)
-           visit(quoted(t->name_), nullptr, toText(Seconds(t->due_ - now)));
+           visit(toQuoted(t->name_), nullptr, toText(Seconds(t->due_ - now)));
        }}};
   return rows;
 }

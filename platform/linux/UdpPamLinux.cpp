@@ -237,7 +237,7 @@ class UdpPamLinux final : public UdpPam {
 void UdpPamLinux::open() {
   const std::string& ns = netNs_.stringValue();
   if (ns.find('/') != std::string::npos || ns == "." || ns == "..")
-    throw ErrnoException(EINVAL, name_ + ": network namespace " + quoted(ns));
+    throw ErrnoException(EINVAL, name_ + ": network namespace " + toQuoted(ns));
   const int family = ipv6En_ ? AF_INET6 : AF_INET;
   auto refuse = [this](const char* what) {
     const int err = errno;  // NOLINT: before anything changes it

@@ -32,6 +32,7 @@ class SimPlatformImpl final : public SimPlatform, private TimerQueue::Host {
 
   // SimPlatform
   void advance(Seconds d) override;
+  void runRound() override;
   Ptr<TaskSchedulerRoot> schedulerRoot() override {
     return Ptr<TaskSchedulerRoot>::adopt(new Root(tasks_));
   }
@@ -240,6 +241,16 @@ void SimPlatformImpl::advance(Seconds d) {
   checkShared();
   now_ = std::max(now_, end);
   tasks_->roundIs(now_);
+}
+
+void SimPlatformImpl::runRound() {
+  tasks_->roundIs(now_);
+  questions_ = 0;
+  while (tasks_->runNext()) {
+    questions_ = 0;
+    checkShared();
+  }
+  checkShared();
 }
 
 /// Endpoints share with their senders what follows the first octets until the task is over.

@@ -30,6 +30,8 @@ class SimPlatform : public Platform {
   virtual void advance(Seconds d) = 0;
   /// Runs what is due now.
   void runDue() { advance(Seconds(0)); }
+  /// One round: runs what is due now; what is scheduled meanwhile waits, be it without delay.
+  virtual void runRound() = 0;
   virtual Ptr<TaskSchedulerRoot> schedulerRoot() = 0;
   virtual Ptr<TaskScheduler> scheduler() = 0;
   /// Sets the wall clock; timers do not notice.

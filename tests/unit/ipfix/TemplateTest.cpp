@@ -1,0 +1,393 @@
+#include <algorithm>
+
+#include "Tree.h"
+
+namespace FlowTracking {
+namespace {
+
+using TemplateTest = TreeTest;
+
+constexpr uint16_t dataSet = 2;
+constexpr uint16_t optionsSet = 3;
+using Counts = std::map<std::string, std::map<uint16_t, int>>;
+const std::map<uint16_t, int> oneOfEach{{dataSet, 1}, {optionsSet, 1}};
+
+TEST_F(TemplateTest, DataTemplatesToTheOctet) {
+  ftStatus->templateStatusIs(templateOf(257, {8, 1001, 82}));
+  makeReadyTree();
+  exporter->dscpIs(DscpValue(46));
+  exporter->collectorIpAndPortIs("c", dst4(1));
+  auto all = seen();
+  const auto it = std::find_if(all.begin(), all.end(), [](auto& s) { return s.setId() == 2; });
+  ASSERT_NE(it, all.end());
+  const std::vector<uint8_t> expected{
+      0x00, 0x0a, 0x00, 0x38, 0x65, 0x53, 0xf1, 0x00, 0,    0,    0,    0,
+      0,    0,    0,    7,                                                     // 1700000000, 0, 7
+      0x00, 0x02, 0x00, 0x28,                                                  //
+      0x01, 0x00, 0x00, 0x03, 0x00, 0x08, 0x00, 0x04, 0x00, 0x0c, 0x00, 0x04,  // 256
+      0x00, 0x01, 0x00, 0x08,                                                  //
+      0x01, 0x01, 0x00, 0x03, 0x00, 0x08, 0x00, 0x04,                          // 257
+      0x83, 0xe9, 0x00, 0x02, 0x00, 0x01, 0x86, 0x97, 0x00, 0x52, 0xff, 0xff};
+  EXPECT_EQ(it->datagram.octets, expected);
+  EXPECT_EQ(it->datagram.tos, 184);
+  EXPECT_EQ(it->datagram.src, IpGenAddr(source4));
+  EXPECT_EQ(it->datagram.srcPort, exporter->rxPort4());
+  EXPECT_EQ(it->to(), "10.0.0.1:4739");
+  EXPECT_EQ(ftExporter()->getFtTemplateLength(), 36u);
+}
+
+TEST_F(TemplateTest, OptionsTemplatesToTheOctet) {
+  makeReadyTree();
+  exporter->collectorIp6AndPortIs("c", dst6(1));
+  auto all = seen();
+  const auto it = std::find_if(all.begin(), all.end(), [](auto& s) { return s.setId() == 3; });
+  ASSERT_NE(it, all.end());
+  EXPECT_TRUE(it->datagram.dst.isIpv6());
+  // Keyed by template id; the order of the records in the set is free.
+  const std::map<uint16_t, std::vector<uint8_t>> expected{
+      {0xff00, {0, 2, 0, 1, 0, 234, 0, 4, 0, 236, 0xff, 0xff}},
+      {0xff01, {0, 2, 0, 1, 0, 10, 0, 4, 0, 82, 0xff, 0xff}},
+      {0xff02, {0, 2, 0, 1, 0, 145, 0, 2, 0, 173, 0, 8}},
+      {0xff03, {0,  8, 0, 1, 0,  149, 0, 4, 1,  44, 0xff, 0xff, 0,    36, 0, 2, 0, 37,   0,   2, 1,
+                48, 0, 2, 1, 53, 0,   4, 1, 54, 0,  4,    0x83, 0xe9, 0,  2, 0, 1, 0x86, 0x97}}};
+  std::map<uint16_t, std::vector<uint8_t>> found;
+  const auto& o = it->datagram.octets;
+  size_t at = 20;
+  while (at < o.size()) {
+    const uint16_t id = it->field16(at);
+    ASSERT_TRUE(expected.contains(id)) << id;
+    const size_t len = expected.at(id).size();
+    ASSERT_LE(at + 2 + len, o.size());
+    found[id].assign(o.begin() + static_cast<ptrdiff_t>(at + 2),
+                     o.begin() + static_cast<ptrdiff_t>(at + 2 + len));
+    at += 2 + len;
+  }
+  EXPECT_EQ(found, expected);
+  EXPECT_EQ(o.size(), 16u + 4 + 14 + 14 + 14 + 42);
+  EXPECT_EQ(it->field16(2), o.size());
+  EXPECT_EQ(it->field16(18), o.size() - 16);
+  EXPECT_TRUE(expInfo()->collInfo("c")->optTemplateSent());
+}
+
+// Whatever comes last, and whoever hears first: each collector gets each message exactly once.
+TEST_F(TemplateTest, OrderOfEventsDoesNotChangeWhatIsSent) {
+  const Counts expected{{"10.0.0.1:4739", oneOfEach},
+                        {"10.0.0.2:4739", oneOfEach},
+                        {"[2001:db8::1]:4739", oneOfEach}};
+  ftStatus->templateStatusIs(templateOf(256, {8, 12, 1}));
+  tracker->expConfigIs(exporter);
+  const std::vector<std::pair<const char*, std::function<void()>>> steps{
+      {"info reactors", [this] { makeInfoSm(); }},
+      {"template reactors", [this] { makeTemplateSm(); }},
+      {"tracker configuration", [this] { hwConfig->ftConfigIs(tracker); }},
+      {"tracker status", [this] { hwStatus->ftStatusIs(ftStatus); }},
+      {"IPv4 source", [this] { exporter->srcIpAddrIs(source4); }},
+      {"IPv6 source", [this] { exporter->srcIp6AddrIs(source6); }},
+      {"collectors",
+       [this] {
+         exporter->collectorIpAndPortIs("a", dst4(1));
+         exporter->collectorIp6AndPortIs("b", dst6(1));
+         exporter->collectorIpAndPortIs("c", dst4(2));
+       }},
+  };
+  std::vector<size_t> order(steps.size());
+  for (size_t i = 0; i < order.size(); ++i) order[i] = i;
+  int orders = 0;
+  do {
+    for (const bool runBetween : {true, false}) {
+      std::string names;
+      for (const size_t i : order) {
+        names += std::string(names.empty() ? "" : ", ") + steps[i].first;
+        steps[i].second();
+        if (runBetween) sim->runDue();
+      }
+      sim->runDue();
+      SCOPED_TRACE(names + (runBetween ? ", tasks run between" : ""));
+      ASSERT_EQ(seenCounts(), expected);
+      ASSERT_EQ(statsOf(dst4(1))->exportedMessageTotalCount(), 2u);
+      sim->advance(Seconds(29));
+      ASSERT_TRUE(seen().empty());
+      sim->advance(Seconds(2));
+      ASSERT_EQ(seenCounts(), expected) << "after one interval";
+
+      // And away again, by turns from the one side and from the other.
+      if (orders % 2 == 0) {
+        hwConfig->ftConfigDel("ft1");
+      } else {
+        hwStatus->ftStatusDel("ft1");
+      }
+      ASSERT_EQ(stats->size(), 0u);
+      sim->runDue();
+      if (orders % 3 == 0) {
+        infoSm = nullptr;
+        templateSm = nullptr;
+      } else {
+        templateSm = nullptr;
+        infoSm = nullptr;
+      }
+      ASSERT_EQ(sim->openEndpoints(), 0u);
+      ASSERT_TRUE(seen().empty());
+      hwConfig->ftConfigDel("ft1");
+      hwStatus->ftStatusDel("ft1");
+      info = flowTrackingInfoFactory(FlowTrackingType::software);
+      exporter->srcIpAddrIs(IpAddr());
+      exporter->srcIp6AddrIs(Ip6Addr());
+      exporter->collectorIpAndPortDel("a");
+      exporter->collectorIp6AndPortDel("b");
+      exporter->collectorIpAndPortDel("c");
+      ++orders;
+    }
+  } while (std::next_permutation(order.begin(), order.end()));
+  EXPECT_EQ(orders, 2 * 5040);
+}
+
+TEST_F(TemplateTest, EveryWholeSecondsOfTheInterval) {
+  makeReadyTree();
+  exporter->collectorIpAndPortIs("c", dst4(1));
+  seen();
+  struct Row {
+    uint32_t ms;
+    double wait;
+    int expected;
+  };
+  for (const Row& r : {Row{30000, 90.5, 3}, Row{1500, 10.5, 10}, Row{1000, 10.5, 10}}) {
+    exporter->templateIntervalIs(r.ms + 500000);  // away, so that the next is a change
+    exporter->templateIntervalIs(r.ms);
+    EXPECT_GE(seenCounts()["10.0.0.1:4739"][dataSet], 1) << "a change sends at once";
+    sim->advance(Seconds(r.wait));
+    EXPECT_EQ(seenCounts()["10.0.0.1:4739"][dataSet], r.expected) << r.ms;
+  }
+  // Below a second the task is due again at once: one message per round of the scheduler.
+  exporter->templateIntervalIs(999);
+  seen();
+  EXPECT_TRUE(ftExporter()->periodicTemplateTxTask()->scheduled());
+  for (int round = 0; round < 5; ++round) {
+    sim->runRound();
+    EXPECT_EQ(seenCounts()["10.0.0.1:4739"][dataSet], 1);
+  }
+}
+
+TEST_F(TemplateTest, StampsEachCollectorsOwnNumberAndTheMomentsTime) {
+  makeReadyTree();
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  exporter->collectorIpAndPortIs("b", dst4(2));
+  expInfo()->collInfo("a")->ipfixMsgSeqNoIs(::Ipfix::IpfixMsgSeqNo(1000));
+  expInfo()->collInfo("b")->ipfixMsgSeqNoIs(::Ipfix::IpfixMsgSeqNo(0xffffffff));
+  seen();
+  sim->wallClockIs(1800000000.9);
+  sim->advance(Seconds(30));
+  int messages = 0;
+  for (const auto& s : seen()) {
+    ++messages;
+    EXPECT_EQ(s.sequence(), s.to() == "10.0.0.1:4739" ? 1000u : 0xffffffffu);
+    EXPECT_EQ(s.exportTime(), 1800000030u);
+    EXPECT_EQ(s.domain(), 7u);
+  }
+  EXPECT_EQ(messages, 4);
+  EXPECT_EQ(expInfo()->collInfo("a")->ipfixMsgSeqNo().value(), 1000u) << "templates do not count";
+  EXPECT_EQ(ftExporter()->exportTimeU32().at("b"), 1800000030u);
+}
+
+TEST_F(TemplateTest, CollectorsComeMoveAndGo) {
+  makeReadyTree();
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  exporter->collectorIp6AndPortIs("b", dst6(1));
+  seen();
+  sim->advance(Seconds(10));
+
+  exporter->collectorIpAndPortIs("late", dst4(9));
+  EXPECT_EQ(seenCounts(), (Counts{{"10.0.0.9:4739", oneOfEach}})) << "nobody else hears";
+  sim->advance(Seconds(20));
+  EXPECT_EQ(seenCounts().size(), 3u) << "the period goes on as it was";
+
+  exporter->collectorIpAndPortIs("late", dst4(10));
+  EXPECT_EQ(seenCounts(), (Counts{{"10.0.0.10:4739", oneOfEach}}));
+  EXPECT_FALSE(statsOf(dst4(9))) << "the old address must not stay visible";
+  EXPECT_EQ(statsOf(dst4(10))->exportedMessageTotalCount(), 2u);
+
+  // Another name for the same address, then the first goes: the address is still counted.
+  exporter->collectorIpAndPortIs("later", dst4(10));
+  exporter->collectorIpAndPortDel("late");
+  EXPECT_EQ(statsOf(dst4(10))->exportedMessageTotalCount(), 4u);
+  exporter->collectorIpAndPortDel("later");
+  EXPECT_FALSE(statsOf(dst4(10)));
+
+  exporter->collectorIpAndPortDel("a");
+  seen();
+  EXPECT_TRUE(ftExporter()->periodicTemplateTxTask()->scheduled()) << "IPv6 goes on";
+  sim->advance(Seconds(30));
+  EXPECT_EQ(seenCounts(), (Counts{{"[2001:db8::1]:4739", oneOfEach}}));
+  exporter->collectorIp6AndPortDel("b");
+  EXPECT_FALSE(ftExporter()->periodicTemplateTxTask()->scheduled());
+  sim->advance(Seconds(100));
+  EXPECT_TRUE(seen().empty());
+  EXPECT_EQ(stats->size(), 0u);
+
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  EXPECT_EQ(seenCounts(), (Counts{{"10.0.0.1:4739", oneOfEach}}));
+}
+
+TEST_F(TemplateTest, ANewEndpointStartsWithTheTemplates) {
+  makeReadyTree();
+  sim->namespaceIs("ns-red", true);
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  exporter->collectorIp6AndPortIs("b", dst6(1));
+  seen();
+  exporter->srcIpAddrIs(IpAddr(0xc0000202));
+  auto all = seen();
+  ASSERT_EQ(all.size(), 2u) << "only IPv4";
+  for (const auto& s : all) {
+    EXPECT_EQ(s.datagram.src, IpGenAddr(IpAddr(0xc0000202)));
+    EXPECT_EQ(s.datagram.srcPort, exporter->rxPort4());
+  }
+  exporter->vrfNameIs(VrfName("red"));
+  EXPECT_EQ(seenCounts(),
+            (Counts{{"10.0.0.1:4739", oneOfEach}, {"[2001:db8::1]:4739", oneOfEach}}));
+
+  const uint16_t port = expInfo()->rxPort4();
+  expInfo()->rxPort4Is(0);
+  expInfo()->rxPort4Is(port);
+  EXPECT_EQ(seenCounts(), (Counts{{"10.0.0.1:4739", oneOfEach}})) << "ready again, same endpoint";
+
+  exporter->srcIpAddrIs(IpAddr());
+  sim->advance(Seconds(31));
+  EXPECT_EQ(seenCounts(), (Counts{{"[2001:db8::1]:4739", oneOfEach}}));
+  exporter->srcIp6AddrIs(Ip6Addr());
+  EXPECT_FALSE(ftExporter()->periodicTemplateTxTask()->scheduled());
+  sim->advance(Seconds(100));
+  EXPECT_TRUE(seen().empty());
+  exporter->srcIpAddrIs(source4);
+  EXPECT_EQ(seenCounts(), (Counts{{"10.0.0.1:4739", oneOfEach}}));
+}
+
+TEST_F(TemplateTest, FollowsTheTrackersTemplates) {
+  makeReadyTree();
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  seen();
+  const auto dataOnly = Counts{{"10.0.0.1:4739", {{dataSet, 1}}}};
+
+  ftStatus->templateStatus(256)->ftTemplateEntryIs(
+      HwFlowTracking::FtTemplateEntry(7, ::Ipfix::RecordType(2)));
+  sim->runDue();
+  EXPECT_TRUE(seen().empty()) << "only the generation tells";
+  ftStatus->templateStatus(256)->genIdIs(2);
+  ftStatus->templateStatusIs(templateOf(300, {27, 28}));
+  sim->runDue();
+  auto all = seen();
+  ASSERT_EQ(all.size(), 1u) << "two changes, one message";
+  EXPECT_EQ(all[0].field16(22), 4) << "field count of 256";
+  EXPECT_EQ(all[0].field16(40), 300);
+
+  const auto replaced = templateOf(300, {27});  // the same id, another object
+  ftStatus->templateStatusIs(replaced);
+  sim->runDue();
+  EXPECT_EQ(seenCounts(), dataOnly);
+  replaced->genIdIs(9);
+  sim->runDue();
+  EXPECT_EQ(seenCounts(), dataOnly) << "the new object is the one that is watched";
+
+  ftStatus->templateStatusDel(256);
+  ftStatus->templateStatusDel(300);
+  sim->runDue();
+  EXPECT_FALSE(ftExporter()->templateReady());
+  EXPECT_EQ(ftExporter()->templatePktMsgLen(), 0);
+  exporter->collectorIpAndPortIs("b", dst4(2));
+  sim->advance(Seconds(30));
+  EXPECT_EQ(seenCounts(),
+            (Counts{{"10.0.0.1:4739", {{optionsSet, 1}}}, {"10.0.0.2:4739", {{optionsSet, 2}}}}))
+      << "options templates go on";
+  ftStatus->templateStatusIs(templateOf(256, {8}));
+  sim->runDue();
+  EXPECT_EQ(seenCounts(),
+            (Counts{{"10.0.0.1:4739", {{dataSet, 1}}}, {"10.0.0.2:4739", {{dataSet, 1}}}}));
+
+  templateSm->optTemplateConfig()->versionInc(1);
+  sim->runDue();
+  EXPECT_EQ(seenCounts(),
+            (Counts{{"10.0.0.1:4739", {{optionsSet, 1}}}, {"10.0.0.2:4739", {{optionsSet, 1}}}}));
+}
+
+TEST_F(TemplateTest, TemplatesBeyondADatagramAreToldAndNotSent) {
+  sim->traceLevelIs(TraceLevel::error);
+  makeReadyTree();
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  seen();
+  for (uint16_t id = 1000; id < 1100; ++id)
+    ftStatus->templateStatusIs(templateOf(id, std::vector<uint32_t>(170, 8)));
+  sim->runDue();
+  EXPECT_TRUE(seen().empty());
+  const auto said = sim->takeTrace();
+  ASSERT_FALSE(said.empty());
+  EXPECT_NE(said[0].find("do not fit a datagram"), std::string::npos);
+}
+
+TEST_F(TemplateTest, CountsWhatItSentAndForgetsWithTheExporter) {
+  makeReadyTree();
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  exporter->collectorIp6AndPortIs("b", dst6(1));
+  sim->advance(Seconds(60));
+  uint64_t messages = 0;
+  uint64_t octets = 0;
+  for (const auto& s : seen()) {
+    if (s.to() != "10.0.0.1:4739") continue;
+    ++messages;
+    octets += s.datagram.octets.size();
+  }
+  EXPECT_EQ(messages, 6u);
+  auto entry = statsOf(dst4(1));
+  ASSERT_TRUE(entry);
+  EXPECT_EQ(entry->exportedMessageTotalCount(), messages);
+  EXPECT_EQ(entry->exportedOctetTotalCount(), octets);
+  EXPECT_EQ(entry->exportedFlowRecordTotalCount(), 0u);
+  EXPECT_EQ(entry->setEntry(Tarn::Ipfix::SetId(2)).exportedTemplateCount, 3u);
+  EXPECT_EQ(entry->setEntry(Tarn::Ipfix::SetId(3)).exportedTemplateCount, 12u);
+  EXPECT_EQ(entry->lastTemplateSentTime(), sim->clock().now());
+  EXPECT_EQ(entry->lastOptionsDataSentTime(), 0);
+
+  req->clearCountersIs(1);
+  entry = statsOf(dst4(1));
+  EXPECT_EQ(entry->exportedMessageTotalCount(), 0u);
+  EXPECT_EQ(entry->setEntry(Tarn::Ipfix::SetId(3)).exportedTemplateCount, 0u);
+  EXPECT_EQ(entry->lastClearedTime(), sim->clock().now());
+
+  // An entry whose slots are all taken by other sets still counts the message.
+  for (uint16_t id = 500; entry->setEntryCount() < 20; ++id)
+    entry->setEntryIs({.setId = id, .exportedFlowRecordCount = 1});
+  entry->setEntryDel(Tarn::Ipfix::SetId(2));
+  entry->setEntryIs({.setId = 999});
+  stats->statsIs(*entry);
+  sim->advance(Seconds(30));
+  EXPECT_EQ(statsOf(dst4(1))->exportedMessageTotalCount(), 2u);
+
+  tracker->expConfigDel("exp1");
+  EXPECT_EQ(stats->size(), 0u);
+  sim->advance(Seconds(100));
+  EXPECT_EQ(stats->size(), 0u);
+}
+
+using TemplateDeathTest = TemplateTest;
+TEST_F(TemplateDeathTest, WhatTheRegistryDoesNotKnowStopsTheProgram) {
+  makeReadyTree();
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  auto unknown = HwFlowTracking::templateStatusFactory(300);
+  unknown->ftTemplateEntryIs(HwFlowTracking::FtTemplateEntry(0, ::Ipfix::RecordType(3)));
+  EXPECT_DEATH(
+      {
+        ftStatus->templateStatusIs(unknown);
+        sim->runDue();
+      },
+      "elementIdColl\\(\\)->elementIdCollHas\\( te->fieldId\\(\\) \\)\", file "
+      "/src/Ipfix/FlowTrackerTemplateSm");
+  HwFlowTracking::FtTemplateEntry wrong(0, ::Ipfix::RecordType(8));
+  wrong.enterpriseIeIs(true);
+  unknown->ftTemplateEntryIs(wrong);
+  EXPECT_DEATH(
+      {
+        ftStatus->templateStatusIs(unknown);
+        sim->runDue();
+      },
+      "te->enterpriseIe\\(\\) == elementIdColl\\(\\)");
+}
+
+}  // namespace
+}  // namespace FlowTracking

@@ -1,0 +1,149 @@
+#pragma once
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Ipfix/FlowTrackerTemplateSm.h"
+#include "Ipfix/IpfixSm.h"
+#include "platform/sim/SimPlatform.h"
+
+/// An agent in a test: the entities a host would publish, and the library's root reactors over
+/// them, on simulated time.
+namespace FlowTracking {
+
+inline IpAndPort dst4(uint8_t host, uint16_t port = 4739) {
+  return {IpAddr(0x0a000000u + host), port};
+}
+inline Ip6AndPort dst6(uint8_t host, uint16_t port = 4739) {
+  Ip6Addr::Octets o{0x20, 0x01, 0x0d, 0xb8};
+  o[15] = host;
+  return {Ip6Addr(o), port};
+}
+inline const IpAddr source4(0xc0000201);  // 192.0.2.1
+inline const Ip6Addr source6 = *Ip6Addr::fromString("2001:db8:1::1");
+
+/// A received message, read without the library's help.
+struct Seen {
+  SimDatagram datagram;
+  uint16_t field16(size_t at) const {
+    return static_cast<uint16_t>(datagram.octets.at(at) << 8 | datagram.octets.at(at + 1));
+  }
+  uint32_t field32(size_t at) const {
+    return static_cast<uint32_t>(field16(at)) << 16 | field16(at + 2);
+  }
+  uint32_t exportTime() const { return field32(4); }
+  uint32_t sequence() const { return field32(8); }
+  uint32_t domain() const { return field32(12); }
+  uint16_t setId() const { return field16(16); }
+  std::string to() const {
+    const IpGenAddr& dst = datagram.dst;
+    return dst.isIpv6() ? Ip6AndPort{dst.ip6Addr(), datagram.dstPort}.stringValue()
+                        : IpAndPort{dst.ipAddr(), datagram.dstPort}.stringValue();
+  }
+};
+
+class TreeTest : public testing::Test {
+ protected:
+  TreeTest() {
+    Platform::install(sim.get());
+    sim->wallClockIs(1700000000.5);
+    init = ::Ipfix::ipfixInitSmFactory();
+    hwConfig = HwFlowTracking::configFactory();
+    hwStatus = HwFlowTracking::statusFactory();
+    req = configReqFactory();
+    info = flowTrackingInfoFactory(FlowTrackingType::software);
+    stats = Tarn::Ipfix::collectorStatisticsFactory(
+        simTableFactory(Tarn::Ipfix::CollectorStatistics::keyLen,
+                        Tarn::Ipfix::CollectorStatistics::valueLen, 1000));
+    tracker = HwFlowTracking::ftConfigFactory("ft1", 7);
+    exporter = HwFlowTracking::exporterConfigFactory("exp1");
+    exporter->templateIntervalIs(30000);
+    ftStatus = HwFlowTracking::ftStatusFactory("ft1");
+  }
+  ~TreeTest() override {
+    templateSm = nullptr;
+    infoSm = nullptr;
+    EXPECT_EQ(sim->openEndpoints(), 0u) << "an endpoint outlived its exporter";
+    info = nullptr;
+    Platform::install(nullptr);
+  }
+
+  void makeInfoSm() {
+    infoSm = flowTrackingInfoSmFactory(sim->schedulerRoot(), hwConfig, info, init->agentInfo());
+  }
+  void makeTemplateSm() {
+    templateSm = templateSmFactory(req, hwConfig, hwStatus, info, init->elementIdCollection(),
+                                   stats, sim->scheduler());
+  }
+  /// One template of the elements given, registry lengths; enterprise flags as registered.
+  Ptr<HwFlowTracking::TemplateStatus> templateOf(TemplateId id,
+                                                 const std::vector<uint32_t>& elements) {
+    auto status = HwFlowTracking::templateStatusFactory(id);
+    uint32_t position = 0;
+    for (const uint32_t element : elements) {
+      HwFlowTracking::FtTemplateEntry e(position++, element);
+      const auto& known = init->elementIdCollection()->elementIdColl(element);
+      e.fieldLenIs(static_cast<uint16_t>(known.len()));
+      e.enterpriseIeIs(known.enterpriseIe());
+      status->ftTemplateEntryIs(e);
+    }
+    status->genIdIs(1);
+    return status;
+  }
+  /// One tracker with one exporter, ready in both families, with a template; no collectors.
+  void makeReadyTree() {
+    ftStatus->templateStatusIs(templateOf(256, {8, 12, 1}));
+    exporter->srcIpAddrIs(source4);
+    exporter->srcIp6AddrIs(source6);
+    tracker->expConfigIs(exporter);
+    hwConfig->ftConfigIs(tracker);
+    hwStatus->ftStatusIs(ftStatus);
+    makeInfoSm();
+    makeTemplateSm();
+    sim->runDue();
+  }
+
+  std::vector<Seen> seen() {
+    std::vector<Seen> out;
+    for (auto& d : sim->takeSent()) out.push_back({std::move(d)});
+    return out;
+  }
+  /// How many messages of each set id went to each destination since the last look.
+  std::map<std::string, std::map<uint16_t, int>> seenCounts() {
+    std::map<std::string, std::map<uint16_t, int>> out;
+    for (const auto& s : seen()) ++out[s.to()][s.setId()];
+    return out;
+  }
+  std::optional<Tarn::Ipfix::CollectorStatisticsEntry> statsOf(
+      const Tarn::Ipfix::CollectorInfo& collector) {
+    return stats->stats(Tarn::Ipfix::CollectorStatisticsKey("ft1", "exp1", collector));
+  }
+  std::optional<Tarn::Ipfix::CollectorStatisticsEntry> statsOf(const IpAndPort& d) {
+    return statsOf(Tarn::Ipfix::CollectorInfo::fromIpAndPort(d));
+  }
+  std::optional<Tarn::Ipfix::CollectorStatisticsEntry> statsOf(const Ip6AndPort& d) {
+    return statsOf(Tarn::Ipfix::CollectorInfo::fromIp6AndPort(d));
+  }
+  Ptr<ExporterInfo> expInfo() const { return info->ftInfo("ft1")->expInfo("exp1"); }
+  Ptr<FtExporterSm> ftExporter() const {
+    return templateSm->ftTemplateSm("ft1")->ftExporterSm("exp1");
+  }
+
+  std::unique_ptr<SimPlatform> sim = simPlatform();
+  Ptr<::Ipfix::IpfixInitSm> init;
+  Ptr<HwFlowTracking::Config> hwConfig;
+  Ptr<HwFlowTracking::Status> hwStatus;
+  Ptr<ConfigReq> req;
+  Ptr<FlowTrackingInfo> info;
+  Ptr<Tarn::Ipfix::CollectorStatistics> stats;
+  Ptr<HwFlowTracking::FtConfig> tracker;
+  Ptr<HwFlowTracking::ExporterConfig> exporter;
+  Ptr<HwFlowTracking::FtStatus> ftStatus;
+  Ptr<FlowTrackingInfoSm> infoSm;
+  Ptr<TemplateSm> templateSm;
+};
+
+}  // namespace FlowTracking
