@@ -1,0 +1,86 @@
+#pragma once
+#include <cctype>
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+#include "cli/decoder/Decoder.h"
+
+namespace decoder {
+
+using Octets = std::vector<uint8_t>;
+
+/// Octets from hexadecimal digits; everything else in `text` is layout.
+inline Octets hex(std::string_view text) {
+  Octets out;
+  int high = -1;
+  for (const char c : text) {
+    if (!std::isxdigit(static_cast<unsigned char>(c))) continue;
+    const int digit = c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10;
+    if (high < 0) {
+      high = digit;
+    } else {
+      out.push_back(static_cast<uint8_t>(high << 4 | digit));
+      high = -1;
+    }
+  }
+  return out;
+}
+inline void put16(Octets& o, size_t at, size_t v) {
+  o[at] = static_cast<uint8_t>(v >> 8);
+  o[at + 1] = static_cast<uint8_t>(v);
+}
+inline void put32(Octets& o, size_t at, uint32_t v) {
+  put16(o, at, v >> 16);
+  put16(o, at + 2, v);
+}
+/// A message of domain 7 around `sets`, which are hexadecimal.
+inline Octets message(uint32_t sequence, std::string_view sets) {
+  Octets out = hex("000a 0000 67400000 00000000 00000007");
+  const Octets body = hex(sets);
+  out.insert(out.end(), body.begin(), body.end());
+  put16(out, 2, out.size());
+  put32(out, 8, sequence);
+  return out;
+}
+
+/// IANA's elements and one of an enterprise.
+inline const Element* testElement(uint32_t enterprise, uint16_t id) {
+  static constexpr Element trackingType{"flowTrackingType", Type::unsigned16};
+  if (enterprise == 99991) return id == 1001 ? &trackingType : nullptr;
+  return enterprise == 0 ? ianaElement(id) : nullptr;
+}
+
+/// One of everything: 127 octets, sequence 5, five data records.
+inline const Octets rich = hex(
+    /*   0 */
+    "000a 007f 67400000 00000005 00000007"
+    /*  16 */
+    "0002 0024"
+    /*  20 */
+    " 0100 0004 0008 0004 0001 0004 0052 ffff 83e9 0002 00018697"
+    /*  44 */
+    " 0101 0001 0096 0004"
+    /*  52 */
+    "0003 0014"
+    /*  56 */
+    " ff01 0002 0001 000a 0004 0052 ffff"
+    /*  70 */
+    " 0000"
+    /*  72 */
+    "0100 0021"
+    /*  76 */
+    " 0a000001 00000064 04 65746830 0002"
+    /*  91 */
+    " 0a000002 ffffffff 00 0103"
+    /* 102 */
+    " 000000"
+    /* 105 */
+    "ff01 000e"
+    /* 109 */
+    " 00000003 ff 0003 6c6f30"
+    /* 119 */
+    "0101 0008"
+    /* 123 */ " 67400000");
+
+}  // namespace decoder
