@@ -105,22 +105,22 @@ SourceAddresses ExporterSide::find() const {
 
 void ExporterSide::resolve() {
   const SourceAddresses found = find();
+  tellSource(found);
   config_->srcIpAddrIs(found.v4);
   config_->srcIp6AddrIs(found.v6);
-  tellSource();
 }
 
-void ExporterSide::tellSource() {
+void ExporterSide::tellSource(const SourceAddresses& found) {
   const Link* link = network_->link(interface_);
-  const bool has4 = !config_->srcIpAddr().isZero();
-  const bool has6 = !config_->srcIp6Addr().isZero();
+  const bool has4 = !found.v4.isZero();
+  const bool has6 = !found.v6.isZero();
   const std::string where = interface_ + " in VRF " + network_->vrf().stringValue();
   std::string text;
   if (has4 || has6) {
     text = "sends from ";
-    if (has4) text += config_->srcIpAddr().stringValue();
+    if (has4) text += found.v4.stringValue();
     if (has4 && has6) text += " and ";
-    if (has6) text += config_->srcIp6Addr().stringValue();
+    if (has6) text += found.v6.stringValue();
     text += " (" + where + ')';
   } else if (!network_->present()) {
     if (told_.empty()) return;  // not known yet

@@ -53,7 +53,7 @@ class ExporterSide {
 
   SourceAddresses find() const;
   void resolve();
-  void tellSource();
+  void tellSource(const SourceAddresses& found);
   void handleReadiness();
 
   SourceFinder& finder_;

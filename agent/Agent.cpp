@@ -1,0 +1,192 @@
+#include "agent/Agent.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <set>
+
+#include "agent/FlowTemplates.h"
+#include "agent/ServiceManager.h"
+#include "platform/linux/LinuxPlatform.h"
+#include "platform/linux/ShmTable.h"
+
+namespace agent {
+namespace {
+using Tarn::Ipfix::CollectorStatistics;
+
+constexpr TaskPriority afterAll = 255;  // the library's tasks are due before
+constexpr Seconds settlePoll{0.01};
+constexpr int settlePolls = 200;  // 2 s: a namespace that does not answer delays nobody longer
+constexpr Seconds statusDelay{0.2};
+constexpr size_t statisticsMin = 1024;
+
+/// Records in the statistics table, which cannot grow: one per collector, and as many again for
+/// those that reloads bring.
+size_t statisticsCapacity(const SettingsCount& n) {
+  return std::max(statisticsMin, 2 * n.collectors);
+}
+}  // namespace
+
+Agent::Agent(Ptr<EventLoop> loop, AgentLog& log, AgentOptions options)
+    : loop_(std::move(loop)), log_(log), options_(std::move(options)) {
+  platform_ = linuxPlatform(loop_, log_, log_, {.netnsDir = options_.netnsDir});
+  Platform::install(platform_.get());
+}
+Agent::~Agent() {
+  stop();
+  Platform::install(nullptr);
+}
+
+std::string Agent::configName() const {
+  return options_.configFile.empty() ? "the built-in configuration" : options_.configFile;
+}
+
+std::optional<Settings> Agent::readConfig() const {
+  SettingsResult read = options_.configFile.empty()
+                            ? parseSettings(defaultSettingsText(), configName())
+                            : readSettings(options_.configFile);
+  for (const std::string& error : read.errors) log_.error(error);
+  return std::move(read.settings);
+}
+
+bool Agent::start() {
+  const auto settings = readConfig();
+  if (!settings) {
+    log_.error("not started: " + configName() + " is not valid");
+    return false;
+  }
+  const SettingsCount n = count(*settings);
+  try {
+    ipfixInit_ = Ipfix::ipfixInitSmFactory();
+    std::string problem;
+    if (flowTemplates(*ipfixInit_->elementIdCollection(), problem).empty()) {
+      log_.error("not started: " + problem);
+      return false;
+    }
+    statisticsTable_ = shmTableFactory(settings->statistics, CollectorStatistics::keyLen,
+                                       CollectorStatistics::valueLen, statisticsCapacity(n));
+    statistics_ = Tarn::Ipfix::collectorStatisticsFactory(statisticsTable_);
+    configReq_ = FlowTracking::configReqFactory();
+    networks_ = std::make_unique<Networks>(loop_, options_.netnsDir, log_);
+    const auto scheduler = loop_->taskScheduler();
+    startedTask_ = scheduler->timerTask("agent-started", afterAll, [this] { handleStarted(); });
+    statusTask_ = scheduler->timerTask("agent-status", afterAll,
+                                       [this] { ServiceManager::status(status()); });
+    watchdogTask_ = scheduler->timerTask("agent-watchdog", afterAll, [this] { handleWatchdog(); });
+  } catch (const ErrnoException& e) {
+    const bool taken = e.code().value() == EBUSY;
+    log_.error("not started: " + std::string(e.what()) +
+               (taken ? "; give this agent another name in agent.statistics" : ""));
+    return false;
+  }
+  entities_ =
+      std::make_unique<Entities>([this](const VrfName& vrf) { return networks_->network(vrf); },
+                                 ipfixInit_->elementIdCollection(), log_,
+                                 [this] {
+                                   if (told_) statusTask_->scheduleLowestIs(statusDelay);
+                                 });
+  running_ = true;
+  apply(*settings);
+  log_.info("started with " + configName() + ": " + describe(n));
+  startedTask_->scheduleIs(Seconds(0));
+  if (ServiceManager::watchdog().count() > 0) handleWatchdog();
+  return true;
+}
+
+/// Ready is who has surveyed its networks and given the exporters found there a round to send.
+void Agent::handleStarted() {
+  if (!settled_) {
+    settled_ = networks_->settled() || ++startTries_ > settlePolls;
+    startedTask_->scheduleIs(settled_ ? Seconds(0) : settlePoll);
+    return;
+  }
+  told_ = true;
+  ServiceManager::ready(status());
+}
+
+std::string Agent::status() const {
+  const SettingsCount n = count(entities_->settings());
+  return std::to_string(entities_->readyExporters()) + " of " + std::to_string(n.exporters) +
+         " exporters ready, " + std::to_string(n.collectors) + " collectors";
+}
+
+void Agent::handleWatchdog() {
+  ServiceManager::alive();
+  watchdogTask_->scheduleIs(ServiceManager::watchdog() / 2);
+}
+
+Changes Agent::apply(const Settings& settings) {
+  const Changes changes = entities_->apply(settings);
+  for (const auto& [type, tree] : entities_->trees()) {
+    Roots& roots = roots_[type];
+    if (tree.config->ftConfig().empty()) {
+      roots.release();
+    } else if (!roots.templateSm) {
+      roots.info = FlowTracking::flowTrackingInfoFactory(type);
+      roots.infoSm = FlowTracking::flowTrackingInfoSmFactory(loop_, tree.config, roots.info,
+                                                             ipfixInit_->agentInfo());
+      roots.templateSm = FlowTracking::templateSmFactory(
+          configReq_, tree.config, tree.status, roots.info, ipfixInit_->elementIdCollection(),
+          statistics_, loop_->taskScheduler());
+    }
+  }
+  std::set<VrfName> vrfs;
+  for (const auto& [trackerName, tracker] : settings.trackers)
+    for (const auto& [name, exporter] : tracker.exporters) vrfs.insert(exporter.vrf);
+  networks_->keepOnly(vrfs);
+  return changes;
+}
+
+void Agent::reload() {
+  if (!running_) return;
+  if (options_.configFile.empty()) {
+    log_.info("nothing to reload: the built-in configuration runs");
+    return;
+  }
+  ServiceManager::reloading();
+  if (const auto settings = readConfig()) {
+    const Settings before = entities_->settings();
+    const Changes changes = apply(*settings);
+    std::string text = "reloaded " + configName() + ": " + describe(changes);
+    if (before.vrfs != settings->vrfs) text += "; VRF ids changed";
+    log_.info(text);
+    if (before.statistics != settings->statistics || before.control != settings->control)
+      log_.warning("agent.statistics and agent.control take effect at the next start");
+    const size_t collectors = count(*settings).collectors;
+    if (collectors > statisticsTable_->capacity())
+      log_.warning("counters of " + std::to_string(statisticsTable_->capacity()) + " of " +
+                   std::to_string(collectors) +
+                   " collectors are kept: the table grows at the next start");
+  } else {
+    log_.error("not reloaded: " + configName() +
+               " is not valid; everything runs on as it was before");
+  }
+  if (told_) ServiceManager::ready(status());
+}
+
+void Agent::Roots::release() {
+  templateSm = nullptr;
+  infoSm = nullptr;
+  info = nullptr;
+}
+
+void Agent::stop() {
+  if (running_) {
+    ServiceManager::stopping();
+    log_.info("stopping");
+  }
+  told_ = false;
+  startedTask_.reset();
+  statusTask_.reset();
+  watchdogTask_.reset();
+  for (auto& [type, roots] : roots_) roots.release();
+  roots_.clear();
+  entities_.reset();
+  networks_.reset();
+  configReq_ = nullptr;
+  statistics_ = nullptr;
+  statisticsTable_ = nullptr;
+  ipfixInit_ = nullptr;
+  if (std::exchange(running_, false)) log_.info("stopped");
+}
+
+}  // namespace agent

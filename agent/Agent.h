@@ -1,0 +1,85 @@
+#pragma once
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "Ipfix/CollectorStats.h"
+#include "Ipfix/FlowTrackerInfoSm.h"
+#include "Ipfix/FlowTrackerTemplateSm.h"
+#include "Ipfix/IpfixSm.h"
+#include "agent/AgentLog.h"
+#include "agent/Entities.h"
+#include "agent/Networks.h"
+#include "agent/SettingsFile.h"
+#include "platform/Platform.h"
+#include "platform/linux/EventLoop.h"
+
+namespace agent {
+
+struct AgentOptions {
+  std::string configFile;  ///< empty: the embedded default
+  std::string netnsDir = "/run/netns";
+};
+
+/// The running agent: the platform, the networks, the entities, and the library's root reactors.
+///
+///   Agent agent(loop, log, options);
+///   if (!agent.start()) return 1;   // it said why
+///   loop->run();                    // reload() from inside, as often as asked
+///   agent.stop();
+class Agent {
+ public:
+  Agent(Ptr<EventLoop> loop, AgentLog& log, AgentOptions options);
+  ~Agent();
+  Agent(const Agent&) = delete;
+  Agent& operator=(const Agent&) = delete;
+
+  /// Reads the configuration and starts on it. False: the reasons are in the log, and nothing runs.
+  bool start();
+  /// Reads the configuration again. A valid one is applied by difference; an invalid one changes
+  /// nothing. What happened is in the log.
+  void reload();
+  /// Releases the library's reactors, then what they stood on. Nothing after the first time.
+  void stop();
+
+  const Entities& entities() const { return *entities_; }
+
+ private:
+  /// The reactors of one kind of tracking. Templates go before the information they refer to.
+  struct Roots {
+    Ptr<FlowTracking::FlowTrackingInfo> info;
+    Ptr<FlowTracking::FlowTrackingInfoSm> infoSm;
+    Ptr<FlowTracking::TemplateSm> templateSm;
+    void release();
+  };
+
+  std::optional<Settings> readConfig() const;
+  std::string configName() const;
+  Changes apply(const Settings& settings);
+  void handleStarted();
+  std::string status() const;
+  void handleWatchdog();
+
+  Ptr<EventLoop> loop_;
+  AgentLog& log_;
+  AgentOptions options_;
+  bool running_ = false;
+  bool told_ = false;  // the service manager knows that the agent is ready
+  bool settled_ = false;
+  int startTries_ = 0;
+
+  std::unique_ptr<Platform> platform_;
+  Ptr<Ipfix::IpfixInitSm> ipfixInit_;
+  Ptr<SharedTable> statisticsTable_;
+  Ptr<Tarn::Ipfix::CollectorStatistics> statistics_;
+  Ptr<FlowTracking::ConfigReq> configReq_;
+  std::unique_ptr<Networks> networks_;
+  std::unique_ptr<Entities> entities_;
+  std::map<FlowTracking::FlowTrackingType, Roots> roots_;
+  std::unique_ptr<TimerTask> startedTask_;
+  std::unique_ptr<TimerTask> statusTask_;
+  std::unique_ptr<TimerTask> watchdogTask_;
+};
+
+}  // namespace agent

@@ -1,0 +1,119 @@
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include "agent/Agent.h"
+#include "agent/Printable.h"
+
+namespace {
+using namespace agent;
+
+constexpr int exitFailure = 1;
+constexpr int exitUsage = 2;
+
+int check(const std::string& fileName) {
+  const SettingsResult read = readSettings(fileName);
+  for (const std::string& error : read.errors) std::fprintf(stderr, "%s\n", error.c_str());
+  if (!read.settings) return exitFailure;
+  std::printf("%s: ok: %s\n", printable(fileName).c_str(), describe(count(*read.settings)).c_str());
+  return 0;
+}
+
+/// Every exporter has a socket per family and every namespace one more; the usual soft limit of
+/// 1024 descriptors is for programs that use select().
+void raiseDescriptorLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) < 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+/// The signals that the agent serves, as descriptor; blocked for good.
+int signalDescriptor() {
+  std::signal(SIGPIPE, SIG_IGN);  // a reader of the log that went away is no reason to stop
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int s : {SIGHUP, SIGTERM, SIGINT}) sigaddset(&set, s);
+  sigprocmask(SIG_BLOCK, &set, nullptr);
+  return signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
+}
+
+int run(const AgentOptions& options, AgentLog& log) {
+  const int signals = signalDescriptor();
+  raiseDescriptorLimit();
+  try {
+    const Ptr<EventLoop> loop = eventLoopFactory();
+    Agent agent(loop, log, options);
+    const auto watch = loop->fdWatch(signals, EPOLLIN, [&](uint32_t) {
+      signalfd_siginfo info{};
+      while (read(signals, &info, sizeof info) == sizeof info) {
+        if (info.ssi_signo == SIGHUP) {
+          agent.reload();
+        } else {
+          loop->stop();
+        }
+      }
+    });
+    if (!agent.start()) return exitFailure;
+    loop->run();
+    agent.stop();
+  } catch (const ErrnoException& e) {
+    log.error("not started: " + std::string(e.what()));
+    return exitFailure;
+  }
+  return 0;
+}
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"tarnflowd: exports flow information over IPFIX (RFC 7011)."};
+  AgentOptions options;
+  std::string checkFile;
+  std::string level;
+  bool printDefault = false;
+  app.add_option("--config", options.configFile,
+                 "the configuration (TOML); without it the built-in default runs")
+      ->type_name("FILE");
+  app.add_option("--check", checkFile, "say what is wrong with this configuration, and exit")
+      ->type_name("FILE");
+  app.add_flag("--print-default-config", printDefault,
+               "print the built-in default, which explains every key, and exit");
+  app.add_option("--log-level", level,
+                 "0 to 9, or error (0), event (3), detail (5), packet (8): how much of what goes "
+                 "on inside is logged; default 0")
+      ->type_name("LEVEL");
+  app.add_option("--netns-dir", options.netnsDir, "where network namespaces are mounted")
+      ->type_name("DIR")
+      ->capture_default_str();
+  app.set_version_flag("--version", "tarnflowd " TARN_VERSION);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e) == 0 ? 0 : exitUsage;
+  }
+  if (printDefault) {
+    std::fputs(std::string(defaultSettingsText()).c_str(), stdout);
+    return 0;
+  }
+  if (!checkFile.empty()) return check(checkFile);
+
+  AgentLog log = AgentLog::standard();
+  if (!level.empty()) {
+    const int number = traceLevelFromText(level);
+    if (number < 0) {
+      std::fprintf(stderr,
+                   "--log-level: '%s' is not allowed: 0 to 9, error, event, detail or packet\n",
+                   printable(level).c_str());
+      return exitUsage;
+    }
+    log.levelIs(number);
+  }
+  return run(options, log);
+}
