@@ -110,7 +110,7 @@ class TARN_API Entity {
   }
   template <class Map, class V, class W, class K>
   void put(Map& map, const typename Map::key_type& key, V&& v, void (W::*handler)(K)) {
-    typename Map::mapped_type old{};
+    [[maybe_unused]] typename Map::mapped_type old{};
     if (auto it = map.find(key); it == map.end()) {
       map.emplace(key, std::forward<V>(v));
     } else {

@@ -23,7 +23,8 @@ class TARN_API TimerTask {
   virtual ~TimerTask() = default;
 
   virtual const std::string& name() const = 0;
-  /// Runs once after `delay` (0 or less: as soon as possible), in place of any pending run.
+  /// Runs once after `delay`, in place of any pending run; never early. 0 or less: as soon as
+  /// possible, which is one and the same time until the next round begins.
   virtual void scheduleIs(Seconds delay) = 0;
   /// The same, except that an earlier pending run is kept.
   virtual void scheduleLowestIs(Seconds delay) = 0;
@@ -39,9 +40,10 @@ class TARN_API TimerTask {
 };
 
 /// Runs tasks in the order of their due time, equal times by priority, equal priorities in the
-/// order of scheduling. Time is monotonic: setting the wall clock moves no task. Between two rounds
-/// of due tasks the thread's other work (sockets, signals) gets its turn, so a task that schedules
-/// itself with delay 0 starves nobody.
+/// order of scheduling. On Linux due times are whole milliseconds, rounded up. Time is monotonic:
+/// setting the wall clock moves no task. A round runs what was due when it began; between two
+/// rounds the thread's other work (sockets, signals) gets its turn, so a task that schedules itself
+/// with delay 0 starves nobody.
 class TARN_API TaskScheduler : public Entity {
  public:
   /// `body` must not throw. `name` appears in traces and in the control socket's listing.

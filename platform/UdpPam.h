@@ -19,12 +19,15 @@ class TARN_API ErrnoException : public std::system_error {
 
 /// What an endpoint did since it was made; counts never go down, not even when it reopens.
 struct UdpPamCounters {
-  uint64_t sent = 0;                    ///< datagrams that the kernel took
-  uint64_t sentOctets = 0;              ///< their UDP payload
-  uint64_t dropped = 0;                 ///< datagrams that it refused, or that found the queue full
-  uint64_t queued = 0;                  ///< waiting for room in the socket now
-  uint64_t queuedMax = 0;               ///< the most that ever waited
-  std::map<int, uint64_t> dropByErrno;  ///< `dropped` by cause; ENOBUFS also for a full queue
+  uint64_t sent = 0;        ///< datagrams that the kernel took
+  uint64_t sentOctets = 0;  ///< their UDP payload
+  uint64_t dropped = 0;     ///< datagrams that it refused or that found no room
+  uint64_t queued = 0;      ///< waiting for room in the socket now
+  uint64_t queuedMax = 0;   ///< the most that ever waited
+  /// `dropped` by cause. Besides what the kernel says (ENETUNREACH, EMSGSIZE, EPERM, EINVAL: no
+  /// such source address, ...): ENOBUFS, the queue was full; EAGAIN, still queued when the endpoint
+  /// closed; EDESTADDRREQ, no destination address or port; EBADF, out of service.
+  std::map<int, uint64_t> dropByErrno;
 };
 
 /// One UDP endpoint, unconnected: every datagram carries its own addressing. Order of use:
@@ -53,8 +56,9 @@ class TARN_API UdpPam : public Entity {
   virtual void rxPortIs(uint16_t port) = 0;  ///< local port; zero: the kernel chooses
 
   /// In service: opens and binds the socket in the namespace; throws ErrnoException when refused
-  /// (ENOENT: no such namespace; EMFILE; EACCES; EADDRINUSE; EADDRNOTAVAIL) and stays out of
-  /// service. Out of service: sends what is queued if the socket takes it at once, then closes.
+  /// (ENOENT: no such namespace; EINVAL: the file is no namespace (yet); EMFILE; EACCES;
+  /// EADDRINUSE; EADDRNOTAVAIL) and stays out of service. Out of service: sends what is queued if
+  /// the socket takes it at once, then closes.
   virtual void modeIs(Mode mode) = 0;
   virtual Mode mode() const = 0;
   virtual uint8_t txPrio() const = 0;
@@ -73,7 +77,8 @@ class TARN_API UdpPam : public Entity {
   /// first `restampLen` octets and shares the rest, which must not change any more. It leaves in
   /// the order of the calls, at the latest when the current task or handler of the agent's loop
   /// is over. A socket without room keeps it queued (bounded); any other refusal drops and counts
-  /// it. Never throws, never blocks. Out of service: dropped and counted (EBADF).
+  /// it; a datagram too large for its path is refused (EMSGSIZE), never fragmented. Never throws,
+  /// never blocks.
   virtual void txPktIs(const Ptr<Pkt>& pkt) = 0;
 
   virtual const UdpPamCounters& counters() const = 0;

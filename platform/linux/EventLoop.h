@@ -15,12 +15,14 @@ namespace platform {
 ///   loop->run();                       // until stop()
 ///
 /// One round: wait for descriptors or the next due task, run the handlers of the ready
-/// descriptors, then the tasks that were due when the round began; after each handler and each
-/// task run the end-of-task hooks that were asked for inside it.
+/// descriptors, then the tasks that were due when the waiting ended; after each handler and each
+/// task run the end-of-task hooks that were asked for inside it. Due tasks that do not fit into
+/// 10 ms are left to the next round, whose first they are, so that descriptors never wait longer.
+/// Watches and tasks keep their loop alive.
 class EventLoop : public TaskSchedulerRoot {
  public:
-  /// A descriptor under watch; destroying it ends the watch (also from inside its handler) and
-  /// leaves the descriptor open.
+  /// A descriptor under watch; destroying it ends the watch, also from inside its own or another
+  /// handler, and leaves the descriptor open. To be destroyed before the descriptor is closed.
   class FdWatch {
    public:
     virtual ~FdWatch() = default;
@@ -33,13 +35,16 @@ class EventLoop : public TaskSchedulerRoot {
                                            std::function<void(uint32_t events)> handler) = 0;
   /// Runs `hook` once, when the handler or task under way is over; outside the loop, at the start
   /// of its next round. Endpoints send there what gathered. A hook must not throw; its owner must
-  /// outlive it or clear what it refers to.
+  /// outlive it or clear what it refers to. One that a hook asks for waits for the next such end,
+  /// or the start of the next round, which is then at once.
   virtual void atEndOfTask(std::function<void()> hook) = 0;
 
   /// Runs rounds until `stop`. Returns at once when `stop` was called before.
   virtual void run() = 0;
-  /// Runs one round, waiting at most `maxWait` for something to do.
+  /// Runs one round, waiting at most `maxWait` (negative: any time) for something to do. Neither
+  /// may be called from inside a handler, task or hook.
   virtual void runOnce(Seconds maxWait) = 0;
+  /// The round under way is the last of `run`.
   virtual void stop() = 0;
 };
 

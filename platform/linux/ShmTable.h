@@ -10,14 +10,17 @@
 namespace platform {
 
 /// Creates the table in a POSIX shared-memory segment, in place of one that a dead writer left
-/// behind. `name` begins with '/' and holds no other. Mode 0644: local users may read. Destroying
-/// the table marks it closed and unlinks it. Throws ErrnoException; EBUSY: a living process (its
-/// pid is in the text) writes a table of this name.
+/// behind. `name` begins with '/' and holds no other. Mode 0644: local users may read. Beside it
+/// stands "<name>.lock" while the writer lives. Destroying the table marks it closed and unlinks
+/// both. Throws ErrnoException (EBUSY: a living process, its pid is in the text, writes a table of
+/// this name; EEXIST: the name is taken by something that is no table; EINVAL: name or lengths;
+/// ENOSPC: all memory is taken at creation).
 Ptr<SharedTable> shmTableFactory(const std::string& name, size_t keyLen, size_t valueLen,
                                  size_t capacity);
 
 /// A reader of such a table, in any process: maps it read-only and takes no lock. It finds a newer
-/// table of the same name by itself at the next call.
+/// table of the same name by itself at the next call. It believes no length in the segment; only
+/// the segment's owner, by truncating it while a call is under way, could harm a reader (SIGBUS).
 class ShmTableReader {
  public:
   struct Record {

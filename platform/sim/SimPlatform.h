@@ -9,7 +9,10 @@
 #include "platform/TaskScheduler.h"
 
 /// The platform of unit tests: time that moves only when a test moves it, endpoints that keep what
-/// was sent, a table in plain memory. Same contracts, same test suite as the Linux one.
+/// was sent, a table in plain memory. Same contracts, same test suite as the Linux one. Endpoints
+/// send at once; their local ports count up from 40000, in the order of opening. It asserts that a
+/// transmitted packet changes in its first `UdpPam::restampLen` octets only until the task is over,
+/// and that no task reschedules itself for ever without letting time pass.
 namespace platform {
 
 /// One datagram as it would have left.
@@ -36,7 +39,8 @@ class SimPlatform : public Platform {
   virtual Ptr<TaskScheduler> scheduler() = 0;
   /// Sets the wall clock; timers do not notice.
   virtual void wallClockIs(double utcSeconds) = 0;
-  /// Bodies that ask `shouldYield` are told to after this many questions; 0 (default): never.
+  /// The so manieth question `shouldYield` of one run, and each after it, hears yes (1: every
+  /// question); 0 (default): never.
   virtual void yieldAfterIs(unsigned questions) = 0;
 
   /// Everything sent since the last call, in order.
@@ -48,7 +52,7 @@ class SimPlatform : public Platform {
   virtual void sendErrorIs(int err) = 0;
   virtual size_t openEndpoints() const = 0;  ///< endpoints in service now
 
-  /// Trace lines and log messages (as text) since the last call.
+  /// Trace lines and log messages ("NAME: text") since the last call.
   virtual std::vector<std::string> takeTrace() = 0;
   virtual std::vector<std::string> takeLog() = 0;
   /// Lines up to this level are kept; -1 (default): none.

@@ -1,0 +1,276 @@
+// The UDP endpoint's contract, over both platforms and both families.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <numeric>
+
+#include "tests/support/Net.h"
+#include "tests/unit/platform/Host.h"
+
+using namespace platform;
+using namespace std::chrono_literals;
+
+namespace {
+
+struct Kind {
+  HostKind host;
+  bool ipv6;
+};
+
+class Endpoint : public testing::TestWithParam<Kind> {
+ protected:
+  void SetUp() override {
+    if (GetParam().host.kernel && !support::privateNetwork())
+      GTEST_SKIP() << "no network namespace permitted";
+    host = GetParam().host.make();
+  }
+  Ptr<UdpPam> endpoint(const std::string& name = "udpPam-ft1-exp1") {
+    auto pam = host->platform().udpPam(name);
+    pam->ipv6EnIs(ipv6);
+    pam->txPrioIs(2);
+    return pam;
+  }
+  Ptr<UdpPam> opened() {
+    auto pam = endpoint();
+    pam->modeIs(UdpPam::inService);
+    return pam;
+  }
+  /// The next datagrams go to sink `i`, from source address `src` (1 or 2; 0: any).
+  void address(UdpPam& pam, int i, int src = 0) {
+    if (ipv6) {
+      const auto sink = host->sink6(i);
+      pam.txSrcIp6AddrIs(src == 0 ? Ip6Addr() : source(src).ip6Addr());
+      pam.txDstIp6AddrIs(sink.addr);
+      pam.txPortIs(sink.port);
+    } else {
+      const auto sink = host->sink4(i);
+      pam.txSrcIpAddrIs(src == 0 ? IpAddr() : source(src).ipAddr());
+      pam.txDstIpAddrIs(sink.addr);
+      pam.txPortIs(sink.port);
+    }
+  }
+  IpGenAddr source(int i) const {
+    return *IpGenAddr::fromString((ipv6 ? "2001:db8::" : "10.99.0.") + std::to_string(i));
+  }
+  Ptr<Pkt> packet(uint32_t len, uint8_t first = 0) {
+    auto pkt = host->platform().newPkt(len);
+    pkt->dataWholeIs();
+    if (len > 0) std::iota(pkt->at(0, len), pkt->at(0, len) + len, first);
+    return pkt;
+  }
+  static int errorOf(const std::function<void()>& f) {
+    try {
+      f();
+    } catch (const ErrnoException& e) {
+      return e.code().value();
+    }
+    return 0;
+  }
+
+  const bool ipv6 = GetParam().ipv6;
+  std::unique_ptr<Host> host;
+};
+
+TEST_P(Endpoint, OpensWithAPortAndClosesWithoutTrace) {
+  auto pam = endpoint("udpPam4-ft1-exp1");
+  EXPECT_EQ(pam->name(), "udpPam4-ft1-exp1");
+  EXPECT_EQ(pam->mode(), UdpPam::outOfService);
+  EXPECT_EQ(pam->rxPort(), 0);
+  EXPECT_EQ(pam->fd(), -1);
+  pam->modeIs(UdpPam::inService);
+  EXPECT_EQ(pam->mode(), UdpPam::inService);
+  EXPECT_EQ(pam->txPrio(), 2);
+  const uint16_t port = pam->rxPort();
+  const int fd = pam->fd();
+  EXPECT_NE(port, 0);
+  EXPECT_GE(fd, 0);
+  pam->modeIs(UdpPam::inService);
+  EXPECT_EQ(pam->rxPort(), port) << "nothing reopens";
+  EXPECT_EQ(pam->fd(), fd);
+
+  auto rival = endpoint();
+  rival->rxPortIs(port);
+  EXPECT_EQ(errorOf([&] { rival->modeIs(UdpPam::inService); }), EADDRINUSE);
+  EXPECT_EQ(rival->mode(), UdpPam::outOfService);
+  EXPECT_EQ(rival->rxPort(), port) << "what was asked for";
+  pam->modeIs(UdpPam::outOfService);
+  EXPECT_EQ(pam->rxPort(), 0);
+  EXPECT_EQ(pam->fd(), -1);
+  rival->modeIs(UdpPam::inService);
+  EXPECT_EQ(rival->rxPort(), port);
+  rival = nullptr;
+  pam->rxPortIs(port);
+  pam->modeIs(UdpPam::inService);
+  EXPECT_EQ(pam->rxPort(), port) << "a destroyed endpoint holds no port";
+}
+
+TEST_P(Endpoint, TwoFamiliesShareAPort) {
+  auto pam = opened();
+  auto other = endpoint();
+  other->ipv6EnIs(!ipv6);
+  other->rxPortIs(pam->rxPort());
+  other->modeIs(UdpPam::inService);
+  EXPECT_EQ(other->rxPort(), pam->rxPort());
+}
+
+TEST_P(Endpoint, EachDatagramCarriesItsAddressing) {
+  auto pam = opened();
+  auto task = host->scheduler()->timerTask("send", 2, [&] {
+    pam->txTosIs(184);
+    address(*pam, 0, 1);
+    pam->txPktIs(packet(100, 1));
+    address(*pam, 1, 2);
+    pam->txTosIs(0);
+    pam->txPktIs(packet(101, 2));
+    pam->txTosIs(252);
+    pam->txPktIs(packet(102, 3));
+    address(*pam, 0, 0);  // after it, so that nothing of it may stick
+    pam->txTosIs(4);
+  });
+  task->scheduleIs(0s);
+  host->pass(1ms);
+  auto got = host->received(3);
+  ASSERT_EQ(got.size(), 3u);
+  const int lower =
+      ipv6 ? host->sink6(0).port < host->sink6(1).port : host->sink4(0).port < host->sink4(1).port;
+  if (!lower) std::rotate(got.begin(), got.begin() + 2, got.end());
+  const struct {
+    int src;
+    uint8_t tos;
+    uint32_t len;
+    uint8_t first;
+  } want[] = {{1, 184, 100, 1}, {2, 0, 101, 2}, {2, 252, 102, 3}};
+  for (size_t i = 0; i < 3; ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_EQ(got[i].src, source(want[i].src));
+    EXPECT_EQ(got[i].dst, source(1));
+    EXPECT_EQ(got[i].srcPort, pam->rxPort());
+    EXPECT_EQ(got[i].tos, want[i].tos);
+    EXPECT_EQ(got[i].octets.size(), want[i].len);
+    EXPECT_EQ(got[i].octets[0], want[i].first);
+    EXPECT_EQ(got[i].octets.back(), want[i].first + want[i].len - 1);
+  }
+  EXPECT_EQ(pam->counters().sent, 3u);
+  EXPECT_EQ(pam->counters().sentOctets, 303u);
+  EXPECT_EQ(pam->counters().dropped, 0u);
+}
+
+TEST_P(Endpoint, TakesTheFirstOctetsOverAtOnce) {
+  auto pam = opened();
+  address(*pam, 0);
+  const std::vector<uint32_t> lens = {0, 1, 15, 16, 17, 1400};
+  auto task = host->scheduler()->timerTask("send", 2, [&] {
+    for (const uint32_t len : lens) {
+      auto pkt = packet(len);
+      const uint32_t stamped = std::min(len, UdpPam::restampLen);
+      for (uint8_t round = 1; round <= 3; ++round) {
+        for (uint32_t i = 0; i < stamped; ++i) *pkt->at(i, 1) = round;
+        pam->txPktIs(pkt);
+      }
+      for (uint32_t i = 0; i < stamped; ++i) *pkt->at(i, 1) = 99;
+    }
+  });
+  task->scheduleIs(0s);
+  host->pass(1ms);
+  const auto got = host->received(lens.size() * 3);
+  ASSERT_EQ(got.size(), lens.size() * 3);
+  for (size_t n = 0; n < got.size(); ++n) {
+    ASSERT_EQ(got[n].octets.size(), lens[n / 3]);
+    for (size_t i = 0; i < got[n].octets.size(); ++i)
+      ASSERT_EQ(got[n].octets[i], i < 16 ? n % 3 + 1 : i & 255) << n << ' ' << i;
+  }
+}
+
+TEST_P(Endpoint, KeepsTheOrder) {
+  auto pam = opened();
+  address(*pam, 0);
+  constexpr int n = 3000;
+  auto task = host->scheduler()->timerTask("send", 2, [&] {
+    for (int i = 0; i < n; ++i) {
+      auto pkt = packet(64);
+      std::memcpy(pkt->at(20, sizeof i), &i, sizeof i);
+      pam->txTosIs(static_cast<uint8_t>(i / 10 * 4));  // changes inside what one call sends
+      pam->txPktIs(pkt);
+    }
+  });
+  task->scheduleIs(0s);
+  host->pass(1ms);
+  const auto got = host->received(n);
+  ASSERT_EQ(got.size(), static_cast<size_t>(n));
+  for (int i = 0; i < n; ++i) {
+    int number = 0;
+    std::memcpy(&number, got[static_cast<size_t>(i)].octets.data() + 20, sizeof number);
+    ASSERT_EQ(number, i);
+    ASSERT_EQ(got[static_cast<size_t>(i)].tos, static_cast<uint8_t>(i / 10 * 4));
+  }
+  EXPECT_EQ(pam->counters().queued, 0u);
+}
+
+TEST_P(Endpoint, SendsBeforeItCloses) {
+  auto task = host->scheduler()->timerTask("send", 2, [&] {
+    auto pam = opened();
+    address(*pam, 0);
+    pam->txPktIs(packet(40, 1));
+    pam->modeIs(UdpPam::outOfService);
+    pam->modeIs(UdpPam::inService);
+    pam->txPktIs(packet(40, 2));
+    pam = nullptr;  // with its end-of-task work still to come
+  });
+  task->scheduleIs(0s);
+  host->pass(1ms);
+  const auto got = host->received(2);
+  ASSERT_EQ(got.size(), 2u);
+  EXPECT_EQ(got[0].octets[0], 1);
+  EXPECT_EQ(got[1].octets[0], 2);
+}
+
+TEST_P(Endpoint, CountsWhatItCannotSend) {
+  auto pam = endpoint();
+  address(*pam, 0);
+  pam->txPktIs(packet(40));
+  EXPECT_EQ(pam->counters().dropByErrno, (std::map<int, uint64_t>{{EBADF, 1}}));
+  pam->modeIs(UdpPam::inService);
+  pam->txPortIs(0);
+  pam->txPktIs(packet(40));
+  address(*pam, 0);
+  if (ipv6) {
+    pam->txDstIp6AddrIs({});
+  } else {
+    pam->txDstIpAddrIs({});
+  }
+  pam->txPktIs(packet(40));
+  host->pass(1ms);
+  EXPECT_EQ(pam->counters().dropByErrno, (std::map<int, uint64_t>{{EBADF, 1}, {EDESTADDRREQ, 2}}));
+  EXPECT_EQ(pam->counters().dropped, 3u);
+  EXPECT_EQ(pam->counters().sent, 0u);
+  EXPECT_TRUE(host->received(0).empty());
+  pam->modeIs(UdpPam::outOfService);
+  EXPECT_EQ(pam->counters().dropped, 3u) << "counts outlive the socket";
+}
+
+TEST_P(Endpoint, ANamespaceThatIsNotThereIsAnError) {
+  auto pam = endpoint();
+  pam->netNsIs(NamespaceName("ns-tt-nowhere"));
+  EXPECT_EQ(errorOf([&] { pam->modeIs(UdpPam::inService); }), ENOENT);
+  EXPECT_EQ(pam->mode(), UdpPam::outOfService);
+  pam->netNsIs({});
+  pam->modeIs(UdpPam::inService);
+  EXPECT_NE(pam->rxPort(), 0) << "a refusal leaves nothing behind";
+  pam->ipv6EnIs(!ipv6);
+  address(*pam, 0);
+  pam->txPktIs(packet(40));
+  host->pass(1ms);
+  EXPECT_EQ(host->received(1).size(), 1u) << "a new family waits for the next opening";
+}
+
+std::vector<Kind> kinds() {
+  std::vector<Kind> all;
+  for (const HostKind& h : hostKinds)
+    for (const bool ipv6 : {false, true}) all.push_back({h, ipv6});
+  return all;
+}
+INSTANTIATE_TEST_SUITE_P(On, Endpoint, testing::ValuesIn(kinds()), [](const auto& info) {
+  return std::string(info.param.host.name) + (info.param.ipv6 ? "6" : "4");
+});
+
+}  // namespace

@@ -1,0 +1,39 @@
+#pragma once
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/Platform.h"
+#include "platform/SharedTable.h"
+#include "platform/TaskScheduler.h"
+#include "platform/sim/SimPlatform.h"
+
+/// One implementation of the platform, as the shared suite sees it.
+class Host {
+ public:
+  virtual ~Host() = default;
+  virtual platform::Platform& platform() = 0;
+  virtual platform::Ptr<platform::TaskScheduler> scheduler() = 0;
+  /// Lets at least this much time pass; what comes due runs.
+  virtual void pass(platform::Seconds d) = 0;
+  /// One round of tasks.
+  virtual void round() = 0;
+  /// Where datagrams may be sent to so that `received` shows them: two ports of each family.
+  virtual platform::IpAndPort sink4(int i) = 0;
+  virtual platform::Ip6AndPort sink6(int i) = 0;
+  /// Everything that arrived there, in order per sink; waits until `n` are there, or some seconds.
+  virtual std::vector<platform::SimDatagram> received(size_t n) = 0;
+  virtual platform::Ptr<platform::SharedTable> table(size_t keyLen, size_t valueLen,
+                                                     size_t capacity) = 0;
+};
+
+std::unique_ptr<Host> simHost();
+/// In the process's private network (see support::privateNetwork).
+std::unique_ptr<Host> linuxHost();
+
+struct HostKind {
+  const char* name;
+  std::unique_ptr<Host> (*make)();
+  bool kernel;  // needs a private network for its endpoints
+};
+inline constexpr HostKind hostKinds[] = {{"sim", simHost, false}, {"linux", linuxHost, true}};

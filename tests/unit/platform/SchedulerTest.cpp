@@ -1,0 +1,331 @@
+// The task scheduler's contract, over both platforms; then the queue that both share against a
+// plain model.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+
+#include "platform/TimerQueue.h"
+#include "tests/unit/platform/Host.h"
+
+using namespace platform;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr Seconds never = 1h;
+
+class Scheduler : public testing::TestWithParam<HostKind> {
+ protected:
+  std::unique_ptr<TimerTask> task(
+      const std::string& name, TaskPriority priority = 2, std::function<void()> more = [] {}) {
+    return host->scheduler()->timerTask(name, priority, [this, name, more] {
+      ran += name + ' ';
+      more();
+    });
+  }
+  const std::unique_ptr<Host> host = GetParam().make();
+  std::string ran;
+};
+
+TEST_P(Scheduler, RunsByDueTimeThenPriorityThenOrderOfScheduling) {
+  auto late = task("late", 0);
+  auto mid = task("mid", 9);
+  auto a = task("a"), b = task("b", 1), c = task("c"), d = task("d", 1), e = task("e");
+  late->scheduleIs(12ms);
+  mid->scheduleIs(6ms);
+  a->scheduleIs(0ms);
+  b->scheduleIs(0ms);
+  c->scheduleIs(-5s);
+  d->scheduleIs(0ms);
+  e->scheduleIs(0ms);
+  a->scheduleIs(0ms);  // again: its place is now the last
+  EXPECT_EQ(ran, "") << "never inside the call that schedules";
+  host->pass(20ms);
+  EXPECT_EQ(ran, "b d c e a mid late ");
+}
+
+TEST_P(Scheduler, KeepsOnePendingRun) {
+  struct Row {
+    const char* name;
+    Seconds first;
+    Seconds second;
+    bool lowest;
+    bool runs;
+  };
+  for (const Row& r :
+       {Row{"sooner", never, 1ms, false, true}, Row{"later", 1ms, never, false, false},
+        Row{"lowest is new", never, 1ms, true, true},
+        Row{"lowest is pending", 1ms, never, true, true}}) {
+    SCOPED_TRACE(r.name);
+    ran.clear();
+    auto t = task("t");
+    EXPECT_FALSE(t->scheduled());
+    t->scheduleIs(r.first);
+    if (r.lowest) {
+      t->scheduleLowestIs(r.second);
+    } else {
+      t->scheduleIs(r.second);
+    }
+    EXPECT_TRUE(t->scheduled());
+    host->pass(5ms);
+    EXPECT_EQ(ran, r.runs ? "t " : "");
+    EXPECT_EQ(t->scheduled(), !r.runs);
+  }
+  auto idle = task("idle");
+  idle->scheduleLowestIs(1ms);
+  idle->stop();
+  idle->stop();
+  EXPECT_FALSE(idle->scheduled());
+  ran.clear();
+  host->pass(5ms);
+  EXPECT_EQ(ran, "");
+}
+
+TEST_P(Scheduler, TellsPendingAndRunningApart) {
+  std::unique_ptr<TimerTask> t;
+  std::string seen;
+  auto flags = [&] {
+    seen += t->scheduled() ? 'S' : '-';
+    seen += t->running() ? 'R' : '-';
+  };
+  t = task("t", 2, [&] {
+    flags();
+    t->scheduleIs(never);
+    flags();
+    EXPECT_FALSE(t->shouldYield()) << "the body has only begun";
+  });
+  flags();
+  t->scheduleIs(0s);
+  flags();
+  host->pass(0s);
+  flags();
+  t->stop();
+  flags();
+  EXPECT_EQ(seen, "--S--RSRS---");
+}
+
+TEST_P(Scheduler, LetsABodyDestroyAnyTask) {
+  auto alive = std::make_shared<int>(7);
+  std::unique_ptr<TimerTask> self, due, pending;
+  int seen = 0;
+  due = task("due");
+  pending = task("pending");
+  self = task("self", 1, [&, alive] {
+    self = nullptr;
+    due = nullptr;
+    pending = nullptr;
+    seen = *alive;  // what the body holds lives until it returns
+  });
+  std::weak_ptr<int> watch = alive;
+  alive.reset();
+  self->scheduleIs(0s);
+  due->scheduleIs(0s);
+  pending->scheduleIs(1ms);
+  host->pass(5ms);
+  EXPECT_EQ(ran, "self ");
+  EXPECT_EQ(seen, 7);
+  EXPECT_TRUE(watch.expired()) << "the body is released with its task";
+
+  // A stop or a new time for a task of the same round holds too.
+  ran.clear();
+  auto stopped = task("stopped"), moved = task("moved");
+  auto first = task("first", 1, [&] {
+    stopped->stop();
+    moved->scheduleIs(never);
+  });
+  for (auto* t : {first.get(), stopped.get(), moved.get()}) t->scheduleIs(0s);
+  host->pass(2ms);
+  EXPECT_EQ(ran, "first ");
+  EXPECT_TRUE(moved->scheduled());
+}
+
+TEST_P(Scheduler, RoundRunsWhatWasDueWhenItBegan) {
+  std::unique_ptr<TimerTask> urgent = task("urgent", 0);
+  std::unique_ptr<TimerTask> again;
+  int runs = 0;
+  again = task("again", 1, [&] {
+    if (++runs < 50) again->scheduleIs(0s);
+    urgent->scheduleIs(0s);
+  });
+  auto other = task("other", 2);
+  again->scheduleIs(0s);
+  other->scheduleIs(0s);
+  host->round();
+  EXPECT_EQ(ran, "again other ");
+  host->round();
+  EXPECT_EQ(ran, "again other urgent again ");
+  host->pass(1ms);
+  EXPECT_EQ(runs, 50);
+}
+
+TEST_P(Scheduler, IsCheapWithAHundredThousandTasks) {
+  constexpr size_t n = 100000;
+  size_t runs = 0;
+  const auto start = std::chrono::steady_clock::now();
+  std::vector<std::unique_ptr<TimerTask>> tasks;
+  std::mt19937 random(1);
+  for (size_t i = 0; i < n; ++i) {
+    tasks.push_back(host->scheduler()->timerTask("t", 2, [&runs] { ++runs; }));
+    tasks.back()->scheduleIs(Seconds(1 + static_cast<double>(random() % 1000000) * 1e-6));
+  }
+  std::ranges::shuffle(tasks, random);
+  for (size_t i = 0; i < n; ++i) {
+    if (i % 2) {
+      tasks[i]->stop();
+    } else {
+      tasks[i]->scheduleLowestIs(Seconds(static_cast<double>(i % 977) * 1e-5));
+    }
+  }
+  host->pass(20ms);
+  for (int more = 0; runs < n / 2 && more < 200; ++more) host->pass(10ms);  // a round has its share
+  EXPECT_EQ(runs, n / 2);
+  // Anything quadratic needs minutes.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+}
+
+INSTANTIATE_TEST_SUITE_P(On, Scheduler, testing::ValuesIn(hostKinds),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+/// A queue under random operations, from outside and from inside bodies, against a list that is
+/// searched from end to end.
+class Model : public TimerQueue::Host {
+ public:
+  explicit Model(unsigned seed) : random_(seed) {}
+  ~Model() override { queue_->hostDel(); }
+  TimerQueue::Time now() const override { return now_; }
+  bool shouldYield() const override { return false; }
+
+  void run(int steps) {
+    queue_->roundIs(now_);
+    for (int i = 0; i < steps; ++i) {
+      change();
+      if (random_() % 4 == 0) round();
+    }
+  }
+
+ private:
+  struct Entry {
+    std::unique_ptr<TimerTask> task;
+    TaskPriority priority = 0;
+    bool pending = false;
+    TimerQueue::Time due{0};
+    uint64_t seq = 0;
+  };
+
+  void due(Entry& e, TimerQueue::Time at) {
+    e.pending = true;
+    e.due = at;
+    e.seq = seq_++;
+  }
+  void change() {
+    const int id = static_cast<int>(random_() % 12);
+    auto it = entries_.find(id);
+    if (it == entries_.end()) {
+      Entry& e = entries_[id];
+      e.priority = static_cast<TaskPriority>(random_() % 3);
+      e.task = queue_->timerTask(std::to_string(id), e.priority, [this, id] { body(id); });
+      return;
+    }
+    Entry& e = it->second;
+    const int ms = static_cast<int>(random_() % 5);
+    const TimerQueue::Time at = ms == 0 ? roundTime_ : now_ + std::chrono::milliseconds(ms);
+    switch (random_() % 5) {
+      case 0:
+      case 1:
+        e.task->scheduleIs(std::chrono::milliseconds(ms));
+        due(e, at);
+        break;
+      case 2:
+        e.task->scheduleLowestIs(std::chrono::milliseconds(ms));
+        if (!e.pending || at < e.due) due(e, at);
+        break;
+      case 3:
+        e.task->stop();
+        e.pending = false;
+        break;
+      case 4:
+        entries_.erase(it);
+        break;
+    }
+  }
+  void body(int id) {
+    got_ = id;
+    auto it = entries_.find(id);
+    ASSERT_NE(it, entries_.end()) << "a destroyed task ran";
+    it->second.pending = false;
+    for (unsigned n = random_() % 4; n > 0; --n) change();
+  }
+  int expected() const {
+    const Entry* best = nullptr;
+    int id = -1;
+    for (const auto& [i, e] : entries_) {
+      if (!e.pending || e.due > roundTime_ || e.seq >= roundSeq_) continue;
+      if (best &&
+          std::tie(best->due, best->priority, best->seq) < std::tie(e.due, e.priority, e.seq))
+        continue;
+      best = &e;
+      id = i;
+    }
+    return id;
+  }
+  void round() {
+    now_ += std::chrono::milliseconds(random_() % 3);
+    roundTime_ = now_;
+    roundSeq_ = seq_;
+    queue_->roundIs(now_);
+    for (;;) {
+      const int want = expected();
+      got_ = -1;
+      const bool ran = queue_->runNext();
+      ASSERT_EQ(ran, want >= 0);
+      ASSERT_EQ(got_, want);
+      for (const auto& [id, e] : entries_) ASSERT_EQ(e.task->scheduled(), e.pending) << id;
+      if (!ran) break;
+    }
+  }
+
+  std::mt19937 random_;
+  TimerQueue::Time now_{0};
+  TimerQueue::Time roundTime_{0};
+  uint64_t seq_ = 0;
+  uint64_t roundSeq_ = 0;
+  int got_ = -1;
+  const Ptr<TimerQueue> queue_ = Ptr<TimerQueue>::adopt(new TimerQueue(*this, 1ns));
+  std::map<int, Entry> entries_;
+};
+
+TEST(TimerQueue, AgreesWithAPlainModel) {
+  for (unsigned seed = 1; seed <= 20 && !testing::Test::HasFatalFailure(); ++seed) {
+    SCOPED_TRACE(seed);
+    Model(seed).run(2000);
+  }
+}
+
+TEST(TimerQueue, RoundsDueTimesUpToItsGrain) {
+  struct Clock final : TimerQueue::Host {
+    TimerQueue::Time now() const override { return t; }
+    bool shouldYield() const override { return false; }
+    TimerQueue::Time t{1500us};
+  } clock;
+  auto queue = Ptr<TimerQueue>::adopt(new TimerQueue(clock, 1ms));
+  std::string ran;
+  auto a = queue->timerTask("a", 2, [&] { ran += 'a'; });
+  auto b = queue->timerTask("b", 1, [&] { ran += 'b'; });
+  a->scheduleIs(200us);
+  clock.t += 100us;
+  b->scheduleIs(300us);
+  EXPECT_EQ(queue->nextDue(), TimerQueue::Time(2ms)) << "never early";
+  queue->roundIs(2ms);
+  while (queue->runNext()) {
+  }
+  EXPECT_EQ(ran, "ba");
+  a->scheduleIs(Seconds(1e300));
+  EXPECT_GT(*queue->nextDue(), 24h) << "no overflow";
+  a->scheduleIs(Seconds(std::numeric_limits<double>::quiet_NaN()));
+  EXPECT_EQ(queue->nextDue(), TimerQueue::Time(2ms));
+  queue->hostDel();
+}
+
+}  // namespace

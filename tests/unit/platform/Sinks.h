@@ -1,0 +1,18 @@
+#pragma once
+#include <string>
+#include <vector>
+
+#include "platform/Log.h"
+#include "platform/Trace.h"
+
+/// Keeps the trace lines of level 0.
+struct Lines final : platform::TraceSink {
+  bool enabled(int level) const override { return level <= platform::TraceLevel::error; }
+  void line(int level, std::string_view text) override {
+    if (enabled(level)) all.emplace_back(text);
+  }
+  std::vector<std::string> all;
+};
+struct NoLog final : platform::LogSink {
+  void log(const platform::LogMessage&, std::span<const std::string>) override {}
+};

@@ -1,0 +1,93 @@
+// The shared table's contract, over both platforms.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <random>
+
+#include "tests/unit/platform/Host.h"
+
+using namespace platform;
+
+namespace {
+
+using Octets = std::vector<std::byte>;
+
+Octets octets(size_t len, uint64_t n) {
+  Octets o(len);
+  std::memcpy(o.data(), &n, std::min(len, sizeof n));
+  if (len > 8) o.back() = std::byte(n * 7);
+  return o;
+}
+
+class Table : public testing::TestWithParam<HostKind> {
+ protected:
+  static std::map<Octets, Octets> content(const SharedTable& t) {
+    std::map<Octets, Octets> all;
+    t.each([&](SharedTable::Octets k, SharedTable::Octets v) {
+      EXPECT_TRUE(all.emplace(Octets(k.begin(), k.end()), Octets(v.begin(), v.end())).second);
+    });
+    return all;
+  }
+  const std::unique_ptr<Host> host = GetParam().make();
+};
+
+TEST_P(Table, AgreesWithAMapUnderRandomChanges) {
+  struct Row {
+    const char* name;
+    size_t keyLen, valueLen, capacity;
+    unsigned keys;  // that are drawn from
+  };
+  for (const Row& r : {Row{"one record", 1, 1, 1, 4}, Row{"odd lengths", 13, 21, 40, 60},
+                       Row{"full most of the time", 300, 850, 64, 200},
+                       Row{"ever new keys", 8, 8, 100, 1u << 30}}) {
+    SCOPED_TRACE(r.name);
+    auto t = host->table(r.keyLen, r.valueLen, r.capacity);
+    EXPECT_EQ(t->keyLen(), r.keyLen);
+    EXPECT_EQ(t->valueLen(), r.valueLen);
+    EXPECT_EQ(t->capacity(), r.capacity);
+    std::map<Octets, Octets> oracle;
+    std::mt19937 random(1);
+    for (int step = 0; step < 20000; ++step) {
+      Octets key = octets(r.keyLen, random() % r.keys);
+      if (random() % 2 && !oracle.empty())  // one that is there
+        key = std::next(oracle.begin(), static_cast<long>(random() % oracle.size()))->first;
+      const Octets value = octets(r.valueLen, random());
+      switch (random() % 5) {
+        case 0:
+        case 1:
+        case 2: {
+          const bool fits = oracle.contains(key) || oracle.size() < r.capacity;
+          ASSERT_EQ(t->put(key, value), fits);
+          if (fits) oracle[key] = value;
+          break;
+        }
+        case 3:
+          ASSERT_EQ(t->del(key), oracle.erase(key) == 1);
+          break;
+        case 4: {
+          Octets got(r.valueLen);
+          ASSERT_EQ(t->get(key, got), oracle.contains(key));
+          if (oracle.contains(key)) {
+            ASSERT_EQ(got, oracle[key]);
+          }
+          break;
+        }
+      }
+      ASSERT_EQ(t->size(), oracle.size());
+      if (step % 4999 == 0) {
+        ASSERT_EQ(content(*t), oracle);
+        t->delAll();
+        oracle.clear();
+        ASSERT_EQ(t->size(), 0u);
+      } else if (step % 997 == 0) {
+        ASSERT_EQ(content(*t), oracle);
+      }
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(On, Table, testing::ValuesIn(hostKinds),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace
