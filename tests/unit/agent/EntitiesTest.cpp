@@ -1,0 +1,680 @@
+#include "agent/Entities.h"
+
+#include <gtest/gtest.h>
+#include <net/if.h>
+
+#include <cstring>
+#include <random>
+#include <set>
+
+#include "Ipfix/CollectorStats.h"
+#include "Ipfix/FlowTrackerInfoSm.h"
+#include "Ipfix/FlowTrackerTemplateSm.h"
+#include "Ipfix/IpfixSm.h"
+#include "World.h"
+#include "agent/FlowTemplates.h"
+#include "agent/SettingsFile.h"
+#include "platform/sim/SimPlatform.h"
+
+namespace agent {
+namespace {
+using namespace std::chrono_literals;
+using FlowTracking::FlowTrackingType;
+using HwFlowTracking::Config;
+using HwFlowTracking::ExporterConfig;
+using HwFlowTracking::FtConfig;
+using HwFlowTracking::FtStatus;
+using HwFlowTracking::Status;
+
+IpGenAddr ip(const std::string& text) { return *IpGenAddr::fromString(text); }
+CollectorSettings to(const std::string& address, uint16_t port = 4739) {
+  return {ip(address), port};
+}
+LinkAddress on(const std::string& address) { return {ip(address), ip(address), 24, 0, 0}; }
+
+/// Networks made by hand: eth0 and eth1 in VRFs default and red, with an address of each family;
+/// eth0's IPv6 address is the same in both. VRF blue never comes.
+class Nets {
+ public:
+  Nets() {
+    for (const char* vrf : {"default", "red"}) {
+      const bool red = std::string(vrf) == "red";
+      const auto n = of(VrfName(vrf));
+      n->linkIs(1, "eth0", IFF_UP);
+      n->addressIs(1, on(red ? "10.1.0.1" : "10.0.0.1"));
+      n->addressIs(1, on("2001:db8::1"));
+      n->linkIs(2, "eth1", IFF_UP);
+      n->addressIs(2, on(red ? "10.1.1.1" : "10.0.1.1"));
+      n->presentIs(true);
+    }
+  }
+  Ptr<VrfNetwork> of(const VrfName& vrf) {
+    auto& n = all_[vrf];
+    if (!n) n = vrfNetworkFactory(vrf);
+    return n;
+  }
+
+ private:
+  std::map<VrfName, Ptr<VrfNetwork>> all_;
+};
+
+Settings settingsOf(const std::string& toml) {
+  SettingsResult r = parseSettings(toml, "test");
+  for (const std::string& e : r.errors) ADD_FAILURE() << e;
+  return r.settings.value_or(Settings{});
+}
+Settings base() {
+  return settingsOf(R"(
+[tracker.edge]
+id = 7
+[tracker.edge.exporter.main]
+local-interface = "eth0"
+[tracker.edge.exporter.main.collector.one]
+address = "192.0.2.1"
+[tracker.edge.exporter.main.collector.two]
+address = "192.0.2.2"
+[tracker.edge.exporter.main.collector.six]
+address = "2001:db8::99"
+[tracker.edge.exporter.spare]
+local-interface = "eth1"
+[tracker.hard]
+id = 8
+type = "hardware"
+)");
+}
+
+/// Hears everything that the entities of one tree tell, in order.
+class Recorder {
+ public:
+  using Lines = std::vector<std::string>;
+  explicit Recorder(const Entities& entities) {
+    for (const auto& [type, tree] : entities.trees()) {
+      const std::string prefix = FlowTracking::toText(type) + ' ';
+      configs_.push_back(std::make_unique<OnConfig>(tree.config, *this, prefix));
+      statuses_.push_back(std::make_unique<OnStatus>(tree.status, *this, prefix));
+      for (const auto& [name, ft] : tree.config->ftConfig()) {
+        trackers_.push_back(std::make_unique<OnTracker>(ft, *this));
+        for (const auto& [expName, exp] : ft->expConfig())
+          exporters_.push_back(std::make_unique<OnExporter>(exp, *this));
+      }
+      for (const auto& [name, ft] : tree.status->ftStatus()) {
+        ftStatuses_.push_back(std::make_unique<OnFtStatus>(ft, *this));
+        for (const auto& [id, t] : ft->templateStatus())
+          templates_.push_back(std::make_unique<OnTemplate>(t, *this));
+      }
+    }
+  }
+  Lines take() { return std::exchange(lines_, {}); }
+
+ private:
+  void add(const std::string& line) { lines_.push_back(line); }
+
+  struct OnConfig final : Config::Watcher {
+    OnConfig(Ptr<const Config> e, Recorder& r, std::string p)
+        : Watcher(std::move(e)), r_(r), prefix_(std::move(p)) {}
+    void handleFtConfig(const std::string& name) override {
+      const auto config = entity()->ftConfig(name);
+      r_.add(prefix_ + "tracker " + name +
+             (config ? ' ' + std::to_string(config->ftId()) : " gone"));
+    }
+    Recorder& r_;
+    std::string prefix_;
+  };
+  struct OnStatus final : Status::Watcher {
+    OnStatus(Ptr<const Status> e, Recorder& r, std::string p)
+        : Watcher(std::move(e)), r_(r), prefix_(std::move(p)) {}
+    void handleFtStatus(const std::string& name) override {
+      r_.add(prefix_ + "status " + name + (entity()->ftStatus(name) ? "" : " gone"));
+    }
+    void handleSampleRate() override { r_.add("sampleRate of all"); }
+    Recorder& r_;
+    std::string prefix_;
+  };
+  struct OnTracker final : FtConfig::Watcher {
+    OnTracker(Ptr<const FtConfig> e, Recorder& r) : Watcher(std::move(e)), r_(r) {}
+    void handleActiveInterval() override {
+      r_.add("active " + std::to_string(entity()->activeInterval()));
+    }
+    void handleExpConfig(const std::string& name) override {
+      r_.add("exporter " + name + (entity()->expConfig(name) ? "" : " gone"));
+    }
+    Recorder& r_;
+  };
+  struct OnFtStatus final : FtStatus::Watcher {
+    OnFtStatus(Ptr<const FtStatus> e, Recorder& r) : Watcher(std::move(e)), r_(r) {}
+    void handleTemplateStatus(FlowTracking::TemplateId id) override {
+      r_.add("template " + std::to_string(id));
+    }
+    void handleActiveInterval() override {
+      r_.add("active in force " + toText(entity()->activeInterval()));
+    }
+    void handleInactiveTimeout() override {
+      r_.add("inactive in force " + toText(entity()->inactiveTimeout()));
+    }
+    void handleSampleRate() override { r_.add("rate " + std::to_string(entity()->sampleRate())); }
+    Recorder& r_;
+  };
+  struct OnTemplate final : HwFlowTracking::TemplateStatus::Watcher {
+    OnTemplate(Ptr<const HwFlowTracking::TemplateStatus> e, Recorder& r)
+        : Watcher(std::move(e)), r_(r) {}
+    void handleGenId() override { r_.add("genId"); }
+    Recorder& r_;
+  };
+  struct OnExporter final : ExporterConfig::Watcher {
+    OnExporter(Ptr<const ExporterConfig> e, Recorder& r) : Watcher(std::move(e)), r_(r) {}
+    void say(const std::string& what) { r_.add(entity()->name() + ' ' + what); }
+    void handleVrfName() override { say("vrf " + entity()->vrfName().stringValue()); }
+    void handleDscp() override { say("dscp " + entity()->dscp().stringValue()); }
+    void handleIpfixMtu() override { say("mtu " + std::to_string(entity()->ipfixMtu())); }
+    void handleTemplateInterval() override {
+      say("interval " + std::to_string(entity()->templateInterval()));
+    }
+    void handleSrcIpAddr() override { say("from " + entity()->srcIpAddr().stringValue()); }
+    void handleSrcIp6Addr() override { say("from " + entity()->srcIp6Addr().stringValue()); }
+    void collector(const std::string& name) {
+      const auto& v4 = entity()->collectorIpAndPort();
+      const auto& v6 = entity()->collectorIp6AndPort();
+      std::string what = name;
+      if (auto it = v4.find(name); it != v4.end()) what += ' ' + it->second.stringValue();
+      if (auto it = v6.find(name); it != v6.end()) what += ' ' + it->second.stringValue();
+      say(what);
+    }
+    void handleCollectorIpAndPort(const std::string& name) override { collector(name); }
+    void handleCollectorIp6AndPort(const std::string& name) override { collector(name); }
+    Recorder& r_;
+  };
+
+  Lines lines_;
+  std::vector<std::unique_ptr<OnConfig>> configs_;
+  std::vector<std::unique_ptr<OnStatus>> statuses_;
+  std::vector<std::unique_ptr<OnTracker>> trackers_;
+  std::vector<std::unique_ptr<OnFtStatus>> ftStatuses_;
+  std::vector<std::unique_ptr<OnTemplate>> templates_;
+  std::vector<std::unique_ptr<OnExporter>> exporters_;
+};
+
+/// Everything below an entity as text.
+void dump(const Entity& e, const std::string& indent, std::string& out) {
+  for (const AttrRow& row : e.attrRows()) {
+    if (row.get) out += indent + std::string(row.name) + " = " + row.get(e) + '\n';
+    if (!row.each) continue;
+    row.each(e, [&](const std::string& key, const Entity* child, const std::string& text) {
+      out += indent + std::string(row.name) + '[' + key + "] " + text + '\n';
+      if (child) dump(*child, indent + "  ", out);
+    });
+  }
+}
+std::string dump(const Entities& entities) {
+  std::string out;
+  for (const auto& [type, tree] : entities.trees()) {
+    if (tree.config->ftConfig().empty() && tree.status->ftStatus().empty()) continue;
+    out += FlowTracking::toText(type) + '\n';
+    dump(*tree.config, "  ", out);
+    dump(*tree.status, "  ", out);
+  }
+  return out;
+}
+
+class EntitiesTest : public testing::Test {
+ protected:
+  ~EntitiesTest() override { Platform::install(nullptr); }
+
+  std::unique_ptr<Entities> make() {
+    return std::make_unique<Entities>([this](const VrfName& vrf) { return nets.of(vrf); },
+                                      init->elementIdCollection(), heard.log,
+                                      [this] { ++readinessChanges; });
+  }
+
+  std::unique_ptr<SimPlatform> sim = simPlatform();
+  struct Installed {
+    explicit Installed(Platform* p) { Platform::install(p); }
+  } installed{sim.get()};
+  Ptr<Ipfix::IpfixInitSm> init = Ipfix::ipfixInitSmFactory();
+  Heard heard;
+  Nets nets;
+  int readinessChanges = 0;
+};
+
+TEST_F(EntitiesTest, WhatIsPublished) {
+  const auto entities = make();
+  const Changes changes = entities->apply(base());
+  EXPECT_EQ(describe(changes), "trackers: 2 added; exporters: 2 added; collectors: 3 added");
+  ASSERT_EQ(entities->trees().size(), 2u);
+  const auto& tree = entities->trees().at(FlowTrackingType::software);
+  const auto main = tree.config->ftConfig("edge")->expConfig("main");
+  EXPECT_EQ(main->srcIpAddr().stringValue(), "10.0.0.1");
+  EXPECT_EQ(main->srcIp6Addr().stringValue(), "2001:db8::1");
+  EXPECT_EQ(main->collectorIpAndPort().size(), 2u);
+  EXPECT_EQ(main->collectorIp6AndPort().at("six").stringValue(), "[2001:db8::99]:4739");
+  EXPECT_EQ(main->templateInterval(), 60000u);
+
+  const auto status = tree.status->ftStatus("edge");
+  EXPECT_EQ(status->activeInterval(), 60s);
+  EXPECT_EQ(status->inactiveTimeout(), 15s);
+  EXPECT_EQ(status->sampleRate(), 1u);
+  ASSERT_EQ(status->templateStatus().size(), 2u);
+  const auto text = [&](FlowTracking::TemplateId id) {
+    std::string out;
+    uint32_t position = 0;
+    for (const auto& [at, e] : status->templateStatus(id)->ftTemplateEntry()) {
+      EXPECT_EQ(at, position++);
+      EXPECT_FALSE(e.enterpriseIe());
+      out += e.fieldId().stringValue() + (e.flowKey() ? "k" : "") + ':' +
+             std::to_string(e.fieldLen()) + ' ';
+    }
+    return out;
+  };
+  const std::string common =
+      "7k:2 11k:2 4k:1 5k:1 10k:4 234k:4 14:4 1:8 2:8 152:8 153:8 6:2 136:1 ";
+  EXPECT_EQ(text(256), "8k:4 12k:4 " + common);
+  EXPECT_EQ(text(257), "27k:16 28k:16 " + common + "31:4 ");
+}
+
+TEST_F(EntitiesTest, TemplatesThatTheLibraryWouldNotTakeAreRefused) {
+  const auto registry = init->elementIdCollection();
+  std::string problem;
+  EXPECT_FALSE(flowTemplate(255, {{8}}, *registry, problem));
+  EXPECT_EQ(problem, "template 255: this id is not for data templates");
+  EXPECT_FALSE(flowTemplate(65281, {{8}}, *registry, problem));
+  EXPECT_FALSE(flowTemplate(256, {}, *registry, problem));
+  EXPECT_EQ(problem, "template 256: no fields");
+  EXPECT_FALSE(flowTemplate(256, {{8}, {2016}}, *registry, problem));
+  EXPECT_EQ(problem, "template 256: element 2016 is not in the registry");
+  const auto good = flowTemplate(256, {{1001}, {82}}, *registry, problem);
+  ASSERT_TRUE(good);
+  EXPECT_TRUE(good->ftTemplateEntry().at(0).enterpriseIe());
+  EXPECT_EQ(good->ftTemplateEntry().at(1).fieldLen(), 65535);
+  EXPECT_FALSE(good->ftTemplateEntry().at(1).enterpriseIe());
+}
+
+struct Difference {
+  const char* name;
+  std::function<void(Settings&)> edit;
+  Recorder::Lines told;
+  std::string summary;
+};
+
+ExporterSettings& main(Settings& s) { return s.trackers["edge"].exporters["main"]; }
+const Difference differences[] = {
+    {"nothing", [](Settings&) {}, {}, "nothing changed"},
+    {"vrfIdOnly", [](Settings& s) { s.vrfs["red"] = 10; }, {}, "nothing changed"},
+    {"collectorAdded",
+     [](Settings& s) { main(s).collectors["three"] = to("192.0.2.3"); },
+     {"main three 192.0.2.3:4739"},
+     "collectors: 1 added"},
+    {"collectorRemoved",
+     [](Settings& s) { main(s).collectors.erase("six"); },
+     {"main six"},
+     "collectors: 1 removed"},
+    {"collectorPort",
+     [](Settings& s) { main(s).collectors["one"].port = 2055; },
+     {"main one 192.0.2.1:2055"},
+     "collectors: 1 changed"},
+    {"collectorMovesToIpv6",
+     [](Settings& s) { main(s).collectors["one"] = to("2001:db8::1"); },
+     {"main one 192.0.2.1:4739 [2001:db8::1]:4739", "main one [2001:db8::1]:4739"},
+     "collectors: 1 changed"},
+    {"collectorRenamed",
+     [](Settings& s) {
+       main(s).collectors.erase("one");
+       main(s).collectors["a"] = to("192.0.2.1");
+     },
+     {"main one", "main a 192.0.2.1:4739"},
+     "collectors: 1 added, 1 removed"},
+    {"collectorTakesTheOthersPlace",
+     [](Settings& s) {
+       main(s).collectors["one"] = to("192.0.2.2");
+       main(s).collectors["two"] = to("192.0.2.3");
+     },
+     {"main two 192.0.2.3:4739", "main one 192.0.2.2:4739"},
+     "collectors: 2 changed"},
+    {"collectorsChangePlaces",
+     [](Settings& s) { std::swap(main(s).collectors["one"], main(s).collectors["two"]); },
+     {"main two 192.0.2.1:4739", "main one 192.0.2.2:4739"},
+     "collectors: 2 changed"},
+    {"dscp",
+     [](Settings& s) { main(s).dscp = DscpValue(46); },
+     {"main dscp 46"},
+     "exporters: 1 changed"},
+    {"mtu", [](Settings& s) { main(s).mtu = 512; }, {"main mtu 512"}, "exporters: 1 changed"},
+    {"templateInterval",
+     [](Settings& s) { main(s).templateInterval = 5s; },
+     {"main interval 5000"},
+     "exporters: 1 changed"},
+    {"dscpBeforeCollectors",
+     [](Settings& s) {
+       main(s).dscp = DscpValue(1);
+       main(s).collectors["three"] = to("192.0.2.3");
+     },
+     {"main dscp 1", "main three 192.0.2.3:4739"},
+     "exporters: 1 changed; collectors: 1 added"},
+    {"interface",
+     [](Settings& s) { main(s).localInterface = "eth1"; },
+     {"main from 10.0.1.1", "main from ::"},
+     "exporters: 1 changed"},
+    {"vrf",
+     [](Settings& s) { main(s).vrf = VrfName("red"); },
+     {"main from 0.0.0.0", "main vrf red", "main from 10.1.0.1"},
+     "exporters: 1 changed"},
+    {"vrfThatIsNotThere",
+     [](Settings& s) { main(s).vrf = VrfName("blue"); },
+     {"main from 0.0.0.0", "main from ::", "main vrf blue"},
+     "exporters: 1 changed"},
+    {"exporterRemoved",
+     [](Settings& s) { s.trackers["edge"].exporters.erase("main"); },
+     {"exporter main gone"},
+     "exporters: 1 removed; collectors: 3 removed"},
+    {"exporterAdded",
+     [](Settings& s) { s.trackers["edge"].exporters["new"] = main(s); },
+     {"exporter new"},
+     "exporters: 1 added; collectors: 3 added"},
+    {"activeInterval",
+     [](Settings& s) { s.trackers["edge"].activeInterval = 1500ms; },
+     {"active 1500", "active in force 1.5"},
+     "trackers: 1 changed"},
+    {"inactiveTimeout",
+     [](Settings& s) { s.trackers["edge"].inactiveTimeout = 5s; },
+     {"inactive in force 5"},
+     "trackers: 1 changed"},
+    {"sampleRate",
+     [](Settings& s) { s.trackers["edge"].sampleRate = 100; },
+     {"rate 100"},
+     "trackers: 1 changed"},
+    {"interfaces",
+     [](Settings& s) { s.trackers["edge"].interfaces = {"eth*"}; },
+     {},
+     "trackers: 1 changed"},
+    {"idIsAnotherTracker",
+     [](Settings& s) { s.trackers["edge"].id = 9; },
+     {"software tracker edge 9"},
+     "trackers: 1 changed"},
+    {"trackerRemoved",
+     [](Settings& s) { s.trackers.erase("edge"); },
+     {"software status edge gone", "software tracker edge gone"},
+     "trackers: 1 removed; exporters: 2 removed; collectors: 3 removed"},
+    {"trackerRenamed",
+     [](Settings& s) {
+       s.trackers["a"] = s.trackers["edge"];
+       s.trackers.erase("edge");
+     },
+     {"software status edge gone", "software tracker edge gone", "software tracker a 7",
+      "software status a"},
+     "trackers: 1 added, 1 removed; exporters: 2 added, 2 removed; collectors: 3 added, 3 "
+     "removed"},
+    {"type",
+     [](Settings& s) { s.trackers["edge"].type = FlowTrackingType::hardware; },
+     {"software status edge gone", "software tracker edge gone", "hardware tracker edge 7",
+      "hardware status edge"},
+     "trackers: 1 added, 1 removed; exporters: 2 added, 2 removed; collectors: 3 added, 3 "
+     "removed"},
+};
+
+TEST_F(EntitiesTest, OnlyTheDifferenceIsTold) {
+  for (const Difference& d : differences) {
+    SCOPED_TRACE(d.name);
+    const auto entities = make();
+    Settings settings = base();
+    entities->apply(settings);
+    Recorder recorder(*entities);
+    d.edit(settings);
+    EXPECT_EQ(describe(entities->apply(settings)), d.summary);
+    EXPECT_EQ(recorder.take(), d.told);
+    EXPECT_EQ(describe(entities->apply(settings)), "nothing changed");
+    EXPECT_EQ(recorder.take(), Recorder::Lines{});
+    const auto fresh = make();
+    fresh->apply(settings);
+    EXPECT_EQ(dump(*entities), dump(*fresh));
+  }
+}
+
+TEST_F(EntitiesTest, SourcesFollowTheNetwork) {
+  const auto entities = make();
+  Settings settings = base();
+  settings.trackers["edge"].exporters["spare"].vrf = VrfName("red");
+  entities->apply(settings);
+  Recorder recorder(*entities);
+  const auto home = nets.of(VrfName("default"));
+  home->addressDel(1, on("10.0.0.1"));
+  home->tell();
+  EXPECT_EQ(recorder.take(), Recorder::Lines{"main from 0.0.0.0"});
+  home->addressIs(1, on("10.0.0.7"));
+  home->linkIs(2, "eth1", 0);  // nobody's here: spare is in red
+  home->tell();
+  EXPECT_EQ(recorder.take(), Recorder::Lines{"main from 10.0.0.7"});
+  home->linkIs(1, "eth9", IFF_UP);
+  home->tell();
+  EXPECT_EQ(recorder.take(), (Recorder::Lines{"main from 0.0.0.0", "main from ::"}));
+  EXPECT_TRUE(
+      heard.has("<4>exporter main of tracker edge has no source address: there is no "
+                "interface eth0 in VRF default\n"))
+      << heard.text;
+  home->linkIs(1, "eth0", 0);
+  home->tell();
+  EXPECT_EQ(recorder.take(), Recorder::Lines{});
+  EXPECT_TRUE(heard.has("interface eth0 in VRF default is down")) << heard.text;
+  home->linkIs(1, "eth0", IFF_UP);
+  home->tell();
+  EXPECT_EQ(recorder.take(), (Recorder::Lines{"main from 10.0.0.7", "main from 2001:db8::1"}));
+  EXPECT_TRUE(
+      heard.has("<6>exporter main of tracker edge sends from 10.0.0.7 and 2001:db8::1 "
+                "(eth0 in VRF default)\n"))
+      << heard.text;
+
+  const auto red = nets.of(VrfName("red"));
+  red->presentIs(false);
+  EXPECT_EQ(recorder.take(), Recorder::Lines{"spare from 0.0.0.0"});
+  EXPECT_TRUE(heard.has("the namespace of VRF red is gone")) << heard.text;
+  red->linkIs(5, "eth1", IFF_UP);
+  red->addressIs(5, on("10.1.1.9"));
+  red->presentIs(true);
+  EXPECT_EQ(recorder.take(), Recorder::Lines{"spare from 10.1.1.9"});
+
+  // Who left an interface or a VRF hears no more of it.
+  settings.trackers["edge"].exporters.erase("spare");
+  entities->apply(settings);
+  red->presentIs(false);
+}
+
+TEST_F(EntitiesTest, ReadinessIsLogged) {
+  const auto entities = make();
+  entities->apply(base());
+  const auto exporter =
+      entities->trees().at(FlowTrackingType::software).config->ftConfig("edge")->expConfig("main");
+  heard.text.clear();
+  exporter->exporter6ReadyIs(true);
+  EXPECT_EQ(heard.text,
+            "<6>FLOWTRACKING_EXPORTER_ACTIVE: software exporter main in VRF default, in software "
+            "flow tracker edge is active.\n");
+  exporter->exporter4ReadyIs(true);
+  exporter->exporter6ReadyIs(false);
+  EXPECT_EQ(entities->readyExporters(), 1u);
+  EXPECT_EQ(readinessChanges, 1);
+  heard.text.clear();
+  exporter->exporter4ReadyIs(false);
+  EXPECT_EQ(heard.text,
+            "<6>FLOWTRACKING_EXPORTER_INACTIVE: software exporter main in VRF default, in software "
+            "flow tracker edge is inactive.\n");
+  EXPECT_EQ(entities->readyExporters(), 0u);
+}
+
+// --- Random reloads ---
+
+class RandomSettings {
+ public:
+  explicit RandomSettings(unsigned seed) : random_(seed) {}
+  /// Changes one thing, or many.
+  void mutate(Settings& s) {
+    for (unsigned n = pick(10) == 0 ? 20 : 1 + pick(2); n > 0; --n) one(s);
+  }
+
+ private:
+  unsigned pick(unsigned n) { return static_cast<unsigned>(random_() % n); }
+  template <class Map>
+  auto& any(Map& map, const char* prefix) {
+    return map[prefix + std::to_string(pick(4))];
+  }
+  void one(Settings& s) {
+    const unsigned what = pick(16);
+    if (what == 0) {
+      s.trackers.erase('t' + std::to_string(pick(4)));
+      return;
+    }
+    TrackerSettings& t = any(s.trackers, "t");
+    if (what == 1) t.type = pick(2) ? FlowTrackingType::software : FlowTrackingType::hardware;
+    if (what == 2) t.activeInterval = 1s * (1 + pick(5));
+    if (what == 3) t.sampleRate = 1 + pick(3);
+    if (what == 4) t.exporters.erase('e' + std::to_string(pick(4)));
+    // Ids stay unique: each tracker draws from its own.
+    uint32_t base = 100;
+    for (auto& [name, tracker] : s.trackers) {
+      base += 100;
+      if (tracker.id / 100 * 100 != base || (&tracker == &t && what == 5))
+        tracker.id = base + pick(3);
+    }
+    if (what < 6) return;
+    ExporterSettings& e = any(t.exporters, "e");
+    static constexpr const char* vrfs[] = {"default", "default", "red", "blue"};
+    static constexpr const char* interfaces[] = {"eth0", "eth0", "eth1", "eth7"};
+    if (e.localInterface.empty()) e.templateInterval = 1s;
+    if (e.localInterface.empty() || what == 6) e.localInterface = interfaces[pick(4)];
+    if (what == 7) e.vrf = VrfName(vrfs[pick(4)]);
+    if (what == 8) e.dscp = DscpValue(pick(64));
+    if (what == 9) e.templateInterval = 1s * (1 + pick(3));
+    if (what == 10) e.collectors.erase('c' + std::to_string(pick(4)));
+    if (what < 11) return;
+    CollectorSettings c = to((pick(2) ? "192.0.2." : "2001:db8::") + std::to_string(1 + pick(4)),
+                             static_cast<uint16_t>(4739 + pick(2)));
+    for (const auto& [name, other] : e.collectors)
+      if (other == c) return;
+    any(e.collectors, "c") = c;
+  }
+
+  std::mt19937 random_;
+};
+
+TEST_F(EntitiesTest, RandomReloadsEndLikeAFreshStart) {
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  RandomSettings random(seed);
+  const auto entities = make();
+  Settings settings;
+  for (int round = 0; round < 500; ++round) {
+    const Settings before = settings;
+    std::map<std::pair<std::string, std::string>, const ExporterConfig*> identity;
+    const auto each = [&](const auto& visit) {
+      for (const auto& [type, tree] : entities->trees())
+        for (const auto& [ftName, ft] : tree.config->ftConfig())
+          for (const auto& [name, e] : ft->expConfig()) visit(ftName, name, *e);
+    };
+    each([&](const std::string& ft, const std::string& name, const ExporterConfig& e) {
+      identity[{ft, name}] = &e;
+    });
+    random.mutate(settings);
+    entities->apply(settings);
+    const auto fresh = make();
+    fresh->apply(settings);
+    ASSERT_EQ(dump(*entities), dump(*fresh)) << "round " << round;
+    each([&](const std::string& ft, const std::string& name, const ExporterConfig& e) {
+      auto then = before.trackers.find(ft);
+      const auto& now = settings.trackers.at(ft);
+      if (then == before.trackers.end() || then->second.id != now.id ||
+          then->second.type != now.type || !then->second.exporters.contains(name))
+        return;
+      ASSERT_EQ((identity[{ft, name}]), &e) << ft << ' ' << name << " round " << round;
+    });
+  }
+}
+
+// The library on top, on simulated time: after any reload it serves exactly what is configured.
+TEST_F(EntitiesTest, RandomReloadsUnderTheLibrary) {
+  using Tarn::Ipfix::CollectorStatistics;
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  RandomSettings random(seed);
+  sim->namespaceIs("ns-red", true);
+  const auto table =
+      simTableFactory(CollectorStatistics::keyLen, CollectorStatistics::valueLen, 1024);
+  const auto statistics = Tarn::Ipfix::collectorStatisticsFactory(table);
+  struct Roots {
+    Ptr<FlowTracking::FlowTrackingInfo> info;
+    Ptr<FlowTracking::FlowTrackingInfoSm> infoSm;
+    Ptr<FlowTracking::TemplateSm> templateSm;
+  };
+  const auto entities = make();
+  std::map<FlowTrackingType, Roots> roots;
+  const auto request = FlowTracking::configReqFactory();
+  const auto grow = [&] {
+    for (const auto& [type, tree] : entities->trees()) {
+      Roots& r = roots[type];
+      if (r.info) continue;
+      r.info = FlowTracking::flowTrackingInfoFactory(type);
+      r.infoSm = FlowTracking::flowTrackingInfoSmFactory(sim->schedulerRoot(), tree.config, r.info,
+                                                         init->agentInfo());
+      r.templateSm = FlowTracking::templateSmFactory(request, tree.config, tree.status, r.info,
+                                                     init->elementIdCollection(), statistics,
+                                                     sim->scheduler());
+    }
+  };
+  Settings settings;
+  for (int round = 0; round < 150; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    random.mutate(settings);
+    entities->apply(settings);
+    grow();
+    sim->advance(0.5s);
+    sim->takeSent();
+    sim->advance(4s);  // more than the longest interval
+
+    using Stream = std::tuple<uint32_t, std::string, uint16_t, unsigned>;
+    std::set<Stream> sent;
+    for (const SimDatagram& d : sim->takeSent()) {
+      const auto& o = d.octets;
+      const uint32_t domain = uint32_t{o[12]} << 24 | o[13] << 16 | o[14] << 8 | o[15];
+      sent.emplace(domain, d.dst.stringValue(), d.dstPort, unsigned{o[17]});
+    }
+    std::set<Stream> wanted;
+    size_t endpoints = 0;
+    std::set<std::string> served;
+    std::set<std::string> configured;
+    for (const auto& [ftName, t] : settings.trackers) {
+      for (const auto& [name, e] : t.exporters) {
+        const auto n = nets.of(e.vrf);
+        const Link* link = n->present() ? n->link(e.localInterface) : nullptr;
+        const SourceAddresses from = link ? chooseSource(*link, {}) : SourceAddresses{};
+        endpoints += !from.v4.isZero();
+        endpoints += !from.v6.isZero();
+        for (const auto& [collector, c] : e.collectors) {
+          const std::string entry =
+              ftName + ' ' + name + ' ' + c.address.stringValue() + ' ' + std::to_string(c.port);
+          configured.insert(entry);
+          if (c.address.isIpv4() ? from.v4.isZero() : from.v6.isZero()) continue;
+          served.insert(entry);
+          for (const unsigned set : {2u, 3u})
+            wanted.emplace(t.id, c.address.stringValue(), c.port, set);
+        }
+      }
+    }
+    ASSERT_EQ(sent, wanted);
+    ASSERT_EQ(sim->openEndpoints(), endpoints);
+    std::set<std::string> counted;
+    table->each([&](SharedTable::Octets octets, SharedTable::Octets) {
+      Tarn::Ipfix::CollectorStatisticsKey key;
+      std::memcpy(static_cast<void*>(&key), octets.data(), sizeof key);
+      counted.insert(std::string(key.tracker()) + ' ' + std::string(key.exporter()) + ' ' +
+                     key.collector().addr().stringValue() + ' ' +
+                     std::to_string(key.collector().port()));
+    });
+    // A collector that cannot be served for a while keeps its counters; no other is left behind.
+    ASSERT_TRUE(std::includes(counted.begin(), counted.end(), served.begin(), served.end()));
+    for (const std::string& entry : counted) ASSERT_TRUE(configured.contains(entry)) << entry;
+  }
+  for (auto& [type, r] : roots) {
+    r.templateSm = nullptr;
+    r.infoSm = nullptr;
+  }
+  EXPECT_EQ(table->size(), 0u);
+  EXPECT_EQ(sim->openEndpoints(), 0u);
+}
+
+}  // namespace
+}  // namespace agent

@@ -1,0 +1,428 @@
+#include "agent/Network.h"
+
+#include <gtest/gtest.h>
+#include <libmnl/libmnl.h>
+#include <linux/if_addr.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <sys/socket.h>
+
+#include <fstream>
+#include <random>
+
+#include "World.h"
+#include "agent/Networks.h"
+#include "platform/UdpPam.h"
+
+namespace agent {
+namespace {
+using namespace std::chrono_literals;
+
+IpGenAddr ip(const std::string& text) { return *IpGenAddr::fromString(text); }
+
+LinkAddress address(const std::string& text, uint8_t scope = RT_SCOPE_UNIVERSE,
+                    uint32_t flags = 0) {
+  const IpGenAddr a = ip(text);
+  return {a, a, static_cast<uint8_t>(a.isIpv4() ? 24 : 64), scope, flags};
+}
+
+TEST(ChooseSource, Table) {
+  const uint32_t up = IFF_UP;
+  const uint32_t loop = IFF_UP | IFF_LOOPBACK;
+  struct Case {
+    const char* name;
+    uint32_t flags;
+    std::vector<LinkAddress> addresses;
+    const char* v4;
+    const char* v6;
+    SourceAddresses current{};
+  };
+  const SourceAddresses second = {ip("10.0.0.2").ipAddr(), ip("2001:db8::2").ip6Addr()};
+  const Case cases[] = {
+      {"the first of each family",
+       up,
+       {address("10.0.0.1"), address("10.0.1.1"), address("2001:db8::1"), address("2001:db8::2")},
+       "10.0.0.1",
+       "2001:db8::1"},
+      {"down", 0, {address("10.0.0.1"), address("2001:db8::1")}, "0.0.0.0", "::"},
+      {"none", up, {}, "0.0.0.0", "::"},
+      {"link scope",
+       up,
+       {address("169.254.0.1", RT_SCOPE_LINK), address("fe80::1", RT_SCOPE_LINK)},
+       "0.0.0.0",
+       "::"},
+      {"link-local by its address", up, {address("fe80::1")}, "0.0.0.0", "::"},
+      {"host scope off the loopback", up, {address("10.0.0.1", RT_SCOPE_HOST)}, "0.0.0.0", "::"},
+      {"loopback",
+       loop,
+       {address("127.0.0.1", RT_SCOPE_HOST), address("::1", RT_SCOPE_HOST)},
+       "127.0.0.1",
+       "::1"},
+      {"a router's loopback",
+       loop,
+       {address("127.0.0.1", RT_SCOPE_HOST), address("10.9.9.9"), address("::1", RT_SCOPE_HOST),
+        address("2001:db8::9")},
+       "10.9.9.9",
+       "2001:db8::9"},
+      {"primary before secondary",
+       up,
+       {address("10.0.0.2", RT_SCOPE_UNIVERSE, IFA_F_SECONDARY), address("10.0.0.1")},
+       "10.0.0.1",
+       "::"},
+      {"lasting before temporary",
+       up,
+       {address("2001:db8::2", RT_SCOPE_UNIVERSE, IFA_F_TEMPORARY), address("2001:db8::1")},
+       "0.0.0.0",
+       "2001:db8::1"},
+      {"not checked, duplicate, ending",
+       up,
+       {address("2001:db8::1", 0, IFA_F_TENTATIVE),
+        address("2001:db8::2", 0, IFA_F_DADFAILED | IFA_F_TENTATIVE),
+        address("2001:db8::3", 0, IFA_F_DEPRECATED), address("2001:db8::4")},
+       "0.0.0.0",
+       "2001:db8::4"},
+      {"the current one stays",
+       up,
+       {address("10.0.0.1"), address("10.0.0.2", RT_SCOPE_UNIVERSE, IFA_F_SECONDARY),
+        address("2001:db8::1"), address("2001:db8::2")},
+       "10.0.0.2",
+       "2001:db8::2",
+       second},
+      {"unless it is no longer usable",
+       up,
+       {address("10.0.0.1"), address("10.0.0.2", RT_SCOPE_LINK), address("2001:db8::1"),
+        address("2001:db8::2", 0, IFA_F_DEPRECATED)},
+       "10.0.0.1",
+       "2001:db8::1",
+       second},
+      {"or gone", up, {address("10.0.0.1")}, "10.0.0.1", "::", second},
+  };
+  for (const Case& c : cases) {
+    Link link;
+    link.flags = c.flags;
+    link.addresses = c.addresses;
+    const SourceAddresses found = chooseSource(link, c.current);
+    EXPECT_EQ(found.v4.stringValue(), c.v4) << c.name;
+    EXPECT_EQ(found.v6.stringValue(), c.v6) << c.name;
+  }
+}
+
+/// Notes what a network tells.
+class Ear final : public VrfNetwork::Watcher {
+ public:
+  explicit Ear(const Ptr<VrfNetwork>& n) : Watcher(n), network_(*n) {}
+  void handlePresent() override { heard += network_.present() ? "+ " : "- "; }
+  void handleLink(const std::string& name) override { heard += name + ' '; }
+  std::string take() { return std::exchange(heard, {}); }
+  std::string heard;
+
+ private:
+  const VrfNetwork& network_;
+};
+
+TEST(VrfNetwork, TellsNamesOnceAndOnlyWhatChanged) {
+  const auto n = vrfNetworkFactory(VrfName("red"));
+  Ear ear(n);
+  n->linkIs(1, "lo", IFF_UP);
+  n->tell();
+  EXPECT_EQ(ear.take(), "");  // not surveyed yet
+  n->presentIs(true);
+  EXPECT_EQ(ear.take(), "+ ");
+  n->linkIs(2, "b", 0);
+  n->linkIs(2, "b", IFF_UP);
+  n->addressIs(2, address("10.0.0.1"));
+  n->tell();
+  EXPECT_EQ(ear.take(), "b ");
+  n->linkIs(2, "b", IFF_UP);
+  n->addressIs(2, address("10.0.0.1"));
+  n->addressDel(2, address("10.0.0.2"));
+  n->addressIs(9, address("10.0.0.2"));
+  n->linkDel(9);
+  n->tell();
+  EXPECT_EQ(ear.take(), "");
+
+  n->linkIs(2, "c", IFF_UP);
+  n->tell();
+  EXPECT_EQ(ear.take(), "b c ");
+  EXPECT_EQ(n->link("b"), nullptr);
+  ASSERT_NE(n->link("c"), nullptr);
+  EXPECT_EQ(n->link("c")->addresses.size(), 1u);
+
+  // Two names change places: whatever is heard first, each name leads to its link in the end.
+  n->linkIs(3, "d", IFF_UP);
+  n->linkIs(2, "d", IFF_UP);
+  n->linkIs(3, "c", IFF_UP);
+  n->tell();
+  EXPECT_EQ(ear.take(), "c d ");
+  EXPECT_EQ(n->link("d")->index, 2u);
+  EXPECT_EQ(n->link("c")->index, 3u);
+
+  n->linkDel(2);
+  n->tell();
+  EXPECT_EQ(ear.take(), "d ");
+  n->linkDel(1);
+  n->presentIs(false);
+  n->tell();
+  EXPECT_EQ(ear.take(), "- ");
+  EXPECT_TRUE(n->links().empty());
+  EXPECT_EQ(n->link("c"), nullptr);
+}
+
+TEST(VrfNetwork, SurveyRemovesWhatNobodyMentioned) {
+  const auto n = vrfNetworkFactory(VrfName("red"));
+  n->linkIs(1, "a", IFF_UP);
+  n->linkIs(2, "b", IFF_UP);
+  n->addressIs(1, address("10.0.0.1"));
+  n->addressIs(1, address("10.0.0.2"));
+  n->presentIs(true);
+  Ear ear(n);
+  n->surveyBegin();
+  n->linkIs(1, "a", IFF_UP);
+  n->surveyLinksEnd();
+  n->addressIs(1, address("10.0.0.2"));
+  n->addressIs(1, address("10.0.0.3"));
+  n->surveyAddressesEnd();
+  n->tell();
+  EXPECT_EQ(ear.take(), "a b ");
+  EXPECT_EQ(n->links().size(), 1u);
+  EXPECT_EQ(n->link("a")->addresses,
+            (std::vector<LinkAddress>{address("10.0.0.2"), address("10.0.0.3")}));
+}
+
+/// A netlink message made for a test.
+struct Message {
+  alignas(nlmsghdr) std::array<char, 512> octets{};
+  nlmsghdr* header = mnl_nlmsg_put_header(octets.data());
+};
+Message linkMessage(uint16_t type, int index, const char* name, uint8_t family = AF_UNSPEC) {
+  Message m;
+  m.header->nlmsg_type = type;
+  auto* info = static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(m.header, sizeof(ifinfomsg)));
+  info->ifi_family = family;
+  info->ifi_index = index;
+  info->ifi_flags = IFF_UP;
+  if (name) mnl_attr_put_strz(m.header, IFLA_IFNAME, name);
+  return m;
+}
+Message addressMessage(uint16_t type, uint32_t index, uint32_t addr) {
+  Message m;
+  m.header->nlmsg_type = type;
+  auto* info = static_cast<ifaddrmsg*>(mnl_nlmsg_put_extra_header(m.header, sizeof(ifaddrmsg)));
+  info->ifa_family = AF_INET;
+  info->ifa_prefixlen = 24;
+  info->ifa_index = index;
+  mnl_attr_put_u32(m.header, IFA_ADDRESS, htobe32(addr));
+  mnl_attr_put_u32(m.header, IFA_LOCAL, htobe32(addr));
+  mnl_attr_put_u32(m.header, IFA_FLAGS, IFA_F_NOPREFIXROUTE | IFA_F_SECONDARY);
+  return m;
+}
+
+TEST(Rtnetlink, MessagesThatMeanSomethingElse) {
+  const auto n = vrfNetworkFactory(VrfName("red"));
+  applyRtnetlink(*linkMessage(RTM_NEWLINK, 5, "eth0").header, *n);
+  ASSERT_NE(n->link("eth0"), nullptr);
+  // The link left its bridge; it did not go.
+  applyRtnetlink(*linkMessage(RTM_DELLINK, 5, "eth0", AF_BRIDGE).header, *n);
+  EXPECT_NE(n->link("eth0"), nullptr);
+  applyRtnetlink(*linkMessage(RTM_NEWLINK, 6, nullptr).header, *n);
+  applyRtnetlink(*linkMessage(RTM_NEWLINK, 7, "sixteen-octets!!").header, *n);
+  applyRtnetlink(*linkMessage(RTM_NEWLINK, -1, "minus").header, *n);
+  EXPECT_EQ(n->links().size(), 1u);
+  applyRtnetlink(*addressMessage(RTM_NEWADDR, 5, 0x0a000001).header, *n);
+  ASSERT_EQ(n->link("eth0")->addresses.size(), 1u);
+  EXPECT_EQ(n->link("eth0")->addresses[0].flags, uint32_t{IFA_F_NOPREFIXROUTE | IFA_F_SECONDARY});
+  applyRtnetlink(*addressMessage(RTM_DELADDR, 5, 0x0a000001).header, *n);
+  EXPECT_TRUE(n->link("eth0")->addresses.empty());
+}
+
+TEST(Rtnetlink, BrokenMessagesAreHarmless) {
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  const auto n = vrfNetworkFactory(VrfName("red"));
+  for (int round = 0; round < 20000; ++round) {
+    const Message whole = round % 2 == 0 ? linkMessage(RTM_NEWLINK, 5, "eth0")
+                                         : addressMessage(RTM_NEWADDR, 5, random());
+    // On the heap and no longer than it says, so that the sanitizer sees a read behind the end.
+    const uint32_t len = sizeof(nlmsghdr) + random() % (whole.header->nlmsg_len + 4);
+    const auto copy = std::make_unique<char[]>(len);
+    std::memcpy(copy.get(), whole.octets.data(), len);
+    for (unsigned k = random() % 4; k > 0 && len > sizeof(nlmsghdr); --k)
+      copy[sizeof(nlmsghdr) + random() % (len - sizeof(nlmsghdr))] = static_cast<char>(random());
+    auto* header = reinterpret_cast<nlmsghdr*>(copy.get());
+    header->nlmsg_len = len;
+    applyRtnetlink(*header, *n);
+    for (const auto& [index, link] : n->links()) {
+      ASSERT_FALSE(link.name.empty());
+      ASSERT_LT(link.name.size(), size_t{IFNAMSIZ});
+    }
+  }
+}
+
+// --- Against the kernel ---
+
+class Kernel : public World {
+ protected:
+  SourceAddresses source(const Ptr<VrfNetwork>& n, const std::string& interface,
+                         const SourceAddresses& current = {}) {
+    const Link* link = n->link(interface);
+    return link ? chooseSource(*link, current) : SourceAddresses{};
+  }
+  /// The interface resolves to these addresses soon.
+  testing::AssertionResult becomes(const Ptr<VrfNetwork>& n, const std::string& interface,
+                                   const std::string& v4, const std::string& v6) {
+    SourceAddresses now;
+    const bool ok = until(*loop, [&] {
+      now = source(n, interface);
+      return now.v4.stringValue() == v4 && now.v6.stringValue() == v6;
+    });
+    if (ok) return testing::AssertionSuccess();
+    return testing::AssertionFailure()
+           << now.v4.stringValue() << ' ' << now.v6.stringValue() << '\n'
+           << heard.text;
+  }
+
+  Ptr<EventLoop> loop = eventLoopFactory();
+  Heard heard;
+};
+
+TEST_F(Kernel, DefaultNetworkLives) {
+  makeLink("d0");
+  run("ip addr add 10.0.0.1/24 dev d0");
+  Networks networks(loop, "/run/netns", heard.log);
+  const auto n = networks.network(VrfName("default"));
+  ASSERT_TRUE(until(*loop, [&] { return n->present() && networks.settled(); }));
+  Ear ear(n);
+  EXPECT_TRUE(becomes(n, "d0", "0.0.0.0", "::"));  // down
+  EXPECT_NE(n->link("lo"), nullptr);
+
+  run("ip link set d0 up");
+  EXPECT_TRUE(becomes(n, "d0", "10.0.0.1", "::"));
+  run("ip addr add 2001:db8::1/64 dev d0 nodad");
+  EXPECT_TRUE(becomes(n, "d0", "10.0.0.1", "2001:db8::1"));
+  run("ip addr add 10.0.0.2/24 dev d0 && ip addr del 10.0.0.1/24 dev d0");
+  // The kernel takes the secondary along, unless told to promote it.
+  EXPECT_TRUE(becomes(n, "d0", "0.0.0.0", "2001:db8::1"));
+  run("ip addr add 10.0.0.3/24 dev d0");
+  EXPECT_TRUE(becomes(n, "d0", "10.0.0.3", "2001:db8::1"));
+  run("ip addr change 2001:db8::1/64 dev d0 preferred_lft 0");
+  EXPECT_TRUE(becomes(n, "d0", "10.0.0.3", "::"));
+  run("ip addr change 2001:db8::1/64 dev d0 preferred_lft forever");
+  EXPECT_TRUE(becomes(n, "d0", "10.0.0.3", "2001:db8::1"));
+
+  run("ip link set d0 down && ip link set d0 name d1 && ip link set d1 up");
+  EXPECT_TRUE(becomes(n, "d1", "10.0.0.3", "::"));  // IPv6 addresses do not survive going down
+  EXPECT_EQ(n->link("d0"), nullptr);
+  run("ip link del d1");
+  EXPECT_TRUE(becomes(n, "d1", "0.0.0.0", "::"));
+  EXPECT_TRUE(until(*loop, [&] { return !n->link("d1"); }));
+  run("ip link set lo up");
+  EXPECT_TRUE(becomes(n, "lo", "127.0.0.1", "::1"));
+  EXPECT_EQ(ear.heard.find("- "), std::string::npos);
+  EXPECT_EQ(heard.text, "");
+}
+
+TEST_F(Kernel, PointToPointAddressIsTheLocalOne) {
+  makeLink("d0");
+  run("ip link set d0 up");
+  run("ip addr add 10.0.0.1 peer 10.0.0.9/32 dev d0");
+  run("ip addr add 2001:db8::1 peer 2001:db8::9/128 dev d0 nodad");
+  Networks networks(loop, "/run/netns", heard.log);
+  EXPECT_TRUE(becomes(networks.network(VrfName("default")), "d0", "10.0.0.1", "2001:db8::1"));
+}
+
+TEST_F(Kernel, NamespaceComesGoesAndIsReplaced) {
+  // Not even the directory is there.
+  Networks networks(loop, "/run/netns", heard.log);
+  const auto n = networks.network(VrfName("red"));
+  EXPECT_FALSE(n->present());
+  EXPECT_TRUE(heard.has("namespace /run/netns/ns-red is not there")) << heard.text;
+  loop->runOnce(Seconds(0.01));
+  Ear ear(n);
+
+  for (int round = 1; round <= 2; ++round) {
+    const std::string octet = std::to_string(round);
+    const auto start = std::chrono::steady_clock::now();
+    run("ip netns add ns-red");
+    ASSERT_TRUE(until(*loop, [&] { return n->present(); })) << heard.text;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 1500ms);  // not by the slow look
+    run("ip link add there type veth peer name here");
+    run("ip link set there netns ns-red && ip -n ns-red link set there up");
+    run("ip -n ns-red addr add 10.0.0." + octet + "/24 dev there");
+    EXPECT_TRUE(becomes(n, "there", "10.0.0." + octet, "::"));
+
+    // The kernel takes the namespace, and with it `here`, down as soon as nobody holds it.
+    run("ip netns del ns-red");
+    EXPECT_TRUE(until(*loop, [&] { return !n->present(); }));
+    EXPECT_TRUE(until(*loop, [] { return if_nametoindex("here") == 0; }));
+    EXPECT_TRUE(n->links().empty());
+    EXPECT_TRUE(heard.has("namespace /run/netns/ns-red is gone"));
+  }
+
+  // Replaced between two looks: another namespace, other links.
+  run("ip netns add ns-red");
+  makeLink("old", "ns-red");
+  ASSERT_TRUE(until(*loop, [&] { return n->link("old") != nullptr; }));
+  ear.heard.clear();
+  run("ip netns del ns-red && ip netns add ns-red");
+  makeLink("new", "ns-red");
+  ASSERT_TRUE(until(*loop, [&] { return n->link("new") != nullptr; })) << heard.text;
+  EXPECT_EQ(n->link("old"), nullptr);
+  EXPECT_TRUE(ear.heard.starts_with("- + ")) << ear.heard;
+
+  // Unmounted, its file left behind: no event says so.
+  run("umount /run/netns/ns-red");
+  EXPECT_TRUE(until(*loop, [&] { return !n->present(); }));
+
+  // Nobody asks for it any more: it is not held, and others of the name are not looked at.
+  run("rm /run/netns/ns-red && ip netns add ns-red");
+  ASSERT_TRUE(until(*loop, [&] { return n->present(); }));
+  networks.keepOnly({});
+  EXPECT_FALSE(n->present());
+}
+
+TEST_F(Kernel, FileFirstAndNamespaceMuchLater) {
+  run("mkdir -p /run/other && touch /run/other/ns-red");
+  Networks networks(loop, "/run/other/", heard.log);
+  const auto n = networks.network(VrfName("red"));
+  EXPECT_FALSE(until(
+      *loop, [&] { return n->present(); }, 300ms));
+  run("unshare --net=/run/other/ns-red true");
+  EXPECT_TRUE(until(*loop, [&] { return n->present(); }));
+  run("umount /run/other/ns-red && rm -r /run/other");
+  EXPECT_TRUE(until(*loop, [&] { return !n->present(); }));
+  // The directory made anew is seen, too.
+  run("mkdir /run/other && touch /run/other/ns-red && unshare --net=/run/other/ns-red true");
+  EXPECT_TRUE(until(*loop, [&] { return n->present(); }));
+}
+
+TEST_F(Kernel, LostMessagesAreMadeUpFor) {
+  makeLink("d0");
+  makeLink("gone");
+  run("ip link set d0 up");
+  const auto n = vrfNetworkFactory(VrfName("default"));
+  RtnetlinkMonitor monitor(*loop, n, "", [](const std::string& why) { FAIL() << why; });
+  ASSERT_TRUE(until(*loop, [&] { return n->present(); }));
+  EXPECT_EQ(monitor.surveys(), 1u);
+  const int little = 1;  // the kernel makes it its minimum, some 2 KiB
+  ASSERT_EQ(setsockopt(monitor.fd(), SOL_SOCKET, SO_RCVBUF, &little, sizeof little), 0);
+  {
+    std::ofstream batch("/run/batch");
+    for (int i = 0; i < 2000; ++i)
+      batch << "addr add 10.1." << i / 250 << '.' << i % 250 + 1 << "/32 dev d0\n";
+    for (int i = 0; i < 1999; ++i)
+      batch << "addr del 10.1." << i / 250 << '.' << i % 250 + 1 << "/32 dev d0\n";
+    batch << "link del gone\n";
+  }
+  run("ip -batch /run/batch");
+  EXPECT_TRUE(becomes(n, "d0", "10.1.7.250", "::"));
+  EXPECT_TRUE(until(*loop, [&] { return monitor.settled(); }));
+  EXPECT_GE(monitor.surveys(), 2u);
+  ASSERT_NE(n->link("d0"), nullptr);
+  EXPECT_EQ(n->link("d0")->addresses.size(), 1u + 1u);  // and a link-local one
+  EXPECT_EQ(n->link("gone"), nullptr);
+  EXPECT_TRUE(n->present());
+}
+
+}  // namespace
+}  // namespace agent

@@ -1,0 +1,79 @@
+#pragma once
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+#include "agent/AgentLog.h"
+#include "platform/linux/EventLoop.h"
+
+namespace agent {
+
+/// The test process in a network of its own, with its own /run: what `ip` makes there is seen by
+/// nobody else and gone with the process. Root is not needed where users may make namespaces.
+class World : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    static const std::string problem = enter();  // once per process: there is no way back
+    problem_ = &problem;
+  }
+  void SetUp() override {
+    if (!problem_->empty()) GTEST_SKIP() << *problem_;
+  }
+
+  /// A failing command ends the test.
+  static void run(const std::string& command) {
+    if (std::system(command.c_str()) != 0) throw std::runtime_error("failed: " + command);
+  }
+
+  /// A pair of devices, `name` and `name`-peer, the latter up. (Not every kernel has dummies.)
+  static void makeLink(const std::string& name, const std::string& netns = {}) {
+    const std::string ip = netns.empty() ? "ip " : "ip -n " + netns + ' ';
+    run(ip + "link add " + name + " type veth peer name " + name + "-peer");
+    run(ip + "link set " + name + "-peer up");
+  }
+
+ private:
+  static std::string enter() {
+    if (geteuid() != 0) {
+      const std::string uid = std::to_string(geteuid());
+      const std::string gid = std::to_string(getegid());
+      if (unshare(CLONE_NEWUSER) < 0) return "this user may not make namespaces (run as root)";
+      std::ofstream("/proc/self/setgroups") << "deny";
+      std::ofstream("/proc/self/uid_map") << "0 " + uid + " 1";
+      std::ofstream("/proc/self/gid_map") << "0 " + gid + " 1";
+    }
+    if (unshare(CLONE_NEWNET | CLONE_NEWNS) < 0) return "no namespaces (run as root)";
+    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) < 0) return "no private mounts";
+    if (mount("tmpfs", "/run", "tmpfs", 0, nullptr) < 0) return "no private /run";
+    return {};
+  }
+  inline static const std::string* problem_ = nullptr;
+};
+
+/// Runs rounds of the loop until `done`; false after five seconds.
+inline bool until(EventLoop& loop, const std::function<bool()>& done,
+                  std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    loop.runOnce(Seconds(0.01));
+  }
+  return true;
+}
+
+/// What the agent said, all of it.
+struct Heard {
+  std::string text;
+  AgentLog log{AgentLog::Style::journal, [this](std::string_view line) { text += line; }};
+  bool has(std::string_view part) const { return text.find(part) != text.npos; }
+};
+
+}  // namespace agent
