@@ -1,0 +1,59 @@
+#pragma once
+#include <cstdint>
+#include <map>
+#include <unordered_map>
+
+#include "platform/Entity.h"
+#include "platform/Values.h"
+
+namespace FlowTracking {
+
+/// The 32-bit index that flow records carry for each interface, and back. The host writes both
+/// maps and keeps them each other's inverse; the library only reads. Interfaces must not take one
+/// of the reserved indexes, nor a name without octets or of more than 254.
+class TARN_API IntfIndexMap final : public Entity {
+ public:
+  class TARN_API Watcher : public EntityWatcher<IntfIndexMap> {
+   public:
+    using EntityWatcher::EntityWatcher;
+    virtual void handleIntfIndex(const IntfId& /*intfId*/) {}
+    virtual void handleIntfId(uint32_t /*index*/) {}
+  };
+
+  static constexpr uint32_t numReservedIntfs() { return 4; }
+  static constexpr const char* cpuIntfName = "CPU";
+  static constexpr const char* discardIntfName = "discard";
+  static constexpr const char* multicastIntfName = "multicast";
+  static constexpr const char* unknownIntfName = "unknown";
+  static constexpr uint32_t multicastIndex = 0x80000000;
+  static constexpr uint32_t discardIndex = 0x40000000;
+  static constexpr uint32_t cpuIndex = 0x3fffffff;
+  static constexpr uint32_t unknownIndex = 0;
+  static constexpr bool isReserved(uint32_t index) {
+    return index == multicastIndex || index == discardIndex || index == cpuIndex ||
+           index == unknownIndex;
+  }
+  static constexpr size_t nameMax = 254;  ///< octets: one length octet below 255 (RFC 7011, 7)
+
+  const std::map<IntfId, uint32_t>& intfIndex() const { return intfIndex_; }
+  void intfIndexIs(const IntfId& id, uint32_t index) {
+    put(intfIndex_, id, index, &Watcher::handleIntfIndex);
+  }
+  void intfIndexDel(const IntfId& id) { del(intfIndex_, id, &Watcher::handleIntfIndex); }
+  void intfIndexDelAll() { delAll(intfIndex_, &Watcher::handleIntfIndex); }
+  const std::unordered_map<uint32_t, IntfId>& intfId() const { return intfId_; }
+  void intfIdIs(uint32_t index, const IntfId& id) {
+    put(intfId_, index, id, &Watcher::handleIntfId);
+  }
+  void intfIdDel(uint32_t index) { del(intfId_, index, &Watcher::handleIntfId); }
+  void intfIdDelAll() { delAll(intfId_, &Watcher::handleIntfId); }
+
+  AttrRows attrRows() const override;
+
+ private:
+  std::map<IntfId, uint32_t> intfIndex_;
+  std::unordered_map<uint32_t, IntfId> intfId_;
+};
+TARN_API Ptr<IntfIndexMap> intfIndexMapFactory();
+
+}  // namespace FlowTracking

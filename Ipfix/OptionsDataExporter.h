@@ -1,0 +1,211 @@
+#pragma once
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "Ipfix/DataExporter.h"
+#include "platform/Entity.h"
+#include "platform/Values.h"
+
+/// The store between the producers of options data and its exporters: whole tables (sources) and
+/// single changes (updates).
+///
+/// A producer, for one change:
+///   source->dataRecordDel(old); source->dataRecordIs(record);
+///   update->addUpdate(source->dataSetId(), record);   // leaves soon, coalesced
+///   source->versionInc(1);                            // the table as a whole changed
+namespace FlowTracking {
+
+/// What a table is about: the whole agent, or one tracker.
+enum class OptionsDataScope : uint8_t { scopeGlobal = 0, scopeTracker = 1 };
+TARN_API std::string toText(OptionsDataScope scope);
+TARN_API bool fromText(std::string_view text, OptionsDataScope& scope);
+TARN_API std::ostream& operator<<(std::ostream& out, OptionsDataScope scope);
+
+/// The records of one table, in the order they were added; adding and removing is O(1).
+class TARN_API OptionsDataSource final : public Entity {
+ public:
+  class TARN_API Watcher : public EntityWatcher<OptionsDataSource> {
+   public:
+    using EntityWatcher::EntityWatcher;
+    virtual void handleVersion() {}
+  };
+  using Record = Ptr<const DataRecord>;
+
+  OptionsDataSource(std::string name, TemplateId dataSetId)
+      : name_(std::move(name)), dataSetId_(dataSetId) {}
+  ~OptionsDataSource() override { dataRecordDelAll(); }
+
+  const std::string& name() const { return name_; }
+  TemplateId dataSetId() const { return dataSetId_; }
+  size_t dataRecords() const { return live_; }
+  bool dataRecordHas(const Record& record) const { return slotOf_p(*record) != none; }
+  /// Not told: `versionInc` tells of a batch of edits.
+  void dataRecordIs(const Record& record);
+  void dataRecordDel(const Record& record);
+  void dataRecordDelAll();
+  /// Visits the records in order. The visitor must not change the source.
+  template <class Visit>
+  void eachDataRecord(Visit&& visit) const {
+    for (const Record& record : slot_)
+      if (record) visit(record);
+  }
+
+  uint32_t version() const { return version_; }
+  void versionIs(uint32_t v) { set(version_, v, &Watcher::handleVersion); }
+  uint32_t versionInc(uint32_t n) {
+    const uint32_t v = version_ + n;
+    versionIs(v);
+    return v;
+  }
+
+  AttrRows attrRows() const override;
+
+ private:
+  static constexpr uint32_t none = DataRecord::noSlot;
+  uint32_t slotOf_p(const DataRecord& record) const;
+  void compact_p();
+
+  std::string name_;
+  TemplateId dataSetId_;
+  std::vector<Record> slot_;  // null where one was removed, until those outnumber the rest
+  size_t live_ = 0;
+  // A record knows its place in the first source it was added to; in further ones, this does.
+  std::unordered_map<const DataRecord*, uint32_t> elsewhere_;
+  uint32_t version_ = 0;
+};
+TARN_API Ptr<OptionsDataSource> optionsDataSourceFactory(const std::string& name,
+                                                         TemplateId templateId);
+
+/// A member exists already with another value that cannot change in place.
+class TARN_API ReinstantiationError : public std::logic_error {
+ public:
+  using std::logic_error::logic_error;
+};
+
+/// All sources of one scope.
+class TARN_API OptionsDataSourceColl final : public Entity {
+ public:
+  class TARN_API Watcher : public EntityWatcher<OptionsDataSourceColl> {
+   public:
+    using EntityWatcher::EntityWatcher;
+    virtual void handleSource(const std::string& /*name*/) {}
+  };
+  explicit OptionsDataSourceColl(OptionsDataScope scope) : scope_(scope) {}
+  OptionsDataScope scope() const { return scope_; }
+  const std::map<std::string, Ptr<OptionsDataSource>>& source() const { return source_; }
+  Ptr<OptionsDataSource> source(const std::string& name) const { return find(source_, name); }
+  /// The source of that name, made when there is none. Throws ReinstantiationError when it exports
+  /// under another template id: delete it first.
+  Ptr<OptionsDataSource> sourceIs(const std::string& name, TemplateId templateId);
+  void sourceDel(const std::string& name) { del(source_, name, &Watcher::handleSource); }
+  void sourceDelAll() { delAll(source_, &Watcher::handleSource); }
+
+  AttrRows attrRows() const override;
+
+ private:
+  OptionsDataScope scope_;
+  std::map<std::string, Ptr<OptionsDataSource>> source_;
+};
+TARN_API Ptr<OptionsDataSourceColl> optionsDataSourceCollFactory(OptionsDataScope scope);
+
+/// Announces one changed record at a time. Holds the last one only: a watcher takes it inside the
+/// notification.
+class TARN_API OptionsDataUpdate final : public Entity {
+ public:
+  class TARN_API Watcher : public EntityWatcher<OptionsDataUpdate> {
+   public:
+    using EntityWatcher::EntityWatcher;
+    virtual void handleVersion() {}
+  };
+  explicit OptionsDataUpdate(OptionsDataScope scope) : scope_(scope) {}
+  OptionsDataScope scope() const { return scope_; }
+  TemplateId setId() const { return setId_; }
+  const Ptr<const DataRecord>& record() const { return record_; }
+  uint32_t version() const { return version_; }
+  /// Tells every time, the same record again included.
+  void addUpdate(TemplateId setId, Ptr<const DataRecord> record);
+
+  AttrRows attrRows() const override;
+
+ private:
+  OptionsDataScope scope_;
+  TemplateId setId_ = 0;
+  Ptr<const DataRecord> record_;
+  uint32_t version_ = 0;
+};
+TARN_API Ptr<OptionsDataUpdate> optionsDataUpdateFactory(OptionsDataScope scope);
+
+/// What one exporter reads: the collections and update slots of each scope, owned elsewhere.
+class TARN_API OptionsDataContainer final : public Entity {
+ public:
+  explicit OptionsDataContainer(std::string name) : name_(std::move(name)) {}
+  const std::string& name() const { return name_; }
+  const std::map<OptionsDataScope, Ptr<OptionsDataSourceColl>>& data() const { return data_; }
+  void dataIs(const Ptr<OptionsDataSourceColl>& coll) { data_[coll->scope()] = coll; }
+  void dataDel(OptionsDataScope scope) { data_.erase(scope); }
+  void dataDelAll() { data_.clear(); }
+  const std::map<OptionsDataScope, Ptr<OptionsDataUpdate>>& update() const { return update_; }
+  void updateIs(const Ptr<OptionsDataUpdate>& slot) { update_[slot->scope()] = slot; }
+  void updateDel(OptionsDataScope scope) { update_.erase(scope); }
+  void updateDelAll() { update_.clear(); }
+
+  AttrRows attrRows() const override;
+
+ private:
+  std::string name_;
+  std::map<OptionsDataScope, Ptr<OptionsDataSourceColl>> data_;
+  std::map<OptionsDataScope, Ptr<OptionsDataUpdate>> update_;
+};
+TARN_API Ptr<OptionsDataContainer> optionsDataContainerFactory(const std::string& name);
+
+/// One tracker's own tables.
+class TARN_API TrackerOptionsData final : public Entity {
+ public:
+  explicit TrackerOptionsData(std::string name) : name_(std::move(name)) {}
+  const std::string& name() const { return name_; }
+  const Ptr<OptionsDataSourceColl>& data() const { return data_; }
+  Ptr<OptionsDataSourceColl> dataIs(OptionsDataScope scope);
+  void dataDel() { data_ = nullptr; }
+  const Ptr<OptionsDataUpdate>& update() const { return update_; }
+  Ptr<OptionsDataUpdate> updateIs(OptionsDataScope scope);
+  void updateDel() { update_ = nullptr; }
+
+  AttrRows attrRows() const override;
+
+ private:
+  std::string name_;
+  Ptr<OptionsDataSourceColl> data_;
+  Ptr<OptionsDataUpdate> update_;
+};
+
+/// The root, one per agent.
+class TARN_API OptionsDataAll final : public Entity {
+ public:
+  const Ptr<OptionsDataSourceColl>& globalData() const { return globalData_; }
+  Ptr<OptionsDataSourceColl> globalDataIs(OptionsDataScope scope);
+  void globalDataDel() { globalData_ = nullptr; }
+  const Ptr<OptionsDataUpdate>& globalUpdate() const { return globalUpdate_; }
+  Ptr<OptionsDataUpdate> globalUpdateIs(OptionsDataScope scope);
+  void globalUpdateDel() { globalUpdate_ = nullptr; }
+  const std::map<std::string, Ptr<TrackerOptionsData>>& trackerData() const { return trackerData_; }
+  Ptr<TrackerOptionsData> trackerData(const std::string& name) const {
+    return find(trackerData_, name);
+  }
+  /// The tracker's part, made when there is none.
+  Ptr<TrackerOptionsData> trackerDataIs(const std::string& name);
+  void trackerDataDel(const std::string& name) { drop(trackerData_, name); }
+  void trackerDataDelAll() { dropAll(trackerData_); }
+
+  AttrRows attrRows() const override;
+
+ private:
+  Ptr<OptionsDataSourceColl> globalData_;
+  Ptr<OptionsDataUpdate> globalUpdate_;
+  std::map<std::string, Ptr<TrackerOptionsData>> trackerData_;
+};
+TARN_API Ptr<OptionsDataAll> optionsDataAllFactory();
+
+}  // namespace FlowTracking

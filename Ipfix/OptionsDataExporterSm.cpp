@@ -1,0 +1,531 @@
+#include "Ipfix/OptionsDataExporterSm.h"
+
+#include "Ipfix/FlowTrackerPktTxUtil.h"
+#include "platform/Platform.h"
+#include "platform/Trace.h"
+
+namespace FlowTracking {
+
+using Tarn::Ipfix::CollectorStatisticsEntry;
+using Tarn::Ipfix::CollectorStatisticsKey;
+
+namespace {
+constexpr TaskPriority taskPriority = 2;
+constexpr uint32_t defaultActiveInterval = 300000;  // ms
+
+std::string destination(const Collector& c) {
+  return c.isIpv4() ? c.dst4().stringValue() : c.dst6().stringValue();
+}
+}  // namespace
+
+// --- BuilderWrapper ---
+
+BuilderWrapper::BuilderWrapper(uint16_t maxSize, uint32_t observationDomainId)
+    : builder_(messageBuilderFactory(maxSize, observationDomainId)) {}
+void BuilderWrapper::startMsg() {
+  msgWrap_ = Ptr<MessageWrapper>::adopt(new MessageWrapper);
+  lastSet_ = nullptr;
+  builder_->startMsg();
+}
+uint32_t BuilderWrapper::addSetRecord(TemplateId setId, const DataRecord& record) {
+  const uint32_t consumed = builder_->addSetRecord(setId, record);
+  if (consumed == 0) return 0;
+  if (!lastSet_ || lastSetId_ != setId) {
+    lastSetId_ = setId;
+    lastSet_ = &msgWrap_->setRecord[setId];
+  }
+  lastSet_->countInc(1);
+  return consumed;
+}
+Ptr<MessageWrapper> BuilderWrapper::finalizeMsg() {
+  msgWrap_->message = builder_->finalizeMsg();
+  return msgWrap_;
+}
+
+// --- Collector ---
+
+void Collector::sendMessage(const ExporterInfo& expInfo,
+                            const HwFlowTracking::ExporterConfig& hwExpConfig,
+                            MessageWrapper& msgWrap) {
+  const uint32_t seq = collInfo_->ipfixMsgSeqNo().value();
+  collInfo_->ipfixMsgSeqNoInc(msgWrap.message->recordCount());
+  const Ptr<Pkt> packet = msgWrap.message->pkt(seq);
+  const DscpValue dscp = hwExpConfig.dscp();
+  const auto& _pam = isIpv4() ? expInfo.udpPam4() : expInfo.udpPam6();
+  TARN_ASSERT(_pam);
+  if (isIpv4()) {
+    const IpAddr src = hwExpConfig.srcIpAddr();
+    TARN_ASSERT(src != IpAddr::ipAddrZero());
+    trace(TraceLevel::packet, "Collector::", name_, " TX IPv4", HexDump{packet->octets()});
+    sendPkt4(packet, _pam, src, dst4_, dscp);
+  } else {
+    const Ip6Addr src = hwExpConfig.srcIp6Addr();
+    TARN_ASSERT(!src.isZero());
+    trace(TraceLevel::packet, "Collector::", name_, " TX IPv6", HexDump{packet->octets()});
+    sendPkt6(packet, _pam, src, dst6_, dscp);
+  }
+  updateStats(msgWrap);
+}
+void Collector::updateStats(const MessageWrapper& msgWrap) {
+  const auto collector = isIpv4() ? Tarn::Ipfix::CollectorInfo::fromIpAndPort(dst4_)
+                                  : Tarn::Ipfix::CollectorInfo::fromIp6AndPort(dst6_);
+  const CollectorStatisticsKey key(exporterSm_->ftName(), exporterSm_->expName(), collector);
+  const auto& collStats = exporterSm_->collStats();
+  auto entry = collStats->stats(key).value_or(CollectorStatisticsEntry(key));
+  entry.exportedMessageTotalCountInc(1);
+  entry.exportedFlowRecordTotalCountInc(msgWrap.message->recordCount());
+  entry.exportedOctetTotalCountInc(msgWrap.message->len());
+  const double now = Platform::current().clock().now();
+  entry.lastSentTimeIs(now);
+  entry.lastOptionsDataSentTimeIs(now);
+  for (const auto& [setId, record] : msgWrap.setRecord) {
+    const Tarn::Ipfix::SetId id(setId);
+    if (!entry.hasRoomFor(id)) continue;  // twenty others are counted: this one is in the totals
+    auto set = entry.setEntry(id);
+    set.setId = setId;
+    set.exportedFlowRecordCount += record.count;
+    entry.setEntryIs(set);
+  }
+  collStats->statsIs(entry);
+}
+
+// --- What the exporter hears ---
+
+class OptionsDataExporterSm::HwExpConfigSm final : public HwFlowTracking::ExporterConfig::Watcher {
+ public:
+  explicit HwExpConfigSm(OptionsDataExporterSm& sm) : Watcher(sm.hwExpConfig_), sm_(sm) {}
+  void handleIpfixMtu() override { sm_.msgCacheValid_ = false; }
+  void handleSrcIpAddr() override { sm_.handleSrc4(); }
+  void handleSrcIp6Addr() override { sm_.handleSrc6(); }
+  void handleCollectorIpAndPort(const std::string& name) override { sm_.handleCollector4(name); }
+  void handleCollectorIp6AndPort(const std::string& name) override { sm_.handleCollector6(name); }
+
+ private:
+  OptionsDataExporterSm& sm_;
+};
+class OptionsDataExporterSm::HwFtConfigSm final : public HwFlowTracking::FtConfig::Watcher {
+ public:
+  explicit HwFtConfigSm(OptionsDataExporterSm& sm) : Watcher(sm.hwFtConfig_), sm_(sm) {}
+  void handleActiveInterval() override { sm_.handleActiveInterval(); }
+
+ private:
+  OptionsDataExporterSm& sm_;
+};
+class OptionsDataExporterSm::ExpInfoSm final : public ExporterInfo::Watcher {
+ public:
+  explicit ExpInfoSm(OptionsDataExporterSm& sm) : Watcher(sm.expInfo_), sm_(sm) {}
+  void handleCollInfo(const std::string& name) override { sm_.handleCollInfo(name); }
+  void handleUdpPam4() override { sm_.handleUdpPam4(); }
+  void handleUdpPam6() override { sm_.handleUdpPam6(); }
+
+ private:
+  OptionsDataExporterSm& sm_;
+};
+class OptionsDataExporterSm::CollInfoSm final : public CollectorInfo::Watcher {
+ public:
+  CollInfoSm(OptionsDataExporterSm& sm, Ptr<const CollectorInfo> info)
+      : Watcher(std::move(info)), sm_(sm) {}
+  void handleOptTemplateSent() override {
+    const std::string name = entity()->name();
+    sm_.handleCollector4(name);
+    sm_.handleCollector6(name);
+  }
+
+ private:
+  OptionsDataExporterSm& sm_;
+};
+class OptionsDataExporterSm::UpdateSm final : public OptionsDataUpdate::Watcher {
+ public:
+  UpdateSm(OptionsDataExporterSm& sm, Ptr<const OptionsDataUpdate> slot)
+      : Watcher(std::move(slot)), sm_(sm) {}
+  void handleVersion() override { sm_.handleUpdateData(entity()->scope()); }
+
+ private:
+  OptionsDataExporterSm& sm_;
+};
+class OptionsDataExporterSm::SourceSm final : public OptionsDataSource::Watcher {
+ public:
+  SourceSm(OptionsDataExporterSm& sm, Ptr<const OptionsDataSource> source)
+      : Watcher(std::move(source)), sm_(sm) {}
+  void handleVersion() override { sm_.msgCacheValid_ = false; }
+
+ private:
+  OptionsDataExporterSm& sm_;
+};
+class OptionsDataExporterSm::SourceCollSm final : public OptionsDataSourceColl::Watcher {
+ public:
+  SourceCollSm(OptionsDataExporterSm& sm, const Ptr<const OptionsDataSourceColl>& coll)
+      : Watcher(coll) {
+    for (const auto& [name, source] : coll->source())
+      dataSourceEnt_.emplace(name, std::make_unique<SourceSm>(sm, source));
+  }
+  void handleSource(const std::string&) override {
+    assertionFailed("data source changed after init!", __FILE__, __LINE__);
+  }
+
+ private:
+  std::map<std::string, std::unique_ptr<SourceSm>> dataSourceEnt_;
+};
+
+OptionsDataExporterSm::OptionsDataExporterSm(const std::string& expName, const std::string& ftName,
+                                             FtId ftId,
+                                             Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
+                                             Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig,
+                                             Ptr<ExporterInfo> expInfo,
+                                             Ptr<Tarn::Ipfix::CollectorStatistics> collStats,
+                                             Ptr<const OptionsDataContainer> dataContainer,
+                                             Ptr<TaskScheduler> scheduler)
+    : expName_(expName),
+      ftName_(ftName),
+      ftId_(ftId),
+      hwFtConfig_(std::move(hwFtConfig)),
+      hwExpConfig_(std::move(hwExpConfig)),
+      expInfo_(std::move(expInfo)),
+      collStats_(std::move(collStats)),
+      dataContainer_(std::move(dataContainer)),
+      scheduler_(std::move(scheduler)),
+      traceId_(expName + " for " + ftName) {
+  handleInitialized();
+}
+OptionsDataExporterSm::~OptionsDataExporterSm() {
+  for (const auto* family : {&collector4_, &collector6_})
+    for (const auto& [name, collector] : *family) collector->retire();
+}
+
+void OptionsDataExporterSm::handleInitialized() {
+  const auto task = [this](const char* prefix, void (OptionsDataExporterSm::*body)()) {
+    return scheduler_->timerTask(prefix + expName_, taskPriority, [this, body] {
+      const Ptr<OptionsDataExporterSm> hold(this);  // sending is told, who hears may delete us
+      (this->*body)();
+    });
+  };
+  collectorUpdateTask_ =
+      task("optionsDataExporterCollectorUpdate-", &OptionsDataExporterSm::processCollectorQueue);
+  updateTask_ = task("optionsDataExporterUpdate-", &OptionsDataExporterSm::flushUpdateQueue);
+  txPeriodicTask_ = task("optionsDataExporterPeriodicTx-",
+                         &OptionsDataExporterSm::maybeBeginPeriodicTransmission);
+
+  hwExpConfigSm_ = std::make_unique<HwExpConfigSm>(*this);
+  if (hwFtConfig_) hwFtConfigSm_ = std::make_unique<HwFtConfigSm>(*this);
+  expInfoSm_ = std::make_unique<ExpInfoSm>(*this);
+  for (const auto& [scope, coll] : dataContainer_->data())
+    scopedDataSource_.emplace(scope, std::make_unique<SourceCollSm>(*this, coll));
+  for (const auto& [scope, slot] : dataContainer_->update())
+    updateDataEnt_.emplace(scope, std::make_unique<UpdateSm>(*this, slot));
+  for (const auto& [name, info] : expInfo_->collInfo()) handleCollInfo(name);
+
+  msgCacheValid_ = false;
+  initialized_ = true;
+  maybeBeginPeriodicTransmission();
+}
+
+// --- Readiness and the period ---
+
+bool OptionsDataExporterSm::v4Ready() const {
+  return expInfo_->udpPam4() && !hwExpConfig_->srcIpAddr().isZero() && !collector4_.empty();
+}
+bool OptionsDataExporterSm::v6Ready() const {
+  return expInfo_->udpPam6() && !hwExpConfig_->srcIp6Addr().isZero() && !collector6_.empty();
+}
+bool OptionsDataExporterSm::familyReady_p(const Collector& collector) const {
+  return collector.isIpv4() ? v4Ready() : v6Ready();
+}
+uint32_t OptionsDataExporterSm::activeInterval() const {
+  return hwFtConfig_ ? hwFtConfig_->activeInterval() : defaultActiveInterval;
+}
+uint16_t OptionsDataExporterSm::maxMsgSize_p() const {
+  return static_cast<uint16_t>(hwExpConfig_->ipfixMtu() - ::Ipfix::IpfixConst::ipUdpHeaderLen());
+}
+
+void OptionsDataExporterSm::maybeSchedulePeriodic() {
+  if (!v4Ready() && !v6Ready()) {
+    trace(TraceLevel::detail, "OptionsDataExporterSm::", traceId_,
+          " unschedule periodic transmission");
+    txPeriodicTask_->stop();
+    return;
+  }
+  const double seconds = activeInterval() / 1000.0;
+  trace(TraceLevel::detail, "OptionsDataExporterSm::", traceId_, " schedule periodic transmission ",
+        seconds);
+  txPeriodicTask_->scheduleLowestIs(Seconds(seconds));
+}
+void OptionsDataExporterSm::handleActiveInterval() {
+  txPeriodicTask_->stop();  // a longer interval must not wait for the shorter one's run
+  maybeSchedulePeriodic();
+}
+void OptionsDataExporterSm::handleSrc4() {
+  trace(TraceLevel::event, "OptionsDataExporterSm::", "handleSrc4 ", traceId_, " ",
+        hwExpConfig_->srcIpAddr().stringValue(), ", ready: ", v4Ready());
+  maybeSchedulePeriodic();
+}
+void OptionsDataExporterSm::handleSrc6() {
+  trace(TraceLevel::event, "OptionsDataExporterSm::", "handleSrc6 ", traceId_, " ",
+        hwExpConfig_->srcIp6Addr().stringValue(), ", ready: ", v6Ready());
+  maybeSchedulePeriodic();
+}
+// A new endpoint is a new transport session: its collectors get their templates again, and after
+// them the tables.
+void OptionsDataExporterSm::handleUdpPam4() {
+  if (expInfo_->udpPam4()) resendAll_p(collector4_);
+  maybeSchedulePeriodic();
+}
+void OptionsDataExporterSm::handleUdpPam6() {
+  if (expInfo_->udpPam6()) resendAll_p(collector6_);
+  maybeSchedulePeriodic();
+}
+void OptionsDataExporterSm::resendAll_p(const std::map<std::string, Ptr<Collector>>& family) {
+  for (const auto& [name, collector] : family) handleCollector(name);
+}
+
+// --- Collectors ---
+
+void OptionsDataExporterSm::handleCollInfo(const std::string& name) {
+  if (auto info = expInfo_->collInfo(name)) {
+    collInfo_[name] = std::make_unique<CollInfoSm>(*this, std::move(info));
+  } else {
+    collInfo_.erase(name);
+  }
+  handleCollector4(name);
+  handleCollector6(name);
+}
+void OptionsDataExporterSm::handleCollector4(const std::string& name) {
+  collectorIs_p(collector4_, hwExpConfig_->collectorIpAndPort(), name);
+}
+void OptionsDataExporterSm::handleCollector6(const std::string& name) {
+  collectorIs_p(collector6_, hwExpConfig_->collectorIp6AndPort(), name);
+}
+template <class Dst>
+void OptionsDataExporterSm::collectorIs_p(std::map<std::string, Ptr<Collector>>& family,
+                                          const std::map<std::string, Dst>& configured,
+                                          const std::string& collectorName) {
+  const std::string name = collectorName;  // it may be the key of what goes away here
+  const auto info = expInfo_->collInfo(name);
+  const auto dst = configured.find(name);
+  const auto had = family.find(name);
+  if (dst == configured.end() || !info) {
+    if (had == family.end()) return;
+    collectorDel_p(family, name);
+    maybeSchedulePeriodic();
+    return;
+  }
+  IpAndPort dst4;
+  Ip6AndPort dst6;
+  if constexpr (std::is_same_v<Dst, IpAndPort>) {
+    dst4 = dst->second;
+  } else {
+    dst6 = dst->second;
+  }
+  if (had != family.end()) {
+    const Collector& c = *had->second;
+    if (c.dst4() == dst4 && c.dst6() == dst6 && c.collInfo() == info && info->optTemplateSent())
+      return;
+    trace(TraceLevel::event, "OptionsDataExporterSm::", traceId_,
+          c.isIpv4() ? " stale v4 collector " : " stale v6 collector ", name, " ", destination(c));
+    collectorDel_p(family, name);
+  }
+  if (!info->optTemplateSent()) return;
+  const auto c = Ptr<Collector>::adopt(new Collector(name, info, dst4, dst6, this));
+  family[name] = c;
+  collector_[name] = c;
+  handleCollector(name);
+}
+void OptionsDataExporterSm::collectorDel_p(std::map<std::string, Ptr<Collector>>& family,
+                                           const std::string& name) {
+  const auto node = family.extract(name);
+  if (node.empty()) return;
+  node.mapped()->retire();
+  // While it moves between the families, the name may stand for its other self already.
+  if (auto it = collector_.find(name); it != collector_.end() && it->second == node.mapped())
+    collector_.erase(it);
+}
+void OptionsDataExporterSm::handleCollector(const std::string& name) {
+  collectorUpdate_.insert(name);
+  collectorUpdateTask_->scheduleIs(Seconds(0));
+}
+
+void OptionsDataExporterSm::processCollectorQueue() {
+  if (!initialized_) return;
+  for (const auto& name : std::exchange(collectorUpdate_, {})) {
+    const auto collector = find(collector_, name);
+    trace(TraceLevel::detail, "OptionsDataExporterSm::", "processCollectorQueue ", traceId_, " ",
+          name, ", exists: ", bool{collector});
+    if (!collector || !familyReady_p(*collector)) continue;
+    maybeBuildMsgCache();
+    const auto messages = msgCache_;  // whoever hears of a sending may have the cache rebuilt
+    for (const auto& message : messages) sendMessageTo_p(*collector, *message);
+  }
+  maybeSchedulePeriodic();
+}
+
+// --- Sending ---
+
+void OptionsDataExporterSm::sendMessageTo_p(Collector& collector, MessageWrapper& msgWrap) {
+  // Each sending is told, and those told may take the collector or its family away.
+  if (collector.active() && familyReady_p(collector))
+    collector.sendMessage(*expInfo_, *hwExpConfig_, msgWrap);
+}
+void OptionsDataExporterSm::sendMessageToCollectors(MessageWrapper& msgWrap) {
+  std::vector<Ptr<Collector>> to;
+  to.reserve(collector4_.size() + collector6_.size());
+  for (const auto* family : {&collector4_, &collector6_})
+    for (const auto& [name, collector] : *family) to.push_back(collector);
+  for (const auto& collector : to) sendMessageTo_p(*collector, msgWrap);
+}
+
+void OptionsDataExporterSm::maybeBeginPeriodicTransmission() {
+  const auto say = [this](const char* what) {
+    trace(TraceLevel::detail, "OptionsDataExporterSm::", traceId_, " ", what);
+  };
+  if (!initialized_) return;
+  if (processing_) {
+    say("processing, do not start new periodic transmission");
+    return;
+  }
+  if (!v4Ready() && !v6Ready()) {
+    say("tx not ready, do not start new periodic transmission");
+    return;
+  }
+  say("starting new periodic transmission");
+  maybeBuildMsgCache();
+  abortUpdates();
+  processing_ = true;
+  sendDataTables();
+}
+void OptionsDataExporterSm::sendDataTables() {
+  // Everybody who can be reached gets the tables now: nobody of them waits for a resend any more.
+  std::erase_if(collectorUpdate_, [this](const std::string& name) {
+    const auto collector = find(collector_, name);
+    return !collector || familyReady_p(*collector);
+  });
+  if (collectorUpdate_.empty()) collectorUpdateTask_->stop();
+  for (const auto& message : msgCache_) sendMessageToCollectors(*message);
+  processing_ = false;
+  maybeSchedulePeriodic();
+}
+
+void OptionsDataExporterSm::maybeBuildMsgCache() {
+  TARN_ASSERT_AS(initialized(), "initialized()");
+  TARN_ASSERT_AS(!processing(), "!processing()");
+  trace(TraceLevel::detail, "OptionsDataExporterSm::", traceId_, " msgCacheValid: ", msgCacheValid_,
+        ", entries: ", msgCache_.size());
+  if (msgCacheValid_) return;
+  msgCache_.clear();
+  ++msgCacheBuildCount_;
+  BuilderWrapper builder(maxMsgSize_p(), ftId_);
+  builder.startMsg();
+  uint64_t total = 0;
+  for (const auto& [scope, coll] : dataContainer_->data()) {
+    for (const auto& [name, source] : coll->source()) {
+      const TemplateId setId = source->dataSetId();
+      uint64_t count = 0;
+      source->eachDataRecord([&](const Ptr<const DataRecord>& record) {
+        uint32_t consumed = builder.addSetRecord(setId, *record);
+        if (consumed == 0 && builder.recordCount() > 0) {
+          msgCache_.push_back(builder.finalizeMsg());
+          builder.startMsg();
+          consumed = builder.addSetRecord(setId, *record);
+        }
+        TARN_ASSERT(consumed > 0);
+        ++count;
+      });
+      total += count;
+      trace(TraceLevel::detail, "OptionsDataExporterSm::", traceId_, " added ", count,
+            " records from ", scope, "::", name, ", setId: ", setId);
+    }
+  }
+  if (builder.recordCount() > 0) msgCache_.push_back(builder.finalizeMsg());
+  trace(TraceLevel::detail, "OptionsDataExporterSm::", traceId_, " added ", total, " records");
+  msgCacheValid_ = true;
+}
+
+// --- Updates ---
+
+void OptionsDataExporterSm::abortUpdates() {
+  updateTask_->stop();
+  update_.clear();
+  updateQueueBytes_ = 0;
+}
+void OptionsDataExporterSm::handleUpdateData(OptionsDataScope scope) {
+  TARN_ASSERT_AS(initialized(), "initialized()");
+  const auto& slot = dataContainer_->update().at(scope);
+  updateQueueBytes_ += slot->record()->dataLen();
+  update_[slot->setId()].recordEnq(slot->record());
+  const uint32_t maxMsgSize = maxMsgSize_p();
+  const uint32_t hdrLen = MessageBuilder::calcOverhead(static_cast<unsigned>(update_.size()));
+  const bool full = hdrLen + updateQueueBytes_ >= maxMsgSize;
+  trace(TraceLevel::detail, "OptionsDataExporterSm::", traceId_,
+        full ? " schedule immediate, updateQueueBytes: " : " coalescing, updateQueueBytes: ",
+        updateQueueBytes_, ", hdrLen: ", hdrLen, ", IPFIX max msg size: ", maxMsgSize);
+  updateTask_->scheduleLowestIs(full ? Seconds(0) : updateDataCoalesceTime_);
+}
+void OptionsDataExporterSm::flushUpdateQueue() {
+  if (!v4Ready() && !v6Ready()) {  // whoever becomes ready gets the full tables
+    abortUpdates();
+    return;
+  }
+  BuilderWrapper builder(maxMsgSize_p(), ftId_);
+  builder.startMsg();
+  bool yield = false;
+  while (!yield && !update_.empty()) {
+    const auto it = update_.begin();
+    const TemplateId setId = it->first;
+    UpdateSetQueue& queue = it->second;
+    const Ptr<const DataRecord> record = queue.head();
+    queue.recordDel();
+    updateQueueBytes_ -= record->dataLen();
+    if (queue.empty()) update_.erase(it);  // before sending, which others hear of
+
+    uint32_t consumed = builder.addSetRecord(setId, *record);
+    if (consumed == 0 && builder.recordCount() > 0) {
+      sendMessageToCollectors(*builder.finalizeMsg());
+      builder.startMsg();
+      consumed = builder.addSetRecord(setId, *record);
+    }
+    TARN_ASSERT(consumed > 0);
+    yield = updateTask_->shouldYield();
+  }
+  if (builder.recordCount() > 0) sendMessageToCollectors(*builder.finalizeMsg());
+  if (!update_.empty()) updateTask_->scheduleIs(Seconds(0));
+}
+
+AttrRows OptionsDataExporterSm::attrRows() const {
+  using E = OptionsDataExporterSm;
+  static constexpr AttrRow rows[] = {
+      row<&E::expName>("expName"),
+      row<&E::ftName>("ftName"),
+      row<&E::ftId>("ftId"),
+      row<&E::v4Ready>("v4Ready"),
+      row<&E::v6Ready>("v6Ready"),
+      row<&E::activeInterval>("activeInterval"),
+      row<&E::updateQueueBytes>("updateQueueBytes"),
+      row<&E::updateDataCoalesceTime, &E::updateDataCoalesceTimeIs>("updateDataCoalesceTime"),
+      row<&E::msgCacheSize>("msgCacheSize"),
+      row<&E::msgCacheValid>("msgCacheValid"),
+      row<&E::msgCacheBuildCount>("msgCacheBuildCount"),
+      row<&E::processing>("processing"),
+      row<&E::initialized>("initialized"),
+  };
+  return rows;
+}
+Ptr<OptionsDataExporterSm> OptionsDataExporterSm::OptionsDataExporterSmIs(
+    const std::string& expName, const std::string& ftName, FtId ftId,
+    Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
+    Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig, Ptr<ExporterInfo> expInfo,
+    Ptr<Tarn::Ipfix::CollectorStatistics> collStats, Ptr<const OptionsDataContainer> dataContainer,
+    Ptr<TaskScheduler> scheduler) {
+  return Ptr<OptionsDataExporterSm>::adopt(new OptionsDataExporterSm(
+      expName, ftName, ftId, std::move(hwFtConfig), std::move(hwExpConfig), std::move(expInfo),
+      std::move(collStats), std::move(dataContainer), std::move(scheduler)));
+}
+Ptr<OptionsDataExporterSm> optionsDataExporterSmFactory(
+    const std::string& expName, const std::string& ftName, FtId ftId,
+    Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
+    Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig, Ptr<ExporterInfo> expInfo,
+    Ptr<Tarn::Ipfix::CollectorStatistics> collStats, Ptr<const OptionsDataContainer> dataContainer,
+    Ptr<TaskScheduler> scheduler) {
+  return OptionsDataExporterSm::OptionsDataExporterSmIs(
+      expName, ftName, ftId, std::move(hwFtConfig), std::move(hwExpConfig), std::move(expInfo),
+      std::move(collStats), std::move(dataContainer), std::move(scheduler));
+}
+
+}  // namespace FlowTracking

@@ -1,0 +1,227 @@
+#pragma once
+#include <deque>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Ipfix/CollectorStats.h"
+#include "Ipfix/FlowTrackerInfoSm.h"
+#include "Ipfix/MessageBuilder.h"
+#include "Ipfix/OptionsDataExporter.h"
+#include "platform/HwFlowTracking.h"
+#include "platform/TaskScheduler.h"
+
+namespace FlowTracking {
+
+class OptionsDataExporterSm;
+
+/// Data records of one template in a message.
+struct SetRecord {
+  uint64_t count = 0;
+  void countInc(uint64_t n) { count += n; }
+};
+
+/// One finished options data message and what it holds, by template id.
+class TARN_API MessageWrapper final : public Counted<MessageWrapper> {
+ public:
+  Ptr<Message> message;
+  std::map<TemplateId, SetRecord> setRecord;
+};
+
+/// A builder and the wrapper of the message under construction.
+class TARN_API BuilderWrapper final {
+ public:
+  BuilderWrapper(uint16_t maxSize, uint32_t observationDomainId);
+  uint16_t maxSize() const { return builder_->maxSize(); }
+  uint32_t observationDomainId() const { return builder_->observationDomainId(); }
+  void startMsg();
+  /// Octets of the record, or 0 when it does not fit.
+  uint32_t addSetRecord(TemplateId setId, const DataRecord& record);
+  Ptr<MessageWrapper> finalizeMsg();
+  /// Records in the message under construction.
+  uint32_t recordCount() const { return builder_->recordCount(); }
+
+ private:
+  Ptr<MessageBuilder> builder_;
+  Ptr<MessageWrapper> msgWrap_;
+  // The set that the last record went to: a table's records follow each other.
+  TemplateId lastSetId_ = 0;
+  SetRecord* lastSet_ = nullptr;
+};
+
+/// Pending incremental records of one template, first in, first out.
+class TARN_API UpdateSetQueue {
+ public:
+  void recordEnq(Ptr<const DataRecord> record) { record_.push_back(std::move(record)); }
+  const Ptr<const DataRecord>& head() const { return record_.front(); }
+  void recordDel() { record_.pop_front(); }
+  void recordDelAll() { record_.clear(); }
+  bool empty() const { return record_.empty(); }
+
+ private:
+  std::deque<Ptr<const DataRecord>> record_;
+};
+
+/// An options data exporter's handle on one destination: numbers, stamps, sends and counts.
+class TARN_API Collector final : public Counted<Collector> {
+ public:
+  Collector(std::string name, Ptr<CollectorInfo> collInfo, const IpAndPort& dst4,
+            const Ip6AndPort& dst6, OptionsDataExporterSm* exporterSm)
+      : name_(std::move(name)),
+        collInfo_(std::move(collInfo)),
+        dst4_(dst4),
+        dst6_(dst6),
+        exporterSm_(exporterSm) {}
+  const std::string& name() const { return name_; }
+  const Ptr<CollectorInfo>& collInfo() const { return collInfo_; }
+  const IpAndPort& dst4() const { return dst4_; }
+  const Ip6AndPort& dst6() const { return dst6_; }
+  bool isIpv4() const { return dst4_.port != 0; }
+  /// Its exporter still sends to it.
+  bool active() const { return exporterSm_ != nullptr; }
+  void retire() { exporterSm_ = nullptr; }
+
+  /// The family's endpoint and source must be there (asserted).
+  void sendMessage(const ExporterInfo& expInfo, const HwFlowTracking::ExporterConfig& hwExpConfig,
+                   MessageWrapper& msgWrap);
+
+ private:
+  void updateStats(const MessageWrapper& msgWrap);
+
+  std::string name_;
+  Ptr<CollectorInfo> collInfo_;
+  IpAndPort dst4_;
+  Ip6AndPort dst6_;
+  OptionsDataExporterSm* exporterSm_;  // null once the exporter has dropped it
+};
+
+/// Sends the options data of one (exporter, tracker): the full tables every active interval and to
+/// each collector that is new, out of a cache of built messages; single changes soon after they
+/// happen, coalesced. A collector is served once its options templates have gone out.
+class TARN_API OptionsDataExporterSm final : public Entity {
+ public:
+  static Ptr<OptionsDataExporterSm> OptionsDataExporterSmIs(
+      const std::string& expName, const std::string& ftName, FtId ftId,
+      Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
+      Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig, Ptr<ExporterInfo> expInfo,
+      Ptr<Tarn::Ipfix::CollectorStatistics> collStats,
+      Ptr<const OptionsDataContainer> dataContainer, Ptr<TaskScheduler> scheduler);
+  ~OptionsDataExporterSm() override;
+
+  const std::string& expName() const { return expName_; }
+  const std::string& ftName() const { return ftName_; }
+  FtId ftId() const { return ftId_; }
+  const Ptr<const HwFlowTracking::ExporterConfig>& hwExpConfig() const { return hwExpConfig_; }
+  const Ptr<ExporterInfo>& expInfo() const { return expInfo_; }
+  const Ptr<Tarn::Ipfix::CollectorStatistics>& collStats() const { return collStats_; }
+  const std::map<std::string, Ptr<Collector>>& collector4() const { return collector4_; }
+  const std::map<std::string, Ptr<Collector>>& collector6() const { return collector6_; }
+  const std::map<std::string, Ptr<Collector>>& collector() const { return collector_; }
+  uint32_t updateQueueBytes() const { return updateQueueBytes_; }
+  double updateDataCoalesceTime() const { return updateDataCoalesceTime_.count(); }
+  void updateDataCoalesceTimeIs(double seconds) { updateDataCoalesceTime_ = Seconds(seconds); }
+  size_t msgCacheSize() const { return msgCache_.size(); }
+  bool msgCacheValid() const { return msgCacheValid_; }
+  uint32_t msgCacheBuildCount() const { return msgCacheBuildCount_; }
+  bool processing() const { return processing_; }
+  bool initialized() const { return initialized_; }
+  /// "<exporter> for <tracker>"
+  const std::string& traceId() const { return traceId_; }
+
+  /// The family has an open endpoint, a source address and somebody to send to.
+  bool v4Ready() const;
+  bool v6Ready() const;
+  /// Milliseconds between full transmissions.
+  uint32_t activeInterval() const;
+
+  void handleInitialized();
+  void handleSrc4();
+  void handleSrc6();
+  void handleCollector4(const std::string& name);
+  void handleCollector6(const std::string& name);
+  /// Queues the collector for the full tables.
+  void handleCollector(const std::string& name);
+  void handleUpdateData(OptionsDataScope scope);
+
+  AttrRows attrRows() const override;
+
+ private:
+  class HwExpConfigSm;
+  class HwFtConfigSm;
+  class ExpInfoSm;
+  class CollInfoSm;
+  class UpdateSm;
+  class SourceCollSm;
+  class SourceSm;
+
+  OptionsDataExporterSm(const std::string& expName, const std::string& ftName, FtId ftId,
+                        Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
+                        Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig,
+                        Ptr<ExporterInfo> expInfo, Ptr<Tarn::Ipfix::CollectorStatistics> collStats,
+                        Ptr<const OptionsDataContainer> dataContainer,
+                        Ptr<TaskScheduler> scheduler);
+
+  uint16_t maxMsgSize_p() const;
+  void handleCollInfo(const std::string& name);
+  template <class Dst>
+  void collectorIs_p(std::map<std::string, Ptr<Collector>>& family,
+                     const std::map<std::string, Dst>& configured, const std::string& name);
+  void collectorDel_p(std::map<std::string, Ptr<Collector>>& family, const std::string& name);
+  void resendAll_p(const std::map<std::string, Ptr<Collector>>& family);
+  void handleUdpPam4();
+  void handleUdpPam6();
+  void handleActiveInterval();
+
+  void maybeSchedulePeriodic();
+  void maybeBeginPeriodicTransmission();
+  void maybeBuildMsgCache();
+  void sendDataTables();
+  bool familyReady_p(const Collector& collector) const;
+  void sendMessageToCollectors(MessageWrapper& msgWrap);
+  void sendMessageTo_p(Collector& collector, MessageWrapper& msgWrap);
+  void processCollectorQueue();
+  void flushUpdateQueue();
+  void abortUpdates();
+
+  std::string expName_;
+  std::string ftName_;
+  FtId ftId_;
+  Ptr<const HwFlowTracking::FtConfig> hwFtConfig_;  // may be null
+  Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig_;
+  Ptr<ExporterInfo> expInfo_;
+  Ptr<Tarn::Ipfix::CollectorStatistics> collStats_;
+  Ptr<const OptionsDataContainer> dataContainer_;
+  Ptr<TaskScheduler> scheduler_;
+  std::string traceId_;
+  std::map<std::string, Ptr<Collector>> collector4_;
+  std::map<std::string, Ptr<Collector>> collector6_;
+  std::map<std::string, Ptr<Collector>> collector_;
+  std::map<std::string, std::unique_ptr<CollInfoSm>> collInfo_;
+  std::set<std::string> collectorUpdate_;
+  std::map<OptionsDataScope, std::unique_ptr<UpdateSm>> updateDataEnt_;
+  std::map<OptionsDataScope, std::unique_ptr<SourceCollSm>> scopedDataSource_;
+  std::map<TemplateId, UpdateSetQueue> update_;
+  uint32_t updateQueueBytes_ = 0;
+  Seconds updateDataCoalesceTime_{1.0};
+  std::vector<Ptr<MessageWrapper>> msgCache_;
+  bool msgCacheValid_ = false;
+  uint32_t msgCacheBuildCount_ = 0;
+  bool processing_ = false;
+  bool initialized_ = false;
+  std::unique_ptr<TimerTask> updateTask_;
+  std::unique_ptr<TimerTask> collectorUpdateTask_;
+  std::unique_ptr<TimerTask> txPeriodicTask_;
+  std::unique_ptr<HwExpConfigSm> hwExpConfigSm_;
+  std::unique_ptr<HwFtConfigSm> hwFtConfigSm_;
+  std::unique_ptr<ExpInfoSm> expInfoSm_;
+};
+TARN_API Ptr<OptionsDataExporterSm> optionsDataExporterSmFactory(
+    const std::string& expName, const std::string& ftName, FtId ftId,
+    Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
+    Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig, Ptr<ExporterInfo> expInfo,
+    Ptr<Tarn::Ipfix::CollectorStatistics> collStats, Ptr<const OptionsDataContainer> dataContainer,
+    Ptr<TaskScheduler> scheduler);
+
+}  // namespace FlowTracking
