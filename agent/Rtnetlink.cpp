@@ -37,7 +37,11 @@ bool parseAttrs(const nlmsghdr& message, size_t headerLen, Attrs<n>& attrs) {
     if (type < n) all[type] = attr;
     return MNL_CB_OK;
   };
-  return mnl_attr_parse(&message, static_cast<unsigned>(headerLen), each, &attrs) == MNL_CB_OK;
+  // Not mnl_attr_parse, which reads up to three octets behind a message of odd length.
+  const size_t before = MNL_NLMSG_HDRLEN + MNL_ALIGN(headerLen);
+  if (message.nlmsg_len < before) return false;
+  return mnl_attr_parse_payload(mnl_nlmsg_get_payload_offset(&message, headerLen),
+                                message.nlmsg_len - before, each, &attrs) == MNL_CB_OK;
 }
 
 IpGenAddr addressOf(const nlattr* attr, int family) {
