@@ -1,0 +1,428 @@
+#include <algorithm>
+#include <random>
+
+#include "Ipfix/OptionsDataManagerSm.h"
+#include "Receiver.h"
+
+namespace FlowTracking {
+namespace {
+
+constexpr uint16_t vrfTable = 65280;
+constexpr uint16_t intfTable = 65281;
+constexpr uint16_t flowKeyTable = 65282;
+constexpr uint16_t trackerTable = 65283;
+
+std::string octetsOf(const Ptr<DataRecord>& r) { return std::string(r->data()); }
+
+// --- The store ---
+
+TEST(OptionsDataSourceTest, KeepsOrderAndMembershipLikeAList) {
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 rnd(seed);
+  const auto a = optionsDataSourceFactory("a", 300);
+  const auto b = optionsDataSourceFactory("b", 301);
+  std::vector<Ptr<DataRecord>> pool;
+  for (int i = 0; i < 400; ++i) pool.push_back(dataRecordFactory(std::to_string(i)));
+  std::vector<Ptr<const DataRecord>> expectA;
+  std::vector<Ptr<const DataRecord>> expectB;
+  for (int step = 0; step < 20000; ++step) {
+    // One record may be in both sources, at different places.
+    const bool first = rnd() % 3 != 0;
+    auto& source = first ? a : b;
+    auto& expect = first ? expectA : expectB;
+    const Ptr<const DataRecord> record = pool[rnd() % pool.size()];
+    const auto at = std::find(expect.begin(), expect.end(), record);
+    // Long runs of removal, so that the places are compacted.
+    if (step / 500 % 2 == 0 ? rnd() % 4 != 0 : rnd() % 4 == 0) {
+      source->dataRecordIs(record);
+      if (at == expect.end()) expect.push_back(record);
+    } else {
+      source->dataRecordDel(record);
+      if (at != expect.end()) expect.erase(at);
+    }
+    ASSERT_EQ(source->dataRecords(), expect.size());
+    if (step % 50 != 0) continue;
+    for (const auto& [s, e] : {std::pair(&a, &expectA), std::pair(&b, &expectB)}) {
+      std::vector<Ptr<const DataRecord>> found;
+      (*s)->eachDataRecord([&](const auto& r) { found.push_back(r); });
+      ASSERT_EQ(found, *e);
+    }
+  }
+  a->dataRecordDelAll();
+  EXPECT_EQ(a->dataRecords(), 0u);
+  for (const auto& record : expectB) EXPECT_TRUE(b->dataRecordHas(record));
+}
+
+class Counter final : public OptionsDataUpdate::Watcher {
+ public:
+  using Watcher::Watcher;
+  void handleVersion() override {
+    ++heard;
+    EXPECT_TRUE(entity()->record());
+    setId = entity()->setId();
+  }
+  int heard = 0;
+  TemplateId setId = 0;
+};
+TEST(OptionsDataModelTest, VersionsTellOnceAndMembersAreNotReplaced) {
+  const auto coll = optionsDataSourceCollFactory(OptionsDataScope::scopeTracker);
+  const auto source = coll->sourceIs("s", 300);
+  EXPECT_EQ(coll->sourceIs("s", 300), source);
+  EXPECT_THROW(coll->sourceIs("s", 301), ReinstantiationError);
+  coll->sourceDel("s");
+  EXPECT_NE(coll->sourceIs("s", 301), source);
+  EXPECT_EQ(source->versionInc(0), 0u);
+  EXPECT_EQ(source->versionInc(3), 3u);
+  OptionsDataScope scope{};
+  EXPECT_TRUE(fromText("scopeTracker", scope));
+  EXPECT_EQ(coll->attrText("scope"), "scopeTracker");
+
+  const auto update = optionsDataUpdateFactory(OptionsDataScope::scopeGlobal);
+  Counter counter(update);
+  const auto record = dataRecordFactory("x");
+  update->addUpdate(300, record);
+  update->addUpdate(300, record);
+  EXPECT_EQ(counter.heard, 2) << "the same record again is told again";
+  EXPECT_EQ(counter.setId, 300);
+}
+
+// --- The records, to the octet ---
+
+TEST_F(TreeTest, RecordsOfTheFourTables) {
+  const auto slot = [] { return optionsDataUpdateFactory(OptionsDataScope::scopeGlobal); };
+  const auto source = [](TemplateId id) { return optionsDataSourceFactory("s", id); };
+  const auto intf = interfaceTableSmFactory(source(1), slot(), intfIndexMapFactory());
+  EXPECT_EQ(octetsOf(intf->makeDataRecord("eth0", 0x01020304)), std::string("\x01\x02\x03\x04\x04"
+                                                                            "eth0"));
+  EXPECT_EQ(intf->makeDataRecord(std::string(254, 'n'), 1)->dataLen(), 259u);
+  EXPECT_DEATH(intf->makeDataRecord(std::string(255, 'n'), 1), "intfNameLen < 255");
+  EXPECT_DEATH(intf->makeDataRecord("", 1), "pos \\+ sizeof\\( U8 \\) < max");
+  std::vector<std::string> reserved;
+  intf->dataSource()->eachDataRecord([&](const auto& r) { reserved.emplace_back(r->data()); });
+  EXPECT_EQ(reserved, (std::vector<std::string>{netOctets(0x80000000, 4) + "\x09multicast",
+                                                netOctets(0x40000000, 4) + "\x07"
+                                                                           "discard",
+                                                netOctets(0x3fffffff, 4) + "\x03"
+                                                                           "CPU",
+                                                netOctets(0, 4) + "\x07unknown"}));
+
+  const auto vrf = vrfTableSmFactory(source(2), slot(), Vrf::VrfIdMap::statusFactory());
+  EXPECT_EQ(octetsOf(vrf->makeDataRecord(10, "")), netOctets(10, 4) + std::string(1, '\0'));
+  EXPECT_DEATH(vrf->makeDataRecord(10, std::string(255, 'n')), "vrfName.bytes\\(\\) < 255");
+  std::string only;
+  vrf->dataSource()->eachDataRecord([&](const auto& r) { only = std::string(r->data()); });
+  EXPECT_EQ(only, netOctets(0xffffff, 4) + std::string(1, '\0'));
+
+  ftStatus->activeIntervalIs(Seconds(1800));
+  ftStatus->inactiveTimeoutIs(Seconds(15.9));
+  hwStatus->sampleRateIs(16384);
+  const auto tracker3 = flowTrackerTableSmFactory(source(3), slot(), hwStatus, tracker, ftStatus,
+                                                  FlowTrackingType::software, sim->scheduler());
+  const char expected[] =
+      "\x00\x00\x00\x07\x03"
+      "ft1\x07\x08\x00\x0f\x00\x03\x00\x00\x00\x01\x00\x00\x40\x00\x00\x01";
+  EXPECT_EQ(octetsOf(tracker3->makeDataRecord()), std::string(expected, 24));
+  ftStatus->sampleRateIs(5);  // the tracker's own rate goes before the common one
+  EXPECT_EQ(octetsOf(tracker3->makeDataRecord()).substr(18, 4), netOctets(5, 4));
+  ftStatus->activeIntervalIs(Seconds(65534.9));
+  EXPECT_EQ(octetsOf(tracker3->makeDataRecord()).substr(8, 2), netOctets(65534, 2));
+  ftStatus->activeIntervalIs(Seconds(65535));
+  EXPECT_DEATH(tracker3->makeDataRecord(), "activeInterval < 65535.0");
+  ftStatus->activeIntervalIs(Seconds(1));
+  ftStatus->inactiveTimeoutIs(Seconds(65535));
+  EXPECT_DEATH(tracker3->makeDataRecord(), "inactiveTimeout < 65535.0");
+}
+
+TEST_F(TreeTest, FlowKeyBitsAreWidenedAsCollectorsExpect) {
+  const auto flowKey =
+      flowKeySmFactory(optionsDataSourceFactory("k", 1),
+                       optionsDataUpdateFactory(OptionsDataScope::scopeTracker), ftStatus);
+  struct Row {
+    std::vector<uint32_t> keys;
+    uint64_t indicator;
+  };
+  for (const Row& r : {Row{{}, 0}, Row{{0, 1, 2}, 7}, Row{{30}, 0x40000000},
+                       Row{{31}, 0xffffffff80000000}, Row{{0, 31}, 0xffffffff80000001},
+                       Row{{32}, 1}, Row{{40}, 0x100}, Row{{63}, 0xffffffff80000000}}) {
+    auto status = HwFlowTracking::templateStatusFactory(256);
+    for (uint32_t position = 0; position < 64; ++position) {
+      HwFlowTracking::FtTemplateEntry e(position, ::Ipfix::RecordType(1));
+      e.flowKeyIs(std::find(r.keys.begin(), r.keys.end(), position) != r.keys.end());
+      status->ftTemplateEntryIs(e);
+    }
+    ftStatus->templateStatusIs(status);
+    EXPECT_EQ(octetsOf(flowKey->makeDataRecord(256)),
+              netOctets(256, 2) + netOctets(r.indicator, 8));
+  }
+  // Mixed families: the record goes, and with it the old one.
+  const uint32_t before = flowKey->dataSource()->version();
+  ftStatus->templateStatusIs(templateOf(256, {8, 28}));
+  EXPECT_FALSE(flowKey->makeDataRecord(256));
+  EXPECT_EQ(flowKey->dataRecords(), 0u);
+  EXPECT_EQ(flowKey->dataSource()->version(), before + 1);
+  ftStatus->templateStatusIs(templateOf(256, {27, 28, 1}));
+  EXPECT_EQ(flowKey->dataRecords(), 1u);
+  ftStatus->templateStatusDel(256);
+  EXPECT_EQ(flowKey->dataSource()->dataRecords(), 0u);
+}
+
+// --- The whole, on simulated time ---
+
+class OptionsDataTest : public TreeTest {
+ protected:
+  OptionsDataTest() {
+    tracker->activeIntervalIs(60000);
+    ftStatus->activeIntervalIs(Seconds(60));
+    ftStatus->inactiveTimeoutIs(Seconds(15));
+  }
+  ~OptionsDataTest() override { manager = nullptr; }
+
+  void makeManager() {
+    manager =
+        optionsDataManagerSmFactory(hwConfig, hwStatus, info, intfs, vrfs, stats, sim->scheduler());
+  }
+  void makeTree() {
+    makeReadyTree();
+    makeManager();
+    sim->runDue();
+  }
+  void intfIs(const std::string& name, uint32_t index) {
+    intfs->intfIdIs(index, IntfId(name));
+    intfs->intfIndexIs(IntfId(name), index);
+  }
+  Ptr<OptionsDataExporterSm> dataExporter() {
+    return manager->ftManagerSm("ft1")->exporterSm("exp1");
+  }
+  /// What has arrived since the last look: records by set id, to each destination.
+  std::map<std::string, std::map<uint16_t, uint64_t>> arrived() {
+    Receiver::Count none;
+    for (auto& [to, count] : receiver.counts()) count = none;
+    for (const auto& s : seen()) {
+      receiver.take(s);
+      if (HasFatalFailure()) break;
+    }
+    std::map<std::string, std::map<uint16_t, uint64_t>> out;
+    for (const auto& [to, count] : receiver.counts())
+      for (const auto& [set, n] : count.recordsBySet)
+        if (n > 0) out[to.substr(to.find('>') + 2)][set] += n;
+    return out;
+  }
+  const std::map<uint16_t, uint64_t> fullTables{
+      {vrfTable, 1}, {intfTable, 4}, {flowKeyTable, 1}, {trackerTable, 1}};
+
+  Ptr<IntfIndexMap> intfs = intfIndexMapFactory();
+  Ptr<Vrf::VrfIdMap::Status> vrfs = Vrf::VrfIdMap::statusFactory();
+  Ptr<OptionsDataManagerSm> manager;
+  Receiver receiver;
+};
+using Arrived = std::map<std::string, std::map<uint16_t, uint64_t>>;
+
+TEST_F(OptionsDataTest, ACollectorGetsItsTablesAtOnceAndTheOthersNothing) {
+  makeTree();
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  sim->runDue();
+  EXPECT_EQ(arrived(), (Arrived{{"10.0.0.1:4739", fullTables}}));
+  sim->advance(Seconds(20));
+  exporter->collectorIp6AndPortIs("late", dst6(1));
+  sim->runDue();
+  EXPECT_EQ(arrived(), (Arrived{{"[2001:db8::1]:4739", fullTables}}));
+  sim->advance(Seconds(39));
+  EXPECT_TRUE(arrived().empty());
+  sim->advance(Seconds(2));
+  EXPECT_EQ(arrived(),
+            (Arrived{{"10.0.0.1:4739", fullTables}, {"[2001:db8::1]:4739", fullTables}}));
+  EXPECT_EQ(dataExporter()->msgCacheBuildCount(), 1u) << "nothing changed, nothing is built";
+
+  exporter->collectorIpAndPortIs("a", dst4(9));  // moved: a new destination knows nothing
+  sim->runDue();
+  EXPECT_EQ(arrived(), (Arrived{{"10.0.0.9:4739", fullTables}}));
+  exporter->srcIpAddrIs(IpAddr(source4.value() + 1));  // a new session of one family
+  sim->runDue();
+  EXPECT_EQ(arrived(), (Arrived{{"10.0.0.9:4739", fullTables}}));
+  EXPECT_EQ(expInfo()->collInfo("a")->ipfixMsgSeqNo().value(), 4 * 7u);
+}
+
+TEST_F(OptionsDataTest, ChangesLeaveWithinTheCoalescingDelayOrWhenAMessageIsFull) {
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  makeTree();
+  arrived();
+  intfIs("eth0", 1);
+  sim->advance(Seconds(0.1));
+  intfIs("eth1", 2);
+  vrfs->vrfIs(10, VrfName("red"));
+  sim->advance(Seconds(0.8));
+  EXPECT_TRUE(arrived().empty());
+  sim->advance(Seconds(0.2));
+  EXPECT_EQ(arrived(), (Arrived{{"10.0.0.1:4739", {{intfTable, 2}, {vrfTable, 1}}}}));
+  EXPECT_EQ(statsOf(dst4(1))->exportedMessageTotalCount(), 4u) << "one message for the three";
+
+  intfs->intfIndexDel(IntfId("eth0"));
+  sim->advance(Seconds(5));
+  EXPECT_TRUE(arrived().empty()) << "a removal has no form on the wire";
+
+  exporter->ipfixMtuIs(48 + 20 + 3 * 9);
+  intfIs("a000", 11);
+  intfIs("a001", 12);
+  EXPECT_TRUE(arrived().empty());
+  intfIs("a002", 13);  // 20 octets of headers and 27 of records: full
+  sim->runDue();
+  EXPECT_EQ(arrived(), (Arrived{{"10.0.0.1:4739", {{intfTable, 3}}}}));
+
+  ftStatus->activeIntervalIs(Seconds(30));
+  ftStatus->inactiveTimeoutIs(Seconds(5));
+  ftStatus->sampleRateIs(100);
+  exporter->ipfixMtuIs(1500);
+  sim->advance(Seconds(2.9));
+  EXPECT_TRUE(arrived().empty());
+  sim->advance(Seconds(0.2));
+  EXPECT_EQ(arrived(), (Arrived{{"10.0.0.1:4739", {{trackerTable, 1}}}}));
+  ftStatus->templateStatus(256)->genIdIs(5);
+  sim->advance(Seconds(1.1));
+  EXPECT_EQ(arrived(), (Arrived{{"10.0.0.1:4739", {{flowKeyTable, 1}}}}));
+}
+
+TEST_F(OptionsDataTest, FullTransmissionDropsWhatIsQueuedAndShortensOnRequest) {
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  makeTree();
+  arrived();
+  sim->advance(Seconds(59.5));
+  intfIs("eth0", 1);
+  sim->advance(Seconds(0.6));
+  auto tables = fullTables;
+  tables[intfTable] = 5;
+  EXPECT_EQ(arrived(), (Arrived{{"10.0.0.1:4739", tables}}));
+  sim->advance(Seconds(1.5));
+  EXPECT_TRUE(arrived().empty());
+  EXPECT_EQ(dataExporter()->updateQueueBytes(), 0u);
+  EXPECT_EQ(dataExporter()->msgCacheBuildCount(), 2u);
+
+  tracker->activeIntervalIs(10000);
+  sim->advance(Seconds(10.1));
+  EXPECT_EQ(arrived().size(), 1u);
+  tracker->activeIntervalIs(600000);
+  sim->advance(Seconds(500));
+  EXPECT_TRUE(arrived().empty());
+}
+
+TEST_F(OptionsDataTest, NothingIsSentByAFamilyThatIsNotReady) {
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  makeTree();
+  arrived();
+  exporter->srcIpAddrIs(IpAddr());
+  intfIs("eth0", 1);
+  sim->advance(Seconds(200));
+  EXPECT_TRUE(seen().empty());
+  EXPECT_EQ(dataExporter()->updateQueueBytes(), 0u) << "nothing piles up for nobody";
+  exporter->srcIpAddrIs(source4);
+  sim->runDue();
+  auto tables = fullTables;
+  tables[intfTable] = 5;
+  EXPECT_EQ(arrived(), (Arrived{{"10.0.0.1:4739", tables}}));
+}
+
+TEST_F(OptionsDataTest, ALongFlushYieldsAndGoesOn) {
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  makeTree();
+  arrived();
+  sim->yieldAfterIs(10);
+  for (uint32_t i = 1; i <= 1000; ++i) intfIs("eth" + std::to_string(i), i);
+  sim->runRound();
+  const auto first = arrived()["10.0.0.1:4739"][intfTable];
+  EXPECT_GT(first, 0u);
+  EXPECT_LT(first, 1000u);
+  sim->runDue();
+  EXPECT_EQ(first + arrived()["10.0.0.1:4739"][intfTable], 1000u);
+}
+
+TEST_F(OptionsDataTest, AMessageOfMoreSetsThanAnEntryHoldsIsCountedAsFarAsItGoes) {
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  makeTree();
+  arrived();
+  auto entry = *statsOf(dst4(1));
+  const uint64_t records = entry.exportedFlowRecordTotalCount();
+  for (uint16_t id = 500; entry.setEntryCount() < 20; ++id) entry.setEntryIs({.setId = id});
+  entry.setEntryDel(Tarn::Ipfix::SetId(vrfTable));
+  entry.setEntryIs({.setId = 999});
+  stats->statsIs(entry);
+  vrfs->vrfIs(10, VrfName("red"));
+  intfIs("eth0", 1);
+  const uint64_t before = entry.setEntry(Tarn::Ipfix::SetId(intfTable)).exportedFlowRecordCount;
+  sim->advance(Seconds(2));
+  entry = *statsOf(dst4(1));
+  EXPECT_EQ(entry.exportedFlowRecordTotalCount(), records + 2);
+  EXPECT_EQ(entry.setEntry(Tarn::Ipfix::SetId(intfTable)).exportedFlowRecordCount, before + 1);
+  EXPECT_EQ(entry.setEntry(Tarn::Ipfix::SetId(vrfTable)).setId, 0);
+}
+
+TEST_F(OptionsDataTest, TrackersAndExportersComeAndGoWhoeverIsToldFirst) {
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  exporter->collectorIp6AndPortIs("b", dst6(1));
+  exporter->srcIpAddrIs(source4);
+  exporter->srcIp6AddrIs(source6);
+  ftStatus->templateStatusIs(templateOf(256, {8, 12, 1}));
+  tracker->expConfigIs(exporter);
+  std::vector<std::pair<const char*, std::function<void()>>> steps{
+      {"info", [this] { makeInfoSm(); }},
+      {"templates", [this] { makeTemplateSm(); }},
+      {"options data", [this] { makeManager(); }},
+      {"configuration", [this] { hwConfig->ftConfigIs(tracker); }},
+      {"status", [this] { hwStatus->ftStatusIs(ftStatus); }}};
+  const auto byName = [](const auto& x, const auto& y) {
+    return std::string_view(x.first) < y.first;
+  };
+  std::sort(steps.begin(), steps.end(), byName);
+  int orders = 0;
+  do {
+    SCOPED_TRACE(std::string(steps[0].first) + ", " + steps[1].first + ", " + steps[2].first +
+                 ", " + steps[3].first + ", " + steps[4].first);
+    for (const auto& [name, step] : steps) {
+      step();
+      if (orders % 2 == 0) sim->runDue();
+    }
+    sim->runDue();
+    ASSERT_EQ(arrived(),
+              (Arrived{{"10.0.0.1:4739", fullTables}, {"[2001:db8::1]:4739", fullTables}}));
+    // An update is pending while everything goes away.
+    intfIs("eth0", 1);
+    if (orders % 3 == 0) {
+      hwConfig->ftConfigDel("ft1");
+    } else if (orders % 3 == 1) {
+      hwStatus->ftStatusDel("ft1");
+    } else {
+      tracker->expConfigDel("exp1");
+    }
+    ASSERT_EQ(stats->size(), 0u);
+    sim->advance(Seconds(100));
+    ASSERT_TRUE(seen().empty());
+    ASSERT_EQ(stats->size(), 0u);
+    manager = nullptr;
+    templateSm = nullptr;
+    infoSm = nullptr;
+    hwConfig->ftConfigDel("ft1");
+    hwStatus->ftStatusDel("ft1");
+    tracker->expConfigIs(exporter);
+    intfs->intfIndexDelAll();
+    info = flowTrackingInfoFactory(FlowTrackingType::software);
+    receiver = Receiver();
+    ++orders;
+  } while (std::next_permutation(steps.begin(), steps.end(), byName));
+  EXPECT_EQ(orders, 120);
+}
+
+TEST_F(OptionsDataTest, MisuseStopsTheProgram) {
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  makeTree();
+  EXPECT_DEATH(manager->dataAll()->globalData()->sourceIs("Another", 4000),
+               "data source changed after init!");
+  EXPECT_DEATH(
+      {
+        exporter->ipfixMtuIs(48 + 20 + 8);
+        intfIs("a-name-that-is-too-long", 1);
+        sim->advance(Seconds(100));
+      },
+      "consumed > 0");
+}
+
+}  // namespace
+}  // namespace FlowTracking
