@@ -144,9 +144,9 @@ class Lab:
             run("ip", "netns", "del", name, check=False)
 
     def report(self):
-        """Everything the programs said, for a failed test."""
-        return "\n".join(f"---- {p.name} (exit {p.process.poll()}) ----\n{p.log()}"
-                         for p in self.programs)
+        """The last that each program said, for a failed test."""
+        return "\n".join(f"---- {p.name} (exit {p.process.poll()}) ----\n" +
+                         "\n".join(p.log().splitlines()[-30:]) for p in self.programs)
 
 
 class Notify:

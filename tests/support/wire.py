@@ -74,12 +74,12 @@ def _message(time, frame):
 class Capture:
     """tcpdump on a device of a namespace."""
 
-    def __init__(self, lab, device, ns=None, port=PORT):
+    def __init__(self, lab, device, ns=None, ports=(PORT,)):
         self.file = lab.path(f"{device}.pcap")
-        self.port = port
         self.program = lab.start(
             f"tcpdump-{device}", "tcpdump", "-Z", "root", "-i", device, "-U", "--immediate-mode",
-            "-B", "16384", "--direction=in", "-w", self.file, "udp", "dst", "port", port, ns=ns)
+            "-B", "16384", "--direction=in", "-w", self.file,
+            "udp and (" + " or ".join(f"dst port {p}" for p in ports) + ")", ns=ns)
         self.program.wait_log("listening on")
 
     def messages(self, **fields):
@@ -87,6 +87,10 @@ class Capture:
         data = self.file.read_bytes() if self.file.exists() else b""
         found = [m for m in (_message(*p) for p in _packets(data)) if m]
         return [m for m in found if all(getattr(m, k) == v for k, v in fields.items())]
+
+    def packets(self):
+        """How many packets were captured, whatever they are."""
+        return len(list(_packets(self.file.read_bytes()))) if self.file.exists() else 0
 
     def wait(self, count, seconds=5.0, **fields):
         """Waits for at least `count` such messages."""
@@ -156,13 +160,23 @@ def _template(record):
     return Template(int(record["cflow.template_id"]), scopes, tuple(fields), int(said))
 
 
-def tshark(file, port=PORT):
-    """Decodes a capture. Fails on whatever tshark finds wrong in it: malformed packets, unexpected
-    sequence numbers, unknown templates, octets it could not place, a bad UDP checksum."""
+def _record_len(record):
+    pens = sum(k.startswith("Field (") and v["cflow.template_ipfix_pen_provided"] == "1"
+               for k, v in record.items())
+    fields = sum(k.startswith("Field (") for k in record)
+    return (6 if "cflow.template_ipfix_scope_field_count" in record else 4) + 4 * (fields + pens)
+
+
+def tshark(file, ports=(PORT,)):
+    """Decodes a capture. Fails on whatever tshark finds wrong in it (malformed packets, unexpected
+    sequence numbers, unknown templates) and on lengths that disagree: of the datagram, the message,
+    its sets and its template records."""
     layers = "frame ip ipv6 udp cflow _ws.malformed data"
+    command = ["tshark", "-r", str(file)]
+    for port in ports:
+        command += ["-d", f"udp.port=={port},cflow"]
     text = subprocess.run(
-        ["tshark", "-r", str(file), "-d", f"udp.port=={port},cflow", "-T", "json",
-         "--no-duplicate-keys", "-J", layers], check=True, stdout=subprocess.PIPE,
+        [*command, "-T", "json", "--no-duplicate-keys", "-J", layers], check=True, stdout=subprocess.PIPE,
         stderr=subprocess.DEVNULL, text=True).stdout
     decoded = []
     for number, packet in enumerate(json.loads(text), 1):
@@ -173,12 +187,19 @@ def tshark(file, port=PORT):
         assert not bad, f"tshark on packet {number}: {bad}"
         assert layer["frame"]["frame.protocols"].endswith(":udp:cflow"), layer["frame"]
         cflow = layer["cflow"]
+        assert cflow["cflow.version"] == "10", f"packet {number} is not IPFIX: {cflow}"
         ip = layer.get("ip")
         tos = ip["ip.dsfield"] if ip else layer["ipv6"]["ipv6.tclass"]
         ip = ip or layer["ipv6"]
         sets = [v for k, v in cflow.items() if re.match(r"Set \d+ \[", k)]
         records = [v for one in sets for k, v in one.items()
                    if re.match(r"(Options )?Template \(", k)]
+        lengths = [int(one["cflow.flowset_length"]) for one in sets]
+        said = (int(layer["udp"]["udp.length"]) - 8, int(cflow["cflow.len"]), 16 + sum(lengths))
+        assert len(set(said)) == 1, f"packet {number}: UDP payload, message, sets: {said}"
+        for one, length in zip(sets, lengths):
+            used = [_record_len(v) for k, v in one.items() if v in records]
+            assert not used or 4 + sum(used) == length, f"packet {number}: {used} in {length}"
         decoded.append(Decoded(
             ip.get("ip.src", ip.get("ipv6.src")), ip.get("ip.dst", ip.get("ipv6.dst")),
             int(layer["udp"]["udp.srcport"]), int(tos, 16), int(cflow["cflow.version"]),
@@ -186,8 +207,8 @@ def tshark(file, port=PORT):
             tuple(int(one["cflow.flowset_id"]) for one in sets),
             tuple(_template(r) for r in records)))
     experts = subprocess.run(
-        ["tshark", "-r", str(file), "-d", f"udp.port=={port},cflow", "-q", "-z", "expert"],
-        check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True).stdout
+        [*command, "-q", "-z", "expert"], check=True, stdout=subprocess.PIPE,
+        stderr=subprocess.DEVNULL, text=True).stdout
     assert "CFLOW" not in experts and "Malformed" not in experts, experts
     return decoded
 

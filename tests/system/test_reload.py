@@ -1,0 +1,183 @@
+"""A reload changes what changed in the file and nothing else."""
+
+import copy
+import re
+import signal
+
+import pytest
+
+from lab import SLOW, descriptors, resident_kib, wait_for
+from tarnflow import Agent, collectors, config, counters, exporter
+from wire import Capture
+
+HERE4, HERE6 = "10.97.0.1", "fd97::1"
+
+
+@pytest.fixture
+def far(lab):
+    name = lab.namespace("tt-far")
+    lab.veth("up0", "dn0", name)
+    lab.address("up0", f"{HERE4}/24", f"{HERE6}/64")
+    lab.address("dn0", *(f"10.97.0.{n}/24" for n in range(2, 6)), *(f"fd97::{n}/64" for n in (2, 3)),
+                ns=name)
+    return name
+
+
+def trackers(interval="1s", **addresses):
+    return {"edge": {"id": 7, "exporter": {"main": exporter("up0", collectors(**addresses),
+                                                            template_interval=interval)}}}
+
+
+def rounds(messages):
+    """Times at which a collector's data templates came."""
+    return [m.time for m in messages if m.sets[0][0] == 2]
+
+
+def test_one_collector_more_and_one_less(lab, far):
+    before = {"a": "10.97.0.2", "b": "10.97.0.3", "six": "fd97::2"}
+    capture = Capture(lab, "dn0", ns=far)
+    agent = Agent(lab, config(trackers("3s", **before)))
+    for address in before.values():
+        capture.wait(4, dst=address, seconds=6)
+    ports = {a: capture.messages(dst=a)[0].src_port for a in before.values()}
+    quiet = {a: len(capture.messages(dst=a)) for a in before.values()}
+
+    # Half a period later, so that a timer which starts anew shows.
+    wait_for("half a period", half_a_period_after(capture, "10.97.0.2", 1.5))
+    agent.reload(config(trackers("3s", **before, new="10.97.0.4")))
+    capture.wait(2, dst="10.97.0.4", seconds=1)
+    assert {a: len(capture.messages(dst=a)) for a in before.values()} == quiet
+
+    # The new one joins the period of the others, whose rounds go on as if nothing had been.
+    capture.wait(4, dst="10.97.0.4", seconds=4)
+    for address in before.values():
+        messages = capture.wait(quiet[address] + 2, dst=address, seconds=1)
+        assert {m.src_port for m in messages} == {ports[address]}
+        assert {m.sequence for m in messages} == {0}
+        times = rounds(messages)
+        assert all(abs(b - a - 3) < 0.2 * SLOW for a, b in zip(times, times[1:])), times
+    assert capture.messages(dst="10.97.0.4")[0].src_port == ports["10.97.0.2"]
+
+    # One leaves: its counters go at once, the others' stay and go on.
+    assert set(counters()) == {*before.values(), "10.97.0.4"}
+    agent.reload(config(trackers("3s", **{k: v for k, v in before.items() if k != "a"},
+                                 new="10.97.0.4")))
+    assert set(counters()) == {"10.97.0.3", "fd97::2", "10.97.0.4"}
+    gone = len(capture.messages(dst="10.97.0.2"))
+    capture.wait(len(capture.messages(dst="10.97.0.3")) + 2, dst="10.97.0.3", seconds=4)
+    assert len(capture.messages(dst="10.97.0.2")) == gone
+
+    # Another address: heard there at once, and the entry of the old address is gone.
+    agent.reload(config(trackers("3s", b="10.97.0.5", six="fd97::3", new="10.97.0.4")))
+    capture.wait(2, dst="10.97.0.5", seconds=1)
+    capture.wait(2, dst="fd97::3", seconds=1)
+    assert set(counters()) == {"10.97.0.5", "fd97::3", "10.97.0.4"}
+    assert agent.stop() == 0
+
+
+def half_a_period_after(capture, address, seconds):
+    import time
+    last = capture.messages(dst=address)[-1].time
+    return lambda: time.time() > last + seconds
+
+
+def test_interval_changes(lab, far):
+    """A new interval sends at once and then holds; the port stays."""
+    capture = Capture(lab, "dn0", ns=far)
+    agent = Agent(lab, config(trackers("60s", a="10.97.0.2")))
+    capture.wait(2)
+    agent.reload(config(trackers("1s", a="10.97.0.2")))
+    messages = capture.wait(8, seconds=5)
+    assert len({m.src_port for m in messages}) == 1
+    times = rounds(messages)
+    assert all(abs(b - a - 1) < 0.2 * SLOW for a, b in zip(times[1:], times[2:])), times
+    assert agent.stop() == 0
+
+
+# What is wrong -> line of the file it is in, and what the message says besides.
+FAULTS = {
+    'dscp = 64': ("dscp", "64", "0 to 63"),
+    'dscp = "high"': ("dscp", '"high"', "0 to 63"),
+    'mtu = 100': ("mtu", "100", "65535"),
+    'template-interval = "0s"': ("template-interval", '"0s"', "1s"),
+    'template-interval = "20h"': ("template-interval", '"20h"', "65535s"),
+    'dcsp = 46': ("dcsp", "dscp"),
+    'collector.bad.address = "example.org"': ("bad", '"example.org"', "IPv6"),
+    'vrf = "' + "x" * 200 + '"': ("vrf", "100 octets"),
+    'dscp = = 3': (),
+}
+
+
+def test_a_file_with_an_error_changes_nothing(lab, far):
+    capture = Capture(lab, "dn0", ns=far)
+    right = config(trackers(a="10.97.0.2"))
+    agent = Agent(lab, right)
+    capture.wait(4, seconds=3)
+    head, tail = right.split("template-interval", 1)
+    for fault, said in FAULTS.items():
+        # In the exporter's section, and with a change beside it that must not happen.
+        text = (head + fault + "\n" + ("" if "interval" in fault else "template-interval") +
+                (tail if "interval" not in fault else tail.split("\n", 1)[1]))
+        line = head.count("\n") + 1
+        before = len(agent.program.log())
+        agent.reload(text.replace("10.97.0.2", "10.97.0.3"), ready=False)
+        where = wait_for(f"the error of {fault}", lambda b=before, n=line: re.search(
+            rf"^.*{re.escape(str(agent.file))}:{n}:\d+: .*$", agent.program.log()[b:], re.M))
+        assert all(word in where[0] for word in said), where[0]
+    agent.file.unlink()
+    before = len(agent.program.log())
+    agent.reload(ready=False)
+    wait_for("the missing file is named",
+             lambda: str(agent.file) in agent.program.log()[before:])
+
+    seen = len(capture.messages())
+    messages = capture.wait(seen + 4, seconds=4)
+    times = rounds(messages)
+    assert all(abs(b - a - 1) < 0.2 * SLOW for a, b in zip(times, times[1:])), times
+    assert {m.dst for m in messages} == {"10.97.0.2"} and len({m.src_port for m in messages}) == 1
+    # Put right, it is taken.
+    agent.reload(right.replace("10.97.0.2", "10.97.0.3"))
+    capture.wait(2, dst="10.97.0.3", seconds=1)
+    assert agent.stop() == 0
+
+
+def test_thousand_reloads(lab, far):
+    """Two configurations in turn that differ in everything a reload can change."""
+    one = trackers("60s", a="10.97.0.2", b="fd97::2", c="10.97.0.3")
+    two = copy.deepcopy(one)
+    two["edge"]["exporter"]["main"]["dscp"] = 46
+    two["edge"]["exporter"]["main"]["collector"] = collectors(a="10.97.0.4", b="fd97::3", d="fd97::2")
+    two["edge"]["exporter"]["other"] = exporter("lo", collectors(x="127.0.0.1"), template_interval="9s")
+    two["core"] = {"id": 8, "exporter": {"main": exporter("up0", collectors(y=("10.97.0.5", 9995)))}}
+    lab.namespace("ns-blue")
+    lab.veth("up1", "dn1", far, ns="ns-blue")
+    lab.address("up1", "10.95.0.1/24", ns="ns-blue")
+    two["core"]["exporter"]["blue"] = exporter("up1", collectors(z="10.95.0.2"), vrf="blue")
+    texts = [config(one), config(two, vrfs={"blue": 3})]
+    agent = Agent(lab, texts[0])
+
+    def reload(times):
+        for n in range(times):
+            agent.reload(texts[(n + 1) % 2])
+
+    reload(100)
+    fds, memory = descriptors(agent.pid), resident_kib(agent.pid)
+    reload(900 if SLOW == 1 else 20)
+    assert len(descriptors(agent.pid)) == len(fds)
+    grown = resident_kib(agent.pid) - memory
+    print(f"{memory} KiB, {grown} KiB more")
+    assert grown < 512, f"{grown} KiB more after 900 reloads"
+    assert set(counters()) == {"10.97.0.2", "fd97::2", "10.97.0.3"}
+    assert agent.stop() == 0
+
+
+def test_signals_pile_up(lab, far):
+    """Hangups faster than reloads: the last file counts."""
+    agent = Agent(lab, config(trackers("60s", a="10.97.0.2")))
+    for n in range(50):
+        agent.write(config(trackers("60s", a=f"10.97.0.{3 + n % 2}")))
+        agent.program.process.send_signal(signal.SIGHUP)
+        agent.notify.lines()  # the queue of the service manager's socket is short
+    agent.wait_notified("RELOADING=1")
+    wait_for("the last file", lambda: agent.notify.lines() and set(counters()) == {"10.97.0.4"})
+    assert agent.stop() == 0
