@@ -28,9 +28,7 @@ std::string printable(std::string_view text) {
     const auto c = static_cast<uint8_t>(text[i]);
     size_t len = sequenceLen(text.substr(i));
     const bool c1 = len == 2 && c == 0xc2 && static_cast<uint8_t>(text[i + 1]) < 0xa0;
-    if (c == '\\') {
-      out += "\\\\";
-    } else if (c == '\n') {
+    if (c == '\n') {
       out += "\\n";
     } else if (c == '\t') {
       out += "\\t";

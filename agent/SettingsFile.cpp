@@ -70,12 +70,13 @@ std::string_view nearest(std::string_view key, const std::vector<std::string_vie
   return best;
 }
 
+/// A key of these needs no quotes.
+bool bare(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+         c == '_';
+}
 /// One step of a key's path, as TOML writes it.
 std::string keyText(std::string_view key) {
-  const auto bare = [](char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
-           c == '_';
-  };
   if (!key.empty() && std::all_of(key.begin(), key.end(), bare)) return std::string(key);
   return '"' + printable(key) + '"';
 }
@@ -116,6 +117,41 @@ bool hasControl(std::string_view text) {
 }
 bool hasControlOrBlank(std::string_view text) {
   return hasControl(text) || text.find(' ') != text.npos;
+}
+
+constexpr size_t keyDepthMax = 64;  // the deepest key has seven steps
+
+/// Where a key of too many steps is, if there is one. The parser's tables are as deep as their key
+/// and taken down by recursion: such a file would exhaust the stack.
+std::optional<toml::source_position> tooDeepKey(std::string_view toml) {
+  toml::source_position at{1, 0};
+  size_t steps = 0;
+  char quote = 0;
+  for (size_t i = 0; i < toml.size(); ++i) {
+    const char c = toml[i];
+    ++at.column;
+    if (c == '\n') {
+      at = {at.line + 1, 0};
+      steps = 0;
+      quote = 0;
+    } else if (quote != 0) {
+      if (c == '\\' && quote == '"' && i + 1 < toml.size() && toml[i + 1] != '\n') {
+        ++i;
+        ++at.column;
+      } else if (c == quote) {
+        quote = 0;
+      }
+    } else if (c == '"' || c == '\'') {
+      quote = c;
+    } else if (c == '#') {
+      i = std::min(toml.find('\n', i), toml.size()) - 1;
+    } else if (c == '.') {
+      if (++steps > keyDepthMax) return at;
+    } else if (!bare(c) && c != ' ' && c != '\t') {
+      steps = 0;
+    }
+  }
+  return std::nullopt;
 }
 
 /// Collects errors with their place in the file.
@@ -523,6 +559,11 @@ void readAgent(Section& s, Settings& out) {
 SettingsResult parseSettings(std::string_view toml, const std::string& fileName) {
   SettingsResult result;
   Errors errors(fileName);
+  if (const auto at = tooDeepKey(toml)) {
+    errors.add(*at, "a key has at most " + std::to_string(keyDepthMax) + " steps");
+    result.errors = errors.inFileOrder();
+    return result;
+  }
   toml::table table;
   try {
     table = toml::parse(toml, fileName);

@@ -318,6 +318,21 @@ TEST(SettingsFile, AllErrorsInTheOrderOfTheFile) {
                 "begins with '/', has no other '/' and 2 to 255 octets"}));
 }
 
+TEST(SettingsFile, DepthIsBounded) {
+  std::string steps;
+  for (int i = 0; i < 1000000; ++i) steps += "\"a\".";
+  EXPECT_EQ(errorsOf("x = 1\n" + steps + "b = 1"),
+            std::vector<std::string>{"f:2:260: a key has at most 64 steps"});
+  EXPECT_EQ(errorsOf("x = " + std::string(1000000, '[')).size(), 1u);
+  // Dots elsewhere are no steps.
+  const std::string dots(1000, '.');
+  EXPECT_TRUE(parseSettings("[tracker.a] #" + dots + "\nid = 1 # " + dots + "\ninterfaces = [\"" +
+                                dots.substr(900) + "\\\"" + dots.substr(900) + "\", '" +
+                                dots.substr(900) + "']\n",
+                            "f")
+                  .settings);
+}
+
 class TempFile {
  public:
   explicit TempFile(const std::string& content)
@@ -351,7 +366,7 @@ TEST(SettingsFile, FilesOnDisk) {
 
 TEST(Printable, ControlCharactersAndBrokenUtf8) {
   EXPECT_EQ(printable("Zürich 日本 €"), "Zürich 日本 €");
-  EXPECT_EQ(printable("a\nb\tc\\d\x1b[31m\x7f"), "a\\nb\\tc\\\\d\\x1b[31m\\x7f");
+  EXPECT_EQ(printable("a\nb\tc\\d\x1b[31m\x7f"), "a\\nb\\tc\\d\\x1b[31m\\x7f");
   EXPECT_EQ(printable("\xc2\x9b[31m"), "\\xc2\\x9b[31m");  // C1: CSI
   EXPECT_EQ(printable("\xff\xc0\xaf\xe2\x82"), "\\xff\\xc0\\xaf\\xe2\\x82");
   EXPECT_EQ(printable("\xed\xa0\x80\xf4\x90\x80\x80"), "\\xed\\xa0\\x80\\xf4\\x90\\x80\\x80");
