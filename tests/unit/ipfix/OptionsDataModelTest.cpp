@@ -1,0 +1,395 @@
+#include <cstdlib>
+#include <random>
+
+#include "Ipfix/OptionsDataManagerSm.h"
+#include "Receiver.h"
+
+/// Random life of two trackers with three exporters, against a plain model: whatever happens, each
+/// collector's picture of the tables is the truth after a full transmission, and the statistics
+/// are what arrived. Number of sequences: TARN_SEQUENCES (default 300); first seed: TARN_SEED.
+namespace FlowTracking {
+namespace {
+
+constexpr TemplateId vrfTable = 65280;
+constexpr TemplateId intfTable = 65281;
+constexpr TemplateId flowKeyTable = 65282;
+constexpr TemplateId trackerTable = 65283;
+constexpr double activeSeconds = 60;
+
+struct ExporterModel {
+  std::string tracker;
+  std::string name;
+  Ptr<HwFlowTracking::ExporterConfig> config;
+  std::map<std::string, IpAndPort> collector4;
+  std::map<std::string, Ip6AndPort> collector6;
+
+  std::string key(const IpAndPort& d) const {
+    return "udpPam4-" + tracker + "-" + name + " > " + d.stringValue();
+  }
+  std::string key(const Ip6AndPort& d) const {
+    return "udpPam6-" + tracker + "-" + name + " > " + d.stringValue();
+  }
+};
+
+class World {
+ public:
+  explicit World(unsigned seed) : rnd_(seed) {
+    Platform::install(sim_.get());
+    sim_->wallClockIs(1700000000);
+    init_ = ::Ipfix::ipfixInitSmFactory();
+    for (const auto& [name, id] : {std::pair("ft1", 7u), std::pair("ft2", 8u)}) {
+      auto tracker = HwFlowTracking::ftConfigFactory(name, id);
+      tracker->activeIntervalIs(static_cast<uint32_t>(activeSeconds * 1000));
+      hwConfig_->ftConfigIs(tracker);
+      auto status = HwFlowTracking::ftStatusFactory(name);
+      status->activeIntervalIs(Seconds(activeSeconds));
+      status->inactiveTimeoutIs(Seconds(15));
+      hwStatus_->ftStatusIs(status);
+      templateIs_p(*status, 256);
+    }
+    for (const auto& [tracker, name] :
+         {std::pair("ft1", "e1"), std::pair("ft1", "e2"), std::pair("ft2", "e1")}) {
+      ExporterModel e{tracker, name, HwFlowTracking::exporterConfigFactory(name), {}, {}};
+      e.config->srcIpAddrIs(source4);
+      e.config->srcIp6AddrIs(source6);
+      hwConfig_->ftConfig(tracker)->expConfigIs(e.config);
+      exporters_.push_back(e);
+    }
+    infoSm_ =
+        flowTrackingInfoSmFactory(sim_->schedulerRoot(), hwConfig_, info_, init_->agentInfo());
+    templateSm_ = templateSmFactory(configReqFactory(), hwConfig_, hwStatus_, info_,
+                                    init_->elementIdCollection(), stats_, sim_->scheduler());
+    manager_ = optionsDataManagerSmFactory(hwConfig_, hwStatus_, info_, intfs_, vrfs_, stats_,
+                                           sim_->scheduler());
+  }
+  ~World() {
+    manager_ = nullptr;
+    templateSm_ = nullptr;
+    infoSm_ = nullptr;
+    EXPECT_EQ(sim_->openEndpoints(), 0u);
+    EXPECT_EQ(stats_->size(), 0u);
+    info_ = nullptr;
+    Platform::install(nullptr);
+  }
+
+  void step() {
+    switch (pick(19)) {
+      case 0:
+      case 1:
+      case 2:
+        intfIs();
+        break;
+      case 3:
+        intfDel();
+        break;
+      case 4:
+        intfRename();
+        break;
+      case 5:
+        intfReindex();
+        break;
+      case 6:
+        vrfIs();
+        break;
+      case 7:
+        vrfDel();
+        break;
+      case 8:
+        mtuIs();
+        break;
+      case 9:
+        collectorIs();
+        break;
+      case 10:
+        collectorDel();
+        break;
+      case 11:
+        collectorMove();
+        break;
+      case 12:
+        sourceChange();
+        break;
+      case 13:
+        templateChange();
+        break;
+      case 14:
+        paramChange();
+        break;
+      case 15:
+        sim_->runDue();
+        break;
+      case 16:
+        sim_->advance(Seconds(0.3 * static_cast<double>(pick(8))));
+        break;
+      default:
+        fullTransmission();
+        break;
+    }
+    receive();
+  }
+
+  /// Lets everything settle, then compares each picture after one full transmission.
+  void fullTransmission() {
+    sim_->advance(Seconds(4));  // what is pending would tell of records that are gone
+    receive();
+    for (auto& [to, picture] : receiver_.pictures()) picture.clear();
+    sim_->advance(Seconds(activeSeconds + 0.5));
+    receive();
+    for (const auto& e : exporters_) {
+      for (const auto& [name, d] : e.collector4)
+        if (!e.config->srcIpAddr().isZero()) check(e, e.key(d), d);
+      for (const auto& [name, d] : e.collector6)
+        if (!e.config->srcIp6Addr().isZero()) check(e, e.key(d), d);
+    }
+  }
+
+ private:
+  size_t pick(size_t n) { return rnd_() % n; }
+  ExporterModel& anExporter() { return exporters_[pick(exporters_.size())]; }
+
+  void receive() {
+    for (const auto& d : sim_->takeSent()) {
+      const Seen seen{d};
+      for (const auto& e : exporters_) {
+        if (d.endpoint.substr(8) != e.tracker + "-" + e.name) continue;
+        if (seen.setId() > 255) {
+          ASSERT_LE(d.octets.size(), e.config->ipfixMtu() - 48) << d.endpoint;
+        }
+        ASSERT_EQ(seen.domain(), hwConfig_->ftConfig(e.tracker)->ftId());
+      }
+      receiver_.take(seen);
+      if (testing::Test::HasFatalFailure()) return;
+    }
+  }
+
+  Picture truth(const std::string& trackerName) const {
+    Picture p;
+    const auto lenAnd = [](const std::string& s) { return s; };  // lengths are framing
+    for (const auto& [id, index] : intfs_->intfIndex())
+      p[intfTable][netOctets(index, 4)] = lenAnd(id.stringValue());
+    p[intfTable][netOctets(0x80000000, 4)] = "multicast";
+    p[intfTable][netOctets(0x40000000, 4)] = "discard";
+    p[intfTable][netOctets(0x3fffffff, 4)] = "CPU";
+    p[intfTable][netOctets(0, 4)] = "unknown";
+    for (const auto& [id, name] : vrfs_->vrf()) p[vrfTable][netOctets(id, 4)] = name.stringValue();
+    p[vrfTable][netOctets(0xffffff, 4)] = "";
+    const auto status = hwStatus_->ftStatus(trackerName);
+    p[trackerTable][netOctets(hwConfig_->ftConfig(trackerName)->ftId(), 4)] =
+        trackerName + netOctets(static_cast<uint64_t>(status->activeInterval().count()), 2) +
+        netOctets(static_cast<uint64_t>(status->inactiveTimeout().count()), 2) + netOctets(3, 2) +
+        netOctets(1, 4) +
+        netOctets(status->sampleRate() ? status->sampleRate() : hwStatus_->sampleRate(), 4) +
+        netOctets(1, 2);
+    for (const auto& [id, t] : status->templateStatus()) {
+      uint64_t indicator = 0;
+      for (const auto& [position, entry] : t->ftTemplateEntry())
+        if (entry.flowKey()) indicator |= uint64_t{1} << position;
+      p[flowKeyTable][netOctets(id, 2)] = netOctets(indicator, 8);
+    }
+    return p;
+  }
+
+  template <class Dst>
+  void check(const ExporterModel& e, const std::string& to, const Dst& dst) {
+    Picture found = receiver_.pictures()[to];
+    std::erase_if(found, [](const auto& table) { return table.second.empty(); });
+    ASSERT_EQ(found, truth(e.tracker)) << to;
+    Tarn::Ipfix::CollectorInfo collector;
+    if constexpr (std::is_same_v<Dst, IpAndPort>) {
+      collector = Tarn::Ipfix::CollectorInfo::fromIpAndPort(dst);
+    } else {
+      collector = Tarn::Ipfix::CollectorInfo::fromIp6AndPort(dst);
+    }
+    const auto entry =
+        stats_->stats(Tarn::Ipfix::CollectorStatisticsKey(e.tracker, e.name, collector));
+    ASSERT_TRUE(entry) << to;
+    const auto& count = receiver_.counts()[to];
+    EXPECT_EQ(entry->exportedMessageTotalCount(), count.messages) << to;
+    EXPECT_EQ(entry->exportedOctetTotalCount(), count.octets) << to;
+    EXPECT_EQ(entry->exportedFlowRecordTotalCount(), count.records) << to;
+    for (const auto& [set, records] : count.recordsBySet) {
+      const auto s = entry->setEntry(Tarn::Ipfix::SetId(set));
+      EXPECT_EQ(s.exportedFlowRecordCount, records) << to << " set " << set;
+      EXPECT_EQ(s.exportedTemplateCount, count.templatesBySet.at(set)) << to << " set " << set;
+    }
+  }
+
+  // --- What may happen ---
+
+  std::string freshName() { return "if" + std::string(pick(12), 'x') + std::to_string(++last_); }
+  uint32_t freshIndex() { return ++last_; }
+  std::vector<IntfId> intfIds() const {
+    std::vector<IntfId> ids;
+    for (const auto& [id, index] : intfs_->intfIndex()) ids.push_back(id);
+    return ids;
+  }
+  void put(const IntfId& id, uint32_t index) {
+    intfs_->intfIdIs(index, id);
+    intfs_->intfIndexIs(id, index);
+  }
+  void take(const IntfId& id) {
+    intfs_->intfIdDel(intfs_->intfIndex().at(id));
+    intfs_->intfIndexDel(id);
+  }
+  void intfIs() {
+    for (size_t n = 1 + pick(40); n > 0; --n) put(IntfId(freshName()), freshIndex());
+  }
+  void intfDel() {
+    for (const auto& id : intfIds())
+      if (pick(3) == 0) take(id);
+  }
+  void intfRename() {
+    for (const auto& id : intfIds()) {
+      if (pick(4) != 0) continue;
+      const uint32_t index = intfs_->intfIndex().at(id);
+      take(id);
+      put(IntfId(freshName()), index);
+    }
+  }
+  void intfReindex() {
+    for (const auto& id : intfIds())
+      if (pick(4) == 0) put(id, freshIndex());
+  }
+  void vrfIs() {
+    vrfs_->vrfIs(static_cast<VrfId>(pick(10)), VrfName("v" + std::to_string(pick(100))));
+  }
+  void vrfDel() { vrfs_->vrfDel(static_cast<VrfId>(pick(10))); }
+  void mtuIs() { anExporter().config->ipfixMtuIs(static_cast<uint32_t>(327 + pick(1200))); }
+
+  IpAndPort freshDst4() { return dst4(static_cast<uint8_t>(1 + pick(200)), freshPort()); }
+  Ip6AndPort freshDst6() { return dst6(static_cast<uint8_t>(1 + pick(200)), freshPort()); }
+  uint16_t freshPort() { return static_cast<uint16_t>(1000 + ++last_ % 60000); }
+  void forget(const ExporterModel& e, const std::string& name) {
+    if (const auto it = e.collector4.find(name); it != e.collector4.end())
+      receiver_.forget(e.key(it->second));
+    if (const auto it = e.collector6.find(name); it != e.collector6.end())
+      receiver_.forget(e.key(it->second));
+  }
+  void collectorIs() {
+    auto& e = anExporter();
+    const std::string name = "c" + std::to_string(++last_);
+    if (pick(2) == 0) {
+      e.config->collectorIpAndPortIs(name, e.collector4[name] = freshDst4());
+    } else {
+      e.config->collectorIp6AndPortIs(name, e.collector6[name] = freshDst6());
+    }
+  }
+  void collectorDel() {
+    auto& e = anExporter();
+    receive();
+    const bool v4 = e.collector6.empty() || (pick(2) == 0 && !e.collector4.empty());
+    if (v4 ? e.collector4.empty() : e.collector6.empty()) return;
+    const std::string name = v4 ? e.collector4.begin()->first : e.collector6.begin()->first;
+    forget(e, name);
+    e.collector4.erase(name);
+    e.collector6.erase(name);
+    e.config->collectorIpAndPortDel(name);
+    e.config->collectorIp6AndPortDel(name);
+  }
+  void collectorMove() {
+    auto& e = anExporter();
+    receive();
+    if (e.collector4.empty()) return;
+    const std::string name = e.collector4.begin()->first;
+    forget(e, name);
+    if (pick(2) == 0) {
+      e.config->collectorIpAndPortIs(name, e.collector4[name] = freshDst4());
+    } else {  // to the other family
+      e.config->collectorIp6AndPortIs(name, e.collector6[name] = freshDst6());
+      e.collector4.erase(name);
+      e.config->collectorIpAndPortDel(name);
+    }
+  }
+  void sourceChange() {
+    auto& c = *anExporter().config;
+    if (pick(2) == 0) {
+      c.srcIpAddrIs(c.srcIpAddr().isZero() || pick(3) == 0 ? IpAddr(source4.value() + ++last_)
+                                                           : IpAddr());
+    } else {
+      Ip6Addr::Octets o = source6.octets();
+      o[14] = static_cast<uint8_t>(++last_);
+      c.srcIp6AddrIs(c.srcIp6Addr().isZero() || pick(3) == 0 ? Ip6Addr(o) : Ip6Addr());
+    }
+  }
+  void templateIs_p(HwFlowTracking::FtStatus& status, TemplateId id) {
+    auto t = status.templateStatus(id);
+    const bool fresh = !t;
+    if (fresh) t = HwFlowTracking::templateStatusFactory(id);
+    t->ftTemplateEntryDelAll();
+    for (uint32_t position = 0; position < 1 + pick(12); ++position) {
+      HwFlowTracking::FtTemplateEntry e(position, ::Ipfix::RecordType(4));
+      e.fieldLenIs(1);
+      e.flowKeyIs(pick(2) == 0);
+      t->ftTemplateEntryIs(e);
+    }
+    t->genIdIs(t->genId() + 1);
+    if (fresh) status.templateStatusIs(t);
+  }
+  void templateChange() {
+    auto& status = *hwStatus_->ftStatus(pick(2) == 0 ? "ft1" : "ft2");
+    const auto id = static_cast<TemplateId>(256 + pick(3));
+    if (pick(3) == 0 && id != 256) {
+      status.templateStatusDel(id);
+    } else {
+      templateIs_p(status, id);
+    }
+  }
+  void paramChange() {
+    auto& status = *hwStatus_->ftStatus(pick(2) == 0 ? "ft1" : "ft2");
+    switch (pick(4)) {
+      case 0:
+        status.activeIntervalIs(Seconds(static_cast<double>(1 + pick(1000))));
+        break;
+      case 1:
+        status.inactiveTimeoutIs(Seconds(static_cast<double>(1 + pick(1000))));
+        break;
+      case 2:
+        status.sampleRateIs(static_cast<uint32_t>(pick(3)));
+        break;
+      default:
+        hwStatus_->sampleRateIs(static_cast<uint32_t>(1 + pick(5)));
+        break;
+    }
+  }
+
+  std::mt19937 rnd_;
+  std::unique_ptr<SimPlatform> sim_ = simPlatform();
+  Ptr<::Ipfix::IpfixInitSm> init_;
+  Ptr<HwFlowTracking::Config> hwConfig_ = HwFlowTracking::configFactory();
+  Ptr<HwFlowTracking::Status> hwStatus_ = HwFlowTracking::statusFactory();
+  Ptr<FlowTrackingInfo> info_ = flowTrackingInfoFactory(FlowTrackingType::software);
+  Ptr<Tarn::Ipfix::CollectorStatistics> stats_ = Tarn::Ipfix::collectorStatisticsFactory(
+      simTableFactory(Tarn::Ipfix::CollectorStatistics::keyLen,
+                      Tarn::Ipfix::CollectorStatistics::valueLen, 10000));
+  Ptr<IntfIndexMap> intfs_ = intfIndexMapFactory();
+  Ptr<Vrf::VrfIdMap::Status> vrfs_ = Vrf::VrfIdMap::statusFactory();
+  std::vector<ExporterModel> exporters_;
+  Ptr<FlowTrackingInfoSm> infoSm_;
+  Ptr<TemplateSm> templateSm_;
+  Ptr<OptionsDataManagerSm> manager_;
+  Receiver receiver_;
+  uint32_t last_ = 0;
+};
+
+unsigned fromEnvironment(const char* name, unsigned otherwise) {
+  const char* text = std::getenv(name);
+  return text ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : otherwise;
+}
+
+TEST(OptionsDataWorldTest, EveryPictureIsTheTruth) {
+  const unsigned sequences = fromEnvironment("TARN_SEQUENCES", 300);
+  const unsigned first = fromEnvironment("TARN_SEED", std::random_device{}());
+  for (unsigned i = 0; i < sequences; ++i) {
+    SCOPED_TRACE("TARN_SEED=" + std::to_string(first + i) + " TARN_SEQUENCES=1");
+    World world(first + i);
+    for (int step = 0; step < 60; ++step) {
+      world.step();
+      if (HasFailure()) return;
+    }
+    world.fullTransmission();
+    if (HasFailure()) return;
+  }
+}
+
+}  // namespace
+}  // namespace FlowTracking
