@@ -129,6 +129,9 @@ const std::string timeForm = R"(, in quotes, like "1500ms", "30s", "5m" or "1h")
 const Bad badSettings[] = {
     {"syntax", "id               = 7", "id = = 7",
      "f:9:6: not TOML: Error while parsing value: could not determine value type"},
+    {"headerWithoutKey", "[tracker.core]", "[.core]",
+     "f:30:2: not TOML: Error while parsing key: expected bare key starting character or string "
+     "delimiter, saw '.'"},
     {"dscpTooLarge", "= 46", "= 64",
      "f:19:21: " + exp + "dscp': 64 is not allowed: a DSCP is an integer from 0 to 63"},
     {"dscpNegative", "= 46", "= -1",
