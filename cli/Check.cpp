@@ -1,0 +1,36 @@
+#include "cli/Check.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+namespace cli {
+
+int check(const std::string& file) {
+  namespace fs = std::filesystem;
+  constexpr const char* agent = "tarnflowd";
+  const auto become = [&](const std::string& program) {
+    const char* const args[] = {agent, "--check", file.c_str(), nullptr};
+    execvp(program.c_str(), const_cast<char* const*>(args));  // a name without '/': by PATH
+    return errno;
+  };
+  std::error_code ec;
+  const fs::path own = fs::read_symlink("/proc/self/exe", ec).parent_path();
+  for (const fs::path& program : {own / agent, own.parent_path() / "sbin" / agent}) {
+    if (ec) break;
+    if (const int err = become(program.string()); err != ENOENT) {
+      fmt::print(stderr, "tarnflow check: cannot run {}: {}\n", program.string(),
+                 std::strerror(err));
+      return 2;
+    }
+  }
+  const int err = become(agent);
+  fmt::print(stderr, "tarnflow check: {} is neither in {} nor in {} nor in PATH ({})\n", agent,
+             own.string(), (own.parent_path() / "sbin").string(), std::strerror(err));
+  return 2;
+}
+
+}  // namespace cli

@@ -1,0 +1,228 @@
+#include "cli/Counters.h"
+
+#include <fmt/format.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+
+#include "cli/MessagePrinter.h"
+#include "cli/Signals.h"
+#include "cli/Table.h"
+#include "cli/decoder/Decoder.h"
+#include "platform/UdpPam.h"
+
+namespace cli {
+namespace {
+
+using Json = nlohmann::ordered_json;
+using Tarn::Ipfix::CollectorSetStatisticsEntry;
+using Tarn::Ipfix::CollectorStatistics;
+using Tarn::Ipfix::CollectorStatisticsEntry;
+using Tarn::Ipfix::SetIndex;
+
+double utcNow() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+/// A name from the configuration: as it is when that is one printable word, else in quotes.
+std::string nameText(std::string_view name) {
+  const std::string q = decoder::quoted(name);
+  const bool plain =
+      q.size() == name.size() + 2 && !name.empty() && name.find(' ') == std::string_view::npos;
+  return plain ? std::string(name) : q;
+}
+
+std::string ageText(double now, double then) {
+  if (then == 0) return "never";
+  const double age = now - then;
+  if (age < 0) return "in future";  // the clock was set back
+  const auto s = static_cast<uint64_t>(age);
+  if (s < 60) return fmt::format("{:.1f}s", age);
+  if (s < 3600) return fmt::format("{}m{:02}s", s / 60, s % 60);
+  if (s < 86400) return fmt::format("{}h{:02}m", s / 3600, s / 60 % 60);
+  return fmt::format("{}d{:02}h", s / 86400, s / 3600 % 24);
+}
+
+std::vector<CollectorSetStatisticsEntry> setsOf(const CollectorStatisticsEntry& e) {
+  std::vector<CollectorSetStatisticsEntry> sets;
+  for (uint32_t i = 0; i < e.setEntryCount(); ++i)
+    if (const auto& s = e.setEntryStorage(SetIndex(i)); s.setId != 0) sets.push_back(s);
+  std::ranges::sort(sets, {}, &CollectorSetStatisticsEntry::setId);
+  return sets;
+}
+
+std::string setName(uint16_t id) {
+  if (id == 2) return "templates";
+  return id == 3 ? "options templates" : fmt::format("data {}", id);
+}
+
+std::string_view stateName(Counters::State state) {
+  switch (state) {
+    case Counters::State::live:
+      return "live";
+    case Counters::State::dead:
+      return "dead";
+    case Counters::State::closed:
+      return "closed";
+    case Counters::State::absent:
+      return "absent";
+    case Counters::State::foreign:
+      return "foreign";
+  }
+  return "";
+}
+
+}  // namespace
+
+Counters countersFrom(const platform::ShmTableReader::Snapshot& snapshot, double now) {
+  Counters c{snapshot.state,
+             snapshot.writerPid,
+             snapshot.startTime,
+             snapshot.generation,
+             snapshot.unreadable,
+             {},
+             now};
+  for (const auto& record : snapshot.records) {
+    if (auto entry = CollectorStatisticsEntry::fromOctets(record.value))
+      c.entries.push_back(*entry);
+    else
+      ++c.unreadable;
+  }
+  std::ranges::sort(c.entries, {}, &CollectorStatisticsEntry::key);
+  return c;
+}
+
+bool showable(const Counters& c) { return c.state == Counters::State::live && !c.entries.empty(); }
+
+std::string countersNote(const Counters& c, const std::string& name) {
+  switch (c.state) {
+    case Counters::State::live:
+      break;
+    case Counters::State::dead:
+      return fmt::format("{} was written by pid {}, which has died: last values", name,
+                         c.writerPid);
+    case Counters::State::closed:
+      return fmt::format("the agent is starting or stopping: its table {} is closed", name);
+    case Counters::State::absent:
+      return fmt::format("no agent runs: there is no statistics table {} (/dev/shm{})", name, name);
+    case Counters::State::foreign:
+      return fmt::format("{} (/dev/shm{}) is no statistics table of this version of tarnflow", name,
+                         name);
+  }
+  if (c.entries.empty() && c.unreadable == 0)
+    return fmt::format("the agent (pid {}) has sent nothing to any collector yet", c.writerPid);
+  if (c.unreadable > 0) return fmt::format("{} entries could not be read", c.unreadable);
+  return "";
+}
+
+std::string countersText(const Counters& c) {
+  std::string out =
+      fmt::format("agent pid {}, counting since {}\n", c.writerPid, utcText(c.startTime));
+  Table table({false, false, false, true, true, true, true, true, true, true});
+  table.add({"tracker", "exporter", "collector", "messages", "records", "octets", "last message",
+             "template", "data", "options"});
+  Table sets({false, false, false, false, true, true});
+  sets.add({"tracker", "exporter", "collector", "set", "records", "templates"});
+  for (const auto& e : c.entries) {
+    const Table::Row who = {nameText(e.key().tracker()), nameText(e.key().exporter()),
+                            e.key().collector().stringValue()};
+    Table::Row row = who;
+    for (const uint64_t n : {e.exportedMessageTotalCount(), e.exportedFlowRecordTotalCount(),
+                             e.exportedOctetTotalCount()})
+      row.push_back(fmt::to_string(n));
+    for (const double t : {e.lastSentTime(), e.lastTemplateSentTime(), e.lastDataRecordSentTime(),
+                           e.lastOptionsDataSentTime()})
+      row.push_back(ageText(c.now, t));
+    if (e.lastClearedTime() > 0)
+      row.push_back("cleared " + ageText(c.now, e.lastClearedTime()) + " ago");
+    table.add(row);
+    for (const auto& s : setsOf(e)) {
+      Table::Row set = who;
+      set.insert(set.end(), {setName(s.setId), fmt::to_string(s.exportedFlowRecordCount),
+                             fmt::to_string(s.exportedTemplateCount)});
+      sets.add(set);
+    }
+  }
+  if (c.entries.empty()) return out;
+  return out + '\n' + table.text(0) + '\n' + sets.text(0);
+}
+
+Json countersJson(const Counters& c, const std::string& name) {
+  const bool table = c.state == Counters::State::live || c.state == Counters::State::dead;
+  Json out = {{"name", name},
+              {"state", stateName(c.state)},
+              {"time", c.now},
+              {"writerPid", table ? Json(c.writerPid) : Json(nullptr)},
+              {"startTime", table ? Json(c.startTime) : Json(nullptr)},
+              {"generation", c.generation},
+              {"unreadable", c.unreadable},
+              {"entries", Json::array()}};
+  const auto at = [](double t) { return t == 0 ? Json(nullptr) : Json(t); };
+  for (const auto& e : c.entries) {
+    Json sets = Json::array();
+    for (const auto& s : setsOf(e))
+      sets.push_back({{"id", s.setId},
+                      {"records", s.exportedFlowRecordCount},
+                      {"templates", s.exportedTemplateCount}});
+    out["entries"].push_back({{"tracker", e.key().tracker()},
+                              {"exporter", e.key().exporter()},
+                              {"collectorAddress", e.key().collector().addr().stringValue()},
+                              {"collectorPort", e.key().collector().port()},
+                              {"messages", e.exportedMessageTotalCount()},
+                              {"records", e.exportedFlowRecordTotalCount()},
+                              {"octets", e.exportedOctetTotalCount()},
+                              {"lastMessageTime", at(e.lastSentTime())},
+                              {"lastTemplateTime", at(e.lastTemplateSentTime())},
+                              {"lastDataTime", at(e.lastDataRecordSentTime())},
+                              {"lastOptionsDataTime", at(e.lastOptionsDataSentTime())},
+                              {"lastClearedTime", at(e.lastClearedTime())},
+                              {"sets", std::move(sets)}});
+  }
+  return out;
+}
+
+namespace {
+
+int look(platform::ShmTableReader& reader, const CountersOptions& options, bool clearScreen) {
+  const auto snapshot = reader.snapshot();
+  const Counters c = countersFrom(snapshot, utcNow());
+  const std::string note = countersNote(c, options.name);
+  if (options.json) {
+    fmt::print("{}", jsonLine(countersJson(c, options.name)));
+  } else {
+    if (clearScreen) fmt::print("\x1b[H\x1b[2J");
+    std::fflush(stdout);
+    if (!note.empty()) fmt::print(stderr, "tarnflow: {}\n", note);
+    if (c.state == Counters::State::live || c.state == Counters::State::dead)
+      fmt::print("{}", countersText(c));
+  }
+  std::fflush(stdout);
+  return showable(c) ? 0 : 1;
+}
+
+}  // namespace
+
+int showCounters(const CountersOptions& options) {
+  try {
+    const auto reader = platform::shmTableReader(options.name, CollectorStatistics::keyLen,
+                                                 CollectorStatistics::valueLen);
+    if (!options.watch) return look(*reader, options, false);
+    const StopSignals signals;
+    const bool screen = !options.json && isatty(STDOUT_FILENO);
+    for (;;) {
+      const int status = look(*reader, options, screen);
+      pollfd stop{signals.fd(), POLLIN, 0};
+      if (poll(&stop, 1, static_cast<int>(std::min(*options.watch, 86400.0) * 1000)) > 0)
+        return status;
+    }
+  } catch (const platform::ErrnoException& e) {
+    fmt::print(stderr, "tarnflow: cannot read the statistics table {}: {}\n", options.name,
+               e.what());
+    return 1;
+  }
+}
+
+}  // namespace cli

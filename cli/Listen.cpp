@@ -1,0 +1,145 @@
+#include "cli/Listen.h"
+
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+#include "cli/Elements.h"
+#include "cli/MessagePrinter.h"
+#include "cli/Signals.h"
+
+namespace cli {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+PrintOptions printOptions(bool quietData) {
+  PrintOptions o;
+  o.quietData = quietData;
+  winsize size{};
+  if (isatty(STDOUT_FILENO)) {
+    o.colour = std::getenv("NO_COLOR") == nullptr;
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col >= 40) o.width = size.ws_col;
+  }
+  return o;
+}
+
+class Listener {
+ public:
+  explicit Listener(const ListenOptions& options)
+      : options_(options), print_(printOptions(options.quietData)), decoder_(registryLookup()) {}
+
+  int run() {
+    const StopSignals signals;  // from before the sockets: a signal always leads to a summary
+    try {
+      UdpReceiver receiver(options_.addresses, options_.port);
+      receive(receiver, signals);
+    } catch (const std::runtime_error& e) {
+      fmt::print(stderr, "tarnflow listen: {}\n", e.what());
+      return 2;
+    }
+    if (!written_) {
+      fmt::print(stderr, "tarnflow listen: cannot write to standard output: {}\n",
+                 std::strerror(errno));
+      return 2;
+    }
+    return flawless(decoder_) ? 0 : 1;
+  }
+
+ private:
+  static decoder::ElementLookup registryLookup() {
+    auto registry = Ipfix::elementIdCollFactory();
+    registry->doInitialize();
+    return elementLookup(registry);
+  }
+
+  void receive(UdpReceiver& receiver, const StopSignals& signals) {
+    const auto start = Clock::now();
+    announce(receiver);
+    std::vector<pollfd> polled;
+    for (const int fd : receiver.fds()) polled.push_back({fd, POLLIN, 0});
+    polled.push_back({signals.fd(), POLLIN, 0});
+    while (!done()) {
+      int wait = -1;
+      if (options_.seconds) {
+        const std::chrono::duration<double> left =
+            std::chrono::duration<double>(*options_.seconds) - (Clock::now() - start);
+        if (left.count() <= 0) break;
+        wait = static_cast<int>(std::min(left.count(), 3600.0) * 1000) + 1;
+      }
+      if (poll(polled.data(), polled.size(), wait) < 0 && errno != EINTR)
+        throw std::system_error(errno, std::generic_category(), "poll");
+      if (polled.back().revents) break;
+      for (size_t i = 0; i < receiver.fds().size() && !done(); ++i)
+        if (polled[i].revents) drain(receiver, i);
+    }
+    const Summary summary{std::chrono::duration<double>(Clock::now() - start).count(),
+                          receiver.drops(), decoder_};
+    write(options_.json ? jsonLine(summaryJson(summary)) : summaryText(summary));
+  }
+
+  bool done() const { return !written_ || (options_.messages && heard_ >= *options_.messages); }
+
+  void drain(UdpReceiver& receiver, size_t socket) {
+    // A share at a time, so that signals and the other sockets get their turn under load.
+    for (int n = 0; n < 64 && !done(); ++n) {
+      const auto d = receiver.receive(socket);
+      if (!d) return;
+      ++heard_;
+      const auto message = decoder_.decode(d->source.stringValue(), d->octets);
+      if (receiver.drops() > drops_) tellDrops(receiver.drops());
+      write(options_.json ? jsonLine(messageJson(*d, message, options_.quietData))
+                          : messageText(*d, message, print_));
+    }
+  }
+
+  void tellDrops(uint64_t drops) {
+    const uint64_t n = drops - std::exchange(drops_, drops);
+    if (options_.json) {
+      write(jsonLine({{"type", "localDrops"}, {"datagrams", n}}));
+    } else {
+      write(fmt::format("!! {} datagrams lost here: this host's receive buffer was full\n", n));
+    }
+  }
+
+  void announce(const UdpReceiver& receiver) {
+    if (options_.json) {
+      auto sockets = nlohmann::ordered_json::array();
+      for (const Endpoint& e : receiver.bound())
+        sockets.push_back({{"address", e.address}, {"port", e.port}});
+      write(jsonLine({{"type", "listening"}, {"sockets", sockets}}));
+      return;
+    }
+    std::string text = "listening on";
+    for (const Endpoint& e : receiver.bound()) text += " " + e.stringValue();
+    write(text + '\n');
+  }
+
+  /// At once, also into a pipe.
+  void write(const std::string& text) {
+    written_ = written_ && std::fwrite(text.data(), 1, text.size(), stdout) == text.size() &&
+               std::fflush(stdout) == 0;
+  }
+
+  const ListenOptions& options_;
+  const PrintOptions print_;
+  decoder::Decoder decoder_;
+  uint64_t heard_ = 0;
+  uint64_t drops_ = 0;
+  bool written_ = true;
+};
+
+}  // namespace
+
+int listen(const ListenOptions& options) { return Listener(options).run(); }
+
+}  // namespace cli

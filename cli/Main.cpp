@@ -1,0 +1,91 @@
+#include <CLI/CLI.hpp>
+
+#include "cli/Check.h"
+#include "cli/Counters.h"
+#include "cli/Listen.h"
+#include "cli/ToolPlatform.h"
+
+int main(int argc, char** argv) {
+  cli::ToolPlatform host;
+  platform::Platform::install(&host);
+
+  CLI::App app{"Watches and checks the export of flow information by IPFIX (RFC 7011).",
+               "tarnflow"};
+  app.set_version_flag("--version", "tarnflow " TARN_VERSION);
+  app.require_subcommand(1);
+  app.footer("Exit status: 0 all is well, 1 what was asked shows a fault, 2 wrong usage.");
+
+  const CLI::Validator positive(
+      [](const std::string& text) {
+        double v = 0;
+        return CLI::detail::lexical_cast(text, v) && v > 0 ? std::string()
+                                                           : text + " is not a number above 0";
+      },
+      "");
+
+  cli::ListenOptions listen;
+  auto* listenCmd =
+      app.add_subcommand("listen", "Receive IPFIX on a UDP port and print it decoded");
+  listenCmd
+      ->add_option("--address", listen.addresses,
+                   "Local address to listen on, IPv4 or IPv6; may be given more than once "
+                   "[all of this host's]")
+      ->type_name("ADDR")
+      ->allow_extra_args(false);
+  listenCmd->add_option("--port", listen.port, "UDP port; 0: any free one, which is printed")
+      ->type_name("PORT")
+      ->check(CLI::Range(0, 65535).description(""))
+      ->capture_default_str();
+  listenCmd->add_flag("--json", listen.json,
+                      "One JSON object per line: \"type\" is listening, message, localDrops or "
+                      "summary");
+  listenCmd->add_option("--messages", listen.messages, "End after N datagrams")
+      ->type_name("N")
+      ->check(positive);
+  listenCmd->add_option("--seconds", listen.seconds, "End after S seconds")
+      ->type_name("S")
+      ->check(positive);
+  listenCmd->add_flag("--quiet-data", listen.quietData,
+                      "Count data records instead of printing them");
+  listenCmd->footer(
+      "Prints a summary at the end, which a limit, SIGINT or SIGTERM brings. Exit status: 0; 1 "
+      "when "
+      "a message was\nmalformed or a sequence number wrong; 2 when it could not listen.");
+
+  auto* showCmd = app.add_subcommand("show", "Show what a running agent does");
+  showCmd->require_subcommand(1);
+  cli::CountersOptions counters;
+  auto* countersCmd =
+      showCmd->add_subcommand("counters", "What was exported, per tracker, exporter and collector");
+  countersCmd->add_option("--name", counters.name, "Shared memory of the agent's statistics")
+      ->type_name("/NAME")
+      ->capture_default_str()
+      ->check([](const std::string& name) {
+        return name.size() > 1 && name[0] == '/' && name.find('/', 1) == std::string::npos
+                   ? std::string()
+                   : "\"" + name + "\" is no name of shared memory: one '/' and it comes first";
+      });
+  countersCmd->add_flag("--json", counters.json, "One JSON object, on one line");
+  countersCmd->add_option("--watch", counters.watch, "Show again every S seconds")
+      ->type_name("S")
+      ->check(positive);
+  countersCmd->footer(
+      "Reads shared memory; the agent notices nothing. Exit status: 0; 1 when no agent runs or "
+      "nothing was sent yet.");
+
+  std::string file;
+  auto* checkCmd = app.add_subcommand("check", "Validate a configuration file as the agent would");
+  checkCmd->add_option("FILE", file, "The configuration file")->required()->type_name("");
+  checkCmd->footer(
+      "Exit status: 0 valid; 1 not, with file:line:column of every error; 2 when tarnflowd "
+      "is not installed.");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e) == 0 ? 0 : 2;
+  }
+  if (*listenCmd) return cli::listen(listen);
+  if (*countersCmd) return cli::showCounters(counters);
+  return cli::check(file);
+}
