@@ -21,30 +21,16 @@ void MessageBuilder::startMsg() {
   pkt_ = Platform::current().newPkt(maxSize_);
   pktBufSize_ = pkt_->bufSize();
   pkt_->dataWholeIs();
+  data_ = pktBufSize_ > 0 ? pkt_->at(0, pktBufSize_) : nullptr;
   msgHdr_ = messageFactory(pkt_);
   offsetIs(IpfixConst::messageHeaderLen());  // written by finalizeMsg
 }
 
-uint32_t MessageBuilder::addSetRecordBytes(MessageBuilder* builder, TemplateId templateId,
-                                           const char* bytes, size_t len) {
-  TARN_ASSERT(builder->pkt());
-  TARN_ASSERT(len < UINT16_MAX);
-  const auto n = static_cast<uint32_t>(len);
-  const bool sameSet = builder->setHdr_ && builder->setId_ == templateId;
-  const uint32_t needed = sameSet ? n : (n + IpfixConst::setHeaderLen()) & UINT16_MAX;
-  if (builder->offset_ + needed > builder->maxSize_) return 0;
-
-  builder->recordCountInc(1);
-  if (!sameSet) {
-    if (builder->setHdr_) builder->finalizeSet_p();
-    builder->startSet_p(templateId);
-  }
-  TARN_ASSERT_AS(builder->offset() + n <= builder->pktBufSize(),
-                 "builder->offset() + bytes <= builder->pktBufSize()");
-  std::memcpy(builder->pkt_->at(builder->offset_, n), bytes, n);
-  builder->offsetInc(n);
-  builder->setLenInc(static_cast<uint16_t>(n));
-  return n;
+bool MessageBuilder::newSet_p(TemplateId templateId, uint32_t len) {
+  if (offset_ + ((len + IpfixConst::setHeaderLen()) & UINT16_MAX) > maxSize_) return false;
+  if (setHdr_) finalizeSet_p();
+  startSet_p(templateId);
+  return true;
 }
 
 void MessageBuilder::startSet_p(TemplateId templateId) {
@@ -78,7 +64,7 @@ Ptr<Message> MessageBuilder::finalizeMsg() {
   hdr.observationDomainIdIs(observationDomainId_);
   msgHdr_->recordCountIs(recordCount_);
   recordCountIs(0);
-  const Ptr<Message> message = std::move(msgHdr_);
+  Ptr<Message> message = std::move(msgHdr_);
   const Ptr<Pkt> _pkt = std::move(pkt_);
   TARN_ASSERT(msgLen <= pktBufSize());
   _pkt->dataTailDec(_pkt->bytes() - msgLen);

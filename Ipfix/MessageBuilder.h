@@ -1,4 +1,5 @@
 #pragma once
+#include <cstring>
 #include <optional>
 #include <string>
 
@@ -128,7 +129,23 @@ class TARN_API MessageBuilder final : public Entity {
     return addSetRecordBytes(this, templateId, octets.data(), octets.size());
   }
   static uint32_t addSetRecordBytes(MessageBuilder* builder, TemplateId templateId,
-                                    const char* bytes, size_t len);
+                                    const char* bytes, size_t len) {
+    TARN_ASSERT(builder->pkt());
+    TARN_ASSERT(len < UINT16_MAX);
+    const auto n = static_cast<uint32_t>(len);
+    if (!builder->setHdr_ || builder->setId_ != templateId) {
+      if (!builder->newSet_p(templateId, n)) return 0;
+    } else if (builder->offset_ + n > builder->maxSize_) {
+      return 0;
+    }
+    TARN_ASSERT_AS(builder->offset() + n <= builder->pktBufSize(),
+                   "builder->offset() + bytes <= builder->pktBufSize()");
+    builder->recordCountInc(1);
+    std::memcpy(builder->data_ + builder->offset_, bytes, n);
+    builder->offsetInc(n);
+    builder->setLenInc(static_cast<uint16_t>(n));
+    return n;
+  }
   /// Closes the message; the builder is then ready for the next. Export time and sequence number
   /// read 0 until `Message::pkt` stamps them.
   Ptr<Message> finalizeMsg();
@@ -155,12 +172,15 @@ class TARN_API MessageBuilder final : public Entity {
   AttrRows attrRows() const override;
 
  private:
+  /// Closes the open set and opens one, if that and a record of `len` octets fit.
+  bool newSet_p(TemplateId templateId, uint32_t len);
   void startSet_p(TemplateId templateId);
   void finalizeSet_p();
 
   uint16_t maxSize_;
   uint32_t observationDomainId_;
   Ptr<Pkt> pkt_;
+  uint8_t* data_ = nullptr;  // the packet's, for the copy of each record
   Ptr<Message> msgHdr_;
   uint32_t pktBufSize_ = 0;
   std::optional<SetHeader> setHdr_;

@@ -27,16 +27,6 @@ void BuilderWrapper::startMsg() {
   lastSet_ = nullptr;
   builder_->startMsg();
 }
-uint32_t BuilderWrapper::addSetRecord(TemplateId setId, const DataRecord& record) {
-  const uint32_t consumed = builder_->addSetRecord(setId, record);
-  if (consumed == 0) return 0;
-  if (!lastSet_ || lastSetId_ != setId) {
-    lastSetId_ = setId;
-    lastSet_ = &msgWrap_->setRecord[setId];
-  }
-  lastSet_->countInc(1);
-  return consumed;
-}
 Ptr<MessageWrapper> BuilderWrapper::finalizeMsg() {
   msgWrap_->message = builder_->finalizeMsg();
   return msgWrap_;
@@ -78,14 +68,14 @@ void Collector::updateStats(const MessageWrapper& msgWrap) {
   const double now = Platform::current().clock().now();
   entry.lastSentTimeIs(now);
   entry.lastOptionsDataSentTimeIs(now);
-  for (const auto& [setId, record] : msgWrap.setRecord) {
-    const Tarn::Ipfix::SetId id(setId);
-    if (!entry.hasRoomFor(id)) continue;  // twenty others are counted: this one is in the totals
+  msgWrap.setRecord.each([&](const SetRecord& record) {
+    const Tarn::Ipfix::SetId id(record.setId);
+    if (!entry.hasRoomFor(id)) return;  // twenty others are counted: this one is in the totals
     auto set = entry.setEntry(id);
-    set.setId = setId;
+    set.setId = id.value();
     set.exportedFlowRecordCount += record.count;
     entry.setEntryIs(set);
-  }
+  });
   collStats->statsIs(entry);
 }
 

@@ -19,15 +19,41 @@ class OptionsDataExporterSm;
 
 /// Data records of one template in a message.
 struct SetRecord {
+  TemplateId setId = 0;
   uint64_t count = 0;
   void countInc(uint64_t n) { count += n; }
+};
+
+/// The set records of one message, by template id. A message holds few templates, mostly one: that
+/// one costs no allocation.
+class TARN_API SetRecords {
+ public:
+  /// The template's record, made when there is none; valid until the next one is made.
+  SetRecord& operator[](TemplateId setId) {
+    if (first_.count == 0 || first_.setId == setId) {
+      first_.setId = setId;
+      return first_;
+    }
+    for (SetRecord& r : more_)
+      if (r.setId == setId) return r;
+    return more_.emplace_back(SetRecord{.setId = setId});
+  }
+  template <class Visit>
+  void each(Visit&& visit) const {
+    if (first_.count > 0) visit(first_);
+    for (const SetRecord& r : more_) visit(r);
+  }
+
+ private:
+  SetRecord first_;
+  std::vector<SetRecord> more_;
 };
 
 /// One finished options data message and what it holds, by template id.
 class TARN_API MessageWrapper final : public Counted<MessageWrapper> {
  public:
   Ptr<Message> message;
-  std::map<TemplateId, SetRecord> setRecord;
+  SetRecords setRecord;
 };
 
 /// A builder and the wrapper of the message under construction.
@@ -38,7 +64,13 @@ class TARN_API BuilderWrapper final {
   uint32_t observationDomainId() const { return builder_->observationDomainId(); }
   void startMsg();
   /// Octets of the record, or 0 when it does not fit.
-  uint32_t addSetRecord(TemplateId setId, const DataRecord& record);
+  uint32_t addSetRecord(TemplateId setId, const DataRecord& record) {
+    const uint32_t consumed = builder_->addSetRecord(setId, record);
+    if (consumed == 0) return 0;
+    if (!lastSet_ || lastSet_->setId != setId) lastSet_ = &msgWrap_->setRecord[setId];
+    lastSet_->countInc(1);
+    return consumed;
+  }
   Ptr<MessageWrapper> finalizeMsg();
   /// Records in the message under construction.
   uint32_t recordCount() const { return builder_->recordCount(); }
@@ -46,9 +78,7 @@ class TARN_API BuilderWrapper final {
  private:
   Ptr<MessageBuilder> builder_;
   Ptr<MessageWrapper> msgWrap_;
-  // The set that the last record went to: a table's records follow each other.
-  TemplateId lastSetId_ = 0;
-  SetRecord* lastSet_ = nullptr;
+  SetRecord* lastSet_ = nullptr;  // where the last record counted: a table's follow each other
 };
 
 /// Pending incremental records of one template, first in, first out.

@@ -10,15 +10,15 @@ bool ptrWithinRegion(const uint8_t* p, const uint8_t* region, uint32_t size) {
 }  // namespace
 
 // The block is not cleared: a message is written over all of it.
-Pkt::Pkt(uint32_t size) : size_(size), buffer_(new uint8_t[size]) {}
-Ptr<Pkt> Pkt::ofSize(uint32_t size) { return Ptr<Pkt>::adopt(new Pkt(size)); }
+Pkt::Pkt(uint32_t size) : size_(size), buffer_(reinterpret_cast<uint8_t*>(this + 1)) {}
+Ptr<Pkt> Pkt::ofSize(uint32_t size) { return Ptr<Pkt>::adopt(new (size) Pkt(size)); }
 
 void Pkt::headRoomIs(uint32_t n) {
   TARN_ASSERT(len_ == 0 && n <= size_);
   head_ = n;
 }
 void Pkt::dataHeadInc(uint32_t n) {
-  TARN_ASSERT_AS(n <= head_ && ptrWithinRegion(data() - n, buffer_.get(), size_),
+  TARN_ASSERT_AS(n <= head_ && ptrWithinRegion(data() - n, buffer_, size_),
                  "ptrWithinRegion( data_, buffer_, size_ )");
   head_ -= n;
   len_ += n;
@@ -30,10 +30,11 @@ void Pkt::dataTailInc(uint32_t n) {
     const uint32_t size = std::max(needed, 2 * size_);
     std::unique_ptr<uint8_t[]> larger(new uint8_t[size]);
     if (len_ > 0) std::memcpy(larger.get() + head_, data(), len_);
-    buffer_ = std::move(larger);
+    larger_ = std::move(larger);
+    buffer_ = larger_.get();
     size_ = size;
   }
-  std::memset(buffer_.get() + head_ + len_, 0, n);
+  std::memset(buffer_ + head_ + len_, 0, n);
   len_ += n;
 }
 

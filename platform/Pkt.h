@@ -22,13 +22,13 @@ class TARN_API Pkt final : public Counted<Pkt> {
 
   uint32_t bufSize() const { return size_; }
   uint32_t bytes() const { return len_; }
-  const uint8_t* data() const { return buffer_.get() + head_; }
+  const uint8_t* data() const { return buffer_ + head_; }
   std::span<const uint8_t> octets() const { return {data(), len_}; }
 
   /// Write access to `n` octets of the data at `offset`; asserts that they are inside the data.
   uint8_t* at(uint32_t offset, uint32_t n) {
     TARN_ASSERT(offset <= len_ && n <= len_ - offset);
-    return buffer_.get() + head_ + offset;
+    return buffer_ + head_ + offset;
   }
   /// Makes the data span the whole block; its content is what the block holds.
   void dataWholeIs() {
@@ -51,11 +51,18 @@ class TARN_API Pkt final : public Counted<Pkt> {
   friend class Counted<Pkt>;
   explicit Pkt(uint32_t size);
   ~Pkt() = default;
+  // The block lies behind the object, in one allocation, until the packet outgrows it.
+  static void* operator new(size_t objectSize, uint32_t blockSize) {
+    return ::operator new(objectSize + blockSize);
+  }
+  static void operator delete(void* p) { ::operator delete(p); }
+  static void operator delete(void* p, uint32_t) { ::operator delete(p); }
 
   uint32_t head_ = 0;
   uint32_t len_ = 0;
   uint32_t size_;
-  std::unique_ptr<uint8_t[]> buffer_;
+  uint8_t* buffer_;
+  std::unique_ptr<uint8_t[]> larger_;
 };
 
 }  // namespace platform
