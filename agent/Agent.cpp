@@ -73,9 +73,13 @@ bool Agent::start() {
                                        [this] { ServiceManager::status(status()); });
     watchdogTask_ = scheduler->timerTask("agent-watchdog", afterAll, [this] { handleWatchdog(); });
   } catch (const ErrnoException& e) {
-    const bool taken = e.code().value() == EBUSY;
-    log_.error("not started: " + std::string(e.what()) +
-               (taken ? "; give this agent another name in agent.statistics" : ""));
+    if (e.code().value() == EBUSY) {
+      log_.error("not started: the statistics " + settings->statistics +
+                 " have a living writer; stop it, or give this agent others in agent.statistics (" +
+                 e.what() + ')');
+    } else {
+      log_.error("not started: " + std::string(e.what()));
+    }
     return false;
   }
   entities_ =

@@ -20,7 +20,7 @@ constexpr TaskPriority priority = 2;
 constexpr Seconds tick{2.0};
 // `ip netns add` makes the file first and mounts the namespace on it a moment later.
 constexpr Seconds firstRetry{0.01};
-constexpr Seconds lastRetry{1.0};
+constexpr int patience = 8;  // doubling the time, 2.5 s; then the slow look is enough
 
 /// What tells two namespaces, and a namespace from the plain file below its mount, apart. The
 /// kernel does not give the number to another one while a socket of ours keeps it alive.
@@ -43,7 +43,7 @@ struct Networks::Entry {
   std::unique_ptr<RtnetlinkMonitor> monitor;
   std::optional<Identity> opened;  // what the monitor is in
   bool failed = false;             // the monitor said that it is of no more use
-  bool retry = false;              // there is something that is no namespace yet
+  int notYet = 0;                  // looks at something that is no namespace yet; 0: none
   std::string said;                // the last state told to the operator
 };
 
@@ -157,6 +157,7 @@ Ptr<VrfNetwork> Networks::network(const VrfName& vrf) {
           [this] { handleDirectory(); });
   }
   review(*entry);
+  if (entry->notYet > 0) reviewSoon();
   return entry->network;
 }
 
@@ -202,17 +203,17 @@ void Networks::open(Entry& entry) {
       *loop_, entry.network, entry.path, [this, e](const std::string& why) {
         log_.warning("rtnetlink in VRF " + e->network->vrf().stringValue() + ": " + why);
         e->failed = true;
-        e->retry = true;
+        ++e->notYet;
         reviewSoon();
       });
 }
 
 void Networks::review(Entry& entry) {
-  entry.retry = false;
   const bool named = !entry.fileName.empty();
   const auto found = named ? identityOf(entry.path) : Identity{};
   if (entry.monitor && (entry.failed || !found || *found != *entry.opened)) close(entry);
   if (!found) {
+    entry.notYet = 0;
     // A first look that finds nothing is as much news as a namespace that went.
     say(entry, Severity::info, entry.said.empty() ? "is not there" : "is gone");
     return;
@@ -223,7 +224,7 @@ void Networks::review(Entry& entry) {
   } catch (const ErrnoException& e) {
     const int err = e.code().value();
     if (err == EINVAL || err == ENOENT) {  // made, and not mounted yet; or gone again
-      entry.retry = true;
+      if (++entry.notYet == patience) say(entry, Severity::warning, "is no namespace");
     } else {
       say(entry, Severity::error,
           std::string("cannot be looked at: ") + std::strerror(err) +
@@ -235,9 +236,10 @@ void Networks::review(Entry& entry) {
   // Replaced while it was entered: which of the two the monitor is in is unknown.
   if (named && identityOf(entry.path) != found) {
     close(entry);
-    entry.retry = true;
+    ++entry.notYet;
     return;
   }
+  entry.notYet = 0;
   if (named) say(entry, Severity::info, "is there");
 }
 
@@ -249,10 +251,10 @@ void Networks::reviewSoon() {
 void Networks::handleSoon() {
   bool more = false;
   for (auto& [vrf, entry] : entries_) {
-    if (entry->retry) review(*entry);
-    more = more || entry->retry;
+    if (entry->notYet > 0) review(*entry);
+    more = more || (entry->notYet > 0 && entry->notYet < patience);
   }
-  soon_ = std::min(2 * soon_, lastRetry);
+  soon_ *= 2;
   if (more) soonTask_->scheduleIs(soon_);
 }
 
@@ -262,7 +264,7 @@ void Networks::handleName(const std::string& fileName) {
   auto it = entries_.find(VrfName(fileName.substr(prefix)));
   if (it == entries_.end() || it->second->fileName != fileName) return;
   review(*it->second);
-  if (it->second->retry) reviewSoon();
+  if (it->second->notYet > 0) reviewSoon();
 }
 
 void Networks::handleDirectory() {
