@@ -24,9 +24,10 @@ struct UdpPamCounters {
   uint64_t dropped = 0;     ///< datagrams that it refused or that found no room
   uint64_t queued = 0;      ///< waiting for room in the socket now
   uint64_t queuedMax = 0;   ///< the most that ever waited
-  /// `dropped` by cause. Besides what the kernel says (ENETUNREACH, EMSGSIZE, EPERM, EINVAL: no
-  /// such source address, ...): ENOBUFS, the queue was full; EAGAIN, still queued when the endpoint
-  /// closed; EDESTADDRREQ, no destination address or port; EBADF, out of service.
+  /// `dropped` by cause. Besides what the kernel says (ENETUNREACH, EMSGSIZE, EPERM, EINVAL or
+  /// ENETUNREACH: the source address is not this host's, ...): ENOBUFS, the queue was full; EAGAIN,
+  /// still queued when the endpoint closed; EDESTADDRREQ, no destination address or port; EBADF,
+  /// out of service.
   std::map<int, uint64_t> dropByErrno;
 };
 

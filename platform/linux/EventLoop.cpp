@@ -145,12 +145,13 @@ void EpollLoop::runOnce(Seconds maxWait) {
   TARN_ASSERT_AS(!inRound_, "no round inside a task or handler");
   const Ptr<EpollLoop> hold(this);
   inRound_ = true;
+  const bool hadHooks = !hooks_.empty();
   runHooks();
 
   int timeoutMs = -1;
   if (maxWait.count() >= 0)
     timeoutMs = static_cast<int>(std::ceil(std::min(maxWait.count() * 1e3, 1e9)));
-  if (stopped_ || !hooks_.empty()) timeoutMs = 0;  // a hook stopped the loop, or asked for another
+  if (stopped_ || hadHooks) timeoutMs = 0;  // there was something to do; a hook may ask for more
   if (const auto due = tasks_->nextDue(); due && timeoutMs != 0) {
     if (*due <= now()) {
       timeoutMs = 0;
@@ -187,9 +188,9 @@ void EpollLoop::runOnce(Seconds maxWait) {
   }
 
   // What does not fit into the round's share is first in the next one.
-  for (bool more = true; more && now() - began < share;) {
+  while (now() - began < share) {
     bodyStart_ = lastPoll_ = now();
-    more = tasks_->runNext();
+    if (!tasks_->runNext()) break;
     runHooks();
   }
   inRound_ = false;

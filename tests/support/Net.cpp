@@ -41,9 +41,9 @@ bool privateNetwork() {
   static const bool made =
       unshareNetwork() &&
       sh("ip link set lo up"
-         " && ip addr add 10.99.0.1/24 dev lo && ip addr add 10.99.0.2/24 dev lo"
-         " && ip addr add 2001:db8::1/64 dev lo nodad"
-         " && ip addr add 2001:db8::2/64 dev lo nodad");
+         " && ip addr add 10.99.0.1/32 dev lo && ip addr add 10.99.0.2/32 dev lo"
+         " && ip addr add 2001:db8::1/128 dev lo nodad"
+         " && ip addr add 2001:db8::2/128 dev lo nodad");
   return made;
 }
 
@@ -54,7 +54,7 @@ PeerNamespace::PeerNamespace() {
   if (pid_ < 0) fail("fork");
   if (pid_ == 0) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    char ok = ::unshare(CLONE_NEWNET) == 0 && sh("ip link set lo up") ? 1 : 0;
+    char ok = ::unshare(CLONE_NEWNET) == 0 && support::sh("ip link set lo up") ? 1 : 0;
     if (::write(ready[1], &ok, 1) != 1) ::_exit(1);
     for (;;) ::pause();
   }

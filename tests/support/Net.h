@@ -14,7 +14,7 @@
 namespace support {
 
 /// Moves the process into a fresh network namespace, once; as another user into one of its own
-/// user namespace. There, lo is up and has 10.99.0.1/24, 10.99.0.2/24, 2001:db8::1 and 2001:db8::2.
+/// user namespace. There, lo is up and has 10.99.0.1, 10.99.0.2, 2001:db8::1 and 2001:db8::2.
 /// False: not permitted here; skip the test.
 bool privateNetwork();
 

@@ -1,0 +1,278 @@
+// What the Linux loop adds to the scheduler: descriptors, hooks, fairness between them.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+
+#include "platform/UdpPam.h"
+#include "platform/linux/EventLoop.h"
+#include "platform/linux/Fd.h"
+
+using namespace platform;
+using namespace std::chrono_literals;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// A pipe that is readable once `fill` was called, for as long as nobody reads.
+struct Pipe {
+  Pipe() {
+    int fds[2];
+    if (::pipe2(fds, O_NONBLOCK | O_CLOEXEC) == 0) {
+      in = Fd(fds[0]);
+      out = Fd(fds[1]);
+    }
+  }
+  void fill() const { ASSERT_EQ(::write(out.get(), "x", 1), 1); }
+  void drain() const {
+    char c;
+    while (::read(in.get(), &c, 1) == 1) {
+    }
+  }
+  Fd in, out;
+};
+
+class Loop : public testing::Test {
+ protected:
+  std::unique_ptr<TimerTask> task(std::function<void()> body, TaskPriority priority = 2) {
+    return loop->taskScheduler()->timerTask("t", priority, std::move(body));
+  }
+  Ptr<EventLoop> loop = eventLoopFactory();
+};
+
+TEST_F(Loop, TasksWithoutDelayStarveNoDescriptor) {
+  Pipe p;
+  int runs = 0;
+  int runsBefore = -1;
+  std::unique_ptr<TimerTask> again = task([&] {
+    ++runs;
+    if (runs == 10) p.fill();
+    again->scheduleIs(0s);
+  });
+  auto watch = loop->fdWatch(p.in.get(), EPOLLIN, [&](uint32_t events) {
+    EXPECT_EQ(events, uint32_t{EPOLLIN});
+    runsBefore = runs;
+    p.drain();
+    loop->stop();
+  });
+  again->scheduleIs(0s);
+  loop->run();
+  EXPECT_EQ(runsBefore, 10);
+}
+
+TEST_F(Loop, ManyDueTasksLetDescriptorsIn) {
+  Pipe p;
+  int runs = 0;
+  int runsBefore = -1;
+  std::vector<std::unique_ptr<TimerTask>> tasks;
+  for (int i = 0; i < 60; ++i) {
+    tasks.push_back(task([&] {
+      if (++runs == 1) p.fill();
+      const auto end = Clock::now() + 2ms;
+      while (Clock::now() < end) {
+      }
+    }));
+    tasks.back()->scheduleIs(0s);
+  }
+  auto watch = loop->fdWatch(p.in.get(), EPOLLIN, [&](uint32_t) {
+    runsBefore = runs;
+    p.drain();
+  });
+  while (runs < 60) loop->runOnce(1s);
+  EXPECT_GE(runsBefore, 1);
+  EXPECT_LE(runsBefore, 6) << "10 ms are five of these";
+}
+
+TEST_F(Loop, BodyIsToldToYield) {
+  Pipe p;
+  auto watch = loop->fdWatch(p.in.get(), EPOLLIN, [&](uint32_t) { p.drain(); });
+  std::unique_ptr<TimerTask> t;
+  auto yieldsAfter = [&](bool ready) {
+    Clock::duration took{};
+    t = task([&] {
+      const auto start = Clock::now();
+      EXPECT_FALSE(t->shouldYield());
+      if (ready) p.fill();
+      while (!t->shouldYield() && Clock::now() - start < 10s) {
+      }
+      took = Clock::now() - start;
+    });
+    t->scheduleIs(0s);
+    loop->runOnce(0s);
+    loop->runOnce(0s);
+    return took;
+  };
+  EXPECT_GE(yieldsAfter(false), 9ms);
+  EXPECT_LT(yieldsAfter(false), 5s);
+  // Not exact on a busy machine; but a ready descriptor is heard well before the share is over.
+  Clock::duration best = 1h;
+  for (int i = 0; i < 20; ++i) best = std::min(best, yieldsAfter(true));
+  EXPECT_LT(best, 5ms);
+  EXPECT_FALSE(t->shouldYield()) << "outside its body";
+}
+
+TEST_F(Loop, AWatchDestroyedInTheBatchHearsNothing) {
+  // Both are ready in one batch; whichever handler comes first does it to the other.
+  for (const char* what : {"own", "other", "other, made anew", "other, muted"}) {
+    SCOPED_TRACE(what);
+    const std::string how = what;
+    Pipe pipes[2];
+    std::unique_ptr<EventLoop::FdWatch> watches[2];
+    int calls[2] = {0, 0};
+    int late = 0;
+    auto alive = std::make_shared<int>(1);
+    for (int i = 0; i < 2; ++i) {
+      pipes[i].fill();
+      watches[i] = loop->fdWatch(pipes[i].in.get(), EPOLLIN, [&, i, alive](uint32_t) {
+        if (++calls[i] > 1) return;
+        auto& victim = watches[how == "own" ? i : 1 - i];
+        if (how == "other, muted") {
+          victim->eventsIs(0);
+        } else {
+          victim = nullptr;
+        }
+        if (how == "other, made anew")
+          victim = loop->fdWatch(pipes[1 - i].in.get(), EPOLLIN, [&](uint32_t) { ++late; });
+        EXPECT_EQ(*alive, 1) << "a handler may destroy its own watch";
+      });
+    }
+    alive.reset();
+    loop->runOnce(0s);
+    EXPECT_EQ(calls[0] + calls[1], how == "own" ? 2 : 1);
+    EXPECT_EQ(late, 0) << "the event was its predecessor's";
+    loop->runOnce(0s);  // what is left of the watches hears again: both pipes stay readable
+    EXPECT_EQ(late, how == "other, made anew" ? 1 : 0);
+    EXPECT_EQ(calls[0] + calls[1], 2);
+  }
+}
+
+TEST_F(Loop, HooksRunAtTheEndOfWhatAskedForThem) {
+  std::string log;
+  auto hook = [&](const char* text) { loop->atEndOfTask([&log, text] { log += text; }); };
+  Pipe p;
+  p.fill();
+  auto watch = loop->fdWatch(p.in.get(), EPOLLIN, [&](uint32_t) {
+    p.drain();
+    hook("h");
+    log += "H";
+  });
+  auto a = task([&] {
+    hook("a");
+    hook("b");
+    log += "A";
+  });
+  auto b = task([&] {
+    loop->atEndOfTask([&] {
+      log += "c";
+      hook("d");
+    });
+    log += "B";
+  });
+  a->scheduleIs(0s);
+  b->scheduleIs(0s);
+  hook("o");
+  loop->runOnce(0s);
+  EXPECT_EQ(log, "oHhAabBc");
+  const auto start = Clock::now();
+  loop->runOnce(30s);
+  EXPECT_EQ(log, "oHhAabBcd");
+  EXPECT_LT(Clock::now() - start, 10s) << "nothing waits behind a sleeping loop";
+}
+
+TEST_F(Loop, StopsAfterTheRound) {
+  int runs = 0;
+  std::unique_ptr<TimerTask> t = task([&] {
+    ++runs;
+    loop->stop();
+    t->scheduleIs(0s);
+  });
+  auto second = task([&] { ++runs; });
+  t->scheduleIs(0s);
+  second->scheduleIs(0s);
+  loop->run();
+  EXPECT_EQ(runs, 2);
+  loop->stop();
+  loop->run();
+  EXPECT_EQ(runs, 2) << "stopped before it began";
+  loop->run();
+  EXPECT_EQ(runs, 3);
+}
+
+TEST_F(Loop, WaitsForTheDueTimeAndNoLess) {
+  for (const auto delay : {1ms, 3ms, 17ms}) {
+    for (int i = 0; i < 5; ++i) {
+      bool ran = false;
+      auto t = task([&] { ran = true; });
+      const auto start = Clock::now();
+      t->scheduleIs(delay);
+      int rounds = 0;
+      while (!ran) {
+        loop->runOnce(1h);
+        ++rounds;
+      }
+      EXPECT_GE(Clock::now() - start, delay);
+      EXPECT_LE(rounds, 3) << "it sleeps in between";
+    }
+  }
+  const auto start = Clock::now();
+  loop->runOnce(15ms);
+  EXPECT_GE(Clock::now() - start, 14ms);
+}
+
+TEST_F(Loop, TimerFollowsTheMonotonicClock) {
+  // Setting the wall clock of the machine is out of the question; the kernel says which it is.
+  size_t timers = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
+    std::ifstream in(entry.path());
+    for (std::string line; std::getline(in, line);) {
+      if (!line.starts_with("clockid:")) continue;
+      ++timers;
+      EXPECT_EQ(line, "clockid: " + std::to_string(CLOCK_MONOTONIC));
+    }
+  }
+  EXPECT_EQ(timers, 1u);
+}
+
+TEST_F(Loop, RefusesAndOutlivesWhatItMust) {
+  Pipe p;
+  EXPECT_THROW(loop->fdWatch(-1, EPOLLIN, [](uint32_t) {}), ErrnoException);
+  auto watch = loop->fdWatch(p.in.get(), EPOLLIN, [](uint32_t) {});
+  try {
+    auto twice = loop->fdWatch(p.in.get(), EPOLLIN, [](uint32_t) {});
+    ADD_FAILURE();
+  } catch (const ErrnoException& e) {
+    EXPECT_EQ(e.code().value(), EEXIST);
+  }
+  auto t = task([] {});
+  t->scheduleIs(0s);
+  auto scheduler = loop->taskScheduler();
+  loop = nullptr;
+  watch->eventsIs(0);
+  watch = nullptr;  // the last to hold the loop
+  t->scheduleIs(1s);
+  EXPECT_TRUE(t->scheduled()) << "and never runs";
+  EXPECT_FALSE(t->shouldYield());
+}
+
+TEST_F(Loop, ShowsItsPendingTasks) {
+  auto a = loop->taskScheduler()->timerTask("template-ft1", 2, [] {});
+  auto idle = loop->taskScheduler()->timerTask("idle", 2, [] {});
+  a->scheduleIs(1h);
+  std::string seen;
+  const auto scheduler = loop->taskScheduler();
+  scheduler->attrRows()[0].each(
+      *scheduler, [&](const std::string& key, const Entity*, const std::string& text) {
+        double seconds = 0;
+        EXPECT_TRUE(fromText(text, seconds));
+        EXPECT_GT(seconds, 3590);
+        seen += key;
+      });
+  EXPECT_EQ(seen, "'template-ft1'");
+}
+
+}  // namespace

@@ -1,0 +1,402 @@
+// Endpoints against a real kernel: its refusals, full sockets, namespaces, descriptors.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "platform/linux/LinuxPlatform.h"
+#include "tests/support/Net.h"
+#include "tests/unit/platform/Sinks.h"
+
+using namespace platform;
+using namespace std::chrono_literals;
+using support::PeerNamespace;
+using support::Receiver;
+using support::sh;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+using Drops = std::map<int, uint64_t>;
+
+class LinuxEndpoint : public testing::TestWithParam<bool> {
+ protected:
+  void SetUp() override {
+    if (!support::privateNetwork()) GTEST_SKIP() << "no network namespace permitted";
+    make({});
+  }
+  void make(LinuxPlatformOptions options) {
+    options.netnsDir = dir.path();
+    host = linuxPlatform(loop, trace, log, options);
+  }
+  Ptr<UdpPam> opened(const std::string& name = "pam", const std::string& ns = {}) {
+    auto pam = host->udpPam(name);
+    pam->netNsIs(NamespaceName(ns));
+    pam->ipv6EnIs(ipv6);
+    pam->txPrioIs(2);
+    pam->modeIs(UdpPam::inService);
+    return pam;
+  }
+  static int errorOf(const std::function<void()>& f) {
+    try {
+      f();
+    } catch (const ErrnoException& e) {
+      return e.code().value();
+    }
+    return 0;
+  }
+  /// One datagram of `len` octets, numbered.
+  void send(UdpPam& pam, const std::string& to, uint16_t port, uint32_t len = 100, int n = 0) {
+    if (ipv6) {
+      pam.txDstIp6AddrIs(*Ip6Addr::fromString(to));
+    } else {
+      pam.txDstIpAddrIs(*IpAddr::fromString(to));
+    }
+    pam.txPortIs(port);
+    auto pkt = host->newPkt(len);
+    pkt->dataWholeIs();
+    std::memset(pkt->at(0, len), 0, len);
+    std::memcpy(pkt->at(0, sizeof n), &n, sizeof n);
+    pam.txPktIs(pkt);
+  }
+  void settle() { loop->runOnce(0s); }
+  std::string shown(const std::string& addr, uint16_t port) const {
+    return (ipv6 ? '[' + addr + ']' : addr) + ':' + std::to_string(port);
+  }
+  static int number(const Receiver::Datagram& d) {
+    int n = -1;
+    if (d.octets.size() >= sizeof n) std::memcpy(&n, d.octets.data(), sizeof n);
+    return n;
+  }
+  std::string ip() const { return ipv6 ? "ip -6" : "ip"; }
+
+  const bool ipv6 = GetParam();
+  const std::string local = ipv6 ? "2001:db8::1" : "10.99.0.1";
+  const support::TempDir dir;
+  Lines trace;
+  NoLog log;
+  const Ptr<EventLoop> loop = eventLoopFactory();
+  std::unique_ptr<Platform> host;
+};
+
+TEST_P(LinuxEndpoint, OneUnreachableCollectorCostsTheOthersNothing) {
+  auto pam = opened("udpPam4-ft1-exp1");
+  Receiver sink(*IpGenAddr::fromString(local));
+  const std::string nowhere = ipv6 ? "2001:db8:1::1" : "192.0.2.1";
+  for (int i = 0; i < 100; ++i) {
+    send(*pam, nowhere, 4739);
+    send(*pam, local, sink.port(), 100, i);
+  }
+  settle();
+  for (int i = 0; i < 100; ++i) {
+    const auto d = sink.next();
+    ASSERT_TRUE(d) << i;
+    ASSERT_EQ(number(*d), i);
+  }
+  EXPECT_EQ(pam->counters().sent, 100u);
+  EXPECT_EQ(pam->counters().dropByErrno, (Drops{{ENETUNREACH, 100}}));
+  const std::string failing =
+      "udpPam4-ft1-exp1: sending fails: Network is unreachable "
+      "(ENETUNREACH), to " +
+      shown(nowhere, 4739);
+  EXPECT_THAT(trace.all, ElementsAre(failing)) << "once, not at each success of the other";
+  trace.all.clear();
+
+  ASSERT_TRUE(sh(ip() + " route add " + nowhere + " dev lo"));
+  send(*pam, nowhere, 4739);
+  settle();
+  EXPECT_THAT(
+      trace.all,
+      ElementsAre("udpPam4-ft1-exp1: sends again after 100 failures: Network is unreachable "
+                  "(ENETUNREACH), to " +
+                  shown(nowhere, 4739)));
+  trace.all.clear();
+  ASSERT_TRUE(sh(ip() + " route del " + nowhere + " dev lo"));
+  send(*pam, nowhere, 4739);
+  settle();
+  EXPECT_THAT(trace.all, ElementsAre(failing)) << "a second outage is told too";
+  EXPECT_EQ(pam->counters().dropByErrno, (Drops{{ENETUNREACH, 101}}));
+}
+
+TEST_P(LinuxEndpoint, NeverFragments) {
+  auto pam = opened("pam");
+  Receiver sink(*IpGenAddr::fromString(local));
+  ASSERT_TRUE(sh("ip link set lo mtu 1400"));
+  const uint32_t fits = 1400 - 8 - (ipv6 ? 40 : 20);
+  for (int i = 0; i < 5; ++i) {
+    send(*pam, local, sink.port(), fits + 1, -1);
+    send(*pam, local, sink.port(), 500, i);
+    settle();
+  }
+  send(*pam, local, sink.port(), fits, 5);
+  settle();
+  EXPECT_EQ(pam->counters().dropByErrno, (Drops{{EMSGSIZE, 5}}));
+  EXPECT_THAT(trace.all, ElementsAre("pam: sending fails: Message too long (EMSGSIZE), to " +
+                                     shown(local, sink.port())))
+      << "a smaller one that passes is no recovery";
+  for (int i = 0; i <= 5; ++i) {
+    const auto d = sink.next();
+    ASSERT_TRUE(d);
+    EXPECT_EQ(number(*d), i);
+  }
+  trace.all.clear();
+  ASSERT_TRUE(sh("ip link set lo mtu 65536"));
+  send(*pam, local, sink.port(), fits + 1);
+  settle();
+  EXPECT_THAT(trace.all, ElementsAre("pam: sends again after 5 failures: Message too long "
+                                     "(EMSGSIZE), to " +
+                                     shown(local, sink.port())));
+  send(*pam, local, sink.port(), 70000);  // more than UDP can say
+  settle();
+  EXPECT_EQ(pam->counters().dropByErrno, (Drops{{EMSGSIZE, 6}}));
+}
+
+TEST_P(LinuxEndpoint, ASourceThatIsNotHereIsAnError) {
+  auto pam = opened();
+  Receiver sink(*IpGenAddr::fromString(local));
+  const std::string other = ipv6 ? "2001:db8::77" : "10.99.0.77";
+  auto sourceIs = [&](const std::string& a) {
+    if (ipv6) {
+      pam->txSrcIp6AddrIs(*Ip6Addr::fromString(a));
+    } else {
+      pam->txSrcIpAddrIs(*IpAddr::fromString(a));
+    }
+  };
+  sourceIs(other);
+  send(*pam, local, sink.port(), 100, 1);
+  settle();
+  // One or the other, by family and kernel.
+  EXPECT_THAT(pam->counters().dropByErrno,
+              testing::AnyOf(Drops{{EINVAL, 1}}, Drops{{ENETUNREACH, 1}}));
+  ASSERT_TRUE(sh("ip addr add " + other + (ipv6 ? "/128 dev lo nodad" : "/32 dev lo")));
+  send(*pam, local, sink.port(), 100, 2);
+  settle();
+  const auto d = sink.next();
+  ASSERT_TRUE(d);
+  EXPECT_EQ(number(*d), 2);
+  EXPECT_EQ(d->src, *IpGenAddr::fromString(other));
+  ASSERT_TRUE(sh("ip addr del " + other + (ipv6 ? "/128 dev lo" : "/32 dev lo")));
+}
+
+TEST_P(LinuxEndpoint, WhatArrivesDisturbsNothing) {
+  auto pam = opened();
+  send(*pam, local, 9);  // answered by ICMP: nobody listens there
+  send(*pam, local, pam->rxPort());
+  settle();
+  send(*pam, local, pam->rxPort());
+  settle();
+  EXPECT_EQ(pam->counters().sent, 3u);
+  EXPECT_EQ(pam->counters().dropped, 0u);
+  const auto start = std::chrono::steady_clock::now();
+  loop->runOnce(30ms);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 29ms) << "the loop does not spin";
+}
+
+TEST_P(LinuxEndpoint, OpensInItsNamespaceAndComesBack) {
+  PeerNamespace red;
+  const std::string home = std::filesystem::read_symlink("/proc/thread-self/ns/net");
+  EXPECT_EQ(errorOf([&] { opened("pam", "ns-red"); }), ENOENT);
+  std::ofstream(dir.path() + "/ns-red") << "not mounted yet";
+  EXPECT_EQ(errorOf([&] { opened("pam", "ns-red"); }), EINVAL);
+  EXPECT_EQ(errorOf([&] { opened("pam", "../etc"); }), EINVAL);
+  EXPECT_EQ(std::filesystem::read_symlink("/proc/thread-self/ns/net"), home);
+  std::filesystem::remove(dir.path() + "/ns-red");
+  std::filesystem::create_symlink(red.path(), dir.path() + "/ns-red");
+
+  auto pam = opened("pam", "ns-red");
+  EXPECT_EQ(std::filesystem::read_symlink("/proc/thread-self/ns/net"), home);
+  const std::string loopback = ipv6 ? "::1" : "127.0.0.1";
+  Receiver inside(*IpGenAddr::fromString(loopback), red.path(), 4739);
+  Receiver outside(*IpGenAddr::fromString(loopback), {}, 4739);
+  send(*pam, loopback, 4739, 100, 1);
+  settle();
+  EXPECT_TRUE(inside.next());
+  EXPECT_FALSE(outside.next(50));
+}
+
+TEST_P(LinuxEndpoint, LeaksNoDescriptor) {
+  PeerNamespace red;
+  std::filesystem::create_symlink(red.path(), dir.path() + "/ns-red");
+  std::ofstream(dir.path() + "/ns-file") << "x";
+  auto taken = opened();
+  const size_t before = support::openFds();
+  for (int i = 0; i < 1000; ++i) {
+    auto pam = host->udpPam("pam");
+    pam->ipv6EnIs(ipv6);
+    pam->netNsIs(NamespaceName(i % 4 == 0 ? "ns-red" : i % 4 == 1 ? "ns-file" : ""));
+    if (i % 4 == 2) pam->rxPortIs(taken->rxPort());
+    const int err = errorOf([&] { pam->modeIs(UdpPam::inService); });
+    ASSERT_EQ(err, i % 4 == 1 ? EINVAL : i % 4 == 2 ? EADDRINUSE : 0);
+    if (i % 8 == 0) pam->modeIs(UdpPam::outOfService);
+  }
+  EXPECT_EQ(support::openFds(), before);
+
+  // Refused for want of descriptors, at each step that needs one.
+  rlimit limit{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const int next = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  ::close(next);
+  auto pam = host->udpPam("pam");
+  pam->ipv6EnIs(ipv6);
+  pam->netNsIs(NamespaceName("ns-red"));
+  int refused = 0;
+  for (rlim_t room = 0; room < 4; ++room) {
+    rlimit tight = limit;
+    tight.rlim_cur = static_cast<rlim_t>(next) + room;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
+    const int err = errorOf([&] { pam->modeIs(UdpPam::inService); });
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    if (err == 0) break;
+    EXPECT_EQ(err, EMFILE);
+    EXPECT_EQ(pam->mode(), UdpPam::outOfService);
+    EXPECT_EQ(support::openFds(), before);
+    ++refused;
+  }
+  EXPECT_EQ(refused, 2) << "the two namespaces; the socket takes the place of one";
+  EXPECT_EQ(pam->mode(), UdpPam::inService);
+}
+
+/// Two namespaces joined by a wire that takes 20 Mbit/s.
+class SlowWire : public LinuxEndpoint {
+ protected:
+  void SetUp() override {
+    LinuxEndpoint::SetUp();
+    if (IsSkipped()) return;
+    peer = std::make_unique<PeerNamespace>();
+    const std::string rest = ipv6 ? "/64 nodad" : "/24";
+    ASSERT_TRUE(sh("ip link add tt0 type veth peer name tt1 netns " + std::to_string(peer->pid()) +
+                   " && ip addr add " + near + rest + " dev tt0" + " && ip link set tt0 up"));
+    if (!sh("tc qdisc add dev tt0 root tbf rate 20mbit burst 10kb limit 4mb 2>/dev/null"))
+      GTEST_SKIP() << "the kernel has no tbf";
+    ASSERT_TRUE(peer->sh("ip addr add " + far + rest + " dev tt1" + " && ip link set tt1 up"));
+    sink = std::make_unique<Receiver>(*IpGenAddr::fromString(far), peer->path());
+    // The neighbour is known before the bursts begin.
+    auto pam = opened();
+    for (int i = 0; i < 100; ++i) {
+      send(*pam, far, sink->port(), 100, -1);
+      settle();
+      if (sink->next(100)) break;
+    }
+    while (sink->next(50)) {
+    }
+  }
+  void TearDown() override { sh("ip link del tt0 2>/dev/null"); }
+  static void smallBuffer(const UdpPam& pam) {
+    const int octets = 8192;
+    ASSERT_EQ(::setsockopt(pam.fd(), SOL_SOCKET, SO_SNDBUF, &octets, sizeof octets), 0);
+  }
+
+  const std::string near = ipv6 ? "2001:db8:5::1" : "10.98.0.1";
+  const std::string far = ipv6 ? "2001:db8:5::2" : "10.98.0.2";
+  std::unique_ptr<PeerNamespace> peer;
+  std::unique_ptr<Receiver> sink;
+};
+
+TEST_P(SlowWire, AFullSocketDelaysAndLosesNothing) {
+  auto pam = opened();
+  smallBuffer(*pam);
+  constexpr int n = 3000;
+  int ticks = 0;
+  std::unique_ptr<TimerTask> tick = loop->taskScheduler()->timerTask("tick", 2, [&] {
+    ++ticks;
+    tick->scheduleIs(5ms);
+  });
+  auto burst = loop->taskScheduler()->timerTask("burst", 2, [&] {
+    for (int i = 0; i < n; ++i) send(*pam, far, sink->port(), 400, i);
+  });
+  tick->scheduleIs(5ms);
+  burst->scheduleIs(0s);
+  for (int got = 0; got < n;) {
+    loop->runOnce(10ms);
+    while (auto d = sink->next(0)) ASSERT_EQ(number(*d), got++);
+    ASSERT_LT(ticks, 12000) << got << " of " << n << " arrived in a minute";
+  }
+  EXPECT_FALSE(sink->next(50)) << "each once";
+  EXPECT_EQ(pam->counters().sent, static_cast<uint64_t>(n));
+  EXPECT_EQ(pam->counters().dropped, 0u);
+  EXPECT_EQ(pam->counters().queued, 0u);
+  EXPECT_GT(pam->counters().queuedMax, 1000u) << "or the socket was never full";
+  EXPECT_GT(ticks, 10) << "the loop went on meanwhile";
+  EXPECT_THAT(trace.all, IsEmpty());
+}
+
+TEST_P(SlowWire, AFullQueueDropsAndTells) {
+  make({.netnsDir = {}, .endpointQueueMax = 50});
+  auto pam = opened("pam");
+  smallBuffer(*pam);
+  for (int i = 0; i < 500; ++i) send(*pam, far, sink->port(), 400, i);
+  EXPECT_EQ(pam->counters().queued, 50u);
+  const uint64_t dropped = pam->counters().dropped;
+  EXPECT_GT(dropped, 300u);
+  EXPECT_EQ(pam->counters().dropByErrno, (Drops{{ENOBUFS, dropped}}));
+  EXPECT_THAT(trace.all, ElementsAre("pam: queue of 50 datagrams is full: dropping"));
+  uint64_t arrived = 0;
+  int last = -1;
+  for (int quiet = 0; quiet < 5;) {
+    loop->runOnce(10ms);
+    const auto d = sink->next(20);
+    if (!d) {
+      ++quiet;
+      continue;
+    }
+    EXPECT_GT(number(*d), last);
+    last = number(*d);
+    ++arrived;
+  }
+  EXPECT_EQ(arrived + dropped, 500u);
+  EXPECT_EQ(pam->counters().sent, arrived);
+  EXPECT_THAT(trace.all,
+              ElementsAre("pam: queue of 50 datagrams is full: dropping",
+                          "pam: queue is empty again after " + std::to_string(dropped) + " drops"));
+}
+
+TEST_P(SlowWire, ClosingCountsWhatIsLeft) {
+  auto pam = opened();
+  smallBuffer(*pam);
+  for (int i = 0; i < 500; ++i) send(*pam, far, sink->port(), 400, i);
+  const uint64_t waiting = pam->counters().queued;
+  EXPECT_GT(waiting, 100u);
+  pam->modeIs(UdpPam::outOfService);
+  EXPECT_EQ(pam->counters().sent + pam->counters().dropped, 500u);
+  EXPECT_EQ(pam->counters().dropByErrno, (Drops{{EAGAIN, pam->counters().dropped}}));
+  EXPECT_EQ(pam->counters().queued, 0u);
+  loop->runOnce(10ms);
+}
+
+TEST_P(SlowWire, PriorityIsTheOneAskedForWhateverTheTos) {
+  // The wire's queue puts priority 2 behind 0, and 0 level with what the kernel makes of TOS 184.
+  ASSERT_TRUE(
+      sh("tc qdisc replace dev tt0 root handle 1: tbf rate 20mbit burst 10kb limit 4mb"
+         " && tc qdisc add dev tt0 parent 1:1 pfifo_fast"));
+  auto bulk = opened();
+  bulk->txTosIs(184);
+  auto plain = host->udpPam("plain");
+  plain->ipv6EnIs(ipv6);
+  plain->modeIs(UdpPam::inService);
+  for (int i = 0; i < 100; ++i) send(*bulk, far, sink->port(), 400, 0);
+  bulk->modeIs(UdpPam::outOfService);  // sends them now
+  for (int i = 0; i < 20; ++i) send(*plain, far, sink->port(), 400, 1);
+  settle();
+  int lastBulk = 0, lastPlain = 0;
+  for (int i = 0; i < 120; ++i) {
+    const auto d = sink->next();
+    ASSERT_TRUE(d) << i;
+    EXPECT_EQ(d->tos, number(*d) == 0 ? 184 : 0);
+    (number(*d) == 0 ? lastBulk : lastPlain) = i;
+  }
+  EXPECT_LT(lastPlain, 100);
+  EXPECT_EQ(lastBulk, 119);
+}
+
+constexpr auto family = [](const auto& info) { return std::string(info.param ? "ipv6" : "ipv4"); };
+INSTANTIATE_TEST_SUITE_P(On, LinuxEndpoint, testing::Bool(), family);
+INSTANTIATE_TEST_SUITE_P(On, SlowWire, testing::Bool(), family);
+
+}  // namespace
