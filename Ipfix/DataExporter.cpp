@@ -25,7 +25,7 @@ uint8_t* DataRecord::inlineArea() const {
 }
 uint8_t* DataRecord::octets() const {
   uint8_t* area = inlineArea();
-  if (moved_) std::memcpy(&area, area, sizeof area);
+  if (moved_) std::memcpy(&area, area, sizeof(uint8_t*));
   return area;
 }
 

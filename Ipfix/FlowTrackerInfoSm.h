@@ -164,6 +164,7 @@ class TARN_API ExporterInfoSm final : public Entity {
   /// Closes the endpoints, drops the collectors' state and writes not-ready back.
   ~ExporterInfoSm() override;
 
+  FlowTrackingType ftrType() const { return ftrType_; }
   const Ptr<HwFlowTracking::ExporterConfig>& hwExpConfig() const { return hwExpConfig_; }
   const Ptr<ExporterInfo>& expInfo() const { return expInfo_; }
   bool initialized() const { return initialized_; }

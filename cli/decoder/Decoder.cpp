@@ -76,7 +76,7 @@ std::string_view sequenceStateName(SequenceCheck::State state) {
   return "";
 }
 std::string SequenceCheck::stringValue(uint32_t sequence) const {
-  const std::string numbers = cat("sequence ", sequence, ", expected ", expected, ": ");
+  std::string numbers = cat("sequence ", sequence, ", expected ", expected, ": ");
   switch (state) {
     case State::first:
       return cat("sequence ", sequence, ", the first heard");
