@@ -114,7 +114,9 @@ std::string countersNote(const Counters& c, const std::string& name) {
   }
   if (c.entries.empty() && c.unreadable == 0)
     return fmt::format("the agent (pid {}) has sent nothing to any collector yet", c.writerPid);
-  if (c.unreadable > 0) return fmt::format("{} entries could not be read", c.unreadable);
+  if (c.unreadable > 0)
+    return fmt::format("{} could not be read",
+                       c.unreadable == 1 ? "1 entry" : fmt::format("{} entries", c.unreadable));
   return "";
 }
 

@@ -1,0 +1,160 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "tests/unit/cli/Octets.h"
+#include "tests/unit/cli/Process.h"
+
+namespace cli {
+namespace {
+
+using decoder::message;
+using decoder::Octets;
+using decoder::rich;
+using nlohmann::json;
+
+/// Sends datagrams over loopback from one port.
+class Sender {
+ public:
+  Sender(int family, uint16_t port) : fd_(socket(family, SOCK_DGRAM, 0)) {
+    const int tos = 46 << 2;
+    if (family == AF_INET) {
+      setsockopt(fd_, IPPROTO_IP, IP_TOS, &tos, sizeof tos);
+      sockaddr_in to{};
+      to.sin_family = AF_INET;
+      to.sin_port = htons(port);
+      to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      ok_ = connect(fd_, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0;
+    } else {
+      setsockopt(fd_, IPPROTO_IPV6, IPV6_TCLASS, &tos, sizeof tos);
+      sockaddr_in6 to{};
+      to.sin6_family = AF_INET6;
+      to.sin6_port = htons(port);
+      to.sin6_addr = in6addr_loopback;
+      ok_ = connect(fd_, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0;
+    }
+  }
+  ~Sender() { close(fd_); }
+  Sender(const Sender&) = delete;
+  Sender& operator=(const Sender&) = delete;
+  bool ok() const { return ok_; }
+  void send(const Octets& o) const {
+    ASSERT_EQ(::send(fd_, o.data(), o.size(), 0), static_cast<ssize_t>(o.size()));
+  }
+
+ private:
+  int fd_;
+  bool ok_ = false;
+};
+
+std::vector<std::string> listenOnAnyPort(std::vector<std::string> more) {
+  std::vector<std::string> argv = {TARNFLOW, "listen", "--port", "0"};
+  argv.insert(argv.end(), more.begin(), more.end());
+  return argv;
+}
+uint16_t portOf(Process& listener) {
+  const json first = json::parse(listener.line().value());
+  EXPECT_EQ(first["type"], "listening");
+  return first["sockets"][0]["port"];
+}
+
+class ListenTest : public testing::TestWithParam<int> {};
+
+TEST_P(ListenTest, DecodesRealDatagrams) {
+  Process listener(listenOnAnyPort({"--json", "--messages", "3"}));
+  const uint16_t port = portOf(listener);
+  ASSERT_NE(port, 0);
+  const Sender sender(GetParam(), port);
+  if (!sender.ok()) GTEST_SKIP() << "no loopback of this family";
+
+  sender.send(rich);
+  // One message is shown before the next is sent: output does not wait in a buffer.
+  const json m = json::parse(listener.line().value());
+  const char* const address = GetParam() == AF_INET ? "127.0.0.1" : "::1";
+  EXPECT_EQ(m["type"], "message");
+  EXPECT_EQ(m["sourceAddress"], address);
+  EXPECT_EQ(m["destinationAddress"], address);
+  EXPECT_EQ(m["destinationPort"], port);
+  EXPECT_EQ(m["tos"], 184);
+  EXPECT_EQ(m["dscp"], 46);
+  EXPECT_EQ(m["domain"], 7);
+  EXPECT_EQ(m["recordCount"], 4);
+  EXPECT_EQ(m["sets"][2]["records"][0]["sourceIPv4Address"], "10.0.0.1");
+  EXPECT_EQ(m["sets"][0]["templates"][0]["fields"][3]["name"], "flowTrackingType");
+
+  sender.send(message(9, "0101 0008 00000000"));
+  EXPECT_EQ(json::parse(listener.line().value())["sequenceState"], "ok");
+  sender.send(message(12, "0101 0008 00000000"));
+  const json gap = json::parse(listener.line().value());
+  EXPECT_EQ(gap["sequenceState"], "missing");
+  EXPECT_EQ(gap["sequenceExpected"], 10);
+  const json summary = json::parse(listener.line().value());
+  EXPECT_EQ(summary["type"], "summary");
+  ASSERT_EQ(summary["streams"].size(), 1U);
+  EXPECT_EQ(summary["streams"][0]["messages"], 3);
+  EXPECT_EQ(summary["streams"][0]["records"], 6);
+  EXPECT_EQ(summary["streams"][0]["missingRecords"], 2);
+  EXPECT_EQ(listener.wait(), 1) << "a sequence error was seen";
+}
+INSTANTIATE_TEST_SUITE_P(Family, ListenTest, testing::Values(AF_INET, AF_INET6),
+                         [](const auto& info) { return info.param == AF_INET ? "IPv4" : "IPv6"; });
+
+TEST(Listen, EndsBySignalOrTimeWithASummary) {
+  for (const int signal : {SIGINT, SIGTERM}) {
+    Process listener(listenOnAnyPort({"--json"}));
+    const Sender sender(AF_INET, portOf(listener));
+    sender.send(rich);
+    ASSERT_TRUE(listener.line());
+    listener.signal(signal);
+    EXPECT_EQ(json::parse(listener.line().value())["type"], "summary");
+    EXPECT_EQ(listener.wait(), 0);
+  }
+  Process timed(listenOnAnyPort({"--seconds", "0.1"}));
+  EXPECT_EQ(timed.wait(), 0);
+  EXPECT_NE(timed.rest().find("0 streams in 0.1 s"), std::string::npos) << timed.rest();
+}
+
+TEST(Listen, MalformedMessagesAndStrangersFailIt) {
+  Octets cut = rich;
+  cut.pop_back();
+  for (const Octets& wrong : {cut, decoder::hex("0001")}) {
+    Process listener(listenOnAnyPort({"--json", "--messages", "1"}));
+    const Sender sender(AF_INET, portOf(listener));
+    sender.send(wrong);
+    EXPECT_FALSE(json::parse(listener.line().value())["error"].is_null());
+    EXPECT_EQ(listener.wait(), 1);
+  }
+}
+
+TEST(Listen, QuietDataCountsOnly) {
+  Process listener(listenOnAnyPort({"--json", "--messages", "1", "--quiet-data"}));
+  const Sender sender(AF_INET, portOf(listener));
+  sender.send(rich);
+  const json m = json::parse(listener.line().value());
+  EXPECT_EQ(m["sets"][2]["recordCount"], 2);
+  EXPECT_FALSE(m["sets"][2].contains("records"));
+}
+
+TEST(Listen, SaysWhyItCannotListen) {
+  Process first(listenOnAnyPort({"--json", "--address", "127.0.0.1"}));
+  const uint16_t port = portOf(first);
+  Process second({TARNFLOW, "listen", "--address", "127.0.0.1", "--port", std::to_string(port)});
+  EXPECT_EQ(second.wait(), 2);
+  EXPECT_EQ(second.errors(), "tarnflow listen: cannot listen on 127.0.0.1:" + std::to_string(port) +
+                                 ": Address already in use\n");
+  Process named(listenOnAnyPort({"--address", "localhost"}));
+  EXPECT_EQ(named.wait(), 2);
+  EXPECT_NE(named.errors().find("\"localhost\" is no numeric IPv4 or IPv6 address"),
+            std::string::npos)
+      << named.errors();
+  for (const auto& wrong : {std::pair{"--port", "65536"}, {"--messages", "0"}, {"--seconds", "x"}})
+    EXPECT_EQ(Process({TARNFLOW, "listen", wrong.first, wrong.second}).wait(), 2) << wrong.first;
+}
+
+}  // namespace
+}  // namespace cli
