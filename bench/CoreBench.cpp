@@ -108,7 +108,7 @@ void templateSend(benchmark::State& state) {
   NoTrace noTrace;
   NoLog noLog;
   const auto loop = eventLoopFactory();
-  const auto linux = linuxPlatform(loop, noTrace, noLog);
+  const auto linux = linuxPlatform(loop, noTrace, noLog, {.paceBurst = 0});
   Platform::install(linux.get());
   {
     const auto init = ::Ipfix::ipfixInitSmFactory();

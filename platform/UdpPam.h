@@ -76,8 +76,9 @@ class TARN_API UdpPam : public Entity {
 
   /// Takes the datagram over with the addressing of this moment and returns at once: copies the
   /// first `restampLen` octets and shares the rest, which must not change any more. It leaves in
-  /// the order of the calls, at the latest when the current task or handler of the agent's loop
-  /// is over. A socket without room keeps it queued (bounded); any other refusal drops and counts
+  /// the order of the calls, when the current task or handler of the agent's loop is over, or,
+  /// behind many others, at the host's pace. A socket without room keeps it queued (bounded); any
+  /// other refusal drops and counts
   /// it; a datagram too large for its path is refused (EMSGSIZE), never fragmented. Never throws,
   /// never blocks.
   virtual void txPktIs(const Ptr<Pkt>& pkt) = 0;

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <deque>
 #include <limits>
 #include <memory>
@@ -126,6 +127,8 @@ class UdpPamLinux final : public UdpPam {
         trace_(trace),
         netnsDir_(options.netnsDir),
         queueMax_(std::max<size_t>(options.endpointQueueMax, 1)),
+        paceBurst_(options.paceBurst),
+        paceInterval_(options.paceInterval),
         rest_(loop_->taskScheduler()->timerTask(name + "-tx", taskPriority, [this] { flush(); })) {}
   ~UdpPamLinux() override {
     close();
@@ -194,6 +197,7 @@ class UdpPamLinux final : public UdpPam {
     ++counters_.dropped;
     ++counters_.dropByErrno[err];
   }
+  size_t paceLeft();
   void tosIs(uint8_t tos);
   void popFront();
   void taken(const Datagram& d);
@@ -204,6 +208,8 @@ class UdpPamLinux final : public UdpPam {
   TraceSink& trace_;
   const std::string netnsDir_;
   const size_t queueMax_;
+  const unsigned paceBurst_;  // 0: not paced
+  const std::chrono::nanoseconds paceInterval_;
 
   NamespaceName netNs_;
   bool ipv6En_ = false;
@@ -218,6 +224,9 @@ class UdpPamLinux final : public UdpPam {
   std::unique_ptr<EventLoop::FdWatch> watch_;
   uint8_t socketTos_ = 0;
   bool full_ = false;  // the socket has no room; EPOLLOUT is awaited
+  bool closing_ = false;
+  std::chrono::steady_clock::time_point paceStart_;  // of the interval under way
+  size_t paceUsed_ = 0;                              // datagrams sent in it
 
   IpAddr src4_;
   Ip6Addr src6_;
@@ -297,8 +306,10 @@ void UdpPamLinux::open() {
 void UdpPamLinux::close() {
   if (!socket_) return;
   full_ = false;
+  closing_ = true;
   while (!queue_.empty() && sendSome()) {
   }
+  closing_ = false;
   while (!queue_.empty()) {  // still no room
     countDrop(EAGAIN);
     popFront();
@@ -353,16 +364,22 @@ void UdpPamLinux::flush() {
   const uint64_t stopAt = counters_.sent + counters_.dropped + flushMax;
   while (!queue_.empty() && sendSome())
     if (counters_.sent + counters_.dropped >= stopAt) break;
-  if (!queue_.empty() && !full_) rest_->scheduleLowestIs(Seconds(0));
+  if (!queue_.empty() && !full_ && paceLeft() > 0) rest_->scheduleLowestIs(Seconds(0));
 }
 
 /// Sends the first of the queue in one call, or drops its first datagram when that is refused.
-/// False: the socket has no room; the watch calls `flush` when it has.
+/// False: the socket has no room, and the watch calls `flush` when it has; or the pace's share is
+/// used up, and the task does when there is more.
 bool UdpPamLinux::sendSome() {
   if (full_) return false;
   std::array<mmsghdr, batchMax> msgs;
   std::array<TxSlot, batchMax> slots;
-  const size_t most = std::min(queue_.size(), batchMax);
+  const size_t most = std::min({queue_.size(), batchMax, paceLeft()});
+  if (most == 0) {
+    const auto wait = paceStart_ + paceInterval_ - std::chrono::steady_clock::now();
+    rest_->scheduleLowestIs(wait);
+    return false;
+  }
   size_t n = 0;
   if (!socketIpv6_) tosIs(queue_.front().tos);
   for (; n < most && (socketIpv6_ || queue_[n].tos == socketTos_); ++n)
@@ -373,6 +390,7 @@ bool UdpPamLinux::sendSome() {
       taken(queue_.front());
       popFront();
     }
+    paceUsed_ += static_cast<size_t>(sent);
     return true;
   }
   const int err = errno;
@@ -386,6 +404,16 @@ bool UdpPamLinux::sendSome() {
   popFront();
   refused(d, err);
   return true;
+}
+
+/// Datagrams that may leave now. What is refused costs the collectors nothing and is not counted.
+size_t UdpPamLinux::paceLeft() {
+  if (paceBurst_ == 0 || closing_) return batchMax;
+  if (const auto now = std::chrono::steady_clock::now(); now - paceStart_ >= paceInterval_) {
+    paceStart_ = now;
+    paceUsed_ = 0;
+  }
+  return paceBurst_ - std::min<size_t>(paceUsed_, paceBurst_);
 }
 
 /// The socket's IPv4 TOS. As a control message it would come with a priority that the kernel

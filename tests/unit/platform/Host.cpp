@@ -90,7 +90,7 @@ class LinuxHost final : public Host {
   Lines trace_;
   NoLog log_;
   const Ptr<EventLoop> loop_ = eventLoopFactory();
-  const std::unique_ptr<Platform> platform_ = linuxPlatform(loop_, trace_, log_);
+  const std::unique_ptr<Platform> platform_ = linuxPlatform(loop_, trace_, log_, {.paceBurst = 0});
   std::array<std::unique_ptr<support::Receiver>, 4> receivers_;
 };
 

@@ -30,7 +30,7 @@ class LinuxEndpoint : public testing::TestWithParam<bool> {
  protected:
   void SetUp() override {
     if (!support::privateNetwork()) GTEST_SKIP() << "no network namespace permitted";
-    make({});
+    make({.paceBurst = 0});
   }
   void make(LinuxPlatformOptions options) {
     options.netnsDir = dir.path();
@@ -85,6 +85,30 @@ class LinuxEndpoint : public testing::TestWithParam<bool> {
   const Ptr<EventLoop> loop = eventLoopFactory();
   std::unique_ptr<Platform> host;
 };
+
+TEST_P(LinuxEndpoint, ALongQueueLeavesAtThePaceAndInOrder) {
+  make({.netnsDir = {}, .paceBurst = 20, .paceInterval = 30ms});
+  auto pam = opened("pam");
+  Receiver sink(*IpGenAddr::fromString(local));
+  const auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < 100; ++i) send(*pam, local, sink.port(), 100, i);
+  EXPECT_EQ(pam->counters().sent, 20u);
+  EXPECT_EQ(pam->counters().queued, 80u);
+  while (pam->counters().queued > 0) loop->runOnce(1s);
+  const auto took = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(took, 4 * 30ms);
+  EXPECT_LT(took, 2s);
+  for (int i = 0; i < 100; ++i) {
+    const auto d = sink.next();
+    ASSERT_TRUE(d) << i;
+    ASSERT_EQ(number(*d), i);
+  }
+  EXPECT_EQ(pam->counters().dropped, 0u);
+  // What waits when the endpoint closes leaves at once.
+  for (int i = 0; i < 100; ++i) send(*pam, local, sink.port(), 100, i);
+  pam->modeIs(UdpPam::outOfService);
+  EXPECT_EQ(pam->counters().sent, 200u);
+}
 
 TEST_P(LinuxEndpoint, OneUnreachableCollectorCostsTheOthersNothing) {
   auto pam = opened("udpPam4-ft1-exp1");
@@ -328,7 +352,7 @@ TEST_P(SlowWire, AFullSocketDelaysAndLosesNothing) {
 }
 
 TEST_P(SlowWire, AFullQueueDropsAndTells) {
-  make({.netnsDir = {}, .endpointQueueMax = 50});
+  make({.netnsDir = {}, .endpointQueueMax = 50, .paceBurst = 0});
   auto pam = opened("pam");
   smallBuffer(*pam);
   for (int i = 0; i < 500; ++i) send(*pam, far, sink->port(), 400, i);
