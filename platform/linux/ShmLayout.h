@@ -40,8 +40,8 @@ struct Header {
   uint64_t slotsOffset;
   uint64_t segmentLen;
   uint64_t reserved0[2];
-  uint64_t used;     // on a cache line of their own: these two change
-  uint64_t changes;  // insertions and deletions so far
+  uint64_t used;       // on a cache line of their own: these two change
+  uint64_t deletions;  // twice the deletions so far; odd while one is under way
   uint64_t reserved1[14];
 };
 static_assert(sizeof(Header) == 256 && offsetof(Header, used) == 128, "the documented layout");
@@ -50,8 +50,7 @@ static_assert(sizeof(Header) == 256 && offsetof(Header, used) == 128, "the docum
 inline constexpr size_t seqOffset = 0;
 inline constexpr size_t tagOffset = 8;
 inline constexpr size_t keyOffset = 16;
-inline constexpr uint64_t tagEmpty = 0;    // ends a search
-inline constexpr uint64_t tagDeleted = 1;  // does not; any other tag is the key's hash
+inline constexpr uint64_t tagEmpty = 0;  // any other tag is the key's hash
 
 inline constexpr size_t padded(size_t len, size_t to = 8) { return (len + to - 1) / to * to; }
 
@@ -87,7 +86,7 @@ inline std::atomic_ref<uint64_t> word(const uint8_t* at) {
 }
 inline uint64_t load(const uint8_t* at) { return word(at).load(std::memory_order_acquire); }
 
-/// The tag of a key: never 0 or 1.
+/// The tag of a key, never 0; modulo the number of slots, where a search for the key begins.
 inline uint64_t hashOf(std::span<const std::byte> key) {
   uint64_t h = key.size();
   for (size_t i = 0; i < key.size(); i += 8) {
@@ -96,7 +95,7 @@ inline uint64_t hashOf(std::span<const std::byte> key) {
     h = (h ^ w) * 0x9e3779b97f4a7c15;
     h ^= h >> 32;
   }
-  return h < 2 ? h + 2 : h;
+  return h == tagEmpty ? 1 : h;
 }
 
 /// "/dev/shm" + name, once the name is found to be "/x" without a further slash; throws EINVAL.

@@ -113,8 +113,8 @@ class ShmTable final : public SharedTable {
 
  private:
   struct Place {
-    uint8_t* slot = nullptr;  // holds the key; null: none does
-    uint8_t* free = nullptr;  // where the key would go
+    uint8_t* slot;  // holds the key, or is where it would go
+    bool found;
   };
 
   void create(const std::string& path);
@@ -138,11 +138,6 @@ class ShmTable final : public SharedTable {
     return v;
   }
   static uint64_t tagOf(const uint8_t* slot) { return plain(slot + shm::tagOffset); }
-  void headerWordIs(size_t offset, uint64_t v) {
-    shm::word(base_ + offset).store(v, std::memory_order_release);
-  }
-  void usedIs(size_t used);
-  void tagIs(uint8_t* slot, uint64_t tag);
 
   const shm::Shape shape_;
   const std::string path_;
@@ -150,31 +145,39 @@ class ShmTable final : public SharedTable {
   uint8_t* base_ = nullptr;
   ino_t inode_ = 0;
   size_t used_ = 0;
-  uint64_t changes_ = 0;
 };
 
-/// The sequence of a slot is odd while this lives. A writer that dies meanwhile leaves it odd, and
-/// no reader believes the slot again; the next writer starts a segment of its own.
-class SlotChange {
+void wordIs(uint8_t* at, uint64_t v) { shm::word(at).store(v, std::memory_order_release); }
+
+/// A count that is odd while this lives.
+class OddCount {
  public:
-  explicit SlotChange(uint8_t* slot)
-      : seq_(shm::word(slot + shm::seqOffset)), was_(seq_.load(std::memory_order_relaxed)) {
-    seq_.store(was_ + 1, std::memory_order_relaxed);  // ordered by the release of what follows
+  explicit OddCount(uint8_t* at)
+      : count_(shm::word(at)), was_(count_.load(std::memory_order_relaxed)) {
+    count_.store(was_ + 1, std::memory_order_relaxed);  // ordered by the release of what follows
   }
-  ~SlotChange() { seq_.store(was_ + 2, std::memory_order_release); }
-  SlotChange(const SlotChange&) = delete;
-  SlotChange& operator=(const SlotChange&) = delete;
+  ~OddCount() { count_.store(was_ + 2, std::memory_order_release); }
+  OddCount(const OddCount&) = delete;
+  OddCount& operator=(const OddCount&) = delete;
 
  private:
-  std::atomic_ref<uint64_t> seq_;
+  std::atomic_ref<uint64_t> count_;
   const uint64_t was_;
+};
+/// A writer that dies in a change leaves the slot's sequence odd, and no reader believes the slot
+/// again; the next writer starts a segment of its own.
+struct SlotChange : OddCount {
+  explicit SlotChange(uint8_t* slot) : OddCount(slot + shm::seqOffset) {}
+};
+struct DeletionCount : OddCount {
+  explicit DeletionCount(uint8_t* base) : OddCount(base + offsetof(Header, deletions)) {}
 };
 
 void storeOctets(uint8_t* to, SharedTable::Octets octets) {
   for (size_t i = 0; i < octets.size(); i += 8) {
     uint64_t w = 0;
     std::memcpy(&w, octets.data() + i, std::min<size_t>(8, octets.size() - i));
-    shm::word(to + i).store(w, std::memory_order_release);
+    wordIs(to + i, w);
   }
 }
 
@@ -245,94 +248,88 @@ void ShmTable::create(const std::string& path) {
 }
 
 ShmTable::~ShmTable() {
-  headerWordIs(offsetof(Header, state), shm::closed);
+  wordIs(base_ + offsetof(Header, state), shm::closed);
   struct stat st {};
   if (::stat(path_.c_str(), &st) == 0 && st.st_ino == inode_) ::unlink(path_.c_str());
   ::munmap(base_, shape_.segmentLen);
 }
 
 ShmTable::Place ShmTable::find(Octets key, uint64_t tag) const {
-  Place place;
-  for (size_t i = 0; i < shape_.slotCount; ++i) {
-    uint8_t* slot = slotAt(tag + i);
+  for (size_t i = tag;; ++i) {
+    uint8_t* slot = slotAt(i);
     const uint64_t t = tagOf(slot);
-    if (t == tag && std::ranges::equal(keyOf(slot), key)) {
-      place.slot = slot;
-      break;
-    }
-    if (t <= shm::tagDeleted && !place.free) place.free = slot;
-    if (t == shm::tagEmpty) break;
+    if (t == shm::tagEmpty) return {slot, false};
+    if (t == tag && std::ranges::equal(keyOf(slot), key)) return {slot, true};
   }
-  return place;
 }
 
 bool ShmTable::put(Octets key, Octets value) {
   TARN_ASSERT(key.size() == shape_.keyLen && value.size() == shape_.valueLen);
   const uint64_t tag = shm::hashOf(key);
-  const Place place = find(key, tag);
-  if (place.slot) {
-    const SlotChange change(place.slot);
-    storeOctets(place.slot + shape_.valueOffset(), value);
-    return true;
-  }
-  if (used_ == shape_.capacity) return false;
+  const auto [slot, found] = find(key, tag);
+  if (!found && used_ == shape_.capacity) return false;
   {
-    const SlotChange change(place.free);
-    shm::word(place.free + shm::tagOffset).store(tag, std::memory_order_release);
-    storeOctets(place.free + shm::keyOffset, key);
-    storeOctets(place.free + shape_.valueOffset(), value);
+    const SlotChange change(slot);
+    if (!found) {
+      wordIs(slot + shm::tagOffset, tag);
+      storeOctets(slot + shm::keyOffset, key);
+    }
+    storeOctets(slot + shape_.valueOffset(), value);
   }
-  usedIs(used_ + 1);
+  if (!found) wordIs(base_ + offsetof(Header, used), ++used_);
   return true;
 }
 
 bool ShmTable::get(Octets key, std::span<std::byte> value) const {
   TARN_ASSERT(key.size() == shape_.keyLen && value.size() == shape_.valueLen);
-  const Place place = find(key, shm::hashOf(key));
-  if (!place.slot) return false;
-  std::ranges::copy(valueOf(place.slot), value.begin());
-  return true;
+  const auto [slot, found] = find(key, shm::hashOf(key));
+  if (found) std::ranges::copy(valueOf(slot), value.begin());
+  return found;
 }
 
 bool ShmTable::del(Octets key) {
   TARN_ASSERT(key.size() == shape_.keyLen);
-  const Place place = find(key, shm::hashOf(key));
-  if (!place.slot) return false;
-  // A record never moves, so that a reader under way misses none; the place of a deleted one stays
-  // marked as long as a search may have to pass it.
-  size_t i = indexOf(place.slot);
-  if (tagOf(slotAt(i + 1)) != shm::tagEmpty) {
-    tagIs(place.slot, shm::tagDeleted);
-  } else {
-    do {
-      tagIs(slotAt(i), shm::tagEmpty);
-      i += shape_.slotCount - 1;
-    } while (tagOf(slotAt(i)) == shm::tagDeleted);
+  const auto [slot, found] = find(key, shm::hashOf(key));
+  if (!found) return false;
+  const DeletionCount count(base_);
+  // Records behind the hole that a search could no longer reach move up into it, so that searches
+  // stay short however many keys come and go. At each moment every record is in at least one
+  // place; a reader that passed both at the wrong times finds the count changed and looks again.
+  const size_t mask = shape_.slotCount - 1;
+  size_t hole = indexOf(slot);
+  for (size_t i = hole + 1;; ++i) {
+    const uint8_t* next = slotAt(i);
+    const uint64_t tag = tagOf(next);
+    if (tag == shm::tagEmpty) break;
+    // Its search begins behind the hole: it stays.
+    if (((i - tag) & mask) < ((i - hole) & mask)) continue;
+    const SlotChange change(slotAt(hole));
+    for (size_t at = shm::tagOffset; at < shape_.slotLen; at += 8)
+      wordIs(slotAt(hole) + at, plain(next + at));
+    hole = i;
   }
-  usedIs(used_ - 1);
+  {
+    const SlotChange change(slotAt(hole));
+    wordIs(slotAt(hole) + shm::tagOffset, shm::tagEmpty);
+  }
+  wordIs(base_ + offsetof(Header, used), --used_);
   return true;
 }
 
 void ShmTable::delAll() {
-  for (size_t i = 0; i < shape_.slotCount; ++i)
-    if (tagOf(slotAt(i)) != shm::tagEmpty) tagIs(slotAt(i), shm::tagEmpty);
-  usedIs(0);
+  const DeletionCount count(base_);
+  for (size_t i = 0; i < shape_.slotCount; ++i) {
+    if (tagOf(slotAt(i)) == shm::tagEmpty) continue;
+    const SlotChange change(slotAt(i));
+    wordIs(slotAt(i) + shm::tagOffset, shm::tagEmpty);
+  }
+  used_ = 0;
+  wordIs(base_ + offsetof(Header, used), used_);
 }
 
 void ShmTable::each(const std::function<void(Octets, Octets)>& visit) const {
   for (size_t i = 0; i < shape_.slotCount; ++i)
-    if (tagOf(slotAt(i)) > shm::tagDeleted) visit(keyOf(slotAt(i)), valueOf(slotAt(i)));
-}
-
-void ShmTable::usedIs(size_t used) {
-  used_ = used;
-  headerWordIs(offsetof(Header, used), used_);
-  headerWordIs(offsetof(Header, changes), ++changes_);
-}
-
-void ShmTable::tagIs(uint8_t* slot, uint64_t tag) {
-  const SlotChange change(slot);
-  shm::word(slot + shm::tagOffset).store(tag, std::memory_order_release);
+    if (tagOf(slotAt(i)) != shm::tagEmpty) visit(keyOf(slotAt(i)), valueOf(slotAt(i)));
 }
 
 }  // namespace

@@ -5,8 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <string_view>
-#include <unordered_map>
+#include <functional>
 
 #include "platform/Assert.h"
 #include "platform/linux/Fd.h"
@@ -22,10 +21,12 @@ using shm::Header;
 /// one; when it was interrupted there, its processor's time slices; when it died, for ever.
 class Patience {
  public:
+  explicit Patience(std::function<bool()> writerLives) : writerLives_(std::move(writerLives)) {}
   /// The record changes. False: give it up.
   bool wait() {
     ++retries_;
-    if (++tries_ <= spins) return true;
+    if (++tries_ <= (sleeps_ > 0 ? spins : 1)) return true;
+    if (sleeps_ == sleepsMax && !writerLives_()) sleeps_ = 0;
     if (sleeps_ == 0) return false;
     --sleeps_;
     const timespec pause{0, 200000};
@@ -37,10 +38,13 @@ class Patience {
 
  private:
   static constexpr int spins = 200;
+  static constexpr int sleepsMax = 100;  // for the whole call: about 25 ms
+  const std::function<bool()> writerLives_;
   int tries_ = 0;
-  int sleeps_ = 100;  // for the whole call: about 25 ms
+  int sleeps_ = sleepsMax;
   uint64_t retries_ = 0;
 };
+constexpr int walksMax = 4;
 
 class ShmTableReaderImpl final : public ShmTableReader {
  public:
@@ -63,7 +67,12 @@ class ShmTableReaderImpl final : public ShmTableReader {
   }
   uint64_t headerWord(size_t offset) const { return shm::load(base_ + offset); }
   State writerState() const;
+  Patience patience() const {
+    return Patience([this] { return writerState() == State::live; });
+  }
+  uint64_t deletions() const { return headerWord(offsetof(Header, deletions)); }
   Read read(const uint8_t* slot, uint64_t wantedTag, Patience& patience, Record& out) const;
+  void walk(Patience& patience, Snapshot& out) const;
 
   const std::string path_;
   const size_t keyLen_;
@@ -145,17 +154,20 @@ ShmTableReaderImpl::Read ShmTableReaderImpl::read(const uint8_t* slot, uint64_t 
     if (seq & 1) continue;
     const uint64_t tag = shm::load(slot + shm::tagOffset);
     Read result = Read::record;
-    if (tag <= shm::tagDeleted) {
-      result = tag == shm::tagEmpty ? Read::empty : Read::other;
+    if (tag == shm::tagEmpty) {
+      result = Read::empty;
     } else if (wantedTag != 0 && tag != wantedTag) {
       result = Read::other;
     } else {
       auto copy = [](const uint8_t* from, std::vector<std::byte>& to, size_t len) {
         to.resize(len);
-        for (size_t i = 0; i < len; i += 8) {
+        size_t i = 0;
+        for (; i + 8 <= len; i += 8) {
           const uint64_t w = shm::load(from + i);
-          std::memcpy(to.data() + i, &w, std::min<size_t>(8, len - i));
+          std::memcpy(to.data() + i, &w, 8);
         }
+        const uint64_t w = i < len ? shm::load(from + i) : 0;
+        std::memcpy(to.data() + i, &w, len - i);
       };
       copy(slot + shm::keyOffset, out.key, keyLen_);
       copy(slot + shape_.valueOffset(), out.value, valueLen_);
@@ -165,15 +177,9 @@ ShmTableReaderImpl::Read ShmTableReaderImpl::read(const uint8_t* slot, uint64_t 
   return Read::unreadable;
 }
 
-ShmTableReader::Snapshot ShmTableReaderImpl::snapshot() {
-  Snapshot out;
-  out.state = refresh();
-  if (!base_) return out;
-  out.writerPid = static_cast<int>(header_.writerPid);
-  out.startTime = static_cast<double>(header_.createdNs) * 1e-9;
-  out.generation = header_.generation;
-  Patience patience;
-  const uint64_t changes = headerWord(offsetof(Header, changes));
+void ShmTableReaderImpl::walk(Patience& patience, Snapshot& out) const {
+  out.records.clear();
+  out.unreadable = 0;
   out.records.reserve(std::min<uint64_t>(headerWord(offsetof(Header, used)), shape_.capacity));
   Record record;
   for (size_t i = 0; i < shape_.slotCount; ++i) {
@@ -190,21 +196,36 @@ ShmTableReader::Snapshot ShmTableReaderImpl::snapshot() {
         break;
     }
   }
-  if (headerWord(offsetof(Header, changes)) != changes) {
-    // A key that was deleted and inserted again may have been met in both places: keep the later.
-    std::unordered_map<std::string_view, size_t> at;
-    size_t n = 0;
-    for (Record& r : out.records) {
-      const std::string_view key(reinterpret_cast<const char*>(r.key.data()), r.key.size());
-      const auto [it, first] = at.try_emplace(key, n);
-      if (!first) {
-        out.records[it->second].value = std::move(r.value);
-      } else if (&out.records[n++] != &r) {
-        out.records[n - 1] = std::move(r);  // a vector that moves keeps its octets where they are
-      }
-    }
-    out.records.resize(n);
+}
+
+/// Leaves one record of each key.
+void dropRepeated(std::vector<ShmTableReader::Record>& records) {
+  auto byKey = [](const ShmTableReader::Record& r) -> const std::vector<std::byte>& {
+    return r.key;
+  };
+  std::ranges::stable_sort(records, {}, byKey);
+  // Not ranges::unique, whose result clang 14 cannot make with libstdc++ 12.
+  const auto same = [](const auto& a, const auto& b) { return a.key == b.key; };
+  records.erase(std::unique(records.begin(), records.end(), same), records.end());
+}
+
+ShmTableReader::Snapshot ShmTableReaderImpl::snapshot() {
+  Snapshot out;
+  out.state = refresh();
+  if (!base_) return out;
+  out.writerPid = static_cast<int>(header_.writerPid);
+  out.startTime = static_cast<double>(header_.createdNs) * 1e-9;
+  out.generation = header_.generation;
+  Patience patience = this->patience();
+  // A deletion moves records, and one that moves may be missed or met twice.
+  bool still = false;
+  for (int i = 0; i < walksMax && !still; ++i) {
+    const uint64_t before = deletions();
+    walk(patience, out);
+    still = before == deletions() && before % 2 == 0;
+    if (!still && !patience.wait()) break;
   }
+  if (!still) dropRepeated(out.records);
   out.retries = patience.retries();
   out.state = writerState();
   if (out.state == State::closed) out.records.clear();
@@ -216,14 +237,20 @@ bool ShmTableReaderImpl::get(SharedTable::Octets key, std::vector<std::byte>& va
   refresh();
   if (!base_ || headerWord(offsetof(Header, state)) != shm::live) return false;
   const uint64_t tag = shm::hashOf(key);
-  Patience patience;
+  Patience patience = this->patience();
   Record record;
-  for (size_t i = 0; i < shape_.slotCount; ++i) {
-    const Read r = read(slotAt(tag + i), tag, patience, record);
-    if (r == Read::empty) return false;
-    if (r != Read::record || !std::ranges::equal(record.key, key)) continue;
-    value = std::move(record.value);
-    return true;
+  for (int walk = 0; walk < walksMax; ++walk) {
+    const uint64_t before = deletions();
+    for (size_t i = 0; i < shape_.slotCount; ++i) {
+      const Read r = read(slotAt(tag + i), tag, patience, record);
+      if (r == Read::empty) break;
+      if (r != Read::record || !std::ranges::equal(record.key, key)) continue;
+      value = std::move(record.value);
+      return true;
+    }
+    if (before == deletions() && before % 2 == 0) return false;
+    patience.nextRecord();
+    if (!patience.wait()) return false;
   }
   return false;
 }

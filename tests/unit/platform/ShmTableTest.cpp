@@ -1,0 +1,433 @@
+// The table in shared memory as a reader in another process meets it: writers that come, go and
+// die, segments that are not ours, and the documented layout.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <random>
+
+#include "platform/UdpPam.h"
+#include "platform/linux/Fd.h"
+#include "platform/linux/ShmTable.h"
+#include "tests/support/Net.h"
+
+using namespace platform;
+using State = ShmTableReader::Snapshot::State;
+using Octets = std::vector<std::byte>;
+
+namespace {
+
+constexpr size_t keyLen = 20;
+constexpr size_t valueLen = 50;
+constexpr size_t capacity = 100;
+
+Octets octets(size_t len, uint64_t n) {
+  Octets o(len);
+  for (size_t i = 0; i < len; ++i) o[i] = std::byte(n >> (i % 8 * 8) & 255);
+  return o;
+}
+Octets key(uint64_t n) { return octets(keyLen, n); }
+Octets value(uint64_t n) { return octets(valueLen, ~n); }
+
+class ShmTable : public testing::Test {
+ protected:
+  ~ShmTable() override {
+    for (const char* suffix : {"", ".lock", ".new"}) std::filesystem::remove(path + suffix);
+  }
+  Ptr<SharedTable> writer() { return shmTableFactory(name, keyLen, valueLen, capacity); }
+  std::unique_ptr<ShmTableReader> reader() { return shmTableReader(name, keyLen, valueLen); }
+  int writerError() {
+    try {
+      writer();
+    } catch (const ErrnoException& e) {
+      what = e.what();
+      return e.code().value();
+    }
+    return 0;
+  }
+  /// A process that makes the table, runs `body` and then waits to be killed.
+  pid_t child(const std::function<void(SharedTable&)>& body) {
+    int ready[2];
+    EXPECT_EQ(::pipe2(ready, O_CLOEXEC), 0);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      try {
+        auto t = writer();
+        body(*t);
+        if (::write(ready[1], "x", 1) == 1)
+          for (;;) ::pause();
+      } catch (...) {
+      }
+      ::_exit(1);
+    }
+    ::close(ready[1]);
+    char c;
+    EXPECT_EQ(::read(ready[0], &c, 1), 1);
+    ::close(ready[0]);
+    return pid;
+  }
+  static void killed(pid_t pid) {
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
+  }
+  std::string fileContent() const {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+  }
+
+  const std::string name = "/tt-shm-" + std::to_string(::getpid());
+  const std::string path = "/dev/shm" + name;
+  std::string what;
+};
+
+TEST_F(ShmTable, ReaderFollowsItsWriters) {
+  auto r = reader();
+  EXPECT_EQ(r->snapshot().state, State::absent);
+  Octets got;
+  EXPECT_FALSE(r->get(key(1), got));
+
+  auto t = writer();
+  t->put(key(1), value(1));
+  const auto first = r->snapshot();
+  EXPECT_EQ(first.state, State::live);
+  EXPECT_EQ(first.writerPid, ::getpid());
+  const double now =
+      std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+  EXPECT_NEAR(first.startTime, now, 60);
+  ASSERT_EQ(first.records.size(), 1u);
+  EXPECT_EQ(first.records[0].key, key(1));
+  EXPECT_EQ(first.records[0].value, value(1));
+  EXPECT_EQ(first.unreadable, 0u);
+  t->put(key(1), value(2));
+  EXPECT_TRUE(r->get(key(1), got));
+  EXPECT_EQ(got, value(2));
+  EXPECT_FALSE(r->get(key(3), got));
+
+  t = nullptr;
+  EXPECT_EQ(r->snapshot().state, State::absent);
+  EXPECT_FALSE(r->get(key(1), got));
+  EXPECT_FALSE(std::filesystem::exists(path + ".lock"));
+
+  t = writer();
+  const auto second = r->snapshot();
+  EXPECT_EQ(second.state, State::live);
+  EXPECT_NE(second.generation, first.generation);
+  EXPECT_TRUE(second.records.empty());
+}
+
+TEST_F(ShmTable, OneLivingWriterPerName) {
+  const pid_t pid = child([](SharedTable& t) { t.put(key(7), value(7)); });
+  EXPECT_EQ(writerError(), EBUSY);
+  EXPECT_THAT(what, testing::HasSubstr("process " + std::to_string(pid)));
+  auto r = reader();
+  const auto before = r->snapshot();
+  EXPECT_EQ(before.state, State::live);
+  EXPECT_EQ(before.writerPid, pid);
+
+  ::kill(pid, SIGKILL);
+  for (int i = 0; i < 5000 && r->snapshot().state == State::live; ++i) ::usleep(1000);
+  EXPECT_EQ(r->snapshot().state, State::dead) << "though its parent has not waited for it";
+  ::waitpid(pid, nullptr, 0);
+  const auto dead = r->snapshot();
+  EXPECT_EQ(dead.state, State::dead);
+  EXPECT_EQ(dead.records.size(), 1u) << "what it last wrote";
+  Octets got;
+  EXPECT_TRUE(r->get(key(7), got));
+
+  std::ofstream(path + ".new") << "of a writer that died while it made one";
+  auto t = writer();
+  EXPECT_EQ(writerError(), EBUSY) << "the same process too";
+  const auto after = r->snapshot();
+  EXPECT_EQ(after.state, State::live);
+  EXPECT_EQ(after.writerPid, ::getpid());
+  EXPECT_GT(after.generation, before.generation);
+  EXPECT_TRUE(after.records.empty());
+}
+
+TEST_F(ShmTable, AnotherProcessUnderTheSamePidIsNotTheWriter) {
+  auto t = writer();
+  auto r = reader();
+  ASSERT_EQ(r->snapshot().state, State::live);
+  std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+  file.seekp(40);  // the writer's start
+  const uint64_t other = 1;
+  file.write(reinterpret_cast<const char*>(&other), sizeof other);
+  file.close();
+  EXPECT_EQ(reader()->snapshot().state, State::dead);
+}
+
+TEST_F(ShmTable, WriterSparesWhatIsNotOurs) {
+  std::ofstream(path) << "somebody's";
+  EXPECT_EQ(writerError(), EEXIST);
+  EXPECT_EQ(fileContent(), "somebody's");
+  EXPECT_FALSE(std::filesystem::exists(path + ".lock")) << "a refusal leaves nothing behind";
+  EXPECT_FALSE(std::filesystem::exists(path + ".new"));
+  std::filesystem::remove(path);
+
+  auto t = writer();
+  std::filesystem::remove(path);
+  std::ofstream(path) << "somebody's";
+  t = nullptr;
+  EXPECT_EQ(fileContent(), "somebody's") << "closing unlinks its own only";
+  std::filesystem::remove(path);
+
+  for (const char* bad : {"", "/", "x", "/a/b", "/.", "/..", "//"})
+    EXPECT_THROW(shmTableFactory(bad, 1, 1, 1), ErrnoException) << bad;
+  EXPECT_THROW(shmTableFactory(name, 0, 1, 1), ErrnoException);
+  EXPECT_THROW(shmTableFactory(name, 1, 1, size_t{1} << 40), ErrnoException);
+  EXPECT_THROW(shmTableFactory(name, SIZE_MAX, SIZE_MAX, SIZE_MAX), ErrnoException);
+}
+
+TEST_F(ShmTable, ReaderRefusesWhatIsNotATable) {
+  auto t = writer();
+  for (uint64_t i = 0; i < capacity; ++i) t->put(key(i), value(i));
+  const std::string good = fileContent();
+  t = nullptr;
+  auto write = [this](const std::string& content) {
+    std::filesystem::remove(path);
+    std::ofstream(path, std::ios::binary) << content;
+  };
+  auto r = reader();
+  Octets got;
+  auto state = [&] {
+    EXPECT_FALSE(r->get(key(1), got));
+    const auto s = r->snapshot();
+    EXPECT_TRUE(s.records.empty());
+    return s.state;
+  };
+  write(good);
+  EXPECT_EQ(r->snapshot().records.size(), capacity) << "or the rest proves nothing";
+  for (const size_t len : {0, 1, 8, 100, 255, 256, 257, 4096}) {
+    write(good.substr(0, len));
+    EXPECT_EQ(state(), State::foreign) << len;
+  }
+  write(good + "x");
+  EXPECT_EQ(state(), State::foreign);
+  write(std::string(good.size(), '\xff'));
+  EXPECT_EQ(state(), State::foreign);
+  // Each field that is not the writer's name or time, overwritten.
+  for (const size_t at : {0, 8, 12, 56, 64, 72, 80, 88, 96, 104})
+    for (const uint64_t v : {uint64_t{0}, uint64_t{3}, uint64_t{1} << 31, ~uint64_t{0}}) {
+      std::string bad = good;
+      std::memcpy(bad.data() + at, &v, at == 8 || at == 12 ? 4 : 8);
+      write(bad);
+      EXPECT_EQ(state(), State::foreign) << at << ' ' << v;
+    }
+  EXPECT_EQ(shmTableReader(name, keyLen + 8, valueLen)->snapshot().state, State::foreign);
+  write(good);
+  EXPECT_EQ(shmTableReader(name, keyLen, valueLen + 1)->snapshot().state, State::foreign);
+
+  std::filesystem::remove(path);
+  std::filesystem::create_directory(path);
+  EXPECT_EQ(state(), State::foreign);
+  std::filesystem::remove(path);
+  std::filesystem::create_symlink("/etc/passwd", path);
+  EXPECT_EQ(state(), State::foreign);
+  std::filesystem::remove(path);
+  ASSERT_EQ(::mkfifo(path.c_str(), 0644), 0);
+  EXPECT_EQ(state(), State::foreign) << "and does not wait for somebody to write into it";
+}
+
+TEST_F(ShmTable, ReaderSurvivesAnyContent) {
+  auto t = writer();
+  for (uint64_t i = 0; i < 40; ++i) t->put(key(i), value(i));
+  std::string good = fileContent();
+  t = nullptr;
+  good[40] ^= 1;  // another process's: nobody waits for a writer that died
+  std::mt19937 random(1);
+  std::filesystem::remove(path);
+  for (int i = 0; i < 200; ++i) {
+    std::string bad = good;
+    // Anything but the first octets, so that many get past the header.
+    for (unsigned n = random() % 2000; n > 0; --n)
+      bad[112 + random() % (bad.size() - 112)] = static_cast<char>(random() % 4);
+    {
+      std::ofstream(path + ".new", std::ios::binary) << bad;
+      std::filesystem::rename(path + ".new", path);
+    }
+    auto r = reader();
+    const auto s = r->snapshot();
+    EXPECT_LE(s.records.size() + s.unreadable, 256u);
+    Octets got;
+    for (uint64_t k = 0; k < 45; ++k) r->get(key(k), got);
+  }
+}
+
+TEST_F(ShmTable, ATruncatedSegmentIsForeignFromTheNextCallOn) {
+  auto t = writer();
+  t->put(key(1), value(1));
+  auto r = reader();
+  EXPECT_EQ(r->snapshot().records.size(), 1u);
+  const std::string copy = path + ".new";
+  std::filesystem::copy_file(path, copy);  // the writer's own mapping stays whole
+  std::filesystem::rename(copy, path);
+  EXPECT_EQ(r->snapshot().records.size(), 1u);
+  std::filesystem::resize_file(path, 300);
+  EXPECT_EQ(r->snapshot().state, State::foreign);
+  Octets got;
+  EXPECT_FALSE(r->get(key(1), got));
+}
+
+TEST_F(ShmTable, ARecordThatItsWriterLeftHalfDoneIsUnreadable) {
+  const pid_t pid = child([](SharedTable& t) {
+    for (uint64_t i = 0; i < 10; ++i) t.put(key(i), value(i));
+  });
+  killed(pid);
+  // The sequence of one record becomes odd, as at the moment of death.
+  std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+  size_t at = 256;
+  for (uint64_t tag = 0; tag == 0; at += 128) {
+    file.seekg(static_cast<long>(at) + 8);
+    file.read(reinterpret_cast<char*>(&tag), sizeof tag);
+  }
+  at -= 128;
+  uint64_t seq = 0;
+  Octets victim(keyLen);
+  file.seekg(static_cast<long>(at));
+  file.read(reinterpret_cast<char*>(&seq), sizeof seq);
+  file.seekg(static_cast<long>(at) + 16);
+  file.read(reinterpret_cast<char*>(victim.data()), keyLen);
+  ++seq;
+  file.seekp(static_cast<long>(at));
+  file.write(reinterpret_cast<const char*>(&seq), sizeof seq);
+  file.close();
+  ASSERT_EQ(seq % 2, 1u);
+
+  auto r = reader();
+  const auto start = std::chrono::steady_clock::now();
+  const auto s = r->snapshot();
+  Octets got;
+  EXPECT_FALSE(r->get(victim, got));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  EXPECT_EQ(s.state, State::dead);
+  EXPECT_EQ(s.unreadable, 1u);
+  EXPECT_GT(s.retries, 0u);
+  EXPECT_EQ(s.records.size(), 9u);
+  for (uint64_t i = 0; i < 10; ++i) EXPECT_EQ(r->get(key(i), got), key(i) != victim) << i;
+}
+
+TEST_F(ShmTable, SearchesStayShortUnderEverNewKeys) {
+  auto t = writer();
+  for (uint64_t i = 0; i < 200000; ++i) {
+    ASSERT_TRUE(t->put(key(i), value(i)));
+    if (i < capacity - 1) continue;
+    ASSERT_TRUE(t->del(key(i - (capacity - 1))));
+  }
+  // The longest run of slots that a search may have to pass, of 256.
+  const std::string content = fileContent();
+  size_t run = 0, longest = 0;
+  for (size_t slot = 0; slot < 512; ++slot) {
+    uint64_t tag = 0;
+    std::memcpy(&tag, content.data() + 256 + slot % 256 * 128 + 8, sizeof tag);
+    run = tag == 0 ? 0 : run + 1;
+    longest = std::max(longest, run);
+  }
+  EXPECT_LT(longest, 80u);
+  auto r = reader();
+  EXPECT_EQ(r->snapshot().records.size(), capacity - 1);
+}
+
+// docs/shared-memory.md, followed by the letter: what a reader in another language does.
+TEST_F(ShmTable, LayoutIsTheDocumentedOne) {
+  auto t = writer();
+  for (uint64_t i = 0; i < 60; ++i) t->put(key(i), value(i));
+  for (uint64_t i = 0; i < 30; ++i) t->del(key(i));
+  const std::string c = fileContent();
+  auto u32 = [&](size_t at) {
+    uint32_t v;
+    std::memcpy(&v, c.data() + at, sizeof v);
+    return v;
+  };
+  auto u64 = [&](size_t at) {
+    uint64_t v;
+    std::memcpy(&v, c.data() + at, sizeof v);
+    return v;
+  };
+  EXPECT_EQ(c.substr(0, 8), "TARNSHM\n");
+  EXPECT_EQ(u32(8), 1u);
+  EXPECT_EQ(u32(12), 0x01020304u);
+  EXPECT_EQ(u64(24), 1u) << "live";
+  EXPECT_EQ(u64(32), static_cast<uint64_t>(::getpid()));
+  EXPECT_EQ(u64(56), keyLen);
+  EXPECT_EQ(u64(64), valueLen);
+  EXPECT_EQ(u64(72), capacity);
+  EXPECT_EQ(u64(80), 256u);
+  EXPECT_EQ(u64(88), 128u) << "16 + 24 + 56, to a multiple of 64";
+  EXPECT_EQ(u64(96), 256u);
+  EXPECT_EQ(u64(104), c.size());
+  EXPECT_EQ(u64(128), 30u);
+  EXPECT_EQ(u64(136), 60u) << "30 deletions";
+
+  auto hash = [](const Octets& k) {
+    uint64_t h = k.size();
+    for (size_t i = 0; i < k.size(); i += 8) {
+      uint64_t w = 0;
+      for (size_t j = 0; j < 8 && i + j < k.size(); ++j)
+        w |= static_cast<uint64_t>(k[i + j]) << (8 * j);
+      h = (h ^ w) * 0x9e3779b97f4a7c15;
+      h ^= h >> 32;
+    }
+    return h == 0 ? 1 : h;
+  };
+  for (uint64_t i = 0; i < 61; ++i) {
+    const uint64_t tag = hash(key(i));
+    bool found = false;
+    for (size_t n = 0; n < 256; ++n) {
+      const size_t slot = 256 + (tag + n) % 256 * 128;
+      ASSERT_EQ(u64(slot) % 2, 0u);
+      if (u64(slot + 8) == 0) break;
+      if (u64(slot + 8) != tag || std::memcmp(c.data() + slot + 16, key(i).data(), keyLen) != 0)
+        continue;
+      found = true;
+      EXPECT_EQ(std::memcmp(c.data() + slot + 40, value(i).data(), valueLen), 0);
+      break;
+    }
+    EXPECT_EQ(found, i >= 30 && i < 60) << i;
+  }
+}
+
+TEST_F(ShmTable, AReaderWithoutPermissionHearsIt) {
+  auto t = writer();
+  std::filesystem::permissions(path, std::filesystem::perms::owner_read);
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    int code = 1;
+    if (::setuid(65534) == 0) {
+      try {
+        reader()->snapshot();
+      } catch (const ErrnoException& e) {
+        code = e.code().value() == EACCES ? 42 : 2;
+      }
+    }
+    ::_exit(code);
+  }
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  if (WEXITSTATUS(status) == 1) GTEST_SKIP() << "needs root to become somebody else";
+  EXPECT_EQ(WEXITSTATUS(status), 42);
+}
+
+TEST_F(ShmTable, LeavesNoDescriptorOpen) {
+  const size_t before = support::openFds();
+  for (int i = 0; i < 50; ++i) {
+    auto t = writer();
+    EXPECT_EQ(writerError(), EBUSY);
+    auto r = reader();
+    r->snapshot();
+    shmTableReader(name, 1, 1)->snapshot();
+    EXPECT_EQ(support::openFds(), before + 1) << "the lock's";
+  }
+  EXPECT_EQ(support::openFds(), before);
+}
+
+}  // namespace
