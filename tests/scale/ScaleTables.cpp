@@ -1,0 +1,238 @@
+/// Many interfaces, real sockets on loopback with the system's buffers, one process per collector:
+/// each must receive every record of a full transmission exactly once.
+///
+///   scale_tables INTERFACES COLLECTORS
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "Ipfix/FlowTrackerTemplateSm.h"
+#include "Ipfix/IpfixSm.h"
+#include "Ipfix/OptionsDataManagerSm.h"
+#include "cli/decoder/Decoder.h"
+#include "platform/linux/LinuxPlatform.h"
+#include "platform/sim/SimPlatform.h"
+
+using namespace platform;
+using namespace FlowTracking;
+
+namespace {
+
+constexpr uint16_t intfTable = 65281;
+constexpr unsigned rounds = 2;  // the tables at the start, and one periodic transmission
+constexpr int patienceMs = 20000;
+
+[[noreturn]] void fail(const std::string& what) {
+  std::fprintf(stderr, "scale_tables: %s\n", what.c_str());
+  std::exit(1);
+}
+
+// --- A collector ---
+
+int boundSocket(uint16_t& port) {
+  const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&a), len) != 0 ||
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0)
+    fail("a collector's socket: " + std::string(std::strerror(errno)));
+  port = ntohs(a.sin_port);
+  return fd;
+}
+
+/// Counts what arrives; says so on `out` after each round, exits 0 when all came exactly once.
+[[noreturn]] void collect(int fd, int out, uint32_t interfaces) {
+  decoder::Decoder decoder([](uint32_t, uint16_t) { return nullptr; });
+  std::vector<uint8_t> times(interfaces + 1);
+  uint64_t expected = interfaces + 4;
+  uint64_t records = 0;
+  std::vector<uint8_t> buf(65536);
+  const auto bad = [&](const std::string& what) {
+    std::fprintf(stderr, "collector %d: %s after %llu records\n", ::getpid(), what.c_str(),
+                 static_cast<unsigned long long>(records));
+    ::_exit(1);
+  };
+  for (unsigned round = 1; round <= rounds;) {
+    pollfd p{fd, POLLIN, 0};
+    if (::poll(&p, 1, patienceMs) <= 0) bad("nothing more came");
+    const ssize_t n = ::recv(fd, buf.data(), buf.size(), 0);
+    if (n <= 0) bad("receiving failed");
+    const auto m = decoder.decode("exporter", {buf.data(), static_cast<size_t>(n)});
+    if (m.error) bad(m.error->stringValue());
+    if (!m.countable()) bad("records without their template");
+    if (m.sequence.error()) bad(m.sequence.stringValue(m.header->sequence));
+    for (const auto& set : m.sets) {
+      if (set.id != intfTable) continue;
+      for (size_t i = 0; i < set.recordCount(); ++i, ++records) {
+        uint32_t index = 0;
+        for (const uint8_t o : set.record(i)[0].octets) index = index << 8 | o;
+        if (index == 0 || index > interfaces) continue;  // the reserved ones
+        if (++times[index] > round) bad("interface " + std::to_string(index) + " came again");
+      }
+    }
+    if (records < expected * round) continue;
+    for (uint32_t i = 1; i <= interfaces; ++i)
+      if (times[i] != round) bad("interface " + std::to_string(i) + " did not come");
+    if (::write(out, ".", 1) != 1) bad("nobody listens");
+    ++round;
+  }
+  ::_exit(0);
+}
+
+// --- The agent ---
+
+class Lines final : public TraceSink, public LogSink {
+ public:
+  bool enabled(int level) const override { return level <= TraceLevel::error; }
+  void line(int, std::string_view text) override {
+    std::fprintf(stderr, "%.*s\n", static_cast<int>(text.size()), text.data());
+  }
+  void log(const LogMessage&, std::span<const std::string>) override {}
+};
+
+double seconds() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+double residentMiB() {
+  rusage u{};
+  ::getrusage(RUSAGE_SELF, &u);
+  return static_cast<double>(u.ru_maxrss) / 1024;
+}
+
+class Stopwatch {
+ public:
+  void lap(const char* what) {
+    const double now = seconds();
+    std::printf("%-58s %8.3f s, at most %7.1f MiB resident\n", what, now - last_, residentMiB());
+    std::fflush(stdout);
+    last_ = seconds();
+  }
+
+ private:
+  double last_ = seconds();
+};
+
+void exportTables(uint32_t interfaces, const std::vector<uint16_t>& ports, int done) {
+  Lines lines;
+  const auto loop = eventLoopFactory();
+  const auto host = linuxPlatform(loop, lines, lines);
+  Platform::install(host.get());
+  {
+    Stopwatch watch;
+    const auto intfs = intfIndexMapFactory();
+    for (uint32_t i = 1; i <= interfaces; ++i) {
+      const IntfId id("Ethernet" + std::to_string(i));
+      intfs->intfIdIs(i, id);
+      intfs->intfIndexIs(id, i);
+    }
+    watch.lap("the host's index map, both directions");
+
+    const auto init = ::Ipfix::ipfixInitSmFactory();
+    const auto config = HwFlowTracking::configFactory();
+    const auto status = HwFlowTracking::statusFactory();
+    const auto tracker = HwFlowTracking::ftConfigFactory("ft", 1);
+    const auto exporter = HwFlowTracking::exporterConfigFactory("exp");
+    exporter->srcIpAddrIs(IpAddr(INADDR_LOOPBACK));
+    for (size_t i = 0; i < ports.size(); ++i)
+      exporter->collectorIpAndPortIs("c" + std::to_string(i), {IpAddr(INADDR_LOOPBACK), ports[i]});
+    tracker->expConfigIs(exporter);
+    config->ftConfigIs(tracker);
+    status->ftStatusIs(HwFlowTracking::ftStatusFactory("ft"));
+    const auto info = flowTrackingInfoFactory(FlowTrackingType::software);
+    using Tarn::Ipfix::CollectorStatistics;
+    const auto stats = Tarn::Ipfix::collectorStatisticsFactory(
+        simTableFactory(CollectorStatistics::keyLen, CollectorStatistics::valueLen, 64));
+    auto infoSm = flowTrackingInfoSmFactory(loop, config, info, init->agentInfo());
+    auto templateSm = templateSmFactory(configReqFactory(), config, status, info,
+                                        init->elementIdCollection(), stats, loop->taskScheduler());
+    auto manager = optionsDataManagerSmFactory(
+        config, status, info, intfs, Vrf::VrfIdMap::statusFactory(), stats, loop->taskScheduler());
+    watch.lap("start: reactors, and a record per interface");
+
+    size_t heard = 0;
+    const auto whenDone = loop->fdWatch(done, 1 /* EPOLLIN */, [&](uint32_t) {
+      char buf[64];
+      const ssize_t n = ::read(done, buf, sizeof buf);
+      if (n <= 0) fail("every collector is gone");
+      heard += static_cast<size_t>(n);
+    });
+    const auto wait = [&](size_t count, const char* what) {
+      const double until = seconds() + patienceMs / 1000.0 + 60;
+      while (heard < count && seconds() < until) {
+        loop->runOnce(Seconds(0.1));
+        int st = 0;
+        if (::waitpid(-1, &st, WNOHANG) > 0 && (!WIFEXITED(st) || WEXITSTATUS(st) != 0))
+          fail("a collector failed");
+      }
+      if (heard < count) fail(std::string(what) + ": not every collector had it all in time");
+      watch.lap(what);
+    };
+    wait(ports.size(), "the full tables at every collector");
+
+    tracker->activeIntervalIs(1000);
+    loop->runOnce(Seconds(1.1));
+    tracker->activeIntervalIs(3600000);
+    wait(2 * ports.size(), "one periodic transmission at every collector");
+
+    // One change: what the agent does at once, without the coalescing delay and the sending.
+    watch = Stopwatch();
+    intfs->intfIndexIs(IntfId("Ethernet1"), interfaces + 1);
+    watch.lap("one interface changes: record, queue, cache marked");
+
+    const auto& pam = info->ftInfo("ft")->expInfo("exp")->udpPam4()->counters();
+    std::printf("datagrams sent %llu, dropped %llu, queued at most %llu\n",
+                static_cast<unsigned long long>(pam.sent),
+                static_cast<unsigned long long>(pam.dropped),
+                static_cast<unsigned long long>(pam.queuedMax));
+    if (pam.dropped > 0) fail("a datagram was lost on our side");
+    manager = nullptr;
+    templateSm = nullptr;
+    infoSm = nullptr;
+  }
+  Platform::install(nullptr);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const uint32_t interfaces = argc > 1 ? static_cast<uint32_t>(std::atol(argv[1])) : 100000;
+  const int collectors = argc > 2 ? std::atoi(argv[2]) : 8;
+  if (interfaces == 0 || collectors <= 0) fail("usage: scale_tables INTERFACES COLLECTORS");
+  int done[2];
+  if (::pipe(done) != 0) fail("pipe");
+  std::vector<uint16_t> ports;
+  std::vector<pid_t> children;
+  for (int i = 0; i < collectors; ++i) {
+    const int fd = boundSocket(ports.emplace_back());
+    const pid_t pid = ::fork();
+    if (pid < 0) fail("fork");
+    if (pid == 0) {
+      ::close(done[0]);
+      collect(fd, done[1], interfaces);
+    }
+    ::close(fd);
+    children.push_back(pid);
+  }
+  ::close(done[1]);
+  exportTables(interfaces, ports, done[0]);
+  for (const pid_t pid : children) {
+    int st = 0;
+    if (::waitpid(pid, &st, 0) == pid && (!WIFEXITED(st) || WEXITSTATUS(st) != 0))
+      fail("a collector failed");
+  }
+  std::printf("%u interfaces, %d collectors: every record exactly once, %u times over\n",
+              interfaces, collectors, rounds);
+  return 0;
+}
