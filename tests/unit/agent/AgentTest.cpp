@@ -201,14 +201,15 @@ TEST_F(AgentTest, TellsTheServiceManager) {
 
 TEST_F(AgentTest, ExporterInANamespaceThatComesLater) {
   Receiver unused;
-  write("[agent]\nstatistics = \"" + statistics +
-        "\"\n[tracker.edge]\nid = 7\n[tracker.edge.exporter.main]\nvrf = \"red\"\n"
-        "local-interface = \"lo\"\n" +
-        collector("one", unused));
   const Ptr<EventLoop> loop = eventLoopFactory();
   Agent agent(loop, heard.log, {.configFile = file});
-  ASSERT_TRUE(agent.start());
   const auto ready = [&] { return agent.entities().readyExporters() == 1; };
+  write(config(""));
+  ASSERT_TRUE(agent.start());
+  ASSERT_TRUE(until(*loop, ready));
+  const size_t without = descriptors();
+  write(config("vrf = \"red\"\n" + collector("one", unused)));
+  agent.reload();
   EXPECT_FALSE(until(*loop, ready, 50ms));
   for (int round = 0; round < 3; ++round) {
     run("ip netns add ns-red && ip -n ns-red link set lo up");
@@ -220,6 +221,15 @@ TEST_F(AgentTest, ExporterInANamespaceThatComesLater) {
     ASSERT_TRUE(until(*loop, [&] { return std::system("ip link show far >/dev/null 2>&1") != 0; }));
   }
   EXPECT_EQ(unused.all().size(), 0u);
+
+  // Back home, nothing of the other namespace is kept.
+  run("ip netns add ns-red && ip -n ns-red link set lo up");
+  ASSERT_TRUE(until(*loop, ready)) << heard.text;
+  EXPECT_GT(descriptors(), without);
+  write(config(""));
+  agent.reload();
+  EXPECT_TRUE(ready());
+  EXPECT_EQ(descriptors(), without);
 }
 
 TEST(AgentLog, LinesOfBothStyles) {
