@@ -1,6 +1,7 @@
 #pragma once
 #include <charconv>
 #include <chrono>
+#include <cmath>
 #include <concepts>
 #include <cstdint>
 #include <optional>
@@ -68,7 +69,7 @@ requires((std::integral<T> && !std::same_as<T, bool>) ||
 template <class Rep, class Period>
 bool fromText(std::string_view s, std::chrono::duration<Rep, Period>& v) {
   double seconds = 0;
-  if (!fromText(s, seconds)) return false;
+  if (!fromText(s, seconds) || !std::isfinite(seconds)) return false;
   v = std::chrono::duration_cast<std::chrono::duration<Rep, Period>>(
       std::chrono::duration<double>(seconds));
   return true;

@@ -1,0 +1,426 @@
+// The entity framework: what a handler may do, keyed changes, access by name.
+#include "platform/Entity.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+
+#include "platform/FlowTracking.h"
+#include "platform/HwFlowTracking.h"
+
+using namespace platform;
+
+namespace {
+
+class Thing final : public Entity {
+ public:
+  class Watcher : public EntityWatcher<Thing> {
+   public:
+    using EntityWatcher::EntityWatcher;
+    virtual void handleSize() {}
+    virtual void handleItem(const std::string&) {}
+  };
+  static Ptr<Thing> make() { return Ptr<Thing>::adopt(new Thing); }
+  ~Thing() override { ++destroyed; }
+
+  uint32_t size() const { return size_; }
+  void sizeIs(uint32_t v) { set(size_, v, &Watcher::handleSize); }
+  const std::map<std::string, Ptr<Thing>>& item() const { return item_; }
+  Ptr<Thing> item(const std::string& name) const { return find(item_, name); }
+  void itemIs(const std::string& name, Ptr<Thing> v) {
+    put(item_, name, std::move(v), &Watcher::handleItem);
+  }
+  bool itemDel(const std::string& name) { return del(item_, name, &Watcher::handleItem); }
+  void itemDelAll() { delAll(item_, &Watcher::handleItem); }
+
+  static inline int destroyed = 0;
+
+ private:
+  uint32_t size_ = 0;
+  std::map<std::string, Ptr<Thing>> item_;
+};
+
+/// Notes what it hears and then does something, once.
+class Spy final : public Thing::Watcher {
+ public:
+  Spy(Ptr<const Thing> t, std::string name, std::string& log)
+      : Watcher(std::move(t)), name_(std::move(name)), log_(log) {}
+  void handleSize() override {
+    log_ += name_ + std::to_string(entity()->size()) + ' ';
+    if (auto act = std::exchange(act_, nullptr)) act();
+  }
+  void handleItem(const std::string& key) override {
+    log_ += name_ + ':' + key + ' ';
+    if (auto act = std::exchange(act_, nullptr)) act();
+  }
+  void actIs(std::function<void()> act) { act_ = std::move(act); }
+
+ private:
+  const std::string name_;
+  std::string& log_;
+  std::function<void()> act_;
+};
+
+class Handlers : public testing::Test {
+ protected:
+  static constexpr int n = 4;
+  void SetUp() override { again(); }
+  void TearDown() override {
+    for (auto& s : spy) s = nullptr;
+    thing = nullptr;
+  }
+  void again() {
+    TearDown();
+    thing = Thing::make();
+    for (int i = 0; i < n; ++i) spy[i] = made(i);
+    log.clear();
+  }
+  std::unique_ptr<Spy> made(int i) {
+    return std::make_unique<Spy>(thing, std::string(1, static_cast<char>('a' + i)), log);
+  }
+  /// "a1 b1 c1 d1 " without those that `heard` says no of.
+  static std::string round(
+      int value, const std::function<bool(int)>& heard = [](int) { return true; }) {
+    std::string out;
+    for (int i = 0; i < n; ++i)
+      if (heard(i)) out += std::string(1, static_cast<char>('a' + i)) + std::to_string(value) + ' ';
+    return out;
+  }
+  Ptr<Thing> thing;
+  std::unique_ptr<Spy> spy[n];
+  std::string log;
+};
+
+TEST_F(Handlers, EachMayRemoveAny) {
+  for (int actor = 0; actor < n; ++actor) {
+    for (int victim = 0; victim < n; ++victim) {
+      SCOPED_TRACE(std::to_string(actor) + " removes " + std::to_string(victim));
+      again();
+      spy[actor]->actIs([&] { spy[victim] = nullptr; });
+      thing->sizeIs(1);
+      EXPECT_EQ(log, round(1, [&](int i) { return i <= actor || i != victim; }));
+      log.clear();
+      thing->sizeIs(2);
+      EXPECT_EQ(log, round(2, [&](int i) { return i != victim; }));
+    }
+  }
+}
+
+TEST_F(Handlers, EachMayAdd) {
+  for (int actor = 0; actor < n; ++actor) {
+    again();
+    std::vector<std::unique_ptr<Spy>> more;
+    // Many, so that the list moves in memory while it is walked.
+    spy[actor]->actIs([&] {
+      for (int i = 0; i < 100; ++i) more.push_back(std::make_unique<Spy>(thing, "+", log));
+    });
+    thing->sizeIs(1);
+    EXPECT_EQ(log, round(1)) << "a new one starts from the state that is";
+    log.clear();
+    thing->sizeIs(2);
+    EXPECT_EQ(log.substr(0, 12), round(2));
+    EXPECT_EQ(log.size(), 12u + 300u);
+  }
+}
+
+TEST_F(Handlers, EachMayRetargetAny) {
+  for (int actor = 0; actor < n; ++actor) {
+    for (int victim = 0; victim < n; ++victim) {
+      SCOPED_TRACE(std::to_string(actor) + " moves " + std::to_string(victim));
+      again();
+      auto other = Thing::make();
+      spy[actor]->actIs([&] { spy[victim] = std::make_unique<Spy>(other, "z", log); });
+      thing->sizeIs(1);
+      EXPECT_EQ(log, round(1, [&](int i) { return i <= actor || i != victim; }));
+      log.clear();
+      other->sizeIs(5);
+      EXPECT_EQ(log, "z5 ");
+      spy[victim] = made(victim);  // back, as the last
+      log.clear();
+      thing->sizeIs(2);
+      EXPECT_EQ(log, round(2, [&](int i) { return i != victim; }) +
+                         std::string(1, static_cast<char>('a' + victim)) + "2 ");
+    }
+  }
+}
+
+TEST_F(Handlers, ChangesNest) {
+  for (int actor = 0; actor < n; ++actor) {
+    again();
+    spy[actor]->actIs([&] { thing->sizeIs(2); });
+    thing->sizeIs(1);
+    // The inner round runs at once; the rest of the outer one reads the state that is.
+    EXPECT_EQ(log, round(1, [&](int i) { return i <= actor; }) + round(2) +
+                       round(2, [&](int i) { return i > actor; }));
+  }
+}
+
+TEST_F(Handlers, EachMayRemoveAnyInsideANestedRound) {
+  for (int outer = 0; outer < n; ++outer) {
+    for (int inner = 0; inner < n; ++inner) {
+      for (int victim = 0; victim < n; ++victim) {
+        if (inner == outer) continue;
+        SCOPED_TRACE(std::to_string(outer) + ' ' + std::to_string(inner) + ' ' +
+                     std::to_string(victim));
+        again();
+        bool nested = false;
+        spy[outer]->actIs([&] {
+          nested = true;
+          if (spy[inner]) spy[inner]->actIs([&] { spy[victim] = nullptr; });
+          thing->sizeIs(2);
+        });
+        thing->sizeIs(1);
+        EXPECT_TRUE(nested);
+        EXPECT_EQ(log, round(1, [&](int i) { return i <= outer; }) + round(2, [&](int i) {
+                         return i <= inner || i != victim;
+                       }) + round(2, [&](int i) { return i > outer && i != victim; }));
+        log.clear();
+        thing->sizeIs(3);
+        EXPECT_EQ(log, round(3, [&](int i) { return i != victim; }));
+      }
+    }
+  }
+}
+
+TEST_F(Handlers, AnyMayDropTheLastReference) {
+  for (int actor = 0; actor < n; ++actor) {
+    again();
+    const int before = Thing::destroyed;
+    spy[actor]->actIs([&] {
+      for (auto& s : spy) s = nullptr;
+      thing = nullptr;
+      EXPECT_EQ(Thing::destroyed, before) << "it lives until the round is over";
+    });
+    thing->sizeIs(1);
+    EXPECT_EQ(Thing::destroyed, before + 1);
+    EXPECT_EQ(log, round(1, [&](int i) { return i <= actor; }));
+  }
+}
+
+TEST_F(Handlers, AnEqualValueIsNotTold) {
+  thing->sizeIs(0);
+  EXPECT_EQ(log, "");
+  auto child = Thing::make();
+  thing->itemIs("x", child);
+  log.clear();
+  thing->itemIs("x", child);
+  EXPECT_FALSE(thing->itemDel("y"));
+  EXPECT_EQ(log, "");
+}
+
+TEST_F(Handlers, ARemovedMemberLivesUntilAllHaveHeard) {
+  thing->itemIs("x", Thing::make());
+  for (const char* how : {"deleted", "replaced", "deleted with all"}) {
+    log.clear();
+    const Thing* raw = thing->item("x").get();
+    const int before = Thing::destroyed;
+    uint32_t seen = 99;
+    spy[n - 1]->actIs([&] {
+      EXPECT_EQ(Thing::destroyed, before);
+      seen = raw->size();
+    });
+    const std::string h = how;
+    if (h == "deleted") thing->itemDel("x");
+    if (h == "replaced") thing->itemIs("x", Thing::make());
+    if (h == "deleted with all") thing->itemDelAll();
+    EXPECT_EQ(log, "a:x b:x c:x d:x ");
+    EXPECT_EQ(seen, 0u);
+    EXPECT_EQ(Thing::destroyed, before + 1);
+    thing->itemIs("x", Thing::make());
+  }
+}
+
+TEST_F(Handlers, TheKeyOutlivesWhatTheCallerPassed) {
+  auto key = std::make_unique<std::string>(200, 'k');
+  spy[0]->actIs([&] { key = nullptr; });
+  thing->itemIs(*key, Thing::make());
+  EXPECT_EQ(log, "a:" + std::string(200, 'k') + " b:" + std::string(200, 'k') +
+                     " c:" + std::string(200, 'k') + " d:" + std::string(200, 'k') + " ");
+  // Deleting by the key inside the entry itself.
+  log.clear();
+  thing->itemDel(thing->item().begin()->first);
+  EXPECT_EQ(log.size(), 4 * 203u);
+}
+
+TEST_F(Handlers, DelAllTakesWhatWasThere) {
+  for (const char* k : {"1", "2", "3"}) thing->itemIs(k, Thing::make());
+  log.clear();
+  spy[0]->actIs([&] {  // at "1"
+    thing->itemDel("3");
+    thing->itemIs("4", Thing::make());
+  });
+  thing->itemDelAll();
+  EXPECT_EQ(thing->item().size(), 1u) << "one that a handler adds stays";
+  EXPECT_TRUE(thing->item("4"));
+  EXPECT_EQ(log, "a:1 a:3 b:3 c:3 d:3 a:4 b:4 c:4 d:4 b:1 c:1 d:1 a:2 b:2 c:2 d:2 ");
+}
+
+TEST(Entity, AgreesWithAMapUnderRandomChanges) {
+  for (unsigned seed = 1; seed <= 10; ++seed) {
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    auto thing = Thing::make();
+    std::map<std::string, const Thing*> oracle;
+    std::vector<std::string> expected;  // what every watcher hears of its time
+    struct Listener final : Thing::Watcher {
+      Listener(Ptr<const Thing> t, size_t from) : Watcher(std::move(t)), first(from) {}
+      void handleItem(const std::string& key) override { heard.push_back(key); }
+      size_t first;
+      std::vector<std::string> heard;
+    };
+    std::vector<std::unique_ptr<Listener>> listeners;
+    for (int step = 0; step < 2000; ++step) {
+      const std::string key = std::to_string(random() % 8);
+      switch (random() % 6) {
+        case 0:
+        case 1: {
+          auto v = random() % 4 && oracle.contains(key) ? thing->item(key) : Thing::make();
+          if (oracle[key] != v.get()) expected.push_back(key);
+          oracle[key] = v.get();
+          thing->itemIs(key, v);
+          break;
+        }
+        case 2:
+          if (oracle.erase(key)) expected.push_back(key);
+          thing->itemDel(key);
+          break;
+        case 3:
+          if (random() % 20) break;
+          for (const auto& [k, v] : oracle) expected.push_back(k);
+          oracle.clear();
+          thing->itemDelAll();
+          break;
+        case 4:
+          listeners.push_back(std::make_unique<Listener>(thing, expected.size()));
+          break;
+        case 5:
+          if (listeners.empty()) break;
+          auto& gone = listeners[random() % listeners.size()];
+          ASSERT_EQ(gone->heard,
+                    std::vector<std::string>(expected.begin() + static_cast<long>(gone->first),
+                                             expected.end()));
+          std::swap(gone, listeners.back());
+          listeners.pop_back();
+          break;
+      }
+      ASSERT_EQ(thing->item().size(), oracle.size());
+      for (const auto& [k, v] : oracle) ASSERT_EQ(thing->item(k).get(), v);
+    }
+  }
+}
+
+TEST(Entity, CostsNothingForWatchingUntilWatched) {
+  auto thing = Thing::make();
+  EXPECT_EQ(thing->refs(), 1u);
+  {
+    struct Quiet final : Thing::Watcher {
+      using Watcher::Watcher;
+    } q(thing);
+    EXPECT_EQ(thing->refs(), 2u) << "a watcher holds what it watches";
+  }
+  EXPECT_EQ(thing->refs(), 1u);
+}
+
+/// Every entity type that hosts and operators reach by name.
+struct Named {
+  const char* type;
+  Ptr<Entity> entity;
+};
+std::vector<Named> allTypes() {
+  using namespace HwFlowTracking;
+  auto exporter = exporterConfigFactory("exp1");
+  exporter->collectorIpAndPortIs("c4", {*IpAddr::fromString("10.0.0.1"), 4739});
+  exporter->collectorIp6AndPortIs("c6", {*Ip6Addr::fromString("2001:db8::1"), 4739});
+  auto tracker = ftConfigFactory("ft1", 7);
+  tracker->expConfigIs(exporter);
+  auto config = configFactory();
+  config->ftConfigIs(tracker);
+  auto tmpl = templateStatusFactory(256);
+  tmpl->ftTemplateEntryIs({0, 8});
+  auto ftStatus = ftStatusFactory("ft1");
+  ftStatus->templateStatusIs(tmpl);
+  auto status = statusFactory();
+  status->ftStatusIs(ftStatus);
+  return {{"ExporterConfig", exporter},
+          {"FtConfig", tracker},
+          {"Config", config},
+          {"TemplateStatus", tmpl},
+          {"FtStatus", ftStatus},
+          {"Status", status},
+          {"ConfigReq", FlowTracking::configReqFactory()}};
+}
+
+TEST(ByName, EveryAttributeReadsBackAndRefusesNonsense) {
+  // Another value for each settable attribute, so that the setter is seen to work.
+  const std::map<std::string, std::string> other = {
+      {"vrfName", "red"},          {"dscp", "46"},
+      {"ipfixMtu", "9000"},        {"templateInterval", "999"},
+      {"srcIpAddr", "192.0.2.1"},  {"srcIp6Addr", "2001:db8::9"},
+      {"exporter4Ready", "True"},  {"exporter6Ready", "True"},
+      {"rxPort4", "40000"},        {"rxPort6", "40001"},
+      {"activeInterval", "60"},    {"genId", "3"},
+      {"inactiveTimeout", "15.5"}, {"sampleRate", "1000"},
+      {"clearCounters", "1"}};
+  const std::vector<std::string> nonsense = {"",     "x",     "-1 ",   " 1",  "1 ",
+                                             "0x10", "'open", "1e999", "nan", "inf"};
+  const std::vector<std::string> tooLong = {std::string(101, 'v')};  // all a name can do wrong
+  size_t settable = 0;
+  for (const auto& [type, e] : allTypes()) {
+    EXPECT_FALSE(e->attrRows().empty()) << type;
+    std::set<std::string_view> names;
+    for (const AttrRow& r : e->attrRows()) {
+      SCOPED_TRACE(std::string(type) + '.' + std::string(r.name));
+      EXPECT_TRUE(names.insert(r.name).second) << "twice";
+      if (r.each) {
+        EXPECT_EQ(e->attrText(r.name), std::nullopt);
+        EXPECT_EQ(e->attrTextIs(r.name, "1"), AttrResult::unknownName);
+        int members = 0;
+        r.each(*e, [&](const std::string& key, const Entity* child, const std::string& text) {
+          ++members;
+          EXPECT_NE(key, "");
+          EXPECT_NE(child == nullptr, text.empty());
+        });
+        EXPECT_EQ(members, 1);
+        continue;
+      }
+      const auto text = e->attrText(r.name);
+      ASSERT_TRUE(text);
+      if (!r.set) {
+        EXPECT_EQ(e->attrTextIs(r.name, *text), AttrResult::readOnly);
+        continue;
+      }
+      ++settable;
+      EXPECT_EQ(e->attrTextIs(r.name, *text), AttrResult::ok) << "its own text";
+      EXPECT_EQ(e->attrText(r.name), text);
+      ASSERT_TRUE(other.contains(std::string(r.name)));
+      const std::string& to = other.at(std::string(r.name));
+      EXPECT_EQ(e->attrTextIs(r.name, to), AttrResult::ok);
+      EXPECT_EQ(e->attrText(r.name), to);
+      EXPECT_NE(to, *text);
+      for (const std::string& bad : r.name == "vrfName" ? tooLong : nonsense) {
+        EXPECT_EQ(e->attrTextIs(r.name, bad), AttrResult::badText) << bad;
+        EXPECT_EQ(e->attrText(r.name), to) << bad;
+      }
+    }
+    EXPECT_EQ(e->attrText("nosuch"), std::nullopt);
+    EXPECT_EQ(e->attrTextIs("nosuch", "1"), AttrResult::unknownName);
+    EXPECT_EQ(e->attrRun("nosuch"), AttrResult::unknownName);
+  }
+  EXPECT_EQ(settable, 17u) << "a new attribute wants a row in the table above";
+}
+
+TEST(ByName, ASetterByNameTellsTheWatchersOnce) {
+  auto status = HwFlowTracking::statusFactory();
+  struct Count final : HwFlowTracking::Status::Watcher {
+    using Watcher::Watcher;
+    void handleSampleRate() override { ++n; }
+    int n = 0;
+  } count(status);
+  EXPECT_EQ(status->attrTextIs("sampleRate", "512"), AttrResult::ok);
+  EXPECT_EQ(status->attrTextIs("sampleRate", "512"), AttrResult::ok);
+  EXPECT_EQ(count.n, 1);
+  EXPECT_EQ(status->sampleRate(), 512u);
+}
+
+}  // namespace

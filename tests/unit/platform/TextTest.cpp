@@ -1,0 +1,264 @@
+// Text forms: quoting, value literals, addresses; and the packet's bounds.
+#include "platform/Text.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+
+#include "platform/Ip.h"
+#include "platform/Log.h"
+#include "platform/Pkt.h"
+#include "platform/Values.h"
+
+using namespace platform;
+
+namespace {
+
+TEST(Text, QuotedReadsBack) {
+  const struct {
+    std::string plain;
+    std::string quoted;
+  } rows[] = {
+      {"", "''"},
+      {"ft1", "'ft1'"},
+      {"it's", "'it\\'s'"},
+      {"a\\b", "'a\\\\b'"},
+      {"1\n2\t3", "'1\\n2\\t3'"},
+      {std::string("\0\x1b\x7f", 3), "'\\x00\\x1b\\x7f'"},
+      {"caf\xc3\xa9", "'caf\xc3\xa9'"},
+  };
+  for (const auto& r : rows) {
+    EXPECT_EQ(toQuoted(r.plain), r.quoted);
+    EXPECT_EQ(fromQuoted(r.quoted), r.plain);
+  }
+  std::mt19937 random(1);
+  for (int i = 0; i < 2000; ++i) {
+    std::string s(random() % 20, ' ');
+    for (char& c : s) c = static_cast<char>(random());
+    EXPECT_EQ(fromQuoted(toQuoted(s)), s);
+  }
+  for (const char* bad : {"", "'", "x", "'x", "x'", "'a'b'", "'\\'", "'\\q'", "'\\x1'", "'\\xg0'",
+                          "'\\x'", "\"x\"", " 'x'"})
+    EXPECT_FALSE(fromQuoted(bad)) << bad;
+}
+
+TEST(Text, NumbersReadBack) {
+  for (const double d : {0.0, -0.0, 0.1, 1.0, 1e300, 5e-324, 0.1 + 0.2, -2.5, 300.0}) {
+    double back = 99;
+    EXPECT_TRUE(fromText(toText(d), back)) << toText(d);
+    EXPECT_EQ(back, d);
+    EXPECT_EQ(std::signbit(back), std::signbit(d));
+  }
+  uint8_t small = 7;
+  EXPECT_FALSE(fromText("256", small));
+  EXPECT_FALSE(fromText("-1", small));
+  EXPECT_EQ(small, 7) << "refused, unchanged";
+  EXPECT_TRUE(fromText("255", small));
+  EXPECT_EQ(small, 255);
+  EXPECT_EQ(toText(small), "255") << "a number, not a character";
+  bool b = false;
+  EXPECT_FALSE(fromText("1", b));
+  EXPECT_TRUE(fromText("true", b));
+  EXPECT_TRUE(b);
+}
+
+TEST(Text, ValueLiteralsReadBackWhateverTheyHold) {
+  const std::string inner = ValueWriter("Inner").attr("a", 1).attr("s", std::string("},{'")).str();
+  EXPECT_EQ(inner, "Value('Inner', ** {'a': 1, 's': '},{\\''})");
+  const std::string text =
+      ValueWriter("Outer").attr("first", true).raw("inner", inner).attr("last", 2.5).str();
+  bool first = false;
+  double last = 0;
+  EXPECT_TRUE(ValueReader("Outer", text).attr("last", last).attr("first", first).ok());
+  EXPECT_TRUE(first);
+  EXPECT_EQ(last, 2.5);
+  EXPECT_EQ(ValueWriter("Empty").str(), "Value('Empty', ** {})");
+  EXPECT_TRUE(ValueReader("Empty", "Value('Empty', ** {})").ok());
+
+  int a = 5;
+  std::string s = "kept";
+  EXPECT_FALSE(ValueReader("Other", inner).attr("a", a).ok()) << "another type";
+  EXPECT_FALSE(ValueReader("Inner", inner).attr("b", a).ok()) << "a missing attribute";
+  EXPECT_FALSE(ValueReader("Inner", inner).attr("s", a).ok()) << "an attribute of another kind";
+  EXPECT_EQ(a, 5);
+  for (size_t len = 0; len < inner.size(); ++len)
+    EXPECT_FALSE(ValueReader("Inner", inner.substr(0, len)).attr("a", a).attr("s", s).ok()) << len;
+}
+
+TEST(Ip, V4) {
+  for (const char* good : {"0.0.0.0", "10.0.0.1", "255.255.255.255", "192.0.2.77"}) {
+    const auto a = IpAddr::fromString(good);
+    ASSERT_TRUE(a) << good;
+    EXPECT_EQ(a->stringValue(), good);
+    in_addr kernel{};
+    ASSERT_EQ(::inet_pton(AF_INET, good, &kernel), 1);
+    EXPECT_EQ(a->value(), ntohl(kernel.s_addr));
+  }
+  for (const char* bad : {"", "1", "1.2.3", "1.2.3.4.5", "1.2.3.256", "1.2.3.", ".1.2.3", "1..2.3",
+                          "01.2.3.4", "1.2.3.04", "1.2.3.4 ", " 1.2.3.4", "+1.2.3.4", "1.2.3.-4",
+                          "0x1.2.3.4", "1.2.3.0004", "a.b.c.d", "1.2.3.4/8"})
+    EXPECT_FALSE(IpAddr::fromString(bad)) << bad;
+}
+
+TEST(Ip, V6IsWrittenAsRfc5952Says) {
+  const struct {
+    const char* text;
+    const char* canonical;
+  } rows[] = {
+      {"::", "::"},
+      {"::1", "::1"},
+      {"1::", "1::"},
+      {"2001:0db8:0000:0000:0000:0000:0000:0001", "2001:db8::1"},  // 4.1
+      {"2001:DB8::ABCD", "2001:db8::abcd"},                        // 4.3
+      {"2001:db8:0:1:1:1:1:1", "2001:db8:0:1:1:1:1:1"},            // 4.2.2
+      {"2001:0:0:1:0:0:0:1", "2001:0:0:1::1"},                     // 4.2.3, the longest
+      {"2001:db8:0:0:1:0:0:1", "2001:db8::1:0:0:1"},               // 4.2.3, the first
+      {"2001:db8::0:1", "2001:db8::1"},                            // 4.2.1
+      {"1:2:3:4:5:6:7::", "1:2:3:4:5:6:7:0"},
+      {"::2:3:4:5:6:7:8", "0:2:3:4:5:6:7:8"},
+      {"1:0:0:4:5:6:0:0", "1::4:5:6:0:0"},
+      {"::ffff:192.0.2.1", "::ffff:192.0.2.1"},  // 5
+      {"::ffff:c000:201", "::ffff:192.0.2.1"},
+      {"64:ff9b::192.0.2.33", "64:ff9b::c000:221"},
+      {"1:2:3:4:5:6:1.2.3.4", "1:2:3:4:5:6:102:304"},
+      {"fe80::1", "fe80::1"},
+  };
+  for (const auto& r : rows) {
+    const auto a = Ip6Addr::fromString(r.text);
+    ASSERT_TRUE(a) << r.text;
+    EXPECT_EQ(a->stringValue(), r.canonical) << r.text;
+    in6_addr kernel{};
+    ASSERT_EQ(::inet_pton(AF_INET6, r.text, &kernel), 1) << r.text;
+    EXPECT_EQ(std::memcmp(&kernel, a->octets().data(), 16), 0) << r.text;
+  }
+  for (const char* bad : {"",
+                          ":",
+                          ":::",
+                          "1",
+                          "1:2:3:4:5:6:7",
+                          "1:2:3:4:5:6:7:8:9",
+                          "1:2:3:4:5:6:7:8::",
+                          "::1::",
+                          "1:::2",
+                          ":1:2:3:4:5:6:7",
+                          "1:2:3:4:5:6:7:",
+                          "12345::",
+                          "g::",
+                          "::1.2.3",
+                          "::1.2.3.4.5",
+                          "1.2.3.4::",
+                          "1:2:3:4:5:6:7:1.2.3.4",
+                          "::1%eth0",
+                          "::1/64",
+                          " ::1",
+                          "::1 ",
+                          "[::1]",
+                          "1::2:3:4:5:6:7:8",
+                          "::01.2.3.4",
+                          "::-1"})
+    EXPECT_FALSE(Ip6Addr::fromString(bad)) << bad;
+}
+
+TEST(Ip, V6AgreesWithTheCLibraryOnRandomAddressesAndTexts) {
+  std::mt19937 random(1);
+  for (int i = 0; i < 20000; ++i) {
+    Ip6Addr::Octets octets{};
+    for (auto& o : octets) o = random() % 3 ? 0 : static_cast<uint8_t>(random());
+    const Ip6Addr a(octets);
+    const std::string text = a.stringValue();
+    EXPECT_EQ(Ip6Addr::fromString(text), a) << text;
+    char library[INET6_ADDRSTRLEN];
+    ::inet_ntop(AF_INET6, octets.data(), library, sizeof library);
+    // It also writes addresses of the form ::w.x.y.z with dots, which RFC 5952 does not ask for.
+    if (!std::string_view(library).starts_with("::ffff:") &&
+        std::string_view(library).find('.') != std::string_view::npos)
+      continue;
+    EXPECT_EQ(text, library);
+    std::string bent = text;
+    for (unsigned n = random() % 3 + 1; n > 0; --n)
+      bent.insert(random() % (bent.size() + 1), 1, ":1.f0:"[random() % 6]);
+    in6_addr kernel{};
+    const bool valid = ::inet_pton(AF_INET6, bent.c_str(), &kernel) == 1;
+    const auto parsed = Ip6Addr::fromString(bent);
+    EXPECT_EQ(parsed.has_value(), valid) << bent;
+    if (valid && parsed) {
+      EXPECT_EQ(std::memcmp(&kernel, parsed->octets().data(), 16), 0) << bent;
+    }
+  }
+}
+
+TEST(Ip, PortsAndFamilies) {
+  EXPECT_EQ(IpAndPort::fromString("10.0.0.1:4739")->stringValue(), "10.0.0.1:4739");
+  EXPECT_EQ(Ip6AndPort::fromString("[2001:DB8::1]:4739")->stringValue(), "[2001:db8::1]:4739");
+  for (const char* bad : {"10.0.0.1", "10.0.0.1:", "10.0.0.1:65536", "10.0.0.1:-1", ":1", "",
+                          "[::1]:1", "10.0.0.1:1:1"})
+    EXPECT_FALSE(IpAndPort::fromString(bad)) << bad;
+  for (const char* bad : {"::1:1", "[::1]", "[::1]1", "[::1:1", "::1]:1", "[]:1", "[::1]:", "[",
+                          "10.0.0.1:1", "[::1]:70000", ""})
+    EXPECT_FALSE(Ip6AndPort::fromString(bad)) << bad;
+  const IpGenAddr none, v4 = *IpGenAddr::fromString("255.255.255.255"),
+                        v6 = *IpGenAddr::fromString("::");
+  EXPECT_LT(none, v4);
+  EXPECT_LT(v4, v6) << "IPv4 first";
+  EXPECT_EQ(none.stringValue(), "");
+  EXPECT_EQ(IpGenAddr::fromString(""), none);
+  EXPECT_FALSE(IpGenAddr::fromString("eth0"));
+  EXPECT_TRUE(Ip6Addr::fromString("febf::1")->isLinkLocal());
+  EXPECT_FALSE(Ip6Addr::fromString("fec0::1")->isLinkLocal());
+}
+
+TEST(Values, BoundsAreKept) {
+  EXPECT_EQ(VrfName(std::string(100, 'v')).stringValue().size(), 100u);
+  try {
+    VrfName(std::string(101, 'v'));
+    ADD_FAILURE();
+  } catch (const std::range_error& e) {
+    EXPECT_STREQ(e.what(), "VrfName::value::bytes > VrfName::maxLength not allowed");
+  }
+  try {
+    NamespaceName(std::string(151, 'n'));
+    ADD_FAILURE();
+  } catch (const std::range_error& e) {
+    EXPECT_STREQ(e.what(), "NamespaceName::value::bytes > 150 not allowed");
+  }
+  EXPECT_EQ(namespaceOf(VrfName("red")).stringValue(), "ns-red");
+  EXPECT_TRUE(namespaceOf(VrfName("default")).empty());
+  EXPECT_THROW(DscpValue(64), std::range_error);
+  EXPECT_EQ(DscpValue(63).tos(), 252);
+  for (const char* bad : {"", "64", "-1", "1 ", "99999999999999999999"})
+    EXPECT_FALSE(DscpValue::fromString(bad)) << bad;
+  EXPECT_EQ(DscpValue::fromString("46")->tos(), 184);
+}
+
+TEST(Log, TextTakesItsArguments) {
+  const LogMessage m{"N", 6, "%s of %s, 100%", "", ""};
+  const std::string args[] = {"a%s", "b", "c"};
+  EXPECT_EQ(logText(m, args), "a%s of b, 100%") << "an argument is not a format";
+  EXPECT_EQ(logText(m, std::span(args, 1)), "a%s of , 100%");
+}
+
+TEST(Pkt, GrowsAtBothEndsWithinItsBounds) {
+  auto p = Pkt::ofSize(8);
+  EXPECT_EQ(p->bytes(), 0u);
+  p->headRoomIs(4);
+  p->dataTailInc(4);
+  std::memcpy(p->at(0, 4), "tail", 4);
+  p->dataHeadInc(4);
+  std::memcpy(p->at(0, 4), "head", 4);
+  p->dataTailInc(100);  // a larger block
+  EXPECT_EQ(p->bytes(), 108u);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(p->data()), 8), "headtail");
+  EXPECT_EQ(*p->at(107, 1), 0);
+  p->dataTailDec(101);
+  EXPECT_EQ(p->bytes(), 7u);
+  EXPECT_DEATH(p->at(4, 4), "assertion failed");
+  EXPECT_DEATH(p->at(UINT32_MAX, 2), "assertion failed");
+  EXPECT_DEATH(p->dataTailDec(8), "assertion failed");
+  EXPECT_DEATH(p->dataHeadInc(1), "ptrWithinRegion");
+  EXPECT_DEATH(p->headRoomIs(0), "assertion failed");
+}
+
+}  // namespace
