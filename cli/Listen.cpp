@@ -15,6 +15,7 @@
 
 #include "cli/Elements.h"
 #include "cli/MessagePrinter.h"
+#include "cli/OptionsTables.h"
 #include "cli/Signals.h"
 
 namespace cli {
@@ -70,11 +71,21 @@ class Listener {
     polled.push_back({signals.fd(), POLLIN, 0});
     while (!done()) {
       int wait = -1;
+      if (tablesChanged_) {  // when no more comes for a while, or much has come
+        const auto due = std::min(lastChange_ + tablesQuiet, firstChange_ + tablesLate);
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now());
+        if (left.count() <= 0) {
+          writeTables();
+          continue;
+        }
+        wait = static_cast<int>(left.count());
+      }
       if (options_.seconds) {
         const std::chrono::duration<double> left =
             std::chrono::duration<double>(*options_.seconds) - (Clock::now() - start);
         if (left.count() <= 0) break;
-        wait = static_cast<int>(std::min(left.count(), 3600.0) * 1000) + 1;
+        const int end = static_cast<int>(std::min(left.count(), 3600.0) * 1000) + 1;
+        wait = wait < 0 ? end : std::min(wait, end);
       }
       if (poll(polled.data(), polled.size(), wait) < 0 && errno != EINTR)
         throw std::system_error(errno, std::generic_category(), "poll");
@@ -82,6 +93,7 @@ class Listener {
       for (size_t i = 0; i < receiver.fds().size() && !done(); ++i)
         if (polled[i].revents) drain(receiver, i);
     }
+    if (options_.tables && tablesChanged_) writeTables();
     const Summary summary{std::chrono::duration<double>(Clock::now() - start).count(),
                           receiver.drops(), decoder_};
     write(options_.json ? jsonLine(summaryJson(summary)) : summaryText(summary));
@@ -97,9 +109,23 @@ class Listener {
       ++heard_;
       const auto message = decoder_.decode(d->source.stringValue(), d->octets);
       if (receiver.drops() > drops_) tellDrops(receiver.drops());
-      write(options_.json ? jsonLine(messageJson(*d, message, options_.quietData))
-                          : messageText(*d, message, print_));
+      if (!options_.tables) {
+        write(options_.json ? jsonLine(messageJson(*d, message, options_.quietData))
+                            : messageText(*d, message, print_));
+      } else if (tables_.take(*d, message)) {
+        lastChange_ = Clock::now();
+        if (!tablesChanged_) firstChange_ = lastChange_;
+        tablesChanged_ = true;
+      }
     }
+  }
+
+  void writeTables() {
+    tablesChanged_ = false;
+    const double now =
+        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    write(options_.json ? jsonLine(tables_.json(decoder_, now))
+                        : utcText(now) + '\n' + tables_.text(decoder_, now, tableRowsShown));
   }
 
   void tellDrops(uint64_t drops) {
@@ -130,8 +156,16 @@ class Listener {
                std::fflush(stdout) == 0;
   }
 
+  static constexpr std::chrono::milliseconds tablesQuiet{300};
+  static constexpr std::chrono::milliseconds tablesLate{3000};
+  static constexpr size_t tableRowsShown = 200;
+
   const ListenOptions& options_;
   const PrintOptions print_;
+  OptionsTables tables_;
+  bool tablesChanged_ = false;  // since they were written
+  Clock::time_point firstChange_;
+  Clock::time_point lastChange_;
   decoder::Decoder decoder_;
   uint64_t heard_ = 0;
   uint64_t drops_ = 0;

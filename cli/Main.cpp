@@ -37,8 +37,8 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(0, 65535).description(""))
       ->capture_default_str();
   listenCmd->add_flag("--json", listen.json,
-                      "One JSON object per line: \"type\" is listening, message, localDrops or "
-                      "summary");
+                      "One JSON object per line: \"type\" is listening, message, tables, "
+                      "localDrops or summary");
   listenCmd->add_option("--messages", listen.messages, "End after N datagrams")
       ->type_name("N")
       ->check(positive);
@@ -47,6 +47,9 @@ int main(int argc, char** argv) {
       ->check(positive);
   listenCmd->add_flag("--quiet-data", listen.quietData,
                       "Count data records instead of printing them");
+  listenCmd->add_flag("--tables", listen.tables,
+                      "Keep the options data and print it as tables whenever it changed: interface "
+                      "names, VRFs, flow trackers, flow keys");
   listenCmd->footer(
       "Prints a summary at the end, which a limit, SIGINT or SIGTERM brings. Exit status: 0; 1 "
       "when "

@@ -127,15 +127,6 @@ Json templateJson(const TemplateRecord& r) {
   return out;
 }
 
-Json valueJson(const Value& v) {
-  if (v.type() == Type::boolean && (v.octets[0] == 1 || v.octets[0] == 2)) return v.octets[0] == 1;
-  if (const auto n = v.unsignedValue()) return *n;
-  if (const auto n = v.signedValue()) return *n;
-  if (const auto x = v.floatValue(); x && std::isfinite(*x)) return *x;
-  if (const auto s = v.stringValue()) return std::string(*s);
-  return v.text();
-}
-
 Json recordJson(std::span<const Value> record) {
   Json out = Json::object();
   for (const Value& v : record) {
@@ -168,6 +159,15 @@ Json setJson(const Set& set, bool quietData) {
 }
 
 }  // namespace
+
+Json valueJson(const Value& v) {
+  if (v.type() == Type::boolean && (v.octets[0] == 1 || v.octets[0] == 2)) return v.octets[0] == 1;
+  if (const auto n = v.unsignedValue()) return *n;
+  if (const auto n = v.signedValue()) return *n;
+  if (const auto x = v.floatValue(); x && std::isfinite(*x)) return *x;
+  if (const auto s = v.stringValue()) return std::string(*s);
+  return v.text();
+}
 
 std::string_view dscpName(uint8_t dscp) {
   // https://www.iana.org/assignments/dscp-registry

@@ -31,6 +31,9 @@ nlohmann::ordered_json summaryJson(const Summary& summary);
 /// Nothing was malformed and no sequence number wrong.
 bool flawless(const decoder::Decoder& decoder);
 
+/// A value for programs: a number or a string where its type has one, else its text.
+nlohmann::ordered_json valueJson(const decoder::Value& value);
+
 /// "EF", "CS6", "AF41"; empty for a code point without a name.
 std::string_view dscpName(uint8_t dscp);
 /// 2025-11-21 11:44:03.123Z

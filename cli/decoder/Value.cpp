@@ -71,8 +71,8 @@ std::string mac(std::span<const uint8_t> o) {
   return buf;
 }
 /// RFC 3339 with `digits` of a second's fraction; the plain number beyond the year 9999.
-std::string utc(uint64_t seconds, uint32_t fraction, int digits) {
-  constexpr uint64_t yearTenThousand = 253402300800;
+std::string utc(int64_t seconds, uint32_t fraction, int digits) {
+  constexpr int64_t yearTenThousand = 253402300800;
   if (seconds >= yearTenThousand) return std::to_string(seconds) + " s after 1970";
   const auto t = static_cast<time_t>(seconds);
   tm parts{};
@@ -86,9 +86,9 @@ std::string utc(uint64_t seconds, uint32_t fraction, int digits) {
 /// The 64-bit format of RFC 5905: seconds since 1900 and a binary fraction. Numbers below 2^31 are
 /// of the era that begins in 2036.
 std::string ntp(uint64_t stamp, uint32_t perSecond, int digits) {
-  constexpr uint64_t from1900 = 2208988800;
-  uint64_t seconds = stamp >> 32;
-  if (seconds < 1ULL << 31) seconds += 1ULL << 32;
+  constexpr int64_t from1900 = 2208988800;
+  auto seconds = static_cast<int64_t>(stamp >> 32);
+  if (seconds < 1LL << 31) seconds += 1LL << 32;
   const auto fraction = static_cast<uint32_t>((stamp & 0xffffffff) * perSecond >> 32);
   return utc(seconds - from1900, fraction, digits);
 }
@@ -210,10 +210,10 @@ std::string Value::text() const {
     case Type::string:
       return quoted(*stringValue());
     case Type::dateTimeSeconds:
-      return utc(bigEndian(octets), 0, 0);
+      return utc(static_cast<int64_t>(bigEndian(octets)), 0, 0);
     case Type::dateTimeMilliseconds: {
       const uint64_t ms = bigEndian(octets);
-      return utc(ms / 1000, static_cast<uint32_t>(ms % 1000), 3);
+      return utc(static_cast<int64_t>(ms / 1000), static_cast<uint32_t>(ms % 1000), 3);
     }
     case Type::dateTimeMicroseconds:
       return ntp(bigEndian(octets), 1'000'000, 6);

@@ -137,6 +137,8 @@ INSTANTIATE_TEST_SUITE_P(
               "at octet 44: template 257 has records of 0 octets, which cannot be counted"},
         Wrong{"optionsHeaderCut", 54, 8,
               "at octet 56: an options template's header has 6 octets; 4 are left in the set"},
+        Wrong{"optionsHeaderCutLater", 54, 9,
+              "at octet 56: an options template's header has 6 octets; 5 are left in the set"},
         Wrong{"scope0", 60, 0,
               "at octet 60: scope field count 0 of template 65281; allowed are 1 to 2, the field "
               "count"},
@@ -180,13 +182,14 @@ TEST_F(DecoderTest, WarnsOfFaultsThatDoNotKeepItFromReading) {
   EXPECT_EQ(warningsOf(decode(message(0, "0100 0004"))), Texts{"at octet 16: set 256 is empty"});
   EXPECT_EQ(warningsOf(decode(message(0, ""))), Texts{"at octet 0: a message without a set"});
   // Lengths that the types cannot have: said when the template is new, not at each repetition.
-  const Octets odd = message(0, "0002 0014 0102 0003 0008 0010 001b ffff 0001 0009");
+  const Octets odd =
+      message(0, "0002 001c 0102 0004 83e9 0002 00018697 0008 0010 001b ffff 0001 0009");
   EXPECT_EQ(warningsOf(decode(odd)),
-            (Texts{"at octet 26: field 1 of template 258, sourceIPv4Address, has length 16; "
+            (Texts{"at octet 34: field 2 of template 258, sourceIPv4Address, has length 16; "
                    "ipv4Address has 4",
-                   "at octet 30: field 2 of template 258, sourceIPv6Address, has variable length; "
+                   "at octet 38: field 3 of template 258, sourceIPv6Address, has variable length; "
                    "ipv6Address has 16",
-                   "at octet 34: field 3 of template 258, octetDeltaCount, has length 9; "
+                   "at octet 42: field 4 of template 258, octetDeltaCount, has length 9; "
                    "unsigned64 has 1 to 8"}));
   EXPECT_EQ(warningsOf(decode(odd)), Texts{});
   // A name that is not text.
@@ -368,6 +371,20 @@ INSTANTIATE_TEST_SUITE_P(Streams, SequenceTest,
                                                        {7, oneRecord, State::ok}},
                                                       2,
                                                       6},
+                                         SequenceCase{"moreThanTheGapHoldsIsNotLate",
+                                                      {{0, oneRecord, State::first},
+                                                       {3, oneRecord, State::missing, 2},
+                                                       {1, threeRecords, State::back, 3}},
+                                                      2,
+                                                      2},
+                                         SequenceCase{"gapsEndWithARestart",
+                                                      {{0, oneRecord, State::first},
+                                                       {10, oneRecord, State::missing, 9},
+                                                       {0, threeRecords, State::back, 11},
+                                                       {3, oneRecord, State::ok},
+                                                       {3, oneRecord, State::back, 1}},
+                                                      3,
+                                                      9},
                                          SequenceCase{"unknownTemplate",
                                                       {{0, oneRecord, State::first},
                                                        {1, unknownSet, State::ok},
@@ -460,6 +477,8 @@ TEST(ValueText, FollowsTheElementsType) {
       {154, "e913a5f280000000", "2023-12-01T00:23:14.500000Z"},
       {156, "e913a5f240000001", "2023-12-01T00:23:14.250000000Z"},
       {156, "0000000000000000", "2036-02-07T06:28:16.000000000Z"},
+      {154, "7fffffff00000000", "2104-02-26T09:42:23.000000Z"},
+      {154, "8000000000000000", "1968-01-20T03:14:08.000000Z"},
       {276, "01", "true"},
       {276, "02", "false"},
       {276, "00", "0x00"},
