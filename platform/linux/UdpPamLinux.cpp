@@ -364,7 +364,8 @@ void UdpPamLinux::flush() {
   const uint64_t stopAt = counters_.sent + counters_.dropped + flushMax;
   while (!queue_.empty() && sendSome())
     if (counters_.sent + counters_.dropped >= stopAt) break;
-  if (!queue_.empty() && !full_ && paceLeft() > 0) rest_->scheduleLowestIs(Seconds(0));
+  // Where the pace ended it, the task waits already.
+  if (!queue_.empty() && !full_ && !rest_->scheduled()) rest_->scheduleIs(Seconds(0));
 }
 
 /// Sends the first of the queue in one call, or drops its first datagram when that is refused.

@@ -110,6 +110,20 @@ TEST_P(LinuxEndpoint, ALongQueueLeavesAtThePaceAndInOrder) {
   EXPECT_EQ(pam->counters().sent, 200u);
 }
 
+TEST_P(LinuxEndpoint, RefusalsWithinThePaceStallNothing) {
+  make({.netnsDir = {}, .paceBurst = 32, .paceInterval = 20ms});
+  auto pam = opened("pam");
+  Receiver sink(*IpGenAddr::fromString(local));
+  const std::string nowhere = ipv6 ? "2001:db8:1::1" : "192.0.2.1";
+  // One flush then ends at its own bound and the pace's at once: 992 refused, 32 sent.
+  for (int i = 0; i < 32; ++i) send(*pam, local, sink.port(), 100, i);
+  for (int i = 0; i < 992; ++i) send(*pam, nowhere, 4739);
+  for (int i = 32; i < 132; ++i) send(*pam, local, sink.port(), 100, i);
+  for (int rounds = 0; pam->counters().queued > 0 && rounds < 100; ++rounds) loop->runOnce(100ms);
+  EXPECT_EQ(pam->counters().sent, 132u);
+  EXPECT_EQ(pam->counters().dropped, 992u);
+}
+
 TEST_P(LinuxEndpoint, OneUnreachableCollectorCostsTheOthersNothing) {
   auto pam = opened("udpPam4-ft1-exp1");
   Receiver sink(*IpGenAddr::fromString(local));
