@@ -67,6 +67,9 @@ bool Agent::start() {
     statistics_ = Tarn::Ipfix::collectorStatisticsFactory(statisticsTable_);
     configReq_ = FlowTracking::configReqFactory();
     networks_ = std::make_unique<Networks>(loop_, options_.netnsDir, log_);
+    // Before exporters hear of a network: what they send first is complete.
+    interfaceIndexes_ = std::make_unique<InterfaceIndexes>(networks_->list(), log_);
+    vrfIds_ = std::make_unique<VrfIds>(networks_->list(), log_);
     const auto scheduler = loop_->taskScheduler();
     startedTask_ = scheduler->timerTask("agent-started", afterAll, [this] { handleStarted(); });
     statusTask_ = scheduler->timerTask("agent-status", afterAll,
@@ -119,6 +122,7 @@ void Agent::handleWatchdog() {
 }
 
 Changes Agent::apply(const Settings& settings) {
+  vrfIds_->configuredIs(settings.vrfs);
   const Changes changes = entities_->apply(settings);
   for (const auto& [type, tree] : entities_->trees()) {
     Roots& roots = roots_[type];
@@ -130,6 +134,9 @@ Changes Agent::apply(const Settings& settings) {
                                                              ipfixInit_->agentInfo());
       roots.templateSm = FlowTracking::templateSmFactory(
           configReq_, tree.config, tree.status, roots.info, ipfixInit_->elementIdCollection(),
+          statistics_, loop_->taskScheduler());
+      roots.optionsDataSm = FlowTracking::optionsDataManagerSmFactory(
+          tree.config, tree.status, roots.info, interfaceIndexes_->map(), vrfIds_->status(),
           statistics_, loop_->taskScheduler());
     }
   }
@@ -168,6 +175,7 @@ void Agent::reload() {
 }
 
 void Agent::Roots::release() {
+  optionsDataSm = nullptr;
   templateSm = nullptr;
   infoSm = nullptr;
   info = nullptr;
@@ -185,6 +193,8 @@ void Agent::stop() {
   for (auto& [type, roots] : roots_) roots.release();
   roots_.clear();
   entities_.reset();
+  vrfIds_.reset();
+  interfaceIndexes_.reset();
   networks_.reset();
   configReq_ = nullptr;
   statistics_ = nullptr;

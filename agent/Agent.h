@@ -8,10 +8,13 @@
 #include "Ipfix/FlowTrackerInfoSm.h"
 #include "Ipfix/FlowTrackerTemplateSm.h"
 #include "Ipfix/IpfixSm.h"
+#include "Ipfix/OptionsDataManagerSm.h"
 #include "agent/AgentLog.h"
 #include "agent/Entities.h"
+#include "agent/InterfaceIndexes.h"
 #include "agent/Networks.h"
 #include "agent/SettingsFile.h"
+#include "agent/VrfIds.h"
 #include "platform/Platform.h"
 #include "platform/linux/EventLoop.h"
 
@@ -46,11 +49,13 @@ class Agent {
   const Entities& entities() const { return *entities_; }
 
  private:
-  /// The reactors of one kind of tracking. Templates go before the information they refer to.
+  /// The reactors of one kind of tracking. Options data waits for templates, and both refer to the
+  /// information: they go in the reverse order.
   struct Roots {
     Ptr<FlowTracking::FlowTrackingInfo> info;
     Ptr<FlowTracking::FlowTrackingInfoSm> infoSm;
     Ptr<FlowTracking::TemplateSm> templateSm;
+    Ptr<FlowTracking::OptionsDataManagerSm> optionsDataSm;
     void release();
   };
 
@@ -75,6 +80,8 @@ class Agent {
   Ptr<Tarn::Ipfix::CollectorStatistics> statistics_;
   Ptr<FlowTracking::ConfigReq> configReq_;
   std::unique_ptr<Networks> networks_;
+  std::unique_ptr<InterfaceIndexes> interfaceIndexes_;
+  std::unique_ptr<VrfIds> vrfIds_;
   std::unique_ptr<Entities> entities_;
   std::map<FlowTracking::FlowTrackingType, Roots> roots_;
   std::unique_ptr<TimerTask> startedTask_;

@@ -137,6 +137,16 @@ Ptr<VrfNetwork> vrfNetworkFactory(const VrfName& vrf) {
 }
 
 namespace {
+using NetworkMap = const std::map<VrfName, Ptr<VrfNetwork>>& (NetworkList::*)() const;
+}  // namespace
+AttrRows NetworkList::attrRows() const {
+  static constexpr AttrRow rows[] = {
+      mapRow<static_cast<NetworkMap>(&NetworkList::network)>("network")};
+  return rows;
+}
+Ptr<NetworkList> networkListFactory() { return Ptr<NetworkList>::adopt(new NetworkList); }
+
+namespace {
 constexpr int unusable = 0;
 
 /// How well an address serves as a source: 0 not at all, else the more the better.

@@ -90,6 +90,28 @@ class VrfNetwork final : public Entity {
 };
 Ptr<VrfNetwork> vrfNetworkFactory(const VrfName& vrf);
 
+/// The networks that are looked at, by VRF; they need not be there.
+class NetworkList final : public Entity {
+ public:
+  class Watcher : public EntityWatcher<NetworkList> {
+   public:
+    using EntityWatcher::EntityWatcher;
+    virtual void handleNetwork(const VrfName& /*vrf*/) {}
+  };
+  const std::map<VrfName, Ptr<VrfNetwork>>& network() const { return network_; }
+  Ptr<VrfNetwork> network(const VrfName& vrf) const { return find(network_, vrf); }
+  void networkIs(const Ptr<VrfNetwork>& network) {
+    put(network_, network->vrf(), network, &Watcher::handleNetwork);
+  }
+  void networkDel(const VrfName& vrf) { del(network_, vrf, &Watcher::handleNetwork); }
+
+  AttrRows attrRows() const override;
+
+ private:
+  std::map<VrfName, Ptr<VrfNetwork>> network_;
+};
+Ptr<NetworkList> networkListFactory();
+
 /// The addresses that an exporter sends from; zero: none.
 struct SourceAddresses {
   IpAddr v4;

@@ -8,10 +8,12 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <filesystem>
 #include <functional>
-#include <optional>
 #include <vector>
 
+#include "agent/Printable.h"
+#include "agent/Settings.h"
 #include "platform/UdpPam.h"
 
 namespace agent {
@@ -42,6 +44,8 @@ struct Networks::Entry {
   std::string path;
   std::unique_ptr<RtnetlinkMonitor> monitor;
   std::optional<Identity> opened;  // what the monitor is in
+  bool there = false;              // the file was there at the last look
+  bool wanted = false;             // somebody asked for it
   bool failed = false;             // the monitor said that it is of no more use
   int notYet = 0;                  // looks at something that is no namespace yet; 0: none
   std::string said;                // the last state told to the operator
@@ -139,41 +143,75 @@ Networks::Networks(Ptr<EventLoop> loop, std::string netnsDir, AgentLog& log)
   soonTask_ = scheduler->timerTask("networks-soon", priority, [this] { handleSoon(); });
   tickTask_ = scheduler->timerTask("networks-tick", priority, [this] { handleTick(); });
   tickTask_->scheduleIs(tick);
+  watch_ = std::make_unique<DirectoryWatch>(
+      *loop_, dir_, log_, [this](const std::string& name) { handleName(name); },
+      [this] { handleDirectory(); });
   network(VrfName(std::string(defaultVrf)));
+  scan();
 }
 Networks::~Networks() = default;
 
 Ptr<VrfNetwork> Networks::network(const VrfName& vrf) {
-  auto& entry = entries_[vrf];
-  if (entry) return entry->network;
-  entry = std::make_unique<Entry>();
-  entry->network = vrfNetworkFactory(vrf);
-  entry->fileName = namespaceOf(vrf).stringValue();
-  if (!entry->fileName.empty()) {
-    entry->path = dir_ + '/' + entry->fileName;
-    if (!watch_)
-      watch_ = std::make_unique<DirectoryWatch>(
-          *loop_, dir_, log_, [this](const std::string& name) { handleName(name); },
-          [this] { handleDirectory(); });
-  }
-  review(*entry);
-  if (entry->notYet > 0) reviewSoon();
-  return entry->network;
+  Entry& e = entry(vrf);
+  e.wanted = true;
+  return e.network;
 }
 
 void Networks::keepOnly(const std::set<VrfName>& vrfs) {
-  bool named = false;
-  for (auto it = entries_.begin(); it != entries_.end();) {
-    const bool isDefault = it->second->fileName.empty();
-    if (isDefault || vrfs.contains(it->first)) {
-      named = named || !isDefault;
-      ++it;
-    } else {
-      close(*it->second);
-      it = entries_.erase(it);
-    }
-  }
-  if (!named) watch_.reset();
+  for (auto& [vrf, entry] : entries_)
+    entry->wanted = entry->network->isDefault() || vrfs.contains(vrf);
+  forget();
+}
+
+/// The VRF's entry, made and looked at when there is none.
+Networks::Entry& Networks::entry(const VrfName& vrf) {
+  auto& entry = entries_[vrf];
+  if (entry) return *entry;
+  entry = std::make_unique<Entry>();
+  Entry& made = *entry;
+  made.network = vrfNetworkFactory(vrf);
+  made.fileName = namespaceOf(vrf).stringValue();
+  if (!made.fileName.empty()) made.path = dir_ + '/' + made.fileName;
+  review(made);
+  if (made.notYet > 0) reviewSoon();
+  list_->networkIs(made.network);
+  return made;
+}
+
+/// The VRF whose namespace a file of this name is; a VRF's that it cannot be is told once.
+std::optional<VrfName> Networks::vrfOf(const std::string& fileName) {
+  constexpr std::string_view prefix = "ns-";
+  if (!fileName.starts_with(prefix)) return std::nullopt;
+  const std::string name = fileName.substr(prefix.size());
+  std::string problem = vrfNameProblem(name);
+  if (problem.empty() && printable(name) != name) problem = "a VRF's name is UTF-8";
+  if (name == defaultVrf) problem = "VRF default is the namespace that tarnflowd was started in";
+  if (problem.empty()) return VrfName(name);
+  if (skipped_.insert(fileName).second)
+    log_.warning("namespace " + dir_ + '/' + fileName + " is not looked at: " + problem);
+  return std::nullopt;
+}
+
+/// Looks at namespaces that nobody spoke of yet.
+void Networks::scan() {
+  std::set<std::string> names;
+  std::error_code error;  // a directory that is not there has none
+  for (std::filesystem::directory_iterator it(dir_, error), end; !error && it != end;
+       it.increment(error))
+    names.insert(it->path().filename().string());
+  std::erase_if(skipped_, [&](const std::string& name) { return !names.contains(name); });
+  for (const std::string& name : names)
+    if (const auto vrf = vrfOf(name)) entry(*vrf);
+}
+
+/// Drops what is not there and nobody asked for.
+void Networks::forget() {
+  std::erase_if(entries_, [this](const auto& e) {
+    const Entry& entry = *e.second;
+    if (entry.wanted || entry.there) return false;
+    list_->networkDel(e.first);
+    return true;
+  });
 }
 
 bool Networks::settled() const {
@@ -199,34 +237,38 @@ void Networks::close(Entry& entry) {
 
 void Networks::open(Entry& entry) {
   Entry* const e = &entry;
-  entry.monitor = std::make_unique<RtnetlinkMonitor>(
+  auto monitor = std::make_unique<RtnetlinkMonitor>(
       *loop_, entry.network, entry.path, [this, e](const std::string& why) {
         log_.warning("rtnetlink in VRF " + e->network->vrf().stringValue() + ": " + why);
         e->failed = true;
         ++e->notYet;
         reviewSoon();
       });
+  entry.monitor = std::move(monitor);
+  entry.failed = false;
 }
 
 void Networks::review(Entry& entry) {
   const bool named = !entry.fileName.empty();
   const auto found = named ? identityOf(entry.path) : Identity{};
-  if (entry.monitor && (entry.failed || !found || *found != *entry.opened)) close(entry);
+  if (entry.monitor && (!found || *found != *entry.opened)) close(entry);
+  entry.there = found.has_value();
   if (!found) {
     entry.notYet = 0;
     // A first look that finds nothing is as much news as a namespace that went.
     say(entry, Severity::info, entry.said.empty() ? "is not there" : "is gone");
     return;
   }
-  if (entry.monitor) return;
+  if (entry.monitor && !entry.failed) return;
   try {
-    open(entry);
+    open(entry);  // in place of one that failed: its survey finds what changed meanwhile
   } catch (const ErrnoException& e) {
     const int err = e.code().value();
+    close(entry);
     if (err == EINVAL || err == ENOENT) {  // made, and not mounted yet; or gone again
       if (++entry.notYet == patience) say(entry, Severity::warning, "is no namespace");
     } else {
-      say(entry, Severity::error,
+      say(entry, entry.wanted ? Severity::error : Severity::warning,
           std::string("cannot be looked at: ") + std::strerror(err) +
               (err == EPERM ? " (entering a namespace needs CAP_SYS_ADMIN)" : ""));
     }
@@ -259,12 +301,15 @@ void Networks::handleSoon() {
 }
 
 void Networks::handleName(const std::string& fileName) {
-  constexpr size_t prefix = 3;  // "ns-"
-  if (fileName.size() <= prefix || fileName.size() > prefix + VrfName::maxLength) return;
-  auto it = entries_.find(VrfName(fileName.substr(prefix)));
-  if (it == entries_.end() || it->second->fileName != fileName) return;
-  review(*it->second);
-  if (it->second->notYet > 0) reviewSoon();
+  const auto vrf = vrfOf(fileName);
+  if (!vrf) return;
+  if (const auto it = entries_.find(*vrf); it != entries_.end()) {
+    review(*it->second);
+    if (it->second->notYet > 0) reviewSoon();
+    forget();
+  } else if (identityOf(dir_ + '/' + fileName)) {
+    entry(*vrf);
+  }
 }
 
 void Networks::handleDirectory() {
@@ -274,12 +319,14 @@ void Networks::handleDirectory() {
 
 void Networks::reviewAll() {
   for (auto& [vrf, entry] : entries_) review(*entry);
+  scan();
+  forget();
 }
 
 void Networks::handleTick() {
   for (auto& [vrf, entry] : entries_)
     if (entry->monitor && !entry->monitor->alive()) entry->failed = true;
-  if (watch_) watch_->attach();
+  watch_->attach();
   reviewAll();
   tickTask_->scheduleIs(tick);
 }

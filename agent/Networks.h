@@ -1,6 +1,7 @@
 #pragma once
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -11,10 +12,10 @@
 
 namespace agent {
 
-/// The networks that the agent looks at: the one of the namespace that it started in, VRF
-/// "default", and those of the namespaces `ns-<vrf>` that somebody asked for. Follows namespaces
-/// that appear, disappear, and are replaced by others of the same name; of one that disappeared it
-/// keeps nothing, so that the kernel can take it down.
+/// The networks of this machine: the one of the namespace that the agent started in, VRF "default",
+/// those of all namespaces `ns-<vrf>`, and those that somebody asked for and that may come. Follows
+/// namespaces that appear, disappear, and are replaced by others of the same name; of one that
+/// disappeared it keeps nothing, so that the kernel can take it down.
 ///
 /// inotify tells within milliseconds; a look at all of them every two seconds finds what it cannot
 /// tell (a mount is no event of the directory) or had to drop.
@@ -26,10 +27,11 @@ class Networks {
   Networks(const Networks&) = delete;
   Networks& operator=(const Networks&) = delete;
 
-  /// The VRF's network, looked at from now on.
+  /// The VRF's network, kept from now on whether it is there or not.
   Ptr<VrfNetwork> network(const VrfName& vrf);
-  /// Stops looking at others than these and the default one.
+  /// Keeps no others than these and the default one that are not there.
   void keepOnly(const std::set<VrfName>& vrfs);
+  const Ptr<NetworkList>& list() const { return list_; }
   /// Every namespace that is there has been surveyed.
   bool settled() const;
 
@@ -37,6 +39,10 @@ class Networks {
   struct Entry;
   class DirectoryWatch;
 
+  Entry& entry(const VrfName& vrf);
+  std::optional<VrfName> vrfOf(const std::string& fileName);
+  void scan();
+  void forget();
   void review(Entry& entry);
   void open(Entry& entry);
   void close(Entry& entry);
@@ -51,6 +57,8 @@ class Networks {
   Ptr<EventLoop> loop_;
   std::string dir_;
   AgentLog& log_;
+  const Ptr<NetworkList> list_ = networkListFactory();
+  std::set<std::string> skipped_;  // files whose names cannot be a VRF's
   std::map<VrfName, std::unique_ptr<Entry>> entries_;
   std::unique_ptr<DirectoryWatch> watch_;
   std::unique_ptr<TimerTask> soonTask_;

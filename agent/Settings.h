@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/FlowTracking.h"
@@ -40,6 +41,11 @@ struct TrackerSettings {
   std::map<std::string, ExporterSettings> exporters;
   bool operator==(const TrackerSettings&) const = default;
 };
+
+/// Empty, or what would be a VRF's name: one that its namespace's file can have, and fit to print.
+std::string vrfNameProblem(std::string_view name);
+bool hasControl(std::string_view text);
+bool hasControlOrBlank(std::string_view text);
 
 struct Settings {
   std::string statistics = "/tarnflow";                ///< name of the shared-memory segment

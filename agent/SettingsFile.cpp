@@ -15,6 +15,7 @@
 #include <functional>
 #include <set>
 
+#include "Ipfix/FlowTrackingTypes.h"
 #include "agent/Printable.h"
 
 namespace agent {
@@ -22,13 +23,15 @@ namespace {
 using FlowTracking::FlowTrackingType;
 using std::chrono::milliseconds;
 
-constexpr size_t nameMax = 128;             // what a statistics entry holds of a name
-constexpr size_t interfaceNameMax = 15;     // IFNAMSIZ without its terminator
-constexpr size_t socketPathMax = 107;       // sockaddr_un::sun_path without its terminator
-constexpr uint32_t mtuMin = 48 + 20 + 259;  // IPv6 and UDP, message and set header, and the
-                                            // longest options record: an interface's, 254 octets
-constexpr uint32_t mtuMax = 65535;          // the length field of an IPv4 packet
-constexpr VrfId vrfIdMax = 0xfffffe;        // 0xffffff is exported for "no VRF"
+constexpr size_t nameMax = 128;          // what a statistics entry holds of a name
+constexpr size_t interfaceNameMax = 15;  // IFNAMSIZ without its terminator
+constexpr size_t socketPathMax = 107;    // sockaddr_un::sun_path without its terminator
+// What must fit into one packet: IPv6, UDP, message and set headers with the longest record. That
+// is an options record about an interface (index, length, 254 octets of name); one about a tracker
+// has up to 21 + 128. Templates travel in one message, which is shorter: 152 octets for flows.
+constexpr uint32_t mtuMin = 40 + 8 + 16 + 4 + (4 + 1 + FlowTracking::IntfIndexMap::nameMax);
+constexpr uint32_t mtuMax = 65535;    // the length field of an IPv4 packet
+constexpr VrfId vrfIdMax = 0xfffffe;  // 0xffffff is exported for "no VRF"
 constexpr milliseconds second{1000};
 
 /// Edits that turn one text into the other: insert, delete, replace, swap of two neighbours.
@@ -114,14 +117,6 @@ std::string shown(const toml::node& node) {
     default:
       return "a date or time";
   }
-}
-
-bool hasControl(std::string_view text) {
-  return std::any_of(text.begin(), text.end(),
-                     [](unsigned char c) { return c < 0x20 || c == 0x7f; });
-}
-bool hasControlOrBlank(std::string_view text) {
-  return hasControl(text) || text.find(' ') != text.npos;
 }
 
 constexpr size_t keyDepthMax = 64;  // the deepest key has seven steps
@@ -417,13 +412,6 @@ std::string patternsRule(const toml::node& node, std::vector<std::string>& out) 
   return {};
 }
 
-std::string vrfNameProblem(const std::string& name) {
-  if (!name.empty() && name.size() <= VrfName::maxLength && name.find('/') == name.npos &&
-      !hasControlOrBlank(name))
-    return {};
-  return "a VRF's name has 1 to " + std::to_string(VrfName::maxLength) +
-         " octets, without blank, '/' and control characters: its namespace is ns-NAME";
-}
 std::function<std::string(const std::string&)> nameRule(const std::string& what) {
   return [=](const std::string& name) -> std::string {
     if (!name.empty() && name.size() <= nameMax && !hasControl(name)) return {};

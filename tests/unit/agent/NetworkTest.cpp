@@ -378,11 +378,60 @@ TEST_F(Kernel, NamespaceComesGoesAndIsReplaced) {
   run("umount /run/netns/ns-red");
   EXPECT_TRUE(until(*loop, [&] { return !n->present(); }));
 
-  // Nobody asks for it any more: it is not held, and others of the name are not looked at.
+  // Nobody asks for it any more: it is listed as long as it is there.
   run("rm /run/netns/ns-red && ip netns add ns-red");
   ASSERT_TRUE(until(*loop, [&] { return n->present(); }));
   networks.keepOnly({});
+  EXPECT_TRUE(n->present());
+  run("ip netns del ns-red");
+  EXPECT_TRUE(until(
+      *loop, [&] { return networks.list()->network().size() == 1; }, notSlow));
   EXPECT_FALSE(n->present());
+}
+
+TEST_F(Kernel, NamespacesThatNobodyAskedFor) {
+  run("ip netns add ns-early && ip netns add 'ns-a blank' && ip netns add ns-default && "
+      "ip netns add other");
+  Networks networks(loop, "/run/netns", heard.log);
+  const auto there = [&] {
+    std::string names;
+    for (const auto& [vrf, network] : networks.list()->network())
+      if (network->present()) names += vrf.stringValue() + ' ';
+    return names;
+  };
+  EXPECT_TRUE(until(*loop, [&] { return there() == "default early "; })) << there();
+  run("ip netns add ns-late");
+  EXPECT_TRUE(until(
+      *loop, [&] { return there() == "default early late "; }, notSlow))
+      << there();
+  // Others may ask for it, and stop to, without a word to those that watch it.
+  const auto late = networks.network(VrfName("late"));
+  Ear ear(late);
+  networks.keepOnly({VrfName("late"), VrfName("never")});
+  networks.keepOnly({});
+  EXPECT_EQ(networks.list()->network(VrfName("late")), late);
+  EXPECT_EQ(ear.heard, "");
+  run("ip netns del ns-early");
+  EXPECT_TRUE(until(
+      *loop, [&] { return networks.list()->network().size() == 2; }, notSlow));
+  EXPECT_EQ(there(), "default late ");
+
+  // Said once, and again for one that came again.
+  const auto said = [&](const std::string& name) {
+    size_t n = 0;
+    for (size_t at = 0; (at = heard.text.find(name + " is not looked at", at)) != heard.text.npos;
+         ++at)
+      ++n;
+    return n;
+  };
+  EXPECT_EQ(said("ns-a blank"), 1u) << heard.text;
+  EXPECT_EQ(said("ns-default"), 1u) << heard.text;
+  EXPECT_FALSE(heard.has("other")) << heard.text;
+  run("ip netns del 'ns-a blank'");
+  until(
+      *loop, [] { return false; }, 2200ms);
+  run("ip netns add 'ns-a blank'");
+  EXPECT_TRUE(until(*loop, [&] { return said("ns-a blank") == 2; })) << heard.text;
 }
 
 TEST_F(Kernel, FileFirstAndNamespaceMuchLater) {

@@ -1,0 +1,516 @@
+#include <gtest/gtest.h>
+#include <net/if.h>
+
+#include <fstream>
+#include <random>
+#include <set>
+
+#include "World.h"
+#include "agent/InterfaceIndexes.h"
+#include "agent/Networks.h"
+#include "agent/VrfIds.h"
+
+namespace agent {
+namespace {
+using FlowTracking::IntfIndexMap;
+using Ids = std::map<std::string, uint32_t>;
+
+constexpr uint32_t first = InterfaceIndexes::firstGiven;
+constexpr uint32_t last = InterfaceIndexes::lastGiven;
+
+/// Networks written by hand.
+class Made {
+ public:
+  Ptr<VrfNetwork> add(const std::string& vrf, bool present = true) {
+    const auto n = vrfNetworkFactory(VrfName(vrf));
+    n->presentIs(present);
+    list->networkIs(n);
+    return n;
+  }
+  void del(const std::string& vrf) { list->networkDel(VrfName(vrf)); }
+  const Ptr<NetworkList> list = networkListFactory();
+  Heard heard;
+};
+void link(const Ptr<VrfNetwork>& n, uint32_t index, const std::string& name) {
+  n->linkIs(index, name, IFF_UP);
+  n->tell();
+}
+void unlink(const Ptr<VrfNetwork>& n, uint32_t index) {
+  n->linkDel(index);
+  n->tell();
+}
+
+/// Writes down what the forward map tells, and holds both maps against each other each time.
+class MapEar final : public IntfIndexMap::Watcher {
+ public:
+  explicit MapEar(const Ptr<IntfIndexMap>& map) : Watcher(map), map_(*map) {}
+  void handleIntfIndex(const IntfId& id) override {
+    const auto it = map_.intfIndex().find(id);
+    heard += id.stringValue() + (it == map_.intfIndex().end() ? "-" : "+") + ' ';
+    if (it != map_.intfIndex().end()) {
+      EXPECT_FALSE(IntfIndexMap::isReserved(it->second)) << id.stringValue();
+      const auto back = map_.intfId().find(it->second);
+      ASSERT_NE(back, map_.intfId().end()) << id.stringValue();
+      EXPECT_EQ(back->second, id);
+    }
+    EXPECT_EQ(map_.intfId().size(), map_.intfIndex().size()) << id.stringValue();
+  }
+  std::string take() { return std::exchange(heard, {}); }
+  std::string heard;
+
+ private:
+  const IntfIndexMap& map_;
+};
+
+Ids indexes(const InterfaceIndexes& all) {
+  Ids found;
+  for (const auto& [id, index] : all.map()->intfIndex()) {
+    found[id.stringValue()] = index;
+    const auto back = all.map()->intfId().find(index);
+    if (back == all.map()->intfId().end() || back->second != id)
+      ADD_FAILURE() << index << " does not lead back to " << id.stringValue();
+  }
+  EXPECT_EQ(all.map()->intfId().size(), found.size());
+  return found;
+}
+
+TEST(InterfaceIndexes, RenamedRemovedReplaced) {
+  Made made;
+  const auto here = made.add("default");
+  link(here, 1, "lo");
+  InterfaceIndexes all(made.list, made.heard.log);
+  MapEar ear(all.map());
+  link(here, 2, "eth0");
+  auto red = made.add("red");
+  link(red, 1, "lo");
+  link(red, 2, "eth0");
+  EXPECT_EQ(indexes(all),
+            (Ids{{"lo", 1}, {"eth0", 2}, {"red/lo", first}, {"red/eth0", first + 1}}));
+  EXPECT_EQ(ear.take(), "eth0+ red/lo+ red/eth0+ ");
+
+  // Down and up and an address are no news.
+  red->linkIs(2, "eth0", 0);
+  red->tell();
+  EXPECT_EQ(ear.take(), "");
+  link(red, 2, "up0");
+  link(here, 2, "up0");
+  EXPECT_EQ(ear.take(), "red/eth0- red/up0+ eth0- up0+ ");
+  EXPECT_EQ(indexes(all), (Ids{{"lo", 1}, {"up0", 2}, {"red/lo", first}, {"red/up0", first + 1}}));
+
+  // Two change names, through a third one and at once; three in a ring.
+  link(red, 3, "c");
+  ear.take();
+  red->linkIs(1, "tmp", IFF_UP);
+  red->linkIs(2, "lo", IFF_UP);
+  red->linkIs(1, "up0", IFF_UP);
+  red->tell();
+  EXPECT_EQ(indexes(all)["red/lo"], first + 1);
+  EXPECT_EQ(indexes(all)["red/up0"], first);
+  red->linkIs(1, "lo", IFF_UP);
+  red->linkIs(2, "c", IFF_UP);
+  red->linkIs(3, "up0", IFF_UP);
+  red->tell();
+  EXPECT_EQ(
+      indexes(all),
+      (Ids{
+          {"lo", 1}, {"up0", 2}, {"red/lo", first}, {"red/c", first + 1}, {"red/up0", first + 2}}));
+  ear.take();
+
+  // Gone and made anew under its name between two rounds: another interface.
+  red->linkDel(2);
+  red->linkIs(9, "c", IFF_UP);
+  here->linkDel(2);
+  here->linkIs(4, "up0", IFF_UP);
+  red->tell();
+  here->tell();
+  EXPECT_EQ(ear.take(), "red/c- red/c+ up0- up0+ ");
+  EXPECT_EQ(indexes(all)["red/c"], first + 3);
+  EXPECT_EQ(indexes(all)["up0"], 4u);
+  unlink(red, 9);
+  unlink(red, 1);
+  EXPECT_EQ(ear.take(), "red/c- red/lo- ");
+
+  // The namespace goes and comes again; then another of its name; then nobody looks at it.
+  red->presentIs(false);
+  EXPECT_EQ(ear.take(), "red/up0- ");
+  red->linkIs(3, "up0", IFF_UP);
+  red->presentIs(true);
+  EXPECT_EQ(indexes(all)["red/up0"], first + 4);
+  made.list->networkDel(VrfName("red"));
+  EXPECT_EQ(indexes(all), (Ids{{"lo", 1}, {"up0", 4}}));
+  red = made.add("red");
+  link(red, 3, "up0");
+  const auto other = vrfNetworkFactory(VrfName("red"));
+  other->linkIs(3, "up0", IFF_UP);
+  other->presentIs(true);
+  made.list->networkIs(other);
+  EXPECT_EQ(indexes(all), (Ids{{"lo", 1}, {"up0", 4}, {"red/up0", first + 6}}));
+  link(red, 7, "unheard");
+  EXPECT_EQ(all.map()->intfIndex().size(), 3u);
+}
+
+TEST(InterfaceIndexes, CollisionsAndReservedIndexes) {
+  Made made;
+  const auto here = made.add("default");
+  const auto red = made.add("red");
+  {
+    InterfaceIndexes all(made.list, made.heard.log);
+    MapEar ear(all.map());
+    link(red, 1, "a");
+    link(red, 2, "b");
+    EXPECT_EQ(ear.take(), "red/a+ red/b+ ");
+    // The kernel's own wins; the other one has moved before.
+    link(here, first, "x");
+    EXPECT_EQ(ear.take(), "red/a+ x+ ");
+    EXPECT_EQ(indexes(all), (Ids{{"x", first}, {"red/a", first + 2}, {"red/b", first + 1}}));
+    // What would be next is taken already.
+    link(here, first + 3, "y");
+    link(red, 3, "c");
+    EXPECT_EQ(indexes(all)["red/c"], first + 4);
+    // It goes: the one that moved stays where it is.
+    unlink(here, first);
+    EXPECT_EQ(indexes(all)["red/a"], first + 2);
+
+    // Kernel indexes that stand for something else are replaced, for good.
+    link(here, IntfIndexMap::cpuIndex, "cpu");
+    link(here, IntfIndexMap::discardIndex, "dis");
+    link(here, IntfIndexMap::discardIndex, "discard0");
+    EXPECT_EQ(indexes(all)["cpu"], first + 5);
+    EXPECT_EQ(indexes(all)["discard0"], first + 6);
+    link(here, first + 5, "z");
+    EXPECT_EQ(indexes(all)["cpu"], first + 7);
+    EXPECT_EQ(indexes(all)["z"], first + 5);
+  }
+  made.list->networkDel(VrfName("default"));
+
+  // Over the reserved ones, and at the end from the beginning, around those that are in use.
+  InterfaceIndexes all(made.list, made.heard.log, IntfIndexMap::cpuIndex - 1);
+  const auto blue = made.add("blue");
+  link(blue, 1, "a");
+  EXPECT_EQ(indexes(all), (Ids{{"red/a", IntfIndexMap::cpuIndex - 1},
+                               {"red/b", IntfIndexMap::discardIndex + 1},
+                               {"red/c", IntfIndexMap::discardIndex + 2},
+                               {"blue/a", IntfIndexMap::discardIndex + 3}}));
+  InterfaceIndexes wrapping(made.list, made.heard.log, last - 1);
+  EXPECT_EQ(indexes(wrapping),
+            (Ids{{"blue/a", last - 1}, {"red/a", last}, {"red/b", first}, {"red/c", first + 1}}));
+}
+
+TEST(InterfaceIndexes, NamesThatCannotBeExported) {
+  Made made;
+  const auto red = made.add("red");
+  InterfaceIndexes all(made.list, made.heard.log);
+  const std::string longest(IntfIndexMap::nameMax - 4, 'x');
+  link(red, 1, longest);
+  EXPECT_EQ(indexes(all), (Ids{{"red/" + longest, first}}));
+  EXPECT_EQ(made.heard.text, "");
+  for (int round = 0; round < 3; ++round) {
+    link(red, 1, longest + "y");
+    red->linkIs(1, longest + "y", round % 2 ? IFF_UP : 0);
+    red->tell();
+    link(red, 2, "");
+    red->linkIs(2, "", 0);
+    red->tell();
+  }
+  EXPECT_EQ(indexes(all), Ids{});
+  EXPECT_EQ(std::count(made.heard.text.begin(), made.heard.text.end(), '\n'), 1) << made.heard.text;
+  EXPECT_TRUE(made.heard.has("interface 1 in VRF red is not exported")) << made.heard.text;
+  // With a better name it has its index again.
+  link(red, 1, "ok");
+  link(red, 2, "ok2");
+  EXPECT_EQ(indexes(all), (Ids{{"red/ok", first}, {"red/ok2", first + 1}}));
+}
+
+/// What the kernel has, and which index each interface must have or once had.
+TEST(InterfaceIndexes, RandomLives) {
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  const auto below = [&](uint32_t n) { return static_cast<uint32_t>(random() % n); };
+  for (int life = 0; life < 60; ++life) {
+    Made made;
+    InterfaceIndexes all(made.list, made.heard.log, life % 2 ? first : last - below(20));
+    MapEar ear(all.map());
+    const char* vrfs[] = {"default", "red", "blue"};
+    struct Interface {
+      std::string name;
+      uint32_t index = 0;  // 0: not known yet
+    };
+    struct Net {
+      Ptr<VrfNetwork> network;
+      std::map<uint32_t, Interface> interfaces;
+    };
+    std::map<std::string, Net> nets;
+    std::set<uint32_t> everGiven;
+    const auto kernelIndex = [&](bool isDefault) -> uint32_t {
+      // Mostly small; in the default namespace sometimes one that was given out, or is about to be.
+      switch (isDefault ? below(6) : 0) {
+        case 1:
+          return first + below(12);
+        case 2:
+          return last - below(12);
+        case 3:
+          return IntfIndexMap::cpuIndex + below(2);
+        default:
+          return 1 + below(8);
+      }
+    };
+    for (int step = 0; step < 150; ++step) {
+      const std::string vrf = vrfs[below(3)];
+      Net& net = nets[vrf];
+      const auto nameFree = [&](const std::string& name) {
+        for (const auto& [k, i] : net.interfaces)
+          if (i.name == name) return false;
+        return true;
+      };
+      const uint32_t what = below(20);
+      if (!net.network) {
+        net.network = made.add(vrf, below(2) == 0);
+      } else if (what == 0) {
+        made.del(vrf);
+        net = {};
+      } else if (what == 1) {
+        const bool present = !net.network->present();
+        net.interfaces.clear();
+        net.network->presentIs(present);
+      } else if (net.network->present()) {
+        // Several changes of one round. No kernel gives an index again in so short a time.
+        std::set<uint32_t> removed;
+        for (uint32_t changes = 1 + below(6); changes > 0; --changes) {
+          const uint32_t k = kernelIndex(vrf == "default");
+          const std::string name(1, static_cast<char>('a' + below(6)));
+          const auto it = net.interfaces.find(k);
+          if (it != net.interfaces.end() && below(2) == 0) {
+            net.network->linkDel(k);
+            removed.insert(k);
+            net.interfaces.erase(it);
+          } else if (nameFree(name) && !removed.contains(k)) {
+            net.network->linkIs(k, name, IFF_UP);
+            net.interfaces[k].name = name;
+          }
+        }
+        net.network->tell();
+      }
+
+      const Ids now = indexes(all);
+      std::set<uint32_t> used;
+      size_t expected = 0;
+      for (auto& [name, n] : nets) {
+        for (auto& [k, interface] : n.interfaces) {
+          ++expected;
+          const std::string id = (name == "default" ? "" : name + '/') + interface.name;
+          ASSERT_TRUE(now.contains(id)) << id;
+          const uint32_t index = now.at(id);
+          ASSERT_TRUE(used.insert(index).second) << id << ' ' << index;
+          ASSERT_FALSE(IntfIndexMap::isReserved(index)) << id;
+          const bool kernels = name == "default" && !IntfIndexMap::isReserved(k);
+          if (kernels) {
+            ASSERT_EQ(index, k) << id;
+          } else if (index != interface.index) {
+            // New, or its index is now the kernel's of another one; never one that was given out.
+            if (interface.index != 0) {
+              ASSERT_TRUE(nets["default"].interfaces.contains(interface.index)) << id;
+            }
+            ASSERT_TRUE(index >= first && index <= last) << id << ' ' << index;
+            ASSERT_TRUE(everGiven.insert(index).second) << id << ' ' << index;
+          }
+          interface.index = index;
+        }
+      }
+      ASSERT_EQ(now.size(), expected);
+    }
+  }
+}
+
+// --- VRFs ---
+
+Ids vrfs(const VrfIds& ids) {
+  Ids found;
+  for (const auto& [id, name] : ids.status()->vrf())
+    EXPECT_TRUE(found.emplace(name.stringValue(), id).second) << name.stringValue();
+  return found;
+}
+
+TEST(VrfIds, ConfiguredAndFound) {
+  Made made;
+  made.add("default");
+  made.add("red");
+  VrfIds ids(made.list, made.heard.log);
+  EXPECT_EQ(vrfs(ids), (Ids{{"default", 0}, {"red", 1}}));
+  EXPECT_TRUE(made.heard.has("VRF red has id 1")) << made.heard.text;
+
+  // Configured ones are listed whether they are there or not; the others around them.
+  ids.configuredIs({{"default", 0}, {"two", 2}, {"red", 10}});
+  const auto blue = made.add("blue", false);
+  EXPECT_EQ(vrfs(ids), (Ids{{"default", 0}, {"two", 2}, {"red", 10}}));
+  blue->presentIs(true);
+  made.add("green");
+  // 1 was red's a moment ago.
+  EXPECT_EQ(vrfs(ids), (Ids{{"default", 0}, {"two", 2}, {"red", 10}, {"blue", 3}, {"green", 4}}));
+
+  // The configuration takes an id that was given; two change ids; the default one has another.
+  ids.configuredIs({{"default", 7}, {"two", 10}, {"red", 3}});
+  EXPECT_EQ(vrfs(ids), (Ids{{"default", 7}, {"two", 10}, {"red", 3}, {"blue", 5}, {"green", 4}}));
+  // No longer configured: what is there keeps its id, what is not goes.
+  ids.configuredIs({});
+  EXPECT_EQ(vrfs(ids), (Ids{{"default", 0}, {"red", 3}, {"blue", 5}, {"green", 4}}));
+
+  // Gone: its id waits for it. Other namespaces of its name are the same VRF.
+  blue->presentIs(false);
+  made.del("green");
+  EXPECT_EQ(vrfs(ids), (Ids{{"default", 0}, {"red", 3}}));
+  made.add("new");
+  EXPECT_EQ(vrfs(ids), (Ids{{"default", 0}, {"red", 3}, {"new", 6}}));
+  blue->presentIs(true);
+  made.add("green");
+  made.list->networkIs(vrfNetworkFactory(VrfName("new")));
+  EXPECT_EQ(vrfs(ids), (Ids{{"default", 0}, {"red", 3}, {"blue", 5}, {"green", 4}}));
+  made.add("new");
+  EXPECT_EQ(vrfs(ids)["new"], 6u);
+  // Unless the configuration gives it to another one meanwhile.
+  blue->presentIs(false);
+  ids.configuredIs({{"other", 5}});
+  blue->presentIs(true);
+  EXPECT_EQ(vrfs(ids),
+            (Ids{{"default", 0}, {"red", 3}, {"other", 5}, {"blue", 8}, {"green", 4}, {"new", 6}}));
+}
+
+TEST(VrfIds, IdsAreHeldBackForAWhile) {
+  Made made;
+  VrfIds ids(made.list, made.heard.log);
+  for (size_t i = 0; i < VrfIds::heldMax; ++i) {
+    const std::string name = "v" + std::to_string(i);
+    made.add(name);
+    ASSERT_EQ(vrfs(ids)[name], i + 1);
+    made.del(name);
+  }
+  // One more than are kept: the oldest is free, and the lowest.
+  made.add("more");
+  EXPECT_EQ(vrfs(ids)["more"], VrfIds::heldMax + 1);
+  made.del("more");
+  made.add("most");
+  EXPECT_EQ(vrfs(ids)["most"], 1u);
+  made.add("v0");
+  EXPECT_EQ(vrfs(ids)["v0"], VrfIds::heldMax + 2);
+  made.add("v1");
+  EXPECT_EQ(vrfs(ids)["v1"], 2u);
+}
+
+/// Ids of random lives against the rules.
+TEST(VrfIds, RandomLives) {
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  const auto below = [&](uint32_t n) { return static_cast<uint32_t>(random() % n); };
+  for (int life = 0; life < 60; ++life) {
+    Made made;
+    VrfIds ids(made.list, made.heard.log);
+    Ids configured;
+    std::set<std::string> there;
+    std::map<uint32_t, std::string> lastOwner;
+    Ids before;
+    for (int step = 0; step < 200; ++step) {
+      bool reloaded = false;
+      const std::string name(1, static_cast<char>('a' + below(8)));
+      if (below(4) == 0) {
+        reloaded = true;
+        configured.clear();
+        std::set<uint32_t> taken;
+        for (uint32_t n = below(5); n > 0; --n) {
+          const uint32_t id = below(2) ? 1 + below(12) : VrfIds::idMax - below(2);
+          const std::string other(1, static_cast<char>('a' + below(8)));
+          if (!configured.contains(other) && taken.insert(id).second) configured[other] = id;
+        }
+        if (below(2)) configured["default"] = 0;
+        ids.configuredIs(configured);
+      } else if (!made.list->network(VrfName(name))) {
+        made.add(name);
+        there.insert(name);
+      } else if (below(2)) {
+        made.del(name);
+        there.erase(name);
+      } else {
+        const auto network = made.list->network(VrfName(name));
+        network->presentIs(!network->present());
+        network->present() ? there.insert(name).second : there.erase(name) > 0;
+      }
+
+      const Ids now = vrfs(ids);
+      Ids expected = configured;
+      expected.emplace("default", 0);
+      for (const std::string& vrf : there) {
+        if (configured.contains(vrf)) continue;
+        ASSERT_TRUE(now.contains(vrf)) << vrf;
+        const uint32_t id = now.at(vrf);
+        ASSERT_TRUE(id >= 1 && id <= VrfIds::idMax) << vrf << ' ' << id;
+        // Stable, unless a configuration claimed it; and nobody else's before.
+        if (before.contains(vrf) && before.at(vrf) != id) {
+          ASSERT_TRUE(reloaded) << vrf;
+        }
+        if (!before.contains(vrf) || before.at(vrf) != id) {
+          const auto owner = lastOwner.find(id);
+          ASSERT_TRUE(owner == lastOwner.end() || owner->second == vrf) << vrf << ' ' << id;
+        }
+        expected[vrf] = id;
+      }
+      ASSERT_EQ(now, expected);
+      for (const auto& [vrf, id] : now) lastOwner[id] = vrf;
+      before = now;
+    }
+  }
+}
+
+// --- Against the kernel ---
+
+class Indexes : public World {};
+
+TEST_F(Indexes, FollowTheKernel) {
+  const Ptr<EventLoop> loop = eventLoopFactory();
+  Heard heard;
+  run("ip netns add ns-red");
+  makeLink("d0");
+  makeLink("r0", "ns-red");
+  Networks networks(loop, "/run/netns", heard.log);
+  InterfaceIndexes all(networks.list(), heard.log);
+  VrfIds ids(networks.list(), heard.log);
+  const auto has = [&](const std::string& id) {
+    return all.map()->intfIndex().contains(IntfId(id));
+  };
+  const auto of = [&](const std::string& id) {
+    const auto it = all.map()->intfIndex().find(IntfId(id));
+    return it == all.map()->intfIndex().end() ? 0 : it->second;
+  };
+  ASSERT_TRUE(until(*loop, [&] { return has("d0") && has("red/r0"); })) << heard.text;
+  EXPECT_EQ(of("d0"), if_nametoindex("d0"));
+  EXPECT_EQ(of("lo"), 1u);
+  EXPECT_GE(of("red/lo"), first);
+  const uint32_t r0 = of("red/r0");
+  EXPECT_EQ(vrfs(ids), (Ids{{"default", 0}, {"red", 1}}));
+
+  run("ip -n ns-red link set r0 name r1 && ip -n ns-red link set r1 up");
+  EXPECT_TRUE(until(*loop, [&] { return has("red/r1") && !has("red/r0"); }));
+  EXPECT_EQ(of("red/r1"), r0);
+  // The kernel is asked for an index that stands for something else, and for one in use.
+  run("ip link add d1 index 1073741824 type veth peer name d2 index " + std::to_string(r0));
+  EXPECT_TRUE(until(*loop, [&] { return has("d1") && has("d2"); }));
+  EXPECT_EQ(of("d2"), r0);
+  EXPECT_NE(of("red/r1"), r0);
+  EXPECT_NE(of("d1"), IntfIndexMap::discardIndex);
+  // Moved: another interface of another VRF.
+  run("ip link set d0 netns ns-red");
+  EXPECT_TRUE(until(*loop, [&] { return has("red/d0") && !has("d0"); }));
+  run("ip link del d1");
+  EXPECT_TRUE(until(*loop, [&] { return !has("d1") && !has("d2"); }));
+
+  const uint32_t lo = of("red/lo");
+  run("ip netns del ns-red && ip netns add ns-red");
+  EXPECT_TRUE(until(*loop, [&] { return has("red/lo") && of("red/lo") != lo && !has("red/r1"); }));
+  EXPECT_EQ(vrfs(ids), (Ids{{"default", 0}, {"red", 1}}));
+  run("ip netns del ns-red");
+  EXPECT_TRUE(until(*loop, [&] { return vrfs(ids).size() == 1; }));
+  EXPECT_FALSE(has("red/lo"));
+  indexes(all);
+}
+
+}  // namespace
+}  // namespace agent
