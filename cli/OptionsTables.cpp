@@ -98,6 +98,7 @@ std::string OptionsTables::text(const decoder::Decoder& decoder, double now, siz
     const auto stream = decoder.streams().find(key);
     for (const auto& [id, table] : tables) {
       out += fmt::format("  {} ({})\n", table.title, table.rows.size());
+      if (table.rows.empty()) continue;  // all of them refused
       const bool keys = isFlowKeys(table.fields) && stream != decoder.streams().end();
       std::vector<bool> right;
       cli::Table shown([&] {
