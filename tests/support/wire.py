@@ -15,6 +15,7 @@ import lab as lab_module
 from lab import wait_for
 
 PORT = 4739
+TEMPLATES = (2, 3)  # the set ids of templates (RFC 7011, 3.3.2)
 
 
 @dataclasses.dataclass(frozen=True)
@@ -72,9 +73,11 @@ def _message(time, frame):
 
 
 class Capture:
-    """tcpdump on a device of a namespace."""
+    """tcpdump on a device of a namespace. With `kinds`, `messages` and what is built on it know only
+    messages whose first set has one of these ids."""
 
-    def __init__(self, lab, device, ns=None, ports=(PORT,)):
+    def __init__(self, lab, device, ns=None, ports=(PORT,), kinds=None):
+        self.kinds = kinds
         self.file = lab.path(f"{device}.pcap")
         self.program = lab.start(
             f"tcpdump-{device}", "tcpdump", "-Z", "root", "-i", device, "-U", "--immediate-mode",
@@ -85,7 +88,8 @@ class Capture:
     def messages(self, **fields):
         """The messages so far, in order; only those whose fields equal `fields`."""
         data = self.file.read_bytes() if self.file.exists() else b""
-        found = [m for m in (_message(*p) for p in _packets(data)) if m]
+        found = [m for m in (_message(*p) for p in _packets(data))
+                 if m and (self.kinds is None or m.sets[0][0] in self.kinds)]
         return [m for m in found if all(getattr(m, k) == v for k, v in fields.items())]
 
     def packets(self):
@@ -213,4 +217,4 @@ def tshark(file, ports=(PORT,)):
     return decoded
 
 
-__all__ = ["PORT", "Capture", "Decoded", "Message", "Template", "lab_module", "tshark"]
+__all__ = ["PORT", "TEMPLATES", "Capture", "Decoded", "Message", "Template", "lab_module", "tshark"]

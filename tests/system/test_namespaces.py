@@ -7,7 +7,7 @@ import pytest
 
 from lab import descriptors, run, wait_for
 from tarnflow import Agent, collectors, config, counters, exporter
-from wire import Capture
+from wire import TEMPLATES, Capture
 
 HERE4, HERE6 = "10.98.0.1", "fd98::1"
 THERE4, THERE6 = "10.98.0.2", "fd98::2"
@@ -30,7 +30,7 @@ class Place:
     def plug(self):
         self.lab.veth("up0", "dn0", self.far, ns=self.near)
         self.lab.address("dn0", f"{THERE4}/24", f"{THERE6}/64", ns=self.far)
-        self.captures.append(Capture(self.lab, "dn0", ns=self.far))
+        self.captures.append(Capture(self.lab, "dn0", ns=self.far, kinds=TEMPLATES))
         self.mark = 0  # messages that the test has dealt with
 
     def unplug(self):
