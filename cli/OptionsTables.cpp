@@ -101,11 +101,9 @@ std::string OptionsTables::text(const decoder::Decoder& decoder, double now, siz
       if (table.rows.empty()) continue;  // all of them refused
       const bool keys = isFlowKeys(table.fields) && stream != decoder.streams().end();
       std::vector<bool> right;
-      cli::Table shown([&] {
-        for (const auto& cell : table.rows.begin()->second.cells)
-          right.push_back(cell.value.is_number());
-        return right;
-      }());
+      for (const auto& cell : table.rows.begin()->second.cells)
+        right.push_back(cell.value.is_number());
+      cli::Table shown(std::move(right));
       cli::Table::Row names;
       for (const auto& field : table.fields) names.push_back(field.name());
       if (keys) names.emplace_back("keys");
