@@ -32,6 +32,7 @@ class Message:
     sequence: int
     domain: int
     sets: tuple  # (set id, octets) of each set
+    octets: bytes = b""
 
 
 def _packets(data):
@@ -69,7 +70,7 @@ def _message(time, frame):
         sets.append((set_id, set_len))
         at += max(set_len, 4)
     return Message(time, str(ipaddress.ip_address(src)), str(ipaddress.ip_address(dst)), src_port,
-                   dst_port, tos, length, export_time, sequence, domain, tuple(sets))
+                   dst_port, tos, length, export_time, sequence, domain, tuple(sets), bytes(body))
 
 
 class Capture:
@@ -134,6 +135,7 @@ class Decoded:
     domain: int
     set_ids: tuple
     templates: tuple
+    records: tuple  # (set id, {tshark's field: its text}) of each data record
 
 
 def _walk(node):
@@ -209,7 +211,9 @@ def tshark(file, ports=(PORT,)):
             int(layer["udp"]["udp.srcport"]), int(tos, 16), int(cflow["cflow.version"]),
             int(cflow["cflow.len"]), int(cflow["cflow.sequence"]), int(cflow["cflow.od_id"]),
             tuple(int(one["cflow.flowset_id"]) for one in sets),
-            tuple(_template(r) for r in records)))
+            tuple(_template(r) for r in records),
+            tuple((int(one["cflow.flowset_id"]), v) for one in sets for k, v in one.items()
+                  if re.match(r"Flow \d+$", k))))
     experts = subprocess.run(
         [*command, "-q", "-z", "expert"], check=True, stdout=subprocess.PIPE,
         stderr=subprocess.DEVNULL, text=True).stdout
