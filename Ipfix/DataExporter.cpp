@@ -20,15 +20,6 @@ Ptr<DataRecord> DataRecord::make(std::string_view data) {
 }
 Ptr<DataRecord> dataRecordFactory(std::string_view data) { return DataRecord::make(data); }
 
-uint8_t* DataRecord::inlineArea() const {
-  return reinterpret_cast<uint8_t*>(const_cast<DataRecord*>(this) + 1);
-}
-uint8_t* DataRecord::octets() const {
-  uint8_t* area = inlineArea();
-  if (moved_) std::memcpy(&area, area, sizeof(uint8_t*));
-  return area;
-}
-
 void DataRecord::append(const unsigned char* bytes, unsigned int n) {
   if (n == 0) return;
   TARN_ASSERT(n < UINT32_MAX / 4 && len_ < UINT32_MAX / 4);

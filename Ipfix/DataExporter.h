@@ -1,5 +1,6 @@
 #pragma once
 #include <cstdint>
+#include <cstring>
 #include <string_view>
 
 #include "platform/Ptr.h"
@@ -33,8 +34,15 @@ class TARN_API DataRecord final {
   ~DataRecord() = default;
   void destroy() const noexcept;
   /// Behind the header: the octets, or, once the record outgrew its block, the pointer to them.
-  uint8_t* inlineArea() const;
-  uint8_t* octets() const;
+  uint8_t* inlineArea() const {
+    return reinterpret_cast<uint8_t*>(const_cast<DataRecord*>(this) + 1);
+  }
+  uint8_t* octets() const {
+    uint8_t* area = inlineArea();
+    if (moved_) [[unlikely]]
+      std::memcpy(&area, area, sizeof area);
+    return area;
+  }
 
   mutable uint32_t refs_ = 1;
   uint32_t len_ = 0;

@@ -133,7 +133,7 @@ class TARN_API MessageBuilder final : public Entity {
     TARN_ASSERT(builder->pkt());
     TARN_ASSERT(len < UINT16_MAX);
     const auto n = static_cast<uint32_t>(len);
-    if (!builder->setHdr_ || builder->setId_ != templateId) {
+    if (!builder->setHdr_ || builder->setId_ != templateId) [[unlikely]] {
       if (!builder->newSet_p(templateId, n)) return 0;
     } else if (builder->offset_ + n > builder->maxSize_) {
       return 0;
@@ -145,6 +145,34 @@ class TARN_API MessageBuilder final : public Entity {
     builder->offsetInc(n);
     builder->setLenInc(static_cast<uint16_t>(n));
     return n;
+  }
+  /// Adds records, which `it` to `end` point to (null: skipped), as long as they fit, as so many
+  /// calls of `addSetRecord` would. Returns the place of the first that does not; `added` grows by
+  /// the number of those that did.
+  template <class It>
+  It addSetRecords(TemplateId templateId, It it, It end, uint64_t& added) {
+    while (it != end && !*it) ++it;
+    if (it == end || addSetRecord(templateId, **it) == 0) return it;
+    ++added;
+    // The set is open: what follows is copying, with the counters written once.
+    TARN_ASSERT_AS(maxSize() <= pktBufSize(), "builder->offset() + bytes <= builder->pktBufSize()");
+    uint8_t* const begin = data_ + offset_;
+    uint8_t* const limit = data_ + maxSize_;
+    uint8_t* to = begin;
+    uint32_t n = 0;
+    for (++it; it != end; ++it) {
+      if (!*it) continue;
+      const std::string_view octets = (*it)->data();
+      if (octets.size() > static_cast<size_t>(limit - to)) break;
+      std::memcpy(to, octets.data(), octets.size());
+      to += octets.size();
+      ++n;
+    }
+    recordCountInc(n);
+    offsetInc(static_cast<uint32_t>(to - begin));
+    setLenInc(static_cast<uint16_t>(to - begin));
+    added += n;
+    return it;
   }
   /// Closes the message; the builder is then ready for the next. Export time and sequence number
   /// read 0 until `Message::pkt` stamps them.

@@ -407,17 +407,16 @@ void OptionsDataExporterSm::maybeBuildMsgCache() {
   for (const auto& [scope, coll] : dataContainer_->data()) {
     for (const auto& [name, source] : coll->source()) {
       const TemplateId setId = source->dataSetId();
-      uint64_t count = 0;
-      source->eachDataRecord([&](const Ptr<const DataRecord>& record) {
-        uint32_t consumed = builder.addSetRecord(setId, *record);
-        if (consumed == 0 && builder.recordCount() > 0) {
-          msgCache_.push_back(builder.finalizeMsg());
-          builder.startMsg();
-          consumed = builder.addSetRecord(setId, *record);
-        }
-        TARN_ASSERT(consumed > 0);
-        ++count;
-      });
+      const auto places = source->places();
+      for (auto it = places.begin();;) {
+        it = builder.addSetRecords(setId, it, places.end());
+        if (it == places.end()) break;
+        // An empty message holds every record that there may be.
+        TARN_ASSERT_AS(builder.recordCount() > 0, "consumed > 0");
+        msgCache_.push_back(builder.finalizeMsg());
+        builder.startMsg();
+      }
+      const uint64_t count = source->dataRecords();
       total += count;
       trace(TraceLevel::detail, "OptionsDataExporterSm::", traceId_, " added ", count,
             " records from ", scope, "::", name, ", setId: ", setId);

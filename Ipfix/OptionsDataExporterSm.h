@@ -71,6 +71,17 @@ class TARN_API BuilderWrapper final {
     lastSet_->countInc(1);
     return consumed;
   }
+  /// Records as `MessageBuilder::addSetRecords` adds them.
+  template <class It>
+  It addSetRecords(TemplateId setId, It it, It end) {
+    uint64_t added = 0;
+    it = builder_->addSetRecords(setId, it, end, added);
+    if (added > 0) {
+      lastSet_ = &msgWrap_->setRecord[setId];
+      lastSet_->countInc(added);
+    }
+    return it;
+  }
   Ptr<MessageWrapper> finalizeMsg();
   /// Records in the message under construction.
   uint32_t recordCount() const { return builder_->recordCount(); }

@@ -84,12 +84,13 @@ void packing(benchmark::State& state) {
     cache.clear();
     BuilderWrapper builder(maxMsg, 1);
     builder.startMsg();
-    table->eachDataRecord([&](const Ptr<const DataRecord>& r) {
-      if (builder.addSetRecord(table->dataSetId(), *r) > 0) return;
+    const auto places = table->places();
+    for (auto it = places.begin();;) {
+      it = builder.addSetRecords(table->dataSetId(), it, places.end());
+      if (it == places.end()) break;
       cache.push_back(builder.finalizeMsg());
       builder.startMsg();
-      builder.addSetRecord(table->dataSetId(), *r);
-    });
+    }
     cache.push_back(builder.finalizeMsg());
   }
   state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(table->dataRecords()));
