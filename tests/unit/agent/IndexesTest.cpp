@@ -116,6 +116,17 @@ TEST(InterfaceIndexes, RenamedRemovedReplaced) {
           {"lo", 1}, {"up0", 2}, {"red/lo", first}, {"red/c", first + 1}, {"red/up0", first + 2}}));
   ear.take();
 
+  // A name that another link has already, before the news of its former owner: that one's index
+  // waits for it.
+  link(red, 4, "lo");
+  EXPECT_EQ(indexes(all)["red/lo"], first + 3);
+  EXPECT_EQ(all.map()->intfId().count(first), 0u);
+  link(red, 1, "one");
+  EXPECT_EQ(indexes(all)["red/one"], first);
+  unlink(red, 4);
+  link(red, 1, "lo");
+  ear.take();
+
   // Gone and made anew under its name between two rounds: another interface.
   red->linkDel(2);
   red->linkIs(9, "c", IFF_UP);
@@ -124,7 +135,7 @@ TEST(InterfaceIndexes, RenamedRemovedReplaced) {
   red->tell();
   here->tell();
   EXPECT_EQ(ear.take(), "red/c- red/c+ up0- up0+ ");
-  EXPECT_EQ(indexes(all)["red/c"], first + 3);
+  EXPECT_EQ(indexes(all)["red/c"], first + 4);
   EXPECT_EQ(indexes(all)["up0"], 4u);
   unlink(red, 9);
   unlink(red, 1);
@@ -135,7 +146,7 @@ TEST(InterfaceIndexes, RenamedRemovedReplaced) {
   EXPECT_EQ(ear.take(), "red/up0- ");
   red->linkIs(3, "up0", IFF_UP);
   red->presentIs(true);
-  EXPECT_EQ(indexes(all)["red/up0"], first + 4);
+  EXPECT_EQ(indexes(all)["red/up0"], first + 5);
   made.list->networkDel(VrfName("red"));
   EXPECT_EQ(indexes(all), (Ids{{"lo", 1}, {"up0", 4}}));
   red = made.add("red");
@@ -144,7 +155,7 @@ TEST(InterfaceIndexes, RenamedRemovedReplaced) {
   other->linkIs(3, "up0", IFF_UP);
   other->presentIs(true);
   made.list->networkIs(other);
-  EXPECT_EQ(indexes(all), (Ids{{"lo", 1}, {"up0", 4}, {"red/up0", first + 6}}));
+  EXPECT_EQ(indexes(all), (Ids{{"lo", 1}, {"up0", 4}, {"red/up0", first + 7}}));
   link(red, 7, "unheard");
   EXPECT_EQ(all.map()->intfIndex().size(), 3u);
 }
@@ -394,6 +405,20 @@ TEST(VrfIds, IdsAreHeldBackForAWhile) {
   EXPECT_EQ(vrfs(ids)["v0"], VrfIds::heldMax + 2);
   made.add("v1");
   EXPECT_EQ(vrfs(ids)["v1"], 2u);
+  // Gone a second time: held from then on.
+  made.del("v1");
+  for (size_t i = 0; i < VrfIds::heldMax - 1; ++i) {
+    made.add("w" + std::to_string(i));
+    made.del("w" + std::to_string(i));
+  }
+  made.add("v1");
+  EXPECT_EQ(vrfs(ids)["v1"], 2u);
+  made.del("v1");
+  for (size_t i = 0; i < VrfIds::heldMax - 1; ++i) {
+    made.add("x" + std::to_string(i));
+    ASSERT_NE(vrfs(ids)["x" + std::to_string(i)], 2u) << i;
+    made.del("x" + std::to_string(i));
+  }
 }
 
 /// Ids of random lives against the rules.

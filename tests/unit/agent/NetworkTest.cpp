@@ -399,7 +399,9 @@ TEST_F(Kernel, NamespacesThatNobodyAskedFor) {
       if (network->present()) names += vrf.stringValue() + ' ';
     return names;
   };
-  EXPECT_TRUE(until(*loop, [&] { return there() == "default early "; })) << there();
+  EXPECT_TRUE(until(
+      *loop, [&] { return there() == "default early "; }, notSlow))
+      << there();
   run("ip netns add ns-late");
   EXPECT_TRUE(until(
       *loop, [&] { return there() == "default early late "; }, notSlow))

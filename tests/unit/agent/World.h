@@ -16,8 +16,9 @@
 
 namespace agent {
 
-/// The test process in a network of its own, with its own /run: what `ip` makes there is seen by
-/// nobody else and gone with the process. Root is not needed where users may make namespaces.
+/// The test process in a network of its own, with its own /run and /dev/shm: what is made
+/// there is seen by nobody else and gone with the process, whatever ends it. Root is not needed
+/// where users may make namespaces.
 class World : public testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -53,6 +54,7 @@ class World : public testing::Test {
     if (unshare(CLONE_NEWNET | CLONE_NEWNS) < 0) return "no namespaces (run as root)";
     if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) < 0) return "no private mounts";
     if (mount("tmpfs", "/run", "tmpfs", 0, nullptr) < 0) return "no private /run";
+    if (mount("tmpfs", "/dev/shm", "tmpfs", 0, nullptr) < 0) return "no private /dev/shm";
     return {};
   }
   inline static const std::string* problem_ = nullptr;
