@@ -38,10 +38,12 @@ class TARN_API DataRecord final {
     return reinterpret_cast<uint8_t*>(const_cast<DataRecord*>(this) + 1);
   }
   uint8_t* octets() const {
-    uint8_t* area = inlineArea();
-    if (moved_) [[unlikely]]
-      std::memcpy(&area, area, sizeof area);
-    return area;
+    uint8_t* const area = inlineArea();
+    if (!moved_) [[likely]]
+      return area;
+    uint8_t* moved = nullptr;
+    std::memcpy(&moved, static_cast<const void*>(area), sizeof moved);
+    return moved;
   }
 
   mutable uint32_t refs_ = 1;
