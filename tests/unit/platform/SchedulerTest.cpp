@@ -182,7 +182,7 @@ TEST_P(Scheduler, IsCheapWithAHundredThousandTasks) {
   for (int more = 0; runs < n / 2 && more < 200; ++more) host->pass(10ms);  // a round has its share
   EXPECT_EQ(runs, n / 2);
   // Anything quadratic needs minutes.
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 60s);
 }
 
 INSTANTIATE_TEST_SUITE_P(On, Scheduler, testing::ValuesIn(hostKinds),
