@@ -92,6 +92,7 @@ class Listener {
       if (polled.back().revents) break;
       for (size_t i = 0; i < receiver.fds().size() && !done(); ++i)
         if (polled[i].revents) drain(receiver, i);
+      if (receiver.drops() > drops_) tellDrops(receiver.drops());
     }
     if (options_.tables && tablesChanged_) writeTables();
     const Summary summary{std::chrono::duration<double>(Clock::now() - start).count(),
@@ -108,7 +109,6 @@ class Listener {
       if (!d) return;
       ++heard_;
       const auto message = decoder_.decode(d->source.stringValue(), d->octets);
-      if (receiver.drops() > drops_) tellDrops(receiver.drops());
       if (!options_.tables) {
         write(options_.json ? jsonLine(messageJson(*d, message, options_.quietData))
                             : messageText(*d, message, print_));

@@ -1,6 +1,7 @@
 #include "cli/UdpReceiver.h"
 
 #include <arpa/inet.h>
+#include <linux/sock_diag.h>
 #include <net/if.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -10,7 +11,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <numeric>
 #include <stdexcept>
 #include <system_error>
 
@@ -90,7 +90,6 @@ void UdpReceiver::closeAll_p() {
   for (const int fd : fds_) close(fd);
   fds_.clear();
   bound_.clear();
-  drops_.clear();
 }
 
 void UdpReceiver::open_p(const std::string& address, uint16_t port) {
@@ -114,7 +113,6 @@ void UdpReceiver::open_p(const std::string& address, uint16_t port) {
   const int fd = socket(local.ss_family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (fd < 0) refuse("cannot open a socket for");
   fds_.push_back(fd);
-  drops_.push_back(0);
   if (local.ss_family == AF_INET6) {
     set(fd, IPPROTO_IPV6, IPV6_V6ONLY, 1);
     set(fd, IPPROTO_IPV6, IPV6_RECVTCLASS, 1);
@@ -124,7 +122,6 @@ void UdpReceiver::open_p(const std::string& address, uint16_t port) {
     set(fd, IPPROTO_IP, IP_PKTINFO, 1);
   }
   set(fd, SOL_SOCKET, SO_TIMESTAMPNS, 1);
-  set(fd, SOL_SOCKET, SO_RXQ_OVFL, 1);
   set(fd, SOL_SOCKET, SO_RCVBUF, bufferWanted);
   set(fd, SOL_SOCKET, SO_RCVBUFFORCE, bufferWanted);  // beyond the system's limit, for root only
   if (bind(fd, reinterpret_cast<const sockaddr*>(&local), len) != 0) refuse("cannot listen on");
@@ -157,8 +154,6 @@ std::optional<Datagram> UdpReceiver::receive(size_t socket) {
     char text[INET6_ADDRSTRLEN];
     if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SO_TIMESTAMPNS) {
       at = valueOf<timespec>(c);
-    } else if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SO_RXQ_OVFL) {
-      drops_[socket] = valueOf<uint32_t>(c);
     } else if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_TOS) {
       d.tos = valueOf<uint8_t>(c);
     } else if (c->cmsg_level == IPPROTO_IPV6 && c->cmsg_type == IPV6_TCLASS) {
@@ -176,7 +171,13 @@ std::optional<Datagram> UdpReceiver::receive(size_t socket) {
 }
 
 uint64_t UdpReceiver::drops() const {
-  return std::accumulate(drops_.begin(), drops_.end(), uint64_t{0});
+  uint64_t total = 0;
+  for (const int fd : fds_) {
+    uint32_t info[SK_MEMINFO_VARS] = {};
+    socklen_t len = sizeof info;
+    if (getsockopt(fd, SOL_SOCKET, SO_MEMINFO, info, &len) == 0) total += info[SK_MEMINFO_DROPS];
+  }
+  return total;
 }
 
 }  // namespace cli

@@ -38,7 +38,8 @@ class UdpReceiver {
   const std::vector<int>& fds() const { return fds_; }
   /// The next datagram of that socket; nothing when none waits.
   std::optional<Datagram> receive(size_t socket);
-  /// Datagrams that the kernel dropped since the start because a socket's buffer was full.
+  /// Datagrams that the kernel dropped since the start because a socket's buffer was full. Asks
+  /// the kernel.
   uint64_t drops() const;
 
  private:
@@ -47,7 +48,6 @@ class UdpReceiver {
 
   std::vector<int> fds_;
   std::vector<Endpoint> bound_;
-  std::vector<uint32_t> drops_;  // per socket, as the kernel counts
   std::vector<uint8_t> buffer_;
 };
 

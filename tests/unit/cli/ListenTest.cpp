@@ -15,6 +15,8 @@ namespace {
 
 using decoder::message;
 using decoder::Octets;
+using decoder::put16;
+using decoder::put32;
 using decoder::rich;
 using nlohmann::json;
 
@@ -129,6 +131,38 @@ TEST(Listen, MalformedMessagesAndStrangersFailIt) {
     EXPECT_FALSE(json::parse(listener.line().value())["error"].is_null());
     EXPECT_EQ(listener.wait(), 1);
   }
+}
+
+// What this host loses is not taken for the exporter's loss without a word.
+TEST(Listen, TellsItsOwnDrops) {
+  Process listener(listenOnAnyPort({"--json", "--quiet-data"}));
+  const Sender sender(AF_INET, portOf(listener));
+  sender.send(message(0, "0002 000c 0101 0001 0096 0004"));
+  ASSERT_TRUE(listener.line());
+  listener.signal(SIGSTOP);
+  Octets big = message(0, "0101 fde8");  // 16249 records: 65000 octets
+  big.resize(16 + 65000);
+  put16(big, 2, big.size());
+  constexpr uint32_t sent = 300;  // more than fits its buffer
+  for (uint32_t i = 0; i < sent; ++i) {
+    put32(big, 8, i * 16249);
+    sender.send(big);
+  }
+  listener.signal(SIGCONT);
+  uint64_t heard = 0;
+  uint64_t dropped = 0;
+  while (heard + dropped < sent) {
+    const auto line = listener.line();
+    ASSERT_TRUE(line) << heard << " heard, " << dropped << " dropped";
+    const json j = json::parse(*line);
+    heard += j["type"] == "message";
+    if (j["type"] == "localDrops") dropped += j["datagrams"].get<uint64_t>();
+  }
+  EXPECT_GT(dropped, 0U);
+  EXPECT_EQ(heard + dropped, sent);
+  listener.signal(SIGINT);
+  listener.wait();
+  EXPECT_EQ(json::parse(listener.rest())["localDrops"], dropped);
 }
 
 TEST(Listen, QuietDataCountsOnly) {
