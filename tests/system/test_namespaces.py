@@ -101,7 +101,7 @@ def test_interface_and_addresses(lab, vrf):
     place.plug()
     place.address("add")
     agent = Agent(lab, place.text)
-    place.arrive(OF_ADDRESS, HERE4, HERE6)
+    place.arrive(OF_NAMESPACE, HERE4, HERE6)
     agent.program.wait_log("FLOWTRACKING_EXPORTER_ACTIVE", OF_ADDRESS)
     open_then = describe(descriptors(agent.pid))
 
