@@ -270,7 +270,9 @@ void RtnetlinkMonitor::handleReadable() {
   }
   if (gone) return;
   gone_ = nullptr;
-  if (!why.empty()) failed_(why);  // may destroy this
+  if (why.empty()) return;
+  watch_.reset();  // or the error would be heard again and again
+  failed_(why);    // may destroy this
 }
 
 }  // namespace agent

@@ -5,8 +5,10 @@
 #include <linux/if_addr.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 
+#include <filesystem>
 #include <fstream>
 #include <random>
 
@@ -387,6 +389,76 @@ TEST_F(Kernel, NamespaceComesGoesAndIsReplaced) {
   EXPECT_TRUE(until(
       *loop, [&] { return networks.list()->network().size() == 1; }, notSlow));
   EXPECT_FALSE(n->present());
+}
+
+/// Puts a pipe with something to read in the place of the process's only netlink socket.
+void breakNetlink() {
+  namespace fs = std::filesystem;
+  const auto only = [](const std::string& prefix) {
+    int found = -1;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+      std::error_code gone;
+      const std::string target = fs::read_symlink(entry.path(), gone).string();
+      const int fd = std::stoi(entry.path().filename().string());
+      sockaddr_storage address{};
+      socklen_t len = sizeof address;
+      if (target.rfind(prefix, 0) != 0) continue;
+      if (prefix == "socket:" &&
+          (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &len) < 0 ||
+           address.ss_family != AF_NETLINK))
+        continue;
+      EXPECT_EQ(found, -1);
+      found = fd;
+    }
+    EXPECT_GE(found, 0) << prefix;
+    return found;
+  };
+  const int netlink = only("socket:");
+  const int epoll = only("anon_inode:[eventpoll]");
+  // What the loop registered: "tfd: 5 events: 19 data: 7f.. ..."
+  std::ifstream info("/proc/self/fdinfo/" + std::to_string(epoll));
+  epoll_event event{};
+  bool registered = false;
+  for (std::string line; std::getline(info, line);) {
+    int fd = -1;
+    uint32_t events = 0;
+    uint64_t data = 0;
+    if (sscanf(line.c_str(), "tfd: %d events: %x data: %lx", &fd, &events, &data) != 3) continue;
+    if (fd != netlink) continue;
+    event.events = events;
+    event.data.u64 = data;
+    registered = true;
+  }
+  ASSERT_TRUE(registered);
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  ASSERT_EQ(write(ends[1], "x", 1), 1);
+  ASSERT_EQ(dup2(ends[0], netlink), netlink);
+  ASSERT_EQ(epoll_ctl(epoll, EPOLL_CTL_ADD, netlink, &event), 0);
+  close(ends[0]);
+  close(ends[1]);
+}
+
+TEST_F(Kernel, SocketThatFailsIsReplaced) {
+  makeLink("stays");
+  makeLink("goes");
+  Networks networks(loop, "/run/netns", heard.log);
+  const auto n = networks.network(VrfName("default"));
+  ASSERT_TRUE(until(*loop, [&] { return n->link("goes") && networks.settled(); }));
+  Ear ear(n);
+  breakNetlink();
+  run("ip link del goes");
+  makeLink("comes");
+  EXPECT_TRUE(until(
+      *loop, [&] { return n->link("comes") && !n->link("goes"); }, notSlow))
+      << heard.text;
+  EXPECT_TRUE(heard.text.starts_with("<4>rtnetlink in VRF default: ")) << heard.text;
+  EXPECT_EQ(std::count(heard.text.begin(), heard.text.end(), '\n'), 1) << heard.text;
+  // What stays was never gone.
+  EXPECT_EQ((" " + ear.heard).find(" - "), std::string::npos) << ear.heard;
+  EXPECT_EQ((" " + ear.heard).find(" stays "), std::string::npos) << ear.heard;
+  run("ip link set stays name stayed");
+  EXPECT_TRUE(until(*loop, [&] { return n->link("stayed") != nullptr; }));
 }
 
 TEST_F(Kernel, NamespacesThatNobodyAskedFor) {
