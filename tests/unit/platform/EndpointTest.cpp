@@ -17,6 +17,10 @@ struct Kind {
   bool ipv6;
 };
 
+std::ostream& operator<<(std::ostream& out, const Kind& k) {
+  return out << k.host << (k.ipv6 ? "6" : "4");
+}
+
 class Endpoint : public testing::TestWithParam<Kind> {
  protected:
   void SetUp() override {
@@ -269,8 +273,7 @@ std::vector<Kind> kinds() {
     for (const bool ipv6 : {false, true}) all.push_back({h, ipv6});
   return all;
 }
-INSTANTIATE_TEST_SUITE_P(On, Endpoint, testing::ValuesIn(kinds()), [](const auto& info) {
-  return std::string(info.param.host.name) + (info.param.ipv6 ? "6" : "4");
-});
+INSTANTIATE_TEST_SUITE_P(On, Endpoint, testing::ValuesIn(kinds()),
+                         [](const auto& info) { return testing::PrintToString(info.param); });
 
 }  // namespace

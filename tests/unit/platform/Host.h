@@ -1,5 +1,6 @@
 #pragma once
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -36,4 +37,6 @@ struct HostKind {
   std::unique_ptr<Host> (*make)();
   bool kernel;  // needs a private network for its endpoints
 };
+/// How a test's name shows it.
+inline std::ostream& operator<<(std::ostream& out, const HostKind& k) { return out << k.name; }
 inline constexpr HostKind hostKinds[] = {{"sim", simHost, false}, {"linux", linuxHost, true}};

@@ -286,6 +286,15 @@ int kill(const std::string& name, int rounds) {
   return 0;
 }
 
+std::string segment;
+pid_t owner;
+void removeSegment() {
+  if (::getpid() != owner) return;  // a child leaves through here too
+  std::error_code ignored;
+  for (const char* suffix : {"", ".lock", ".new"})
+    std::filesystem::remove("/dev/shm" + segment + suffix, ignored);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -295,10 +304,9 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: %s read COUNT | kill ROUNDS\n", argv[0]);
     return 2;
   }
-  const std::string name = "/tt-campaign-" + std::to_string(::getpid());
-  const int result = mode == "read" ? read(name, static_cast<uint64_t>(count))
-                                    : kill(name, static_cast<int>(count));
-  for (const char* suffix : {"", ".lock", ".new"})
-    std::filesystem::remove("/dev/shm" + name + suffix);
-  return result;
+  owner = ::getpid();
+  segment = "/tt-campaign-" + std::to_string(owner);
+  std::atexit(removeSegment);
+  return mode == "read" ? read(segment, static_cast<uint64_t>(count))
+                        : kill(segment, static_cast<int>(count));
 }

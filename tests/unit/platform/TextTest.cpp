@@ -213,13 +213,13 @@ TEST(Ip, PortsAndFamilies) {
 TEST(Values, BoundsAreKept) {
   EXPECT_EQ(VrfName(std::string(100, 'v')).stringValue().size(), 100u);
   try {
-    VrfName(std::string(101, 'v'));
+    const VrfName v(std::string(101, 'v'));
     ADD_FAILURE();
   } catch (const std::range_error& e) {
     EXPECT_STREQ(e.what(), "VrfName::value::bytes > VrfName::maxLength not allowed");
   }
   try {
-    NamespaceName(std::string(151, 'n'));
+    const NamespaceName n(std::string(151, 'n'));
     ADD_FAILURE();
   } catch (const std::range_error& e) {
     EXPECT_STREQ(e.what(), "NamespaceName::value::bytes > 150 not allowed");
