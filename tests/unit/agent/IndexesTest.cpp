@@ -457,7 +457,11 @@ TEST(VrfIds, RandomLives) {
       } else {
         const auto network = made.list->network(VrfName(name));
         network->presentIs(!network->present());
-        network->present() ? there.insert(name).second : there.erase(name) > 0;
+        if (network->present()) {
+          there.insert(name);
+        } else {
+          there.erase(name);
+        }
       }
 
       const Ids now = vrfs(ids);
