@@ -22,7 +22,7 @@ struct UdpPamCounters {
   uint64_t sent = 0;        ///< datagrams that the kernel took
   uint64_t sentOctets = 0;  ///< their UDP payload
   uint64_t dropped = 0;     ///< datagrams that it refused or that found no room
-  uint64_t queued = 0;      ///< waiting for room in the socket now
+  uint64_t queued = 0;      ///< waiting for room or their turn now
   uint64_t queuedMax = 0;   ///< the most that ever waited
   /// `dropped` by cause. Besides what the kernel says (ENETUNREACH, EMSGSIZE, EPERM, EINVAL or
   /// ENETUNREACH: the source address is not this host's, ...): ENOBUFS, the queue was full; EAGAIN,
@@ -78,9 +78,8 @@ class TARN_API UdpPam : public Entity {
   /// first `restampLen` octets and shares the rest, which must not change any more. It leaves in
   /// the order of the calls, when the current task or handler of the agent's loop is over, or,
   /// behind many others, at the host's pace. A socket without room keeps it queued (bounded); any
-  /// other refusal drops and counts
-  /// it; a datagram too large for its path is refused (EMSGSIZE), never fragmented. Never throws,
-  /// never blocks.
+  /// other refusal drops and counts it; a datagram too large for its path is refused (EMSGSIZE),
+  /// never fragmented. Never throws, never blocks.
   virtual void txPktIs(const Ptr<Pkt>& pkt) = 0;
 
   virtual const UdpPamCounters& counters() const = 0;

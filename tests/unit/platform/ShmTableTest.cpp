@@ -181,6 +181,15 @@ TEST_F(ShmTable, WriterSparesWhatIsNotOurs) {
   EXPECT_EQ(fileContent(), "somebody's") << "closing unlinks its own only";
   std::filesystem::remove(path);
 
+  std::ofstream(path + ".new") << "another's, under the lock's name";
+  std::filesystem::create_hard_link(path + ".new", path + ".lock");
+  EXPECT_EQ(writerError(), EACCES);
+  std::filesystem::remove(path + ".lock");
+  std::filesystem::create_symlink(path + ".new", path + ".lock");
+  EXPECT_EQ(writerError(), ELOOP);
+  EXPECT_GT(std::filesystem::file_size(path + ".new"), 0u);
+  std::filesystem::remove(path + ".lock");
+
   for (const char* bad : {"", "/", "x", "/a/b", "/.", "/..", "//"})
     EXPECT_THROW(shmTableFactory(bad, 1, 1, 1), ErrnoException) << bad;
   EXPECT_THROW(shmTableFactory(name, 0, 1, 1), ErrnoException);
