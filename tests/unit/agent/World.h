@@ -16,17 +16,14 @@
 
 namespace agent {
 
-/// The test process in a network of its own, with its own /run and /dev/shm: what is made
-/// there is seen by nobody else and gone with the process, whatever ends it. Root is not needed
-/// where users may make namespaces.
+/// Each test in a network of its own, with its own /run and /dev/shm: what is made there is seen
+/// by nobody else and gone with the process, whatever ends it. Root is not needed where users may
+/// make namespaces.
 class World : public testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    static const std::string problem = enter();  // once per process: there is no way back
-    problem_ = &problem;
-  }
   void SetUp() override {
-    if (!problem_->empty()) GTEST_SKIP() << *problem_;
+    const std::string problem = enter();
+    if (!problem.empty()) GTEST_SKIP() << problem;
   }
 
   /// A failing command ends the test.
@@ -52,12 +49,11 @@ class World : public testing::Test {
       std::ofstream("/proc/self/gid_map") << "0 " + gid + " 1";
     }
     if (unshare(CLONE_NEWNET | CLONE_NEWNS) < 0) return "no namespaces (run as root)";
-    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) < 0) return "no private mounts";
+    if (mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) < 0) return "no private mounts";
     if (mount("tmpfs", "/run", "tmpfs", 0, nullptr) < 0) return "no private /run";
     if (mount("tmpfs", "/dev/shm", "tmpfs", 0, nullptr) < 0) return "no private /dev/shm";
     return {};
   }
-  inline static const std::string* problem_ = nullptr;
 };
 
 /// Runs rounds of the loop until `done`; false after five seconds.

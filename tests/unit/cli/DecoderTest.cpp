@@ -94,6 +94,7 @@ struct Wrong {
   uint16_t value;
   const char* error;
 };
+void PrintTo(const Wrong& w, std::ostream* out) { *out << w.name; }
 class WrongMessage : public testing::TestWithParam<Wrong> {};
 TEST_P(WrongMessage, IsRefusedWithPlaceFoundAndAllowed) {
   const Wrong& w = GetParam();
@@ -298,6 +299,7 @@ struct SequenceCase {
   uint64_t errors;
   uint64_t missing;
 };
+void PrintTo(const SequenceCase& c, std::ostream* out) { *out << c.name; }
 class SequenceTest : public testing::TestWithParam<SequenceCase> {};
 TEST_P(SequenceTest, IsCheckedAgainstTheRecordsBefore) {
   Decoder decoder(testElement);
