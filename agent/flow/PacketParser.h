@@ -1,7 +1,9 @@
 #pragma once
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <string_view>
+#include <vector>
 
 #include "agent/flow/FlowKey.h"
 #include "agent/flow/Packet.h"
@@ -28,4 +30,143 @@ struct Parsed {
   FlowKey4 key4;           ///< when not `ipv6`
   FlowKey6 key6;           ///< when `ipv6`
 };
+
+/// The transport ports that first fragments had, for the fragments behind them, which have none.
+/// Bounded: when it is full, a new datagram takes the place of the oldest it collides with.
+class FragmentTable {
+ public:
+  /// Padded to whole words by `unused`, so that equal keys are equal octets.
+  struct Key {
+    std::array<uint8_t, 16> src{};  ///< of IPv4 the first four octets
+    std::array<uint8_t, 16> dst{};
+    uint32_t id = 0;
+    uint32_t interface = 0;
+    uint8_t version = 0;   ///< 4 or 6; 0 of an empty entry
+    uint8_t protocol = 0;  ///< of IPv6 always 0: fragments of one packet may differ in it
+    std::array<uint8_t, 6> unused{};
+  };
+  static_assert(sizeof(Key) == 48);
+  /// What the first fragment said.
+  struct Ports {
+    uint16_t src = 0;
+    uint16_t dst = 0;
+    uint8_t protocol = 0;
+  };
+  static constexpr int64_t lifetimeNs = 30'000'000'000;  ///< as long as hosts wait for the rest
+  static constexpr size_t ways = 4;
+  static constexpr size_t sets = 1024;
+
+  explicit FragmentTable(uint64_t seed) : entries_(ways * sets), seed_(seed) {}
+  void portsIs(const Key& key, int64_t timeNs, const Ports& ports);
+  /// Null when no first fragment came within the lifetime, before or after `timeNs`.
+  const Ports* ports(const Key& key, int64_t timeNs) const;
+
+ private:
+  struct alignas(64) Entry {
+    Key key;
+    int64_t timeNs = 0;
+    Ports ports;
+  };
+  static_assert(sizeof(Entry) == 64, "one cache line each, 256 KiB in all");
+  size_t firstWay(const Key& key) const;
+
+  std::vector<Entry> entries_;
+  uint64_t seed_;
+};
+
+/// Finds the flow of each packet. What lies in a packet is believed nowhere: reads stay within
+/// `capLen`. One per thread.
+///
+///  - Ethernet with any of the tags 0x8100, 0x88a8 and 0x9100, IP without link layer, and the two
+///    cooked headers. 802.3 length frames are `notIp`.
+///  - What follows the IP packet (padding, a trailer) does not count. A total length of 0, which
+///    segmentation offload leaves, means all that was on the wire.
+///  - Ports of TCP, UDP, UDP-Lite, DCCP and SCTP; type and code of ICMP and ICMPv6. They are 0 of
+///    other protocols, where the IP packet ends before them, and of fragments whose first one was
+///    not seen before.
+///  - A packet cut short by the snap length is fine as long as the key is there; the TCP flags of
+///    one cut before them are 0.
+class PacketParser {
+ public:
+  /// `seed`: for the hash of the fragment table, whose places nobody on the wire shall foresee;
+  /// the same seed and packets give the same results.
+  explicit PacketParser(uint64_t seed) : fragments_(seed) {}
+
+  /// True when the packet belongs to a flow. Otherwise `out.error` says why and the rest of `out`
+  /// means nothing. Of the two keys only the one that `out.ipv6` names is written.
+  bool parse(const Packet& packet, Parsed& out) {
+    if (parseCommon(packet, out)) return true;
+    out.error = parseAny(packet, out);
+    return out.error == ParseError::none;
+  }
+
+ private:
+  struct Place;  // of an IP packet within its frame
+  static uint16_t load16(const uint8_t* o) { return static_cast<uint16_t>(o[0] << 8 | o[1]); }
+  static uint32_t load32(const uint8_t* o) { return uint32_t{load16(o)} << 16 | load16(o + 2); }
+  template <class Key>
+  static void keyIs(Key& key, const uint8_t* addresses, const FlowClass& rest) {
+    std::memcpy(key.src.data(), addresses, Key::ipLen);
+    std::memcpy(key.dst.data(), addresses + Key::ipLen, Key::ipLen);
+    key.rest = rest;
+  }
+
+  /// Nearly all packets: untagged Ethernet, no options, no fragments, TCP or UDP. False: look
+  /// closer. Says of these packets what parseAny says.
+  static bool parseCommon(const Packet& packet, Parsed& out);
+  ParseError parseAny(const Packet& packet, Parsed& out);
+  ParseError parse4(const Packet& packet, Place ip, Parsed& out);
+  ParseError parse6(const Packet& packet, Place ip, Parsed& out);
+
+  FragmentTable fragments_;
+};
+
+inline bool PacketParser::parseCommon(const Packet& p, Parsed& out) {
+  constexpr uint32_t link = 14;
+  constexpr uint32_t ports = 4;
+  constexpr uint32_t flags = 14;  // of a TCP header up to its flags
+  constexpr uint8_t tcp = 6, udp = 17;
+  if (p.link != LinkLayer::ethernet || p.capLen < link + 40 + ports) return false;
+  const uint8_t* ip = p.octets + link;
+  const uint16_t vlan = p.hasVlan ? p.vlanTci & 0xfff : 0;
+  const uint16_t type = load16(ip - 2);
+  if (type == 0x0800) {
+    const uint32_t total = load16(ip + 2);
+    const uint8_t protocol = ip[9];
+    if (ip[0] != 0x45 || (load16(ip + 6) & 0x3fff) != 0 || total < 20 + flags ||
+        total + link > p.wireLen || (protocol != tcp && protocol != udp))
+      return false;
+    const uint8_t* transport = ip + 20;
+    out.ipv6 = false;
+    out.tcpFlags = protocol == tcp ? transport[13] : 0;
+    out.ipOctets = total;
+    out.flowLabel = 0;
+    keyIs(out.key4, ip + 12,
+          {load16(transport), load16(transport + 2), protocol, ip[1], vlan, p.interface});
+  } else if (type == 0x86dd) {
+    const uint32_t head = load32(ip);
+    const uint32_t payload = load16(ip + 4);
+    const uint8_t protocol = ip[6];
+    if (head >> 28 != 6 || payload + 40 + link > p.wireLen) return false;
+    const uint8_t* transport = ip + 40;
+    if (protocol == tcp && payload >= flags && p.capLen >= link + 40 + flags) {
+      out.tcpFlags = transport[13];
+    } else if (protocol == udp && payload >= ports) {
+      out.tcpFlags = 0;
+    } else {
+      return false;
+    }
+    out.ipv6 = true;
+    out.ipOctets = payload + 40;
+    out.flowLabel = head & 0xfffff;
+    keyIs(out.key6, ip + 8,
+          {load16(transport), load16(transport + 2), protocol,
+           static_cast<uint8_t>(head >> 20 & 0xff), vlan, p.interface});
+  } else {
+    return false;
+  }
+  out.error = ParseError::none;
+  return true;
+}
+
 }  // namespace agent::flow

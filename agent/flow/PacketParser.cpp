@@ -1,0 +1,310 @@
+#include "agent/flow/PacketParser.h"
+
+namespace agent::flow {
+namespace {
+// IANA "Assigned Internet Protocol Numbers".
+enum Protocol : uint8_t {
+  hopByHop = 0,
+  icmp = 1,
+  tcp = 6,
+  udp = 17,
+  dccp = 33,
+  routing = 43,
+  fragment = 44,
+  authentication = 51,
+  icmp6 = 58,
+  destination = 60,
+  sctp = 132,
+  mobility = 135,
+  udpLite = 136,
+  hip = 139,
+  shim6 = 140
+};
+constexpr uint16_t etherIp4 = 0x0800;
+constexpr uint16_t etherIp6 = 0x86dd;
+// Beyond these the packet is an attack or noise; hosts give up much earlier.
+constexpr int tagsMax = 8;
+constexpr int extensionsMax = 16;
+
+bool isTag(uint16_t etherType) {
+  return etherType == 0x8100 || etherType == 0x88a8 || etherType == 0x9100;
+}
+
+bool isExtension(uint8_t nextHeader) {
+  switch (nextHeader) {
+    case hopByHop:
+    case routing:
+    case fragment:
+    case authentication:
+    case destination:
+    case mobility:
+    case hip:
+    case shim6:
+      return true;
+    default:
+      return false;
+  }
+}
+
+/// Why the octets before `end` are not all there.
+ParseError lacking(const Packet& p, size_t end) {
+  return end > p.wireLen ? ParseError::malformed : ParseError::truncated;
+}
+
+uint16_t be16(const uint8_t* o) { return static_cast<uint16_t>(o[0] << 8 | o[1]); }
+
+/// Ports and flags of the transport header at `at`, of an IP packet that ends at `end` >= `at`.
+ParseError parseTransport(const Packet& p, size_t at, size_t end, FlowClass& flow,
+                          uint8_t& tcpFlags, uint8_t icmpProtocol) {
+  size_t need = 0;
+  switch (flow.protocol) {
+    case tcp:
+    case udp:
+    case dccp:
+    case sctp:
+    case udpLite:
+      need = 4;
+      break;
+    case icmp:
+    case icmp6:
+      if (flow.protocol == icmpProtocol) need = 2;
+      break;
+    default:
+      break;
+  }
+  if (need == 0 || end - at < need) return ParseError::none;
+  if (at + need > p.capLen) return ParseError::truncated;
+  const uint8_t* o = p.octets + at;
+  if (need == 2) {
+    flow.dstPort = be16(o);  // type * 256 + code
+    return ParseError::none;
+  }
+  flow.srcPort = be16(o);
+  flow.dstPort = be16(o + 2);
+  if (flow.protocol == tcp && end - at >= 14 && at + 14 <= p.capLen) tcpFlags = o[13];
+  return ParseError::none;
+}
+}  // namespace
+
+std::string_view toText(ParseError e) {
+  switch (e) {
+    case ParseError::none:
+      return "none";
+    case ParseError::notIp:
+      return "notIp";
+    case ParseError::truncated:
+      return "truncated";
+    case ParseError::malformed:
+      return "malformed";
+  }
+  return "?";
+}
+
+struct PacketParser::Place {
+  size_t at;  // where it begins; not beyond the captured octets
+  uint16_t vlanId;
+  // What the wire has from there on, padding included.
+  size_t room(const Packet& p) const { return p.wireLen > at ? p.wireLen - at : 0; }
+};
+
+ParseError PacketParser::parseAny(const Packet& p, Parsed& out) {
+  Place ip{0, 0};
+  uint16_t etherType = 0;
+  size_t etherTypeAt = 0;
+  switch (p.link) {
+    case LinkLayer::ethernet:
+      ip.at = 14;
+      etherTypeAt = 12;
+      break;
+    case LinkLayer::linuxSll:
+      ip.at = 16;
+      etherTypeAt = 14;
+      break;
+    case LinkLayer::linuxSll2:
+      ip.at = 20;
+      etherTypeAt = 0;
+      break;
+    case LinkLayer::raw:
+      if (p.capLen < 1) return lacking(p, 1);
+      // Only the version tells what it is. Tunnels carry other protocols, too.
+      if (p.octets[0] >> 4 == 4) etherType = etherIp4;
+      if (p.octets[0] >> 4 == 6) etherType = etherIp6;
+      break;
+  }
+  if (ip.at > 0) {
+    if (p.capLen < ip.at) return lacking(p, ip.at);
+    etherType = load16(p.octets + etherTypeAt);
+  }
+  bool tagged = p.hasVlan;
+  if (tagged) ip.vlanId = p.vlanTci & 0xfff;
+  for (int tags = 0; isTag(etherType); ++tags) {
+    if (tags == tagsMax) return ParseError::notIp;
+    if (p.capLen - ip.at < 4) return lacking(p, ip.at + 4);
+    if (!tagged) ip.vlanId = load16(p.octets + ip.at) & 0xfff;
+    tagged = true;
+    etherType = load16(p.octets + ip.at + 2);
+    ip.at += 4;
+  }
+  if (etherType == etherIp4) return parse4(p, ip, out);
+  if (etherType == etherIp6) return parse6(p, ip, out);
+  return ParseError::notIp;
+}
+
+ParseError PacketParser::parse4(const Packet& p, Place ip, Parsed& out) {
+  if (p.capLen - ip.at < 20) return lacking(p, ip.at + 20);
+  const uint8_t* o = p.octets + ip.at;
+  const size_t headerLen = size_t{o[0] & 0xfu} * 4;
+  const size_t room = ip.room(p);
+  size_t total = load16(o + 2);
+  if (total == 0) total = room;
+  if (o[0] >> 4 != 4 || headerLen < 20 || total < headerLen || total > room)
+    return ParseError::malformed;
+
+  out.ipv6 = false;
+  out.tcpFlags = 0;
+  out.ipOctets = static_cast<uint32_t>(total);
+  out.flowLabel = 0;
+  FlowClass flow{0, 0, o[9], o[1], ip.vlanId, p.interface};
+  const uint16_t fragmentWord = load16(o + 6);
+  const bool first = (fragmentWord & 0x1fff) == 0;
+  const bool more = (fragmentWord & 0x2000) != 0;
+  if (first) {
+    const ParseError e =
+        parseTransport(p, ip.at + headerLen, ip.at + total, flow, out.tcpFlags, icmp);
+    if (e != ParseError::none) return e;
+  }
+  if (!first || more) {
+    FragmentTable::Key key;
+    std::memcpy(key.src.data(), o + 12, 4);
+    std::memcpy(key.dst.data(), o + 16, 4);
+    key.id = load16(o + 4);
+    key.interface = p.interface;
+    key.version = 4;
+    key.protocol = flow.protocol;
+    if (first) {
+      fragments_.portsIs(key, p.timeNs, {flow.srcPort, flow.dstPort, flow.protocol});
+    } else if (const FragmentTable::Ports* known = fragments_.ports(key, p.timeNs)) {
+      flow.srcPort = known->src;
+      flow.dstPort = known->dst;
+    }
+  }
+  keyIs(out.key4, o + 12, flow);
+  return ParseError::none;
+}
+
+ParseError PacketParser::parse6(const Packet& p, Place ip, Parsed& out) {
+  constexpr size_t headerLen = 40;
+  constexpr size_t payloadMax = 0xffff;
+  if (p.capLen - ip.at < headerLen) return lacking(p, ip.at + headerLen);
+  const uint8_t* o = p.octets + ip.at;
+  const uint32_t head = load32(o);
+  const size_t room = ip.room(p);
+  uint8_t next = o[6];
+  size_t payload = load16(o + 4);
+  if (payload == 0) {
+    // The jumbo payload option (RFC 2675), where it comes first, as it does in practice; or a
+    // packet of segmentation offload that has no room for its length. Any other is just empty.
+    if (next == hopByHop && p.capLen - ip.at >= headerLen + 8 && o[headerLen + 2] == 0xc2 &&
+        o[headerLen + 3] == 4) {
+      payload = load32(o + headerLen + 4);
+      if (payload <= payloadMax) return ParseError::malformed;
+    } else if (room > headerLen + payloadMax) {
+      payload = room - headerLen;
+    }
+  }
+  if (head >> 28 != 6 || headerLen + payload > room) return ParseError::malformed;
+
+  out.ipv6 = true;
+  out.tcpFlags = 0;
+  out.ipOctets = static_cast<uint32_t>(headerLen + payload);
+  out.flowLabel = head & 0xfffff;
+  FlowClass flow{0, 0, 0, static_cast<uint8_t>(head >> 20 & 0xff), ip.vlanId, p.interface};
+
+  FragmentTable::Key key;
+  bool first = true;
+  bool more = false;
+  const size_t end = ip.at + headerLen + payload;
+  size_t at = ip.at + headerLen;
+  for (int n = 0; first && isExtension(next); ++n) {
+    if (n == extensionsMax || end - at < 8) return ParseError::malformed;
+    if (at + 8 > p.capLen) return ParseError::truncated;
+    const uint8_t* h = p.octets + at;
+    size_t len = (size_t{h[1]} + 1) * 8;
+    if (next == authentication) len = (size_t{h[1]} + 2) * 4;
+    if (next == fragment) {
+      len = 8;
+      first = (load16(h + 2) & 0xfff8) == 0;
+      more = (h[3] & 1) != 0;
+      key.id = load32(h + 4);
+    }
+    if (end - at < len) return ParseError::malformed;
+    next = h[0];
+    at += len;
+  }
+  flow.protocol = next;
+  if (first) {
+    const ParseError e = parseTransport(p, at, end, flow, out.tcpFlags, icmp6);
+    if (e != ParseError::none) return e;
+  }
+  if (!first || more) {
+    std::memcpy(key.src.data(), o + 8, 16);
+    std::memcpy(key.dst.data(), o + 24, 16);
+    key.interface = p.interface;
+    key.version = 6;
+    if (first) {
+      fragments_.portsIs(key, p.timeNs, {flow.srcPort, flow.dstPort, flow.protocol});
+    } else if (const FragmentTable::Ports* known = fragments_.ports(key, p.timeNs)) {
+      flow.srcPort = known->src;
+      flow.dstPort = known->dst;
+      // Extension headers may have stood between the fragment header and the transport's.
+      flow.protocol = known->protocol;
+    }
+  }
+  keyIs(out.key6, o + 8, flow);
+  return ParseError::none;
+}
+
+namespace {
+// Both factors depend on the seed, so that no two keys collide for every seed.
+uint64_t mix(uint64_t a, uint64_t b) {
+  const auto product = static_cast<unsigned __int128>(a) * b;
+  return static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64);
+}
+bool within(int64_t a, int64_t b) {
+  const uint64_t apart = a > b ? static_cast<uint64_t>(a) - static_cast<uint64_t>(b)
+                               : static_cast<uint64_t>(b) - static_cast<uint64_t>(a);
+  return apart <= static_cast<uint64_t>(FragmentTable::lifetimeNs);
+}
+}  // namespace
+
+size_t FragmentTable::firstWay(const Key& key) const {
+  std::array<uint64_t, sizeof key / 8> words;
+  std::memcpy(words.data(), &key, sizeof key);
+  uint64_t h = seed_ ^ 0x9e3779b97f4a7c15;
+  for (size_t i = 0; i < words.size(); i += 2)
+    h = mix(words[i] ^ h, words[i + 1] ^ seed_ ^ 0xd6e8feb86659fd93);
+  return (h % sets) * ways;
+}
+
+void FragmentTable::portsIs(const Key& key, int64_t timeNs, const Ports& ports) {
+  Entry* const set = &entries_[firstWay(key)];
+  Entry* place = set;
+  for (Entry* e = set; e != set + ways; ++e) {
+    if (std::memcmp(&e->key, &key, sizeof key) == 0) {
+      place = e;
+      break;
+    }
+    if (place->key.version != 0 && (e->key.version == 0 || e->timeNs < place->timeNs)) place = e;
+  }
+  *place = {key, timeNs, ports};
+}
+
+const FragmentTable::Ports* FragmentTable::ports(const Key& key, int64_t timeNs) const {
+  const Entry* const set = &entries_[firstWay(key)];
+  for (const Entry* e = set; e != set + ways; ++e)
+    if (std::memcmp(&e->key, &key, sizeof key) == 0)
+      return within(e->timeNs, timeNs) ? &e->ports : nullptr;
+  return nullptr;
+}
+
+}  // namespace agent::flow
