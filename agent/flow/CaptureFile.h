@@ -1,0 +1,154 @@
+#pragma once
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "agent/flow/Packet.h"
+
+namespace agent::flow {
+
+/// The packets of a capture file, pcap or pcapng, where they lie in the mapped file.
+///
+///   CaptureFile file(path);               // throws
+///   Packet p;
+///   while (file.next(p)) ...              // p.octets lives until the next call
+///   if (!file.error().empty()) ...        // the file is damaged from there on
+///   for (auto& w : file.warnings()) ...
+///
+/// Interfaces are numbered from 1 in the order of the file, over all its sections; a pcap file has
+/// one. Times are kept between 0 and 2^62 - 1 ns, so that adding an interval overflows nothing. A
+/// packet without a time (pcapng's simple packet) has that of the packet before it.
+///
+/// The file must not be truncated by others meanwhile: the kernel would end this process with
+/// SIGBUS. What is appended after opening is not seen.
+class CaptureFile {
+ public:
+  /// Throws ErrnoException when the file cannot be opened or mapped, std::runtime_error when it is
+  /// no capture or no regular file. The text names the file, what is wrong and what would be right.
+  explicit CaptureFile(const std::string& path);
+  /// A capture in memory, which must outlive this.
+  CaptureFile(std::string name, std::span<const uint8_t> octets);
+  CaptureFile(const CaptureFile&) = delete;
+  CaptureFile& operator=(const CaptureFile&) = delete;
+
+  /// False at the end of what can be read.
+  bool next(Packet& p);
+
+  /// Why reading ended before the end of the file: name, octet offset, what was found there and
+  /// what would be right. Empty: it did not.
+  const std::string& error() const { return error_; }
+  /// What the user should know, a line each: a last packet that is not whole (the capture is still
+  /// being written, or was killed), packets of link layers that are not read.
+  std::vector<std::string> warnings() const;
+
+  size_t interfaces() const { return interfaces_.size(); }  ///< that have been seen so far
+  /// As the file has it, any octets but no NUL; empty when it has none. `n` from 1.
+  std::string_view interfaceName(uint32_t n) const;
+  /// Packets not handed out because of their link layer.
+  uint64_t skipped() const;
+
+ private:
+  struct Interface {
+    std::string name;
+    uint32_t number = 0;    // from 1
+    uint16_t linkType = 0;  // as tcpdump.org registers them
+    bool readable = false;  // it is one of `link`
+    LinkLayer link = LinkLayer::ethernet;
+    uint32_t snapLen = 0;
+    uint32_t fcsLen = 0;
+    uint64_t skipped = 0;
+    // pcapng: ns = ticks * multiplier / divisor, or ticks * 10^9 / 2^shift; then the offset.
+    uint64_t multiplier = 1000;
+    uint64_t divisor = 1;
+    int shift = -1;  // negative: the first
+    int64_t offsetNs = 0;
+    int64_t timeNs(uint64_t ticks) const;
+  };
+
+  uint32_t load32(const uint8_t* o) const {
+    uint32_t v = 0;
+    std::memcpy(&v, o, sizeof v);
+    return swap_ ? __builtin_bswap32(v) : v;
+  }
+  uint16_t load16(const uint8_t* o) const {
+    uint16_t v = 0;
+    std::memcpy(&v, o, sizeof v);
+    return swap_ ? __builtin_bswap16(v) : v;
+  }
+  static void linkIs(Interface& i, uint16_t linkType);
+  void begin();
+  void beginPcap();
+  bool nextAny(Packet& p);
+  bool nextRecord(Packet& p);
+  bool nextBlock(Packet& p);
+  void packetIs(Packet& p, const Interface& i, const uint8_t* octets, uint32_t captured,
+                uint32_t wire) const;
+  bool byteOrderIs();
+  bool sectionIs();
+  bool interfaceIs(uint32_t blockLen);
+  bool windowIs();
+  bool end();
+  bool cut();
+  bool fail(size_t at, const std::string& problem);
+
+  struct Unmap {
+    size_t len;
+    void operator()(const uint8_t* at) const noexcept;
+  };
+
+  std::string name_;
+  std::unique_ptr<const uint8_t, Unmap> mapped_;  // null of a capture in memory
+  const uint8_t* data_ = nullptr;
+  size_t size_ = 0;
+  size_t pos_ = 0;
+  size_t fastEnd_ = 0;    // pcap records that end here or before take the short way
+  size_t windowEnd_ = 0;  // up to here pages have been asked for
+  size_t released_ = 0;   // up to here they have been given back
+  bool pcapng_ = false;
+  bool swap_ = false;  // the file, or section, has the other byte order
+  bool ended_ = false;
+  uint32_t fractionNs_ = 1000;  // pcap: unit of the fraction of a second
+  uint32_t capLenMax_ = 0;
+  int64_t lastNs_ = 0;
+  size_t sectionBase_ = 0;  // interfaces of the sections before
+  std::vector<Interface> interfaces_;
+  Interface* only_ = nullptr;  // pcap
+  std::string error_;
+  std::string cut_;
+};
+
+inline void CaptureFile::packetIs(Packet& p, const Interface& i, const uint8_t* octets,
+                                  uint32_t captured, uint32_t wire) const {
+  p.octets = octets;
+  // Some writers leave the wire length 0; and the frame check sequence does not count.
+  if (wire < captured) wire = captured;
+  wire -= wire < i.fcsLen ? wire : i.fcsLen;
+  p.wireLen = wire;
+  p.capLen = captured < wire ? captured : wire;
+  p.interface = i.number;
+  p.link = i.link;
+  p.hasVlan = false;
+  p.vlanTci = 0;
+}
+
+inline bool CaptureFile::next(Packet& p) {
+  constexpr size_t headerLen = 16;
+  if (pos_ + headerLen <= fastEnd_) {
+    const uint8_t* r = data_ + pos_;
+    const uint32_t captured = load32(r + 8);
+    if (captured <= capLenMax_ && pos_ + headerLen + captured <= fastEnd_) {
+      packetIs(p, *only_, r + headerLen, captured, load32(r + 12));
+      p.timeNs = static_cast<int64_t>(uint64_t{load32(r)} * 1'000'000'000 +
+                                      uint64_t{load32(r + 4)} * fractionNs_);
+      pos_ += headerLen + captured;
+      return true;
+    }
+  }
+  return nextAny(p);
+}
+
+}  // namespace agent::flow
