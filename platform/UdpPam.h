@@ -29,7 +29,15 @@ struct UdpPamCounters {
   /// still queued when the endpoint closed; EDESTADDRREQ, no destination address or port; EBADF,
   /// out of service.
   std::map<int, uint64_t> dropByErrno;
+  uint64_t received = 0;        ///< datagrams that the receive handler was given
+  uint64_t receivedOctets = 0;  ///< their UDP payload
+  uint64_t rxDropped = 0;       ///< that found no room in the receive buffer, handler or not
 };
+
+/// Takes one datagram that arrived: its payload, which is there during the call only, and who sent
+/// it. Must not throw.
+using RxPktHandler =
+    std::function<void(std::string_view datagram, const IpGenAddr& from, uint16_t fromPort)>;
 
 /// One UDP endpoint, unconnected: every datagram carries its own addressing. Order of use:
 ///
@@ -38,6 +46,7 @@ struct UdpPamCounters {
 ///   pam->rxPort();                                            // the bound local port, never 0 now
 ///   pam->txSrcIpAddrIs(..); pam->txDstIpAddrIs(..); pam->txPortIs(..); pam->txTosIs(..);
 ///   pam->txPktIs(pkt);
+///   pam->rxPktHandlerIs(handler);                              // to hear what arrives at rxPort
 ///   pam->modeIs(UdpPam::outOfService);                         // closes; so does the destructor
 class TARN_API UdpPam : public Entity {
  public:
@@ -81,6 +90,12 @@ class TARN_API UdpPam : public Entity {
   /// other refusal drops and counts it; a datagram too large for its path is refused (EMSGSIZE),
   /// never fragmented. Never throws, never blocks.
   virtual void txPktIs(const Ptr<Pkt>& pkt) = 0;
+
+  /// While there is a handler, the loop reads what arrives and hands it over, in order, so much per
+  /// round that other work gets its turn. Without one (default; null takes it away) nothing is read
+  /// and the socket's buffer fills up. The handler may close and drop the endpoint, and replace
+  /// itself. A handler stays over closing and opening.
+  virtual void rxPktHandlerIs(RxPktHandler handler) = 0;
 
   virtual const UdpPamCounters& counters() const = 0;
 };

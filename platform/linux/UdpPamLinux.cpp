@@ -1,6 +1,7 @@
 #include "platform/linux/UdpPamLinux.h"
 
 #include <arpa/inet.h>
+#include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <string.h>
 #include <sys/epoll.h>
@@ -24,6 +25,9 @@ namespace {
 constexpr size_t batchMax = 64;    // datagrams per system call, and held back before one is made
 constexpr size_t flushMax = 1024;  // datagrams per task or handler once the socket has been full
 constexpr size_t failingMax = 256;
+constexpr size_t rxBatch = 16;            // datagrams per system call
+constexpr size_t rxCalls = 8;             // system calls per round of the loop
+constexpr size_t rxLen = 1 << 16;         // any UDP payload fits
 constexpr TaskPriority taskPriority = 2;  // the library's own
 
 std::string errnoText(int err) {
@@ -118,6 +122,35 @@ void TxSlot::fill(const Datagram& d, mmsghdr& out) {
   hdr.msg_iovlen = d.len > headLen ? 2 : 1;
 }
 
+/// Where recvmmsg puts datagrams. Pages that no datagram reached cost nothing.
+struct RxRoom {
+  RxRoom();
+  std::unique_ptr<char[]> octets{new char[rxBatch * rxLen]};
+  std::array<sockaddr_storage, rxBatch> from;
+  std::array<iovec, rxBatch> iov;
+  std::array<mmsghdr, rxBatch> msgs;
+};
+RxRoom::RxRoom() {
+  for (size_t i = 0; i < rxBatch; ++i) {
+    iov[i] = {octets.get() + i * rxLen, rxLen};
+    msgs[i] = {};
+    msgs[i].msg_hdr.msg_name = &from[i];
+    msgs[i].msg_hdr.msg_iov = &iov[i];
+    msgs[i].msg_hdr.msg_iovlen = 1;
+  }
+}
+
+Destination senderOf(const sockaddr_storage& from) {
+  if (from.ss_family == AF_INET6) {
+    const auto& v6 = reinterpret_cast<const sockaddr_in6&>(from);
+    Ip6Addr::Octets octets;
+    memcpy(octets.data(), &v6.sin6_addr, octets.size());
+    return {Ip6Addr(octets), ntohs(v6.sin6_port)};
+  }
+  const auto& v4 = reinterpret_cast<const sockaddr_in&>(from);
+  return {IpAddr(ntohl(v4.sin_addr.s_addr)), ntohs(v4.sin_port)};
+}
+
 class UdpPamLinux final : public UdpPam {
  public:
   UdpPamLinux(const std::string& name, Ptr<EventLoop> loop, TraceSink& trace,
@@ -129,6 +162,7 @@ class UdpPamLinux final : public UdpPam {
         queueMax_(std::max<size_t>(options.endpointQueueMax, 1)),
         paceBurst_(options.paceBurst),
         paceInterval_(options.paceInterval),
+        rxBufferSize_(options.rxBufferSize),
         rest_(loop_->taskScheduler()->timerTask(name + "-tx", taskPriority, [this] { flush(); })) {}
   ~UdpPamLinux() override {
     close();
@@ -162,14 +196,18 @@ class UdpPamLinux final : public UdpPam {
   void txPortIs(uint16_t port) override { txPort_ = port; }
   void txTosIs(uint8_t tos) override { tos_ = tos; }
   void txPktIs(const Ptr<Pkt>& pkt) override;
+  void rxPktHandlerIs(RxPktHandler handler) override;
 
   const UdpPamCounters& counters() const override { return counters_; }
   AttrRows attrRows() const override {
     using P = UdpPamLinux;
     static constexpr AttrRow rows[] = {
-        row<&P::name>("name"),       row<&P::fd>("fd"),         row<&P::rxPort>("rxPort"),
-        row<&P::txPrio>("txPrio"),   row<&P::sent>("sent"),     row<&P::sentOctets>("sentOctets"),
-        row<&P::dropped>("dropped"), row<&P::queued>("queued"), row<&P::queuedMax>("queuedMax")};
+        row<&P::name>("name"),           row<&P::fd>("fd"),
+        row<&P::rxPort>("rxPort"),       row<&P::txPrio>("txPrio"),
+        row<&P::sent>("sent"),           row<&P::sentOctets>("sentOctets"),
+        row<&P::dropped>("dropped"),     row<&P::queued>("queued"),
+        row<&P::queuedMax>("queuedMax"), row<&P::received>("received"),
+        row<&P::rxDropped>("rxDropped")};
     return rows;
   }
 
@@ -184,12 +222,20 @@ class UdpPamLinux final : public UdpPam {
   uint64_t dropped() const { return counters_.dropped; }
   uint64_t queued() const { return counters_.queued; }
   uint64_t queuedMax() const { return counters_.queuedMax; }
+  uint64_t received() const { return counters_.received; }
+  uint64_t rxDropped() const { return counters_.rxDropped; }
 
   void open();
   void close();
   void flushAtEndOfTask();
   void flush();
   bool sendSome();
+  void handleEvents(uint32_t events);
+  void watchWhatMatters();
+  void enlargeRxBuffer();
+  void receive();
+  bool receiveSome();
+  void countRxDrops();
   void traceLine(const std::string& text) {
     if (trace_.enabled(TraceLevel::error)) trace_.line(TraceLevel::error, name_ + ": " + text);
   }
@@ -210,6 +256,7 @@ class UdpPamLinux final : public UdpPam {
   const size_t queueMax_;
   const unsigned paceBurst_;  // 0: not paced
   const std::chrono::nanoseconds paceInterval_;
+  const int rxBufferSize_;
 
   NamespaceName netNs_;
   bool ipv6En_ = false;
@@ -241,6 +288,11 @@ class UdpPamLinux final : public UdpPam {
   UdpPamCounters counters_;
   std::map<Destination, std::map<int, Failure>> failing_;
   uint64_t overflow_ = 0;  // dropped since the queue was last empty
+
+  std::shared_ptr<const RxPktHandler> rxHandler_;  // shared with the call under way
+  std::unique_ptr<RxRoom> rxRoom_;                 // made with the first handler
+  uint32_t socketRxDrops_ = 0;                     // the kernel's count for this socket
+  uint64_t opening_ = 0;                           // tells one socket from the next
 };
 
 void UdpPamLinux::open() {
@@ -286,21 +338,35 @@ void UdpPamLinux::open() {
   if (::bind(socket.get(), reinterpret_cast<sockaddr*>(&local), len) != 0) refuse("bind");
   if (::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&local), &len) != 0)
     refuse("getsockname");
-  // Only writability is ever waited for: nobody is told to send here, and what arrives all the
-  // same stays in the kernel's bounded buffer.
-  watch_ = loop_->fdWatch(socket.get(), 0, [this](uint32_t events) {
-    int err = 0;
-    socklen_t n = sizeof err;
-    if (events & EPOLLERR) ::getsockopt(socket_.get(), SOL_SOCKET, SO_ERROR, &err, &n);
-    if (!(events & EPOLLOUT)) return;
-    full_ = false;
-    watch_->eventsIs(0);
-    flush();
-  });
+  // Without a receive handler nobody is told to send here, and what arrives all the same stays in
+  // the kernel's bounded buffer.
+  watch_ = loop_->fdWatch(socket.get(), 0, [this](uint32_t events) { handleEvents(events); });
   boundPort_ = ntohs(ipv6En_ ? local.v6.sin6_port : local.v4.sin_port);
   socketIpv6_ = ipv6En_;
   socketTos_ = 0;
   socket_ = std::move(socket);
+  socketRxDrops_ = 0;
+  ++opening_;
+  if (rxHandler_) enlargeRxBuffer();
+  watchWhatMatters();
+}
+
+void UdpPamLinux::watchWhatMatters() {
+  if (!watch_) return;
+  watch_->eventsIs((full_ ? uint32_t{EPOLLOUT} : 0u) | (rxHandler_ ? uint32_t{EPOLLIN} : 0u));
+}
+
+void UdpPamLinux::handleEvents(uint32_t events) {
+  const Ptr<UdpPamLinux> hold(this);  // the receive handler may drop the endpoint
+  int err = 0;
+  socklen_t n = sizeof err;
+  if (events & EPOLLERR) ::getsockopt(socket_.get(), SOL_SOCKET, SO_ERROR, &err, &n);
+  if (events & EPOLLOUT) {
+    full_ = false;
+    watchWhatMatters();
+    flush();
+  }
+  if (events & EPOLLIN) receive();
 }
 
 void UdpPamLinux::close() {
@@ -315,6 +381,7 @@ void UdpPamLinux::close() {
     popFront();
   }
   rest_->stop();
+  countRxDrops();
   watch_ = nullptr;
   socket_.close();
   full_ = false;
@@ -398,7 +465,7 @@ bool UdpPamLinux::sendSome() {
   if (err == EINTR) return true;
   if (err == EAGAIN || err == EWOULDBLOCK) {
     full_ = true;
-    watch_->eventsIs(EPOLLOUT);
+    watchWhatMatters();
     return false;
   }
   const Datagram d = std::move(queue_.front());
@@ -466,6 +533,63 @@ void UdpPamLinux::refused(const Datagram& d, int err) {
   if (err == EMSGSIZE) failure.minLen = first ? d.len : std::min(failure.minLen, d.len);
   ++failure.count;
   if (first) traceLine("sending fails: " + errnoText(err) + ", to " + d.dst.stringValue());
+}
+
+void UdpPamLinux::rxPktHandlerIs(RxPktHandler handler) {
+  rxHandler_ = handler ? std::make_shared<const RxPktHandler>(std::move(handler)) : nullptr;
+  if (rxHandler_ && !rxRoom_) rxRoom_ = std::make_unique<RxRoom>();
+  if (rxHandler_ && socket_) enlargeRxBuffer();
+  watchWhatMatters();
+}
+
+void UdpPamLinux::enlargeRxBuffer() {
+  const int size = rxBufferSize_;
+  if (::setsockopt(socket_.get(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0)
+    ::setsockopt(socket_.get(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+}
+
+/// What does not fit into the round's share is heard of again in the next round.
+void UdpPamLinux::receive() {
+  for (size_t calls = 0; calls < rxCalls && receiveSome(); ++calls) {
+  }
+  countRxDrops();
+}
+
+/// Hands on what one call reads. False: nothing is left, or the socket is closed or another one.
+bool UdpPamLinux::receiveSome() {
+  if (!rxHandler_ || !socket_) return false;
+  const uint64_t opening = opening_;
+  RxRoom& room = *rxRoom_;
+  for (auto& m : room.msgs) m.msg_hdr.msg_namelen = sizeof(sockaddr_storage);
+  const int n = ::recvmmsg(socket_.get(), room.msgs.data(), rxBatch, MSG_DONTWAIT, nullptr);
+  if (n < 0) return errno == EINTR;
+  for (int i = 0; i < n; ++i) {
+    // The handler may have been replaced, the socket closed, or the endpoint dropped: then the only
+    // reference is the one that `handleEvents` holds.
+    const auto handler = rxHandler_;
+    if (!handler || !socket_ || opening_ != opening || refs() == 1) return false;
+    const auto at = static_cast<size_t>(i);
+    const std::string_view octets(room.octets.get() + at * rxLen, room.msgs[at].msg_len);
+    const Destination sender = senderOf(room.from[at]);
+    ++counters_.received;
+    counters_.receivedOctets += octets.size();
+    (*handler)(octets, sender.addr, sender.port);
+  }
+  return static_cast<size_t>(n) == rxBatch;
+}
+
+/// The kernel's own count is up to date at any time; the one it can attach to datagrams
+/// (SO_RXQ_OVFL) leaves out what was dropped behind the last that is read.
+void UdpPamLinux::countRxDrops() {
+  if (!rxRoom_ || !socket_) return;
+  std::array<uint32_t, SK_MEMINFO_VARS> info{};
+  socklen_t len = sizeof info;
+  if (::getsockopt(socket_.get(), SOL_SOCKET, SO_MEMINFO, info.data(), &len) != 0) return;
+  const uint32_t drops = info[SK_MEMINFO_DROPS];
+  if (drops != socketRxDrops_ && counters_.rxDropped == 0)
+    traceLine("the receive buffer is full: datagrams are lost");
+  counters_.rxDropped += drops - socketRxDrops_;  // modulo 2^32
+  socketRxDrops_ = drops;
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <deque>
 #include <set>
 
 #include "platform/Assert.h"
@@ -15,6 +16,9 @@ namespace {
 using Time = TimerQueue::Time;
 constexpr uint16_t firstEphemeralPort = 40000;
 constexpr int firstFd = 1000;                // no descriptor: only something to show
+constexpr size_t rxQueueMax = 1000;          // datagrams that wait to be read
+constexpr size_t rxPerRound = 128;           // datagrams that one round hands over
+constexpr TaskPriority rxPriority = 0;       // descriptors come before tasks
 constexpr unsigned runsPerInstant = 100000;  // more in one moment is a task that never waits
 
 class SimPam;
@@ -59,13 +63,16 @@ class SimPlatformImpl final : public SimPlatform, private TimerQueue::Host {
 
  private:
   friend class SimPam;
-  /// Where a socket is bound: two endpoints cannot share one.
+  /// Where a socket is bound: two endpoints cannot share one, nor have the same port when one of
+  /// them is bound to any address.
   struct Binding {
     std::string ns;
-    bool ipv6 = false;
     uint16_t port = 0;
+    IpGenAddr addr;  // never without family
     auto operator<=>(const Binding&) const = default;
+    bool any() const { return addr.isIpv6() ? addr.ip6Addr().isZero() : addr.ipAddr().isZero(); }
   };
+  bool taken(const Binding& b) const;
   struct Root final : TaskSchedulerRoot {
     explicit Root(Ptr<TaskScheduler> s) : scheduler(std::move(s)) {}
     Ptr<TaskScheduler> taskScheduler() const override { return scheduler; }
@@ -110,7 +117,7 @@ class SimPlatformImpl final : public SimPlatform, private TimerQueue::Host {
   Trace trace_;
   Log log_;
   std::set<std::string> namespaces_;
-  std::set<Binding> bound_;
+  std::map<Binding, SimPam*> bound_;
   uint16_t nextPort_ = firstEphemeralPort;
   int nextFd_ = firstFd;
   int openError_ = 0;
@@ -122,7 +129,9 @@ class SimPlatformImpl final : public SimPlatform, private TimerQueue::Host {
 class SimPam final : public UdpPam {
  public:
   SimPam(SimPlatformImpl& platform, std::string name)
-      : platform_(platform), name_(std::move(name)) {}
+      : platform_(platform),
+        name_(std::move(name)),
+        rxTask_(platform_.scheduler()->timerTask(name_ + "-rx", rxPriority, [this] { read(); })) {}
   ~SimPam() override { modeIs(outOfService); }
 
   const std::string& name() const override { return name_; }
@@ -145,9 +154,24 @@ class SimPam final : public UdpPam {
   void txPortIs(uint16_t port) override { txPort_ = port; }
   void txTosIs(uint8_t tos) override { tos_ = tos; }
   void txPktIs(const Ptr<Pkt>& pkt) override;
+  void rxPktHandlerIs(RxPktHandler handler) override {
+    rxHandler_ = std::move(handler);
+    readSoon();
+  }
   const UdpPamCounters& counters() const override { return counters_; }
 
  private:
+  struct Arrived {
+    std::string octets;
+    IpGenAddr from;
+    uint16_t fromPort;
+  };
+  void deliver(const SimDatagram& d) const;
+  void readSoon() {
+    if (rxHandler_ && !arrived_.empty()) rxTask_->scheduleLowestIs(Seconds(0));
+  }
+  void read();
+
   SimPlatformImpl& platform_;
   const std::string name_;
   NamespaceName netNs_;
@@ -158,7 +182,6 @@ class SimPam final : public UdpPam {
   uint16_t rxPort_ = 0;
   int fd_ = -1;
   SimPlatformImpl::Binding bound_;
-  IpGenAddr boundAddr_;
   IpAddr src4_;
   Ip6Addr src6_;
   IpAddr dst4_;
@@ -166,12 +189,24 @@ class SimPam final : public UdpPam {
   uint16_t txPort_ = 0;
   uint8_t tos_ = 0;
   UdpPamCounters counters_;
+  RxPktHandler rxHandler_;
+  std::deque<Arrived> arrived_;
+  std::unique_ptr<TimerTask> rxTask_;
 };
+
+bool SimPlatformImpl::taken(const Binding& b) const {
+  return std::any_of(bound_.begin(), bound_.end(), [&](const auto& other) {
+    const Binding& o = other.first;
+    return o.ns == b.ns && o.port == b.port && o.addr.isIpv6() == b.addr.isIpv6() &&
+           (o.addr == b.addr || o.any() || b.any());
+  });
+}
 
 void SimPam::modeIs(Mode mode) {
   if (mode == this->mode()) return;
   if (mode == outOfService) {
     platform_.bound_.erase(bound_);
+    arrived_.clear();
     fd_ = -1;
     return;
   }
@@ -179,22 +214,22 @@ void SimPam::modeIs(Mode mode) {
   if (platform_.openError_ != 0) throw ErrnoException(platform_.openError_, name_ + ": socket");
   if (!ns.empty() && !platform_.namespaces_.contains(ns))
     throw ErrnoException(ENOENT, "network namespace " + ns);
-  SimPlatformImpl::Binding binding{ns, ipv6En_, rxPort_};
+  SimPlatformImpl::Binding binding{ns, rxPort_, ipv6En_ ? IpGenAddr(rx6_) : IpGenAddr(rx4_)};
   if (rxPort_ == 0) {
     do {
       binding.port = platform_.nextPort_++;
       if (platform_.nextPort_ == 0) platform_.nextPort_ = firstEphemeralPort;
-    } while (platform_.bound_.contains(binding));
+    } while (platform_.taken(binding));
   }
-  if (!platform_.bound_.insert(binding).second) throw ErrnoException(EADDRINUSE, name_ + ": bind");
+  if (platform_.taken(binding)) throw ErrnoException(EADDRINUSE, name_ + ": bind");
+  platform_.bound_.emplace(binding, this);
   bound_ = binding;
-  boundAddr_ = ipv6En_ ? IpGenAddr(rx6_) : IpGenAddr(rx4_);
   fd_ = platform_.nextFd_++;
 }
 
 void SimPam::txPktIs(const Ptr<Pkt>& pkt) {
   int err = platform_.sendError_;
-  if (txPort_ == 0 || (bound_.ipv6 ? dst6_.isZero() : dst4_.isZero())) err = EDESTADDRREQ;
+  if (txPort_ == 0 || (bound_.addr.isIpv6() ? dst6_.isZero() : dst4_.isZero())) err = EDESTADDRREQ;
   if (fd_ < 0) err = EBADF;
   if (err != 0) {
     ++counters_.dropped;
@@ -204,16 +239,45 @@ void SimPam::txPktIs(const Ptr<Pkt>& pkt) {
   ++counters_.sent;
   counters_.sentOctets += pkt->bytes();
   SimDatagram d{.endpoint = name_,
-                .src = bound_.ipv6 ? IpGenAddr(src6_) : IpGenAddr(src4_),
-                .dst = bound_.ipv6 ? IpGenAddr(dst6_) : IpGenAddr(dst4_),
+                .src = bound_.addr.isIpv6() ? IpGenAddr(src6_) : IpGenAddr(src4_),
+                .dst = bound_.addr.isIpv6() ? IpGenAddr(dst6_) : IpGenAddr(dst4_),
                 .srcPort = bound_.port,
                 .dstPort = txPort_,
                 .tos = tos_,
                 .time = platform_.clock().now(),
                 .octets = {pkt->octets().begin(), pkt->octets().end()}};
-  if (bound_.ipv6 ? src6_.isZero() : src4_.isZero()) d.src = boundAddr_;
+  if (bound_.addr.isIpv6() ? src6_.isZero() : src4_.isZero()) d.src = bound_.addr;
+  deliver(d);
   platform_.shared_.push_back({pkt, d.octets});
   platform_.sent_.push_back(std::move(d));
+}
+
+void SimPam::deliver(const SimDatagram& d) const {
+  for (const auto& [binding, pam] : platform_.bound_) {
+    if (binding.ns != bound_.ns || binding.port != d.dstPort ||
+        binding.addr.isIpv6() != d.dst.isIpv6() || (!binding.any() && binding.addr != d.dst))
+      continue;
+    if (pam->arrived_.size() >= rxQueueMax) {
+      ++pam->counters_.rxDropped;
+    } else {
+      pam->arrived_.push_back({{d.octets.begin(), d.octets.end()}, d.src, d.srcPort});
+      pam->readSoon();
+    }
+    return;
+  }
+}
+
+void SimPam::read() {
+  const Ptr<SimPam> hold(this);
+  for (size_t n = 0; n < rxPerRound && rxHandler_ && !arrived_.empty() && refs() > 1; ++n) {
+    const Arrived a = std::move(arrived_.front());
+    arrived_.pop_front();
+    ++counters_.received;
+    counters_.receivedOctets += a.octets.size();
+    const RxPktHandler handler = rxHandler_;  // it may replace itself
+    handler(a.octets, a.from, a.fromPort);
+  }
+  readSoon();
 }
 
 Ptr<UdpPam> SimPlatformImpl::udpPam(const std::string& name) {

@@ -267,6 +267,175 @@ TEST_P(Endpoint, ANamespaceThatIsNotThereIsAnError) {
   EXPECT_EQ(host->received(1).size(), 1u) << "a new family waits for the next opening";
 }
 
+/// Sends numbered datagrams of `len` octets to one place.
+class EndpointRx : public Endpoint {
+ protected:
+  void send(UdpPam& pam, uint16_t port, int n, uint32_t len = 64, int to = 1) {
+    if (ipv6) {
+      pam.txSrcIp6AddrIs(source(2).ip6Addr());
+      pam.txDstIp6AddrIs(source(to).ip6Addr());
+    } else {
+      pam.txSrcIpAddrIs(source(2).ipAddr());
+      pam.txDstIpAddrIs(source(to).ipAddr());
+    }
+    pam.txPortIs(port);
+    auto pkt = packet(len);
+    if (len >= sizeof n) std::memcpy(pkt->at(0, sizeof n), &n, sizeof n);
+    pam.txPktIs(pkt);
+  }
+  Ptr<UdpPam> listening(int at, uint16_t port = 0) {
+    auto pam = endpoint();
+    if (at > 0 && ipv6) pam->rxIp6AddrIs(source(at).ip6Addr());
+    if (at > 0 && !ipv6) pam->rxIpAddrIs(source(at).ipAddr());
+    pam->rxPortIs(port);
+    pam->modeIs(UdpPam::inService);
+    return pam;
+  }
+  static int number(std::string_view octets) {
+    int n = -1;
+    if (octets.size() >= sizeof n) std::memcpy(&n, octets.data(), sizeof n);
+    return n;
+  }
+  /// Lets time pass until `done`; false when that takes too long.
+  bool until(const std::function<bool()>& done) {
+    for (int i = 0; i < 3000; ++i) {
+      if (done()) return true;
+      host->pass(1ms);
+    }
+    return false;
+  }
+  /// Time enough for what would arrive.
+  void settle() { host->pass(20ms); }
+
+  std::vector<int> got;
+  RxPktHandler note = [this](std::string_view octets, const IpGenAddr&, uint16_t) {
+    got.push_back(number(octets));
+  };
+};
+
+TEST_P(EndpointRx, HandsOnWhatArrivesWithItsSender) {
+  auto from = opened();
+  auto to = listening(1);
+  struct Datagram {
+    std::string octets;
+    IpGenAddr addr;
+    uint16_t port;
+  };
+  std::vector<Datagram> all;
+  to->rxPktHandlerIs([&](std::string_view octets, const IpGenAddr& addr, uint16_t port) {
+    all.push_back({std::string(octets), addr, port});
+  });
+  const std::vector<uint32_t> lens = {0, 1, 64, 1400, 60000};
+  for (const uint32_t len : lens) send(*from, to->rxPort(), 7, len);
+  EXPECT_TRUE(all.empty()) << "only from the loop";
+  ASSERT_TRUE(until([&] { return all.size() >= lens.size(); }));
+  settle();
+  ASSERT_EQ(all.size(), lens.size());
+  uint64_t octets = 0;
+  for (size_t i = 0; i < lens.size(); ++i) {
+    EXPECT_EQ(all[i].octets.size(), lens[i]);
+    EXPECT_EQ(all[i].addr, source(2));
+    EXPECT_EQ(all[i].port, from->rxPort());
+    for (size_t at = 4; at < lens[i]; ++at)
+      ASSERT_EQ(static_cast<uint8_t>(all[i].octets[at]), at & 255);
+    octets += lens[i];
+  }
+  EXPECT_EQ(to->counters().received, lens.size());
+  EXPECT_EQ(to->counters().receivedOctets, octets);
+  EXPECT_EQ(to->counters().rxDropped, 0u);
+  EXPECT_EQ(from->counters().received, 0u);
+}
+
+TEST_P(EndpointRx, ReadsOnlyWhileThereIsAHandler) {
+  auto from = opened();
+  auto to = listening(0);
+  send(*from, to->rxPort(), 1);
+  settle();
+  EXPECT_EQ(to->counters().received, 0u);
+  to->rxPktHandlerIs(note);
+  ASSERT_TRUE(until([&] { return got.size() == 1; })) << "what waits is read then";
+  to->rxPktHandlerIs(nullptr);
+  send(*from, to->rxPort(), 2);
+  settle();
+  EXPECT_EQ(got, std::vector<int>{1});
+  // Closing forgets what waits; the handler stays.
+  to->rxPktHandlerIs(note);
+  to->rxPortIs(to->rxPort());
+  to->modeIs(UdpPam::outOfService);
+  to->modeIs(UdpPam::inService);
+  send(*from, to->rxPort(), 3);
+  ASSERT_TRUE(until([&] { return got.size() == 2; }));
+  settle();
+  EXPECT_EQ(got, (std::vector<int>{1, 3}));
+}
+
+TEST_P(EndpointRx, AnAddressOfItsOwnHearsOnlyWhatIsSentThere) {
+  auto from = opened();
+  auto one = listening(1);
+  auto two = listening(2, one->rxPort());
+  EXPECT_EQ(errorOf([&] { listening(2, one->rxPort()); }), EADDRINUSE);
+  EXPECT_EQ(errorOf([&] { listening(0, one->rxPort()); }), EADDRINUSE);
+  one->rxPktHandlerIs(note);
+  int atTwo = 0;
+  two->rxPktHandlerIs([&](std::string_view, const IpGenAddr&, uint16_t) { ++atTwo; });
+  send(*from, one->rxPort(), 1, 64, 1);
+  send(*from, one->rxPort(), 2, 64, 2);
+  send(*from, one->rxPort(), 3, 64, 1);
+  ASSERT_TRUE(until([&] { return got.size() == 2 && atTwo == 1; }));
+  settle();
+  EXPECT_EQ(got, (std::vector<int>{1, 3}));
+  EXPECT_EQ(atTwo, 1);
+}
+
+TEST_P(EndpointRx, ABurstIsReadWholeAndInOrderWhileTasksRun) {
+  constexpr int n = 900;
+  auto from = opened();
+  auto to = listening(1);
+  size_t atTask = 0;
+  auto task = host->scheduler()->timerTask("other", 2, [&] { atTask = got.size(); });
+  to->rxPktHandlerIs([&](std::string_view octets, const IpGenAddr&, uint16_t) {
+    got.push_back(number(octets));
+    if (got.size() == 1) task->scheduleIs(0s);
+  });
+  for (int i = 0; i < n; ++i) send(*from, to->rxPort(), i);
+  ASSERT_TRUE(until([&] { return got.size() >= n; }));
+  settle();
+  std::vector<int> want(n);
+  std::iota(want.begin(), want.end(), 0);
+  EXPECT_EQ(got, want);
+  EXPECT_GT(atTask, 0u);
+  EXPECT_LT(atTask, static_cast<size_t>(n)) << "the burst held everything else up";
+}
+
+TEST_P(EndpointRx, TheHandlerMayChangeOrEndItself) {
+  auto from = opened();
+  auto to = listening(1);
+  to->rxPktHandlerIs([&](std::string_view octets, const IpGenAddr&, uint16_t) {
+    got.push_back(number(octets));
+    if (got.size() == 3) to->rxPktHandlerIs(note);
+  });
+  for (int i = 0; i < 6; ++i) send(*from, to->rxPort(), i);
+  ASSERT_TRUE(until([&] { return got.size() == 6; })) << "a new handler hears the rest";
+  EXPECT_EQ(got, (std::vector<int>{0, 1, 2, 3, 4, 5}));
+
+  enum { unset, close, drop };
+  for (const int what : {unset, close, drop}) {
+    SCOPED_TRACE(what);
+    got.clear();
+    Ptr<UdpPam> victim = listening(1);
+    victim->rxPktHandlerIs([&, what](std::string_view octets, const IpGenAddr&, uint16_t) {
+      got.push_back(number(octets));
+      if (what == unset) victim->rxPktHandlerIs(nullptr);
+      if (what == close) victim->modeIs(UdpPam::outOfService);
+      if (what == drop) victim = nullptr;
+    });
+    const uint16_t port = victim->rxPort();
+    for (int i = 0; i < 6; ++i) send(*from, port, i);
+    settle();
+    EXPECT_EQ(got, std::vector<int>{0});
+  }
+}
+
 std::vector<Kind> kinds() {
   std::vector<Kind> all;
   for (const HostKind& h : hostKinds)
@@ -274,6 +443,9 @@ std::vector<Kind> kinds() {
   return all;
 }
 INSTANTIATE_TEST_SUITE_P(On, Endpoint, testing::ValuesIn(kinds()),
+                         [](const auto& info) { return testing::PrintToString(info.param); });
+
+INSTANTIATE_TEST_SUITE_P(On, EndpointRx, testing::ValuesIn(kinds()),
                          [](const auto& info) { return testing::PrintToString(info.param); });
 
 }  // namespace

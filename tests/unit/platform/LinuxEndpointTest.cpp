@@ -110,6 +110,26 @@ TEST_P(LinuxEndpoint, ALongQueueLeavesAtThePaceAndInOrder) {
   EXPECT_EQ(pam->counters().sent, 200u);
 }
 
+TEST_P(LinuxEndpoint, CountsWhatTheReceiveBufferDropped) {
+  make({.netnsDir = {}, .paceBurst = 0, .rxBufferSize = 20000});
+  auto from = opened("from");
+  auto to = opened("to");
+  uint64_t got = 0;
+  to->rxPktHandlerIs([&](std::string_view, const IpGenAddr&, uint16_t) { ++got; });
+  for (uint64_t round = 1; round <= 3; ++round) {
+    for (int i = 0; i < 300; ++i) send(*from, local, to->rxPort(), 1000, i);
+    for (int n = 0; n < 100 && got + to->counters().rxDropped < 300 * round; ++n)
+      loop->runOnce(10ms);
+    EXPECT_EQ(got + to->counters().rxDropped, 300 * round);
+  }
+  EXPECT_GT(to->counters().rxDropped, 300u);
+  EXPECT_GT(got, 3u);
+  EXPECT_EQ(to->counters().received, got);
+  int told = 0;
+  for (const auto& line : trace.all) told += line.find("receive buffer") != line.npos ? 1 : 0;
+  EXPECT_EQ(told, 1);
+}
+
 TEST_P(LinuxEndpoint, RefusalsWithinThePaceStallNothing) {
   make({.netnsDir = {}, .paceBurst = 32, .paceInterval = 20ms});
   auto pam = opened("pam");
