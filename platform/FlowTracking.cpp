@@ -2,6 +2,12 @@
 
 namespace FlowTracking {
 
+AttrRows Config::attrRows() const {
+  static constexpr AttrRow rows[] = {row<&Config::swExport, &Config::swExportIs>("swExport")};
+  return rows;
+}
+Ptr<Config> configFactory() { return Ptr<Config>::adopt(new Config); }
+
 AttrRows ConfigReq::attrRows() const {
   static constexpr AttrRow rows[] = {
       row<&ConfigReq::clearCounters, &ConfigReq::clearCountersIs>("clearCounters")};

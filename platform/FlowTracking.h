@@ -9,6 +9,25 @@ inline std::string toText(FlowTrackingType t) {
   return t == FlowTrackingType::software ? "software" : "hardware";
 }
 
+/// How the agent tracks flows.
+class TARN_API Config final : public Entity {
+ public:
+  class TARN_API Watcher : public EntityWatcher<Config> {
+   public:
+    using EntityWatcher::EntityWatcher;
+    virtual void handleSwExport() {}
+  };
+  /// Records are exported by this agent's software, whoever tracks: trackers have local collectors.
+  bool swExport() const { return swExport_; }
+  void swExportIs(bool v) { set(swExport_, v, &Watcher::handleSwExport); }
+
+  AttrRows attrRows() const override;
+
+ private:
+  bool swExport_ = false;
+};
+TARN_API Ptr<Config> configFactory();
+
 /// Requests of the operator to the library.
 class TARN_API ConfigReq final : public Entity {
  public:

@@ -25,6 +25,24 @@ Ptr<ExporterConfig> exporterConfigFactory(const std::string& name) {
   return Ptr<ExporterConfig>::adopt(new ExporterConfig(name));
 }
 
+AttrRows LocalCollectorConfig::attrRows() const {
+  using L = LocalCollectorConfig;
+  static constexpr AttrRow rows[] = {
+      row<&L::expName, &L::expNameIs>("expName"),
+      row<&L::vrfName, &L::vrfNameIs>("vrfName"),
+      row<&L::srcIp, &L::srcIpIs>("srcIp"),
+      row<&L::srcPort, &L::srcPortIs>("srcPort"),
+      row<&L::destIp, &L::destIpIs>("destIp"),
+      row<&L::destPort, &L::destPortIs>("destPort"),
+      row<&L::dscpValue, &L::dscpValueIs>("dscpValue"),
+      row<&L::exporterReady, &L::exporterReadyIs>("exporterReady"),
+  };
+  return rows;
+}
+Ptr<LocalCollectorConfig> localCollectorConfigFactory() {
+  return Ptr<LocalCollectorConfig>::adopt(new LocalCollectorConfig);
+}
+
 namespace {
 using ExpConfigMap = const std::map<std::string, Ptr<ExporterConfig>>& (FtConfig::*)() const;
 using FtConfigMap = const std::map<std::string, Ptr<FtConfig>>& (Config::*)() const;
@@ -38,6 +56,8 @@ AttrRows FtConfig::attrRows() const {
       row<&FtConfig::ftName>("ftName"),
       row<&FtConfig::ftId>("ftId"),
       row<&FtConfig::activeInterval, &FtConfig::activeIntervalIs>("activeInterval"),
+      row<&FtConfig::localPort, &FtConfig::localPortIs>("localPort"),
+      childRow<&FtConfig::localCollectorConfig>("localCollectorConfig"),
       mapRow<static_cast<ExpConfigMap>(&FtConfig::expConfig)>("expConfig"),
   };
   return rows;

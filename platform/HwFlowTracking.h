@@ -101,6 +101,57 @@ class TARN_API ExporterConfig final : public Entity {
 };
 TARN_API Ptr<ExporterConfig> exporterConfigFactory(const std::string& name);
 
+/// Where the tracking side sends its records: the local collector of one tracker, on the address of
+/// one of its exporters. Written by the library; all of it holds while `exporterReady` is true.
+class TARN_API LocalCollectorConfig final : public Entity {
+ public:
+  class TARN_API Watcher : public EntityWatcher<LocalCollectorConfig> {
+   public:
+    using EntityWatcher::EntityWatcher;
+    virtual void handleExpName() {}
+    virtual void handleVrfName() {}
+    virtual void handleSrcIp() {}
+    virtual void handleSrcPort() {}
+    virtual void handleDestIp() {}
+    virtual void handleDestPort() {}
+    virtual void handleDscpValue() {}
+    virtual void handleExporterReady() {}
+  };
+  /// The exporter whose address it is; empty while there is none.
+  const std::string& expName() const { return expName_; }
+  void expNameIs(const std::string& v) { set(expName_, v, &Watcher::handleExpName); }
+  const VrfName& vrfName() const { return vrfName_; }
+  void vrfNameIs(const VrfName& v) { set(vrfName_, v, &Watcher::handleVrfName); }
+  /// The endpoint's address and port, in both places.
+  const IpGenAddr& srcIp() const { return srcIp_; }
+  void srcIpIs(const IpGenAddr& v) { set(srcIp_, v, &Watcher::handleSrcIp); }
+  uint16_t srcPort() const { return srcPort_; }
+  void srcPortIs(uint16_t v) { set(srcPort_, v, &Watcher::handleSrcPort); }
+  /// Where records are to be sent; no address while the local collector does not listen.
+  const IpGenAddr& destIp() const { return destIp_; }
+  void destIpIs(const IpGenAddr& v) { set(destIp_, v, &Watcher::handleDestIp); }
+  uint16_t destPort() const { return destPort_; }
+  void destPortIs(uint16_t v) { set(destPort_, v, &Watcher::handleDestPort); }
+  DscpValue dscpValue() const { return dscpValue_; }
+  void dscpValueIs(DscpValue v) { set(dscpValue_, v, &Watcher::handleDscpValue); }
+  /// The local collector listens there.
+  bool exporterReady() const { return exporterReady_; }
+  void exporterReadyIs(bool v) { set(exporterReady_, v, &Watcher::handleExporterReady); }
+
+  AttrRows attrRows() const override;
+
+ private:
+  std::string expName_;
+  VrfName vrfName_{std::string(defaultVrf)};
+  IpGenAddr srcIp_;
+  uint16_t srcPort_ = 0;
+  IpGenAddr destIp_;
+  uint16_t destPort_ = 0;
+  DscpValue dscpValue_;
+  bool exporterReady_ = false;
+};
+TARN_API Ptr<LocalCollectorConfig> localCollectorConfigFactory();
+
 /// One flow tracker: its identity, its time-outs and its exporters.
 class TARN_API FtConfig final : public Entity {
  public:
@@ -108,6 +159,7 @@ class TARN_API FtConfig final : public Entity {
    public:
     using EntityWatcher::EntityWatcher;
     virtual void handleActiveInterval() {}
+    virtual void handleLocalPort() {}
     virtual void handleExpConfig(const std::string& /*exporterName*/) {}
   };
 
@@ -117,6 +169,11 @@ class TARN_API FtConfig final : public Entity {
   /// Milliseconds: how often a long flow, and every options table, is reported.
   uint32_t activeInterval() const { return activeInterval_; }
   void activeIntervalIs(uint32_t ms) { set(activeInterval_, ms, &Watcher::handleActiveInterval); }
+  /// The UDP port of the local collector; 0: the kernel chooses.
+  uint16_t localPort() const { return localPort_; }
+  void localPortIs(uint16_t v) { set(localPort_, v, &Watcher::handleLocalPort); }
+  /// Where this tracker's local collector is; never null.
+  const Ptr<LocalCollectorConfig>& localCollectorConfig() const { return localCollectorConfig_; }
   const std::map<std::string, Ptr<ExporterConfig>>& expConfig() const { return expConfig_; }
   Ptr<ExporterConfig> expConfig(const std::string& name) const { return find(expConfig_, name); }
   void expConfigIs(Ptr<ExporterConfig> config) {
@@ -131,6 +188,8 @@ class TARN_API FtConfig final : public Entity {
   std::string ftName_;
   FlowTracking::FtId ftId_;
   uint32_t activeInterval_ = 300000;
+  uint16_t localPort_ = 0;
+  Ptr<LocalCollectorConfig> localCollectorConfig_ = localCollectorConfigFactory();
   std::map<std::string, Ptr<ExporterConfig>> expConfig_;
 };
 TARN_API Ptr<FtConfig> ftConfigFactory(const std::string& name, FlowTracking::FtId ftId);

@@ -1,0 +1,292 @@
+// The local collector's endpoint and what the tracking side is told of it, on virtual time.
+#include "Ipfix/LocalCollectorConfigSm.h"
+
+#include <cerrno>
+
+#include "Tree.h"
+
+namespace FlowTracking {
+namespace {
+
+class LocalCollectorTest : public testing::Test {
+ protected:
+  LocalCollectorTest() {
+    Platform::install(sim.get());
+    config->swExportIs(true);
+    tracker->localPortIs(4739);
+  }
+  ~LocalCollectorTest() override {
+    sm = nullptr;
+    EXPECT_EQ(sim->openEndpoints(), 0u);
+    Platform::install(nullptr);
+  }
+  void make() {
+    sm = localCollectorConfigSmFactory("ft1", config, tracker, pams, vrfs, sim->scheduler());
+  }
+  Ptr<HwFlowTracking::ExporterConfig> exporter(const std::string& name, IpAddr src = {}) {
+    auto e = HwFlowTracking::exporterConfigFactory(name);
+    e->srcIpAddrIs(src);
+    tracker->expConfigIs(e);
+    return e;
+  }
+  const HwFlowTracking::LocalCollectorConfig& told() const {
+    return *tracker->localCollectorConfig();
+  }
+  /// "exporter vrf address:port dscp", or "not ready".
+  std::string where() const {
+    const auto& t = told();
+    const bool open = pams->udpPam4Ready() || pams->udpPam6Ready();
+    EXPECT_EQ(open, t.exporterReady());
+    if (!t.exporterReady()) {
+      EXPECT_EQ(t.expName() + t.destIp().stringValue(), "");
+      EXPECT_EQ(t.dscpValue().value(), 0);
+      EXPECT_FALSE(pams->udpPam4() || pams->udpPam6());
+      return "not ready";
+    }
+    const auto& pam = pams->udpPam4() ? pams->udpPam4() : pams->udpPam6();
+    EXPECT_NE(bool{pams->udpPam4()}, bool{pams->udpPam6()}) << "one family at a time";
+    EXPECT_EQ(pam->mode(), UdpPam::inService);
+    EXPECT_EQ(pam->rxPort(), t.destPort());
+    EXPECT_EQ(t.srcIp(), t.destIp());
+    EXPECT_EQ(t.srcPort(), t.destPort());
+    return t.expName() + ' ' + t.vrfName().stringValue() + ' ' + t.destIp().stringValue() + ':' +
+           std::to_string(t.destPort()) + ' ' + t.dscpValue().stringValue();
+  }
+  std::vector<std::string> traced(const std::string& part) {
+    std::vector<std::string> lines;
+    for (auto& line : sim->takeTrace())
+      if (line.find(part) != line.npos) lines.push_back(line);
+    return lines;
+  }
+
+  std::unique_ptr<SimPlatform> sim = simPlatform();
+  Ptr<Config> config = configFactory();
+  Ptr<HwFlowTracking::FtConfig> tracker = HwFlowTracking::ftConfigFactory("ft1", 7);
+  Ptr<LocalCollectorPams> pams = localCollectorPamsFactory("ft1");
+  Ptr<Ip::AllVrfStatusLocal> vrfs = Ip::allVrfStatusLocalFactory();
+  Ptr<LocalCollectorConfigSm> sm;
+};
+
+TEST_F(LocalCollectorTest, ListensOnTheExportersAddressAndFollowsIt) {
+  auto e = exporter("exp1", source4);
+  e->dscpIs(DscpValue(46));
+  make();
+  EXPECT_TRUE(sm->initialized());
+  EXPECT_EQ(where(), "exp1 default 192.0.2.1:4739 46");
+  EXPECT_EQ(pams->udpPam4()->name(), "StftPam4-exp1");
+  const auto first = pams->udpPam4();
+  e->dscpIs(DscpValue(10));
+  e->exporter4ReadyIs(true);
+  e->srcIp6AddrIs(source6);
+  EXPECT_EQ(where(), "exp1 default 192.0.2.1:4739 10");
+  EXPECT_EQ(pams->udpPam4(), first) << "what concerns it not reopens nothing";
+
+  e->srcIpAddrIs(IpAddr(5));
+  EXPECT_EQ(where(), "exp1 default 0.0.0.5:4739 10");
+  EXPECT_EQ(first->mode(), UdpPam::outOfService);
+  e->srcIpAddrIs({});
+  EXPECT_EQ(where(), "exp1 default 2001:db8:1::1:4739 10");
+  EXPECT_EQ(pams->udpPam6()->name(), "StftPam6-exp1");
+  e->srcIp6AddrIs({});
+  EXPECT_EQ(where(), "not ready");
+  sim->advance(Seconds(10));
+  EXPECT_EQ(sim->openEndpoints(), 0u);
+  e->srcIpAddrIs(source4);
+  EXPECT_EQ(where(), "exp1 default 192.0.2.1:4739 10");
+
+  tracker->localPortIs(2055);
+  EXPECT_EQ(where(), "exp1 default 192.0.2.1:2055 10");
+  tracker->localPortIs(0);
+  EXPECT_TRUE(told().exporterReady());
+  EXPECT_GE(told().destPort(), 40000) << "the kernel's choice";
+}
+
+TEST_F(LocalCollectorTest, LivesInTheNamespaceOfTheExportersVrf) {
+  sim->namespaceIs("ns-blue", true);
+  auto e = exporter("exp1", source4);
+  make();
+  // A sender in the default namespace, and one in the VRF's.
+  const auto sendFrom = [&](const std::string& ns) {
+    auto pam = sim->udpPam("device");
+    pam->netNsIs(NamespaceName(ns));
+    pam->modeIs(UdpPam::inService);
+    pam->txDstIpAddrIs(source4);
+    pam->txPortIs(4739);
+    auto pkt = sim->newPkt(4);
+    pkt->dataWholeIs();
+    pam->txPktIs(pkt);
+    sim->runDue();
+  };
+  const auto hears = [&] {
+    std::string heard;
+    pams->udpPam4()->rxPktHandlerIs(
+        [&](std::string_view, const IpGenAddr&, uint16_t) { heard += '.'; });
+    sendFrom({});
+    heard += '/';
+    sendFrom("ns-blue");
+    return heard;
+  };
+  EXPECT_EQ(hears(), "./");
+  e->vrfNameIs(VrfName("blue"));
+  EXPECT_EQ(where(), "exp1 blue 192.0.2.1:4739 0");
+  EXPECT_EQ(hears(), "/.");
+
+  // The namespace is replaced by another one of its name: the old endpoint would be deaf.
+  vrfs->vrfIs(VrfName("blue"), 1);
+  const auto old = pams->udpPam4();
+  vrfs->vrfIs(VrfName("red"), 1);
+  EXPECT_EQ(pams->udpPam4(), old);
+  vrfs->vrfDel(VrfName("blue"));
+  vrfs->vrfIs(VrfName("blue"), 2);
+  EXPECT_NE(pams->udpPam4(), old);
+  EXPECT_EQ(old->mode(), UdpPam::outOfService);
+  EXPECT_EQ(where(), "exp1 blue 192.0.2.1:4739 0");
+}
+
+TEST_F(LocalCollectorTest, ARefusedEndpointIsTriedAgainAfterFiftyMilliseconds) {
+  auto e = exporter("exp1", source4);
+  sim->traceLevelIs(TraceLevel::event);
+  sim->openErrorIs(EADDRNOTAVAIL);
+  make();
+  EXPECT_EQ(where(), "not ready");
+  EXPECT_EQ(sm->exporterReviewList(), (std::map<std::string, bool>{{"exp1", true}}));
+  ASSERT_TRUE(sm->pamRetryTask()->scheduled());
+  EXPECT_EQ(sm->pamRetryTask()->name(), "ipfixLocalCollectorTask");
+  const auto lines = sim->takeTrace();
+  std::string all;
+  for (const auto& line : lines) all += line + '\n';
+  EXPECT_NE(all.find("Caught ErrnoException: "), all.npos);
+  EXPECT_NE(all.find("exp1 for ft1"), all.npos);
+  EXPECT_NE(all.find("scheduling review::"), all.npos);
+
+  sim->advance(Seconds(0.049));
+  sim->openErrorIs(0);
+  EXPECT_EQ(where(), "not ready");
+  sim->advance(Seconds(0.001));
+  EXPECT_EQ(where(), "exp1 default 192.0.2.1:4739 0");
+  EXPECT_TRUE(sm->exporterReviewList().empty());
+  EXPECT_FALSE(sm->pamRetryTask()->scheduled());
+
+  // For as long as it takes, and the operator hears of it once.
+  sim->traceLevelIs(TraceLevel::error);
+  sim->takeTrace();
+  sim->openErrorIs(EADDRINUSE);
+  e->srcIpAddrIs(IpAddr(9));
+  sim->advance(Seconds(5));
+  EXPECT_EQ(sim->takeTrace().size(), 1u);
+  EXPECT_EQ(where(), "not ready");
+  sim->openErrorIs(0);
+  sim->advance(Seconds(0.05));
+  EXPECT_EQ(where(), "exp1 default 0.0.0.9:4739 0");
+
+  // Or until there is nobody to serve.
+  sim->openErrorIs(EMFILE);
+  e->srcIpAddrIs(source4);
+  tracker->expConfigDel("exp1");
+  sim->openErrorIs(0);
+  sim->advance(Seconds(1));
+  EXPECT_EQ(where(), "not ready");
+  EXPECT_TRUE(sm->exporterReviewList().empty());
+  EXPECT_FALSE(sm->pamRetryTask()->scheduled());
+}
+
+TEST_F(LocalCollectorTest, TheReviewGoesByNameAndYields) {
+  sim->traceLevelIs(TraceLevel::event);
+  sim->openErrorIs(EADDRNOTAVAIL);
+  make();
+  auto b = exporter("b", source4);
+  auto a = exporter("a", IpAddr(9));
+  EXPECT_EQ(sm->exporterReviewList().size(), 2u) << "b was tried before a had an address";
+  sim->yieldAfterIs(1);
+  sim->takeTrace();
+  sim->openErrorIs(0);
+  sim->advance(Seconds(0.05));
+  EXPECT_EQ(where(), "a default 0.0.0.9:4739 0");
+  EXPECT_EQ(sm->exporterReviewList(), (std::map<std::string, bool>{{"b", true}}));
+  EXPECT_EQ(traced("YIELDING::").size(), 1u);
+  sim->yieldAfterIs(0);
+  sim->advance(Seconds(0.049));
+  EXPECT_EQ(sm->exporterReviewList().size(), 1u);
+  sim->advance(Seconds(0.001));
+  EXPECT_TRUE(sm->exporterReviewList().empty());
+  EXPECT_EQ(traced("review done ::").size(), 1u);
+  EXPECT_EQ(where(), "a default 0.0.0.9:4739 0");
+  sm->reviewPamCreation();
+  EXPECT_EQ(traced("nothing to review ::").size(), 1u);
+}
+
+TEST_F(LocalCollectorTest, ServesTheFirstExporterThatHasAnAddress) {
+  make();
+  EXPECT_EQ(where(), "not ready");
+  auto c = exporter("c", IpAddr(3));
+  EXPECT_EQ(where(), "c default 0.0.0.3:4739 0");
+  auto a = exporter("a");
+  auto b = exporter("b", IpAddr(2));
+  EXPECT_EQ(where(), "b default 0.0.0.2:4739 0");
+  a->srcIp6AddrIs(source6);
+  EXPECT_EQ(where(), "a default 2001:db8:1::1:4739 0");
+  c->dscpIs(DscpValue(46));
+  c->srcIpAddrIs({});
+  EXPECT_EQ(where(), "a default 2001:db8:1::1:4739 0");
+  tracker->expConfigDel("a");
+  EXPECT_EQ(where(), "b default 0.0.0.2:4739 0");
+  // Another exporter takes the name.
+  auto other = exporter("b", IpAddr(22));
+  EXPECT_EQ(where(), "b default 0.0.0.22:4739 0");
+  b->srcIpAddrIs(IpAddr(7));
+  EXPECT_EQ(where(), "b default 0.0.0.22:4739 0");
+  tracker->expConfigDel("b");
+  EXPECT_EQ(where(), "not ready");
+  c->srcIpAddrIs(IpAddr(3));
+  EXPECT_EQ(where(), "c default 0.0.0.3:4739 46");
+}
+
+TEST_F(LocalCollectorTest, DestructionLeavesNothing) {
+  auto e = exporter("exp1", source4);
+  make();
+  const auto pam = pams->udpPam4();
+  EXPECT_EQ(where(), "exp1 default 192.0.2.1:4739 0");
+  sm = nullptr;
+  EXPECT_EQ(where(), "not ready");
+  EXPECT_EQ(pam->mode(), UdpPam::outOfService);
+
+  sim->openErrorIs(EMFILE);
+  make();
+  sm = nullptr;
+  sim->openErrorIs(0);
+  sim->advance(Seconds(1));
+  e->srcIpAddrIs(IpAddr(9));
+  EXPECT_EQ(where(), "not ready") << "no task and no watcher is left";
+}
+
+// A host may answer by taking the exporter away, or the whole local collector.
+TEST_F(LocalCollectorTest, ItMayGoAwayInsideItsOwnNotification) {
+  struct Remover final : HwFlowTracking::LocalCollectorConfig::Watcher {
+    Remover(const Ptr<HwFlowTracking::FtConfig>& tracker, std::function<void()> f)
+        : Watcher(tracker->localCollectorConfig()), remove(std::move(f)) {}
+    void handleExporterReady() override {
+      if (entity()->exporterReady()) remove();
+    }
+    std::function<void()> remove;
+  };
+  auto e = exporter("exp1");
+  make();
+  {
+    const Remover remover(tracker, [&] { tracker->expConfigDel("exp1"); });
+    e->srcIpAddrIs(source4);
+    EXPECT_EQ(where(), "not ready");
+  }
+  e = exporter("exp1");
+  const Remover remover(tracker, [&] { sm = nullptr; });
+  e->srcIpAddrIs(source4);
+  EXPECT_EQ(where(), "not ready");
+}
+
+using LocalCollectorDeathTest = LocalCollectorTest;
+TEST_F(LocalCollectorDeathTest, ExistsInSoftwareExportModeOnly) {
+  config->swExportIs(false);
+  EXPECT_DEATH(make(), "config\\(\\)->swExport\\(\\).*LocalCollectorConfigSm");
+}
+
+}  // namespace
+}  // namespace FlowTracking
