@@ -38,12 +38,16 @@ bool unshareNetwork() {
 bool sh(const std::string& command) { return std::system(command.c_str()) == 0; }
 
 bool privateNetwork() {
+  // The kernel makes the routes to IPv6 addresses a moment later: what leaves before is lost.
   static const bool made =
       unshareNetwork() &&
       sh("ip link set lo up"
          " && ip addr add 10.99.0.1/32 dev lo && ip addr add 10.99.0.2/32 dev lo"
          " && ip addr add 2001:db8::1/128 dev lo nodad"
-         " && ip addr add 2001:db8::2/128 dev lo nodad");
+         " && ip addr add 2001:db8::2/128 dev lo nodad"
+         " && for i in $(seq 500); do"
+         " ip -6 route get 2001:db8::1 >/dev/null 2>&1"
+         " && ip -6 route get 2001:db8::2 >/dev/null 2>&1 && exit 0; sleep 0.01; done; exit 1");
   return made;
 }
 
