@@ -34,6 +34,14 @@ class Endpoint : public testing::TestWithParam<Kind> {
     pam->txPrioIs(2);
     return pam;
   }
+  /// For a failure: where the endpoint says its datagrams are.
+  static std::string told(const UdpPam& pam) {
+    const auto& c = pam.counters();
+    std::string text = std::to_string(c.sent) + " sent, " + std::to_string(c.queued) + " queued";
+    for (const auto& [err, n] : c.dropByErrno)
+      text += ", " + std::to_string(n) + " dropped for " + std::to_string(err);
+    return text;
+  }
   Ptr<UdpPam> opened() {
     auto pam = endpoint();
     pam->modeIs(UdpPam::inService);
@@ -177,7 +185,7 @@ TEST_P(Endpoint, TakesTheFirstOctetsOverAtOnce) {
   task->scheduleIs(0s);
   host->pass(1ms);
   const auto got = host->received(lens.size() * 3);
-  ASSERT_EQ(got.size(), lens.size() * 3);
+  ASSERT_EQ(got.size(), lens.size() * 3) << told(*pam);
   for (size_t n = 0; n < got.size(); ++n) {
     ASSERT_EQ(got[n].octets.size(), lens[n / 3]);
     for (size_t i = 0; i < got[n].octets.size(); ++i)
