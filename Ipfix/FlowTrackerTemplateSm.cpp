@@ -99,6 +99,9 @@ uint32_t FtExporterSm::getTemplateLength(const TemplateStatus& status) {
   for (const auto& [position, entry] : status.ftTemplateEntry()) len += entry.specifierLen();
   return len;
 }
+bool FtExporterSm::current() const {
+  return templateReady() && !templateCreationTask_->scheduled();
+}
 uint32_t FtExporterSm::getFtTemplateLength() const {
   uint32_t len = 0;
   for (const auto& [id, sm] : templateStatus_) len += getTemplateLength(*sm->entity());

@@ -35,6 +35,9 @@ class TARN_API FtExporterSm final : public TemplateExporterSmBase {
   uint16_t headerSetId() const override;
 
   bool initialized() const { return initialized_; }
+  /// The message holds the tracker's templates as they are now. After a change it does not until
+  /// the next task.
+  bool current() const;
   /// Octets of all template records.
   uint32_t getFtTemplateLength() const;
   /// Octets of one template's record: its header and field specifiers (RFC 7011, 3.4.1).

@@ -268,6 +268,17 @@ bool TemplateExporterSmBase::lacks_p(const Family<Traits>& family, const typenam
 }
 
 template <class Traits>
+bool TemplateExporterSmBase::has_p(const Family<Traits>& family, const std::string& name) const {
+  const auto& collectors = Traits::collectors(*hwExpConfig_);
+  const auto collector = collectors.find(name);
+  return collector != collectors.end() && expInfo_->collInfo(name) && txReady_p<Traits>() &&
+         !lacks_p(family, collector->second, name);
+}
+bool TemplateExporterSmBase::hasTemplates(const std::string& collectorName) const {
+  return has_p(*family4_, collectorName) || has_p(*family6_, collectorName);
+}
+
+template <class Traits>
 void TemplateExporterSmBase::doTx_p(Family<Traits>& family, const typename Traits::Dst& dst,
                                     const std::string& name) {
   updateMsgHeader_p(name);

@@ -54,6 +54,9 @@ class TARN_API TemplateExporterSmBase : public Entity {
   /// Export time of the last message to each collector, by collector name.
   const std::map<std::string, uint32_t>& exportTimeU32() const { return exportTimeU32_; }
   uint32_t templateTxCount() const { return templateTxCount_; }
+  /// The collector has been sent the message as it is now, and that through the endpoint, from and
+  /// to the addresses of now: data that the message describes may follow.
+  bool hasTemplates(const std::string& collectorName) const;
   /// At the last pass at least one collector of the family was served.
   bool sending4_p() const;
   bool sending6_p() const;
@@ -103,6 +106,8 @@ class TARN_API TemplateExporterSmBase : public Entity {
   void maybeTx_p(Family<Traits>& family, Pass pass);
   template <class Traits>
   void doTx_p(Family<Traits>& family, const typename Traits::Dst& dst, const std::string& name);
+  template <class Traits>
+  bool has_p(const Family<Traits>& family, const std::string& name) const;
   template <class Traits>
   bool lacks_p(const Family<Traits>& family, const typename Traits::Dst& dst,
                const std::string& name) const;

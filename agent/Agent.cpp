@@ -5,6 +5,7 @@
 #include <set>
 
 #include "agent/FlowTemplates.h"
+#include "agent/Printable.h"
 #include "agent/ServiceManager.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/ShmTable.h"
@@ -18,6 +19,7 @@ constexpr Seconds settlePoll{0.01};
 constexpr int settlePolls = 200;  // 2 s: a namespace that does not answer delays nobody longer
 constexpr Seconds statusDelay{0.2};
 constexpr size_t statisticsMin = 1024;
+constexpr size_t flowCountersCapacity = 1024;  // trackers
 
 /// Records in the statistics table, which cannot grow: one per collector, and as many again for
 /// those that reloads bring.
@@ -65,10 +67,16 @@ bool Agent::start() {
     statisticsTable_ = shmTableFactory(settings->statistics, CollectorStatistics::keyLen,
                                        CollectorStatistics::valueLen, statisticsCapacity(n));
     statistics_ = Tarn::Ipfix::collectorStatisticsFactory(statisticsTable_);
+    flowCounters_ =
+        shmTableFactory(settings->statistics + std::string(FlowTracking::flowPathSuffix),
+                        sizeof(FlowTracking::FlowPathKey), sizeof(FlowTracking::FlowPathRecord),
+                        flowCountersCapacity);
+    if (!openFile(*settings)) return false;
     configReq_ = FlowTracking::configReqFactory();
     networks_ = std::make_unique<Networks>(loop_, options_.netnsDir, log_);
     // Before exporters hear of a network: what they send first is complete.
-    interfaceIndexes_ = std::make_unique<InterfaceIndexes>(networks_->list(), log_);
+    interfaceIndexes_ =
+        std::make_unique<InterfaceIndexes>(fileNetworks_ ? fileNetworks_ : networks_->list(), log_);
     vrfIds_ = std::make_unique<VrfIds>(networks_->list(), log_);
     const auto scheduler = loop_->taskScheduler();
     startedTask_ = scheduler->timerTask("agent-started", afterAll, [this] { handleStarted(); });
@@ -122,6 +130,11 @@ void Agent::handleWatchdog() {
 }
 
 Changes Agent::apply(const Settings& settings) {
+  // Flows under way are reported while their exporters are there.
+  std::erase_if(flowPaths_, [&](const auto& path) {
+    const auto tracker = settings.trackers.find(path.first);
+    return tracker == settings.trackers.end() || !tracksPackets(tracker->second);
+  });
   vrfIds_->configuredIs(settings.vrfs);
   const Changes changes = entities_->apply(settings);
   for (const auto& [type, tree] : entities_->trees()) {
@@ -144,7 +157,83 @@ Changes Agent::apply(const Settings& settings) {
   for (const auto& [trackerName, tracker] : settings.trackers)
     for (const auto& [name, exporter] : tracker.exporters) vrfs.insert(exporter.vrf);
   networks_->keepOnly(vrfs);
+  startFlows(settings);
   return changes;
+}
+
+void Agent::startFlows(const Settings& settings) {
+  for (const auto& [name, tracker] : settings.trackers) {
+    if (!tracksPackets(tracker)) continue;
+    auto& path = flowPaths_[name];
+    if (path) {
+      path->settingsIs(tracker);
+      continue;
+    }
+    const Roots& roots = roots_.at(tracker.type);
+    path = std::make_unique<flow::FlowPath>(
+        name,
+        flow::FlowPathHost{loop_, networks_->list(), interfaceIndexes_->map(), vrfIds_->status(),
+                           options_.netnsDir, flowCounters_, log_},
+        FlowExportTree{entities_->trees().at(tracker.type).config, roots.info, roots.templateSm,
+                       statistics_},
+        tracker);
+    if (options_.readFile.empty()) continue;
+    ++filesUnderWay_;
+    path->fileIs(std::make_unique<flow::CaptureFile>(options_.readFile),
+                 [this] { handleFileDone(); });
+  }
+}
+
+bool Agent::tracksPackets(const TrackerSettings& tracker) const {
+  return tracker.type == FlowTracking::FlowTrackingType::software &&
+         (!tracker.interfaces.empty() || !options_.readFile.empty());
+}
+
+/// Looks at the file that is to be read, and lets its interfaces stand for this machine's.
+bool Agent::openFile(const Settings& settings) {
+  if (options_.readFile.empty()) return true;
+  const auto& all = settings.trackers;
+  if (std::none_of(all.begin(), all.end(),
+                   [this](const auto& t) { return tracksPackets(t.second); })) {
+    log_.error("not started: " + configName() + " has no tracker of type \"software\" to read " +
+               printable(options_.readFile) + " with");
+    return false;
+  }
+  try {
+    flow::CaptureFile file(options_.readFile);
+    flow::Packet packet;
+    file.next(packet);  // interfaces stand before their packets
+    const auto network = vrfNetworkFactory(VrfName(std::string(defaultVrf)));
+    const auto slash = options_.readFile.rfind('/');
+    const std::string base = options_.readFile.substr(slash + 1);  // npos + 1 is 0
+    for (uint32_t n = 1; n <= file.interfaces(); ++n) {
+      std::string name(file.interfaceName(n));
+      if (name.empty()) name = base.substr(0, 200) + ':' + std::to_string(n);
+      network->linkIs(n, name, 0);
+    }
+    network->presentIs(true);
+    fileNetworks_ = networkListFactory();
+    fileNetworks_->networkIs(network);
+  } catch (const std::exception& e) {
+    log_.error("not started: " + std::string(e.what()));
+    return false;
+  }
+  return true;
+}
+
+void Agent::handleFileDone() {
+  if (--filesUnderWay_ > 0) return;
+  std::set<std::string> said;  // each tracker read the same file
+  for (const auto& [name, path] : flowPaths_) {
+    if (!path->file()) continue;
+    const flow::CaptureFile& file = path->file()->file();
+    for (const std::string& warning : file.warnings())
+      if (said.insert(warning).second) log_.warning(warning);
+    if (!file.error().empty() && said.insert(file.error()).second) log_.error(file.error());
+    fileDamaged_ = fileDamaged_ || !file.error().empty();
+    log_.info("tracker " + printable(name) + ": " + path->summary());
+  }
+  loop_->stop();
 }
 
 void Agent::reload() {
@@ -190,6 +279,7 @@ void Agent::stop() {
   startedTask_.reset();
   statusTask_.reset();
   watchdogTask_.reset();
+  flowPaths_.clear();
   for (auto& [type, roots] : roots_) roots.release();
   roots_.clear();
   entities_.reset();
@@ -199,6 +289,8 @@ void Agent::stop() {
   configReq_ = nullptr;
   statistics_ = nullptr;
   statisticsTable_ = nullptr;
+  flowCounters_ = nullptr;
+  fileNetworks_ = nullptr;
   ipfixInit_ = nullptr;
   if (std::exchange(running_, false)) log_.info("stopped");
 }

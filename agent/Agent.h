@@ -15,6 +15,7 @@
 #include "agent/Networks.h"
 #include "agent/SettingsFile.h"
 #include "agent/VrfIds.h"
+#include "agent/flow/FlowPath.h"
 #include "platform/Platform.h"
 #include "platform/linux/EventLoop.h"
 
@@ -23,6 +24,7 @@ namespace agent {
 struct AgentOptions {
   std::string configFile;  ///< empty: the embedded default
   std::string netnsDir = "/run/netns";
+  std::string readFile;  ///< a capture whose packets the software trackers see; empty: interfaces'
 };
 
 /// The running agent: the platform, the networks, the entities, and the library's root reactors.
@@ -47,6 +49,8 @@ class Agent {
   void stop();
 
   const Entities& entities() const { return *entities_; }
+  /// A file was read and is damaged: what was exported is not all of it.
+  bool fileDamaged() const { return fileDamaged_; }
 
  private:
   /// The reactors of one kind of tracking. Options data waits for templates, and both refer to the
@@ -59,6 +63,10 @@ class Agent {
     void release();
   };
 
+  bool openFile(const Settings& settings);
+  bool tracksPackets(const TrackerSettings& tracker) const;
+  void startFlows(const Settings& settings);
+  void handleFileDone();
   std::optional<Settings> readConfig() const;
   std::string configName() const;
   Changes apply(const Settings& settings);
@@ -84,6 +92,11 @@ class Agent {
   std::unique_ptr<VrfIds> vrfIds_;
   std::unique_ptr<Entities> entities_;
   std::map<FlowTracking::FlowTrackingType, Roots> roots_;
+  Ptr<SharedTable> flowCounters_;
+  std::map<std::string, std::unique_ptr<flow::FlowPath>> flowPaths_;
+  Ptr<NetworkList> fileNetworks_;  // what stands for networks where packets come from a file
+  size_t filesUnderWay_ = 0;
+  bool fileDamaged_ = false;
   std::unique_ptr<TimerTask> startedTask_;
   std::unique_ptr<TimerTask> statusTask_;
   std::unique_ptr<TimerTask> watchdogTask_;

@@ -178,7 +178,8 @@ void Entities::change(const std::string& name, Tracker& tracker, const TrackerSe
                       Changes& changes) {
   TrackerSettings& now = tracker.settings;
   const auto own = [](const TrackerSettings& t) {
-    return std::tie(t.id, t.interfaces, t.sampleRate, t.activeInterval, t.inactiveTimeout);
+    return std::tie(t.id, t.interfaces, t.sampleRate, t.activeInterval, t.inactiveTimeout,
+                    t.maxFlows);
   };
   if (own(now) != own(wanted)) ++changes.trackers.changed;
   if (now.id != wanted.id) {

@@ -15,7 +15,7 @@ constexpr Ipfix::RecordType octetDeltaCount = 1, packetDeltaCount = 2, protocolI
                             destinationTransportPort = 11, destinationIPv4Address = 12,
                             egressInterface = 14, sourceIPv6Address = 27,
                             destinationIPv6Address = 28, flowLabelIPv6 = 31, flowEndReason = 136,
-                            flowStartMilliseconds = 152, flowEndMilliseconds = 153,
+                            vlanId = 58, flowStartMilliseconds = 152, flowEndMilliseconds = 153,
                             ingressVRFID = 234;
 
 std::vector<FlowField> flowFields(Ipfix::RecordType source, Ipfix::RecordType destination) {
@@ -25,6 +25,7 @@ std::vector<FlowField> flowFields(Ipfix::RecordType source, Ipfix::RecordType de
           {destinationTransportPort, true},
           {protocolIdentifier, true},
           {ipClassOfService, true},
+          {vlanId, true},
           {ingressInterface, true},
           {ingressVRFID, true},
           {egressInterface},

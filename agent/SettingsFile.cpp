@@ -33,6 +33,7 @@ constexpr uint32_t mtuMin = 40 + 8 + 16 + 4 + (4 + 1 + FlowTracking::IntfIndexMa
 constexpr uint32_t mtuMax = 65535;    // the length field of an IPv4 packet
 constexpr VrfId vrfIdMax = 0xfffffe;  // 0xffffff is exported for "no VRF"
 constexpr milliseconds second{1000};
+constexpr int64_t maxFlowsMax = 100000000;  // 17 GB
 
 /// Edits that turn one text into the other: insert, delete, replace, swap of two neighbours.
 size_t editDistance(std::string_view a, std::string_view b) {
@@ -505,6 +506,9 @@ void readTrackers(Section& root, Settings& out) {
                                  duration("an active interval", second, 65534 * second));
         s.optional<milliseconds>("inactive-timeout", t.inactiveTimeout,
                                  duration("an inactive timeout", second, 65534 * second));
+        s.optional<size_t>(
+            "max-flows", t.maxFlows,
+            integer<size_t>("a number of flows that have room at a time", 1, maxFlowsMax));
         readExporters(s, t);
         out.trackers.emplace(name, std::move(t));
       });

@@ -64,6 +64,7 @@ int run(const AgentOptions& options, AgentLog& log) {
     if (!agent.start()) return exitFailure;
     loop->run();
     agent.stop();
+    if (agent.fileDamaged()) return exitFailure;
   } catch (const ErrnoException& e) {
     log.error("not started: " + std::string(e.what()));
     return exitFailure;
@@ -92,6 +93,10 @@ int main(int argc, char** argv) {
   app.add_option("--netns-dir", options.netnsDir, "where network namespaces are mounted")
       ->type_name("DIR")
       ->capture_default_str();
+  app.add_option("--read", options.readFile,
+                 "track the flows of this capture (pcap or pcapng) instead of the interfaces', "
+                 "export them, and exit")
+      ->type_name("FILE");
   app.set_version_flag("--version", "tarnflowd " TARN_VERSION);
   try {
     app.parse(argc, argv);

@@ -23,18 +23,6 @@ using Tarn::Ipfix::CollectorStatistics;
 using Tarn::Ipfix::CollectorStatisticsEntry;
 using Tarn::Ipfix::SetIndex;
 
-double utcNow() {
-  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
-}
-
-/// A name from the configuration: as it is when that is one printable word, else in quotes.
-std::string nameText(std::string_view name) {
-  const std::string q = decoder::quoted(name);
-  const bool plain =
-      q.size() == name.size() + 2 && !name.empty() && name.find(' ') == std::string_view::npos;
-  return plain ? std::string(name) : q;
-}
-
 std::string ageText(double now, double then) {
   if (then == 0) return "never";
   const double age = now - then;
@@ -59,6 +47,20 @@ std::string setName(uint16_t id) {
   return id == 3 ? "options templates" : fmt::format("data {}", id);
 }
 
+}  // namespace
+
+double utcNow() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+/// A name from the configuration: as it is when that is one printable word, else in quotes.
+std::string nameText(std::string_view name) {
+  const std::string q = decoder::quoted(name);
+  const bool plain =
+      q.size() == name.size() + 2 && !name.empty() && name.find(' ') == std::string_view::npos;
+  return plain ? std::string(name) : q;
+}
+
 std::string_view stateName(Counters::State state) {
   switch (state) {
     case Counters::State::live:
@@ -74,8 +76,6 @@ std::string_view stateName(Counters::State state) {
   }
   return "";
 }
-
-}  // namespace
 
 Counters countersFrom(const platform::ShmTableReader::Snapshot& snapshot, double now) {
   Counters c{snapshot.state,
@@ -97,13 +97,12 @@ Counters countersFrom(const platform::ShmTableReader::Snapshot& snapshot, double
 
 bool showable(const Counters& c) { return c.state == Counters::State::live && !c.entries.empty(); }
 
-std::string countersNote(const Counters& c, const std::string& name) {
-  switch (c.state) {
+std::string stateNote(Counters::State state, int writerPid, const std::string& name) {
+  switch (state) {
     case Counters::State::live:
       break;
     case Counters::State::dead:
-      return fmt::format("{} was written by pid {}, which has died: last values", name,
-                         c.writerPid);
+      return fmt::format("{} was written by pid {}, which has died: last values", name, writerPid);
     case Counters::State::closed:
       return fmt::format("the agent is starting or stopping: its table {} is closed", name);
     case Counters::State::absent:
@@ -112,6 +111,11 @@ std::string countersNote(const Counters& c, const std::string& name) {
       return fmt::format("{} (/dev/shm{}) is no statistics table of this version of tarnflow", name,
                          name);
   }
+  return "";
+}
+
+std::string countersNote(const Counters& c, const std::string& name) {
+  if (std::string note = stateNote(c.state, c.writerPid, name); !note.empty()) return note;
   if (c.entries.empty() && c.unreadable == 0)
     return fmt::format("the agent (pid {}) has sent nothing to any collector yet", c.writerPid);
   if (c.unreadable > 0)
@@ -207,10 +211,9 @@ int look(platform::ShmTableReader& reader, const CountersOptions& options, bool 
 
 }  // namespace
 
-int showCounters(const CountersOptions& options) {
+int showTable(const CountersOptions& options, size_t keyLen, size_t valueLen, const Look& look) {
   try {
-    const auto reader = platform::shmTableReader(options.name, CollectorStatistics::keyLen,
-                                                 CollectorStatistics::valueLen);
+    const auto reader = platform::shmTableReader(options.name, keyLen, valueLen);
     if (!options.watch) return look(*reader, options, false);
     const StopSignals signals;
     const bool screen = !options.json && isatty(STDOUT_FILENO);
@@ -225,6 +228,10 @@ int showCounters(const CountersOptions& options) {
                e.what());
     return 1;
   }
+}
+
+int showCounters(const CountersOptions& options) {
+  return showTable(options, CollectorStatistics::keyLen, CollectorStatistics::valueLen, look);
 }
 
 }  // namespace cli

@@ -1,4 +1,5 @@
 #pragma once
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -35,6 +36,19 @@ struct CountersOptions {
   bool json = false;
   std::optional<double> watch;  ///< seconds between two looks; none: one look
 };
+/// Shows a table of the agent's once, or again and again; `look` shows one snapshot, on a cleared
+/// screen or not, and returns the exit status so far.
+using Look =
+    std::function<int(platform::ShmTableReader&, const CountersOptions&, bool clearScreen)>;
+int showTable(const CountersOptions& options, size_t keyLen, size_t valueLen, const Look& look);
+
+// What the tables have in common.
+double utcNow();
+std::string nameText(std::string_view name);
+std::string_view stateName(Counters::State state);
+/// Why a table that is not live is not; empty when it is.
+std::string stateNote(Counters::State state, int writerPid, const std::string& name);
+
 /// Returns the exit status: 1 without a living agent or without entries, also when a dead agent's
 /// last values are shown.
 int showCounters(const CountersOptions& options);

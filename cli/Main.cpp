@@ -2,6 +2,7 @@
 
 #include "cli/Check.h"
 #include "cli/Counters.h"
+#include "cli/Flows.h"
 #include "cli/Listen.h"
 #include "cli/ToolPlatform.h"
 
@@ -58,23 +59,33 @@ int main(int argc, char** argv) {
   auto* showCmd = app.add_subcommand("show", "Show what a running agent does");
   showCmd->require_subcommand(1);
   cli::CountersOptions counters;
+  const auto tableOptions = [&](CLI::App* cmd) {
+    cmd->add_option("--name", counters.name, "Shared memory of the agent's statistics")
+        ->type_name("/NAME")
+        ->capture_default_str()
+        ->check([](const std::string& name) {
+          return name.size() > 1 && name[0] == '/' && name.find('/', 1) == std::string::npos
+                     ? std::string()
+                     : "\"" + name + "\" is no name of shared memory: one '/' and it comes first";
+        });
+    cmd->add_flag("--json", counters.json, "One JSON object, on one line");
+    cmd->add_option("--watch", counters.watch, "Show again every S seconds")
+        ->type_name("S")
+        ->check(positive);
+  };
   auto* countersCmd =
       showCmd->add_subcommand("counters", "What was exported, per tracker, exporter and collector");
-  countersCmd->add_option("--name", counters.name, "Shared memory of the agent's statistics")
-      ->type_name("/NAME")
-      ->capture_default_str()
-      ->check([](const std::string& name) {
-        return name.size() > 1 && name[0] == '/' && name.find('/', 1) == std::string::npos
-                   ? std::string()
-                   : "\"" + name + "\" is no name of shared memory: one '/' and it comes first";
-      });
-  countersCmd->add_flag("--json", counters.json, "One JSON object, on one line");
-  countersCmd->add_option("--watch", counters.watch, "Show again every S seconds")
-      ->type_name("S")
-      ->check(positive);
+  tableOptions(countersCmd);
   countersCmd->footer(
       "Reads shared memory; the agent notices nothing. Exit status: 0; 1 when no agent runs or "
       "nothing was sent yet.");
+
+  auto* flowsCmd = showCmd->add_subcommand(
+      "flows", "What the software flow path saw, dropped, holds and reported, per tracker");
+  tableOptions(flowsCmd);
+  flowsCmd->footer(
+      "Reads shared memory; the agent notices nothing. Exit status: 0; 1 when no agent runs or no "
+      "tracker looks at packets.");
 
   std::string file;
   auto* checkCmd = app.add_subcommand("check", "Validate a configuration file as the agent would");
@@ -90,5 +101,6 @@ int main(int argc, char** argv) {
   }
   if (*listenCmd) return cli::listen(listen);
   if (*countersCmd) return cli::showCounters(counters);
+  if (*flowsCmd) return cli::showFlows(counters);
   return cli::check(file);
 }

@@ -1,0 +1,185 @@
+#include "agent/FlowExport.h"
+
+#include <algorithm>
+
+#include "Ipfix/FlowTrackerPktTxUtil.h"
+#include "platform/Platform.h"
+
+namespace agent {
+using FlowTracking::Message;
+using FlowTracking::TemplateId;
+using HwFlowTracking::ExporterConfig;
+using HwFlowTracking::FtConfig;
+using Tarn::Ipfix::CollectorStatisticsEntry;
+using Tarn::Ipfix::CollectorStatisticsKey;
+
+/// One exporter as it stands in the trees at this moment.
+struct FlowExport::Route {
+  Ptr<ExporterConfig> config;
+  Ptr<FlowTracking::ExporterInfo> info;
+  Ptr<FlowTracking::FtExporterSm> templates;
+
+  /// Calls `visit(collectorInfo, destination)` for each collector that has the templates.
+  template <class Visit>
+  void eachReady(Visit visit) const {
+    const auto family = [&](const auto& collectors) {
+      for (const auto& [name, dst] : collectors)
+        if (templates->hasTemplates(name)) visit(*info->collInfo(name), dst);
+    };
+    family(config->collectorIpAndPort());
+    family(config->collectorIp6AndPort());
+  }
+  bool anyReady() const {
+    bool any = false;
+    eachReady([&](const auto&, const auto&) { any = true; });
+    return any;
+  }
+};
+
+bool FlowExport::route(const Ptr<ExporterConfig>& config, Route& out) const {
+  const auto tracker = tree_.info->ftInfo(trackerName_);
+  const auto templates = tree_.templateSm->ftTemplateSm(trackerName_);
+  if (!tracker || !templates) return false;
+  out = {config, tracker->expInfo(config->name()), templates->ftExporterSm(config->name())};
+  return out.info && out.templates;
+}
+
+void FlowExport::recordsIs(TemplateId id, size_t recordLen, std::string_view records) {
+  const auto tracker = ftConfig();
+  if (!tracker || recordLen == 0) return;
+  if (exporters_.size() > tracker->expConfig().size()) forgetGone(*tracker);
+  for (const auto& [name, config] : tracker->expConfig()) {
+    Route to;
+    if (route(config, to)) {
+      pack(exporters_[name], *tracker, to, id, recordLen, records);
+    } else {
+      counters_.recordsLost += records.size() / recordLen;
+    }
+  }
+}
+
+void FlowExport::pack(Exporter& exporter, const FtConfig& tracker, const Route& to, TemplateId id,
+                      size_t recordLen, std::string_view records) {
+  const auto maxSize = static_cast<uint16_t>(to.config->ipfixMtu() - 48);  // as options data
+  auto& builder = exporter.builders[id];
+  if (builder &&
+      (builder->maxSize() != maxSize || builder->observationDomainId() != tracker.ftId())) {
+    finish(exporter, to, id);
+    builder = nullptr;
+  }
+  if (!builder) builder = FlowTracking::messageBuilderFactory(maxSize, tracker.ftId());
+  for (size_t at = 0; at + recordLen <= records.size(); at += recordLen) {
+    const std::string_view record = records.substr(at, recordLen);
+    if (!builder->pkt()) builder->startMsg();
+    if (builder->addSetRecordStr(id, record) > 0) continue;
+    finish(exporter, to, id);
+    builder->startMsg();
+    if (builder->addSetRecordStr(id, record) == 0) ++counters_.recordsLost;
+  }
+}
+
+/// Closes the message under construction, if it holds anything, and sends it.
+void FlowExport::finish(Exporter& exporter, const Route& to, TemplateId id) {
+  const auto& builder = exporter.builders[id];
+  if (!builder || builder->recordCount() == 0) return;
+  exporter.held.push_back({id, builder->finalizeMsg()});
+  send(exporter, to);
+}
+
+void FlowExport::flush() {
+  const auto tracker = ftConfig();
+  if (!tracker) return;
+  forgetGone(*tracker);
+  for (auto& [name, exporter] : exporters_) {
+    Route to;
+    if (!route(tracker->expConfig(name), to)) continue;
+    for (const auto& [id, builder] : exporter.builders) finish(exporter, to, id);
+    send(exporter, to);
+  }
+}
+
+void FlowExport::send(Exporter& exporter, const Route& to) {
+  // Templates that changed in this task are told in the next: records wait behind them.
+  if (!to.templates->current() && exporter.held.size() <= heldMax) return;
+  while (!exporter.held.empty()) {
+    const auto next = std::move(exporter.held.front());
+    exporter.held.pop_front();
+    sendOne(to, next.id, *next.message);
+  }
+}
+
+void FlowExport::sendOne(const Route& to, TemplateId id, Message& message) {
+  bool any = false;
+  const DscpValue dscp = to.config->dscp();
+  if (to.templates->current()) {
+    to.eachReady([&](FlowTracking::CollectorInfo& collector, const auto& dst) {
+      any = true;
+      const uint32_t seq = collector.ipfixMsgSeqNo().value();
+      collector.ipfixMsgSeqNoInc(message.recordCount());
+      const Ptr<Pkt> packet = message.pkt(seq);
+      using Dst = std::decay_t<decltype(dst)>;
+      if constexpr (std::is_same_v<Dst, IpAndPort>) {
+        FlowTracking::sendPkt4(packet, to.info->udpPam4(), to.config->srcIpAddr(), dst, dscp);
+        count(to, Tarn::Ipfix::CollectorInfo::fromIpAndPort(dst), id, message);
+      } else {
+        FlowTracking::sendPkt6(packet, to.info->udpPam6(), to.config->srcIp6Addr(), dst, dscp);
+        count(to, Tarn::Ipfix::CollectorInfo::fromIp6AndPort(dst), id, message);
+      }
+    });
+  }
+  if (!any) counters_.recordsLost += message.recordCount();
+}
+
+void FlowExport::count(const Route& to, const Tarn::Ipfix::CollectorInfo& collector, TemplateId id,
+                       const Message& message) {
+  ++counters_.messages;
+  counters_.records += message.recordCount();
+  const CollectorStatisticsKey key(trackerName_, to.config->name(), collector);
+  auto entry = tree_.statistics->stats(key).value_or(CollectorStatisticsEntry(key));
+  entry.exportedMessageTotalCountInc(1);
+  entry.exportedFlowRecordTotalCountInc(message.recordCount());
+  entry.exportedOctetTotalCountInc(message.len());
+  const double now = Platform::current().clock().now();
+  entry.lastSentTimeIs(now);
+  entry.lastDataRecordSentTimeIs(now);
+  const Tarn::Ipfix::SetId setId(id);
+  if (entry.hasRoomFor(setId)) {  // else twenty others are counted: this one is in the totals
+    auto set = entry.setEntry(setId);
+    set.setId = id;
+    set.exportedFlowRecordCount += message.recordCount();
+    entry.setEntryIs(set);
+  }
+  tree_.statistics->statsIs(entry);
+}
+
+bool FlowExport::ready() const {
+  const auto tracker = ftConfig();
+  if (!tracker) return false;
+  const auto& all = tracker->expConfig();
+  return std::any_of(all.begin(), all.end(), [&](const auto& exporter) {
+    Route to;
+    return route(exporter.second, to) && to.templates->current() && to.anyReady();
+  });
+}
+
+uint64_t FlowExport::queued() const {
+  uint64_t most = 0;
+  const auto tracker = tree_.info->ftInfo(trackerName_);
+  if (!tracker) return most;
+  for (const auto& [name, exporter] : tracker->expInfo())
+    for (const auto& pam : {exporter->udpPam4(), exporter->udpPam6()})
+      if (pam) most = std::max(most, pam->counters().queued);
+  return most;
+}
+
+void FlowExport::forgetGone(const FtConfig& tracker) {
+  std::erase_if(exporters_, [&](const auto& entry) {
+    if (tracker.expConfig(entry.first)) return false;
+    for (const auto& [id, builder] : entry.second.builders)
+      counters_.recordsLost += builder->recordCount();
+    for (const auto& held : entry.second.held) counters_.recordsLost += held.message->recordCount();
+    return true;
+  });
+}
+
+}  // namespace agent

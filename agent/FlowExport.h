@@ -1,0 +1,93 @@
+#pragma once
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
+#include <string_view>
+
+#include "Ipfix/CollectorStats.h"
+#include "Ipfix/FlowTrackerInfoSm.h"
+#include "Ipfix/FlowTrackerTemplateSm.h"
+#include "Ipfix/MessageBuilder.h"
+#include "platform/HwFlowTracking.h"
+
+namespace agent {
+using namespace platform;
+
+/// The library's reactors and entities of one kind of tracking, as a sender of flow records needs
+/// them.
+struct FlowExportTree {
+  Ptr<const HwFlowTracking::Config> config;
+  Ptr<FlowTracking::FlowTrackingInfo> info;
+  Ptr<FlowTracking::TemplateSm> templateSm;
+  Ptr<Tarn::Ipfix::CollectorStatistics> statistics;
+};
+
+/// Sends one tracker's flow records to all its collectors, in messages of one set each, numbered
+/// and counted with the options data that goes to the same collector. A collector is sent records
+/// once it has the data templates as they are now.
+///
+/// An exporter none of whose collectors is ready when a message is complete loses it; callers that
+/// can keep their records look at `ready` first.
+class FlowExport {
+ public:
+  struct Counters {
+    uint64_t messages = 0;     ///< sent, each once per collector
+    uint64_t records = 0;      ///< sent, each once per collector
+    uint64_t recordsLost = 0;  ///< meant for an exporter that had no ready collector
+  };
+
+  FlowExport(std::string trackerName, FlowExportTree tree)
+      : trackerName_(std::move(trackerName)), tree_(std::move(tree)) {}
+  FlowExport(const FlowExport&) = delete;
+  FlowExport& operator=(const FlowExport&) = delete;
+
+  /// Takes records of `recordLen` octets each, in the layout of data template `id`. Messages that
+  /// they fill leave at once. A record that does not fit a message is lost and counted.
+  void recordsIs(FlowTracking::TemplateId id, size_t recordLen, std::string_view records);
+  void recordIs(FlowTracking::TemplateId id, std::string_view record) {
+    recordsIs(id, record.size(), record);
+  }
+  /// What has gathered leaves, in messages that are not full.
+  void flush();
+  /// At least one exporter has a ready collector.
+  bool ready() const;
+  /// Datagrams that wait in the fullest endpoint of the tracker.
+  uint64_t queued() const;
+  const Counters& counters() const { return counters_; }
+
+ private:
+  /// Messages that may wait for the templates of an exporter to be told, which takes one task.
+  static constexpr size_t heldMax = 256;
+
+  struct Exporter {
+    std::map<FlowTracking::TemplateId, Ptr<FlowTracking::MessageBuilder>> builders;
+    struct Held {
+      FlowTracking::TemplateId id;
+      Ptr<FlowTracking::Message> message;
+    };
+    std::deque<Held> held;
+  };
+  struct Route;
+
+  Ptr<const HwFlowTracking::FtConfig> ftConfig() const {
+    return tree_.config->ftConfig(trackerName_);
+  }
+  /// False when the exporter is not complete yet.
+  bool route(const Ptr<HwFlowTracking::ExporterConfig>& config, Route& out) const;
+  void pack(Exporter& exporter, const HwFlowTracking::FtConfig& tracker, const Route& to,
+            FlowTracking::TemplateId id, size_t recordLen, std::string_view records);
+  void finish(Exporter& exporter, const Route& to, FlowTracking::TemplateId id);
+  void send(Exporter& exporter, const Route& to);
+  void sendOne(const Route& to, FlowTracking::TemplateId id, FlowTracking::Message& message);
+  void count(const Route& to, const Tarn::Ipfix::CollectorInfo& collector,
+             FlowTracking::TemplateId id, const FlowTracking::Message& message);
+  void forgetGone(const HwFlowTracking::FtConfig& tracker);
+
+  std::string trackerName_;
+  FlowExportTree tree_;
+  std::map<std::string, Exporter> exporters_;
+  Counters counters_;
+};
+
+}  // namespace agent

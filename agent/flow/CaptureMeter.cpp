@@ -1,0 +1,104 @@
+#include "agent/flow/CaptureMeter.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <vector>
+
+#include "platform/UdpPam.h"
+
+namespace agent::flow {
+namespace {
+constexpr int tickMs = 100;  // how late a record may leave for want of company
+constexpr int ringMs = 200;  // how old a packet may be when it is handed over
+constexpr size_t blocksPerRound = 16;
+
+int64_t nowMs() {
+  using std::chrono::duration_cast, std::chrono::milliseconds, std::chrono::system_clock;
+  return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+}
+}  // namespace
+
+CaptureMeter::CaptureMeter(size_t maxFlows, uint64_t seed, const MeterOrders& orders)
+    : FlowMeter(maxFlows, seed, orders),
+      ring_(PacketRingOptions{}),
+      wakeFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+  if (wakeFd_ < 0) throw platform::ErrnoException(errno, "eventfd");
+  start();
+}
+CaptureMeter::~CaptureMeter() {
+  stop();
+  close(wakeFd_);
+}
+void CaptureMeter::wake() {
+  const uint64_t one = 1;
+  [[maybe_unused]] const auto n = write(wakeFd_, &one, sizeof one);
+}
+
+bool CaptureMeter::filterIs() {
+  std::vector<uint32_t> interfaces;
+  for (const auto& [kernel, exported] : orders_.interfaces) {
+    interfaces.push_back(kernel);
+    known_[kernel] = exported;
+  }
+  try {
+    ring_.filterIs(std::move(interfaces), orders_.sampleRate);
+    counters_.filterError = 0;
+  } catch (const platform::ErrnoException& e) {
+    counters_.filterError = e.code().value();
+  }
+  return counters_.filterError == 0;
+}
+
+size_t CaptureMeter::readBlocks() {
+  uint32_t lastKernel = 0;  // no interface has it
+  uint32_t lastExported = 0;
+  return ring_.read(
+      [&](const Packet& packet) {
+        if (packet.interface != lastKernel) {
+          lastKernel = packet.interface;
+          const auto it = known_.find(lastKernel);
+          lastExported = it == known_.end() ? 0 : it->second;
+        }
+        packetIs(packet, lastExported);
+      },
+      blocksPerRound);
+}
+
+void CaptureMeter::run() {
+  int64_t ticked = 0;
+  bool filterDue = true;
+  while (!stopped()) {
+    if (takeOrders() || filterDue) filterDue = !filterIs();
+    const size_t got = readBlocks();
+    settle();
+    const int64_t now = nowMs();
+    if (now - ticked >= tickMs || now < ticked) {
+      // The clock was set back: what is under way can no longer be timed.
+      if (now + tickMs < ticked) cache_.endAll(EndReason::forcedEnd);
+      ticked = now;
+      cache_.nowIs(now - ringMs);
+      queue_.flush();
+      counters_.drops = ring_.statistics().dropped;
+      tellCounters();
+    }
+    if (got > 0) continue;
+    pollfd fds[] = {{ring_.fd(), POLLIN, 0}, {wakeFd_, POLLIN, 0}};
+    poll(fds, 2, tickMs);
+    if (fds[1].revents != 0) {
+      uint64_t n = 0;
+      [[maybe_unused]] const auto read = ::read(wakeFd_, &n, sizeof n);
+    }
+  }
+  takeOrders();
+  while (readBlocks() > 0) settle();
+  settle();
+  counters_.drops = ring_.statistics().dropped;
+  cache_.waiterIs([this] { return waitForRoom(); });
+  cache_.endAll(EndReason::forcedEnd);
+}
+
+}  // namespace agent::flow

@@ -1,0 +1,39 @@
+#include "agent/flow/FileMeter.h"
+
+namespace agent::flow {
+namespace {
+constexpr uint64_t fileSeed = 0x7461726e666c6f77;  // a file gives the same records each time
+}  // namespace
+
+FileMeter::FileMeter(std::unique_ptr<CaptureFile> file, size_t maxFlows, const MeterOrders& orders)
+    : FlowMeter(maxFlows, fileSeed, orders), file_(std::move(file)) {
+  cache_.waiterIs([this] { return waitForRoom(); });
+  start();
+}
+FileMeter::~FileMeter() { stop(); }
+
+void FileMeter::run() {
+  uint64_t random = fileSeed;
+  uint32_t untilLook = 0;
+  Packet packet;
+  while (file_->next(packet)) {
+    if (++untilLook == 4096) {
+      untilLook = 0;
+      if (stopped()) break;
+      takeOrders();
+      tellCounters();
+    }
+    if (orders_.sampleRate > 1) {
+      random = random * 6364136223846793005 + 1442695040888963407;
+      if ((random >> 32) % orders_.sampleRate != 0) {
+        ++counters_.skipped;
+        continue;
+      }
+    }
+    packetIs(packet, packet.interface);
+  }
+  settle();
+  cache_.endAll(EndReason::forcedEnd);
+}
+
+}  // namespace agent::flow

@@ -1,0 +1,159 @@
+#include "agent/flow/FlowCache.h"
+
+#include <algorithm>
+
+namespace agent::flow {
+
+FlowCache::FlowCache(size_t maxFlows, const FlowTimes& times, uint64_t seed, RecordQueue& queue)
+    : maxFlows_(maxFlows),
+      times_(times),
+      seed_(seed),
+      queue_(queue),
+      ipv4_(maxFlows),
+      ipv6_(maxFlows) {}
+
+template <class Entry>
+int64_t FlowCache::dueMs(const Entry& e) const {
+  const int64_t silent =
+      e.ending ? std::min(times_.inactiveMs, FlowTable<Entry>::endingMs) : times_.inactiveMs;
+  return std::min(e.firstMs + times_.activeMs, e.lastMs + silent);
+}
+template <class Entry>
+EndReason FlowCache::reasonOf(const Entry& e) const {
+  if (e.ending) return EndReason::endOfFlow;
+  return e.lastMs + times_.inactiveMs < e.firstMs + times_.activeMs ? EndReason::idleTimeout
+                                                                    : EndReason::activeTimeout;
+}
+
+template <class Entry>
+bool FlowCache::report(const Entry& entry, EndReason reason) {
+  constexpr bool ipv6 = sizeof(entry.key.src) == 16;
+  char* to = nullptr;
+  while (hold_ || !(to = queue_.room(ipv6)))
+    if (!waiter_ || !waiter_()) return false;
+  queue_.written(ipv6, encodeFlow(entry, reason, vrfId_, to));
+  ++counters_.expired[static_cast<size_t>(reason)];
+  return true;
+}
+
+template <class Table>
+void FlowCache::look(Table& table, typename Table::Entry& entry) {
+  if (const int64_t due = dueMs(entry); due > nowMs_) {
+    table.dueAt(entry, due);
+  } else if (report(entry, reasonOf(entry))) {
+    table.remove(entry);
+  } else {
+    table.dueAt(entry, nowMs_ + retryMs);
+  }
+}
+
+void FlowCache::nowIs(int64_t nowMs) {
+  if (nowMs <= nowMs_) return;
+  nowMs_ = nowMs;
+  ipv4_.advance(nowMs, [this](FlowEntry4& e) { look(ipv4_, e); });
+  ipv6_.advance(nowMs, [this](FlowEntry6& e) { look(ipv6_, e); });
+}
+
+template <class Table>
+void FlowCache::evictFrom(Table& table) {
+  auto& entry = table.victim([this](const auto& e) { return dueMs(e); });
+  if (!report(entry, EndReason::lackOfResources)) {
+    ++counters_.lost[static_cast<size_t>(hold_ ? Loss::noCollector : Loss::queueFull)];
+    counters_.lostPackets += entry.packets;
+  }
+  table.remove(entry);
+}
+
+template <class Table>
+typename Table::Entry& FlowCache::make(Table& table, const typename Table::Key& key,
+                                       const Sample& s) {
+  if (size() >= maxFlows_) {
+    if (table.size() > 0) {
+      evictFrom(table);
+    } else if (ipv4_.size() > 0) {
+      evictFrom(ipv4_);
+    } else {
+      evictFrom(ipv6_);
+    }
+  }
+  ++counters_.created;
+  auto& entry = table.add(key, s.hash, s.timeMs);
+  entry.flowLabelIs(s.parsed.flowLabel);
+  table.dueAt(entry, dueMs(entry));
+  return entry;
+}
+
+template <class Table, class Key>
+void FlowCache::count(Table& table, const Key& key, const Sample& s) {
+  auto* entry = table.find(key, s.hash);
+  if (entry) {
+    // The wheel is a tick late at most; a packet knows exactly that the flow before it is over. A
+    // connection that begins anew on the same ports is another flow.
+    const bool anew = entry->ending && (s.parsed.tcpFlags & tcpSyn) != 0;
+    if ((dueMs(*entry) <= s.timeMs || anew) && report(*entry, reasonOf(*entry))) {
+      table.remove(*entry);
+      entry = nullptr;
+    }
+  }
+  if (!entry) entry = &make(table, key, s);
+  ++entry->packets;
+  entry->octets += s.parsed.ipOctets;
+  entry->firstMs = std::min(entry->firstMs, s.timeMs);
+  entry->lastMs = std::max(entry->lastMs, s.timeMs);
+  entry->tcpFlags |= s.parsed.tcpFlags;
+  if ((s.parsed.tcpFlags & (tcpFin | tcpRst)) != 0 && !entry->ending) {
+    entry->ending = true;
+    table.dueAt(*entry, dueMs(*entry));
+  }
+  ++counters_.packets;
+  counters_.octets += s.parsed.ipOctets;
+}
+
+void FlowCache::samplesIs(Sample* samples, size_t n) {
+  for (size_t i = 0; i < n; ++i) {
+    Sample& s = samples[i];
+    if (s.parsed.error != ParseError::none) continue;
+    if (s.parsed.ipv6) {
+      s.hash = flowHash(s.parsed.key6, seed_);
+      ipv6_.prefetchSlot(s.hash);
+    } else {
+      s.hash = flowHash(s.parsed.key4, seed_);
+      ipv4_.prefetchSlot(s.hash);
+    }
+  }
+  for (size_t i = 0; i < n; ++i) {
+    const Sample& s = samples[i];
+    if (s.parsed.error != ParseError::none) continue;
+    s.parsed.ipv6 ? ipv6_.prefetchEntry(s.hash) : ipv4_.prefetchEntry(s.hash);
+  }
+  for (size_t i = 0; i < n; ++i) {
+    const Sample& s = samples[i];
+    if (s.parsed.error != ParseError::none) continue;
+    nowIs(s.timeMs);
+    if (s.parsed.ipv6) {
+      count(ipv6_, s.parsed.key6, s);
+    } else {
+      count(ipv4_, s.parsed.key4, s);
+    }
+  }
+}
+
+template <class Table>
+void FlowCache::endAllOf(Table& table, EndReason reason) {
+  table.each([&](auto& entry) {
+    if (!report(entry, reason)) {
+      ++counters_.lost[static_cast<size_t>(hold_ ? Loss::noCollector : Loss::queueFull)];
+      counters_.lostPackets += entry.packets;
+    }
+    table.remove(entry);
+  });
+}
+void FlowCache::endAll(EndReason reason) {
+  endAllOf(ipv4_, reason);
+  endAllOf(ipv6_, reason);
+  nowMs_ = 0;
+  ipv4_.restart();
+  ipv6_.restart();
+}
+
+}  // namespace agent::flow

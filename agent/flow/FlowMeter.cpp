@@ -1,0 +1,79 @@
+#include "agent/flow/FlowMeter.h"
+
+#include <chrono>
+#include <csignal>
+
+namespace agent::flow {
+namespace {
+constexpr auto roomWait = std::chrono::microseconds(500);
+
+}  // namespace
+
+FlowMeter::FlowMeter(size_t maxFlows, uint64_t seed, const MeterOrders& orders)
+    : orders_(orders), cache_(maxFlows, orders.times, seed, queue_), parser_(seed), given_(orders) {
+  cache_.vrfIdIs(orders.vrfId);
+  cache_.holdIs(orders.hold);
+}
+
+void FlowMeter::start() {
+  // Signals are the agent thread's.
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  thread_ = std::thread([this] {
+    run();
+    queue_.flush();
+    tellCounters();
+    done_.store(true, std::memory_order_release);
+  });
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+void FlowMeter::endSoon() {
+  stop_ = true;
+  wake();
+}
+void FlowMeter::stop() {
+  abandon_ = true;
+  endSoon();
+  if (thread_.joinable()) thread_.join();
+}
+bool FlowMeter::waitForRoom() {
+  if (abandon_) return false;
+  std::this_thread::sleep_for(roomWait);
+  takeOrders();
+  return !abandon_;
+}
+
+void FlowMeter::ordersIs(const MeterOrders& orders) {
+  const std::lock_guard lock(mutex_);
+  if (given_ == orders) return;
+  given_ = orders;
+  fresh_.store(true, std::memory_order_release);
+  wake();
+}
+bool FlowMeter::takeOrders() {
+  if (!fresh_.load(std::memory_order_acquire)) return false;
+  {
+    const std::lock_guard lock(mutex_);
+    orders_ = given_;
+    fresh_ = false;
+  }
+  cache_.timesIs(orders_.times);
+  cache_.vrfIdIs(orders_.vrfId);
+  cache_.holdIs(orders_.hold);
+  return true;
+}
+
+void FlowMeter::tellCounters() {
+  counters_.cache = cache_.counters();
+  counters_.active = cache_.size();
+  const std::lock_guard lock(mutex_);
+  told_ = counters_;
+}
+MeterCounters FlowMeter::counters() const {
+  const std::lock_guard lock(mutex_);
+  return told_;
+}
+
+}  // namespace agent::flow

@@ -1,0 +1,109 @@
+#pragma once
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "agent/flow/FlowCache.h"
+#include "agent/flow/PacketParser.h"
+#include "agent/flow/RecordQueue.h"
+
+namespace agent::flow {
+
+/// What a meter is to do; changes while it runs.
+struct MeterOrders {
+  FlowTimes times;
+  uint32_t sampleRate = 1;
+  uint32_t vrfId = 0;
+  bool hold = true;  ///< no collector is ready
+  /// The captured interfaces by the kernel's index, with the index that is exported.
+  std::map<uint32_t, uint32_t> interfaces;
+  bool operator==(const MeterOrders&) const = default;
+};
+
+struct MeterCounters {
+  FlowCacheCounters cache;
+  uint64_t seen = 0;   ///< packets that reached the capture
+  uint64_t drops = 0;  ///< of them, those that the kernel had no room for
+  std::array<uint64_t, parseErrors> errors{};
+  size_t active = 0;
+  int filterError = 0;   ///< errno: what chooses the packets was refused, and is tried again
+  uint64_t skipped = 0;  ///< of a file: left out by sampling
+};
+
+/// Turns packets into flows and flows into records, on a thread of its own. The agent's thread
+/// gives orders, reads the counters and takes the records from `queue`.
+class FlowMeter {
+ public:
+  FlowMeter(size_t maxFlows, uint64_t seed, const MeterOrders& orders);
+  virtual ~FlowMeter() = default;
+  FlowMeter(const FlowMeter&) = delete;
+  FlowMeter& operator=(const FlowMeter&) = delete;
+
+  // The agent's thread.
+  void ordersIs(const MeterOrders& orders);
+  MeterCounters counters() const;
+  RecordQueue& queue() { return queue_; }
+  /// The thread is over: what it had to say is in the queue and the counters.
+  bool done() const { return done_.load(std::memory_order_acquire); }
+  /// The thread is to report the flows under way and end. It needs the queue read, until `done`.
+  void endSoon();
+  /// Ends the thread now: records that find no room in the queue are lost and counted.
+  void stop();
+
+ protected:
+  static constexpr size_t batch = 64;
+
+  void start();            ///< by the subclass, when it is complete
+  virtual void run() = 0;  ///< the thread; ends when `stopped`
+  virtual void wake() {}
+
+  // For the thread.
+  bool stopped() const { return stop_.load(std::memory_order_relaxed); }
+  /// True when there were new ones; `orders_` has them.
+  bool takeOrders();
+  /// False: nobody will make room.
+  bool waitForRoom();
+  void packetIs(const Packet& packet, uint32_t interface) {
+    auto& sample = samples_[gathered_];
+    parser_.parse(packet, sample.parsed);
+    ++counters_.seen;
+    if (sample.parsed.error != ParseError::none) {
+      ++counters_.errors[static_cast<size_t>(sample.parsed.error)];
+      return;
+    }
+    (sample.parsed.ipv6 ? sample.parsed.key6.rest : sample.parsed.key4.rest).interface = interface;
+    sample.timeMs = packet.timeNs / 1000000;
+    if (++gathered_ == batch) settle();
+  }
+  /// Counts what has gathered in the batch.
+  void settle() {
+    cache_.samplesIs(samples_.data(), gathered_);
+    gathered_ = 0;
+  }
+  void tellCounters();
+
+  MeterOrders orders_;
+  RecordQueue queue_;
+  FlowCache cache_;
+  MeterCounters counters_;
+
+ private:
+  PacketParser parser_;
+  std::array<FlowCache::Sample, batch> samples_;
+  size_t gathered_ = 0;
+
+  std::atomic<bool> stop_{false};
+  std::atomic<bool> abandon_{false};
+  std::atomic<bool> done_{false};
+  mutable std::mutex mutex_;  // guards what follows
+  MeterOrders given_;
+  std::atomic<bool> fresh_{false};
+  MeterCounters told_;
+
+  std::thread thread_;
+};
+
+}  // namespace agent::flow

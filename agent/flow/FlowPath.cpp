@@ -1,0 +1,319 @@
+#include "agent/flow/FlowPath.h"
+
+#include <fnmatch.h>
+#include <sys/epoll.h>
+
+#include <algorithm>
+#include <chrono>
+#include <random>
+#include <thread>
+
+#include "agent/FlowTemplates.h"
+#include "agent/Printable.h"
+#include "agent/flow/CaptureMeter.h"
+#include "platform/Platform.h"
+#include "platform/linux/Netns.h"
+
+namespace agent::flow {
+namespace {
+constexpr TaskPriority priority = 3;  // behind templates and options data
+constexpr uint64_t queuedMax = 4096;  // datagrams in an endpoint, half a second at its pace
+constexpr Seconds drainRetry{0.004};  // the endpoints' pace
+constexpr Seconds flushDelay{0.1};    // how long a message waits to be full
+constexpr Seconds tick{0.1};
+constexpr int ticksPerTelling = 10;
+constexpr int blocksPerTask = 8;
+
+/// The name that patterns, and the interface table, know the interface by.
+std::string exportedName(const VrfName& vrf, const std::string& name) {
+  return vrf.stringValue() == defaultVrf ? name : vrf.stringValue() + '/' + name;
+}
+bool matches(const std::vector<std::string>& patterns, const std::string& name) {
+  return std::any_of(patterns.begin(), patterns.end(), [&](const std::string& pattern) {
+    return fnmatch(pattern.c_str(), name.c_str(), FNM_PATHNAME) == 0;
+  });
+}
+uint64_t randomSeed() {
+  std::random_device device;
+  return uint64_t{device()} << 32 | device();
+}
+}  // namespace
+
+class FlowPath::Watch final : public VrfNetwork::Watcher {
+ public:
+  Watch(FlowPath& path, Ptr<const VrfNetwork> network) : Watcher(std::move(network)), path_(path) {}
+  void handlePresent() override { path_.reviewSoon(); }
+  void handleLink(const std::string&) override { path_.reviewSoon(); }
+
+ private:
+  FlowPath& path_;
+};
+class FlowPath::ListWatch final : public NetworkList::Watcher {
+ public:
+  explicit ListWatch(FlowPath& path) : Watcher(path.host_.networks), path_(path) {}
+  void handleNetwork(const VrfName&) override { path_.reviewSoon(); }
+
+ private:
+  FlowPath& path_;
+};
+
+FlowPath::FlowPath(std::string tracker, FlowPathHost host, FlowExportTree tree,
+                   const TrackerSettings& settings)
+    : tracker_(std::move(tracker)),
+      host_(std::move(host)),
+      settings_(settings),
+      export_(tracker_, std::move(tree)),
+      ended_{.key = FlowTracking::FlowPathKey(tracker_)} {
+  const auto scheduler = host_.loop->taskScheduler();
+  const auto task = [&](const char* kind, auto body) {
+    return scheduler->timerTask(std::string("flowPath-") + kind + '-' + tracker_, priority, body);
+  };
+  reviewTask_ = task("Review", [this] { review(); });
+  drainTask_ = task("Drain", [this] { drainAll(); });
+  flushTask_ = task("Flush", [this] { export_.flush(); });
+  tickTask_ = task("Tick", [this] { handleTick(); });
+  tickTask_->scheduleIs(Seconds(0));
+  listWatch_ = std::make_unique<ListWatch>(*this);
+  reviewSoon();
+}
+
+FlowPath::~FlowPath() {
+  for (auto& [vrf, source] : sources_) release(source);
+  export_.flush();
+  if (host_.counters) {
+    const FlowTracking::FlowPathKey key(tracker_);
+    host_.counters->del(std::as_bytes(std::span(&key, 1)));
+  }
+}
+
+void FlowPath::settingsIs(const TrackerSettings& settings) {
+  const bool anew = settings.maxFlows != settings_.maxFlows;
+  settings_ = settings;
+  if (anew && !file_)
+    for (auto& [vrf, source] : sources_) release(source);
+  reviewSoon();
+}
+
+void FlowPath::fileIs(std::unique_ptr<CaptureFile> file, std::function<void()> done) {
+  const VrfName vrf{std::string(defaultVrf)};
+  Source& source = sources_[vrf];
+  auto meter = std::make_unique<FileMeter>(std::move(file), settings_.maxFlows, orders(vrf));
+  file_ = meter.get();
+  source.meter = std::move(meter);
+  fileDone_ = std::move(done);
+  watchQueue(source);
+}
+
+// --- Meters ---
+
+MeterOrders FlowPath::orders(const VrfName& vrf) const {
+  MeterOrders o;
+  o.times = {settings_.activeInterval.count(), settings_.inactiveTimeout.count()};
+  o.sampleRate = settings_.sampleRate;
+  o.hold = hold_;
+  for (const auto& [id, name] : host_.vrfs->vrf())
+    if (name == vrf) o.vrfId = id;
+  const auto network = host_.networks->network(vrf);
+  if (!network || !network->present()) return o;
+  for (const auto& [kernel, link] : network->links()) {
+    const std::string name = exportedName(vrf, link.name);
+    if (!matches(settings_.interfaces, name)) continue;
+    const auto index = host_.indexes->intfIndex().find(IntfId(name));
+    if (index != host_.indexes->intfIndex().end()) o.interfaces.emplace(kernel, index->second);
+  }
+  return o;
+}
+
+void FlowPath::review() {
+  if (file_) {
+    for (auto& [vrf, source] : sources_) source.meter->ordersIs(orders(vrf));
+    return;
+  }
+  for (const auto& [vrf, network] : host_.networks->network()) {
+    Source& source = sources_[vrf];
+    if (!source.network) source.network = std::make_unique<Watch>(*this, network);
+    reviewNetwork(vrf, source);
+  }
+  for (auto it = sources_.begin(); it != sources_.end();) {
+    if (host_.networks->network(it->first)) {
+      ++it;
+    } else {
+      release(it->second);
+      it = sources_.erase(it);
+    }
+  }
+}
+
+void FlowPath::reviewNetwork(const VrfName& vrf, Source& source) {
+  const MeterOrders wanted = orders(vrf);
+  const std::string where =
+      "tracker " + printable(tracker_) + ", VRF " + printable(vrf.stringValue()) + ": ";
+  if (wanted.interfaces.empty()) {
+    if (source.meter) host_.log.info(where + "no interface to track flows on any more");
+    release(source);
+    return;
+  }
+  if (source.meter) {
+    source.meter->ordersIs(wanted);
+    return;
+  }
+  try {
+    const NetnsScope inside(vrf.stringValue() == defaultVrf
+                                ? std::string()
+                                : host_.netnsDir + "/ns-" + vrf.stringValue());
+    source.meter = std::make_unique<CaptureMeter>(settings_.maxFlows, randomSeed(), wanted);
+  } catch (const ErrnoException& e) {
+    if (source.problem != e.what())
+      host_.log.warning(where + "cannot track flows, trying again: " + e.what());
+    source.problem = e.what();
+    reviewTask_->scheduleLowestIs(Seconds(1.0));
+    return;
+  }
+  source.problem.clear();
+  watchQueue(source);
+  std::string names;
+  for (const auto& [kernel, exported] : wanted.interfaces) {
+    if (names.size() > 200) {
+      names += ", ...";
+      break;
+    }
+    names += (names.empty() ? "" : ", ") +
+             printable(host_.networks->network(vrf)->links().at(kernel).name);
+  }
+  host_.log.info(where + "tracking flows on " + names);
+}
+
+void FlowPath::watchQueue(Source& source) {
+  FlowMeter& meter = *source.meter;
+  source.watch = host_.loop->fdWatch(meter.queue().fd(), EPOLLIN, [this, &meter](uint32_t) {
+    meter.queue().heard();
+    drainTask_->scheduleLowestIs(Seconds(0));
+  });
+}
+
+void FlowPath::release(Source& source) {
+  if (!source.meter) return;
+  source.watch.reset();
+  FlowMeter& meter = *source.meter;
+  meter.endSoon();
+  const auto end = std::chrono::steady_clock::now() + stopMax;
+  while (!hold_ && !meter.done() && std::chrono::steady_clock::now() < end)
+    if (!drain(meter)) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  meter.stop();
+  while (drain(meter)) {  // without a collector they are counted as lost
+  }
+  addCounters(meter, ended_);
+  if (source.meter.get() == file_) file_ = nullptr;
+  source.meter.reset();
+}
+
+// --- Records ---
+
+bool FlowPath::drain(FlowMeter& meter) {
+  RecordBlock* block = meter.queue().take();
+  if (!block) return false;
+  export_.recordsIs(block->ipv6 ? ipv6FlowTemplate : ipv4FlowTemplate,
+                    block->ipv6 ? flowRecordLen6 : flowRecordLen4,
+                    {block->octets.data(), block->used});
+  meter.queue().release(block);
+  return true;
+}
+
+void FlowPath::drainAll() {
+  if (hold_) return;  // the tick comes back to it
+  int blocks = 0;
+  for (bool any = true; any;) {
+    any = false;
+    for (auto& [vrf, source] : sources_) {
+      if (!source.meter) continue;
+      if (++blocks > blocksPerTask || export_.queued() > queuedMax) {
+        drainTask_->scheduleLowestIs(blocks > blocksPerTask ? Seconds(0) : drainRetry);
+        return;
+      }
+      any = drain(*source.meter) || any;
+    }
+  }
+  // What a file gives is packed the same way each time, whatever the clock says.
+  if (!file_) flushTask_->scheduleLowestIs(flushDelay);
+}
+
+void FlowPath::handleTick() {
+  tickTask_->scheduleIs(tick);
+  const bool hold = !export_.ready();
+  if (hold != hold_) {
+    hold_ = hold;
+    review();
+    drainTask_->scheduleLowestIs(Seconds(0));
+  }
+  if (++ticks_ % ticksPerTelling == 0) tellCounters();
+  if (file_ && file_->done() && fileDone_) {
+    if (hold_ || drain(*file_)) {
+      drainTask_->scheduleLowestIs(Seconds(0));
+    } else if (export_.queued() == 0) {
+      export_.flush();
+      tellCounters();
+      std::exchange(fileDone_, nullptr)();
+    }
+  }
+}
+
+// --- Counters ---
+
+void FlowPath::addCounters(const FlowMeter& meter, FlowTracking::FlowPathRecord& to) const {
+  const MeterCounters c = meter.counters();
+  const auto ended = [&](EndReason r) { return c.cache.expired[static_cast<size_t>(r)]; };
+  const auto errors = [&](ParseError e) { return c.errors[static_cast<size_t>(e)]; };
+  to.packetsSeen += c.seen + c.drops;
+  to.kernelDrops += c.drops;
+  to.notIp += errors(ParseError::notIp);
+  to.truncated += errors(ParseError::truncated);
+  to.malformed += errors(ParseError::malformed);
+  to.packets += c.cache.packets;
+  to.octets += c.cache.octets;
+  to.flowsCreated += c.cache.created;
+  to.endedIdle += ended(EndReason::idleTimeout);
+  to.endedActive += ended(EndReason::activeTimeout);
+  to.endedEndOfFlow += ended(EndReason::endOfFlow);
+  to.endedForced += ended(EndReason::forcedEnd);
+  to.endedResources += ended(EndReason::lackOfResources);
+  to.lostNoCollector += c.cache.lost[static_cast<size_t>(Loss::noCollector)];
+  to.lostQueueFull += c.cache.lost[static_cast<size_t>(Loss::queueFull)];
+  to.lostPackets += c.cache.lostPackets;
+}
+
+FlowTracking::FlowPathRecord FlowPath::record() const {
+  FlowTracking::FlowPathRecord r = ended_;
+  for (const auto& [vrf, source] : sources_) {
+    if (!source.meter) continue;
+    addCounters(*source.meter, r);
+    r.flowsActive += source.meter->counters().active;
+    r.flowsMax += settings_.maxFlows;
+  }
+  r.records = export_.counters().records;
+  r.recordsLost = export_.counters().recordsLost;
+  r.messages = export_.counters().messages;
+  r.sampleRate = settings_.sampleRate;
+  r.updatedTime = Platform::current().clock().now();
+  return r;
+}
+void FlowPath::tellCounters() {
+  if (!host_.counters) return;
+  const auto r = record();
+  host_.counters->put(std::as_bytes(std::span(&r.key, 1)), std::as_bytes(std::span(&r, 1)));
+}
+std::string FlowPath::summary() const {
+  const auto r = record();
+  const auto n = [](uint64_t v, const char* noun) { return std::to_string(v) + ' ' + noun; };
+  std::string text = n(r.packetsSeen, "packets seen, ") + n(r.packets, "in flows, ") +
+                     n(r.flowsCreated, "flows, ") + n(r.records, "records sent in ") +
+                     n(r.messages, "messages");
+  for (const auto& [count, what] :
+       {std::pair(r.notIp, "packets not IP"), std::pair(r.truncated, "packets truncated"),
+        std::pair(r.malformed, "packets malformed"),
+        std::pair(r.lostNoCollector + r.lostQueueFull, "flows lost"),
+        std::pair(r.recordsLost, "records lost")})
+    if (count > 0) text += ", " + n(count, what);
+  return text;
+}
+
+}  // namespace agent::flow

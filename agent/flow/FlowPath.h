@@ -1,0 +1,95 @@
+#pragma once
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "Ipfix/FlowTrackingTypes.h"
+#include "agent/AgentLog.h"
+#include "agent/FlowExport.h"
+#include "agent/Network.h"
+#include "agent/Settings.h"
+#include "agent/flow/FileMeter.h"
+#include "platform/FlowPathCounters.h"
+#include "platform/SharedTable.h"
+#include "platform/Vrf.h"
+#include "platform/linux/EventLoop.h"
+
+namespace agent::flow {
+
+/// What a flow path stands on.
+struct FlowPathHost {
+  Ptr<EventLoop> loop;
+  Ptr<const NetworkList> networks;
+  Ptr<const FlowTracking::IntfIndexMap> indexes;
+  Ptr<const Vrf::VrfIdMap::Status> vrfs;
+  std::string netnsDir;
+  Ptr<SharedTable> counters;  ///< of FlowPathRecord; null: not shown
+  AgentLog& log;
+};
+
+/// The software flow path of one tracker, on the agent's thread: a meter in each network that has
+/// an interface of the tracker's patterns, and what they report on its way to the collectors. Flows
+/// are held back while no collector is ready, and while the endpoints have much to send.
+class FlowPath {
+ public:
+  FlowPath(std::string tracker, FlowPathHost host, FlowExportTree tree,
+           const TrackerSettings& settings);
+  /// Reports the flows under way, as far as that takes no longer than `stopMax`.
+  ~FlowPath();
+  FlowPath(const FlowPath&) = delete;
+  FlowPath& operator=(const FlowPath&) = delete;
+
+  /// The times, the sampling and the interfaces apply from now on; another `maxFlows` starts anew.
+  void settingsIs(const TrackerSettings& settings);
+  /// Reads a file instead of interfaces; `done` is called once when all of it was sent.
+  void fileIs(std::unique_ptr<CaptureFile> file, std::function<void()> done);
+  /// What the path did, in words.
+  std::string summary() const;
+  /// The file's meter, or null.
+  const FileMeter* file() const { return file_; }
+
+ private:
+  static constexpr Seconds stopMax{3.0};
+
+  class Watch;
+  struct Source {
+    std::unique_ptr<FlowMeter> meter;
+    std::unique_ptr<EventLoop::FdWatch> watch;
+    std::unique_ptr<Watch> network;
+    std::string problem;  // why there is no meter, as it was told
+  };
+  class ListWatch;
+
+  void reviewSoon() { reviewTask_->scheduleLowestIs(Seconds(0.01)); }
+  void review();
+  void reviewNetwork(const VrfName& vrf, Source& source);
+  MeterOrders orders(const VrfName& vrf) const;
+  void watchQueue(Source& source);
+  void release(Source& source);
+  /// False: more waits than can be sent now.
+  bool drain(FlowMeter& meter);
+  void drainAll();
+  void handleTick();
+  FlowTracking::FlowPathRecord record() const;
+  void tellCounters();
+  void addCounters(const FlowMeter& meter, FlowTracking::FlowPathRecord& to) const;
+
+  std::string tracker_;
+  FlowPathHost host_;
+  TrackerSettings settings_;
+  FlowExport export_;
+  bool hold_ = true;
+  std::map<VrfName, Source> sources_;
+  FlowTracking::FlowPathRecord ended_;  // of meters that are gone
+  FileMeter* file_ = nullptr;
+  std::function<void()> fileDone_;
+  std::unique_ptr<ListWatch> listWatch_;
+  std::unique_ptr<TimerTask> reviewTask_;
+  std::unique_ptr<TimerTask> drainTask_;
+  std::unique_ptr<TimerTask> flushTask_;
+  std::unique_ptr<TimerTask> tickTask_;
+  int ticks_ = 0;
+};
+
+}  // namespace agent::flow

@@ -1,0 +1,19 @@
+#include "agent/flow/Mapping.h"
+
+#include <sys/mman.h>
+
+#include <new>
+
+namespace agent::flow {
+
+void* mapZeroed(size_t octets) {
+  void* at = mmap(nullptr, octets, PROT_READ | PROT_WRITE,
+                  MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (at == MAP_FAILED) throw std::bad_alloc();
+  // Random access over hundreds of megabytes: without large pages each look-up misses the TLB too.
+  madvise(at, octets, MADV_HUGEPAGE);
+  return at;
+}
+void unmap(void* at, size_t octets) noexcept { munmap(at, octets); }
+
+}  // namespace agent::flow

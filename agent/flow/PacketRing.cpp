@@ -1,0 +1,194 @@
+#include "agent/flow/PacketRing.h"
+
+#include <arpa/inet.h>
+#include <linux/filter.h>
+#include <linux/if_ether.h>
+#include <net/if_arp.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <span>
+#include <string>
+
+#include "platform/UdpPam.h"
+
+namespace agent::flow {
+namespace {
+using Program = std::vector<sock_filter>;
+
+// Of linux/if_packet.h since 5.9. The group has a hook of its own, so the socket's option is not
+// enough.
+constexpr int fanoutIgnoreOutgoing = 0x4000;
+// The kernel wants frames in a block, though blocks of this version hold packets of any length.
+constexpr uint32_t frameLen = 2048;
+constexpr size_t leafMax = 8;
+
+constexpr sock_filter statement(uint16_t code, uint32_t k) { return {code, 0, 0, k}; }
+constexpr sock_filter jump(uint16_t code, uint32_t k, size_t ifTrue, size_t ifFalse) {
+  return {code, static_cast<uint8_t>(ifTrue), static_cast<uint8_t>(ifFalse), k};
+}
+constexpr sock_filter ancillary(int what) {
+  return statement(BPF_LD | BPF_W | BPF_ABS, static_cast<uint32_t>(SKF_AD_OFF + what));
+}
+constexpr sock_filter result(uint32_t octets) { return statement(BPF_RET | BPF_K, octets); }
+
+/// Appends the search for the accumulator among sorted numbers; no matter where it ends, it
+/// returns.
+void appendTree(Program& program, std::span<const uint32_t> numbers, uint32_t snapLen) {
+  if (numbers.size() <= leafMax) {
+    for (size_t i = 0; i < numbers.size(); ++i)
+      program.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, numbers[i], numbers.size() - i, 0));
+    program.push_back(result(0));
+    if (!numbers.empty()) program.push_back(result(snapLen));
+    return;
+  }
+  const size_t half = numbers.size() / 2;
+  Program below;
+  appendTree(below, numbers.first(half), snapLen);
+  const auto len = static_cast<uint32_t>(below.size());
+  if (len <= 255) {
+    program.push_back(jump(BPF_JMP | BPF_JGE | BPF_K, numbers[half], len, 0));
+  } else {  // farther than a conditional jump reaches
+    program.push_back(jump(BPF_JMP | BPF_JGE | BPF_K, numbers[half], 0, 1));
+    program.push_back(statement(BPF_JMP | BPF_JA, len));
+  }
+  program.insert(program.end(), below.begin(), below.end());
+  appendTree(program, numbers.subspan(half), snapLen);
+}
+
+/// Sampling comes first: at high rates it spares most packets the rest.
+void appendSampling(Program& program, uint32_t sampleRate) {
+  if (sampleRate <= 1) return;
+  const uint64_t share = ((uint64_t{1} << 32) + sampleRate / 2) / sampleRate;
+  program.push_back(ancillary(SKF_AD_RANDOM));
+  program.push_back(jump(BPF_JMP | BPF_JGE | BPF_K, static_cast<uint32_t>(share), 0, 1));
+  program.push_back(result(0));
+}
+
+/// False: the program is too long for the kernel.
+bool attach(int fd, Program& program) {
+  if (program.size() > BPF_MAXINSNS) return false;
+  const sock_fprog all{static_cast<uint16_t>(program.size()), program.data()};
+  if (::setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &all, sizeof all) == 0) return true;
+  // Beyond what net.core.optmem_max allows a socket.
+  if (errno == ENOMEM) return false;
+  throw platform::ErrnoException(errno, "the packet socket refused its filter");
+}
+
+template <class T>
+void optionIs(int fd, int option, const T& value, const std::string& problem) {
+  if (::setsockopt(fd, SOL_PACKET, option, &value, sizeof value) != 0)
+    throw platform::ErrnoException(errno, problem);
+}
+}  // namespace
+
+void PacketRing::Unmap::operator()(uint8_t* at) const noexcept { ::munmap(at, len); }
+
+PacketRing::PacketRing(const Options& options) : options_(options) {
+  // Without a protocol it hears nothing until it is bound.
+  fd_ = platform::Fd(::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
+  if (!fd_) throw platform::ErrnoException(errno, "cannot open a packet socket");
+  const int fd = fd_.get();
+  Program nothing{result(0)};
+  if (!attach(fd, nothing))
+    throw platform::ErrnoException(ENOMEM, "the packet socket refused its filter");
+  optionIs(fd, PACKET_VERSION, int{TPACKET_V3}, "the kernel has no receive ring of version 3");
+  optionIs(fd, PACKET_IGNORE_OUTGOING, int{1}, "the kernel cannot leave out outgoing packets");
+
+  tpacket_req3 request{};
+  request.tp_block_size = options.blockLen;
+  request.tp_block_nr = options.blocks;
+  request.tp_frame_size = frameLen;
+  request.tp_frame_nr = options.blockLen / frameLen * options.blocks;
+  request.tp_retire_blk_tov = static_cast<unsigned>(options.blockTimeout.count());
+  optionIs(fd, PACKET_RX_RING, request,
+           "cannot make a receive ring of " + std::to_string(options.blocks) + " blocks of " +
+               std::to_string(options.blockLen) + " octets");
+  const size_t len = size_t{options.blockLen} * options.blocks;
+  void* at = ::mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  if (at == MAP_FAILED) throw platform::ErrnoException(errno, "cannot map the receive ring");
+  ring_ = {static_cast<uint8_t*>(at), Unmap{len}};
+
+  sockaddr_ll any{};
+  any.sll_family = AF_PACKET;
+  any.sll_protocol = htons(ETH_P_ALL);
+  if (::bind(fd, reinterpret_cast<const sockaddr*>(&any), sizeof any) != 0)
+    throw platform::ErrnoException(errno, "cannot bind the packet socket");
+  if (options.fanoutRings > 1) {
+    // Not PACKET_FANOUT_FLAG_DEFRAG: it would put fragments together, and one packet be counted
+    // where several came. The hash leaves out the ports of fragments, so they meet anyway.
+    const uint32_t group = options.fanoutGroup | uint32_t{PACKET_FANOUT_HASH | fanoutIgnoreOutgoing}
+                                                     << 16;
+    optionIs(fd, PACKET_FANOUT, group,
+             "cannot join the packet group " + std::to_string(options.fanoutGroup));
+  }
+}
+
+void PacketRing::filterIs(std::vector<uint32_t> interfaces, uint32_t sampleRate) {
+  std::sort(interfaces.begin(), interfaces.end());
+  interfaces.erase(std::unique(interfaces.begin(), interfaces.end()), interfaces.end());
+  Program program;
+  program.reserve(8 + 2 * interfaces.size());
+  appendSampling(program, sampleRate);
+  const size_t common = program.size();
+  program.push_back(ancillary(SKF_AD_IFINDEX));
+  appendTree(program, interfaces, options_.snapLen);
+  bool here = false;
+  if (!attach(fd_.get(), program)) {
+    program.resize(common);
+    program.push_back(result(options_.snapLen));
+    if (!attach(fd_.get(), program))
+      throw platform::ErrnoException(ENOMEM, "the packet socket refused its filter");
+    here = true;
+  }
+  chooseHere_ = here;
+  interfaces_ = std::move(interfaces);
+}
+
+bool PacketRing::wanted(uint32_t interface) const {
+  return std::binary_search(interfaces_.begin(), interfaces_.end(), interface);
+}
+
+void PacketRing::packetIs(Packet& p, const tpacket3_hdr& h) {
+  const auto* at = reinterpret_cast<const uint8_t*>(&h);
+  const auto& from = *reinterpret_cast<const sockaddr_ll*>(at + TPACKET_ALIGN(sizeof h));
+  p.timeNs = int64_t{h.tp_sec} * 1'000'000'000 + h.tp_nsec;
+  p.interface = static_cast<uint32_t>(from.sll_ifindex);
+  p.hasVlan = (h.tp_status & TP_STATUS_VLAN_VALID) != 0;
+  p.vlanTci = p.hasVlan ? static_cast<uint16_t>(h.hv1.tp_vlan_tci) : 0;
+  if (from.sll_hatype == ARPHRD_ETHER || from.sll_hatype == ARPHRD_LOOPBACK) {
+    p.link = LinkLayer::ethernet;
+    p.octets = at + h.tp_mac;
+    p.capLen = h.tp_snaplen;
+    p.wireLen = h.tp_len;
+    return;
+  }
+  // Whatever the device puts before it, the kernel knows where the network header is and whose.
+  p.link = LinkLayer::raw;
+  const uint32_t before = std::min<uint32_t>(h.tp_net - h.tp_mac, h.tp_snaplen);
+  p.octets = at + h.tp_mac + before;
+  p.capLen = h.tp_snaplen - before;
+  p.wireLen = h.tp_len - before;
+  if (from.sll_protocol != htons(ETH_P_IP) && from.sll_protocol != htons(ETH_P_IPV6)) {
+    // Its first octet could look like a version of IP.
+    static constexpr uint8_t notIp = 0;
+    p.octets = &notIp;
+    p.capLen = 1;
+  }
+}
+
+PacketRing::Statistics PacketRing::statistics() {
+  tpacket_stats_v3 now{};  // and from zero again
+  socklen_t len = sizeof now;
+  if (::getsockopt(fd_.get(), SOL_PACKET, PACKET_STATISTICS, &now, &len) == 0) {
+    statistics_.packets += now.tp_packets;
+    statistics_.dropped += now.tp_drops;
+    statistics_.freezes += now.tp_freeze_q_cnt;
+  }
+  return statistics_;
+}
+
+}  // namespace agent::flow

@@ -1,0 +1,111 @@
+#pragma once
+#include <linux/if_packet.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "agent/flow/Packet.h"
+#include "platform/linux/Fd.h"
+
+namespace agent::flow {
+
+struct PacketRingOptions {
+  uint32_t blockLen = 256 << 10;  ///< a multiple of the page length
+  uint32_t blocks = 64;
+  /// Octets kept of a packet: what the parser needs, tags and extension headers included.
+  uint32_t snapLen = 192;
+  /// A block is handed over when it is full or this old.
+  std::chrono::milliseconds blockTimeout{50};
+  /// Rings of one group, in one network namespace, share the packets by flow: every packet goes to
+  /// one of them, and all fragments between two addresses to the same. With one ring there is no
+  /// group.
+  uint16_t fanoutRings = 1;
+  uint16_t fanoutGroup = 0;
+};
+
+/// Packets as they arrive at interfaces of the network namespace that the calling thread is in, in
+/// memory shared with the kernel. What this host sends is not seen; on lo each packet is seen once.
+///
+///   PacketRing ring;                                  // accepts nothing yet
+///   ring.filterIs({3, 4}, 1);
+///   poll(ring.fd(), POLLIN) ... ring.read([&](const Packet& p) { ... }, 16);
+///
+/// For one thread. Needs CAP_NET_RAW. Packets that are segments put together by the device or the
+/// kernel come as one, with lengths beyond the interface's MTU.
+class PacketRing {
+ public:
+  using Options = PacketRingOptions;
+  /// Throws ErrnoException (EPERM: no CAP_NET_RAW; ENOMEM: no room for the ring; EINVAL: lengths,
+  /// or the group's id belongs to a group of another kind).
+  explicit PacketRing(const Options& options = {});
+
+  /// From now on packets of these interfaces are accepted, one out of `sampleRate` at random, and
+  /// no others. Takes effect between two packets; those already in the ring stay. An empty set
+  /// accepts nothing; 0 is as 1. The rate is exact up to 1 / 2^33 of it. Throws ErrnoException when
+  /// the kernel refuses the filter; the one before then stays.
+  void filterIs(std::vector<uint32_t> interfaces, uint32_t sampleRate);
+
+  /// Readable when a block is ready.
+  int fd() const { return fd_.get(); }
+
+  /// Hands each packet of up to `blocksMax` ready blocks to `onPacket(const Packet&)` and gives the
+  /// blocks back; a packet's octets are there during its call only. `onPacket` must not throw.
+  /// Returns the number of packets; never waits.
+  template <class F>
+  size_t read(F&& onPacket, size_t blocksMax);
+
+  struct Statistics {
+    uint64_t packets = 0;  ///< that the filter accepted, those dropped included
+    uint64_t dropped = 0;  ///< of them, for want of a free block
+    uint64_t freezes = 0;  ///< times the ring ran full
+  };
+  /// Since the ring was made. The kernel counts in 32 bits between two calls: call it at least once
+  /// a minute.
+  Statistics statistics();
+
+ private:
+  struct Unmap {
+    size_t len;
+    void operator()(uint8_t* at) const noexcept;
+  };
+  static void packetIs(Packet& p, const tpacket3_hdr& h);
+  bool wanted(uint32_t interface) const;
+
+  Options options_;
+  platform::Fd fd_;
+  std::unique_ptr<uint8_t, Unmap> ring_;
+  uint32_t block_ = 0;                // the next to become ready
+  std::vector<uint32_t> interfaces_;  // sorted
+  bool chooseHere_ = false;           // more interfaces than a filter of the kernel can hold
+  Statistics statistics_;
+};
+
+template <class F>
+size_t PacketRing::read(F&& onPacket, size_t blocksMax) {
+  size_t n = 0;
+  Packet p;
+  for (; blocksMax > 0; --blocksMax) {
+    uint8_t* const at = ring_.get() + size_t{block_} * options_.blockLen;
+    auto& head = reinterpret_cast<tpacket_block_desc*>(at)->hdr.bh1;
+    const std::atomic_ref<uint32_t> status(head.block_status);
+    if ((status.load(std::memory_order_acquire) & TP_STATUS_USER) == 0) break;
+    const uint8_t* packet = at + head.offset_to_first_pkt;
+    for (uint32_t i = 0; i < head.num_pkts; ++i) {
+      const auto& h = *reinterpret_cast<const tpacket3_hdr*>(packet);
+      packet += h.tp_next_offset;
+      packetIs(p, h);
+      if (chooseHere_ && !wanted(p.interface)) continue;
+      ++n;
+      onPacket(static_cast<const Packet&>(p));
+    }
+    status.store(TP_STATUS_KERNEL, std::memory_order_release);
+    block_ = block_ + 1 == options_.blocks ? 0 : block_ + 1;
+  }
+  return n;
+}
+
+}  // namespace agent::flow

@@ -1,0 +1,85 @@
+#pragma once
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "agent/flow/FlowRecord.h"
+
+namespace agent::flow {
+
+/// Encoded records of one family, back to back.
+struct RecordBlock {
+  static constexpr size_t size = 32 << 10;
+  bool ipv6 = false;
+  uint32_t used = 0;
+  std::array<char, size> octets;
+};
+
+/// A bounded ring of pointers, one thread putting and one taking; neither waits.
+class BlockRing {
+ public:
+  explicit BlockRing(size_t capacity) : slots_(capacity + 1) {}
+  bool put(RecordBlock* block) {
+    const size_t tail = tail_.load(std::memory_order_relaxed);
+    const size_t next = tail + 1 == slots_.size() ? 0 : tail + 1;
+    if (next == head_.load(std::memory_order_acquire)) return false;
+    slots_[tail] = block;
+    tail_.store(next, std::memory_order_release);
+    return true;
+  }
+  RecordBlock* take() {
+    const size_t head = head_.load(std::memory_order_relaxed);
+    if (head == tail_.load(std::memory_order_acquire)) return nullptr;
+    RecordBlock* block = slots_[head];
+    head_.store(head + 1 == slots_.size() ? 0 : head + 1, std::memory_order_release);
+    return block;
+  }
+
+ private:
+  std::vector<RecordBlock*> slots_;
+  alignas(64) std::atomic<size_t> head_{0};
+  alignas(64) std::atomic<size_t> tail_{0};
+};
+
+/// Carries records from the thread that tracks flows to the agent's thread, in a fixed number of
+/// blocks. The writer's side and the reader's side belong to one thread each.
+class RecordQueue {
+ public:
+  /// Two blocks of each writer are being filled; the others wait or are free.
+  static constexpr size_t blocks = 64;
+
+  RecordQueue();
+  ~RecordQueue();
+  RecordQueue(const RecordQueue&) = delete;
+  RecordQueue& operator=(const RecordQueue&) = delete;
+
+  /// Readable when blocks may have come; the reader's event loop watches it.
+  int fd() const { return eventFd_; }
+
+  // The writer's side.
+  /// Room for one record, or null: the reader is behind. `written` must follow.
+  char* room(bool ipv6);
+  void written(bool ipv6, size_t octets) { open_[ipv6 ? 1 : 0]->used += octets; }
+  /// Hands over what has gathered.
+  void flush();
+
+  // The reader's side.
+  /// The next block, or null. It goes back with `release`.
+  RecordBlock* take();
+  void release(RecordBlock* block) { free_.put(block); }
+  /// Clears what `fd` says; `take` until it says null comes after.
+  void heard();
+
+ private:
+  void publish(bool ipv6);
+
+  std::vector<std::unique_ptr<RecordBlock>> all_;
+  BlockRing filled_{blocks};
+  BlockRing free_{blocks};
+  std::array<RecordBlock*, 2> open_{};  // by family
+  int eventFd_;
+};
+
+}  // namespace agent::flow
