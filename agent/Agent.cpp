@@ -78,6 +78,8 @@ bool Agent::start() {
     interfaceIndexes_ =
         std::make_unique<InterfaceIndexes>(fileNetworks_ ? fileNetworks_ : networks_->list(), log_);
     vrfIds_ = std::make_unique<VrfIds>(networks_->list(), log_);
+    localCollectors_ = std::make_unique<LocalCollectors>(
+        networks_->list(), ipfixInit_->elementIdCollection(), loop_->taskScheduler(), log_);
     const auto scheduler = loop_->taskScheduler();
     startedTask_ = scheduler->timerTask("agent-started", afterAll, [this] { handleStarted(); });
     statusTask_ = scheduler->timerTask("agent-status", afterAll,
@@ -137,6 +139,8 @@ Changes Agent::apply(const Settings& settings) {
   });
   vrfIds_->configuredIs(settings.vrfs);
   const Changes changes = entities_->apply(settings);
+  for (const auto& [type, tree] : entities_->trees())
+    if (type == FlowTracking::FlowTrackingType::hardware) localCollectors_->keepOnly(*tree.config);
   for (const auto& [type, tree] : entities_->trees()) {
     Roots& roots = roots_[type];
     if (tree.config->ftConfig().empty()) {
@@ -158,7 +162,26 @@ Changes Agent::apply(const Settings& settings) {
     for (const auto& [name, exporter] : tracker.exporters) vrfs.insert(exporter.vrf);
   networks_->keepOnly(vrfs);
   startFlows(settings);
+  startLocalCollectors();
   return changes;
+}
+
+/// Devices track for the trackers of type hardware; what they send goes out as the trackers' own.
+void Agent::startLocalCollectors() {
+  constexpr auto type = FlowTracking::FlowTrackingType::hardware;
+  const auto tree = entities_->trees().find(type);
+  if (tree == entities_->trees().end()) return;
+  const auto& [config, status] = tree->second;
+  localCollectors_->follow(*config, *status, [&](const std::string& trackerName) {
+    const Roots& roots = roots_.at(type);
+    const auto exporters = std::make_shared<FlowExport>(
+        trackerName, FlowExportTree{config, roots.info, roots.templateSm, statistics_});
+    return LocalCollectorSink{
+        [exporters](FlowTracking::TemplateId id, size_t recordLen, std::string_view records) {
+          exporters->recordsIs(id, recordLen, records);
+        },
+        [exporters] { exporters->flush(); }};
+  });
 }
 
 void Agent::startFlows(const Settings& settings) {
@@ -280,6 +303,7 @@ void Agent::stop() {
   statusTask_.reset();
   watchdogTask_.reset();
   flowPaths_.clear();
+  localCollectors_.reset();
   for (auto& [type, roots] : roots_) roots.release();
   roots_.clear();
   entities_.reset();

@@ -12,6 +12,7 @@
 #include "agent/AgentLog.h"
 #include "agent/Entities.h"
 #include "agent/InterfaceIndexes.h"
+#include "agent/LocalCollector.h"
 #include "agent/Networks.h"
 #include "agent/SettingsFile.h"
 #include "agent/VrfIds.h"
@@ -24,7 +25,8 @@ namespace agent {
 struct AgentOptions {
   std::string configFile;  ///< empty: the embedded default
   std::string netnsDir = "/run/netns";
-  std::string readFile;  ///< a capture whose packets the software trackers see; empty: interfaces'
+  std::string readFile =
+      {};  ///< a capture whose packets the software trackers see; empty: interfaces'
 };
 
 /// The running agent: the platform, the networks, the entities, and the library's root reactors.
@@ -66,6 +68,7 @@ class Agent {
   bool openFile(const Settings& settings);
   bool tracksPackets(const TrackerSettings& tracker) const;
   void startFlows(const Settings& settings);
+  void startLocalCollectors();
   void handleFileDone();
   std::optional<Settings> readConfig() const;
   std::string configName() const;
@@ -92,6 +95,7 @@ class Agent {
   std::unique_ptr<VrfIds> vrfIds_;
   std::unique_ptr<Entities> entities_;
   std::map<FlowTracking::FlowTrackingType, Roots> roots_;
+  std::unique_ptr<LocalCollectors> localCollectors_;
   Ptr<SharedTable> flowCounters_;
   std::map<std::string, std::unique_ptr<flow::FlowPath>> flowPaths_;
   Ptr<NetworkList> fileNetworks_;  // what stands for networks where packets come from a file

@@ -179,7 +179,7 @@ void Entities::change(const std::string& name, Tracker& tracker, const TrackerSe
   TrackerSettings& now = tracker.settings;
   const auto own = [](const TrackerSettings& t) {
     return std::tie(t.id, t.interfaces, t.sampleRate, t.activeInterval, t.inactiveTimeout,
-                    t.maxFlows);
+                    t.localPort, t.maxFlows);
   };
   if (own(now) != own(wanted)) ++changes.trackers.changed;
   if (now.id != wanted.id) {
@@ -187,6 +187,7 @@ void Entities::change(const std::string& name, Tracker& tracker, const TrackerSe
     return;
   }
   tracker.config->activeIntervalIs(ms(wanted.activeInterval));
+  tracker.config->localPortIs(wanted.localPort);
   tracker.status->activeIntervalIs(wanted.activeInterval);
   tracker.status->inactiveTimeoutIs(wanted.inactiveTimeout);
   tracker.status->sampleRateIs(wanted.sampleRate);
@@ -230,6 +231,7 @@ void Entities::replaceTracker(const std::string& name, Tracker& tracker,
   fresh.status = tracker.status;
   fresh.config = HwFlowTracking::ftConfigFactory(name, wanted.id);
   fresh.config->activeIntervalIs(ms(wanted.activeInterval));
+  fresh.config->localPortIs(wanted.localPort);
   Changes inside;
   addExporters(name, fresh, wanted, inside);
   for (const auto& [exporterName, exporter] : wanted.exporters) {
@@ -263,12 +265,15 @@ void Entities::addTracker(const std::string& name, const TrackerSettings& wanted
   tracker->settings = wanted;
   tracker->config = HwFlowTracking::ftConfigFactory(name, wanted.id);
   tracker->config->activeIntervalIs(ms(wanted.activeInterval));
+  tracker->config->localPortIs(wanted.localPort);
   tracker->status = HwFlowTracking::ftStatusFactory(name);
   tracker->status->activeIntervalIs(wanted.activeInterval);
   tracker->status->inactiveTimeoutIs(wanted.inactiveTimeout);
   tracker->status->sampleRateIs(wanted.sampleRate);
+  // Devices bring their own templates.
   std::string problem;
-  for (const auto& t : flowTemplates(*registry_, problem)) tracker->status->templateStatusIs(t);
+  if (wanted.type == FlowTrackingType::software)
+    for (const auto& t : flowTemplates(*registry_, problem)) tracker->status->templateStatusIs(t);
   if (!problem.empty()) log_.error("tracker " + name + ": no flow templates: " + problem);
   addExporters(name, *tracker, wanted, changes);
   Tree& t = tree(wanted.type);

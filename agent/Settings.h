@@ -38,6 +38,7 @@ struct TrackerSettings {
   uint32_t sampleRate = 1;              ///< one packet out of this many
   std::chrono::milliseconds activeInterval{60000};
   std::chrono::milliseconds inactiveTimeout{15000};
+  uint16_t localPort = 4739;  ///< where devices send to, of a hardware tracker; 0: any
   size_t maxFlows = 1000000;  ///< flows under way in each VRF, of a software tracker
   std::map<std::string, ExporterSettings> exporters;
   bool operator==(const TrackerSettings&) const = default;

@@ -506,6 +506,8 @@ void readTrackers(Section& root, Settings& out) {
                                  duration("an active interval", second, 65534 * second));
         s.optional<milliseconds>("inactive-timeout", t.inactiveTimeout,
                                  duration("an inactive timeout", second, 65534 * second));
+        s.optional<uint16_t>("local-port", t.localPort,
+                             integer<uint16_t>("a port that devices send to", 0, 65535));
         s.optional<size_t>(
             "max-flows", t.maxFlows,
             integer<size_t>("a number of flows that have room at a time", 1, maxFlowsMax));

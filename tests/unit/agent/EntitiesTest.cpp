@@ -265,9 +265,26 @@ TEST_F(EntitiesTest, WhatIsPublished) {
     return out;
   };
   const std::string common =
-      "7k:2 11k:2 4k:1 5k:1 10k:4 234k:4 14:4 1:8 2:8 152:8 153:8 6:2 136:1 ";
+      "7k:2 11k:2 4k:1 5k:1 58k:2 10k:4 234k:4 14:4 1:8 2:8 152:8 153:8 6:2 136:1 ";
   EXPECT_EQ(text(256), "8k:4 12k:4 " + common);
   EXPECT_EQ(text(257), "27k:16 28k:16 " + common + "31:4 ");
+}
+
+TEST_F(EntitiesTest, DevicesBringTheTemplatesOfAHardwareTracker) {
+  Settings settings = base();
+  const auto entities = make();
+  entities->apply(settings);
+  const auto& tree = entities->trees().at(FlowTrackingType::hardware);
+  EXPECT_TRUE(tree.status->ftStatus("hard")->templateStatus().empty());
+  const auto config = tree.config->ftConfig("hard");
+  EXPECT_EQ(config->localPort(), 4739);
+  settings.trackers["hard"].localPort = 2055;
+  EXPECT_EQ(describe(entities->apply(settings)), "trackers: 1 changed");
+  EXPECT_EQ(tree.config->ftConfig("hard"), config);
+  EXPECT_EQ(config->localPort(), 2055);
+  settings.trackers["hard"].id = 9;
+  entities->apply(settings);
+  EXPECT_EQ(tree.config->ftConfig("hard")->localPort(), 2055);
 }
 
 TEST_F(EntitiesTest, TemplatesThatTheLibraryWouldNotTakeAreRefused) {
@@ -649,8 +666,10 @@ TEST_F(EntitiesTest, RandomReloadsUnderTheLibrary) {
           configured.insert(entry);
           if (c.address.isIpv4() ? from.v4.isZero() : from.v6.isZero()) continue;
           served.insert(entry);
-          for (const unsigned set : {2u, 3u})
-            wanted.emplace(t.id, c.address.stringValue(), c.port, set);
+          // A hardware tracker has the data templates of its devices: here none.
+          if (t.type == FlowTrackingType::software)
+            wanted.emplace(t.id, c.address.stringValue(), c.port, 2u);
+          wanted.emplace(t.id, c.address.stringValue(), c.port, 3u);
         }
       }
     }

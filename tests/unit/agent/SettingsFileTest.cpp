@@ -44,6 +44,7 @@ address = "2001:db8::1"
 
 [tracker.core]
 id = 8
+local-port = 2056
 )";
 
 std::vector<std::string> errorsOf(const std::string& toml) {
@@ -73,6 +74,7 @@ TEST(SettingsFile, ReadsEveryKey) {
   edge.exporters["main"] = main;
   TrackerSettings core;
   core.id = 8;
+  core.localPort = 2056;
   Settings all;
   all.statistics = "/tarn";
   all.control = "/run/c.sock";
@@ -183,6 +185,9 @@ const Bad badSettings[] = {
     {"type", "\"hardware\"", "\"Software\"",
      "f:10:20: key 'tracker.edge.type': \"Software\" is not allowed: a tracker's type is "
      "\"software\" or \"hardware\""},
+    {"localPort", "= 2056", "= 65536",
+     "f:32:14: key 'tracker.core.local-port': 65536 is not allowed: a port that devices send to is "
+     "an integer from 0 to 65535"},
     {"interfaces", "\"red/eth0\"", "\"red eth0\"",
      "f:11:20: key 'tracker.edge.interfaces': an array is not allowed: interfaces is a list of "
      "names or patterns without blanks, like [\"eth*\", \"red/eth0\"]"},
@@ -246,7 +251,7 @@ const Bad badSettings[] = {
      "f:25:1: " + exp + "collector.one.colour': unknown; known here: address, port"},
     {"unknownTable", "[tracker.core]", "[trackers.core]",
      "f:30:2: key 'trackers': unknown; did you mean 'tracker'?"},
-    {"notATable", "[tracker.core]\nid = 8", "[tracker]\ncore = 8",
+    {"notATable", "[tracker.core]\nid = 8\nlocal-port = 2056", "[tracker]\ncore = 8",
      "f:31:8: key 'tracker.core': 8 is not allowed: each tracker is a table, [tracker.NAME]"},
     {"arrayOfTables", "[tracker.core]", "[[tracker.core]]",
      "f:30:1: key 'tracker.core': an array is not allowed: each tracker is a table, "

@@ -1,0 +1,129 @@
+#pragma once
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "Ipfix/LocalCollectorConfigSm.h"
+#include "agent/AgentLog.h"
+#include "agent/LocalCollectorDecoder.h"
+#include "agent/Network.h"
+#include "platform/HwFlowTracking.h"
+#include "platform/VrfStatus.h"
+
+namespace agent {
+
+/// Where a local collector's records go: to the exporters of its tracker.
+struct LocalCollectorSink {
+  /// Records of equal length, back to back, in the layout of data template `id`, which was
+  /// published before.
+  std::function<void(FlowTracking::TemplateId id, size_t recordLen, std::string_view records)>
+      records;
+  /// What has gathered shall leave.
+  std::function<void()> flush;
+};
+
+struct LocalCollectorHost {
+  Ptr<const FlowTracking::Config> config;  ///< in software-export mode
+  Ptr<const Ipfix::ElementIdColl> registry;
+  Ptr<const Ip::AllVrfStatusLocal> vrfs;
+  Ptr<TaskScheduler> scheduler;
+  AgentLog& log;
+};
+
+/// The local collector of one tracker of type hardware: hears what devices send to the address of
+/// one of the tracker's exporters, publishes their templates as the tracker's, and hands their
+/// records on. What it has to refuse is counted, and told to the operator now and then.
+class LocalCollector {
+ public:
+  LocalCollector(std::string trackerName, Ptr<HwFlowTracking::FtConfig> config,
+                 Ptr<HwFlowTracking::FtStatus> status, const LocalCollectorHost& host,
+                 LocalCollectorSink sink);
+  /// Withdraws the templates, too.
+  ~LocalCollector();
+  LocalCollector(const LocalCollector&) = delete;
+  LocalCollector& operator=(const LocalCollector&) = delete;
+
+  const Ptr<HwFlowTracking::FtConfig>& config() const { return config_; }
+  const LocalCollectorCounters& counters() const { return decoder_.counters(); }
+  /// Datagrams that an exporter of this tracker sent here itself; they are not looked at.
+  uint64_t ownDatagrams() const { return ownDatagrams_; }
+  const LocalCollectorDecoder& decoder() const { return decoder_; }
+
+ private:
+  class PamsWatcher;
+  class PlaceWatcher;
+  class ConfigWatcher;
+  class ExporterWatcher;
+
+  void handlePam();
+  void handlePlace();
+  void handleExporters();
+  void handleLimits();
+  void handleDatagram(std::string_view datagram, const IpGenAddr& from, uint16_t port);
+  bool own(const IpGenAddr& from, uint16_t port) const;
+  void handleTick();
+  void publish(FlowTracking::TemplateId id, const PassedLayout& layout);
+  void tellTroubles();
+
+  const std::string trackerName_;
+  const Ptr<HwFlowTracking::FtConfig> config_;
+  const Ptr<HwFlowTracking::FtStatus> status_;
+  AgentLog& log_;
+  const LocalCollectorSink sink_;
+  LocalCollectorDecoder decoder_;
+  uint64_t ownDatagrams_ = 0;
+  uint64_t lost_ = 0;  // in the receive buffers of endpoints that are gone
+  LocalCollectorCounters told_;
+  uint64_t ownTold_ = 0;
+  uint64_t lostTold_ = 0;
+  std::string place_;  // where devices send to, as it was told; empty: nowhere
+  Ptr<UdpPam> heard_;  // the endpoint whose datagrams come here
+
+  const Ptr<FlowTracking::LocalCollectorPams> pams_;
+  std::unique_ptr<TimerTask> flushTask_;
+  std::unique_ptr<TimerTask> tickTask_;
+  std::unique_ptr<PamsWatcher> pamsWatcher_;
+  std::unique_ptr<PlaceWatcher> placeWatcher_;
+  std::unique_ptr<ConfigWatcher> configWatcher_;
+  std::map<std::string, std::unique_ptr<ExporterWatcher>> exporterWatchers_;
+  Ptr<FlowTracking::LocalCollectorConfigSm> sm_;
+};
+
+/// The local collectors of all trackers of type hardware, and what they need to know of VRFs.
+class LocalCollectors {
+ public:
+  using SinkOf = std::function<LocalCollectorSink(const std::string& trackerName)>;
+
+  LocalCollectors(Ptr<const NetworkList> networks, Ptr<const Ipfix::ElementIdColl> registry,
+                  Ptr<TaskScheduler> scheduler, AgentLog& log);
+  ~LocalCollectors();
+  LocalCollectors(const LocalCollectors&) = delete;
+  LocalCollectors& operator=(const LocalCollectors&) = delete;
+
+  /// Drops those whose tracker is not in `config`, or is another one now.
+  void keepOnly(const HwFlowTracking::Config& config);
+  /// Adds one for each tracker that has none.
+  void follow(const HwFlowTracking::Config& config, const HwFlowTracking::Status& status,
+              const SinkOf& sinkOf);
+  const LocalCollector* collector(const std::string& trackerName) const;
+
+ private:
+  class ListWatcher;
+  class NetworkWatcher;
+
+  void handleNetwork(const VrfName& vrf);
+  void handlePresent(const VrfNetwork& network);
+
+  const Ptr<const NetworkList> networks_;
+  const Ptr<Ip::AllVrfStatusLocal> vrfs_;
+  const LocalCollectorHost host_;
+  uint64_t instance_ = 0;
+  std::map<VrfName, std::unique_ptr<NetworkWatcher>> networkWatchers_;
+  std::unique_ptr<ListWatcher> listWatcher_;
+  std::map<std::string, std::unique_ptr<LocalCollector>> collectors_;
+};
+
+}  // namespace agent

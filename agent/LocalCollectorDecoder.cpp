@@ -1,0 +1,466 @@
+#include "agent/LocalCollectorDecoder.h"
+
+#include <algorithm>
+#include <array>
+
+#include "platform/IpfixTypes.h"
+
+namespace agent {
+namespace {
+using FlowTracking::TemplateId;
+using Ipfix::IpfixConst;
+
+constexpr uint16_t enterpriseBit = 0x8000;
+constexpr size_t templateHeaderLen = 4;         // RFC 7011, 3.4.1
+constexpr size_t optionsTemplateHeaderLen = 6;  // RFC 7011, 3.4.2.2
+constexpr uint8_t longLength = 255;             // three octets tell the length (RFC 7011, 7)
+/// How far back, in records, a message is late rather than the first of a stream that started over.
+constexpr uint32_t lateMax = 4096;
+constexpr int lifetimes = 3;  // RFC 7011, 8.4: a template may be lost twice
+
+uint8_t octet(std::string_view s, size_t at) { return static_cast<uint8_t>(s[at]); }
+uint16_t u16(std::string_view s, size_t at) {
+  return static_cast<uint16_t>(octet(s, at) << 8 | octet(s, at + 1));
+}
+uint32_t u32(std::string_view s, size_t at) {
+  return static_cast<uint32_t>(u16(s, at)) << 16 | u16(s, at + 2);
+}
+
+/// Addresses and times have one length; numbers may be shortened (RFC 7011, 6.2). The registry has
+/// no types: these are IANA's, and the enterprise's inner addresses.
+bool exactLength(uint16_t element, bool enterprise) {
+  static constexpr std::array<uint16_t, 12> iana = {8,  12, 15, 18, 27,  28,
+                                                    56, 57, 62, 63, 152, 153};
+  if (enterprise) return element >= 1024 && element <= 1027;
+  return std::find(iana.begin(), iana.end(), element) != iana.end();
+}
+
+uint32_t specifierLen(const PassedField& f) { return f.enterprise ? 8 : 4; }
+uint32_t templateLen(const PassedLayout& layout) {
+  uint32_t len = templateHeaderLen;
+  for (const PassedField& f : layout) len += specifierLen(f);
+  return len;
+}
+
+/// The flow addresses of both families: no options table can tell the keys of such a template.
+bool mixesFamilies(const PassedLayout& layout) {
+  bool v4 = false;
+  bool v6 = false;
+  for (const PassedField& f : layout) {
+    if (f.enterprise) continue;
+    v4 = v4 || f.element == 8 || f.element == 12;
+    v6 = v6 || f.element == 27 || f.element == 28;
+  }
+  return v4 && v6;
+}
+}  // namespace
+
+LocalCollectorDecoder::LocalCollectorDecoder(Ptr<const Ipfix::ElementIdColl> registry,
+                                             Output output, Limits limits)
+    : registry_(std::move(registry)), output_(std::move(output)), limits_(limits) {}
+
+/// The header and the frames of all sets, before any of them is looked into.
+bool LocalCollectorDecoder::framed(std::string_view message) {
+  if (message.size() < IpfixConst::messageHeaderLen() || u16(message, 0) != IpfixConst::version()) {
+    ++counters_.badVersion;
+    return false;
+  }
+  if (u16(message, 2) != message.size()) {
+    ++counters_.badLength;
+    return false;
+  }
+  size_t at = IpfixConst::messageHeaderLen();
+  while (at < message.size()) {
+    const size_t rest = message.size() - at;
+    const size_t len = rest < IpfixConst::setHeaderLen() ? 0 : u16(message, at + 2);
+    const uint16_t id = len == 0 ? 0 : u16(message, at);
+    if (len < IpfixConst::setHeaderLen() || len > rest ||
+        (id < IpfixConst::firstDataSetId() && id != IpfixConst::templateSetId() &&
+         id != IpfixConst::optionsTemplateSetId())) {
+      ++counters_.badSet;
+      return false;
+    }
+    at += len;
+  }
+  return true;
+}
+
+void LocalCollectorDecoder::decode(std::string_view datagram, const IpGenAddr& from,
+                                   uint16_t port) {
+  if (!framed(datagram)) return;
+  ++counters_.messages;
+  const uint32_t sequence = u32(datagram, 8);
+  const StreamKey key(from, port, u32(datagram, 12));
+  if (const auto it = streams_.find(key); it != streams_.end()) checkSequence(it->second, sequence);
+
+  uint64_t records = 0;
+  bool counted = true;  // every record of the message
+  for (size_t at = IpfixConst::messageHeaderLen(); at < datagram.size();) {
+    const uint16_t id = u16(datagram, at);
+    const std::string_view set = datagram.substr(at, u16(datagram, at + 2));
+    at += set.size();
+    const std::string_view content = set.substr(IpfixConst::setHeaderLen());
+    if (id < IpfixConst::firstDataSetId()) {
+      templateSet(key, content, id == IpfixConst::optionsTemplateSetId());
+      continue;
+    }
+    const auto stream = streams_.find(key);
+    if (stream != streams_.end()) {
+      const auto it = stream->second.templates.find(id);
+      if (it != stream->second.templates.end()) {
+        counted = dataSet(it->second, content, records) && counted;
+        continue;
+      }
+    }
+    ++counters_.setsWithoutTemplate;
+    counted = false;
+  }
+
+  const auto stream = streams_.find(key);
+  if (stream == streams_.end()) return;
+  Stream& s = stream->second;
+  const uint32_t next = sequence + static_cast<uint32_t>(records);
+  // A late message is no news of what comes next.
+  if (s.sequenceKnown && static_cast<int32_t>(next - s.sequence) < 0 && s.sequence - next < lateMax)
+    return;
+  s.sequenceKnown = counted;
+  s.sequence = next;
+}
+
+void LocalCollectorDecoder::checkSequence(Stream& stream, uint32_t sequence) {
+  if (!stream.sequenceKnown || sequence == stream.sequence) return;
+  const uint32_t ahead = sequence - stream.sequence;
+  if (ahead < 0x80000000u && sequence != 0) {
+    ++counters_.sequenceGaps;
+    counters_.recordsMissing += ahead;
+  } else {
+    ++counters_.sequenceBack;
+    if (sequence == 0 || stream.sequence - sequence >= lateMax) stream.sequenceKnown = false;
+  }
+}
+
+// --- Templates ---
+
+void LocalCollectorDecoder::templateSet(const StreamKey& key, std::string_view set, bool options) {
+  const size_t headerLen = options ? optionsTemplateHeaderLen : templateHeaderLen;
+  while (set.size() >= templateHeaderLen) {
+    const TemplateId id = u16(set, 0);
+    const uint16_t fieldCount = u16(set, 2);
+    if (fieldCount == 0) {
+      if (id == 0) return;  // padding
+      // Anybody could forge one: a template that is really gone expires.
+      ++counters_.withdrawalsIgnored;
+      set.remove_prefix(templateHeaderLen);
+      continue;
+    }
+    bool good = id >= IpfixConst::firstDataSetId() && set.size() >= headerLen;
+    if (good && options) {
+      const uint16_t scopeCount = u16(set, 4);
+      good = scopeCount > 0 && scopeCount <= fieldCount;
+    }
+    size_t len = headerLen;
+    for (uint16_t i = 0; good && i < fieldCount; ++i) {
+      const size_t rest = set.size() - len;
+      const size_t specifier = rest >= 4 && (u16(set, len) & enterpriseBit) != 0 ? 8 : 4;
+      good = rest >= specifier;
+      len += specifier;
+    }
+    if (!good || !learn(key, id, set.substr(0, len), headerLen, options)) {
+      ++counters_.badTemplate;
+      return;
+    }
+    set.remove_prefix(len);
+  }
+}
+
+/// False: no record can have such a template.
+bool LocalCollectorDecoder::learn(const StreamKey& key, TemplateId id, std::string_view record,
+                                  size_t headerLen, bool options) {
+  auto stream = streams_.find(key);
+  if (stream != streams_.end()) {
+    const auto known = stream->second.templates.find(id);
+    if (known != stream->second.templates.end()) {
+      Template& t = known->second;
+      if (t.options == options && t.octets == record) {
+        t.learnt = now_;
+        if (t.waits) publish(t, nullptr);
+        return true;
+      }
+    }
+  }
+
+  Template t;
+  t.options = options;
+  t.learnt = now_;
+  const size_t fields = u16(record, 2);
+  if (fields <= limits_.fields) {
+    if (!readFields(record.substr(headerLen), t)) return false;
+    t.octets = record;
+  }
+  // A sender without any template left is forgotten, so one that is known has a place.
+  const bool known = stream != streams_.end() && stream->second.templates.contains(id);
+  const bool room = known || (templateCount_ < limits_.templates &&
+                              (stream == streams_.end()
+                                   ? streams_.size() < limits_.streams
+                                   : stream->second.templates.size() < limits_.templatesPerStream));
+  if (fields > limits_.fields || !room) {
+    ++counters_.templatesOverLimit;
+    if (known) forget(stream->second, stream->second.templates.find(id));
+    if (stream != streams_.end() && stream->second.templates.empty()) streams_.erase(stream);
+    return true;
+  }
+
+  if (stream == streams_.end()) stream = streams_.try_emplace(key).first;
+  Template& slot = stream->second.templates[id];
+  if (!known) ++templateCount_;
+  Layouts::value_type* const before = slot.layout;
+  slot = std::move(t);
+  if (options) {
+    ++counters_.optionsTemplates;
+    if (before) release(before);
+    return true;
+  }
+  ++counters_.templatesLearnt;
+  publish(slot, before);
+  return true;
+}
+
+/// How the records are made, and what of them is kept. False: they would have no length.
+bool LocalCollectorDecoder::readFields(std::string_view fields, Template& t) {
+  uint64_t unknown = 0;
+  uint64_t badLength = 0;
+  for (size_t at = 0; at < fields.size();) {
+    const uint16_t word = u16(fields, at);
+    const uint16_t len = u16(fields, at + 2);
+    const bool enterprise = (word & enterpriseBit) != 0;
+    const uint32_t number = enterprise ? u32(fields, at + 4) : 0;
+    at += enterprise ? 8 : 4;
+    const auto element = static_cast<uint16_t>(word & ~enterpriseBit);
+    const bool variable = len == IpfixConst::variableLen();
+
+    bool keep = false;
+    const Ipfix::ElementId& known = registry_->elementIdColl(element);
+    if (!registry_->elementIdCollHas(element) || known.enterpriseIe() != enterprise ||
+        (enterprise && number != IpfixConst::enterpriseNumber())) {
+      ++unknown;
+    } else if (known.len() == IpfixConst::variableLen()
+                   ? len == 0
+                   : len != known.len() &&
+                         (len == 0 || len > known.len() || exactLength(element, enterprise))) {
+      ++badLength;
+    } else {
+      keep = true;
+      t.passed.push_back({element, len, enterprise});
+    }
+    t.minLen += variable ? 1 : len;
+    t.fixed = t.fixed && !variable;
+    t.whole = t.whole && keep;
+    if (keep && !variable) t.keptLen += len;
+    if (!variable && !t.steps.empty() && !t.steps.back().variable && t.steps.back().keep == keep &&
+        t.steps.back().len + uint32_t{len} <= UINT16_MAX) {
+      t.steps.back().len = static_cast<uint16_t>(t.steps.back().len + len);
+    } else {
+      t.steps.push_back({variable ? uint16_t{0} : len, variable, keep});
+    }
+  }
+  if (t.minLen == 0) return false;
+  if (!t.options) {
+    counters_.fieldsUnknown += unknown;
+    counters_.fieldsOfBadLength += badLength;
+  }
+  return true;
+}
+
+/// Gives the template its layout, if that can be published; `before`, which it had until now, goes.
+void LocalCollectorDecoder::publish(Template& t, Layouts::value_type* before) {
+  uint64_t* refusal = nullptr;
+  t.waits = false;
+  if (t.passed.empty()) {
+    refusal = &counters_.templatesWithoutField;
+  } else if (mixesFamilies(t.passed)) {
+    refusal = &counters_.templatesMixed;
+  } else if (t.keptLen > room_) {
+    refusal = &counters_.templatesTooLarge;
+    t.waits = true;
+  } else {
+    t.layout = acquire(t.passed, refusal);
+    if (!t.layout && before) {  // the old one's place may do
+      release(std::exchange(before, nullptr));
+      t.layout = acquire(t.passed, refusal);
+    }
+    t.waits = !t.layout;
+  }
+  if (before) release(before);
+  if (!t.layout) ++*refusal;
+}
+
+LocalCollectorDecoder::Layouts::value_type* LocalCollectorDecoder::acquire(
+    const PassedLayout& passed, uint64_t*& refusal) {
+  auto it = layouts_.find(passed);
+  if (it != layouts_.end() && it->second.uses > 0) {
+    ++it->second.uses;
+    return &*it;
+  }
+  const uint32_t len = templateLen(passed);
+  if (publishedLen_ + len > room_) {
+    refusal = &counters_.templatesWithoutRoom;
+    return nullptr;
+  }
+  if (it == layouts_.end()) {
+    const TemplateId id = layouts_.size() < limits_.layouts ? freeId() : TemplateId{0};
+    if (id == 0) {
+      refusal = &counters_.templatesOverLimit;
+      return nullptr;
+    }
+    it = layouts_.emplace(passed, Layout{.id = id, .uses = 0, .released = {}}).first;
+    ids_.emplace(id, &*it);
+  }
+  it->second.uses = 1;
+  publishedLen_ += len;
+  output_.publish(it->second.id, it->first);
+  return &*it;
+}
+
+void LocalCollectorDecoder::release(Layouts::value_type* layout) {
+  if (--layout->second.uses > 0) return;
+  layout->second.released = now_;
+  publishedLen_ -= templateLen(layout->first);
+  output_.withdraw(layout->second.id);
+}
+
+/// The lowest id that no layout has; 0: there is none.
+TemplateId LocalCollectorDecoder::freeId() const {
+  uint32_t id = IpfixConst::firstDataSetId();
+  for (auto it = ids_.begin(); id <= UINT16_MAX; ++id) {
+    if (it != ids_.end() && it->first == id) {
+      ++it;
+    } else if (!FlowTracking::Constants::isReserved(static_cast<TemplateId>(id))) {
+      return static_cast<TemplateId>(id);
+    }
+  }
+  return 0;
+}
+
+void LocalCollectorDecoder::forget(Stream& stream, std::map<TemplateId, Template>::iterator it) {
+  if (it->second.layout) release(it->second.layout);
+  stream.templates.erase(it);
+  --templateCount_;
+}
+
+void LocalCollectorDecoder::advance(Seconds d) {
+  now_ += d;
+  for (auto stream = streams_.begin(); stream != streams_.end();) {
+    auto& templates = stream->second.templates;
+    for (auto it = templates.begin(); it != templates.end();) {
+      const auto next = std::next(it);
+      if (now_ - it->second.learnt > lifetimes * limits_.templateLifetime) {
+        ++counters_.templatesExpired;
+        forget(stream->second, it);
+      }
+      it = next;
+    }
+    stream = templates.empty() ? streams_.erase(stream) : std::next(stream);
+  }
+  std::erase_if(layouts_, [this](const auto& layout) {
+    if (layout.second.uses > 0 || now_ - layout.second.released < hold_) return false;
+    ids_.erase(layout.second.id);
+    return true;
+  });
+}
+
+void LocalCollectorDecoder::roomIs(uint32_t octets) {
+  if (octets == room_) return;
+  room_ = octets;
+  // What does not fit any more waits, from the highest id down; what waits is tried at its next
+  // repetition.
+  const auto drop = [this](const auto& condition) {
+    for (auto& [key, stream] : streams_)
+      for (auto& [id, t] : stream.templates)
+        if (t.layout && condition(t)) {
+          release(std::exchange(t.layout, nullptr));
+          t.waits = true;
+        }
+  };
+  drop([this](const Template& t) { return t.keptLen > room_; });
+  for (auto it = ids_.rbegin(); it != ids_.rend() && publishedLen_ > room_; ++it)
+    if (it->second->second.uses > 0)
+      drop([&](const Template& t) { return t.layout == it->second; });
+}
+
+// --- Data ---
+
+/// False: not every record could be told from the next.
+bool LocalCollectorDecoder::dataSet(Template& t, std::string_view set, uint64_t& records) {
+  uint64_t n = 0;
+  bool good = true;
+  const TemplateId id = t.layout ? t.layout->second.id : TemplateId{0};
+  scratch_.clear();
+  if (t.fixed) {
+    n = set.size() / t.minLen;  // what is left over is padding
+    good = n > 0 || set.empty();
+    if (n > 0 && t.layout && t.whole) {
+      output_.records(id, t.minLen, set.substr(0, n * t.minLen));
+    } else if (n > 0 && t.layout) {
+      scratch_.reserve(n * t.keptLen);
+      const char* from = set.data();
+      for (uint64_t i = 0; i < n; ++i)
+        for (const Step& step : t.steps) {
+          if (step.keep) scratch_.append(from, step.len);
+          from += step.len;
+        }
+      output_.records(id, t.keptLen, scratch_);
+    }
+    if (t.layout) counters_.recordsPassed += n;
+  } else {
+    while (set.size() >= t.minLen) {
+      size_t len = 0;
+      good = measure(t, set, len);
+      if (!good) break;
+      ++n;
+      // What was measured lies in `scratch_`, unless nothing is left out.
+      const std::string_view kept = t.whole ? set.substr(0, len) : std::string_view(scratch_);
+      if (t.layout && kept.size() > room_) {
+        ++counters_.recordsTooLarge;
+      } else if (t.layout) {
+        ++counters_.recordsPassed;
+        output_.records(id, kept.size(), kept);
+      }
+      set.remove_prefix(len);
+    }
+    good = good && (n > 0 || set.empty());
+  }
+  if (!good) ++counters_.badRecord;
+  records += n;
+  if (t.options) {
+    counters_.optionsRecords += n;
+  } else {
+    counters_.recordsIn += n;
+    if (!t.layout) counters_.recordsOfRefused += n;
+  }
+  return good;
+}
+
+/// The length of the record that `rest` begins with, and its fields that are kept in `scratch_`.
+/// False: it is longer than what there is.
+bool LocalCollectorDecoder::measure(const Template& t, std::string_view rest, size_t& len) {
+  const bool copy = t.layout && !t.whole;
+  scratch_.clear();
+  len = 0;
+  for (const Step& step : t.steps) {
+    size_t n = step.len;
+    if (step.variable) {
+      if (rest.size() - len < 1) return false;
+      n = size_t{octet(rest, len)} + 1;
+      if (octet(rest, len) == longLength) {
+        if (rest.size() - len < 3) return false;
+        n = size_t{u16(rest, len + 1)} + 3;
+      }
+    }
+    if (rest.size() - len < n) return false;
+    if (copy && step.keep) scratch_.append(rest.substr(len, n));
+    len += n;
+  }
+  return true;
+}
+
+}  // namespace agent

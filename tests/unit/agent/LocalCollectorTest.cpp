@@ -1,0 +1,703 @@
+// What devices send to the local collector, and what of it is passed on.
+#include "agent/LocalCollector.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <deque>
+#include <random>
+
+#include "Ipfix/IpfixSm.h"
+#include "platform/sim/SimPlatform.h"
+#include "tests/unit/agent/World.h"
+
+namespace agent {
+namespace {
+using FlowTracking::TemplateId;
+
+std::string be(uint64_t v, size_t n) {
+  std::string out;
+  for (size_t i = n; i-- > 0;) out += static_cast<char>(v >> (8 * i));
+  return out;
+}
+/// One field as a device describes it; `pen` 0: IANA's.
+struct Field {
+  uint16_t element;
+  uint16_t len;
+  uint32_t pen = 0;
+};
+constexpr uint16_t variable = 65535;
+
+std::string templateRecord(TemplateId id, const std::vector<Field>& fields, int scopes = -1) {
+  std::string out = be(id, 2) + be(fields.size(), 2);
+  if (scopes >= 0) out += be(static_cast<uint64_t>(scopes), 2);
+  for (const Field& f : fields) {
+    out += be(f.element | (f.pen ? 0x8000u : 0u), 2) + be(f.len, 2);
+    if (f.pen) out += be(f.pen, 4);
+  }
+  return out;
+}
+std::string set(uint16_t id, const std::string& content) {
+  return be(id, 2) + be(content.size() + 4, 2) + content;
+}
+std::string message(const std::string& sets, uint32_t sequence = 0, uint32_t domain = 1) {
+  return be(10, 2) + be(16 + sets.size(), 2) + be(1700000000, 4) + be(sequence, 4) + be(domain, 4) +
+         sets;
+}
+std::string templates(TemplateId id, const std::vector<Field>& fields) {
+  return set(2, templateRecord(id, fields));
+}
+
+/// A variable-length field's octets (RFC 7011, 7).
+std::string counted(const std::string& octets, bool longForm = false) {
+  return (longForm || octets.size() >= 255 ? '\xff' + be(octets.size(), 2) : be(octets.size(), 1)) +
+         octets;
+}
+
+class DecoderTest : public testing::Test {
+ protected:
+  explicit DecoderTest(LocalCollectorDecoder::Limits limits = {})
+      : decoder(registry(),
+                {.publish =
+                     [this](TemplateId id, const PassedLayout& layout) {
+                       EXPECT_FALSE(published.contains(id)) << id << " is published already";
+                       published[id] = layout;
+                     },
+                 .withdraw = [this](TemplateId id) { EXPECT_EQ(published.erase(id), 1u) << id; },
+                 .records =
+                     [this](TemplateId id, size_t len, std::string_view records) {
+                       EXPECT_TRUE(published.contains(id)) << "records before their template";
+                       ASSERT_GT(len, 0u);
+                       ASSERT_EQ(records.size() % len, 0u);
+                       for (; !records.empty(); records.remove_prefix(len))
+                         passed.emplace_back(id, records.substr(0, len));
+                     }},
+                limits) {}
+  static Ptr<const Ipfix::ElementIdColl> registry() {
+    static const auto all = [] {
+      static const auto sim = simPlatform();
+      Platform::install(sim.get());
+      auto made = Ipfix::elementIdCollFactory();
+      made->doInitialize();
+      Platform::install(nullptr);
+      return made;
+    }();
+    return all;
+  }
+  /// A device's datagram; streams are told apart by their port.
+  void hear(const std::string& datagram, uint16_t port = 1000) {
+    // In memory of its own, so that a read behind its end is seen.
+    const std::vector<char> octets(datagram.begin(), datagram.end());
+    decoder.decode({octets.data(), octets.size()}, IpAddr(0x0a000005), port);
+  }
+  std::string text() const {
+    std::string out;
+    for (const auto& [id, layout] : published) {
+      out += std::to_string(id) + ':';
+      for (const PassedField& f : layout)
+        out +=
+            ' ' + std::to_string(f.element) + (f.enterprise ? "e/" : "/") + std::to_string(f.len);
+      out += '\n';
+    }
+    return out;
+  }
+  using Passed = std::vector<std::pair<TemplateId, std::string>>;
+  Passed take() { return std::exchange(passed, {}); }
+  const LocalCollectorCounters& n() const { return decoder.counters(); }
+
+  std::map<TemplateId, PassedLayout> published;
+  Passed passed;
+  LocalCollectorDecoder decoder;
+};
+
+TEST_F(DecoderTest, PassesRecordsOnAsTheyAre) {
+  hear(message(templates(300, {{8, 4}, {12, 4}, {1, 4}, {82, variable}}) +
+               set(300, "aaaabbbbcccc" + counted("eth0") + "AAAABBBBCCCC" + counted("", true)) +
+               templates(301, {{27, 16}, {2, 8}}) +
+               set(301, std::string(48, 'x') + std::string(3, '\0'))));
+  EXPECT_EQ(text(), "256: 8/4 12/4 1/4 82/65535\n257: 27/16 2/8\n");
+  EXPECT_EQ(take(), (Passed{{256, "aaaabbbbcccc\4eth0"},
+                            {256, std::string("AAAABBBBCCCC\xff\0\0", 15)},
+                            {257, std::string(24, 'x')},
+                            {257, std::string(24, 'x')}}));
+  EXPECT_EQ(n().recordsIn, 4u);
+  EXPECT_EQ(n().recordsPassed, 4u);
+  EXPECT_EQ(n().templatesLearnt, 2u);
+  EXPECT_EQ(n().badRecord, 0u) << "padding is none";
+}
+
+TEST_F(DecoderTest, LeavesOutWhatTheRegistryDoesNotKnow) {
+  // Unknown; of another enterprise; IANA's number with an enterprise; the enterprise's without.
+  hear(message(templates(300, {{60, 1},
+                               {8, 4},
+                               {7, 2, 29305},
+                               {1001, 2, 99991},
+                               {8, 4, 99991},
+                               {1001, 2},
+                               {900, variable},
+                               {1, 3},
+                               {82, variable}}) +
+               set(300,
+                   "-"
+                   "aaaa"
+                   "--"
+                   "tt"
+                   "----"
+                   "--" +
+                       counted("gone") + "ccc" + counted("lo") +
+                       "-"
+                       "AAAA"
+                       "--"
+                       "TT"
+                       "----"
+                       "--" +
+                       counted(std::string(300, '-')) + "CCC" + counted("eth0", true))));
+  EXPECT_EQ(text(), "256: 8/4 1001e/2 1/3 82/65535\n");
+  EXPECT_EQ(take(),
+            (Passed{{256, "aaaattccc\2lo"}, {256, std::string("AAAATTCCC\xff\0\4eth0", 16)}}));
+  EXPECT_EQ(n().fieldsUnknown, 5u);
+  EXPECT_EQ(n().fieldsOfBadLength, 0u);
+
+  // Fixed lengths, where several fields are cut out in one piece.
+  hear(message(templates(301, {{60, 1}, {61, 1}, {7, 2}, {11, 2}, {60, 1}}) +
+               set(301, "--aabb---AABB-")));
+  EXPECT_EQ(take(), (Passed{{257, "aabb"}, {257, "AABB"}}));
+
+  // Lengths that are no encoding: addresses and times have one length, numbers a largest one.
+  hear(message(templates(302, {{8, 3},
+                               {27, 4},
+                               {56, 5},
+                               {152, 4},
+                               {1, 9},
+                               {2, 0},
+                               {4, variable},
+                               {1024, 2, 99991},
+                               {82, 0},
+                               {6, 1},
+                               {82, 5}}) +
+               set(302, std::string(27, '-') + counted("tcp") + "--" + "f" + "cable")));
+  EXPECT_EQ(published.at(258), (PassedLayout{{6, 1, false}, {82, 5, false}}));
+  EXPECT_EQ(n().fieldsOfBadLength, 9u);
+  // 3 + 4 + 5 + 4 + 9 octets of the first five
+  hear(message(set(302, std::string(25, '-') + counted("tcp") + "--" + "f" + "cable")));
+  EXPECT_EQ(take().back(), (std::pair<TemplateId, std::string>(258, "fcable")));
+}
+
+TEST_F(DecoderTest, RefusesWhatCannotBeDescribed) {
+  hear(message(templates(300, {{60, 1}, {7, 2, 1}}) + set(300, "---") +
+               templates(301, {{8, 4}, {28, 16}}) + set(301, std::string(40, '-')) +
+               templates(302, {{82, 1433}}) + templates(303, {{82, 1432}}) +
+               templates(304, {{82, variable}})));
+  EXPECT_EQ(text(), "256: 82/1432\n257: 82/65535\n");
+  EXPECT_EQ(n().templatesWithoutField, 1u);
+  EXPECT_EQ(n().templatesMixed, 1u);
+  EXPECT_EQ(n().templatesTooLarge, 1u);
+  EXPECT_EQ(n().recordsIn, 3u);
+  EXPECT_EQ(n().recordsOfRefused, 3u);
+  hear(message(set(304, counted(std::string(1429, 'a')) + counted(std::string(1430, 'b')))));
+  EXPECT_EQ(take().size(), 1u);
+  EXPECT_EQ(n().recordsTooLarge, 1u);
+  EXPECT_EQ(n().recordsPassed, 1u);
+
+  // More room: refused ones are taken at their next repetition. Less: the last come off.
+  decoder.roomIs(2000);
+  hear(message(templates(302, {{82, 1433}}) + templates(301, {{8, 4}, {28, 16}})));
+  EXPECT_EQ(text(), "256: 82/1432\n257: 82/65535\n258: 82/1433\n");
+  decoder.roomIs(16);
+  EXPECT_EQ(text(), "257: 82/65535\n");
+  hear(message(templates(305, {{1, 8}, {2, 8}})));
+  EXPECT_EQ(text(), "257: 82/65535\n") << "8 octets of template are left, it has 12";
+  EXPECT_EQ(n().templatesWithoutRoom, 1u);
+  hear(message(templates(306, {{1, 8}})));
+  EXPECT_EQ(text(), "257: 82/65535\n259: 1/8\n");
+  decoder.roomIs(8);
+  EXPECT_EQ(text(), "257: 82/65535\n");
+}
+
+TEST_F(DecoderTest, SkipsOptionsAndCountsTheirRecords) {
+  hear(message(set(3, templateRecord(400, {{149, 4}, {41, 8}, {82, variable}}, 1) +
+                          templateRecord(401, {{145, 2}}, 1)) +
+               set(400, std::string(12, '-') + counted("a") + std::string(12, '-') + counted("")) +
+               templates(300, {{1, 8}}) + set(300, "12345678")));
+  EXPECT_EQ(n().optionsTemplates, 2u);
+  EXPECT_EQ(n().optionsRecords, 2u);
+  EXPECT_EQ(take().size(), 1u);
+  hear(message(set(300, "12345678"), 3));
+  EXPECT_EQ(n().sequenceGaps, 0u) << "options data is numbered, too (RFC 7011, 3.1)";
+  // An id changes its kind, and back.
+  hear(message(set(3, templateRecord(300, {{149, 4}}, 1)) + set(300, "12345678"), 4));
+  EXPECT_TRUE(published.empty());
+  EXPECT_EQ(n().optionsRecords, 4u);
+  hear(message(templates(300, {{1, 8}}) + set(300, "12345678"), 6));
+  EXPECT_EQ(take().size(), 2u);
+  EXPECT_EQ(n().sequenceGaps + n().sequenceBack, 0u);
+}
+
+TEST_F(DecoderTest, MalformedMessagesChangeNothing) {
+  const std::string good =
+      message(templates(300, {{8, 4}, {82, variable}}) + set(300, "aaaa" + counted("lo")));
+  const size_t first = 16;               // the template set
+  const size_t second = first + 4 + 12;  // the data set
+  struct Row {
+    const char* what;
+    size_t at;
+    std::string octets;
+    uint64_t LocalCollectorCounters::*counter;
+  };
+  using C = LocalCollectorCounters;
+  const Row rows[] = {
+      {"version 9", 0, be(9, 2), &C::badVersion},
+      {"shorter than the header says", 2, be(good.size() + 1, 2), &C::badLength},
+      {"longer than the header says", 2, be(good.size() - 1, 2), &C::badLength},
+      {"a set without header", first + 2, be(3, 2), &C::badSet},
+      {"a set of no length", first + 2, be(0, 2), &C::badSet},
+      {"a set beyond the message", second + 2, be(99, 2), &C::badSet},
+      {"a set that leaves a rest", second + 2, be(9, 2), &C::badSet},
+      {"set id 0", second, be(0, 2), &C::badSet},
+      {"set id 4", second, be(4, 2), &C::badSet},
+      {"set id 255", second, be(255, 2), &C::badSet},
+      {"template id 255", first + 4, be(255, 2), &C::badTemplate},
+      {"more fields than the set has", first + 6, be(3, 2), &C::badTemplate},
+      {"very many fields", first + 6, be(65535, 2), &C::badTemplate},
+      {"an enterprise bit without number", first + 12, be(0x8000 | 82, 2), &C::badTemplate},
+      {"a field beyond its record", second + 8, be(3, 1), &C::badRecord},
+      {"a long length of nothing", second + 8, be(255, 1), &C::badRecord},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    DecoderTest::published.clear();
+    LocalCollectorDecoder fresh(
+        registry(), {[](TemplateId, const PassedLayout&) {}, [](TemplateId) {},
+                     [&](TemplateId, size_t, std::string_view) { ADD_FAILURE() << "passed on"; }});
+    std::string bad = good;
+    bad.replace(row.at, row.octets.size(), row.octets);
+    fresh.decode(bad, IpAddr(1), 1);
+    EXPECT_EQ(fresh.counters().*row.counter, 1u);
+    if (row.counter != &C::badRecord) {
+      EXPECT_EQ(fresh.templates(), 0u);
+      EXPECT_EQ(fresh.streams(), 0u);
+    }
+  }
+  for (size_t len = 0; len < good.size(); ++len) hear(good.substr(0, len));
+  EXPECT_EQ(n().badVersion, 16u);
+  EXPECT_EQ(n().badLength, good.size() - 16);
+  // A template whose records had no length would go on for ever.
+  hear(message(templates(300, {{1, 0}, {82, 0}}) + set(300, "aaaa")));
+  EXPECT_EQ(n().badTemplate, 1u);
+  hear(message(set(3, templateRecord(300, {{1, 8}}, 0) + templateRecord(301, {{1, 8}}, 1))));
+  hear(message(set(3, templateRecord(300, {{1, 8}}, 2))));
+  EXPECT_EQ(n().badTemplate, 3u) << "scopes";
+  EXPECT_TRUE(published.empty());
+  EXPECT_EQ(decoder.templates(), 0u);
+  // What is right in a message before a fault inside of a set counts.
+  hear(message(templates(300, {{82, variable}}) + set(300, counted("a") + "\5b") +
+               set(300, counted("c"))));
+  EXPECT_EQ(take().size(), 2u);
+  EXPECT_EQ(n().badRecord, 1u);
+}
+
+TEST_F(DecoderTest, EqualLayoutsShareAnIdAndAnIdRests) {
+  decoder.holdIs(Seconds(180));
+  const std::string one = templates(300, {{8, 4}, {60, 1}, {1, 8}});
+  const std::string same = templates(777, {{8, 4}, {1, 8}});  // after the reduction
+  hear(message(one), 1);
+  hear(message(same), 2);
+  hear(message(same, 0, 2), 2);  // another observation domain is another stream
+  EXPECT_EQ(text(), "256: 8/4 1/8\n");
+  EXPECT_EQ(decoder.streams(), 3u);
+  hear(message(set(777, std::string(12, 'a'))), 1);
+  EXPECT_EQ(n().setsWithoutTemplate, 1u) << "the other stream's template";
+  EXPECT_TRUE(passed.empty());
+
+  // One stream says something else under its id; the others go on.
+  hear(message(templates(777, {{8, 4}, {1, 4}}) + set(777, "aaaabbbb")), 2);
+  EXPECT_EQ(text(), "256: 8/4 1/8\n257: 8/4 1/4\n");
+  EXPECT_EQ(take(), (Passed{{257, "aaaabbbb"}}));
+  hear(message(templates(300, {{2, 8}})), 1);
+  EXPECT_EQ(text(), "256: 8/4 1/8\n257: 8/4 1/4\n258: 2/8\n");
+  hear(message(templates(777, {{4, 1}}), 0, 2), 2);
+  EXPECT_EQ(text(), "257: 8/4 1/4\n258: 2/8\n259: 4/1\n");
+
+  // 256 means its old layout or rests.
+  decoder.advance(Seconds(179));
+  hear(message(templates(301, {{6, 2}})), 1);
+  EXPECT_EQ(published.at(260), (PassedLayout{{6, 2, false}}));
+  hear(message(templates(302, {{8, 4}, {1, 8}})), 1);
+  EXPECT_EQ(published.at(256), (PassedLayout{{8, 4, false}, {1, 8, false}}));
+  hear(message(templates(302, {{5, 1}})), 1);
+  decoder.advance(Seconds(180));
+  hear(message(templates(303, {{7, 2}})), 1);
+  EXPECT_EQ(published.at(256), (PassedLayout{{7, 2, false}})) << "free after its rest";
+
+  // A repetition is no news; a withdrawal is nothing at all.
+  const auto before = published;
+  hear(message(templates(303, {{7, 2}}) + set(2, be(303, 2) + be(0, 2)) +
+               set(2, be(2, 2) + be(0, 2)) + set(3, be(3, 2) + be(0, 2))),
+       1);
+  EXPECT_EQ(published, before);
+  EXPECT_EQ(n().withdrawalsIgnored, 3u);
+  EXPECT_EQ(n().badTemplate, 0u);
+}
+
+TEST_F(DecoderTest, TemplatesExpireUnlessTheyAreRepeated) {
+  hear(message(templates(300, {{1, 8}}) + templates(301, {{2, 8}})), 1);
+  hear(message(templates(300, {{1, 8}})), 2);
+  for (int i = 0; i < 539; ++i) decoder.advance(Seconds(10));
+  hear(message(templates(301, {{2, 8}})), 1);
+  decoder.advance(Seconds(10));
+  EXPECT_EQ(decoder.templates(), 3u) << "after three times 1800 s, not more";
+  decoder.advance(Seconds(10));
+  EXPECT_EQ(text(), "257: 2/8\n");
+  EXPECT_EQ(decoder.streams(), 1u);
+  EXPECT_EQ(n().templatesExpired, 2u);
+  hear(message(set(300, "12345678")), 1);
+  EXPECT_EQ(n().setsWithoutTemplate, 1u);
+  decoder.advance(Seconds(6000));
+  EXPECT_EQ(decoder.streams() + decoder.templates() + published.size(), 0u);
+}
+
+TEST_F(DecoderTest, SequenceNumbersTellWhatIsMissing) {
+  const auto data = [&](uint32_t sequence, size_t records = 2) {
+    hear(message(set(300, std::string(8 * records, 'a')), sequence));
+  };
+  const auto seen = [&] {
+    return std::to_string(n().sequenceGaps) + ' ' + std::to_string(n().recordsMissing) + ' ' +
+           std::to_string(n().sequenceBack);
+  };
+  hear(message(templates(300, {{1, 8}}), 0xfffffffd));
+  data(0xfffffffd);
+  data(0xffffffff);
+  data(1);  // over the wrap
+  EXPECT_EQ(seen(), "0 0 0");
+  data(10);
+  EXPECT_EQ(seen(), "1 7 0");
+  data(3);  // late
+  data(12);
+  EXPECT_EQ(seen(), "1 7 1");
+  data(0);  // from the start again
+  data(2);
+  data(7);
+  EXPECT_EQ(seen(), "2 10 2");
+  data(9, 100);
+  data(109);
+  EXPECT_EQ(seen(), "2 10 2");
+  // How many records there are of an unknown template nobody can say.
+  hear(message(set(999, "aaaa"), 111));
+  data(150);
+  EXPECT_EQ(seen(), "2 10 2");
+  data(152);
+  data(160);
+  EXPECT_EQ(seen(), "3 16 2");
+  EXPECT_EQ(n().recordsPassed, n().recordsIn);
+}
+
+class LimitsTest : public DecoderTest {
+ protected:
+  LimitsTest()
+      : DecoderTest({.streams = 3,
+                     .templatesPerStream = 4,
+                     .templates = 8,
+                     .fields = 5,
+                     .layouts = 6,
+                     .templateLifetime = Seconds(10)}) {}
+};
+TEST_F(LimitsTest, WhatIsRememberedIsBounded) {
+  const auto nth = [](uint16_t i) { return templates(300 + i, {{82, i}}); };
+  std::string many;
+  for (uint16_t i = 1; i <= 100; ++i) many += nth(i);
+  hear(message(many), 1);
+  EXPECT_EQ(decoder.templates(), 4u);
+  EXPECT_EQ(n().templatesOverLimit, 96u);
+  hear(message(many), 2);
+  hear(message(many), 3);
+  EXPECT_EQ(decoder.templates(), 8u);
+  EXPECT_EQ(decoder.streams(), 2u);
+  hear(message(templates(301, std::vector<Field>(6, {1, 8}))), 1);
+  EXPECT_EQ(decoder.templates(), 7u) << "what 301 was is no more";
+  hear(message(templates(900, std::vector<Field>(6, {1, 8}))), 3);
+  hear(message(nth(1)), 4);
+  hear(message(nth(1)), 5);
+  EXPECT_EQ(decoder.templates(), 8u);
+  EXPECT_EQ(decoder.streams(), 3u);
+
+  // One id that says something else all the time gets no further than the layouts that rest.
+  for (uint16_t i = 1; i <= 1000; ++i) hear(message(templates(302, {{236, i}})), 1);
+  EXPECT_EQ(decoder.layouts(), 6u);
+  EXPECT_LE(published.size(), 6u);
+  decoder.advance(Seconds(31));
+  EXPECT_EQ(decoder.templates() + published.size(), 0u);
+  decoder.advance(Seconds(1000));
+  EXPECT_EQ(decoder.layouts(), 0u);
+  hear(message(nth(1) + set(301, "a")), 9);
+  EXPECT_EQ(take(), (Passed{{256, "a"}})) << "and then it works as before";
+}
+
+// Templates, records and repetitions at random, against an oracle that knows what each field is
+// worth; and the same messages with octets changed, which must be survived and leave the counts
+// consistent.
+TEST_F(DecoderTest, RandomMessages) {
+  const char* given = std::getenv("TARN_SEED");
+  const auto seed = given ? static_cast<uint32_t>(std::stoul(given)) : std::random_device{}();
+  SCOPED_TRACE("TARN_SEED=" + std::to_string(seed));
+  std::mt19937 random(seed);
+  const auto pick = [&](size_t n) {
+    return std::uniform_int_distribution<size_t>(0, n - 1)(random);
+  };
+  const struct {
+    Field field;
+    bool kept;
+  } known[] = {{{8, 4}, true},
+               {{1, 8}, true},
+               {{1, 5}, true},
+               {{6, 1}, true},
+               {{82, variable}, true},
+               {{82, 9}, true},
+               {{1002, 1, 99991}, true},
+               {{236, variable}, true},
+               {{60, 1}, false},
+               {{8, 2}, false},
+               {{33000 & 0x7fff, 7}, false},
+               {{371, variable}, false},
+               {{1002, 1, 7}, false},
+               {{152, 8}, true}};
+  LocalCollectorDecoder mutated(registry(),
+                                {[](TemplateId, const PassedLayout&) {}, [](TemplateId) {},
+                                 [](TemplateId, size_t len, std::string_view records) {
+                                   ASSERT_EQ(records.size() % len, 0u);
+                                 }});
+  std::map<TemplateId, std::vector<size_t>> device;  // what each id is made of
+  uint32_t sequence = 0;
+  size_t expectedRecords = 0;
+  for (int round = 0; round < 3000; ++round) {
+    std::string sets;
+    std::deque<std::string> expected;
+    uint32_t records = 0;
+    for (size_t s = 1 + pick(3); s > 0; --s) {
+      const auto id = static_cast<TemplateId>(256 + pick(6));
+      if (!device.contains(id) || pick(20) == 0) {
+        std::vector<size_t> made{0};  // always one that is kept
+        for (size_t f = pick(8); f > 0; --f) made.push_back(pick(std::size(known)));
+        std::shuffle(made.begin(), made.end(), random);
+        device[id] = made;
+      } else if (pick(4) > 0) {
+        goto data;
+      }
+      {
+        std::vector<Field> fields;
+        for (const size_t f : device[id]) fields.push_back(known[f].field);
+        sets += templates(id, fields);
+      }
+    data:
+      std::string content;
+      for (size_t r = pick(5); r > 0; --r, ++records) {
+        std::string kept;
+        for (const size_t f : device[id]) {
+          const Field& field = known[f].field;
+          std::string octets(field.len == variable ? pick(pick(10) == 0 ? 400 : 10) : field.len,
+                             '\0');
+          for (char& c : octets) c = static_cast<char>(pick(256));
+          if (field.len == variable) octets = counted(octets, pick(3) == 0);
+          content += octets;
+          if (known[f].kept) kept += octets;
+        }
+        if (kept.size() <= 1432) expected.push_back(kept);
+      }
+      if (!content.empty()) sets += set(id, content);
+    }
+    if (sets.empty() || sets.size() > 60000) continue;
+    const std::string datagram = message(sets, sequence);
+    sequence += records;
+    expectedRecords += records;
+    hear(datagram);
+    const auto got = take();
+    ASSERT_EQ(got.size(), expected.size()) << round;
+    for (size_t i = 0; i < got.size(); ++i) ASSERT_EQ(got[i].second, expected[i]) << round;
+    ASSERT_EQ(n().recordsIn, expectedRecords);
+    ASSERT_EQ(n().sequenceGaps + n().sequenceBack + n().badRecord + n().badTemplate, 0u) << round;
+    if (round % 100 == 99) decoder.advance(Seconds(60));
+
+    std::string bad = datagram;
+    for (size_t k = 1 + pick(4); k > 0; --k) bad[pick(bad.size())] = static_cast<char>(pick(256));
+    if (pick(4) == 0) bad.resize(pick(bad.size() + 1));
+    bad.replace(0, std::min<size_t>(bad.size(), 4),
+                (be(10, 2) + be(bad.size(), 2)).substr(0, std::min<size_t>(bad.size(), 4)));
+    const std::vector<char> octets(bad.begin(), bad.end());
+    mutated.decode({octets.data(), octets.size()}, IpAddr(1), static_cast<uint16_t>(pick(3)));
+    const auto& m = mutated.counters();
+    ASSERT_EQ(m.recordsIn, m.recordsPassed + m.recordsOfRefused + m.recordsTooLarge);
+  }
+  EXPECT_GT(n().recordsPassed, 5000u);
+  EXPECT_GT(mutated.counters().badRecord + mutated.counters().badTemplate, 10u);
+  EXPECT_GT(mutated.counters().recordsPassed, 100u);
+}
+
+// --- The whole, on virtual time ---
+
+class CollectorTest : public testing::Test {
+ protected:
+  CollectorTest() {
+    Platform::install(sim.get());
+    init = Ipfix::ipfixInitSmFactory();
+    tracker->localPortIs(4739);
+    exporter->srcIpAddrIs(here);
+    tracker->expConfigIs(exporter);
+    config->ftConfigIs(tracker);
+    status->ftStatusIs(ftStatus);
+    network->presentIs(true);
+    networks->networkIs(network);
+    all = std::make_unique<LocalCollectors>(networks, init->elementIdCollection(), sim->scheduler(),
+                                            heard.log);
+    device->modeIs(UdpPam::inService);
+  }
+  ~CollectorTest() override {
+    all = nullptr;
+    device = nullptr;
+    EXPECT_EQ(sim->openEndpoints(), 0u);
+    init = nullptr;
+    Platform::install(nullptr);
+  }
+  void follow() {
+    all->keepOnly(*config);
+    all->follow(*config, *status, [this](const std::string& name) {
+      return LocalCollectorSink{[this, name](TemplateId id, size_t len, std::string_view records) {
+                                  EXPECT_TRUE(ftStatus->templateStatus(id));
+                                  for (; !records.empty(); records.remove_prefix(len))
+                                    passed.push_back(name + ' ' + std::to_string(id) + ' ' +
+                                                     std::string(records.substr(0, len)));
+                                },
+                                [this] { flushed = passed.size(); }};
+    });
+  }
+  void send(const std::string& datagram, IpAddr to = here, uint16_t port = 4739) {
+    device->txSrcIpAddrIs(IpAddr(0x0a000063));
+    device->txDstIpAddrIs(to);
+    device->txPortIs(port);
+    auto pkt = sim->newPkt(static_cast<uint32_t>(datagram.size()));
+    pkt->dataWholeIs();
+    std::copy(datagram.begin(), datagram.end(), pkt->at(0, pkt->bytes()));
+    device->txPktIs(pkt);
+    sim->runDue();
+  }
+  const LocalCollectorCounters& n() const { return all->collector("edge")->counters(); }
+
+  static constexpr IpAddr here{0x0a000001};
+  const std::string example =
+      message(templates(300, {{8, 4}, {60, 1}, {1001, 2, 99991}}) + set(300, "aaaa-bb"));
+  std::unique_ptr<SimPlatform> sim = simPlatform();
+  Heard heard;
+  Ptr<Ipfix::IpfixInitSm> init;
+  Ptr<HwFlowTracking::Config> config = HwFlowTracking::configFactory();
+  Ptr<HwFlowTracking::Status> status = HwFlowTracking::statusFactory();
+  Ptr<HwFlowTracking::FtConfig> tracker = HwFlowTracking::ftConfigFactory("edge", 7);
+  Ptr<HwFlowTracking::ExporterConfig> exporter = HwFlowTracking::exporterConfigFactory("main");
+  Ptr<HwFlowTracking::FtStatus> ftStatus = HwFlowTracking::ftStatusFactory("edge");
+  Ptr<NetworkList> networks = networkListFactory();
+  Ptr<VrfNetwork> network = vrfNetworkFactory(VrfName(std::string(defaultVrf)));
+  Ptr<UdpPam> device = sim->udpPam("device");
+  std::unique_ptr<LocalCollectors> all;
+  std::vector<std::string> passed;
+  size_t flushed = 0;
+};
+
+TEST_F(CollectorTest, PublishesTemplatesAndPassesRecordsOn) {
+  follow();
+  EXPECT_TRUE(
+      heard.has("tracker edge: devices send to 10.0.0.1:4739 (exporter main, VRF default)"));
+  send(example);
+  ASSERT_EQ(ftStatus->templateStatus().size(), 1u);
+  const auto published = ftStatus->templateStatus(256);
+  ASSERT_TRUE(published);
+  EXPECT_EQ(published->genId(), 1u);
+  ASSERT_EQ(published->ftTemplateEntry().size(), 2u);
+  const auto& first = published->ftTemplateEntry().at(0);
+  const auto& second = published->ftTemplateEntry().at(1);
+  EXPECT_EQ(first.fieldId().value(), 8u);
+  EXPECT_EQ(first.fieldLen(), 4);
+  EXPECT_FALSE(first.enterpriseIe());
+  EXPECT_EQ(second.fieldId().value(), 1001u);
+  EXPECT_TRUE(second.enterpriseIe());
+  EXPECT_EQ(passed, (std::vector<std::string>{"edge 256 aaaabb"}));
+  EXPECT_EQ(flushed, 0u) << "records gather";
+  sim->advance(Seconds(0.1));
+  EXPECT_EQ(flushed, 1u);
+
+  // A tracker that goes takes its templates along; one that takes its place starts with none.
+  const auto other = HwFlowTracking::ftConfigFactory("edge", 8);
+  other->localPortIs(4739);
+  other->expConfigIs(exporter);
+  config->ftConfigIs(other);
+  follow();
+  EXPECT_TRUE(ftStatus->templateStatus().empty());
+  EXPECT_EQ(sim->openEndpoints(), 2u);
+  send(message(set(300, "aaaa-bb")));
+  EXPECT_EQ(n().setsWithoutTemplate, 1u);
+  config->ftConfigDel("edge");
+  follow();
+  EXPECT_FALSE(all->collector("edge"));
+  EXPECT_EQ(sim->openEndpoints(), 1u);
+}
+
+TEST_F(CollectorTest, FollowsItsExportersAddress) {
+  follow();
+  send(example);
+  exporter->srcIpAddrIs({});
+  EXPECT_TRUE(heard.has("tracker edge: nobody listens any more at 10.0.0.1:4739"));
+  send(example);
+  EXPECT_EQ(n().messages, 1u);
+  heard.text.clear();
+  exporter->srcIpAddrIs(IpAddr(0x0a000002));
+  EXPECT_TRUE(heard.has("devices send to 10.0.0.2:4739"));
+  send(message(set(300, "AAAA-BB")), IpAddr(0x0a000002));
+  EXPECT_EQ(passed, (std::vector<std::string>{"edge 256 aaaabb", "edge 256 AAAABB"}))
+      << "templates outlive the endpoint";
+}
+
+TEST_F(CollectorTest, DoesNotFeedOnItsOwnExport) {
+  // A collector was given the local collector's own address.
+  exporter->rxPort4Is(device->rxPort());
+  exporter->srcIpAddrIs(IpAddr(0x0a000063));
+  follow();
+  send(example, IpAddr(0x0a000063));
+  EXPECT_EQ(n().messages, 0u);
+  EXPECT_EQ(all->collector("edge")->ownDatagrams(), 1u);
+  sim->advance(Seconds(10));
+  EXPECT_TRUE(heard.has("1 datagrams of its own exporters"));
+  exporter->rxPort4Is(static_cast<uint16_t>(device->rxPort() + 1));
+  send(example, IpAddr(0x0a000063));
+  EXPECT_EQ(n().messages, 1u);
+}
+
+TEST_F(CollectorTest, TellsTroublesOnceForAll) {
+  follow();
+  for (int i = 0; i < 100; ++i) send("not IPFIX");
+  send(message(templates(300, {{60, 1}}) + templates(301, {{8, 4}, {27, 16}})));
+  heard.text.clear();
+  sim->advance(Seconds(10));
+  EXPECT_TRUE(
+      heard.has("tracker edge: from devices, not passed on: 100 datagrams that are not IPFIX, 1 "
+                "templates without a known field, 1 templates with addresses of both families"));
+  heard.text.clear();
+  sim->advance(Seconds(60));
+  EXPECT_EQ(heard.text, "");
+}
+
+TEST_F(CollectorTest, WhatFitsDependsOnTheSmallestExporter) {
+  auto small = HwFlowTracking::exporterConfigFactory("small");
+  small->ipfixMtuIs(48 + 20 + 100);
+  tracker->expConfigIs(small);
+  follow();
+  const auto wide = message(templates(300, {{82, 100}}) + templates(301, {{82, 101}}));
+  send(wide);
+  EXPECT_EQ(ftStatus->templateStatus().size(), 1u);
+  small->ipfixMtuIs(1500);
+  send(wide);
+  EXPECT_EQ(ftStatus->templateStatus().size(), 2u);
+  small->ipfixMtuIs(48 + 20 + 100);
+  EXPECT_EQ(ftStatus->templateStatus().size(), 1u);
+  tracker->expConfigDel("small");
+  send(wide);
+  EXPECT_EQ(ftStatus->templateStatus().size(), 2u);
+}
+
+}  // namespace
+}  // namespace agent
