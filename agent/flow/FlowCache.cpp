@@ -36,6 +36,12 @@ bool FlowCache::report(const Entry& entry, EndReason reason) {
   return true;
 }
 
+template <class Entry>
+void FlowCache::lose(const Entry& entry) {
+  ++counters_.lost[static_cast<size_t>(hold_ ? Loss::noCollector : Loss::queueFull)];
+  counters_.lostPackets += entry.packets;
+}
+
 template <class Table>
 void FlowCache::look(Table& table, typename Table::Entry& entry) {
   if (const int64_t due = dueMs(entry); due > nowMs_) {
@@ -57,10 +63,7 @@ void FlowCache::nowIs(int64_t nowMs) {
 template <class Table>
 void FlowCache::evictFrom(Table& table) {
   auto& entry = table.victim([this](const auto& e) { return dueMs(e); });
-  if (!report(entry, EndReason::lackOfResources)) {
-    ++counters_.lost[static_cast<size_t>(hold_ ? Loss::noCollector : Loss::queueFull)];
-    counters_.lostPackets += entry.packets;
-  }
+  if (!report(entry, EndReason::lackOfResources)) lose(entry);
   table.remove(entry);
 }
 
@@ -85,7 +88,7 @@ typename Table::Entry& FlowCache::make(Table& table, const typename Table::Key& 
 
 template <class Table, class Key>
 void FlowCache::count(Table& table, const Key& key, const Sample& s) {
-  auto* entry = table.find(key, s.hash);
+  auto* entry = table.find(key, s.hash, s.place);
   if (entry) {
     // The wheel is a tick late at most; a packet knows exactly that the flow before it is over. A
     // connection that begins anew on the same ports is another flow.
@@ -122,9 +125,9 @@ void FlowCache::samplesIs(Sample* samples, size_t n) {
     }
   }
   for (size_t i = 0; i < n; ++i) {
-    const Sample& s = samples[i];
+    Sample& s = samples[i];
     if (s.parsed.error != ParseError::none) continue;
-    s.parsed.ipv6 ? ipv6_.prefetchEntry(s.hash) : ipv4_.prefetchEntry(s.hash);
+    s.place = s.parsed.ipv6 ? ipv6_.prefetchEntry(s.hash) : ipv4_.prefetchEntry(s.hash);
   }
   for (size_t i = 0; i < n; ++i) {
     const Sample& s = samples[i];
@@ -138,22 +141,13 @@ void FlowCache::samplesIs(Sample* samples, size_t n) {
   }
 }
 
-template <class Table>
-void FlowCache::endAllOf(Table& table, EndReason reason) {
-  table.each([&](auto& entry) {
-    if (!report(entry, reason)) {
-      ++counters_.lost[static_cast<size_t>(hold_ ? Loss::noCollector : Loss::queueFull)];
-      counters_.lostPackets += entry.packets;
-    }
-    table.remove(entry);
-  });
-}
 void FlowCache::endAll(EndReason reason) {
-  endAllOf(ipv4_, reason);
-  endAllOf(ipv6_, reason);
+  const auto end = [&](const auto& entry) {
+    if (!report(entry, reason)) lose(entry);
+  };
+  ipv4_.takeAll(end);
+  ipv6_.takeAll(end);
   nowMs_ = 0;
-  ipv4_.restart();
-  ipv6_.restart();
 }
 
 }  // namespace agent::flow

@@ -34,6 +34,7 @@ class FlowCache {
   struct Sample {
     Parsed parsed;
     uint32_t hash = 0;
+    uint32_t place = 0;
     int64_t timeMs = 0;
   };
 
@@ -69,8 +70,8 @@ class FlowCache {
   void look(Table& table, typename Table::Entry& entry);
   template <class Table>
   void evictFrom(Table& table);
-  template <class Table>
-  void endAllOf(Table& table, EndReason reason);
+  template <class Entry>
+  void lose(const Entry& entry);
   template <class Entry>
   bool report(const Entry& entry, EndReason reason);
   template <class Entry>

@@ -5,7 +5,7 @@
 
 namespace agent::flow {
 namespace {
-constexpr auto roomWait = std::chrono::microseconds(500);
+constexpr auto roomWait = std::chrono::milliseconds(4);  // the endpoints' pace
 
 }  // namespace
 

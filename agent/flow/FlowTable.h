@@ -3,6 +3,7 @@
 #include <bit>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "agent/flow/FlowKey.h"
@@ -94,7 +95,8 @@ uint32_t flowHash(const Key& key, uint64_t seed) {
 /// slots, at most half full, leads to them, and a wheel of ticks knows when each is due. A look-up
 /// costs two cache misses, and both can be asked for ahead:
 ///
-///   table.prefetchSlot(hash); ... table.prefetchEntry(hash); ... table.find(key, hash)
+///   table.prefetchSlot(hash); ... place = table.prefetchEntry(hash);
+///   ... table.find(key, hash, place)
 ///
 /// Times in milliseconds since 1970, from the packets. Not for several threads.
 template <class EntryType>
@@ -114,16 +116,24 @@ class FlowTable {
   bool full() const { return size_ == capacity(); }
 
   void prefetchSlot(uint32_t hash) const { __builtin_prefetch(&slots_[hash & mask_]); }
-  void prefetchEntry(uint32_t hash) const {
-    const Slot& slot = slots_[hash & mask_];
-    if (slot.place == 0) return;
-    const auto* entry = reinterpret_cast<const char*>(&entries_[slot.place - 1]);
+  /// Where the entry of this hash most likely is, for `find`; 0: nowhere.
+  uint32_t prefetchEntry(uint32_t hash) const {
+    size_t i = hash & mask_;
+    while (slots_[i].place != 0 && slots_[i].hash != hash) i = (i + 1) & mask_;
+    const uint32_t place = slots_[i].place;
+    if (place == 0) return 0;
+    const auto* entry = reinterpret_cast<const char*>(&entries_[place - 1]);
     __builtin_prefetch(entry, 1);
     if constexpr (sizeof(Entry) > 64) __builtin_prefetch(entry + 64, 1);
+    return place;
   }
 
-  /// Null: there is none.
-  Entry* find(const Key& key, uint32_t hash) {
+  /// Null: there is none. `place` is what `prefetchEntry` said, perhaps long ago.
+  Entry* find(const Key& key, uint32_t hash, uint32_t place = 0) {
+    if (place != 0) {
+      Entry& e = entries_[place - 1];
+      if (e.used && e.key == key) return &e;
+    }
     for (size_t i = hash & mask_; slots_[i].place != 0; i = (i + 1) & mask_) {
       if (slots_[i].hash != hash) continue;
       Entry& e = entries_[slots_[i].place - 1];
@@ -227,14 +237,22 @@ class FlowTable {
     return *chosen;
   }
 
-  /// Time may begin anew, at an earlier moment. The table is empty.
-  void restart() { started_ = false; }
-
-  /// Every entry, in no given order; the visitor may remove the one it is given.
+  /// Visits every entry, in the order of their places, and forgets them all. Time may begin anew,
+  /// at an earlier moment.
   template <class Visit>
-  void each(Visit visit) {
-    for (uint32_t place = 0; place < fresh_; ++place)
-      if (entries_[place].used) visit(entries_[place]);
+  void takeAll(Visit visit) {
+    for (uint32_t place = 0; place < fresh_; ++place) {
+      if (!entries_[place].used) continue;
+      visit(std::as_const(entries_[place]));
+      entries_[place].used = false;
+    }
+    slots_ = Mapping<Slot>(initialSlots);
+    mask_ = initialSlots - 1;
+    free_.clear();
+    fresh_ = 0;
+    size_ = 0;
+    for (auto& slot : wheel_) slot.clear();
+    started_ = false;
   }
 
  private:
