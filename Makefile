@@ -3,7 +3,7 @@
 BUILD := build
 JOBS ?= $(shell nproc)
 
-.PHONY: build run test bench lint asan clang valgrind soak format install clean
+.PHONY: build run test bench fuzz lint asan clang valgrind soak format install clean
 build:
 	@scripts/install-deps build
 	cmake --preset release
@@ -32,6 +32,11 @@ bench:
 	cmake --build $(BUILD) -j $(JOBS) --target tarn_bench
 	$(BUILD)/bin/tarn_bench
 
+# Every fuzz target for a minute, from the inputs in fuzz/corpus.
+fuzz:
+	@scripts/install-deps all
+	scripts/run-fuzz
+
 lint asan clang valgrind:
 	@scripts/install-deps all
 	scripts/check-$@
@@ -43,4 +48,4 @@ install: build
 	cmake --install $(BUILD)
 
 clean:
-	rm -rf build build-asan build-clang build-debug
+	rm -rf build build-asan build-clang build-debug build-fuzz

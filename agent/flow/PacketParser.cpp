@@ -283,7 +283,7 @@ size_t FragmentTable::firstWay(const Key& key) const {
   uint64_t h = seed_ ^ 0x9e3779b97f4a7c15;
   for (size_t i = 0; i < words.size(); i += 2)
     h = mix(words[i] ^ h, words[i + 1] ^ seed_ ^ 0xd6e8feb86659fd93);
-  return (h % sets) * ways;
+  return (h & (entries_.size() / ways - 1)) * ways;
 }
 
 void FragmentTable::portsIs(const Key& key, int64_t timeNs, const Ports& ports) {

@@ -54,9 +54,9 @@ class FragmentTable {
   };
   static constexpr int64_t lifetimeNs = 30'000'000'000;  ///< as long as hosts wait for the rest
   static constexpr size_t ways = 4;
-  static constexpr size_t sets = 1024;
 
-  explicit FragmentTable(uint64_t seed) : entries_(ways * sets), seed_(seed) {}
+  /// For `sets` times four packets; a power of two.
+  FragmentTable(uint64_t seed, size_t sets) : entries_(ways * sets), seed_(seed) {}
   void portsIs(const Key& key, int64_t timeNs, const Ports& ports);
   /// Null when no first fragment came within the lifetime, before or after `timeNs`.
   const Ports* ports(const Key& key, int64_t timeNs) const;
@@ -67,7 +67,7 @@ class FragmentTable {
     int64_t timeNs = 0;
     Ports ports;
   };
-  static_assert(sizeof(Entry) == 64, "one cache line each, 256 KiB in all");
+  static_assert(sizeof(Entry) == 64, "one cache line each");
   size_t firstWay(const Key& key) const;
 
   std::vector<Entry> entries_;
@@ -89,8 +89,10 @@ class FragmentTable {
 class PacketParser {
  public:
   /// `seed`: for the hash of the fragment table, whose places nobody on the wire shall foresee;
-  /// the same seed and packets give the same results.
-  explicit PacketParser(uint64_t seed) : fragments_(seed) {}
+  /// the same seed and packets give the same results. `fragmentSets`: sets of four packets whose
+  /// fragments are remembered, a power of two; 256 octets each.
+  explicit PacketParser(uint64_t seed, size_t fragmentSets = 1024)
+      : fragments_(seed, fragmentSets) {}
 
   /// True when the packet belongs to a flow. Otherwise `out.error` says why and the rest of `out`
   /// means nothing. Of the two keys only the one that `out.ipv6` names is written.
