@@ -262,7 +262,9 @@ TEST_F(FlowCacheTest, SumsAreTheTruth) {
     EXPECT_EQ(cache->counters().lost, (std::array<uint64_t, losses>{}));
     const auto& expired = cache->counters().expired;
     EXPECT_EQ(expired[5] > 0, maxFlows < 600);
-    if (maxFlows > 600) EXPECT_TRUE(expired[1] > 0 && expired[2] > 0 && expired[3] > 0);
+    if (maxFlows > 600) {
+      EXPECT_TRUE(expired[1] > 0 && expired[2] > 0 && expired[3] > 0);
+    }
   }
 }
 

@@ -1,0 +1,484 @@
+#include "agent/flow/CaptureFile.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <limits>
+#include <sstream>
+
+#include "Frames.h"
+#include "fuzz/CaptureFileInput.h"
+#include "platform/UdpPam.h"
+#include "tests/support/Net.h"
+
+namespace agent::flow {
+namespace {
+using Bytes = std::vector<uint8_t>;
+
+/// Writes either byte order.
+struct Writer {
+  bool big = false;
+  Octets octets;
+  Writer& u32(uint32_t v) { return big ? (octets.u32(v), *this) : u16(v).u16(v >> 16); }
+  Writer& u16(uint32_t v) {
+    big ? octets.u16(v & 0xffff) : octets.u8(v).u8(v >> 8);
+    return *this;
+  }
+  Writer& u64(uint64_t v) {
+    const auto high = static_cast<uint32_t>(v >> 32);
+    const auto low = static_cast<uint32_t>(v);
+    return big ? u32(high).u32(low) : u32(low).u32(high);
+  }
+  Writer& add(const Bytes& o) { return octets.add(o), *this; }
+  Writer& pad() { return octets.fill((4 - octets.size() % 4) % 4), *this; }
+};
+
+struct Pcap : Writer {
+  explicit Pcap(bool bigEndian = false, uint32_t linkType = 1, uint32_t magic = 0xa1b2c3d4) {
+    big = bigEndian;
+    u32(magic).u16(2).u16(4).u32(0).u32(0).u32(65535).u32(linkType);
+  }
+  Pcap& packet(uint32_t s, uint32_t fraction, const Bytes& data, size_t wireLen = 0) {
+    const size_t len = data.size();
+    u32(s).u32(fraction).u32(static_cast<uint32_t>(len));
+    u32(static_cast<uint32_t>(wireLen ? wireLen : len)).add(data);
+    return *this;
+  }
+};
+
+struct Pcapng : Writer {
+  explicit Pcapng(bool bigEndian = false) { section(bigEndian); }
+  Pcapng& block(uint32_t type, const std::function<void(Writer&)>& body) {
+    Writer w{big, {}};
+    body(w);
+    w.pad();
+    const auto len = static_cast<uint32_t>(w.octets.size() + 12);
+    u32(type).u32(len).add(w.octets).u32(len);
+    return *this;
+  }
+  Pcapng& section(bool bigEndian) {
+    big = bigEndian;
+    return block(0x0a0d0d0a, [](Writer& w) { w.u32(0x1a2b3c4d).u16(1).u16(0).u64(~uint64_t{0}); });
+  }
+  struct Option {
+    uint16_t code;
+    Bytes value;
+  };
+  Pcapng& interface(uint16_t linkType, const std::vector<Option>& options = {},
+                    uint32_t snapLen = 0) {
+    return block(1, [&](Writer& w) {
+      w.u16(linkType).u16(0).u32(snapLen);
+      for (const Option& o : options)
+        w.u16(o.code).u16(static_cast<uint32_t>(o.value.size())).add(o.value).pad();
+      if (!options.empty()) w.u32(0);
+    });
+  }
+  Pcapng& packet(uint32_t interface, uint64_t ticks, const Bytes& data, size_t wireLen = 0) {
+    return block(6, [&](Writer& w) {
+      w.u32(interface).u32(static_cast<uint32_t>(ticks >> 32)).u32(static_cast<uint32_t>(ticks));
+      w.u32(static_cast<uint32_t>(data.size()));
+      w.u32(static_cast<uint32_t>(wireLen ? wireLen : data.size())).add(data);
+    });
+  }
+  Octets i64(int64_t v) const {
+    Writer w{big, {}};
+    w.u64(static_cast<uint64_t>(v));
+    return w.octets;
+  }
+};
+
+const Octets frame = ethernet(0x0800, Ip4{}(17, udp(1000, 2000, 20)));  // 62 octets
+
+/// All packets, a line each: interface, time in ns, captured and wire length, link layer.
+std::string packetsOf(CaptureFile& file) {
+  std::string all;
+  Packet p;
+  while (file.next(p)) {
+    EXPECT_FALSE(p.hasVlan);
+    const std::string link[] = {"ethernet", "raw", "sll", "sll2"};
+    all += std::to_string(p.interface) + ' ' + std::to_string(p.timeNs) + ' ' +
+           std::to_string(p.capLen) + '/' + std::to_string(p.wireLen) + ' ' +
+           link[static_cast<size_t>(p.link)] + '\n';
+  }
+  return all;
+}
+
+void write(const std::string& path, const Bytes& octets) {
+  std::ofstream(path, std::ios::binary)
+      .write(reinterpret_cast<const char*>(octets.data()),
+             static_cast<std::streamsize>(octets.size()));
+}
+
+std::string output(const std::string& command) {
+  std::string all;
+  FILE* pipe = ::popen((command + " 2>/dev/null").c_str(), "r");
+  char buffer[4096];
+  while (const size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) all.append(buffer, n);
+  return ::pclose(pipe) == 0 ? all : "failed: " + command;
+}
+
+// Files of other makers' tools, and what they say of ours: interface, time, lengths, octets.
+TEST(CaptureFile, AgreesWithAnotherReader) {
+  if (std::system("command -v tshark mergecap editcap >/dev/null") != 0)
+    GTEST_SKIP() << "no tshark, mergecap or editcap";
+  const support::TempDir dir;
+  const std::string at = dir.path() + '/';
+  Pcap micro, nano(false, 101, 0xa1b23c4d), big(true, 113);
+  Pcapng ng, ngBig(true);
+  ng.interface(1).interface(101, {{9, {9}}}).interface(276, {{9, {0x94}}});
+  ngBig.interface(1, {{9, {0x80 | 33}}, {14, ngBig.i64(86400)}}).interface(228);
+  const Bytes ip(frame.begin() + 14, frame.end());
+  const Octets sll = Octets{}.u16(0).u16(1).u16(6).fill(8).u16(0x0800).add(ip);
+  const Octets sll2 = Octets{}.u16(0x0800).u16(0).u32(2).u16(1).u8(0).u8(6).fill(8).add(ip);
+  for (uint32_t i = 0; i < 50; ++i) {
+    Octets o = frame;
+    o.fill(i);
+    micro.packet(1700000000 + i, 999999 - i, o, 70 + 2 * i);
+    nano.packet(1700000000 + i, 999999999 - i, ip);
+    big.packet(1700000010 + i, i, sll);
+    ng.packet(0, 1700000000000000 + 7 * i, o).packet(1, 1700000000000000001 + i, ip);
+    ng.packet(2, (uint64_t{1700000000} << 20) + i * 12345, sll2);
+    ngBig.packet(0, (uint64_t{1700000000} << 33) + i * 123456789, o, 2000).packet(1, 5, ip);
+  }
+  write(at + "micro.pcap", micro.octets);
+  write(at + "nano.pcap", nano.octets);
+  write(at + "big.pcap", big.octets);
+  write(at + "ng.pcapng", ng.octets);
+  write(at + "ngbig.pcapng", ngBig.octets);
+  const std::string run = "cd " + dir.path() + " && export HOME=" + dir.path() + " && ";
+  ASSERT_EQ(output(run + "mergecap -F pcapng -w merged.pcapng micro.pcap nano.pcap big.pcap &&"
+                         " cat merged.pcapng ngbig.pcapng ng.pcapng >sections.pcapng &&"
+                         " editcap -F nsecpcap -s 50 micro.pcap snapped.pcap &&"
+                         " editcap -F pcapng -a 3:remark big.pcap remark.pcapng"),
+            "");
+  size_t files = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+    if (!entry.is_regular_file()) continue;
+    ++files;
+    SCOPED_TRACE(entry.path().filename().string());
+    std::istringstream theirs(
+        output(run + "tshark -r " + entry.path().string() +
+               " -T fields -e frame.time_epoch -e frame.cap_len -e frame.len -e frame.interface_id"
+               " -E separator=/s"));
+    CaptureFile file(entry.path().string());
+    Packet p;
+    size_t n = 0;
+    for (std::string line; std::getline(theirs, line); ++n) {
+      std::istringstream fields(line);
+      std::string time;
+      uint32_t captured = 0, wire = 0, interface = 0;  // without the last: a file of one
+      fields >> time >> captured >> wire;
+      if (!(fields >> interface)) interface = 0;
+      ASSERT_TRUE(file.next(p));
+      char ours[32];
+      std::snprintf(ours, sizeof ours, "%lld.%09lld", static_cast<long long>(p.timeNs / 1000000000),
+                    static_cast<long long>(p.timeNs % 1000000000));
+      EXPECT_EQ(time, ours) << "packet " << n;
+      EXPECT_EQ(captured, p.capLen) << "packet " << n;
+      EXPECT_EQ(wire, p.wireLen) << "packet " << n;
+      // tshark counts them anew in each section.
+      if (!entry.path().filename().string().starts_with("sections")) {
+        EXPECT_EQ(interface + 1, p.interface) << "packet " << n;
+      }
+      // The octets are where they should be when they parse.
+      Parsed out;
+      PacketParser parser(1, 1);
+      EXPECT_TRUE(parser.parse(p, out)) << toText(out.error) << ", packet " << n;
+      EXPECT_EQ(out.key4.rest.dstPort, 2000);
+    }
+    EXPECT_FALSE(file.next(p));
+    EXPECT_GE(n, 50u);
+    EXPECT_EQ(file.error(), "");
+    EXPECT_EQ(file.warnings().size(), 0u);
+  }
+  EXPECT_EQ(files, 9u);
+}
+
+TEST(CaptureFile, Blocks) {
+  for (const bool big : {false, true}) {
+    Pcapng ng(big);
+    ng.block(0xbad, [](Writer& w) { w.u32(7); });
+    ng.interface(1, {{1, {'x'}}, {2, {'e', 't', 'h', '0', 0, 'x'}}, {13, {4}}}, 40);
+    ng.interface(127, {{2, {'w', 0x1b, 'l'}}});
+    ng.interface(101, {{9, {0x80 | 10}}, {14, ng.i64(-1)}});
+    ng.packet(0, 1000001, frame);
+    // A simple packet: no time, of the first interface, whose snap length cuts it.
+    ng.block(3, [](Writer& w) { w.u32(62).add(frame); });
+    ng.packet(1, 2000000, frame).packet(1, 3000000, frame);
+    ng.block(2, [](Writer& w) {
+      w.u16(2).u16(9).u32(0).u32(2048 + 512).u32(48).u32(1500);
+      w.add(Bytes(frame.begin() + 14, frame.end()));
+    });
+    // Another section, in the other byte order, counts its interfaces anew.
+    ng.section(!big).interface(113, {{2, {'e', '1'}}}).packet(0, 4000000, frame, 100);
+    ng.block(4, [](Writer& w) { w.u32(0); });
+
+    CaptureFile file("x", ng.octets);
+    EXPECT_EQ(packetsOf(file),
+              "1 1000001000 58/58 ethernet\n"
+              "1 1000001000 40/58 ethernet\n"
+              "3 1500000000 48/1500 raw\n"
+              "4 4000000000 62/100 sll\n");
+    EXPECT_EQ(file.error(), "");
+    EXPECT_EQ(file.skipped(), 2u);
+    ASSERT_EQ(file.warnings().size(), 1u);
+    EXPECT_EQ(file.warnings()[0].substr(0, 69),
+              "x: interface 2 (w\\x1bl): skipped 2 packets of link type 127; read are");
+    EXPECT_EQ(file.interfaces(), 4u);
+    EXPECT_EQ(file.interfaceName(1), "eth0");
+    EXPECT_EQ(file.interfaceName(3), "");
+    EXPECT_EQ(file.interfaceName(4), "e1");
+    EXPECT_EQ(file.interfaceName(5), "");
+  }
+}
+
+TEST(CaptureFile, Times) {
+  const int64_t most = (int64_t{1} << 62) - 1;
+  struct Case {
+    const char* name;
+    uint8_t resolution;
+    int64_t offset;
+    uint64_t ticks;
+    int64_t expected;
+  };
+  const Case cases[] = {
+      {"seconds", 0, 0, 1700000000, 1700000000000000000},
+      {"milliseconds", 3, 0, 1700000000001, 1700000000001000000},
+      {"picoseconds", 12, 1700000000, 123456789123999, 1700000123456789123},
+      {"finer than anything", 127, 5, ~uint64_t{0}, 5000000000},
+      {"2^-30", 0x80 | 30, 0, (uint64_t{5} << 30) + (1 << 29), 5500000000},
+      {"2^-127", 0xff, 0, ~uint64_t{0}, 0},
+      {"seconds by the power of two", 0x80, 0, 17, 17000000000},
+      {"before 1970", 6, -10, 1000000, 0},
+      {"after the last", 6, 0, ~uint64_t{0}, most},
+      {"after the last, in seconds", 0, 0, ~uint64_t{0}, most},
+      {"after the last, in halves", 0x81, 0, ~uint64_t{0}, most},
+      {"the greatest offset", 6, std::numeric_limits<int64_t>::max(), 1000000, most},
+      {"the least offset", 6, std::numeric_limits<int64_t>::min(), 1000000, 0},
+  };
+  for (const Case& c : cases) {
+    Pcapng ng;
+    ng.interface(1, {{9, {c.resolution}}, {14, ng.i64(c.offset)}}).packet(0, c.ticks, frame);
+    CaptureFile file("x", ng.octets);
+    Packet p;
+    ASSERT_TRUE(file.next(p)) << c.name;
+    EXPECT_EQ(p.timeNs, c.expected) << c.name;
+  }
+}
+
+TEST(CaptureFile, PcapHeader) {
+  const auto packets = [](Pcap pcap) {
+    pcap.packet(5, 6, frame, 100);
+    CaptureFile file("x", pcap.octets);
+    return packetsOf(file);
+  };
+  EXPECT_EQ(packets(Pcap(true)), "1 5000006000 62/100 ethernet\n");
+  EXPECT_EQ(packets(Pcap(true, 101, 0xa1b23c4d)), "1 5000000006 62/100 raw\n");
+  // Two words of frame check sequence, four octets.
+  EXPECT_EQ(packets(Pcap(false, 0x24000001)), "1 5000006000 62/96 ethernet\n");
+  EXPECT_EQ(packets(Pcap(true, 276)), "1 5000006000 62/100 sll2\n");
+  EXPECT_EQ(packets(Pcap(false, 127)), "");
+  Pcap short_(false, 0x24000001);
+  short_.packet(1, 2, frame).packet(1, 2, {1, 2, 3});
+  CaptureFile file("x", short_.octets);
+  EXPECT_EQ(packetsOf(file), "1 1000002000 58/58 ethernet\n1 1000002000 0/0 ethernet\n");
+}
+
+TEST(CaptureFile, Damage) {
+  Pcap pcap;
+  pcap.packet(1, 2, frame);     // at 24
+  pcap.packet(3, 4, frame);     // at 102
+  Pcapng ng;                    // 28 octets
+  ng.interface(1);              // 20, at 28
+  ng.packet(0, 1, frame);       // 96, at 48
+  ng.packet(0, 2, frame);       // at 144
+  ng.interface(1, {{9, {6}}});  // at 240
+  const auto with32 = [](Octets o, size_t at, uint32_t v) {
+    for (int i = 0; i < 4; ++i)
+      o.at(at + static_cast<size_t>(i)) = static_cast<uint8_t>(v >> 8 * i);
+    return o;
+  };
+  struct Case {
+    const char* name;
+    Octets octets;
+    size_t packets;
+    const char* error;
+  };
+  const Case cases[] = {
+      {"captured length of a record", with32(pcap.octets, 110, 262145), 1,
+       "x: octet 110: found a packet of 262145 captured octets; at most 262144 can be right"},
+      {"block too short", with32(ng.octets, 148, 28), 1,
+       "x: octet 148: found a block of 28 octets; a multiple of 4 from 32 to 16777216 is right"},
+      {"block of odd length", with32(ng.octets, 148, 97), 1,
+       "x: octet 148: found a block of 97 octets; a multiple of 4 from 32 to 16777216 is right"},
+      {"block too long", with32(ng.octets, 148, 0x1000004), 1,
+       "x: octet 148: found a block of 16777220 octets; a multiple of 4 from 32 to 16777216 is "
+       "right"},
+      {"block length at its end", with32(ng.octets, 236, 92), 1,
+       "x: octet 236: found block length 92; 96, as at its start, is right"},
+      {"interface of a packet", with32(ng.octets, 152, 1), 1,
+       "x: octet 152: found a packet of interface 1; its section describes 1 before, counted from "
+       "0"},
+      {"captured length in a block", with32(ng.octets, 164, 65), 1,
+       "x: octet 164: found a packet of 65 captured octets; its block has room for 64"},
+      {"option of an interface", with32(ng.octets, 256, 9 | 17 << 16), 2,
+       "x: octet 258: found an option of 17 octets; its block has room for 8"},
+      {"byte order of a section", with32(Octets(ng.octets).add(ng.octets), 280, 0x1a2b3c4e), 2,
+       "x: octet 280: found byte-order magic 1a2b3c4e; 1a2b3c4d in either byte order is right"},
+      {"version of a section", with32(Octets(ng.octets).add(ng.octets), 284, 2), 2,
+       "x: octet 284: found version 2; 1 is read"},
+  };
+  ASSERT_EQ(ng.octets.size(), 272u);
+  for (const Case& c : cases) {
+    CaptureFile file("x", c.octets);
+    Packet p;
+    size_t packets = 0;
+    while (file.next(p)) ++packets;
+    EXPECT_EQ(packets, c.packets) << c.name;
+    EXPECT_EQ(file.error(), c.error) << c.name;
+    EXPECT_FALSE(file.next(p));
+  }
+}
+
+/// A capture that was killed: whatever is whole is read, the rest is no error.
+TEST(CaptureFile, CutAtEachOctet) {
+  Pcap pcap;
+  pcap.packet(1, 2, frame).packet(3, 4, frame);
+  Pcapng ng;
+  ng.interface(1).packet(0, 1, frame).packet(0, 2, frame);
+  struct Case {
+    Octets octets;
+    size_t least;                 // what a capture begins with
+    std::vector<size_t> borders;  // where it could have ended
+    std::vector<size_t> packets;  // where each is whole
+  };
+  const Case cases[] = {{pcap.octets, 24, {24, 102, 180}, {102, 180}},
+                        {ng.octets, 4, {28, 48, 144, 240}, {144, 240}}};
+  for (const Case& c : cases) {
+    ASSERT_EQ(c.octets.size(), c.borders.back());
+    for (size_t len = 0; len <= c.octets.size(); ++len) {
+      SCOPED_TRACE(len);
+      const Bytes part(c.octets.begin(), c.octets.begin() + static_cast<ptrdiff_t>(len));
+      if (len < c.least) {
+        EXPECT_THROW(CaptureFile("x", part), std::runtime_error);
+        continue;
+      }
+      CaptureFile file("x", part);
+      Packet p;
+      size_t packets = 0;
+      while (file.next(p)) ++packets;
+      EXPECT_EQ(packets, static_cast<size_t>(std::count_if(c.packets.begin(), c.packets.end(),
+                                                           [&](size_t at) { return at <= len; })));
+      EXPECT_EQ(file.error(), "");
+      const bool whole = std::count(c.borders.begin(), c.borders.end(), len) > 0;
+      EXPECT_EQ(file.warnings().size(), whole ? 0u : 1u);
+    }
+  }
+}
+
+TEST(CaptureFile, RefusesWhatIsNoCapture) {
+  const support::TempDir dir;
+  const auto file = [&](const char* name, const Bytes& octets) {
+    write(dir.path() + '/' + name, octets);
+    return dir.path() + '/' + name;
+  };
+  const std::string pipe = dir.path() + "/pipe";
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  struct Case {
+    std::string path;
+    const char* says;
+  };
+  const Case cases[] = {
+      {"-", "-: the standard input is not read; a capture is mapped into memory"},
+      {dir.path(), ": is a directory; a capture is mapped into memory: give the name of a regular"},
+      {pipe, ": is a pipe; a capture"},
+      {"/dev/zero", "/dev/zero: is a device; a capture"},
+      {dir.path() + "/none", "/none: cannot be opened: No such file"},
+      {file("empty", {}), "/empty: octet 0: found an empty file; a capture begins with 0a0d0d0a"},
+      {file("text", {'h', 'e', 'l', 'l', 'o'}), "/text: octet 0: found 68656c6c; a capture begins"},
+      {file("gz", {0x1f, 0x8b, 8, 0}), "found 1f8b0800 (gzip: decompress it first); a capture"},
+      {file("head", Bytes(frame.begin(), frame.begin() + 3)), "octet 0: found 020000; a capture"},
+      {file("short", {0xd4, 0xc3, 0xb2, 0xa1, 2, 0}), "octet 6: the file ends within its header"},
+      {file("version", Octets{0xd4, 0xc3, 0xb2, 0xa1, 3, 0}.fill(20)),
+       "octet 4: found version 3; 2 is read"},
+  };
+  for (const Case& c : cases) {
+    try {
+      const CaptureFile refused(c.path);
+      ADD_FAILURE() << c.path << " was taken";
+    } catch (const std::runtime_error& e) {
+      EXPECT_NE(std::string(e.what()).find(c.says), std::string::npos) << e.what();
+    }
+  }
+}
+
+TEST(CaptureFile, ManyPiecesAndOneThatIsGone) {
+  // 100 MB, so that pages come and go; packets lie across the borders of the pieces.
+  const support::TempDir dir;
+  const std::string path = dir.path() + "/x";
+  constexpr uint32_t packets = 1000;
+  for (const bool ng : {false, true}) {
+    Pcapng blocks;
+    blocks.interface(1);
+    Pcap records;
+    for (uint32_t i = 0; i < packets; ++i) {
+      const Octets data = Octets{}.u32(i).fill(99990 + i % 7);
+      ng ? void(blocks.packet(0, i, data)) : void(records.packet(0, i, data));
+    }
+    write(path, ng ? blocks.octets : records.octets);
+    const auto read = [](CaptureFile& file, uint32_t from, uint32_t to) {
+      Packet p;
+      for (uint32_t i = from; i < to; ++i) {
+        if (!file.next(p)) return i;
+        const uint32_t mark = uint32_t{p.octets[2]} << 8 | p.octets[3];
+        if (mark != i || p.capLen != 99994 + i % 7 || p.octets[p.capLen - 1] != 0) return i;
+      }
+      return to;
+    };
+    CaptureFile whole(path);
+    EXPECT_EQ(read(whole, 0, packets), packets);
+    Packet p;
+    EXPECT_FALSE(whole.next(p));
+    EXPECT_EQ(whole.error(), "");
+
+    CaptureFile shrinks(path);
+    EXPECT_EQ(read(shrinks, 0, 10), 10u);
+    ASSERT_EQ(::truncate(path.c_str(), 50 << 20), 0);
+    const uint32_t end = read(shrinks, 10, packets);
+    EXPECT_GT(end, 470u);
+    EXPECT_LT(end, 530u);
+    EXPECT_NE(shrinks.error().find("found the file shorter than it was"), std::string::npos)
+        << shrinks.error();
+  }
+}
+
+TEST(CaptureFile, ManyInterfacesWarnInFewLines) {
+  Pcapng ng;
+  for (uint32_t i = 0; i < 100; ++i) ng.interface(0).packet(i, i, frame);
+  CaptureFile file("x", ng.octets);
+  EXPECT_EQ(packetsOf(file), "");
+  ASSERT_EQ(file.warnings().size(), 9u);
+  EXPECT_EQ(file.warnings()[8], "x: so for 92 more interfaces");
+  EXPECT_EQ(file.skipped(), 100u);
+}
+
+TEST(CaptureFileCorpus, Replays) {
+  size_t inputs = 0;
+  long packets = 0;
+  for (const auto& file : std::filesystem::directory_iterator(TARN_CORPUS "/fuzz_capture_file")) {
+    std::ifstream in(file.path(), std::ios::binary);
+    const Bytes octets{std::istreambuf_iterator<char>(in), {}};
+    packets += std::max(0L, checkCaptureInput(octets));
+    ++inputs;
+  }
+  EXPECT_GT(inputs, 20u);
+  EXPECT_GT(packets, 20);
+}
+
+}  // namespace
+}  // namespace agent::flow

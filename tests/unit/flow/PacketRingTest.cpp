@@ -1,0 +1,367 @@
+#include "agent/flow/PacketRing.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <linux/if_tun.h>
+#include <net/if.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <cmath>
+#include <functional>
+#include <map>
+#include <random>
+#include <set>
+
+#include "agent/flow/PacketParser.h"
+#include "platform/UdpPam.h"
+#include "tests/unit/agent/World.h"
+
+namespace agent::flow {
+namespace {
+using namespace std::chrono_literals;
+using Octets = std::vector<uint8_t>;
+
+void put16(Octets& o, size_t at, uint32_t v) {
+  o[at] = static_cast<uint8_t>(v >> 8);
+  o[at + 1] = static_cast<uint8_t>(v);
+}
+
+/// UDP over IPv4 from 10.0.0.1 to 10.0.0.2, the source port its mark; `tags` of 4 octets each.
+Octets frame(uint32_t mark, size_t len = 64, const Octets& tags = {}) {
+  Octets o(len, 0xee);
+  const Octets macs = {2, 0, 0, 0, 0, 1, 2, 0, 0, 0, 0, 2};
+  std::copy(macs.begin(), macs.end(), o.begin());
+  std::copy(tags.begin(), tags.end(), o.begin() + 12);
+  const size_t ip = 14 + tags.size();
+  put16(o, ip - 2, 0x0800);
+  const Octets head = {0x45, 0, 0, 0, 0, 0, 0, 0, 64, 17, 0, 0, 10, 0, 0, 1, 10, 0, 0, 2};
+  std::copy(head.begin(), head.end(), o.begin() + static_cast<ptrdiff_t>(ip));
+  put16(o, ip + 2, static_cast<uint32_t>(len - ip));
+  put16(o, ip + 20, mark);
+  put16(o, ip + 22, 53);
+  put16(o, ip + 24, static_cast<uint32_t>(len - ip - 20));
+  return o;
+}
+
+uint16_t markOf(const Octets& frame) { return static_cast<uint16_t>(frame[34] << 8 | frame[35]); }
+
+struct Seen {
+  Packet packet;  // its octets are gone
+  Octets octets;
+};
+
+/// Sends whole frames out of one device.
+class Sender {
+ public:
+  explicit Sender(const char* device)
+      : fd_(::socket(AF_PACKET, SOCK_RAW, 0)), index_(if_nametoindex(device)) {}
+  void send(const Octets& frame) const {
+    sockaddr_ll to{};
+    to.sll_family = AF_PACKET;
+    to.sll_ifindex = static_cast<int>(index_);
+    to.sll_protocol = htons(static_cast<uint16_t>(frame[12] << 8 | frame[13]));
+    const ssize_t n = ::sendto(fd_.get(), frame.data(), frame.size(), 0,
+                               reinterpret_cast<const sockaddr*>(&to), sizeof to);
+    if (n != static_cast<ssize_t>(frame.size()))
+      throw platform::ErrnoException(errno, "the test's sender");
+  }
+
+ private:
+  platform::Fd fd_;
+  unsigned index_;
+};
+
+/// What the ring hands out until there are `expected` packets (or two seconds passed), and what
+/// comes in the two block timeouts after that.
+std::vector<Seen> collect(PacketRing& ring, size_t expected) {
+  std::vector<Seen> all;
+  const auto take = [&](const Packet& p) {
+    all.push_back({p, Octets(p.octets, p.octets + p.capLen)});
+  };
+  const auto end = std::chrono::steady_clock::now() + 2s;
+  while (all.size() < expected && std::chrono::steady_clock::now() < end) {
+    pollfd ready{ring.fd(), POLLIN, 0};
+    ::poll(&ready, 1, 10);
+    ring.read(take, 1);
+  }
+  for (int i = 0; i < 4; ++i) {
+    ::poll(nullptr, 0, 10);
+    ring.read(take, 1000);
+  }
+  return all;
+}
+
+class PacketRingTest : public agent::World {
+ protected:
+  void SetUp() override {
+    World::SetUp();
+    if (IsSkipped()) return;
+    // Nobody speaks here but the test.
+    for (const char* which : {"all", "default"})
+      std::ofstream("/proc/sys/net/ipv6/conf/" + std::string(which) + "/disable_ipv6") << "1";
+    run("ip link set lo up");
+  }
+  /// `name` and `name`-peer, both up, with these interface indexes.
+  static void makePair(const std::string& name, unsigned index) {
+    run("ip link add index " + std::to_string(index) + " name " + name + " type veth peer name " +
+        name + "-peer index " + std::to_string(index + 1));
+    run("ip link set dev " + name + " up && ip link set dev " + name + "-peer up");
+  }
+  static PacketRing::Options options() {
+    PacketRing::Options o;
+    o.blocks = 8;
+    o.blockTimeout = 10ms;
+    return o;
+  }
+};
+
+TEST_F(PacketRingTest, AcceptsTheFilteredInterfacesFromThenOn) {
+  makePair("a", 100);
+  makePair("b", 200);
+  const Sender toA("a-peer"), toB("b-peer"), fromA("a");
+  uint32_t mark = 0;
+  const auto sendAll = [&] {
+    for (int i = 0; i < 10; ++i) {
+      toA.send(frame(++mark, 300));
+      toB.send(frame(++mark, 60));
+      fromA.send(frame(++mark));
+    }
+  };
+  const auto marks = [](const std::vector<Seen>& all) {
+    std::map<uint32_t, size_t> count;
+    for (const Seen& s : all) ++count[s.packet.interface];
+    return count;
+  };
+  using Counts = std::map<uint32_t, size_t>;
+
+  PacketRing ring(options());
+  sendAll();
+  const auto before = std::chrono::system_clock::now();
+  ring.filterIs({100, 100}, 1);
+  sendAll();
+  const std::vector<Seen> seen = collect(ring, 10);
+  const auto after = std::chrono::system_clock::now();
+  ASSERT_EQ(marks(seen), (Counts{{100, 10}}));
+  for (size_t i = 0; i < seen.size(); ++i) {
+    const Octets sent = frame(static_cast<uint32_t>(30 + 3 * i + 1), 300);
+    const Packet& p = seen[i].packet;
+    EXPECT_EQ(seen[i].octets, Octets(sent.begin(), sent.begin() + 192));
+    EXPECT_EQ(p.wireLen, 300u);
+    EXPECT_EQ(p.link, LinkLayer::ethernet);
+    EXPECT_FALSE(p.hasVlan);
+    const auto at = std::chrono::system_clock::time_point(std::chrono::nanoseconds(p.timeNs));
+    EXPECT_LE(before, at);
+    EXPECT_LE(at, after);
+  }
+
+  // Both ends of a pair: what leaves one is counted where it arrives and nowhere else.
+  ring.filterIs({200, 100, 101}, 1);
+  sendAll();
+  EXPECT_EQ(marks(collect(ring, 30)), (Counts{{100, 10}, {200, 10}, {101, 10}}));
+  ring.filterIs({}, 1);
+  sendAll();
+  EXPECT_EQ(marks(collect(ring, 0)), Counts{});
+  EXPECT_EQ(ring.statistics().packets, 40u);
+  EXPECT_EQ(ring.statistics().dropped, 0u);
+}
+
+TEST_F(PacketRingTest, LoopbackOnce) {
+  PacketRing ring(options());
+  ring.filterIs({if_nametoindex("lo")}, 1);
+  const platform::Fd udp(::socket(AF_INET, SOCK_DGRAM, 0));
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_port = htons(9);
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  for (int i = 0; i < 5; ++i)
+    ::sendto(udp.get(), "x", 1, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+  PacketParser parser(1);
+  size_t toPort9 = 0;
+  for (Seen& s : collect(ring, 5)) {
+    s.packet.octets = s.octets.data();
+    Parsed out;
+    ASSERT_TRUE(parser.parse(s.packet, out));
+    if (out.key4.rest.protocol == 17 && out.key4.rest.dstPort == 9) ++toPort9;
+  }
+  EXPECT_EQ(toPort9, 5u);
+}
+
+TEST_F(PacketRingTest, TagTakenOffByTheDevice) {
+  makePair("a", 100);
+  PacketRing ring(options());
+  ring.filterIs({100}, 1);
+  const Sender sender("a-peer");
+  sender.send(frame(7, 80, {0x81, 0, 0x60, 5}));
+  sender.send(frame(8, 80, {0x88, 0xa8, 0, 6, 0x81, 0, 0, 7}));
+  sender.send(frame(9, 80, {0x81, 0, 0x20, 0}));
+  std::vector<Seen> seen = collect(ring, 3);
+  ASSERT_EQ(seen.size(), 3u);
+  const uint16_t vlans[] = {5, 6, 0};
+  PacketParser parser(1);
+  for (size_t i = 0; i < 3; ++i) {
+    SCOPED_TRACE(i);
+    Packet& p = seen[i].packet;
+    p.octets = seen[i].octets.data();
+    EXPECT_TRUE(p.hasVlan);
+    EXPECT_EQ(p.vlanTci & 0xfff, vlans[i]);
+    Parsed out;
+    ASSERT_TRUE(parser.parse(p, out)) << toText(out.error);
+    EXPECT_EQ(out.key4.rest.vlanId, vlans[i]);
+    EXPECT_EQ(out.key4.rest.srcPort, 7 + i);
+    EXPECT_EQ(out.key4.rest.interface, 100u);
+    EXPECT_EQ(out.ipOctets, i == 1 ? 58u : 62u);
+  }
+}
+
+TEST_F(PacketRingTest, DeviceWithoutLinkLayer) {
+  const platform::Fd tun(::open("/dev/net/tun", O_RDWR));
+  ifreq request{};
+  std::strcpy(request.ifr_name, "t");
+  request.ifr_flags = IFF_TUN | IFF_NO_PI;
+  if (!tun || ::ioctl(tun.get(), TUNSETIFF, &request) != 0) GTEST_SKIP() << "no tun devices";
+  run("ip link set dev t up");
+  PacketRing ring(options());
+  ring.filterIs({if_nametoindex("t")}, 1);
+  const Octets whole = frame(77, 64);
+  ASSERT_EQ(::write(tun.get(), whole.data() + 14, 50), 50);
+  std::vector<Seen> seen = collect(ring, 1);
+  ASSERT_EQ(seen.size(), 1u);
+  Packet& p = seen[0].packet;
+  p.octets = seen[0].octets.data();
+  EXPECT_EQ(p.link, LinkLayer::raw);
+  EXPECT_EQ(p.wireLen, 50u);
+  Parsed out;
+  ASSERT_TRUE(PacketParser(1).parse(p, out)) << toText(out.error);
+  EXPECT_EQ(out.key4.rest.srcPort, 77);
+}
+
+TEST_F(PacketRingTest, SamplesOneOutOfN) {
+  makePair("a", 100);
+  const Sender sender("a-peer");
+  PacketRing ring(options());
+  constexpr double n = 40000;
+  for (const uint32_t rate : {0u, 1u, 3u, 64u, 1000u, 0xffffffffu}) {
+    ring.filterIs({100}, rate);
+    size_t got = 0;
+    for (int i = 0; i < n; ++i) {
+      sender.send(frame(static_cast<uint32_t>(i)));
+      if (i % 1000 == 0) got += ring.read([](const Packet&) {}, 1000);
+    }
+    got += collect(ring, rate <= 1 ? static_cast<size_t>(n) - got : 0).size();
+    const double p = 1.0 / std::max(rate, 1u);
+    EXPECT_NEAR(static_cast<double>(got), n * p, 5 * std::sqrt(n * p * (1 - p))) << rate;
+  }
+  EXPECT_EQ(ring.statistics().dropped, 0u);
+}
+
+TEST_F(PacketRingTest, AnyNumberOfInterfaces) {
+  // The true index in the midst of others, at both ends of the list, and not in it.
+  constexpr uint32_t index = 100000;
+  makePair("a", index);
+  const Sender sender("a-peer");
+  PacketRing ring(options());
+  const auto expectSeen = [&](const std::set<uint32_t>& set) {
+    const bool in = set.contains(index);
+    ring.filterIs({set.rbegin(), set.rend()}, 1);
+    sender.send(frame(1));
+    EXPECT_EQ(collect(ring, in ? 1 : 0).size(), in ? 1u : 0u)
+        << set.size() << " interfaces from " << *set.begin() << (in ? " in" : " out");
+  };
+  std::mt19937 random(4);
+  for (const uint32_t n : {1, 2, 8, 9, 17, 100, 300, 1000, 2000, 5000}) {
+    for (const uint32_t least : {1u, index - 2 * n, index + 1}) {
+      std::set<uint32_t> set;
+      while (set.size() < n) {
+        const uint32_t candidate = least + random() % (least == 1 ? 200000 : 2 * n);
+        if (candidate != index) set.insert(candidate);
+      }
+      expectSeen(set);
+      set.insert(index);
+      expectSeen(set);
+    }
+    // The middle one of a row, where the search branches first.
+    std::set<uint32_t> row;
+    for (uint32_t i = 0; i < n; ++i) row.insert(index - n / 2 + i);
+    expectSeen(row);
+    if (row.erase(index), !row.empty()) expectSeen(row);
+  }
+}
+
+TEST_F(PacketRingTest, OverflowIsCounted) {
+  makePair("a", 100);
+  const Sender sender("a-peer");
+  PacketRing::Options o = options();
+  o.blockLen = 64 << 10;
+  o.blocks = 4;
+  PacketRing ring(o);
+  ring.filterIs({100}, 1);
+  uint64_t sent = 0;
+  uint64_t received = 0;
+  for (int round = 1; round <= 3; ++round) {
+    for (int i = 0; i < 10000; ++i, ++sent) sender.send(frame(static_cast<uint32_t>(i)));
+    received += collect(ring, 100).size();
+    const PacketRing::Statistics s = ring.statistics();
+    EXPECT_EQ(s.packets, sent);
+    EXPECT_EQ(received + s.dropped, sent);
+    EXPECT_GT(s.dropped, sent / 2);
+    EXPECT_GE(s.freezes, static_cast<uint64_t>(round));
+  }
+  // It goes on as if nothing had been.
+  sender.send(frame(4711));
+  const std::vector<Seen> last = collect(ring, 1);
+  ASSERT_EQ(last.size(), 1u);
+  EXPECT_EQ(markOf(last[0].octets), 4711);
+}
+
+TEST_F(PacketRingTest, RingsOfAGroupShareByFlow) {
+  makePair("a", 100);
+  const Sender sender("a-peer"), back("a");
+  PacketRing::Options o = options();
+  o.fanoutRings = 2;
+  o.fanoutGroup = 7;
+  PacketRing first(o), second(o);
+  for (PacketRing* r : {&first, &second}) r->filterIs({100, 101}, 1);
+  constexpr uint32_t flows = 200;
+  for (int i = 0; i < 3; ++i)
+    for (uint32_t flow = 0; flow < flows; ++flow) sender.send(frame(flow));
+  // Two fragments of one packet, which must stay two.
+  Octets fragment = frame(1000);
+  fragment[20] = 0x20;
+  sender.send(fragment);
+  put16(fragment, 20, 6);
+  sender.send(fragment);
+  back.send(frame(2000));
+
+  std::map<uint16_t, size_t> counts[2];
+  for (int i = 0; i < 2; ++i)
+    for (const Seen& s : collect(i == 0 ? first : second, 50)) ++counts[i][markOf(s.octets)];
+  size_t all = 0;
+  for (auto& c : counts) {
+    EXPECT_GT(c.size(), 40u);
+    for (const auto& [mark, n] : c) {
+      EXPECT_EQ(n, mark < flows ? 3u : mark == 1000 ? 2u : 1u) << mark;
+      all += n;
+    }
+  }
+  EXPECT_EQ(all, 3 * flows + 3);
+}
+
+TEST_F(PacketRingTest, SaysWhatTheKernelRefused) {
+  PacketRing::Options o = options();
+  o.blockLen = 1000;
+  try {
+    PacketRing ring(o);
+    FAIL();
+  } catch (const platform::ErrnoException& e) {
+    EXPECT_EQ(e.code().value(), EINVAL);
+    EXPECT_NE(std::string(e.what()).find("ring of 8 blocks of 1000 octets"), std::string::npos)
+        << e.what();
+  }
+}
+
+}  // namespace
+}  // namespace agent::flow
