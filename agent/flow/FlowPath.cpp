@@ -245,7 +245,7 @@ void FlowPath::handleTick() {
     review();
     drainTask_->scheduleLowestIs(Seconds(0));
   }
-  if (++ticks_ % ticksPerTelling == 0) tellCounters();
+  if (ticks_++ % ticksPerTelling == 0) tellCounters();
   if (file_ && file_->done() && fileDone_) {
     if (hold_ || drain(*file_)) {
       drainTask_->scheduleLowestIs(Seconds(0));

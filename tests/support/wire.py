@@ -214,11 +214,19 @@ def tshark(file, ports=(PORT,)):
             tuple(_template(r) for r in records),
             tuple((int(one["cflow.flowset_id"]), v) for one in sets for k, v in one.items()
                   if re.match(r"Flow \d+$", k))))
+    no_faults(file, ports)
+    return decoded
+
+
+def no_faults(file, ports=(PORT,)):
+    """Fails when tshark's expert list of a capture has anything of IPFIX, or malformed."""
+    command = ["tshark", "-r", str(file)]
+    for port in ports:
+        command += ["-d", f"udp.port=={port},cflow"]
     experts = subprocess.run(
         [*command, "-q", "-z", "expert"], check=True, stdout=subprocess.PIPE,
         stderr=subprocess.DEVNULL, text=True).stdout
     assert "CFLOW" not in experts and "Malformed" not in experts, experts
-    return decoded
 
 
-__all__ = ["PORT", "TEMPLATES", "Capture", "Decoded", "Message", "Template", "lab_module", "tshark"]
+__all__ = ["PORT", "TEMPLATES", "Capture", "Decoded", "Message", "Template", "lab_module", "no_faults", "tshark"]

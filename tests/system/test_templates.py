@@ -226,5 +226,5 @@ def test_expected_lengths():
     """The layout that the others compare with, from the protocol's arithmetic alone."""
     assert record_len(*reversed(OPTIONS_TEMPLATES[65281])) == 14
     assert record_len(*reversed(OPTIONS_TEMPLATES[65283])) == 42
-    assert DATA_LEN == 16 + 4 + (4 + 15 * 4) + (4 + 16 * 4)
+    assert DATA_LEN == 16 + 4 + (4 + 16 * 4) + (4 + 17 * 4)
     assert struct.calcsize(">HHIII") == 16 and LENGTH[8] == 4

@@ -1,0 +1,272 @@
+"""The software flow path: known traffic over a veth pair, and from a file; what an independent
+collector stored is compared flow by flow with what was sent."""
+
+import json
+import pathlib
+import subprocess
+import sys
+
+import pytest
+
+import traffic
+from lab import parse_json_lines, run, wait_for
+from tarnflow import AGENT, TOOL, Agent, collectors, config, exporter, flows
+from traffic import Key, Sum
+from wire import Capture, no_faults, tshark
+
+FLOWS = 10000
+SEND = str(pathlib.Path(traffic.__file__))
+FAR = {"nf4": ("10.99.0.2", 9995), "nf6": ("fd99::2", 9995), "more4": ("10.99.0.3", 9996),
+       "more6": ("fd99::3", 9996)}
+
+
+@pytest.fixture
+def house(lab):
+    """A source of traffic behind in0, collectors behind up0."""
+    lab.namespace("tt-far")
+    lab.veth("up0", "dn0", "tt-far")
+    lab.address("up0", "10.99.0.1/24", "fd99::1/64")
+    lab.address("dn0", "10.99.0.2/24", "10.99.0.3/24", "fd99::2/64", "fd99::3/64", ns="tt-far")
+    lab.namespace("tt-src")
+    lab.veth("in0", "src0", "tt-src")
+    for ns, device in ((None, "in0"), ("tt-src", "src0")):  # nothing else on that cable
+        run("sysctl", "-qw", f"net.ipv6.conf.{device}.disable_ipv6=1", ns=ns)
+    return lab
+
+
+def settings(far=FAR, **tracker):
+    return config({"edge": {"id": 7, "interfaces": ["in*"], "active-interval": "60s",
+                            "inactive-timeout": "2s", **tracker,
+                            "exporter": {"main": exporter("up0", collectors(**far))}}})
+
+
+def link(device):
+    return json.loads(run("ip", "-j", "-s", "link", "show", device))[0]
+
+
+def nfcapd(lab, address):
+    directory = lab.path("nfcapd")
+    directory.mkdir()
+    family = 6 if ":" in address else 4
+    program = lab.start(f"nfcapd{family}", "nfcapd", f"-{family}", "-b", address, "-p", 9995, "-w",
+                        directory, "-B", 8 << 20, ns="tt-far")
+    program.wait_log("Startup nfcapd")
+    return program, directory
+
+
+def stored(directory):
+    """What nfcapd stored: the sums, the times in milliseconds and the ingress interfaces, by key."""
+    text = subprocess.run(["nfdump", "-R", directory, "-o", "json"], check=True, text=True,
+                          stdout=subprocess.PIPE, env={"TZ": "UTC", "PATH": "/usr/bin"}).stdout
+    sums, times, interfaces = {}, {}, set()
+    for r in json.loads(text):
+        v6 = "src6_addr" in r
+        protocol = r["proto"]
+        if protocol in (traffic.ICMP, traffic.ICMP6):
+            ports = 0, r["icmp_type"] * 256 + r["icmp_code"]
+        else:
+            ports = r["src_port"], r["dst_port"]
+        key = Key(r["src6_addr" if v6 else "src4_addr"], r["dst6_addr" if v6 else "dst4_addr"],
+                  protocol, *ports, r.get("src_vlan", 0))
+        one = sums.setdefault(key, Sum())
+        one.packets += r["in_packets"]
+        one.octets += r["in_bytes"]
+        flags = r["tcp_flags"] if protocol == traffic.TCP else ""
+        one.flags |= sum(bit for bit, letter in ((1, "F"), (2, "S"), (4, "R"), (8, "P"), (16, "A"))
+                         if letter in flags)
+        first, last = millis(r["first"]), millis(r["last"])
+        before = times.get(key, (first, last))
+        times[key] = min(before[0], first), max(before[1], last)
+        interfaces.add(r["input_snmp"])
+    return sums, times, interfaces
+
+
+def millis(text):
+    date, part = text.rsplit(".", 1)
+    import datetime
+    moment = datetime.datetime.strptime(date, "%Y-%m-%dT%H:%M:%S")
+    return int(moment.replace(tzinfo=datetime.timezone.utc).timestamp()) * 1000 + int(part[:3])
+
+
+def captured_times(file):
+    """First and last packet of each flow, milliseconds, as tcpdump saw them: the frames come in the
+    order in which they were sent."""
+    text = run("tshark", "-r", file, "-T", "fields", "-e", "frame.time_epoch")
+    times = {}
+    lines = text.splitlines()
+    frames = list(traffic.mixture(FLOWS))
+    assert len(lines) == len(frames)
+    for line, (_, key, _, _) in zip(lines, frames):
+        at = float(line) * 1000
+        first, _ = times.get(key, (at, at))
+        times[key] = first, at
+    return times
+
+
+def same_flows(found, expected):
+    sums, times, _ = found
+    wrong = {k: (sums.get(k), v) for k, v in expected.items() if sums.get(k) != v}
+    assert not wrong, (len(wrong), list(wrong.items())[:5])
+    assert not set(sums) - set(expected), list(set(sums) - set(expected))[:5]
+
+
+def same_times(found, expected):
+    wrong = {k: (found[1][k], v) for k, v in expected.items()
+             if max(abs(a - b) for a, b in zip(found[1][k], v)) > 1.001}
+    assert not wrong, (len(wrong), list(wrong.items())[:5])
+
+
+def test_every_flow_as_it_was(house):
+    """Live and from the capture of the same traffic; four collectors on both families."""
+    lab = house
+    wire = Capture(lab, "dn0", ns="tt-far", ports=(9995, 9996))
+    collector4, stored4 = nfcapd(lab, "10.99.0.2")
+    collector6, stored6 = nfcapd(lab, "fd99::2")
+    tables = lab.start("listen", TOOL, "listen", "--json", "--tables", "--quiet-data", "--address",
+                       "10.99.0.3", "--port", 9996, ns="tt-far")
+    wait_for("tarnflow listen listens", lambda: "listening" in tables.out())
+    agent = Agent(lab, settings())
+    agent.program.wait_log("tracking flows on in0")
+    seen = lab.path("in0.pcap")
+    tcpdump = lab.start("tcpdump-in0", "tcpdump", "-Z", "root", "-i", "in0", "-U", "-B", "32768",
+                        "--direction=in", "--time-stamp-precision=nano", "-w", seen)
+    tcpdump.wait_log("listening on")
+
+    expected = traffic.truth(FLOWS)
+    sent = sum(s.packets for s in expected.values())
+    run("/usr/bin/python3", SEND, "src0", FLOWS, ns="tt-src")
+    edge = wait_for("all packets are counted and all flows over", lambda: (
+        lambda f: f and f["packets"] == sent and f["flowsActive"] == 0 and f)(flows().get("edge")),
+        20)
+    assert edge["packetsSeen"] == sent and edge["kernelDrops"] == 0, edge
+    assert edge["notIp"] == edge["truncated"] == edge["malformed"] == 0, edge
+    reported = sum(edge[k] for k in edge if k.startswith("ended"))
+    assert edge["endedEndOfFlow"] > 0 and edge["endedIdle"] > 0, edge
+    wait_for("all records are sent", lambda: flows()["edge"]["records"] == 4 * reported, 10)
+    index = link("in0")["ifindex"]
+    assert agent.stop() == 0
+    tcpdump.stop()
+
+    for program in (collector4, collector6):
+        assert program.stop() == 0
+    times = captured_times(seen)
+    for directory in (stored4, stored6):
+        found = stored(directory)
+        same_flows(found, expected)
+        same_times(found, times)
+        assert found[2] == {index}
+    assert tables.stop() == 0, tables.log()
+    names = [t for line in parse_json_lines(tables.out()) if line["type"] == "tables"
+             for t in json.dumps(line).split('"in0"')]
+    assert len(names) > 1, "in0 is in the interface table"
+    wire.stop()
+    no_faults(wire.file, ports=(9995, 9996))
+
+    # The same from the file, twice: it gives the same messages but for their times.
+    contents = []
+    for _ in range(2):
+        wire = Capture(lab, "dn0", ns="tt-far", ports=(9995,))
+        collector, directory = nfcapd(lab, "10.99.0.2")
+        file = lab.path("read.toml")
+        file.write_text(settings({"one": FAR["nf4"]}))
+        reader = lab.start("read", AGENT, "--config", file, "--read", seen)
+        assert reader.wait_exit(30) == 0, reader.log()
+        assert f"{sent} packets seen, {sent} in flows" in reader.err(), reader.err()
+        wait_for("the last message is captured",
+                 lambda: f"{sum(m.sets[0][0] in (256, 257) for m in wire.messages())} messages"
+                 in reader.err())
+        assert collector.stop() == 0
+        found = stored(directory)
+        same_flows(found, expected)
+        same_times(found, times)
+        wire.stop()
+        no_faults(wire.file, ports=(9995,))
+        contents.append([m.octets[16:] for m in wire.messages() if m.sets[0][0] in (256, 257)])
+    assert contents[0] == contents[1]
+
+
+def test_sampling(house):
+    lab = house
+    count, rate = 1000000, 64
+    wire = Capture(lab, "dn0", ns="tt-far", ports=(9996,))
+    agent = Agent(lab, settings({"one": FAR["more4"]}, **{"sample-rate": rate}))
+    agent.program.wait_log("tracking flows on in0")
+    run("/usr/bin/python3", SEND, "src0", "burst", count, ns="tt-src")
+    wait_for("the flow is over", lambda: flows()["edge"]["endedIdle"] == 1, 10)
+    edge = flows()["edge"]
+    # Each packet is taken with 1 in 64 by itself: three standard deviations of that.
+    deviation = (count * (1 / rate) * (1 - 1 / rate)) ** 0.5
+    assert abs(edge["packetsSeen"] - count / rate) < 3 * deviation, edge
+    assert edge["packets"] + edge["kernelDrops"] == edge["packetsSeen"]
+    wire.wait_until("the record is sent", lambda ms: any(m.sets[0][0] == 256 for m in ms))
+    assert agent.stop() == 0
+    wire.stop()
+    trackers = [record for m in tshark(wire.file, ports=(9996,)) for id, record in m.records
+                if id == 65283]
+    assert trackers
+    assert all((r["cflow.selector_algorithm"], r["cflow.sampling_size"],
+                r["cflow.sampling_population"]) == ("3", "1", str(rate)) for r in trackers), trackers
+
+
+def test_overload(house):
+    """The agent stands still while more comes than its ring holds: what it did not see is counted."""
+    import signal
+    lab = house
+    agent = Agent(lab, settings({"one": FAR["more4"]}))
+    agent.program.wait_log("tracking flows on in0")
+
+    def arrived():
+        return link("in0")["stats64"]["rx"]["packets"]
+    before, count = arrived(), 400000
+    agent.program.process.send_signal(signal.SIGSTOP)
+    run("/usr/bin/python3", SEND, "src0", "burst", count, ns="tt-src")
+    agent.program.process.send_signal(signal.SIGCONT)
+    came = arrived() - before
+    assert came == count
+    edge = wait_for("what came is accounted for",
+                    lambda: (lambda f: f["packetsSeen"] >= came and f)(flows()["edge"]), 10)
+    assert edge["packetsSeen"] == came == edge["packets"] + edge["kernelDrops"], edge
+    assert edge["kernelDrops"] > 0, "the ring was large enough for all: this test tested nothing"
+    # And it goes on.
+    run("/usr/bin/python3", SEND, "src0", "burst", 1000, ns="tt-src")
+    wait_for("the next packets are counted",
+             lambda: flows()["edge"]["packets"] == edge["packets"] + 1000, 5)
+    assert agent.stop() == 0
+
+
+def test_interfaces_and_collectors_come_and_go(house):
+    """An interface in a namespace that appears, one that is renamed away, and flows that wait for a
+    collector's address."""
+    lab = house
+    lab.address("up0", "10.99.0.1/24", verb="del")
+    agent = Agent(lab, settings({"one": FAR["nf4"]}, interfaces=["in0", "red/*"]))
+    agent.program.wait_log("tracking flows on in0")
+    wire = Capture(lab, "dn0", ns="tt-far", ports=(9995,))
+    run("/usr/bin/python3", SEND, "src0", "burst", 10, ns="tt-src")
+    lab.namespace("ns-red")
+    lab.veth("red0", "src1", "tt-src", ns="ns-red")
+    agent.program.wait_log("VRF red: tracking flows on lo, red0|VRF red: tracking flows on red0")
+    wait_for("10 packets", lambda: flows()["edge"]["packets"] >= 10, 5)
+    run("/usr/bin/python3", SEND, "src1", "burst", 20, ns="tt-src")
+    wait_for("30 packets", lambda: flows()["edge"]["packets"] >= 30, 5)
+    import time
+    time.sleep(2.5)  # the flows are over, and nobody can be told
+    assert flows()["edge"]["endedIdle"] == 0
+    assert not [m for m in wire.messages() if m.sets[0][0] in (256, 257)]
+    lab.address("up0", "10.99.0.1/24")
+    wire.wait_until("both records", lambda ms: sum(m.sets[0][0] == 256 for m in ms) >= 1)
+    wait_for("nothing is left", lambda: flows()["edge"]["endedIdle"] >= 2, 5)
+    run("ip", "link", "set", "in0", "down")
+    run("ip", "link", "set", "in0", "name", "other0")
+    lab.links.append("other0")
+    agent.program.wait_log("VRF default: no interface to track flows on any more")
+    assert agent.stop() == 0
+    wire.stop()
+    records = [r for m in tshark(wire.file, ports=(9995,)) for id, r in m.records if id == 256]
+    burst = [r for r in records if r.get("cflow.srcport") == "7"]
+    assert sorted(int(r["cflow.packets"]) for r in burst) == [10, 20], records
+    assert edge_is_clean(flows), "a stopped agent leaves no counters"
+
+
+def edge_is_clean(read):
+    return read() == {}
