@@ -3,7 +3,7 @@
 BUILD := build
 JOBS ?= $(shell nproc)
 
-.PHONY: build run test bench fuzz lint asan clang valgrind soak format install clean
+.PHONY: build run test bench bench-probe fuzz lint asan clang valgrind soak format install clean
 build:
 	@scripts/install-deps build
 	cmake --preset release
@@ -36,6 +36,13 @@ bench:
 fuzz:
 	@scripts/install-deps all
 	scripts/run-fuzz
+
+# What a packet costs, from a file to IPFIX on a socket, beside other probes that are installed.
+bench-probe:
+	@scripts/install-deps test
+	cmake --preset release -DTARN_BENCH=ON
+	cmake --build $(BUILD) -j $(JOBS) --target tarnflowd pcap_maker
+	scripts/bench-probe $(BUILD)
 
 lint asan clang valgrind:
 	@scripts/install-deps all
