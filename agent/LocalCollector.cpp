@@ -96,9 +96,11 @@ LocalCollector::LocalCollector(std::string trackerName, Ptr<FtConfig> config,
       sink_(std::move(sink)),
       decoder_(host.registry,
                {.publish = [this](TemplateId id, const PassedLayout& l) { publish(id, l); },
-                .withdraw = [this](TemplateId id) { status_->templateStatusDel(id); },
+                .withdraw = [this](TemplateId id) { withdraw(id); },
                 .records = sink_.records}),
       pams_(FlowTracking::localCollectorPamsFactory(trackerName_)),
+      settleTask_(host.scheduler->timerTask("localCollectorSettle-" + trackerName_, afterTemplates,
+                                            [this] { decoder_.settle(); })),
       flushTask_(host.scheduler->timerTask("localCollectorFlush-" + trackerName_, afterTemplates,
                                            [this] { sink_.flush(); })),
       tickTask_(host.scheduler->timerTask("localCollectorTick-" + trackerName_, afterTemplates,
@@ -212,6 +214,13 @@ void LocalCollector::publish(TemplateId id, const PassedLayout& layout) {
   trace(TraceLevel::event, "LocalCollector::", "publish ", trackerName_, " templateId: ", id,
         ", fields: ", layout.size());
   status_->templateStatusIs(status);
+  // After the tasks that this sets off, be it once more: they tell the collectors of it.
+  settleTask_->scheduleIs(Seconds(0));
+}
+
+void LocalCollector::withdraw(TemplateId id) {
+  sink_.flush();  // its records leave before it
+  status_->templateStatusDel(id);
 }
 
 void LocalCollector::handleTick() {

@@ -66,6 +66,7 @@ class LocalCollector {
   bool own(const IpGenAddr& from, uint16_t port) const;
   void handleTick();
   void publish(FlowTracking::TemplateId id, const PassedLayout& layout);
+  void withdraw(FlowTracking::TemplateId id);
   void tellTroubles();
 
   const std::string trackerName_;
@@ -83,6 +84,7 @@ class LocalCollector {
   Ptr<UdpPam> heard_;  // the endpoint whose datagrams come here
 
   const Ptr<FlowTracking::LocalCollectorPams> pams_;
+  std::unique_ptr<TimerTask> settleTask_;
   std::unique_ptr<TimerTask> flushTask_;
   std::unique_ptr<TimerTask> tickTask_;
   std::unique_ptr<PamsWatcher> pamsWatcher_;

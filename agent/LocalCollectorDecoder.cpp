@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 #include "platform/IpfixTypes.h"
 
@@ -16,6 +17,8 @@ constexpr size_t optionsTemplateHeaderLen = 6;  // RFC 7011, 3.4.2.2
 constexpr uint8_t longLength = 255;             // three octets tell the length (RFC 7011, 7)
 /// How far back, in records, a message is late rather than the first of a stream that started over.
 constexpr uint32_t lateMax = 4096;
+/// More records than this do not get lost between two messages: the stream started over.
+constexpr uint32_t gapMax = 1 << 20;
 constexpr int lifetimes = 3;  // RFC 7011, 8.4: a template may be lost twice
 
 uint8_t octet(std::string_view s, size_t at) { return static_cast<uint8_t>(s[at]); }
@@ -91,9 +94,9 @@ void LocalCollectorDecoder::decode(std::string_view datagram, const IpGenAddr& f
   ++counters_.messages;
   const uint32_t sequence = u32(datagram, 8);
   const StreamKey key(from, port, u32(datagram, 12));
-  if (const auto it = streams_.find(key); it != streams_.end()) checkSequence(it->second, sequence);
 
   uint64_t records = 0;
+  const uint64_t optionsBefore = counters_.optionsRecords;
   bool counted = true;  // every record of the message
   for (size_t at = IpfixConst::messageHeaderLen(); at < datagram.size();) {
     const uint16_t id = u16(datagram, at);
@@ -116,27 +119,31 @@ void LocalCollectorDecoder::decode(std::string_view datagram, const IpGenAddr& f
     counted = false;
   }
 
-  const auto stream = streams_.find(key);
-  if (stream == streams_.end()) return;
-  Stream& s = stream->second;
-  const uint32_t next = sequence + static_cast<uint32_t>(records);
-  // A late message is no news of what comes next.
-  if (s.sequenceKnown && static_cast<int32_t>(next - s.sequence) < 0 && s.sequence - next < lateMax)
-    return;
-  s.sequenceKnown = counted;
-  s.sequence = next;
+  if (const auto stream = streams_.find(key); stream != streams_.end())
+    checkSequence(stream->second, sequence, static_cast<uint32_t>(records),
+                  static_cast<uint32_t>(counters_.optionsRecords - optionsBefore), counted);
 }
 
-void LocalCollectorDecoder::checkSequence(Stream& stream, uint32_t sequence) {
-  if (!stream.sequenceKnown || sequence == stream.sequence) return;
-  const uint32_t ahead = sequence - stream.sequence;
-  if (ahead < 0x80000000u && sequence != 0) {
-    ++counters_.sequenceGaps;
-    counters_.recordsMissing += ahead;
-  } else {
-    ++counters_.sequenceBack;
-    if (sequence == 0 || stream.sequence - sequence >= lateMax) stream.sequenceKnown = false;
+void LocalCollectorDecoder::checkSequence(Stream& stream, uint32_t sequence, uint32_t records,
+                                          uint32_t options, bool counted) {
+  // Some devices count the message's own records in, and some of these no options data: a fault of
+  // theirs, and no gap.
+  const uint32_t before = sequence - records;
+  const bool ownIncluded = counted && (before == stream.last || before + options == stream.last);
+  if (stream.sequenceKnown && sequence != stream.next && !ownIncluded) {
+    const uint32_t ahead = sequence - stream.next;
+    if (ahead <= gapMax && sequence != 0) {
+      ++counters_.sequenceGaps;
+      counters_.recordsMissing += ahead;
+    } else {
+      ++counters_.sequenceBack;
+      // A late message is no news of what comes next.
+      if (sequence != 0 && stream.next - sequence < lateMax) return;
+    }
   }
+  stream.sequenceKnown = counted;
+  stream.last = sequence;
+  stream.next = sequence + records;
 }
 
 // --- Templates ---
@@ -297,7 +304,7 @@ void LocalCollectorDecoder::publish(Template& t, Layouts::value_type* before) {
 LocalCollectorDecoder::Layouts::value_type* LocalCollectorDecoder::acquire(
     const PassedLayout& passed, uint64_t*& refusal) {
   auto it = layouts_.find(passed);
-  if (it != layouts_.end() && it->second.uses > 0) {
+  if (it != layouts_.end() && it->second.published) {
     ++it->second.uses;
     return &*it;
   }
@@ -312,20 +319,35 @@ LocalCollectorDecoder::Layouts::value_type* LocalCollectorDecoder::acquire(
       refusal = &counters_.templatesOverLimit;
       return nullptr;
     }
-    it = layouts_.emplace(passed, Layout{.id = id, .uses = 0, .released = {}}).first;
+    it = layouts_.try_emplace(passed).first;
+    it->second.id = id;
     ids_.emplace(id, &*it);
   }
-  it->second.uses = 1;
+  Layout& layout = it->second;
+  layout.uses = 1;
+  layout.published = layout.fresh = true;
+  fresh_.push_back(&*it);
   publishedLen_ += len;
-  output_.publish(it->second.id, it->first);
+  output_.publish(layout.id, it->first);
   return &*it;
 }
 
 void LocalCollectorDecoder::release(Layouts::value_type* layout) {
-  if (--layout->second.uses > 0) return;
-  layout->second.released = now_;
+  if (--layout->second.uses == 0 && !layout->second.fresh) withdraw(layout);
+}
+
+void LocalCollectorDecoder::withdraw(Layouts::value_type* layout) {
+  layout->second.published = false;
+  layout->second.withdrawn = now_;
   publishedLen_ -= templateLen(layout->first);
   output_.withdraw(layout->second.id);
+}
+
+void LocalCollectorDecoder::settle() {
+  for (Layouts::value_type* layout : std::exchange(fresh_, {})) {
+    layout->second.fresh = false;
+    if (layout->second.uses == 0) withdraw(layout);
+  }
 }
 
 /// The lowest id that no layout has; 0: there is none.
@@ -362,7 +384,7 @@ void LocalCollectorDecoder::advance(Seconds d) {
     stream = templates.empty() ? streams_.erase(stream) : std::next(stream);
   }
   std::erase_if(layouts_, [this](const auto& layout) {
-    if (layout.second.uses > 0 || now_ - layout.second.released < hold_) return false;
+    if (layout.second.published || now_ - layout.second.withdrawn < hold_) return false;
     ids_.erase(layout.second.id);
     return true;
   });

@@ -77,7 +77,7 @@ class LocalCollectorDecoder {
     size_t layouts = 1024;           ///< with an id, those that wait for it to be free included
     Seconds templateLifetime{1800};  ///< forgotten when not sent again for three times this long
   };
-  /// Who hears of the results, called from inside `decode`, `advance` and `roomIs`.
+  /// Who hears of the results, called from inside `decode`, `settle`, `advance` and `roomIs`.
   struct Output {
     std::function<void(FlowTracking::TemplateId, const PassedLayout&)> publish;
     std::function<void(FlowTracking::TemplateId)> withdraw;
@@ -94,6 +94,9 @@ class LocalCollectorDecoder {
 
   /// Takes one datagram.
   void decode(std::string_view datagram, const IpGenAddr& from, uint16_t port);
+  /// The layouts published so far have been told to the collectors. Until then none of them is
+  /// withdrawn: records of it may be waiting behind it.
+  void settle();
   /// Time passes; forgets what is due.
   void advance(Seconds d);
   /// Octets that a message has for records, or for the templates of all layouts together.
@@ -109,8 +112,10 @@ class LocalCollectorDecoder {
  private:
   struct Layout {
     FlowTracking::TemplateId id = 0;
-    size_t uses = 0;     // templates that reduce to it; none: withdrawn
-    Seconds released{};  // when
+    size_t uses = 0;  // templates that reduce to it
+    bool published = false;
+    bool fresh = false;   // published since the last `settle`
+    Seconds withdrawn{};  // when
   };
   using Layouts = std::map<PassedLayout, Layout>;
 
@@ -136,7 +141,8 @@ class LocalCollectorDecoder {
   struct Stream {
     std::map<FlowTracking::TemplateId, Template> templates;
     bool sequenceKnown = false;
-    uint32_t sequence = 0;  // of the next message
+    uint32_t last = 0;  // sequence number of the last message
+    uint32_t next = 0;  // and of the next one
   };
   using StreamKey = std::tuple<IpGenAddr, uint16_t, uint32_t>;
   using Streams = std::map<StreamKey, Stream>;
@@ -149,11 +155,13 @@ class LocalCollectorDecoder {
   void publish(Template& t, Layouts::value_type* before);
   Layouts::value_type* acquire(const PassedLayout& passed, uint64_t*& refusal);
   void release(Layouts::value_type* layout);
+  void withdraw(Layouts::value_type* layout);
   FlowTracking::TemplateId freeId() const;
   void forget(Stream& stream, std::map<FlowTracking::TemplateId, Template>::iterator it);
   bool dataSet(Template& t, std::string_view set, uint64_t& records);
   bool measure(const Template& t, std::string_view rest, size_t& len);
-  void checkSequence(Stream& stream, uint32_t sequence);
+  void checkSequence(Stream& stream, uint32_t sequence, uint32_t records, uint32_t options,
+                     bool counted);
 
   const Ptr<const Ipfix::ElementIdColl> registry_;
   const Output output_;
@@ -167,6 +175,7 @@ class LocalCollectorDecoder {
   Layouts layouts_;
   uint32_t publishedLen_ = 0;  // octets of all published templates
   std::map<FlowTracking::TemplateId, Layouts::value_type*> ids_;
+  std::vector<Layouts::value_type*> fresh_;
   std::string scratch_;
 };
 

@@ -89,6 +89,7 @@ class DecoderTest : public testing::Test {
     // In memory of its own, so that a read behind its end is seen.
     const std::vector<char> octets(datagram.begin(), datagram.end());
     decoder.decode({octets.data(), octets.size()}, IpAddr(0x0a000005), port);
+    if (settles) decoder.settle();
   }
   std::string text() const {
     std::string out;
@@ -107,6 +108,7 @@ class DecoderTest : public testing::Test {
 
   std::map<TemplateId, PassedLayout> published;
   Passed passed;
+  bool settles = true;  // each message's templates are told to the collectors before the next
   LocalCollectorDecoder decoder;
 };
 
@@ -339,6 +341,18 @@ TEST_F(DecoderTest, EqualLayoutsShareAnIdAndAnIdRests) {
   EXPECT_EQ(n().badTemplate, 0u);
 }
 
+TEST_F(DecoderTest, NothingIsWithdrawnBeforeItWasTold) {
+  settles = false;
+  hear(message(templates(300, {{1, 8}}) + set(300, "12345678") + templates(300, {{2, 8}})));
+  EXPECT_EQ(text(), "256: 1/8\n257: 2/8\n") << "a record of 256 is on its way";
+  hear(message(templates(301, {{1, 8}}) + templates(302, {{4, 1}}) + templates(302, {{5, 1}})));
+  decoder.settle();
+  EXPECT_EQ(text(), "256: 1/8\n257: 2/8\n259: 5/1\n") << "but not what is in use again";
+  decoder.settle();
+  hear(message(templates(300, {{6, 1}})));
+  EXPECT_EQ(text(), "256: 1/8\n259: 5/1\n260: 6/1\n");
+}
+
 TEST_F(DecoderTest, TemplatesExpireUnlessTheyAreRepeated) {
   hear(message(templates(300, {{1, 8}}) + templates(301, {{2, 8}})), 1);
   hear(message(templates(300, {{1, 8}})), 2);
@@ -388,6 +402,16 @@ TEST_F(DecoderTest, SequenceNumbersTellWhatIsMissing) {
   data(152);
   data(160);
   EXPECT_EQ(seen(), "3 16 2");
+  // A device that counts the message's own records in.
+  data(166, 6);
+  data(170, 4);
+  data(177, 7);
+  EXPECT_EQ(seen(), "3 16 2");
+  data(190, 7);
+  EXPECT_EQ(seen(), "4 22 2");
+  data(0x40000000);
+  data(0x40000002);
+  EXPECT_EQ(seen(), "4 22 3") << "nobody loses so many";
   EXPECT_EQ(n().recordsPassed, n().recordsIn);
 }
 
