@@ -169,13 +169,13 @@ Changes Agent::apply(const Settings& settings) {
 /// Devices track for the trackers of type hardware; what they send goes out as the trackers' own.
 void Agent::startLocalCollectors() {
   constexpr auto type = FlowTracking::FlowTrackingType::hardware;
-  const auto tree = entities_->trees().find(type);
-  if (tree == entities_->trees().end()) return;
-  const auto& [config, status] = tree->second;
-  localCollectors_->follow(*config, *status, [&](const std::string& trackerName) {
+  const auto found = entities_->trees().find(type);
+  if (found == entities_->trees().end()) return;
+  const Entities::Tree& tree = found->second;
+  localCollectors_->follow(*tree.config, *tree.status, [&](const std::string& trackerName) {
     const Roots& roots = roots_.at(type);
     const auto exporters = std::make_shared<FlowExport>(
-        trackerName, FlowExportTree{config, roots.info, roots.templateSm, statistics_});
+        trackerName, FlowExportTree{tree.config, roots.info, roots.templateSm, statistics_});
     return LocalCollectorSink{
         [exporters](FlowTracking::TemplateId id, size_t recordLen, std::string_view records) {
           exporters->recordsIs(id, recordLen, records);
