@@ -62,7 +62,7 @@ void FlowCache::nowIs(int64_t nowMs) {
 
 template <class Table>
 void FlowCache::evictFrom(Table& table) {
-  auto& entry = table.victim([this](const auto& e) { return dueMs(e); });
+  auto& entry = table.victim([this](const auto& e) { return this->dueMs(e); });
   if (!report(entry, EndReason::lackOfResources)) lose(entry);
   table.remove(entry);
 }
