@@ -456,6 +456,17 @@ TEST_F(LimitsTest, WhatIsRememberedIsBounded) {
   EXPECT_EQ(take(), (Passed{{256, "a"}})) << "and then it works as before";
 }
 
+TEST_F(LimitsTest, SendersBeyondTheLimitDoNotPushOthersOut) {
+  for (uint16_t port = 1; port <= 5; ++port) hear(message(templates(300, {{1, 8}})), port);
+  EXPECT_EQ(decoder.streams(), 3u);
+  EXPECT_EQ(n().templatesOverLimit, 2u);
+  for (uint16_t port = 1; port <= 5; ++port) hear(message(set(300, "12345678")), port);
+  EXPECT_EQ(take().size(), 3u);
+  decoder.advance(Seconds(31));
+  hear(message(templates(300, {{1, 8}}) + set(300, "12345678")), 5);
+  EXPECT_EQ(take().size(), 1u);
+}
+
 // Templates, records and repetitions at random, against an oracle that knows what each field is
 // worth; and the same messages with octets changed, which must be survived and leave the counts
 // consistent.
