@@ -25,17 +25,24 @@ class Place:
 
     def __init__(self, lab, vrf="default", families=(4, 6)):
         self.lab = lab
-        self.near = None if vrf == "default" else lab.namespace(f"ns-{vrf}")
+        self.near = None if vrf == "default" else f"ns-{vrf}"
+        self.families = families
         self.far = lab.namespace("tt-far")
-        lab.veth("up0", "dn0", self.far, ns=self.near)
-        for family in families:
-            self.address("add", family)
-            lab.address("dn0", *self._prefix(THERE, family), ns=self.far)
-        self.capture = Capture(lab, "dn0", ns=self.far)
+        self.plug()
         self.text = config({"edge": {"id": DOMAIN, "type": "hardware", "exporter": {
             "main": exporter("up0", collectors(**{f"c{f}": THERE[f] for f in families}), vrf=vrf,
                              template_interval="60s")}}},
             vrfs={} if vrf == "default" else {vrf: 10})
+
+    def plug(self):
+        """Makes the near end, its namespace included, and the cable."""
+        if self.near:
+            self.lab.namespace(self.near)
+        self.lab.veth("up0", "dn0", self.far, ns=self.near)
+        for family in self.families:
+            self.address("add", family)
+            self.lab.address("dn0", *self._prefix(THERE, family), ns=self.far)
+        self.capture = Capture(self.lab, "dn0", ns=self.far)
 
     @staticmethod
     def _prefix(ends, family):
@@ -214,6 +221,30 @@ def test_a_port_that_is_taken(lab):
         place.capture.wait(1)  # its exporters do not wait for it
     agent.program.wait_log("devices send to", 1)
     assert agent.program.log().count("Address already in use") == 1
+    assert agent.stop() == 0
+
+
+def test_a_namespace_that_is_replaced(lab):
+    place = Place(lab, "red", families=(4,))
+    agent = Agent(lab, place.text)
+    device = message([(2, template(300, [(8, 4), (1, 8)])), (300, bytes([192, 0, 2, 1]) + bytes(8))])
+
+    def arrives(times):
+        wait_for("it listens", lambda: agent.program.log().count("devices send to") == times)
+        place.send(device)
+        wait_for("the record goes on", lambda: any(
+            m.sets[0] == (256, 16) for m in place.capture.messages()))
+
+    arrives(1)
+    open_then = len(descriptors(agent.pid))
+    for times in (2, 3):
+        lab.namespace_del("ns-red")
+        wait_for("the namespace is let go",
+                 lambda: "dn0" not in run("ip", "-o", "link", ns=place.far))
+        agent.program.wait_log("nobody listens any more at")
+        place.plug()
+        arrives(times)
+    assert len(descriptors(agent.pid)) == open_then
     assert agent.stop() == 0
 
 
