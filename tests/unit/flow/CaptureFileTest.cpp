@@ -281,6 +281,9 @@ TEST(CaptureFile, PcapHeader) {
   EXPECT_EQ(packets(Pcap(true, 101, 0xa1b23c4d)), "1 5000000006 62/100 raw\n");
   // Two words of frame check sequence, four octets.
   EXPECT_EQ(packets(Pcap(false, 0x24000001)), "1 5000006000 62/96 ethernet\n");
+  // A writer that leaves the wire length out.
+  EXPECT_EQ(packets(Pcap().packet(4, 0, frame, 10)),
+            "1 4000000000 62/62 ethernet\n1 5000006000 62/100 ethernet\n");
   EXPECT_EQ(packets(Pcap(true, 276)), "1 5000006000 62/100 sll2\n");
   EXPECT_EQ(packets(Pcap(false, 127)), "");
   Pcap short_(false, 0x24000001);
@@ -326,8 +329,8 @@ TEST(CaptureFile, Damage) {
        "0"},
       {"captured length in a block", with32(ng.octets, 164, 65), 1,
        "x: octet 164: found a packet of 65 captured octets; its block has room for 64"},
-      {"option of an interface", with32(ng.octets, 256, 9 | 17 << 16), 2,
-       "x: octet 258: found an option of 17 octets; its block has room for 8"},
+      {"option of an interface", with32(ng.octets, 256, 9 | 9 << 16), 2,
+       "x: octet 258: found an option of 9 octets; its block has room for 8"},
       {"byte order of a section", with32(Octets(ng.octets).add(ng.octets), 280, 0x1a2b3c4e), 2,
        "x: octet 280: found byte-order magic 1a2b3c4e; 1a2b3c4d in either byte order is right"},
       {"version of a section", with32(Octets(ng.octets).add(ng.octets), 284, 2), 2,
