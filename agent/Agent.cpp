@@ -180,7 +180,7 @@ void Agent::startLocalCollectors() {
         [exporters](FlowTracking::TemplateId id, size_t recordLen, std::string_view records) {
           exporters->recordsIs(id, recordLen, records);
         },
-        [exporters] { exporters->flush(); }};
+        [exporters] { exporters->flush(); }, [exporters] { return exporters->queued(); }};
   });
 }
 

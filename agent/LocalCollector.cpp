@@ -15,6 +15,8 @@ using Ipfix::IpfixConst;
 constexpr TaskPriority afterTemplates = 3;  // the library's template tasks have 2
 /// How long records may gather into fuller messages.
 constexpr Seconds flushDelay{0.1};
+/// How soon it is looked again whether reading can go on.
+constexpr Seconds pause{0.01};
 /// How often templates are looked at for their age, and troubles told.
 constexpr Seconds tick{10};
 constexpr uint32_t holdIntervals = 3;  // RFC 7011, 8.1: a collector may have missed two
@@ -103,6 +105,8 @@ LocalCollector::LocalCollector(std::string trackerName, Ptr<FtConfig> config,
                                             [this] { decoder_.settle(); })),
       flushTask_(host.scheduler->timerTask("localCollectorFlush-" + trackerName_, afterTemplates,
                                            [this] { sink_.flush(); })),
+      reviewTask_(host.scheduler->timerTask("localCollectorReview-" + trackerName_, afterTemplates,
+                                            [this] { review(); })),
       tickTask_(host.scheduler->timerTask("localCollectorTick-" + trackerName_, afterTemplates,
                                           [this] { handleTick(); })),
       pamsWatcher_(std::make_unique<PamsWatcher>(*this)),
@@ -162,10 +166,26 @@ void LocalCollector::handlePam() {
     lost_ += heard_->counters().rxDropped;
   }
   heard_ = pam;
-  if (!heard_) return;
+  if (heard_) hear();
+}
+
+void LocalCollector::hear() {
   heard_->rxPktHandlerIs([this](std::string_view datagram, const IpGenAddr& from, uint16_t port) {
     handleDatagram(datagram, from, port);
   });
+}
+
+/// Reads on, or not for the moment. Not from inside the handler: that would lose what was read
+/// together with the datagram it was given.
+void LocalCollector::review() {
+  const bool full = sink_.queued() > queuedMax / 2;
+  if (full) reviewTask_->scheduleIs(pause);
+  if (!heard_) return;
+  if (full) {
+    heard_->rxPktHandlerIs(nullptr);
+  } else {
+    hear();
+  }
 }
 
 void LocalCollector::handlePlace() {
@@ -187,6 +207,7 @@ void LocalCollector::handleDatagram(std::string_view datagram, const IpGenAddr& 
   }
   decoder_.decode(datagram, from, port);
   flushTask_->scheduleLowestIs(flushDelay);
+  if (sink_.queued() > queuedMax) reviewTask_->scheduleLowestIs(Seconds(0));
 }
 
 /// A collector whose address and port are the local collector's own: what it is sent would be sent

@@ -23,6 +23,8 @@ struct LocalCollectorSink {
       records;
   /// What has gathered shall leave.
   std::function<void()> flush;
+  /// Datagrams that wait to leave, in the fullest endpoint.
+  std::function<uint64_t()> queued;
 };
 
 struct LocalCollectorHost {
@@ -35,9 +37,13 @@ struct LocalCollectorHost {
 
 /// The local collector of one tracker of type hardware: hears what devices send to the address of
 /// one of the tracker's exporters, publishes their templates as the tracker's, and hands their
-/// records on. What it has to refuse is counted, and told to the operator now and then.
+/// records on. What it has to refuse is counted, and told to the operator now and then. While more
+/// waits to leave than `queuedMax` it does not read: what devices send then waits in the kernel's
+/// buffer, and is lost and counted there when that is full.
 class LocalCollector {
  public:
+  static constexpr uint64_t queuedMax = 4096;  ///< datagrams; half a second at the usual pace
+
   LocalCollector(std::string trackerName, Ptr<HwFlowTracking::FtConfig> config,
                  Ptr<HwFlowTracking::FtStatus> status, const LocalCollectorHost& host,
                  LocalCollectorSink sink);
@@ -59,6 +65,8 @@ class LocalCollector {
   class ExporterWatcher;
 
   void handlePam();
+  void hear();
+  void review();
   void handlePlace();
   void handleExporters();
   void handleLimits();
@@ -86,6 +94,7 @@ class LocalCollector {
   const Ptr<FlowTracking::LocalCollectorPams> pams_;
   std::unique_ptr<TimerTask> settleTask_;
   std::unique_ptr<TimerTask> flushTask_;
+  std::unique_ptr<TimerTask> reviewTask_;
   std::unique_ptr<TimerTask> tickTask_;
   std::unique_ptr<PamsWatcher> pamsWatcher_;
   std::unique_ptr<PlaceWatcher> placeWatcher_;

@@ -31,7 +31,8 @@ struct UdpPamCounters {
   std::map<int, uint64_t> dropByErrno;
   uint64_t received = 0;        ///< datagrams that the receive handler was given
   uint64_t receivedOctets = 0;  ///< their UDP payload
-  uint64_t rxDropped = 0;       ///< that found no room in the receive buffer, handler or not
+  uint64_t rxDropped = 0;       ///< that found no room in the receive buffer, handler or not, or
+                                ///< were read with one whose handler took itself away
 };
 
 /// Takes one datagram that arrived: its payload, which is there during the call only, and who sent

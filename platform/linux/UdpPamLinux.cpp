@@ -567,7 +567,10 @@ bool UdpPamLinux::receiveSome() {
     // The handler may have been replaced, the socket closed, or the endpoint dropped: then the only
     // reference is the one that `handleEvents` holds.
     const auto handler = rxHandler_;
-    if (!handler || !socket_ || opening_ != opening || refs() == 1) return false;
+    if (!handler || !socket_ || opening_ != opening || refs() == 1) {
+      counters_.rxDropped += static_cast<uint64_t>(n - i);
+      return false;
+    }
     const auto at = static_cast<size_t>(i);
     const std::string_view octets(room.octets.get() + at * rxLen, room.msgs[at].msg_len);
     const Destination sender = senderOf(room.from[at]);

@@ -600,7 +600,7 @@ class CollectorTest : public testing::Test {
                                     passed.push_back(name + ' ' + std::to_string(id) + ' ' +
                                                      std::string(records.substr(0, len)));
                                 },
-                                [this] { flushed = passed.size(); }};
+                                [this] { flushed = passed.size(); }, [this] { return queued; }};
     });
   }
   void send(const std::string& datagram, IpAddr to = here, uint16_t port = 4739) {
@@ -632,6 +632,7 @@ class CollectorTest : public testing::Test {
   std::unique_ptr<LocalCollectors> all;
   std::vector<std::string> passed;
   size_t flushed = 0;
+  uint64_t queued = 0;
 };
 
 TEST_F(CollectorTest, PublishesTemplatesAndPassesRecordsOn) {
@@ -700,6 +701,36 @@ TEST_F(CollectorTest, DoesNotFeedOnItsOwnExport) {
   exporter->rxPort4Is(static_cast<uint16_t>(device->rxPort() + 1));
   send(example, IpAddr(0x0a000063));
   EXPECT_EQ(n().messages, 1u);
+}
+
+TEST_F(CollectorTest, ReadsNoFasterThanRecordsLeave) {
+  follow();
+  queued = LocalCollector::queuedMax;
+  send(example);
+  sim->advance(Seconds(1));
+  send(example);
+  EXPECT_EQ(n().messages, 2u);
+  ++queued;
+  send(example);  // enough for now
+  EXPECT_EQ(n().messages, 3u);
+  for (int i = 0; i < 5; ++i) send(example);
+  sim->advance(Seconds(1));
+  EXPECT_EQ(n().messages, 3u);
+  queued = LocalCollector::queuedMax / 2;
+  sim->advance(Seconds(0.01));
+  EXPECT_EQ(n().messages, 8u) << "what waited is read";
+  // An endpoint that comes meanwhile does not hear earlier either.
+  queued = LocalCollector::queuedMax + 1;
+  send(example);
+  exporter->srcIpAddrIs({});
+  sim->advance(Seconds(1));
+  exporter->srcIpAddrIs(here);
+  sim->advance(Seconds(0.01));
+  send(example);
+  EXPECT_EQ(n().messages, 9u);
+  queued = 0;
+  sim->advance(Seconds(0.01));
+  EXPECT_EQ(n().messages, 10u);
 }
 
 TEST_F(CollectorTest, TellsTroublesOnceForAll) {
