@@ -1,10 +1,12 @@
 """The software flow path: known traffic over a veth pair, and from a file; what an independent
 collector stored is compared flow by flow with what was sent."""
 
+import datetime
 import json
 import pathlib
+import signal
 import subprocess
-import sys
+import time
 
 import pytest
 
@@ -83,7 +85,6 @@ def stored(directory):
 
 def millis(text):
     date, part = text.rsplit(".", 1)
-    import datetime
     moment = datetime.datetime.strptime(date, "%Y-%m-%dT%H:%M:%S")
     return int(moment.replace(tzinfo=datetime.timezone.utc).timestamp()) * 1000 + int(part[:3])
 
@@ -194,9 +195,12 @@ def test_sampling(house):
     run("/usr/bin/python3", SEND, "src0", "burst", count, ns="tt-src")
     wait_for("the flow is over", lambda: flows()["edge"]["endedIdle"] == 1, 10)
     edge = flows()["edge"]
-    # Each packet is taken with 1 in 64 by itself: three standard deviations of that.
+    # Each packet is taken with 1 in 64 by itself. Three standard deviations would fail one run in
+    # 370 of a right sampler; five fail for faults only.
     deviation = (count * (1 / rate) * (1 - 1 / rate)) ** 0.5
-    assert abs(edge["packetsSeen"] - count / rate) < 3 * deviation, edge
+    off = (edge["packetsSeen"] - count / rate) / deviation
+    print(f"{edge['packetsSeen']} of {count} packets: {off:.2f} standard deviations off")
+    assert abs(off) < 5, edge
     assert edge["packets"] + edge["kernelDrops"] == edge["packetsSeen"]
     wire.wait_until("the record is sent", lambda ms: any(m.sets[0][0] == 256 for m in ms))
     assert agent.stop() == 0
@@ -210,7 +214,6 @@ def test_sampling(house):
 
 def test_overload(house):
     """The agent stands still while more comes than its ring holds: what it did not see is counted."""
-    import signal
     lab = house
     agent = Agent(lab, settings({"one": FAR["more4"]}))
     agent.program.wait_log("tracking flows on in0")
@@ -249,7 +252,6 @@ def test_interfaces_and_collectors_come_and_go(house):
     wait_for("10 packets", lambda: flows()["edge"]["packets"] >= 10, 5)
     run("/usr/bin/python3", SEND, "src1", "burst", 20, ns="tt-src")
     wait_for("30 packets", lambda: flows()["edge"]["packets"] >= 30, 5)
-    import time
     time.sleep(2.5)  # the flows are over, and nobody can be told
     assert flows()["edge"]["endedIdle"] == 0
     assert not [m for m in wire.messages() if m.sets[0][0] in (256, 257)]
@@ -265,8 +267,4 @@ def test_interfaces_and_collectors_come_and_go(house):
     records = [r for m in tshark(wire.file, ports=(9995,)) for id, r in m.records if id == 256]
     burst = [r for r in records if r.get("cflow.srcport") == "7"]
     assert sorted(int(r["cflow.packets"]) for r in burst) == [10, 20], records
-    assert edge_is_clean(flows), "a stopped agent leaves no counters"
-
-
-def edge_is_clean(read):
-    return read() == {}
+    assert flows() == {}, "a stopped agent leaves no counters"
