@@ -130,8 +130,8 @@ class Story:
                 index = link["ifindex"] if not ns else self.index[name]
                 found[INTERFACE, index] = (name,)
         found.update({(VRF, i): (n,) for i, n in self.vrfs.items()})
-        # The first eight fields of either flow template are its keys.
-        found.update({(FLOW_KEY, t): (0xFF,) for t in (256, 257)})
+        # The first nine fields of either flow template are its keys.
+        found.update({(FLOW_KEY, t): (0x1FF,) for t in (256, 257)})
         found[TRACKER, domain] = self.tracker[domain]
         return found
 
