@@ -135,6 +135,14 @@ CollectorSetStatisticsEntry CollectorStatisticsEntry::setEntry(SetId id) const {
 void CollectorStatisticsEntry::setEntryIs(const CollectorSetStatisticsEntry& e) {
   setEntryStorageIs(maybeNewIndexForSetId(SetId(e.setId)), e);
 }
+void CollectorStatisticsEntry::setEntryInc(SetId id, uint64_t records, uint64_t templates) {
+  if (!hasRoomFor(id)) return;
+  CollectorSetStatisticsEntry set = setEntry(id);
+  set.setId = id.value();
+  set.exportedFlowRecordCount += records;
+  set.exportedTemplateCount += templates;
+  setEntryIs(set);
+}
 CollectorSetStatisticsEntry CollectorStatisticsEntry::setEntryDel(SetId id) {
   const uint8_t i = indexForSetId(id);
   if (i == SetIndex::none) return {};

@@ -203,6 +203,8 @@ class TARN_API CollectorStatisticsEntry {
   /// The id's counters, or an all-zero entry.
   CollectorSetStatisticsEntry setEntry(SetId id) const;
   void setEntryIs(const CollectorSetStatisticsEntry& e);
+  /// Adds to the id's counters. When 20 other ids have the slots, the totals alone know of it.
+  void setEntryInc(SetId id, uint64_t records, uint64_t templates);
   /// Removes and returns them; an all-zero entry when there were none.
   CollectorSetStatisticsEntry setEntryDel(SetId id);
   const CollectorSetStatisticsEntry& setEntryStorage(SetIndex i) const {

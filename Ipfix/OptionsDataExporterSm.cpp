@@ -69,12 +69,7 @@ void Collector::updateStats(const MessageWrapper& msgWrap) {
   entry.lastSentTimeIs(now);
   entry.lastOptionsDataSentTimeIs(now);
   msgWrap.setRecord.each([&](const SetRecord& record) {
-    const Tarn::Ipfix::SetId id(record.setId);
-    if (!entry.hasRoomFor(id)) return;  // twenty others are counted: this one is in the totals
-    auto set = entry.setEntry(id);
-    set.setId = id.value();
-    set.exportedFlowRecordCount += record.count;
-    entry.setEntryIs(set);
+    entry.setEntryInc(Tarn::Ipfix::SetId(record.setId), record.count, 0);
   });
   collStats->statsIs(entry);
 }

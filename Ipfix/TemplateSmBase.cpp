@@ -362,13 +362,7 @@ void TemplateExporterSmBase::updateStats(const Tarn::Ipfix::CollectorInfo& colle
   entry.exportedOctetTotalCountInc(templatePktMsgLen_);
   entry.lastSentTimeIs(now);
   entry.lastTemplateSentTimeIs(now);
-  const Tarn::Ipfix::SetId id(headerSetId());
-  if (entry.hasRoomFor(id)) {
-    auto set = entry.setEntry(id);
-    set.setId = id.value();
-    set.exportedTemplateCount += templatePktTemplateCount_;
-    entry.setEntryIs(set);
-  }
+  entry.setEntryInc(Tarn::Ipfix::SetId(headerSetId()), 0, templatePktTemplateCount_);
   collStats_->statsIs(entry);
 }
 

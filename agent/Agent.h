@@ -25,8 +25,8 @@ namespace agent {
 struct AgentOptions {
   std::string configFile;  ///< empty: the embedded default
   std::string netnsDir = "/run/netns";
-  std::string readFile =
-      {};  ///< a capture whose packets the software trackers see; empty: interfaces'
+  /// A capture whose packets the software trackers see; empty: they see the interfaces'.
+  std::string readFile = {};
 };
 
 /// The running agent: the platform, the networks, the entities, and the library's root reactors.

@@ -142,13 +142,7 @@ void FlowExport::count(const Route& to, const Tarn::Ipfix::CollectorInfo& collec
   const double now = Platform::current().clock().now();
   entry.lastSentTimeIs(now);
   entry.lastDataRecordSentTimeIs(now);
-  const Tarn::Ipfix::SetId setId(id);
-  if (entry.hasRoomFor(setId)) {  // else twenty others are counted: this one is in the totals
-    auto set = entry.setEntry(setId);
-    set.setId = id;
-    set.exportedFlowRecordCount += message.recordCount();
-    entry.setEntryIs(set);
-  }
+  entry.setEntryInc(Tarn::Ipfix::SetId(id), message.recordCount(), 0);
   tree_.statistics->statsIs(entry);
 }
 

@@ -25,10 +25,7 @@ void FileMeter::run() {
     }
     if (orders_.sampleRate > 1) {
       random = random * 6364136223846793005 + 1442695040888963407;
-      if ((random >> 32) % orders_.sampleRate != 0) {
-        ++counters_.skipped;
-        continue;
-      }
+      if ((random >> 32) % orders_.sampleRate != 0) continue;
     }
     packetIs(packet, packet.interface);
   }

@@ -29,8 +29,7 @@ struct MeterCounters {
   uint64_t drops = 0;  ///< of them, those that the kernel had no room for
   std::array<uint64_t, parseErrors> errors{};
   size_t active = 0;
-  int filterError = 0;   ///< errno: what chooses the packets was refused, and is tried again
-  uint64_t skipped = 0;  ///< of a file: left out by sampling
+  int filterError = 0;  ///< errno: what chooses the packets was refused, and is tried again
 };
 
 /// Turns packets into flows and flows into records, on a thread of its own. The agent's thread

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <random>
+#include <system_error>
 #include <thread>
 
 #include "agent/FlowTemplates.h"
@@ -245,7 +246,10 @@ void FlowPath::handleTick() {
     review();
     drainTask_->scheduleLowestIs(Seconds(0));
   }
-  if (ticks_++ % ticksPerTelling == 0) tellCounters();
+  if (ticks_++ % ticksPerTelling == 0) {
+    tellCounters();
+    tellFilterErrors();
+  }
   if (file_ && file_->done() && fileDone_) {
     if (hold_ || drain(*file_)) {
       drainTask_->scheduleLowestIs(Seconds(0));
@@ -300,6 +304,17 @@ void FlowPath::tellCounters() {
   if (!host_.counters) return;
   const auto r = record();
   host_.counters->put(std::as_bytes(std::span(&r.key, 1)), std::as_bytes(std::span(&r, 1)));
+}
+void FlowPath::tellFilterErrors() {
+  for (auto& [vrf, source] : sources_) {
+    const int now = source.meter ? source.meter->counters().filterError : 0;
+    if (now != 0 && now != source.filterError)
+      host_.log.warning("tracker " + printable(tracker_) + ", VRF " + printable(vrf.stringValue()) +
+                        ": the kernel refuses the new choice of interfaces and sampling, the one "
+                        "before holds, trying again: " +
+                        std::generic_category().message(now));
+    source.filterError = now;
+  }
 }
 std::string FlowPath::summary() const {
   const auto r = record();

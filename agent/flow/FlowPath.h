@@ -58,6 +58,7 @@ class FlowPath {
     std::unique_ptr<EventLoop::FdWatch> watch;
     std::unique_ptr<Watch> network;
     std::string problem;  // why there is no meter, as it was told
+    int filterError = 0;  // of the meter, as it was told
   };
   class ListWatch;
 
@@ -73,6 +74,7 @@ class FlowPath {
   void handleTick();
   FlowTracking::FlowPathRecord record() const;
   void tellCounters();
+  void tellFilterErrors();
   void addCounters(const FlowMeter& meter, FlowTracking::FlowPathRecord& to) const;
 
   std::string tracker_;
