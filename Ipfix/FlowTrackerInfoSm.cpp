@@ -108,6 +108,10 @@ class ExporterInfoSm::HwExpConfigSm final : public HwFlowTracking::ExporterConfi
     sm_.handlePam4Management();
     sm_.handlePam6Management();
   }
+  void handleRateLimit() override {
+    for (const auto& pam : {sm_.expInfo_->udpPam4(), sm_.expInfo_->udpPam6()})
+      if (pam) pam->txRateLimitIs(entity()->rateLimit());
+  }
 
  private:
   ExporterInfoSm& sm_;
@@ -213,6 +217,7 @@ Ptr<UdpPam> ExporterInfoSm::openPam_p(const char* prefix, bool ipv6) {
     if (!ns.empty()) pam->netNsIs(ns);
     pam->ipv6EnIs(ipv6);
     pam->txPrioIs(trafficControlPrio);
+    pam->txRateLimitIs(hwExpConfig_->rateLimit());
     pam->modeIs(UdpPam::inService);
     trace(TraceLevel::event, "ExporterInfoSm::", "Created Pam:", pam->name(),
           ", txPrio:", int{pam->txPrio()}, ", fd:", pam->fd());

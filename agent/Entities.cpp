@@ -200,13 +200,15 @@ void Entities::changeExporter(Exporter& exporter, const ExporterSettings& wanted
                               Changes& changes) {
   ExporterSettings& now = exporter.settings;
   const auto own = [](const ExporterSettings& e) {
-    return std::tie(e.vrf, e.localInterface, e.dscp, e.mtu, e.templateInterval);
+    return std::tie(e.vrf, e.localInterface, e.dscp, e.mtu, e.templateInterval, e.rateLimit.unit,
+                    e.rateLimit.perSecond);
   };
   if (own(now) != own(wanted)) ++changes.exporters.changed;
   ExporterConfig& config = *exporter.config;
   // What marks and bounds packets comes before what makes them leave.
   config.dscpIs(wanted.dscp);
   config.ipfixMtuIs(wanted.mtu);
+  config.rateLimitIs(wanted.rateLimit);
   if (now.vrf != wanted.vrf || now.localInterface != wanted.localInterface)
     exporter.side->placeIs(wanted.vrf, wanted.localInterface);
   for (const std::string& name : changedInOrder(now.collectors, wanted.collectors)) {
@@ -293,6 +295,7 @@ void Entities::addExporters(const std::string& trackerName, Tracker& tracker,
     exporter.config = HwFlowTracking::exporterConfigFactory(name);
     exporter.config->dscpIs(e.dscp);
     exporter.config->ipfixMtuIs(e.mtu);
+    exporter.config->rateLimitIs(e.rateLimit);
     exporter.config->templateIntervalIs(ms(e.templateInterval));
     for (const auto& [collectorName, c] : e.collectors)
       setCollector(*exporter.config, collectorName, c);

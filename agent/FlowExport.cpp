@@ -51,7 +51,9 @@ void FlowExport::recordsIs(TemplateId id, size_t recordLen, std::string_view rec
   for (const auto& [name, config] : tracker->expConfig()) {
     Route to;
     if (route(config, to)) {
-      pack(exporters_[name], *tracker, to, id, recordLen, records);
+      Exporter& exporter = exporters_[name];
+      pack(exporter, *tracker, to, id, recordLen, records);
+      send(exporter, to);
     } else {
       counters_.recordsLost += records.size() / recordLen;
     }
@@ -83,7 +85,7 @@ void FlowExport::finish(Exporter& exporter, const Route& to, TemplateId id) {
   const auto& builder = exporter.builders[id];
   if (!builder || builder->recordCount() == 0) return;
   exporter.held.push_back({id, builder->finalizeMsg()});
-  send(exporter, to);
+  if (exporter.held.size() >= batch) send(exporter, to);
 }
 
 void FlowExport::flush() {
@@ -98,51 +100,52 @@ void FlowExport::flush() {
   }
 }
 
+/// Each collector gets all that is held before the next one does: messages of one length to one
+/// place are cheapest behind each other, and are counted at one go.
 void FlowExport::send(Exporter& exporter, const Route& to) {
+  if (exporter.held.empty()) return;
   // Templates that changed in this task are told in the next: records wait behind them.
-  if (!to.templates->current() && exporter.held.size() <= heldMax) return;
-  while (!exporter.held.empty()) {
-    const auto next = std::move(exporter.held.front());
-    exporter.held.pop_front();
-    sendOne(to, next.id, *next.message);
-  }
-}
-
-void FlowExport::sendOne(const Route& to, TemplateId id, Message& message) {
+  const bool current = to.templates->current();
+  if (!current && exporter.held.size() <= heldMax) return;
+  const auto held = std::exchange(exporter.held, {});
   bool any = false;
   const DscpValue dscp = to.config->dscp();
-  if (to.templates->current()) {
+  if (current) {
     to.eachReady([&](FlowTracking::CollectorInfo& collector, const auto& dst) {
       any = true;
-      const uint32_t seq = collector.ipfixMsgSeqNo().value();
-      collector.ipfixMsgSeqNoInc(message.recordCount());
-      const Ptr<Pkt> packet = message.pkt(seq);
       using Dst = std::decay_t<decltype(dst)>;
-      if constexpr (std::is_same_v<Dst, IpAndPort>) {
-        FlowTracking::sendPkt4(packet, to.info->udpPam4(), to.config->srcIpAddr(), dst, dscp);
-        count(to, Tarn::Ipfix::CollectorInfo::fromIpAndPort(dst), id, message);
-      } else {
-        FlowTracking::sendPkt6(packet, to.info->udpPam6(), to.config->srcIp6Addr(), dst, dscp);
-        count(to, Tarn::Ipfix::CollectorInfo::fromIp6AndPort(dst), id, message);
+      for (const auto& [id, message] : held) {
+        const uint32_t seq = collector.ipfixMsgSeqNo().value();
+        collector.ipfixMsgSeqNoInc(message->recordCount());
+        const Ptr<Pkt> packet = message->pkt(seq);
+        if constexpr (std::is_same_v<Dst, IpAndPort>) {
+          FlowTracking::sendPkt4(packet, to.info->udpPam4(), to.config->srcIpAddr(), dst, dscp);
+        } else {
+          FlowTracking::sendPkt6(packet, to.info->udpPam6(), to.config->srcIp6Addr(), dst, dscp);
+        }
       }
+      count(to, Tarn::Ipfix::CollectorInfo(dst.addr, dst.port), held);
     });
   }
-  if (!any) counters_.recordsLost += message.recordCount();
+  if (any) return;
+  for (const auto& [id, message] : held) counters_.recordsLost += message->recordCount();
 }
 
-void FlowExport::count(const Route& to, const Tarn::Ipfix::CollectorInfo& collector, TemplateId id,
-                       const Message& message) {
-  ++counters_.messages;
-  counters_.records += message.recordCount();
+void FlowExport::count(const Route& to, const Tarn::Ipfix::CollectorInfo& collector,
+                       const std::vector<Held>& sent) {
   const CollectorStatisticsKey key(trackerName_, to.config->name(), collector);
   auto entry = tree_.statistics->stats(key).value_or(CollectorStatisticsEntry(key));
-  entry.exportedMessageTotalCountInc(1);
-  entry.exportedFlowRecordTotalCountInc(message.recordCount());
-  entry.exportedOctetTotalCountInc(message.len());
+  for (const auto& [id, message] : sent) {
+    ++counters_.messages;
+    counters_.records += message->recordCount();
+    entry.exportedMessageTotalCountInc(1);
+    entry.exportedFlowRecordTotalCountInc(message->recordCount());
+    entry.exportedOctetTotalCountInc(message->len());
+    entry.setEntryInc(Tarn::Ipfix::SetId(id), message->recordCount(), 0);
+  }
   const double now = Platform::current().clock().now();
   entry.lastSentTimeIs(now);
   entry.lastDataRecordSentTimeIs(now);
-  entry.setEntryInc(Tarn::Ipfix::SetId(id), message.recordCount(), 0);
   tree_.statistics->statsIs(entry);
 }
 

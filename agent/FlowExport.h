@@ -1,9 +1,9 @@
 #pragma once
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Ipfix/CollectorStats.h"
 #include "Ipfix/FlowTrackerInfoSm.h"
@@ -43,7 +43,7 @@ class FlowExport {
   FlowExport& operator=(const FlowExport&) = delete;
 
   /// Takes records of `recordLen` octets each, in the layout of data template `id`. Messages that
-  /// they fill leave at once. A record that does not fit a message is lost and counted.
+  /// they fill leave before it returns. A record that does not fit a message is lost and counted.
   void recordsIs(FlowTracking::TemplateId id, size_t recordLen, std::string_view records);
   void recordIs(FlowTracking::TemplateId id, std::string_view record) {
     recordsIs(id, record.size(), record);
@@ -59,14 +59,16 @@ class FlowExport {
  private:
   /// Messages that may wait for the templates of an exporter to be told, which takes one task.
   static constexpr size_t heldMax = 256;
+  /// Messages that gather before they are sent.
+  static constexpr size_t batch = 64;
 
+  struct Held {
+    FlowTracking::TemplateId id;
+    Ptr<FlowTracking::Message> message;
+  };
   struct Exporter {
     std::map<FlowTracking::TemplateId, Ptr<FlowTracking::MessageBuilder>> builders;
-    struct Held {
-      FlowTracking::TemplateId id;
-      Ptr<FlowTracking::Message> message;
-    };
-    std::deque<Held> held;
+    std::vector<Held> held;
   };
   struct Route;
 
@@ -79,9 +81,8 @@ class FlowExport {
             FlowTracking::TemplateId id, size_t recordLen, std::string_view records);
   void finish(Exporter& exporter, const Route& to, FlowTracking::TemplateId id);
   void send(Exporter& exporter, const Route& to);
-  void sendOne(const Route& to, FlowTracking::TemplateId id, FlowTracking::Message& message);
   void count(const Route& to, const Tarn::Ipfix::CollectorInfo& collector,
-             FlowTracking::TemplateId id, const FlowTracking::Message& message);
+             const std::vector<Held>& sent);
   void forgetGone(const HwFlowTracking::FtConfig& tracker);
 
   std::string trackerName_;

@@ -8,6 +8,7 @@
 
 #include "platform/FlowTracking.h"
 #include "platform/Ip.h"
+#include "platform/UdpPam.h"
 #include "platform/Values.h"
 
 namespace agent {
@@ -27,6 +28,7 @@ struct ExporterSettings {
   DscpValue dscp;
   uint32_t mtu = 1500;  ///< octets of the largest IP packet
   std::chrono::milliseconds templateInterval{60000};
+  RateLimit rateLimit;  ///< of each family's endpoint
   std::map<std::string, CollectorSettings> collectors;
   bool operator==(const ExporterSettings&) const = default;
 };

@@ -480,6 +480,14 @@ void readExporters(Section& tracker, TrackerSettings& out) {
         s.optional<uint32_t>("mtu", e.mtu, integer<uint32_t>("an mtu, in octets,", mtuMin, mtuMax));
         s.optional<milliseconds>("template-interval", e.templateInterval,
                                  duration("a template interval", second, 65535 * second));
+        s.optional<RateLimit>("rate-limit", e.rateLimit, [](const toml::node& node, RateLimit& v) {
+          const auto* value = node.as_string();
+          const auto limit = value ? RateLimit::fromString(value->get()) : std::nullopt;
+          if (limit) v = *limit;
+          return limit ? std::string()
+                       : "a rate limit is \"default\", \"none\" or a number with a unit: "
+                         "\"100 Mbit/s\", \"12 MB/s\", \"8000 messages/s\"";
+        });
         readCollectors(s, e);
         out.exporters.emplace(name, std::move(e));
       });

@@ -10,6 +10,7 @@ AttrRows ExporterConfig::attrRows() const {
       row<&E::dscp, &E::dscpIs>("dscp"),
       row<&E::ipfixMtu, &E::ipfixMtuIs>("ipfixMtu"),
       row<&E::templateInterval, &E::templateIntervalIs>("templateInterval"),
+      row<&E::rateLimit, &E::rateLimitIs>("rateLimit"),
       row<&E::srcIpAddr, &E::srcIpAddrIs>("srcIpAddr"),
       row<&E::srcIp6Addr, &E::srcIp6AddrIs>("srcIp6Addr"),
       mapRow<&E::collectorIpAndPort>("collectorIpAndPort"),

@@ -6,6 +6,7 @@
 #include "platform/Ip.h"
 #include "platform/IpfixTypes.h"
 #include "platform/TaskScheduler.h"
+#include "platform/UdpPam.h"
 #include "platform/Values.h"
 
 /// Configuration and status of flow tracking, as the host publishes them and the library reads
@@ -23,6 +24,7 @@ class TARN_API ExporterConfig final : public Entity {
     virtual void handleDscp() {}
     virtual void handleIpfixMtu() {}
     virtual void handleTemplateInterval() {}
+    virtual void handleRateLimit() {}
     virtual void handleSrcIpAddr() {}
     virtual void handleSrcIp6Addr() {}
     virtual void handleCollectorIpAndPort(const std::string& /*collectorName*/) {}
@@ -49,6 +51,9 @@ class TARN_API ExporterConfig final : public Entity {
   void templateIntervalIs(uint32_t ms) {
     set(templateInterval_, ms, &Watcher::handleTemplateInterval);
   }
+  /// How fast each of the two endpoints may send.
+  const RateLimit& rateLimit() const { return rateLimit_; }
+  void rateLimitIs(const RateLimit& v) { set(rateLimit_, v, &Watcher::handleRateLimit); }
   /// What the exporter's local interface resolves to; zero while it does not.
   IpAddr srcIpAddr() const { return srcIpAddr_; }
   void srcIpAddrIs(IpAddr v) { set(srcIpAddr_, v, &Watcher::handleSrcIpAddr); }
@@ -90,6 +95,7 @@ class TARN_API ExporterConfig final : public Entity {
   DscpValue dscp_;
   uint32_t ipfixMtu_ = 1500;
   uint32_t templateInterval_ = 60000;
+  RateLimit rateLimit_;
   IpAddr srcIpAddr_;
   Ip6Addr srcIp6Addr_;
   std::map<std::string, IpAndPort> collector4_;

@@ -21,6 +21,7 @@ class TARN_API ErrnoException : public std::system_error {
 struct UdpPamCounters {
   uint64_t sent = 0;        ///< datagrams that the kernel took
   uint64_t sentOctets = 0;  ///< their UDP payload
+  uint64_t sends = 0;       ///< what they went in: one send takes a run of datagrams of one length
   uint64_t dropped = 0;     ///< datagrams that it refused or that found no room
   uint64_t queued = 0;      ///< waiting for room or their turn now
   uint64_t queuedMax = 0;   ///< the most that ever waited
@@ -33,6 +34,18 @@ struct UdpPamCounters {
   uint64_t receivedOctets = 0;  ///< their UDP payload
   uint64_t rxDropped = 0;       ///< that found no room in the receive buffer, handler or not, or
                                 ///< were read with one whose handler took itself away
+};
+
+/// How fast an endpoint sends at most. What is beyond waits in its queue.
+struct TARN_API RateLimit {
+  enum class Unit : uint8_t { hostsChoice, none, octets, messages };
+  Unit unit = Unit::hostsChoice;
+  uint64_t perSecond = 0;  ///< octets of UDP payload, or datagrams; 1 to 10^12
+  /// "default", "none", "125000 octets/s", "8000 messages/s".
+  std::string stringValue() const;
+  /// Reads those, and "1 Mbit/s", "12.5 MB/s", "8k messages/s": k, M and G are powers of 1000.
+  static std::optional<RateLimit> fromString(std::string_view text);
+  bool operator==(const RateLimit&) const = default;
 };
 
 /// Takes one datagram that arrived: its payload, which is there during the call only, and who sent
@@ -83,6 +96,9 @@ class TARN_API UdpPam : public Entity {
   virtual void txDstIp6AddrIs(const Ip6Addr& addr) = 0;
   virtual void txPortIs(uint16_t port) = 0;
   virtual void txTosIs(uint8_t tos) = 0;  ///< IPv4 TOS or IPv6 traffic class
+
+  /// Takes effect with the next datagram that leaves. A host that does not pace ignores it.
+  virtual void txRateLimitIs(const RateLimit& /*limit*/) {}
 
   /// Takes the datagram over with the addressing of this moment and returns at once: copies the
   /// first `restampLen` octets and shares the rest, which must not change any more. It leaves in

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
+#include <netinet/udp.h>
 #include <string.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -14,15 +15,20 @@
 #include <deque>
 #include <limits>
 #include <memory>
+#include <optional>
 
 #include "platform/Assert.h"
 #include "platform/linux/Fd.h"
 #include "platform/linux/Netns.h"
+#include "platform/linux/Pacer.h"
 
 namespace platform {
 namespace {
 
-constexpr size_t batchMax = 64;    // datagrams per system call, and held back before one is made
+constexpr size_t batchMax = 128;    // datagrams per system call, and held back before one is made
+constexpr size_t segmentsMax = 64;  // per segmented send: UDP_MAX_SEGMENTS of the kernel
+constexpr size_t segmentedLenMax = 65535 - 60 - 8;  // octets of it: one IP packet to the stack
+constexpr unsigned unsegmentedMin = 1024;  // datagrams until a refused segmentation is tried again
 constexpr size_t flushMax = 1024;  // datagrams per task or handler once the socket has been full
 constexpr size_t failingMax = 256;
 constexpr size_t rxBatch = 16;            // datagrams per system call
@@ -56,17 +62,25 @@ struct Datagram {
   Destination dst;
 };
 
-/// What sendmmsg is told of one datagram.
+/// What sendmmsg is told of one send: a datagram, or a run of them that the kernel, or the device,
+/// cuts into segments of the first one's length.
 struct TxSlot {
-  void fill(const Datagram& d, mmsghdr& out);
+  void address(const Datagram& d, size_t segments, msghdr& hdr);
 
   union {
     sockaddr_in v4;
     sockaddr_in6 v6;
   } to;
-  std::array<iovec, 2> iov;
-  alignas(
-      cmsghdr) std::array<char, CMSG_SPACE(sizeof(in6_pktinfo)) + CMSG_SPACE(sizeof(int))> control;
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(in6_pktinfo)) + CMSG_SPACE(sizeof(int)) +
+                                        CMSG_SPACE(sizeof(uint16_t))> control;
+  size_t segments;
+};
+
+/// Everything that one system call takes.
+struct TxRoom {
+  std::array<mmsghdr, batchMax> msgs;
+  std::array<TxSlot, batchMax> slots;
+  std::array<iovec, 2 * batchMax> iov;
 };
 
 template <class T>
@@ -85,10 +99,10 @@ in6_addr octetsOf(const Ip6Addr& a) {
   return out;
 }
 
-void TxSlot::fill(const Datagram& d, mmsghdr& out) {
+void TxSlot::address(const Datagram& d, size_t runLen, msghdr& hdr) {
   memset(&to, 0, sizeof to);
   memset(control.data(), 0, control.size());
-  msghdr& hdr = out.msg_hdr;
+  segments = runLen;
   hdr = {};
   hdr.msg_name = &to;
   hdr.msg_control = control.data();
@@ -114,12 +128,7 @@ void TxSlot::fill(const Datagram& d, mmsghdr& out) {
       addControl(hdr, IPPROTO_IP, IP_PKTINFO, info);
     }
   }
-  const uint32_t headLen = std::min(d.len, UdpPam::restampLen);
-  TARN_ASSERT_AS(d.pkt->bytes() >= d.len, "a packet under transmission keeps its length");
-  iov[0] = {const_cast<uint8_t*>(d.head.data()), headLen};
-  iov[1] = {const_cast<uint8_t*>(d.pkt->data()) + headLen, d.len - headLen};
-  hdr.msg_iov = iov.data();
-  hdr.msg_iovlen = d.len > headLen ? 2 : 1;
+  if (runLen > 1) addControl(hdr, SOL_UDP, UDP_SEGMENT, static_cast<uint16_t>(d.len));
 }
 
 /// Where recvmmsg puts datagrams. Pages that no datagram reached cost nothing.
@@ -151,6 +160,27 @@ Destination senderOf(const sockaddr_storage& from) {
   return {IpAddr(ntohl(v4.sin_addr.s_addr)), ntohs(v4.sin_port)};
 }
 
+bool isLoopback(const IpGenAddr& a) {
+  return a.isIpv6() ? a.ip6Addr().isLoopback() : a.ipAddr().isLoopback();
+}
+
+Pace paceOf(unsigned burst, std::chrono::duration<double> interval) {
+  if (burst == 0) return {};
+  return {.perSecond = burst / interval.count(), .burst = double(burst)};
+}
+
+/// A limit that was asked for, in bursts that a collector's socket holds, as far as the scheduler's
+/// milliseconds allow.
+Pace paceOf(const RateLimit& limit) {
+  const bool octets = limit.unit == RateLimit::Unit::octets;
+  const auto rate = static_cast<double>(limit.perSecond);
+  const double few = octets ? 32 * 1400 : 32;
+  const double most = octets ? 1 << 20 : 1 << 10;
+  return {.perSecond = rate,
+          .burst = std::clamp(std::max(rate * 0.001, std::min(rate * 0.004, few)), 1.0, most),
+          .octets = octets};
+}
+
 class UdpPamLinux final : public UdpPam {
  public:
   UdpPamLinux(const std::string& name, Ptr<EventLoop> loop, TraceSink& trace,
@@ -160,8 +190,10 @@ class UdpPamLinux final : public UdpPam {
         trace_(trace),
         netnsDir_(options.netnsDir),
         queueMax_(std::max<size_t>(options.endpointQueueMax, 1)),
-        paceBurst_(options.paceBurst),
-        paceInterval_(options.paceInterval),
+        defaultPace_(paceOf(options.paceBurst, options.paceInterval)),
+        loopbackPace_(paceOf(options.paceBurst == 0 ? 0 : options.loopbackPaceBurst,
+                             options.loopbackPaceInterval)),
+        segmentsMax_(std::clamp<size_t>(options.segmentsMax, 1, segmentsMax)),
         rxBufferSize_(options.rxBufferSize),
         rest_(loop_->taskScheduler()->timerTask(name + "-tx", taskPriority, [this] { flush(); })) {}
   ~UdpPamLinux() override {
@@ -195,6 +227,7 @@ class UdpPamLinux final : public UdpPam {
   void txDstIp6AddrIs(const Ip6Addr& addr) override { dst6_ = addr; }
   void txPortIs(uint16_t port) override { txPort_ = port; }
   void txTosIs(uint8_t tos) override { tos_ = tos; }
+  void txRateLimitIs(const RateLimit& limit) override;
   void txPktIs(const Ptr<Pkt>& pkt) override;
   void rxPktHandlerIs(RxPktHandler handler) override;
 
@@ -202,12 +235,12 @@ class UdpPamLinux final : public UdpPam {
   AttrRows attrRows() const override {
     using P = UdpPamLinux;
     static constexpr AttrRow rows[] = {
-        row<&P::name>("name"),           row<&P::fd>("fd"),
-        row<&P::rxPort>("rxPort"),       row<&P::txPrio>("txPrio"),
-        row<&P::sent>("sent"),           row<&P::sentOctets>("sentOctets"),
-        row<&P::dropped>("dropped"),     row<&P::queued>("queued"),
-        row<&P::queuedMax>("queuedMax"), row<&P::received>("received"),
-        row<&P::rxDropped>("rxDropped")};
+        row<&P::name>("name"),         row<&P::fd>("fd"),
+        row<&P::rxPort>("rxPort"),     row<&P::txPrio>("txPrio"),
+        row<&P::sent>("sent"),         row<&P::sentOctets>("sentOctets"),
+        row<&P::sends>("sends"),       row<&P::dropped>("dropped"),
+        row<&P::queued>("queued"),     row<&P::queuedMax>("queuedMax"),
+        row<&P::received>("received"), row<&P::rxDropped>("rxDropped")};
     return rows;
   }
 
@@ -219,6 +252,7 @@ class UdpPamLinux final : public UdpPam {
 
   uint64_t sent() const { return counters_.sent; }
   uint64_t sentOctets() const { return counters_.sentOctets; }
+  uint64_t sends() const { return counters_.sends; }
   uint64_t dropped() const { return counters_.dropped; }
   uint64_t queued() const { return counters_.queued; }
   uint64_t queuedMax() const { return counters_.queuedMax; }
@@ -243,7 +277,9 @@ class UdpPamLinux final : public UdpPam {
     ++counters_.dropped;
     ++counters_.dropByErrno[err];
   }
-  size_t paceLeft();
+  const Pace& paceTo(const Datagram& d) const;
+  size_t runAt(size_t first, size_t most) const;
+  size_t fill(TxRoom& room);
   void tosIs(uint8_t tos);
   void popFront();
   void taken(const Datagram& d);
@@ -254,8 +290,9 @@ class UdpPamLinux final : public UdpPam {
   TraceSink& trace_;
   const std::string netnsDir_;
   const size_t queueMax_;
-  const unsigned paceBurst_;  // 0: not paced
-  const std::chrono::nanoseconds paceInterval_;
+  const Pace defaultPace_;
+  const Pace loopbackPace_;
+  const size_t segmentsMax_;
   const int rxBufferSize_;
 
   NamespaceName netNs_;
@@ -272,8 +309,11 @@ class UdpPamLinux final : public UdpPam {
   uint8_t socketTos_ = 0;
   bool full_ = false;  // the socket has no room; EPOLLOUT is awaited
   bool closing_ = false;
-  std::chrono::steady_clock::time_point paceStart_;  // of the interval under way
-  size_t paceUsed_ = 0;                              // datagrams sent in it
+  std::optional<Pace> limit_;  // in place of the host's own choice
+  Pacer pacer_;
+  std::unique_ptr<TxRoom> txRoom_;  // made with the first send
+  // To these a segmented send was refused: datagrams that go one by one until the next try.
+  std::map<Destination, unsigned> unsegmented_;
 
   IpAddr src4_;
   Ip6Addr src6_;
@@ -386,6 +426,7 @@ void UdpPamLinux::close() {
   socket_.close();
   full_ = false;
   failing_.clear();
+  unsegmented_.clear();
   overflow_ = 0;
 }
 
@@ -416,6 +457,12 @@ void UdpPamLinux::txPktIs(const Ptr<Pkt>& pkt) {
   if (!queue_.empty()) flushAtEndOfTask();
 }
 
+void UdpPamLinux::txRateLimitIs(const RateLimit& limit) {
+  limit_.reset();
+  if (limit.unit != RateLimit::Unit::hostsChoice) limit_ = paceOf(limit);
+  if (!queue_.empty()) rest_->scheduleLowestIs(Seconds(0));  // a wait at the old pace may be long
+}
+
 void UdpPamLinux::flushAtEndOfTask() {
   if (hook_ || full_) return;
   hook_ = std::make_shared<UdpPamLinux*>(this);
@@ -440,25 +487,19 @@ void UdpPamLinux::flush() {
 /// used up, and the task does when there is more.
 bool UdpPamLinux::sendSome() {
   if (full_) return false;
-  std::array<mmsghdr, batchMax> msgs;
-  std::array<TxSlot, batchMax> slots;
-  const size_t most = std::min({queue_.size(), batchMax, paceLeft()});
-  if (most == 0) {
-    const auto wait = paceStart_ + paceInterval_ - std::chrono::steady_clock::now();
-    rest_->scheduleLowestIs(wait);
-    return false;
-  }
-  size_t n = 0;
-  if (!socketIpv6_) tosIs(queue_.front().tos);
-  for (; n < most && (socketIpv6_ || queue_[n].tos == socketTos_); ++n)
-    slots[n].fill(queue_[n], msgs[n]);
-  const int sent = ::sendmmsg(socket_.get(), msgs.data(), static_cast<unsigned>(n), MSG_NOSIGNAL);
+  if (!txRoom_) txRoom_ = std::make_unique<TxRoom>();
+  TxRoom& room = *txRoom_;
+  const size_t n = fill(room);
+  if (n == 0) return false;
+  const int sent =
+      ::sendmmsg(socket_.get(), room.msgs.data(), static_cast<unsigned>(n), MSG_NOSIGNAL);
   if (sent > 0) {
-    for (int i = 0; i < sent; ++i) {
-      taken(queue_.front());
-      popFront();
-    }
-    paceUsed_ += static_cast<size_t>(sent);
+    counters_.sends += static_cast<uint64_t>(sent);
+    for (int i = 0; i < sent; ++i)
+      for (size_t left = room.slots[static_cast<size_t>(i)].segments; left > 0; --left) {
+        taken(queue_.front());
+        popFront();
+      }
     return true;
   }
   const int err = errno;
@@ -468,20 +509,78 @@ bool UdpPamLinux::sendSome() {
     watchWhatMatters();
     return false;
   }
+  if (room.slots[0].segments > 1) {
+    // The kernel does not say what it disliked: a device that cannot, a path too narrow, a route
+    // that is gone. One by one, each datagram gets its own answer.
+    if (unsegmented_.size() >= failingMax) unsegmented_.clear();
+    unsegmented_[queue_.front().dst] = unsegmentedMin;
+    return true;
+  }
   const Datagram d = std::move(queue_.front());
   popFront();
   refused(d, err);
   return true;
 }
 
-/// Datagrams that may leave now. What is refused costs the collectors nothing and is not counted.
-size_t UdpPamLinux::paceLeft() {
-  if (paceBurst_ == 0 || closing_) return batchMax;
-  if (const auto now = std::chrono::steady_clock::now(); now - paceStart_ >= paceInterval_) {
-    paceStart_ = now;
-    paceUsed_ = 0;
+/// The pace towards a datagram's destination.
+const Pace& UdpPamLinux::paceTo(const Datagram& d) const {
+  if (limit_) return *limit_;
+  return isLoopback(d.dst.addr) || d.dst.addr == d.src ? loopbackPace_ : defaultPace_;
+}
+
+/// Prepares what may leave now, and says how many sends that is. 0: the task goes on later.
+size_t UdpPamLinux::fill(TxRoom& room) {
+  if (!socketIpv6_) tosIs(queue_.front().tos);
+  const Pace& pace = paceTo(queue_.front());
+  const bool paced = pace.perSecond > 0 && !closing_;
+  double credit = paced ? pacer_.credit(pace, Pacer::Clock::now()) : 1;
+  size_t most = 0;
+  for (; most < std::min(queue_.size(), batchMax) && credit > 0; ++most) {
+    const Datagram& d = queue_[most];
+    if (!socketIpv6_ && d.tos != socketTos_) break;
+    if (!paced) continue;
+    if (&paceTo(d) != &pace) break;
+    credit -= pace.octets ? d.len : 1;
   }
-  return paceBurst_ - std::min<size_t>(paceUsed_, paceBurst_);
+  if (most == 0) {
+    rest_->scheduleLowestIs(pacer_.wait(pace));
+    return 0;
+  }
+  size_t slots = 0;
+  iovec* iov = room.iov.data();
+  for (size_t at = 0; at < most; ++slots) {
+    const size_t end = at + runAt(at, most);
+    msghdr& hdr = room.msgs[slots].msg_hdr;
+    room.slots[slots].address(queue_[at], end - at, hdr);
+    hdr.msg_iov = iov;
+    for (; at < end; ++at) {
+      const Datagram& d = queue_[at];
+      TARN_ASSERT_AS(d.pkt->bytes() >= d.len, "a packet under transmission keeps its length");
+      const uint32_t headLen = std::min(d.len, restampLen);
+      *iov++ = {const_cast<uint8_t*>(d.head.data()), headLen};
+      if (d.len > headLen)
+        *iov++ = {const_cast<uint8_t*>(d.pkt->data()) + headLen, d.len - headLen};
+    }
+    hdr.msg_iovlen = static_cast<size_t>(iov - hdr.msg_iov);
+  }
+  return slots;
+}
+
+/// How many datagrams from place `first` on, and before `most`, one segmented send can take: all
+/// to the same place and of one length, but for the last, which may be shorter.
+size_t UdpPamLinux::runAt(size_t first, size_t most) const {
+  const Datagram& d = queue_[first];
+  if (d.len == 0 || (!unsegmented_.empty() && unsegmented_.contains(d.dst))) return 1;
+  const size_t fit = std::min({most - first, segmentsMax_, segmentedLenMax / d.len});
+  size_t n = 1;
+  for (; n < fit; ++n) {
+    const Datagram& next = queue_[first + n];
+    if (next.len > d.len || next.len == 0 || next.tos != d.tos || next.dst != d.dst ||
+        next.src != d.src)
+      break;
+    if (next.len < d.len) return n + 1;
+  }
+  return n;
 }
 
 /// The socket's IPv4 TOS. As a control message it would come with a priority that the kernel
@@ -508,6 +607,10 @@ void UdpPamLinux::popFront() {
 void UdpPamLinux::taken(const Datagram& d) {
   ++counters_.sent;
   counters_.sentOctets += d.len;
+  pacer_.spend(paceTo(d).octets ? d.len : 1);
+  if (!unsegmented_.empty())
+    if (const auto it = unsegmented_.find(d.dst); it != unsegmented_.end() && --it->second == 0)
+      unsegmented_.erase(it);
   if (failing_.empty()) return;
   auto to = failing_.find(d.dst);
   if (to == failing_.end()) return;

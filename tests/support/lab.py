@@ -124,8 +124,10 @@ class Lab:
         run("ip", "link", "add", end, "type", "veth", "peer", "name", peer, "netns", peer_ns, ns=ns)
         if not ns:
             self.links.append(end)
-        run("ip", "link", "set", end, "up", ns=ns)
-        run("ip", "link", "set", peer, "up", ns=peer_ns)
+        for device, where in ((end, ns), (peer, peer_ns)):
+            # As on a wire: a segmented send is cut before tcpdump sees it.
+            run("ethtool", "-K", device, "tx-udp-segmentation", "off", ns=where)
+            run("ip", "link", "set", device, "up", ns=where)
 
     def address(self, device, *prefixes, ns=None, verb="add"):
         """Adds or removes addresses; IPv6 ones are usable at once (no duplicate detection)."""

@@ -362,19 +362,31 @@ std::vector<Named> allTypes() {
 
 TEST(ByName, EveryAttributeReadsBackAndRefusesNonsense) {
   // Another value for each settable attribute, so that the setter is seen to work.
-  const std::map<std::string, std::string> other = {
-      {"vrfName", "red"},          {"dscp", "46"},
-      {"ipfixMtu", "9000"},        {"templateInterval", "999"},
-      {"srcIpAddr", "192.0.2.1"},  {"srcIp6Addr", "2001:db8::9"},
-      {"exporter4Ready", "True"},  {"exporter6Ready", "True"},
-      {"rxPort4", "40000"},        {"rxPort6", "40001"},
-      {"activeInterval", "60"},    {"genId", "3"},
-      {"inactiveTimeout", "15.5"}, {"sampleRate", "1000"},
-      {"clearCounters", "1"},      {"localPort", "4739"},
-      {"expName", "'exp1'"},       {"srcIp", "192.0.2.1"},
-      {"srcPort", "4739"},         {"destIp", "2001:db8::9"},
-      {"destPort", "4740"},        {"dscpValue", "46"},
-      {"exporterReady", "True"},   {"swExport", "True"}};
+  const std::map<std::string, std::string> other = {{"vrfName", "red"},
+                                                    {"dscp", "46"},
+                                                    {"ipfixMtu", "9000"},
+                                                    {"templateInterval", "999"},
+                                                    {"srcIpAddr", "192.0.2.1"},
+                                                    {"srcIp6Addr", "2001:db8::9"},
+                                                    {"exporter4Ready", "True"},
+                                                    {"exporter6Ready", "True"},
+                                                    {"rxPort4", "40000"},
+                                                    {"rxPort6", "40001"},
+                                                    {"activeInterval", "60"},
+                                                    {"genId", "3"},
+                                                    {"inactiveTimeout", "15.5"},
+                                                    {"sampleRate", "1000"},
+                                                    {"clearCounters", "1"},
+                                                    {"localPort", "4739"},
+                                                    {"expName", "'exp1'"},
+                                                    {"srcIp", "192.0.2.1"},
+                                                    {"srcPort", "4739"},
+                                                    {"destIp", "2001:db8::9"},
+                                                    {"destPort", "4740"},
+                                                    {"dscpValue", "46"},
+                                                    {"exporterReady", "True"},
+                                                    {"swExport", "True"},
+                                                    {"rateLimit", "8000 messages/s"}};
   const std::vector<std::string> nonsense = {"",     "x",     "-1 ",   " 1",  "1 ",
                                              "0x10", "'open", "1e999", "nan", "inf"};
   const std::vector<std::string> tooLong = {std::string(101, 'v')};  // all a name can do wrong
@@ -421,7 +433,7 @@ TEST(ByName, EveryAttributeReadsBackAndRefusesNonsense) {
     EXPECT_EQ(e->attrTextIs("nosuch", "1"), AttrResult::unknownName);
     EXPECT_EQ(e->attrRun("nosuch"), AttrResult::unknownName);
   }
-  EXPECT_EQ(settable, 27u) << "a new attribute wants a row in the table above";
+  EXPECT_EQ(settable, 28u) << "a new attribute wants a row in the table above";
 }
 
 TEST(ByName, ASetterByNameTellsTheWatchersOnce) {

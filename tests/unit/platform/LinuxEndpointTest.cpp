@@ -92,11 +92,11 @@ TEST_P(LinuxEndpoint, ALongQueueLeavesAtThePaceAndInOrder) {
   Receiver sink(*IpGenAddr::fromString(local));
   const auto start = std::chrono::steady_clock::now();
   for (int i = 0; i < 100; ++i) send(*pam, local, sink.port(), 100, i);
-  EXPECT_EQ(pam->counters().sent, 20u);
-  EXPECT_EQ(pam->counters().queued, 80u);
+  settle();
+  EXPECT_THAT(pam->counters().sent, testing::AllOf(testing::Ge(20u), testing::Le(25u)));
   while (pam->counters().queued > 0) loop->runOnce(1s);
   const auto took = std::chrono::steady_clock::now() - start;
-  EXPECT_GE(took, 4 * 30ms);
+  EXPECT_GE(took, 119ms);
   EXPECT_LT(took, 2s);
   for (int i = 0; i < 100; ++i) {
     const auto d = sink.next();
@@ -104,10 +104,21 @@ TEST_P(LinuxEndpoint, ALongQueueLeavesAtThePaceAndInOrder) {
     ASSERT_EQ(number(*d), i);
   }
   EXPECT_EQ(pam->counters().dropped, 0u);
+  // A limit of its own comes in place of the host's pace, and counts octets if it says so.
+  for (const auto& [limit, least] : {std::pair{"none", 0ms}, {"1 Mbit/s", 70ms}}) {
+    pam->txRateLimitIs(*RateLimit::fromString(limit));
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < 100; ++i) send(*pam, local, sink.port(), 100, i);
+    while (pam->counters().queued > 0) loop->runOnce(1s);
+    const auto spent = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(spent, least) << limit;
+    EXPECT_LT(spent, least + 60ms) << limit;
+    for (int i = 0; i < 100; ++i) ASSERT_TRUE(sink.next());
+  }
   // What waits when the endpoint closes leaves at once.
   for (int i = 0; i < 100; ++i) send(*pam, local, sink.port(), 100, i);
   pam->modeIs(UdpPam::outOfService);
-  EXPECT_EQ(pam->counters().sent, 200u);
+  EXPECT_EQ(pam->counters().sent, 400u);
 }
 
 TEST_P(LinuxEndpoint, CountsWhatTheReceiveBufferDropped) {
@@ -181,6 +192,73 @@ TEST_P(LinuxEndpoint, OneUnreachableCollectorCostsTheOthersNothing) {
   settle();
   EXPECT_THAT(trace.all, ElementsAre(failing)) << "a second outage is told too";
   EXPECT_EQ(pam->counters().dropByErrno, (Drops{{ENETUNREACH, 101}}));
+}
+
+TEST_P(LinuxEndpoint, NeighboursAlikeLeaveInOneSendAndArriveAsTheyWere) {
+  auto pam = opened("pam");
+  Receiver sinks[] = {Receiver(*IpGenAddr::fromString(local)),
+                      Receiver(*IpGenAddr::fromString(local))};
+  struct Run {
+    int sink, n;
+    uint32_t len;
+    uint8_t tos = 0;
+  };
+  const struct {
+    const char* what;
+    std::vector<Run> runs;
+    uint64_t sends;
+  } rows[] = {
+      {"one run", {{0, 40, 1400}}, 1},
+      {"a shorter one ends it", {{0, 5, 900}, {0, 6, 800}}, 2},
+      {"a longer one does not belong", {{0, 5, 800}, {0, 5, 900}}, 2},
+      {"another port", {{0, 5, 800}, {1, 5, 800}, {0, 5, 800}}, 3},
+      {"another mark", {{0, 5, 800}, {0, 5, 800, 8}}, 2},
+      {"more octets than a packet has", {{0, 50, 1400}}, 2},
+      {"more of them than the kernel takes", {{0, 70, 100}}, 2},
+      {"nothing but the part that is copied", {{0, 5, 16}, {0, 1, 4}}, 1},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    const uint64_t before = pam->counters().sends;
+    for (const Run& run : row.runs) {
+      pam->txTosIs(run.tos);
+      for (int i = 0; i < run.n; ++i) send(*pam, local, sinks[run.sink].port(), run.len, i);
+    }
+    settle();
+    EXPECT_EQ(pam->counters().sends - before, row.sends);
+    for (const Run& run : row.runs)
+      for (int i = 0; i < run.n; ++i) {
+        const auto d = sinks[run.sink].next();
+        ASSERT_TRUE(d) << i;
+        ASSERT_EQ(number(*d), i);
+        ASSERT_EQ(d->octets.size(), run.len);
+        ASSERT_EQ(d->tos, run.tos);
+      }
+  }
+}
+
+/// A path that refuses the run takes its datagrams one by one, and each has its own answer.
+TEST_P(LinuxEndpoint, WhatCannotBeSegmentedGoesOneByOne) {
+  auto pam = opened("pam");
+  Receiver sink(*IpGenAddr::fromString(local));
+  ASSERT_TRUE(sh("ip link set lo mtu 1400"));
+  for (int i = 0; i < 10; ++i) send(*pam, local, sink.port(), 1390, -1);
+  send(*pam, local, sink.port(), 1000, 0);  // the run's last, and the only one that fits
+  settle();
+  EXPECT_EQ(pam->counters().dropByErrno, (Drops{{EMSGSIZE, 10}}));
+  const auto d = sink.next();
+  ASSERT_TRUE(d);
+  EXPECT_EQ(number(*d), 0);
+  const auto sendsOf = [&](int n) {
+    const uint64_t before = pam->counters().sends;
+    for (int i = 0; i < n; ++i) send(*pam, local, sink.port(), 1000, i);
+    settle();
+    for (int i = 0; i < n; ++i) EXPECT_TRUE(sink.next());
+    return pam->counters().sends - before;
+  };
+  EXPECT_EQ(sendsOf(40), 40u) << "not tried again at once";
+  for (int i = 0; i < 30; ++i) sendsOf(40);
+  EXPECT_EQ(sendsOf(40), 1u) << "but later";
 }
 
 TEST_P(LinuxEndpoint, NeverFragments) {
