@@ -377,7 +377,7 @@ TEST_F(TemplateDeathTest, WhatTheRegistryDoesNotKnowStopsTheProgram) {
         sim->runDue();
       },
       "elementIdColl\\(\\)->elementIdCollHas\\( te->fieldId\\(\\) \\)\", file "
-      "/src/Ipfix/FlowTrackerTemplateSm");
+      ".*Ipfix/FlowTrackerTemplateSm");
   HwFlowTracking::FtTemplateEntry wrong(0, ::Ipfix::RecordType(8));
   wrong.enterpriseIeIs(true);
   unknown->ftTemplateEntryIs(wrong);
