@@ -1,5 +1,6 @@
 #pragma once
 #include <map>
+#include <memory>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -142,7 +143,10 @@ class TARN_API OptionsDataUpdate final : public Entity {
 };
 TARN_API Ptr<OptionsDataUpdate> optionsDataUpdateFactory(OptionsDataScope scope);
 
-/// What one exporter reads: the collections and update slots of each scope, owned elsewhere.
+struct BuiltTables;
+
+/// What the exporters of one tracker read: the collections and update slots of each scope, owned
+/// elsewhere.
 class TARN_API OptionsDataContainer final : public Entity {
  public:
   explicit OptionsDataContainer(std::string name) : name_(std::move(name)) {}
@@ -156,12 +160,17 @@ class TARN_API OptionsDataContainer final : public Entity {
   void updateDel(OptionsDataScope scope) { update_.erase(scope); }
   void updateDelAll() { update_.clear(); }
 
+  /// The tables as messages of up to so many octets, while an exporter uses them: those that agree
+  /// on the size share them.
+  std::map<uint16_t, std::weak_ptr<const BuiltTables>>& builtTables_p() const { return built_; }
+
   AttrRows attrRows() const override;
 
  private:
   std::string name_;
   std::map<OptionsDataScope, Ptr<OptionsDataSourceColl>> data_;
   std::map<OptionsDataScope, Ptr<OptionsDataUpdate>> update_;
+  mutable std::map<uint16_t, std::weak_ptr<const BuiltTables>> built_;
 };
 TARN_API Ptr<OptionsDataContainer> optionsDataContainerFactory(const std::string& name);
 

@@ -12,6 +12,14 @@ using Tarn::Ipfix::CollectorStatisticsKey;
 namespace {
 constexpr TaskPriority taskPriority = 2;
 constexpr uint32_t defaultActiveInterval = 300000;  // ms
+// How full tables are handed to the endpoints: messages per collector and turn, what may wait in an
+// endpoint before it has to send some, how soon to look again, and what one run of the task hands
+// over where nothing waits.
+constexpr size_t turn = 64;
+constexpr uint64_t backlogMax = 64;
+constexpr Seconds backlogPoll{0.001};
+constexpr size_t handedOverMax = 4096;
+constexpr size_t changedMax = 100000;  // while full tables are on their way
 
 std::string destination(const Collector& c) {
   return c.isIpv4() ? c.dst4().stringValue() : c.dst6().stringValue();
@@ -186,6 +194,8 @@ void OptionsDataExporterSm::handleInitialized() {
   };
   collectorUpdateTask_ =
       task("optionsDataExporterCollectorUpdate-", &OptionsDataExporterSm::processCollectorQueue);
+  continueTask_ =
+      task("optionsDataExporterContinueTx-", &OptionsDataExporterSm::continueTransmissions);
   updateTask_ = task("optionsDataExporterUpdate-", &OptionsDataExporterSm::flushUpdateQueue);
   txPeriodicTask_ = task("optionsDataExporterPeriodicTx-",
                          &OptionsDataExporterSm::maybeBeginPeriodicTransmission);
@@ -335,11 +345,12 @@ void OptionsDataExporterSm::processCollectorQueue() {
     trace(TraceLevel::detail, "OptionsDataExporterSm::", "processCollectorQueue ", traceId_, " ",
           name, ", exists: ", bool{collector});
     if (!collector || !familyReady_p(*collector)) continue;
-    maybeBuildMsgCache();
-    const auto messages = msgCache_;  // whoever hears of a sending may have the cache rebuilt
-    for (const auto& message : messages) sendMessageTo_p(*collector, *message);
+    // Others are being sent the cache as it stands: what changed since is kept for the end.
+    if (!processing_) maybeBuildMsgCache();
+    beginTransmission_p(collector);
   }
-  maybeSchedulePeriodic();
+  processing_ = true;
+  continueTransmissions();
 }
 
 // --- Sending ---
@@ -383,24 +394,92 @@ void OptionsDataExporterSm::sendDataTables() {
     return !collector || familyReady_p(*collector);
   });
   if (collectorUpdate_.empty()) collectorUpdateTask_->stop();
-  for (const auto& message : msgCache_) sendMessageToCollectors(*message);
-  processing_ = false;
-  maybeSchedulePeriodic();
+  for (const auto* family : {&collector4_, &collector6_})
+    for (const auto& [name, collector] : *family)
+      if (familyReady_p(*collector)) beginTransmission_p(collector);
+  continueTransmissions();
 }
 
+/// From the beginning, also for a collector that is in the middle of the tables.
+void OptionsDataExporterSm::beginTransmission_p(const Ptr<Collector>& collector) {
+  std::erase_if(transmission_, [&](const auto& t) { return t.collector == collector; });
+  transmission_.push_back({collector, msgCache_});
+}
+bool OptionsDataExporterSm::backlogged_p() const {
+  for (const auto& pam : {expInfo_->udpPam4(), expInfo_->udpPam6()})
+    if (pam && pam->counters().queued >= backlogMax) return true;
+  return false;
+}
+/// Each collector in turn gets a piece; what one gets are neighbours, which leave cheaper together.
+void OptionsDataExporterSm::continueTransmissions() {
+  for (size_t handedOver = 0; !transmission_.empty();) {
+    for (Transmission& t : transmission_) {
+      if (handedOver >= handedOverMax || backlogged_p()) {
+        continueTask_->scheduleIs(handedOver >= handedOverMax ? Seconds(0) : backlogPoll);
+        return;
+      }
+      const auto& messages = t.tables->messages;
+      const size_t end = std::min(messages.size(), t.next + turn);
+      handedOver += end - t.next;
+      for (; t.next < end; ++t.next) sendMessageTo_p(*t.collector, *messages[t.next]);
+    }
+    std::erase_if(transmission_, [](const Transmission& t) {
+      return t.next == t.tables->messages.size() || !t.collector->active();
+    });
+  }
+  endTransmissions_p();
+}
+void OptionsDataExporterSm::endTransmissions_p() {
+  processing_ = false;
+  if (!changedMeanwhile_.empty()) {
+    auto waiting = std::exchange(update_, {});  // what is newer stays behind
+    for (auto& [setId, record] : std::exchange(changedMeanwhile_, {}))
+      updateEnq_p(setId, std::move(record));
+    for (auto& [setId, queue] : waiting)
+      for (; !queue.empty(); queue.recordDel()) update_[setId].recordEnq(queue.head());
+    updateTask_->scheduleLowestIs(updateDataCoalesceTime_);
+  }
+  if (std::exchange(tablesAgain_, false)) txPeriodicTask_->scheduleIs(Seconds(0));
+  maybeSchedulePeriodic();
+}
+void OptionsDataExporterSm::updateEnq_p(TemplateId setId, Ptr<const DataRecord> record) {
+  updateQueueBytes_ += record->dataLen();
+  update_[setId].recordEnq(std::move(record));
+}
+
+/// The tables as another exporter of the tracker built them, if they are as they are now.
+std::shared_ptr<const BuiltTables> OptionsDataExporterSm::builtByOthers_p() const {
+  const auto& all = dataContainer_->builtTables_p();
+  const auto found = all.find(maxMsgSize_p());
+  auto tables = found == all.end() ? nullptr : found->second.lock();
+  if (!tables || tables->observationDomainId != ftId_) return nullptr;
+  auto made = tables->of.begin();
+  for (const auto& [scope, coll] : dataContainer_->data())
+    for (const auto& [name, source] : coll->source()) {
+      if (made == tables->of.end() || made->source != source || made->version != source->version())
+        return nullptr;
+      ++made;
+    }
+  return made == tables->of.end() ? tables : nullptr;
+}
 void OptionsDataExporterSm::maybeBuildMsgCache() {
   TARN_ASSERT_AS(initialized(), "initialized()");
   TARN_ASSERT_AS(!processing(), "!processing()");
   trace(TraceLevel::detail, "OptionsDataExporterSm::", traceId_, " msgCacheValid: ", msgCacheValid_,
-        ", entries: ", msgCache_.size());
+        ", entries: ", msgCacheSize());
   if (msgCacheValid_) return;
-  msgCache_.clear();
   ++msgCacheBuildCount_;
+  msgCacheValid_ = true;
+  msgCache_ = builtByOthers_p();
+  if (msgCache_) return;
+  const auto tables = std::make_shared<BuiltTables>();
+  tables->observationDomainId = ftId_;
   BuilderWrapper builder(maxMsgSize_p(), ftId_);
   builder.startMsg();
   uint64_t total = 0;
   for (const auto& [scope, coll] : dataContainer_->data()) {
     for (const auto& [name, source] : coll->source()) {
+      tables->of.push_back({source, source->version()});
       const TemplateId setId = source->dataSetId();
       const auto places = source->places();
       for (auto it = places.begin();;) {
@@ -408,7 +487,7 @@ void OptionsDataExporterSm::maybeBuildMsgCache() {
         if (it == places.end()) break;
         // An empty message holds every record that there may be.
         TARN_ASSERT_AS(builder.recordCount() > 0, "consumed > 0");
-        msgCache_.push_back(builder.finalizeMsg());
+        tables->messages.push_back(builder.finalizeMsg());
         builder.startMsg();
       }
       const uint64_t count = source->dataRecords();
@@ -417,9 +496,10 @@ void OptionsDataExporterSm::maybeBuildMsgCache() {
             " records from ", scope, "::", name, ", setId: ", setId);
     }
   }
-  if (builder.recordCount() > 0) msgCache_.push_back(builder.finalizeMsg());
+  if (builder.recordCount() > 0) tables->messages.push_back(builder.finalizeMsg());
   trace(TraceLevel::detail, "OptionsDataExporterSm::", traceId_, " added ", total, " records");
-  msgCacheValid_ = true;
+  msgCache_ = tables;
+  dataContainer_->builtTables_p()[maxMsgSize_p()] = tables;
 }
 
 // --- Updates ---
@@ -432,8 +512,7 @@ void OptionsDataExporterSm::abortUpdates() {
 void OptionsDataExporterSm::handleUpdateData(OptionsDataScope scope) {
   TARN_ASSERT_AS(initialized(), "initialized()");
   const auto& slot = dataContainer_->update().at(scope);
-  updateQueueBytes_ += slot->record()->dataLen();
-  update_[slot->setId()].recordEnq(slot->record());
+  updateEnq_p(slot->setId(), slot->record());
   const uint32_t maxMsgSize = maxMsgSize_p();
   const uint32_t hdrLen = MessageBuilder::calcOverhead(static_cast<unsigned>(update_.size()));
   const bool full = hdrLen + updateQueueBytes_ >= maxMsgSize;
@@ -456,6 +535,13 @@ void OptionsDataExporterSm::flushUpdateQueue() {
     UpdateSetQueue& queue = it->second;
     const Ptr<const DataRecord> record = queue.head();
     queue.recordDel();
+    if (processing_ && !tablesAgain_) {
+      changedMeanwhile_.emplace_back(setId, record);
+      if (changedMeanwhile_.size() > changedMax) {
+        changedMeanwhile_ = {};
+        tablesAgain_ = true;
+      }
+    }
     updateQueueBytes_ -= record->dataLen();
     if (queue.empty()) update_.erase(it);  // before sending, which others hear of
 

@@ -56,6 +56,17 @@ class TARN_API MessageWrapper final : public Counted<MessageWrapper> {
   SetRecords setRecord;
 };
 
+/// The full tables as finished messages, and what they were made of.
+struct TARN_API BuiltTables {
+  struct Made {
+    Ptr<const OptionsDataSource> source;
+    uint32_t version;
+  };
+  std::vector<Made> of;
+  uint32_t observationDomainId = 0;
+  std::vector<Ptr<MessageWrapper>> messages;
+};
+
 /// A builder and the wrapper of the message under construction.
 class TARN_API BuilderWrapper final {
  public:
@@ -141,6 +152,10 @@ class TARN_API Collector final : public Counted<Collector> {
 /// Sends the options data of one (exporter, tracker): the full tables every active interval and to
 /// each collector that is new, out of a cache of built messages; single changes soon after they
 /// happen, coalesced. A collector is served once its options templates have gone out.
+///
+/// A full transmission is handed to the endpoints piece by piece, as fast as they send: templates
+/// and changes do not wait behind it. What changes meanwhile is sent at once, and once more at the
+/// end, since a piece that follows may hold it as it was.
 class TARN_API OptionsDataExporterSm final : public Entity {
  public:
   static Ptr<OptionsDataExporterSm> OptionsDataExporterSmIs(
@@ -163,9 +178,12 @@ class TARN_API OptionsDataExporterSm final : public Entity {
   uint32_t updateQueueBytes() const { return updateQueueBytes_; }
   double updateDataCoalesceTime() const { return updateDataCoalesceTime_.count(); }
   void updateDataCoalesceTimeIs(double seconds) { updateDataCoalesceTime_ = Seconds(seconds); }
-  size_t msgCacheSize() const { return msgCache_.size(); }
+  size_t msgCacheSize() const { return msgCache_ ? msgCache_->messages.size() : 0; }
   bool msgCacheValid() const { return msgCacheValid_; }
+  /// Null before the first full transmission.
+  const std::shared_ptr<const BuiltTables>& msgCache() const { return msgCache_; }
   uint32_t msgCacheBuildCount() const { return msgCacheBuildCount_; }
+  /// Full tables are on their way.
   bool processing() const { return processing_; }
   bool initialized() const { return initialized_; }
   /// "<exporter> for <tracker>"
@@ -218,7 +236,13 @@ class TARN_API OptionsDataExporterSm final : public Entity {
   void maybeSchedulePeriodic();
   void maybeBeginPeriodicTransmission();
   void maybeBuildMsgCache();
+  std::shared_ptr<const BuiltTables> builtByOthers_p() const;
   void sendDataTables();
+  void beginTransmission_p(const Ptr<Collector>& collector);
+  void continueTransmissions();
+  bool backlogged_p() const;
+  void endTransmissions_p();
+  void updateEnq_p(TemplateId setId, Ptr<const DataRecord> record);
   bool familyReady_p(const Collector& collector) const;
   void sendMessageToCollectors(MessageWrapper& msgWrap);
   void sendMessageTo_p(Collector& collector, MessageWrapper& msgWrap);
@@ -246,11 +270,20 @@ class TARN_API OptionsDataExporterSm final : public Entity {
   std::map<TemplateId, UpdateSetQueue> update_;
   uint32_t updateQueueBytes_ = 0;
   Seconds updateDataCoalesceTime_{1.0};
-  std::vector<Ptr<MessageWrapper>> msgCache_;
+  std::shared_ptr<const BuiltTables> msgCache_;
   bool msgCacheValid_ = false;
   uint32_t msgCacheBuildCount_ = 0;
   bool processing_ = false;
   bool initialized_ = false;
+  struct Transmission {
+    Ptr<Collector> collector;
+    std::shared_ptr<const BuiltTables> tables;
+    size_t next = 0;  // message
+  };
+  std::vector<Transmission> transmission_;
+  std::vector<std::pair<TemplateId, Ptr<const DataRecord>>> changedMeanwhile_;
+  bool tablesAgain_ = false;  // more changed meanwhile than is worth remembering
+  std::unique_ptr<TimerTask> continueTask_;
   std::unique_ptr<TimerTask> updateTask_;
   std::unique_ptr<TimerTask> collectorUpdateTask_;
   std::unique_ptr<TimerTask> txPeriodicTask_;

@@ -18,9 +18,10 @@
 namespace agent::flow {
 namespace {
 constexpr TaskPriority priority = 3;  // behind templates and options data
-constexpr uint64_t queuedMax = 4096;  // datagrams in an endpoint, half a second at its pace
-constexpr Seconds drainRetry{0.004};  // the endpoints' pace
-constexpr Seconds flushDelay{0.1};    // how long a message waits to be full
+constexpr uint64_t queuedMax =
+    256;  // datagrams in an endpoint; templates and changes wait behind them
+constexpr Seconds drainRetry{0.002};
+constexpr Seconds flushDelay{0.1};  // how long a message waits to be full
 constexpr Seconds tick{0.1};
 constexpr int ticksPerTelling = 10;
 constexpr int blocksPerTask = 8;

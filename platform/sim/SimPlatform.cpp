@@ -56,6 +56,7 @@ class SimPlatformImpl final : public SimPlatform, private TimerQueue::Host {
   }
   void openErrorIs(int err) override { openError_ = err; }
   void sendErrorIs(int err) override { sendError_ = err; }
+  void paceIs(size_t perMs) override { pacePerMs_ = perMs; }
   size_t openEndpoints() const override { return bound_.size(); }
   std::vector<std::string> takeTrace() override { return std::exchange(trace_.lines, {}); }
   std::vector<std::string> takeLog() override { return std::exchange(log_.lines, {}); }
@@ -122,6 +123,7 @@ class SimPlatformImpl final : public SimPlatform, private TimerQueue::Host {
   int nextFd_ = firstFd;
   int openError_ = 0;
   int sendError_ = 0;
+  size_t pacePerMs_ = 0;
   std::vector<SimDatagram> sent_;
   std::vector<Shared> shared_;
 };
@@ -131,7 +133,8 @@ class SimPam final : public UdpPam {
   SimPam(SimPlatformImpl& platform, std::string name)
       : platform_(platform),
         name_(std::move(name)),
-        rxTask_(platform_.scheduler()->timerTask(name_ + "-rx", rxPriority, [this] { read(); })) {}
+        rxTask_(platform_.scheduler()->timerTask(name_ + "-rx", rxPriority, [this] { read(); })),
+        txTask_(platform_.scheduler()->timerTask(name_ + "-tx", rxPriority, [this] { send(); })) {}
   ~SimPam() override { modeIs(outOfService); }
 
   const std::string& name() const override { return name_; }
@@ -171,6 +174,8 @@ class SimPam final : public UdpPam {
     if (rxHandler_ && !arrived_.empty()) rxTask_->scheduleLowestIs(Seconds(0));
   }
   void read();
+  void send(SimDatagram d);
+  void send();
 
   SimPlatformImpl& platform_;
   const std::string name_;
@@ -192,6 +197,8 @@ class SimPam final : public UdpPam {
   RxPktHandler rxHandler_;
   std::deque<Arrived> arrived_;
   std::unique_ptr<TimerTask> rxTask_;
+  std::deque<SimDatagram> waiting_;
+  std::unique_ptr<TimerTask> txTask_;
 };
 
 bool SimPlatformImpl::taken(const Binding& b) const {
@@ -236,20 +243,35 @@ void SimPam::txPktIs(const Ptr<Pkt>& pkt) {
     ++counters_.dropByErrno[err];
     return;
   }
-  ++counters_.sent;
-  counters_.sentOctets += pkt->bytes();
   SimDatagram d{.endpoint = name_,
                 .src = bound_.addr.isIpv6() ? IpGenAddr(src6_) : IpGenAddr(src4_),
                 .dst = bound_.addr.isIpv6() ? IpGenAddr(dst6_) : IpGenAddr(dst4_),
                 .srcPort = bound_.port,
                 .dstPort = txPort_,
                 .tos = tos_,
-                .time = platform_.clock().now(),
+                .time = 0,
                 .octets = {pkt->octets().begin(), pkt->octets().end()}};
   if (bound_.addr.isIpv6() ? src6_.isZero() : src4_.isZero()) d.src = bound_.addr;
-  deliver(d);
   platform_.shared_.push_back({pkt, d.octets});
+  if (platform_.pacePerMs_ == 0) return send(std::move(d));
+  waiting_.push_back(std::move(d));
+  counters_.queued = waiting_.size();
+  txTask_->scheduleLowestIs(Seconds(0.001));
+}
+void SimPam::send(SimDatagram d) {
+  ++counters_.sent;
+  counters_.sentOctets += d.octets.size();
+  d.time = platform_.clock().now();
+  deliver(d);
   platform_.sent_.push_back(std::move(d));
+}
+void SimPam::send() {
+  for (size_t n = 0; n < platform_.pacePerMs_ && !waiting_.empty(); ++n) {
+    send(std::move(waiting_.front()));
+    waiting_.pop_front();
+  }
+  counters_.queued = waiting_.size();
+  if (!waiting_.empty()) txTask_->scheduleIs(Seconds(0.001));
 }
 
 void SimPam::deliver(const SimDatagram& d) const {

@@ -10,7 +10,7 @@
 
 /// The platform of unit tests: time that moves only when a test moves it, endpoints that keep what
 /// was sent, a table in plain memory. Same contracts, same test suite as the Linux one. Endpoints
-/// send at once; their local ports count up from 40000, in the order of opening. What is sent to
+/// send at once, unless a test gives them a pace; their local ports count up from 40000, in the order of opening. What is sent to
 /// where another endpoint of the same namespace is bound arrives there, too. It asserts that a
 /// transmitted packet changes in its first `UdpPam::restampLen` octets only until the task is over,
 /// and that no task reschedules itself for ever without letting time pass.
@@ -51,6 +51,8 @@ class SimPlatform : public Platform {
   /// Errno with which endpoints refuse to open (0: they open), and to send.
   virtual void openErrorIs(int err) = 0;
   virtual void sendErrorIs(int err) = 0;
+  /// Endpoints send so many datagrams a millisecond, the others wait; 0 (default): all at once.
+  virtual void paceIs(size_t perMs) = 0;
   virtual size_t openEndpoints() const = 0;  ///< endpoints in service now
 
   /// Trace lines and log messages ("NAME: text") since the last call.

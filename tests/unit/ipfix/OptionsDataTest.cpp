@@ -305,6 +305,67 @@ TEST_F(OptionsDataTest, FullTransmissionDropsWhatIsQueuedAndShortensOnRequest) {
   EXPECT_TRUE(arrived().empty());
 }
 
+TEST_F(OptionsDataTest, ChangesOvertakeATableThatIsOnItsWayAndStand) {
+  for (uint32_t i = 1; i <= 30000; ++i) intfIs("eth" + std::to_string(i), i);
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  sim->paceIs(1);  // some 300 messages: 0.3 s for each collector
+  makeTree();
+  dataExporter()->updateDataCoalesceTimeIs(0.01);
+  sim->advance(Seconds(0.05));
+  EXPECT_TRUE(dataExporter()->processing());
+  const auto renamed = [&](uint32_t index) {
+    intfs->intfIndexDel(IntfId("eth" + std::to_string(index)));
+    intfIs("new" + std::to_string(index), index);
+  };
+  renamed(7);                                    // was sent with its old name
+  renamed(29999);                                // will be
+  exporter->collectorIpAndPortIs("b", dst4(2));  // and another one begins meanwhile
+  arrived();
+  const auto nameOf = [&](int collector, uint32_t index) {
+    for (auto& [to, picture] : receiver.pictures())
+      if (to.ends_with(dst4(collector).stringValue()))
+        return picture[intfTable][netOctets(index, 4)];
+    return std::string();
+  };
+  sim->advance(Seconds(0.15));
+  arrived();
+  EXPECT_TRUE(dataExporter()->processing());
+  EXPECT_EQ(nameOf(1, 29999), "new29999") << "at once";
+  sim->advance(Seconds(3));
+  arrived();  // which judges sequence numbers and octets too
+  EXPECT_FALSE(dataExporter()->processing());
+  for (const int collector : {1, 2})
+    for (const uint32_t index : {7, 29999})
+      EXPECT_EQ(nameOf(collector, index), "new" + std::to_string(index)) << collector;
+  EXPECT_EQ(nameOf(2, 30000), "eth30000");
+}
+
+TEST_F(OptionsDataTest, ExportersOfOneTrackerShareTheMessagesTheyAgreeOn) {
+  const auto other = HwFlowTracking::exporterConfigFactory("exp2");
+  const auto smaller = HwFlowTracking::exporterConfigFactory("exp3");
+  smaller->ipfixMtuIs(1000);
+  uint8_t last = 1;
+  for (const auto& e : {exporter, other, smaller}) {
+    e->srcIpAddrIs(source4);
+    e->collectorIpAndPortIs("a", dst4(last++));
+    tracker->expConfigIs(e);
+  }
+  makeTree();
+  const auto tables = [&](const char* name) {
+    return manager->ftManagerSm("ft1")->exporterSm(name)->msgCache();
+  };
+  const auto before = tables("exp1");
+  ASSERT_TRUE(before);
+  EXPECT_EQ(tables("exp2"), before);
+  EXPECT_NE(tables("exp3"), before);
+  intfIs("eth0", 1);
+  sim->advance(Seconds(61));
+  EXPECT_NE(tables("exp1"), before);
+  EXPECT_EQ(tables("exp2"), tables("exp1"));
+  // Each collector's numbers are its own all the same.
+  EXPECT_EQ(arrived().size(), 3u);
+}
+
 TEST_F(OptionsDataTest, NothingIsSentByAFamilyThatIsNotReady) {
   exporter->collectorIpAndPortIs("a", dst4(1));
   makeTree();
