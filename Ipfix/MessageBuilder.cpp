@@ -1,10 +1,18 @@
 #include "Ipfix/MessageBuilder.h"
 
+#include "platform/BlockPool.h"
 #include "platform/Platform.h"
 
 namespace FlowTracking {
 
 using ::Ipfix::IpfixConst;
+
+namespace {
+thread_local constinit BlockPool messagePool;
+}
+
+void* Message::operator new(size_t len) { return messagePool.take(len); }
+void Message::operator delete(void* p, size_t len) { messagePool.give(p, len); }
 
 Ptr<Pkt> Message::pkt(uint32_t seqNo) {
   msgHdr_.exportTimeIs(Platform::current().clock().nowU32());

@@ -94,6 +94,9 @@ class TARN_API Message final : public Entity {
   /// Called once per transmission, just before it.
   Ptr<Pkt> pkt(uint32_t seqNo);
 
+  static void* operator new(size_t len);
+  static void operator delete(void* p, size_t len);
+
  private:
   MessageHeader msgHdr_;
   uint32_t recordCount_ = 0;

@@ -2,12 +2,30 @@
 
 #include <algorithm>
 
+#include "platform/BlockPool.h"
+
 namespace platform {
 namespace {
 bool ptrWithinRegion(const uint8_t* p, const uint8_t* region, uint32_t size) {
   return p >= region && p <= region + size;
 }
+thread_local constinit BlockPool pool;
 }  // namespace
+
+void* Pkt::operator new(size_t objectSize, uint32_t blockSize) {
+  return pool.take(objectSize + blockSize);
+}
+void Pkt::operator delete(void* p, uint32_t blockSize) { pool.give(p, sizeof(Pkt) + blockSize); }
+void Pkt::operator delete(Pkt* p, std::destroying_delete_t) {
+  const bool grown = p->larger_ != nullptr;  // then nobody knows what the first block was
+  const size_t len = sizeof(Pkt) + p->size_;
+  p->~Pkt();
+  if (grown) {
+    ::operator delete(p);
+  } else {
+    pool.give(p, len);
+  }
+}
 
 // The block is not cleared: a message is written over all of it.
 Pkt::Pkt(uint32_t size) : size_(size), buffer_(reinterpret_cast<uint8_t*>(this + 1)) {}

@@ -2,6 +2,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <span>
 
 #include "platform/Assert.h"
@@ -52,11 +53,9 @@ class TARN_API Pkt final : public Counted<Pkt> {
   explicit Pkt(uint32_t size);
   ~Pkt() = default;
   // The block lies behind the object, in one allocation, until the packet outgrows it.
-  static void* operator new(size_t objectSize, uint32_t blockSize) {
-    return ::operator new(objectSize + blockSize);
-  }
-  static void operator delete(void* p) { ::operator delete(p); }
-  static void operator delete(void* p, uint32_t) { ::operator delete(p); }
+  static void* operator new(size_t objectSize, uint32_t blockSize);
+  static void operator delete(Pkt* p, std::destroying_delete_t);
+  static void operator delete(void* p, uint32_t blockSize);
 
   uint32_t head_ = 0;
   uint32_t len_ = 0;

@@ -12,7 +12,6 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <deque>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -21,6 +20,7 @@
 #include "platform/linux/Fd.h"
 #include "platform/linux/Netns.h"
 #include "platform/linux/Pacer.h"
+#include "platform/linux/Ring.h"
 
 namespace platform {
 namespace {
@@ -55,9 +55,9 @@ struct Destination {
 
 struct Datagram {
   Ptr<Pkt> pkt;
-  uint32_t len;
-  uint8_t tos;
-  std::array<uint8_t, UdpPam::restampLen> head;
+  uint32_t len = 0;
+  uint8_t tos = 0;
+  std::array<uint8_t, UdpPam::restampLen> head{};
   IpGenAddr src;
   Destination dst;
 };
@@ -322,7 +322,7 @@ class UdpPamLinux final : public UdpPam {
   uint16_t txPort_ = 0;
   uint8_t tos_ = 0;
 
-  std::deque<Datagram> queue_;
+  Ring<Datagram> queue_;
   std::unique_ptr<TimerTask> rest_;     // goes on where a flush stopped at its bound
   std::shared_ptr<UdpPamLinux*> hook_;  // the pending end-of-task hook's way to this
   UdpPamCounters counters_;

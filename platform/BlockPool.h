@@ -1,0 +1,50 @@
+#pragma once
+#include <cstddef>
+#include <new>
+
+namespace platform {
+
+#if defined(__SANITIZE_ADDRESS__)
+#define TARN_NO_POOLS 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define TARN_NO_POOLS 1
+#endif
+#endif
+
+/// Memory of what comes and goes with every message: a block that is given back is the next one
+/// taken, as long as they are of one size. A sanitizer shall see every use of freed memory, so
+/// there is no pool when one is at work. For use as `thread_local`; never destroyed, its blocks
+/// stay the program's.
+class BlockPool {
+ public:
+  void* take(size_t size) {
+    if (!free_ || size != size_) return ::operator new(size);
+    Block* block = free_;
+    free_ = block->next;
+    --count_;
+    return block;
+  }
+  void give(void* p, size_t size) {
+#ifndef TARN_NO_POOLS
+    if (size >= sizeof(Block) && count_ < most && (size == size_ || !free_)) {
+      size_ = size;
+      free_ = new (p) Block{free_};
+      ++count_;
+      return;
+    }
+#endif
+    ::operator delete(p);
+  }
+
+ private:
+  static constexpr size_t most = 1024;
+  struct Block {
+    Block* next;
+  };
+  Block* free_ = nullptr;
+  size_t size_ = 0;
+  size_t count_ = 0;
+};
+
+}  // namespace platform

@@ -1,0 +1,42 @@
+#pragma once
+#include <memory>
+#include <utility>
+
+namespace platform {
+
+/// A queue whose places are used again: it allocates when it becomes longer than it ever was.
+template <class T>
+class Ring {
+ public:
+  bool empty() const { return size_ == 0; }
+  size_t size() const { return size_; }
+  T& operator[](size_t i) { return place_[(first_ + i) & (capacity_ - 1)]; }
+  const T& operator[](size_t i) const { return place_[(first_ + i) & (capacity_ - 1)]; }
+  T& front() { return (*this)[0]; }
+  void push_back(T value) {
+    if (size_ == capacity_) grow();
+    (*this)[size_++] = std::move(value);
+  }
+  void pop_front() {
+    front() = T();
+    ++first_;
+    --size_;
+  }
+
+ private:
+  void grow() {
+    const size_t larger = capacity_ == 0 ? 64 : 2 * capacity_;
+    std::unique_ptr<T[]> place(new T[larger]);
+    for (size_t i = 0; i < size_; ++i) place[i] = std::move((*this)[i]);
+    place_ = std::move(place);
+    capacity_ = larger;
+    first_ = 0;
+  }
+
+  std::unique_ptr<T[]> place_;
+  size_t capacity_ = 0;  // a power of two
+  size_t first_ = 0;
+  size_t size_ = 0;
+};
+
+}  // namespace platform
