@@ -16,7 +16,7 @@ constexpr uint32_t defaultActiveInterval = 300000;  // ms
 // endpoint before it has to send some, how soon to look again, and what one run of the task hands
 // over where nothing waits.
 constexpr size_t turn = 64;
-constexpr uint64_t backlogMax = 64;
+constexpr uint64_t backlogMax = 256;
 constexpr Seconds backlogPoll{0.001};
 constexpr size_t handedOverMax = 4096;
 constexpr size_t changedMax = 100000;  // while full tables are on their way
@@ -415,7 +415,8 @@ void OptionsDataExporterSm::continueTransmissions() {
   for (size_t handedOver = 0; !transmission_.empty();) {
     for (Transmission& t : transmission_) {
       if (handedOver >= handedOverMax || backlogged_p()) {
-        continueTask_->scheduleIs(handedOver >= handedOverMax ? Seconds(0) : backlogPoll);
+        // What was handed over may leave when this task is over: then it goes on at once.
+        continueTask_->scheduleIs(handedOver > 0 ? Seconds(0) : backlogPoll);
         return;
       }
       const auto& messages = t.tables->messages;

@@ -59,10 +59,11 @@ void InterfaceTableSm::handleInitialized() {
         " map count:", intfIndexMap_->intfIndex().size());
   dataSource_->dataRecordDelAll();
   dataRecord_.clear();
+  dataRecord_.reserve(intfIndexMap_->intfIndex().size());
   for (const auto& [intfId, index] : intfIndexMap_->intfIndex()) {
     auto record = makeDataRecord(intfId.stringValue(), index);
     dataSource_->dataRecordIs(record);
-    dataRecord_.emplace_hint(dataRecord_.end(), intfId, std::move(record));
+    dataRecord_.insert(std::move(record));
   }
   using Map = IntfIndexMap;
   const std::pair<const char*, uint32_t> reserved[] = {
@@ -77,8 +78,9 @@ void InterfaceTableSm::handleInitialized() {
 
 void InterfaceTableSm::handleIntfId(const IntfId& intfId) {
   TARN_ASSERT_AS(initialized(), "initialized()");
-  if (auto old = dataRecord_.find(intfId); old != dataRecord_.end()) {
-    dataSource_->dataRecordDel(old->second);
+  const std::string_view name = intfId.stringValue();
+  if (auto old = dataRecord_.find(name); old != dataRecord_.end()) {
+    dataSource_->dataRecordDel(*old);
     dataRecord_.erase(old);
   }
   const auto entry = intfIndexMap_->intfIndex().find(intfId);
@@ -92,7 +94,7 @@ void InterfaceTableSm::handleIntfId(const IntfId& intfId) {
           ", record len: ", record->dataLen());
     dataUpdate_->addUpdate(setIdVal_, record);
     dataSource_->dataRecordIs(record);
-    dataRecord_[intfId] = record;
+    dataRecord_.insert(record);
   }
   assertCount_p();
   dataSource_->versionInc(1);

@@ -1,7 +1,8 @@
 #pragma once
-#include <map>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <unordered_set>
 
 #include "Ipfix/FlowTrackingTypes.h"
 #include "Ipfix/OptionsDataExporter.h"
@@ -39,6 +40,14 @@ class TARN_API InterfaceTableSm final : public Entity {
 
  private:
   class IntfIndexMapSm;
+  struct ByName {
+    using is_transparent = void;
+    static std::string_view name(const Ptr<DataRecord>& r) { return r->data().substr(nameOffset); }
+    static std::string_view name(std::string_view n) { return n; }
+    size_t operator()(const auto& a) const { return std::hash<std::string_view>()(name(a)); }
+    bool operator()(const auto& a, const auto& b) const { return name(a) == name(b); }
+  };
+  static constexpr size_t nameOffset = sizeof(uint32_t) + 1;  // behind index and length
   InterfaceTableSm(Ptr<OptionsDataSource> dataSource, Ptr<OptionsDataUpdate> dataUpdate,
                    Ptr<const IntfIndexMap> intfIndexMap);
   void assertCount_p() const;
@@ -46,7 +55,8 @@ class TARN_API InterfaceTableSm final : public Entity {
   Ptr<OptionsDataSource> dataSource_;
   Ptr<OptionsDataUpdate> dataUpdate_;
   Ptr<const IntfIndexMap> intfIndexMap_;
-  std::map<IntfId, Ptr<DataRecord>> dataRecord_;
+  // By the name that each record holds: a million records want no second copy of it.
+  std::unordered_set<Ptr<DataRecord>, ByName, ByName> dataRecord_;
   bool initialized_ = false;
   TemplateId setIdVal_ = setId();
   std::unique_ptr<IntfIndexMapSm> intfIndexMapSm_;

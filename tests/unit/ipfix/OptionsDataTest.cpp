@@ -308,7 +308,8 @@ TEST_F(OptionsDataTest, FullTransmissionDropsWhatIsQueuedAndShortensOnRequest) {
 TEST_F(OptionsDataTest, ChangesOvertakeATableThatIsOnItsWayAndStand) {
   for (uint32_t i = 1; i <= 30000; ++i) intfIs("eth" + std::to_string(i), i);
   exporter->collectorIpAndPortIs("a", dst4(1));
-  sim->paceIs(1);  // some 300 messages: 0.3 s for each collector
+  exporter->ipfixMtuIs(400);
+  sim->paceIs(2);  // some 1100 messages: half a second for each collector
   makeTree();
   dataExporter()->updateDataCoalesceTimeIs(0.01);
   sim->advance(Seconds(0.05));
@@ -327,7 +328,7 @@ TEST_F(OptionsDataTest, ChangesOvertakeATableThatIsOnItsWayAndStand) {
         return picture[intfTable][netOctets(index, 4)];
     return std::string();
   };
-  sim->advance(Seconds(0.15));
+  sim->advance(Seconds(0.2));
   arrived();
   EXPECT_TRUE(dataExporter()->processing());
   EXPECT_EQ(nameOf(1, 29999), "new29999") << "at once";
