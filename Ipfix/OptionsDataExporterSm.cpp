@@ -44,7 +44,13 @@ Ptr<MessageWrapper> BuilderWrapper::finalizeMsg() {
 
 void Collector::sendMessage(const ExporterInfo& expInfo,
                             const HwFlowTracking::ExporterConfig& hwExpConfig,
-                            MessageWrapper& msgWrap) {
+                            const Ptr<MessageWrapper>& msgWrap) {
+  transmit(expInfo, hwExpConfig, *msgWrap);
+  updateStats({&msgWrap, 1});
+}
+void Collector::transmit(const ExporterInfo& expInfo,
+                         const HwFlowTracking::ExporterConfig& hwExpConfig,
+                         MessageWrapper& msgWrap) {
   const uint32_t seq = collInfo_->ipfixMsgSeqNo().value();
   collInfo_->ipfixMsgSeqNoInc(msgWrap.message->recordCount());
   const Ptr<Pkt> packet = msgWrap.message->pkt(seq);
@@ -62,23 +68,25 @@ void Collector::sendMessage(const ExporterInfo& expInfo,
     trace(TraceLevel::packet, "Collector::", name_, " TX IPv6", HexDump{packet->octets()});
     sendPkt6(packet, _pam, src, dst6_, dscp);
   }
-  updateStats(msgWrap);
 }
-void Collector::updateStats(const MessageWrapper& msgWrap) {
+void Collector::updateStats(std::span<const Ptr<MessageWrapper>> sent) {
+  if (!active()) return;  // who heard of the sending took it away, and its entry
   const auto collector = isIpv4() ? Tarn::Ipfix::CollectorInfo::fromIpAndPort(dst4_)
                                   : Tarn::Ipfix::CollectorInfo::fromIp6AndPort(dst6_);
   const CollectorStatisticsKey key(exporterSm_->ftName(), exporterSm_->expName(), collector);
   const auto& collStats = exporterSm_->collStats();
   auto entry = collStats->stats(key).value_or(CollectorStatisticsEntry(key));
-  entry.exportedMessageTotalCountInc(1);
-  entry.exportedFlowRecordTotalCountInc(msgWrap.message->recordCount());
-  entry.exportedOctetTotalCountInc(msgWrap.message->len());
+  for (const auto& msgWrap : sent) {
+    entry.exportedMessageTotalCountInc(1);
+    entry.exportedFlowRecordTotalCountInc(msgWrap->message->recordCount());
+    entry.exportedOctetTotalCountInc(msgWrap->message->len());
+    msgWrap->setRecord.each([&](const SetRecord& record) {
+      entry.setEntryInc(Tarn::Ipfix::SetId(record.setId), record.count, 0);
+    });
+  }
   const double now = Platform::current().clock().now();
   entry.lastSentTimeIs(now);
   entry.lastOptionsDataSentTimeIs(now);
-  msgWrap.setRecord.each([&](const SetRecord& record) {
-    entry.setEntryInc(Tarn::Ipfix::SetId(record.setId), record.count, 0);
-  });
   collStats->statsIs(entry);
 }
 
@@ -355,17 +363,17 @@ void OptionsDataExporterSm::processCollectorQueue() {
 
 // --- Sending ---
 
-void OptionsDataExporterSm::sendMessageTo_p(Collector& collector, MessageWrapper& msgWrap) {
-  // Each sending is told, and those told may take the collector or its family away.
-  if (collector.active() && familyReady_p(collector))
-    collector.sendMessage(*expInfo_, *hwExpConfig_, msgWrap);
+/// Asked before each message: sending is told, and those told may take collector or family away.
+bool OptionsDataExporterSm::reachable_p(const Collector& collector) const {
+  return collector.active() && familyReady_p(collector);
 }
-void OptionsDataExporterSm::sendMessageToCollectors(MessageWrapper& msgWrap) {
+void OptionsDataExporterSm::sendMessageToCollectors(const Ptr<MessageWrapper>& msgWrap) {
   std::vector<Ptr<Collector>> to;
   to.reserve(collector4_.size() + collector6_.size());
   for (const auto* family : {&collector4_, &collector6_})
     for (const auto& [name, collector] : *family) to.push_back(collector);
-  for (const auto& collector : to) sendMessageTo_p(*collector, msgWrap);
+  for (const auto& collector : to)
+    if (reachable_p(*collector)) collector->sendMessage(*expInfo_, *hwExpConfig_, msgWrap);
 }
 
 void OptionsDataExporterSm::maybeBeginPeriodicTransmission() {
@@ -419,10 +427,15 @@ void OptionsDataExporterSm::continueTransmissions() {
         continueTask_->scheduleIs(handedOver > 0 ? Seconds(0) : backlogPoll);
         return;
       }
-      const auto& messages = t.tables->messages;
-      const size_t end = std::min(messages.size(), t.next + turn);
-      handedOver += end - t.next;
-      for (; t.next < end; ++t.next) sendMessageTo_p(*t.collector, *messages[t.next]);
+      const std::span messages(t.tables->messages);
+      const auto piece = messages.subspan(t.next, std::min(messages.size() - t.next, turn));
+      size_t sent = 0;
+      while (sent < piece.size() && reachable_p(*t.collector))
+        t.collector->transmit(*expInfo_, *hwExpConfig_, *piece[sent++]);
+      if (sent > 0) t.collector->updateStats(piece.first(sent));
+      handedOver += sent;
+      // Who cannot be reached gets all of it when it can.
+      t.next = sent < piece.size() ? messages.size() : t.next + sent;
     }
     std::erase_if(transmission_, [](const Transmission& t) {
       return t.next == t.tables->messages.size() || !t.collector->active();
@@ -548,14 +561,14 @@ void OptionsDataExporterSm::flushUpdateQueue() {
 
     uint32_t consumed = builder.addSetRecord(setId, *record);
     if (consumed == 0 && builder.recordCount() > 0) {
-      sendMessageToCollectors(*builder.finalizeMsg());
+      sendMessageToCollectors(builder.finalizeMsg());
       builder.startMsg();
       consumed = builder.addSetRecord(setId, *record);
     }
     TARN_ASSERT(consumed > 0);
     yield = updateTask_->shouldYield();
   }
-  if (builder.recordCount() > 0) sendMessageToCollectors(*builder.finalizeMsg());
+  if (builder.recordCount() > 0) sendMessageToCollectors(builder.finalizeMsg());
   if (!update_.empty()) updateTask_->scheduleIs(Seconds(0));
 }
 

@@ -3,6 +3,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -135,13 +136,16 @@ class TARN_API Collector final : public Counted<Collector> {
   bool active() const { return exporterSm_ != nullptr; }
   void retire() { exporterSm_ = nullptr; }
 
-  /// The family's endpoint and source must be there (asserted).
+  /// Numbers, stamps and sends one message, and counts it. The family's endpoint and source must be
+  /// there (asserted).
   void sendMessage(const ExporterInfo& expInfo, const HwFlowTracking::ExporterConfig& hwExpConfig,
-                   MessageWrapper& msgWrap);
+                   const Ptr<MessageWrapper>& msgWrap);
+  /// Without counting: the caller does, for many.
+  void transmit(const ExporterInfo& expInfo, const HwFlowTracking::ExporterConfig& hwExpConfig,
+                MessageWrapper& msgWrap);
+  void updateStats(std::span<const Ptr<MessageWrapper>> sent);
 
  private:
-  void updateStats(const MessageWrapper& msgWrap);
-
   std::string name_;
   Ptr<CollectorInfo> collInfo_;
   IpAndPort dst4_;
@@ -244,8 +248,8 @@ class TARN_API OptionsDataExporterSm final : public Entity {
   void endTransmissions_p();
   void updateEnq_p(TemplateId setId, Ptr<const DataRecord> record);
   bool familyReady_p(const Collector& collector) const;
-  void sendMessageToCollectors(MessageWrapper& msgWrap);
-  void sendMessageTo_p(Collector& collector, MessageWrapper& msgWrap);
+  void sendMessageToCollectors(const Ptr<MessageWrapper>& msgWrap);
+  bool reachable_p(const Collector& collector) const;
   void processCollectorQueue();
   void flushUpdateQueue();
   void abortUpdates();
