@@ -25,7 +25,7 @@ class Ring {
 
  private:
   void grow() {
-    const size_t larger = capacity_ == 0 ? 64 : 2 * capacity_;
+    const size_t larger = capacity_ == 0 ? 8 : 2 * capacity_;
     std::unique_ptr<T[]> place(new T[larger]);
     for (size_t i = 0; i < size_; ++i) place[i] = std::move((*this)[i]);
     place_ = std::move(place);

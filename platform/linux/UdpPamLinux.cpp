@@ -311,7 +311,6 @@ class UdpPamLinux final : public UdpPam {
   bool closing_ = false;
   std::optional<Pace> limit_;  // in place of the host's own choice
   Pacer pacer_;
-  std::unique_ptr<TxRoom> txRoom_;  // made with the first send
   // To these a segmented send was refused: datagrams that go one by one until the next try.
   std::map<Destination, unsigned> unsegmented_;
 
@@ -487,8 +486,7 @@ void UdpPamLinux::flush() {
 /// used up, and the task does when there is more.
 bool UdpPamLinux::sendSome() {
   if (full_) return false;
-  if (!txRoom_) txRoom_ = std::make_unique<TxRoom>();
-  TxRoom& room = *txRoom_;
+  static thread_local TxRoom room;  // of all endpoints: a thousand of them share a warm one
   const size_t n = fill(room);
   if (n == 0) return false;
   const int sent =
