@@ -1,9 +1,8 @@
-"""Start, stop, crash, a second agent, the demonstration, the installation."""
+"""Start, stop, crash, a second agent, the demonstration."""
 
 import os
 import pathlib
 import re
-import shutil
 import signal
 import socket
 import subprocess
@@ -11,10 +10,9 @@ import time
 
 import pytest
 
-from lab import BUILD, SLOW, parse_json_lines, run, wait_for
-from tarnflow import (AGENT, OPTIONS_TEMPLATES, TOOL, Agent, collectors, config, counters, exporter, show_counters,
+from lab import BUILD, SLOW, parse_json_lines, wait_for
+from tarnflow import (AGENT, TOOL, Agent, collectors, config, counters, exporter, show_counters,
                       tool)
-from wire import Capture, tshark
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 SEGMENT = pathlib.Path("/dev/shm/tarnflow")
@@ -138,48 +136,3 @@ def test_demo_says_what_is_in_the_way(lab):
     assert program.wait_exit(5) == 1
     assert str(agent.pid) in program.err() and "another tarnflowd" in program.err()
     assert not receiver_is_up() and len(counters()) == 2
-
-
-def test_installed(lab, tmp_path):
-    """Installed below a prefix of its own, the agent and the tool run from there."""
-    prefix = tmp_path / "prefix"
-    run("cmake", "--install", BUILD, "--prefix", prefix)
-    moved = tmp_path / "moved"
-    shutil.move(prefix, moved)
-    libraries = run("ldd", moved / "sbin" / "tarnflowd")
-    assert re.search(rf"libtarnipfix\.so\.\d+ => {moved}/", libraries), libraries
-    assert run(moved / "bin" / "tarnflow", "--version").strip()
-    far = lab.namespace("tt-far")
-    lab.veth("up0", "dn0", far)
-    lab.address("up0", "10.96.0.1/24")
-    lab.address("dn0", "10.96.0.2/24", ns=far)
-    capture = Capture(lab, "dn0", ns=far)
-    file = lab.path("installed.toml")
-    file.write_text(config({"edge": {"id": 7, "exporter": {"main": exporter(
-        "up0", collectors(a="10.96.0.2"))}}}))
-    program = lab.start("installed", moved / "sbin" / "tarnflowd", "--config", file)
-    capture.wait(2)
-    assert program.stop() == 0
-
-
-def test_example(lab):
-    """The program of the documentation exports its own template."""
-    far = lab.namespace("tt-far")
-    lab.veth("up0", "dn0", far)
-    lab.address("up0", "10.94.0.1/24")
-    lab.address("dn0", "10.94.0.2/24", ns=far)
-    capture = Capture(lab, "dn0", ns=far)
-    program = lab.start("embed", f"{BUILD}/bin/embed", "10.94.0.1", "10.94.0.2")
-    capture.wait(2)
-    assert program.stop() == 0
-    templates = {t.id: t.fields for p in tshark(capture.file) for t in p.templates}
-    assert templates.pop(300) == ((8, 4, 0), (12, 4, 0), (1, 8, 0), (2, 8, 0))
-    assert templates.keys() == OPTIONS_TEMPLATES.keys()
-
-
-def test_library_needs_only_the_runtime():
-    libraries = run("ldd", f"{BUILD}/lib/libtarnipfix.so")
-    names = {re.split(r"[\s(]", line.strip())[0].rsplit("/", 1)[-1]
-             for line in libraries.splitlines()}
-    allowed = r"(linux-vdso|libstdc\+\+|libm|libgcc_s|libc|ld-linux-x86-64|ld-linux-aarch64)\.so\.\d+"
-    assert names and all(re.fullmatch(allowed, n) for n in names), names
