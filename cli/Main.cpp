@@ -4,6 +4,7 @@
 #include "cli/Counters.h"
 #include "cli/Flows.h"
 #include "cli/Listen.h"
+#include "cli/Metrics.h"
 #include "cli/ToolPlatform.h"
 
 int main(int argc, char** argv) {
@@ -59,8 +60,8 @@ int main(int argc, char** argv) {
   auto* showCmd = app.add_subcommand("show", "Show what a running agent does");
   showCmd->require_subcommand(1);
   cli::CountersOptions counters;
-  const auto tableOptions = [&](CLI::App* cmd) {
-    cmd->add_option("--name", counters.name, "Shared memory of the agent's statistics")
+  const auto nameOption = [](CLI::App* cmd, std::string& to) {
+    cmd->add_option("--name", to, "Shared memory of the agent's statistics")
         ->type_name("/NAME")
         ->capture_default_str()
         ->check([](const std::string& name) {
@@ -68,6 +69,9 @@ int main(int argc, char** argv) {
                      ? std::string()
                      : "\"" + name + "\" is no name of shared memory: one '/' and it comes first";
         });
+  };
+  const auto tableOptions = [&](CLI::App* cmd) {
+    nameOption(cmd, counters.name);
     cmd->add_flag("--json", counters.json, "One JSON object, on one line");
     cmd->add_option("--watch", counters.watch, "Show again every S seconds")
         ->type_name("S")
@@ -87,6 +91,28 @@ int main(int argc, char** argv) {
       "Reads shared memory; the agent notices nothing. Exit status: 0; 1 when no agent runs or no "
       "tracker looks at packets.");
 
+  cli::MetricsOptions metrics;
+  auto* metricsCmd = app.add_subcommand(
+      "metrics", "Serve what the agent counts to Prometheus, over HTTP or as a file");
+  nameOption(metricsCmd, metrics.name);
+  auto* listenOption = metricsCmd->add_option("--listen", metrics.listen, "Where to serve /metrics")
+                           ->type_name("ADDR:PORT")
+                           ->capture_default_str()
+                           ->check(cli::listenError);
+  auto* textFile = metricsCmd
+                       ->add_option("--textfile", metrics.textFile,
+                                    "Write this file instead, once, for node-exporter's text-file "
+                                    "collector")
+                       ->type_name("FILE")
+                       ->excludes(listenOption);
+  metricsCmd->add_option("--interval", metrics.interval, "Write the file again every S seconds")
+      ->type_name("S")
+      ->check(positive)
+      ->needs(textFile);
+  metricsCmd->footer(
+      "Reads shared memory; goes on while the agent is stopped and started. Exit status: 0; 1 when "
+      "it could not listen or write.");
+
   std::string file;
   auto* checkCmd = app.add_subcommand("check", "Validate a configuration file as the agent would");
   checkCmd->add_option("FILE", file, "The configuration file")->required()->type_name("");
@@ -102,5 +128,6 @@ int main(int argc, char** argv) {
   if (*listenCmd) return cli::listen(listen);
   if (*countersCmd) return cli::showCounters(counters);
   if (*flowsCmd) return cli::showFlows(counters);
+  if (*metricsCmd) return cli::metrics(metrics);
   return cli::check(file);
 }

@@ -1,0 +1,35 @@
+#pragma once
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli/Counters.h"
+#include "platform/FlowPathCounters.h"
+
+namespace cli {
+
+/// Prometheus' text format 0.0.4, and OpenMetrics 1.0, which names the families of counters without
+/// their "_total" and ends in "# EOF".
+enum class MetricsFormat { prometheus, openMetrics };
+
+/// Everything that is known of the agent, by the naming rules of Prometheus. Of an agent that does
+/// not live there is `tarnflow_up 0` and no counter: its last values are nobody's now.
+std::string metricsText(const Counters& collectors,
+                        const std::vector<FlowTracking::FlowPathRecord>& flows,
+                        MetricsFormat format);
+
+struct MetricsOptions {
+  std::string name = "/tarnflow";  ///< of the shared memory
+  std::string listen = "127.0.0.1:9739";
+  std::string textFile;            ///< instead of listening
+  std::optional<double> interval;  ///< seconds between two writings of the file; none: write once
+};
+
+/// Serves the metrics over HTTP, or writes them into a file, until SIGINT or SIGTERM. The exit
+/// status: 0; 1 when it could not begin, or when a file that is written once could not be.
+int metrics(const MetricsOptions& options);
+
+/// "127.0.0.1:9739", "[::1]:9739"; what is wrong with it, or empty.
+std::string listenError(const std::string& text);
+
+}  // namespace cli

@@ -1,0 +1,245 @@
+"""`tarnflow metrics` and the reader of examples/, beside agents that live, stop and are killed."""
+
+import http.client
+import json
+import os
+import pathlib
+import random
+import re
+import signal
+import socket
+import subprocess
+import time
+
+import pytest
+from prometheus_client import parser
+from prometheus_client.openmetrics import parser as open_parser
+
+from lab import parse_json_lines, wait_for
+from tarnflow import TOOL, Agent, collectors, config, exporter, show_counters, tool
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+READER = ROOT / "examples" / "read_counters.py"
+# Names that Prometheus' text would break at: its quote, its escape, its line end spelled out.
+EVIL = 'a "b" \\n \\ é'
+ONE = config({EVIL: {"id": 7, "interfaces": ["lo"], "exporter": {"main": exporter(
+    "lo", collectors(four="127.0.0.1", six="::1"), template_interval="1s")}}})
+OPEN = "application/openmetrics-text; version=1.0.0"
+
+
+class Metrics:
+    """A running `tarnflow metrics`."""
+
+    def __init__(self, lab, *argv, listen="127.0.0.1:0"):
+        self.program = lab.start("metrics", TOOL, "metrics", "--listen", listen, *argv)
+        self.port = int(self.program.wait_log(r"^serving http://\S+:(\d+)/metrics$")[1])
+
+    def get(self, path="/metrics", method="GET", **headers):
+        to = http.client.HTTPConnection("127.0.0.1", self.port, timeout=5)
+        to.request(method, path, headers=headers)
+        answer = to.getresponse()
+        return answer.status, answer.getheader("Content-Type"), answer.read().decode()
+
+    def samples(self):
+        """{(name, labels): value}, as an independent parser has them."""
+        status, _, text = self.get()
+        assert status == 200, text
+        return samples(text)
+
+    def up(self):
+        return self.samples()["tarnflow_up", ()]
+
+
+def samples(text):
+    found = {}
+    for family in parser.text_string_to_metric_families(text):
+        for s in family.samples:
+            key = s.name, tuple(sorted(s.labels.items()))
+            assert key not in found, f"twice: {key}"
+            found[key] = s.value
+    return found
+
+
+def lint(text):
+    """What promtool has to say about names, types, units and help texts."""
+    done = subprocess.run(["promtool", "check", "metrics"], input=text, text=True,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    assert done.returncode == 0 and not done.stdout, done.stdout
+
+
+def labels(entry, **more):
+    address = entry["collectorAddress"]
+    collector = f"[{address}]" if ":" in address else address
+    return tuple(sorted({"tracker": entry["tracker"], "exporter": entry["exporter"],
+                         "collector": f"{collector}:{entry['collectorPort']}", **more}.items()))
+
+
+def test_says_what_the_counters_say(lab):
+    agent = Agent(lab, ONE)
+    metrics = Metrics(lab)
+    wait_for("templates went twice", lambda: all(
+        e["messages"] >= 4 for e in show_counters()["entries"]))
+    wait_for("the flow path wrote its counters", lambda: any(
+        n == "tarnflow_capture_packets_total" for n, _ in metrics.samples()))
+    # No sooner than the agent rests do two readings agree.
+    agent.program.process.send_signal(signal.SIGSTOP)
+    time.sleep(0.15)  # what is served is at most 100 ms old
+    _, kind, text = metrics.get()
+    assert kind == "text/plain; version=0.0.4; charset=utf-8"
+    lint(text)
+    found = samples(text)
+    assert found["tarnflow_up", ()] == 1
+    said = show_counters()["entries"]
+    assert len(said) == 2 and all(e["tracker"] == EVIL for e in said)
+
+    def family(name, value, each=lambda e: [(e, {})]):
+        """One of ours has these samples and no other."""
+        name = f"tarnflow_{name}"
+        assert {l: v for (n, l), v in found.items() if n == name} == {
+            labels(e, **more): value(one) for e in said for one, more in each(e)}, name
+
+    def sets(data):
+        return lambda e: [(s, {"set": str(s["id"])}) for s in e["sets"] if (s["id"] > 255) == data]
+    family("exported_messages_total", lambda e: e["messages"])
+    family("exported_data_records_total", lambda e: e["records"])
+    family("exported_bytes_total", lambda e: e["octets"])
+    family("exported_templates_total", lambda e: sum(s["templates"] for s in e["sets"]))
+    family("exported_set_data_records_total", lambda s: s["records"], sets(True))
+    family("exported_set_templates_total", lambda s: s["templates"], sets(False))
+    family("last_message_timestamp_seconds", lambda e: round(e["lastMessageTime"], 3))
+    family("last_options_data_timestamp_seconds", lambda e: round(e["lastOptionsDataTime"], 3))
+    assert all(e["records"] > 0 and len(e["sets"]) > 2 for e in said)
+    # Sums mean something: the sets of a family are its total, and each packet is in one place.
+    def total(name):
+        return sum(v for (n, _), v in found.items() if n == name)
+    assert total("tarnflow_exported_set_data_records_total") == total(
+        "tarnflow_exported_data_records_total")
+    assert total("tarnflow_capture_packets_total") == total("tarnflow_flow_packets_total") + total(
+        "tarnflow_capture_packets_uncounted_total")
+
+    # The example reads the same, by the documentation of the layout alone.
+    done = subprocess.run([READER], stdout=subprocess.PIPE, text=True, check=True)
+    read = sorted(parse_json_lines(done.stdout), key=labels)
+    assert read == sorted(said, key=labels)
+
+    _, kind, text = metrics.get(Accept=OPEN)
+    assert kind == "application/openmetrics-text; version=1.0.0; charset=utf-8"
+    opened = {(s.name, tuple(sorted(s.labels.items()))): s.value
+              for f in open_parser.text_string_to_metric_families(text) for s in f.samples}
+    assert opened == found
+    agent.program.process.send_signal(signal.SIGCONT)
+    assert agent.stop() == 0
+
+
+def test_everyone_recovers_from_kill(lab, tmp_path):
+    """Agent, tool and metrics process die without warning, in any order: each that starts again, or
+    goes on, tells a living agent from a dead one, and shows nothing of the dead."""
+    seed = random.SystemRandom().randrange(10 ** 6)
+    print("seed", seed)
+    order = random.Random(seed)
+    agent, metrics = Agent(lab, ONE), Metrics(lab)
+    watcher = lab.start("watch", TOOL, "show", "counters", "--json", "--watch", "0.05")
+
+    def judge(alive):
+        wait_for(f"metrics say {alive}", lambda: metrics.up() == alive)
+        found = metrics.samples()
+        assert any(n.startswith("tarnflow_exported") for n, _ in found) == alive, found
+        done = subprocess.run([READER], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        assert (done.returncode == 0) == bool(done.stdout) == alive, done
+        assert (tool("show", "counters", check=False)[0] == 0) == alive
+        lines = len(parse_json_lines(watcher.out()))
+        state = "live" if alive else "dead"
+        wait_for(f"the watcher sees {state}", lambda: (
+            seen := parse_json_lines(watcher.out())[lines:]) and seen[-1]["state"] == state)
+        if alive:
+            assert parse_json_lines(watcher.out())[-1]["writerPid"] == agent.pid
+
+    judge(True)
+    for victims in [("agent",), ("metrics",), ("watch",), ("agent", "metrics"), ("watch", "agent"),
+                    ("metrics", "agent", "watch")]:
+        for victim in order.sample(victims, len(victims)):
+            {"agent": agent.program, "metrics": metrics.program, "watch": watcher}[victim].stop(
+                signal.SIGKILL)
+        if "metrics" in victims:
+            metrics = Metrics(lab)
+        if "watch" in victims:
+            watcher = lab.start("watch", TOOL, "show", "counters", "--json", "--watch", "0.05")
+        if "agent" in victims:
+            judge(False)
+            agent = Agent(lab, ONE)
+        judge(True)
+    assert agent.stop() == 0
+    wait_for("nobody is up", lambda: metrics.up() == 0)
+    assert set(metrics.samples()) == {("tarnflow_up", ()), ("tarnflow_build_info", (
+        ("version", tool("--version")[1].split()[1]),))}
+
+
+def test_clients_do_not_wait_for_each_other(lab):
+    """Slow, silent and wrong clients cost a slot each, and nobody a scrape."""
+    agent, metrics = Agent(lab, ONE), Metrics(lab)
+
+    def connect(octets=b""):
+        s = socket.create_connection(("127.0.0.1", metrics.port), timeout=5)
+        s.sendall(octets)
+        return s
+    slow = [connect(o) for o in (b"", b"GET /met", b"GET /metrics HTTP/1.1\r\nHost: x\r\nA:") * 10]
+    stuffed = connect(b"GET / HTTP/1.1\r\nHost: x\r\nA: " + b"x" * 100000)
+    began = time.monotonic()
+    assert metrics.up() == 1 and time.monotonic() - began < 1
+    assert re.match(rb"HTTP/1.1 4(31|14|13|00)", stuffed.recv(99))
+    for method, path, status in (("GET", "/other", 404), ("POST", "/metrics", 405), ("GET", "/", 200),
+                                 ("HEAD", "/metrics", 200)):
+        assert metrics.get(path, method)[0] == status
+    # Beyond the limit the next waits for a slot, and is served when there is one.
+    slow += [connect(b"GET") for _ in range(64)]
+    late = connect(b"GET /metrics HTTP/1.0\r\n\r\n")
+    late.settimeout(0.3)
+    with pytest.raises(TimeoutError):
+        late.recv(99)
+    assert len(os.listdir(f"/proc/{metrics.program.pid}/fd")) < 64 + 20
+    for s in slow:
+        s.close()
+    late.settimeout(5)
+    assert late.recv(99).startswith(b"HTTP/1.1 200")
+    # As many at once as there are slots, and all of them gone again: it listens on.
+    for _ in range(5):
+        for s in [connect(b"GET") for _ in range(70)]:
+            s.close()
+        assert metrics.up() == 1
+    assert metrics.program.stop() == 0 and agent.stop() == 0
+
+
+def test_text_file(lab, tmp_path):
+    agent = Agent(lab, ONE)
+    file = tmp_path / "tarnflow.prom"
+    tool("metrics", "--textfile", file)
+    text = file.read_text()
+    lint(text)
+    assert samples(text)["tarnflow_up", ()] == 1 and file.stat().st_mode & 0o777 == 0o644
+    writer = lab.start("textfile", TOOL, "metrics", "--textfile", file, "--interval", "0.02")
+    # Each time it is another file, whole; none besides is what node-exporter would take for one.
+    inodes = set()
+
+    def versions():
+        with open(file) as f:
+            assert f.read().count("# HELP") == text.count("# HELP")
+            inodes.add(os.fstat(f.fileno()).st_ino)
+        return len(inodes) > 1
+    wait_for("another file has its name", versions)
+    assert {f.name for f in tmp_path.glob("*.prom")} == {file.name}
+    agent.program.stop(signal.SIGKILL)
+    wait_for("the file says that nobody is up", lambda: samples(file.read_text()).keys() == {
+        ("tarnflow_up", ()), ("tarnflow_build_info", (("version", tool("--version")[1].split()[1]),))})
+    assert writer.stop() == 0 and list(tmp_path.glob("*.prom*")) == []
+
+
+@pytest.mark.parametrize("argv, code, why", [
+    (["--listen", "localhost"], 2, "127.0.0.1:9739"),
+    (["--listen", "[::1]:99999"], 2, "no address and port"),
+    (["--listen", "192.0.2.1:0"], 1, "assign"),
+    (["--textfile", "/absent/x.prom"], 1, "/absent"),
+    (["--interval", "1"], 2, "--textfile"),
+    (["--textfile", "x", "--listen", "127.0.0.1:0"], 2, "xclude")])
+def test_refuses(argv, code, why):
+    done = tool("metrics", *argv, check=False)
+    assert done[0] == code and why in done[2], done
