@@ -3,7 +3,8 @@
 BUILD := build
 JOBS ?= $(shell nproc)
 
-.PHONY: build run test bench bench-probe fuzz lint asan clang valgrind soak format install clean
+.PHONY: build run test bench bench-probe fuzz lint asan clang valgrind soak format install \
+        package try-package clean
 build:
 	@scripts/install-deps build
 	cmake --preset release
@@ -54,5 +55,17 @@ format:
 install: build
 	cmake --install $(BUILD)
 
+# Debian packages, in build-package: the library, its headers, the agent with its tool.
+package:
+	@scripts/install-deps package
+	cmake --preset package
+	cmake --build build-package -j $(JOBS)
+	cd build-package && cpack
+
+# Installs them in a clean Debian, boots it, and tries the service there.
+try-package: package
+	@scripts/install-deps try
+	scripts/try-packages build-package
+
 clean:
-	rm -rf build build-asan build-clang build-debug build-fuzz
+	rm -rf build build-asan build-clang build-debug build-fuzz build-package

@@ -265,12 +265,16 @@ void Networks::review(Entry& entry) {
   } catch (const ErrnoException& e) {
     const int err = e.code().value();
     close(entry);
-    if (err == EINVAL || err == ENOENT) {  // made, and not mounted yet; or gone again
-      if (++entry.notYet == patience) say(entry, Severity::warning, "is no namespace");
+    // Made, and not mounted yet (the file below has mode 0, which only stops who is not root); or
+    // gone again.
+    if (err == EINVAL || err == ENOENT || err == EACCES) {
+      if (++entry.notYet == patience)
+        say(entry, Severity::warning, err == EACCES ? "may not be opened" : "is no namespace");
     } else {
       say(entry, entry.wanted ? Severity::error : Severity::warning,
           std::string("cannot be looked at: ") + std::strerror(err) +
-              (err == EPERM ? " (entering a namespace needs CAP_SYS_ADMIN)" : ""));
+              (err == EPERM ? " (entering a namespace needs CAP_SYS_ADMIN); its VRF is left out"
+                            : ""));
     }
     return;
   }

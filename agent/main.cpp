@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "agent/Agent.h"
+#include "agent/Capabilities.h"
 #include "agent/Printable.h"
 
 namespace {
@@ -48,6 +49,7 @@ int signalDescriptor() {
 int run(const AgentOptions& options, AgentLog& log) {
   const int signals = signalDescriptor();
   raiseDescriptorLimit();
+  keepNeededCapabilities();
   try {
     const Ptr<EventLoop> loop = eventLoopFactory();
     Agent agent(loop, log, options);

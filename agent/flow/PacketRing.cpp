@@ -90,7 +90,9 @@ void PacketRing::Unmap::operator()(uint8_t* at) const noexcept { ::munmap(at, le
 PacketRing::PacketRing(const Options& options) : options_(options) {
   // Without a protocol it hears nothing until it is bound.
   fd_ = platform::Fd(::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
-  if (!fd_) throw platform::ErrnoException(errno, "cannot open a packet socket");
+  if (!fd_)
+    throw platform::ErrnoException(errno, errno == EPERM ? "a packet socket needs CAP_NET_RAW"
+                                                         : "cannot open a packet socket");
   const int fd = fd_.get();
   Program nothing{result(0)};
   if (!attach(fd, nothing))

@@ -1,0 +1,74 @@
+"""The service's files, and what the agent does with many, few and no capabilities."""
+
+import pathlib
+import re
+import shutil
+import subprocess
+
+import pytest
+
+from lab import BUILD, run, wait_for
+from tarnflow import Agent, collectors, config, counters, exporter
+
+# What docs/operating.md says; systemd-analyze rounds.
+EXPOSURE = {"tarnflowd": 2.0, "tarnflow-metrics": 1.4}
+NET_RAW, SYS_ADMIN = 1 << 13, 1 << 21
+SYS_MODULE, DAC_OVERRIDE, SETUID = 1 << 16, 1 << 1, 1 << 7
+
+
+@pytest.mark.parametrize("name", EXPOSURE)
+def test_unit_file(name, tmp_path):
+    unit = tmp_path / f"{name}.service"
+    text = (pathlib.Path(BUILD) / "packaging" / unit.name).read_text()
+    # As if this build were installed: the programs that the file names must be there.
+    unit.write_text(re.sub(r"=/\S+/s?bin/(tarnflow)", rf"={BUILD}/bin/\1", text))
+    done = subprocess.run(["systemd-analyze", "verify", "--man=no", unit], text=True,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    assert done.returncode == 0 and not done.stdout, done.stdout
+    said = run("systemd-analyze", "security", "--offline=true", unit)
+    exposure = float(re.search(r"exposure level for \S+: ([\d.]+)", said)[1])
+    assert exposure <= EXPOSURE[name], said
+
+
+def capabilities(pid):
+    """The permitted capabilities of each thread."""
+    return {int(re.search(r"^CapPrm:\s+(\w+)", s.read_text(), re.M)[1], 16)
+            for s in pathlib.Path(f"/proc/{pid}/task").glob("*/status")}
+
+
+def test_root_gives_up_what_it_does_not_need(lab):
+    agent = Agent(lab, config({"edge": {"id": 7, "interfaces": ["lo"], "exporter": {
+        "main": exporter("lo", collectors(four="127.0.0.1"))}}}))
+    agent.program.wait_log("tracking flows on lo")
+    threads = capabilities(agent.pid)
+    assert len(threads) == 1, threads  # the capture's thread has no more than the first
+    has = threads.pop()
+    assert has & NET_RAW and has & SYS_ADMIN
+    assert not has & (SYS_MODULE | DAC_OVERRIDE | SETUID), hex(has)
+    # It can still do what these are for, long after the start.
+    lab.namespace("ns-red")
+    agent.program.wait_log("VRF red: tracking flows|ns-red is there")
+    assert agent.stop() == 0
+
+
+def test_nobody_runs_what_needs_no_capability(lab, tmp_path):
+    """Exports from the addresses of this namespace, and says what is left out and why."""
+    lab.namespace("ns-red")
+    home = pathlib.Path("/run/nobody")  # where nobody may read, unlike the test's directories
+    home.mkdir()
+    shutil.copytree(f"{BUILD}/bin", home / "bin", ignore=lambda _, names: [
+        n for n in names if n != "tarnflowd"])
+    shutil.copytree(f"{BUILD}/lib", home / "lib", symlinks=True, ignore=lambda _, names: [
+        n for n in names if not n.startswith("libtarnipfix.so")])
+    file = home / "tarnflow.toml"
+    file.write_text(config({"edge": {"id": 7, "interfaces": ["lo"], "exporter": {
+        "main": exporter("lo", collectors(four="127.0.0.1"))}}}))
+    agent = lab.start("nobody", "setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups",
+                      home / "bin" / "tarnflowd", "--config", file,
+                      env={"LD_LIBRARY_PATH": str(home / "lib")})
+    agent.wait_log(r"tracker edge, VRF default: cannot track flows.*CAP_NET_RAW")
+    agent.wait_log(r"ns-red cannot be looked at:.*CAP_SYS_ADMIN.*its VRF is left out")
+    wait_for("templates and options data leave", lambda: counters()["127.0.0.1"]["records"] > 0)
+    assert capabilities(agent.pid) == {0}
+    assert len(re.findall("CAP_", agent.log())) == 2, "each is said once"
+    assert agent.stop() == 0
