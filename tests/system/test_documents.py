@@ -1,0 +1,109 @@
+"""What people read and type: the README's commands, the manual pages, the completions."""
+
+import os
+import pathlib
+import re
+import subprocess
+
+import pytest
+
+from lab import BUILD, run
+from tarnflow import AGENT, TOOL
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+MADE = pathlib.Path(BUILD) / "packaging"
+
+
+def readme(section):
+    """The blocks of commands of one section."""
+    text = (ROOT / "README.md").read_text().split(f"## {section}\n", 1)[1].split("\n## ", 1)[0]
+    return ["\n".join(line[4:] for line in block.splitlines())
+            for block in re.findall(r"(?:^    .*\n)+", text, re.M)]
+
+
+def test_readme_tour(tmp_path):
+    """The tour as it stands there, in a shell like a reader's."""
+    tour = readme("From the source tree")[1]
+    assert "tarnflowd --config" in tour
+    (tmp_path / "build").symlink_to(BUILD)
+    done = subprocess.run(["bash", "-m", "-e", "-c", tour + "\nwait"], cwd=tmp_path, text=True,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=60)
+    said = done.stdout
+    assert done.returncode == 0, said
+    for what in ("options template 65281", "packetsSeen", "127.0.0.1:4739",
+                 "reloaded my.toml", "FLOWTRACKING_EXPORTER_INACTIVE"):
+        assert what in said, (what, said)
+
+
+def help_of(program, *path):
+    """(options, subcommands) of a command, from its own help."""
+    said = run(program, *path, "--help")
+    subcommands = said.partition("\nSubcommands:\n")[2].partition("\n\n")[0]
+    return (re.findall(r"^  (?:-\w,)?(--[\w-]+)", said, re.M),
+            re.findall(r"^  ([\w-]+)", subcommands, re.M))
+
+
+def commands(program, *path):
+    """Every command of a program, with its options."""
+    options, subcommands = help_of(program, *path)
+    yield path, options
+    for name in subcommands:
+        yield from commands(program, *path, name)
+
+
+def manual(page):
+    text = re.sub(".\b", "", run("man", "-l", "-Tutf8", MADE / "man" / page))  # bold by overstriking
+    return re.sub(r"\x1b\[[\d;]*m", "", text).replace("‐", "-").replace("−", "-")
+
+
+def test_manual_pages_leave_nothing_out(monkeypatch):
+    monkeypatch.setenv("MANWIDTH", "400")  # no word is broken
+    pages = {p: manual(p) for p in ("tarnflow.1", "tarnflowd.8", "tarnflow.toml.5")}
+    for page, program in (("tarnflow.1", TOOL), ("tarnflowd.8", AGENT)):
+        for path, options in commands(program):
+            assert " ".join(("tarnflow", *path)) in pages[page], (page, path)
+            for option in {*options} - {"--help", "--version"}:
+                assert re.search(rf"{option}\b", pages[page]), (page, path, option)
+    keys = set(re.findall(r"^(?:# )?([a-z-]+) *= ", run(AGENT, "--print-default-config"), re.M))
+    assert len(keys) >= 17, keys
+    for key in keys:
+        assert re.search(rf"^ +{key}\b", pages["tarnflow.toml.5"], re.M), key
+
+
+def complete(line, cwd):
+    """What bash offers at the end of a line."""
+    words = line.split(" ")
+    done = subprocess.run(
+        ["bash", "-c", 'source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); "_$1"; '
+         'printf "%s\\n" "${COMPREPLY[@]}"', "bash", MADE / "completions" / "bash" / words[0], *words],
+        cwd=cwd, text=True, check=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    assert not done.stderr, done.stderr
+    return {w for w in done.stdout.split("\n") if w}
+
+
+def test_completions(tmp_path):
+    for program in (TOOL, AGENT):
+        name = os.path.basename(program)
+        for path, options in commands(program):
+            _, subcommands = help_of(program, *path)
+            line = " ".join((name, *path))
+            offered = complete(line + " --", tmp_path)
+            assert offered == set(options), line
+            assert set(subcommands) <= complete(line + " ", tmp_path), line
+            if subcommands:
+                assert complete(f"{line} {subcommands[0][:2]}", tmp_path) == {
+                    s for s in subcommands if s.startswith(subcommands[0][:2])}
+    (tmp_path / "my file.toml").touch()
+    assert complete("tarnflow check my", tmp_path) == {"my file.toml"}
+    assert complete("tarnflowd --config my", tmp_path) == {"my file.toml"}
+    assert complete("tarnflow show counters --watch ", tmp_path) == set()
+    for shell, file in (("zsh", "_tarnflow"), ("fish", "tarnflow.fish")):
+        run(shell, "-n", MADE / "completions" / shell / file)
+
+
+@pytest.mark.parametrize("document", ["README.md", *(f"docs/{p.name}" for p in (
+    ROOT / "docs").glob("*.md"))])
+def test_links_lead_somewhere(document):
+    at = ROOT / document
+    for target in re.findall(r"\]\(([^)#]+?)(?:#[^)]*)?\)", at.read_text()):
+        assert "://" in target or (at.parent / target).exists(), target
