@@ -52,7 +52,7 @@ def commands(program, *path):
 
 
 def manual(page):
-    text = re.sub(".\b", "", run("man", "-l", "-Tutf8", MADE / "man" / page))  # bold by overstriking
+    text = re.sub(".\b", "", run("man", "-l", "-Tutf8", MADE / "man" / f"{page}.gz"))  # bold by overstriking
     return re.sub(r"\x1b\[[\d;]*m", "", text).replace("‐", "-").replace("−", "-")
 
 
