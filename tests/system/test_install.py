@@ -60,6 +60,18 @@ def test_programs_run_from_there(lab, prefix):
     assert program.stop() == 0
 
 
+def test_service_names_its_prefix_and_keeps_what_was_edited(tmp_path):
+    run("cmake", "--install", BUILD, "--prefix", tmp_path)
+    config_file = tmp_path / "etc" / "tarnflow" / "tarnflow.toml"
+    unit = (tmp_path / "lib" / "systemd" / "system" / "tarnflowd.service").read_text()
+    program, file = re.search(r"^ExecStart=(\S+) --config (\S+)$", unit, re.M).groups()
+    assert file == str(config_file)
+    run(program, "--check", file)
+    config_file.write_text("# mine\n")
+    run("cmake", "--install", BUILD, "--prefix", tmp_path)
+    assert config_file.read_text() == "# mine\n"
+
+
 def cmake_consumer(prefix, where):
     (where / "CMakeLists.txt").write_text(CONSUMER)
     shutil.copy(EXAMPLE, where / "main.cpp")
