@@ -1,7 +1,7 @@
 /// Many interfaces, real sockets on loopback with the system's buffers, one process per collector:
 /// each must receive every record of a full transmission exactly once.
 ///
-///   scale_tables INTERFACES COLLECTORS
+///   scale_tables INTERFACES COLLECTORS [TIMES]
 #include <malloc.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -30,7 +30,7 @@ using namespace FlowTracking;
 namespace {
 
 constexpr uint16_t intfTable = 65281;
-constexpr unsigned rounds = 2;  // the tables at the start, and one periodic transmission
+unsigned rounds = 2;  // the tables at the start, and periodic transmissions
 constexpr int patienceMs = 20000;
 
 [[noreturn]] void fail(const std::string& what) {
@@ -199,10 +199,12 @@ void exportTables(uint32_t interfaces, const std::vector<uint16_t>& ports, int d
     };
     wait(ports.size(), "the full tables at every collector");
 
-    tracker->activeIntervalIs(1000);
-    loop->runOnce(Seconds(1.1));
-    tracker->activeIntervalIs(3600000);
-    wait(2 * ports.size(), "one periodic transmission at every collector");
+    for (unsigned round = 2; round <= rounds; ++round) {
+      tracker->activeIntervalIs(1);  // counts from the end of the last transmission
+      loop->runOnce(Seconds(0.1));
+      tracker->activeIntervalIs(3600000);
+      wait(round * ports.size(), "one periodic transmission at every collector");
+    }
 
     // One change: what the agent does at once, without the coalescing delay and the sending.
     watch = Stopwatch();
@@ -227,7 +229,9 @@ void exportTables(uint32_t interfaces, const std::vector<uint16_t>& ports, int d
 int main(int argc, char** argv) {
   const uint32_t interfaces = argc > 1 ? static_cast<uint32_t>(std::atol(argv[1])) : 100000;
   const int collectors = argc > 2 ? std::atoi(argv[2]) : 8;
-  if (interfaces == 0 || collectors <= 0) fail("usage: scale_tables INTERFACES COLLECTORS");
+  if (argc > 3) rounds = static_cast<unsigned>(std::atoi(argv[3]));
+  if (interfaces == 0 || collectors <= 0 || rounds < 1 || rounds > 255)
+    fail("usage: scale_tables INTERFACES COLLECTORS [TIMES, 1 to 255]");
   int done[2];
   if (::pipe(done) != 0) fail("pipe");
   std::vector<uint16_t> ports;
