@@ -15,7 +15,7 @@ constexpr uint32_t defaultActiveInterval = 300000;  // ms
 // How full tables are handed to the endpoints: messages per collector and turn, what may wait in an
 // endpoint before it has to send some, how soon to look again, and what one run of the task hands
 // over where nothing waits.
-constexpr size_t turn = 64;
+constexpr size_t turn = 32;
 constexpr uint64_t backlogMax = 256;
 constexpr Seconds backlogPoll{0.001};
 constexpr size_t handedOverMax = 4096;

@@ -19,7 +19,6 @@ class TARN_API IpAddr {
   static constexpr IpAddr ipAddrZero() { return IpAddr(); }
   constexpr uint32_t value() const { return value_; }
   constexpr bool isZero() const { return value_ == 0; }
-  constexpr bool isLoopback() const { return value_ >> 24 == 127; }
   std::string stringValue() const;  ///< dotted decimal
   static std::optional<IpAddr> fromString(std::string_view text);
   auto operator<=>(const IpAddr&) const = default;
@@ -36,9 +35,6 @@ class TARN_API Ip6Addr {
   constexpr explicit Ip6Addr(const Octets& octets) : octets_(octets) {}
   constexpr const Octets& octets() const { return octets_; }
   constexpr bool isZero() const { return octets_ == Octets{}; }
-  constexpr bool isLoopback() const {
-    return octets_ == Octets{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
-  }
   /// fe80::/10: valid on one link only, so never a source towards a collector.
   constexpr bool isLinkLocal() const { return octets_[0] == 0xfe && (octets_[1] & 0xc0) == 0x80; }
   std::string stringValue() const;  ///< RFC 5952

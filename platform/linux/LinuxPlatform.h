@@ -14,15 +14,11 @@ struct LinuxPlatformOptions {
   /// Datagrams that one endpoint may hold while its socket is full.
   size_t endpointQueueMax = 1 << 20;
   /// An endpoint without a rate limit of its own sends at most so many datagrams per
-  /// `paceInterval`; 0: as fast as the kernel takes them, to loopback too. A full table is
+  /// `paceInterval`; 0: as fast as the kernel takes them. A full table is
   /// thousands of messages: in one burst they overrun what a collector's socket holds (about 90
   /// messages by default), and nobody would know. 32 in 4 ms are 8000 messages a second.
   unsigned paceBurst = 32;
   std::chrono::nanoseconds paceInterval = std::chrono::milliseconds(4);
-  /// The same towards this host itself, where no wire is shared: 64000 messages a second. Here too
-  /// a burst is one that a collector's socket holds.
-  unsigned loopbackPaceBurst = 64;
-  std::chrono::nanoseconds loopbackPaceInterval = std::chrono::milliseconds(1);
   /// Datagrams of one length that one segmented send may take (UDP_SEGMENT); 1: none are segmented.
   size_t segmentsMax = 64;
   /// Octets of the kernel's receive buffer that an endpoint with a handler asks for; the kernel

@@ -160,10 +160,6 @@ Destination senderOf(const sockaddr_storage& from) {
   return {IpAddr(ntohl(v4.sin_addr.s_addr)), ntohs(v4.sin_port)};
 }
 
-bool isLoopback(const IpGenAddr& a) {
-  return a.isIpv6() ? a.ip6Addr().isLoopback() : a.ipAddr().isLoopback();
-}
-
 Pace paceOf(unsigned burst, std::chrono::duration<double> interval) {
   if (burst == 0) return {};
   return {.perSecond = burst / interval.count(), .burst = double(burst)};
@@ -191,8 +187,6 @@ class UdpPamLinux final : public UdpPam {
         netnsDir_(options.netnsDir),
         queueMax_(std::max<size_t>(options.endpointQueueMax, 1)),
         defaultPace_(paceOf(options.paceBurst, options.paceInterval)),
-        loopbackPace_(paceOf(options.paceBurst == 0 ? 0 : options.loopbackPaceBurst,
-                             options.loopbackPaceInterval)),
         segmentsMax_(std::clamp<size_t>(options.segmentsMax, 1, segmentsMax)),
         rxBufferSize_(options.rxBufferSize),
         rest_(loop_->taskScheduler()->timerTask(name + "-tx", taskPriority, [this] { flush(); })) {}
@@ -277,7 +271,7 @@ class UdpPamLinux final : public UdpPam {
     ++counters_.dropped;
     ++counters_.dropByErrno[err];
   }
-  const Pace& paceTo(const Datagram& d) const;
+  const Pace& pace() const { return limit_ ? *limit_ : defaultPace_; }
   size_t runAt(size_t first, size_t most) const;
   size_t fill(TxRoom& room);
   void tosIs(uint8_t tos);
@@ -291,7 +285,6 @@ class UdpPamLinux final : public UdpPam {
   const std::string netnsDir_;
   const size_t queueMax_;
   const Pace defaultPace_;
-  const Pace loopbackPace_;
   const size_t segmentsMax_;
   const int rxBufferSize_;
 
@@ -520,28 +513,19 @@ bool UdpPamLinux::sendSome() {
   return true;
 }
 
-/// The pace towards a datagram's destination.
-const Pace& UdpPamLinux::paceTo(const Datagram& d) const {
-  if (limit_) return *limit_;
-  return isLoopback(d.dst.addr) || d.dst.addr == d.src ? loopbackPace_ : defaultPace_;
-}
-
 /// Prepares what may leave now, and says how many sends that is. 0: the task goes on later.
 size_t UdpPamLinux::fill(TxRoom& room) {
   if (!socketIpv6_) tosIs(queue_.front().tos);
-  const Pace& pace = paceTo(queue_.front());
-  const bool paced = pace.perSecond > 0 && !closing_;
-  double credit = paced ? pacer_.credit(pace, Pacer::Clock::now()) : 1;
+  const bool paced = pace().perSecond > 0 && !closing_;
+  double credit = paced ? pacer_.credit(pace(), Pacer::Clock::now()) : 1;
   size_t most = 0;
   for (; most < std::min(queue_.size(), batchMax) && credit > 0; ++most) {
     const Datagram& d = queue_[most];
     if (!socketIpv6_ && d.tos != socketTos_) break;
-    if (!paced) continue;
-    if (&paceTo(d) != &pace) break;
-    credit -= pace.octets ? d.len : 1;
+    if (paced) credit -= pace().octets ? d.len : 1;
   }
   if (most == 0) {
-    rest_->scheduleLowestIs(pacer_.wait(pace));
+    rest_->scheduleLowestIs(pacer_.wait(pace()));
     return 0;
   }
   size_t slots = 0;
@@ -605,7 +589,7 @@ void UdpPamLinux::popFront() {
 void UdpPamLinux::taken(const Datagram& d) {
   ++counters_.sent;
   counters_.sentOctets += d.len;
-  pacer_.spend(paceTo(d).octets ? d.len : 1);
+  pacer_.spend(pace().octets ? d.len : 1);
   if (!unsegmented_.empty())
     if (const auto it = unsegmented_.find(d.dst); it != unsegmented_.end() && --it->second == 0)
       unsegmented_.erase(it);
