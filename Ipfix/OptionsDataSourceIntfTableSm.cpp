@@ -60,11 +60,18 @@ void InterfaceTableSm::handleInitialized() {
   dataSource_->dataRecordDelAll();
   dataRecord_.clear();
   dataRecord_.reserve(intfIndexMap_->intfIndex().size());
+  // Short names first: records of one length fill messages of one length, which leave in far fewer
+  // sends.
+  std::array<std::vector<Ptr<DataRecord>>, IntfIndexMap::nameMax + 1> byNameLen;
   for (const auto& [intfId, index] : intfIndexMap_->intfIndex()) {
     auto record = makeDataRecord(intfId.stringValue(), index);
-    dataSource_->dataRecordIs(record);
-    dataRecord_.insert(std::move(record));
+    byNameLen[intfId.stringValue().size()].push_back(std::move(record));
   }
+  for (auto& records : byNameLen)
+    for (auto& record : records) {
+      dataSource_->dataRecordIs(record);
+      dataRecord_.insert(std::move(record));
+    }
   using Map = IntfIndexMap;
   const std::pair<const char*, uint32_t> reserved[] = {
       {Map::multicastIntfName, Map::multicastIndex},
