@@ -3,7 +3,7 @@
 BUILD := build
 JOBS ?= $(shell nproc)
 
-.PHONY: build run test bench bench-probe fuzz lint asan clang valgrind soak format install \
+.PHONY: build run test bench bench-peers bench-probe fuzz lint asan clang valgrind soak format install \
         package try-package clean
 build:
 	@scripts/install-deps build
@@ -31,7 +31,14 @@ bench:
 	@scripts/install-deps test
 	cmake --preset release -DTARN_BENCH=ON
 	cmake --build $(BUILD) -j $(JOBS) --target tarn_bench
-	$(BUILD)/bin/tarn_bench
+	scripts/bench $(BUILD)/bin/tarn_bench
+
+# The same work done by another maker's IPFIX library.
+bench-peers:
+	@scripts/install-deps bench
+	cmake --preset release -DTARN_BENCH=ON
+	cmake --build $(BUILD) -j $(JOBS) --target tarn_bench_peers
+	scripts/bench $(BUILD)/bin/tarn_bench_peers
 
 # Every fuzz target for a minute, from the inputs in fuzz/corpus.
 fuzz:
