@@ -252,6 +252,10 @@ void CollectorStatistics::statsDelAll() {
   });
   for (const auto& key : keys) statsDel(key);
 }
+AttrRows CollectorStatistics::attrRows() const {
+  static constexpr AttrRow rows[] = {row<&CollectorStatistics::size>("size")};
+  return rows;
+}
 Ptr<CollectorStatistics> collectorStatisticsFactory(Ptr<SharedTable> table) {
   return Ptr<CollectorStatistics>::adopt(new CollectorStatistics(std::move(table)));
 }

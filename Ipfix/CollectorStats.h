@@ -264,6 +264,8 @@ class TARN_API CollectorStatistics final : public Entity {
   void statsDelAll();
   size_t size() const { return table_->size(); }
 
+  AttrRows attrRows() const override;
+
  private:
   Ptr<SharedTable> table_;
   bool fullTraced_ = false;

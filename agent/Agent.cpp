@@ -42,11 +42,12 @@ std::string Agent::configName() const {
   return options_.configFile.empty() ? "the built-in configuration" : options_.configFile;
 }
 
-std::optional<Settings> Agent::readConfig() const {
+std::optional<Settings> Agent::readConfig(std::vector<std::string>* errors) const {
   SettingsResult read = options_.configFile.empty()
                             ? parseSettings(defaultSettingsText(), configName())
                             : readSettings(options_.configFile);
   for (const std::string& error : read.errors) log_.error(error);
+  if (errors) *errors = std::move(read.errors);
   return std::move(read.settings);
 }
 
@@ -104,6 +105,7 @@ bool Agent::start() {
   running_ = true;
   apply(*settings);
   log_.info("started with " + configName() + ": " + describe(n));
+  startControl(settings->control);
   startedTask_->scheduleIs(Seconds(0));
   if (ServiceManager::watchdog().count() > 0) handleWatchdog();
   return true;
@@ -259,31 +261,79 @@ void Agent::handleFileDone() {
   loop_->stop();
 }
 
-void Agent::reload() {
-  if (!running_) return;
+ReloadOutcome Agent::reload() {
+  ReloadOutcome outcome;
+  if (!running_) return outcome;
   if (options_.configFile.empty()) {
-    log_.info("nothing to reload: the built-in configuration runs");
-    return;
+    outcome.done = true;
+    outcome.summary = "nothing to reload: the built-in configuration runs";
+    log_.info(outcome.summary);
+    return outcome;
   }
   ServiceManager::reloading();
-  if (const auto settings = readConfig()) {
+  if (const auto settings = readConfig(&outcome.errors)) {
     const Settings before = entities_->settings();
     const Changes changes = apply(*settings);
-    std::string text = "reloaded " + configName() + ": " + describe(changes);
-    if (before.vrfs != settings->vrfs) text += "; VRF ids changed";
-    log_.info(text);
+    outcome.done = true;
+    outcome.summary = "reloaded " + configName() + ": " + describe(changes);
+    if (before.vrfs != settings->vrfs) outcome.summary += "; VRF ids changed";
+    log_.info(outcome.summary);
     if (before.statistics != settings->statistics || before.control != settings->control)
-      log_.warning("agent.statistics and agent.control take effect at the next start");
+      outcome.warnings.emplace_back(
+          "agent.statistics and agent.control take effect at the next start");
     const size_t collectors = count(*settings).collectors;
     if (collectors > statisticsTable_->capacity())
-      log_.warning("counters of " + std::to_string(statisticsTable_->capacity()) + " of " +
-                   std::to_string(collectors) +
-                   " collectors are kept: the table grows at the next start");
+      outcome.warnings.push_back("counters of " + std::to_string(statisticsTable_->capacity()) +
+                                 " of " + std::to_string(collectors) +
+                                 " collectors are kept: the table grows at the next start");
+    for (const std::string& warning : outcome.warnings) log_.warning(warning);
   } else {
-    log_.error("not reloaded: " + configName() +
-               " is not valid; everything runs on as it was before");
+    outcome.summary =
+        "not reloaded: " + configName() + " is not valid; everything runs on as it was before";
+    log_.error(outcome.summary);
   }
   if (told_) ServiceManager::ready(status());
+  return outcome;
+}
+
+void Agent::startControl(const std::string& path) {
+  ControlHost host;
+  host.version = TARN_VERSION;
+  host.config = configName();
+  host.startTime = platform_->clock().now();
+  host.roots = [this] { return stateRoots(); };
+  host.reload = [this] { return reload(); };
+  controlRequests_ = std::make_unique<ControlRequests>(std::move(host), log_);
+  control_ = std::make_unique<ControlSocket>(
+      loop_, log_, [this](const ControlPeer& peer, std::string_view line) {
+        return controlRequests_->answer(peer, line);
+      });
+  if (!control_->listen(path)) control_.reset();
+}
+
+std::vector<StateTree::Root> Agent::stateRoots() const {
+  std::vector<StateTree::Root> roots;
+  const auto add = [&](std::string name, Ptr<const Entity> entity) {
+    if (entity) roots.push_back({std::move(name), std::move(entity)});
+  };
+  for (const auto& [type, tree] : entities_->trees()) {
+    const std::string kind = FlowTracking::toText(type) + '-';
+    const Roots& reactors = roots_.at(type);
+    add(kind + "config", tree.config);
+    add(kind + "status", tree.status);
+    add(kind + "info", reactors.info);
+    add(kind + "info-reactors", reactors.infoSm);
+    add(kind + "templates", reactors.templateSm);
+    add(kind + "options-data", reactors.optionsDataSm);
+  }
+  add("interfaces", interfaceIndexes_->map());
+  add("vrfs", vrfIds_->status());
+  add("networks", networks_->list());
+  add("requests", configReq_);
+  add("statistics", statistics_);
+  add("elements", ipfixInit_);
+  add("loop", loop_);
+  return roots;
 }
 
 void Agent::Roots::release() {
@@ -299,6 +349,8 @@ void Agent::stop() {
     log_.info("stopping");
   }
   told_ = false;
+  control_.reset();  // nobody asks from here on
+  controlRequests_.reset();
   startedTask_.reset();
   statusTask_.reset();
   watchdogTask_.reset();

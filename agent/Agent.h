@@ -10,6 +10,8 @@
 #include "Ipfix/IpfixSm.h"
 #include "Ipfix/OptionsDataManagerSm.h"
 #include "agent/AgentLog.h"
+#include "agent/ControlRequests.h"
+#include "agent/ControlSocket.h"
 #include "agent/Entities.h"
 #include "agent/InterfaceIndexes.h"
 #include "agent/LocalCollector.h"
@@ -45,8 +47,8 @@ class Agent {
   /// Reads the configuration and starts on it. False: the reasons are in the log, and nothing runs.
   bool start();
   /// Reads the configuration again. A valid one is applied by difference; an invalid one changes
-  /// nothing. What happened is in the log.
-  void reload();
+  /// nothing. What happened is in the log and returned.
+  ReloadOutcome reload();
   /// Releases the library's reactors, then what they stood on. Nothing after the first time.
   void stop();
 
@@ -70,12 +72,14 @@ class Agent {
   void startFlows(const Settings& settings);
   void startLocalCollectors();
   void handleFileDone();
-  std::optional<Settings> readConfig() const;
+  std::optional<Settings> readConfig(std::vector<std::string>* errors = nullptr) const;
   std::string configName() const;
   Changes apply(const Settings& settings);
   void handleStarted();
   std::string status() const;
   void handleWatchdog();
+  void startControl(const std::string& path);
+  std::vector<StateTree::Root> stateRoots() const;
 
   Ptr<EventLoop> loop_;
   AgentLog& log_;
@@ -104,6 +108,8 @@ class Agent {
   std::unique_ptr<TimerTask> startedTask_;
   std::unique_ptr<TimerTask> statusTask_;
   std::unique_ptr<TimerTask> watchdogTask_;
+  std::unique_ptr<ControlRequests> controlRequests_;
+  std::unique_ptr<ControlSocket> control_;
 };
 
 }  // namespace agent

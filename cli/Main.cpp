@@ -1,6 +1,7 @@
 #include <CLI/CLI.hpp>
 
 #include "cli/Check.h"
+#include "cli/ControlCommands.h"
 #include "cli/Counters.h"
 #include "cli/Flows.h"
 #include "cli/Listen.h"
@@ -112,6 +113,7 @@ int main(int argc, char** argv) {
   metricsCmd->footer(
       "Reads shared memory; goes on while the agent is stopped and started. Exit status: 0; 1 when "
       "it could not listen or write.");
+  cli::ControlCommands control(app, *showCmd);
 
   std::string file;
   auto* checkCmd = app.add_subcommand("check", "Validate a configuration file as the agent would");
@@ -129,5 +131,6 @@ int main(int argc, char** argv) {
   if (*countersCmd) return cli::showCounters(counters);
   if (*flowsCmd) return cli::showFlows(counters);
   if (*metricsCmd) return cli::metrics(metrics);
+  if (const auto status = control.run()) return *status;
   return cli::check(file);
 }

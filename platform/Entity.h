@@ -42,11 +42,19 @@ struct AttrRow {
   /// Receives the members of a collection: the key's text, and the child entity or else the text.
   using Visitor =
       std::function<void(const std::string& key, const Entity* child, const std::string& text)>;
+  using PartVisitor =
+      std::function<bool(const std::string& key, const Entity* child, const std::string& text)>;
   std::string_view name;
   std::string (*get)(const Entity&) = nullptr;                  ///< value attributes
   bool (*set)(Entity&, std::string_view text) = nullptr;        ///< settable ones; false: bad text
   void (*each)(const Entity&, const Visitor& visit) = nullptr;  ///< children and collections
-  void (*run)(Entity&) = nullptr;                               ///< actions
+  /// The same for maps, in parts: from the member whose key has the text `key`, or the next one
+  /// `behind` it (null: from the first), as long as `visit` returns true. Costs what is visited,
+  /// not what the map holds. False: the text is no key, or the map has no order and the key is
+  /// gone.
+  bool (*from)(const Entity&, const std::string* key, bool behind,
+               const PartVisitor& visit) = nullptr;
+  void (*run)(Entity&) = nullptr;  ///< actions
 };
 using AttrRows = std::span<const AttrRow>;
 
@@ -237,19 +245,47 @@ constexpr AttrRow childRow(std::string_view name) {
             if (child) visit({}, child.get(), {});
           }};
 }
-/// A map whose accessor returns it by reference; values are entities or have a text form.
+/// A map whose accessor returns it by reference; values are entities or have a text form, keys have
+/// a text form and its parser.
 template <auto Get>
 constexpr AttrRow mapRow(std::string_view name) {
   using M = detail::MemberOf<decltype(Get)>;
-  return {.name = name, .each = [](const Entity& e, const AttrRow::Visitor& visit) {
-            for (const auto& [k, v] : (static_cast<const typename M::Class&>(e).*Get)()) {
-              if constexpr (detail::EntityPtr<std::remove_cvref_t<decltype(v)>>) {
-                visit(toText(k), v.get(), {});
-              } else {
-                visit(toText(k), nullptr, toText(v));
-              }
-            }
-          }};
+  using Map = typename M::Result;
+  AttrRow r{.name = name};
+  r.from = [](const Entity& e, const std::string* key, bool behind,
+              const AttrRow::PartVisitor& visit) {
+    const Map& map = (static_cast<const typename M::Class&>(e).*Get)();
+    auto it = map.begin();
+    if (key) {
+      typename Map::key_type k{};
+      if (!fromText(*key, k)) return false;
+      if constexpr (requires { map.lower_bound(k); }) {
+        it = behind ? map.upper_bound(k) : map.lower_bound(k);
+      } else {
+        it = map.find(k);
+        if (it == map.end()) return false;
+        if (behind) ++it;
+      }
+    }
+    for (bool more = true; more && it != map.end(); ++it) {
+      if constexpr (detail::EntityPtr<typename Map::mapped_type>) {
+        more = visit(toText(it->first), it->second.get(), {});
+      } else {
+        more = visit(toText(it->first), nullptr, toText(it->second));
+      }
+    }
+    return true;
+  };
+  r.each = [](const Entity& e, const AttrRow::Visitor& visit) {
+    for (const auto& [k, v] : (static_cast<const typename M::Class&>(e).*Get)()) {
+      if constexpr (detail::EntityPtr<typename Map::mapped_type>) {
+        visit(toText(k), v.get(), {});
+      } else {
+        visit(toText(k), nullptr, toText(v));
+      }
+    }
+  };
+  return r;
 }
 template <auto Run>
 constexpr AttrRow actionRow(std::string_view name) {

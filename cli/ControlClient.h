@@ -1,0 +1,43 @@
+#pragma once
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+
+#include "platform/linux/Fd.h"
+
+namespace cli {
+
+/// The agent cannot be asked: the text says why, and what to do.
+class NoAgent : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+/// It was asked and refuses.
+class Refused : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// A connection to an agent's control socket; docs/control-socket.md has the requests.
+class ControlClient {
+ public:
+  using Json = nlohmann::ordered_json;
+
+  /// Throws NoAgent.
+  explicit ControlClient(const std::string& path);
+
+  /// The answer to one request. Throws NoAgent when none comes, Refused when it is a refusal.
+  Json ask(const Json& request);
+
+  /// All parts of an answer that comes in several: asks until nothing follows. `part` gets each
+  /// answer; it may return where to go on instead (null: where the answer says).
+  void askAll(Json request, const std::function<Json(const Json& answer)>& part);
+
+ private:
+  std::string path_;
+  platform::Fd fd_;
+  std::string in_;
+};
+
+}  // namespace cli

@@ -1,0 +1,126 @@
+#include "cli/ControlShow.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "platform/Text.h"
+
+namespace cli {
+namespace {
+using Json = nlohmann::ordered_json;
+
+std::vector<std::string> partsOf(std::string_view path) {
+  std::vector<std::string> parts;
+  for (;;) {
+    const size_t end = path.find('/');
+    parts.emplace_back(path.substr(0, end));
+    if (end == std::string_view::npos) return parts;
+    path.remove_prefix(end + 1);
+  }
+}
+std::string joined(const std::vector<std::string>& parts, size_t n) {
+  std::string path;
+  for (size_t i = 0; i < n; ++i) path += (i ? "/" : "") + parts[i];
+  return path;
+}
+bool isMember(std::string_view part) { return part.starts_with('='); }
+
+/// "%2F" as '/', and so on.
+std::string decoded(std::string_view part) {
+  std::string out;
+  for (size_t i = 0; i < part.size(); ++i) {
+    unsigned octet = 0;
+    if (part[i] == '%' && i + 2 < part.size() &&
+        std::from_chars(&part[i + 1], &part[i] + 3, octet, 16).ptr == &part[i] + 3) {
+      out += static_cast<char>(octet);
+      i += 2;
+    } else {
+      out += part[i];
+    }
+  }
+  return out;
+}
+/// A text of the framework without the quotes that strings have there.
+std::string plain(const std::string& text) {
+  const auto unquoted = platform::fromQuoted(text);
+  return unquoted ? *unquoted : text;
+}
+std::string nameOf(std::string_view part) {
+  return isMember(part) ? plain(decoded(part.substr(1))) : decoded(part);
+}
+}  // namespace
+
+/// Notes which collections the row is in; true: it is in one that has had all its members shown.
+bool StateView::cut_p(const std::vector<std::string>& parts) {
+  size_t level = 0;
+  for (size_t i = 0; i < parts.size(); ++i) {
+    if (!isMember(parts[i])) continue;
+    std::string path = joined(parts, i);
+    if (level >= open_.size() || open_[level].path != path) {
+      open_.resize(level);
+      open_.push_back({std::move(path), {}, 0, false});
+    }
+    if (open_[level].member != parts[i] || open_[level].members == 0) {
+      open_.resize(level + 1);
+      Open& open = open_[level];
+      open.member = parts[i];
+      if (++open.members > membersMax_ && membersMax_ > 0 && !open.cut) {
+        open.cut = true;
+        std::vector<std::string> more(parts.begin(), parts.begin() + static_cast<ptrdiff_t>(i));
+        more.emplace_back("...");
+        add_p(more, "more");
+      }
+    }
+    if (open_[level].cut) return true;
+    ++level;
+  }
+  open_.resize(level);
+  return false;
+}
+
+Json StateView::take(const Json& rows) {
+  bool cut = false;
+  for (const Json& row : rows) {
+    const auto parts = partsOf(row.at(0).get<std::string>());
+    cut = cut_p(parts);
+    if (!cut) add_p(parts, row.at(1));
+  }
+  if (!cut) return nullptr;
+  for (const Open& open : open_)
+    if (open.cut) return open.path;
+  return nullptr;
+}
+
+void StateView::add_p(const std::vector<std::string>& parts, const Json& text) {
+  const std::string value = text.is_null() ? std::string() : plain(text.get<std::string>());
+  if (form_ == Form::json) {
+    Json* at = &json_;
+    for (size_t i = 0; i + 1 < parts.size(); ++i) at = &(*at)[nameOf(parts[i])];
+    (*at)[nameOf(parts.back())] = text.is_null() ? Json(nullptr) : Json(value);
+    return;
+  }
+  const auto differs = std::mismatch(parts.begin(), parts.end(), last_.begin(), last_.end());
+  const auto first = static_cast<size_t>(differs.first - parts.begin());
+  for (size_t i = std::min(first, parts.size() - 1); i < parts.size(); ++i) {
+    const bool leaf = i + 1 == parts.size();
+    std::string shownText;
+    if (leaf) shownText = text.is_null() ? "-" : value.empty() ? "\"\"" : shown(value);
+    lines_.push_back({i, shown(nameOf(parts[i])), isMember(parts[i]), std::move(shownText)});
+  }
+  last_ = parts;
+}
+
+std::string StateView::takeText(const Style& style) {
+  std::string out;
+  for (const Line& line : lines_) {
+    out.append(2 * line.depth, ' ');
+    const std::string name = line.member ? '[' + line.name + ']' : line.name;
+    out += line.text.empty() ? style.strong(name) : name + ' ' + line.text;
+    out += '\n';
+  }
+  lines_.clear();
+  return out;
+}
+
+}  // namespace cli

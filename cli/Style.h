@@ -1,0 +1,30 @@
+#pragma once
+#include <string>
+#include <string_view>
+
+namespace cli {
+
+/// Colours for a terminal; text as it is for anything else, and where NO_COLOR is set
+/// (https://no-color.org).
+class Style {
+ public:
+  explicit Style(bool colour) : colour_(colour) {}
+  /// As standard output and the environment want it.
+  static Style ofOutput();
+
+  bool colour() const { return colour_; }
+  std::string good(std::string_view text) const { return in("32", text); }
+  std::string bad(std::string_view text) const { return in("1;31", text); }
+  std::string waits(std::string_view text) const { return in("33", text); }
+  std::string strong(std::string_view text) const { return in("1", text); }
+  std::string faint(std::string_view text) const { return in("2", text); }
+
+ private:
+  std::string in(std::string_view code, std::string_view text) const;
+  bool colour_;
+};
+
+/// Text from outside, fit for one line of a terminal: as it is, or in quotes with escapes.
+std::string shown(std::string_view text);
+
+}  // namespace cli
