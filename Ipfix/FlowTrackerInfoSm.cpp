@@ -198,6 +198,7 @@ void ExporterInfoSm::handleCollector6() {
 void ExporterInfoSm::handlePam4Management() {
   const Ptr<ExporterInfoSm> hold(this);  // who hears of this may delete the exporter
   deletePam4();
+  pam4Problem_.clear();
   if (hwExpConfig_->srcIpAddr().isZero()) return;
   handleCollector4();
   createPam4();
@@ -205,12 +206,13 @@ void ExporterInfoSm::handlePam4Management() {
 void ExporterInfoSm::handlePam6Management() {
   const Ptr<ExporterInfoSm> hold(this);
   deletePam6();
+  pam6Problem_.clear();
   if (hwExpConfig_->srcIp6Addr().isZero()) return;
   handleCollector6();
   createPam6();
 }
 
-Ptr<UdpPam> ExporterInfoSm::openPam_p(const char* prefix, bool ipv6) {
+Ptr<UdpPam> ExporterInfoSm::openPam_p(const char* prefix, bool ipv6, std::string& problem) {
   try {
     auto pam = Platform::current().udpPam(prefix + ftName_ + "-" + expName_);
     const NamespaceName ns = namespaceOf(hwExpConfig_->vrfName());
@@ -219,25 +221,27 @@ Ptr<UdpPam> ExporterInfoSm::openPam_p(const char* prefix, bool ipv6) {
     pam->txPrioIs(trafficControlPrio);
     pam->txRateLimitIs(hwExpConfig_->rateLimit());
     pam->modeIs(UdpPam::inService);
+    problem.clear();
     trace(TraceLevel::event, "ExporterInfoSm::", "Created Pam:", pam->name(),
           ", txPrio:", int{pam->txPrio()}, ", fd:", pam->fd());
     return pam;
   } catch (const ErrnoException& e) {
     trace(TraceLevel::event, "ExporterInfoSm::", " for ", traceId_,
           " Caught ErrnoException:", e.what());
+    problem = e.what();
     pamRetryTask_->scheduleLowestIs(pamRetryInterval);
     return {};
   }
 }
 // The port goes first: when the endpoint appears, readiness finds both.
 void ExporterInfoSm::createPam4() {
-  const auto pam = openPam_p("udpPam4-", false);
+  const auto pam = openPam_p("udpPam4-", false, pam4Problem_);
   if (!pam) return;
   expInfo_->rxPort4Is(pam->rxPort());
   expInfo_->udpPam4Is(pam);
 }
 void ExporterInfoSm::createPam6() {
-  const auto pam = openPam_p("udpPam6-", true);
+  const auto pam = openPam_p("udpPam6-", true, pam6Problem_);
   if (!pam) return;
   expInfo_->rxPort6Is(pam->rxPort());
   expInfo_->udpPam6Is(pam);
@@ -284,6 +288,8 @@ AttrRows ExporterInfoSm::attrRows() const {
   static constexpr AttrRow rows[] = {
       row<&ExporterInfoSm::traceId>("traceId"),
       row<&ExporterInfoSm::initialized>("initialized"),
+      row<&ExporterInfoSm::pam4Problem>("pam4Problem"),
+      row<&ExporterInfoSm::pam6Problem>("pam6Problem"),
       childRow<&ExporterInfoSm::expInfo>("expInfo"),
       childRow<&ExporterInfoSm::hwExpConfig>("hwExpConfig"),
   };

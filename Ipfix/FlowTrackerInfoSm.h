@@ -170,6 +170,9 @@ class TARN_API ExporterInfoSm final : public Entity {
   bool initialized() const { return initialized_; }
   /// "<tracker> for <exporter>"
   const std::string& traceId() const { return traceId_; }
+  /// Why the host refuses the family's endpoint, which is tried again; empty when it does not.
+  const std::string& pam4Problem() const { return pam4Problem_; }
+  const std::string& pam6Problem() const { return pam6Problem_; }
 
   void handleInitialized();
   void handleCollector(const std::string& name);
@@ -193,8 +196,8 @@ class TARN_API ExporterInfoSm final : public Entity {
   ExporterInfoSm(FlowTrackingType ftrType, const std::string& ftName, const std::string& expName,
                  Ptr<HwFlowTracking::ExporterConfig> hwExpConfig, Ptr<ExporterInfo> expInfo,
                  Ptr<TaskSchedulerRoot> scheduler, Ptr<::Ipfix::AgentInfo> agentInfo);
-  /// A new endpoint in service, or null when the host refuses it.
-  Ptr<UdpPam> openPam_p(const char* prefix, bool ipv6);
+  /// A new endpoint in service, or null and the reason when the host refuses it.
+  Ptr<UdpPam> openPam_p(const char* prefix, bool ipv6, std::string& problem);
   void retryPams_p();
 
   FlowTrackingType ftrType_;
@@ -206,6 +209,8 @@ class TARN_API ExporterInfoSm final : public Entity {
   Ptr<::Ipfix::AgentInfo> agentInfo_;
   std::string traceId_;
   bool initialized_ = false;
+  std::string pam4Problem_;
+  std::string pam6Problem_;
   std::unique_ptr<HwExpConfigSm> hwExpConfigSm_;
   std::unique_ptr<ExpInfoSm> expInfoSm_;
   std::unique_ptr<TimerTask> pamRetryTask_;

@@ -588,6 +588,7 @@ AttrRows OptionsDataExporterSm::attrRows() const {
       row<&E::msgCacheBuildCount>("msgCacheBuildCount"),
       row<&E::processing>("processing"),
       row<&E::initialized>("initialized"),
+      actionRow<&E::resend>("resend"),
   };
   return rows;
 }

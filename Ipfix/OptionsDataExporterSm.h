@@ -198,6 +198,9 @@ class TARN_API OptionsDataExporterSm final : public Entity {
   bool v6Ready() const;
   /// Milliseconds between full transmissions.
   uint32_t activeInterval() const;
+  /// Sends the full tables to every collector again as soon as possible, behind what else is due,
+  /// and then every active interval from now on.
+  void resend() { txPeriodicTask_->scheduleIs(Seconds(0)); }
 
   void handleInitialized();
   void handleSrc4();

@@ -418,6 +418,10 @@ void TemplateExporterSmBase::handlePeriodicTemplateTx() {
   }
   maybeTxTemplate_p(Pass::everybody);
 }
+void TemplateExporterSmBase::resend() {
+  if (periodicTemplateTxTask_ && periodicTemplateTxTask_->scheduled())
+    periodicTemplateTxTask_->scheduleIs(Seconds(0));
+}
 void TemplateExporterSmBase::stopPeriodicTemplateTx_p() {
   if (periodicTemplateTxTask_) periodicTemplateTxTask_->stop();
 }
@@ -441,6 +445,9 @@ AttrRows TemplateExporterSmBase::attrRows() const {
       mapRow<&B::collectorIp6AndPort>("collectorIp6AndPort"),
       mapRow<&B::exportTimeU32>("exportTimeU32"),
       row<&B::templateTxCount>("templateTxCount"),
+      row<&B::sending4_p>("sending4"),
+      row<&B::sending6_p>("sending6"),
+      actionRow<&B::resend>("resend"),
   };
   return rows;
 }

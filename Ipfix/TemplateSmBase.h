@@ -64,6 +64,9 @@ class TARN_API TemplateExporterSmBase : public Entity {
   const TimerTask* periodicTemplateTxTask() const { return periodicTemplateTxTask_.get(); }
   const std::string& traceId() const { return traceId_; }
 
+  /// Sends the message to every collector again now, and then every interval from now on. Nothing
+  /// where nobody is being sent to.
+  void resend();
   /// Zeroes every counter of this exporter's collectors.
   void clearCounters();
 

@@ -296,11 +296,32 @@ ReloadOutcome Agent::reload() {
   return outcome;
 }
 
+ControlView Agent::controlView() const {
+  ControlView view;
+  view.settings = [this]() -> const Settings& { return entities_->settings(); };
+  view.tree = [this](FlowTracking::FlowTrackingType type) {
+    const auto roots = roots_.find(type);
+    const auto tree = entities_->trees().find(type);
+    if (roots == roots_.end() || tree == entities_->trees().end()) return LibraryTree{};
+    const Roots& r = roots->second;
+    return LibraryTree{tree->second.config, tree->second.status, r.info, r.infoSm,
+                       r.templateSm,        r.optionsDataSm};
+  };
+  view.elements = ipfixInit_->elementIdCollection();
+  view.networks = networks_->list();
+  return view;
+}
+
 void Agent::startControl(const std::string& path) {
+  collectorStates_ =
+      std::make_unique<CollectorStates>(controlView(), loop_->taskScheduler(), platform_->clock());
   ControlHost host;
   host.version = TARN_VERSION;
   host.config = configName();
   host.startTime = platform_->clock().now();
+  host.view = controlView();
+  host.states = collectorStates_.get();
+  host.clearCounters = [this] { configReq_->clearCountersIs(configReq_->clearCounters() + 1); };
   host.roots = [this] { return stateRoots(); };
   host.reload = [this] { return reload(); };
   controlRequests_ = std::make_unique<ControlRequests>(std::move(host), log_);
@@ -351,6 +372,7 @@ void Agent::stop() {
   told_ = false;
   control_.reset();  // nobody asks from here on
   controlRequests_.reset();
+  collectorStates_.reset();
   startedTask_.reset();
   statusTask_.reset();
   watchdogTask_.reset();

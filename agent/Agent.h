@@ -10,6 +10,7 @@
 #include "Ipfix/IpfixSm.h"
 #include "Ipfix/OptionsDataManagerSm.h"
 #include "agent/AgentLog.h"
+#include "agent/CollectorStates.h"
 #include "agent/ControlRequests.h"
 #include "agent/ControlSocket.h"
 #include "agent/Entities.h"
@@ -78,6 +79,7 @@ class Agent {
   void handleStarted();
   std::string status() const;
   void handleWatchdog();
+  ControlView controlView() const;
   void startControl(const std::string& path);
   std::vector<StateTree::Root> stateRoots() const;
 
@@ -108,6 +110,7 @@ class Agent {
   std::unique_ptr<TimerTask> startedTask_;
   std::unique_ptr<TimerTask> statusTask_;
   std::unique_ptr<TimerTask> watchdogTask_;
+  std::unique_ptr<CollectorStates> collectorStates_;
   std::unique_ptr<ControlRequests> controlRequests_;
   std::unique_ptr<ControlSocket> control_;
 };

@@ -6,7 +6,9 @@
 #include <vector>
 
 #include "agent/AgentLog.h"
+#include "agent/CollectorStates.h"
 #include "agent/ControlSocket.h"
+#include "agent/ControlView.h"
 #include "agent/StateTree.h"
 
 namespace agent {
@@ -24,14 +26,17 @@ struct ControlHost {
   std::string version;
   std::string config;  ///< the configuration's name, for people
   double startTime = 0;
+  ControlView view;
+  CollectorStates* states = nullptr;
   std::function<std::vector<StateTree::Root>()> roots;
   std::function<ReloadOutcome()> reload;
+  std::function<void()> clearCounters;
 };
 
 /// Answers the requests of the control socket; docs/control-socket.md describes them.
 class ControlRequests {
  public:
-  using Json = nlohmann::json;
+  using Json = nlohmann::ordered_json;
 
   ControlRequests(ControlHost host, AgentLog& log) : host_(std::move(host)), log_(log) {}
 
@@ -45,7 +50,15 @@ class ControlRequests {
   static const Verb verbs[];
 
   Json agent(const Request& request);
+  Json collectors(const Request& request);
+  Json tables(const Request& request);
+  Json templates(const Request& request);
+  Json clearCounters(const Request& request);
+  Json resend(const Request& request);
   Json state(const Request& request);
+  Json collector(const LibraryTree& tree, const CollectorName& name, const TrackerSettings& t,
+                 const ExporterSettings& e, const CollectorSettings& c);
+  static std::string askedBy(const Request& request);
   Json reload(const Request& request);
   Json logLevel(const Request& request);
 

@@ -92,7 +92,7 @@ void ControlClient::askAll(Json request, const std::function<Json(const Json&)>&
     const Json answer = ask(request);
     Json next = part(answer);
     if (next.is_null() && answer.contains("next")) next = answer["next"];
-    if (next.is_null()) return;
+    if (next.is_null() || next == false) return;
     request["after"] = std::move(next);
   }
 }

@@ -31,7 +31,7 @@ class ControlClient {
   Json ask(const Json& request);
 
   /// All parts of an answer that comes in several: asks until nothing follows. `part` gets each
-  /// answer; it may return where to go on instead (null: where the answer says).
+  /// answer and returns where to go on: null, where the answer says; false, nowhere, it is enough.
   void askAll(Json request, const std::function<Json(const Json& answer)>& part);
 
  private:

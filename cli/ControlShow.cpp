@@ -4,6 +4,9 @@
 
 #include <algorithm>
 
+#include "cli/Counters.h"
+#include "cli/Table.h"
+#include "cli/decoder/Decoder.h"
 #include "platform/Text.h"
 
 namespace cli {
@@ -120,6 +123,104 @@ std::string StateView::takeText(const Style& style) {
     out += '\n';
   }
   lines_.clear();
+  return out;
+}
+
+namespace {
+std::string cell(const Json& value) {
+  if (value.is_string()) return nameText(value.get<std::string>());
+  if (value.is_null()) return "-";
+  if (!value.is_array()) return value.dump();
+  std::string all;
+  for (const Json& v : value) all += (all.empty() ? "" : " ") + cell(v);
+  return all;
+}
+std::string plural(uint64_t n, std::string_view noun) {
+  return fmt::format("{} {}{}", n, noun, n == 1 ? "" : "s");
+}
+}  // namespace
+
+std::string collectorsText(const Json& collectors, double now, const Style& style) {
+  Table table({false, false, false, false, false, true});
+  table.add({"tracker", "exporter", "collector", "address", "state", "since", "detail"});
+  for (const Json& c : collectors) {
+    const auto address = c.at("address").get<std::string>();
+    const bool ipv6 = address.find(':') != std::string::npos;
+    table.add({cell(c.at("tracker")), cell(c.at("exporter")), cell(c.at("collector")),
+               fmt::format("{}{}{}:{}", ipv6 ? "[" : "", address, ipv6 ? "]" : "",
+                           c.at("port").get<unsigned>()),
+               c.at("state").get<std::string>(), ageText(now, c.at("since").get<double>()),
+               shown(c.at("detail").get<std::string>())});
+  }
+  // Colours have no width: they are put in once the columns stand.
+  std::string out;
+  std::string_view rest;
+  const std::string text = table.text(0);
+  rest = text;
+  for (size_t line = 0; !rest.empty(); ++line) {
+    const size_t end = rest.find('\n');
+    const std::string_view one = rest.substr(0, end);
+    rest.remove_prefix(end + 1);
+    if (line == 0) {
+      out += style.strong(one);
+    } else {
+      const auto state = collectors.at(line - 1).at("state").get<std::string>();
+      out += state == "sending"   ? std::string(one)
+             : state == "refused" ? style.bad(one)
+                                  : style.waits(one);
+    }
+    out += '\n';
+  }
+  return out;
+}
+
+std::string templatesText(const Json& templates, double now, const Style& style) {
+  std::string out;
+  for (const Json& t : templates) {
+    const Json& sent = t.at("lastSent");
+    out += style.strong(fmt::format(
+        "tracker {}, domain {}: {} template {}, {}, {}", cell(t.at("tracker")),
+        t.at("domain").get<uint64_t>(), t.at("kind").get<std::string>(), t.at("id").get<unsigned>(),
+        plural(t.at("fields").size(), "field"),
+        sent.is_null() ? "never sent" : "last sent " + ageText(now, sent.get<double>()) + " ago"));
+    out += '\n';
+    Table table({true, false, true});
+    table.add({"element", "name", "octets", ""});
+    for (const Json& f : t.at("fields")) {
+      const auto enterprise = f.at("enterprise").get<uint64_t>();
+      const auto length = f.at("length").get<unsigned>();
+      const std::string id = f.at("id").dump();
+      table.add({enterprise ? fmt::format("{}/{}", enterprise, id) : id, cell(f.at("name")),
+                 length == decoder::variableLen ? "variable" : fmt::to_string(length),
+                 f.value("scope", false) ? "scope"
+                 : f.value("key", false) ? "key"
+                                         : ""});
+    }
+    out += table.text(2) + '\n';
+  }
+  return out;
+}
+
+std::string tableText(const std::string& name, uint64_t records, const Json& rows,
+                      const Style& style) {
+  std::string out = style.strong(fmt::format("{}: {}", name, plural(records, "record"))) + '\n';
+  if (rows.empty()) return out;
+  std::vector<bool> right;
+  Table::Row head;
+  for (const auto& [key, value] : rows.at(0).items()) {
+    head.push_back(key);
+    right.push_back(value.is_number());
+  }
+  Table table(right);
+  table.add(head);
+  for (const Json& row : rows) {
+    Table::Row cells;
+    for (const auto& [key, value] : row.items()) cells.push_back(cell(value));
+    table.add(cells);
+  }
+  out += table.text(2);
+  if (rows.size() < records)
+    out += fmt::format("  ... {} more: --limit 0 shows all\n", records - rows.size());
   return out;
 }
 

@@ -51,4 +51,12 @@ class StateView {
   Json json_ = Json::object();
 };
 
+// Each takes the whole answer's list.
+std::string collectorsText(const nlohmann::ordered_json& collectors, double now,
+                           const Style& style);
+std::string templatesText(const nlohmann::ordered_json& templates, double now, const Style& style);
+/// One table: its name, how many records it has, and those that are in `rows`.
+std::string tableText(const std::string& name, uint64_t records, const nlohmann::ordered_json& rows,
+                      const Style& style);
+
 }  // namespace cli

@@ -23,17 +23,6 @@ using Tarn::Ipfix::CollectorStatistics;
 using Tarn::Ipfix::CollectorStatisticsEntry;
 using Tarn::Ipfix::SetIndex;
 
-std::string ageText(double now, double then) {
-  if (then == 0) return "never";
-  const double age = now - then;
-  if (age < 0) return "in future";  // the clock was set back
-  const auto s = static_cast<uint64_t>(age);
-  if (s < 60) return fmt::format("{:.1f}s", age);
-  if (s < 3600) return fmt::format("{}m{:02}s", s / 60, s % 60);
-  if (s < 86400) return fmt::format("{}h{:02}m", s / 3600, s / 60 % 60);
-  return fmt::format("{}d{:02}h", s / 86400, s / 3600 % 24);
-}
-
 std::vector<CollectorSetStatisticsEntry> setsOf(const CollectorStatisticsEntry& e) {
   std::vector<CollectorSetStatisticsEntry> sets;
   for (uint32_t i = 0; i < e.setEntryCount(); ++i)
@@ -51,6 +40,17 @@ std::string setName(uint16_t id) {
 
 double utcNow() {
   return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+std::string ageText(double now, double then) {
+  if (then == 0) return "never";
+  const double age = now - then;
+  if (age < 0) return "in future";  // the clock was set back
+  const auto s = static_cast<uint64_t>(age);
+  if (s < 60) return fmt::format("{:.1f}s", age);
+  if (s < 3600) return fmt::format("{}m{:02}s", s / 60, s % 60);
+  if (s < 86400) return fmt::format("{}h{:02}m", s / 3600, s / 60 % 60);
+  return fmt::format("{}d{:02}h", s / 86400, s / 3600 % 24);
 }
 
 /// A name from the configuration: as it is when that is one printable word, else in quotes.
@@ -124,12 +124,35 @@ std::string countersNote(const Counters& c, const std::string& name) {
   return "";
 }
 
-std::string countersText(const Counters& c) {
+RatesByKey countersRates(const Counters& before, const Counters& now) {
+  RatesByKey rates;
+  const double seconds = now.now - before.now;
+  if (before.generation != now.generation || seconds <= 0) return rates;
+  std::map<Tarn::Ipfix::CollectorStatisticsKey, const CollectorStatisticsEntry*> old;
+  for (const auto& e : before.entries) old[e.key()] = &e;
+  for (const auto& e : now.entries) {
+    const auto it = old.find(e.key());
+    if (it == old.end() || it->second->lastClearedTime() != e.lastClearedTime()) continue;
+    const auto rate = [&](uint64_t (CollectorStatisticsEntry::*count)() const) {
+      return static_cast<double>((e.*count)() - (it->second->*count)()) / seconds;
+    };
+    rates[e.key()] = {rate(&CollectorStatisticsEntry::exportedMessageTotalCount),
+                      rate(&CollectorStatisticsEntry::exportedFlowRecordTotalCount),
+                      rate(&CollectorStatisticsEntry::exportedOctetTotalCount)};
+  }
+  return rates;
+}
+
+std::string countersText(const Counters& c, const RatesByKey* rates) {
   std::string out =
       fmt::format("agent pid {}, counting since {}\n", c.writerPid, utcText(c.startTime));
-  Table table({false, false, false, true, true, true, true, true, true, true});
-  table.add({"tracker", "exporter", "collector", "messages", "records", "octets", "last message",
-             "template", "data", "options"});
+  std::vector<bool> right(3, false);
+  right.resize(rates ? 13 : 10, true);
+  Table table(right);
+  Table::Row head = {"tracker", "exporter", "collector", "messages", "records", "octets"};
+  if (rates) head.insert(head.end(), {"messages/s", "records/s", "octets/s"});
+  head.insert(head.end(), {"last message", "template", "data", "options"});
+  table.add(head);
   Table sets({false, false, false, false, true, true});
   sets.add({"tracker", "exporter", "collector", "set", "records", "templates"});
   for (const auto& e : c.entries) {
@@ -139,6 +162,15 @@ std::string countersText(const Counters& c) {
     for (const uint64_t n : {e.exportedMessageTotalCount(), e.exportedFlowRecordTotalCount(),
                              e.exportedOctetTotalCount()})
       row.push_back(fmt::to_string(n));
+    if (rates) {
+      const auto it = rates->find(e.key());
+      if (it == rates->end()) {
+        row.insert(row.end(), 3, "-");
+      } else {
+        for (const double r : {it->second.messages, it->second.records, it->second.octets})
+          row.push_back(fmt::format("{:.1f}", r));
+      }
+    }
     for (const double t : {e.lastSentTime(), e.lastTemplateSentTime(), e.lastDataRecordSentTime(),
                            e.lastOptionsDataSentTime()})
       row.push_back(ageText(c.now, t));
@@ -156,7 +188,7 @@ std::string countersText(const Counters& c) {
   return out + '\n' + table.text(0) + '\n' + sets.text(0);
 }
 
-Json countersJson(const Counters& c, const std::string& name) {
+Json countersJson(const Counters& c, const std::string& name, const RatesByKey* rates) {
   const bool table = c.state == Counters::State::live || c.state == Counters::State::dead;
   Json out = {{"name", name},
               {"state", stateName(c.state)},
@@ -186,28 +218,55 @@ Json countersJson(const Counters& c, const std::string& name) {
                               {"lastOptionsDataTime", at(e.lastOptionsDataSentTime())},
                               {"lastClearedTime", at(e.lastClearedTime())},
                               {"sets", std::move(sets)}});
+    if (!rates) continue;
+    const auto it = rates->find(e.key());
+    out["entries"].back()["perSecond"] = it == rates->end()
+                                             ? Json(nullptr)
+                                             : Json{{"messages", it->second.messages},
+                                                    {"records", it->second.records},
+                                                    {"octets", it->second.octets}};
   }
   return out;
 }
 
 namespace {
 
-int look(platform::ShmTableReader& reader, const CountersOptions& options, bool clearScreen) {
-  const auto snapshot = reader.snapshot();
-  const Counters c = countersFrom(snapshot, utcNow());
-  const std::string note = countersNote(c, options.name);
-  if (options.json) {
-    fmt::print("{}", jsonLine(countersJson(c, options.name)));
-  } else {
-    if (clearScreen) fmt::print("\x1b[H\x1b[2J");
+/// Shows one snapshot after the other, and from the second on what changed per second.
+class CounterLooks {
+ public:
+  int operator()(platform::ShmTableReader& reader, const CountersOptions& options,
+                 bool clearScreen) {
+    Counters c = countersFrom(reader.snapshot(), utcNow());
+    std::string note = countersNote(c, options.name);
+    const size_t all = c.entries.size();
+    std::erase_if(c.entries, [&](const CollectorStatisticsEntry& e) {
+      return (!options.tracker.empty() && e.key().tracker() != options.tracker) ||
+             (!options.exporter.empty() && e.key().exporter() != options.exporter);
+    });
+    if (note.empty() && c.entries.empty() && all > 0)
+      note =
+          "nothing was sent by what was asked for; without --tracker and --exporter there is "
+          "more";
+    const RatesByKey rates = before_ ? countersRates(*before_, c) : RatesByKey();
+    const RatesByKey* shownRates = options.watch ? &rates : nullptr;
+    if (options.json) {
+      fmt::print("{}", jsonLine(countersJson(c, options.name, shownRates)));
+    } else {
+      if (clearScreen) fmt::print("\x1b[H\x1b[2J");
+      std::fflush(stdout);
+      if (!note.empty()) fmt::print(stderr, "tarnflow: {}\n", note);
+      if (c.state == Counters::State::live || c.state == Counters::State::dead)
+        fmt::print("{}", countersText(c, shownRates));
+    }
     std::fflush(stdout);
-    if (!note.empty()) fmt::print(stderr, "tarnflow: {}\n", note);
-    if (c.state == Counters::State::live || c.state == Counters::State::dead)
-      fmt::print("{}", countersText(c));
+    const int status = showable(c) ? 0 : 1;
+    before_ = std::move(c);
+    return status;
   }
-  std::fflush(stdout);
-  return showable(c) ? 0 : 1;
-}
+
+ private:
+  std::optional<Counters> before_;
+};
 
 }  // namespace
 
@@ -231,7 +290,8 @@ int showTable(const CountersOptions& options, size_t keyLen, size_t valueLen, co
 }
 
 int showCounters(const CountersOptions& options) {
-  return showTable(options, CollectorStatistics::keyLen, CollectorStatistics::valueLen, look);
+  return showTable(options, CollectorStatistics::keyLen, CollectorStatistics::valueLen,
+                   CounterLooks());
 }
 
 }  // namespace cli

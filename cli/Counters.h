@@ -1,5 +1,6 @@
 #pragma once
 #include <functional>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -27,14 +28,28 @@ Counters countersFrom(const platform::ShmTableReader::Snapshot& snapshot, double
 bool showable(const Counters& counters);
 /// Why not, or what to think of the entries that are shown; empty when all is well.
 std::string countersNote(const Counters& counters, const std::string& name);
-std::string countersText(const Counters& counters);
+/// What changed per second between two looks at one agent's counters.
+struct CounterRates {
+  double messages = 0;
+  double records = 0;
+  double octets = 0;
+};
+/// By key; an entry that is new, or was cleared in between, has none.
+using RatesByKey = std::map<Tarn::Ipfix::CollectorStatisticsKey, CounterRates>;
+/// Empty when the two are of different agents.
+RatesByKey countersRates(const Counters& before, const Counters& now);
+
+std::string countersText(const Counters& counters, const RatesByKey* rates = nullptr);
 /// The same for programs; docs/tarnflow.md has the keys.
-nlohmann::ordered_json countersJson(const Counters& counters, const std::string& name);
+nlohmann::ordered_json countersJson(const Counters& counters, const std::string& name,
+                                    const RatesByKey* rates = nullptr);
 
 struct CountersOptions {
   std::string name = "/tarnflow";  ///< of the shared memory
   bool json = false;
   std::optional<double> watch;  ///< seconds between two looks; none: one look
+  std::string tracker;          ///< only its entries; empty: all
+  std::string exporter;         ///< only its entries; empty: all
 };
 /// Shows a table of the agent's once, or again and again; `look` shows one snapshot, on a cleared
 /// screen or not, and returns the exit status so far.
@@ -45,6 +60,8 @@ int showTable(const CountersOptions& options, size_t keyLen, size_t valueLen, co
 // What the tables have in common.
 double utcNow();
 std::string nameText(std::string_view name);
+/// "3.2s", "5m07s", "2h10m", "3d04h"; "never" for 0.
+std::string ageText(double now, double then);
 std::string_view stateName(Counters::State state);
 /// Why a table that is not live is not; empty when it is.
 std::string stateNote(Counters::State state, int writerPid, const std::string& name);

@@ -81,6 +81,9 @@ int main(int argc, char** argv) {
   auto* countersCmd =
       showCmd->add_subcommand("counters", "What was exported, per tracker, exporter and collector");
   tableOptions(countersCmd);
+  countersCmd->add_option("--tracker", counters.tracker, "Only this tracker's")->type_name("NAME");
+  countersCmd->add_option("--exporter", counters.exporter, "Only exporters of this name")
+      ->type_name("NAME");
   countersCmd->footer(
       "Reads shared memory; the agent notices nothing. Exit status: 0; 1 when no agent runs or "
       "nothing was sent yet.");

@@ -1,0 +1,205 @@
+#include "agent/CollectorStates.h"
+
+#include <net/if.h>
+
+#include <cstring>
+
+namespace agent {
+namespace {
+using FlowTracking::ExporterInfo;
+using Status = CollectorState::Status;
+
+constexpr TaskPriority afterAll = 255;
+constexpr Seconds lookInterval{1};
+constexpr size_t collectorsPerStep = 500;  // each costs about 2 us
+
+const UdpPam* pamOf(const ExporterInfo* info, bool ipv6) {
+  return info ? (ipv6 ? info->udpPam6() : info->udpPam4()).get() : nullptr;
+}
+std::string errnoText(int err) { return std::strerror(err); }
+
+Ptr<ExporterInfo> infoOf(const LibraryTree& tree, const CollectorName& name) {
+  const auto tracker = tree.info ? tree.info->ftInfo(name.tracker) : nullptr;
+  return tracker ? tracker->expInfo(name.exporter) : nullptr;
+}
+}  // namespace
+
+std::string_view statusText(Status status) {
+  switch (status) {
+    case Status::sending:
+      return "sending";
+    case Status::waitingForNamespace:
+      return "waiting for namespace";
+    case Status::waitingForAddress:
+      return "waiting for address";
+    case Status::waitingForTemplate:
+      return "waiting for template";
+    case Status::refused:
+      return "refused";
+  }
+  return "";
+}
+
+CollectorStates::CollectorStates(ControlView view, Ptr<TaskScheduler> scheduler, const Clock& clock)
+    : view_(std::move(view)),
+      clock_(clock),
+      task_(scheduler->timerTask("collector-states", afterAll, [this] { look(); })) {
+  task_->scheduleIs(Seconds(0));
+}
+
+void CollectorStates::each(
+    const Settings& settings, const CollectorName& after,
+    const std::function<bool(const CollectorName&, const TrackerSettings&, const ExporterSettings&,
+                             const CollectorSettings&)>& visit) {
+  for (auto t = settings.trackers.lower_bound(after.tracker); t != settings.trackers.end(); ++t) {
+    const auto& exporters = t->second.exporters;
+    const bool thisTracker = t->first == after.tracker;
+    for (auto e = thisTracker ? exporters.lower_bound(after.exporter) : exporters.begin();
+         e != exporters.end(); ++e) {
+      const auto& collectors = e->second.collectors;
+      const bool thisExporter = thisTracker && e->first == after.exporter;
+      for (auto c = thisExporter ? collectors.upper_bound(after.collector) : collectors.begin();
+           c != collectors.end(); ++c)
+        if (!visit({t->first, e->first, c->first}, t->second, e->second, c->second)) return;
+    }
+  }
+}
+
+void CollectorStates::look() {
+  size_t n = 0;
+  bool more = false;
+  std::map<FlowTracking::FlowTrackingType, LibraryTree> trees;
+  each(view_.settings(), last_,
+       [&](const CollectorName& name, const TrackerSettings& tracker, const ExporterSettings&,
+           const CollectorSettings& collector) {
+         if (++n > collectorsPerStep) {
+           more = true;
+           return false;
+         }
+         auto [tree, fresh] = trees.try_emplace(tracker.type);
+         if (fresh) tree->second = view_.tree(tracker.type);
+         const bool ipv6 = collector.address.isIpv6();
+         lookAt({{name.tracker, name.exporter}, ipv6},
+                pamOf(infoOf(tree->second, name).get(), ipv6));
+         note(name);
+         last_ = name;
+         return true;
+       });
+  if (!more) {
+    std::erase_if(known_, [this](const auto& k) { return k.second.turn != turn_; });
+    std::erase_if(endpoints_, [this](const auto& e) { return e.second.turn != turn_; });
+    ++turn_;
+    last_ = {};
+  }
+  task_->scheduleIs(more ? Seconds(0) : lookInterval);
+}
+
+/// What became of the datagrams since the last look. An endpoint serves all collectors of its
+/// family: where some were taken and some refused, it is not known whose.
+void CollectorStates::lookAt(const EndpointKey& key, const UdpPam* pam) {
+  Endpoint& e = endpoints_[key];
+  const bool seen = e.turn == turn_ && e.pam == pam;  // by another collector in this look
+  e.turn = turn_;
+  if (seen) return;
+  if (e.pam != pam) {
+    e = {};
+    e.turn = turn_;
+    e.pam = pam;
+  }
+  if (!pam) return;
+  const UdpPamCounters& now = pam->counters();
+  int cause = 0;
+  uint64_t most = 0;
+  for (const auto& [err, count] : now.dropByErrno) {
+    const uint64_t more = count - std::exchange(e.dropByErrno[err], count);
+    if (more > most) {
+      most = more;
+      cause = err;
+    }
+  }
+  const bool taken = std::exchange(e.sent, now.sent) != now.sent;
+  if (taken) {
+    e.refused = 0;
+    e.partly = cause;
+  } else if (cause != 0) {
+    e.refused = cause;
+    e.partly = 0;
+  }
+}
+
+CollectorState CollectorStates::find(const CollectorName& name) const {
+  const Settings& settings = view_.settings();
+  const auto tracker = settings.trackers.find(name.tracker);
+  if (tracker == settings.trackers.end()) return {};
+  const auto exporter = tracker->second.exporters.find(name.exporter);
+  if (exporter == tracker->second.exporters.end()) return {};
+  const auto collector = exporter->second.collectors.find(name.collector);
+  if (collector == exporter->second.collectors.end()) return {};
+  const ExporterSettings& e = exporter->second;
+  const bool ipv6 = collector->second.address.isIpv6();
+  const LibraryTree tree = view_.tree(tracker->second.type);
+  const auto ftConfig = tree.config ? tree.config->ftConfig(name.tracker) : nullptr;
+  const auto config = ftConfig ? ftConfig->expConfig(name.exporter) : nullptr;
+  if (!config) return {Status::waitingForAddress, "", 0};
+
+  const std::string where = e.localInterface + " in VRF " + e.vrf.stringValue();
+  const std::string family = ipv6 ? "IPv6" : "IPv4";
+  if (ipv6 ? config->srcIp6Addr().isZero() : config->srcIpAddr().isZero()) {
+    const auto network = view_.networks->network(e.vrf);
+    if (!network || !network->present())
+      return {Status::waitingForNamespace,
+              e.vrf.stringValue() == defaultVrf
+                  ? "its links are not known yet"
+                  : "there is no namespace " + namespaceOf(e.vrf).stringValue(),
+              0};
+    const Link* link = network->link(e.localInterface);
+    const std::string why = !link ? "there is no interface " + where
+                            : (link->flags & IFF_UP) == 0
+                                ? "interface " + where + " is down"
+                                : "interface " + where + " has no " + family + " address to use";
+    return {Status::waitingForAddress, why, 0};
+  }
+  const auto info = infoOf(tree, name);
+  const UdpPam* pam = pamOf(info.get(), ipv6);
+  if (!pam) {
+    const auto ftInfoSm = tree.infoSm ? tree.infoSm->ftInfoSm(name.tracker) : nullptr;
+    const auto infoSm = ftInfoSm ? ftInfoSm->expInfoSm(name.exporter) : nullptr;
+    const std::string problem =
+        infoSm ? (ipv6 ? infoSm->pam6Problem() : infoSm->pam4Problem()) : std::string();
+    return {Status::refused, "no socket" + (problem.empty() ? "" : ": " + problem), 0};
+  }
+  const auto ftTemplates = tree.templateSm ? tree.templateSm->ftTemplateSm(name.tracker) : nullptr;
+  const auto templates = ftTemplates ? ftTemplates->ftExporterSm(name.exporter) : nullptr;
+  const bool hasTemplates = templates && templates->hasTemplates(name.collector);
+  if (!hasTemplates && (!templates || !templates->templateReady()))
+    return {Status::waitingForTemplate,
+            tracker->second.type == FlowTracking::FlowTrackingType::hardware
+                ? "no device has published a data template"
+                : "the tracker has no data template",
+            0};
+  if (!hasTemplates) return {Status::waitingForTemplate, "it is about to be sent", 0};
+  const auto endpoint = endpoints_.find({{name.tracker, name.exporter}, ipv6});
+  if (endpoint != endpoints_.end() && endpoint->second.pam == pam) {
+    if (const int err = endpoint->second.refused; err != 0)
+      return {Status::refused, errnoText(err), 0};
+    if (const int err = endpoint->second.partly; err != 0)
+      return {Status::sending,
+              "some of what this exporter sends over " + family + " is refused: " + errnoText(err),
+              0};
+  }
+  return {};
+}
+
+const CollectorState& CollectorStates::note(const CollectorName& name) {
+  CollectorState found = find(name);
+  auto [it, fresh] = known_.try_emplace(name);
+  Known& known = it->second;
+  known.turn = turn_;
+  found.since = fresh || known.state.status != found.status ? clock_.now() : known.state.since;
+  known.state = std::move(found);
+  return known.state;
+}
+
+CollectorState CollectorStates::state(const CollectorName& name) { return note(name); }
+
+}  // namespace agent

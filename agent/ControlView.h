@@ -1,0 +1,31 @@
+#pragma once
+#include <functional>
+#include <string>
+
+#include "Ipfix/FlowTrackerInfoSm.h"
+#include "Ipfix/FlowTrackerTemplateSm.h"
+#include "Ipfix/OptionsDataManagerSm.h"
+#include "agent/Network.h"
+#include "agent/Settings.h"
+
+namespace agent {
+
+/// The library's entities and reactors of one kind of tracking; null where there is no tracker.
+struct LibraryTree {
+  Ptr<HwFlowTracking::Config> config;
+  Ptr<HwFlowTracking::Status> status;
+  Ptr<FlowTracking::FlowTrackingInfo> info;
+  Ptr<FlowTracking::FlowTrackingInfoSm> infoSm;
+  Ptr<FlowTracking::TemplateSm> templateSm;
+  Ptr<FlowTracking::OptionsDataManagerSm> optionsDataSm;
+};
+
+/// The running agent as those see it who tell of it.
+struct ControlView {
+  std::function<const Settings&()> settings;
+  std::function<LibraryTree(FlowTracking::FlowTrackingType)> tree;
+  Ptr<const Ipfix::ElementIdColl> elements;
+  Ptr<const NetworkList> networks;
+};
+
+}  // namespace agent
