@@ -18,6 +18,7 @@ constexpr TaskPriority afterAll = 255;  // the library's tasks are due before
 constexpr Seconds settlePoll{0.01};
 constexpr int settlePolls = 200;  // 2 s: a namespace that does not answer delays nobody longer
 constexpr Seconds statusDelay{0.2};
+constexpr Seconds heldDelay{10};  // what the log holds back is told so much later
 constexpr size_t statisticsMin = 1024;
 constexpr size_t flowCountersCapacity = 1024;  // trackers
 
@@ -46,7 +47,7 @@ std::optional<Settings> Agent::readConfig(std::vector<std::string>* errors) cons
   SettingsResult read = options_.configFile.empty()
                             ? parseSettings(defaultSettingsText(), configName())
                             : readSettings(options_.configFile);
-  for (const std::string& error : read.errors) log_.error(error);
+  for (const std::string& error : read.errors) log_.tell(Severity::error, error);
   if (errors) *errors = std::move(read.errors);
   return std::move(read.settings);
 }
@@ -85,6 +86,8 @@ bool Agent::start() {
     startedTask_ = scheduler->timerTask("agent-started", afterAll, [this] { handleStarted(); });
     statusTask_ = scheduler->timerTask("agent-status", afterAll,
                                        [this] { ServiceManager::status(status()); });
+    heldTask_ = scheduler->timerTask("log-held", afterAll, [this] { log_.tellHeld(); });
+    log_.heldHandlerIs([this] { heldTask_->scheduleLowestIs(heldDelay); });
     watchdogTask_ = scheduler->timerTask("agent-watchdog", afterAll, [this] { handleWatchdog(); });
   } catch (const ErrnoException& e) {
     if (e.code().value() == EBUSY) {
@@ -104,7 +107,7 @@ bool Agent::start() {
                                  });
   running_ = true;
   apply(*settings);
-  log_.info("started with " + configName() + ": " + describe(n));
+  log_.tell(Severity::info, "started with " + configName() + ": " + describe(n));
   startControl(settings->control);
   startedTask_->scheduleIs(Seconds(0));
   if (ServiceManager::watchdog().count() > 0) handleWatchdog();
@@ -267,7 +270,7 @@ ReloadOutcome Agent::reload() {
   if (options_.configFile.empty()) {
     outcome.done = true;
     outcome.summary = "nothing to reload: the built-in configuration runs";
-    log_.info(outcome.summary);
+    log_.tell(Severity::info, outcome.summary);
     return outcome;
   }
   ServiceManager::reloading();
@@ -277,7 +280,7 @@ ReloadOutcome Agent::reload() {
     outcome.done = true;
     outcome.summary = "reloaded " + configName() + ": " + describe(changes);
     if (before.vrfs != settings->vrfs) outcome.summary += "; VRF ids changed";
-    log_.info(outcome.summary);
+    log_.tell(Severity::info, outcome.summary);
     if (before.statistics != settings->statistics || before.control != settings->control)
       outcome.warnings.emplace_back(
           "agent.statistics and agent.control take effect at the next start");
@@ -286,11 +289,11 @@ ReloadOutcome Agent::reload() {
       outcome.warnings.push_back("counters of " + std::to_string(statisticsTable_->capacity()) +
                                  " of " + std::to_string(collectors) +
                                  " collectors are kept: the table grows at the next start");
-    for (const std::string& warning : outcome.warnings) log_.warning(warning);
+    for (const std::string& warning : outcome.warnings) log_.tell(Severity::warning, warning);
   } else {
     outcome.summary =
         "not reloaded: " + configName() + " is not valid; everything runs on as it was before";
-    log_.error(outcome.summary);
+    log_.tell(Severity::error, outcome.summary);
   }
   if (told_) ServiceManager::ready(status());
   return outcome;
@@ -313,8 +316,8 @@ ControlView Agent::controlView() const {
 }
 
 void Agent::startControl(const std::string& path) {
-  collectorStates_ =
-      std::make_unique<CollectorStates>(controlView(), loop_->taskScheduler(), platform_->clock());
+  collectorStates_ = std::make_unique<CollectorStates>(controlView(), loop_->taskScheduler(),
+                                                       platform_->clock(), log_);
   ControlHost host;
   host.version = TARN_VERSION;
   host.config = configName();
@@ -367,7 +370,7 @@ void Agent::Roots::release() {
 void Agent::stop() {
   if (running_) {
     ServiceManager::stopping();
-    log_.info("stopping");
+    log_.tell(Severity::info, "stopping");
   }
   told_ = false;
   control_.reset();  // nobody asks from here on
@@ -390,7 +393,10 @@ void Agent::stop() {
   flowCounters_ = nullptr;
   fileNetworks_ = nullptr;
   ipfixInit_ = nullptr;
-  if (std::exchange(running_, false)) log_.info("stopped");
+  log_.heldHandlerIs({});
+  heldTask_.reset();
+  log_.tellHeld();
+  if (std::exchange(running_, false)) log_.tell(Severity::info, "stopped");
 }
 
 }  // namespace agent

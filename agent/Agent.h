@@ -109,6 +109,7 @@ class Agent {
   bool fileDamaged_ = false;
   std::unique_ptr<TimerTask> startedTask_;
   std::unique_ptr<TimerTask> statusTask_;
+  std::unique_ptr<TimerTask> heldTask_;
   std::unique_ptr<TimerTask> watchdogTask_;
   std::unique_ptr<CollectorStates> collectorStates_;
   std::unique_ptr<ControlRequests> controlRequests_;

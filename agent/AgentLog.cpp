@@ -1,13 +1,17 @@
 #include "agent/AgentLog.h"
 
 #include <sys/stat.h>
+#include <sys/uio.h>
+#include <systemd/sd-journal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <vector>
 
 #include "agent/Printable.h"
 
@@ -57,42 +61,128 @@ AgentLog::AgentLog(Style style, Output output) : style_(style), output_(std::mov
 
 AgentLog AgentLog::standard() {
   return AgentLog(
-      standardErrorIsJournal() ? Style::journal : Style::plain, [](std::string_view line) {
+      standardErrorIsJournal() ? Style::fields : Style::plain, [](std::string_view line) {
         // One call per line, so that lines of two processes do not mix. What the
         // other end does not take is lost: the agent does not wait for its log.
         [[maybe_unused]] const ssize_t n = ::write(STDERR_FILENO, line.data(), line.size());
       });
 }
 
-void AgentLog::write(Severity severity, std::string_view word, std::string_view text) {
-  std::string out;
-  if (style_ == Style::journal) {
-    out = '<' + std::to_string(static_cast<int>(severity)) + '>';
-  } else {
-    out = timeNow() + ' ';
-    out += word;
-    out += ' ';
+/// A field per name that is known. False: the journal does not take it.
+bool AgentLog::toJournal(Severity severity, std::string_view text, const LogFields& fields,
+                         const LogMessage* message) {
+  std::vector<std::string> all = {"MESSAGE=" + std::string(text),
+                                  "PRIORITY=" + std::to_string(static_cast<int>(severity)),
+                                  "SYSLOG_IDENTIFIER=tarnflowd"};
+  const auto add = [&](const char* name, std::string_view value) {
+    if (!value.empty()) all.push_back(name + ('=' + std::string(value)));
+  };
+  add("TARN_TRACKER", fields.tracker);
+  add("TARN_EXPORTER", fields.exporter);
+  add("TARN_COLLECTOR", fields.collector);
+  add("TARN_VRF", fields.vrf);
+  if (message) {
+    add("TARN_MESSAGE", message->name);
+    add("TARN_EXPLANATION", message->explanation);
+    add("TARN_ACTION", message->recommendedAction);
   }
-  out += printable(text);
+  std::vector<iovec> parts;
+  parts.reserve(all.size());
+  for (std::string& field : all) parts.push_back({field.data(), field.size()});
+  return sd_journal_sendv(parts.data(), static_cast<int>(parts.size())) == 0;
+}
+
+void AgentLog::write(Severity severity, std::string_view word, std::string_view text,
+                     const LogFields& fields, const LogMessage* message) {
+  const std::string clean = printable(text);
+  if (style_ == Style::fields && toJournal(severity, clean, fields, message)) return;
+  std::string out;
+  if (style_ == Style::plain) {
+    out = timeNow() + ' ';
+    out += word.empty() ? wordOf(severity) : word;
+    out += ' ';
+  } else {
+    out = '<' + std::to_string(static_cast<int>(severity)) + '>';
+  }
+  out += clean;
   out += '\n';
   output_(out);
 }
 
-void AgentLog::say(Severity severity, std::string_view text) {
-  write(severity, wordOf(severity), text);
+bool AgentLog::mayWrite(std::string_view name, Severity severity, std::string_view text) {
+  // What trace lines begin with could be anything: at some point all others are one kind.
+  constexpr size_t kindsMax = 256;
+  auto it = kinds_.find(name);
+  const auto now = now_();
+  if (it == kinds_.end()) {
+    it = kinds_.try_emplace(kinds_.size() < kindsMax ? std::string(name) : "others").first;
+    if (it->second.filled == Clock::time_point()) it->second.filled = now;
+  }
+  Kind& kind = it->second;
+  const std::chrono::duration<double> since = now - kind.filled;
+  kind.tokens = std::min(burst, kind.tokens + since / refill);
+  kind.filled = now;
+  if (kind.tokens >= 1) {
+    kind.tokens -= 1;
+    tellHeld(kind);
+    return true;
+  }
+  const bool first =
+      std::none_of(kinds_.begin(), kinds_.end(), [](const auto& k) { return k.second.held > 0; });
+  if (kind.held++ == 0) kind.heldSince = now;
+  kind.severity = severity;
+  kind.lastHeld = text;
+  if (first && heldHandler_) heldHandler_();
+  return false;
 }
+
+void AgentLog::tellHeld(Kind& kind) {
+  if (kind.held == 0) return;
+  const auto seconds = std::chrono::ceil<std::chrono::seconds>(now_() - kind.heldSince).count();
+  write(kind.severity, {},
+        "held back within " + std::to_string(seconds) + " s: " + std::to_string(kind.held) +
+            (kind.held == 1 ? " line: " : " lines of one kind, the last: ") + kind.lastHeld,
+        {});
+  kind.held = 0;
+  kind.lastHeld.clear();
+}
+void AgentLog::tellHeld() {
+  for (auto& [name, kind] : kinds_) tellHeld(kind);
+}
+
+void AgentLog::say(Severity severity, std::string_view text, const LogFields& fields, int line,
+                   const char* file) {
+  if (mayWrite(std::string(file) + ':' + std::to_string(line), severity, text))
+    write(severity, {}, text, fields);
+}
+
+namespace {
+/// "Class::" where the line begins with one; else two words behind the name of who speaks.
+std::string_view kindOfTrace(std::string_view text) {
+  if (const size_t end = text.substr(0, text.find(' ')).find("::"); end != text.npos)
+    return text.substr(0, end);
+  size_t at = text.find(": ");
+  at = at == text.npos ? 0 : at + 2;
+  const size_t word = text.find(' ', at);
+  const size_t end = word == text.npos ? word : text.find(' ', word + 1);
+  return text.substr(at, end == text.npos ? end : end - at);
+}
+}  // namespace
 
 void AgentLog::line(int level, std::string_view text) {
   if (!enabled(level)) return;
   const Severity severity = level <= TraceLevel::error   ? Severity::warning
                             : level < TraceLevel::detail ? Severity::info
                                                          : Severity::debug;
-  write(severity, "trace" + std::to_string(level), text);
+  if (level > TraceLevel::error || mayWrite(kindOfTrace(text), severity, text))
+    write(severity, "trace" + std::to_string(level), text, {});
 }
 
-void AgentLog::log(const LogMessage& message, std::span<const std::string> args) {
+void AgentLog::log(const LogMessage& message, std::span<const std::string> args,
+                   const LogFields& fields) {
   const auto severity = static_cast<Severity>(message.severity);
-  say(severity, std::string(message.name) + ": " + logText(message, args));
+  const std::string text = std::string(message.name) + ": " + logText(message, args);
+  if (mayWrite(message.name, severity, text)) write(severity, {}, text, fields, &message);
 }
 
 int traceLevelFromText(std::string_view text) {

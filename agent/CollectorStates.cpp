@@ -40,9 +40,11 @@ std::string_view statusText(Status status) {
   return "";
 }
 
-CollectorStates::CollectorStates(ControlView view, Ptr<TaskScheduler> scheduler, const Clock& clock)
+CollectorStates::CollectorStates(ControlView view, Ptr<TaskScheduler> scheduler, const Clock& clock,
+                                 AgentLog& log)
     : view_(std::move(view)),
       clock_(clock),
+      log_(log),
       task_(scheduler->timerTask("collector-states", afterAll, [this] { look(); })) {
   task_->scheduleIs(Seconds(0));
 }
@@ -195,9 +197,24 @@ const CollectorState& CollectorStates::note(const CollectorName& name) {
   auto [it, fresh] = known_.try_emplace(name);
   Known& known = it->second;
   known.turn = turn_;
-  found.since = fresh || known.state.status != found.status ? clock_.now() : known.state.since;
+  const Status before = fresh ? Status::sending : known.state.status;
+  found.since = fresh || before != found.status ? clock_.now() : known.state.since;
+  tellChange(name, before, found);
   known.state = std::move(found);
   return known.state;
+}
+
+void CollectorStates::tellChange(const CollectorName& name, Status before,
+                                 const CollectorState& now) {
+  // Exporters tell of their addresses and namespaces themselves.
+  if (before == now.status || (before != Status::refused && now.status != Status::refused)) return;
+  const bool refused = now.status == Status::refused;
+  log_.say(refused ? Severity::warning : Severity::info,
+           "collector " + name.collector + " of exporter " + name.exporter + " of tracker " +
+               name.tracker +
+               (refused ? " is not reached: " + now.detail
+                        : ": " + std::string(statusText(now.status)) + " again"),
+           {.tracker = name.tracker, .exporter = name.exporter, .collector = name.collector});
 }
 
 CollectorState CollectorStates::state(const CollectorName& name) { return note(name); }

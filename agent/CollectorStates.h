@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "agent/AgentLog.h"
 #include "agent/ControlView.h"
 #include "platform/Clock.h"
 #include "platform/TaskScheduler.h"
@@ -41,7 +42,9 @@ std::string_view statusText(CollectorState::Status status);
 /// milliseconds at once.
 class CollectorStates {
  public:
-  CollectorStates(ControlView view, Ptr<TaskScheduler> scheduler, const Clock& clock);
+  /// The operator is told when a collector comes to be refused, and when it is no longer.
+  CollectorStates(ControlView view, Ptr<TaskScheduler> scheduler, const Clock& clock,
+                  AgentLog& log);
 
   /// As it is at this moment, with the time at which it was first seen so.
   CollectorState state(const CollectorName& name);
@@ -73,9 +76,12 @@ class CollectorStates {
   void lookAt(const EndpointKey& key, const UdpPam* pam);
   CollectorState find(const CollectorName& name) const;
   const CollectorState& note(const CollectorName& name);
+  void tellChange(const CollectorName& name, CollectorState::Status before,
+                  const CollectorState& now);
 
   ControlView view_;
   const Clock& clock_;
+  AgentLog& log_;
   std::map<CollectorName, Known> known_;
   std::map<EndpointKey, Endpoint> endpoints_;
   CollectorName last_;  // of the look under way

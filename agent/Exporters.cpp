@@ -135,8 +135,10 @@ void ExporterSide::tellSource(const SourceAddresses& found) {
   }
   if (text == told_) return;
   told_ = text;
-  log_.say(has4 || has6 ? Severity::info : Severity::warning,
-           "exporter " + config_->name() + " of tracker " + tracker_ + ' ' + text);
+  log_.say(
+      has4 || has6 ? Severity::info : Severity::warning,
+      "exporter " + config_->name() + " of tracker " + tracker_ + ' ' + text,
+      {.tracker = tracker_, .exporter = config_->name(), .vrf = network_->vrf().stringValue()});
 }
 
 void ExporterSide::handleReadiness() {
@@ -147,7 +149,7 @@ void ExporterSide::handleReadiness() {
   const std::array<std::string, 5> args = {type, config_->name(), config_->vrfName().stringValue(),
                                            type, tracker_};
   log_.log(ready ? FlowTracking::exporterActiveMessage : FlowTracking::exporterInactiveMessage,
-           args);
+           args, {.tracker = tracker_, .exporter = args[1], .vrf = args[2]});
   readinessChanged_(ready);
 }
 

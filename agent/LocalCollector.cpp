@@ -192,9 +192,11 @@ void LocalCollector::handlePlace() {
   const auto& place = *config_->localCollectorConfig();
   if (place.exporterReady()) {
     place_ = placeText(place);
-    log_.info("tracker " + printable(trackerName_) + ": devices send to " + place_);
+    log_.info("tracker " + printable(trackerName_) + ": devices send to " + place_,
+              {.tracker = trackerName_});
   } else if (!place_.empty()) {
-    log_.warning("tracker " + printable(trackerName_) + ": nobody listens any more at " + place_);
+    log_.warning("tracker " + printable(trackerName_) + ": nobody listens any more at " + place_,
+                 {.tracker = trackerName_});
     place_.clear();
   }
 }
@@ -267,7 +269,8 @@ void LocalCollector::tellTroubles() {
   ownTold_ = ownDatagrams_;
   lostTold_ = lost;
   if (!text.empty())
-    log_.warning("tracker " + printable(trackerName_) + ": from devices, not passed on: " + text);
+    log_.warning("tracker " + printable(trackerName_) + ": from devices, not passed on: " + text,
+                 {.tracker = trackerName_});
 }
 
 // --- All of them ---

@@ -278,5 +278,53 @@ TEST(AgentLog, LinesOfBothStyles) {
   for (const char* bad : {"", "10", "-1", "loud"}) EXPECT_EQ(traceLevelFromText(bad), -1) << bad;
 }
 
+TEST(AgentLog, HoldsBackWhatComesTooOftenAndSaysHowMuch) {
+  std::vector<std::string> out;
+  AgentLog log(AgentLog::Style::journal,
+               [&](std::string_view line) { out.emplace_back(line.substr(3)); });
+  AgentLog::Clock::time_point now{};
+  log.nowIs([&] { return now; });
+  int wakes = 0;
+  log.heldHandlerIs([&] { ++wakes; });
+  const auto flap = [&](int n) { log.warning("link " + std::to_string(n)); };
+  const auto burst = static_cast<int>(AgentLog::burst);
+  for (int i = 0; i < burst + 20; ++i) flap(i);
+  ASSERT_EQ(out.size(), size_t(burst));
+  EXPECT_EQ(wakes, 1);
+  // Other kinds are not concerned, and what the operator waits for never is.
+  log.info("another");
+  const std::array<std::string, 1> args = {"x"};
+  log.log(
+      {.name = "NAMED", .severity = 6, .format = "%s", .explanation = {}, .recommendedAction = {}},
+      args);
+  log.line(TraceLevel::error, "udpPam4-a-b: sending fails: no route, to 10.0.0.1:1");
+  EXPECT_EQ(out.size(), size_t(burst) + 3);
+  for (int i = 0; i < 3 * burst; ++i) log.tell(Severity::error, "of a reload");
+  EXPECT_EQ(out.size(), size_t(4 * burst) + 3);
+  out.clear();
+
+  now += AgentLog::refill;
+  flap(1000);
+  flap(1001);
+  EXPECT_EQ(out,
+            (std::vector<std::string>{
+                "held back within 2 s: 20 lines of one kind, the last: link 69\n", "link 1000\n"}));
+  out.clear();
+  now += std::chrono::milliseconds(500);
+  log.tellHeld();
+  log.tellHeld();
+  EXPECT_EQ(out, std::vector<std::string>{"held back within 1 s: 1 line: link 1001\n"});
+
+  // Endpoints differ in their names, not in kind; trace levels that were asked for are not limited.
+  out.clear();
+  for (int i = 0; i < 2 * burst; ++i)
+    log.line(TraceLevel::error, "udpPam4-a-" + std::to_string(i) + ": sending fails: no route");
+  EXPECT_EQ(out.size(), size_t(burst));
+  log.levelIs(TraceLevel::event);
+  out.clear();
+  for (int i = 0; i < 2 * burst; ++i) log.line(TraceLevel::event, "X::y happened");
+  EXPECT_EQ(out.size(), size_t(2 * burst));
+}
+
 }  // namespace
 }  // namespace agent

@@ -1,0 +1,109 @@
+#include "agent/StateTree.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <set>
+
+#include "Ipfix/FlowTrackingTypes.h"
+#include "agent/Network.h"
+#include "platform/HwFlowTracking.h"
+
+namespace agent {
+namespace {
+
+using Rows = std::vector<std::pair<std::string, std::string>>;
+
+Rows all(const StateTree& tree, const std::string& path, const StateTree::Limits& limits) {
+  Rows rows;
+  std::string after;
+  for (;;) {
+    const auto page = tree.page(path, after, limits);
+    EXPECT_EQ(page.problem, "");
+    EXPECT_LE(page.rows.size(), limits.rows);
+    for (const StateRow& row : page.rows) rows.emplace_back(row.path, row.text.value_or("(none)"));
+    if (page.done || page.rows.empty()) return rows;
+    after = page.rows.back().path;
+  }
+}
+
+class StateTreeTest : public testing::Test {
+ protected:
+  StateTreeTest() {
+    auto config = HwFlowTracking::configFactory();
+    for (const char* tracker : {"edge", "a/b %", "'q'"}) {
+      auto ft = HwFlowTracking::ftConfigFactory(tracker, 7);
+      for (const char* name : {"main", "x"}) {
+        auto e = HwFlowTracking::exporterConfigFactory(name);
+        for (const char* c : {"c1", "c2"})
+          e->collectorIpAndPortIs(c, {*IpAddr::fromString("10.0.0.1"), 4739});
+        ft->expConfigIs(e);
+      }
+      config->ftConfigIs(ft);
+    }
+    for (uint32_t i = 1; i <= 30; ++i) {
+      const IntfId id(i % 3 ? "eth" + std::to_string(i) : "\xff\x01/" + std::to_string(i));
+      interfaces->intfIndexIs(id, i);
+      interfaces->intfIdIs(i, id);
+    }
+    roots = {{"config", config}, {"interfaces", interfaces}, {"networks", networkListFactory()}};
+  }
+  Ptr<FlowTracking::IntfIndexMap> interfaces = FlowTracking::intfIndexMapFactory();
+  std::vector<StateTree::Root> roots;
+};
+
+TEST_F(StateTreeTest, PagesOfAnySizeMakeTheWhole) {
+  const StateTree tree(roots);
+  const Rows whole = all(tree, "", {});
+  // Per tracker: four values, the local collector's eight, and two exporters of 11 values, two
+  // collectors and an empty collection; then both maps of interfaces, and no network.
+  EXPECT_EQ(whole.size(), 3u * (4 + 8 + 2 * (11 + 2 + 1)) + 60 + 1);
+  EXPECT_EQ((std::set<Rows::value_type>(whole.begin(), whole.end()).size()), whole.size());
+  for (const size_t rows : {1, 2, 3, 7, 50})
+    EXPECT_EQ(all(tree, "", {.rows = rows}), whole) << rows;
+  EXPECT_EQ(all(tree, "", {.octets = 1}), whole);
+  EXPECT_EQ(all(tree, "", {.time = std::chrono::microseconds(0)}), whole);
+  // Each row's path leads to that row, and so does what a person would write.
+  for (const auto& [path, text] : whole)
+    EXPECT_EQ(all(tree, path, {}), (Rows{{path, text}})) << path;
+  EXPECT_EQ(all(tree, "config/ftConfig/a%2Fb %/expConfig/main/dscp", {})[0].second, "0");
+  EXPECT_EQ(all(tree, "interfaces/intfIndex/eth1", {})[0].second, "1");
+}
+
+TEST_F(StateTreeTest, ACollectionCanBeSkipped) {
+  const StateTree tree(roots);
+  const auto page = tree.page("interfaces", "interfaces/intfIndex");
+  ASSERT_FALSE(page.rows.empty());
+  EXPECT_TRUE(page.rows[0].path.starts_with("interfaces/intfId/"));
+  EXPECT_EQ(page.rows.size(), 30u);
+  const auto behind = tree.page("config", "config/ftConfig/='edge'/expConfig/='main'");
+  EXPECT_EQ(behind.rows[0].path, "config/ftConfig/='edge'/expConfig/='x'/name");
+}
+
+TEST_F(StateTreeTest, SaysWhatIsThereInstead) {
+  const StateTree tree(roots);
+  for (const auto& [path, says] :
+       std::map<std::string, std::string>{{"confg", "config, interfaces, networks"},
+                                          {"config/ftconfig", "there are ftConfig"},
+                                          {"config/ftConfig/core", "'core'"},
+                                          {"config/ftConfig/edge/ftId/x", "which is a value"}}) {
+    const auto page = tree.page(path);
+    EXPECT_NE(page.problem.find(says), std::string::npos) << page.problem;
+    EXPECT_TRUE(page.rows.empty());
+  }
+}
+
+TEST_F(StateTreeTest, APageCostsWhatIsInIt) {
+  for (uint32_t i = 100; i < 300000; ++i) interfaces->intfIndexIs(IntfId(std::to_string(i)), i);
+  const StateTree tree(roots);
+  const auto start = std::chrono::steady_clock::now();
+  std::string after = "interfaces/intfIndex/=2";
+  for (int i = 0; i < 50; ++i)
+    after = tree.page("interfaces", after, {.rows = 20}).rows.back().path;
+  const auto took = std::chrono::steady_clock::now() - start;
+  // Walking the map once for each page would take 50 times 10 ms.
+  EXPECT_LT(took, std::chrono::milliseconds(100));
+}
+
+}  // namespace
+}  // namespace agent
