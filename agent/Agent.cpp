@@ -207,8 +207,7 @@ void Agent::startFlows(const Settings& settings) {
         tracker);
     if (options_.readFile.empty()) continue;
     ++filesUnderWay_;
-    path->fileIs(std::make_unique<flow::CaptureFile>(options_.readFile),
-                 [this] { handleFileDone(); });
+    path->fileIs(std::make_unique<CaptureFile>(options_.readFile), [this] { handleFileDone(); });
   }
 }
 
@@ -228,8 +227,8 @@ bool Agent::openFile(const Settings& settings) {
     return false;
   }
   try {
-    flow::CaptureFile file(options_.readFile);
-    flow::Packet packet;
+    CaptureFile file(options_.readFile);
+    Packet packet;
     file.next(packet);  // interfaces stand before their packets
     const auto network = vrfNetworkFactory(VrfName(std::string(defaultVrf)));
     const auto slash = options_.readFile.rfind('/');
@@ -254,7 +253,7 @@ void Agent::handleFileDone() {
   std::set<std::string> said;  // each tracker read the same file
   for (const auto& [name, path] : flowPaths_) {
     if (!path->file()) continue;
-    const flow::CaptureFile& file = path->file()->file();
+    const CaptureFile& file = path->file()->file();
     for (const std::string& warning : file.warnings())
       if (said.insert(warning).second) log_.warning(warning);
     if (!file.error().empty() && said.insert(file.error()).second) log_.error(file.error());

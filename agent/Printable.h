@@ -1,12 +1,6 @@
 #pragma once
-#include <string>
-#include <string_view>
+#include "platform/linux/Printable.h"
 
 namespace agent {
-
-/// `text` fit for a terminal and one line of a log: control characters (C0, DEL, C1) and octets
-/// that are not UTF-8 as \xNN, newline and tab as \n and \t. A backslash stays, so that text made
-/// printable twice is the same.
-std::string printable(std::string_view text);
-
-}  // namespace agent
+using platform::printable;
+}

@@ -6,11 +6,12 @@
 #include <stdexcept>
 #include <string>
 
-#include "agent/flow/CaptureFile.h"
 #include "agent/flow/PacketParser.h"
 #include "platform/Assert.h"
+#include "platform/linux/CaptureFile.h"
 
 namespace agent::flow {
+using platform::CaptureFile;
 
 inline bool oneLine(const std::string& text) {
   return std::none_of(text.begin(), text.end(), [](char c) {

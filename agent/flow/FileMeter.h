@@ -1,10 +1,11 @@
 #pragma once
 #include <memory>
 
-#include "agent/flow/CaptureFile.h"
 #include "agent/flow/FlowMeter.h"
+#include "platform/linux/CaptureFile.h"
 
 namespace agent::flow {
+using platform::CaptureFile;
 
 /// Reads a capture file as fast as the records are taken; time is the packets'.
 class FileMeter final : public FlowMeter {

@@ -7,9 +7,11 @@
 #include <vector>
 
 #include "agent/flow/FlowKey.h"
-#include "agent/flow/Packet.h"
+#include "platform/linux/Packet.h"
 
 namespace agent::flow {
+using platform::LinkLayer;
+using platform::Packet;
 
 /// Why a packet belongs to no flow.
 enum class ParseError : uint8_t {

@@ -8,10 +8,12 @@
 #include <memory>
 #include <vector>
 
-#include "agent/flow/Packet.h"
 #include "platform/linux/Fd.h"
+#include "platform/linux/Packet.h"
 
 namespace agent::flow {
+using platform::LinkLayer;
+using platform::Packet;
 
 struct PacketRingOptions {
   uint32_t blockLen = 256 << 10;  ///< a multiple of the page length

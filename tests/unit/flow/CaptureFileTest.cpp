@@ -1,4 +1,4 @@
-#include "agent/flow/CaptureFile.h"
+#include "platform/linux/CaptureFile.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

@@ -7,9 +7,9 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/flow/Packet.h"
+#include "platform/linux/Packet.h"
 
-namespace agent::flow {
+namespace platform {
 
 /// The packets of a capture file, pcap or pcapng, where they lie in the mapped file.
 ///
@@ -151,4 +151,4 @@ inline bool CaptureFile::next(Packet& p) {
   return nextAny(p);
 }
 
-}  // namespace agent::flow
+}  // namespace platform

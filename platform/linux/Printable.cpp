@@ -1,8 +1,8 @@
-#include "agent/Printable.h"
+#include "platform/linux/Printable.h"
 
 #include <cstdint>
 
-namespace agent {
+namespace platform {
 namespace {
 /// Octets of the well-formed UTF-8 sequence at the start of `s` (RFC 3629); 0: there is none.
 size_t sequenceLen(std::string_view s) {
@@ -45,4 +45,4 @@ std::string printable(std::string_view text) {
   return out;
 }
 
-}  // namespace agent
+}  // namespace platform

@@ -1,4 +1,4 @@
-#include "agent/flow/CaptureFile.h"
+#include "platform/linux/CaptureFile.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -10,12 +10,12 @@
 #include <cstdio>
 #include <stdexcept>
 
-#include "agent/Printable.h"
 #include "platform/UdpPam.h"
 #include "platform/linux/Fd.h"
+#include "platform/linux/Printable.h"
 
 // The formats: draft-ietf-opsawg-pcap and draft-ietf-opsawg-pcapng.
-namespace agent::flow {
+namespace platform {
 namespace {
 constexpr uint32_t pcapMicroseconds = 0xa1b2c3d4;
 constexpr uint32_t pcapNanoseconds = 0xa1b23c4d;
@@ -450,4 +450,4 @@ std::vector<std::string> CaptureFile::warnings() const {
   return all;
 }
 
-}  // namespace agent::flow
+}  // namespace platform

@@ -1,7 +1,7 @@
 #pragma once
 #include <cstdint>
 
-namespace agent::flow {
+namespace platform {
 
 /// What the first octet of a packet belongs to.
 enum class LinkLayer : uint8_t {
@@ -23,4 +23,4 @@ struct Packet {
   uint16_t vlanTci = 0;
 };
 
-}  // namespace agent::flow
+}  // namespace platform

@@ -1,0 +1,12 @@
+#pragma once
+#include <string>
+#include <string_view>
+
+namespace platform {
+
+/// `text` fit for a terminal and one line of a log: control characters (C0, DEL, C1) and octets
+/// that are not UTF-8 as \xNN, newline and tab as \n and \t. A backslash stays, so that text made
+/// printable twice is the same.
+std::string printable(std::string_view text);
+
+}  // namespace platform
