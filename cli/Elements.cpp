@@ -45,4 +45,10 @@ decoder::ElementLookup elementLookup(platform::Ptr<const Ipfix::ElementIdColl> r
   };
 }
 
+decoder::ElementLookup registryLookup() {
+  auto registry = Ipfix::elementIdCollFactory();
+  registry->doInitialize();
+  return elementLookup(registry);
+}
+
 }  // namespace cli

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 #include <utility>
@@ -17,22 +16,12 @@
 #include "cli/MessagePrinter.h"
 #include "cli/OptionsTables.h"
 #include "cli/Signals.h"
+#include "cli/Style.h"
 
 namespace cli {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-PrintOptions printOptions(bool quietData) {
-  PrintOptions o;
-  o.quietData = quietData;
-  winsize size{};
-  if (isatty(STDOUT_FILENO)) {
-    o.colour = std::getenv("NO_COLOR") == nullptr;
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col >= 40) o.width = size.ws_col;
-  }
-  return o;
-}
 
 class Listener {
  public:
@@ -57,12 +46,6 @@ class Listener {
   }
 
  private:
-  static decoder::ElementLookup registryLookup() {
-    auto registry = Ipfix::elementIdCollFactory();
-    registry->doInitialize();
-    return elementLookup(registry);
-  }
-
   void receive(UdpReceiver& receiver, const StopSignals& signals) {
     const auto start = Clock::now();
     announce(receiver);
@@ -173,6 +156,16 @@ class Listener {
 };
 
 }  // namespace
+
+PrintOptions printOptions(bool quietData) {
+  PrintOptions o;
+  o.quietData = quietData;
+  winsize size{};
+  o.colour = Style::ofOutput().colour();
+  if (isatty(STDOUT_FILENO) && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col >= 40)
+    o.width = size.ws_col;
+  return o;
+}
 
 int listen(const ListenOptions& options) { return Listener(options).run(); }
 

@@ -3,6 +3,7 @@
 #include "cli/Check.h"
 #include "cli/ControlCommands.h"
 #include "cli/Counters.h"
+#include "cli/Decode.h"
 #include "cli/Flows.h"
 #include "cli/Listen.h"
 #include "cli/Metrics.h"
@@ -118,6 +119,27 @@ int main(int argc, char** argv) {
       "it could not listen or write.");
   cli::ControlCommands control(app, *showCmd);
 
+  cli::DecodeOptions decode;
+  auto* decodeCmd = app.add_subcommand("decode", "Print the IPFIX messages of a capture decoded");
+  decodeCmd->add_option("FILE", decode.file, "The capture, pcap or pcapng")
+      ->required()
+      ->type_name("");
+  decodeCmd
+      ->add_option("--port", decode.port,
+                   "Only what goes to this UDP port, IPFIX or not [what looks like IPFIX]")
+      ->type_name("PORT");
+  decodeCmd->add_option("--messages", decode.messages, "End after N datagrams")
+      ->type_name("N")
+      ->check(positive);
+  decodeCmd->add_flag("--json", decode.json, "One JSON object per line, as listen has them");
+  decodeCmd->add_flag("--quiet-data", decode.quietData,
+                      "Count data records instead of printing them");
+  decodeCmd->add_flag("--tables", decode.tables,
+                      "The options data as tables, as they are at the end of the capture");
+  decodeCmd->footer(
+      "Exit status: 0; 1 when a message was malformed, a sequence number wrong, something not "
+      "captured whole,\nor there was no IPFIX; 2 when the file cannot be read.");
+
   std::string file;
   auto* checkCmd = app.add_subcommand("check", "Validate a configuration file as the agent would");
   checkCmd->add_option("FILE", file, "The configuration file")->required()->type_name("");
@@ -134,6 +156,7 @@ int main(int argc, char** argv) {
   if (*countersCmd) return cli::showCounters(counters);
   if (*flowsCmd) return cli::showFlows(counters);
   if (*metricsCmd) return cli::metrics(metrics);
+  if (*decodeCmd) return cli::decode(decode);
   if (const auto status = control.run()) return *status;
   return cli::check(file);
 }
