@@ -1,22 +1,25 @@
 #include "agent/AgentLog.h"
 
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
-#include <systemd/sd-journal.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <vector>
 
 #include "agent/Printable.h"
 
 namespace agent {
 namespace {
+
+constexpr std::string_view journalSocket = "/run/systemd/journal/socket";
 
 /// The journal says which file it reads as "<device>:<inode>"; standard error may lead elsewhere
 /// all the same.
@@ -62,20 +65,39 @@ AgentLog::AgentLog(Style style, Output output) : style_(style), output_(std::mov
 AgentLog AgentLog::standard() {
   return AgentLog(
       standardErrorIsJournal() ? Style::fields : Style::plain, [](std::string_view line) {
-        // One call per line, so that lines of two processes do not mix. What the
-        // other end does not take is lost: the agent does not wait for its log.
+        // One call per line, so that lines of two processes do not mix. What the other end does not
+        // take is lost: a pipe that has room takes what a line has.
+        pollfd room{STDERR_FILENO, POLLOUT, 0};
+        if (poll(&room, 1, 0) == 0) return;
         [[maybe_unused]] const ssize_t n = ::write(STDERR_FILENO, line.data(), line.size());
       });
 }
 
-/// A field per name that is known. False: the journal does not take it.
+/// A field per name that is known, as the journal's own protocol has them
+/// (https://systemd.io/JOURNAL_NATIVE_PROTOCOL): values are lines, since they are printable.
+/// sd_journal_sendv would do the same but wait for a journal that is behind, and exports with it;
+/// here its line is lost, and how many were is told when the journal takes lines again.
 bool AgentLog::toJournal(Severity severity, std::string_view text, const LogFields& fields,
                          const LogMessage* message) {
-  std::vector<std::string> all = {"MESSAGE=" + std::string(text),
-                                  "PRIORITY=" + std::to_string(static_cast<int>(severity)),
-                                  "SYSLOG_IDENTIFIER=tarnflowd"};
+  if (!journal_) journal_ = Fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  sockaddr_un to{};
+  to.sun_family = AF_UNIX;
+  journalSocket.copy(to.sun_path, sizeof to.sun_path - 1);
+  const auto send = [&](const std::string& entry) {
+    return sendto(journal_.get(), entry.data(), entry.size(), MSG_NOSIGNAL,
+                  reinterpret_cast<const sockaddr*>(&to), sizeof to) >= 0;
+  };
+  const auto start = [](Severity s, std::string_view line) {
+    return "MESSAGE=" + std::string(line) + "\nPRIORITY=" + std::to_string(static_cast<int>(s)) +
+           "\nSYSLOG_IDENTIFIER=tarnflowd\n";
+  };
+  if (lost_ > 0 &&
+      send(start(Severity::warning,
+                 "the journal was behind: " + std::to_string(lost_) + " lines before are lost")))
+    lost_ = 0;
+  std::string entry = start(severity, text);
   const auto add = [&](const char* name, std::string_view value) {
-    if (!value.empty()) all.push_back(name + ('=' + std::string(value)));
+    if (!value.empty()) entry += name + ('=' + printable(value)) + '\n';
   };
   add("TARN_TRACKER", fields.tracker);
   add("TARN_EXPORTER", fields.exporter);
@@ -86,10 +108,10 @@ bool AgentLog::toJournal(Severity severity, std::string_view text, const LogFiel
     add("TARN_EXPLANATION", message->explanation);
     add("TARN_ACTION", message->recommendedAction);
   }
-  std::vector<iovec> parts;
-  parts.reserve(all.size());
-  for (std::string& field : all) parts.push_back({field.data(), field.size()});
-  return sd_journal_sendv(parts.data(), static_cast<int>(parts.size())) == 0;
+  if (send(entry)) return true;
+  if (errno != EAGAIN && errno != ENOBUFS) return false;
+  ++lost_;
+  return true;
 }
 
 void AgentLog::write(Severity severity, std::string_view word, std::string_view text,

@@ -8,6 +8,7 @@
 
 #include "platform/Log.h"
 #include "platform/Trace.h"
+#include "platform/linux/Fd.h"
 
 namespace agent {
 using namespace platform;
@@ -26,7 +27,8 @@ struct LogFields {
 
 /// Where all that the agent and the library have to say goes, one line each: to the journal with
 /// its fields; or as "<time> <level> <text>", or as "<N><text>" for a reader that knows the time
-/// and takes the level off. Lines are printable whatever stands in them.
+/// and takes the level off. Lines are printable whatever stands in them. The agent does not wait
+/// for its log.
 ///
 /// What goes wrong often is not told each time: of one kind of line `burst` are written, and then
 /// one each `refill`; how many were held back is told with the next one, or by `tellHeld`. A kind
@@ -97,11 +99,14 @@ class AgentLog final : public TraceSink, public LogSink {
   /// `word` stands for the severity in the plain style; empty: its own.
   void write(Severity severity, std::string_view word, std::string_view text,
              const LogFields& fields, const LogMessage* message = nullptr);
-  static bool toJournal(Severity severity, std::string_view text, const LogFields& fields,
-                        const LogMessage* message);
+  /// False: there is no journal.
+  bool toJournal(Severity severity, std::string_view text, const LogFields& fields,
+                 const LogMessage* message);
 
   Style style_;
   Output output_;
+  Fd journal_;
+  uint64_t lost_ = 0;  // lines that the journal did not take
   int level_ = TraceLevel::error;
   std::map<std::string, Kind, std::less<>> kinds_;
   std::function<void()> heldHandler_;
