@@ -395,6 +395,13 @@ void OptionsDataExporterSm::maybeBeginPeriodicTransmission() {
   processing_ = true;
   sendDataTables();
 }
+void OptionsDataExporterSm::resend() {
+  if (processing_) {
+    tablesAgain_ = true;  // some collectors have had the beginning already
+  } else {
+    txPeriodicTask_->scheduleIs(Seconds(0));
+  }
+}
 void OptionsDataExporterSm::sendDataTables() {
   // Everybody who can be reached gets the tables now: nobody of them waits for a resend any more.
   std::erase_if(collectorUpdate_, [this](const std::string& name) {

@@ -200,7 +200,7 @@ class TARN_API OptionsDataExporterSm final : public Entity {
   uint32_t activeInterval() const;
   /// Sends the full tables to every collector again as soon as possible, behind what else is due,
   /// and then every active interval from now on.
-  void resend() { txPeriodicTask_->scheduleIs(Seconds(0)); }
+  void resend();
 
   void handleInitialized();
   void handleSrc4();
@@ -289,7 +289,7 @@ class TARN_API OptionsDataExporterSm final : public Entity {
   };
   std::vector<Transmission> transmission_;
   std::vector<std::pair<TemplateId, Ptr<const DataRecord>>> changedMeanwhile_;
-  bool tablesAgain_ = false;  // more changed meanwhile than is worth remembering
+  bool tablesAgain_ = false;  // more changed meanwhile than is worth remembering, or was asked for
   std::unique_ptr<TimerTask> continueTask_;
   std::unique_ptr<TimerTask> updateTask_;
   std::unique_ptr<TimerTask> collectorUpdateTask_;
