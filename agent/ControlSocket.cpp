@@ -67,6 +67,7 @@ ControlSocket::~ControlSocket() {
   if (socket_ && lstat(path_.c_str(), &there) == 0 && there.st_dev == device_ &&
       there.st_ino == inode_)
     unlink(path_.c_str());
+  if (!madeDirectory_.empty()) rmdir(madeDirectory_.c_str());
 }
 
 bool ControlSocket::listen(const std::string& path) {
@@ -91,8 +92,11 @@ std::string ControlSocket::bindTo(const std::string& path) {
   };
 
   const std::string directory = path.substr(0, path.rfind('/'));
-  if (!directory.empty() && mkdir(directory.c_str(), 0755) < 0 && errno != EEXIST)
+  if (mkdir(directory.c_str(), 0755) == 0) {
+    madeDirectory_ = directory;
+  } else if (!directory.empty() && errno != EEXIST) {
     return "cannot make the directory " + printable(directory) + ": " + errorText(errno);
+  }
 
   struct stat there {};
   if (lstat(path.c_str(), &there) == 0) {

@@ -49,7 +49,8 @@ class ControlSocket {
   ControlSocket(Ptr<EventLoop> loop, AgentLog& log, Handler handler, const Limits& limits);
   ControlSocket(Ptr<EventLoop> loop, AgentLog& log, Handler handler)
       : ControlSocket(std::move(loop), log, std::move(handler), Limits()) {}
-  /// Closes all connections and removes the socket's file, if it still is this one's.
+  /// Closes all connections and removes the socket's file, if it still is this one's, and the
+  /// directory that was made for it, if nothing else is there.
   ~ControlSocket();
   ControlSocket(const ControlSocket&) = delete;
   ControlSocket& operator=(const ControlSocket&) = delete;
@@ -81,7 +82,8 @@ class ControlSocket {
   Handler handler_;
   const Limits limits_;
   std::string path_;
-  dev_t device_ = 0;  // of the socket's file
+  std::string madeDirectory_;  // empty: it was there
+  dev_t device_ = 0;           // of the socket's file
   ino_t inode_ = 0;
   Fd socket_;
   std::unique_ptr<EventLoop::FdWatch> watch_;

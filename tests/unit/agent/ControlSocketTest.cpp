@@ -204,6 +204,8 @@ TEST_F(ControlSocketTest, AClientThatIsGoneCostsNothing) {
   Client here;
   here.send("hello\n");
   EXPECT_TRUE(until([&] { return here.got() == "<hello>\n"; }));
+  control.reset();
+  EXPECT_NE(access("/run/tarn", F_OK), 0) << "nothing is left behind";
 }
 
 TEST_F(ControlSocketTest, OtherUsersMayLookAndHaveTheirShareOfPlaces) {
