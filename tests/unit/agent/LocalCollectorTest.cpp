@@ -112,77 +112,17 @@ class DecoderTest : public testing::Test {
   LocalCollectorDecoder decoder;
 };
 
-TEST_F(DecoderTest, PassesRecordsOnAsTheyAre) {
-  hear(message(templates(300, {{8, 4}, {12, 4}, {1, 4}, {82, variable}}) +
-               set(300, "aaaabbbbcccc" + counted("eth0") + "AAAABBBBCCCC" + counted("", true)) +
-               templates(301, {{27, 16}, {2, 8}}) +
-               set(301, std::string(48, 'x') + std::string(3, '\0'))));
-  EXPECT_EQ(text(), "256: 8/4 12/4 1/4 82/65535\n257: 27/16 2/8\n");
-  EXPECT_EQ(take(), (Passed{{256, "aaaabbbbcccc\4eth0"},
-                            {256, std::string("AAAABBBBCCCC\xff\0\0", 15)},
-                            {257, std::string(24, 'x')},
-                            {257, std::string(24, 'x')}}));
-  EXPECT_EQ(n().recordsIn, 4u);
-  EXPECT_EQ(n().recordsPassed, 4u);
-  EXPECT_EQ(n().templatesLearnt, 2u);
-  EXPECT_EQ(n().badRecord, 0u) << "padding is none";
-}
-
-TEST_F(DecoderTest, LeavesOutWhatTheRegistryDoesNotKnow) {
-  // Unknown; of another enterprise; IANA's number with an enterprise; the enterprise's without.
-  hear(message(templates(300, {{60, 1},
-                               {8, 4},
-                               {7, 2, 29305},
-                               {1001, 2, 99991},
-                               {8, 4, 99991},
-                               {1001, 2},
-                               {900, variable},
-                               {1, 3},
-                               {82, variable}}) +
-               set(300,
-                   "-"
-                   "aaaa"
-                   "--"
-                   "tt"
-                   "----"
-                   "--" +
-                       counted("gone") + "ccc" + counted("lo") +
-                       "-"
-                       "AAAA"
-                       "--"
-                       "TT"
-                       "----"
-                       "--" +
-                       counted(std::string(300, '-')) + "CCC" + counted("eth0", true))));
-  EXPECT_EQ(text(), "256: 8/4 1001e/2 1/3 82/65535\n");
-  EXPECT_EQ(take(),
-            (Passed{{256, "aaaattccc\2lo"}, {256, std::string("AAAATTCCC\xff\0\4eth0", 16)}}));
-  EXPECT_EQ(n().fieldsUnknown, 5u);
-  EXPECT_EQ(n().fieldsOfBadLength, 0u);
-
-  // Fixed lengths, where several fields are cut out in one piece.
-  hear(message(templates(301, {{60, 1}, {61, 1}, {7, 2}, {11, 2}, {60, 1}}) +
-               set(301, "--aabb---AABB-")));
-  EXPECT_EQ(take(), (Passed{{257, "aabb"}, {257, "AABB"}}));
-
-  // Lengths that are no encoding: addresses and times have one length, numbers a largest one.
-  hear(message(templates(302, {{8, 3},
-                               {27, 4},
-                               {56, 5},
-                               {152, 4},
-                               {1, 9},
-                               {2, 0},
-                               {4, variable},
-                               {1024, 2, 99991},
-                               {82, 0},
-                               {6, 1},
-                               {82, 5}}) +
-               set(302, std::string(27, '-') + counted("tcp") + "--" + "f" + "cable")));
-  EXPECT_EQ(published.at(258), (PassedLayout{{6, 1, false}, {82, 5, false}}));
+// What is unknown is left out at random below; here what is known, with a length that is no
+// encoding: addresses and times have one length, numbers a largest one.
+TEST_F(DecoderTest, LeavesOutLengthsThatTheElementCannotHave) {
+  const std::vector<Field> fields = {{8, 3},           {27, 4}, {56, 5}, {152, 4},
+                                     {1, 9},           {2, 0},  {82, 0}, {4, variable},
+                                     {1024, 2, 99991}, {6, 1},  {82, 5}};
+  hear(message(templates(302, fields) +
+               set(302, std::string(25, '-') + counted("tcp") + "--" + "f" + "cable")));
+  EXPECT_EQ(text(), "256: 6/1 82/5\n");
   EXPECT_EQ(n().fieldsOfBadLength, 9u);
-  // 3 + 4 + 5 + 4 + 9 octets of the first five
-  hear(message(set(302, std::string(25, '-') + counted("tcp") + "--" + "f" + "cable")));
-  EXPECT_EQ(take().back(), (std::pair<TemplateId, std::string>(258, "fcable")));
+  EXPECT_EQ(take(), (Passed{{256, "fcable"}}));
 }
 
 TEST_F(DecoderTest, RefusesWhatCannotBeDescribed) {
@@ -191,48 +131,16 @@ TEST_F(DecoderTest, RefusesWhatCannotBeDescribed) {
                templates(302, {{82, 1433}}) + templates(303, {{82, 1432}}) +
                templates(304, {{82, variable}})));
   EXPECT_EQ(text(), "256: 82/1432\n257: 82/65535\n");
-  EXPECT_EQ(n().templatesWithoutField, 1u);
-  EXPECT_EQ(n().templatesMixed, 1u);
-  EXPECT_EQ(n().templatesTooLarge, 1u);
-  EXPECT_EQ(n().recordsIn, 3u);
+  EXPECT_EQ(n().templatesWithoutField + n().templatesMixed + n().templatesTooLarge, 3u);
   EXPECT_EQ(n().recordsOfRefused, 3u);
-  hear(message(set(304, counted(std::string(1429, 'a')) + counted(std::string(1430, 'b')))));
-  EXPECT_EQ(take().size(), 1u);
-  EXPECT_EQ(n().recordsTooLarge, 1u);
-  EXPECT_EQ(n().recordsPassed, 1u);
-
   // More room: refused ones are taken at their next repetition. Less: the last come off.
   decoder.roomIs(2000);
-  hear(message(templates(302, {{82, 1433}}) + templates(301, {{8, 4}, {28, 16}})));
+  hear(message(templates(302, {{82, 1433}})));
   EXPECT_EQ(text(), "256: 82/1432\n257: 82/65535\n258: 82/1433\n");
   decoder.roomIs(16);
-  EXPECT_EQ(text(), "257: 82/65535\n");
   hear(message(templates(305, {{1, 8}, {2, 8}})));
   EXPECT_EQ(text(), "257: 82/65535\n") << "8 octets of template are left, it has 12";
   EXPECT_EQ(n().templatesWithoutRoom, 1u);
-  hear(message(templates(306, {{1, 8}})));
-  EXPECT_EQ(text(), "257: 82/65535\n259: 1/8\n");
-  decoder.roomIs(8);
-  EXPECT_EQ(text(), "257: 82/65535\n");
-}
-
-TEST_F(DecoderTest, SkipsOptionsAndCountsTheirRecords) {
-  hear(message(set(3, templateRecord(400, {{149, 4}, {41, 8}, {82, variable}}, 1) +
-                          templateRecord(401, {{145, 2}}, 1)) +
-               set(400, std::string(12, '-') + counted("a") + std::string(12, '-') + counted("")) +
-               templates(300, {{1, 8}}) + set(300, "12345678")));
-  EXPECT_EQ(n().optionsTemplates, 2u);
-  EXPECT_EQ(n().optionsRecords, 2u);
-  EXPECT_EQ(take().size(), 1u);
-  hear(message(set(300, "12345678"), 3));
-  EXPECT_EQ(n().sequenceGaps, 0u) << "options data is numbered, too (RFC 7011, 3.1)";
-  // An id changes its kind, and back.
-  hear(message(set(3, templateRecord(300, {{149, 4}}, 1)) + set(300, "12345678"), 4));
-  EXPECT_TRUE(published.empty());
-  EXPECT_EQ(n().optionsRecords, 4u);
-  hear(message(templates(300, {{1, 8}}) + set(300, "12345678"), 6));
-  EXPECT_EQ(take().size(), 2u);
-  EXPECT_EQ(n().sequenceGaps + n().sequenceBack, 0u);
 }
 
 TEST_F(DecoderTest, MalformedMessagesChangeNothing) {
@@ -456,17 +364,6 @@ TEST_F(LimitsTest, WhatIsRememberedIsBounded) {
   EXPECT_EQ(take(), (Passed{{256, "a"}})) << "and then it works as before";
 }
 
-TEST_F(LimitsTest, SendersBeyondTheLimitDoNotPushOthersOut) {
-  for (uint16_t port = 1; port <= 5; ++port) hear(message(templates(300, {{1, 8}})), port);
-  EXPECT_EQ(decoder.streams(), 3u);
-  EXPECT_EQ(n().templatesOverLimit, 2u);
-  for (uint16_t port = 1; port <= 5; ++port) hear(message(set(300, "12345678")), port);
-  EXPECT_EQ(take().size(), 3u);
-  decoder.advance(Seconds(31));
-  hear(message(templates(300, {{1, 8}}) + set(300, "12345678")), 5);
-  EXPECT_EQ(take().size(), 1u);
-}
-
 // Templates, records and repetitions at random, against an oracle that knows what each field is
 // worth; and the same messages with octets changed, which must be survived and leave the counts
 // consistent.
@@ -673,21 +570,6 @@ TEST_F(CollectorTest, PublishesTemplatesAndPassesRecordsOn) {
   EXPECT_EQ(sim->openEndpoints(), 1u);
 }
 
-TEST_F(CollectorTest, FollowsItsExportersAddress) {
-  follow();
-  send(example);
-  exporter->srcIpAddrIs({});
-  EXPECT_TRUE(heard.has("tracker edge: nobody listens any more at 10.0.0.1:4739"));
-  send(example);
-  EXPECT_EQ(n().messages, 1u);
-  heard.text.clear();
-  exporter->srcIpAddrIs(IpAddr(0x0a000002));
-  EXPECT_TRUE(heard.has("devices send to 10.0.0.2:4739"));
-  send(message(set(300, "AAAA-BB")), IpAddr(0x0a000002));
-  EXPECT_EQ(passed, (std::vector<std::string>{"edge 256 aaaabb", "edge 256 AAAABB"}))
-      << "templates outlive the endpoint";
-}
-
 TEST_F(CollectorTest, DoesNotFeedOnItsOwnExport) {
   // A collector was given the local collector's own address.
   exporter->rxPort4Is(device->rxPort());
@@ -731,20 +613,6 @@ TEST_F(CollectorTest, ReadsNoFasterThanRecordsLeave) {
   queued = 0;
   sim->advance(Seconds(0.01));
   EXPECT_EQ(n().messages, 10u);
-}
-
-TEST_F(CollectorTest, TellsTroublesOnceForAll) {
-  follow();
-  for (int i = 0; i < 100; ++i) send("not IPFIX");
-  send(message(templates(300, {{60, 1}}) + templates(301, {{8, 4}, {27, 16}})));
-  heard.text.clear();
-  sim->advance(Seconds(10));
-  EXPECT_TRUE(
-      heard.has("tracker edge: from devices, not passed on: 100 datagrams that are not IPFIX, 1 "
-                "templates without a known field, 1 templates with addresses of both families"));
-  heard.text.clear();
-  sim->advance(Seconds(60));
-  EXPECT_EQ(heard.text, "");
 }
 
 TEST_F(CollectorTest, WhatFitsDependsOnTheSmallestExporter) {

@@ -5,10 +5,7 @@
 #include <linux/if_addr.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
-#include <sys/epoll.h>
-#include <sys/socket.h>
 
-#include <filesystem>
 #include <fstream>
 #include <random>
 
@@ -168,27 +165,6 @@ TEST(VrfNetwork, TellsNamesOnceAndOnlyWhatChanged) {
   EXPECT_EQ(ear.take(), "- ");
   EXPECT_TRUE(n->links().empty());
   EXPECT_EQ(n->link("c"), nullptr);
-}
-
-TEST(VrfNetwork, SurveyRemovesWhatNobodyMentioned) {
-  const auto n = vrfNetworkFactory(VrfName("red"));
-  n->linkIs(1, "a", IFF_UP);
-  n->linkIs(2, "b", IFF_UP);
-  n->addressIs(1, address("10.0.0.1"));
-  n->addressIs(1, address("10.0.0.2"));
-  n->presentIs(true);
-  Ear ear(n);
-  n->surveyBegin();
-  n->linkIs(1, "a", IFF_UP);
-  n->surveyLinksEnd();
-  n->addressIs(1, address("10.0.0.2"));
-  n->addressIs(1, address("10.0.0.3"));
-  n->surveyAddressesEnd();
-  n->tell();
-  EXPECT_EQ(ear.take(), "a b ");
-  EXPECT_EQ(n->links().size(), 1u);
-  EXPECT_EQ(n->link("a")->addresses,
-            (std::vector<LinkAddress>{address("10.0.0.2"), address("10.0.0.3")}));
 }
 
 /// A netlink message made for a test.
@@ -391,76 +367,6 @@ TEST_F(Kernel, NamespaceComesGoesAndIsReplaced) {
   EXPECT_FALSE(n->present());
 }
 
-/// Puts a pipe with something to read in the place of the process's only netlink socket.
-void breakNetlink() {
-  namespace fs = std::filesystem;
-  const auto only = [](const std::string& prefix) {
-    int found = -1;
-    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
-      std::error_code gone;
-      const std::string target = fs::read_symlink(entry.path(), gone).string();
-      const int fd = std::stoi(entry.path().filename().string());
-      sockaddr_storage address{};
-      socklen_t len = sizeof address;
-      if (target.rfind(prefix, 0) != 0) continue;
-      if (prefix == "socket:" &&
-          (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &len) < 0 ||
-           address.ss_family != AF_NETLINK))
-        continue;
-      EXPECT_EQ(found, -1);
-      found = fd;
-    }
-    EXPECT_GE(found, 0) << prefix;
-    return found;
-  };
-  const int netlink = only("socket:");
-  const int epoll = only("anon_inode:[eventpoll]");
-  // What the loop registered: "tfd: 5 events: 19 data: 7f.. ..."
-  std::ifstream info("/proc/self/fdinfo/" + std::to_string(epoll));
-  epoll_event event{};
-  bool registered = false;
-  for (std::string line; std::getline(info, line);) {
-    int fd = -1;
-    uint32_t events = 0;
-    uint64_t data = 0;
-    if (sscanf(line.c_str(), "tfd: %d events: %x data: %lx", &fd, &events, &data) != 3) continue;
-    if (fd != netlink) continue;
-    event.events = events;
-    event.data.u64 = data;
-    registered = true;
-  }
-  ASSERT_TRUE(registered);
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  ASSERT_EQ(write(ends[1], "x", 1), 1);
-  ASSERT_EQ(dup2(ends[0], netlink), netlink);
-  ASSERT_EQ(epoll_ctl(epoll, EPOLL_CTL_ADD, netlink, &event), 0);
-  close(ends[0]);
-  close(ends[1]);
-}
-
-TEST_F(Kernel, SocketThatFailsIsReplaced) {
-  makeLink("stays");
-  makeLink("goes");
-  Networks networks(loop, "/run/netns", heard.log);
-  const auto n = networks.network(VrfName("default"));
-  ASSERT_TRUE(until(*loop, [&] { return n->link("goes") && networks.settled(); }));
-  Ear ear(n);
-  breakNetlink();
-  run("ip link del goes");
-  makeLink("comes");
-  EXPECT_TRUE(until(
-      *loop, [&] { return n->link("comes") && !n->link("goes"); }, notSlow))
-      << heard.text;
-  EXPECT_TRUE(heard.text.starts_with("<4>rtnetlink in VRF default: ")) << heard.text;
-  EXPECT_EQ(std::count(heard.text.begin(), heard.text.end(), '\n'), 1) << heard.text;
-  // What stays was never gone.
-  EXPECT_EQ((" " + ear.heard).find(" - "), std::string::npos) << ear.heard;
-  EXPECT_EQ((" " + ear.heard).find(" stays "), std::string::npos) << ear.heard;
-  run("ip link set stays name stayed");
-  EXPECT_TRUE(until(*loop, [&] { return n->link("stayed") != nullptr; }));
-}
-
 TEST_F(Kernel, NamespacesThatNobodyAskedFor) {
   run("ip netns add ns-early && ip netns add 'ns-a blank' && ip netns add ns-default && "
       "ip netns add other");
@@ -506,22 +412,6 @@ TEST_F(Kernel, NamespacesThatNobodyAskedFor) {
       *loop, [] { return false; }, 2200ms);
   run("ip netns add 'ns-a blank'");
   EXPECT_TRUE(until(*loop, [&] { return said("ns-a blank") == 2; })) << heard.text;
-}
-
-TEST_F(Kernel, FileFirstAndNamespaceMuchLater) {
-  run("mkdir -p /run/other && touch /run/other/ns-red");
-  Networks networks(loop, "/run/other/", heard.log);
-  const auto n = networks.network(VrfName("red"));
-  EXPECT_FALSE(until(
-      *loop, [&] { return n->present(); }, 300ms));
-  run("unshare --net=/run/other/ns-red true");
-  EXPECT_TRUE(until(*loop, [&] { return n->present(); }));
-  run("umount /run/other/ns-red && rm -r /run/other");
-  EXPECT_TRUE(until(*loop, [&] { return !n->present(); }));
-  // The directory made anew is seen, too.
-  run("mkdir /run/other && touch /run/other/ns-red && unshare --net=/run/other/ns-red true");
-  EXPECT_TRUE(until(
-      *loop, [&] { return n->present(); }, notSlow));
 }
 
 TEST_F(Kernel, LostMessagesAreMadeUpFor) {

@@ -136,46 +136,14 @@ const Bad badSettings[] = {
      "delimiter, saw '.'"},
     {"dscpTooLarge", "= 46", "= 64",
      "f:19:21: " + exp + "dscp': 64 is not allowed: a DSCP is an integer from 0 to 63"},
-    {"dscpNegative", "= 46", "= -1",
-     "f:19:21: " + exp + "dscp': -1 is not allowed: a DSCP is an integer from 0 to 63"},
-    {"dscpText", "= 46", "= \"46\"",
-     "f:19:21: " + exp + "dscp': \"46\" is not allowed: a DSCP is an integer from 0 to 63"},
-    {"dscpFloat", "= 46", "= 46.5",
-     "f:19:21: " + exp + "dscp': 46.5 is not allowed: a DSCP is an integer from 0 to 63"},
-    {"mtuTooSmall", "= 327", "= 326",
-     "f:20:21: " + exp +
-         "mtu': 326 is not allowed: an mtu, in octets, is an integer from 327 to 65535"},
-    {"mtuTooLarge", "= 327", "= 65536",
-     "f:20:21: " + exp +
-         "mtu': 65536 is not allowed: an mtu, in octets, is an integer from 327 to 65535"},
     {"intervalWithoutUnit", "\"1h\"", "60",
      "f:21:21: " + exp +
          "template-interval': 60 is not allowed: a template interval is a time from 1s to 65535s" +
-         timeForm},
-    {"intervalTooShort", "\"1h\"", "\"999ms\"",
-     "f:21:21: " + exp +
-         "template-interval': \"999ms\" is not allowed: a template interval is a time from 1s to "
-         "65535s" +
-         timeForm},
-    {"intervalTooLong", "\"1h\"", "\"19h\"",
-     "f:21:21: " + exp +
-         "template-interval': \"19h\" is not allowed: a template interval is a time from 1s to "
-         "65535s" +
          timeForm},
     {"activeIntervalOverflows", "\"30s\"", "\"9223372036854775807h\"",
      "f:13:20: key 'tracker.edge.active-interval': \"9223372036854775807h\" is not allowed: an "
      "active interval is a time from 1s to 65534s" +
          timeForm},
-    {"inactiveTimeoutUnit", "\"1500ms\"", "\"15 s\"",
-     "f:14:20: key 'tracker.edge.inactive-timeout': \"15 s\" is not allowed: an inactive timeout "
-     "is a time from 1s to 65534s" +
-         timeForm},
-    {"sampleRateZero", "= 100", "= 0",
-     "f:12:20: key 'tracker.edge.sample-rate': 0 is not allowed: a sample rate, one packet out of "
-     "so many, is an integer from 1 to 4294967295"},
-    {"idTooLarge", "id               = 7", "id = 4294967296",
-     "f:9:6: key 'tracker.edge.id': 4294967296 is not allowed: an observation domain id is an "
-     "integer from 0 to 4294967295"},
     {"idTwice", "id = 8", "id = 7",
      "f:31:6: key 'tracker.core.id': 7 is not allowed: tracker edge has this observation domain "
      "id"},
@@ -185,16 +153,9 @@ const Bad badSettings[] = {
     {"type", "\"hardware\"", "\"Software\"",
      "f:10:20: key 'tracker.edge.type': \"Software\" is not allowed: a tracker's type is "
      "\"software\" or \"hardware\""},
-    {"localPort", "= 2056", "= 65536",
-     "f:32:14: key 'tracker.core.local-port': 65536 is not allowed: a port that devices send to is "
-     "an integer from 0 to 65535"},
     {"interfaces", "\"red/eth0\"", "\"red eth0\"",
      "f:11:20: key 'tracker.edge.interfaces': an array is not allowed: interfaces is a list of "
      "names or patterns without blanks, like [\"eth*\", \"red/eth0\"]"},
-    {"localInterfaceLong", "= \"eth0\"", "= \"abcdefghijklmnop\"",
-     "f:18:21: " + exp +
-         "local-interface': \"abcdefghijklmnop\" is not allowed: an interface's name has 1 to 15 "
-         "octets, without blank and '/'"},
     {"localInterfaceMissing", "local-interface   = \"eth0\"\n", "",
      "f:16:24: " + exp +
          "local-interface': missing: the interface that the source addresses come from"},
@@ -202,20 +163,10 @@ const Bad badSettings[] = {
      "f:17:21: " + exp +
          "vrf': \"../red\" is not allowed: a VRF's name has 1 to 100 octets, without blank, '/' "
          "and control characters: its namespace is ns-NAME"},
-    {"vrfNameLong", "[vrf.red]", "[vrf." + std::string(101, 'a') + "]",
-     "f:5:6: key 'vrf." + std::string(101, 'a') +
-         "': this name is not allowed: a VRF's name has 1 to 100 octets, without blank, '/' and "
-         "control characters: its namespace is ns-NAME"},
-    {"vrfIdTooLarge", "id = 10", "id = 16777215",
-     "f:6:6: key 'vrf.red.id': 16777215 is not allowed: a VRF's id is an integer from 0 to "
-     "16777214"},
     {"vrfIdOfDefault", "id = 10", "id = 0",
      "f:6:6: key 'vrf.red.id': 0 is not allowed: 0 is the id of the VRF \"default\""},
     {"vrfIdTwice", "id = 10", "id = 10\n[vrf.blue]\nid = 10",
      "f:8:6: key 'vrf.blue.id': 10 is not allowed: VRF red has this id"},
-    {"portZero", "= 2055", "= 0",
-     "f:25:11: " + exp +
-         "collector.one.port': 0 is not allowed: a port is an integer from 1 to 65535"},
     {"addressHostName", "\"10.0.0.1\"", "\"collector.example\"",
      "f:24:11: " + exp +
          "collector.one.address': \"collector.example\" is not allowed: a collector's address is "
@@ -229,33 +180,16 @@ const Bad badSettings[] = {
     {"statistics", "\"/tarn\"", "\"tarn\"",
      "f:2:14: key 'agent.statistics': \"tarn\" is not allowed: the name of the statistics begins "
      "with '/', has no other '/' and 2 to 255 octets"},
-    {"control", "\"/run/c.sock\"", "\"/" + std::string(107, 'x') + "\"",
-     "f:3:14: key 'agent.control': \"/" + std::string(76, 'x') +
-         "...\" is not allowed: the control socket is an absolute path of at most 107 octets"},
     {"trackerNameLong", "[tracker.core]", "[tracker." + std::string(129, 'n') + "]",
      "f:30:10: key 'tracker." + std::string(129, 'n') +
          "': this name is not allowed: a tracker's name has 1 to 128 octets, without control "
          "characters"},
-    {"trackerNameControl", "[tracker.core]", "[tracker.\"a\\u001bb\"]",
-     "f:30:10: key 'tracker.\"a\\x1bb\"': this name is not allowed: a tracker's name has 1 to 128 "
-     "octets, without control characters"},
-    {"collectorNameEmpty", "collector.two", "collector.\"\"",
-     "f:27:39: " + exp +
-         "collector.\"\"': this name is not allowed: a collector's name has 1 to 128 octets, "
-         "without control characters"},
     {"unknownWithSuggestion", "dscp   ", "dspc   ",
      "f:19:1: " + exp + "dspc': unknown; did you mean 'dscp'?"},
-    {"unknownUnderscore", "sample-rate", "Sample_Rate",
-     "f:12:1: key 'tracker.edge.Sample_Rate': unknown; did you mean 'sample-rate'?"},
     {"unknownWithoutSuggestion", "port    = 2055", "colour = 1",
      "f:25:1: " + exp + "collector.one.colour': unknown; known here: address, port"},
-    {"unknownTable", "[tracker.core]", "[trackers.core]",
-     "f:30:2: key 'trackers': unknown; did you mean 'tracker'?"},
     {"notATable", "[tracker.core]\nid = 8\nlocal-port = 2056", "[tracker]\ncore = 8",
      "f:31:8: key 'tracker.core': 8 is not allowed: each tracker is a table, [tracker.NAME]"},
-    {"arrayOfTables", "[tracker.core]", "[[tracker.core]]",
-     "f:30:1: key 'tracker.core': an array is not allowed: each tracker is a table, "
-     "[tracker.NAME]"},
 };
 INSTANTIATE_TEST_SUITE_P(Table, BadSettings, testing::ValuesIn(badSettings),
                          [](const auto& info) { return info.param.name; });
@@ -287,30 +221,38 @@ TEST(SettingsFile, AddressesThatNoCollectorHas) {
   }
 }
 
-TEST(SettingsFile, BoundsThemselvesAreAllowed) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"= 46", "= 0"},
-      {"= 46", "= 63"},
-      {"= 327", "= 65535"},
-      {"\"1h\"", "\"1s\""},
-      {"\"1h\"", "\"65535s\""},
-      {"\"30s\"", "\"65534000ms\""},
-      {"= 100", "= 4294967295"},
-      {"id               = 7", "id = 4294967295"},
-      {"id               = 7", "id = 0"},
-      {"id = 10", "id = 16777214"},
-      {"id = 10", "id = 1\n[vrf.default]\nid = 99"},
-      {"= 2055", "= 65535"},
+TEST(SettingsFile, Bounds) {
+  const std::string n128(128, 'n');
+  struct Row {
+    const char* from;
+    std::vector<std::string> allowed;
+    std::vector<std::string> refused;
   };
-  for (const auto& [from, to] : cases) {
-    std::string toml = good;
-    toml.replace(toml.find(from), std::string(from).size(), to);
-    const SettingsResult r = parseSettings(toml, "f");
-    EXPECT_TRUE(r.settings) << to << ": " << (r.errors.empty() ? "" : r.errors[0]);
+  const Row rows[] = {
+      {"= 46", {"= 0", "= 63"}, {"= -1", "= 64", "= \"46\"", "= 46.5"}},
+      {"= 327", {"= 65535"}, {"= 326", "= 65536"}},
+      {"\"1h\"", {"\"1s\"", "\"65535s\""}, {"\"999ms\"", "\"65536s\"", "\"15 s\"", "\"\""}},
+      {"\"30s\"", {"\"65534000ms\""}, {"\"65535s\"", "\"9223372036854775807h\""}},
+      {"= 100", {"= 1", "= 4294967295"}, {"= 0", "= 4294967296"}},
+      {"id               = 7", {"id = 0", "id = 4294967295"}, {"id = -1", "id = 4294967296"}},
+      {"id = 10", {"id = 16777214", "id = 1\n[vrf.default]\nid = 99"}, {"id = 16777215"}},
+      {"= 2055", {"= 65535"}, {"= 0", "= 65536"}},
+      {"= 2056", {"= 0"}, {"= -1", "= 65536"}},
+      {"tracker.core", {"tracker." + n128}, {"tracker." + n128 + 'n', "tracker.\"a\\u001bb\""}},
+      {"vrf.red]", {}, {"vrf." + std::string(101, 'a') + ']', "vrf.\"a b\"]"}},
+      {"= \"eth0\"", {"= \"abcdefghijklmno\""}, {"= \"abcdefghijklmnop\"", "= \"a/b\"", "= \"\""}},
+      {"collector.two", {}, {"collector.\"\""}},
+      {"\"/run/c.sock\"", {}, {"\"/" + std::string(107, 'x') + '"', "\"x\""}},
+  };
+  for (const Row& row : rows) {
+    const auto with = [&](const std::string& to) {
+      std::string toml = good;
+      return toml.replace(toml.find(row.from), std::string(row.from).size(), to);
+    };
+    for (const std::string& to : row.allowed)
+      EXPECT_TRUE(parseSettings(with(to), "f").settings) << to;
+    for (const std::string& to : row.refused) EXPECT_EQ(errorsOf(with(to)).size(), 1u) << to;
   }
-  std::string toml = good;
-  toml.replace(toml.find("[tracker.core]"), 14, "[tracker." + std::string(128, 'n') + "]");
-  EXPECT_TRUE(parseSettings(toml, "f").settings);
 }
 
 TEST(SettingsFile, AllErrorsInTheOrderOfTheFile) {
