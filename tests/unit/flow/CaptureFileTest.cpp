@@ -271,27 +271,6 @@ TEST(CaptureFile, Times) {
   }
 }
 
-TEST(CaptureFile, PcapHeader) {
-  const auto packets = [](Pcap pcap) {
-    pcap.packet(5, 6, frame, 100);
-    CaptureFile file("x", pcap.octets);
-    return packetsOf(file);
-  };
-  EXPECT_EQ(packets(Pcap(true)), "1 5000006000 62/100 ethernet\n");
-  EXPECT_EQ(packets(Pcap(true, 101, 0xa1b23c4d)), "1 5000000006 62/100 raw\n");
-  // Two words of frame check sequence, four octets.
-  EXPECT_EQ(packets(Pcap(false, 0x24000001)), "1 5000006000 62/96 ethernet\n");
-  // A writer that leaves the wire length out.
-  EXPECT_EQ(packets(Pcap().packet(4, 0, frame, 10)),
-            "1 4000000000 62/62 ethernet\n1 5000006000 62/100 ethernet\n");
-  EXPECT_EQ(packets(Pcap(true, 276)), "1 5000006000 62/100 sll2\n");
-  EXPECT_EQ(packets(Pcap(false, 127)), "");
-  Pcap short_(false, 0x24000001);
-  short_.packet(1, 2, frame).packet(1, 2, {1, 2, 3});
-  CaptureFile file("x", short_.octets);
-  EXPECT_EQ(packetsOf(file), "1 1000002000 58/58 ethernet\n1 1000002000 0/0 ethernet\n");
-}
-
 TEST(CaptureFile, Damage) {
   Pcap pcap;
   pcap.packet(1, 2, frame);     // at 24
@@ -458,16 +437,6 @@ TEST(CaptureFile, ManyPiecesAndOneThatIsGone) {
     EXPECT_NE(shrinks.error().find("found the file shorter than it was"), std::string::npos)
         << shrinks.error();
   }
-}
-
-TEST(CaptureFile, ManyInterfacesWarnInFewLines) {
-  Pcapng ng;
-  for (uint32_t i = 0; i < 100; ++i) ng.interface(0).packet(i, i, frame);
-  CaptureFile file("x", ng.octets);
-  EXPECT_EQ(packetsOf(file), "");
-  ASSERT_EQ(file.warnings().size(), 9u);
-  EXPECT_EQ(file.warnings()[8], "x: so for 92 more interfaces");
-  EXPECT_EQ(file.skipped(), 100u);
 }
 
 TEST(CaptureFileCorpus, Replays) {

@@ -169,27 +169,6 @@ TEST_F(PacketRingTest, AcceptsTheFilteredInterfacesFromThenOn) {
   EXPECT_EQ(ring.statistics().dropped, 0u);
 }
 
-TEST_F(PacketRingTest, LoopbackOnce) {
-  PacketRing ring(options());
-  ring.filterIs({if_nametoindex("lo")}, 1);
-  const platform::Fd udp(::socket(AF_INET, SOCK_DGRAM, 0));
-  sockaddr_in to{};
-  to.sin_family = AF_INET;
-  to.sin_port = htons(9);
-  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  for (int i = 0; i < 5; ++i)
-    ::sendto(udp.get(), "x", 1, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
-  PacketParser parser(1);
-  size_t toPort9 = 0;
-  for (Seen& s : collect(ring, 5)) {
-    s.packet.octets = s.octets.data();
-    Parsed out;
-    ASSERT_TRUE(parser.parse(s.packet, out));
-    if (out.key4.rest.protocol == 17 && out.key4.rest.dstPort == 9) ++toPort9;
-  }
-  EXPECT_EQ(toPort9, 5u);
-}
-
 TEST_F(PacketRingTest, TagTakenOffByTheDevice) {
   makePair("a", 100);
   PacketRing ring(options());
@@ -348,19 +327,6 @@ TEST_F(PacketRingTest, RingsOfAGroupShareByFlow) {
     }
   }
   EXPECT_EQ(all, 3 * flows + 3);
-}
-
-TEST_F(PacketRingTest, SaysWhatTheKernelRefused) {
-  PacketRing::Options o = options();
-  o.blockLen = 1000;
-  try {
-    PacketRing ring(o);
-    FAIL();
-  } catch (const platform::ErrnoException& e) {
-    EXPECT_EQ(e.code().value(), EINVAL);
-    EXPECT_NE(std::string(e.what()).find("ring of 8 blocks of 1000 octets"), std::string::npos)
-        << e.what();
-  }
 }
 
 }  // namespace
