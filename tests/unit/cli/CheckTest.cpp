@@ -36,7 +36,7 @@ TEST_F(CheckTest, TheNearestAgentJudges) {
                        " nor in PATH (No such file or directory)\n");
   for (const char* dir : {"path", "sbin", "bin"}) {
     agent(dir);
-    EXPECT_EQ(run(), "7 " + std::string(dir) + " --check some file\nFILE:1:2: wrong\n");
+    EXPECT_EQ(run(), "7 " + std::string(dir) + " --check some file --effective\nFILE:1:2: wrong\n");
   }
 }
 

@@ -139,21 +139,6 @@ TEST_F(ShowCounters, ALivingAgentsAndThenNone) {
   EXPECT_EQ(show().status, 1);
 }
 
-TEST_F(ShowCounters, ADeadAgentsLastValues) {
-  const pid_t writer = fork();
-  if (writer == 0) {
-    const auto stats = Tarn::Ipfix::collectorStatisticsFactory(table());
-    stats->statsIs(entry("edge", collector4));
-    _exit(0);  // without closing the table
-  }
-  waitpid(writer, nullptr, 0);
-  const Shown dead = show();
-  EXPECT_EQ(dead.status, 1);
-  EXPECT_EQ(dead.err, "tarnflow: " + name_ + " was written by pid " + std::to_string(writer) +
-                          ", which has died: last values\n");
-  EXPECT_NE(dead.out.find("10.0.0.1:4739"), std::string::npos);
-}
-
 TEST_F(ShowCounters, WrongUsage) {
   EXPECT_EQ(Process({TARNFLOW, "show", "counters", "--name", "tarnflow"}).wait(), 2);
   EXPECT_EQ(Process({TARNFLOW, "show", "counters", "--watch", "0"}).wait(), 2);

@@ -42,16 +42,5 @@ TEST_F(ElementsTest, RegistryAndIanaListAgree) {
   EXPECT_EQ(named, 48U);  // all but the two that carry a number of the enterprise's range
 }
 
-TEST_F(ElementsTest, EnterpriseAndIanaNumbersAreTwoRanges) {
-  const auto lookup = elementLookup(registry_);
-  EXPECT_EQ(lookup(99991, 1001)->name, "flowTrackingType");
-  EXPECT_EQ(lookup(0, 1001), nullptr);
-  EXPECT_EQ(lookup(99992, 1001), nullptr);
-  EXPECT_EQ(lookup(99991, 1), nullptr);
-  EXPECT_EQ(lookup(0, 1029)->name, "innerSourceTransportPort");
-  EXPECT_EQ(lookup(99991, 1024)->type, decoder::Type::ipv4Address);
-  EXPECT_EQ(lookup(0, 302)->name, "selectorId") << "not in the registry, but others send it";
-}
-
 }  // namespace
 }  // namespace cli
