@@ -42,22 +42,6 @@ TEST_F(InfoTest, FamiliesBecomeReadyByThemselvesAndBack) {
   EXPECT_TRUE(info->ftInfo().empty());
 }
 
-TEST_F(InfoTest, ASourceOrVrfThatChangesReplacesTheEndpoint) {
-  makeTree();
-  sim->namespaceIs("ns-red", true);
-  exporter->srcIpAddrIs(source4);
-  const auto first = expInfo()->udpPam4();
-  exporter->srcIpAddrIs(IpAddr(source4.value() + 1));
-  EXPECT_NE(expInfo()->udpPam4(), first);
-  EXPECT_EQ(first->mode(), UdpPam::outOfService);
-  EXPECT_EQ(sim->openEndpoints(), 1u);
-  const auto second = expInfo()->udpPam4();
-  exporter->vrfNameIs(VrfName("red"));
-  EXPECT_NE(expInfo()->udpPam4(), second);
-  EXPECT_EQ(sim->openEndpoints(), 1u);
-  EXPECT_TRUE(exporter->exporter4Ready());
-}
-
 TEST_F(InfoTest, ARefusedEndpointIsTriedAgainByItself) {
   sim->traceLevelIs(TraceLevel::event);
   exporter->vrfNameIs(VrfName("red"));

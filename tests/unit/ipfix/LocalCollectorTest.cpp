@@ -241,24 +241,6 @@ TEST_F(LocalCollectorTest, ServesTheFirstExporterThatHasAnAddress) {
   EXPECT_EQ(where(), "c default 0.0.0.3:4739 46");
 }
 
-TEST_F(LocalCollectorTest, DestructionLeavesNothing) {
-  auto e = exporter("exp1", source4);
-  make();
-  const auto pam = pams->udpPam4();
-  EXPECT_EQ(where(), "exp1 default 192.0.2.1:4739 0");
-  sm = nullptr;
-  EXPECT_EQ(where(), "not ready");
-  EXPECT_EQ(pam->mode(), UdpPam::outOfService);
-
-  sim->openErrorIs(EMFILE);
-  make();
-  sm = nullptr;
-  sim->openErrorIs(0);
-  sim->advance(Seconds(1));
-  e->srcIpAddrIs(IpAddr(9));
-  EXPECT_EQ(where(), "not ready") << "no task and no watcher is left";
-}
-
 // A host may answer by taking the exporter away, or the whole local collector.
 TEST_F(LocalCollectorTest, ItMayGoAwayInsideItsOwnNotification) {
   struct Remover final : HwFlowTracking::LocalCollectorConfig::Watcher {
@@ -280,12 +262,6 @@ TEST_F(LocalCollectorTest, ItMayGoAwayInsideItsOwnNotification) {
   const Remover remover(tracker, [&] { sm = nullptr; });
   e->srcIpAddrIs(source4);
   EXPECT_EQ(where(), "not ready");
-}
-
-using LocalCollectorDeathTest = LocalCollectorTest;
-TEST_F(LocalCollectorDeathTest, ExistsInSoftwareExportModeOnly) {
-  config->swExportIs(false);
-  EXPECT_DEATH(make(), "config\\(\\)->swExport\\(\\).*LocalCollectorConfigSm");
 }
 
 }  // namespace

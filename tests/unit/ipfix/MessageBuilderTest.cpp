@@ -59,26 +59,6 @@ TEST_F(MessageBuilderTest, LaysOutAMessageToTheOctet) {
   EXPECT_EQ(be(pkt->octets(), 8, 4), 7u);  // one packet, stamped anew
 }
 
-TEST_F(MessageBuilderTest, FillsToTheLastOctetAndNotOneMore) {
-  auto builder = messageBuilderFactory(100, 1);
-  builder->startMsg();
-  EXPECT_EQ(builder->addSetRecordStr(256, std::string(80, 'x')), 80u);
-  EXPECT_EQ(builder->addSetRecordStr(256, "y"), 0u);
-  EXPECT_EQ(builder->recordCount(), 1u);
-  EXPECT_EQ(builder->offset(), 100u);
-  EXPECT_EQ(builder->finalizeMsg()->len(), 100u);
-
-  // Ten octets left: eight fit the open set, but not a new one with its header.
-  builder->startMsg();
-  EXPECT_EQ(builder->addSetRecordStr(256, std::string(70, 'x')), 70u);
-  EXPECT_EQ(builder->addSetRecordStr(257, std::string(8, 'z')), 0u);
-  EXPECT_EQ(builder->setId(), 256);
-  EXPECT_EQ(builder->addSetRecordStr(256, std::string(8, 'y')), 8u);
-  EXPECT_EQ(builder->addSetRecordStr(256, std::string(3, 'y')), 0u);
-  EXPECT_EQ(builder->finalizeMsg()->recordCount(), 2u);
-  EXPECT_EQ(MessageBuilder::calcOverhead(3), 28u);
-}
-
 // Whatever is added: messages stay within the limit, and reading them back gives what went in.
 TEST_F(MessageBuilderTest, RandomRecordsComeBackInOrder) {
   const unsigned seed = std::random_device{}();

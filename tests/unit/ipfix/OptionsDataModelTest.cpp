@@ -4,9 +4,10 @@
 #include "Ipfix/OptionsDataManagerSm.h"
 #include "Receiver.h"
 
-/// Random life of two trackers with three exporters, against a plain model: whatever happens, each
-/// collector's picture of the tables is the truth after a full transmission, and the statistics
-/// are what arrived. Number of sequences: TARN_SEQUENCES (default 300); first seed: TARN_SEED.
+/// Random life of two trackers with three exporters, against a plain model:
+/// whatever happens, each collector's picture of the tables is the truth after
+/// a full transmission, and the statistics are what arrived. Number of
+/// sequences: TARN_SEQUENCES (default 300); first seed: TARN_SEED.
 namespace FlowTracking {
 namespace {
 
@@ -73,62 +74,20 @@ class World {
   }
 
   void step() {
-    switch (pick(19)) {
-      case 0:
-      case 1:
-      case 2:
-        intfIs();
-        break;
-      case 3:
-        intfDel();
-        break;
-      case 4:
-        intfRename();
-        break;
-      case 5:
-        intfReindex();
-        break;
-      case 6:
-        vrfIs();
-        break;
-      case 7:
-        vrfDel();
-        break;
-      case 8:
-        mtuIs();
-        break;
-      case 9:
-        collectorIs();
-        break;
-      case 10:
-        collectorDel();
-        break;
-      case 11:
-        collectorMove();
-        break;
-      case 12:
-        sourceChange();
-        break;
-      case 13:
-        templateChange();
-        break;
-      case 14:
-        paramChange();
-        break;
-      case 15:
-        sim_->runDue();
-        break;
-      case 16:
-        sim_->advance(Seconds(0.3 * static_cast<double>(pick(8))));
-        break;
-      default:
-        fullTransmission();
-        break;
-    }
+    using W = World;
+    // clang-format off
+    static constexpr void (W::*events[])() = {
+        &W::intfIs, &W::intfIs, &W::intfIs, &W::intfDel, &W::intfRename, &W::intfReindex,
+        &W::vrfIs, &W::vrfDel, &W::mtuIs, &W::collectorIs, &W::collectorDel, &W::collectorMove,
+        &W::sourceChange, &W::templateChange, &W::paramChange, &W::now, &W::later,
+        &W::fullTransmission, &W::fullTransmission};
+    // clang-format on
+    (this->*events[pick(std::size(events))])();
     receive();
   }
 
-  /// Lets everything settle, then compares each picture after one full transmission.
+  /// Lets everything settle, then compares each picture after one full
+  /// transmission.
   void fullTransmission() {
     sim_->advance(Seconds(4));  // what is pending would tell of records that are gone
     receive();
@@ -164,9 +123,8 @@ class World {
 
   Picture truth(const std::string& trackerName) const {
     Picture p;
-    const auto lenAnd = [](const std::string& s) { return s; };  // lengths are framing
     for (const auto& [id, index] : intfs_->intfIndex())
-      p[intfTable][netOctets(index, 4)] = lenAnd(id.stringValue());
+      p[intfTable][netOctets(index, 4)] = id.stringValue();
     p[intfTable][netOctets(0x80000000, 4)] = "multicast";
     p[intfTable][netOctets(0x40000000, 4)] = "discard";
     p[intfTable][netOctets(0x3fffffff, 4)] = "CPU";
@@ -216,6 +174,8 @@ class World {
 
   // --- What may happen ---
 
+  void now() { sim_->runDue(); }
+  void later() { sim_->advance(Seconds(0.3 * static_cast<double>(pick(8)))); }
   std::string freshName() { return "if" + std::string(pick(12), 'x') + std::to_string(++last_); }
   uint32_t freshIndex() { return ++last_; }
   std::vector<IntfId> intfIds() const {
@@ -336,20 +296,11 @@ class World {
   }
   void paramChange() {
     auto& status = *hwStatus_->ftStatus(pick(2) == 0 ? "ft1" : "ft2");
-    switch (pick(4)) {
-      case 0:
-        status.activeIntervalIs(Seconds(static_cast<double>(1 + pick(1000))));
-        break;
-      case 1:
-        status.inactiveTimeoutIs(Seconds(static_cast<double>(1 + pick(1000))));
-        break;
-      case 2:
-        status.sampleRateIs(static_cast<uint32_t>(pick(3)));
-        break;
-      default:
-        hwStatus_->sampleRateIs(static_cast<uint32_t>(1 + pick(5)));
-        break;
-    }
+    const size_t what = pick(4);
+    if (what == 0) status.activeIntervalIs(Seconds(static_cast<double>(1 + pick(1000))));
+    if (what == 1) status.inactiveTimeoutIs(Seconds(static_cast<double>(1 + pick(1000))));
+    if (what == 2) status.sampleRateIs(static_cast<uint32_t>(pick(3)));
+    if (what == 3) hwStatus_->sampleRateIs(static_cast<uint32_t>(1 + pick(5)));
   }
 
   std::mt19937 rnd_;

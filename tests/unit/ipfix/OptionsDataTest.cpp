@@ -65,28 +65,6 @@ class Counter final : public OptionsDataUpdate::Watcher {
   int heard = 0;
   TemplateId setId = 0;
 };
-TEST(OptionsDataModelTest, VersionsTellOnceAndMembersAreNotReplaced) {
-  const auto coll = optionsDataSourceCollFactory(OptionsDataScope::scopeTracker);
-  const auto source = coll->sourceIs("s", 300);
-  EXPECT_EQ(coll->sourceIs("s", 300), source);
-  EXPECT_THROW(coll->sourceIs("s", 301), ReinstantiationError);
-  coll->sourceDel("s");
-  EXPECT_NE(coll->sourceIs("s", 301), source);
-  EXPECT_EQ(source->versionInc(0), 0u);
-  EXPECT_EQ(source->versionInc(3), 3u);
-  OptionsDataScope scope{};
-  EXPECT_TRUE(fromText("scopeTracker", scope));
-  EXPECT_EQ(coll->attrText("scope"), "scopeTracker");
-
-  const auto update = optionsDataUpdateFactory(OptionsDataScope::scopeGlobal);
-  Counter counter(update);
-  const auto record = dataRecordFactory("x");
-  update->addUpdate(300, record);
-  update->addUpdate(300, record);
-  EXPECT_EQ(counter.heard, 2) << "the same record again is told again";
-  EXPECT_EQ(counter.setId, 300);
-}
-
 // --- The records, to the octet ---
 
 TEST_F(TreeTest, RecordsOfTheFourTables) {
@@ -282,29 +260,6 @@ TEST_F(OptionsDataTest, ChangesLeaveWithinTheCoalescingDelayOrWhenAMessageIsFull
   EXPECT_EQ(arrived(), (Arrived{{"10.0.0.1:4739", {{flowKeyTable, 1}}}}));
 }
 
-TEST_F(OptionsDataTest, FullTransmissionDropsWhatIsQueuedAndShortensOnRequest) {
-  exporter->collectorIpAndPortIs("a", dst4(1));
-  makeTree();
-  arrived();
-  sim->advance(Seconds(59.5));
-  intfIs("eth0", 1);
-  sim->advance(Seconds(0.6));
-  auto tables = fullTables;
-  tables[intfTable] = 5;
-  EXPECT_EQ(arrived(), (Arrived{{"10.0.0.1:4739", tables}}));
-  sim->advance(Seconds(1.5));
-  EXPECT_TRUE(arrived().empty());
-  EXPECT_EQ(dataExporter()->updateQueueBytes(), 0u);
-  EXPECT_EQ(dataExporter()->msgCacheBuildCount(), 2u);
-
-  tracker->activeIntervalIs(10000);
-  sim->advance(Seconds(10.1));
-  EXPECT_EQ(arrived().size(), 1u);
-  tracker->activeIntervalIs(600000);
-  sim->advance(Seconds(500));
-  EXPECT_TRUE(arrived().empty());
-}
-
 TEST_F(OptionsDataTest, ChangesOvertakeATableThatIsOnItsWayAndStand) {
   for (uint32_t i = 1; i <= 30000; ++i) intfIs("eth" + std::to_string(i), i);
   exporter->collectorIpAndPortIs("a", dst4(1));
@@ -367,22 +322,6 @@ TEST_F(OptionsDataTest, ExportersOfOneTrackerShareTheMessagesTheyAgreeOn) {
   EXPECT_EQ(arrived().size(), 3u);
 }
 
-TEST_F(OptionsDataTest, NothingIsSentByAFamilyThatIsNotReady) {
-  exporter->collectorIpAndPortIs("a", dst4(1));
-  makeTree();
-  arrived();
-  exporter->srcIpAddrIs(IpAddr());
-  intfIs("eth0", 1);
-  sim->advance(Seconds(200));
-  EXPECT_TRUE(seen().empty());
-  EXPECT_EQ(dataExporter()->updateQueueBytes(), 0u) << "nothing piles up for nobody";
-  exporter->srcIpAddrIs(source4);
-  sim->runDue();
-  auto tables = fullTables;
-  tables[intfTable] = 5;
-  EXPECT_EQ(arrived(), (Arrived{{"10.0.0.1:4739", tables}}));
-}
-
 TEST_F(OptionsDataTest, ALongFlushYieldsAndGoesOn) {
   exporter->collectorIpAndPortIs("a", dst4(1));
   makeTree();
@@ -395,26 +334,6 @@ TEST_F(OptionsDataTest, ALongFlushYieldsAndGoesOn) {
   EXPECT_LT(first, 1000u);
   sim->runDue();
   EXPECT_EQ(first + arrived()["10.0.0.1:4739"][intfTable], 1000u);
-}
-
-TEST_F(OptionsDataTest, AMessageOfMoreSetsThanAnEntryHoldsIsCountedAsFarAsItGoes) {
-  exporter->collectorIpAndPortIs("a", dst4(1));
-  makeTree();
-  arrived();
-  auto entry = *statsOf(dst4(1));
-  const uint64_t records = entry.exportedFlowRecordTotalCount();
-  for (uint16_t id = 500; entry.setEntryCount() < 20; ++id) entry.setEntryIs({.setId = id});
-  entry.setEntryDel(Tarn::Ipfix::SetId(vrfTable));
-  entry.setEntryIs({.setId = 999});
-  stats->statsIs(entry);
-  vrfs->vrfIs(10, VrfName("red"));
-  intfIs("eth0", 1);
-  const uint64_t before = entry.setEntry(Tarn::Ipfix::SetId(intfTable)).exportedFlowRecordCount;
-  sim->advance(Seconds(2));
-  entry = *statsOf(dst4(1));
-  EXPECT_EQ(entry.exportedFlowRecordTotalCount(), records + 2);
-  EXPECT_EQ(entry.setEntry(Tarn::Ipfix::SetId(intfTable)).exportedFlowRecordCount, before + 1);
-  EXPECT_EQ(entry.setEntry(Tarn::Ipfix::SetId(vrfTable)).setId, 0);
 }
 
 TEST_F(OptionsDataTest, TrackersAndExportersComeAndGoWhoeverIsToldFirst) {
@@ -470,20 +389,6 @@ TEST_F(OptionsDataTest, TrackersAndExportersComeAndGoWhoeverIsToldFirst) {
     ++orders;
   } while (std::next_permutation(steps.begin(), steps.end(), byName));
   EXPECT_EQ(orders, 120);
-}
-
-TEST_F(OptionsDataTest, MisuseStopsTheProgram) {
-  exporter->collectorIpAndPortIs("a", dst4(1));
-  makeTree();
-  EXPECT_DEATH(manager->dataAll()->globalData()->sourceIs("Another", 4000),
-               "data source changed after init!");
-  EXPECT_DEATH(
-      {
-        exporter->ipfixMtuIs(48 + 20 + 8);
-        intfIs("a-name-that-is-too-long", 1);
-        sim->advance(Seconds(100));
-      },
-      "consumed > 0");
 }
 
 }  // namespace

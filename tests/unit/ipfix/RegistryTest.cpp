@@ -60,21 +60,6 @@ TEST_F(RegistryTest, HoldsTheElementsAsTheyAreSent) {
   }
 }
 
-TEST_F(RegistryTest, AFreshOneReplacesTheOldWhoseHoldersKeepIt) {
-  auto init = ipfixInitSmFactory();
-  const auto old = init->elementIdCollection();
-  old->elementIdCollIs(ElementId(false, 1, 4, "shorter"));
-  EXPECT_EQ(old->elementIdColl(1).len(), 4u);
-  EXPECT_EQ(init->attrRun("handleInitialized"), AttrResult::ok);
-  EXPECT_NE(init->elementIdCollection(), old);
-  EXPECT_EQ(init->elementIdCollection()->elementIdColl(1).len(), 8u);
-  EXPECT_EQ(old->elementIdColl(1).len(), 4u);
-  EXPECT_EQ(old->elementIdCollDel(1).str(), "shorter");
-  EXPECT_FALSE(old->elementIdCollDel(1));
-  EXPECT_EQ(init->agentInfo()->attrTextIs("multiThreaded", "True"), AttrResult::ok);
-  EXPECT_TRUE(init->agentInfo()->multiThreaded());
-}
-
 TEST(ElementIdTest, TextFormsReadBack) {
   const ElementId odd(true, 1042, 2, "it's, {odd}': \\ \n");
   EXPECT_EQ(ElementId::fromString(odd.stringValue()), odd);

@@ -167,27 +167,6 @@ TEST_F(TemplateTest, EveryWholeSecondsOfTheInterval) {
   }
 }
 
-TEST_F(TemplateTest, StampsEachCollectorsOwnNumberAndTheMomentsTime) {
-  makeReadyTree();
-  exporter->collectorIpAndPortIs("a", dst4(1));
-  exporter->collectorIpAndPortIs("b", dst4(2));
-  expInfo()->collInfo("a")->ipfixMsgSeqNoIs(::Ipfix::IpfixMsgSeqNo(1000));
-  expInfo()->collInfo("b")->ipfixMsgSeqNoIs(::Ipfix::IpfixMsgSeqNo(0xffffffff));
-  seen();
-  sim->wallClockIs(1800000000.9);
-  sim->advance(Seconds(30));
-  int messages = 0;
-  for (const auto& s : seen()) {
-    ++messages;
-    EXPECT_EQ(s.sequence(), s.to() == "10.0.0.1:4739" ? 1000u : 0xffffffffu);
-    EXPECT_EQ(s.exportTime(), 1800000030u);
-    EXPECT_EQ(s.domain(), 7u);
-  }
-  EXPECT_EQ(messages, 4);
-  EXPECT_EQ(expInfo()->collInfo("a")->ipfixMsgSeqNo().value(), 1000u) << "templates do not count";
-  EXPECT_EQ(ftExporter()->exportTimeU32().at("b"), 1800000030u);
-}
-
 TEST_F(TemplateTest, CollectorsComeMoveAndGo) {
   makeReadyTree();
   exporter->collectorIpAndPortIs("a", dst4(1));
@@ -305,20 +284,6 @@ TEST_F(TemplateTest, FollowsTheTrackersTemplates) {
   sim->runDue();
   EXPECT_EQ(seenCounts(),
             (Counts{{"10.0.0.1:4739", {{optionsSet, 1}}}, {"10.0.0.2:4739", {{optionsSet, 1}}}}));
-}
-
-TEST_F(TemplateTest, TemplatesBeyondADatagramAreToldAndNotSent) {
-  sim->traceLevelIs(TraceLevel::error);
-  makeReadyTree();
-  exporter->collectorIpAndPortIs("a", dst4(1));
-  seen();
-  for (uint16_t id = 1000; id < 1100; ++id)
-    ftStatus->templateStatusIs(templateOf(id, std::vector<uint32_t>(170, 8)));
-  sim->runDue();
-  EXPECT_TRUE(seen().empty());
-  const auto said = sim->takeTrace();
-  ASSERT_FALSE(said.empty());
-  EXPECT_NE(said[0].find("do not fit a datagram"), std::string::npos);
 }
 
 TEST_F(TemplateTest, CountsWhatItSentAndForgetsWithTheExporter) {
