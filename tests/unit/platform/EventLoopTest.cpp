@@ -45,26 +45,6 @@ class Loop : public testing::Test {
   Ptr<EventLoop> loop = eventLoopFactory();
 };
 
-TEST_F(Loop, TasksWithoutDelayStarveNoDescriptor) {
-  Pipe p;
-  int runs = 0;
-  int runsBefore = -1;
-  std::unique_ptr<TimerTask> again = task([&] {
-    ++runs;
-    if (runs == 10) p.fill();
-    again->scheduleIs(0s);
-  });
-  auto watch = loop->fdWatch(p.in.get(), EPOLLIN, [&](uint32_t events) {
-    EXPECT_EQ(events, uint32_t{EPOLLIN});
-    runsBefore = runs;
-    p.drain();
-    loop->stop();
-  });
-  again->scheduleIs(0s);
-  loop->run();
-  EXPECT_EQ(runsBefore, 10);
-}
-
 TEST_F(Loop, ManyDueTasksLetDescriptorsIn) {
   Pipe p;
   int runs = 0;
@@ -86,34 +66,6 @@ TEST_F(Loop, ManyDueTasksLetDescriptorsIn) {
   while (runs < 60) loop->runOnce(1s);
   EXPECT_GE(runsBefore, 1);
   EXPECT_LE(runsBefore, 6) << "10 ms are five of these";
-}
-
-TEST_F(Loop, BodyIsToldToYield) {
-  Pipe p;
-  auto watch = loop->fdWatch(p.in.get(), EPOLLIN, [&](uint32_t) { p.drain(); });
-  std::unique_ptr<TimerTask> t;
-  auto yieldsAfter = [&](bool ready) {
-    Clock::duration took{};
-    t = task([&] {
-      const auto start = Clock::now();
-      EXPECT_FALSE(t->shouldYield());
-      if (ready) p.fill();
-      while (!t->shouldYield() && Clock::now() - start < 10s) {
-      }
-      took = Clock::now() - start;
-    });
-    t->scheduleIs(0s);
-    loop->runOnce(0s);
-    loop->runOnce(0s);
-    return took;
-  };
-  EXPECT_GE(yieldsAfter(false), 9ms);
-  EXPECT_LT(yieldsAfter(false), 5s);
-  // Not exact on a busy machine; but a ready descriptor is heard well before the share is over.
-  Clock::duration best = 1h;
-  for (int i = 0; i < 20; ++i) best = std::min(best, yieldsAfter(true));
-  EXPECT_LT(best, 5ms);
-  EXPECT_FALSE(t->shouldYield()) << "outside its body";
 }
 
 TEST_F(Loop, AWatchDestroyedInTheBatchHearsNothing) {
@@ -184,25 +136,6 @@ TEST_F(Loop, HooksRunAtTheEndOfWhatAskedForThem) {
   EXPECT_LT(Clock::now() - start, 10s) << "nothing waits behind a sleeping loop";
 }
 
-TEST_F(Loop, StopsAfterTheRound) {
-  int runs = 0;
-  std::unique_ptr<TimerTask> t = task([&] {
-    ++runs;
-    loop->stop();
-    t->scheduleIs(0s);
-  });
-  auto second = task([&] { ++runs; });
-  t->scheduleIs(0s);
-  second->scheduleIs(0s);
-  loop->run();
-  EXPECT_EQ(runs, 2);
-  loop->stop();
-  loop->run();
-  EXPECT_EQ(runs, 2) << "stopped before it began";
-  loop->run();
-  EXPECT_EQ(runs, 3);
-}
-
 TEST_F(Loop, WaitsForTheDueTimeAndNoLess) {
   for (const auto delay : {1ms, 3ms, 17ms}) {
     for (int i = 0; i < 5; ++i) {
@@ -224,20 +157,6 @@ TEST_F(Loop, WaitsForTheDueTimeAndNoLess) {
   EXPECT_GE(Clock::now() - start, 14ms);
 }
 
-TEST_F(Loop, TimerFollowsTheMonotonicClock) {
-  // Setting the wall clock of the machine is out of the question; the kernel says which it is.
-  size_t timers = 0;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
-    std::ifstream in(entry.path());
-    for (std::string line; std::getline(in, line);) {
-      if (!line.starts_with("clockid:")) continue;
-      ++timers;
-      EXPECT_EQ(line, "clockid: " + std::to_string(CLOCK_MONOTONIC));
-    }
-  }
-  EXPECT_EQ(timers, 1u);
-}
-
 TEST_F(Loop, RefusesAndOutlivesWhatItMust) {
   Pipe p;
   EXPECT_THROW(loop->fdWatch(-1, EPOLLIN, [](uint32_t) {}), ErrnoException);
@@ -257,22 +176,6 @@ TEST_F(Loop, RefusesAndOutlivesWhatItMust) {
   t->scheduleIs(1s);
   EXPECT_TRUE(t->scheduled()) << "and never runs";
   EXPECT_FALSE(t->shouldYield());
-}
-
-TEST_F(Loop, ShowsItsPendingTasks) {
-  auto a = loop->taskScheduler()->timerTask("template-ft1", 2, [] {});
-  auto idle = loop->taskScheduler()->timerTask("idle", 2, [] {});
-  a->scheduleIs(1h);
-  std::string seen;
-  const auto scheduler = loop->taskScheduler();
-  scheduler->attrRows()[0].each(
-      *scheduler, [&](const std::string& key, const Entity*, const std::string& text) {
-        double seconds = 0;
-        EXPECT_TRUE(fromText(text, seconds));
-        EXPECT_GT(seconds, 3590);
-        seen += key;
-      });
-  EXPECT_EQ(seen, "'template-ft1'");
 }
 
 }  // namespace

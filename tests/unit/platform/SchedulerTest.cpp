@@ -46,43 +46,6 @@ TEST_P(Scheduler, RunsByDueTimeThenPriorityThenOrderOfScheduling) {
   EXPECT_EQ(ran, "b d c e a mid late ");
 }
 
-TEST_P(Scheduler, KeepsOnePendingRun) {
-  struct Row {
-    const char* name;
-    Seconds first;
-    Seconds second;
-    bool lowest;
-    bool runs;
-  };
-  for (const Row& r :
-       {Row{"sooner", never, 1ms, false, true}, Row{"later", 1ms, never, false, false},
-        Row{"lowest is new", never, 1ms, true, true},
-        Row{"lowest is pending", 1ms, never, true, true}}) {
-    SCOPED_TRACE(r.name);
-    ran.clear();
-    auto t = task("t");
-    EXPECT_FALSE(t->scheduled());
-    t->scheduleIs(r.first);
-    if (r.lowest) {
-      t->scheduleLowestIs(r.second);
-    } else {
-      t->scheduleIs(r.second);
-    }
-    EXPECT_TRUE(t->scheduled());
-    host->pass(5ms);
-    EXPECT_EQ(ran, r.runs ? "t " : "");
-    EXPECT_EQ(t->scheduled(), !r.runs);
-  }
-  auto idle = task("idle");
-  idle->scheduleLowestIs(1ms);
-  idle->stop();
-  idle->stop();
-  EXPECT_FALSE(idle->scheduled());
-  ran.clear();
-  host->pass(5ms);
-  EXPECT_EQ(ran, "");
-}
-
 TEST_P(Scheduler, TellsPendingAndRunningApart) {
   std::unique_ptr<TimerTask> t;
   std::string seen;
@@ -139,50 +102,6 @@ TEST_P(Scheduler, LetsABodyDestroyAnyTask) {
   host->pass(2ms);
   EXPECT_EQ(ran, "first ");
   EXPECT_TRUE(moved->scheduled());
-}
-
-TEST_P(Scheduler, RoundRunsWhatWasDueWhenItBegan) {
-  std::unique_ptr<TimerTask> urgent = task("urgent", 0);
-  std::unique_ptr<TimerTask> again;
-  int runs = 0;
-  again = task("again", 1, [&] {
-    if (++runs < 50) again->scheduleIs(0s);
-    urgent->scheduleIs(0s);
-  });
-  auto other = task("other", 2);
-  again->scheduleIs(0s);
-  other->scheduleIs(0s);
-  host->round();
-  EXPECT_EQ(ran, "again other ");
-  host->round();
-  EXPECT_EQ(ran, "again other urgent again ");
-  for (int rounds = 0; rounds < 50; ++rounds) host->round();
-  EXPECT_EQ(runs, 50);
-}
-
-TEST_P(Scheduler, SpeedWithAHundredThousandTasks) {
-  constexpr size_t n = 100000;
-  size_t runs = 0;
-  const auto start = std::chrono::steady_clock::now();
-  std::vector<std::unique_ptr<TimerTask>> tasks;
-  std::mt19937 random(1);
-  for (size_t i = 0; i < n; ++i) {
-    tasks.push_back(host->scheduler()->timerTask("t", 2, [&runs] { ++runs; }));
-    tasks.back()->scheduleIs(Seconds(1 + static_cast<double>(random() % 1000000) * 1e-6));
-  }
-  std::ranges::shuffle(tasks, random);
-  for (size_t i = 0; i < n; ++i) {
-    if (i % 2) {
-      tasks[i]->stop();
-    } else {
-      tasks[i]->scheduleLowestIs(Seconds(static_cast<double>(i % 977) * 1e-5));
-    }
-  }
-  host->pass(20ms);
-  for (int more = 0; runs < n / 2 && more < 200; ++more) host->pass(10ms);  // a round has its share
-  EXPECT_EQ(runs, n / 2);
-  // Anything quadratic needs minutes.
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 60s);
 }
 
 INSTANTIATE_TEST_SUITE_P(On, Scheduler, testing::ValuesIn(hostKinds),

@@ -154,18 +154,6 @@ TEST_F(ShmTable, OneLivingWriterPerName) {
   EXPECT_TRUE(after.records.empty());
 }
 
-TEST_F(ShmTable, AnotherProcessUnderTheSamePidIsNotTheWriter) {
-  auto t = writer();
-  auto r = reader();
-  ASSERT_EQ(r->snapshot().state, State::live);
-  std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
-  file.seekp(40);  // the writer's start
-  const uint64_t other = 1;
-  file.write(reinterpret_cast<const char*>(&other), sizeof other);
-  file.close();
-  EXPECT_EQ(reader()->snapshot().state, State::dead);
-}
-
 TEST_F(ShmTable, WriterSparesWhatIsNotOurs) {
   std::ofstream(path) << "somebody's";
   EXPECT_EQ(writerError(), EEXIST);
@@ -272,21 +260,6 @@ TEST_F(ShmTable, ReaderSurvivesAnyContent) {
   }
 }
 
-TEST_F(ShmTable, ATruncatedSegmentIsForeignFromTheNextCallOn) {
-  auto t = writer();
-  t->put(key(1), value(1));
-  auto r = reader();
-  EXPECT_EQ(r->snapshot().records.size(), 1u);
-  const std::string copy = path + ".new";
-  std::filesystem::copy_file(path, copy);  // the writer's own mapping stays whole
-  std::filesystem::rename(copy, path);
-  EXPECT_EQ(r->snapshot().records.size(), 1u);
-  std::filesystem::resize_file(path, 300);
-  EXPECT_EQ(r->snapshot().state, State::foreign);
-  Octets got;
-  EXPECT_FALSE(r->get(key(1), got));
-}
-
 TEST_F(ShmTable, ARecordThatItsWriterLeftHalfDoneIsUnreadable) {
   const pid_t pid = child([](SharedTable& t) {
     for (uint64_t i = 0; i < 10; ++i) t.put(key(i), value(i));
@@ -323,27 +296,6 @@ TEST_F(ShmTable, ARecordThatItsWriterLeftHalfDoneIsUnreadable) {
   EXPECT_GT(s.retries, 0u);
   EXPECT_EQ(s.records.size(), 9u);
   for (uint64_t i = 0; i < 10; ++i) EXPECT_EQ(r->get(key(i), got), key(i) != victim) << i;
-}
-
-TEST_F(ShmTable, SearchesStayShortUnderEverNewKeys) {
-  auto t = writer();
-  for (uint64_t i = 0; i < 200000; ++i) {
-    ASSERT_TRUE(t->put(key(i), value(i)));
-    if (i < capacity - 1) continue;
-    ASSERT_TRUE(t->del(key(i - (capacity - 1))));
-  }
-  // The longest run of slots that a search may have to pass, of 256.
-  const std::string content = fileContent();
-  size_t run = 0, longest = 0;
-  for (size_t slot = 0; slot < 512; ++slot) {
-    uint64_t tag = 0;
-    std::memcpy(&tag, content.data() + 256 + slot % 256 * 128 + 8, sizeof tag);
-    run = tag == 0 ? 0 : run + 1;
-    longest = std::max(longest, run);
-  }
-  EXPECT_LT(longest, 80u);
-  auto r = reader();
-  EXPECT_EQ(r->snapshot().records.size(), capacity - 1);
 }
 
 // docs/shared-memory.md, followed by the letter: what a reader in another language does.
@@ -403,40 +355,6 @@ TEST_F(ShmTable, LayoutIsTheDocumentedOne) {
     }
     EXPECT_EQ(found, i >= 30 && i < 60) << i;
   }
-}
-
-TEST_F(ShmTable, AReaderWithoutPermissionHearsIt) {
-  auto t = writer();
-  std::filesystem::permissions(path, std::filesystem::perms::owner_read);
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    int code = 1;
-    if (::setuid(65534) == 0) {
-      try {
-        reader()->snapshot();
-      } catch (const ErrnoException& e) {
-        code = e.code().value() == EACCES ? 42 : 2;
-      }
-    }
-    ::_exit(code);
-  }
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  if (WEXITSTATUS(status) == 1) GTEST_SKIP() << "needs root to become somebody else";
-  EXPECT_EQ(WEXITSTATUS(status), 42);
-}
-
-TEST_F(ShmTable, LeavesNoDescriptorOpen) {
-  const size_t before = support::openFds();
-  for (int i = 0; i < 50; ++i) {
-    auto t = writer();
-    EXPECT_EQ(writerError(), EBUSY);
-    auto r = reader();
-    r->snapshot();
-    shmTableReader(name, 1, 1)->snapshot();
-    EXPECT_EQ(support::openFds(), before + 1) << "the lock's";
-  }
-  EXPECT_EQ(support::openFds(), before);
 }
 
 }  // namespace
