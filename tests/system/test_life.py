@@ -1,10 +1,8 @@
 """Start, stop, crash, a second agent, the demonstration."""
 
-import os
 import pathlib
 import re
 import signal
-import socket
 import subprocess
 import time
 
@@ -114,25 +112,3 @@ def test_demo_shows_templates(lab):
     assert time.monotonic() - program.started < 5 * SLOW
     assert program.wait_exit(8) == 0
     assert not receiver_is_up() and not SEGMENT.exists()
-
-
-def test_demo_ends_on_interrupt(lab):
-    program = demo(lab, 60)
-    program.wait_log(r"\b65281\b")
-    os.killpg(program.pid, signal.SIGINT)  # as the terminal does
-    assert program.wait_exit(3) == 0
-    wait_for("both are gone", lambda: not receiver_is_up() and not SEGMENT.exists(), 1)
-    assert "stopped" in program.log()
-
-
-def test_demo_says_what_is_in_the_way(lab):
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
-        s.bind(("127.0.0.1", 4739))
-        program = demo(lab, 60)
-        assert program.wait_exit(3) == 1
-        assert "4739" in program.err() and str(os.getpid()) in program.err()
-    agent = Agent(lab, ONE)
-    program = demo(lab, 60)
-    assert program.wait_exit(5) == 1
-    assert str(agent.pid) in program.err() and "another tarnflowd" in program.err()
-    assert not receiver_is_up() and len(counters()) == 2

@@ -132,15 +132,3 @@ def test_interface_and_addresses(lab, vrf):
     assert agent.stop() == 0
 
 
-def test_address_changes(lab):
-    """Another address: everything goes on from there, and templates are sent from it at once."""
-    place = Place(lab, "default")
-    place.plug()
-    place.address("add")
-    agent = Agent(lab, place.text.replace('"1s"', '"60s"'))
-    place.arrive(OF_ADDRESS, HERE4, HERE6)
-    # Of another length, since the kernel takes a prefix's second address away with its first.
-    lab.address("up0", "10.98.0.7/25", "fd98::7/64")
-    place.address("del")
-    place.arrive(OF_ADDRESS, "10.98.0.7", "fd98::7")
-    assert agent.stop() == 0

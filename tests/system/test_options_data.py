@@ -410,21 +410,3 @@ def test_counters_are_what_was_captured(heard):
         assert entry["lastDataTime"] is None
 
 
-@pytest.mark.parametrize("address", [*COLLECTORS.values(), LATE])
-def test_listen_heard_the_same(heard, address):
-    *lines, summary = heard.listen[address]
-    assert summary["type"] == "summary" and summary["notIpfix"] == 0
-    assert len(summary["streams"]) == (1 if address == LATE else 2)
-    assert all(s["malformed"] == s["sequenceErrors"] == s["warnings"] == 0
-               for s in summary["streams"]), summary
-    for domain in {d for d, a in ALL if a == address}:
-        mine = [m for m in lines if m["type"] == "message" and m["domain"] == domain]
-        assert [(m["sequence"], m["recordCount"], m["octets"]) for m in mine] == [
-            (m.sequence, len(list(records(m))), m.length)
-            for m in of(heard.messages, (domain, address))]
-
-
-def test_late_collector_gets_templates_then_tables(heard):
-    """That the tables are whole, and nobody else's, was seen when they came."""
-    kinds = [(m.sets[0][0], m.sequence) for m in of(heard.messages, (CORE, LATE))]
-    assert sorted(kinds[:2]) == [(2, 0), (3, 0)] and kinds[2] == (INTERFACE, 0)
