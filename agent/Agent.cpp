@@ -19,6 +19,7 @@ constexpr Seconds settlePoll{0.01};
 constexpr int settlePolls = 200;  // 2 s: a namespace that does not answer delays nobody longer
 constexpr Seconds statusDelay{0.2};
 constexpr Seconds heldDelay{10};  // what the log holds back is told so much later
+constexpr Seconds sendErrorsPoll{5};
 constexpr size_t statisticsMin = 1024;
 constexpr size_t flowCountersCapacity = 1024;  // trackers
 
@@ -89,6 +90,12 @@ bool Agent::start() {
     heldTask_ = scheduler->timerTask("log-held", afterAll, [this] { log_.tellHeld(); });
     log_.heldHandlerIs([this] { heldTask_->scheduleLowestIs(heldDelay); });
     watchdogTask_ = scheduler->timerTask("agent-watchdog", afterAll, [this] { handleWatchdog(); });
+    addressesTask_ =
+        scheduler->timerTask("agent-addresses", afterAll, [this] { entities_->addressesAre(); });
+    sendErrorsTask_ =
+        scheduler->timerTask("agent-send-errors", afterAll, [this] { handleSendErrors(); });
+    resolver_ =
+        std::make_unique<Resolver>(loop_, log_, [this] { addressesTask_->scheduleIs(Seconds(0)); });
   } catch (const ErrnoException& e) {
     if (e.code().value() == EBUSY) {
       log_.error("not started: the statistics " + settings->statistics +
@@ -99,12 +106,14 @@ bool Agent::start() {
     }
     return false;
   }
-  entities_ =
-      std::make_unique<Entities>([this](const VrfName& vrf) { return networks_->network(vrf); },
-                                 ipfixInit_->elementIdCollection(), log_,
-                                 [this] {
-                                   if (told_) statusTask_->scheduleLowestIs(statusDelay);
-                                 });
+  entities_ = std::make_unique<Entities>(
+      [this](const VrfName& vrf) { return networks_->network(vrf); },
+      ipfixInit_->elementIdCollection(), log_,
+      [this] {
+        if (told_) statusTask_->scheduleLowestIs(statusDelay);
+      },
+      Entities::Hosts{[this](const std::string& host) { return resolver_->addresses(host); },
+                      [this] { addressesTask_->scheduleIs(Seconds(0)); }});
   running_ = true;
   apply(*settings);
   log_.tell(Severity::info, "started with " + configName() + ": " + describe(n));
@@ -143,6 +152,7 @@ Changes Agent::apply(const Settings& settings) {
     return tracker == settings.trackers.end() || !tracksPackets(tracker->second);
   });
   vrfIds_->configuredIs(settings.vrfs);
+  followHosts(settings);
   const Changes changes = entities_->apply(settings);
   for (const auto& [type, tree] : entities_->trees())
     if (type == FlowTracking::FlowTrackingType::hardware) localCollectors_->keepOnly(*tree.config);
@@ -263,6 +273,34 @@ void Agent::handleFileDone() {
   loop_->stop();
 }
 
+void Agent::followHosts(const Settings& settings) {
+  std::set<std::string> hosts;
+  for (const auto& [trackerName, tracker] : settings.trackers)
+    for (const auto& [name, exporter] : tracker.exporters)
+      for (const auto& [collectorName, collector] : exporter.collectors)
+        if (!collector.host.empty()) hosts.insert(collector.host);
+  resolver_->hostsAre(hosts, settings.resolveInterval);
+  if (hosts.empty()) {
+    sendErrorsTask_->stop();
+  } else {
+    sendErrorsTask_->scheduleLowestIs(sendErrorsPoll);
+  }
+}
+
+/// What cannot be sent may be on its way to a host that is elsewhere by now.
+void Agent::handleSendErrors() {
+  uint64_t errors = 0;
+  for (const auto& [type, roots] : roots_) {
+    if (!roots.info) continue;
+    for (const auto& [trackerName, tracker] : roots.info->ftInfo())
+      for (const auto& [name, exporter] : tracker->expInfo())
+        for (const auto& pam : {exporter->udpPam4(), exporter->udpPam6()})
+          if (pam) errors += pam->counters().dropped;
+  }
+  if (errors > std::exchange(sendErrors_, errors)) resolver_->lookUpAll();
+  sendErrorsTask_->scheduleIs(sendErrorsPoll);
+}
+
 ReloadOutcome Agent::reload() {
   ReloadOutcome outcome;
   if (!running_) return outcome;
@@ -378,11 +416,14 @@ void Agent::stop() {
   startedTask_.reset();
   statusTask_.reset();
   watchdogTask_.reset();
+  addressesTask_.reset();
+  sendErrorsTask_.reset();
   flowPaths_.clear();
   localCollectors_.reset();
   for (auto& [type, roots] : roots_) roots.release();
   roots_.clear();
   entities_.reset();
+  resolver_.reset();
   vrfIds_.reset();
   interfaceIndexes_.reset();
   networks_.reset();

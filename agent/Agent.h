@@ -17,6 +17,7 @@
 #include "agent/InterfaceIndexes.h"
 #include "agent/LocalCollector.h"
 #include "agent/Networks.h"
+#include "agent/Resolver.h"
 #include "agent/SettingsFile.h"
 #include "agent/VrfIds.h"
 #include "agent/flow/FlowPath.h"
@@ -82,6 +83,8 @@ class Agent {
   ControlView controlView() const;
   void startControl(const std::string& path);
   std::vector<StateTree::Root> stateRoots() const;
+  void followHosts(const Settings& settings);
+  void handleSendErrors();
 
   Ptr<EventLoop> loop_;
   AgentLog& log_;
@@ -99,6 +102,7 @@ class Agent {
   std::unique_ptr<Networks> networks_;
   std::unique_ptr<InterfaceIndexes> interfaceIndexes_;
   std::unique_ptr<VrfIds> vrfIds_;
+  std::unique_ptr<Resolver> resolver_;
   std::unique_ptr<Entities> entities_;
   std::map<FlowTracking::FlowTrackingType, Roots> roots_;
   std::unique_ptr<LocalCollectors> localCollectors_;
@@ -114,6 +118,9 @@ class Agent {
   std::unique_ptr<CollectorStates> collectorStates_;
   std::unique_ptr<ControlRequests> controlRequests_;
   std::unique_ptr<ControlSocket> control_;
+  std::unique_ptr<TimerTask> addressesTask_;  // hosts or sources have other addresses
+  std::unique_ptr<TimerTask> sendErrorsTask_;
+  uint64_t sendErrors_ = 0;  // that the last look found
 };
 
 }  // namespace agent

@@ -4,6 +4,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "Ipfix/Ipfix.h"
 #include "agent/Exporters.h"
@@ -38,9 +39,17 @@ class Entities {
     Ptr<HwFlowTracking::Status> status;
   };
 
+  /// Where the addresses of collectors come from that are given by the name of their host.
+  struct Hosts {
+    /// The addresses in the order to be tried; null as long as there are none.
+    std::function<const std::vector<IpGenAddr>*(const std::string& host)> addresses;
+    /// Asks for a call of `addressesAre`, later: an exporter has other source addresses.
+    std::function<void()> later;
+  };
+
   /// `readiness` is called when the count of ready exporters changed.
   Entities(SourceFinder::NetworkOf networkOf, Ptr<Ipfix::ElementIdColl> registry, AgentLog& log,
-           std::function<void()> readiness);
+           std::function<void()> readiness, Hosts hosts = {});
   ~Entities();
   Entities(const Entities&) = delete;
   Entities& operator=(const Entities&) = delete;
@@ -48,6 +57,10 @@ class Entities {
   /// Removes first, then changes, then adds, so that what takes the place of another finds it
   /// free: the library keeps counters under tracker, exporter and collector address.
   Changes apply(const Settings& settings);
+  /// Gives each collector with a host the address it is to have now: of the host's the first in a
+  /// family that its exporter has a source address for, but no other as long as the one it has
+  /// still is such. Another address is another session: its sequence numbers start at 0.
+  void addressesAre();
 
   /// One per kind of tracking that has, or had, a tracker.
   const std::map<FlowTracking::FlowTrackingType, Tree>& trees() const { return trees_; }
@@ -56,11 +69,16 @@ class Entities {
   const Settings& settings() const { return settings_; }
 
  private:
+  class Sources;
   struct Exporter;
   struct Tracker;
   using FlowTrackingType = FlowTracking::FlowTrackingType;
 
   Tree& tree(FlowTrackingType type);
+  Changes applyPlaced(const Settings& settings);
+  Settings placed(const Settings& settings);
+  void place(const std::string& tracker, const std::string& exporter, ExporterSettings& settings,
+             std::map<std::string, std::string>& told);
   void removeTracker(const std::string& name, Tracker& tracker, Changes& changes);
   void removeFrom(Tracker& tracker, const TrackerSettings& wanted, Changes& changes);
   void change(const std::string& name, Tracker& tracker, const TrackerSettings& wanted,
@@ -76,7 +94,9 @@ class Entities {
   Ptr<Ipfix::ElementIdColl> registry_;
   AgentLog& log_;
   std::function<void()> readiness_;
-  Settings settings_;
+  Hosts hosts_;
+  Settings settings_;                             // as given: without the hosts' addresses
+  std::map<std::string, std::string> toldPlace_;  // by collector, what the log said last
   std::map<FlowTrackingType, Tree> trees_;
   std::map<std::string, std::unique_ptr<Tracker>> trackers_;
   size_t ready_ = 0;

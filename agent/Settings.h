@@ -17,8 +17,9 @@ using namespace platform;
 /// A configuration that was read and found valid as a whole; docs/configuration.md describes each
 /// key. Equal settings need no work.
 struct CollectorSettings {
-  IpGenAddr address;
-  uint16_t port = 4739;  // IANA's port for IPFIX over UDP
+  IpGenAddr address;      ///< none as long as only the host's name is known
+  uint16_t port = 4739;   // IANA's port for IPFIX over UDP
+  std::string host = {};  ///< name that the address is looked up by; empty: the address is given
   bool operator==(const CollectorSettings&) const = default;
 };
 
@@ -46,6 +47,11 @@ struct TrackerSettings {
   bool operator==(const TrackerSettings&) const = default;
 };
 
+/// Empty, or what kind of address it is, of those that no collector has.
+std::string collectorAddressProblem(const IpGenAddr& address);
+/// Letters, digits, '-' and '_' in labels of at most 63 octets, the last of which is no number:
+/// what was meant as an address is none (RFC 1123, 2.1).
+bool isHostName(std::string_view text);
 /// Empty, or what would be a VRF's name: one that its namespace's file can have, and fit to print.
 std::string vrfNameProblem(std::string_view name);
 bool hasControl(std::string_view text);
@@ -54,6 +60,7 @@ bool hasControlOrBlank(std::string_view text);
 struct Settings {
   std::string statistics = "/tarnflow";                ///< name of the shared-memory segment
   std::string control = "/run/tarnflow/control.sock";  ///< path of the control socket
+  std::chrono::milliseconds resolveInterval{60000};    ///< between two lookups of a host's name
   std::map<std::string, VrfId> vrfs;                   ///< exported ids; always has "default"
   std::map<std::string, TrackerSettings> trackers;
   bool operator==(const Settings&) const = default;

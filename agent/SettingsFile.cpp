@@ -10,10 +10,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
-#include <set>
+#include <tuple>
 
 #include "Ipfix/FlowTrackingTypes.h"
 #include "agent/Printable.h"
@@ -155,38 +157,61 @@ std::optional<toml::source_position> tooDeepKey(std::string_view toml) {
   return std::nullopt;
 }
 
-/// Collects errors with their place in the file.
+/// Collects errors with their place in the files, which are read in the order given.
 class Errors {
  public:
-  explicit Errors(std::string fileName) : fileName_(std::move(fileName)) {}
-  void add(const toml::source_position& at, std::string text) {
-    errors_.push_back({at.line, at.column, std::move(text)});
+  explicit Errors(const std::vector<SettingsText>& files) {
+    for (const SettingsText& file : files) files_.push_back(file.name);
   }
-  void atKey(const toml::source_position& at, const std::string& path, const std::string& text) {
+  void add(const toml::source_region& at, std::string text) {
+    errors_.push_back({at, std::move(text)});
+  }
+  void atKey(const toml::source_region& at, const std::string& path, const std::string& text) {
     add(at, "key '" + path + "': " + text);
   }
   bool empty() const { return errors_.empty(); }
+  bool before(const toml::source_region& a, const toml::source_region& b) const {
+    return std::tuple(fileOf(a), a.begin.line, a.begin.column) <
+           std::tuple(fileOf(b), b.begin.line, b.begin.column);
+  }
   std::vector<std::string> inFileOrder() {
-    std::stable_sort(errors_.begin(), errors_.end(), [](const Error& a, const Error& b) {
-      return a.line != b.line ? a.line < b.line : a.column < b.column;
-    });
+    std::stable_sort(errors_.begin(), errors_.end(),
+                     [this](const Error& a, const Error& b) { return before(a.at, b.at); });
     std::vector<std::string> lines;
     lines.reserve(errors_.size());
     for (const Error& e : errors_)
-      lines.push_back(printable(fileName_) + ':' + std::to_string(e.line) + ':' +
-                      std::to_string(e.column) + ": " + e.text);
+      lines.push_back(printable(files_[fileOf(e.at)]) + ':' + std::to_string(e.at.begin.line) +
+                      ':' + std::to_string(e.at.begin.column) + ": " + e.text);
     return lines;
   }
 
  private:
   struct Error {
-    uint32_t line;
-    uint32_t column;
+    toml::source_region at;
     std::string text;
   };
-  std::string fileName_;
+  size_t fileOf(const toml::source_region& at) const {
+    if (!at.path) return 0;
+    const auto it = std::find(files_.begin(), files_.end(), *at.path);
+    return it == files_.end() ? 0 : static_cast<size_t>(it - files_.begin());
+  }
+  std::vector<std::string> files_;
   std::vector<Error> errors_;
 };
+
+/// Lays one file's table over those before it: tables become one, any other value is replaced.
+/// Keys and values keep the place where they stand.
+void merge(toml::table& into, toml::table&& from) {
+  for (auto&& [key, node] : from) {
+    toml::node* const old = into.get(key.str());
+    if (old && old->is_table() && node.is_table()) {
+      merge(*old->as_table(), std::move(*node.as_table()));
+      continue;
+    }
+    if (old) into.erase(key.str());
+    node.visit([&, &k = key](auto& value) { into.insert(k, std::move(value)); });
+  }
+}
 
 /// Reads one value into `out`. Returns what would be right, or nothing when the value is.
 template <class T>
@@ -195,8 +220,8 @@ using Rule = std::function<std::string(const toml::node& node, T& out)>;
 /// One table of the file: hands out its keys and, in the end, complains about the others.
 class Section {
  public:
-  Section(Errors& errors, const toml::table& table, std::string path, toml::source_position at)
-      : errors_(errors), table_(table), path_(std::move(path)), at_(at) {}
+  Section(Errors& errors, const toml::table& table, std::string path, toml::source_region at)
+      : errors_(errors), table_(table), path_(std::move(path)), at_(std::move(at)) {}
   Section(const Section&) = delete;
   Section& operator=(const Section&) = delete;
   ~Section() { refuseUnknown(); }
@@ -232,7 +257,7 @@ class Section {
     const toml::node* node = table_.get(key);
     if (!node) return;
     if (const toml::table* table = node->as_table()) {
-      Section section(errors_, *table, pathOf(key), node->source().begin);
+      Section section(errors_, *table, pathOf(key), node->source());
       visit(section);
     } else {
       refuse(key, *node, "it is a table, [" + pathOf(key) + "]");
@@ -255,22 +280,20 @@ class Section {
     }
     std::vector<std::pair<const toml::key*, const toml::node*>> children;
     for (const auto& [nameKey, child] : *all) children.emplace_back(&nameKey, &child);
-    std::sort(children.begin(), children.end(), [](const auto& a, const auto& b) {
-      const auto& p = a.first->source().begin;
-      const auto& q = b.first->source().begin;
-      return p.line != q.line ? p.line < q.line : p.column < q.column;
+    std::sort(children.begin(), children.end(), [this](const auto& a, const auto& b) {
+      return errors_.before(a.first->source(), b.first->source());
     });
     for (const auto& [nameKey, child] : children) {
       const std::string name(nameKey->str());
       const std::string path = pathOf(key) + '.' + keyText(name);
       const toml::table* table = child->as_table();
       if (!table) {
-        errors_.atKey(child->source().begin, path, shown(*child) + " is not allowed: " + form);
+        errors_.atKey(child->source(), path, shown(*child) + " is not allowed: " + form);
         continue;
       }
       if (const std::string expected = nameRule(name); !expected.empty())
-        errors_.atKey(nameKey->source().begin, path, "this name is not allowed: " + expected);
-      Section section(errors_, *table, path, nameKey->source().begin);
+        errors_.atKey(nameKey->source(), path, "this name is not allowed: " + expected);
+      Section section(errors_, *table, path, nameKey->source());
       visit(name, section);
     }
   }
@@ -282,7 +305,7 @@ class Section {
 
  private:
   void refuse(std::string_view key, const toml::node& node, const std::string& expected) {
-    errors_.atKey(node.source().begin, pathOf(key), shown(node) + " is not allowed: " + expected);
+    errors_.atKey(node.source(), pathOf(key), shown(node) + " is not allowed: " + expected);
   }
 
   void refuseUnknown() {
@@ -297,14 +320,14 @@ class Section {
         for (const std::string_view k : known_)
           text += (k == known_.front() ? " " : ", ") + std::string(k);
       }
-      errors_.atKey(key.source().begin, pathOf(key.str()), text);
+      errors_.atKey(key.source(), pathOf(key.str()), text);
     }
   }
 
   Errors& errors_;
   const toml::table& table_;
   std::string path_;
-  toml::source_position at_;
+  toml::source_region at_;
   std::vector<std::string_view> known_;
 };
 
@@ -360,31 +383,23 @@ Rule<milliseconds> duration(const std::string& noun, milliseconds min, milliseco
   };
 }
 
-std::string addressRule(const toml::node& node, IpGenAddr& out) {
-  static const std::string expected =
-      "a collector's address is one IPv4 or IPv6 address in quotes, not a host name";
+/// A collector's place: an address, or the name of a host.
+struct Place {
+  IpGenAddr address;
+  std::string host;
+};
+std::string placeRule(const toml::node& node, Place& out) {
   const auto* value = node.as_string();
   const auto parsed = value ? IpGenAddr::fromString(value->get()) : std::nullopt;
-  if (!parsed || parsed->family() == IpGenAddr::Family::none) return expected;
-  const auto refuse = [](const char* what) {
-    return std::string("a collector has an address of its own, and this is ") + what;
-  };
-  if (parsed->isIpv4()) {
-    const uint32_t a = parsed->ipAddr().value();
-    if (a == 0) return refuse("the unspecified address");
-    if (a == 0xffffffff) return refuse("the broadcast address");
-    if (a >> 28 == 0xe) return refuse("a multicast address");
+  if (parsed && parsed->family() != IpGenAddr::Family::none) {
+    if (const std::string what = collectorAddressProblem(*parsed); !what.empty())
+      return "a collector has an address of its own, and this is " + what;
+    out.address = *parsed;
+  } else if (value && isHostName(value->get())) {
+    out.host = value->get();
   } else {
-    const auto& a = parsed->ip6Addr().octets();
-    static constexpr std::array<uint8_t, 12> mapped = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
-    if (parsed->ip6Addr().isZero()) return refuse("the unspecified address");
-    if (a[0] == 0xff) return refuse("a multicast address");
-    if (std::equal(mapped.begin(), mapped.end(), a.begin()))
-      return refuse("an IPv4 address inside IPv6: write it as IPv4");
-    if (parsed->ip6Addr().isLinkLocal())
-      return refuse("a link-local address, which is good on one link only");
+    return "a collector's address is one IPv4 or IPv6 address, or the name of a host, in quotes";
   }
-  out = *parsed;
   return {};
 }
 
@@ -436,16 +451,19 @@ class Unique {
 };
 
 void readCollectors(Section& exporter, ExporterSettings& out) {
-  Unique<std::pair<IpGenAddr, uint16_t>> taken;
+  Unique<std::tuple<IpGenAddr, std::string, uint16_t>> taken;
   exporter.tables(
       "collector", "collector", nameRule("a collector"), [&](const std::string& name, Section& s) {
         CollectorSettings c;
-        const bool valid = s.required<IpGenAddr>("address", c.address, addressRule,
-                                                 "the collector's IPv4 or IPv6 address");
+        Place place;
+        const bool valid = s.required<Place>("address", place, placeRule,
+                                             "the collector's IPv4 or IPv6 address, or host name");
+        c.address = place.address;
+        c.host = place.host;
         s.optional<uint16_t>("port", c.port, integer<uint16_t>("a port", 1, 65535));
         if (valid) {
           // Its counters are kept under address and port.
-          const std::string other = taken.take({c.address, c.port}, keyText(name));
+          const std::string other = taken.take({c.address, c.host, c.port}, keyText(name));
           if (!other.empty())
             s.refuse("address",
                      "collector " + other + " of this exporter has the same address and port");
@@ -559,29 +577,72 @@ void readAgent(Section& s, Settings& out) {
                                  return v.size() >= 2 && v.size() <= socketPathMax && v[0] == '/' &&
                                         !hasControl(v);
                                }));
+  s.optional<milliseconds>("resolve-interval", out.resolveInterval,
+                           duration("a resolve interval", second, 86400 * second));
+}
+
+/// A text as TOML writes it.
+std::string tomlText(std::string_view text) {
+  std::string out = "\"";
+  for (const char c : text) {
+    if (c == '"' || c == '\\') {
+      (out += '\\') += c;
+    } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
+      char escape[8];
+      std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(c));
+      out += escape;
+    } else {
+      out += c;
+    }
+  }
+  return out += '"';
+}
+std::string tomlText(milliseconds t) { return tomlText(timeText(t)); }
+std::string tomlKey(std::string_view key) {
+  return !key.empty() && std::all_of(key.begin(), key.end(), bare) ? std::string(key)
+                                                                   : tomlText(key);
+}
+
+/// Reads a file whole. Returns what is in the way, or nothing.
+std::string readText(const std::string& fileName, std::string& text) {
+  errno = 0;
+  std::ifstream in(fileName, std::ios::binary);
+  if (!in) return std::string("cannot be read: ") + std::strerror(errno);
+  std::array<char, 65536> block;
+  while (text.size() <= settingsFileMax && (in.read(block.data(), block.size()), in.gcount() > 0))
+    text.append(block.data(), static_cast<size_t>(in.gcount()));
+  if (in.bad()) return std::string("cannot be read: ") + std::strerror(errno);
+  if (text.size() > settingsFileMax)
+    return "larger than " + std::to_string(settingsFileMax) + " octets, the most that is read";
+  return {};
 }
 
 }  // namespace
 
 SettingsResult parseSettings(std::string_view toml, const std::string& fileName) {
+  return parseSettings({{fileName, std::string(toml)}});
+}
+
+SettingsResult parseSettings(const std::vector<SettingsText>& files) {
   SettingsResult result;
-  Errors errors(fileName);
-  if (const auto at = tooDeepKey(toml)) {
-    errors.add(*at, "a key has at most " + std::to_string(keyDepthMax) + " steps");
-    result.errors = errors.inFileOrder();
-    return result;
-  }
-  toml::table table;
-  try {
-    table = toml::parse(toml, fileName);
-  } catch (const toml::parse_error& e) {
-    errors.add(e.source().begin, "not TOML: " + printable(e.description()));
-    result.errors = errors.inFileOrder();
-    return result;
+  Errors errors(files);
+  toml::table all;
+  for (const SettingsText& file : files) {
+    const auto path = std::make_shared<const std::string>(file.name);
+    if (const auto at = tooDeepKey(file.toml)) {
+      errors.add({*at, *at, path}, "a key has at most " + std::to_string(keyDepthMax) + " steps");
+      continue;
+    }
+    try {
+      merge(all, toml::parse(file.toml, file.name));
+    } catch (const toml::parse_error& e) {
+      errors.add({e.source().begin, e.source().end, path},
+                 "not TOML: " + printable(e.description()));
+    }
   }
   Settings settings;
-  {
-    Section root(errors, table, {}, {1, 1});
+  if (errors.empty()) {
+    Section root(errors, all, {}, {{1, 1}, {1, 1}, {}});
     root.table("agent", [&](Section& s) { readAgent(s, settings); });
     readVrfs(root, settings);
     readTrackers(root, settings);
@@ -595,23 +656,77 @@ SettingsResult parseSettings(std::string_view toml, const std::string& fileName)
 }
 
 SettingsResult readSettings(const std::string& fileName) {
+  namespace fs = std::filesystem;
   SettingsResult result;
-  const auto refuse = [&](const std::string& why) {
-    result.errors.push_back(printable(fileName) + ": " + why);
-    return result;
+  std::vector<std::string> names = {fileName};
+  fs::path dir(fileName);
+  if (dir.extension() == ".toml") dir.replace_extension();
+  dir += ".d";
+  std::error_code ec;
+  fs::directory_iterator it(dir, ec);
+  for (; !ec && it != fs::directory_iterator(); it.increment(ec))
+    if (it->path().extension() == ".toml" && !it->path().filename().string().starts_with('.'))
+      names.push_back(it->path().string());
+  std::sort(names.begin() + 1, names.end());
+  if (ec && ec != std::errc::no_such_file_or_directory && ec != std::errc::not_a_directory)
+    result.errors.push_back(printable(dir.string()) + ": cannot be read: " + ec.message());
+  std::vector<SettingsText> files;
+  for (const std::string& name : names) {
+    SettingsText& file = files.emplace_back(SettingsText{name, {}});
+    if (const std::string why = readText(name, file.toml); !why.empty())
+      result.errors.push_back(printable(name) + ": " + why);
+  }
+  return result.errors.empty() ? parseSettings(files) : result;
+}
+
+std::string settingsText(const Settings& settings) {
+  const auto number = [](auto n) { return std::to_string(n); };
+  std::string out;
+  const auto header = [&](const std::string& path) {
+    out += (out.empty() ? "[" : "\n[") + path + "]\n";
   };
-  errno = 0;
-  std::ifstream in(fileName, std::ios::binary);
-  if (!in) return refuse(std::string("cannot be read: ") + std::strerror(errno));
-  std::string text;
-  std::array<char, 65536> block;
-  while (text.size() <= settingsFileMax && (in.read(block.data(), block.size()), in.gcount() > 0))
-    text.append(block.data(), static_cast<size_t>(in.gcount()));
-  if (in.bad()) return refuse(std::string("cannot be read: ") + std::strerror(errno));
-  if (text.size() > settingsFileMax)
-    return refuse("larger than " + std::to_string(settingsFileMax) +
-                  " octets, the most that is read");
-  return parseSettings(text, fileName);
+  const auto row = [&](const char* key, const std::string& value) {
+    out += std::string(key) + " = " + value + '\n';
+  };
+  header("agent");
+  row("statistics", tomlText(settings.statistics));
+  row("control", tomlText(settings.control));
+  row("resolve-interval", tomlText(settings.resolveInterval));
+  for (const auto& [name, id] : settings.vrfs) {
+    header("vrf." + tomlKey(name));
+    row("id", number(id));
+  }
+  for (const auto& [trackerName, t] : settings.trackers) {
+    const std::string tracker = "tracker." + tomlKey(trackerName);
+    header(tracker);
+    row("id", number(t.id));
+    row("type", tomlText(FlowTracking::toText(t.type)));
+    std::string patterns;
+    for (const std::string& p : t.interfaces)
+      patterns += (patterns.empty() ? "" : ", ") + tomlText(p);
+    row("interfaces", '[' + patterns + ']');
+    row("sample-rate", number(t.sampleRate));
+    row("active-interval", tomlText(t.activeInterval));
+    row("inactive-timeout", tomlText(t.inactiveTimeout));
+    row("local-port", number(t.localPort));
+    row("max-flows", number(t.maxFlows));
+    for (const auto& [exporterName, e] : t.exporters) {
+      const std::string exporter = tracker + ".exporter." + tomlKey(exporterName);
+      header(exporter);
+      row("local-interface", tomlText(e.localInterface));
+      row("vrf", tomlText(e.vrf.stringValue()));
+      row("dscp", e.dscp.stringValue());
+      row("mtu", number(e.mtu));
+      row("template-interval", tomlText(e.templateInterval));
+      row("rate-limit", tomlText(e.rateLimit.stringValue()));
+      for (const auto& [name, c] : e.collectors) {
+        header(exporter + ".collector." + tomlKey(name));
+        row("address", tomlText(c.host.empty() ? c.address.stringValue() : c.host));
+        row("port", number(c.port));
+      }
+    }
+  }
+  return out;
 }
 
 }  // namespace agent

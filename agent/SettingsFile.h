@@ -19,10 +19,23 @@ struct SettingsResult {
 /// The largest configuration file that is read, octets.
 inline constexpr size_t settingsFileMax = 16 << 20;
 
-/// Parses and validates TOML as a whole. `fileName` only appears in the errors.
+/// One file's content; the name only appears in the errors.
+struct SettingsText {
+  std::string name;
+  std::string toml;
+};
+
+/// Parses TOML and validates it as a whole. Of several files later ones go before earlier ones:
+/// their tables are merged, and the same key in a later file overrides. Names are different.
+SettingsResult parseSettings(const std::vector<SettingsText>& files);
 SettingsResult parseSettings(std::string_view toml, const std::string& fileName);
-/// Reads the file first; a file that cannot be read, or is too large, is an error like others.
+/// Reads the file, and then the files *.toml of the directory beside it, in the order of their
+/// names: tarnflow.d for tarnflow.toml. A file that cannot be read, or is too large, is an error
+/// like others; the directory need not be there.
 SettingsResult readSettings(const std::string& fileName);
+
+/// The settings as TOML, every key with its value: read again, it gives equal settings.
+std::string settingsText(const Settings& settings);
 
 /// The configuration that runs when no file is given; its comments explain each key.
 std::string_view defaultSettingsText();

@@ -19,11 +19,13 @@ using namespace agent;
 constexpr int exitFailure = 1;
 constexpr int exitUsage = 2;
 
-int check(const std::string& fileName) {
+int check(const std::string& fileName, bool effective) {
   const SettingsResult read = readSettings(fileName);
   for (const std::string& error : read.errors) std::fprintf(stderr, "%s\n", error.c_str());
   if (!read.settings) return exitFailure;
-  std::printf("%s: ok: %s\n", printable(fileName).c_str(), describe(count(*read.settings)).c_str());
+  std::printf("%s%s: ok: %s\n", effective ? "# " : "", printable(fileName).c_str(),
+              describe(count(*read.settings)).c_str());
+  if (effective) std::fputs(settingsText(*read.settings).c_str(), stdout);
   return 0;
 }
 
@@ -80,12 +82,17 @@ int main(int argc, char** argv) {
   AgentOptions options;
   std::string checkFile;
   std::string level;
+  bool effective = false;
   bool printDefault = false;
   app.add_option("--config", options.configFile,
                  "the configuration (TOML); without it the built-in default runs")
       ->type_name("FILE");
-  app.add_option("--check", checkFile, "say what is wrong with this configuration, and exit")
-      ->type_name("FILE");
+  auto* const checks =
+      app.add_option("--check", checkFile, "say what is wrong with this configuration, and exit")
+          ->type_name("FILE");
+  app.add_flag("--effective", effective,
+               "with --check: print what counts in the end, every key with its value")
+      ->needs(checks);
   app.add_flag("--print-default-config", printDefault,
                "print the built-in default, which explains every key, and exit");
   app.add_option("--log-level", level,
@@ -109,7 +116,7 @@ int main(int argc, char** argv) {
     std::fputs(std::string(defaultSettingsText()).c_str(), stdout);
     return 0;
   }
-  if (!checkFile.empty()) return check(checkFile);
+  if (!checkFile.empty()) return check(checkFile, effective);
 
   AgentLog log = AgentLog::standard();
   if (!level.empty()) {

@@ -13,7 +13,7 @@ int check(const std::string& file) {
   namespace fs = std::filesystem;
   constexpr const char* agent = "tarnflowd";
   const auto become = [&](const std::string& program) {
-    const char* const args[] = {agent, "--check", file.c_str(), nullptr};
+    const char* const args[] = {agent, "--check", file.c_str(), "--effective", nullptr};
     execvp(program.c_str(), const_cast<char* const*>(args));  // a name without '/': by PATH
     return errno;
   };

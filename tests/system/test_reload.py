@@ -4,7 +4,7 @@ import re
 
 import pytest
 
-from lab import SLOW, wait_for
+from lab import SLOW, run, wait_for
 from tarnflow import Agent, collectors, config, counters, exporter
 from wire import TEMPLATES, Capture, tshark
 
@@ -101,7 +101,7 @@ FAULTS = {
     'template-interval = "0s"': ("template-interval", '"0s"', "1s"),
     'template-interval = "20h"': ("template-interval", '"20h"', "65535s"),
     'dcsp = 46': ("dcsp", "dscp"),
-    'collector.bad.address = "example.org"': ("bad", '"example.org"', "IPv6"),
+    'collector.bad.address = "10.0.0.256"': ("bad", '"10.0.0.256"', "IPv6"),
     'vrf = "' + "x" * 200 + '"': ("vrf", "100 octets"),
     'dscp = = 3': (),
 }
@@ -140,3 +140,51 @@ def test_a_file_with_an_error_changes_nothing(lab, far):
     assert agent.stop() == 0
 
 
+
+
+@pytest.fixture
+def names(tmp_path):
+    """Sets the machine's host names, by a file in this private world."""
+    files = {"/etc/nsswitch.conf": tmp_path / "nsswitch", "/etc/hosts": tmp_path / "hosts"}
+    files["/etc/nsswitch.conf"].write_text("hosts: files\n")
+    files["/etc/hosts"].write_text("")
+    for target, file in files.items():
+        run("mount", "--bind", file, target)
+    yield files["/etc/hosts"].write_text
+    for target in files:
+        run("umount", target)
+
+
+def test_a_collector_by_the_name_of_its_host(lab, far, names):
+    capture = Capture(lab, "dn0", ns=far)
+    text = config(trackers(a="coll", b="10.97.0.5")).replace(
+        "[agent]", '[agent]\nresolve-interval = "1s"')
+    agent = Agent(lab, text)
+    agent.program.wait_log("host coll cannot be looked up: .*; its collectors wait")
+    capture.wait(4, dst="10.97.0.5")
+    names("10.97.0.2 coll\n")
+    capture.wait(6, dst="10.97.0.2")
+    names("fd97::2 coll\n10.97.0.3 coll\n")
+    first = capture.wait_until("a message to another address", lambda messages: [
+        m for m in messages if m.dst in ("fd97::2", "10.97.0.3")])
+    here = next(m.dst for m in first if m.dst in ("fd97::2", "10.97.0.3"))
+    capture.wait(6, dst=here)
+    assert set(counters()) == {here, "10.97.0.5"}
+    names("")
+    agent.program.wait_log("host coll cannot be looked up: .*; its address stays", 3)
+    seen = len(capture.messages(dst=here))
+    capture.wait(seen + 4, dst=here)
+    assert agent.program.log().count("cannot be looked up") == 2, agent.program.log()
+    assert agent.stop() == 0
+    for address in ("10.97.0.2", here):  # a session each: from 0, the templates first
+        messages = capture.messages(dst=address)
+        assert [m.sequence for m in messages[:3]] == [0, 0, 0]
+        assert {m.sets[0][0] for m in messages[:2]} == {2, 3}
+    assert messages[-1].sequence > 0
+    # The other collector of the exporter heard nothing of it.
+    others = capture.messages(dst="10.97.0.5")
+    assert len({m.src_port for m in others}) == 1
+    times = rounds(others)
+    assert all(abs(b - a - 1) < 0.2 * SLOW for a, b in zip(times, times[1:])), times
+    capture.stop()
+    tshark(capture.file)

@@ -252,6 +252,63 @@ TEST_F(EntitiesTest, ReadinessIsLogged) {
   EXPECT_EQ(entities->readyExporters(), 0u);
 }
 
+TEST_F(EntitiesTest, AHostsAddressIsOneThatTheExporterCanSendTo) {
+  std::map<std::string, std::vector<IpGenAddr>> known;
+  int asked = 0;
+  Entities entities([this](const VrfName& vrf) { return nets.of(vrf); },
+                    init->elementIdCollection(), heard.log, [] {},
+                    {[&](const std::string& host) {
+                       const auto it = known.find(host);
+                       return it == known.end() ? nullptr : &it->second;
+                     },
+                     [&] { ++asked; }});
+  Settings settings = base();
+  settings.trackers["edge"].exporters["main"].collectors["named"] = {{}, 4739, "coll"};
+  entities.apply(settings);
+  const auto main =
+      entities.trees().at(FlowTrackingType::software).config->ftConfig("edge")->expConfig("main");
+  const auto now = [&] {
+    entities.addressesAre();
+    const auto& v4 = main->collectorIpAndPort();
+    const auto& v6 = main->collectorIp6AndPort();
+    EXPECT_FALSE(v4.contains("named") && v6.contains("named"));
+    return v4.contains("named")   ? v4.at("named").stringValue()
+           : v6.contains("named") ? v6.at("named").stringValue()
+                                  : "";
+  };
+  const auto list = [](std::initializer_list<const char*> addresses) {
+    std::vector<IpGenAddr> out;
+    for (const char* a : addresses) out.push_back(ip(a));
+    return out;
+  };
+  EXPECT_EQ(now(), "") << "not known yet";
+  known["coll"] = list({"2001:db8::5", "192.0.2.5"});
+  EXPECT_EQ(now(), "[2001:db8::5]:4739");
+  EXPECT_EQ(describe(entities.apply(settings)), "nothing changed");
+  known["coll"] = list({"192.0.2.5", "2001:db8::5"});
+  EXPECT_EQ(now(), "[2001:db8::5]:4739") << "another order is no reason to move";
+  const auto home = nets.of(VrfName("default"));
+  home->addressDel(1, on("2001:db8::1"));
+  home->tell();
+  EXPECT_EQ(asked, 1);
+  EXPECT_EQ(now(), "192.0.2.5:4739");
+  home->addressDel(1, on("10.0.0.1"));
+  home->tell();
+  EXPECT_EQ(now(), "192.0.2.5:4739") << "from nowhere nothing can be sent elsewhere either";
+  home->addressIs(1, on("10.0.0.1"));
+  home->tell();
+  known["coll"] = list({"192.0.2.1", "192.0.2.2"});
+  EXPECT_EQ(now(), "") << "both are other collectors'";
+  EXPECT_TRUE(heard.has("<4>collector named of exporter main of tracker edge: waits: no address"));
+  known["coll"].push_back(ip("192.0.2.6"));
+  EXPECT_EQ(now(), "192.0.2.6:4739");
+  Ear ear(main);
+  settings.trackers["edge"].exporters["main"].collectors["named"].port = 1;
+  EXPECT_EQ(describe(entities.apply(settings)), "collectors: 1 changed");
+  EXPECT_EQ(ear.collectors, std::set<std::string>{"named"});
+  EXPECT_EQ(now(), "192.0.2.6:1");
+}
+
 // --- Random reloads ---
 
 class RandomSettings {

@@ -3,7 +3,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <sstream>
 
 #include "agent/Printable.h"
 
@@ -167,12 +171,13 @@ const Bad badSettings[] = {
      "f:6:6: key 'vrf.red.id': 0 is not allowed: 0 is the id of the VRF \"default\""},
     {"vrfIdTwice", "id = 10", "id = 10\n[vrf.blue]\nid = 10",
      "f:8:6: key 'vrf.blue.id': 10 is not allowed: VRF red has this id"},
-    {"addressHostName", "\"10.0.0.1\"", "\"collector.example\"",
+    {"addressNeither", "\"10.0.0.1\"", "\"10.0.0.256\"",
      "f:24:11: " + exp +
-         "collector.one.address': \"collector.example\" is not allowed: a collector's address is "
-         "one IPv4 or IPv6 address in quotes, not a host name"},
+         "collector.one.address': \"10.0.0.256\" is not allowed: a collector's address is one "
+         "IPv4 or IPv6 address, or the name of a host, in quotes"},
     {"addressMissing", "address = \"10.0.0.1\"\n", "",
-     "f:23:39: " + exp + "collector.one.address': missing: the collector's IPv4 or IPv6 address"},
+     "f:23:39: " + exp +
+         "collector.one.address': missing: the collector's IPv4 or IPv6 address, or host name"},
     {"collectorTwice", "\"2001:db8::1\"", "\"10.0.0.1\"\nport = 2055",
      "f:28:11: " + exp +
          "collector.two.address': \"10.0.0.1\" is not allowed: collector one of this exporter has "
@@ -242,6 +247,9 @@ TEST(SettingsFile, Bounds) {
       {"vrf.red]", {}, {"vrf." + std::string(101, 'a') + ']', "vrf.\"a b\"]"}},
       {"= \"eth0\"", {"= \"abcdefghijklmno\""}, {"= \"abcdefghijklmnop\"", "= \"a/b\"", "= \"\""}},
       {"collector.two", {}, {"collector.\"\""}},
+      {"\"10.0.0.1\"",
+       {"\"a\"", "\"collector-1.example.\"", "\"1_a\""},
+       {"\"-a\"", "\"a..b\"", "\"a b\"", "\"\"", "\"1.2.3\"", '"' + std::string(64, 'a') + '"'}},
       {"\"/run/c.sock\"", {}, {"\"/" + std::string(107, 'x') + '"', "\"x\""}},
   };
   for (const Row& row : rows) {
@@ -266,6 +274,151 @@ TEST(SettingsFile, AllErrorsInTheOrderOfTheFile) {
                 "out of so many, is an integer from 1 to 4294967295",
                 "f:8:14: key 'agent.statistics': 5 is not allowed: the name of the statistics "
                 "begins with '/', has no other '/' and 2 to 255 octets"}));
+}
+
+TEST(SettingsFile, LaterFilesGoBeforeEarlierOnes) {
+  const std::vector<SettingsText> files = {
+      {"a", good},
+      {"b", "tracker.edge.sample-rate = 5\n[tracker.edge]\ninterfaces = []\n"},
+      {"c",
+       "[tracker.edge]\nsample-rate = 6\n[tracker.new]\nid = 9\n"
+       "[tracker.edge.exporter.main.collector.one]\naddress = \"192.0.2.1\"\n"}};
+  const SettingsResult r = parseSettings({files[0], files[2]});
+  ASSERT_TRUE(r.settings) << r.errors.at(0);
+  Settings wanted = *parseSettings(good, "f").settings;
+  wanted.trackers["edge"].sampleRate = 6;
+  wanted.trackers["new"].id = 9;
+  wanted.trackers["edge"].exporters["main"].collectors["one"].address =
+      *IpGenAddr::fromString("192.0.2.1");
+  EXPECT_EQ(*r.settings, wanted);
+
+  // Places are those of the file that a value, or a header, is in; the whole is what is checked.
+  const auto errors = [&](const std::string& second, const std::string& third) {
+    return parseSettings({{"a", good}, {"b", second}, {"c", third}}).errors;
+  };
+  EXPECT_EQ(errors("[tracker.x]\nid = 3\ndspc = 1\n", "tracker.x.id = 8\n"),
+            (std::vector<std::string>{
+                "b:3:1: key 'tracker.x.dspc': unknown; known here: id, type, interfaces, "
+                "sample-rate, active-interval, inactive-timeout, local-port, max-flows, exporter",
+                "c:1:16: key 'tracker.x.id': 8 is not allowed: tracker core has this observation "
+                "domain id"}));
+  EXPECT_EQ(
+      errors("tracker = 5\n", ""),
+      (std::vector<std::string>{"b:1:11: key 'tracker': 5 is not allowed: each tracker is a table, "
+                                "[tracker.NAME]"}));
+  EXPECT_EQ(errors("=", "[x").size(), 2u) << "each file that is not TOML";
+}
+
+// Whatever the settings are, their text gives them again.
+TEST(SettingsFile, EffectiveTextReadsBack) {
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  const auto pick = [&](uint32_t n) { return static_cast<uint32_t>(random() % n); };
+  const auto name = [&] {
+    static constexpr const char* parts[] = {"a", "B-1", "\"", "\\", " ", "é", "'", "#", ".", "]"};
+    std::string out = parts[pick(2)];
+    for (uint32_t n = pick(4); n > 0; --n) out += parts[pick(std::size(parts))];
+    return out;
+  };
+  const auto time = [&] { return std::chrono::milliseconds(1000 + pick(2) * pick(60000000)); };
+  for (int round = 0; round < 200; ++round) {
+    Settings s;
+    s.vrfs = {{"default", pick(100)}};
+    s.resolveInterval = time();
+    if (pick(2)) s.statistics = "/\"é";
+    if (pick(2)) s.vrfs["r\"é"] = 100 + pick(1000);
+    for (uint32_t id = 0; id < pick(4); ++id) {
+      TrackerSettings& t = s.trackers[name()];
+      t.id = id;
+      t.type = pick(2) ? FlowTrackingType::hardware : FlowTrackingType::software;
+      if (pick(2)) t.interfaces = {"eth*", "r\"é/\\x"};
+      t.sampleRate = 1 + pick(5000);
+      t.activeInterval = time();
+      t.inactiveTimeout = time();
+      t.localPort = static_cast<uint16_t>(pick(65536));
+      t.maxFlows = 1 + pick(1000);
+      for (uint32_t n = pick(3); n > 0; --n) {
+        ExporterSettings& e = t.exporters[name()];
+        e.vrf = VrfName(pick(2) ? "default" : "r\"é");
+        e.localInterface = pick(2) ? "lo" : "e\\\"";
+        e.dscp = DscpValue(pick(64));
+        e.mtu = 327 + pick(1000);
+        e.templateInterval = time();
+        if (pick(2)) e.rateLimit = {RateLimit::Unit::octets, 1 + pick(1000000)};
+        for (uint32_t port = 1; port < pick(5); ++port) {
+          CollectorSettings& c = e.collectors[name()];
+          c.port = static_cast<uint16_t>(1000 * (1 + e.collectors.size()) + port);
+          c.host = pick(2) ? "collector.example" : "";
+          c.address = !c.host.empty()
+                          ? IpGenAddr()
+                          : *IpGenAddr::fromString(pick(2) ? "10.0.0.1" : "2001:db8::1");
+        }
+      }
+    }
+    const std::string text = settingsText(s);
+    const SettingsResult again = parseSettings(text, "f");
+    ASSERT_TRUE(again.settings) << again.errors.at(0) << '\n' << text;
+    ASSERT_EQ(*again.settings, s) << text;
+  }
+}
+
+// The keys that the code asks for, with the defaults that it has, are those of the document and of
+// the editors' schema.
+TEST(SettingsFile, DocumentAndSchemaHaveTheKeysOfTheCode) {
+  using Keys = std::map<std::string, std::string>;  // key to default, empty: it has none
+  const auto content = [](const std::string& file) {
+    std::ifstream in(TARN_SOURCE_DIR "/" + file);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  };
+  const std::string document = content("docs/configuration.md");
+  const auto schema = nlohmann::json::parse(content("packaging/tarnflow.schema.json"));
+  const std::string minimal =
+      "[vrf.NAME]\nid = 1\n[tracker.NAME]\nid = 1\n[tracker.NAME.exporter.NAME]\n"
+      "local-interface = \"lo\"\n[tracker.NAME.exporter.NAME.collector.NAME]\naddress = \"a\"\n";
+  const std::string effective = settingsText(*parseSettings(minimal, "f").settings);
+  const std::pair<const char*, const char*> sections[] = {
+      {"agent", "/properties/agent"},
+      {"vrf.NAME", "/properties/vrf/additionalProperties"},
+      {"tracker.NAME", "/definitions/tracker"},
+      {"tracker.NAME.exporter.NAME", "/definitions/exporter"},
+      {"tracker.NAME.exporter.NAME.collector.NAME", "/definitions/collector"}};
+  for (const auto& [section, pointer] : sections) {
+    SCOPED_TRACE(section);
+    const std::string header = '[' + std::string(section) + "]\n";
+    // What the code knows it says of a key that it does not know.
+    const std::string said =
+        parseSettings(std::string("[") + section + "]\n\"?\" = 1\n", "f").errors.back();
+    std::istringstream known(said.substr(said.find("known here: ") + 12));
+    Keys code;
+    for (std::string key; known >> key; code[key])
+      if (key.back() == ',') key.pop_back();
+    std::istringstream lines(effective.substr(effective.find(header) + header.size()));
+    for (std::string line; std::getline(lines, line) && !line.empty();)
+      if (minimal.find('\n' + line + '\n') == minimal.npos)
+        code.at(line.substr(0, line.find(' '))) = line.substr(line.find(" = ") + 3);
+
+    Keys inSchema;
+    for (const auto& [key, value] :
+         schema.at(nlohmann::json::json_pointer(pointer)).at("properties").items())
+      inSchema[key] = value.contains("default") ? value["default"].dump() : "";
+    EXPECT_EQ(inSchema, code);
+
+    code.erase("exporter");  // tables, which have a section of their own
+    code.erase("collector");
+    Keys inDocument;
+    const size_t at = document.find("## `[" + std::string(section) + "]`\n");
+    ASSERT_NE(at, document.npos);
+    std::istringstream rows(document.substr(at + 3, document.find("\n## `[", at) - at));
+    for (std::string row; std::getline(rows, row);) {
+      if (!row.starts_with("| `")) continue;
+      const std::string key = row.substr(3, row.find('`', 3) - 3);
+      const size_t value = row.find(" | ", row.find(" | ") + 3) + 3;
+      const std::string cell = row.substr(value, row.find(" | ", value) - value);
+      inDocument[key] = cell.starts_with("required") ? "" : cell.substr(1, cell.size() - 2);
+    }
+    EXPECT_EQ(inDocument, code);
+  }
 }
 
 TEST(SettingsFile, DepthIsBounded) {
@@ -304,6 +457,15 @@ TEST(SettingsFile, FilesOnDisk) {
             std::vector<std::string>{"/tmp: cannot be read: Is a directory"});
   const TempFile whole(good);
   EXPECT_EQ(readSettings(whole.name()).settings, parseSettings(good, "f").settings);
+  std::filesystem::create_directory(whole.name() + ".d");
+  for (const auto& [file, rate] :
+       {std::pair{"2.toml", 2}, {"10.toml", 10}, {".3.toml", 3}, {"4.txt", 4}})
+    std::ofstream(whole.name() + ".d/" + file) << "tracker.edge.sample-rate = " << rate << '\n';
+  EXPECT_EQ(readSettings(whole.name()).settings->trackers.at("edge").sampleRate, 2u);
+  std::ofstream(whole.name() + ".d/3.toml") << "\nx = 1";
+  EXPECT_EQ(readSettings(whole.name()).errors.at(0).substr(0, whole.name().size() + 14),
+            whole.name() + ".d/3.toml:2:1:");
+  std::filesystem::remove_all(whole.name() + ".d");
   const TempFile crlf("\xef\xbb\xbf[tracker.a]\r\nid = 1\r\n");
   EXPECT_TRUE(readSettings(crlf.name()).settings);
   const TempFile empty("");

@@ -1,0 +1,73 @@
+#pragma once
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "agent/AgentLog.h"
+#include "platform/Ip.h"
+#include "platform/linux/EventLoop.h"
+
+namespace agent {
+
+/// Follows the addresses of hosts, by name. A lookup blocks for as long as a name server likes, so
+/// each runs on a thread of its own, a few at a time, and its result comes by way of the loop.
+///
+/// A lookup that fails changes nothing: what was found last stays. The log has one line when a
+/// host's lookups begin to fail, and one when they succeed again.
+class Resolver {
+ public:
+  using Addresses = std::vector<IpGenAddr>;  ///< in the order in which they are to be tried
+
+  /// `changed` is called from the loop when the addresses of some host are others.
+  Resolver(Ptr<EventLoop> loop, AgentLog& log, std::function<void()> changed);
+  /// Waits for no lookup.
+  ~Resolver();
+  Resolver(const Resolver&) = delete;
+  Resolver& operator=(const Resolver&) = delete;
+
+  /// The hosts to follow from now on, and the time between two lookups of one. New ones are looked
+  /// up at once; what is known of others is forgotten.
+  void hostsAre(const std::set<std::string>& hosts, Seconds interval);
+  /// Null: not found yet, or not followed. Never empty.
+  const Addresses* addresses(const std::string& host) const;
+  /// Looks all up now: sending to what is known met errors.
+  void lookUpAll();
+
+  static constexpr Seconds retry{5};  ///< after a failure, when the interval is not shorter
+  static constexpr size_t lookupsMax = 8;
+
+ private:
+  struct Host {
+    Addresses addresses;
+    bool failing = false;
+    bool underWay = false;
+    std::unique_ptr<TimerTask> due;
+  };
+  struct Result {
+    std::string host;
+    Addresses addresses;
+    std::string problem;
+  };
+  struct Shared;
+
+  void lookUp(const std::string& host);
+  void startNext();
+  void handleResults();
+  void take(Result result);
+
+  Ptr<EventLoop> loop_;
+  AgentLog& log_;
+  std::function<void()> changed_;
+  Seconds interval_{60};
+  std::map<std::string, Host> hosts_;
+  std::deque<std::string> waiting_;
+  size_t underWay_ = 0;
+  std::shared_ptr<Shared> shared_;  // outlives this object where a lookup does
+  std::unique_ptr<EventLoop::FdWatch> watch_;
+};
+
+}  // namespace agent

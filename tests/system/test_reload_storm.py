@@ -1,0 +1,116 @@
+"""Five hundred reloads at random, right and wrong ones, while flows are tracked: what is the same in
+all of them hears nothing of the others."""
+
+import os
+import pathlib
+import random
+
+import traffic
+from lab import AGENT_WRAP, SLOW, descriptors, parse_json_lines, resident_kib, run, wait_for
+from tarnflow import TOOL, Agent, collectors, config, counters, exporter
+from wire import Capture, no_faults
+
+RELOADS = int(os.environ.get("TARN_RELOADS", 500)) if SLOW == 1 else 30
+STEADY = {"steady4": "10.97.0.2", "steady6": "fd97::2"}
+SEND = str(pathlib.Path(traffic.__file__))
+
+
+def steady():
+    return {"id": 7, "interfaces": ["in0"], "inactive-timeout": "1s", "active-interval": "2s",
+            "exporter": {"main": exporter("up0", collectors(**STEADY), template_interval="1s")}}
+
+
+def other_exporter(rng):
+    names = rng.sample(["a", "b", "c", "d"], rng.randrange(4))
+    return exporter(rng.choice(["up0", "lo", "nowhere"]),
+                    collectors(**{n: (rng.choice(["10.97.0.3", "10.97.0.4", "fd97::3", "nobody"]),
+                                      2000 + i) for i, n in enumerate(names)}),
+                    dscp=rng.randrange(64), mtu=rng.choice([327, 1500]),
+                    template_interval=rng.choice(["1s", "7s"]),
+                    vrf=rng.choice(["default", "default", "blue"]))
+
+
+def one(rng):
+    """A right configuration: the steady part, and anything else."""
+    edge = steady()
+    edge["sample-rate"] = 1
+    edge["exporter"].update({f"e{i}": other_exporter(rng) for i in range(rng.randrange(3))})
+    edge["exporter"]["main"]["collector"].update(
+        collectors(**{f"c{i}": (rng.choice(["10.97.0.3", "fd97::3"]), 3000 + i)
+                      for i in range(rng.randrange(4))}))
+    found = {"edge": edge}
+    for i in range(rng.randrange(3)):
+        found[f"t{i}"] = {"id": rng.choice([20, 30]) + i, "type": rng.choice(["software", "hardware"]),
+                          "interfaces": rng.choice([[], ["in0"], ["blue/*"]]),
+                          "local-port": 5000 + i, "sample-rate": rng.choice([1, 10]),
+                          "exporter": {f"e{j}": other_exporter(rng) for j in range(rng.randrange(3))}}
+    return config(found, vrfs=rng.choice([{}, {"blue": 3}, {"blue": 4, "red": 5}]))
+
+
+def wrong(rng, text):
+    cut = rng.randrange(len(text))
+    return rng.choice([lambda: text[:cut] + "= =\n" + text[cut:],
+                       lambda: text + '[tracker.x]\nid = 7\n',
+                       lambda: text + "colour = 1\n",
+                       lambda: text.replace('"10.97.0.2"', '"224.0.0.1"'),
+                       lambda: text.replace("id = 7", "id = -7")])()
+
+
+def test_reload_storm(lab):
+    seed = int(os.environ.get("TARN_SEED", random.randrange(1 << 32)))
+    print("TARN_SEED", seed)
+    rng = random.Random(seed)
+    far, source = lab.namespace("tt-far"), lab.namespace("tt-src")
+    lab.namespace("ns-blue")
+    lab.veth("up0", "dn0", far)
+    lab.veth("in0", "src0", source)
+    lab.address("up0", "10.97.0.1/24", "fd97::1/64")
+    lab.address("dn0", *(f"10.97.0.{n}/24" for n in (2, 3, 4)), *(f"fd97::{n}/64" for n in (2, 3)),
+                ns=far)
+    listen = {a: lab.start(f"listen-{n}", TOOL, "listen", "--json", "--quiet-data", "--address", a,
+                           ns=far) for n, a in STEADY.items()}
+    for program in listen.values():
+        wait_for("tarnflow listen listens", lambda p=program: "listening" in p.out())
+    capture = Capture(lab, "dn0", ns=far)
+    base = config({"edge": steady()})
+    agent = Agent(lab, base)
+    agent.program.wait_log("tracking flows on in0")
+    sender = lab.start("traffic", "sh", "-c",
+                       f"while :; do /usr/bin/python3 {SEND} src0 300; sleep 0.2; done", ns=source)
+    capture.wait_until("flows of both families", lambda ms: {256, 257} <= {m.sets[0][0] for m in ms},
+                       15)
+    assert agent.program.running()
+    fds = memory = None
+    refused = 0
+    for n in range(RELOADS):
+        if n in (RELOADS // 2, RELOADS - 1):
+            agent.reload(base)  # the same as at the start, to compare
+            if fds is None:
+                wait_for("descriptors are settled", lambda: len(descriptors(agent.pid)) > 0)
+                fds, memory = len(descriptors(agent.pid)), resident_kib(agent.pid)
+            continue
+        text = one(rng)
+        bad = rng.random() < 0.3
+        refused += bad
+        agent.reload(wrong(rng, text) if bad else text)
+    wait_for("as many descriptors as before", lambda: len(descriptors(agent.pid)) <= fds)
+    grown = resident_kib(agent.pid) - memory
+    print(f"{RELOADS} reloads, {refused} of them wrong; {grown} KiB more, {fds} descriptors")
+    assert AGENT_WRAP or grown < 4096, f"{grown} KiB more"
+    assert agent.program.log().count("not reloaded") == refused
+    assert set(counters()) == set(STEADY.values())
+    run("kill", sender.pid)
+    assert agent.stop() == 0
+    for address, program in listen.items():
+        assert program.stop() == 0, program.log()[-2000:]
+        (stream,) = parse_json_lines(program.out())[-1]["streams"]
+        assert not stream["sequenceErrors"] + stream["malformed"] + stream["unknownSets"], stream
+        assert stream["records"] > 1000, stream
+        messages = [m for m in capture.messages(dst=address) if m.dst_port == 4739 and m.domain == 7]
+        assert len({m.src_port for m in messages}) == 1
+        assert stream["messages"] == len(messages)
+        times = [m.time for m in messages if m.sets[0][0] == 2]
+        # A layout, an id or an endpoint that changed would send at once: only the period does.
+        assert all(abs(b - a - 1) < 0.3 * SLOW for a, b in zip(times, times[1:])), times
+    capture.stop()
+    no_faults(capture.file)

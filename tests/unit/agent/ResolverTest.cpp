@@ -1,0 +1,96 @@
+#include "agent/Resolver.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "World.h"
+
+namespace agent {
+namespace {
+using namespace std::chrono_literals;
+
+/// The system's lookups answered from a file of the test's own.
+class ResolverTest : public World {
+ protected:
+  void SetUp() override {
+    World::SetUp();
+    if (IsSkipped()) return;
+    std::ofstream("/run/nsswitch.conf") << "hosts: files\n";
+    hostsAre("");
+    run("mount --bind /run/nsswitch.conf /etc/nsswitch.conf");
+    run("mount --bind /run/hosts /etc/hosts");
+  }
+  static void hostsAre(const std::string& lines) { std::ofstream("/run/hosts") << lines; }
+  std::string found(const std::string& host) const {
+    std::string out;
+    if (const auto* all = resolver->addresses(host))
+      for (const IpGenAddr& a : *all) out += a.stringValue() + ' ';
+    return out;
+  }
+  testing::AssertionResult becomes(const std::string& host, const std::string& addresses) {
+    if (until(*loop, [&] { return found(host) == addresses; })) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << found(host) << '\n' << heard.text;
+  }
+  const Ptr<EventLoop> loop = eventLoopFactory();
+  Heard heard;
+  int changes = 0;
+  std::unique_ptr<Resolver> resolver =
+      std::make_unique<Resolver>(loop, heard.log, [this] { ++changes; });
+};
+
+TEST_F(ResolverTest, FollowsAHostAndKeepsWhatItKnows) {
+  hostsAre("192.0.2.1 coll\n224.0.0.1 group\n");
+  resolver->hostsAre({"coll", "group"}, 20ms);
+  EXPECT_EQ(resolver->addresses("coll"), nullptr) << "nobody waits";
+  ASSERT_TRUE(becomes("coll", "192.0.2.1 "));
+  EXPECT_TRUE(until(*loop, [&] {
+    return heard.text ==
+           "<4>host group cannot be looked up: its address 224.0.0.1 is a multicast address; its "
+           "collectors wait\n";
+  })) << heard.text;
+  EXPECT_EQ(changes, 1);
+  hostsAre("192.0.2.2 coll\n192.0.2.9 group\n");
+  ASSERT_TRUE(becomes("coll", "192.0.2.2 "));
+  ASSERT_TRUE(becomes("group", "192.0.2.9 "));
+  EXPECT_TRUE(heard.has("<6>host group can be looked up again\n"));
+
+  heard.text.clear();
+  hostsAre("");
+  EXPECT_TRUE(until(*loop, [&] { return heard.has("host coll cannot be looked up: "); }));
+  EXPECT_FALSE(until(
+      *loop, [] { return false; }, 200ms));  // several more failures
+  EXPECT_EQ(std::count(heard.text.begin(), heard.text.end(), '\n'), 2) << heard.text;
+  EXPECT_EQ(found("coll"), "192.0.2.2 ");
+  EXPECT_EQ(changes, 3);
+
+  resolver->hostsAre({"coll"}, 1h);
+  EXPECT_EQ(found("group"), "");
+  hostsAre("192.0.2.3 coll\n2001:db8::3 coll\n");
+  resolver->lookUpAll();
+  ASSERT_TRUE(until(*loop, [&] { return found("coll").size() > 20; }));
+}
+
+TEST_F(ResolverTest, ManyHostsAndNoneAfterTheEnd) {
+  std::string lines;
+  std::set<std::string> hosts;
+  for (int i = 1; i <= 100; ++i) {
+    const std::string name = "h" + std::to_string(i);
+    lines += "192.0.2." + std::to_string(i) + ' ' + name + '\n';
+    hosts.insert(name);
+  }
+  hostsAre(lines);
+  resolver->hostsAre(hosts, 1h);
+  resolver->hostsAre({}, 1h);
+  resolver->hostsAre(hosts, 1h);  // while the first lookups are under way
+  for (const std::string& host : hosts)
+    ASSERT_TRUE(becomes(host, "192.0.2." + host.substr(1) + ' '));
+  resolver->lookUpAll();
+  loop->runOnce(Seconds(0));
+  resolver = nullptr;
+  until(
+      *loop, [] { return false; }, 50ms);
+}
+
+}  // namespace
+}  // namespace agent
