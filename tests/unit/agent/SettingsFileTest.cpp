@@ -458,9 +458,13 @@ TEST(SettingsFile, FilesOnDisk) {
   const TempFile whole(good);
   EXPECT_EQ(readSettings(whole.name()).settings, parseSettings(good, "f").settings);
   std::filesystem::create_directory(whole.name() + ".d");
-  for (const auto& [file, rate] :
-       {std::pair{"2.toml", 2}, {"10.toml", 10}, {".3.toml", 3}, {"4.txt", 4}})
+  const auto part = [&](const std::string& file, int rate) {
     std::ofstream(whole.name() + ".d/" + file) << "tracker.edge.sample-rate = " << rate << '\n';
+  };
+  for (const int n : {16, 11, 19, 14, 12, 18, 2, 10, 17, 13, 15})
+    part(std::to_string(n) + ".toml", n);
+  part(".3.toml", 3);
+  part("4.txt", 4);
   EXPECT_EQ(readSettings(whole.name()).settings->trackers.at("edge").sampleRate, 2u);
   std::ofstream(whole.name() + ".d/3.toml") << "\nx = 1";
   EXPECT_EQ(readSettings(whole.name()).errors.at(0).substr(0, whole.name().size() + 14),
