@@ -224,14 +224,6 @@ TEST_F(Fragments, HavePortsOfTheFirst) {
   EXPECT_EQ(ports(later4(1), 4 * second), "0:0/17");
 }
 
-TEST_F(Fragments, AgeOut) {
-  EXPECT_EQ(ports(first4(1, udp(1000, 2000, 32)), 100 * second), "1000:2000/17");
-  EXPECT_EQ(ports(later4(1), 130 * second), "1000:2000/17");
-  EXPECT_EQ(ports(later4(1), 130 * second + 1), "0:0/17");
-  EXPECT_EQ(ports(later4(1), 99 * second), "1000:2000/17");  // out of order
-  EXPECT_EQ(ports(later4(1), 69 * second), "0:0/17");
-}
-
 TEST_F(Fragments, OfIpv6) {
   const auto fragment = [](uint16_t offset, uint32_t id, uint8_t next, const Octets& rest) {
     return ethernet(0x86dd, Ip6{}(44, fragmentHeader(next, offset, true, id, rest)));

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <random>
 
 #include "Ipfix/OptionsDataManagerSm.h"
 #include "Receiver.h"
@@ -13,46 +12,6 @@ constexpr uint16_t flowKeyTable = 65282;
 constexpr uint16_t trackerTable = 65283;
 
 std::string octetsOf(const Ptr<DataRecord>& r) { return std::string(r->data()); }
-
-// --- The store ---
-
-TEST(OptionsDataSourceTest, KeepsOrderAndMembershipLikeAList) {
-  const unsigned seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 rnd(seed);
-  const auto a = optionsDataSourceFactory("a", 300);
-  const auto b = optionsDataSourceFactory("b", 301);
-  std::vector<Ptr<DataRecord>> pool;
-  for (int i = 0; i < 400; ++i) pool.push_back(dataRecordFactory(std::to_string(i)));
-  std::vector<Ptr<const DataRecord>> expectA;
-  std::vector<Ptr<const DataRecord>> expectB;
-  for (int step = 0; step < 20000; ++step) {
-    // One record may be in both sources, at different places.
-    const bool first = rnd() % 3 != 0;
-    auto& source = first ? a : b;
-    auto& expect = first ? expectA : expectB;
-    const Ptr<const DataRecord> record = pool[rnd() % pool.size()];
-    const auto at = std::find(expect.begin(), expect.end(), record);
-    // Long runs of removal, so that the places are compacted.
-    if (step / 500 % 2 == 0 ? rnd() % 4 != 0 : rnd() % 4 == 0) {
-      source->dataRecordIs(record);
-      if (at == expect.end()) expect.push_back(record);
-    } else {
-      source->dataRecordDel(record);
-      if (at != expect.end()) expect.erase(at);
-    }
-    ASSERT_EQ(source->dataRecords(), expect.size());
-    if (step % 50 != 0) continue;
-    for (const auto& [s, e] : {std::pair(&a, &expectA), std::pair(&b, &expectB)}) {
-      std::vector<Ptr<const DataRecord>> found;
-      (*s)->eachDataRecord([&](const auto& r) { found.push_back(r); });
-      ASSERT_EQ(found, *e);
-    }
-  }
-  a->dataRecordDelAll();
-  EXPECT_EQ(a->dataRecords(), 0u);
-  for (const auto& record : expectB) EXPECT_TRUE(b->dataRecordHas(record));
-}
 
 class Counter final : public OptionsDataUpdate::Watcher {
  public:

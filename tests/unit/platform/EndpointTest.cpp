@@ -116,15 +116,6 @@ TEST_P(Endpoint, OpensWithAPortAndClosesWithoutTrace) {
   EXPECT_EQ(pam->rxPort(), port) << "a destroyed endpoint holds no port";
 }
 
-TEST_P(Endpoint, TwoFamiliesShareAPort) {
-  auto pam = opened();
-  auto other = endpoint();
-  other->ipv6EnIs(!ipv6);
-  other->rxPortIs(pam->rxPort());
-  other->modeIs(UdpPam::inService);
-  EXPECT_EQ(other->rxPort(), pam->rxPort());
-}
-
 TEST_P(Endpoint, EachDatagramCarriesItsAddressing) {
   auto pam = opened();
   auto task = host->scheduler()->timerTask("send", 2, [&] {
@@ -258,21 +249,6 @@ TEST_P(Endpoint, CountsWhatItCannotSend) {
   EXPECT_TRUE(host->received(0).empty());
   pam->modeIs(UdpPam::outOfService);
   EXPECT_EQ(pam->counters().dropped, 3u) << "counts outlive the socket";
-}
-
-TEST_P(Endpoint, ANamespaceThatIsNotThereIsAnError) {
-  auto pam = endpoint();
-  pam->netNsIs(NamespaceName("ns-tt-nowhere"));
-  EXPECT_EQ(errorOf([&] { pam->modeIs(UdpPam::inService); }), ENOENT);
-  EXPECT_EQ(pam->mode(), UdpPam::outOfService);
-  pam->netNsIs({});
-  pam->modeIs(UdpPam::inService);
-  EXPECT_NE(pam->rxPort(), 0) << "a refusal leaves nothing behind";
-  pam->ipv6EnIs(!ipv6);
-  address(*pam, 0);
-  pam->txPktIs(packet(40));
-  host->pass(1ms);
-  EXPECT_EQ(host->received(1).size(), 1u) << "a new family waits for the next opening";
 }
 
 /// Sends numbered datagrams of `len` octets to one place.

@@ -1,8 +1,6 @@
 // Endpoints against a real kernel: its refusals, full sockets, namespaces, descriptors.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -294,47 +292,6 @@ TEST_P(LinuxEndpoint, NeverFragments) {
   EXPECT_EQ(pam->counters().dropByErrno, (Drops{{EMSGSIZE, 6}}));
 }
 
-TEST_P(LinuxEndpoint, ASourceThatIsNotHereIsAnError) {
-  auto pam = opened();
-  Receiver sink(*IpGenAddr::fromString(local));
-  const std::string other = ipv6 ? "2001:db8::77" : "10.99.0.77";
-  auto sourceIs = [&](const std::string& a) {
-    if (ipv6) {
-      pam->txSrcIp6AddrIs(*Ip6Addr::fromString(a));
-    } else {
-      pam->txSrcIpAddrIs(*IpAddr::fromString(a));
-    }
-  };
-  sourceIs(other);
-  send(*pam, local, sink.port(), 100, 1);
-  settle();
-  // One or the other, by family and kernel.
-  EXPECT_THAT(pam->counters().dropByErrno,
-              testing::AnyOf(Drops{{EINVAL, 1}}, Drops{{ENETUNREACH, 1}}));
-  ASSERT_TRUE(sh("ip addr add " + other + (ipv6 ? "/128 dev lo nodad" : "/32 dev lo")));
-  send(*pam, local, sink.port(), 100, 2);
-  settle();
-  const auto d = sink.next();
-  ASSERT_TRUE(d);
-  EXPECT_EQ(number(*d), 2);
-  EXPECT_EQ(d->src, *IpGenAddr::fromString(other));
-  ASSERT_TRUE(sh("ip addr del " + other + (ipv6 ? "/128 dev lo" : "/32 dev lo")));
-}
-
-TEST_P(LinuxEndpoint, WhatArrivesDisturbsNothing) {
-  auto pam = opened();
-  send(*pam, local, 9);  // answered by ICMP: nobody listens there
-  send(*pam, local, pam->rxPort());
-  settle();
-  send(*pam, local, pam->rxPort());
-  settle();
-  EXPECT_EQ(pam->counters().sent, 3u);
-  EXPECT_EQ(pam->counters().dropped, 0u);
-  const auto start = std::chrono::steady_clock::now();
-  loop->runOnce(30ms);
-  EXPECT_GE(std::chrono::steady_clock::now() - start, 29ms) << "the loop does not spin";
-}
-
 TEST_P(LinuxEndpoint, OpensInItsNamespaceAndComesBack) {
   PeerNamespace red;
   const std::string home = std::filesystem::read_symlink("/proc/thread-self/ns/net");
@@ -373,30 +330,6 @@ TEST_P(LinuxEndpoint, LeaksNoDescriptor) {
     if (i % 8 == 0) pam->modeIs(UdpPam::outOfService);
   }
   EXPECT_EQ(support::openFds(), before);
-
-  // Refused for want of descriptors, at each step that needs one.
-  rlimit limit{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-  const int next = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-  ::close(next);
-  auto pam = host->udpPam("pam");
-  pam->ipv6EnIs(ipv6);
-  pam->netNsIs(NamespaceName("ns-red"));
-  int refused = 0;
-  for (rlim_t room = 0; room < 4; ++room) {
-    rlimit tight = limit;
-    tight.rlim_cur = static_cast<rlim_t>(next) + room;
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
-    const int err = errorOf([&] { pam->modeIs(UdpPam::inService); });
-    ::setrlimit(RLIMIT_NOFILE, &limit);
-    if (err == 0) break;
-    EXPECT_EQ(err, EMFILE);
-    EXPECT_EQ(pam->mode(), UdpPam::outOfService);
-    EXPECT_EQ(support::openFds(), before);
-    ++refused;
-  }
-  EXPECT_EQ(refused, 2) << "the two namespaces; the socket takes the place of one";
-  EXPECT_EQ(pam->mode(), UdpPam::inService);
 }
 
 /// Two namespaces joined by a wire that takes next to nothing while a test fills the socket, and
@@ -499,19 +432,6 @@ TEST_P(SlowWire, AFullQueueDropsAndTells) {
   EXPECT_THAT(trace.all,
               ElementsAre("pam: queue of 50 datagrams is full: dropping",
                           "pam: queue is empty again after " + std::to_string(dropped) + " drops"));
-}
-
-TEST_P(SlowWire, ClosingCountsWhatIsLeft) {
-  auto pam = opened();
-  smallBuffer(*pam);
-  for (int i = 0; i < 500; ++i) send(*pam, far, sink->port(), 400, i);
-  const uint64_t waiting = pam->counters().queued;
-  EXPECT_GT(waiting, 100u);
-  pam->modeIs(UdpPam::outOfService);
-  EXPECT_EQ(pam->counters().sent + pam->counters().dropped, 500u);
-  EXPECT_EQ(pam->counters().dropByErrno, (Drops{{EAGAIN, pam->counters().dropped}}));
-  EXPECT_EQ(pam->counters().queued, 0u);
-  loop->runOnce(10ms);
 }
 
 TEST_P(SlowWire, PriorityIsTheOneAskedForWhateverTheTos) {
