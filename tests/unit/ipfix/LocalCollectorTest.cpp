@@ -101,48 +101,6 @@ TEST_F(LocalCollectorTest, ListensOnTheExportersAddressAndFollowsIt) {
   EXPECT_GE(told().destPort(), 40000) << "the kernel's choice";
 }
 
-TEST_F(LocalCollectorTest, LivesInTheNamespaceOfTheExportersVrf) {
-  sim->namespaceIs("ns-blue", true);
-  auto e = exporter("exp1", source4);
-  make();
-  // A sender in the default namespace, and one in the VRF's.
-  const auto sendFrom = [&](const std::string& ns) {
-    auto pam = sim->udpPam("device");
-    pam->netNsIs(NamespaceName(ns));
-    pam->modeIs(UdpPam::inService);
-    pam->txDstIpAddrIs(source4);
-    pam->txPortIs(4739);
-    auto pkt = sim->newPkt(4);
-    pkt->dataWholeIs();
-    pam->txPktIs(pkt);
-    sim->runDue();
-  };
-  const auto hears = [&] {
-    std::string heard;
-    pams->udpPam4()->rxPktHandlerIs(
-        [&](std::string_view, const IpGenAddr&, uint16_t) { heard += '.'; });
-    sendFrom({});
-    heard += '/';
-    sendFrom("ns-blue");
-    return heard;
-  };
-  EXPECT_EQ(hears(), "./");
-  e->vrfNameIs(VrfName("blue"));
-  EXPECT_EQ(where(), "exp1 blue 192.0.2.1:4739 0");
-  EXPECT_EQ(hears(), "/.");
-
-  // The namespace is replaced by another one of its name: the old endpoint would be deaf.
-  vrfs->vrfIs(VrfName("blue"), 1);
-  const auto old = pams->udpPam4();
-  vrfs->vrfIs(VrfName("red"), 1);
-  EXPECT_EQ(pams->udpPam4(), old);
-  vrfs->vrfDel(VrfName("blue"));
-  vrfs->vrfIs(VrfName("blue"), 2);
-  EXPECT_NE(pams->udpPam4(), old);
-  EXPECT_EQ(old->mode(), UdpPam::outOfService);
-  EXPECT_EQ(where(), "exp1 blue 192.0.2.1:4739 0");
-}
-
 TEST_F(LocalCollectorTest, ARefusedEndpointIsTriedAgainAfterFiftyMilliseconds) {
   auto e = exporter("exp1", source4);
   sim->traceLevelIs(TraceLevel::event);

@@ -155,31 +155,6 @@ class OptionsDataTest : public TreeTest {
 };
 using Arrived = std::map<std::string, std::map<uint16_t, uint64_t>>;
 
-TEST_F(OptionsDataTest, ACollectorGetsItsTablesAtOnceAndTheOthersNothing) {
-  makeTree();
-  exporter->collectorIpAndPortIs("a", dst4(1));
-  sim->runDue();
-  EXPECT_EQ(arrived(), (Arrived{{"10.0.0.1:4739", fullTables}}));
-  sim->advance(Seconds(20));
-  exporter->collectorIp6AndPortIs("late", dst6(1));
-  sim->runDue();
-  EXPECT_EQ(arrived(), (Arrived{{"[2001:db8::1]:4739", fullTables}}));
-  sim->advance(Seconds(39));
-  EXPECT_TRUE(arrived().empty());
-  sim->advance(Seconds(2));
-  EXPECT_EQ(arrived(),
-            (Arrived{{"10.0.0.1:4739", fullTables}, {"[2001:db8::1]:4739", fullTables}}));
-  EXPECT_EQ(dataExporter()->msgCacheBuildCount(), 1u) << "nothing changed, nothing is built";
-
-  exporter->collectorIpAndPortIs("a", dst4(9));  // moved: a new destination knows nothing
-  sim->runDue();
-  EXPECT_EQ(arrived(), (Arrived{{"10.0.0.9:4739", fullTables}}));
-  exporter->srcIpAddrIs(IpAddr(source4.value() + 1));  // a new session of one family
-  sim->runDue();
-  EXPECT_EQ(arrived(), (Arrived{{"10.0.0.9:4739", fullTables}}));
-  EXPECT_EQ(expInfo()->collInfo("a")->ipfixMsgSeqNo().value(), 4 * 7u);
-}
-
 TEST_F(OptionsDataTest, ChangesLeaveWithinTheCoalescingDelayOrWhenAMessageIsFull) {
   exporter->collectorIpAndPortIs("a", dst4(1));
   makeTree();

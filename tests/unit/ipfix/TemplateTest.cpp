@@ -167,45 +167,6 @@ TEST_F(TemplateTest, EveryWholeSecondsOfTheInterval) {
   }
 }
 
-TEST_F(TemplateTest, CollectorsComeMoveAndGo) {
-  makeReadyTree();
-  exporter->collectorIpAndPortIs("a", dst4(1));
-  exporter->collectorIp6AndPortIs("b", dst6(1));
-  seen();
-  sim->advance(Seconds(10));
-
-  exporter->collectorIpAndPortIs("late", dst4(9));
-  EXPECT_EQ(seenCounts(), (Counts{{"10.0.0.9:4739", oneOfEach}})) << "nobody else hears";
-  sim->advance(Seconds(20));
-  EXPECT_EQ(seenCounts().size(), 3u) << "the period goes on as it was";
-
-  exporter->collectorIpAndPortIs("late", dst4(10));
-  EXPECT_EQ(seenCounts(), (Counts{{"10.0.0.10:4739", oneOfEach}}));
-  EXPECT_FALSE(statsOf(dst4(9))) << "the old address must not stay visible";
-  EXPECT_EQ(statsOf(dst4(10))->exportedMessageTotalCount(), 2u);
-
-  // Another name for the same address, then the first goes: the address is still counted.
-  exporter->collectorIpAndPortIs("later", dst4(10));
-  exporter->collectorIpAndPortDel("late");
-  EXPECT_EQ(statsOf(dst4(10))->exportedMessageTotalCount(), 4u);
-  exporter->collectorIpAndPortDel("later");
-  EXPECT_FALSE(statsOf(dst4(10)));
-
-  exporter->collectorIpAndPortDel("a");
-  seen();
-  EXPECT_TRUE(ftExporter()->periodicTemplateTxTask()->scheduled()) << "IPv6 goes on";
-  sim->advance(Seconds(30));
-  EXPECT_EQ(seenCounts(), (Counts{{"[2001:db8::1]:4739", oneOfEach}}));
-  exporter->collectorIp6AndPortDel("b");
-  EXPECT_FALSE(ftExporter()->periodicTemplateTxTask()->scheduled());
-  sim->advance(Seconds(100));
-  EXPECT_TRUE(seen().empty());
-  EXPECT_EQ(stats->size(), 0u);
-
-  exporter->collectorIpAndPortIs("a", dst4(1));
-  EXPECT_EQ(seenCounts(), (Counts{{"10.0.0.1:4739", oneOfEach}}));
-}
-
 TEST_F(TemplateTest, ANewEndpointStartsWithTheTemplates) {
   makeReadyTree();
   sim->namespaceIs("ns-red", true);
