@@ -416,7 +416,6 @@ void Agent::stop() {
   startedTask_.reset();
   statusTask_.reset();
   watchdogTask_.reset();
-  addressesTask_.reset();
   sendErrorsTask_.reset();
   flowPaths_.clear();
   localCollectors_.reset();
@@ -424,6 +423,7 @@ void Agent::stop() {
   roots_.clear();
   entities_.reset();
   resolver_.reset();
+  addressesTask_.reset();  // those before ask for it
   vrfIds_.reset();
   interfaceIndexes_.reset();
   networks_.reset();
