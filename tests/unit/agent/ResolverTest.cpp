@@ -1,10 +1,13 @@
 #include "agent/Resolver.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <fstream>
 
 #include "World.h"
+#include "platform/linux/Fd.h"
 
 namespace agent {
 namespace {
@@ -21,7 +24,12 @@ class ResolverTest : public World {
     run("mount --bind /run/nsswitch.conf /etc/nsswitch.conf");
     run("mount --bind /run/hosts /etc/hosts");
   }
-  static void hostsAre(const std::string& lines) { std::ofstream("/run/hosts") << lines; }
+  /// At once, over what was there: nobody reads a file that is half written.
+  static void hostsAre(std::string lines) {
+    lines.resize(4096, '\n');
+    const platform::Fd file(::open("/run/hosts", O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    ASSERT_EQ(::pwrite(file.get(), lines.data(), lines.size(), 0), 4096);
+  }
   std::string found(const std::string& host) const {
     std::string out;
     if (const auto* all = resolver->addresses(host))
