@@ -113,7 +113,10 @@ void Resolver::lookUpAll() {
 
 void Resolver::lookUp(const std::string& name) {
   Host& host = hosts_.at(name);
-  if (std::exchange(host.underWay, true)) return;
+  if (std::exchange(host.underWay, true)) {
+    host.again = true;
+    return;
+  }
   waiting_.push_back(name);
   startNext();
 }
@@ -156,7 +159,9 @@ void Resolver::take(Result result) {
   Host& host = it->second;
   host.underWay = false;
   const bool failed = result.addresses.empty();
-  host.due->scheduleIs(failed ? std::min(interval_, retry) : interval_);
+  const bool again = std::exchange(host.again, false);
+  // The lowest: it may have been asked for meanwhile.
+  host.due->scheduleLowestIs(again ? Seconds(0) : failed ? std::min(interval_, retry) : interval_);
   if (std::exchange(host.failing, failed) != failed) {
     const std::string name = "host " + printable(result.host);
     if (failed) {

@@ -45,6 +45,7 @@ class Resolver {
     Addresses addresses;
     bool failing = false;
     bool underWay = false;
+    bool again = false;  // asked for while one was under way, which may have looked before
     std::unique_ptr<TimerTask> due;
   };
   struct Result {
