@@ -10,10 +10,11 @@
 
 /// The platform of unit tests: time that moves only when a test moves it, endpoints that keep what
 /// was sent, a table in plain memory. Same contracts, same test suite as the Linux one. Endpoints
-/// send at once, unless a test gives them a pace; their local ports count up from 40000, in the order of opening. What is sent to
-/// where another endpoint of the same namespace is bound arrives there, too. It asserts that a
-/// transmitted packet changes in its first `UdpPam::restampLen` octets only until the task is over,
-/// and that no task reschedules itself for ever without letting time pass.
+/// send at once, unless a test gives them a pace; their local ports count up from 40000, in the
+/// order of opening. What is sent to where another endpoint of the same namespace is bound arrives
+/// there, too. It asserts that a transmitted packet changes in its first `UdpPam::restampLen`
+/// octets only until the task is over, and that no task reschedules itself for ever without letting
+/// time pass.
 namespace platform {
 
 /// One datagram as it would have left.

@@ -163,14 +163,20 @@ def test_every_flow_as_it_was(house):
     wire.stop()
     no_faults(wire.file, ports=(9995, 9996))
 
-    # The same from the file, twice: it gives the same messages but for their times.
+    # The same from the file, twice, and as another maker's programs cut and merged it (pcapng): it
+    # gives the same messages but for their times.
+    halves = [lab.path("half1.pcapng"), lab.path("half2.pcapng")]
+    merged = lab.path("merged.pcapng")
+    run("editcap", "-r", seen, halves[0], f"1-{sent // 2}")
+    run("editcap", "-r", seen, halves[1], f"{sent // 2 + 1}-{sent}")
+    run("mergecap", "-w", merged, *halves)
     contents = []
-    for _ in range(2):
+    for file_read in (seen, seen, merged):
         wire = Capture(lab, "dn0", ns="tt-far", ports=(9995,))
         collector, directory = nfcapd(lab, "10.99.0.2")
         file = lab.path("read.toml")
         file.write_text(settings({"one": FAR["nf4"]}))
-        reader = lab.start("read", AGENT, "--config", file, "--read", seen)
+        reader = lab.start("read", AGENT, "--config", file, "--read", file_read)
         assert reader.wait_exit(30) == 0, reader.log()
         assert f"{sent} packets seen, {sent} in flows" in reader.err(), reader.err()
         wait_for("the last message is captured",
@@ -183,7 +189,7 @@ def test_every_flow_as_it_was(house):
         wire.stop()
         no_faults(wire.file, ports=(9995,))
         contents.append([m.octets[16:] for m in wire.messages() if m.sets[0][0] in (256, 257)])
-    assert contents[0] == contents[1]
+    assert contents[0] == contents[1] == contents[2]
 
 
 def test_sampling(house):
