@@ -120,11 +120,12 @@ class ShmTable final : public SharedTable {
 
   void create(const std::string& path);
   Place find(Octets key, uint64_t tag) const;
+  bool hasKey(const uint8_t* slot, Octets key) const {
+    return std::memcmp(keyOf(slot).data(), key.data(), key.size()) == 0;
+  }
   /// Where the last record was, if this is its key: who sends much to one collector asks again.
   uint8_t* again(Octets key) const {
-    return last_ && tagOf(last_) != shm::tagEmpty && std::ranges::equal(keyOf(last_), key)
-               ? last_
-               : nullptr;
+    return last_ && tagOf(last_) != shm::tagEmpty && hasKey(last_, key) ? last_ : nullptr;
   }
   uint8_t* slotAt(size_t i) const {
     return base_ + sizeof(Header) + (i & (shape_.slotCount - 1)) * shape_.slotLen;
@@ -182,11 +183,16 @@ struct DeletionCount : OddCount {
 };
 
 void storeOctets(uint8_t* to, SharedTable::Octets octets) {
-  for (size_t i = 0; i < octets.size(); i += 8) {
-    uint64_t w = 0;
-    std::memcpy(&w, octets.data() + i, std::min<size_t>(8, octets.size() - i));
+  uint64_t w = 0;
+  size_t i = 0;
+  for (; i + sizeof w <= octets.size(); i += sizeof w) {
+    std::memcpy(&w, octets.data() + i, sizeof w);
     wordIs(to + i, w);
   }
+  if (i == octets.size()) return;
+  w = 0;
+  std::memcpy(&w, octets.data() + i, octets.size() - i);
+  wordIs(to + i, w);
 }
 
 ShmTable::ShmTable(const std::string& name, const shm::Shape& shape)
@@ -267,7 +273,7 @@ ShmTable::Place ShmTable::find(Octets key, uint64_t tag) const {
     uint8_t* slot = slotAt(i);
     const uint64_t t = tagOf(slot);
     if (t == shm::tagEmpty) return {slot, false};
-    if (t == tag && std::ranges::equal(keyOf(slot), key)) return {slot, true};
+    if (t == tag && hasKey(slot, key)) return {slot, true};
   }
 }
 
@@ -302,7 +308,7 @@ bool ShmTable::get(Octets key, std::span<std::byte> value) const {
     if (!found) return false;
     known = last_ = slot;
   }
-  std::ranges::copy(valueOf(known), value.begin());
+  std::memcpy(value.data(), valueOf(known).data(), value.size());
   return true;
 }
 
