@@ -338,7 +338,7 @@ ReloadOutcome Agent::reload() {
 
 ControlView Agent::controlView() const {
   ControlView view;
-  view.settings = [this]() -> const Settings& { return entities_->settings(); };
+  view.settings = [this]() -> const Settings& { return entities_->placedSettings(); };
   view.tree = [this](FlowTracking::FlowTrackingType type) {
     const auto roots = roots_.find(type);
     const auto tree = entities_->trees().find(type);

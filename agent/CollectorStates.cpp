@@ -139,6 +139,9 @@ CollectorState CollectorStates::find(const CollectorName& name) const {
   if (collector == exporter->second.collectors.end()) return {};
   const ExporterSettings& e = exporter->second;
   const bool ipv6 = collector->second.address.isIpv6();
+  if (collector->second.address.family() == IpGenAddr::Family::none)
+    return {Status::waitingForAddress,
+            "its host " + collector->second.host + " has no address to use yet", 0};
   const LibraryTree tree = view_.tree(tracker->second.type);
   const auto ftConfig = tree.config ? tree.config->ftConfig(name.tracker) : nullptr;
   const auto config = ftConfig ? ftConfig->expConfig(name.exporter) : nullptr;

@@ -174,6 +174,7 @@ Json ControlRequests::collector(const LibraryTree& tree, const CollectorName& na
               {"domain", t.id},
               {"exporter", name.exporter},
               {"collector", name.collector},
+              {"host", c.host.empty() ? Json(nullptr) : Json(c.host)},
               {"address", c.address.stringValue()},
               {"port", c.port},
               {"vrf", e.vrf.stringValue()},

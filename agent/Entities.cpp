@@ -228,7 +228,9 @@ void Entities::place(const std::string& trackerName, const std::string& name,
   }
 }
 
-Changes Entities::applyPlaced(const Settings& settings) {
+Changes Entities::applyPlaced(Settings wantedSettings) {
+  placed_ = std::move(wantedSettings);
+  const Settings& settings = placed_;
   Changes changes;
   for (auto it = trackers_.begin(); it != trackers_.end();) {
     auto wanted = settings.trackers.find(it->first);

@@ -67,6 +67,8 @@ class Entities {
   size_t readyExporters() const { return ready_; }
   /// Tracker, exporter and collector names with their settings, for comparison.
   const Settings& settings() const { return settings_; }
+  /// The same with the address that each collector with a host has now, if it has one.
+  const Settings& placedSettings() const { return placed_; }
 
  private:
   class Sources;
@@ -75,7 +77,7 @@ class Entities {
   using FlowTrackingType = FlowTracking::FlowTrackingType;
 
   Tree& tree(FlowTrackingType type);
-  Changes applyPlaced(const Settings& settings);
+  Changes applyPlaced(Settings settings);
   Settings placed(const Settings& settings);
   void place(const std::string& tracker, const std::string& exporter, ExporterSettings& settings,
              std::map<std::string, std::string>& told);
@@ -96,6 +98,7 @@ class Entities {
   std::function<void()> readiness_;
   Hosts hosts_;
   Settings settings_;                             // as given: without the hosts' addresses
+  Settings placed_;                               // with them
   std::map<std::string, std::string> toldPlace_;  // by collector, what the log said last
   std::map<FlowTrackingType, Tree> trees_;
   std::map<std::string, std::unique_ptr<Tracker>> trackers_;

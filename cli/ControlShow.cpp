@@ -144,7 +144,8 @@ std::string collectorsText(const Json& collectors, double now, const Style& styl
   Table table({false, false, false, false, false, true});
   table.add({"tracker", "exporter", "collector", "address", "state", "since", "detail"});
   for (const Json& c : collectors) {
-    const auto address = c.at("address").get<std::string>();
+    auto address = c.at("address").get<std::string>();
+    if (address.empty()) address = c.value("host", "");
     const bool ipv6 = address.find(':') != std::string::npos;
     table.add({cell(c.at("tracker")), cell(c.at("exporter")), cell(c.at("collector")),
                fmt::format("{}{}{}:{}", ipv6 ? "[" : "", address, ipv6 ? "]" : "",

@@ -1,11 +1,12 @@
 """A reload changes what changed in the file and nothing else."""
 
+import json
 import re
 
 import pytest
 
 from lab import SLOW, run, wait_for
-from tarnflow import Agent, collectors, config, counters, exporter
+from tarnflow import TOOL, Agent, collectors, config, counters, exporter
 from wire import TEMPLATES, Capture, tshark
 
 HERE4, HERE6 = "10.97.0.1", "fd97::1"
@@ -140,8 +141,6 @@ def test_a_file_with_an_error_changes_nothing(lab, far):
     assert agent.stop() == 0
 
 
-
-
 @pytest.fixture
 def names(tmp_path):
     """Sets the machine's host names, by a file in this private world."""
@@ -166,9 +165,16 @@ def test_a_collector_by_the_name_of_its_host(lab, far, names):
         "[agent]", '[agent]\nresolve-interval = "1s"')
     agent = Agent(lab, text)
     agent.program.wait_log("host coll cannot be looked up: .*; its collectors wait")
+
+    def state():
+        shown = run(TOOL, "show", "collectors", "--json", check=False)
+        return {c["collector"]: (c["host"], c["address"], c["state"])
+                for c in json.loads(shown)["collectors"]}
+    assert state()["a"] == ("coll", "", "waiting for address")
     capture.wait(4, dst="10.97.0.5")
     names("10.97.0.2 coll\n")
     capture.wait(6, dst="10.97.0.2")
+    assert state() == {"a": ("coll", "10.97.0.2", "sending"), "b": (None, "10.97.0.5", "sending")}
     names("fd97::2 coll\n10.97.0.3 coll\n")
     first = capture.wait_until("a message to another address", lambda messages: [
         m for m in messages if m.dst in ("fd97::2", "10.97.0.3")])
