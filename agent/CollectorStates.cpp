@@ -40,8 +40,8 @@ std::string_view statusText(Status status) {
   return "";
 }
 
-CollectorStates::CollectorStates(ControlView view, Ptr<TaskScheduler> scheduler, const Clock& clock,
-                                 AgentLog& log)
+CollectorStates::CollectorStates(ControlView view, const Ptr<TaskScheduler>& scheduler,
+                                 const Clock& clock, AgentLog& log)
     : view_(std::move(view)),
       clock_(clock),
       log_(log),

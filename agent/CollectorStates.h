@@ -43,7 +43,7 @@ std::string_view statusText(CollectorState::Status status);
 class CollectorStates {
  public:
   /// The operator is told when a collector comes to be refused, and when it is no longer.
-  CollectorStates(ControlView view, Ptr<TaskScheduler> scheduler, const Clock& clock,
+  CollectorStates(ControlView view, const Ptr<TaskScheduler>& scheduler, const Clock& clock,
                   AgentLog& log);
 
   /// As it is at this moment, with the time at which it was first seen so.

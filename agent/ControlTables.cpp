@@ -145,6 +145,7 @@ Json fieldJson(const ControlView& view, const FtTemplateEntry& e, bool scope) {
 
 std::vector<std::string_view> ControlTables::names() {
   std::vector<std::string_view> all;
+  all.reserve(std::size(kinds));
   for (const TableKind& k : kinds) all.push_back(k.name);
   return all;
 }

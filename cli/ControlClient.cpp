@@ -77,8 +77,7 @@ ControlClient::Json ControlClient::ask(const Json& request) {
                                 n < 0 ? ": " + errorText(errno) : " before it answered"));
     in_.append(piece.data(), static_cast<size_t>(n));
   }
-  const Json answer =
-      Json::parse(in_.begin(), in_.begin() + static_cast<ptrdiff_t>(end), nullptr, false);
+  Json answer = Json::parse(in_.begin(), in_.begin() + static_cast<ptrdiff_t>(end), nullptr, false);
   in_.erase(0, end + 1);
   if (!answer.is_object() || !answer.contains("ok") || !answer["ok"].is_boolean())
     throw NoAgent(fmt::format("what answers at {} is no tarnflowd", path_));
