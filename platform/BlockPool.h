@@ -25,7 +25,7 @@ class BlockPool {
     --count_;
     return block;
   }
-  void give(void* p, size_t size) {
+  void give(void* p, [[maybe_unused]] size_t size) {
 #ifndef TARN_NO_POOLS
     if (size >= sizeof(Block) && count_ < most && (size == size_ || !free_)) {
       size_ = size;
