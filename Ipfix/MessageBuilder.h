@@ -23,8 +23,11 @@ class TARN_API HeaderView {
     p[1] = static_cast<uint8_t>(v);
   }
   void u32Is(uint32_t at, uint32_t v) {
-    u16Is(at, static_cast<uint16_t>(v >> 16));
-    u16Is(at + 2, static_cast<uint16_t>(v));
+    uint8_t* p = pkt_->at(offset_ + at, 4);
+    p[0] = static_cast<uint8_t>(v >> 24);
+    p[1] = static_cast<uint8_t>(v >> 16);
+    p[2] = static_cast<uint8_t>(v >> 8);
+    p[3] = static_cast<uint8_t>(v);
   }
 
  private:

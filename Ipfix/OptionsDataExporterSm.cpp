@@ -15,11 +15,20 @@ constexpr uint32_t defaultActiveInterval = 300000;  // ms
 // How full tables are handed to the endpoints: messages per collector and turn, what may wait in an
 // endpoint before it has to send some, how soon to look again, and what one run of the task hands
 // over where nothing waits.
-constexpr size_t turn = 32;
+constexpr size_t turn = 64;
 constexpr uint64_t backlogMax = 256;
 constexpr Seconds backlogPoll{0.001};
 constexpr size_t handedOverMax = 4096;
 constexpr size_t changedMax = 100000;  // while full tables are on their way
+
+/// Tables are larger than caches, and each message is three steps away from here: they are taken
+/// while the messages before are sent.
+void prefetchAhead(std::span<const Ptr<MessageWrapper>> messages, size_t at) {
+  if (at + 6 >= messages.size()) return;
+  __builtin_prefetch(messages[at + 6].get());
+  __builtin_prefetch(messages[at + 4]->message.get());
+  __builtin_prefetch(messages[at + 2]->message->pktHolder_p().get(), 1);
+}
 
 std::string destination(const Collector& c) {
   return c.isIpv4() ? c.dst4().stringValue() : c.dst6().stringValue();
@@ -46,7 +55,9 @@ void Collector::sendMessage(const ExporterInfo& expInfo,
                             const HwFlowTracking::ExporterConfig& hwExpConfig,
                             const Ptr<MessageWrapper>& msgWrap) {
   transmit(expInfo, hwExpConfig, *msgWrap);
-  updateStats({&msgWrap, 1});
+  SentMessages sent;
+  sent.add(*msgWrap);
+  updateStats(sent);
 }
 void Collector::transmit(const ExporterInfo& expInfo,
                          const HwFlowTracking::ExporterConfig& hwExpConfig,
@@ -69,21 +80,19 @@ void Collector::transmit(const ExporterInfo& expInfo,
     sendPkt6(packet, _pam, src, dst6_, dscp);
   }
 }
-void Collector::updateStats(std::span<const Ptr<MessageWrapper>> sent) {
+void Collector::updateStats(const SentMessages& sent) {
   if (!active()) return;  // who heard of the sending took it away, and its entry
   const auto collector = isIpv4() ? Tarn::Ipfix::CollectorInfo::fromIpAndPort(dst4_)
                                   : Tarn::Ipfix::CollectorInfo::fromIp6AndPort(dst6_);
   const CollectorStatisticsKey key(exporterSm_->ftName(), exporterSm_->expName(), collector);
   const auto& collStats = exporterSm_->collStats();
   auto entry = collStats->stats(key).value_or(CollectorStatisticsEntry(key));
-  for (const auto& msgWrap : sent) {
-    entry.exportedMessageTotalCountInc(1);
-    entry.exportedFlowRecordTotalCountInc(msgWrap->message->recordCount());
-    entry.exportedOctetTotalCountInc(msgWrap->message->len());
-    msgWrap->setRecord.each([&](const SetRecord& record) {
-      entry.setEntryInc(Tarn::Ipfix::SetId(record.setId), record.count, 0);
-    });
-  }
+  entry.exportedMessageTotalCountInc(sent.messages);
+  entry.exportedFlowRecordTotalCountInc(sent.records);
+  entry.exportedOctetTotalCountInc(sent.octets);
+  sent.sets.each([&](const SetRecord& record) {
+    entry.setEntryInc(Tarn::Ipfix::SetId(record.setId), record.count, 0);
+  });
   const double now = Platform::current().clock().now();
   entry.lastSentTimeIs(now);
   entry.lastOptionsDataSentTimeIs(now);
@@ -436,13 +445,17 @@ void OptionsDataExporterSm::continueTransmissions() {
       }
       const std::span messages(t.tables->messages);
       const auto piece = messages.subspan(t.next, std::min(messages.size() - t.next, turn));
-      size_t sent = 0;
-      while (sent < piece.size() && reachable_p(*t.collector))
-        t.collector->transmit(*expInfo_, *hwExpConfig_, *piece[sent++]);
-      if (sent > 0) t.collector->updateStats(piece.first(sent));
-      handedOver += sent;
+      SentMessages sent;
+      while (sent.messages < piece.size() && reachable_p(*t.collector)) {
+        prefetchAhead(messages, t.next + sent.messages);
+        MessageWrapper& next = *piece[sent.messages];
+        t.collector->transmit(*expInfo_, *hwExpConfig_, next);
+        sent.add(next);
+      }
+      if (sent.messages > 0) t.collector->updateStats(sent);
+      handedOver += sent.messages;
       // Who cannot be reached gets all of it when it can.
-      t.next = sent < piece.size() ? messages.size() : t.next + sent;
+      t.next = sent.messages < piece.size() ? messages.size() : t.next + sent.messages;
     }
     std::erase_if(transmission_, [](const Transmission& t) {
       return t.next == t.tables->messages.size() || !t.collector->active();

@@ -57,6 +57,21 @@ class TARN_API MessageWrapper final : public Counted<MessageWrapper> {
   SetRecords setRecord;
 };
 
+/// What a collector was sent at one go.
+struct TARN_API SentMessages {
+  uint64_t messages = 0;
+  uint64_t records = 0;
+  uint64_t octets = 0;
+  SetRecords sets;
+
+  void add(const MessageWrapper& m) {
+    ++messages;
+    records += m.message->recordCount();
+    octets += m.message->len();
+    m.setRecord.each([this](const SetRecord& r) { sets[r.setId].countInc(r.count); });
+  }
+};
+
 /// The full tables as finished messages, and what they were made of.
 struct TARN_API BuiltTables {
   struct Made {
@@ -143,7 +158,7 @@ class TARN_API Collector final : public Counted<Collector> {
   /// Without counting: the caller does, for many.
   void transmit(const ExporterInfo& expInfo, const HwFlowTracking::ExporterConfig& hwExpConfig,
                 MessageWrapper& msgWrap);
-  void updateStats(std::span<const Ptr<MessageWrapper>> sent);
+  void updateStats(const SentMessages& sent);
 
  private:
   std::string name_;

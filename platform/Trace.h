@@ -36,12 +36,15 @@ TARN_API std::ostream& operator<<(std::ostream& out, const HexDump& dump);
 
 /// Writes one line made of its arguments; they are only formatted when the level is enabled.
 template <class... A>
-void trace(int level, const A&... parts) {
+inline void trace(int level, const A&... parts) {
   TraceSink& sink = traceSink();
   if (!sink.enabled(level)) return;
-  std::ostringstream out;
-  (out << ... << parts);
-  sink.line(level, out.view());
+  [&]() __attribute__((noinline, cold)) {
+    std::ostringstream out;
+    (out << ... << parts);
+    sink.line(level, out.view());
+  }
+  ();
 }
 
 }  // namespace platform

@@ -14,6 +14,8 @@ class RealtimeClock final : public Clock {
     ::clock_gettime(CLOCK_REALTIME, &t);
     return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
   }
+  /// As of the kernel's last tick, for a tenth of what reading the hardware's clock takes.
+  uint32_t nowU32() const override { return static_cast<uint32_t>(::time(nullptr)); }
 };
 
 class LinuxPlatform final : public Platform {

@@ -13,14 +13,15 @@ class Ring {
   T& operator[](size_t i) { return place_[(first_ + i) & (capacity_ - 1)]; }
   const T& operator[](size_t i) const { return place_[(first_ + i) & (capacity_ - 1)]; }
   T& front() { return (*this)[0]; }
-  void push_back(T value) {
+  /// A place at the end, as `T()` makes it.
+  T& emplace_back() {
     if (size_ == capacity_) grow();
-    (*this)[size_++] = std::move(value);
+    return (*this)[size_++];
   }
-  void pop_front() {
-    front() = T();
-    ++first_;
-    --size_;
+  void pop_front(size_t n = 1) {
+    for (size_t i = 0; i < n; ++i) (*this)[i] = T();
+    first_ += n;
+    size_ -= n;
   }
 
  private:

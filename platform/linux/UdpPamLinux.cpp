@@ -53,19 +53,32 @@ struct Destination {
   }
 };
 
+/// Where datagrams go, and how.
+struct Way {
+  IpGenAddr src;
+  Destination dst;
+  uint8_t tos = 0;
+};
+
 struct Datagram {
   Ptr<Pkt> pkt;
   uint32_t len = 0;
-  uint8_t tos = 0;
+  uint32_t way = 0;  // number of its way, modulo 2^32: neighbours of one number go the same way
   std::array<uint8_t, UdpPam::restampLen> head{};
-  IpGenAddr src;
-  Destination dst;
+
+  uint32_t headLen() const { return std::min(len, UdpPam::restampLen); }
+  /// Whether its packet still has the beginning that this datagram took over.
+  bool whole() const {
+    if (len >= UdpPam::restampLen) return memcmp(pkt->data(), head.data(), head.size()) == 0;
+    return memcmp(pkt->data(), head.data(), len) == 0;
+  }
 };
 
 /// What sendmmsg is told of one send: a datagram, or a run of them that the kernel, or the device,
 /// cuts into segments of the first one's length.
 struct TxSlot {
-  void address(const Datagram& d, size_t segments, msghdr& hdr);
+  /// Of `segments` datagrams, the first of which has `len` octets.
+  void address(const Way& way, size_t segments, uint32_t len, msghdr& hdr);
 
   union {
     sockaddr_in v4;
@@ -99,36 +112,36 @@ in6_addr octetsOf(const Ip6Addr& a) {
   return out;
 }
 
-void TxSlot::address(const Datagram& d, size_t runLen, msghdr& hdr) {
+void TxSlot::address(const Way& way, size_t runLen, uint32_t len, msghdr& hdr) {
   memset(&to, 0, sizeof to);
   memset(control.data(), 0, control.size());
   segments = runLen;
   hdr = {};
   hdr.msg_name = &to;
   hdr.msg_control = control.data();
-  if (d.dst.addr.isIpv6()) {
+  if (way.dst.addr.isIpv6()) {
     to.v6.sin6_family = AF_INET6;
-    to.v6.sin6_port = htons(d.dst.port);
-    to.v6.sin6_addr = octetsOf(d.dst.addr.ip6Addr());
+    to.v6.sin6_port = htons(way.dst.port);
+    to.v6.sin6_addr = octetsOf(way.dst.addr.ip6Addr());
     hdr.msg_namelen = sizeof to.v6;
-    if (!d.src.ip6Addr().isZero()) {
+    if (!way.src.ip6Addr().isZero()) {
       in6_pktinfo info{};
-      info.ipi6_addr = octetsOf(d.src.ip6Addr());
+      info.ipi6_addr = octetsOf(way.src.ip6Addr());
       addControl(hdr, IPPROTO_IPV6, IPV6_PKTINFO, info);
     }
-    addControl(hdr, IPPROTO_IPV6, IPV6_TCLASS, static_cast<int>(d.tos));
+    addControl(hdr, IPPROTO_IPV6, IPV6_TCLASS, static_cast<int>(way.tos));
   } else {
     to.v4.sin_family = AF_INET;
-    to.v4.sin_port = htons(d.dst.port);
-    to.v4.sin_addr.s_addr = htonl(d.dst.addr.ipAddr().value());
+    to.v4.sin_port = htons(way.dst.port);
+    to.v4.sin_addr.s_addr = htonl(way.dst.addr.ipAddr().value());
     hdr.msg_namelen = sizeof to.v4;
-    if (!d.src.ipAddr().isZero()) {
+    if (!way.src.ipAddr().isZero()) {
       in_pktinfo info{};
-      info.ipi_spec_dst.s_addr = htonl(d.src.ipAddr().value());
+      info.ipi_spec_dst.s_addr = htonl(way.src.ipAddr().value());
       addControl(hdr, IPPROTO_IP, IP_PKTINFO, info);
     }
   }
-  if (runLen > 1) addControl(hdr, SOL_UDP, UDP_SEGMENT, static_cast<uint16_t>(d.len));
+  if (runLen > 1) addControl(hdr, SOL_UDP, UDP_SEGMENT, static_cast<uint16_t>(len));
 }
 
 /// Where recvmmsg puts datagrams. Pages that no datagram reached cost nothing.
@@ -215,12 +228,12 @@ class UdpPamLinux final : public UdpPam {
   uint16_t rxPort() const override { return socket_ ? boundPort_ : rxPort_; }
   int fd() const override { return socket_.get(); }
 
-  void txSrcIpAddrIs(IpAddr addr) override { src4_ = addr; }
-  void txSrcIp6AddrIs(const Ip6Addr& addr) override { src6_ = addr; }
-  void txDstIpAddrIs(IpAddr addr) override { dst4_ = addr; }
-  void txDstIp6AddrIs(const Ip6Addr& addr) override { dst6_ = addr; }
-  void txPortIs(uint16_t port) override { txPort_ = port; }
-  void txTosIs(uint8_t tos) override { tos_ = tos; }
+  void txSrcIpAddrIs(IpAddr addr) override { addressingIs(src4_, addr); }
+  void txSrcIp6AddrIs(const Ip6Addr& addr) override { addressingIs(src6_, addr); }
+  void txDstIpAddrIs(IpAddr addr) override { addressingIs(dst4_, addr); }
+  void txDstIp6AddrIs(const Ip6Addr& addr) override { addressingIs(dst6_, addr); }
+  void txPortIs(uint16_t port) override { addressingIs(txPort_, port); }
+  void txTosIs(uint8_t tos) override { addressingIs(tos_, tos); }
   void txRateLimitIs(const RateLimit& limit) override;
   void txPktIs(const Ptr<Pkt>& pkt) override;
   void rxPktHandlerIs(RxPktHandler handler) override;
@@ -271,13 +284,21 @@ class UdpPamLinux final : public UdpPam {
     ++counters_.dropped;
     ++counters_.dropByErrno[err];
   }
+  template <class T>
+  void addressingIs(T& attr, const T& value) {
+    if (attr == value) return;
+    attr = value;
+    wayChanged_ = true;
+  }
+  const Way& wayOf(const Datagram& d) const { return ways_[d.way - firstWay_]; }
   const Pace& pace() const { return limit_ ? *limit_ : defaultPace_; }
   size_t runAt(size_t first, size_t most) const;
   size_t fill(TxRoom& room);
   void tosIs(uint8_t tos);
-  void popFront();
-  void taken(const Datagram& d);
-  void refused(const Datagram& d, int err);
+  void popFront(size_t n = 1);
+  void taken(size_t n);
+  void recovered(const Datagram& d);
+  void refused(const Destination& dst, uint32_t len, int err);
 
   const std::string name_;
   const Ptr<EventLoop> loop_;
@@ -314,7 +335,11 @@ class UdpPamLinux final : public UdpPam {
   uint16_t txPort_ = 0;
   uint8_t tos_ = 0;
 
+  bool wayChanged_ = true;  // since the last datagram
+
   Ring<Datagram> queue_;
+  Ring<Way> ways_;                      // of those in the queue, and of the last one
+  uint32_t firstWay_ = 0;               // the number of the first of them
   std::unique_ptr<TimerTask> rest_;     // goes on where a flush stopped at its bound
   std::shared_ptr<UdpPamLinux*> hook_;  // the pending end-of-task hook's way to this
   UdpPamCounters counters_;
@@ -376,6 +401,7 @@ void UdpPamLinux::open() {
   boundPort_ = ntohs(ipv6En_ ? local.v6.sin6_port : local.v4.sin_port);
   socketIpv6_ = ipv6En_;
   socketTos_ = 0;
+  wayChanged_ = true;  // the family may be another
   socket_ = std::move(socket);
   socketRxDrops_ = 0;
   ++opening_;
@@ -424,23 +450,32 @@ void UdpPamLinux::close() {
 
 void UdpPamLinux::txPktIs(const Ptr<Pkt>& pkt) {
   if (!socket_) return countDrop(EBADF);
-  Datagram d{.pkt = pkt,
-             .len = pkt->bytes(),
-             .tos = tos_,
-             .head = {},
-             .src = socketIpv6_ ? IpGenAddr(src6_) : IpGenAddr(src4_),
-             .dst = {socketIpv6_ ? IpGenAddr(dst6_) : IpGenAddr(dst4_), txPort_}};
   // The kernel would take a zero address for this host itself.
-  if (txPort_ == 0 || (socketIpv6_ ? dst6_.isZero() : dst4_.isZero()))
-    return refused(d, EDESTADDRREQ);
+  if (txPort_ == 0 || (socketIpv6_ ? dst6_.isZero() : dst4_.isZero())) {
+    const Destination nowhere{socketIpv6_ ? IpGenAddr(dst6_) : IpGenAddr(dst4_), txPort_};
+    return refused(nowhere, pkt->bytes(), EDESTADDRREQ);
+  }
   if (queue_.size() >= queueMax_) {
     countDrop(ENOBUFS);
     if (overflow_++ == 0)
       traceLine("queue of " + std::to_string(queueMax_) + " datagrams is full: dropping");
     return;
   }
-  std::copy_n(pkt->data(), std::min(d.len, restampLen), d.head.begin());
-  queue_.push_back(std::move(d));
+  if (wayChanged_) {
+    ways_.emplace_back() = {.src = socketIpv6_ ? IpGenAddr(src6_) : IpGenAddr(src4_),
+                            .dst = {socketIpv6_ ? IpGenAddr(dst6_) : IpGenAddr(dst4_), txPort_},
+                            .tos = tos_};
+    wayChanged_ = false;
+  }
+  Datagram& d = queue_.emplace_back();
+  d.pkt = pkt;
+  d.len = pkt->bytes();
+  d.way = firstWay_ + static_cast<uint32_t>(ways_.size() - 1);
+  if (d.len >= restampLen) {
+    memcpy(d.head.data(), pkt->data(), restampLen);
+  } else {
+    memcpy(d.head.data(), pkt->data(), d.len);
+  }
   counters_.queued = queue_.size();
   counters_.queuedMax = std::max(counters_.queuedMax, counters_.queued);
   if (full_) return;
@@ -480,17 +515,15 @@ void UdpPamLinux::flush() {
 bool UdpPamLinux::sendSome() {
   if (full_) return false;
   static thread_local TxRoom room;  // of all endpoints: a thousand of them share a warm one
-  const size_t n = fill(room);
-  if (n == 0) return false;
+  const size_t sends = fill(room);
+  if (sends == 0) return false;
   const int sent =
-      ::sendmmsg(socket_.get(), room.msgs.data(), static_cast<unsigned>(n), MSG_NOSIGNAL);
+      ::sendmmsg(socket_.get(), room.msgs.data(), static_cast<unsigned>(sends), MSG_NOSIGNAL);
   if (sent > 0) {
     counters_.sends += static_cast<uint64_t>(sent);
-    for (int i = 0; i < sent; ++i)
-      for (size_t left = room.slots[static_cast<size_t>(i)].segments; left > 0; --left) {
-        taken(queue_.front());
-        popFront();
-      }
+    size_t n = 0;
+    for (int i = 0; i < sent; ++i) n += room.slots[static_cast<size_t>(i)].segments;
+    taken(n);
     return true;
   }
   const int err = errno;
@@ -504,24 +537,26 @@ bool UdpPamLinux::sendSome() {
     // The kernel does not say what it disliked: a device that cannot, a path too narrow, a route
     // that is gone. One by one, each datagram gets its own answer.
     if (unsegmented_.size() >= failingMax) unsegmented_.clear();
-    unsegmented_[queue_.front().dst] = unsegmentedMin;
+    unsegmented_[wayOf(queue_.front()).dst] = unsegmentedMin;
     return true;
   }
-  const Datagram d = std::move(queue_.front());
+  const Destination dst = wayOf(queue_.front()).dst;
+  const uint32_t len = queue_.front().len;
   popFront();
-  refused(d, err);
+  refused(dst, len, err);
   return true;
 }
 
 /// Prepares what may leave now, and says how many sends that is. 0: the task goes on later.
 size_t UdpPamLinux::fill(TxRoom& room) {
-  if (!socketIpv6_) tosIs(queue_.front().tos);
+  if (!socketIpv6_) tosIs(wayOf(queue_.front()).tos);
   const bool paced = pace().perSecond > 0 && !closing_;
   double credit = paced ? pacer_.credit(pace(), Pacer::Clock::now()) : 1;
+  const size_t few = std::min(queue_.size(), batchMax);
   size_t most = 0;
-  for (; most < std::min(queue_.size(), batchMax) && credit > 0; ++most) {
+  for (; most < few && credit > 0; ++most) {
     const Datagram& d = queue_[most];
-    if (!socketIpv6_ && d.tos != socketTos_) break;
+    if (!socketIpv6_ && d.way != firstWay_ && wayOf(d).tos != socketTos_) break;
     if (paced) credit -= pace().octets ? d.len : 1;
   }
   if (most == 0) {
@@ -533,12 +568,16 @@ size_t UdpPamLinux::fill(TxRoom& room) {
   for (size_t at = 0; at < most; ++slots) {
     const size_t end = at + runAt(at, most);
     msghdr& hdr = room.msgs[slots].msg_hdr;
-    room.slots[slots].address(queue_[at], end - at, hdr);
+    room.slots[slots].address(wayOf(queue_[at]), end - at, queue_[at].len, hdr);
     hdr.msg_iov = iov;
     for (; at < end; ++at) {
       const Datagram& d = queue_[at];
       TARN_ASSERT_AS(d.pkt->bytes() >= d.len, "a packet under transmission keeps its length");
-      const uint32_t headLen = std::min(d.len, restampLen);
+      if (d.whole()) {  // one piece costs the kernel a tenth less than two
+        *iov++ = {const_cast<uint8_t*>(d.pkt->data()), d.len};
+        continue;
+      }
+      const uint32_t headLen = d.headLen();
       *iov++ = {const_cast<uint8_t*>(d.head.data()), headLen};
       if (d.len > headLen)
         *iov++ = {const_cast<uint8_t*>(d.pkt->data()) + headLen, d.len - headLen};
@@ -552,14 +591,12 @@ size_t UdpPamLinux::fill(TxRoom& room) {
 /// to the same place and of one length, but for the last, which may be shorter.
 size_t UdpPamLinux::runAt(size_t first, size_t most) const {
   const Datagram& d = queue_[first];
-  if (d.len == 0 || (!unsegmented_.empty() && unsegmented_.contains(d.dst))) return 1;
+  if (d.len == 0 || (!unsegmented_.empty() && unsegmented_.contains(wayOf(d).dst))) return 1;
   const size_t fit = std::min({most - first, segmentsMax_, segmentedLenMax / d.len});
   size_t n = 1;
   for (; n < fit; ++n) {
     const Datagram& next = queue_[first + n];
-    if (next.len > d.len || next.len == 0 || next.tos != d.tos || next.dst != d.dst ||
-        next.src != d.src)
-      break;
+    if (next.len > d.len || next.len == 0 || next.way != d.way) break;
     if (next.len < d.len) return n + 1;
   }
   return n;
@@ -577,24 +614,36 @@ void UdpPamLinux::tosIs(uint8_t tos) {
   socketTos_ = tos;
 }
 
-void UdpPamLinux::popFront() {
-  queue_.pop_front();
+void UdpPamLinux::popFront(size_t n) {
+  queue_.pop_front(n);
   counters_.queued = queue_.size();
+  for (; ways_.size() > 1 && (queue_.empty() || queue_.front().way != firstWay_); ++firstWay_)
+    ways_.pop_front();
   if (queue_.empty() && overflow_ > 0) {
     traceLine("queue is empty again after " + std::to_string(overflow_) + " drops");
     overflow_ = 0;
   }
 }
 
-void UdpPamLinux::taken(const Datagram& d) {
-  ++counters_.sent;
-  counters_.sentOctets += d.len;
-  pacer_.spend(pace().octets ? d.len : 1);
-  if (!unsegmented_.empty())
-    if (const auto it = unsegmented_.find(d.dst); it != unsegmented_.end() && --it->second == 0)
-      unsegmented_.erase(it);
-  if (failing_.empty()) return;
-  auto to = failing_.find(d.dst);
+/// The kernel has the first `n` of the queue.
+void UdpPamLinux::taken(size_t n) {
+  uint64_t octets = 0;
+  for (size_t i = 0; i < n; ++i) {
+    const Datagram& d = queue_[i];
+    octets += d.len;
+    if (!unsegmented_.empty() || !failing_.empty()) recovered(d);
+  }
+  popFront(n);
+  counters_.sent += n;
+  counters_.sentOctets += octets;
+  pacer_.spend(static_cast<double>(pace().octets ? octets : n));
+}
+/// What went wrong on the way of `d`, which got through, may be over.
+void UdpPamLinux::recovered(const Datagram& d) {
+  const Destination& dst = wayOf(d).dst;
+  if (const auto it = unsegmented_.find(dst); it != unsegmented_.end() && --it->second == 0)
+    unsegmented_.erase(it);
+  auto to = failing_.find(dst);
   if (to == failing_.end()) return;
   for (auto it = to->second.begin(); it != to->second.end();) {
     const auto& [err, failure] = *it;
@@ -603,21 +652,21 @@ void UdpPamLinux::taken(const Datagram& d) {
       continue;
     }
     traceLine("sends again after " + std::to_string(failure.count) +
-              " failures: " + errnoText(err) + ", to " + d.dst.stringValue());
+              " failures: " + errnoText(err) + ", to " + dst.stringValue());
     it = to->second.erase(it);
   }
   if (to->second.empty()) failing_.erase(to);
 }
 
-void UdpPamLinux::refused(const Datagram& d, int err) {
+void UdpPamLinux::refused(const Destination& dst, uint32_t len, int err) {
   countDrop(err);
-  if (failing_.size() >= failingMax && !failing_.contains(d.dst)) failing_.erase(failing_.begin());
-  auto [it, first] = failing_[d.dst].try_emplace(err);
+  if (failing_.size() >= failingMax && !failing_.contains(dst)) failing_.erase(failing_.begin());
+  auto [it, first] = failing_[dst].try_emplace(err);
   Failure& failure = it->second;
   // Small datagrams passing between large ones that do not are no recovery.
-  if (err == EMSGSIZE) failure.minLen = first ? d.len : std::min(failure.minLen, d.len);
+  if (err == EMSGSIZE) failure.minLen = first ? len : std::min(failure.minLen, len);
   ++failure.count;
-  if (first) traceLine("sending fails: " + errnoText(err) + ", to " + d.dst.stringValue());
+  if (first) traceLine("sending fails: " + errnoText(err) + ", to " + dst.stringValue());
 }
 
 void UdpPamLinux::rxPktHandlerIs(RxPktHandler handler) {
