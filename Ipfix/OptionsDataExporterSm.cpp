@@ -377,12 +377,15 @@ bool OptionsDataExporterSm::reachable_p(const Collector& collector) const {
   return collector.active() && familyReady_p(collector);
 }
 void OptionsDataExporterSm::sendMessageToCollectors(const Ptr<MessageWrapper>& msgWrap) {
-  std::vector<Ptr<Collector>> to;
+  static thread_local std::vector<Ptr<Collector>> spare;  // its room: a change goes to few
+  std::vector<Ptr<Collector>> to = std::exchange(spare, {});
   to.reserve(collector4_.size() + collector6_.size());
   for (const auto* family : {&collector4_, &collector6_})
     for (const auto& [name, collector] : *family) to.push_back(collector);
   for (const auto& collector : to)
     if (reachable_p(*collector)) collector->sendMessage(*expInfo_, *hwExpConfig_, msgWrap);
+  to.clear();
+  spare = std::move(to);
 }
 
 void OptionsDataExporterSm::maybeBeginPeriodicTransmission() {

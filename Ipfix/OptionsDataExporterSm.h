@@ -1,5 +1,4 @@
 #pragma once
-#include <deque>
 #include <map>
 #include <memory>
 #include <set>
@@ -12,6 +11,7 @@
 #include "Ipfix/MessageBuilder.h"
 #include "Ipfix/OptionsDataExporter.h"
 #include "platform/HwFlowTracking.h"
+#include "platform/Ring.h"
 #include "platform/TaskScheduler.h"
 
 namespace FlowTracking {
@@ -122,14 +122,14 @@ class TARN_API BuilderWrapper final {
 /// Pending incremental records of one template, first in, first out.
 class TARN_API UpdateSetQueue {
  public:
-  void recordEnq(Ptr<const DataRecord> record) { record_.push_back(std::move(record)); }
-  const Ptr<const DataRecord>& head() const { return record_.front(); }
+  void recordEnq(Ptr<const DataRecord> record) { record_.emplace_back() = std::move(record); }
+  const Ptr<const DataRecord>& head() const { return record_[0]; }
   void recordDel() { record_.pop_front(); }
-  void recordDelAll() { record_.clear(); }
+  void recordDelAll() { record_.pop_front(record_.size()); }
   bool empty() const { return record_.empty(); }
 
  private:
-  std::deque<Ptr<const DataRecord>> record_;
+  Ring<Ptr<const DataRecord>> record_;
 };
 
 /// An options data exporter's handle on one destination: numbers, stamps, sends and counts.

@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <cmath>
+#include <utility>
 
 #include "platform/Assert.h"
 #include "platform/TimerQueue.h"
@@ -81,6 +82,7 @@ class EpollLoop final : public EventLoop, private TimerQueue::Host {
   const Ptr<TimerQueue> tasks_;
   Time armed_{0};  // what the timer is set to; 0: not set
   std::vector<std::function<void()>> hooks_;
+  std::vector<std::function<void()>> spareHooks_;  // empty; its room is for the next ones
   bool inRound_ = false;
   bool stopped_ = false;
 
@@ -188,8 +190,8 @@ void EpollLoop::runOnce(Seconds maxWait) {
   }
 
   // What does not fit into the round's share is first in the next one.
-  while (now() - began < share) {
-    bodyStart_ = lastPoll_ = now();
+  for (Time t = now(); t - began < share; t = now()) {
+    bodyStart_ = lastPoll_ = t;
     if (!tasks_->runNext()) break;
     runHooks();
   }
@@ -199,9 +201,10 @@ void EpollLoop::runOnce(Seconds maxWait) {
 void EpollLoop::runHooks() {
   if (hooks_.empty()) return;
   // A hook asked for by a hook waits for the next end, or the next round: no endless loop here.
-  std::vector<std::function<void()>> hooks;
-  hooks.swap(hooks_);
+  std::vector<std::function<void()>> hooks = std::exchange(hooks_, std::move(spareHooks_));
   for (auto& hook : hooks) [&]() noexcept { hook(); }();
+  hooks.clear();
+  spareHooks_ = std::move(hooks);
 }
 
 void EpollLoop::armTimer(Time due) {

@@ -17,10 +17,10 @@
 #include <optional>
 
 #include "platform/Assert.h"
+#include "platform/Ring.h"
 #include "platform/linux/Fd.h"
 #include "platform/linux/Netns.h"
 #include "platform/linux/Pacer.h"
-#include "platform/linux/Ring.h"
 
 namespace platform {
 namespace {
@@ -205,7 +205,7 @@ class UdpPamLinux final : public UdpPam {
         rest_(loop_->taskScheduler()->timerTask(name + "-tx", taskPriority, [this] { flush(); })) {}
   ~UdpPamLinux() override {
     close();
-    if (hook_) *hook_ = nullptr;
+    *self_ = nullptr;
   }
 
   const std::string& name() const override { return name_; }
@@ -338,10 +338,12 @@ class UdpPamLinux final : public UdpPam {
   bool wayChanged_ = true;  // since the last datagram
 
   Ring<Datagram> queue_;
-  Ring<Way> ways_;                      // of those in the queue, and of the last one
-  uint32_t firstWay_ = 0;               // the number of the first of them
-  std::unique_ptr<TimerTask> rest_;     // goes on where a flush stopped at its bound
-  std::shared_ptr<UdpPamLinux*> hook_;  // the pending end-of-task hook's way to this
+  Ring<Way> ways_;                   // of those in the queue, and of the last one
+  uint32_t firstWay_ = 0;            // the number of the first of them
+  std::unique_ptr<TimerTask> rest_;  // goes on where a flush stopped at its bound
+  // The end-of-task hook's way to this, and whether it is asked for.
+  const std::shared_ptr<UdpPamLinux*> self_ = std::make_shared<UdpPamLinux*>(this);
+  bool hooked_ = false;
   UdpPamCounters counters_;
   std::map<Destination, std::map<int, Failure>> failing_;
   uint64_t overflow_ = 0;  // dropped since the queue was last empty
@@ -491,13 +493,12 @@ void UdpPamLinux::txRateLimitIs(const RateLimit& limit) {
 }
 
 void UdpPamLinux::flushAtEndOfTask() {
-  if (hook_ || full_) return;
-  hook_ = std::make_shared<UdpPamLinux*>(this);
-  loop_->atEndOfTask([hook = hook_] {
-    if (UdpPamLinux* self = *hook) {
-      self->hook_ = nullptr;
-      self->flush();
-    }
+  if (hooked_ || full_) return;
+  hooked_ = true;
+  loop_->atEndOfTask([self = self_] {
+    if (!*self) return;
+    (*self)->hooked_ = false;
+    (*self)->flush();
   });
 }
 
