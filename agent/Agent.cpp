@@ -20,6 +20,8 @@ constexpr int settlePolls = 200;  // 2 s: a namespace that does not answer delay
 constexpr Seconds statusDelay{0.2};
 constexpr Seconds heldDelay{10};  // what the log holds back is told so much later
 constexpr Seconds sendErrorsPoll{5};
+constexpr Seconds finishPoll{0.01};
+constexpr std::chrono::seconds finishMax{10};  // a million flows leave in half of it
 constexpr size_t statisticsMin = 1024;
 constexpr size_t flowCountersCapacity = 1024;  // trackers
 
@@ -303,7 +305,10 @@ void Agent::handleSendErrors() {
 
 ReloadOutcome Agent::reload() {
   ReloadOutcome outcome;
-  if (!running_) return outcome;
+  if (!running_ || finishing_) {
+    outcome.summary = "not reloaded: the agent is stopping";
+    return outcome;
+  }
   if (options_.configFile.empty()) {
     outcome.done = true;
     outcome.summary = "nothing to reload: the built-in configuration runs";
@@ -404,8 +409,32 @@ void Agent::Roots::release() {
   info = nullptr;
 }
 
+void Agent::finish() {
+  if (std::exchange(finishing_, true)) {
+    loop_->stop();
+    return;
+  }
+  ServiceManager::stopping();
+  log_.tell(Severity::info, "stopping");
+  for (const auto& [name, path] : flowPaths_) path->endSoon();
+  const auto end = std::chrono::steady_clock::now() + finishMax;
+  finishTask_ = loop_->taskScheduler()->timerTask("agentFinish", afterAll, [this, end] {
+    const bool ended = std::all_of(flowPaths_.begin(), flowPaths_.end(),
+                                   [](const auto& path) { return path.second->ended(); });
+    const bool late = std::chrono::steady_clock::now() >= end;
+    if (late && !ended)
+      log_.warning("flows under way are still being reported: the rest leaves at once");
+    if (late || ended) {
+      loop_->stop();
+    } else {
+      finishTask_->scheduleIs(finishPoll);
+    }
+  });
+  finishTask_->scheduleIs(Seconds(0));
+}
+
 void Agent::stop() {
-  if (running_) {
+  if (running_ && !finishing_) {
     ServiceManager::stopping();
     log_.tell(Severity::info, "stopping");
   }
@@ -413,6 +442,7 @@ void Agent::stop() {
   control_.reset();  // nobody asks from here on
   controlRequests_.reset();
   collectorStates_.reset();
+  finishTask_.reset();
   startedTask_.reset();
   statusTask_.reset();
   watchdogTask_.reset();

@@ -37,7 +37,7 @@ struct AgentOptions {
 ///
 ///   Agent agent(loop, log, options);
 ///   if (!agent.start()) return 1;   // it said why
-///   loop->run();                    // reload() from inside, as often as asked
+///   loop->run();                    // reload() from inside, as often as asked, and finish()
 ///   agent.stop();
 class Agent {
  public:
@@ -51,6 +51,9 @@ class Agent {
   /// Reads the configuration again. A valid one is applied by difference; an invalid one changes
   /// nothing. What happened is in the log and returned.
   ReloadOutcome reload();
+  /// Reports the flows under way at the exporters' pace, for some seconds at most, and stops the
+  /// loop. Asked for again, at once.
+  void finish();
   /// Releases the library's reactors, then what they stood on. Nothing after the first time.
   void stop();
 
@@ -90,6 +93,7 @@ class Agent {
   AgentLog& log_;
   AgentOptions options_;
   bool running_ = false;
+  bool finishing_ = false;
   bool told_ = false;  // the service manager knows that the agent is ready
   bool settled_ = false;
   int startTries_ = 0;
@@ -111,6 +115,7 @@ class Agent {
   Ptr<NetworkList> fileNetworks_;  // what stands for networks where packets come from a file
   size_t filesUnderWay_ = 0;
   bool fileDamaged_ = false;
+  std::unique_ptr<TimerTask> finishTask_;
   std::unique_ptr<TimerTask> startedTask_;
   std::unique_ptr<TimerTask> statusTask_;
   std::unique_ptr<TimerTask> heldTask_;

@@ -61,7 +61,7 @@ int run(const AgentOptions& options, AgentLog& log) {
         if (info.ssi_signo == SIGHUP) {
           agent.reload();
         } else {
-          loop->stop();
+          agent.finish();
         }
       }
     });

@@ -127,6 +127,7 @@ MeterOrders FlowPath::orders(const VrfName& vrf) const {
 }
 
 void FlowPath::review() {
+  if (ending_) return;
   if (file_) {
     for (auto& [vrf, source] : sources_) source.meter->ordersIs(orders(vrf));
     return;
@@ -207,6 +208,22 @@ void FlowPath::release(Source& source) {
   addCounters(meter, ended_);
   if (source.meter.get() == file_) file_ = nullptr;
   source.meter.reset();
+}
+
+void FlowPath::endSoon() {
+  ending_ = true;
+  for (auto& [vrf, source] : sources_)
+    if (source.meter) source.meter->endSoon();
+}
+bool FlowPath::ended() {
+  if (hold_) return true;
+  for (auto& [vrf, source] : sources_) {
+    if (!source.meter || (source.meter->done() && !drain(*source.meter))) continue;
+    drainTask_->scheduleLowestIs(Seconds(0));
+    return false;
+  }
+  export_.flush();
+  return export_.queued() == 0;
 }
 
 // --- Records ---

@@ -44,6 +44,10 @@ class FlowPath {
   void settingsIs(const TrackerSettings& settings);
   /// Reads a file instead of interfaces; `done` is called once when all of it was sent.
   void fileIs(std::unique_ptr<CaptureFile> file, std::function<void()> done);
+  /// No packet is counted from here on; the flows under way are reported at the exporters' pace.
+  void endSoon();
+  /// After `endSoon`, asked again and again: all is sent, or nobody is there to take it.
+  bool ended();
   /// What the path did, in words.
   std::string summary() const;
   /// The file's meter, or null.
@@ -82,6 +86,7 @@ class FlowPath {
   TrackerSettings settings_;
   FlowExport export_;
   bool hold_ = true;
+  bool ending_ = false;
   std::map<VrfName, Source> sources_;
   FlowTracking::FlowPathRecord ended_;  // of meters that are gone
   FileMeter* file_ = nullptr;

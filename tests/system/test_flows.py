@@ -5,18 +5,21 @@ import datetime
 import json
 import pathlib
 import signal
+import socket
 import subprocess
+import threading
 import time
 
 import pytest
 
 import traffic
-from lab import parse_json_lines, run, wait_for
+from lab import inside, parse_json_lines, run, wait_for
 from tarnflow import AGENT, TOOL, Agent, collectors, config, exporter, flows
 from traffic import Key, Sum
 from wire import Capture, no_faults, tshark
 
 FLOWS = 10000
+RECORD_LEN = {256: 63, 257: 91}
 SEND = str(pathlib.Path(traffic.__file__))
 FAR = {"nf4": ("10.99.0.2", 9995), "nf6": ("fd99::2", 9995), "more4": ("10.99.0.3", 9996),
        "more6": ("fd99::3", 9996)}
@@ -54,6 +57,19 @@ def nfcapd(lab, address):
                         directory, "-B", 8 << 20, ns="tt-far")
     program.wait_log("Startup nfcapd")
     return program, directory
+
+
+def records_of(octets):
+    """How many flow records a message has."""
+    assert int.from_bytes(octets[2:4], "big") == len(octets)
+    count, at = 0, 16
+    while at < len(octets):
+        id, length = (int.from_bytes(octets[i:i + 2], "big") for i in (at, at + 2))
+        if id in RECORD_LEN:
+            assert (length - 4) % RECORD_LEN[id] == 0
+            count += (length - 4) // RECORD_LEN[id]
+        at += length
+    return count
 
 
 def stored(directory):
@@ -241,6 +257,35 @@ def test_overload(house):
     wait_for("the next packets are counted",
              lambda: flows()["edge"]["packets"] == edge["packets"] + 1000, 5)
     assert agent.stop() == 0
+
+
+def test_stopping_reports_what_is_under_way(house):
+    """At the pace of the exporter, to a collector whose socket holds a tenth of it."""
+    lab, count = house, 20000
+    with inside("tt-far"):
+        collector = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    collector.bind(FAR["more4"])
+    collector.settimeout(1)
+    heard = []
+    agent = Agent(lab, settings({"one": FAR["more4"]}, **{"inactive-timeout": "60s"}))
+    agent.program.wait_log("tracking flows on in0")
+
+    def hear():
+        while True:
+            try:
+                heard.append(records_of(collector.recv(2000)))
+            except TimeoutError:
+                if not agent.program.running():
+                    return
+    listener = threading.Thread(target=hear)
+    listener.start()
+    run("/usr/bin/python3", SEND, "src0", count, ns="tt-src")
+    wait_for("every flow is seen", lambda: flows()["edge"]["flowsCreated"] == count, 5)
+    before = flows()["edge"]["records"]
+    assert agent.stop() == 0
+    listener.join()
+    assert before < count / 2, "most flows were over: this test tested nothing"
+    assert sum(heard) == count
 
 
 def test_interfaces_and_collectors_come_and_go(house):
