@@ -298,9 +298,13 @@ class Section {
     }
   }
 
-  /// An error about the value of a key that is there.
+  /// An error about the value of a key, or about its default.
   void refuse(std::string_view key, const std::string& expected) {
-    if (const toml::node* node = table_.get(key)) refuse(key, *node, expected);
+    if (const toml::node* node = table_.get(key)) {
+      refuse(key, *node, expected);
+    } else {
+      errors_.atKey(at_, pathOf(key), "missing: " + expected);
+    }
   }
 
  private:
@@ -513,6 +517,7 @@ void readExporters(Section& tracker, TrackerSettings& out) {
 
 void readTrackers(Section& root, Settings& out) {
   Unique<FlowTracking::FtId> taken;
+  Unique<std::tuple<std::string, std::string, uint16_t>> listening;
   root.tables(
       "tracker", "tracker", nameRule("a tracker"), [&](const std::string& name, Section& s) {
         TrackerSettings t;
@@ -538,6 +543,16 @@ void readTrackers(Section& root, Settings& out) {
             "max-flows", t.maxFlows,
             integer<size_t>("a number of flows that have room at a time", 1, maxFlowsMax));
         readExporters(s, t);
+        if (t.type == FlowTrackingType::hardware && t.localPort != 0 && !t.exporters.empty()) {
+          const ExporterSettings& first = t.exporters.begin()->second;
+          const std::string other = listening.take(
+              {first.vrf.stringValue(), first.localInterface, t.localPort}, keyText(name));
+          if (!other.empty())
+            s.refuse("local-port", "devices of tracker " + other + " send to " +
+                                       first.localInterface + ", port " +
+                                       std::to_string(t.localPort) +
+                                       ", as well: each needs a port of its own");
+        }
         out.trackers.emplace(name, std::move(t));
       });
 }

@@ -133,6 +133,12 @@ TEST_P(BadSettings, OneErrorThatNamesPlaceKeyAndValue) {
 const std::string exp = "key 'tracker.edge.exporter.main.";
 const std::string timeForm = R"(, in quotes, like "1500ms", "30s", "5m" or "1h")";
 const Bad badSettings[] = {
+    {"SamePort", "local-port = 2056",
+     "type = \"hardware\"\nlocal-port = 4739\n[tracker.core.exporter.x]\nvrf = \"red\"\n"
+     "local-interface = \"eth0\"",
+     "f:33:14: key 'tracker.core.local-port': 4739 is not allowed: devices of tracker edge send to "
+     "eth0, port "
+     "4739, as well: each needs a port of its own"},
     {"syntax", "id               = 7", "id = = 7",
      "f:9:6: not TOML: Error while parsing value: could not determine value type"},
     {"headerWithoutKey", "[tracker.core]", "[.core]",
@@ -322,7 +328,7 @@ TEST(SettingsFile, EffectiveTextReadsBack) {
       t.sampleRate = 1 + pick(5000);
       t.activeInterval = time();
       t.inactiveTimeout = time();
-      t.localPort = static_cast<uint16_t>(pick(65536));
+      t.localPort = static_cast<uint16_t>(5000 * id + pick(5000));
       t.maxFlows = 1 + pick(1000);
       for (uint32_t n = pick(3); n > 0; --n) {
         ExporterSettings& e = t.exporters[name()];
