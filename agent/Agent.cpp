@@ -352,6 +352,7 @@ ControlView Agent::controlView() const {
     return LibraryTree{tree->second.config, tree->second.status, r.info, r.infoSm,
                        r.templateSm,        r.optionsDataSm};
   };
+  view.hostProblem = [this](const std::string& host) { return resolver_->problem(host); };
   view.elements = ipfixInit_->elementIdCollection();
   view.networks = networks_->list();
   return view;

@@ -139,9 +139,14 @@ CollectorState CollectorStates::find(const CollectorName& name) const {
   if (collector == exporter->second.collectors.end()) return {};
   const ExporterSettings& e = exporter->second;
   const bool ipv6 = collector->second.address.isIpv6();
-  if (collector->second.address.family() == IpGenAddr::Family::none)
+  if (collector->second.address.family() == IpGenAddr::Family::none) {
+    const std::string& host = collector->second.host;
+    const std::string problem = view_.hostProblem(host);
     return {Status::waitingForAddress,
-            "its host " + collector->second.host + " has no address to use yet", 0};
+            problem.empty() ? "its host " + host + " has no address to use yet"
+                            : "its host " + host + " cannot be looked up: " + problem,
+            0};
+  }
   const LibraryTree tree = view_.tree(tracker->second.type);
   const auto ftConfig = tree.config ? tree.config->ftConfig(name.tracker) : nullptr;
   const auto config = ftConfig ? ftConfig->expConfig(name.exporter) : nullptr;

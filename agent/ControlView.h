@@ -24,6 +24,8 @@ struct LibraryTree {
 struct ControlView {
   std::function<const Settings&()> settings;
   std::function<LibraryTree(FlowTracking::FlowTrackingType)> tree;
+  /// Why a host cannot be looked up; empty: it can, or it is not known yet.
+  std::function<std::string(const std::string& host)> hostProblem;
   Ptr<const Ipfix::ElementIdColl> elements;
   Ptr<const NetworkList> networks;
 };

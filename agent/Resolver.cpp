@@ -58,7 +58,11 @@ Resolver::Addresses resolve(const std::string& host, std::string& problem) {
     }
   }
   freeaddrinfo(list);
-  if (!found.empty()) problem.clear();
+  if (!found.empty()) {
+    problem.clear();
+  } else if (problem.empty()) {
+    problem = "it has no IP address";
+  }
   return found;
 }
 }  // namespace
@@ -105,6 +109,11 @@ void Resolver::hostsAre(const std::set<std::string>& hosts, Seconds interval) {
 const Resolver::Addresses* Resolver::addresses(const std::string& host) const {
   const auto it = hosts_.find(host);
   return it == hosts_.end() || it->second.addresses.empty() ? nullptr : &it->second.addresses;
+}
+
+std::string Resolver::problem(const std::string& host) const {
+  const auto it = hosts_.find(host);
+  return it == hosts_.end() ? std::string() : it->second.problem;
 }
 
 void Resolver::lookUpAll() {
@@ -162,10 +171,12 @@ void Resolver::take(Result result) {
   const bool again = std::exchange(host.again, false);
   // The lowest: it may have been asked for meanwhile.
   host.due->scheduleLowestIs(again ? Seconds(0) : failed ? std::min(interval_, retry) : interval_);
-  if (std::exchange(host.failing, failed) != failed) {
+  const bool failing = !host.problem.empty();
+  host.problem = failed ? printable(result.problem) : std::string();
+  if (failing != failed) {
     const std::string name = "host " + printable(result.host);
     if (failed) {
-      log_.warning(name + " cannot be looked up: " + printable(result.problem) +
+      log_.warning(name + " cannot be looked up: " + host.problem +
                    (host.addresses.empty() ? "; its collectors wait" : "; its address stays"));
     } else {
       log_.info(name + " can be looked up again");

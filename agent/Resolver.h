@@ -34,6 +34,8 @@ class Resolver {
   void hostsAre(const std::set<std::string>& hosts, Seconds interval);
   /// Null: not found yet, or not followed. Never empty.
   const Addresses* addresses(const std::string& host) const;
+  /// Why the last lookup failed; empty: it did not, or there was none.
+  std::string problem(const std::string& host) const;
   /// Looks all up now: sending to what is known met errors.
   void lookUpAll();
 
@@ -43,7 +45,7 @@ class Resolver {
  private:
   struct Host {
     Addresses addresses;
-    bool failing = false;
+    std::string problem;  // of the last lookup; empty: it found something
     bool underWay = false;
     bool again = false;  // asked for while one was under way, which may have looked before
     std::unique_ptr<TimerTask> due;

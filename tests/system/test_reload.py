@@ -171,6 +171,7 @@ def test_a_collector_by_the_name_of_its_host(lab, far, names):
         return {c["collector"]: (c["host"], c["address"], c["state"])
                 for c in json.loads(shown)["collectors"]}
     assert state()["a"] == ("coll", "", "waiting for address")
+    assert "its host coll cannot be looked up: " in run(TOOL, "show", "collectors", check=False)
     capture.wait(4, dst="10.97.0.5")
     names("10.97.0.2 coll\n")
     capture.wait(6, dst="10.97.0.2")
