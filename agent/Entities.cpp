@@ -393,7 +393,8 @@ void Entities::addTracker(const std::string& name, const TrackerSettings& wanted
   std::string problem;
   if (wanted.type == FlowTrackingType::software)
     for (const auto& t : flowTemplates(*registry_, problem)) tracker->status->templateStatusIs(t);
-  if (!problem.empty()) log_.error("tracker " + name + ": no flow templates: " + problem);
+  if (!problem.empty())
+    log_.error("tracker " + name + ": no flow templates: " + problem, {.tracker = name});
   addExporters(name, *tracker, wanted, changes);
   Tree& t = tree(wanted.type);
   Tracker& added = *(trackers_[name] = std::move(tracker));

@@ -151,8 +151,9 @@ void FlowPath::reviewNetwork(const VrfName& vrf, Source& source) {
   const MeterOrders wanted = orders(vrf);
   const std::string where =
       "tracker " + printable(tracker_) + ", VRF " + printable(vrf.stringValue()) + ": ";
+  const LogFields fields{.tracker = tracker_, .vrf = vrf.stringValue()};
   if (wanted.interfaces.empty()) {
-    if (source.meter) host_.log.info(where + "no interface to track flows on any more");
+    if (source.meter) host_.log.info(where + "no interface to track flows on any more", fields);
     release(source);
     return;
   }
@@ -167,7 +168,7 @@ void FlowPath::reviewNetwork(const VrfName& vrf, Source& source) {
     source.meter = std::make_unique<CaptureMeter>(settings_.maxFlows, randomSeed(), wanted);
   } catch (const ErrnoException& e) {
     if (source.problem != e.what())
-      host_.log.warning(where + "cannot track flows, trying again: " + e.what());
+      host_.log.warning(where + "cannot track flows, trying again: " + e.what(), fields);
     source.problem = e.what();
     reviewTask_->scheduleLowestIs(Seconds(1.0));
     return;
@@ -183,7 +184,7 @@ void FlowPath::reviewNetwork(const VrfName& vrf, Source& source) {
     names += (names.empty() ? "" : ", ") +
              printable(host_.networks->network(vrf)->links().at(kernel).name);
   }
-  host_.log.info(where + "tracking flows on " + names);
+  host_.log.info(where + "tracking flows on " + names, fields);
 }
 
 void FlowPath::watchQueue(Source& source) {
@@ -327,10 +328,12 @@ void FlowPath::tellFilterErrors() {
   for (auto& [vrf, source] : sources_) {
     const int now = source.meter ? source.meter->counters().filterError : 0;
     if (now != 0 && now != source.filterError)
-      host_.log.warning("tracker " + printable(tracker_) + ", VRF " + printable(vrf.stringValue()) +
-                        ": the kernel refuses the new choice of interfaces and sampling, the one "
-                        "before holds, trying again: " +
-                        std::generic_category().message(now));
+      host_.log.warning(
+          "tracker " + printable(tracker_) + ", VRF " + printable(vrf.stringValue()) +
+              ": the kernel refuses the new choice of interfaces and sampling, the one "
+              "before holds, trying again: " +
+              std::generic_category().message(now),
+          {.tracker = tracker_, .vrf = vrf.stringValue()});
     source.filterError = now;
   }
 }
