@@ -159,22 +159,25 @@ void FlowPath::reviewNetwork(const VrfName& vrf, Source& source) {
   }
   if (source.meter) {
     source.meter->ordersIs(wanted);
-    return;
+  } else {
+    try {
+      const NetnsScope inside(vrf.stringValue() == defaultVrf
+                                  ? std::string()
+                                  : host_.netnsDir + "/ns-" + vrf.stringValue());
+      source.meter = std::make_unique<CaptureMeter>(settings_.maxFlows, randomSeed(), wanted);
+    } catch (const ErrnoException& e) {
+      if (source.problem != e.what())
+        host_.log.warning(where + "cannot track flows, trying again: " + e.what(), fields);
+      source.problem = e.what();
+      reviewTask_->scheduleLowestIs(Seconds(1.0));
+      return;
+    }
+    source.problem.clear();
+    source.tracked.clear();
+    watchQueue(source);
   }
-  try {
-    const NetnsScope inside(vrf.stringValue() == defaultVrf
-                                ? std::string()
-                                : host_.netnsDir + "/ns-" + vrf.stringValue());
-    source.meter = std::make_unique<CaptureMeter>(settings_.maxFlows, randomSeed(), wanted);
-  } catch (const ErrnoException& e) {
-    if (source.problem != e.what())
-      host_.log.warning(where + "cannot track flows, trying again: " + e.what(), fields);
-    source.problem = e.what();
-    reviewTask_->scheduleLowestIs(Seconds(1.0));
-    return;
-  }
-  source.problem.clear();
-  watchQueue(source);
+  if (source.tracked == wanted.interfaces) return;
+  source.tracked = wanted.interfaces;
   std::string names;
   for (const auto& [kernel, exported] : wanted.interfaces) {
     if (names.size() > 200) {

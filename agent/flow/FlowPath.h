@@ -61,8 +61,9 @@ class FlowPath {
     std::unique_ptr<FlowMeter> meter;
     std::unique_ptr<EventLoop::FdWatch> watch;
     std::unique_ptr<Watch> network;
-    std::string problem;  // why there is no meter, as it was told
-    int filterError = 0;  // of the meter, as it was told
+    std::map<uint32_t, uint32_t> tracked;  // the interfaces, as they were told
+    std::string problem;                   // why there is no meter, as it was told
+    int filterError = 0;                   // of the meter, as it was told
   };
   class ListWatch;
 
