@@ -3,6 +3,7 @@
 #include <net/if.h>
 
 #include <array>
+#include <utility>
 #include <vector>
 
 #include "Ipfix/FlowTrackerInfoSm.h"
@@ -14,12 +15,12 @@ class SourceFinder::Place final : public VrfNetwork::Watcher {
  public:
   explicit Place(Ptr<VrfNetwork> network) : Watcher(network), network_(std::move(network)) {}
   const Ptr<VrfNetwork>& network() const { return network_; }
-  void add(const std::string& interface, ExporterSide* side) { sides_.emplace(interface, side); }
+  Sides::iterator add(const std::string& interface, ExporterSide* side) {
+    return sides_.emplace(interface, side);
+  }
   /// True: nobody is left.
-  bool del(const std::string& interface, ExporterSide* side) {
-    auto [it, end] = sides_.equal_range(interface);
-    while (it != end && it->second != side) ++it;
-    if (it != end) sides_.erase(it);
+  bool del(Sides::iterator side) {
+    sides_.erase(side);
     return sides_.empty();
   }
 
@@ -30,7 +31,6 @@ class SourceFinder::Place final : public VrfNetwork::Watcher {
   }
 
  private:
-  using Sides = std::multimap<std::string, ExporterSide*>;
   void resolve(Sides::iterator first, Sides::iterator last) {
     std::vector<ExporterSide*> concerned;  // a copy: what a new address sets off may be a lot
     for (; first != last; ++first) concerned.push_back(first->second);
@@ -44,16 +44,15 @@ class SourceFinder::Place final : public VrfNetwork::Watcher {
 SourceFinder::SourceFinder(NetworkOf networkOf) : networkOf_(std::move(networkOf)) {}
 SourceFinder::~SourceFinder() = default;
 
-Ptr<VrfNetwork> SourceFinder::enter(const VrfName& vrf, const std::string& interface,
-                                    ExporterSide* side) {
+SourceFinder::Entry SourceFinder::enter(const VrfName& vrf, const std::string& interface,
+                                        ExporterSide* side) {
   auto& place = places_[vrf];
   if (!place) place = std::make_unique<Place>(networkOf_(vrf));
-  place->add(interface, side);
-  return place->network();
+  return {place.get(), place->add(interface, side)};
 }
-void SourceFinder::leave(const VrfName& vrf, const std::string& interface, ExporterSide* side) {
-  auto it = places_.find(vrf);
-  if (it != places_.end() && it->second->del(interface, side)) places_.erase(it);
+void SourceFinder::leave(const Entry& entry) {
+  const VrfName vrf = entry.place->network()->vrf();  // the place holds it, and may go
+  if (entry.place->del(entry.side)) places_.erase(vrf);
 }
 
 class ExporterSide::Readiness final : public HwFlowTracking::ExporterConfig::Watcher {
@@ -78,14 +77,15 @@ ExporterSide::ExporterSide(SourceFinder& finder, FlowTracking::FlowTrackingType 
       readiness_(std::make_unique<Readiness>(*this)) {}
 ExporterSide::~ExporterSide() {
   readiness_.reset();
-  if (network_) finder_.leave(network_->vrf(), interface_, this);
+  if (network_) finder_.leave(entry_);
 }
 
 void ExporterSide::placeIs(const VrfName& vrf, const std::string& interface) {
-  const Ptr<VrfNetwork> before = network_;
+  const bool moves{network_};
   // Enter first: the place, and the watch on the network, stays when only the interface changes.
-  network_ = finder_.enter(vrf, interface, this);
-  if (before) finder_.leave(before->vrf(), interface_, this);
+  const SourceFinder::Entry before = std::exchange(entry_, finder_.enter(vrf, interface, this));
+  network_ = entry_.place->network();
+  if (moves) finder_.leave(before);
   interface_ = interface;
   if (config_->vrfName() != vrf) {
     // An endpoint moves to the other VRF; an address that is not valid there goes before.

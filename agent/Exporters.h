@@ -23,9 +23,14 @@ class SourceFinder {
  private:
   friend class ExporterSide;
   class Place;
-  /// The VRF's network, after noting that `side` wants news of this interface.
-  Ptr<VrfNetwork> enter(const VrfName& vrf, const std::string& interface, ExporterSide* side);
-  void leave(const VrfName& vrf, const std::string& interface, ExporterSide* side);
+  using Sides = std::multimap<std::string, ExporterSide*>;  // by interface
+  /// That a side wants news of an interface. Thousands may want those of one: it knows its place.
+  struct Entry {
+    Place* place = nullptr;
+    Sides::iterator side;
+  };
+  Entry enter(const VrfName& vrf, const std::string& interface, ExporterSide* side);
+  void leave(const Entry& entry);
 
   NetworkOf networkOf_;
   std::map<VrfName, std::unique_ptr<Place>> places_;
@@ -63,6 +68,7 @@ class ExporterSide {
   AgentLog& log_;
   std::function<void(bool)> readinessChanged_;
   std::string interface_;
+  SourceFinder::Entry entry_;
   Ptr<VrfNetwork> network_;  // null before the first place
   std::string told_;
   bool ready_ = false;

@@ -222,9 +222,21 @@ TEST_F(EntitiesTest, SourcesFollowTheNetwork) {
   red->presentIs(true);
   EXPECT_EQ(from("spare"), "10.1.1.9 ::");
 
-  // Who left an interface or a VRF hears no more of it.
-  settings.trackers["edge"].exporters.erase("spare");
+  // Who left an interface or a VRF hears no more of it, others on it do, and the network is let go
+  // with the last.
+  auto& wanted = settings.trackers["edge"].exporters;
+  wanted["main"].vrf = VrfName("red");
+  wanted["main"].localInterface = "eth1";
   entities->apply(settings);
+  wanted["main"].vrf = VrfName("default");
+  entities->apply(settings);
+  red->addressDel(5, on("10.1.1.9"));
+  red->tell();
+  EXPECT_EQ(from("spare"), "0.0.0.0 ::");
+  EXPECT_GT(red->refs(), 2U);
+  wanted.erase("spare");
+  entities->apply(settings);
+  EXPECT_EQ(red->refs(), 2U) << "this test's own two";
   red->presentIs(false);
 }
 
