@@ -70,7 +70,7 @@ void InterfaceTableSm::handleInitialized() {
   for (auto& records : byNameLen)
     for (auto& record : records) {
       dataSource_->dataRecordIs(record);
-      dataRecord_.insert(std::move(record));
+      dataRecord_.insert({std::move(record)});
     }
   using Map = IntfIndexMap;
   const std::pair<const char*, uint32_t> reserved[] = {
@@ -86,22 +86,26 @@ void InterfaceTableSm::handleInitialized() {
 void InterfaceTableSm::handleIntfId(const IntfId& intfId) {
   TARN_ASSERT_AS(initialized(), "initialized()");
   const std::string_view name = intfId.stringValue();
-  if (auto old = dataRecord_.find(name); old != dataRecord_.end()) {
-    dataSource_->dataRecordDel(*old);
-    dataRecord_.erase(old);
-  }
+  const auto known = dataRecord_.find(name);
+  if (known != dataRecord_.end()) dataSource_->dataRecordDel(known->record);
   const auto entry = intfIndexMap_->intfIndex().find(intfId);
   if (entry == intfIndexMap_->intfIndex().end()) {
     trace(TraceLevel::event, "InterfaceTableSm::", "handleIntfId ",
           "intfId: ", intfId.stringValue(), ", index not present. ");
+    if (known != dataRecord_.end()) dataRecord_.erase(known);
   } else {
     const auto record = makeDataRecord(intfId.stringValue(), entry->second);
     trace(TraceLevel::event, "InterfaceTableSm::", "handleIntfId ",
           "intfId: ", intfId.stringValue(), ", index: ", entry->second,
           ", record len: ", record->dataLen());
+    // In place: who changes a million interfaces would search for each once more.
+    if (known != dataRecord_.end()) {
+      known->record = record;
+    } else {
+      dataRecord_.insert({record});
+    }
     dataUpdate_->addUpdate(setIdVal_, record);
     dataSource_->dataRecordIs(record);
-    dataRecord_.insert(record);
   }
   assertCount_p();
   dataSource_->versionInc(1);

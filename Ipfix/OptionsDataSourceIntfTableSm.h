@@ -40,9 +40,12 @@ class TARN_API InterfaceTableSm final : public Entity {
 
  private:
   class IntfIndexMapSm;
+  struct Kept {
+    mutable Ptr<DataRecord> record;  // one of the same name may take its place
+  };
   struct ByName {
     using is_transparent = void;
-    static std::string_view name(const Ptr<DataRecord>& r) { return r->data().substr(nameOffset); }
+    static std::string_view name(const Kept& k) { return k.record->data().substr(nameOffset); }
     static std::string_view name(std::string_view n) { return n; }
     size_t operator()(const auto& a) const { return std::hash<std::string_view>()(name(a)); }
     bool operator()(const auto& a, const auto& b) const { return name(a) == name(b); }
@@ -56,7 +59,7 @@ class TARN_API InterfaceTableSm final : public Entity {
   Ptr<OptionsDataUpdate> dataUpdate_;
   Ptr<const IntfIndexMap> intfIndexMap_;
   // By the name that each record holds: a million records want no second copy of it.
-  std::unordered_set<Ptr<DataRecord>, ByName, ByName> dataRecord_;
+  std::unordered_set<Kept, ByName, ByName> dataRecord_;
   bool initialized_ = false;
   TemplateId setIdVal_ = setId();
   std::unique_ptr<IntfIndexMapSm> intfIndexMapSm_;
