@@ -3,8 +3,8 @@
 BUILD := build
 JOBS ?= $(shell nproc)
 
-.PHONY: build run test bench bench-peers bench-probe fuzz lint asan clang valgrind soak format install \
-        package try-package clean
+.PHONY: build run test bench bench-peers bench-probe bench-agent fuzz lint asan clang valgrind soak \
+        format install package try-package clean
 build:
 	@scripts/install-deps build
 	cmake --preset release
@@ -51,6 +51,13 @@ bench-probe:
 	cmake --preset release -DTARN_BENCH=ON
 	cmake --build $(BUILD) -j $(JOBS) --target tarnflowd pcap_maker
 	scripts/bench-probe $(BUILD)
+
+# Start, reload and stop of the agent with many trackers.
+bench-agent:
+	@scripts/install-deps test
+	cmake --preset release
+	cmake --build $(BUILD) -j $(JOBS) --target tarnflowd
+	scripts/bench-agent $(BUILD)
 
 lint asan clang valgrind:
 	@scripts/install-deps all

@@ -56,11 +56,11 @@ class Silent final : public TraceSink, public LogSink {
   void log(const LogMessage&, std::span<const std::string>) override {}
 };
 
-/// A Linux platform that paces nothing, installed.
+/// A Linux platform that paces nothing unless it is told to, installed.
 struct Host {
-  explicit Host(size_t segmentsMax = 64)
-      : platform(
-            linuxPlatform(loop, silent, silent, {.paceBurst = 0, .segmentsMax = segmentsMax})) {
+  explicit Host(size_t segmentsMax = 64, unsigned paceBurst = 0)
+      : platform(linuxPlatform(loop, silent, silent,
+                               {.paceBurst = paceBurst, .segmentsMax = segmentsMax})) {
     Platform::install(platform.get());
   }
   ~Host() { Platform::install(nullptr); }
