@@ -105,7 +105,7 @@ void barePeriod(benchmark::State& state) {
     sockets.emplace_back(::socket(AF_INET, SOCK_DGRAM, 0));
   for (auto _ : state)
     for (const Fd& fd : sockets)
-      for (uint16_t c = 0; c < state.range(1); ++c)
+      for (int64_t c = 0; c < state.range(1); ++c)
         for (const Run& run : runs)
           if (!send(fd.get(), run, uint16_t(firstPort + c))) state.SkipWithError("refused");
   messages *= sockets.size() * uint64_t(state.range(1));
