@@ -2,7 +2,7 @@
 #include <string>
 
 #include "cli/MessagePrinter.h"
-#include "cli/decoder/Decoder.h"
+#include "fuzz/DecoderInput.h"
 
 // The input is datagrams one after the other, each behind one octet that picks the stream and two
 // that give its length: templates of one are used by the next.
@@ -32,9 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (const char c : text)
       if ((static_cast<unsigned char>(c) < 0x20 && c != '\n') || c == 0x7f) std::abort();
     if (cli::jsonLine(cli::messageJson(from, m, false)).back() != '\n') std::abort();
-    if (decoder.cost() > limits.cost || decoder.streams().size() > limits.streams) std::abort();
-    for (const auto& [key, stream] : decoder.streams())
-      if (stream.cost > limits.costPerStream) std::abort();
+    checkDecoded(m, decoder, limits);
   }
   (void)cli::summaryText({0, 0, decoder});
   return 0;

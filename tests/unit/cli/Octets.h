@@ -51,36 +51,18 @@ inline const Element* testElement(uint32_t enterprise, uint16_t id) {
   return enterprise == 0 ? ianaElement(id) : nullptr;
 }
 
-/// One of everything: 127 octets, sequence 5, five data records.
-inline const Octets rich = hex(
-    /*   0 */
-    "000a 007f 67400000 00000005 00000007"
-    /*  16 */
-    "0002 0024"
-    /*  20 */
-    " 0100 0004 0008 0004 0001 0004 0052 ffff 83e9 0002 00018697"
-    /*  44 */
-    " 0101 0001 0096 0004"
-    /*  52 */
-    "0003 0014"
-    /*  56 */
-    " ff01 0002 0001 000a 0004 0052 ffff"
-    /*  70 */
-    " 0000"
-    /*  72 */
-    "0100 0021"
-    /*  76 */
-    " 0a000001 00000064 04 65746830 0002"
-    /*  91 */
-    " 0a000002 ffffffff 00 0103"
-    /* 102 */
-    " 000000"
-    /* 105 */
-    "ff01 000e"
-    /* 109 */
-    " 00000003 ff 0003 6c6f30"
-    /* 119 */
-    "0101 0008"
-    /* 123 */ " 67400000");
+/// One of everything: 127 octets, sequence 5, five data records. Beside each line where it begins.
+inline const Octets rich =
+    hex("000a 007f 67400000 00000005 00000007"                         // 0
+        "0002 0024"                                                    // 16
+        " 0100 0004 0008 0004 0001 0004 0052 ffff 83e9 0002 00018697"  // 20
+        " 0101 0001 0096 0004"                                         // 44
+        "0003 0014 ff01 0002 0001 000a 0004 0052 ffff 0000"            // 52, padding at 70
+        "0100 0021"                                                    // 72
+        " 0a000001 00000064 04 65746830 0002"                          // 76
+        " 0a000002 ffffffff 00 0103"                                   // 91
+        " 000000"                                                      // 102
+        "ff01 000e 00000003 ff 0003 6c6f30"                            // 105
+        "0101 0008 67400000");                                         // 119
 
 }  // namespace decoder

@@ -13,8 +13,7 @@
 
 namespace cli {
 
-Process::Process(const std::vector<std::string>& argv,
-                 const std::map<std::string, std::string>& env) {
+Process::Process(const std::vector<std::string>& argv) {
   int out[2];
   errFd_ = memfd_create("stderr", MFD_CLOEXEC);
   if (errFd_ < 0 || pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("no descriptor left");
@@ -26,7 +25,6 @@ Process::Process(const std::vector<std::string>& argv,
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     dup2(out[1], STDOUT_FILENO);
     dup2(errFd_, STDERR_FILENO);
-    for (const auto& [name, value] : env) setenv(name.c_str(), value.c_str(), 1);
     execv(args[0], args.data());
     _exit(126);
   }

@@ -2,7 +2,6 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,9 +11,8 @@ namespace cli {
 /// A program under test; killed when it outlives its object.
 class Process {
  public:
-  /// `env` is added to the environment. The program gets SIGKILL when this process dies.
-  explicit Process(const std::vector<std::string>& argv,
-                   const std::map<std::string, std::string>& env = {});
+  /// The program gets SIGKILL when this process dies.
+  explicit Process(const std::vector<std::string>& argv);
   ~Process();
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
