@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <limits>
 
@@ -63,16 +61,13 @@ struct Pcapng : Writer {
     big = bigEndian;
     return block(0x0a0d0d0a, [](Writer& w) { w.u32(0x1a2b3c4d).u16(1).u16(0).u64(~uint64_t{0}); });
   }
-  struct Option {
-    uint16_t code;
-    Bytes value;
-  };
+  using Option = std::pair<uint16_t, Bytes>;  // code, value
   Pcapng& interface(uint16_t linkType, const std::vector<Option>& options = {},
                     uint32_t snapLen = 0) {
     return block(1, [&](Writer& w) {
       w.u16(linkType).u16(0).u32(snapLen);
-      for (const Option& o : options)
-        w.u16(o.code).u16(static_cast<uint32_t>(o.value.size())).add(o.value).pad();
+      for (const auto& [code, value] : options)
+        w.u16(code).u16(static_cast<uint32_t>(value.size())).add(value).pad();
       if (!options.empty()) w.u32(0);
     });
   }
@@ -215,8 +210,7 @@ TEST(CaptureFile, Damage) {
   ng.packet(0, 2, frame);       // at 144
   ng.interface(1, {{9, {6}}});  // at 240
   const auto with32 = [](Octets o, size_t at, uint32_t v) {
-    for (int i = 0; i < 4; ++i)
-      o.at(at + static_cast<size_t>(i)) = static_cast<uint8_t>(v >> 8 * i);
+    std::memcpy(&o.at(at), &v, 4);
     return o;
   };
   struct Case {
@@ -374,15 +368,10 @@ TEST(CaptureFile, ManyPiecesAndOneThatIsGone) {
 }
 
 TEST(CaptureFileCorpus, Replays) {
-  size_t inputs = 0;
   long packets = 0;
-  for (const auto& file : std::filesystem::directory_iterator(TARN_CORPUS "/fuzz_capture_file")) {
-    std::ifstream in(file.path(), std::ios::binary);
-    const Bytes octets{std::istreambuf_iterator<char>(in), {}};
-    packets += std::max(0L, checkCaptureInput(octets));
-    ++inputs;
-  }
-  EXPECT_GT(inputs, 20u);
+  EXPECT_GT(eachOfCorpus("fuzz_capture_file",
+                         [&](const Bytes& o) { packets += std::max(0L, checkCaptureInput(o)); }),
+            20u);
   EXPECT_GT(packets, 20);
 }
 

@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-
 #include "Frames.h"
 #include "fuzz/PacketInput.h"
 
@@ -257,16 +254,7 @@ TEST_F(Fragments, KeepsTheNewest) {
   EXPECT_GT(found, known * 95 / 100);
 }
 
-TEST(PacketCorpus, Replays) {
-  size_t inputs = 0;
-  for (const auto& file : std::filesystem::directory_iterator(TARN_CORPUS "/fuzz_packet")) {
-    std::ifstream in(file.path(), std::ios::binary);
-    const std::vector<uint8_t> octets{std::istreambuf_iterator<char>(in), {}};
-    checkPacketInput(octets);
-    ++inputs;
-  }
-  EXPECT_GT(inputs, 20u);
-}
+TEST(PacketCorpus, Replays) { EXPECT_GT(eachOfCorpus("fuzz_packet", checkPacketInput), 20u); }
 
 }  // namespace
 }  // namespace agent::flow
