@@ -5,7 +5,6 @@
 #include <malloc.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Ipfix/FlowTrackerTemplateSm.h"
@@ -61,9 +61,7 @@ int boundSocket(uint16_t& port) {
   uint64_t records = 0;
   std::vector<uint8_t> buf(65536);
   const auto bad = [&](const std::string& what) {
-    std::fprintf(stderr, "collector %d: %s after %llu records\n", ::getpid(), what.c_str(),
-                 static_cast<unsigned long long>(records));
-    ::_exit(1);
+    fail("collector: " + what + " after " + std::to_string(records) + " records");
   };
   for (unsigned round = 1; round <= rounds;) {
     pollfd p{fd, POLLIN, 0};
@@ -106,24 +104,13 @@ class Lines final : public TraceSink, public LogSink {
 double seconds() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
-double residentMiB() {
-  rusage u{};
-  ::getrusage(RUSAGE_SELF, &u);
-  return static_cast<double>(u.ru_maxrss) / 1024;
+
+/// Says how long something took since the last time.
+void lap(const char* what) {
+  static double last = 0;
+  const double before = std::exchange(last, seconds());
+  if (before > 0) std::printf("%-58s %8.3f s\n", what, last - before);
 }
-
-class Stopwatch {
- public:
-  void lap(const char* what) {
-    const double now = seconds();
-    std::printf("%-58s %8.3f s, at most %7.1f MiB resident\n", what, now - last_, residentMiB());
-    std::fflush(stdout);
-    last_ = seconds();
-  }
-
- private:
-  double last_ = seconds();
-};
 
 /// What a record of 17 octets costs with all that holds it in its source: at most 96 octets of
 /// heap.
@@ -148,15 +135,13 @@ void exportTables(uint32_t interfaces, const std::vector<uint16_t>& ports, int d
   const auto host = linuxPlatform(loop, lines, lines);
   Platform::install(host.get());
   {
-    Stopwatch watch;
+    lap("");
     const auto intfs = intfIndexMapFactory();
     for (uint32_t i = 1; i <= interfaces; ++i) {
       const IntfId id("Ethernet" + std::to_string(i));
       intfs->intfIdIs(i, id);
       intfs->intfIndexIs(id, i);
     }
-    watch.lap("the host's index map, both directions");
-
     const auto init = ::Ipfix::ipfixInitSmFactory();
     const auto config = HwFlowTracking::configFactory();
     const auto status = HwFlowTracking::statusFactory();
@@ -177,7 +162,7 @@ void exportTables(uint32_t interfaces, const std::vector<uint16_t>& ports, int d
                                         init->elementIdCollection(), stats, loop->taskScheduler());
     auto manager = optionsDataManagerSmFactory(
         config, status, info, intfs, Vrf::VrfIdMap::statusFactory(), stats, loop->taskScheduler());
-    watch.lap("start: reactors, and a record per interface");
+    lap("start: reactors, and a record per interface");
 
     size_t heard = 0;
     const auto whenDone = loop->fdWatch(done, 1 /* EPOLLIN */, [&](uint32_t) {
@@ -195,7 +180,7 @@ void exportTables(uint32_t interfaces, const std::vector<uint16_t>& ports, int d
           fail("a collector failed");
       }
       if (heard < count) fail(std::string(what) + ": not every collector had it all in time");
-      watch.lap(what);
+      lap(what);
     };
     wait(ports.size(), "the full tables at every collector");
 
@@ -206,16 +191,7 @@ void exportTables(uint32_t interfaces, const std::vector<uint16_t>& ports, int d
       wait(round * ports.size(), "one periodic transmission at every collector");
     }
 
-    // One change: what the agent does at once, without the coalescing delay and the sending.
-    watch = Stopwatch();
-    intfs->intfIndexIs(IntfId("Ethernet1"), interfaces + 1);
-    watch.lap("one interface changes: record, queue, cache marked");
-
     const auto& pam = info->ftInfo("ft")->expInfo("exp")->udpPam4()->counters();
-    std::printf("datagrams sent %llu, dropped %llu, queued at most %llu\n",
-                static_cast<unsigned long long>(pam.sent),
-                static_cast<unsigned long long>(pam.dropped),
-                static_cast<unsigned long long>(pam.queuedMax));
     if (pam.dropped > 0) fail("a datagram was lost on our side");
     manager = nullptr;
     templateSm = nullptr;
