@@ -1,8 +1,11 @@
 """Processes, namespaces and links of a system test, and waiting with a deadline."""
 
+import collections
+import contextlib
 import ctypes
 import json
 import os
+import pathlib
 import re
 import signal
 import socket
@@ -195,14 +198,12 @@ class inside:
 
 
 def descriptors(pid):
-    """What the process has open: {descriptor: target}."""
-    found = {}
-    for fd in os.listdir(f"/proc/{pid}/fd"):
-        try:
-            found[int(fd)] = os.readlink(f"/proc/{pid}/fd/{fd}")
-        except FileNotFoundError:
-            pass
-    return found
+    """What the process has open: how many of each kind, files by their name."""
+    kinds = collections.Counter()
+    for fd in pathlib.Path(f"/proc/{pid}/fd").iterdir():
+        with contextlib.suppress(FileNotFoundError):
+            kinds[re.sub(r"\[?\d+\]?$", "", os.readlink(fd))] += 1
+    return kinds
 
 
 def resident_kib(pid):

@@ -5,7 +5,7 @@ import signal
 import subprocess
 import tempfile
 
-from lab import AGENT_WRAP, BUILD, Notify, parse_json_lines, wait_for
+from lab import AGENT_WRAP, BUILD, Notify, wait_for
 
 AGENT = f"{BUILD}/bin/tarnflowd"
 TOOL = f"{BUILD}/bin/tarnflow"
@@ -131,6 +131,12 @@ def tool(*argv, check=True):
         raise AssertionError(f"tarnflow {argv}: exit {done.returncode}: {done.stderr}")
     return done.returncode, done.stdout, done.stderr
 
+
+def listen(lab, *argv, ns=None):
+    """`tarnflow listen --json` at work."""
+    program = lab.start("listen", TOOL, "listen", "--json", *argv, ns=ns)
+    wait_for("tarnflow listen listens", lambda: "listening" in program.out())
+    return program
 
 
 def show_counters(statistics=STATISTICS):

@@ -42,9 +42,8 @@ def ethernet(kind, payload, vlan=0):
     return frame.ljust(60, b"\xee")  # padding must not count
 
 
-def ipv4(src, dst, protocol, payload, ident=0, fragment=0, options=b""):
-    assert len(options) % 4 == 0
-    header = struct.pack(">BBHHHBBH4s4s", 0x45 + len(options) // 4, 0,
+def ipv4(src, dst, protocol, payload, ident=0, fragment=0, options=b"", tos=0):
+    header = struct.pack(">BBHHHBBH4s4s", 0x45 + len(options) // 4, tos,
                          20 + len(options) + len(payload), ident, fragment, 64, protocol, 0,
                          ipaddress.ip_address(src).packed, ipaddress.ip_address(dst).packed)
     header += options
@@ -54,9 +53,9 @@ def ipv4(src, dst, protocol, payload, ident=0, fragment=0, options=b""):
     return header[:10] + struct.pack(">H", total) + header[12:] + payload
 
 
-def ipv6(src, dst, protocol, payload, extensions=b"", first=None):
+def ipv6(src, dst, protocol, payload, extensions=b"", first=None, tos=0):
     """`extensions` begin with the header of kind `first` and end with one that names `protocol`."""
-    return struct.pack(">IHBB", 0x60000000, len(extensions) + len(payload),
+    return struct.pack(">IHBB", 0x60000000 + (tos << 20), len(extensions) + len(payload),
                        protocol if first is None else first, 64) + \
         ipaddress.ip_address(src).packed + ipaddress.ip_address(dst).packed + extensions + payload
 
@@ -73,30 +72,27 @@ def mixture(flows):
     """Yields (frame, key, octets, flags) of about three packets for each of `flows` flows, the
     flows' packets mixed."""
     def one(i, part):
-        a4, b4 = f"10.1.{i >> 8 & 255}.{i & 255}", "192.0.2.7"
-        a6, b6 = f"2001:db8:1::{i:x}", "2001:db8:2::7"
+        """src, dst, protocol, ports, what follows the IP header, TCP flags."""
+        four = f"10.1.{i >> 8 & 255}.{i & 255}", "192.0.2.7"
+        six = f"2001:db8:1::{i:x}", "2001:db8:2::7"
         port, size = 1024 + i % 60000, 20 + (i * 7 + part * 131) % 1200
         kind = i % 8
         if kind in (0, 1):  # whole connections
             flags = (SYN, ACK | PSH, FIN | ACK)[part]
             body = tcp(port, 443, flags, bytes(size if part == 1 else 0))
-            return (a4 if kind == 0 else a6, b4 if kind == 0 else b6, TCP, port, 443, 0, body,
-                    flags)
-        if kind in (2, 3):
-            return (a4 if kind == 2 else a6, b4 if kind == 2 else b6, UDP, port, 53, 0,
-                    udp(port, 53, bytes(size)), 0)
-        if kind == 4:
-            return a4, b4, ICMP, 0, 8 * 256, 0, struct.pack(">BBHI", 8, 0, 0, i) + bytes(size), 0
-        if kind == 5:
-            return (a6, b6, ICMP6, 0, 128 * 256, 0,
-                    struct.pack(">BBHI", 128, 0, 0, i) + bytes(size), 0)
-        return a4, b4, UDP, port, 161, 1 + i % 4000 if kind == 6 else 0, udp(port, 161,
-                                                                            bytes(size)), 0
+            return *(four, six)[kind], TCP, port, 443, body, flags
+        if kind in (4, 5):
+            protocol, echo = ((ICMP, 8), (ICMP6, 128))[kind - 4]
+            body = struct.pack(">BBHI", echo, 0, 0, i) + bytes(size)
+            return *(four, six)[kind - 4], protocol, 0, echo * 256, body, 0
+        to = 53 if kind in (2, 3) else 161
+        return *(six if kind == 3 else four), UDP, port, to, udp(port, to, bytes(size)), 0
 
     for begin in range(0, flows, 500):
         for part in range(3):
             for i in range(begin, min(begin + 500, flows)):
-                src, dst, protocol, sport, dport, vlan, body, flags = one(i, part)
+                src, dst, protocol, sport, dport, body, flags = one(i, part)
+                vlan = 1 + i % 4000 if i % 8 == 6 else 0
                 key = Key(src, dst, protocol, sport, dport, vlan)
                 if ":" in src:
                     # A hop-by-hop header in front of every other packet.

@@ -25,6 +25,15 @@ def message(sets, sequence=0, domain=7, export_time=None):
     return struct.pack(">HHIII", 10, 16 + len(body), now, sequence, domain) + body
 
 
+def pcap(frames):
+    """A capture of Ethernet frames, or of (time, frame) pairs."""
+    out = struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, 1)
+    for n, frame in enumerate(frames):
+        at, octets = frame if isinstance(frame, tuple) else (1800000000 + n, frame)
+        out += struct.pack("<IIII", int(at), int(at % 1 * 1e6), len(octets), len(octets)) + octets
+    return out
+
+
 def send(messages, address, port=4739, tos=0, source=None):
     """Sends datagrams from one socket of this process; returns the port they came from."""
     v6 = ":" in address

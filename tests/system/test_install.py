@@ -55,6 +55,7 @@ def test_programs_run_from_there(lab, prefix):
     file = lab.path("installed.toml")
     file.write_text(config({"edge": {"id": 7, "exporter": {"main": exporter(
         "up0", collectors(a="10.96.0.2"))}}}))
+    assert "up0" in run(prefix / "bin" / "tarnflow", "check", file), "by the agent beside it"
     program = lab.start("installed", prefix / "sbin" / "tarnflowd", "--config", file)
     capture.wait(2)
     assert program.stop() == 0
@@ -94,6 +95,7 @@ def pkg_config_consumer(prefix, where):
 @pytest.mark.parametrize("build", [cmake_consumer, pkg_config_consumer])
 def test_example_is_built_against_it_and_exports(lab, prefix, tmp_path, build):
     """The program of the documentation, as somebody outside of this tree builds it."""
+    assert len(EXAMPLE.read_text().splitlines()) < 100, "as is promised"
     program = build(prefix, tmp_path)
     assert f"{prefix}/lib" in run("ldd", program)
     capture = cable(lab)
@@ -107,10 +109,6 @@ def test_example_is_built_against_it_and_exports(lab, prefix, tmp_path, build):
     assert templates.keys() == OPTIONS_TEMPLATES.keys()
     names = {v["cflow.if_name"] for p in packets for i, v in p.records if i == 65281}
     assert {"lo", "up0"} <= names, names
-
-
-def test_example_is_short():
-    assert len(EXAMPLE.read_text().splitlines()) < 100
 
 
 def test_library_needs_only_the_runtime(prefix):

@@ -7,7 +7,7 @@ import random
 
 import traffic
 from lab import AGENT_WRAP, SLOW, descriptors, parse_json_lines, resident_kib, run, wait_for
-from tarnflow import TOOL, Agent, collectors, config, counters, exporter
+from tarnflow import Agent, collectors, config, counters, exporter, listen
 from wire import Capture, no_faults
 
 RELOADS = int(os.environ.get("TARN_RELOADS", 500)) if SLOW == 1 else 30
@@ -67,10 +67,7 @@ def test_reload_storm(lab):
     lab.address("up0", "10.97.0.1/24", "fd97::1/64")
     lab.address("dn0", *(f"10.97.0.{n}/24" for n in (2, 3, 4)), *(f"fd97::{n}/64" for n in (2, 3)),
                 ns=far)
-    listen = {a: lab.start(f"listen-{n}", TOOL, "listen", "--json", "--quiet-data", "--address", a,
-                           ns=far) for n, a in STEADY.items()}
-    for program in listen.values():
-        wait_for("tarnflow listen listens", lambda p=program: "listening" in p.out())
+    steady_ones = {a: listen(lab, "--quiet-data", "--address", a, ns=far) for a in STEADY.values()}
     capture = Capture(lab, "dn0", ns=far)
     base = config({"edge": steady()})
     agent = Agent(lab, base)
@@ -79,21 +76,19 @@ def test_reload_storm(lab):
                        f"while :; do /usr/bin/python3 {SEND} src0 300; sleep 0.2; done", ns=source)
     capture.wait_until("flows of both families", lambda ms: {256, 257} <= {m.sets[0][0] for m in ms},
                        15)
-    assert agent.program.running()
     fds = memory = None
     refused = 0
     for n in range(RELOADS):
         if n in (RELOADS // 2, RELOADS - 1):
             agent.reload(base)  # the same as at the start, to compare
             if fds is None:
-                wait_for("descriptors are settled", lambda: len(descriptors(agent.pid)) > 0)
-                fds, memory = len(descriptors(agent.pid)), resident_kib(agent.pid)
+                fds, memory = descriptors(agent.pid).total(), resident_kib(agent.pid)
             continue
         text = one(rng)
         bad = rng.random() < 0.3
         refused += bad
         agent.reload(wrong(rng, text) if bad else text)
-    wait_for("as many descriptors as before", lambda: len(descriptors(agent.pid)) <= fds)
+    wait_for("as many descriptors as before", lambda: descriptors(agent.pid).total() <= fds)
     grown = resident_kib(agent.pid) - memory
     print(f"{RELOADS} reloads, {refused} of them wrong; {grown} KiB more, {fds} descriptors")
     assert AGENT_WRAP or grown < 4096, f"{grown} KiB more"
@@ -101,7 +96,7 @@ def test_reload_storm(lab):
     assert set(counters()) == set(STEADY.values())
     run("kill", sender.pid)
     assert agent.stop() == 0
-    for address, program in listen.items():
+    for address, program in steady_ones.items():
         assert program.stop() == 0, program.log()[-2000:]
         (stream,) = parse_json_lines(program.out())[-1]["streams"]
         assert not stream["sequenceErrors"] + stream["malformed"] + stream["unknownSets"], stream
