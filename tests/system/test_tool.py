@@ -1,4 +1,5 @@
-"""Each command of the tool against a running agent, and what it says when something is in the way."""
+"""Each command of the tool against a running agent, what it says when something is in the way, and
+that whoever asks does not delay an export."""
 
 import json
 import os
@@ -345,3 +346,57 @@ def test_log_goes_to_the_journal_with_fields(lab, far):
             program.terminate()
             assert program.wait(10) == 0
         assert stderr.read_text() == ""
+
+
+GREEDY = """
+import select, socket, sys
+ask = b'{"request":"state"}\\n{"request":"tables","name":"interfaces"}\\n' * 20
+reading = [socket.socket(socket.AF_UNIX) for _ in range(20)]
+stuck = [socket.socket(socket.AF_UNIX) for _ in range(8)]
+for s in reading + stuck:
+    s.connect(sys.argv[1])
+    s.setblocking(False)
+    s.send(ask)
+print("asking", flush=True)
+octets = 0
+while True:
+    for s in select.select(reading, [], [])[0]:
+        got = s.recv(1 << 20)
+        octets += len(got)
+        if got.endswith(b"\\n"):
+            s.send(ask[:20])
+"""
+
+
+@pytest.mark.skipif(SLOW != 1, reason="counts milliseconds")
+def test_nobody_who_asks_delays_an_export(lab, far):
+    """Templates leave every second, while 20 clients ask for as much as they can get and 8 more never
+    fetch what they asked for."""
+    capture = Capture(lab, "dn0", ns=far, kinds=(2,))
+    agent = Agent(lab, config(edge("1s")))
+    try:  # what others do on this machine is no fault of the agent
+        os.sched_setscheduler(agent.pid, os.SCHED_FIFO, os.sched_param(10))
+    except PermissionError:
+        pytest.skip("needs real-time priority")
+    capture.wait(3, dst="10.91.0.2")
+    greedy = lab.start("greedy", "/usr/bin/python3", "-c", GREEDY, SOCKET)
+    greedy.wait_log("asking")
+    busy = cpu_seconds(agent.pid)
+    before = len(capture.messages(dst="10.91.0.2"))
+    messages = capture.wait(before + 8, dst="10.91.0.2", seconds=12)
+    times = [m.time for m in messages[before - 1:]]
+    gaps = [b - a for a, b in zip(times, times[1:])]
+    print("between templates:", [f"{g:.4f}" for g in gaps])
+    assert all(0.998 < g < 1.010 for g in gaps), gaps
+    assert cpu_seconds(agent.pid) - busy > 1, "it was asked a lot"
+    assert greedy.running()
+    # Whoever comes politely is served meanwhile, and those who never read are let go.
+    start = time.monotonic()
+    assert tool("show", "collectors", "--exporter", "main")[0] == 0
+    assert time.monotonic() - start < 3
+    assert agent.stop() == 0
+
+
+def cpu_seconds(pid):
+    fields = open(f"/proc/{pid}/stat").read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
