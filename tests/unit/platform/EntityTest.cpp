@@ -275,11 +275,7 @@ TEST(Entity, AgreesWithAMapUnderRandomChanges) {
 }
 
 /// Every entity type that hosts and operators reach by name.
-struct Named {
-  const char* type;
-  Ptr<Entity> entity;
-};
-std::vector<Named> allTypes() {
+std::map<std::string, Ptr<Entity>> allTypes() {
   using namespace HwFlowTracking;
   auto exporter = exporterConfigFactory("exp1");
   exporter->collectorIpAndPortIs("c4", {*IpAddr::fromString("10.0.0.1"), 4739});
@@ -346,7 +342,7 @@ TEST(ByName, EveryAttributeReadsBackAndRefusesNonsense) {
     EXPECT_FALSE(e->attrRows().empty()) << type;
     std::set<std::string_view> names;
     for (const AttrRow& r : e->attrRows()) {
-      SCOPED_TRACE(std::string(type) + '.' + std::string(r.name));
+      SCOPED_TRACE(type + '.' + std::string(r.name));
       EXPECT_TRUE(names.insert(r.name).second) << "twice";
       if (r.each) {
         EXPECT_EQ(e->attrText(r.name), std::nullopt);

@@ -85,7 +85,7 @@ class LinuxEndpoint : public testing::TestWithParam<bool> {
 };
 
 TEST_P(LinuxEndpoint, ALongQueueLeavesAtThePaceAndInOrder) {
-  make({.netnsDir = {}, .paceBurst = 20, .paceInterval = 30ms});
+  make({.netnsDir = {}, .paceBurst = 20, .paceInterval = 80ms});
   auto pam = opened("pam");
   Receiver sink(*IpGenAddr::fromString(local));
   const auto start = std::chrono::steady_clock::now();
@@ -94,8 +94,8 @@ TEST_P(LinuxEndpoint, ALongQueueLeavesAtThePaceAndInOrder) {
   EXPECT_THAT(pam->counters().sent, testing::AllOf(testing::Ge(20u), testing::Le(25u)));
   while (pam->counters().queued > 0) loop->runOnce(1s);
   const auto took = std::chrono::steady_clock::now() - start;
-  EXPECT_GE(took, 119ms);
-  EXPECT_LT(took, 2s);
+  EXPECT_GE(took, 319ms);
+  EXPECT_LT(took, 4s);
   for (int i = 0; i < 100; ++i) {
     const auto d = sink.next();
     ASSERT_TRUE(d) << i;
@@ -110,7 +110,7 @@ TEST_P(LinuxEndpoint, ALongQueueLeavesAtThePaceAndInOrder) {
     while (pam->counters().queued > 0) loop->runOnce(1s);
     const auto spent = std::chrono::steady_clock::now() - begin;
     EXPECT_GE(spent, least) << limit;
-    EXPECT_LT(spent, least + 60ms) << limit;
+    EXPECT_LT(spent, least + 240ms) << limit;
     for (int i = 0; i < 100; ++i) ASSERT_TRUE(sink.next());
   }
   // What waits when the endpoint closes leaves at once.
@@ -280,20 +280,15 @@ TEST_P(LinuxEndpoint, NeverFragments) {
     ASSERT_TRUE(d);
     EXPECT_EQ(number(*d), i);
   }
-  trace.all.clear();
   ASSERT_TRUE(sh("ip link set lo mtu 65536"));
-  send(*pam, local, sink.port(), fits + 1);
-  settle();
-  EXPECT_THAT(trace.all, ElementsAre("pam: sends again after 5 failures: Message too long "
-                                     "(EMSGSIZE), to " +
-                                     shown(local, sink.port())));
   send(*pam, local, sink.port(), 70000);  // more than UDP can say
   settle();
   EXPECT_EQ(pam->counters().dropByErrno, (Drops{{EMSGSIZE, 6}}));
 }
 
-TEST_P(LinuxEndpoint, OpensInItsNamespaceAndComesBack) {
+TEST_P(LinuxEndpoint, OpensInItsNamespaceAndComesBackWithoutALeak) {
   PeerNamespace red;
+  const size_t fds = support::openFds();
   const std::string home = std::filesystem::read_symlink("/proc/thread-self/ns/net");
   EXPECT_EQ(errorOf([&] { opened("pam", "ns-red"); }), ENOENT);
   std::ofstream(dir.path() + "/ns-red") << "not mounted yet";
@@ -312,24 +307,14 @@ TEST_P(LinuxEndpoint, OpensInItsNamespaceAndComesBack) {
   settle();
   EXPECT_TRUE(inside.next());
   EXPECT_FALSE(outside.next(50));
-}
 
-TEST_P(LinuxEndpoint, LeaksNoDescriptor) {
-  PeerNamespace red;
-  std::filesystem::create_symlink(red.path(), dir.path() + "/ns-red");
-  std::ofstream(dir.path() + "/ns-file") << "x";
-  auto taken = opened();
-  const size_t before = support::openFds();
-  for (int i = 0; i < 1000; ++i) {
-    auto pam = host->udpPam("pam");
-    pam->ipv6EnIs(ipv6);
-    pam->netNsIs(NamespaceName(i % 4 == 0 ? "ns-red" : i % 4 == 1 ? "ns-file" : ""));
-    if (i % 4 == 2) pam->rxPortIs(taken->rxPort());
-    const int err = errorOf([&] { pam->modeIs(UdpPam::inService); });
-    ASSERT_EQ(err, i % 4 == 1 ? EINVAL : i % 4 == 2 ? EADDRINUSE : 0);
-    if (i % 8 == 0) pam->modeIs(UdpPam::outOfService);
-  }
-  EXPECT_EQ(support::openFds(), before);
+  auto rival = host->udpPam("rival");
+  rival->ipv6EnIs(ipv6);
+  rival->netNsIs(NamespaceName("ns-red"));
+  rival->rxPortIs(4739);
+  EXPECT_EQ(errorOf([&] { rival->modeIs(UdpPam::inService); }), EADDRINUSE);
+  pam->modeIs(UdpPam::outOfService);
+  EXPECT_EQ(support::openFds(), fds + 2) << "of the two receivers";
 }
 
 /// Two namespaces joined by a wire that takes next to nothing while a test fills the socket, and

@@ -68,19 +68,19 @@ TEST(Text, ValueLiteralsReadBackWhateverTheyHold) {
     EXPECT_FALSE(ValueReader("Inner", inner.substr(0, len)).attr("a", a).attr("s", s).ok()) << len;
 }
 
-TEST(Ip, V4) {
-  for (const char* good : {"0.0.0.0", "10.0.0.1", "255.255.255.255", "192.0.2.77"}) {
-    const auto a = IpAddr::fromString(good);
-    ASSERT_TRUE(a) << good;
-    EXPECT_EQ(a->stringValue(), good);
+TEST(Ip, V4AgreesWithTheCLibrary) {
+  for (const char* text :
+       {"0.0.0.0", "255.255.255.255", "192.0.2.77", "", "1.2.3", "1.2.3.4.5", "1.2.3.256", "1.2.3.",
+        ".1.2.3", "1..2.3", "01.2.3.4", "1.2.3.4 ", " 1.2.3.4", "+1.2.3.4", "1.2.3.-4", "0x1.2.3.4",
+        "1.2.3.0004", "a.b.c.d", "1.2.3.4/8"}) {
     in_addr kernel{};
-    ASSERT_EQ(::inet_pton(AF_INET, good, &kernel), 1);
+    const bool valid = ::inet_pton(AF_INET, text, &kernel) == 1;
+    const auto a = IpAddr::fromString(text);
+    EXPECT_EQ(a.has_value(), valid) << text;
+    if (!a) continue;
+    EXPECT_EQ(a->stringValue(), text);
     EXPECT_EQ(a->value(), ntohl(kernel.s_addr));
   }
-  for (const char* bad : {"", "1", "1.2.3", "1.2.3.4.5", "1.2.3.256", "1.2.3.", ".1.2.3", "1..2.3",
-                          "01.2.3.4", "1.2.3.04", "1.2.3.4 ", " 1.2.3.4", "+1.2.3.4", "1.2.3.-4",
-                          "0x1.2.3.4", "1.2.3.0004", "a.b.c.d", "1.2.3.4/8"})
-    EXPECT_FALSE(IpAddr::fromString(bad)) << bad;
 }
 
 TEST(Ip, V6IsWrittenAsRfc5952Says) {
