@@ -3,13 +3,8 @@
 #include <gtest/gtest.h>
 #include <net/if.h>
 
-#include <cstring>
-#include <random>
 #include <set>
 
-#include "Ipfix/CollectorStats.h"
-#include "Ipfix/FlowTrackerInfoSm.h"
-#include "Ipfix/FlowTrackerTemplateSm.h"
 #include "Ipfix/IpfixSm.h"
 #include "World.h"
 #include "agent/FlowTemplates.h"
@@ -32,9 +27,7 @@ CollectorSettings to(const std::string& address, uint16_t port = 4739) {
 }
 LinkAddress on(const std::string& address) { return {ip(address), ip(address), 24, 0, 0}; }
 
-/// Networks made by hand: eth0 and eth1 in VRFs default and red, with an
-/// address of each family; eth0's IPv6 address is the same in both. VRF blue
-/// never comes.
+/// Networks made by hand: eth0 and eth1 in VRFs default and red. VRF blue never comes.
 class Nets {
  public:
   Nets() {
@@ -43,7 +36,7 @@ class Nets {
       const auto n = of(VrfName(vrf));
       n->linkIs(1, "eth0", IFF_UP);
       n->addressIs(1, on(red ? "10.1.0.1" : "10.0.0.1"));
-      n->addressIs(1, on("2001:db8::1"));
+      n->addressIs(1, on("2001:db8::1"));  // the same in both
       n->linkIs(2, "eth1", IFF_UP);
       n->addressIs(2, on(red ? "10.1.1.1" : "10.0.1.1"));
       n->presentIs(true);
@@ -59,13 +52,8 @@ class Nets {
   std::map<VrfName, Ptr<VrfNetwork>> all_;
 };
 
-Settings settingsOf(const std::string& toml) {
-  SettingsResult r = parseSettings(toml, "test");
-  for (const std::string& e : r.errors) ADD_FAILURE() << e;
-  return r.settings.value_or(Settings{});
-}
 Settings base() {
-  return settingsOf(R"(
+  return *parseSettings(R"(
 [tracker.edge]
 id = 7
 [tracker.edge.exporter.main]
@@ -81,7 +69,9 @@ local-interface = "eth1"
 [tracker.hard]
 id = 8
 type = "hardware"
-)");
+)",
+                        "base")
+              .settings;
 }
 
 /// Hears what one exporter's configuration tells.
@@ -245,22 +235,21 @@ TEST_F(EntitiesTest, ReadinessIsLogged) {
   entities->apply(base());
   const auto exporter =
       entities->trees().at(FlowTrackingType::software).config->ftConfig("edge")->expConfig("main");
+  const auto line = [](const std::string& name, const std::string& state) {
+    return "<6>FLOWTRACKING_EXPORTER_" + name +
+           ": software exporter main in VRF default, in software flow tracker edge is " + state +
+           ".\n";
+  };
   heard.text.clear();
   exporter->exporter6ReadyIs(true);
-  EXPECT_EQ(heard.text,
-            "<6>FLOWTRACKING_EXPORTER_ACTIVE: software exporter "
-            "main in VRF default, in software "
-            "flow tracker edge is active.\n");
   exporter->exporter4ReadyIs(true);
   exporter->exporter6ReadyIs(false);
+  EXPECT_EQ(heard.text, line("ACTIVE", "active"));
   EXPECT_EQ(entities->readyExporters(), 1u);
   EXPECT_EQ(readinessChanges, 1);
   heard.text.clear();
   exporter->exporter4ReadyIs(false);
-  EXPECT_EQ(heard.text,
-            "<6>FLOWTRACKING_EXPORTER_INACTIVE: software exporter "
-            "main in VRF default, in software "
-            "flow tracker edge is inactive.\n");
+  EXPECT_EQ(heard.text, line("INACTIVE", "inactive"));
   EXPECT_EQ(entities->readyExporters(), 0u);
 }
 
@@ -325,14 +314,12 @@ TEST_F(EntitiesTest, AHostsAddressIsOneThatTheExporterCanSendTo) {
 
 class RandomSettings {
  public:
-  explicit RandomSettings(unsigned seed) : random_(seed) {}
   /// Changes one thing, or many.
   void mutate(Settings& s) {
     for (unsigned n = pick(10) == 0 ? 20 : 1 + pick(2); n > 0; --n) one(s);
   }
 
  private:
-  unsigned pick(unsigned n) { return static_cast<unsigned>(random_() % n); }
   template <class Map>
   auto& any(Map& map, const char* prefix) {
     return map[prefix + std::to_string(pick(4))];
@@ -374,15 +361,12 @@ class RandomSettings {
     any(e.collectors, "c") = c;
   }
 
-  std::mt19937 random_;
+  Random pick;
 };
 
-// The entities end as after a fresh start, and what is the same in both files
-// hears nothing.
+// The entities end as after a fresh start, and what is the same in both files hears nothing.
 TEST_F(EntitiesTest, RandomReloadsTellTheDifferenceOnly) {
-  const unsigned seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  RandomSettings random(seed);
+  RandomSettings random;
   const auto entities = make();
   Settings settings;
   for (int round = 0; round < 500; ++round) {
@@ -429,109 +413,12 @@ TEST_F(EntitiesTest, ChangesAreCountedForTheLog) {
   main.mtu = 512;
   s.trackers["edge"].interfaces = {"eth*"};
   EXPECT_EQ(describe(entities->apply(s)),
-            "trackers: 1 changed; exporters: 1 changed; collectors: 1 added, 1 "
-            "removed, 2 changed");
+            "trackers: 1 changed; exporters: 1 changed; "
+            "collectors: 1 added, 1 removed, 2 changed");
   s.trackers["edge"].type = FlowTrackingType::hardware;
   EXPECT_EQ(describe(entities->apply(s)),
             "trackers: 1 added, 1 removed; exporters: 2 added, 2 removed; "
-            "collectors: 3 added, 3 "
-            "removed");
-}
-
-// The library on top, on simulated time: after any reload it serves exactly
-// what is configured.
-TEST_F(EntitiesTest, RandomReloadsUnderTheLibrary) {
-  using Tarn::Ipfix::CollectorStatistics;
-  const unsigned seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  RandomSettings random(seed);
-  sim->namespaceIs("ns-red", true);
-  const auto table =
-      simTableFactory(CollectorStatistics::keyLen, CollectorStatistics::valueLen, 1024);
-  const auto statistics = Tarn::Ipfix::collectorStatisticsFactory(table);
-  struct Roots {
-    Ptr<FlowTracking::FlowTrackingInfo> info;
-    Ptr<FlowTracking::FlowTrackingInfoSm> infoSm;
-    Ptr<FlowTracking::TemplateSm> templateSm;
-  };
-  const auto entities = make();
-  std::map<FlowTrackingType, Roots> roots;
-  const auto request = FlowTracking::configReqFactory();
-  const auto grow = [&] {
-    for (const auto& [type, tree] : entities->trees()) {
-      Roots& r = roots[type];
-      if (r.info) continue;
-      r.info = FlowTracking::flowTrackingInfoFactory(type);
-      r.infoSm = FlowTracking::flowTrackingInfoSmFactory(sim->schedulerRoot(), tree.config, r.info,
-                                                         init->agentInfo());
-      r.templateSm = FlowTracking::templateSmFactory(request, tree.config, tree.status, r.info,
-                                                     init->elementIdCollection(), statistics,
-                                                     sim->scheduler());
-    }
-  };
-  Settings settings;
-  for (int round = 0; round < 150; ++round) {
-    SCOPED_TRACE("round " + std::to_string(round));
-    random.mutate(settings);
-    entities->apply(settings);
-    grow();
-    sim->advance(0.5s);
-    sim->takeSent();
-    sim->advance(4s);  // more than the longest interval
-
-    using Stream = std::tuple<uint32_t, std::string, uint16_t, unsigned>;
-    std::set<Stream> sent;
-    for (const SimDatagram& d : sim->takeSent()) {
-      const auto& o = d.octets;
-      const uint32_t domain = uint32_t{o[12]} << 24 | o[13] << 16 | o[14] << 8 | o[15];
-      sent.emplace(domain, d.dst.stringValue(), d.dstPort, unsigned{o[17]});
-    }
-    std::set<Stream> wanted;
-    size_t endpoints = 0;
-    std::set<std::string> served;
-    std::set<std::string> configured;
-    for (const auto& [ftName, t] : settings.trackers) {
-      for (const auto& [name, e] : t.exporters) {
-        const auto n = nets.of(e.vrf);
-        const Link* link = n->present() ? n->link(e.localInterface) : nullptr;
-        const SourceAddresses from = link ? chooseSource(*link, {}) : SourceAddresses{};
-        endpoints += !from.v4.isZero();
-        endpoints += !from.v6.isZero();
-        for (const auto& [collector, c] : e.collectors) {
-          const std::string entry =
-              ftName + ' ' + name + ' ' + c.address.stringValue() + ' ' + std::to_string(c.port);
-          configured.insert(entry);
-          if (c.address.isIpv4() ? from.v4.isZero() : from.v6.isZero()) continue;
-          served.insert(entry);
-          // A hardware tracker has the data templates of its devices: here
-          // none.
-          if (t.type == FlowTrackingType::software)
-            wanted.emplace(t.id, c.address.stringValue(), c.port, 2u);
-          wanted.emplace(t.id, c.address.stringValue(), c.port, 3u);
-        }
-      }
-    }
-    ASSERT_EQ(sent, wanted);
-    ASSERT_EQ(sim->openEndpoints(), endpoints);
-    std::set<std::string> counted;
-    table->each([&](SharedTable::Octets octets, SharedTable::Octets) {
-      Tarn::Ipfix::CollectorStatisticsKey key;
-      std::memcpy(static_cast<void*>(&key), octets.data(), sizeof key);
-      counted.insert(std::string(key.tracker()) + ' ' + std::string(key.exporter()) + ' ' +
-                     key.collector().addr().stringValue() + ' ' +
-                     std::to_string(key.collector().port()));
-    });
-    // A collector that cannot be served for a while keeps its counters; no
-    // other is left behind.
-    ASSERT_TRUE(std::includes(counted.begin(), counted.end(), served.begin(), served.end()));
-    for (const std::string& entry : counted) ASSERT_TRUE(configured.contains(entry)) << entry;
-  }
-  for (auto& [type, r] : roots) {
-    r.templateSm = nullptr;
-    r.infoSm = nullptr;
-  }
-  EXPECT_EQ(table->size(), 0u);
-  EXPECT_EQ(sim->openEndpoints(), 0u);
+            "collectors: 3 added, 3 removed");
 }
 
 }  // namespace

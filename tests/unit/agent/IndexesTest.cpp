@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 #include <net/if.h>
 
-#include <fstream>
-#include <random>
 #include <set>
 
 #include "World.h"
@@ -114,10 +112,7 @@ TEST(InterfaceIndexes, NamesThatCannotBeExported) {
 
 /// What the kernel has, and which index each interface must have or once had.
 TEST(InterfaceIndexes, RandomLives) {
-  const unsigned seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
-  const auto below = [&](uint32_t n) { return static_cast<uint32_t>(random() % n); };
+  Random below;
   for (int life = 0; life < 60; ++life) {
     Made made;
     InterfaceIndexes all(made.list, made.heard.log, life % 2 ? first : last - below(20));
@@ -132,18 +127,12 @@ TEST(InterfaceIndexes, RandomLives) {
     };
     std::map<std::string, Net> nets;
     std::set<uint32_t> everGiven;
-    const auto kernelIndex = [&](bool isDefault) -> uint32_t {
-      // Mostly small; in the default namespace sometimes one that was given out, or is about to be.
-      switch (isDefault ? below(6) : 0) {
-        case 1:
-          return first + below(12);
-        case 2:
-          return last - below(12);
-        case 3:
-          return IntfIndexMap::cpuIndex + below(2);
-        default:
-          return 1 + below(8);
-      }
+    // Mostly small; in the default namespace sometimes one that was given out, or is about to be.
+    const auto kernelIndex = [&](bool isDefault) {
+      const uint32_t special[] = {first + below(12), last - below(12),
+                                  IntfIndexMap::cpuIndex + below(2)};
+      const uint32_t which = isDefault ? below(6) : 5;
+      return which < std::size(special) ? special[which] : 1 + below(8);
     };
     for (int step = 0; step < 150; ++step) {
       const std::string vrf = vrfs[below(3)];
@@ -242,31 +231,27 @@ TEST(VrfIds, IdsAreHeldBackForAWhile) {
   EXPECT_EQ(vrfs(ids)["v1"], 2u);
   // Gone a second time: held from then on.
   made.del("v1");
-  for (size_t i = 0; i < VrfIds::heldMax - 1; ++i) {
-    made.add("w" + std::to_string(i));
-    made.del("w" + std::to_string(i));
-  }
+  const auto othersComeAndGo = [&](const std::string& prefix) {
+    for (size_t i = 1; i < VrfIds::heldMax; ++i) {
+      made.add(prefix + std::to_string(i));
+      ASSERT_NE(vrfs(ids)[prefix + std::to_string(i)], 2u) << i;
+      made.del(prefix + std::to_string(i));
+    }
+  };
+  othersComeAndGo("w");
   made.add("v1");
   EXPECT_EQ(vrfs(ids)["v1"], 2u);
   made.del("v1");
-  for (size_t i = 0; i < VrfIds::heldMax - 1; ++i) {
-    made.add("x" + std::to_string(i));
-    ASSERT_NE(vrfs(ids)["x" + std::to_string(i)], 2u) << i;
-    made.del("x" + std::to_string(i));
-  }
+  othersComeAndGo("x");
 }
 
 /// Ids of random lives against the rules.
 TEST(VrfIds, RandomLives) {
-  const unsigned seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
-  const auto below = [&](uint32_t n) { return static_cast<uint32_t>(random() % n); };
+  Random below;
   for (int life = 0; life < 60; ++life) {
     Made made;
     VrfIds ids(made.list, made.heard.log);
     Ids configured;
-    std::set<std::string> there;
     std::map<uint32_t, std::string> lastOwner;
     Ids before;
     for (int step = 0; step < 200; ++step) {
@@ -285,33 +270,25 @@ TEST(VrfIds, RandomLives) {
         ids.configuredIs(configured);
       } else if (!made.list->network(VrfName(name))) {
         made.add(name);
-        there.insert(name);
       } else if (below(2)) {
         made.del(name);
-        there.erase(name);
       } else {
         const auto network = made.list->network(VrfName(name));
         network->presentIs(!network->present());
-        if (network->present()) {
-          there.insert(name);
-        } else {
-          there.erase(name);
-        }
       }
 
       const Ids now = vrfs(ids);
       Ids expected = configured;
       expected.emplace("default", 0);
-      for (const std::string& vrf : there) {
-        if (configured.contains(vrf)) continue;
+      for (const auto& [vrfName, network] : made.list->network()) {
+        const std::string vrf = vrfName.stringValue();
+        if (!network->present() || configured.contains(vrf)) continue;
         ASSERT_TRUE(now.contains(vrf)) << vrf;
         const uint32_t id = now.at(vrf);
         ASSERT_TRUE(id >= 1 && id <= VrfIds::idMax) << vrf << ' ' << id;
         // Stable, unless a configuration claimed it; and nobody else's before.
-        if (before.contains(vrf) && before.at(vrf) != id) {
-          ASSERT_TRUE(reloaded) << vrf;
-        }
         if (!before.contains(vrf) || before.at(vrf) != id) {
+          ASSERT_TRUE(!before.contains(vrf) || reloaded) << vrf;
           const auto owner = lastOwner.find(id);
           ASSERT_TRUE(owner == lastOwner.end() || owner->second == vrf) << vrf << ' ' << id;
         }

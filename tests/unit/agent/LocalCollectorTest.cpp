@@ -3,10 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <deque>
-#include <random>
-
 #include "Ipfix/IpfixSm.h"
 #include "platform/sim/SimPlatform.h"
 #include "tests/unit/agent/World.h"
@@ -50,8 +46,8 @@ std::string templates(TemplateId id, const std::vector<Field>& fields) {
 
 /// A variable-length field's octets (RFC 7011, 7).
 std::string counted(const std::string& octets, bool longForm = false) {
-  return (longForm || octets.size() >= 255 ? '\xff' + be(octets.size(), 2) : be(octets.size(), 1)) +
-         octets;
+  const bool three = longForm || octets.size() >= 255;
+  return (three ? '\xff' + be(octets.size(), 2) : be(octets.size(), 1)) + octets;
 }
 
 class DecoderTest : public testing::Test {
@@ -175,35 +171,30 @@ TEST_F(DecoderTest, MalformedMessagesChangeNothing) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
-    DecoderTest::published.clear();
-    LocalCollectorDecoder fresh(
-        registry(), {[](TemplateId, const PassedLayout&) {}, [](TemplateId) {},
-                     [&](TemplateId, size_t, std::string_view) { ADD_FAILURE() << "passed on"; }});
+    const uint64_t before = n().*row.counter;
     std::string bad = good;
-    bad.replace(row.at, row.octets.size(), row.octets);
-    fresh.decode(bad, IpAddr(1), 1);
-    EXPECT_EQ(fresh.counters().*row.counter, 1u);
-    if (row.counter != &C::badRecord) {
-      EXPECT_EQ(fresh.templates(), 0u);
-      EXPECT_EQ(fresh.streams(), 0u);
-    }
+    hear(bad.replace(row.at, row.octets.size(), row.octets));
+    EXPECT_EQ(n().*row.counter, before + 1);
+    EXPECT_EQ(decoder.templates(), row.counter == &C::badRecord ? 1u : 0u);
+    EXPECT_EQ(decoder.streams(), decoder.templates());
   }
   for (size_t len = 0; len < good.size(); ++len) hear(good.substr(0, len));
-  EXPECT_EQ(n().badVersion, 16u);
-  EXPECT_EQ(n().badLength, good.size() - 16);
+  EXPECT_EQ(n().badVersion, 1u + 16u);
+  EXPECT_EQ(n().badLength, 2u + good.size() - 16);
   // A template whose records had no length would go on for ever.
-  hear(message(templates(300, {{1, 0}, {82, 0}}) + set(300, "aaaa")));
-  EXPECT_EQ(n().badTemplate, 1u);
-  hear(message(set(3, templateRecord(300, {{1, 8}}, 0) + templateRecord(301, {{1, 8}}, 1))));
-  hear(message(set(3, templateRecord(300, {{1, 8}}, 2))));
-  EXPECT_EQ(n().badTemplate, 3u) << "scopes";
-  EXPECT_TRUE(published.empty());
-  EXPECT_EQ(decoder.templates(), 0u);
+  const uint64_t before = n().badTemplate;
+  hear(message(templates(301, {{1, 0}, {82, 0}}) + set(301, "aaaa")));
+  EXPECT_EQ(n().badTemplate, before + 1);
+  hear(message(set(3, templateRecord(302, {{1, 8}}, 0) + templateRecord(303, {{1, 8}}, 1))));
+  hear(message(set(3, templateRecord(302, {{1, 8}}, 2))));
+  EXPECT_EQ(n().badTemplate, before + 3) << "scopes";
+  EXPECT_EQ(decoder.templates(), 1u);
+  EXPECT_TRUE(passed.empty());
   // What is right in a message before a fault inside of a set counts.
   hear(message(templates(300, {{82, variable}}) + set(300, counted("a") + "\5b") +
                set(300, counted("c"))));
   EXPECT_EQ(take().size(), 2u);
-  EXPECT_EQ(n().badRecord, 1u);
+  EXPECT_EQ(n().badRecord, 3u);
 }
 
 TEST_F(DecoderTest, EqualLayoutsShareAnIdAndAnIdRests) {
@@ -279,47 +270,44 @@ TEST_F(DecoderTest, TemplatesExpireUnlessTheyAreRepeated) {
 }
 
 TEST_F(DecoderTest, SequenceNumbersTellWhatIsMissing) {
-  const auto data = [&](uint32_t sequence, size_t records = 2) {
-    hear(message(set(300, std::string(8 * records, 'a')), sequence));
+  struct Row {
+    const char* what;
+    uint32_t sequence;
+    size_t records;
+    const char* seen;  // gaps, records missing, steps back
   };
-  const auto seen = [&] {
-    return std::to_string(n().sequenceGaps) + ' ' + std::to_string(n().recordsMissing) + ' ' +
-           std::to_string(n().sequenceBack);
+  const Row rows[] = {
+      {"the first", 0xfffffffd, 2, "0 0 0"},
+      {"the next", 0xffffffff, 2, "0 0 0"},
+      {"over the wrap", 1, 2, "0 0 0"},
+      {"a gap", 10, 2, "1 7 0"},
+      {"late", 3, 2, "1 7 1"},
+      {"goes on after a late one", 12, 2, "1 7 1"},
+      {"from the start again", 0, 2, "1 7 2"},
+      {"goes on", 2, 2, "1 7 2"},
+      {"another gap", 7, 2, "2 10 2"},
+      {"many records", 9, 100, "2 10 2"},
+      {"after them", 109, 2, "2 10 2"},
+      {"of an unknown template: nobody can say how many", 111, 0, "2 10 2"},
+      {"so nothing is missed", 150, 2, "2 10 2"},
+      {"goes on", 152, 2, "2 10 2"},
+      {"a gap once more", 160, 2, "3 16 2"},
+      {"a device that counts the message's own records in", 166, 6, "3 16 2"},
+      {"and again", 170, 4, "3 16 2"},
+      {"and again", 177, 7, "3 16 2"},
+      {"a gap of such a device", 190, 7, "4 22 2"},
+      {"nobody loses so many", 0x40000000, 2, "4 22 3"},
+      {"goes on there", 0x40000002, 2, "4 22 3"},
   };
-  hear(message(templates(300, {{1, 8}}), 0xfffffffd));
-  data(0xfffffffd);
-  data(0xffffffff);
-  data(1);  // over the wrap
-  EXPECT_EQ(seen(), "0 0 0");
-  data(10);
-  EXPECT_EQ(seen(), "1 7 0");
-  data(3);  // late
-  data(12);
-  EXPECT_EQ(seen(), "1 7 1");
-  data(0);  // from the start again
-  data(2);
-  data(7);
-  EXPECT_EQ(seen(), "2 10 2");
-  data(9, 100);
-  data(109);
-  EXPECT_EQ(seen(), "2 10 2");
-  // How many records there are of an unknown template nobody can say.
-  hear(message(set(999, "aaaa"), 111));
-  data(150);
-  EXPECT_EQ(seen(), "2 10 2");
-  data(152);
-  data(160);
-  EXPECT_EQ(seen(), "3 16 2");
-  // A device that counts the message's own records in.
-  data(166, 6);
-  data(170, 4);
-  data(177, 7);
-  EXPECT_EQ(seen(), "3 16 2");
-  data(190, 7);
-  EXPECT_EQ(seen(), "4 22 2");
-  data(0x40000000);
-  data(0x40000002);
-  EXPECT_EQ(seen(), "4 22 3") << "nobody loses so many";
+  hear(message(templates(300, {{1, 8}}), rows[0].sequence));
+  for (const Row& row : rows) {
+    const std::string data(row.records * 8, 'a');
+    hear(message(row.records == 0 ? set(999, "aaaa") : set(300, data), row.sequence));
+    EXPECT_EQ(std::to_string(n().sequenceGaps) + ' ' + std::to_string(n().recordsMissing) + ' ' +
+                  std::to_string(n().sequenceBack),
+              row.seen)
+        << row.what << ' ' << row.sequence;
+  }
   EXPECT_EQ(n().recordsPassed, n().recordsIn);
 }
 
@@ -365,16 +353,9 @@ TEST_F(LimitsTest, WhatIsRememberedIsBounded) {
 }
 
 // Templates, records and repetitions at random, against an oracle that knows what each field is
-// worth; and the same messages with octets changed, which must be survived and leave the counts
-// consistent.
+// worth. (Octets changed at random are the fuzzer's.)
 TEST_F(DecoderTest, RandomMessages) {
-  const char* given = std::getenv("TARN_SEED");
-  const auto seed = given ? static_cast<uint32_t>(std::stoul(given)) : std::random_device{}();
-  SCOPED_TRACE("TARN_SEED=" + std::to_string(seed));
-  std::mt19937 random(seed);
-  const auto pick = [&](size_t n) {
-    return std::uniform_int_distribution<size_t>(0, n - 1)(random);
-  };
+  Random pick;
   const struct {
     Field field;
     bool kept;
@@ -392,38 +373,30 @@ TEST_F(DecoderTest, RandomMessages) {
                {{371, variable}, false},
                {{1002, 1, 7}, false},
                {{152, 8}, true}};
-  LocalCollectorDecoder mutated(registry(),
-                                {[](TemplateId, const PassedLayout&) {}, [](TemplateId) {},
-                                 [](TemplateId, size_t len, std::string_view records) {
-                                   ASSERT_EQ(records.size() % len, 0u);
-                                 }});
   std::map<TemplateId, std::vector<size_t>> device;  // what each id is made of
   uint32_t sequence = 0;
-  size_t expectedRecords = 0;
   for (int round = 0; round < 3000; ++round) {
     std::string sets;
-    std::deque<std::string> expected;
+    std::vector<std::string> expected;
     uint32_t records = 0;
     for (size_t s = 1 + pick(3); s > 0; --s) {
       const auto id = static_cast<TemplateId>(256 + pick(6));
-      if (!device.contains(id) || pick(20) == 0) {
-        std::vector<size_t> made{0};  // always one that is kept
+      std::vector<size_t>& made = device[id];
+      const bool anew = made.empty() || pick(20) == 0;
+      if (anew) {
+        made.assign(1, 0);  // always one that is kept
         for (size_t f = pick(8); f > 0; --f) made.push_back(pick(std::size(known)));
-        std::shuffle(made.begin(), made.end(), random);
-        device[id] = made;
-      } else if (pick(4) > 0) {
-        goto data;
+        std::shuffle(made.begin(), made.end(), pick.engine());
       }
-      {
+      if (anew || pick(4) == 0) {
         std::vector<Field> fields;
-        for (const size_t f : device[id]) fields.push_back(known[f].field);
+        for (const size_t f : made) fields.push_back(known[f].field);
         sets += templates(id, fields);
       }
-    data:
       std::string content;
       for (size_t r = pick(5); r > 0; --r, ++records) {
         std::string kept;
-        for (const size_t f : device[id]) {
+        for (const size_t f : made) {
           const Field& field = known[f].field;
           std::string octets(field.len == variable ? pick(pick(10) == 0 ? 400 : 10) : field.len,
                              '\0');
@@ -436,31 +409,17 @@ TEST_F(DecoderTest, RandomMessages) {
       }
       if (!content.empty()) sets += set(id, content);
     }
-    if (sets.empty() || sets.size() > 60000) continue;
-    const std::string datagram = message(sets, sequence);
+    const uint64_t before = n().recordsIn;
+    hear(message(sets, sequence));
     sequence += records;
-    expectedRecords += records;
-    hear(datagram);
     const auto got = take();
     ASSERT_EQ(got.size(), expected.size()) << round;
     for (size_t i = 0; i < got.size(); ++i) ASSERT_EQ(got[i].second, expected[i]) << round;
-    ASSERT_EQ(n().recordsIn, expectedRecords);
+    ASSERT_EQ(n().recordsIn - before, records);
     ASSERT_EQ(n().sequenceGaps + n().sequenceBack + n().badRecord + n().badTemplate, 0u) << round;
     if (round % 100 == 99) decoder.advance(Seconds(60));
-
-    std::string bad = datagram;
-    for (size_t k = 1 + pick(4); k > 0; --k) bad[pick(bad.size())] = static_cast<char>(pick(256));
-    if (pick(4) == 0) bad.resize(pick(bad.size() + 1));
-    bad.replace(0, std::min<size_t>(bad.size(), 4),
-                (be(10, 2) + be(bad.size(), 2)).substr(0, std::min<size_t>(bad.size(), 4)));
-    const std::vector<char> octets(bad.begin(), bad.end());
-    mutated.decode({octets.data(), octets.size()}, IpAddr(1), static_cast<uint16_t>(pick(3)));
-    const auto& m = mutated.counters();
-    ASSERT_EQ(m.recordsIn, m.recordsPassed + m.recordsOfRefused + m.recordsTooLarge);
   }
   EXPECT_GT(n().recordsPassed, 5000u);
-  EXPECT_GT(mutated.counters().badRecord + mutated.counters().badTemplate, 10u);
-  EXPECT_GT(mutated.counters().recordsPassed, 100u);
 }
 
 // --- The whole, on virtual time ---
@@ -541,14 +500,11 @@ TEST_F(CollectorTest, PublishesTemplatesAndPassesRecordsOn) {
   const auto published = ftStatus->templateStatus(256);
   ASSERT_TRUE(published);
   EXPECT_EQ(published->genId(), 1u);
-  ASSERT_EQ(published->ftTemplateEntry().size(), 2u);
-  const auto& first = published->ftTemplateEntry().at(0);
-  const auto& second = published->ftTemplateEntry().at(1);
-  EXPECT_EQ(first.fieldId().value(), 8u);
-  EXPECT_EQ(first.fieldLen(), 4);
-  EXPECT_FALSE(first.enterpriseIe());
-  EXPECT_EQ(second.fieldId().value(), 1001u);
-  EXPECT_TRUE(second.enterpriseIe());
+  std::string fields;
+  for (const auto& [position, e] : published->ftTemplateEntry())
+    fields += std::to_string(e.fieldId().value()) + (e.enterpriseIe() ? "e/" : "/") +
+              std::to_string(e.fieldLen()) + ' ';
+  EXPECT_EQ(fields, "8/4 1001e/2 ");
   EXPECT_EQ(passed, (std::vector<std::string>{"edge 256 aaaabb"}));
   EXPECT_EQ(flushed, 0u) << "records gather";
   sim->advance(Seconds(0.1));

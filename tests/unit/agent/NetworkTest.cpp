@@ -8,7 +8,6 @@
 
 #include <fstream>
 #include <map>
-#include <random>
 #include <sstream>
 
 #include "World.h"
@@ -192,19 +191,17 @@ TEST(Rtnetlink, MessagesThatMeanSomethingElse) {
 }
 
 TEST(Rtnetlink, BrokenMessagesAreHarmless) {
-  const unsigned seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
+  Random random;
   const auto n = vrfNetworkFactory(VrfName("red"));
   for (int round = 0; round < 20000; ++round) {
     const Message whole = round % 2 == 0 ? linkMessage(RTM_NEWLINK, 5, "eth0")
-                                         : addressMessage(RTM_NEWADDR, 5, random());
+                                         : addressMessage(RTM_NEWADDR, 5, random(UINT32_MAX));
     // On the heap and no longer than it says, so that the sanitizer sees a read behind the end.
-    const uint32_t len = sizeof(nlmsghdr) + random() % (whole.header->nlmsg_len + 4);
+    const uint32_t len = sizeof(nlmsghdr) + random(whole.header->nlmsg_len + 4);
     const auto copy = std::make_unique<char[]>(len);
     std::memcpy(copy.get(), whole.octets.data(), len);
-    for (unsigned k = random() % 4; k > 0 && len > sizeof(nlmsghdr); --k)
-      copy[sizeof(nlmsghdr) + random() % (len - sizeof(nlmsghdr))] = static_cast<char>(random());
+    for (unsigned k = random(4); k > 0 && len > sizeof(nlmsghdr); --k)
+      copy[sizeof(nlmsghdr) + random(len - sizeof(nlmsghdr))] = static_cast<char>(random(256));
     auto* header = reinterpret_cast<nlmsghdr*>(copy.get());
     header->nlmsg_len = len;
     applyRtnetlink(*header, *n);
@@ -222,23 +219,19 @@ class Kernel : public World {
   /// Less than the time between two looks at all namespaces: an event told.
   static constexpr auto notSlow = 1500ms;
 
-  SourceAddresses source(const Ptr<VrfNetwork>& n, const std::string& interface,
-                         const SourceAddresses& current = {}) {
-    const Link* link = n->link(interface);
-    return link ? chooseSource(*link, current) : SourceAddresses{};
-  }
+  bool soon(const std::function<bool()>& done) { return until(*loop, done, notSlow); }
   /// The interface resolves to these addresses soon.
   testing::AssertionResult becomes(const Ptr<VrfNetwork>& n, const std::string& interface,
                                    const std::string& v4, const std::string& v6) {
-    SourceAddresses now;
+    std::string now;
     const bool ok = until(*loop, [&] {
-      now = source(n, interface);
-      return now.v4.stringValue() == v4 && now.v6.stringValue() == v6;
+      const Link* link = n->link(interface);
+      const SourceAddresses from = link ? chooseSource(*link, {}) : SourceAddresses{};
+      now = from.v4.stringValue() + ' ' + from.v6.stringValue();
+      return now == v4 + ' ' + v6;
     });
     if (ok) return testing::AssertionSuccess();
-    return testing::AssertionFailure()
-           << now.v4.stringValue() << ' ' << now.v6.stringValue() << '\n'
-           << heard.text;
+    return testing::AssertionFailure() << now << '\n' << heard.text;
   }
 
   Ptr<EventLoop> loop = eventLoopFactory();
@@ -262,8 +255,8 @@ TEST_F(Kernel, DefaultNetworkLives) {
   run("ip addr add 10.0.0.2/24 dev d0 && ip addr del 10.0.0.1/24 dev d0");
   // The kernel takes the secondary along, unless told to promote it.
   EXPECT_TRUE(becomes(n, "d0", "0.0.0.0", "2001:db8::1"));
-  run("ip addr add 10.0.0.3/24 dev d0");
-  EXPECT_TRUE(becomes(n, "d0", "10.0.0.3", "2001:db8::1"));
+  run("ip addr add 10.0.0.3 peer 10.0.0.9/32 dev d0");
+  EXPECT_TRUE(becomes(n, "d0", "10.0.0.3", "2001:db8::1")) << "not the peer's";
   run("ip addr change 2001:db8::1/64 dev d0 preferred_lft 0");
   EXPECT_TRUE(becomes(n, "d0", "10.0.0.3", "::"));
   run("ip addr change 2001:db8::1/64 dev d0 preferred_lft forever");
@@ -281,15 +274,6 @@ TEST_F(Kernel, DefaultNetworkLives) {
   EXPECT_EQ(heard.text, "");
 }
 
-TEST_F(Kernel, PointToPointAddressIsTheLocalOne) {
-  makeLink("d0");
-  run("ip link set d0 up");
-  run("ip addr add 10.0.0.1 peer 10.0.0.9/32 dev d0");
-  run("ip addr add 2001:db8::1 peer 2001:db8::9/128 dev d0 nodad");
-  Networks networks(loop, "/run/netns", heard.log);
-  EXPECT_TRUE(becomes(networks.network(VrfName("default")), "d0", "10.0.0.1", "2001:db8::1"));
-}
-
 TEST_F(Kernel, NamespaceComesGoesAndIsReplaced) {
   // Not even the directory is there.
   Networks networks(loop, "/run/netns", heard.log);
@@ -298,29 +282,10 @@ TEST_F(Kernel, NamespaceComesGoesAndIsReplaced) {
   EXPECT_TRUE(heard.has("namespace /run/netns/ns-red is not there")) << heard.text;
   loop->runOnce(Seconds(0.01));
   Ear ear(n);
-
-  for (int round = 1; round <= 2; ++round) {
-    const std::string octet = std::to_string(round);
-    run("ip netns add ns-red");
-    ASSERT_TRUE(until(
-        *loop, [&] { return n->present(); }, notSlow))
-        << heard.text;
-    run("ip link add there type veth peer name here");
-    run("ip link set there netns ns-red && ip -n ns-red link set there up");
-    run("ip -n ns-red addr add 10.0.0." + octet + "/24 dev there");
-    EXPECT_TRUE(becomes(n, "there", "10.0.0." + octet, "::"));
-
-    // The kernel takes the namespace, and with it `here`, down as soon as nobody holds it.
-    run("ip netns del ns-red");
-    EXPECT_TRUE(until(
-        *loop, [&] { return !n->present(); }, notSlow));
-    EXPECT_TRUE(until(*loop, [] { return if_nametoindex("here") == 0; }));
-    EXPECT_TRUE(n->links().empty());
-    EXPECT_TRUE(heard.has("namespace /run/netns/ns-red is gone"));
-  }
+  run("ip netns add ns-red");
+  ASSERT_TRUE(soon([&] { return n->present(); })) << heard.text;
 
   // Replaced between two looks: another namespace, other links.
-  run("ip netns add ns-red");
   makeLink("old", "ns-red");
   ASSERT_TRUE(until(*loop, [&] { return n->link("old") != nullptr; }));
   ear.heard.clear();
@@ -334,15 +299,11 @@ TEST_F(Kernel, NamespaceComesGoesAndIsReplaced) {
   run("umount /run/netns/ns-red");
   EXPECT_TRUE(until(*loop, [&] { return !n->present(); }));
 
-  // Nobody asks for it any more: it is listed as long as it is there.
   run("rm /run/netns/ns-red && ip netns add ns-red");
   ASSERT_TRUE(until(*loop, [&] { return n->present(); }));
-  networks.keepOnly({});
-  EXPECT_TRUE(n->present());
   run("ip netns del ns-red");
-  EXPECT_TRUE(until(
-      *loop, [&] { return networks.list()->network().size() == 1; }, notSlow));
-  EXPECT_FALSE(n->present());
+  EXPECT_TRUE(soon([&] { return !n->present(); }));
+  EXPECT_TRUE(heard.has("namespace /run/netns/ns-red is gone"));
 }
 
 TEST_F(Kernel, NamespacesThatNobodyAskedFor) {
@@ -355,13 +316,9 @@ TEST_F(Kernel, NamespacesThatNobodyAskedFor) {
       if (network->present()) names += vrf.stringValue() + ' ';
     return names;
   };
-  EXPECT_TRUE(until(
-      *loop, [&] { return there() == "default early "; }, notSlow))
-      << there();
+  EXPECT_TRUE(soon([&] { return there() == "default early "; })) << there();
   run("ip netns add ns-late");
-  EXPECT_TRUE(until(
-      *loop, [&] { return there() == "default early late "; }, notSlow))
-      << there();
+  EXPECT_TRUE(soon([&] { return there() == "default early late "; })) << there();
   // Others may ask for it, and stop to, without a word to those that watch it.
   const auto late = networks.network(VrfName("late"));
   Ear ear(late);
@@ -370,8 +327,7 @@ TEST_F(Kernel, NamespacesThatNobodyAskedFor) {
   EXPECT_EQ(networks.list()->network(VrfName("late")), late);
   EXPECT_EQ(ear.heard, "");
   run("ip netns del ns-early");
-  EXPECT_TRUE(until(
-      *loop, [&] { return networks.list()->network().size() == 2; }, notSlow));
+  EXPECT_TRUE(soon([&] { return networks.list()->network().size() == 2; }));
   EXPECT_EQ(there(), "default late ");
 
   // Said once, and again for one that came again.

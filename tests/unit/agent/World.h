@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <random>
 #include <stdexcept>
 #include <string>
 
@@ -54,6 +55,23 @@ class World : public testing::Test {
     if (mount("tmpfs", "/dev/shm", "tmpfs", 0, nullptr) < 0) return "no private /dev/shm";
     return {};
   }
+};
+
+/// Random numbers. TARN_SEED chooses them, and a failure tells which it was.
+class Random {
+ public:
+  /// One below `n`.
+  uint32_t operator()(size_t n) { return static_cast<uint32_t>(engine_() % n); }
+  std::mt19937& engine() { return engine_; }
+
+ private:
+  static unsigned seed() {
+    const char* given = std::getenv("TARN_SEED");
+    return given ? static_cast<unsigned>(std::stoul(given)) : std::random_device{}();
+  }
+  const unsigned seed_ = seed();
+  const testing::ScopedTrace trace_{__FILE__, __LINE__, "TARN_SEED=" + std::to_string(seed_)};
+  std::mt19937 engine_{seed_};
 };
 
 /// Runs rounds of the loop until `done`; false after five seconds.
