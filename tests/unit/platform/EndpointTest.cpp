@@ -6,6 +6,7 @@
 
 #include "tests/support/Net.h"
 #include "tests/unit/platform/Host.h"
+#include "tests/unit/platform/Sinks.h"
 
 using namespace platform;
 using namespace std::chrono_literals;
@@ -65,14 +66,6 @@ class Endpoint : public testing::TestWithParam<Kind> {
     auto task = host->scheduler()->timerTask("send", 2, body);
     task->scheduleIs(0s);
     host->pass(1ms);
-  }
-  static int errorOf(const std::function<void()>& f) {
-    try {
-      f();
-    } catch (const ErrnoException& e) {
-      return e.code().value();
-    }
-    return 0;
   }
 
   const bool ipv6 = GetParam().ipv6;

@@ -1,9 +1,11 @@
 #pragma once
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "platform/Log.h"
 #include "platform/Trace.h"
+#include "platform/UdpPam.h"
 
 /// Keeps the trace lines of level 0.
 struct Lines final : platform::TraceSink {
@@ -13,6 +15,15 @@ struct Lines final : platform::TraceSink {
   }
   std::vector<std::string> all;
 };
+/// The errno that `f` throws; 0: none.
+inline int errorOf(const std::function<void()>& f) {
+  try {
+    f();
+  } catch (const platform::ErrnoException& e) {
+    return e.code().value();
+  }
+  return 0;
+}
 struct NoLog final : platform::LogSink {
   void log(const platform::LogMessage&, std::span<const std::string>) override {}
 };
