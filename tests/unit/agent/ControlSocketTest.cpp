@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 
@@ -253,12 +254,18 @@ TEST_F(ControlSocketTest, TakesNobodysPlaceAndLeavesNothingBehind) {
     EXPECT_TRUE(heard.has("<4>no control socket: ") && heard.has(why)) << heard.text;
   }
   EXPECT_EQ(access("/run/tarn/file", F_OK), 0);
+  struct stat there {};
+  ASSERT_EQ(lstat(path.c_str(), &there), 0) << "the second one must not take it away";
+  EXPECT_EQ(there.st_mode & 0777, 0666u);
   // A copy of the name keeps a socket without its program: that may be replaced.
   ASSERT_EQ(link(path.c_str(), "/run/tarn/left.sock"), 0);
   control.reset();
   EXPECT_NE(access(path.c_str(), F_OK), 0);
   ASSERT_EQ(rename("/run/tarn/left.sock", path.c_str()), 0);
   listen();
+  Client c;
+  c.send("hello\n");
+  EXPECT_TRUE(until([&] { return c.got() == "<hello>\n"; }));
 }
 
 TEST(ControlRequests, WhatIsAskedWrongly) {
