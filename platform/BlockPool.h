@@ -38,7 +38,7 @@ class BlockPool {
   }
 
  private:
-  static constexpr size_t most = 1024;
+  static constexpr size_t most = 1 << 14;
   struct Block {
     Block* next;
   };
