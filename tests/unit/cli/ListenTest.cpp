@@ -25,7 +25,7 @@ class Sender {
  public:
   Sender(const char* host, uint16_t port) {
     addrinfo* to = nullptr;
-    getaddrinfo(host, std::to_string(port).c_str(), nullptr, &to);
+    if (getaddrinfo(host, std::to_string(port).c_str(), nullptr, &to) != 0) return;
     fd_ = socket(to->ai_family, SOCK_DGRAM, 0);
     const int tos = 46 << 2;
     setsockopt(fd_, IPPROTO_IP, IP_TOS, &tos, sizeof tos);
@@ -42,7 +42,7 @@ class Sender {
   }
 
  private:
-  int fd_;
+  int fd_ = -1;
   bool ok_ = false;
 };
 
