@@ -226,9 +226,8 @@ CollectorStatistics::CollectorStatistics(Ptr<SharedTable> table) : table_(std::m
 }
 std::optional<CollectorStatisticsEntry> CollectorStatistics::stats(
     const CollectorStatisticsKey& key) const {
-  CollectorStatisticsEntry entry;
-  if (!table_->get(octetsOf(key), std::as_writable_bytes(std::span(&entry, 1))))
-    return std::nullopt;
+  std::optional<CollectorStatisticsEntry> entry(std::in_place);
+  if (!table_->get(octetsOf(key), std::as_writable_bytes(std::span(&*entry, 1)))) entry.reset();
   return entry;
 }
 void CollectorStatistics::statsIs(const CollectorStatisticsEntry& entry) {

@@ -8,17 +8,13 @@ namespace FlowTracking {
 using ::Ipfix::IpfixConst;
 
 namespace {
-thread_local constinit BlockPool messagePool;
+thread_local constinit SlabPool<sizeof(Message)> messagePool;
 }
 
-void* Message::operator new(size_t len) { return messagePool.take(len); }
-void Message::operator delete(void* p, size_t len) { messagePool.give(p, len); }
+void* Message::operator new(size_t) { return messagePool.take(); }
+void Message::operator delete(void* p, size_t) { messagePool.give(p); }
 
-Ptr<Pkt> Message::pkt(uint32_t seqNo) {
-  msgHdr_.exportTimeIs(Platform::current().clock().nowU32());
-  msgHdr_.seqNoIs(seqNo);
-  return pktHolder_p();
-}
+Ptr<Pkt> Message::pkt(uint32_t seqNo) { return pkt(seqNo, Platform::current().clock().nowU32()); }
 Ptr<Message> messageFactory(Ptr<Pkt> pkt) {
   return Ptr<Message>::adopt(new Message(std::move(pkt)));
 }

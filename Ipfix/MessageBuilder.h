@@ -29,6 +29,17 @@ class TARN_API HeaderView {
     p[2] = static_cast<uint8_t>(v >> 8);
     p[3] = static_cast<uint8_t>(v);
   }
+  void u64Is(uint32_t at, uint64_t v) {
+    uint8_t* p = pkt_->at(offset_ + at, 8);
+    p[0] = static_cast<uint8_t>(v >> 56);
+    p[1] = static_cast<uint8_t>(v >> 48);
+    p[2] = static_cast<uint8_t>(v >> 40);
+    p[3] = static_cast<uint8_t>(v >> 32);
+    p[4] = static_cast<uint8_t>(v >> 24);
+    p[5] = static_cast<uint8_t>(v >> 16);
+    p[6] = static_cast<uint8_t>(v >> 8);
+    p[7] = static_cast<uint8_t>(v);
+  }
 
  private:
   Ptr<Pkt> pkt_;
@@ -44,6 +55,10 @@ class TARN_API MessageHeader : public HeaderView {
   void exportTimeIs(uint32_t v) { u32Is(4, v); }
   void seqNoIs(uint32_t v) { u32Is(8, v); }
   void observationDomainIdIs(uint32_t v) { u32Is(12, v); }
+  /// What changes from one transmission to the next.
+  void exportTimeAndSeqNoIs(uint32_t exportTime, uint32_t seqNo) {
+    u64Is(4, uint64_t{exportTime} << 32 | seqNo);
+  }
 };
 
 /// Set header, 4 octets (RFC 7011, 3.3.2).
@@ -96,6 +111,11 @@ class TARN_API Message final : public Entity {
   /// Stamps the export time of this moment and `seqNo` into the header and returns the packet.
   /// Called once per transmission, just before it.
   Ptr<Pkt> pkt(uint32_t seqNo);
+  /// The same with an export time that was asked for once for many.
+  const Ptr<Pkt>& pkt(uint32_t seqNo, uint32_t exportTime) {
+    msgHdr_.exportTimeAndSeqNoIs(exportTime, seqNo);
+    return pktHolder_p();
+  }
 
   static void* operator new(size_t len);
   static void operator delete(void* p, size_t len);

@@ -1,6 +1,7 @@
 #include "Ipfix/OptionsDataExporterSm.h"
 
 #include "Ipfix/FlowTrackerPktTxUtil.h"
+#include "platform/BlockPool.h"
 #include "platform/Platform.h"
 #include "platform/Trace.h"
 
@@ -15,20 +16,11 @@ constexpr uint32_t defaultActiveInterval = 300000;  // ms
 // How full tables are handed to the endpoints: messages per collector and turn, what may wait in an
 // endpoint before it has to send some, how soon to look again, and what one run of the task hands
 // over where nothing waits.
-constexpr size_t turn = 64;
+constexpr size_t turn = 128;
 constexpr uint64_t backlogMax = 256;
 constexpr Seconds backlogPoll{0.001};
 constexpr size_t handedOverMax = 4096;
 constexpr size_t changedMax = 100000;  // while full tables are on their way
-
-/// Tables are larger than caches, and each message is three steps away from here: they are taken
-/// while the messages before are sent.
-void prefetchAhead(std::span<const Ptr<MessageWrapper>> messages, size_t at) {
-  if (at + 6 >= messages.size()) return;
-  __builtin_prefetch(messages[at + 6].get());
-  __builtin_prefetch(messages[at + 4]->message.get());
-  __builtin_prefetch(messages[at + 2]->message->pktHolder_p().get(), 1);
-}
 
 std::string destination(const Collector& c) {
   return c.isIpv4() ? c.dst4().stringValue() : c.dst6().stringValue();
@@ -36,6 +28,12 @@ std::string destination(const Collector& c) {
 }  // namespace
 
 // --- BuilderWrapper ---
+
+namespace {
+thread_local constinit SlabPool<sizeof(MessageWrapper)> wrapperPool;
+}
+void* MessageWrapper::operator new(size_t) { return wrapperPool.take(); }
+void MessageWrapper::operator delete(void* p, size_t) { wrapperPool.give(p); }
 
 BuilderWrapper::BuilderWrapper(uint16_t maxSize, uint32_t observationDomainId)
     : builder_(messageBuilderFactory(maxSize, observationDomainId)) {}
@@ -54,31 +52,39 @@ Ptr<MessageWrapper> BuilderWrapper::finalizeMsg() {
 void Collector::sendMessage(const ExporterInfo& expInfo,
                             const HwFlowTracking::ExporterConfig& hwExpConfig,
                             const Ptr<MessageWrapper>& msgWrap) {
-  transmit(expInfo, hwExpConfig, *msgWrap);
-  SentMessages sent;
-  sent.add(*msgWrap);
-  updateStats(sent);
+  updateStats(transmit(expInfo, hwExpConfig, std::span(&msgWrap, 1)));
 }
-void Collector::transmit(const ExporterInfo& expInfo,
-                         const HwFlowTracking::ExporterConfig& hwExpConfig,
-                         MessageWrapper& msgWrap) {
-  const uint32_t seq = collInfo_->ipfixMsgSeqNo().value();
-  collInfo_->ipfixMsgSeqNoInc(msgWrap.message->recordCount());
-  const Ptr<Pkt> packet = msgWrap.message->pkt(seq);
+SentMessages Collector::transmit(const ExporterInfo& expInfo,
+                                 const HwFlowTracking::ExporterConfig& hwExpConfig,
+                                 std::span<const Ptr<MessageWrapper>> messages) {
   const DscpValue dscp = hwExpConfig.dscp();
-  const auto& _pam = isIpv4() ? expInfo.udpPam4() : expInfo.udpPam6();
+  const Ptr<UdpPam> _pam = isIpv4() ? expInfo.udpPam4() : expInfo.udpPam6();
   TARN_ASSERT(_pam);
+  const IpAddr src4 = hwExpConfig.srcIpAddr();
+  const Ip6Addr src6 = hwExpConfig.srcIp6Addr();
   if (isIpv4()) {
-    const IpAddr src = hwExpConfig.srcIpAddr();
-    TARN_ASSERT(src != IpAddr::ipAddrZero());
-    trace(TraceLevel::packet, "Collector::", name_, " TX IPv4", HexDump{packet->octets()});
-    sendPkt4(packet, _pam, src, dst4_, dscp);
+    TARN_ASSERT_AS(src4 != IpAddr::ipAddrZero(), "src != IpAddr::ipAddrZero()");
   } else {
-    const Ip6Addr src = hwExpConfig.srcIp6Addr();
-    TARN_ASSERT(!src.isZero());
-    trace(TraceLevel::packet, "Collector::", name_, " TX IPv6", HexDump{packet->octets()});
-    sendPkt6(packet, _pam, src, dst6_, dscp);
+    TARN_ASSERT_AS(!src6.isZero(), "!src.isZero()");
   }
+  const uint32_t now = Platform::current().clock().nowU32();
+  const bool traced = traceSink().enabled(TraceLevel::packet);
+  SentMessages sent;
+  for (const Ptr<MessageWrapper>& m : messages) {
+    const uint32_t seq = collInfo_->ipfixMsgSeqNo().value();
+    collInfo_->ipfixMsgSeqNoInc(m->message->recordCount());
+    const Ptr<Pkt>& packet = m->message->pkt(seq, now);
+    if (traced)
+      trace(TraceLevel::packet, "Collector::", name_, isIpv4() ? " TX IPv4" : " TX IPv6",
+            HexDump{packet->octets()});
+    if (isIpv4()) {
+      sendPkt4(packet, _pam, src4, dst4_, dscp);
+    } else {
+      sendPkt6(packet, _pam, src6, dst6_, dscp);
+    }
+    sent.add(*m);
+  }
+  return sent;
 }
 void Collector::updateStats(const SentMessages& sent) {
   if (!active()) return;  // who heard of the sending took it away, and its entry
@@ -86,7 +92,9 @@ void Collector::updateStats(const SentMessages& sent) {
                                   : Tarn::Ipfix::CollectorInfo::fromIp6AndPort(dst6_);
   const CollectorStatisticsKey key(exporterSm_->ftName(), exporterSm_->expName(), collector);
   const auto& collStats = exporterSm_->collStats();
-  auto entry = collStats->stats(key).value_or(CollectorStatisticsEntry(key));
+  auto known = collStats->stats(key);
+  if (!known) known.emplace(key);
+  CollectorStatisticsEntry& entry = *known;
   entry.exportedMessageTotalCountInc(sent.messages);
   entry.exportedFlowRecordTotalCountInc(sent.records);
   entry.exportedOctetTotalCountInc(sent.octets);
@@ -202,20 +210,19 @@ OptionsDataExporterSm::~OptionsDataExporterSm() {
     for (const auto& [name, collector] : *family) collector->retire();
 }
 
+template <void (OptionsDataExporterSm::*body)()>
+std::unique_ptr<TimerTask> OptionsDataExporterSm::task_p(const char* prefix) {
+  return scheduler_->timerTask(prefix + expName_, taskPriority, [this] {
+    const Ptr<OptionsDataExporterSm> hold(this);  // sending is told, who hears may delete us
+    (this->*body)();
+  });
+}
 void OptionsDataExporterSm::handleInitialized() {
-  const auto task = [this](const char* prefix, void (OptionsDataExporterSm::*body)()) {
-    return scheduler_->timerTask(prefix + expName_, taskPriority, [this, body] {
-      const Ptr<OptionsDataExporterSm> hold(this);  // sending is told, who hears may delete us
-      (this->*body)();
-    });
-  };
-  collectorUpdateTask_ =
-      task("optionsDataExporterCollectorUpdate-", &OptionsDataExporterSm::processCollectorQueue);
-  continueTask_ =
-      task("optionsDataExporterContinueTx-", &OptionsDataExporterSm::continueTransmissions);
-  updateTask_ = task("optionsDataExporterUpdate-", &OptionsDataExporterSm::flushUpdateQueue);
-  txPeriodicTask_ = task("optionsDataExporterPeriodicTx-",
-                         &OptionsDataExporterSm::maybeBeginPeriodicTransmission);
+  using Sm = OptionsDataExporterSm;
+  collectorUpdateTask_ = task_p<&Sm::processCollectorQueue>("optionsDataExporterCollectorUpdate-");
+  continueTask_ = task_p<&Sm::continueTransmissions>("optionsDataExporterContinueTx-");
+  updateTask_ = task_p<&Sm::flushUpdateQueue>("optionsDataExporterUpdate-");
+  txPeriodicTask_ = task_p<&Sm::maybeBeginPeriodicTransmission>("optionsDataExporterPeriodicTx-");
 
   hwExpConfigSm_ = std::make_unique<HwExpConfigSm>(*this);
   if (hwFtConfig_) hwFtConfigSm_ = std::make_unique<HwFtConfigSm>(*this);
@@ -372,7 +379,7 @@ void OptionsDataExporterSm::processCollectorQueue() {
 
 // --- Sending ---
 
-/// Asked before each message: sending is told, and those told may take collector or family away.
+/// Asked before each piece: counting is told, and those told may take collector or family away.
 bool OptionsDataExporterSm::reachable_p(const Collector& collector) const {
   return collector.active() && familyReady_p(collector);
 }
@@ -447,18 +454,15 @@ void OptionsDataExporterSm::continueTransmissions() {
         return;
       }
       const std::span messages(t.tables->messages);
-      const auto piece = messages.subspan(t.next, std::min(messages.size() - t.next, turn));
-      SentMessages sent;
-      while (sent.messages < piece.size() && reachable_p(*t.collector)) {
-        prefetchAhead(messages, t.next + sent.messages);
-        MessageWrapper& next = *piece[sent.messages];
-        t.collector->transmit(*expInfo_, *hwExpConfig_, next);
-        sent.add(next);
+      if (!reachable_p(*t.collector)) {  // it gets all of it when it can be
+        t.next = messages.size();
+        continue;
       }
-      if (sent.messages > 0) t.collector->updateStats(sent);
+      const auto piece = messages.subspan(t.next, std::min(messages.size() - t.next, turn));
+      const SentMessages sent = t.collector->transmit(*expInfo_, *hwExpConfig_, piece);
+      t.next += sent.messages;
       handedOver += sent.messages;
-      // Who cannot be reached gets all of it when it can.
-      t.next = sent.messages < piece.size() ? messages.size() : t.next + sent.messages;
+      t.collector->updateStats(sent);
     }
     std::erase_if(transmission_, [](const Transmission& t) {
       return t.next == t.tables->messages.size() || !t.collector->active();
@@ -472,8 +476,10 @@ void OptionsDataExporterSm::endTransmissions_p() {
     auto waiting = std::exchange(update_, {});  // what is newer stays behind
     for (auto& [setId, record] : std::exchange(changedMeanwhile_, {}))
       updateEnq_p(setId, std::move(record));
-    for (auto& [setId, queue] : waiting)
-      for (; !queue.empty(); queue.recordDel()) update_[setId].recordEnq(queue.head());
+    while (auto* of = waiting.first()) {
+      update_[of->setId].recordEnq(of->queue.head());
+      of->queue.recordDel();
+    }
     updateTask_->scheduleLowestIs(updateDataCoalesceTime_);
   }
   if (std::exchange(tablesAgain_, false)) txPeriodicTask_->scheduleIs(Seconds(0));
@@ -566,12 +572,10 @@ void OptionsDataExporterSm::flushUpdateQueue() {
   BuilderWrapper builder(maxMsgSize_p(), ftId_);
   builder.startMsg();
   bool yield = false;
-  while (!yield && !update_.empty()) {
-    const auto it = update_.begin();
-    const TemplateId setId = it->first;
-    UpdateSetQueue& queue = it->second;
-    const Ptr<const DataRecord> record = queue.head();
-    queue.recordDel();
+  for (auto* of = update_.first(); of && !yield; of = update_.first()) {
+    const TemplateId setId = of->setId;
+    const Ptr<const DataRecord> record = of->queue.head();
+    of->queue.recordDel();  // before sending, which others hear of
     if (processing_ && !tablesAgain_) {
       changedMeanwhile_.emplace_back(setId, record);
       if (changedMeanwhile_.size() > changedMax) {
@@ -580,7 +584,6 @@ void OptionsDataExporterSm::flushUpdateQueue() {
       }
     }
     updateQueueBytes_ -= record->dataLen();
-    if (queue.empty()) update_.erase(it);  // before sending, which others hear of
 
     uint32_t consumed = builder.addSetRecord(setId, *record);
     if (consumed == 0 && builder.recordCount() > 0) {
@@ -589,7 +592,7 @@ void OptionsDataExporterSm::flushUpdateQueue() {
       consumed = builder.addSetRecord(setId, *record);
     }
     TARN_ASSERT(consumed > 0);
-    yield = updateTask_->shouldYield();
+    yield = !update_.empty() && updateTask_->shouldYield();
   }
   if (builder.recordCount() > 0) sendMessageToCollectors(builder.finalizeMsg());
   if (!update_.empty()) updateTask_->scheduleIs(Seconds(0));

@@ -1,4 +1,5 @@
 #pragma once
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <set>
@@ -44,6 +45,13 @@ class TARN_API SetRecords {
     if (first_.count > 0) visit(first_);
     for (const SetRecord& r : more_) visit(r);
   }
+  void add(const SetRecords& o) {
+    if (o.first_.setId == first_.setId && o.more_.empty()) [[likely]] {
+      first_.count += o.first_.count;
+    } else {
+      o.each([this](const SetRecord& r) { (*this)[r.setId].countInc(r.count); });
+    }
+  }
 
  private:
   SetRecord first_;
@@ -55,6 +63,9 @@ class TARN_API MessageWrapper final : public Counted<MessageWrapper> {
  public:
   Ptr<Message> message;
   SetRecords setRecord;
+
+  static void* operator new(size_t len);
+  static void operator delete(void* p, size_t len);
 };
 
 /// What a collector was sent at one go.
@@ -68,7 +79,7 @@ struct TARN_API SentMessages {
     ++messages;
     records += m.message->recordCount();
     octets += m.message->len();
-    m.setRecord.each([this](const SetRecord& r) { sets[r.setId].countInc(r.count); });
+    sets.add(m.setRecord);
   }
 };
 
@@ -119,17 +130,51 @@ class TARN_API BuilderWrapper final {
   SetRecord* lastSet_ = nullptr;  // where the last record counted: a table's follow each other
 };
 
-/// Pending incremental records of one template, first in, first out.
+/// Pending incremental records of one template, first in, first out. Room for a few stays: most
+/// changes come alone.
 class TARN_API UpdateSetQueue {
  public:
   void recordEnq(Ptr<const DataRecord> record) { record_.emplace_back() = std::move(record); }
   const Ptr<const DataRecord>& head() const { return record_[0]; }
-  void recordDel() { record_.pop_front(); }
-  void recordDelAll() { record_.pop_front(record_.size()); }
+  void recordDel() {
+    record_.pop_front();
+    if (record_.empty() && record_.capacity() > 64) record_ = {};
+  }
   bool empty() const { return record_.empty(); }
 
  private:
   Ring<Ptr<const DataRecord>> record_;
+};
+
+/// Those of all templates, in the order of their ids.
+class TARN_API UpdateQueues {
+ public:
+  struct Of {
+    TemplateId setId = 0;
+    UpdateSetQueue queue;
+  };
+  UpdateSetQueue& operator[](TemplateId setId) {
+    auto at = of_.begin();
+    while (at != of_.end() && at->setId < setId) ++at;
+    if (at == of_.end() || at->setId != setId) at = of_.insert(at, Of{setId, {}});
+    return at->queue;
+  }
+  /// The first that holds a record, or null.
+  Of* first() {
+    for (Of& of : of_)
+      if (!of.queue.empty()) return &of;
+    return nullptr;
+  }
+  /// How many hold records.
+  size_t size() const {
+    return static_cast<size_t>(
+        std::count_if(of_.begin(), of_.end(), [](const Of& of) { return !of.queue.empty(); }));
+  }
+  bool empty() const { return size() == 0; }
+  void clear() { of_.clear(); }
+
+ private:
+  std::vector<Of> of_;  // a handful
 };
 
 /// An options data exporter's handle on one destination: numbers, stamps, sends and counts.
@@ -155,9 +200,11 @@ class TARN_API Collector final : public Counted<Collector> {
   /// there (asserted).
   void sendMessage(const ExporterInfo& expInfo, const HwFlowTracking::ExporterConfig& hwExpConfig,
                    const Ptr<MessageWrapper>& msgWrap);
-  /// Without counting: the caller does, for many.
-  void transmit(const ExporterInfo& expInfo, const HwFlowTracking::ExporterConfig& hwExpConfig,
-                MessageWrapper& msgWrap);
+  /// Without counting: nobody hears of it, so that nothing changes from one message to the next,
+  /// and the caller counts them at one go.
+  SentMessages transmit(const ExporterInfo& expInfo,
+                        const HwFlowTracking::ExporterConfig& hwExpConfig,
+                        std::span<const Ptr<MessageWrapper>> messages);
   void updateStats(const SentMessages& sent);
 
  private:
@@ -244,6 +291,8 @@ class TARN_API OptionsDataExporterSm final : public Entity {
                         Ptr<const OptionsDataContainer> dataContainer,
                         Ptr<TaskScheduler> scheduler);
 
+  template <void (OptionsDataExporterSm::*body)()>
+  std::unique_ptr<TimerTask> task_p(const char* prefix);
   uint16_t maxMsgSize_p() const;
   void handleCollInfo(const std::string& name);
   template <class Dst>
@@ -289,7 +338,7 @@ class TARN_API OptionsDataExporterSm final : public Entity {
   std::set<std::string> collectorUpdate_;
   std::map<OptionsDataScope, std::unique_ptr<UpdateSm>> updateDataEnt_;
   std::map<OptionsDataScope, std::unique_ptr<SourceCollSm>> scopedDataSource_;
-  std::map<TemplateId, UpdateSetQueue> update_;
+  UpdateQueues update_;
   uint32_t updateQueueBytes_ = 0;
   Seconds updateDataCoalesceTime_{1.0};
   std::shared_ptr<const BuiltTables> msgCache_;

@@ -1,6 +1,7 @@
 #pragma once
 #include <cstddef>
 #include <new>
+#include <utility>
 
 namespace platform {
 
@@ -45,6 +46,36 @@ class BlockPool {
   Block* free_ = nullptr;
   size_t size_ = 0;
   size_t count_ = 0;
+};
+
+/// The same for small objects of one size, which lie side by side in the order they are made: a
+/// loop over many of them is a walk through memory.
+template <size_t size>
+class SlabPool {
+ public:
+#ifdef TARN_NO_POOLS
+  void* take() { return ::operator new(size); }
+  void give(void* p) { ::operator delete(p); }
+#else
+  void* take() {
+    if (!free_) makeSlab();
+    return std::exchange(free_, free_->next);
+  }
+  void give(void* p) { free_ = new (p) Block{free_}; }
+
+ private:
+  struct Block {
+    Block* next;
+  };
+  static constexpr size_t blocks = 64;
+
+  void makeSlab() {
+    auto* slab = static_cast<std::byte*>(::operator new(blocks* size));
+    for (size_t i = blocks; i > 0; --i) give(slab + (i - 1) * size);
+  }
+
+  Block* free_ = nullptr;
+#endif
 };
 
 }  // namespace platform

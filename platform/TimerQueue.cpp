@@ -11,12 +11,9 @@ namespace platform {
 class TimerQueue::Task final : public TimerTask {
  public:
   Task(Ptr<TimerQueue> queue, std::string name, TaskPriority priority, std::function<void()> body)
-      : queue_(std::move(queue)),
-        name_(std::move(name)),
-        priority_(priority),
-        body_(std::move(body)) {
+      : queue_(std::move(queue)), name_(std::move(name)), body_(std::move(body)) {
     // The set's node is made once and then moves in and out.
-    at_ = queue_->pending_.insert(this).first;
+    at_ = queue_->pending_.insert({.priority = priority, .task = this}).first;
     idle_ = queue_->pending_.extract(at_);
   }
   ~Task() override {
@@ -28,7 +25,7 @@ class TimerQueue::Task final : public TimerTask {
   void scheduleIs(Seconds delay) override { dueIs(queue_->dueAfter(delay)); }
   void scheduleLowestIs(Seconds delay) override {
     const Time due = queue_->dueAfter(delay);
-    if (!scheduled() || due < due_) dueIs(due);
+    if (!scheduled() || due < at_->due) dueIs(due);
   }
   void stop() override {
     if (scheduled()) idle_ = queue_->pending_.extract(at_);
@@ -43,23 +40,20 @@ class TimerQueue::Task final : public TimerTask {
   friend class TimerQueue;
   void dueIs(Time due) {
     stop();
-    due_ = due;
-    seq_ = queue_->nextSeq_++;
+    idle_.value().due = due;
+    idle_.value().seq = queue_->nextSeq_++;
     at_ = queue_->pending_.insert(std::move(idle_)).position;
   }
 
   const Ptr<TimerQueue> queue_;
   const std::string name_;
-  const TaskPriority priority_;
   std::function<void()> body_;
-  Time due_{0};
-  uint64_t seq_ = UINT64_MAX;
   Pending::iterator at_;
   Pending::node_type idle_;  // the node while no run is pending
 };
 
-bool TimerQueue::Earlier::operator()(const Task* a, const Task* b) const {
-  return std::tie(a->due_, a->priority_, a->seq_) < std::tie(b->due_, b->priority_, b->seq_);
+bool TimerQueue::Run::operator<(const Run& o) const {
+  return std::tie(due, priority, seq) < std::tie(o.due, o.priority, o.seq);
 }
 
 std::unique_ptr<TimerTask> TimerQueue::timerTask(std::string name, TaskPriority priority,
@@ -69,7 +63,7 @@ std::unique_ptr<TimerTask> TimerQueue::timerTask(std::string name, TaskPriority 
 
 std::optional<TimerQueue::Time> TimerQueue::nextDue() const {
   if (pending_.empty()) return std::nullopt;
-  return (*pending_.begin())->due_;
+  return pending_.begin()->due;
 }
 
 void TimerQueue::roundIs(Time now) {
@@ -82,9 +76,10 @@ bool TimerQueue::runNext() {
   // Tasks scheduled in this round carry times at or after its own, but a lower priority value may
   // have brought them before others of the round.
   auto it = std::find_if(pending_.begin(), pending_.end(),
-                         [this](const Task* t) { return t->due_ > round_ || t->seq_ < roundSeq_; });
-  if (it == pending_.end() || (*it)->due_ > round_) return false;
-  Task* task = *it;
+                         [this](const Run& r) { return r.due > round_ || r.seq < roundSeq_; });
+  if (it == pending_.end() || it->due > round_) return false;
+  Task* task = it->task;
+  if (++it != pending_.end()) __builtin_prefetch(it->task);  // its turn is probably the next
   task->stop();
   // A body may destroy its own task, and with it what the body itself holds.
   const Ptr<TimerQueue> hold(this);
@@ -111,8 +106,8 @@ AttrRows TimerQueue::attrRows() const {
       {.name = "pending", .each = [](const Entity& e, const AttrRow::Visitor& visit) {
          const auto& queue = static_cast<const TimerQueue&>(e);
          const Time now = queue.host_ ? queue.host_->now() : queue.round_;
-         for (const Task* t : queue.pending_)
-           visit(toQuoted(t->name_), nullptr, toText(Seconds(t->due_ - now)));
+         for (const Run& r : queue.pending_)
+           visit(toQuoted(r.task->name_), nullptr, toText(Seconds(r.due - now)));
        }}};
   return rows;
 }

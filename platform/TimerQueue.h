@@ -49,10 +49,15 @@ class TimerQueue final : public TaskScheduler {
 
  private:
   class Task;
-  struct Earlier {
-    bool operator()(const Task* a, const Task* b) const;
+  /// A run. What decides on its turn stands beside it: tasks are far from each other in memory.
+  struct Run {
+    Time due{0};
+    TaskPriority priority = 0;
+    uint64_t seq = UINT64_MAX;
+    Task* task = nullptr;
+    bool operator<(const Run& o) const;
   };
-  using Pending = std::set<Task*, Earlier>;
+  using Pending = std::set<Run>;
 
   Time dueAfter(Seconds delay) const;
 

@@ -56,7 +56,7 @@ class EpollLoop final : public EventLoop, private TimerQueue::Host {
   Ptr<TaskScheduler> taskScheduler() const override { return tasks_; }
   std::unique_ptr<FdWatch> fdWatch(int fd, uint32_t events,
                                    std::function<void(uint32_t)> handler) override;
-  void atEndOfTask(std::function<void()> hook) override { hooks_.push_back(std::move(hook)); }
+  std::unique_ptr<EndHook> endHook(std::function<void()> body) override;
 
   void run() override {
     while (!stopped_) runOnce(Seconds(-1));
@@ -71,6 +71,7 @@ class EpollLoop final : public EventLoop, private TimerQueue::Host {
 
  private:
   class Watch;
+  class Hook;
 
   Time now() const override { return monotonicNow(); }
   bool shouldYield() const override;
@@ -80,9 +81,9 @@ class EpollLoop final : public EventLoop, private TimerQueue::Host {
   const Fd epoll_;
   const Fd timer_;
   const Ptr<TimerQueue> tasks_;
-  Time armed_{0};  // what the timer is set to; 0: not set
-  std::vector<std::function<void()>> hooks_;
-  std::vector<std::function<void()>> spareHooks_;  // empty; its room is for the next ones
+  Time armed_{0};                    // what the timer is set to; 0: not set
+  std::vector<Hook*> hooks_;         // asked for; null: taken back
+  std::vector<Hook*> runningHooks_;  // those whose turn it is; empty between
   bool inRound_ = false;
   bool stopped_ = false;
 
@@ -137,6 +138,34 @@ class EpollLoop::Watch final : public FdWatch {
   uint32_t events_;
   std::function<void(uint32_t)> handler_;
 };
+
+class EpollLoop::Hook final : public EndHook {
+ public:
+  Hook(Ptr<EpollLoop> loop, std::function<void()> body)
+      : loop_(std::move(loop)), body_(std::move(body)) {}
+  ~Hook() override {
+    if (!asked_) return;
+    for (auto* hooks : {&loop_->hooks_, &loop_->runningHooks_})
+      std::replace(hooks->begin(), hooks->end(), this, static_cast<Hook*>(nullptr));
+  }
+  void ask() override {
+    if (std::exchange(asked_, true)) return;
+    loop_->hooks_.push_back(this);
+  }
+  void run() noexcept {
+    asked_ = false;
+    body_();
+  }
+
+ private:
+  const Ptr<EpollLoop> loop_;
+  const std::function<void()> body_;
+  bool asked_ = false;
+};
+
+std::unique_ptr<EventLoop::EndHook> EpollLoop::endHook(std::function<void()> body) {
+  return std::make_unique<Hook>(Ptr<EpollLoop>(this), std::move(body));
+}
 
 std::unique_ptr<EventLoop::FdWatch> EpollLoop::fdWatch(int fd, uint32_t events,
                                                        std::function<void(uint32_t)> handler) {
@@ -201,10 +230,10 @@ void EpollLoop::runOnce(Seconds maxWait) {
 void EpollLoop::runHooks() {
   if (hooks_.empty()) return;
   // A hook asked for by a hook waits for the next end, or the next round: no endless loop here.
-  std::vector<std::function<void()>> hooks = std::exchange(hooks_, std::move(spareHooks_));
-  for (auto& hook : hooks) [&]() noexcept { hook(); }();
-  hooks.clear();
-  spareHooks_ = std::move(hooks);
+  runningHooks_.swap(hooks_);
+  for (Hook*& hook : runningHooks_)
+    if (Hook* h = std::exchange(hook, nullptr)) h->run();
+  runningHooks_.clear();
 }
 
 void EpollLoop::armTimer(Time due) {

@@ -18,7 +18,7 @@ namespace platform {
 /// descriptors, then the tasks that were due when the waiting ended; after each handler and each
 /// task run the end-of-task hooks that were asked for inside it. Due tasks that do not fit into
 /// 10 ms are left to the next round, whose first they are, so that descriptors never wait longer.
-/// Watches and tasks keep their loop alive.
+/// Watches, hooks and tasks keep their loop alive.
 class EventLoop : public TaskSchedulerRoot {
  public:
   /// A descriptor under watch; destroying it ends the watch, also from inside its own or another
@@ -30,14 +30,22 @@ class EventLoop : public TaskSchedulerRoot {
     virtual void eventsIs(uint32_t events) = 0;
   };
 
+  /// What is to run at the end of a handler or task. Destroying it takes it back; its own body may
+  /// not.
+  class EndHook {
+   public:
+    virtual ~EndHook() = default;
+    /// Runs it once, however often it is asked for, when the handler or task under way is over;
+    /// outside the loop, at the start of its next round. Asked for by a hook it waits for the next
+    /// such end, or the start of the next round, which is then at once.
+    virtual void ask() = 0;
+  };
+
   /// Throws ErrnoException when epoll refuses the descriptor.
   virtual std::unique_ptr<FdWatch> fdWatch(int fd, uint32_t events,
                                            std::function<void(uint32_t events)> handler) = 0;
-  /// Runs `hook` once, when the handler or task under way is over; outside the loop, at the start
-  /// of its next round. Endpoints send there what gathered. A hook must not throw; its owner must
-  /// outlive it or clear what it refers to. One that a hook asks for waits for the next such end,
-  /// or the start of the next round, which is then at once.
-  virtual void atEndOfTask(std::function<void()> hook) = 0;
+  /// Endpoints send there what gathered. `body` must not throw.
+  virtual std::unique_ptr<EndHook> endHook(std::function<void()> body) = 0;
 
   /// Runs rounds until `stop`. Returns at once when `stop` was called before.
   virtual void run() = 0;

@@ -66,13 +66,50 @@ struct Datagram {
   uint32_t way = 0;  // number of its way, modulo 2^32: neighbours of one number go the same way
   std::array<uint8_t, UdpPam::restampLen> head{};
 
-  uint32_t headLen() const { return std::min(len, UdpPam::restampLen); }
-  /// Whether its packet still has the beginning that this datagram took over.
-  bool whole() const {
-    if (len >= UdpPam::restampLen) return memcmp(pkt->data(), head.data(), head.size()) == 0;
-    return memcmp(pkt->data(), head.data(), len) == 0;
+  /// Where its octets are. One piece costs the kernel a tenth less than two, which it takes when
+  /// its packet no longer has the beginning that this datagram took over.
+  iovec* pieces(iovec* to) const {
+    TARN_ASSERT_AS(pkt->bytes() >= len, "a packet under transmission keeps its length");
+    auto* octets = const_cast<uint8_t*>(pkt->data());
+    const uint32_t headLen = std::min(len, UdpPam::restampLen);
+    const bool whole = len >= UdpPam::restampLen
+                           ? memcmp(octets, head.data(), UdpPam::restampLen) == 0
+                           : memcmp(octets, head.data(), len) == 0;
+    if (whole) {
+      *to++ = {octets, len};
+      return to;
+    }
+    *to++ = {const_cast<uint8_t*>(head.data()), headLen};
+    if (len > headLen) *to++ = {octets + headLen, len - headLen};
+    return to;
   }
 };
+
+using Queue = Ring<Datagram>;
+
+/// What one send can take of the queue: all to the same place and of one length, but for the last,
+/// which may be shorter.
+struct Run {
+  size_t end;  // behind its last
+  iovec* iov;  // behind its pieces
+  uint64_t octets;
+  bool open;  // one more could join it
+};
+
+/// By itself, so that its caller's state does not crowd the loop's out of the registers.
+[[gnu::noinline]] Run runOf(Queue::View queue, size_t at, size_t end, iovec* iov) {
+  const Datagram* d = &queue[at];
+  const uint32_t len = d->len;
+  const uint32_t way = d->way;
+  for (uint64_t octets = 0;;) {
+    octets += d->len;
+    iov = d->pieces(iov);
+    ++at;
+    if (at == end || d->len < len) return {at, iov, octets, d->len == len};
+    d = &queue[at];
+    if (d->way != way || d->len > len || d->len == 0) return {at, iov, octets, false};
+  }
+}
 
 /// What sendmmsg is told of one send: a datagram, or a run of them that the kernel, or the device,
 /// cuts into segments of the first one's length.
@@ -87,6 +124,7 @@ struct TxSlot {
   alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(in6_pktinfo)) + CMSG_SPACE(sizeof(int)) +
                                         CMSG_SPACE(sizeof(uint16_t))> control;
   size_t segments;
+  uint64_t octets;
 };
 
 /// Everything that one system call takes.
@@ -116,9 +154,10 @@ void TxSlot::address(const Way& way, size_t runLen, uint32_t len, msghdr& hdr) {
   memset(&to, 0, sizeof to);
   memset(control.data(), 0, control.size());
   segments = runLen;
-  hdr = {};
   hdr.msg_name = &to;
   hdr.msg_control = control.data();
+  hdr.msg_controllen = 0;
+  hdr.msg_flags = 0;
   if (way.dst.addr.isIpv6()) {
     to.v6.sin6_family = AF_INET6;
     to.v6.sin6_port = htons(way.dst.port);
@@ -199,14 +238,16 @@ class UdpPamLinux final : public UdpPam {
         trace_(trace),
         netnsDir_(options.netnsDir),
         queueMax_(std::max<size_t>(options.endpointQueueMax, 1)),
+        sendAt_(std::min(batchMax, queueMax_)),
         defaultPace_(paceOf(options.paceBurst, options.paceInterval)),
         segmentsMax_(std::clamp<size_t>(options.segmentsMax, 1, segmentsMax)),
         rxBufferSize_(options.rxBufferSize),
-        rest_(loop_->taskScheduler()->timerTask(name + "-tx", taskPriority, [this] { flush(); })) {}
-  ~UdpPamLinux() override {
-    close();
-    *self_ = nullptr;
-  }
+        rest_(loop_->taskScheduler()->timerTask(name + "-tx", taskPriority, [this] { flush(); })),
+        endOfTask_(loop_->endHook([this] {
+          hooked_ = false;
+          flush();
+        })) {}
+  ~UdpPamLinux() override { close(); }
 
   const std::string& name() const override { return name_; }
   void netNsIs(const NamespaceName& ns) override { netNs_ = ns; }
@@ -268,9 +309,8 @@ class UdpPamLinux final : public UdpPam {
 
   void open();
   void close();
-  void flushAtEndOfTask();
   void flush();
-  bool sendSome();
+  bool sendSome(bool moreComes = false);
   void handleEvents(uint32_t events);
   void watchWhatMatters();
   void enlargeRxBuffer();
@@ -284,6 +324,8 @@ class UdpPamLinux final : public UdpPam {
     ++counters_.dropped;
     ++counters_.dropByErrno[err];
   }
+  [[gnu::noinline]] bool readyFor(const Pkt& pkt);
+  [[gnu::noinline]] void arrangeSending();
   template <class T>
   void addressingIs(T& attr, const T& value) {
     if (attr == value) return;
@@ -292,11 +334,12 @@ class UdpPamLinux final : public UdpPam {
   }
   const Way& wayOf(const Datagram& d) const { return ways_[d.way - firstWay_]; }
   const Pace& pace() const { return limit_ ? *limit_ : defaultPace_; }
-  size_t runAt(size_t first, size_t most) const;
-  size_t fill(TxRoom& room);
+  size_t allowedByPace(size_t most);
+  size_t segmentsMaxOf(const Datagram& first) const;
+  size_t fill(TxRoom& room, bool moreComes);
   void tosIs(uint8_t tos);
   void popFront(size_t n = 1);
-  void taken(size_t n);
+  void taken(size_t n, uint64_t octets);
   void recovered(const Datagram& d);
   void refused(const Destination& dst, uint32_t len, int err);
 
@@ -305,6 +348,7 @@ class UdpPamLinux final : public UdpPam {
   TraceSink& trace_;
   const std::string netnsDir_;
   const size_t queueMax_;
+  const size_t sendAt_;
   const Pace defaultPace_;
   const size_t segmentsMax_;
   const int rxBufferSize_;
@@ -335,15 +379,14 @@ class UdpPamLinux final : public UdpPam {
   uint16_t txPort_ = 0;
   uint8_t tos_ = 0;
 
-  bool wayChanged_ = true;  // since the last datagram
+  bool wayChanged_ = true;  // since the last datagram, or there is no socket
 
-  Ring<Datagram> queue_;
+  Queue queue_;
   Ring<Way> ways_;                   // of those in the queue, and of the last one
   uint32_t firstWay_ = 0;            // the number of the first of them
   std::unique_ptr<TimerTask> rest_;  // goes on where a flush stopped at its bound
-  // The end-of-task hook's way to this, and whether it is asked for.
-  const std::shared_ptr<UdpPamLinux*> self_ = std::make_shared<UdpPamLinux*>(this);
-  bool hooked_ = false;
+  const std::unique_ptr<EventLoop::EndHook> endOfTask_;  // flushes
+  bool hooked_ = false;                                  // it is asked for
   UdpPamCounters counters_;
   std::map<Destination, std::map<int, Failure>> failing_;
   uint64_t overflow_ = 0;  // dropped since the queue was last empty
@@ -444,62 +487,71 @@ void UdpPamLinux::close() {
   countRxDrops();
   watch_ = nullptr;
   socket_.close();
+  wayChanged_ = true;
   full_ = false;
   failing_.clear();
   unsegmented_.clear();
   overflow_ = 0;
 }
 
-void UdpPamLinux::txPktIs(const Ptr<Pkt>& pkt) {
-  if (!socket_) return countDrop(EBADF);
-  // The kernel would take a zero address for this host itself.
-  if (txPort_ == 0 || (socketIpv6_ ? dst6_.isZero() : dst4_.isZero())) {
-    const Destination nowhere{socketIpv6_ ? IpGenAddr(dst6_) : IpGenAddr(dst4_), txPort_};
-    return refused(nowhere, pkt->bytes(), EDESTADDRREQ);
+/// Whether the next datagram has a way and a place. What is not so each time is in here.
+bool UdpPamLinux::readyFor(const Pkt& pkt) {
+  if (!socket_) {
+    countDrop(EBADF);
+    return false;
   }
   if (queue_.size() >= queueMax_) {
     countDrop(ENOBUFS);
     if (overflow_++ == 0)
       traceLine("queue of " + std::to_string(queueMax_) + " datagrams is full: dropping");
+    return false;
+  }
+  if (!wayChanged_) return true;
+  const Destination dst{socketIpv6_ ? IpGenAddr(dst6_) : IpGenAddr(dst4_), txPort_};
+  // The kernel would take a zero address for this host itself.
+  if (txPort_ == 0 || (socketIpv6_ ? dst6_.isZero() : dst4_.isZero())) {
+    refused(dst, pkt.bytes(), EDESTADDRREQ);
+    return false;
+  }
+  ways_.emplace_back() = {
+      .src = socketIpv6_ ? IpGenAddr(src6_) : IpGenAddr(src4_), .dst = dst, .tos = tos_};
+  wayChanged_ = false;
+  return true;
+}
+
+void UdpPamLinux::txPktIs(const Ptr<Pkt>& pkt) {
+  if ((wayChanged_ || queue_.size() >= queueMax_) && !readyFor(*pkt)) [[unlikely]]
     return;
-  }
-  if (wayChanged_) {
-    ways_.emplace_back() = {.src = socketIpv6_ ? IpGenAddr(src6_) : IpGenAddr(src4_),
-                            .dst = {socketIpv6_ ? IpGenAddr(dst6_) : IpGenAddr(dst4_), txPort_},
-                            .tos = tos_};
-    wayChanged_ = false;
-  }
   Datagram& d = queue_.emplace_back();
   d.pkt = pkt;
   d.len = pkt->bytes();
   d.way = firstWay_ + static_cast<uint32_t>(ways_.size() - 1);
-  if (d.len >= restampLen) {
+  if (d.len >= restampLen) [[likely]] {
     memcpy(d.head.data(), pkt->data(), restampLen);
   } else {
     memcpy(d.head.data(), pkt->data(), d.len);
   }
   counters_.queued = queue_.size();
   counters_.queuedMax = std::max(counters_.queuedMax, counters_.queued);
+  if (!hooked_ || queue_.size() >= sendAt_) [[unlikely]]
+    arrangeSending();
+}
+
+/// A full batch gains nothing by waiting, and a long task shall not fill the queue; less than that
+/// leaves at its end.
+void UdpPamLinux::arrangeSending() {
   if (full_) return;
-  // A full batch gains nothing by waiting, and a long task shall not fill the queue.
-  if (queue_.size() >= std::min(batchMax, queueMax_)) sendSome();
-  if (!queue_.empty()) flushAtEndOfTask();
+  if (queue_.size() >= sendAt_) sendSome(true);
+  if (hooked_ || queue_.empty()) return;
+  hooked_ = true;
+  endOfTask_->ask();
 }
 
 void UdpPamLinux::txRateLimitIs(const RateLimit& limit) {
   limit_.reset();
   if (limit.unit != RateLimit::Unit::hostsChoice) limit_ = paceOf(limit);
+  pacer_ = {};  // credit of another pace, which may have counted something else, is worth nothing
   if (!queue_.empty()) rest_->scheduleLowestIs(Seconds(0));  // a wait at the old pace may be long
-}
-
-void UdpPamLinux::flushAtEndOfTask() {
-  if (hooked_ || full_) return;
-  hooked_ = true;
-  loop_->atEndOfTask([self = self_] {
-    if (!*self) return;
-    (*self)->hooked_ = false;
-    (*self)->flush();
-  });
 }
 
 void UdpPamLinux::flush() {
@@ -510,21 +562,26 @@ void UdpPamLinux::flush() {
   if (!queue_.empty() && !full_ && !rest_->scheduled()) rest_->scheduleIs(Seconds(0));
 }
 
-/// Sends the first of the queue in one call, or drops its first datagram when that is refused.
-/// False: the socket has no room, and the watch calls `flush` when it has; or the pace's share is
-/// used up, and the task does when there is more.
-bool UdpPamLinux::sendSome() {
+/// Sends the first of the queue in one call, or drops its first datagram when that is refused. A
+/// run that could become longer waits for it when `moreComes`. False: the socket has no room, and
+/// the watch calls `flush` when it has; or the pace's share is used up, and the task does when
+/// there is more.
+bool UdpPamLinux::sendSome(bool moreComes) {
   if (full_) return false;
   static thread_local TxRoom room;  // of all endpoints: a thousand of them share a warm one
-  const size_t sends = fill(room);
+  const size_t sends = fill(room, moreComes);
   if (sends == 0) return false;
   const int sent =
       ::sendmmsg(socket_.get(), room.msgs.data(), static_cast<unsigned>(sends), MSG_NOSIGNAL);
   if (sent > 0) {
     counters_.sends += static_cast<uint64_t>(sent);
     size_t n = 0;
-    for (int i = 0; i < sent; ++i) n += room.slots[static_cast<size_t>(i)].segments;
-    taken(n);
+    uint64_t octets = 0;
+    for (const TxSlot& slot : std::span(room.slots).first(static_cast<size_t>(sent))) {
+      n += slot.segments;
+      octets += slot.octets;
+    }
+    taken(n, octets);
     return true;
   }
   const int err = errno;
@@ -548,59 +605,52 @@ bool UdpPamLinux::sendSome() {
   return true;
 }
 
+/// How many of the first `most` may leave now.
+size_t UdpPamLinux::allowedByPace(size_t most) {
+  if (pace().perSecond <= 0 || closing_) return most;
+  double credit = pacer_.credit(pace(), Pacer::Clock::now());
+  size_t n = 0;
+  for (; n < most && credit > 0; ++n) credit -= pace().octets ? queue_[n].len : 1;
+  return n;
+}
+
+/// How many datagrams of its length one segmented send takes.
+size_t UdpPamLinux::segmentsMaxOf(const Datagram& first) const {
+  if (first.len == 0 || (!unsegmented_.empty() && unsegmented_.contains(wayOf(first).dst)))
+    return 1;
+  return std::clamp<size_t>(segmentedLenMax / first.len, 1, segmentsMax_);
+}
+
 /// Prepares what may leave now, and says how many sends that is. 0: the task goes on later.
-size_t UdpPamLinux::fill(TxRoom& room) {
-  if (!socketIpv6_) tosIs(wayOf(queue_.front()).tos);
-  const bool paced = pace().perSecond > 0 && !closing_;
-  double credit = paced ? pacer_.credit(pace(), Pacer::Clock::now()) : 1;
-  const size_t few = std::min(queue_.size(), batchMax);
-  size_t most = 0;
-  for (; most < few && credit > 0; ++most) {
-    const Datagram& d = queue_[most];
-    if (!socketIpv6_ && d.way != firstWay_ && wayOf(d).tos != socketTos_) break;
-    if (paced) credit -= pace().octets ? d.len : 1;
-  }
+size_t UdpPamLinux::fill(TxRoom& room, bool moreComes) {
+  const size_t most = allowedByPace(std::min(queue_.size(), batchMax));
   if (most == 0) {
     rest_->scheduleLowestIs(pacer_.wait(pace()));
     return 0;
   }
+  const auto queue = queue_.view();
   size_t slots = 0;
   iovec* iov = room.iov.data();
   for (size_t at = 0; at < most; ++slots) {
-    const size_t end = at + runAt(at, most);
-    msghdr& hdr = room.msgs[slots].msg_hdr;
-    room.slots[slots].address(wayOf(queue_[at]), end - at, queue_[at].len, hdr);
-    hdr.msg_iov = iov;
-    for (; at < end; ++at) {
-      const Datagram& d = queue_[at];
-      TARN_ASSERT_AS(d.pkt->bytes() >= d.len, "a packet under transmission keeps its length");
-      if (d.whole()) {  // one piece costs the kernel a tenth less than two
-        *iov++ = {const_cast<uint8_t*>(d.pkt->data()), d.len};
-        continue;
-      }
-      const uint32_t headLen = d.headLen();
-      *iov++ = {const_cast<uint8_t*>(d.head.data()), headLen};
-      if (d.len > headLen)
-        *iov++ = {const_cast<uint8_t*>(d.pkt->data()) + headLen, d.len - headLen};
+    const Datagram& first = queue[at];
+    const Way& way = wayOf(first);
+    if (!socketIpv6_ && way.tos != socketTos_) {
+      if (slots > 0) break;
+      tosIs(way.tos);
     }
-    hdr.msg_iovlen = static_cast<size_t>(iov - hdr.msg_iov);
+    const size_t longest = segmentsMaxOf(first);
+    const Run run = runOf(queue, at, std::min(most, at + longest), iov);
+    const size_t segments = run.end - at;
+    if (moreComes && slots > 0 && run.open && run.end == queue_.size() && segments < longest) break;
+    msghdr& hdr = room.msgs[slots].msg_hdr;
+    hdr.msg_iov = iov;
+    hdr.msg_iovlen = static_cast<size_t>(run.iov - iov);
+    room.slots[slots].address(way, segments, first.len, hdr);
+    room.slots[slots].octets = run.octets;
+    iov = run.iov;
+    at = run.end;
   }
   return slots;
-}
-
-/// How many datagrams from place `first` on, and before `most`, one segmented send can take: all
-/// to the same place and of one length, but for the last, which may be shorter.
-size_t UdpPamLinux::runAt(size_t first, size_t most) const {
-  const Datagram& d = queue_[first];
-  if (d.len == 0 || (!unsegmented_.empty() && unsegmented_.contains(wayOf(d).dst))) return 1;
-  const size_t fit = std::min({most - first, segmentsMax_, segmentedLenMax / d.len});
-  size_t n = 1;
-  for (; n < fit; ++n) {
-    const Datagram& next = queue_[first + n];
-    if (next.len > d.len || next.len == 0 || next.way != d.way) break;
-    if (next.len < d.len) return n + 1;
-  }
-  return n;
 }
 
 /// The socket's IPv4 TOS. As a control message it would come with a priority that the kernel
@@ -627,17 +677,13 @@ void UdpPamLinux::popFront(size_t n) {
 }
 
 /// The kernel has the first `n` of the queue.
-void UdpPamLinux::taken(size_t n) {
-  uint64_t octets = 0;
-  for (size_t i = 0; i < n; ++i) {
-    const Datagram& d = queue_[i];
-    octets += d.len;
-    if (!unsegmented_.empty() || !failing_.empty()) recovered(d);
-  }
+void UdpPamLinux::taken(size_t n, uint64_t octets) {
+  if (!unsegmented_.empty() || !failing_.empty())
+    for (size_t i = 0; i < n; ++i) recovered(queue_[i]);
   popFront(n);
   counters_.sent += n;
   counters_.sentOctets += octets;
-  pacer_.spend(static_cast<double>(pace().octets ? octets : n));
+  if (pace().perSecond > 0) pacer_.spend(static_cast<double>(pace().octets ? octets : n));
 }
 /// What went wrong on the way of `d`, which got through, may be over.
 void UdpPamLinux::recovered(const Datagram& d) {

@@ -106,35 +106,43 @@ TEST_F(Loop, AWatchDestroyedInTheBatchHearsNothing) {
 
 TEST_F(Loop, HooksRunAtTheEndOfWhatAskedForThem) {
   std::string log;
-  auto hook = [&](const char* text) { loop->atEndOfTask([&log, text] { log += text; }); };
+  std::map<char, std::unique_ptr<EventLoop::EndHook>> hooks;
+  for (const char name : std::string_view("abdho"))
+    hooks[name] = loop->endHook([&log, name] { log += name; });
+  hooks['c'] = loop->endHook([&] {
+    log += "c";
+    hooks['d']->ask();
+    hooks['o'] = nullptr;  // asked for beside it, and taken back
+  });
   Pipe p;
   p.fill();
   auto watch = loop->fdWatch(p.in.get(), EPOLLIN, [&](uint32_t) {
     p.drain();
-    hook("h");
+    hooks['h']->ask();
     log += "H";
   });
   auto a = task([&] {
-    hook("a");
-    hook("b");
+    for (const char name : std::string_view("aba")) hooks[name]->ask();
     log += "A";
   });
   auto b = task([&] {
-    loop->atEndOfTask([&] {
-      log += "c";
-      hook("d");
-    });
+    hooks['c']->ask();
+    hooks['o']->ask();
     log += "B";
   });
   a->scheduleIs(0s);
   b->scheduleIs(0s);
-  hook("o");
+  hooks['o']->ask();
   loop->runOnce(0s);
   EXPECT_EQ(log, "oHhAabBc");
   const auto start = Clock::now();
   loop->runOnce(30s);
   EXPECT_EQ(log, "oHhAabBcd");
   EXPECT_LT(Clock::now() - start, 10s) << "nothing waits behind a sleeping loop";
+  hooks['a']->ask();
+  hooks['a'] = nullptr;
+  loop->runOnce(0s);
+  EXPECT_EQ(log, "oHhAabBcd");
 }
 
 TEST_F(Loop, WaitsForTheDueTimeAndNoLess) {
