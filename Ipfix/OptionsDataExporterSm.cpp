@@ -22,16 +22,15 @@ constexpr Seconds backlogPoll{0.001};
 constexpr size_t handedOverMax = 4096;
 constexpr size_t changedMax = 100000;  // while full tables are on their way
 
+thread_local constinit SlabPool<sizeof(MessageWrapper)> wrapperPool;
+
 std::string destination(const Collector& c) {
   return c.isIpv4() ? c.dst4().stringValue() : c.dst6().stringValue();
 }
 }  // namespace
 
-// --- BuilderWrapper ---
+// --- MessageWrapper, BuilderWrapper ---
 
-namespace {
-thread_local constinit SlabPool<sizeof(MessageWrapper)> wrapperPool;
-}
 void* MessageWrapper::operator new(size_t) { return wrapperPool.take(); }
 void MessageWrapper::operator delete(void* p, size_t) { wrapperPool.give(p); }
 
@@ -462,7 +461,7 @@ void OptionsDataExporterSm::continueTransmissions() {
       const SentMessages sent = t.collector->transmit(*expInfo_, *hwExpConfig_, piece);
       t.next += sent.messages;
       handedOver += sent.messages;
-      t.collector->updateStats(sent);
+      if (sent.messages > 0) t.collector->updateStats(sent);
     }
     std::erase_if(transmission_, [](const Transmission& t) {
       return t.next == t.tables->messages.size() || !t.collector->active();

@@ -140,6 +140,7 @@ class TARN_API UpdateSetQueue {
     record_.pop_front();
     if (record_.empty() && record_.capacity() > 64) record_ = {};
   }
+  void recordDelAll() { record_ = {}; }
   bool empty() const { return record_.empty(); }
 
  private:
@@ -171,7 +172,9 @@ class TARN_API UpdateQueues {
         std::count_if(of_.begin(), of_.end(), [](const Of& of) { return !of.queue.empty(); }));
   }
   bool empty() const { return size() == 0; }
-  void clear() { of_.clear(); }
+  void clear() {
+    for (Of& of : of_) of.queue.recordDelAll();
+  }
 
  private:
   std::vector<Of> of_;  // a handful
