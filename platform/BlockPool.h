@@ -1,5 +1,6 @@
 #pragma once
 #include <cstddef>
+#include <iterator>
 #include <new>
 #include <utility>
 
@@ -67,14 +68,20 @@ class SlabPool {
   struct Block {
     Block* next;
   };
-  static constexpr size_t blocks = 64;
+  struct Slab {
+    Slab* previous;  // or a leak checker sees nothing that points here
+    std::byte blocks[64][size];
+  };
+  static_assert(size % alignof(void*) == 0);
 
   void makeSlab() {
-    auto* slab = static_cast<std::byte*>(::operator new(blocks* size));
-    for (size_t i = blocks; i > 0; --i) give(slab + (i - 1) * size);
+    auto* slab = new Slab;
+    slab->previous = std::exchange(slabs_, slab);
+    for (size_t i = std::size(slab->blocks); i > 0; --i) give(slab->blocks[i - 1]);
   }
 
   Block* free_ = nullptr;
+  Slab* slabs_ = nullptr;
 #endif
 };
 
