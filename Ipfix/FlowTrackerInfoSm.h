@@ -3,6 +3,8 @@
 #include <memory>
 #include <string>
 
+#include "Ipfix/CollectorStats.h"
+#include "Ipfix/FlowTrackerPktTxUtil.h"
 #include "Ipfix/Ipfix.h"
 #include "platform/FlowTracking.h"
 #include "platform/HwFlowTracking.h"
@@ -133,6 +135,71 @@ class TARN_API FlowTrackingInfo final : public Entity {
   std::map<std::string, Ptr<FlowTrackerInfo>> ftInfo_;
 };
 TARN_API Ptr<FlowTrackingInfo> flowTrackingInfoFactory(FlowTrackingType type);
+
+/// The two address families of an exporter: what code that serves either of them needs to know. An
+/// `Info` is an `ExporterInfo` or a `LocalCollectorPams`.
+struct V4 {
+  static constexpr bool ipv6 = false;
+  static constexpr char digit = '4';
+  using Addr = IpAddr;
+  using Dst = IpAndPort;
+  using Config = HwFlowTracking::ExporterConfig;
+  static Addr src(const Config& c) { return c.srcIpAddr(); }
+  static bool ready(const Config& c) { return c.exporter4Ready(); }
+  static void readyIs(Config& c, bool v) { c.exporter4ReadyIs(v); }
+  static void rxPortIs(Config& c, uint16_t port) { c.rxPort4Is(port); }
+  static const std::map<std::string, Dst>& collectors(const Config& c) {
+    return c.collectorIpAndPort();
+  }
+  template <class Info>
+  static const Ptr<UdpPam>& pam(const Info& i) {
+    return i.udpPam4();
+  }
+  template <class Info>
+  static void pamIs(Info& i, Ptr<UdpPam> pam) {
+    i.udpPam4Is(std::move(pam));
+  }
+  static uint16_t rxPort(const ExporterInfo& i) { return i.rxPort4(); }
+  static void rxPortIs(ExporterInfo& i, uint16_t port) { i.rxPort4Is(port); }
+  static Tarn::Ipfix::CollectorInfo info(const Dst& d) {
+    return Tarn::Ipfix::CollectorInfo::fromIpAndPort(d);
+  }
+  static void send(const Ptr<Pkt>& pkt, const Ptr<UdpPam>& pam, const Addr& src, const Dst& dst,
+                   DscpValue dscp) {
+    sendPkt4(pkt, pam, src, dst, dscp);
+  }
+};
+struct V6 {
+  static constexpr bool ipv6 = true;
+  static constexpr char digit = '6';
+  using Addr = Ip6Addr;
+  using Dst = Ip6AndPort;
+  using Config = HwFlowTracking::ExporterConfig;
+  static const Addr& src(const Config& c) { return c.srcIp6Addr(); }
+  static bool ready(const Config& c) { return c.exporter6Ready(); }
+  static void readyIs(Config& c, bool v) { c.exporter6ReadyIs(v); }
+  static void rxPortIs(Config& c, uint16_t port) { c.rxPort6Is(port); }
+  static const std::map<std::string, Dst>& collectors(const Config& c) {
+    return c.collectorIp6AndPort();
+  }
+  template <class Info>
+  static const Ptr<UdpPam>& pam(const Info& i) {
+    return i.udpPam6();
+  }
+  template <class Info>
+  static void pamIs(Info& i, Ptr<UdpPam> pam) {
+    i.udpPam6Is(std::move(pam));
+  }
+  static uint16_t rxPort(const ExporterInfo& i) { return i.rxPort6(); }
+  static void rxPortIs(ExporterInfo& i, uint16_t port) { i.rxPort6Is(port); }
+  static Tarn::Ipfix::CollectorInfo info(const Dst& d) {
+    return Tarn::Ipfix::CollectorInfo::fromIp6AndPort(d);
+  }
+  static void send(const Ptr<Pkt>& pkt, const Ptr<UdpPam>& pam, const Addr& src, const Dst& dst,
+                   DscpValue dscp) {
+    sendPkt6(pkt, pam, src, dst, dscp);
+  }
+};
 
 /// Told by the host when an exporter's readiness changes; arguments: kind of tracking, exporter,
 /// VRF, kind of tracking, tracker.

@@ -19,46 +19,6 @@ constexpr TaskPriority taskPriority = 2;
 constexpr uint32_t headersLen = IpfixConst::messageHeaderLen() + IpfixConst::setHeaderLen();
 }  // namespace
 
-// What differs between the families.
-struct TemplateExporterSmBase::V4 {
-  using Dst = IpAndPort;
-  using Addr = IpAddr;
-  using Config = HwFlowTracking::ExporterConfig;
-  static bool ready(const Config& c) { return c.exporter4Ready(); }
-  static Addr src(const Config& c) { return c.srcIpAddr(); }
-  static const std::map<std::string, Dst>& collectors(const Config& c) {
-    return c.collectorIpAndPort();
-  }
-  static const Ptr<UdpPam>& pam(const ExporterInfo& i) { return i.udpPam4(); }
-  static void rxPortIs(ExporterInfo& i, uint16_t port) { i.rxPort4Is(port); }
-  static Tarn::Ipfix::CollectorInfo info(const Dst& d) {
-    return Tarn::Ipfix::CollectorInfo::fromIpAndPort(d);
-  }
-  static void send(const Ptr<Pkt>& pkt, const Ptr<UdpPam>& pam, const Addr& src, const Dst& dst,
-                   DscpValue dscp) {
-    sendPkt4(pkt, pam, src, dst, dscp);
-  }
-};
-struct TemplateExporterSmBase::V6 {
-  using Dst = Ip6AndPort;
-  using Addr = Ip6Addr;
-  using Config = HwFlowTracking::ExporterConfig;
-  static bool ready(const Config& c) { return c.exporter6Ready(); }
-  static Addr src(const Config& c) { return c.srcIp6Addr(); }
-  static const std::map<std::string, Dst>& collectors(const Config& c) {
-    return c.collectorIp6AndPort();
-  }
-  static const Ptr<UdpPam>& pam(const ExporterInfo& i) { return i.udpPam6(); }
-  static void rxPortIs(ExporterInfo& i, uint16_t port) { i.rxPort6Is(port); }
-  static Tarn::Ipfix::CollectorInfo info(const Dst& d) {
-    return Tarn::Ipfix::CollectorInfo::fromIp6AndPort(d);
-  }
-  static void send(const Ptr<Pkt>& pkt, const Ptr<UdpPam>& pam, const Addr& src, const Dst& dst,
-                   DscpValue dscp) {
-    sendPkt6(pkt, pam, src, dst, dscp);
-  }
-};
-
 template <class Traits>
 struct TemplateExporterSmBase::Family {
   /// What a collector was sent, and how. As long as nothing of it differs, it lacks nothing.

@@ -97,8 +97,6 @@ class TARN_API TemplateExporterSmBase : public Entity {
   class ExpInfoSm;
   template <class Traits>
   struct Family;
-  struct V4;
-  struct V6;
 
   /// Whom a pass sends to: those who lack the message as it would be sent now, or everybody.
   enum class Pass { lacking, everybody };

@@ -18,12 +18,21 @@ void assertOwningThread() {
 }
 }  // namespace
 
-EntityWatcherBase::EntityWatcherBase(Ptr<const Entity> watched) : watched_(std::move(watched)) {
+EntityWatcherBase::EntityWatcherBase(Ptr<const Entity> watched, Entity* reactor)
+    : watched_(std::move(watched)), reactor_(reactor) {
   watched_->watcherAdd(this);
 }
 EntityWatcherBase::~EntityWatcherBase() { watched_->watcherDel(this); }
 
 Entity::~Entity() = default;
+
+void Entity::destroy() const noexcept {
+  // From here on a `Ptr` to this object, made by something that retiring runs, does not bring the
+  // count back to zero.
+  refs_ = 1U << 31;
+  const_cast<Entity*>(this)->retire();
+  delete this;
+}
 
 void Entity::watcherAdd(EntityWatcherBase* w) const {
   assertOwningThread();
@@ -68,11 +77,13 @@ AttrResult Entity::attrTextIs(std::string_view name, std::string_view text) {
   const AttrRow* r = rowNamed(attrRows(), name);
   if (!r || !r->get) return AttrResult::unknownName;
   if (!r->set) return AttrResult::readOnly;
+  const Ptr<Entity> hold(this);  // who hears of the change may drop this entity
   return r->set(*this, text) ? AttrResult::ok : AttrResult::badText;
 }
 AttrResult Entity::attrRun(std::string_view name) {
   const AttrRow* r = rowNamed(attrRows(), name);
   if (!r || !r->run) return AttrResult::unknownName;
+  const Ptr<Entity> hold(this);
   r->run(*this);
   return AttrResult::ok;
 }

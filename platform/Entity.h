@@ -1,6 +1,7 @@
 #pragma once
 #include <concepts>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <optional>
@@ -33,9 +34,24 @@
 ///    reference to the entity: that lives until the round is over;
 ///  - a watcher made inside a round hears from the next change on; a destroyed one hears nothing;
 ///  - no exception leaves a handler.
+///
+/// A reactor is an entity that watches others and makes further reactors. Its watchers name it
+/// (`NestedReactor`), its tasks are made by `reactorTask`, its children live in a `ChildMap`. Then
+/// a handler may let any of them go, its own reactor included: whoever removes a reactor retires
+/// it, from then on none of its watchers and tasks is called, and its memory stays until the
+/// handler that is under way has returned.
 namespace platform {
 
 class Entity;
+
+/// A copy of a map's keys, for a loop whose body may change the map.
+template <class Map>
+std::vector<typename Map::key_type> keysOf(const Map& map) {
+  std::vector<typename Map::key_type> keys;
+  keys.reserve(map.size());
+  for (const auto& entry : map) keys.push_back(entry.first);
+  return keys;
+}
 
 /// What access by name needs of one attribute. Made by `row`, `childRow`, `mapRow`, `actionRow`.
 struct AttrRow {
@@ -67,12 +83,16 @@ class TARN_API EntityWatcherBase {
   EntityWatcherBase& operator=(const EntityWatcherBase&) = delete;
 
  protected:
-  explicit EntityWatcherBase(Ptr<const Entity> watched);
+  /// `reactor`: the entity that this watcher works for, and is a member of; null: none. It is kept
+  /// alive during each handler, and no handler is called once it is retired.
+  explicit EntityWatcherBase(Ptr<const Entity> watched, Entity* reactor = nullptr);
   virtual ~EntityWatcherBase();
   const Entity* watched() const { return watched_.get(); }
 
  private:
+  friend class Entity;
   Ptr<const Entity> watched_;
+  Entity* reactor_;
 };
 
 /// Base of the `Watcher` class of entity type `E`.
@@ -80,7 +100,8 @@ template <class E>
 class EntityWatcher : public EntityWatcherBase {
  public:
   /// `entity` must not be null.
-  explicit EntityWatcher(Ptr<const E> entity) : EntityWatcherBase(std::move(entity)) {}
+  explicit EntityWatcher(Ptr<const E> entity, Entity* reactor = nullptr)
+      : EntityWatcherBase(std::move(entity), reactor) {}
   const E* entity() const { return static_cast<const E*>(watched()); }
 };
 
@@ -91,9 +112,17 @@ class TARN_API Entity {
 
   void addRef() const noexcept { ++refs_; }
   void release() const noexcept {
-    if (--refs_ == 0) delete this;
+    if (--refs_ == 0) destroy();
   }
   uint32_t refs() const noexcept { return refs_; }
+
+  /// Whoever owns a reactor calls this when it lets the reactor go; dropping the last reference
+  /// does it as well. Runs `handleRetired` once.
+  void retire() noexcept {
+    if (!std::exchange(retired_, true)) handleRetired();
+  }
+  /// A retired reactor hears nothing any more; it must not make or change anything.
+  bool retired() const noexcept { return retired_; }
 
   /// The rows of this type's attributes, for access by name; the order is the declaration's.
   virtual AttrRows attrRows() const { return {}; }
@@ -107,6 +136,10 @@ class TARN_API Entity {
  protected:
   Entity() noexcept = default;
   virtual ~Entity();
+
+  /// Takes back what the reactor gave to others: closes, removes, retires its children. The object
+  /// is still whole here, and what this notifies may ask it; a destructor must notify nobody.
+  virtual void handleRetired() {}
 
   /// Stores `v` and tells the watchers when that changes the value.
   template <class T, class V, class W>
@@ -128,6 +161,17 @@ class TARN_API Entity {
     const typename Map::key_type copy = key;  // a handler may destroy what `key` refers to
     notify(handler, copy);
   }
+  /// The child under `key`; where there is none it is made of the key, stored and announced. A
+  /// watcher may have removed it again by the time this returns it.
+  template <class Map, class W, class K>
+  typename Map::mapped_type made(Map& map, const typename Map::key_type& key,
+                                 void (W::*handler)(K)) {
+    if (auto it = map.find(key); it != map.end()) return it->second;
+    using Child = std::remove_pointer_t<decltype(map.begin()->second.get())>;
+    const auto child = make<Child>(key);
+    put(map, key, child, handler);
+    return child;
+  }
   /// Removes the entry; it lives until the watchers have been told. False: there was none.
   template <class Map, class W, class K>
   bool del(Map& map, const typename Map::key_type& key, void (W::*handler)(K)) {
@@ -140,20 +184,17 @@ class TARN_API Entity {
   template <class Map, class W, class K>
   void delAll(Map& map, void (W::*handler)(K)) {
     const Ptr<Entity> hold(this);
-    std::vector<typename Map::key_type> keys;
-    keys.reserve(map.size());
-    for (const auto& entry : map) keys.push_back(entry.first);
-    for (const auto& key : keys) del(map, key, handler);
+    for (const auto& key : keysOf(map)) del(map, key, handler);
   }
-  /// Removes children that nobody watches as a collection. What a destructor notifies finds them
-  /// out of the map already; `key` may be the map's own.
+  /// Removes children that nobody watches as a collection, and retires them. They are out of the
+  /// map before that notifies; `key` may be the map's own.
   template <class Map>
   static void drop(Map& map, const typename Map::key_type& key) {
-    const auto old = map.extract(key);
+    if (const auto old = map.extract(key)) old.mapped()->retire();
   }
   template <class Map>
   static void dropAll(Map& map) {
-    const Map old = std::exchange(map, {});
+    for (const Map old = std::exchange(map, {}); const auto& [key, child] : old) child->retire();
   }
   /// The entry's value, or a default one (null for a pointer).
   template <class Map>
@@ -167,8 +208,12 @@ class TARN_API Entity {
     if (!watchers_) return;
     Round round(*this);
     // A watcher that a handler adds waits for the next change; one that leaves clears its slot.
-    for (size_t i = 0; i < round.count; ++i)
-      if (auto* w = watchers_->all[i]) (static_cast<W*>(w)->*handler)(args...);
+    for (size_t i = 0; i < round.count; ++i) {
+      auto* w = watchers_->all[i];
+      if (!w || (w->reactor_ && w->reactor_->retired_)) continue;
+      const Ptr<Entity> hold(w->reactor_);  // the handler may remove the reactor it belongs to
+      (static_cast<W*>(w)->*handler)(args...);
+    }
   }
 
  private:
@@ -187,15 +232,107 @@ class TARN_API Entity {
 
   void watcherAdd(EntityWatcherBase* w) const;
   void watcherDel(EntityWatcherBase* w) const noexcept;
+  void destroy() const noexcept;
 
   mutable uint32_t refs_ = 1;
+  bool retired_ = false;
   mutable std::unique_ptr<WatcherList> watchers_;  // made by the first watcher
 };
 static_assert(sizeof(Entity) == 24, "vtable, count, list: what an unwatched entity costs");
 
+/// A watcher of one `E` that is a member of the reactor `R` and calls its handlers as `sm_`:
+///
+///   class ExporterSm::ConfigSm final : public NestedReactor<ExporterConfig, ExporterSm> {
+///    public:
+///     using NestedReactor::NestedReactor;
+///     void handleDscp() override { sm_.handleDscp(); }
+///   };
+template <class E, class R>
+class NestedReactor : public E::Watcher {
+ public:
+  NestedReactor(Ptr<const E> entity, R& sm) : E::Watcher(std::move(entity), &sm), sm_(sm) {}
+
+ protected:
+  R& sm_;
+};
+
+/// The children that a reactor makes and owns, by key. Making and removing a child notifies, and a
+/// handler may ask for the same child again, or remove it, before it is stored: `reconcile` does
+/// one thing at a time.
+template <class Child, class Key = std::string>
+class ChildMap {
+ public:
+  using Map = std::map<Key, Ptr<Child>>;
+  ChildMap() = default;
+  ChildMap(const ChildMap&) = delete;
+  ChildMap& operator=(const ChildMap&) = delete;
+  ~ChildMap() { delAll(); }
+
+  const Map& all() const { return map_; }
+  Ptr<Child> find(const Key& key) const {
+    const auto it = map_.find(key);
+    return it == map_.end() ? Ptr<Child>() : it->second;
+  }
+  /// Stores `child`; one that was there is retired.
+  void put(const Key& key, Ptr<Child> child) {
+    del(key);
+    map_.emplace(key, std::move(child));
+  }
+  /// Takes the child out of the map, then retires it. `key` may be the map's own.
+  bool del(const Key& key) {
+    const auto old = map_.extract(key);
+    if (old) old.mapped()->retire();
+    return bool{old};
+  }
+  void delAll() {
+    for (const Map old = std::exchange(map_, {}); const auto& [key, child] : old) child->retire();
+  }
+
+  /// Brings the child under `key` in step with what there is now to make it of.
+  ///   fits(child): the child is made of just that;
+  ///   gone(key): a child that did not fit has been removed;
+  ///   make(key): returns a new child, or null where something is missing.
+  /// Called again for the same key from inside one of these, it returns at once, and the call under
+  /// way asks anew when that is over. `owner` is the reactor that this map is a member of.
+  template <class Fits, class Gone, class Make>
+  void reconcile(const Entity& owner, const Key& of, Fits&& fits, Gone&& gone, Make&& make) {
+    const Key key = of;  // a handler may destroy what `of` refers to
+    if (const auto [turn, first] = askedAgain_.try_emplace(key, false); !first) {
+      turn->second = true;
+      return;
+    }
+    do {
+      askedAgain_[key] = false;
+      if (const auto child = find(key); child && !fits(*child)) {
+        del(key);
+        gone(key);
+      }
+      if (owner.retired() || map_.contains(key)) continue;
+      const Ptr<Child> child = make(key);
+      if (!child) continue;
+      if (owner.retired()) {
+        child->retire();
+      } else {
+        put(key, child);
+      }
+    } while (askedAgain_[key] && !owner.retired());
+    askedAgain_.erase(key);
+  }
+
+ private:
+  Map map_;
+  std::map<Key, bool>
+      askedAgain_;  // keys whose child is being made or removed further up the stack
+};
+
 namespace detail {
 template <class F>
 struct MemberOf;
+template <class C, class R>
+struct MemberOf<R C::*> {
+  using Class = C;
+  using Result = std::remove_cv_t<R>;
+};
 template <class C, class R>
 struct MemberOf<R (C::*)() const> {
   using Class = C;
@@ -214,14 +351,25 @@ template <class T>
 concept EntityPtr = requires(const T& p) {
   { p.get() } -> std::convertible_to<const Entity*>;
 };
+template <class Map>
+const Map& mapOf(const Map& map) {
+  return map;
+}
+template <class Child, class Key>
+const std::map<Key, Ptr<Child>>& mapOf(const ChildMap<Child, Key>& map) {
+  return map.all();
+}
 }  // namespace detail
 
+/// In each of these, `Get` is an accessor or a data member: `row<&E::dscp, &E::dscpIs>("dscp")`,
+/// `mapRow<&E::collInfo_>("collInfo")`.
+///
 /// A value attribute; settable when the setter is given too.
 template <auto Get>
 constexpr AttrRow row(std::string_view name) {
   using M = detail::MemberOf<decltype(Get)>;
   return {.name = name, .get = [](const Entity& e) {
-            return toText((static_cast<const typename M::Class&>(e).*Get)());
+            return toText(std::invoke(Get, static_cast<const typename M::Class&>(e)));
           }};
 }
 template <auto Get, auto Set>
@@ -241,20 +389,20 @@ template <auto Get>
 constexpr AttrRow childRow(std::string_view name) {
   using M = detail::MemberOf<decltype(Get)>;
   return {.name = name, .each = [](const Entity& e, const AttrRow::Visitor& visit) {
-            const auto& child = (static_cast<const typename M::Class&>(e).*Get)();
+            const auto& child = std::invoke(Get, static_cast<const typename M::Class&>(e));
             if (child) visit({}, child.get(), {});
           }};
 }
-/// A map whose accessor returns it by reference; values are entities or have a text form, keys have
-/// a text form and its parser.
+/// A map (an accessor returns it by reference) or a `ChildMap`; values are entities or have a text
+/// form, keys have a text form and its parser.
 template <auto Get>
 constexpr AttrRow mapRow(std::string_view name) {
   using M = detail::MemberOf<decltype(Get)>;
-  using Map = typename M::Result;
+  using Map = std::remove_cvref_t<decltype(detail::mapOf(std::declval<typename M::Result>()))>;
   AttrRow r{.name = name};
   r.from = [](const Entity& e, const std::string* key, bool behind,
               const AttrRow::PartVisitor& visit) {
-    const Map& map = (static_cast<const typename M::Class&>(e).*Get)();
+    const Map& map = detail::mapOf(std::invoke(Get, static_cast<const typename M::Class&>(e)));
     auto it = map.begin();
     if (key) {
       typename Map::key_type k{};
@@ -277,7 +425,8 @@ constexpr AttrRow mapRow(std::string_view name) {
     return true;
   };
   r.each = [](const Entity& e, const AttrRow::Visitor& visit) {
-    for (const auto& [k, v] : (static_cast<const typename M::Class&>(e).*Get)()) {
+    for (const auto& [k, v] :
+         detail::mapOf(std::invoke(Get, static_cast<const typename M::Class&>(e)))) {
       if constexpr (detail::EntityPtr<typename Map::mapped_type>) {
         visit(toText(k), v.get(), {});
       } else {
@@ -286,6 +435,15 @@ constexpr AttrRow mapRow(std::string_view name) {
     }
   };
   return r;
+}
+/// A set; each member shows its text.
+template <auto Get>
+constexpr AttrRow setRow(std::string_view name) {
+  using M = detail::MemberOf<decltype(Get)>;
+  return {.name = name, .each = [](const Entity& e, const AttrRow::Visitor& visit) {
+            for (const auto& v : std::invoke(Get, static_cast<const typename M::Class&>(e)))
+              visit(toText(v), nullptr, {});
+          }};
 }
 template <auto Run>
 constexpr AttrRow actionRow(std::string_view name) {

@@ -63,6 +63,12 @@ class Ptr {
   T* p_ = nullptr;
 };
 
+/// A new object in the pointer that owns it; `a` are the constructor's arguments.
+template <class T, class... A>
+Ptr<T> make(A&&... a) {
+  return Ptr<T>::adopt(new T(std::forward<A>(a)...));
+}
+
 /// The count of a type that is not watched. `T` is final; four octets, no virtual function.
 template <class T>
 class Counted {

@@ -51,6 +51,18 @@ class TARN_API TaskScheduler : public Entity {
                                                std::function<void()> body) = 0;
 };
 
+/// A task of the reactor `sm`, a member of it: runs `body` while `sm` is not retired, and keeps
+/// `sm` alive meanwhile.
+template <class Sm>
+std::unique_ptr<TimerTask> reactorTask(const Ptr<TaskScheduler>& scheduler, std::string name,
+                                       TaskPriority priority, Sm& sm, void (Sm::*body)()) {
+  return scheduler->timerTask(std::move(name), priority, [&sm, body] {
+    if (sm.retired()) return;
+    const Ptr<Sm> hold(&sm);
+    (sm.*body)();
+  });
+}
+
 /// What the agent hands to root reactors: the place to get the thread's scheduler from.
 class TARN_API TaskSchedulerRoot : public Entity {
  public:

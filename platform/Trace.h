@@ -47,4 +47,12 @@ inline void trace(int level, const A&... parts) {
   ();
 }
 
+/// A line of one object: "Class::handler for id " and what follows. `id` names what the object
+/// serves; objects that serve the whole agent have none and leave " for " away with it.
+template <class... A>
+inline void traceOf(int level, std::string_view className, std::string_view handler,
+                    std::string_view id, const A&... parts) {
+  trace(level, className, "::", handler, id.empty() ? "" : " for ", id, " ", parts...);
+}
+
 }  // namespace platform
