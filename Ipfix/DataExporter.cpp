@@ -22,18 +22,21 @@ Ptr<DataRecord> dataRecordFactory(std::string_view data) { return DataRecord::ma
 
 void DataRecord::append(const unsigned char* bytes, unsigned int n) {
   if (n == 0) return;
+  TARN_ASSERT_AS(refs_ == 1, "refs() == 1");
   TARN_ASSERT(n < UINT32_MAX / 4 && len_ < UINT32_MAX / 4);
   const uint32_t needed = len_ + n;
   if (needed > capacity_) {
     const uint32_t capacity = std::max(needed, 2 * len_);
     auto* larger = new uint8_t[capacity];
     std::memcpy(larger, octets(), len_);
+    std::memcpy(larger + len_, bytes, n);  // before the old block goes: `bytes` may lie in it
     if (moved_) delete[] octets();
     std::memcpy(inlineArea(), &larger, sizeof larger);
     moved_ = 1;
     capacity_ = capacity;
+  } else {
+    std::memcpy(octets() + len_, bytes, n);
   }
-  std::memcpy(octets() + len_, bytes, n);
   len_ = needed;
 }
 

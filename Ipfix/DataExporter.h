@@ -17,7 +17,8 @@ class TARN_API DataRecord final {
 
   std::string_view data() const { return {reinterpret_cast<const char*>(octets()), len_}; }
   uint32_t dataLen() const { return len_; }
-  /// Appends `n` octets; beyond the room of its block the record moves to one of its own.
+  /// Appends `n` octets, which may be the record's own. Only its maker may, before anybody else
+  /// holds a reference (asserted): queues and tables count the octets of what they hold.
   void append(const unsigned char* bytes, unsigned int n);
 
   void addRef() const noexcept { ++refs_; }

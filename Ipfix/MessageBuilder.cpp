@@ -15,8 +15,13 @@ void* Message::operator new(size_t) { return messagePool.take(); }
 void Message::operator delete(void* p, size_t) { messagePool.give(p); }
 
 Ptr<Pkt> Message::pkt(uint32_t seqNo) { return pkt(seqNo, Platform::current().clock().nowU32()); }
-Ptr<Message> messageFactory(Ptr<Pkt> pkt) {
-  return Ptr<Message>::adopt(new Message(std::move(pkt)));
+Ptr<Message> messageFactory(Ptr<Pkt> pkt) { return make<Message>(std::move(pkt)); }
+AttrRows Message::attrRows() const {
+  static constexpr AttrRow rows[] = {
+      row<&Message::recordCount, &Message::recordCountIs>("recordCount"),
+      row<&Message::len>("len"),
+  };
+  return rows;
 }
 
 void MessageBuilder::startMsg() {
@@ -31,7 +36,7 @@ void MessageBuilder::startMsg() {
 }
 
 bool MessageBuilder::newSet_p(TemplateId templateId, uint32_t len) {
-  if (offset_ + ((len + IpfixConst::setHeaderLen()) & UINT16_MAX) > maxSize_) return false;
+  if (offset_ + IpfixConst::setHeaderLen() + len > maxSize_) return false;
   if (setHdr_) finalizeSet_p();
   startSet_p(templateId);
   return true;
@@ -79,16 +84,20 @@ Ptr<Message> MessageBuilder::finalizeMsg() {
 AttrRows MessageBuilder::attrRows() const {
   using B = MessageBuilder;
   static constexpr AttrRow rows[] = {
-      row<&B::maxSize>("maxSize"),         row<&B::observationDomainId>("observationDomainId"),
-      row<&B::pktBufSize>("pktBufSize"),   row<&B::offset>("offset"),
-      row<&B::setLen>("setLen"),           row<&B::setId>("setId"),
-      row<&B::recordCount>("recordCount"),
+      row<&B::maxSize>("maxSize"),
+      row<&B::observationDomainId>("observationDomainId"),
+      childRow<&B::msgHdr_>("msgHdr"),
+      row<&B::pktBufSize>("pktBufSize"),
+      row<&B::offset, &B::offsetIs>("offset"),
+      row<&B::setLen, &B::setLenIs>("setLen"),
+      row<&B::setId>("setId"),
+      row<&B::recordCount, &B::recordCountIs>("recordCount"),
   };
   return rows;
 }
 Ptr<MessageBuilder> messageBuilderFactory(unsigned short maxSize,
                                           unsigned int observationDomainId) {
-  return Ptr<MessageBuilder>::adopt(new MessageBuilder(maxSize, observationDomainId));
+  return make<MessageBuilder>(maxSize, observationDomainId);
 }
 
 }  // namespace FlowTracking

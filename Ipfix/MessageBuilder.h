@@ -101,9 +101,11 @@ class TARN_API FieldSpecifier : public HeaderView {
 /// One finished message: its packet and how many records it holds.
 class TARN_API Message final : public Entity {
  public:
+  /// `pkt` must not be null and must hold a message header at least.
   explicit Message(Ptr<Pkt> pkt) : msgHdr_(std::move(pkt), 0) {}
   const Ptr<Pkt>& pktHolder_p() const { return msgHdr_.pkt(); }
   MessageHeader& msgHdr() { return msgHdr_; }
+  const MessageHeader& msgHdr() const { return msgHdr_; }
   uint32_t recordCount() const { return recordCount_; }
   void recordCountIs(uint32_t v) { recordCount_ = v; }
   /// Octets, header included.
@@ -120,6 +122,8 @@ class TARN_API Message final : public Entity {
   static void* operator new(size_t len);
   static void operator delete(void* p, size_t len);
 
+  AttrRows attrRows() const override;
+
  private:
   MessageHeader msgHdr_;
   uint32_t recordCount_ = 0;
@@ -132,11 +136,12 @@ TARN_API Ptr<Message> messageFactory(Ptr<Pkt> pkt);
 ///   while (builder->addSetRecord(templateId, *record)) ...   // 0: does not fit; finalize, go on
 ///   Ptr<Message> m = builder->finalizeMsg();                  // needs at least one record
 ///
-/// Records of one set id that follow each other share a set; no padding is added. Misuse is a
-/// programming error and asserts.
+/// Records of one set id that follow each other share a set; no padding is added. Set ids are 2, 3
+/// and those above 255 (RFC 7011, 3.3.2). Misuse is a programming error and asserts.
 class TARN_API MessageBuilder final : public Entity {
  public:
-  /// `maxSize`: octets of the largest message, and of each packet's block.
+  /// `maxSize`: octets of the largest message, and of each packet's block; a message with one
+  /// record of one octet takes 21.
   MessageBuilder(uint16_t maxSize, uint32_t observationDomainId)
       : maxSize_(maxSize), observationDomainId_(observationDomainId) {}
 
@@ -146,8 +151,9 @@ class TARN_API MessageBuilder final : public Entity {
   }
 
   void startMsg();
-  /// Adds one record of fewer than 65535 octets. Returns its octets, or 0 when it does not fit in
-  /// what is left of the message; then nothing changed.
+  /// Adds one record of 1 to 65534 octets (more asserts). Returns its octets, or 0 when it does not
+  /// fit in what is left of the message; then nothing changed. An empty record fits nowhere: a
+  /// collector could not tell it from none.
   uint32_t addSetRecord(TemplateId templateId, const DataRecord& record) {
     return addSetRecordStr(templateId, record.data());
   }
@@ -159,6 +165,8 @@ class TARN_API MessageBuilder final : public Entity {
     TARN_ASSERT(builder->pkt());
     TARN_ASSERT(len < UINT16_MAX);
     const auto n = static_cast<uint32_t>(len);
+    if (n == 0) [[unlikely]]
+      return 0;
     if (!builder->setHdr_ || builder->setId_ != templateId) [[unlikely]] {
       if (!builder->newSet_p(templateId, n)) return 0;
     } else if (builder->offset_ + n > builder->maxSize_) {
@@ -189,7 +197,7 @@ class TARN_API MessageBuilder final : public Entity {
     for (++it; it != end; ++it) {
       if (!*it) continue;
       const std::string_view octets = (*it)->data();
-      if (octets.size() > static_cast<size_t>(limit - to)) break;
+      if (octets.size() > static_cast<size_t>(limit - to) || octets.empty()) break;
       std::memcpy(to, octets.data(), octets.size());
       to += octets.size();
       ++n;
@@ -210,6 +218,7 @@ class TARN_API MessageBuilder final : public Entity {
   const Ptr<Pkt>& pkt() const { return pkt_; }
   const Ptr<Message>& msgHdr() const { return msgHdr_; }
   uint32_t pktBufSize() const { return pktBufSize_; }
+  /// The open set's header, or nothing.
   const std::optional<SetHeader>& setHdr() const { return setHdr_; }
   uint32_t offset() const { return offset_; }
   void offsetIs(uint32_t v) { offset_ = v; }
