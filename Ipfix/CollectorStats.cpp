@@ -14,6 +14,21 @@ SetId::SetId(uint16_t value) : value_(value) {
   TARN_ASSERT(value == IpfixConst::optionsTemplateSetId() || value == IpfixConst::templateSetId() ||
               value > 255);
 }
+bool SetId::valid(uint16_t value) {
+  return value == IpfixConst::optionsTemplateSetId() || value == IpfixConst::templateSetId() ||
+         value >= IpfixConst::firstDataSetId();
+}
+namespace {
+constexpr const char* setIdType = "Tarn::Ipfix::SetId";
+constexpr const char* collectorInfoType = "Tarn::Ipfix::CollectorInfo";
+constexpr const char* setEntryType = "Tarn::Ipfix::CollectorSetStatisticsEntry";
+}  // namespace
+std::string SetId::strep() const { return ValueWriter(setIdType).attr("value", value_).str(); }
+std::optional<SetId> SetId::fromString(std::string_view text) {
+  uint16_t value = 0;
+  if (!fromValueText(setIdType, text, value) || !valid(value)) return std::nullopt;
+  return SetId(value);
+}
 
 CollectorInfo::CollectorInfo(const IpGenAddr& addr, uint16_t port)
     : family_(static_cast<uint8_t>(addr.family())), port_(port) {
@@ -37,7 +52,16 @@ std::string CollectorInfo::stringValue() const {
   return IpAndPort{a.ipAddr(), port_}.stringValue();
 }
 std::string CollectorInfo::strep() const {
-  return ValueWriter("Tarn::Ipfix::CollectorInfo").attr("addr", addr()).attr("port", port_).str();
+  return ValueWriter(collectorInfoType).attr("addr", addr()).attr("port", port_).str();
+}
+std::optional<CollectorInfo> CollectorInfo::fromString(std::string_view text) {
+  if (const auto v4 = IpAndPort::fromString(text)) return fromIpAndPort(*v4);
+  if (const auto v6 = Ip6AndPort::fromString(text)) return fromIp6AndPort(*v6);
+  IpGenAddr addr;
+  uint16_t port = 0;
+  ValueReader reader(collectorInfoType, text);
+  if (!reader.attr("addr", addr).attr("port", port).ok()) return std::nullopt;
+  return CollectorInfo(addr, port);
 }
 std::strong_ordering CollectorInfo::operator<=>(const CollectorInfo& o) const {
   if (auto c = family_ <=> o.family_; c != 0) return c;
@@ -93,11 +117,19 @@ CollectorStatisticsKey CollectorStatisticsKey::fromStrep(std::string_view) {
 }
 
 std::string CollectorSetStatisticsEntry::strep() const {
-  return ValueWriter("Tarn::Ipfix::CollectorSetStatisticsEntry")
-      .attr("setId", setId)
-      .attr("exportedFlowRecordCount", exportedFlowRecordCount)
-      .attr("exportedTemplateCount", exportedTemplateCount)
+  return ValueWriter(setEntryType)
+      .attr("setId", setId_)
+      .attr("exportedFlowRecordCount", records_)
+      .attr("exportedTemplateCount", templates_)
       .str();
+}
+std::optional<CollectorSetStatisticsEntry> CollectorSetStatisticsEntry::fromString(
+    std::string_view text) {
+  CollectorSetStatisticsEntry e;
+  ValueReader reader(setEntryType, text);
+  reader.attr("setId", e.setId_).attr("exportedFlowRecordCount", e.records_);
+  if (!reader.attr("exportedTemplateCount", e.templates_).ok()) return std::nullopt;
+  return e;
 }
 
 std::optional<CollectorStatisticsEntry> CollectorStatisticsEntry::fromOctets(
@@ -112,36 +144,37 @@ std::optional<CollectorStatisticsEntry> CollectorStatisticsEntry::fromOctets(
 uint8_t CollectorStatisticsEntry::indexForSetId(SetId id) const {
   const size_t n = std::min<size_t>(used_, slots);
   for (size_t i = 0; i < n; ++i)
-    if (setEntryStorage_[i].setId == id.value()) return static_cast<uint8_t>(i);
+    if (setEntryStorage_[i].setId() == id.value()) return static_cast<uint8_t>(i);
   return SetIndex::none;
 }
 SetIndex CollectorStatisticsEntry::maybeNewIndexForSetId(SetId id) const {
   if (const uint8_t i = indexForSetId(id); i != SetIndex::none) return SetIndex(i);
-  if (nextIdx_ != SetIndex::none && setEntryStorage_[SetIndex(nextIdx_).value()].setId == 0)
+  if (nextIdx_ != SetIndex::none && setEntryStorage_[SetIndex(nextIdx_).value()].setId() == 0)
     return SetIndex(nextIdx_);
   for (uint32_t i = 0; i < used_; ++i)
-    if (setEntryStorage_[i].setId == 0) return SetIndex(i);
+    if (setEntryStorage_[i].setId() == 0) return SetIndex(i);
   return SetIndex(used_);
 }
 bool CollectorStatisticsEntry::hasRoomFor(SetId id) const {
   if (used_ < slots || indexForSetId(id) != SetIndex::none) return true;
   return std::any_of(setEntryStorage_.begin(), setEntryStorage_.end(),
-                     [](const auto& e) { return e.setId == 0; });
+                     [](const auto& e) { return e.setId() == 0; });
 }
 CollectorSetStatisticsEntry CollectorStatisticsEntry::setEntry(SetId id) const {
   const uint8_t i = indexForSetId(id);
   return i == SetIndex::none ? CollectorSetStatisticsEntry{} : setEntryStorage_[i];
 }
 void CollectorStatisticsEntry::setEntryIs(const CollectorSetStatisticsEntry& e) {
-  setEntryStorageIs(maybeNewIndexForSetId(SetId(e.setId)), e);
+  setEntryStorageIs(maybeNewIndexForSetId(SetId(e.setId())), e);
 }
-void CollectorStatisticsEntry::setEntryInc(SetId id, uint64_t records, uint64_t templates) {
-  if (!hasRoomFor(id)) return;
+bool CollectorStatisticsEntry::setEntryInc(SetId id, uint64_t records, uint64_t templates) {
+  if (!hasRoomFor(id)) return false;
   CollectorSetStatisticsEntry set = setEntry(id);
-  set.setId = id.value();
-  set.exportedFlowRecordCount += records;
-  set.exportedTemplateCount += templates;
+  set.setIdIs(id.value());
+  set.exportedFlowRecordCountInc(records);
+  set.exportedTemplateCountInc(templates);
   setEntryIs(set);
+  return true;
 }
 CollectorSetStatisticsEntry CollectorStatisticsEntry::setEntryDel(SetId id) {
   const uint8_t i = indexForSetId(id);
@@ -162,7 +195,7 @@ void CollectorStatisticsEntry::setEntryStorageDelAll() {
 }
 void CollectorStatisticsEntry::clear(double now) {
   messages_ = records_ = octets_ = 0;
-  for (auto& e : setEntryStorage_) e.exportedFlowRecordCount = e.exportedTemplateCount = 0;
+  for (auto& e : setEntryStorage_) e = CollectorSetStatisticsEntry(e.setId());
   lastCleared_ = now;
 }
 
@@ -186,10 +219,10 @@ std::string CollectorStatisticsEntry::readable(double now) const {
                     ", cleared: " + ageText(now, lastCleared_);
   for (uint32_t i = 0; i < used_; ++i) {
     const CollectorSetStatisticsEntry& e = setEntryStorage_[i];
-    if (e.setId == 0) continue;
-    out += ", set " + std::to_string(e.setId) +
-           ": (flows: " + std::to_string(e.exportedFlowRecordCount) +
-           ", templates: " + std::to_string(e.exportedTemplateCount) + ")";
+    if (e.setId() == 0) continue;
+    out += ", set " + std::to_string(e.setId()) +
+           ": (flows: " + std::to_string(e.exportedFlowRecordCount()) +
+           ", templates: " + std::to_string(e.exportedTemplateCount()) + ")";
   }
   return out;
 }
@@ -235,8 +268,8 @@ void CollectorStatistics::statsIs(const CollectorStatisticsEntry& entry) {
     notify(&Watcher::handleStats, entry.key());
   } else if (!fullTraced_) {
     fullTraced_ = true;
-    trace(TraceLevel::error, "CollectorStatistics::statsIs the table is full at ",
-          table_->capacity(), " entries; not counted: ", entry.key().stringValue());
+    traceOf(TraceLevel::error, "CollectorStatistics", "statsIs", {}, "the table is full at ",
+            table_->capacity(), " entries; not counted: ", entry.key().stringValue());
   }
 }
 void CollectorStatistics::statsDel(const CollectorStatisticsKey& key) {
@@ -256,7 +289,7 @@ AttrRows CollectorStatistics::attrRows() const {
   return rows;
 }
 Ptr<CollectorStatistics> collectorStatisticsFactory(Ptr<SharedTable> table) {
-  return Ptr<CollectorStatistics>::adopt(new CollectorStatistics(std::move(table)));
+  return make<CollectorStatistics>(std::move(table));
 }
 
 }  // namespace Tarn::Ipfix

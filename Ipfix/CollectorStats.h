@@ -20,49 +20,60 @@
 /// languages; a change of it is a new layout version there.
 namespace Tarn::Ipfix {
 
-/// Index into a name's storage, 0..127; a value outside raises std::range_error.
-class TARN_API StringIndex {
+/// An index of 8 bits, 0 to `maximum`; a value outside raises std::range_error with the text of its
+/// `Tag`. Addition is modulo 256, and its result is checked like any other.
+template <class Tag, unsigned maximum>
+class Index {
  public:
   static constexpr unsigned min() { return 0; }
-  static constexpr unsigned max() { return 127; }
-  explicit StringIndex(unsigned value) : value_(static_cast<uint8_t>(value)) {
-    if (value > max())
-      throw std::range_error(
-          "StringIndex::value < StringIndex::min or > StringIndex::max not allowed");
-  }
-  uint8_t value() const { return value_; }
-  StringIndex operator+(StringIndex n) const {
-    return StringIndex(static_cast<uint8_t>(value_ + n.value_));
-  }
-  auto operator<=>(const StringIndex&) const = default;
-
- private:
-  uint8_t value_;
-};
-
-/// Index of a per-set slot, 0..19; a value outside raises std::range_error.
-class TARN_API SetIndex {
- public:
-  static constexpr unsigned min() { return 0; }
-  static constexpr unsigned max() { return 19; }
+  static constexpr unsigned max() { return maximum; }
+  /// Stands for "no index" where one is kept in 8 bits.
   static constexpr uint8_t none = 255;
-  explicit SetIndex(unsigned value) : value_(static_cast<uint8_t>(value)) {
-    if (value > max())
-      throw std::range_error("SetIndex::value < SetIndex::min or > SetIndex::max not allowed");
+  explicit Index(unsigned value) : value_(static_cast<uint8_t>(value)) {
+    if (value > max()) throw std::range_error(Tag::outside);
   }
   uint8_t value() const { return value_; }
-  SetIndex operator+(SetIndex n) const { return SetIndex(static_cast<uint8_t>(value_ + n.value_)); }
-  auto operator<=>(const SetIndex&) const = default;
+  Index operator+(Index n) const { return Index(static_cast<uint8_t>(value_ + n.value_)); }
+  std::string stringValue() const { return std::to_string(value_); }
+  std::string strep() const { return ValueWriter(Tag::type).attr("value", value_).str(); }
+  /// Reads both forms; nothing for a value outside.
+  static std::optional<Index> fromString(std::string_view text) {
+    unsigned value = 0;
+    if (!fromValueText(Tag::type, text, value) || value > max()) return std::nullopt;
+    return Index(value);
+  }
+  auto operator<=>(const Index&) const = default;
 
  private:
   uint8_t value_;
 };
+
+struct StringIndexTag {
+  static constexpr const char* type = "Tarn::Ipfix::StringIndex";
+  static constexpr const char* outside =
+      "StringIndex::value < StringIndex::min or > StringIndex::max not allowed";
+};
+/// Index into a name's storage.
+using StringIndex = Index<StringIndexTag, 127>;
+
+struct SetIndexTag {
+  static constexpr const char* type = "Tarn::Ipfix::SetIndex";
+  static constexpr const char* outside =
+      "SetIndex::value < SetIndex::min or > SetIndex::max not allowed";
+};
+/// Index of a per-set slot.
+using SetIndex = Index<SetIndexTag, 19>;
 
 /// A set id that messages may carry: 2, 3 or above 255; any other asserts.
 class TARN_API SetId {
  public:
   explicit SetId(uint16_t value);
+  static bool valid(uint16_t value);
   uint16_t value() const { return value_; }
+  std::string stringValue() const { return std::to_string(value_); }
+  std::string strep() const;
+  /// Reads both forms; nothing for a value that messages may not carry.
+  static std::optional<SetId> fromString(std::string_view text);
   auto operator<=>(const SetId&) const = default;
 
  private:
@@ -82,6 +93,8 @@ class TARN_API CollectorInfo {
   /// 10.0.0.1:4739 or [2001:db8::1]:4739
   std::string stringValue() const;
   std::string strep() const;  ///< the "Value(...)" form
+  /// Reads both forms.
+  static std::optional<CollectorInfo> fromString(std::string_view text);
   bool operator==(const CollectorInfo&) const = default;
   /// By family and address, then port.
   std::strong_ordering operator<=>(const CollectorInfo& o) const;
@@ -114,8 +127,10 @@ class TARN_API CollectorStatisticsKey {
   std::string_view exporter() const { return text(exporterStorage_, exporterLen_); }
   void exporterIs(std::string_view name) { store(exporterStorage_, exporterLen_, name); }
 
-  /// Single octets. Writing behind the end lengthens the name, the gap filled with zeros; deleting
-  /// zeroes the octet, and shortens the name when it was the last.
+  /// Single octets, 0 behind the name's end. Writing behind the end lengthens the name, the gap
+  /// filled with zeros; deleting zeroes the octet, and shortens the name when it was the last.
+  uint8_t trackerStorage(StringIndex i) const { return trackerStorage_[i.value()]; }
+  uint8_t exporterStorage(StringIndex i) const { return exporterStorage_[i.value()]; }
   void trackerStorageIs(StringIndex i, uint8_t c) { put(trackerStorage_, trackerLen_, i, c); }
   void trackerStorageDel(StringIndex i) { del(trackerStorage_, trackerLen_, i); }
   void trackerStorageDelAll() { trackerIs({}); }
@@ -150,13 +165,30 @@ class TARN_API CollectorStatisticsKey {
 static_assert(sizeof(CollectorStatisticsKey) == 284);
 
 /// Counters of one set id; set id 0 marks a free slot.
-struct TARN_API CollectorSetStatisticsEntry {
-  uint16_t setId = 0;
-  std::array<uint8_t, 6> pad{};
-  uint64_t exportedFlowRecordCount = 0;
-  uint64_t exportedTemplateCount = 0;
+class TARN_API CollectorSetStatisticsEntry {
+ public:
+  CollectorSetStatisticsEntry() = default;
+  explicit CollectorSetStatisticsEntry(uint16_t setId, uint64_t records = 0, uint64_t templates = 0)
+      : setId_(setId), records_(records), templates_(templates) {}
+  uint16_t setId() const { return setId_; }
+  void setIdIs(uint16_t v) { setId_ = v; }
+  /// Data records sent in sets of this id.
+  uint64_t exportedFlowRecordCount() const { return records_; }
+  void exportedFlowRecordCountIs(uint64_t v) { records_ = v; }
+  void exportedFlowRecordCountInc(uint64_t n) { records_ += n; }
+  /// Templates sent in sets of this id.
+  uint64_t exportedTemplateCount() const { return templates_; }
+  void exportedTemplateCountIs(uint64_t v) { templates_ = v; }
+  void exportedTemplateCountInc(uint64_t n) { templates_ += n; }
+  std::string strep() const;  ///< the "Value(...)" form
+  static std::optional<CollectorSetStatisticsEntry> fromString(std::string_view text);
   bool operator==(const CollectorSetStatisticsEntry&) const = default;
-  std::string strep() const;
+
+ private:
+  uint16_t setId_ = 0;
+  std::array<uint8_t, 6> pad_{};
+  uint64_t records_ = 0;
+  uint64_t templates_ = 0;
 };
 static_assert(sizeof(CollectorSetStatisticsEntry) == 24);
 
@@ -203,8 +235,10 @@ class TARN_API CollectorStatisticsEntry {
   /// The id's counters, or an all-zero entry.
   CollectorSetStatisticsEntry setEntry(SetId id) const;
   void setEntryIs(const CollectorSetStatisticsEntry& e);
-  /// Adds to the id's counters. When 20 other ids have the slots, the totals alone know of it.
-  void setEntryInc(SetId id, uint64_t records, uint64_t templates);
+  /// Adds to the id's counters. False where 20 other ids have the slots: the totals alone then know
+  /// of it. A tracker may well use more templates than there are slots, and a device's choice of
+  /// them must not stop the agent, so that the writers skip such an id instead of raising.
+  bool setEntryInc(SetId id, uint64_t records, uint64_t templates);
   /// Removes and returns them; an all-zero entry when there were none.
   CollectorSetStatisticsEntry setEntryDel(SetId id);
   const CollectorSetStatisticsEntry& setEntryStorage(SetIndex i) const {

@@ -24,7 +24,7 @@ std::ostream& operator<<(std::ostream& out, const ElementId& e) { return out << 
 
 std::optional<IpfixMsgSeqNo> IpfixMsgSeqNo::fromString(std::string_view text) {
   uint32_t value = 0;
-  if (!fromText(text, value)) return std::nullopt;
+  if (!fromValueText("Ipfix::IpfixMsgSeqNo", text, value)) return std::nullopt;
   return IpfixMsgSeqNo(value);
 }
 std::ostream& operator<<(std::ostream& out, IpfixMsgSeqNo n) { return out << n.value(); }
@@ -141,8 +141,6 @@ constexpr ElementRow elementRows[] = {
     {"inbandTelemetryNodeMinimumLatency", 2022, 4, true},
 };
 static_assert(std::size(elementRows) == 87);
-
-using ElementMap = const std::map<RecordType, ElementId>& (ElementIdColl::*)() const;
 }  // namespace
 
 void ElementIdColl::doInitialize() {
@@ -151,17 +149,16 @@ void ElementIdColl::doInitialize() {
     elementIdCollIs(ElementId(r.enterpriseIe, RecordType(r.id), r.len, r.str));
 }
 AttrRows ElementIdColl::attrRows() const {
-  static constexpr AttrRow rows[] = {
-      mapRow<static_cast<ElementMap>(&ElementIdColl::elementIdColl)>("elementIdColl")};
+  static constexpr AttrRow rows[] = {mapRow<&ElementIdColl::elementIdColl_>("elementIdColl")};
   return rows;
 }
-Ptr<ElementIdColl> elementIdCollFactory() { return Ptr<ElementIdColl>::adopt(new ElementIdColl); }
+Ptr<ElementIdColl> elementIdCollFactory() { return make<ElementIdColl>(); }
 
 AttrRows AgentInfo::attrRows() const {
   static constexpr AttrRow rows[] = {
       row<&AgentInfo::multiThreaded, &AgentInfo::multiThreadedIs>("multiThreaded")};
   return rows;
 }
-Ptr<AgentInfo> agentInfoFactory() { return Ptr<AgentInfo>::adopt(new AgentInfo); }
+Ptr<AgentInfo> agentInfoFactory() { return make<AgentInfo>(); }
 
 }  // namespace Ipfix

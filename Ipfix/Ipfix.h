@@ -47,6 +47,7 @@ class TARN_API IpfixMsgSeqNo {
   }
   bool operator==(const IpfixMsgSeqNo&) const = default;
   std::string stringValue() const { return std::to_string(value_); }
+  /// Reads the plain number, and the form with the attribute "value".
   static std::optional<IpfixMsgSeqNo> fromString(std::string_view text);
 
  private:

@@ -14,14 +14,13 @@ void IpfixInitSm::handleInitialized() {
 }
 AttrRows IpfixInitSm::attrRows() const {
   static constexpr AttrRow rows[] = {
-      childRow<&IpfixInitSm::elementIdCollection>("elementIdCollection"),
-      childRow<&IpfixInitSm::agentInfo>("agentInfo"),
+      childRow<&IpfixInitSm::elementIdCollection_>("elementIdCollection"),
+      childRow<&IpfixInitSm::agentInfo_>("agentInfo"),
       row<&IpfixInitSm::initialized, &IpfixInitSm::initializedIs>("initialized"),
       actionRow<&IpfixInitSm::handleInitialized>("handleInitialized"),
   };
   return rows;
 }
-Ptr<IpfixInitSm> IpfixInitSm::IpfixInitSmIs() { return Ptr<IpfixInitSm>::adopt(new IpfixInitSm); }
 Ptr<IpfixInitSm> ipfixInitSmFactory() { return IpfixInitSm::IpfixInitSmIs(); }
 
 }  // namespace Ipfix

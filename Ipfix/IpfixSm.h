@@ -15,8 +15,10 @@ class TARN_API IpfixInitSm final : public Entity {
     virtual void handleInitializedChange() {}
   };
 
-  static Ptr<IpfixInitSm> IpfixInitSmIs();
+  IpfixInitSm() { handleInitialized(); }
+  static Ptr<IpfixInitSm> IpfixInitSmIs() { return make<IpfixInitSm>(); }
 
+  /// Null only while the constructor runs; so is `agentInfo`.
   Ptr<ElementIdColl> elementIdCollection() const { return elementIdCollection_; }
   void elementIdCollectionIs(Ptr<ElementIdColl> v) {
     set(elementIdCollection_, std::move(v), &Watcher::handleElementIdCollection);
@@ -33,8 +35,6 @@ class TARN_API IpfixInitSm final : public Entity {
   AttrRows attrRows() const override;
 
  private:
-  IpfixInitSm() { handleInitialized(); }
-
   Ptr<ElementIdColl> elementIdCollection_;
   Ptr<AgentInfo> agentInfo_;
   bool initialized_ = false;

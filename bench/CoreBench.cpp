@@ -170,8 +170,8 @@ void statisticsUpdate(benchmark::State& state) {
     auto entry = stats->stats(key).value_or(CollectorStatisticsEntry(key));
     entry.exportedMessageTotalCountInc(1);
     auto set = entry.setEntry(SetId(256));
-    set.setId = 256;
-    set.exportedFlowRecordCount += 10;
+    set.setIdIs(256);
+    set.exportedFlowRecordCountInc(10);
     entry.setEntryIs(set);
     stats->statsIs(entry);
   }

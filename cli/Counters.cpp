@@ -26,7 +26,7 @@ using Tarn::Ipfix::SetIndex;
 std::vector<CollectorSetStatisticsEntry> setsOf(const CollectorStatisticsEntry& e) {
   std::vector<CollectorSetStatisticsEntry> sets;
   for (uint32_t i = 0; i < e.setEntryCount(); ++i)
-    if (const auto& s = e.setEntryStorage(SetIndex(i)); s.setId != 0) sets.push_back(s);
+    if (const auto& s = e.setEntryStorage(SetIndex(i)); s.setId() != 0) sets.push_back(s);
   std::ranges::sort(sets, {}, &CollectorSetStatisticsEntry::setId);
   return sets;
 }
@@ -179,8 +179,8 @@ std::string countersText(const Counters& c, const RatesByKey* rates) {
     table.add(row);
     for (const auto& s : setsOf(e)) {
       Table::Row set = who;
-      set.insert(set.end(), {setName(s.setId), fmt::to_string(s.exportedFlowRecordCount),
-                             fmt::to_string(s.exportedTemplateCount)});
+      set.insert(set.end(), {setName(s.setId()), fmt::to_string(s.exportedFlowRecordCount()),
+                             fmt::to_string(s.exportedTemplateCount())});
       sets.add(set);
     }
   }
@@ -202,9 +202,9 @@ Json countersJson(const Counters& c, const std::string& name, const RatesByKey* 
   for (const auto& e : c.entries) {
     Json sets = Json::array();
     for (const auto& s : setsOf(e))
-      sets.push_back({{"id", s.setId},
-                      {"records", s.exportedFlowRecordCount},
-                      {"templates", s.exportedTemplateCount}});
+      sets.push_back({{"id", s.setId()},
+                      {"records", s.exportedFlowRecordCount()},
+                      {"templates", s.exportedTemplateCount()}});
     out["entries"].push_back({{"tracker", e.key().tracker()},
                               {"exporter", e.key().exporter()},
                               {"collectorAddress", e.key().collector().addr().stringValue()},

@@ -102,7 +102,7 @@ void collectorFamilies(Exposition& out, const std::vector<CollectorStatisticsEnt
   };
   const auto eachSet = [](const Entry& e, const auto& f) {
     for (uint32_t i = 0; i < e.setEntryCount(); ++i)
-      if (const auto& s = e.setEntryStorage(Tarn::Ipfix::SetIndex(i)); s.setId != 0) f(s);
+      if (const auto& s = e.setEntryStorage(Tarn::Ipfix::SetIndex(i)); s.setId() != 0) f(s);
   };
   counts("tarnflow_exported_messages_total", "IPFIX messages sent to the collector.",
          [](const Entry& e) { return e.exportedMessageTotalCount(); });
@@ -112,7 +112,7 @@ void collectorFamilies(Exposition& out, const std::vector<CollectorStatisticsEnt
   counts("tarnflow_exported_templates_total",
          "Template records in them, options templates included.", [&](const Entry& e) {
            uint64_t n = 0;
-           eachSet(e, [&](const auto& s) { n += s.exportedTemplateCount; });
+           eachSet(e, [&](const auto& s) { n += s.exportedTemplateCount(); });
            return n;
          });
   counts("tarnflow_exported_bytes_total", "Octets of them, without UDP and IP headers.",
@@ -122,15 +122,15 @@ void collectorFamilies(Exposition& out, const std::vector<CollectorStatisticsEnt
               "Data records by set id, which is their template's id.");
   for (const Row& r : rows)
     eachSet(*r.entry, [&](const auto& s) {
-      if (s.setId >= 256)
-        out.sample(fmt::format(R"({},set="{}")", r.labels, s.setId), s.exportedFlowRecordCount);
+      if (s.setId() >= 256)
+        out.sample(fmt::format(R"({},set="{}")", r.labels, s.setId()), s.exportedFlowRecordCount());
     });
   out.counter("tarnflow_exported_set_templates_total",
               "Template records by set id: 2 templates, 3 options templates.");
   for (const Row& r : rows)
     eachSet(*r.entry, [&](const auto& s) {
-      if (s.setId < 256)
-        out.sample(fmt::format(R"({},set="{}")", r.labels, s.setId), s.exportedTemplateCount);
+      if (s.setId() < 256)
+        out.sample(fmt::format(R"({},set="{}")", r.labels, s.setId()), s.exportedTemplateCount());
     });
   times("tarnflow_last_message_timestamp_seconds", "When a message was last sent.",
         [](const Entry& e) { return e.lastSentTime(); });

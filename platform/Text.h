@@ -118,4 +118,10 @@ class TARN_API ValueReader {
   bool ok_ = false;
 };
 
+/// Reads a value type whose one attribute is `value`: the plain number, or the "Value(...)" form.
+template <std::integral T>
+bool fromValueText(std::string_view type, std::string_view text, T& value) {
+  return fromText(text, value) || ValueReader(type, text).attr("value", value).ok();
+}
+
 }  // namespace platform

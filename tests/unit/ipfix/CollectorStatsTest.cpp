@@ -49,24 +49,21 @@ TEST(CollectorStatsTest, SetSlotsAreFoundFreedAndReused) {
   CollectorStatisticsEntry entry(CollectorStatisticsKey("t", "e", TarnInfo::fromIpAndPort(v4)));
   EXPECT_EQ(entry.setEntry(SetId(256)), CollectorSetStatisticsEntry());
   const auto put = [&](uint16_t id, uint64_t n) {
-    CollectorSetStatisticsEntry e;
-    e.setId = id;
-    e.exportedFlowRecordCount = n;
-    entry.setEntryIs(e);
+    entry.setEntryIs(CollectorSetStatisticsEntry(id, n));
   };
   put(256, 1);
   put(257, 2);
   put(258, 3);
   EXPECT_EQ(entry.setEntryCount(), 3u);
   EXPECT_EQ(entry.indexForSetId(SetId(258)), 2);
-  EXPECT_EQ(entry.setEntryDel(SetId(257)).exportedFlowRecordCount, 2u);
-  EXPECT_EQ(entry.setEntryDel(SetId(257)).setId, 0);
+  EXPECT_EQ(entry.setEntryDel(SetId(257)).exportedFlowRecordCount(), 2u);
+  EXPECT_EQ(entry.setEntryDel(SetId(257)).setId(), 0);
   EXPECT_EQ(entry.nextIdx(), 1);
   put(300, 4);
   EXPECT_EQ(entry.indexForSetId(SetId(300)), 1);
   EXPECT_EQ(entry.setEntryCount(), 3u);
   for (uint16_t id = 400; entry.setEntryCount() < 20; ++id) put(id, id);
-  EXPECT_FALSE(entry.hasRoomFor(SetId(999)));
+  EXPECT_FALSE(entry.setEntryInc(SetId(999), 1, 0));
   EXPECT_TRUE(entry.hasRoomFor(SetId(300)));
   EXPECT_THROW(put(999, 1), std::range_error);
   entry.setEntryDel(SetId(256));
@@ -86,18 +83,32 @@ TEST(CollectorStatsTest, ReadableFormsAndClearing) {
   entry.exportedOctetTotalCountInc(300);
   entry.lastSentTimeIs(990);
   entry.lastTemplateSentTimeIs(989.6);
-  CollectorSetStatisticsEntry set;
-  set.setId = 2;
-  set.exportedTemplateCount = 6;
-  entry.setEntryIs(set);
+  entry.setEntryIs(CollectorSetStatisticsEntry(2, 0, 6));
   EXPECT_EQ(entry.readable(1000),
             "[t1 e1 [2001:db8::1]:4739] msgs: 3, flows: 0, octets: 300, last message: 10, "
             "template: 10, data: inf, options data: inf, cleared: inf, "
             "set 2: (flows: 0, templates: 6)");
   entry.clear(1000);
   EXPECT_EQ(entry.exportedMessageTotalCount(), 0u);
-  EXPECT_EQ(entry.setEntry(SetId(2)).exportedTemplateCount, 0u);
+  EXPECT_EQ(entry.setEntry(SetId(2)).exportedTemplateCount(), 0u);
   EXPECT_EQ(entry.lastClearedTime(), 1000);
+}
+
+TEST(CollectorStatsTest, FormsReadBackAndValuesOutsideAreRefused) {
+  const auto info = TarnInfo::fromIp6AndPort(v6);
+  for (const std::string& text : {info.strep(), info.stringValue()})
+    EXPECT_EQ(TarnInfo::fromString(text), info) << text;
+  const CollectorSetStatisticsEntry set(300, 1ULL << 40, 3);
+  EXPECT_EQ(CollectorSetStatisticsEntry::fromString(set.strep()), set);
+  EXPECT_EQ(SetId::fromString(SetId(256).strep()), SetId(256));
+  EXPECT_EQ(SetIndex::fromString(SetIndex(19).strep()), SetIndex(19));
+  EXPECT_EQ(StringIndex::fromString("127"), StringIndex(127));
+  EXPECT_THROW(StringIndex(127) + StringIndex(127), std::range_error);
+  EXPECT_EQ(StringIndex(127) + StringIndex(0), StringIndex(127));
+  for (const char* bad : {"255", "-1", "", "4", "Value('Tarn::Ipfix::SetIndex', ** {'value': 0})"})
+    EXPECT_FALSE(SetId::fromString(bad)) << bad;
+  EXPECT_FALSE(SetIndex::fromString("20"));
+  EXPECT_FALSE(TarnInfo::fromString(set.strep()));
 }
 
 TEST(CollectorStatsTest, ForeignOctetsAreRefused) {

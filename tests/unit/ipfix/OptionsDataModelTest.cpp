@@ -161,8 +161,8 @@ class World {
     EXPECT_EQ(entry->exportedFlowRecordTotalCount(), count.records) << to;
     for (const auto& [set, records] : count.recordsBySet) {
       const auto s = entry->setEntry(Tarn::Ipfix::SetId(set));
-      EXPECT_EQ(s.exportedFlowRecordCount, records) << to << " set " << set;
-      EXPECT_EQ(s.exportedTemplateCount, count.templatesBySet.at(set)) << to << " set " << set;
+      EXPECT_EQ(s.exportedFlowRecordCount(), records) << to << " set " << set;
+      EXPECT_EQ(s.exportedTemplateCount(), count.templatesBySet.at(set)) << to << " set " << set;
     }
   }
 

@@ -65,6 +65,8 @@ TEST(ElementIdTest, TextFormsReadBack) {
   EXPECT_EQ(last + IpfixMsgSeqNo(1), IpfixMsgSeqNo(0));
   EXPECT_EQ(last + IpfixMsgSeqNo(2), IpfixMsgSeqNo(1));
   EXPECT_EQ(IpfixMsgSeqNo::fromString(last.stringValue()), last);
+  EXPECT_EQ(IpfixMsgSeqNo::fromString("Value('Ipfix::IpfixMsgSeqNo', ** {'value': 4294967295})"),
+            last);
   EXPECT_FALSE(IpfixMsgSeqNo::fromString("4294967296"));
 }
 

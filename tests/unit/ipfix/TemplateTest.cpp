@@ -159,21 +159,21 @@ TEST_F(TemplateTest, CountersAreClearedAndForgottenWithTheExporter) {
   auto entry = statsOf(dst4(1));
   ASSERT_TRUE(entry);
   EXPECT_EQ(entry->exportedMessageTotalCount(), 6u);
-  EXPECT_EQ(entry->setEntry(Tarn::Ipfix::SetId(3)).exportedTemplateCount, 12u);
+  EXPECT_EQ(entry->setEntry(Tarn::Ipfix::SetId(3)).exportedTemplateCount(), 12u);
   EXPECT_EQ(entry->lastTemplateSentTime(), sim->clock().now());
   EXPECT_EQ(entry->lastOptionsDataSentTime(), 0);
 
   req->clearCountersIs(1);
   entry = statsOf(dst4(1));
   EXPECT_EQ(entry->exportedMessageTotalCount(), 0u);
-  EXPECT_EQ(entry->setEntry(Tarn::Ipfix::SetId(3)).exportedTemplateCount, 0u);
+  EXPECT_EQ(entry->setEntry(Tarn::Ipfix::SetId(3)).exportedTemplateCount(), 0u);
   EXPECT_EQ(entry->lastClearedTime(), sim->clock().now());
 
   // An entry whose slots are all taken by other sets still counts the message.
   for (uint16_t id = 500; entry->setEntryCount() < 20; ++id)
-    entry->setEntryIs({.setId = id, .exportedFlowRecordCount = 1});
+    entry->setEntryIs(Tarn::Ipfix::CollectorSetStatisticsEntry(id, 1));
   entry->setEntryDel(Tarn::Ipfix::SetId(2));
-  entry->setEntryIs({.setId = 999});
+  entry->setEntryIs(Tarn::Ipfix::CollectorSetStatisticsEntry(999));
   stats->statsIs(*entry);
   sim->advance(Seconds(30));
   EXPECT_EQ(statsOf(dst4(1))->exportedMessageTotalCount(), 2u);
