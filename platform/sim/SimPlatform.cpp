@@ -56,7 +56,10 @@ class SimPlatformImpl final : public SimPlatform, private TimerQueue::Host {
   }
   void openErrorIs(int err) override { openError_ = err; }
   void sendErrorIs(int err) override { sendError_ = err; }
-  void paceIs(size_t perMs) override { pacePerMs_ = perMs; }
+  void paceIs(size_t perMs, uint64_t before) override {
+    pacePerMs_ = perMs;
+    queuedBefore_ = before;
+  }
   size_t openEndpoints() const override { return bound_.size(); }
   std::vector<std::string> takeTrace() override { return std::exchange(trace_.lines, {}); }
   std::vector<std::string> takeLog() override { return std::exchange(log_.lines, {}); }
@@ -124,6 +127,7 @@ class SimPlatformImpl final : public SimPlatform, private TimerQueue::Host {
   int openError_ = 0;
   int sendError_ = 0;
   size_t pacePerMs_ = 0;
+  uint64_t queuedBefore_ = 0;
   std::vector<SimDatagram> sent_;
   std::vector<Shared> shared_;
 };
@@ -212,6 +216,8 @@ bool SimPlatformImpl::taken(const Binding& b) const {
 void SimPam::modeIs(Mode mode) {
   if (mode == this->mode()) return;
   if (mode == outOfService) {
+    for (; !waiting_.empty(); waiting_.pop_front()) send(std::move(waiting_.front()));
+    counters_.queued = 0;
     platform_.bound_.erase(bound_);
     arrived_.clear();
     fd_ = -1;
@@ -255,7 +261,7 @@ void SimPam::txPktIs(const Ptr<Pkt>& pkt) {
   platform_.shared_.push_back({pkt, d.octets});
   if (platform_.pacePerMs_ == 0) return send(std::move(d));
   waiting_.push_back(std::move(d));
-  counters_.queued = waiting_.size();
+  counters_.queued = waiting_.size() + platform_.queuedBefore_;
   txTask_->scheduleLowestIs(Seconds(0.001));
 }
 void SimPam::send(SimDatagram d) {
@@ -266,11 +272,12 @@ void SimPam::send(SimDatagram d) {
   platform_.sent_.push_back(std::move(d));
 }
 void SimPam::send() {
-  for (size_t n = 0; n < platform_.pacePerMs_ && !waiting_.empty(); ++n) {
+  for (size_t n = 0; (platform_.pacePerMs_ == 0 || n < platform_.pacePerMs_) && !waiting_.empty();
+       ++n) {
     send(std::move(waiting_.front()));
     waiting_.pop_front();
   }
-  counters_.queued = waiting_.size();
+  counters_.queued = waiting_.empty() ? 0 : waiting_.size() + platform_.queuedBefore_;
   if (!waiting_.empty()) txTask_->scheduleIs(Seconds(0.001));
 }
 

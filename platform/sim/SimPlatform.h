@@ -53,7 +53,8 @@ class SimPlatform : public Platform {
   virtual void openErrorIs(int err) = 0;
   virtual void sendErrorIs(int err) = 0;
   /// Endpoints send so many datagrams a millisecond, the others wait; 0 (default): all at once.
-  virtual void paceIs(size_t perMs) = 0;
+  /// `before`: what an endpoint counts as waiting besides, while anything waits.
+  virtual void paceIs(size_t perMs, uint64_t before = 0) = 0;
   virtual size_t openEndpoints() const = 0;  ///< endpoints in service now
 
   /// Trace lines and log messages ("NAME: text") since the last call.
