@@ -27,8 +27,8 @@ struct UdpPamCounters {
   uint64_t queuedMax = 0;   ///< the most that ever waited
   /// `dropped` by cause. Besides what the kernel says (ENETUNREACH, EMSGSIZE, EPERM, EINVAL or
   /// ENETUNREACH: the source address is not this host's, ...): ENOBUFS, the queue was full; EAGAIN,
-  /// still queued when the endpoint closed; EDESTADDRREQ, no destination address or port; EBADF,
-  /// out of service.
+  /// still queued when the endpoint closed; ECANCELED, still queued when its destination was taken
+  /// away (`txDstDel`); EDESTADDRREQ, no destination address or port; EBADF, out of service.
   std::map<int, uint64_t> dropByErrno;
   uint64_t received = 0;        ///< datagrams that the receive handler was given
   uint64_t receivedOctets = 0;  ///< their UDP payload
@@ -107,6 +107,10 @@ class TARN_API UdpPam : public Entity {
   /// other refusal drops and counts it; a datagram too large for its path is refused (EMSGSIZE),
   /// never fragmented. Never throws, never blocks.
   virtual void txPktIs(const Ptr<Pkt>& pkt) = 0;
+
+  /// Nobody is there any more: drops what waits for that destination now, at the latest when the
+  /// current task is over. What is handed over later is sent. A host without a queue ignores it.
+  virtual void txDstDel(const IpGenAddr& /*addr*/, uint16_t /*port*/) {}
 
   /// While there is a handler, the loop reads what arrives and hands it over, in order, so much per
   /// round that other work gets its turn. Without one (default; null takes it away) nothing is read

@@ -277,6 +277,7 @@ class UdpPamLinux final : public UdpPam {
   void txTosIs(uint8_t tos) override { addressingIs(tos_, tos); }
   void txRateLimitIs(const RateLimit& limit) override;
   void txPktIs(const Ptr<Pkt>& pkt) override;
+  void txDstDel(const IpGenAddr& addr, uint16_t port) override;
   void rxPktHandlerIs(RxPktHandler handler) override;
 
   const UdpPamCounters& counters() const override { return counters_; }
@@ -338,6 +339,7 @@ class UdpPamLinux final : public UdpPam {
   size_t segmentsMaxOf(const Datagram& first) const;
   size_t fill(TxRoom& room, bool moreComes);
   void tosIs(uint8_t tos);
+  void purge();
   void popFront(size_t n = 1);
   void taken(size_t n, uint64_t octets);
   void recovered(const Datagram& d);
@@ -382,6 +384,9 @@ class UdpPamLinux final : public UdpPam {
   bool wayChanged_ = true;  // since the last datagram, or there is no socket
 
   Queue queue_;
+  uint64_t accepted_ = 0;  // datagrams that were ever queued
+  // What is not sent any more: to these, of the datagrams up to that number.
+  std::map<Destination, uint64_t> gone_;
   Ring<Way> ways_;                   // of those in the queue, and of the last one
   uint32_t firstWay_ = 0;            // the number of the first of them
   std::unique_ptr<TimerTask> rest_;  // goes on where a flush stopped at its bound
@@ -523,6 +528,7 @@ void UdpPamLinux::txPktIs(const Ptr<Pkt>& pkt) {
   if ((wayChanged_ || queue_.size() >= queueMax_) && !readyFor(*pkt)) [[unlikely]]
     return;
   Datagram& d = queue_.emplace_back();
+  ++accepted_;
   d.pkt = pkt;
   d.len = pkt->bytes();
   d.way = firstWay_ + static_cast<uint32_t>(ways_.size() - 1);
@@ -554,7 +560,33 @@ void UdpPamLinux::txRateLimitIs(const RateLimit& limit) {
   if (!queue_.empty()) rest_->scheduleLowestIs(Seconds(0));  // a wait at the old pace may be long
 }
 
+void UdpPamLinux::txDstDel(const IpGenAddr& addr, uint16_t port) {
+  if (queue_.empty()) return;
+  gone_[{addr, port}] = accepted_;
+  if (std::exchange(hooked_, true)) return;
+  endOfTask_->ask();
+}
+
+/// One pass over the queue, however many destinations are gone.
+void UdpPamLinux::purge() {
+  const auto gone = std::exchange(gone_, {});
+  uint64_t number = accepted_ - queue_.size();
+  Queue kept;
+  for (; !queue_.empty(); queue_.pop_front()) {
+    Datagram& d = queue_.front();
+    const auto to = gone.find(wayOf(d).dst);
+    if (++number; to != gone.end() && number <= to->second) {
+      countDrop(ECANCELED);
+    } else {
+      kept.emplace_back() = std::move(d);
+    }
+  }
+  queue_ = std::move(kept);
+  popFront(0);
+}
+
 void UdpPamLinux::flush() {
+  if (!gone_.empty()) purge();
   const uint64_t stopAt = counters_.sent + counters_.dropped + flushMax;
   while (!queue_.empty() && sendSome())
     if (counters_.sent + counters_.dropped >= stopAt) break;

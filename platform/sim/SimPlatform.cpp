@@ -161,6 +161,13 @@ class SimPam final : public UdpPam {
   void txPortIs(uint16_t port) override { txPort_ = port; }
   void txTosIs(uint8_t tos) override { tos_ = tos; }
   void txPktIs(const Ptr<Pkt>& pkt) override;
+  void txDstDel(const IpGenAddr& addr, uint16_t port) override {
+    const auto n = std::erase_if(
+        waiting_, [&](const SimDatagram& d) { return d.dst == addr && d.dstPort == port; });
+    counters_.dropped += n;
+    if (n > 0) counters_.dropByErrno[ECANCELED] += n;
+    counters_.queued -= n;
+  }
   void rxPktHandlerIs(RxPktHandler handler) override {
     rxHandler_ = std::move(handler);
     readSoon();

@@ -178,6 +178,36 @@ TEST_P(Endpoint, SendsBeforeItCloses) {
   for (size_t i = 0; i < got.size(); ++i) EXPECT_EQ(got[i].octets[0], i + 1);
 }
 
+TEST_P(Endpoint, WhatWaitsForADestinationGoesWithIt) {
+  auto pam = opened();
+  pam->txRateLimitIs({.unit = RateLimit::Unit::messages, .perSecond = 1});
+  if (auto* sim = dynamic_cast<SimPlatform*>(&host->platform())) sim->paceIs(1);
+  const auto to = [&](int i, uint8_t first) {
+    address(*pam, i);
+    pam->txPktIs(packet(40, first));
+  };
+  inTask([&] {
+    for (uint8_t first = 0; first < 50; ++first) to(first % 2, first);
+    pam->txDstDel(ipv6 ? IpGenAddr(host->sink6(1).addr) : IpGenAddr(host->sink4(1).addr), port(1));
+    to(1, 50);  // another collector at that place
+    to(0, 51);
+  });
+  const auto& drops = pam->counters().dropByErrno;
+  const auto cancelled = drops.contains(ECANCELED) ? drops.at(ECANCELED) : 0;
+  EXPECT_GE(cancelled, 20u) << "all but what had left";
+  pam->modeIs(UdpPam::outOfService);
+  const size_t expected = 52 - cancelled;
+  const auto got = host->received(expected);
+  ASSERT_EQ(got.size(), expected);
+  std::vector<int> late;
+  for (const auto& d : got) {
+    if (d.dstPort == port(0)) continue;
+    late.push_back(d.octets[0]);
+  }
+  EXPECT_EQ(late.back(), 50);
+  EXPECT_EQ(late.size(), 26 - cancelled);
+}
+
 TEST_P(Endpoint, CountsWhatItCannotSend) {
   auto pam = endpoint();
   address(*pam, 0);
