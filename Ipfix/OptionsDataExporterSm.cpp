@@ -268,8 +268,7 @@ void OptionsDataExporterSm::maybeSchedulePeriodic() {
   txPeriodicTask_->scheduleLowestIs(Seconds(seconds));
 }
 void OptionsDataExporterSm::handleActiveInterval() {
-  txPeriodicTask_->stop();  // a longer interval must not wait for the shorter one's run
-  maybeSchedulePeriodic();
+  maybeSchedulePeriodic();  // what is due stays due; a longer interval counts from there
 }
 void OptionsDataExporterSm::handleSrc4() {
   trace(TraceLevel::event, "OptionsDataExporterSm::", "handleSrc4 ", traceId_, " ",
@@ -342,7 +341,8 @@ void OptionsDataExporterSm::collectorIs_p(std::map<std::string, Ptr<Collector>>&
     collectorDel_p(family, name);
   }
   if (!info->optTemplateSent()) return;
-  const auto c = Ptr<Collector>::adopt(new Collector(name, info, dst4, dst6, this));
+  const auto c = Ptr<Collector>::adopt(
+      new Collector(name, info, dst4, dst6, this, std::is_same_v<Dst, IpAndPort>));
   family[name] = c;
   collector_[name] = c;
   handleCollector(name);
@@ -352,9 +352,13 @@ void OptionsDataExporterSm::collectorDel_p(std::map<std::string, Ptr<Collector>>
   const auto node = family.extract(name);
   if (node.empty()) return;
   node.mapped()->retire();
-  // While it moves between the families, the name may stand for its other self already.
-  if (auto it = collector_.find(name); it != collector_.end() && it->second == node.mapped())
-    collector_.erase(it);
+  // While it moves between the families it is in both: then the name stands for the other one.
+  const auto other = find(&family == &collector4_ ? collector6_ : collector4_, node.key());
+  if (other) {
+    collector_[node.key()] = other;
+  } else {
+    collector_.erase(node.key());
+  }
 }
 void OptionsDataExporterSm::handleCollector(const std::string& name) {
   collectorUpdate_.insert(name);
@@ -364,15 +368,15 @@ void OptionsDataExporterSm::handleCollector(const std::string& name) {
 void OptionsDataExporterSm::processCollectorQueue() {
   if (!initialized_) return;
   for (const auto& name : std::exchange(collectorUpdate_, {})) {
-    const auto collector = find(collector_, name);
     trace(TraceLevel::detail, "OptionsDataExporterSm::", "processCollectorQueue ", traceId_, " ",
-          name, ", exists: ", bool{collector});
-    if (!collector || !familyReady_p(*collector)) continue;
-    // Others are being sent the cache as it stands: what changed since is kept for the end.
-    if (!processing_) maybeBuildMsgCache();
-    beginTransmission_p(collector);
+          name, ", exists: ", collector_.contains(name));
+    for (const auto* family : {&collector4_, &collector6_}) {
+      const auto collector = find(*family, name);
+      if (!collector || !familyReady_p(*collector)) continue;
+      maybeBuildMsgCache();
+      beginTransmission_p(collector, false);
+    }
   }
-  processing_ = true;
   continueTransmissions();
 }
 
@@ -410,6 +414,7 @@ void OptionsDataExporterSm::maybeBeginPeriodicTransmission() {
   say("starting new periodic transmission");
   maybeBuildMsgCache();
   abortUpdates();
+  tablesAgain_ = false;
   processing_ = true;
   sendDataTables();
 }
@@ -429,14 +434,14 @@ void OptionsDataExporterSm::sendDataTables() {
   if (collectorUpdate_.empty()) collectorUpdateTask_->stop();
   for (const auto* family : {&collector4_, &collector6_})
     for (const auto& [name, collector] : *family)
-      if (familyReady_p(*collector)) beginTransmission_p(collector);
+      if (familyReady_p(*collector)) beginTransmission_p(collector, true);
   continueTransmissions();
 }
 
 /// From the beginning, also for a collector that is in the middle of the tables.
-void OptionsDataExporterSm::beginTransmission_p(const Ptr<Collector>& collector) {
+void OptionsDataExporterSm::beginTransmission_p(const Ptr<Collector>& collector, bool periodic) {
   std::erase_if(transmission_, [&](const auto& t) { return t.collector == collector; });
-  transmission_.push_back({collector, msgCache_});
+  transmission_.push_back({collector, msgCache_, periodic});
 }
 bool OptionsDataExporterSm::backlogged_p() const {
   for (const auto& pam : {expInfo_->udpPam4(), expInfo_->udpPam6()})
@@ -466,6 +471,11 @@ void OptionsDataExporterSm::continueTransmissions() {
     std::erase_if(transmission_, [](const Transmission& t) {
       return t.next == t.tables->messages.size() || !t.collector->active();
     });
+    if (processing_ && std::none_of(transmission_.begin(), transmission_.end(),
+                                    [](const Transmission& t) { return t.periodic; })) {
+      processing_ = false;
+      maybeSchedulePeriodic();
+    }
   }
   endTransmissions_p();
 }
@@ -506,7 +516,6 @@ std::shared_ptr<const BuiltTables> OptionsDataExporterSm::builtByOthers_p() cons
 }
 void OptionsDataExporterSm::maybeBuildMsgCache() {
   TARN_ASSERT_AS(initialized(), "initialized()");
-  TARN_ASSERT_AS(!processing(), "!processing()");
   trace(TraceLevel::detail, "OptionsDataExporterSm::", traceId_, " msgCacheValid: ", msgCacheValid_,
         ", entries: ", msgCacheSize());
   if (msgCacheValid_) return;
@@ -528,7 +537,7 @@ void OptionsDataExporterSm::maybeBuildMsgCache() {
         it = builder.addSetRecords(setId, it, places.end());
         if (it == places.end()) break;
         // An empty message holds every record that there may be.
-        TARN_ASSERT_AS(builder.recordCount() > 0, "consumed > 0");
+        TARN_ASSERT_AS(builder.recordCount() > 0 && (*it)->dataLen() > 0, "consumed > 0");
         tables->messages.push_back(builder.finalizeMsg());
         builder.startMsg();
       }
@@ -549,6 +558,7 @@ void OptionsDataExporterSm::maybeBuildMsgCache() {
 void OptionsDataExporterSm::abortUpdates() {
   updateTask_->stop();
   update_.clear();
+  changedMeanwhile_.clear();
   updateQueueBytes_ = 0;
 }
 void OptionsDataExporterSm::handleUpdateData(OptionsDataScope scope) {
@@ -575,7 +585,7 @@ void OptionsDataExporterSm::flushUpdateQueue() {
     const TemplateId setId = of->setId;
     const Ptr<const DataRecord> record = of->queue.head();
     of->queue.recordDel();  // before sending, which others hear of
-    if (processing_ && !tablesAgain_) {
+    if (!transmission_.empty() && !tablesAgain_) {
       changedMeanwhile_.emplace_back(setId, record);
       if (changedMeanwhile_.size() > changedMax) {
         changedMeanwhile_ = {};

@@ -183,18 +183,23 @@ class TARN_API UpdateQueues {
 /// An options data exporter's handle on one destination: numbers, stamps, sends and counts.
 class TARN_API Collector final : public Counted<Collector> {
  public:
+  /// With a port in `dst4` it is an IPv4 collector.
   Collector(std::string name, Ptr<CollectorInfo> collInfo, const IpAndPort& dst4,
             const Ip6AndPort& dst6, OptionsDataExporterSm* exporterSm)
+      : Collector(std::move(name), std::move(collInfo), dst4, dst6, exporterSm, dst4.port != 0) {}
+  Collector(std::string name, Ptr<CollectorInfo> collInfo, const IpAndPort& dst4,
+            const Ip6AndPort& dst6, OptionsDataExporterSm* exporterSm, bool ipv4)
       : name_(std::move(name)),
         collInfo_(std::move(collInfo)),
         dst4_(dst4),
         dst6_(dst6),
+        ipv4_(ipv4),
         exporterSm_(exporterSm) {}
   const std::string& name() const { return name_; }
   const Ptr<CollectorInfo>& collInfo() const { return collInfo_; }
   const IpAndPort& dst4() const { return dst4_; }
   const Ip6AndPort& dst6() const { return dst6_; }
-  bool isIpv4() const { return dst4_.port != 0; }
+  bool isIpv4() const { return ipv4_; }
   /// Its exporter still sends to it.
   bool active() const { return exporterSm_ != nullptr; }
   void retire() { exporterSm_ = nullptr; }
@@ -215,6 +220,7 @@ class TARN_API Collector final : public Counted<Collector> {
   Ptr<CollectorInfo> collInfo_;
   IpAndPort dst4_;
   Ip6AndPort dst6_;
+  bool ipv4_;
   OptionsDataExporterSm* exporterSm_;  // null once the exporter has dropped it
 };
 
@@ -252,8 +258,10 @@ class TARN_API OptionsDataExporterSm final : public Entity {
   /// Null before the first full transmission.
   const std::shared_ptr<const BuiltTables>& msgCache() const { return msgCache_; }
   uint32_t msgCacheBuildCount() const { return msgCacheBuildCount_; }
-  /// Full tables are on their way.
+  /// A periodic transmission of the full tables is in progress.
   bool processing() const { return processing_; }
+  /// Collectors that full tables are on their way to, periodic or not.
+  size_t transmissions() const { return transmission_.size(); }
   bool initialized() const { return initialized_; }
   /// "<exporter> for <tracker>"
   const std::string& traceId() const { return traceId_; }
@@ -312,7 +320,7 @@ class TARN_API OptionsDataExporterSm final : public Entity {
   void maybeBuildMsgCache();
   std::shared_ptr<const BuiltTables> builtByOthers_p() const;
   void sendDataTables();
-  void beginTransmission_p(const Ptr<Collector>& collector);
+  void beginTransmission_p(const Ptr<Collector>& collector, bool periodic);
   void continueTransmissions();
   bool backlogged_p() const;
   void endTransmissions_p();
@@ -352,6 +360,7 @@ class TARN_API OptionsDataExporterSm final : public Entity {
   struct Transmission {
     Ptr<Collector> collector;
     std::shared_ptr<const BuiltTables> tables;
+    bool periodic = false;
     size_t next = 0;  // message
   };
   std::vector<Transmission> transmission_;

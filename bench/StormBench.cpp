@@ -34,7 +34,7 @@ void storm(benchmark::State& state) {
     while (condition() || tree.pam()->counters().queued > 0) host.loop->runOnce(Seconds(0.001));
   };
   tree.settle();
-  waitingFor([&] { return tree.exporter()->processing(); });
+  waitingFor([&] { return tree.exporter()->transmissions() > 0; });
   uint32_t index = 2 * changes;
   const UdpPamCounters before = tree.pam()->counters();
   double behind = 0;

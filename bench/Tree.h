@@ -76,7 +76,7 @@ class Tree {
     for (const auto& [name, collector] : sm->collector()) sm->handleCollector(name);
     do {
       host_.loop->runOnce(Seconds(0));
-    } while (sm->processing() || pam(n)->counters().queued > 0);
+    } while (sm->transmissions() > 0 || pam(n)->counters().queued > 0);
   }
 
   Ptr<::Ipfix::IpfixInitSm> init = ::Ipfix::ipfixInitSmFactory();

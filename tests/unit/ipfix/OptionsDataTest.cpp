@@ -104,8 +104,10 @@ class OptionsDataTest : public TreeTest {
   std::map<std::string, std::map<uint16_t, uint64_t>> arrived() {
     Receiver::Count none;
     for (auto& [to, count] : receiver.counts()) count = none;
+    largest.clear();
     for (const auto& s : seen()) {
       receiver.take(s);
+      largest[s.to()] = std::max(largest[s.to()], s.datagram.octets.size());
       if (HasFatalFailure()) break;
     }
     std::map<std::string, std::map<uint16_t, uint64_t>> out;
@@ -116,6 +118,27 @@ class OptionsDataTest : public TreeTest {
     return out;
   }
 
+  /// A ready tree whose interface table, some 1100 messages, takes half a second to each collector.
+  void makeSlowTree() {
+    for (uint32_t i = 1; i <= 30000; ++i) intfIs("eth" + std::to_string(i), i);
+    exporter->collectorIpAndPortIs("a", dst4(1));
+    exporter->ipfixMtuIs(400);
+    sim->paceIs(2);
+    makeTree();
+    dataExporter()->updateDataCoalesceTimeIs(0.01);
+  }
+  void rename(uint32_t index, const std::string& name) {
+    intfs->intfIndexDel(IntfId("eth" + std::to_string(index)));
+    intfIs(name, index);
+  }
+  /// An interface's name as collector number `host` has it: a length octet, then the name.
+  std::string nameOf(uint8_t host, uint32_t index) {
+    for (auto& [to, picture] : receiver.pictures())
+      if (to.ends_with(dst4(host).stringValue())) return picture[intfTable][netOctets(index, 4)];
+    return {};
+  }
+
+  std::map<std::string, size_t> largest;  // message that arrived at each destination
   Ptr<IntfIndexMap> intfs = intfIndexMapFactory();
   Ptr<Vrf::VrfIdMap::Status> vrfs = Vrf::VrfIdMap::statusFactory();
   Ptr<OptionsDataManagerSm> manager;
@@ -163,28 +186,15 @@ TEST_F(OptionsDataTest, ChangesLeaveWithinTheCoalescingDelayOrWhenAMessageIsFull
 }
 
 TEST_F(OptionsDataTest, ChangesOvertakeATableThatIsOnItsWayAndStand) {
-  for (uint32_t i = 1; i <= 30000; ++i) intfIs("eth" + std::to_string(i), i);
-  exporter->collectorIpAndPortIs("a", dst4(1));
-  exporter->ipfixMtuIs(400);
-  sim->paceIs(2);  // some 1100 messages: half a second for each collector
-  makeTree();
-  dataExporter()->updateDataCoalesceTimeIs(0.01);
+  makeSlowTree();
   sim->advance(Seconds(0.05));
   EXPECT_TRUE(dataExporter()->processing());
-  const auto renamed = [&](uint32_t index) {
-    intfs->intfIndexDel(IntfId("eth" + std::to_string(index)));
-    intfIs("new" + std::to_string(index), index);
-  };
-  renamed(7);                                    // was sent with its old name
-  renamed(29999);                                // will be
-  exporter->collectorIpAndPortIs("b", dst4(2));  // and another one begins meanwhile
+  rename(7, "new7");          // was sent with its old name
+  rename(29999, "new29999");  // will be
+  intfs->intfIndexDel(IntfId("eth29998"));
+  exporter->ipfixMtuIs(340);
+  exporter->collectorIpAndPortIs("b", dst4(2));  // begins meanwhile
   arrived();
-  const auto nameOf = [&](int collector, uint32_t index) {
-    for (auto& [to, picture] : receiver.pictures())
-      if (to.ends_with(dst4(collector).stringValue()))
-        return picture[intfTable][netOctets(index, 4)];
-    return std::string();
-  };
   sim->advance(Seconds(0.2));
   arrived();
   EXPECT_TRUE(dataExporter()->processing());
@@ -192,10 +202,76 @@ TEST_F(OptionsDataTest, ChangesOvertakeATableThatIsOnItsWayAndStand) {
   sim->advance(Seconds(3));
   arrived();  // which judges sequence numbers and octets too
   EXPECT_FALSE(dataExporter()->processing());
-  for (const int collector : {1, 2})
+  EXPECT_LE(largest["10.0.0.2:4739"], 340u - 48);
+  for (const uint8_t host : {1, 2})
     for (const uint32_t index : {7, 29999})
-      EXPECT_EQ(nameOf(collector, index), "new" + std::to_string(index)) << collector;
+      EXPECT_EQ(nameOf(host, index), "new" + std::to_string(index)) << int{host};
   EXPECT_EQ(nameOf(2, 30000), "eth30000");
+  EXPECT_EQ(nameOf(2, 29998), "") << "gone before this collector came";
+}
+
+TEST_F(OptionsDataTest, WhatIsDroppedUnreadyDoesNotComeBackOlder) {
+  makeSlowTree();
+  dataExporter()->updateDataCoalesceTimeIs(0);
+  sim->advance(Seconds(0.05));
+  rename(7, "old7");
+  sim->advance(Seconds(0.05));
+  arrived();
+  receiver = Receiver();  // what waits in the endpoint is lost
+  exporter->srcIpAddrIs({});
+  rename(7, "new7");
+  sim->runRound();  // drops it, while the tables are on their way
+  dataExporter()->updateDataCoalesceTimeIs(0.1);
+  sim->advance(Seconds(0.01));
+  exporter->srcIpAddrIs(source4);
+  sim->advance(Seconds(5));
+  arrived();
+  EXPECT_EQ(nameOf(1, 7), "new7");
+}
+
+TEST_F(OptionsDataTest, NothingPutsOffThePeriod) {
+  makeSlowTree();
+  const auto records = [&] { return arrived()["10.0.0.1:4739"][intfTable] / 30000; };
+  sim->advance(Seconds(60.4));
+  EXPECT_EQ(records(), 1u);
+  exporter->collectorIpAndPortIs("b", dst4(2));  // is served when the period is over
+  sim->advance(Seconds(3));
+  EXPECT_EQ(records(), 1u);
+  for (int i = 0; i < 4; ++i) {
+    tracker->activeIntervalIs(i % 2 == 0 ? 61000 : 60000);
+    sim->advance(Seconds(17));
+  }
+  EXPECT_EQ(records(), 1u) << "intervals that are set again";
+}
+
+TEST_F(OptionsDataTest, ACollectorIsOfTheFamilyItIsConfiguredIn) {
+  exporter->collectorIpAndPortIs("no port", dst4(9, 0));
+  exporter->collectorIp6AndPortIs("b", dst6(2));
+  makeTree();
+  EXPECT_EQ(statsOf(dst4(9, 0))->exportedFlowRecordTotalCount(), 7u);
+  EXPECT_FALSE(statsOf(Ip6AndPort()));
+
+  exporter->srcIp6AddrIs({});
+  exporter->collectorIp6AndPortIs("moves", dst6(3));
+  sim->runDue();
+  arrived();
+  exporter->collectorIpAndPortIs("moves", dst4(3));  // gets its templates, so it is in both
+  exporter->collectorIp6AndPortDel("moves");
+  sim->runDue();
+  EXPECT_GT(arrived()["10.0.0.3:4739"][intfTable], 0u);
+  EXPECT_TRUE(dataExporter()->collector().contains("moves"));
+}
+
+TEST_F(OptionsDataTest, AnEmptyRecordStopsTheAgent) {
+  makeTree();
+  const auto table = manager->dataAll()->globalData()->source("InterfaceTable");
+  EXPECT_DEATH(manager->dataAll()->globalUpdate()->addUpdate(300, dataRecordFactory(""));
+               exporter->collectorIpAndPortIs("a", dst4(1));
+               sim->advance(Seconds(2)), "consumed > 0");
+  table->dataRecordDelAll();
+  table->dataRecordIs(dataRecordFactory(""));
+  table->versionInc(1);
+  EXPECT_DEATH(exporter->collectorIpAndPortIs("a", dst4(1)); sim->runDue(), "consumed > 0");
 }
 
 TEST_F(OptionsDataTest, ExportersOfOneTrackerShareTheMessagesTheyAgreeOn) {
