@@ -1,268 +1,122 @@
 #pragma once
-#include <algorithm>
 #include <map>
 #include <memory>
 #include <set>
-#include <span>
 #include <string>
 #include <vector>
 
-#include "Ipfix/CollectorStats.h"
-#include "Ipfix/FlowTrackerInfoSm.h"
-#include "Ipfix/MessageBuilder.h"
-#include "Ipfix/OptionsDataExporter.h"
-#include "platform/HwFlowTracking.h"
-#include "platform/Ring.h"
-#include "platform/TaskScheduler.h"
+#include "Ipfix/OptionsDataCollector.h"
+#include "Ipfix/OptionsDataTransmission.h"
+#include "Ipfix/OptionsDataUpdateQueue.h"
 
+/// The reactor that exports the options data of one (exporter, tracker).
 namespace FlowTracking {
 
-class OptionsDataExporterSm;
+TARN_API Ptr<Collector> collectorFactory(const std::string& name, Ptr<CollectorInfo> collInfo,
+                                         const IpAndPort& dst4, const Ip6AndPort& dst6,
+                                         OptionsDataExporterSm* exporterSm);
 
-/// Data records of one template in a message.
-struct SetRecord {
-  TemplateId setId = 0;
-  uint64_t count = 0;
-  void countInc(uint64_t n) { count += n; }
-};
-
-/// The set records of one message, by template id. A message holds few templates, mostly one: that
-/// one costs no allocation.
-class TARN_API SetRecords {
- public:
-  /// The template's record, made when there is none; valid until the next one is made.
-  SetRecord& operator[](TemplateId setId) {
-    if (first_.count == 0 || first_.setId == setId) {
-      first_.setId = setId;
-      return first_;
-    }
-    for (SetRecord& r : more_)
-      if (r.setId == setId) return r;
-    return more_.emplace_back(SetRecord{.setId = setId});
-  }
-  template <class Visit>
-  void each(Visit&& visit) const {
-    if (first_.count > 0) visit(first_);
-    for (const SetRecord& r : more_) visit(r);
-  }
-  void add(const SetRecords& o) {
-    if (o.first_.setId == first_.setId && o.more_.empty()) [[likely]] {
-      first_.count += o.first_.count;
-    } else {
-      o.each([this](const SetRecord& r) { (*this)[r.setId].countInc(r.count); });
-    }
-  }
-
- private:
-  SetRecord first_;
-  std::vector<SetRecord> more_;
-};
-
-/// One finished options data message and what it holds, by template id.
-class TARN_API MessageWrapper final : public Counted<MessageWrapper> {
- public:
-  Ptr<Message> message;
-  SetRecords setRecord;
-
-  static void* operator new(size_t len);
-  static void operator delete(void* p, size_t len);
-};
-
-/// What a collector was sent at one go.
-struct TARN_API SentMessages {
-  uint64_t messages = 0;
-  uint64_t records = 0;
-  uint64_t octets = 0;
-  SetRecords sets;
-
-  void add(const MessageWrapper& m) {
-    ++messages;
-    records += m.message->recordCount();
-    octets += m.message->len();
-    sets.add(m.setRecord);
-  }
-};
-
-/// The full tables as finished messages, and what they were made of.
-struct TARN_API BuiltTables {
-  struct Made {
-    Ptr<const OptionsDataSource> source;
-    uint32_t version;
-  };
-  std::vector<Made> of;
-  uint32_t observationDomainId = 0;
-  std::vector<Ptr<MessageWrapper>> messages;
-};
-
-/// A builder and the wrapper of the message under construction.
-class TARN_API BuilderWrapper final {
- public:
-  BuilderWrapper(uint16_t maxSize, uint32_t observationDomainId);
-  uint16_t maxSize() const { return builder_->maxSize(); }
-  uint32_t observationDomainId() const { return builder_->observationDomainId(); }
-  void startMsg();
-  /// Octets of the record, or 0 when it does not fit.
-  uint32_t addSetRecord(TemplateId setId, const DataRecord& record) {
-    const uint32_t consumed = builder_->addSetRecord(setId, record);
-    if (consumed == 0) return 0;
-    if (!lastSet_ || lastSet_->setId != setId) lastSet_ = &msgWrap_->setRecord[setId];
-    lastSet_->countInc(1);
-    return consumed;
-  }
-  /// Records as `MessageBuilder::addSetRecords` adds them.
-  template <class It>
-  It addSetRecords(TemplateId setId, It it, It end) {
-    uint64_t added = 0;
-    it = builder_->addSetRecords(setId, it, end, added);
-    if (added > 0) {
-      lastSet_ = &msgWrap_->setRecord[setId];
-      lastSet_->countInc(added);
-    }
-    return it;
-  }
-  Ptr<MessageWrapper> finalizeMsg();
-  /// Records in the message under construction.
-  uint32_t recordCount() const { return builder_->recordCount(); }
-
- private:
-  Ptr<MessageBuilder> builder_;
-  Ptr<MessageWrapper> msgWrap_;
-  SetRecord* lastSet_ = nullptr;  // where the last record counted: a table's follow each other
-};
-
-/// Pending incremental records of one template, first in, first out. Room for a few stays: most
-/// changes come alone.
-class TARN_API UpdateSetQueue {
- public:
-  void recordEnq(Ptr<const DataRecord> record) { record_.emplace_back() = std::move(record); }
-  const Ptr<const DataRecord>& head() const { return record_[0]; }
-  void recordDel() {
-    record_.pop_front();
-    if (record_.empty() && record_.capacity() > 64) record_ = {};
-  }
-  void recordDelAll() { record_ = {}; }
-  bool empty() const { return record_.empty(); }
-
- private:
-  Ring<Ptr<const DataRecord>> record_;
-};
-
-/// Those of all templates, in the order of their ids.
-class TARN_API UpdateQueues {
- public:
-  struct Of {
-    TemplateId setId = 0;
-    UpdateSetQueue queue;
-  };
-  UpdateSetQueue& operator[](TemplateId setId) {
-    auto at = of_.begin();
-    while (at != of_.end() && at->setId < setId) ++at;
-    if (at == of_.end() || at->setId != setId) at = of_.insert(at, Of{setId, {}});
-    return at->queue;
-  }
-  /// The first that holds a record, or null.
-  Of* first() {
-    for (Of& of : of_)
-      if (!of.queue.empty()) return &of;
-    return nullptr;
-  }
-  /// How many hold records.
-  size_t size() const {
-    return static_cast<size_t>(
-        std::count_if(of_.begin(), of_.end(), [](const Of& of) { return !of.queue.empty(); }));
-  }
-  bool empty() const { return size() == 0; }
-  void clear() {
-    for (Of& of : of_) of.queue.recordDelAll();
-  }
-
- private:
-  std::vector<Of> of_;  // a handful
-};
-
-/// An options data exporter's handle on one destination: numbers, stamps, sends and counts.
-class TARN_API Collector final : public Counted<Collector> {
- public:
-  /// With a port in `dst4` it is an IPv4 collector.
-  Collector(std::string name, Ptr<CollectorInfo> collInfo, const IpAndPort& dst4,
-            const Ip6AndPort& dst6, OptionsDataExporterSm* exporterSm)
-      : Collector(std::move(name), std::move(collInfo), dst4, dst6, exporterSm, dst4.port != 0) {}
-  Collector(std::string name, Ptr<CollectorInfo> collInfo, const IpAndPort& dst4,
-            const Ip6AndPort& dst6, OptionsDataExporterSm* exporterSm, bool ipv4)
-      : name_(std::move(name)),
-        collInfo_(std::move(collInfo)),
-        dst4_(dst4),
-        dst6_(dst6),
-        ipv4_(ipv4),
-        exporterSm_(exporterSm) {}
-  const std::string& name() const { return name_; }
-  const Ptr<CollectorInfo>& collInfo() const { return collInfo_; }
-  const IpAndPort& dst4() const { return dst4_; }
-  const Ip6AndPort& dst6() const { return dst6_; }
-  bool isIpv4() const { return ipv4_; }
-  /// Its exporter still sends to it.
-  bool active() const { return exporterSm_ != nullptr; }
-  void retire() { exporterSm_ = nullptr; }
-
-  /// Numbers, stamps and sends one message, and counts it. The family's endpoint and source must be
-  /// there (asserted).
-  void sendMessage(const ExporterInfo& expInfo, const HwFlowTracking::ExporterConfig& hwExpConfig,
-                   const Ptr<MessageWrapper>& msgWrap);
-  /// Without counting: nobody hears of it, so that nothing changes from one message to the next,
-  /// and the caller counts them at one go.
-  SentMessages transmit(const ExporterInfo& expInfo,
-                        const HwFlowTracking::ExporterConfig& hwExpConfig,
-                        std::span<const Ptr<MessageWrapper>> messages);
-  void updateStats(const SentMessages& sent);
-
- private:
-  std::string name_;
-  Ptr<CollectorInfo> collInfo_;
-  IpAndPort dst4_;
-  Ip6AndPort dst6_;
-  bool ipv4_;
-  OptionsDataExporterSm* exporterSm_;  // null once the exporter has dropped it
-};
-
-/// Sends the options data of one (exporter, tracker): the full tables every active interval and to
-/// each collector that is new, out of a cache of built messages; single changes soon after they
-/// happen, coalesced. A collector is served once its options templates have gone out.
+/// Sends the full tables every active interval and to each collector that is new, out of a cache of
+/// built messages; single changes soon after they happen, coalesced. A collector is served once its
+/// options templates have gone out.
 ///
-/// A full transmission is handed to the endpoints piece by piece, as fast as they send: templates
-/// and changes do not wait behind it. What changes meanwhile is sent at once, and once more at the
-/// end, since a piece that follows may hold it as it was.
+/// Full tables are handed to the endpoints piece by piece, as fast as they send: templates and
+/// changes do not wait behind them. What changes meanwhile is sent at once, and once more at the
+/// end, since a piece that follows may hold it as it was. Each transmission begins with the tables
+/// as they are then; one that is under way keeps those that it began with. What an endpoint may
+/// have to keep waiting: see `Backlog`.
+///
+/// Counting what was sent notifies the watchers of the statistics; they may retire this exporter,
+/// remove collectors and close endpoints.
 class TARN_API OptionsDataExporterSm final : public Entity {
  public:
-  static Ptr<OptionsDataExporterSm> OptionsDataExporterSmIs(
-      const std::string& expName, const std::string& ftName, FtId ftId,
-      Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
-      Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig, Ptr<ExporterInfo> expInfo,
-      Ptr<Tarn::Ipfix::CollectorStatistics> collStats,
-      Ptr<const OptionsDataContainer> dataContainer, Ptr<TaskScheduler> scheduler);
+  using Collectors = std::map<std::string, Ptr<Collector>>;
+  // The nested reactors, each on one entity; `entity()` is that.
+  class CollInfoSm;
+  class UpdateSm;
+  class SourceSm;
+  class SourceCollSm;
+  template <class Key, class Sm>
+  using NestedSms = std::map<Key, std::unique_ptr<Sm>>;
+  /// Null where there is none.
+  template <class Key, class Sm>
+  static const Sm* nested_p(const NestedSms<Key, Sm>& sms, const Key& key) {
+    const auto it = sms.find(key);
+    return it == sms.end() ? nullptr : it->second.get();
+  }
+
+  /// `hwFtConfig` may be null, the others not. All sources must be in `dataContainer`: one that
+  /// comes or goes later asserts.
+  OptionsDataExporterSm(const std::string& expName, const std::string& ftName, FtId ftId,
+                        Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
+                        Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig,
+                        Ptr<ExporterInfo> expInfo, Ptr<Tarn::Ipfix::CollectorStatistics> collStats,
+                        Ptr<const OptionsDataContainer> dataContainer,
+                        Ptr<TaskScheduler> scheduler);
+  template <class... A>
+  static Ptr<OptionsDataExporterSm> OptionsDataExporterSmIs(A&&... a) {
+    return make<OptionsDataExporterSm>(std::forward<A>(a)...);
+  }
   ~OptionsDataExporterSm() override;
 
   const std::string& expName() const { return expName_; }
   const std::string& ftName() const { return ftName_; }
   FtId ftId() const { return ftId_; }
+  const Ptr<const HwFlowTracking::FtConfig>& hwFtConfig() const { return hwFtConfig_; }
   const Ptr<const HwFlowTracking::ExporterConfig>& hwExpConfig() const { return hwExpConfig_; }
   const Ptr<ExporterInfo>& expInfo() const { return expInfo_; }
   const Ptr<Tarn::Ipfix::CollectorStatistics>& collStats() const { return collStats_; }
-  const std::map<std::string, Ptr<Collector>>& collector4() const { return collector4_; }
-  const std::map<std::string, Ptr<Collector>>& collector6() const { return collector6_; }
-  const std::map<std::string, Ptr<Collector>>& collector() const { return collector_; }
-  uint32_t updateQueueBytes() const { return updateQueueBytes_; }
+  const Ptr<const OptionsDataContainer>& dataContainer() const { return dataContainer_; }
+  const Ptr<TaskScheduler>& scheduler() const { return scheduler_; }
+  const Collectors& collector4() const { return collector4_; }
+  Ptr<Collector> collector4(const std::string& name) const { return find(collector4_, name); }
+  const Collectors& collector6() const { return collector6_; }
+  Ptr<Collector> collector6(const std::string& name) const { return find(collector6_, name); }
+  const Collectors& collector() const { return collector_; }
+  Ptr<Collector> collector(const std::string& name) const { return find(collector_, name); }
+  const NestedSms<std::string, CollInfoSm>& collInfo() const { return collInfo_; }
+  const CollInfoSm* collInfo(const std::string& name) const { return nested_p(collInfo_, name); }
+  /// Names of collectors that wait for a full resend.
+  const std::set<std::string>& collectorUpdate() const { return collectorUpdate_; }
+  bool collectorUpdate(const std::string& name) const { return collectorUpdate_.contains(name); }
+  const NestedSms<OptionsDataScope, UpdateSm>& updateDataEnt() const { return updateDataEnt_; }
+  const UpdateSm* updateDataEnt(OptionsDataScope scope) const {
+    return nested_p(updateDataEnt_, scope);
+  }
+  const NestedSms<OptionsDataScope, SourceCollSm>& scopedDataSource() const {
+    return scopedDataSource_;
+  }
+  const SourceCollSm* scopedDataSource(OptionsDataScope scope) const {
+    return nested_p(scopedDataSource_, scope);
+  }
+  const UpdateQueue::Queues& update() const { return update_.update(); }
+  /// Null where nothing of that template waits.
+  const UpdateSetQueue* update(TemplateId setId) const {
+    const auto it = update().find(setId);
+    return it == update().end() ? nullptr : &it->second;
+  }
+  uint32_t updateQueueBytes() const { return update_.bytes(); }
+  /// Seconds; holds from the next change on.
   double updateDataCoalesceTime() const { return updateDataCoalesceTime_.count(); }
   void updateDataCoalesceTimeIs(double seconds) { updateDataCoalesceTime_ = Seconds(seconds); }
-  size_t msgCacheSize() const { return msgCache_ ? msgCache_->messages.size() : 0; }
+  /// In build order; empty before the first full transmission. Exporters that agree on size and
+  /// content share the messages.
+  const std::vector<Ptr<MessageWrapper>>& msgCache() const { return msgCache_->messages; }
+  /// Null behind the last.
+  Ptr<MessageWrapper> msgCache(uint32_t index) const {
+    return index < msgCacheSize() ? msgCache()[index] : nullptr;
+  }
+  size_t msgCacheSize() const { return msgCache().size(); }
   bool msgCacheValid() const { return msgCacheValid_; }
-  /// Null before the first full transmission.
-  const std::shared_ptr<const BuiltTables>& msgCache() const { return msgCache_; }
   uint32_t msgCacheBuildCount() const { return msgCacheBuildCount_; }
   /// A periodic transmission of the full tables is in progress.
   bool processing() const { return processing_; }
   /// Collectors that full tables are on their way to, periodic or not.
   size_t transmissions() const { return transmission_.size(); }
   bool initialized() const { return initialized_; }
+  const TimerTask* updateTask() const { return updateTask_.get(); }
+  const TimerTask* collectorUpdateTask() const { return collectorUpdateTask_.get(); }
+  const TimerTask* txPeriodicTask() const { return txPeriodicTask_.get(); }
   /// "<exporter> for <tracker>"
   const std::string& traceId() const { return traceId_; }
 
@@ -290,46 +144,33 @@ class TARN_API OptionsDataExporterSm final : public Entity {
   class HwExpConfigSm;
   class HwFtConfigSm;
   class ExpInfoSm;
-  class CollInfoSm;
-  class UpdateSm;
-  class SourceCollSm;
-  class SourceSm;
 
-  OptionsDataExporterSm(const std::string& expName, const std::string& ftName, FtId ftId,
-                        Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
-                        Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig,
-                        Ptr<ExporterInfo> expInfo, Ptr<Tarn::Ipfix::CollectorStatistics> collStats,
-                        Ptr<const OptionsDataContainer> dataContainer,
-                        Ptr<TaskScheduler> scheduler);
-
-  template <void (OptionsDataExporterSm::*body)()>
-  std::unique_ptr<TimerTask> task_p(const char* prefix);
+  template <class... A>
+  void trace_p(std::string_view handler, const A&... what) const;
+  std::unique_ptr<TimerTask> task_p(const char* prefix, void (OptionsDataExporterSm::*body)());
   uint16_t maxMsgSize_p() const;
+  void handleRetired() override;
   void handleCollInfo(const std::string& name);
-  template <class Dst>
-  void collectorIs_p(std::map<std::string, Ptr<Collector>>& family,
-                     const std::map<std::string, Dst>& configured, const std::string& name);
-  void collectorDel_p(std::map<std::string, Ptr<Collector>>& family, const std::string& name);
-  void resendAll_p(const std::map<std::string, Ptr<Collector>>& family);
-  void handleUdpPam4();
-  void handleUdpPam6();
-  void handleActiveInterval();
+  template <class Family>
+  void handleCollector_p(Collectors& own, Collectors& other, const std::string& name);
+  void collectorDel_p(Collectors& own, Collectors& other, const std::string& name);
+  void handleUdpPam_p(const Ptr<UdpPam>& pam, const Collectors& family);
+  const UpdateQueue::Queues& updates_p() const { return update(); }
+  void initializedIs(bool v) { initialized_ = v; }
+  void processingIs(bool v) { processing_ = v; }
+  void msgCacheValidIs(bool v) { msgCacheValid_ = v; }
+  void msgCacheBuildCountInc(uint32_t n) { msgCacheBuildCount_ += n; }
 
   void maybeSchedulePeriodic();
   void maybeBeginPeriodicTransmission();
   void maybeBuildMsgCache();
-  std::shared_ptr<const BuiltTables> builtByOthers_p() const;
   void sendDataTables();
-  void beginTransmission_p(const Ptr<Collector>& collector, bool periodic);
   void continueTransmissions();
-  bool backlogged_p() const;
   void endTransmissions_p();
-  void updateEnq_p(TemplateId setId, Ptr<const DataRecord> record);
-  bool familyReady_p(const Collector& collector) const;
   void sendMessageToCollectors(const Ptr<MessageWrapper>& msgWrap);
-  bool reachable_p(const Collector& collector) const;
   void processCollectorQueue();
   void flushUpdateQueue();
+  std::optional<Seconds> updatesHeld_p() const;
   void abortUpdates();
 
   std::string expName_;
@@ -342,29 +183,22 @@ class TARN_API OptionsDataExporterSm final : public Entity {
   Ptr<const OptionsDataContainer> dataContainer_;
   Ptr<TaskScheduler> scheduler_;
   std::string traceId_;
-  std::map<std::string, Ptr<Collector>> collector4_;
-  std::map<std::string, Ptr<Collector>> collector6_;
-  std::map<std::string, Ptr<Collector>> collector_;
-  std::map<std::string, std::unique_ptr<CollInfoSm>> collInfo_;
+  Collectors collector4_;
+  Collectors collector6_;
+  Collectors collector_;
+  NestedSms<std::string, CollInfoSm> collInfo_;
   std::set<std::string> collectorUpdate_;
-  std::map<OptionsDataScope, std::unique_ptr<UpdateSm>> updateDataEnt_;
-  std::map<OptionsDataScope, std::unique_ptr<SourceCollSm>> scopedDataSource_;
-  UpdateQueues update_;
-  uint32_t updateQueueBytes_ = 0;
+  NestedSms<OptionsDataScope, UpdateSm> updateDataEnt_;
+  NestedSms<OptionsDataScope, SourceCollSm> scopedDataSource_;
+  UpdateQueue update_;
   Seconds updateDataCoalesceTime_{1.0};
-  std::shared_ptr<const BuiltTables> msgCache_;
+  std::shared_ptr<const BuiltTables> msgCache_ = std::make_shared<const BuiltTables>();
   bool msgCacheValid_ = false;
   uint32_t msgCacheBuildCount_ = 0;
   bool processing_ = false;
   bool initialized_ = false;
-  struct Transmission {
-    Ptr<Collector> collector;
-    std::shared_ptr<const BuiltTables> tables;
-    bool periodic = false;
-    size_t next = 0;  // message
-  };
-  std::vector<Transmission> transmission_;
-  std::vector<std::pair<TemplateId, Ptr<const DataRecord>>> changedMeanwhile_;
+  OptionsDataTransmissions transmission_;
+  std::vector<UpdateQueue::Update> changedMeanwhile_;
   bool tablesAgain_ = false;  // more changed meanwhile than is worth remembering, or was asked for
   std::unique_ptr<TimerTask> continueTask_;
   std::unique_ptr<TimerTask> updateTask_;

@@ -91,8 +91,8 @@ void barePeriod(benchmark::State& state) {
     Host host;
     Tree tree(host, interfaces, 1, 1);
     tree.settle();
-    for (const auto& m : tree.exporter()->msgCache()->messages) {
-      const auto octets = m->message->pkt(0)->octets();
+    for (const auto& m : tree.exporter()->msgCache()) {
+      const auto octets = m->message()->pkt(0)->octets();
       if (runs.empty() || runs.back().segment != octets.size() ||
           runs.back().octets.size() + octets.size() > std::min<size_t>(65000, 64 * octets.size()))
         runs.push_back({{}, octets.size()});

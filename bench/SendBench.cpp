@@ -148,10 +148,10 @@ BENCHMARK(endpoint)
 
 // --- Full tables ---
 
-std::vector<std::string> octetsOf(const BuiltTables& tables) {
+std::vector<std::string> octetsOf(const std::vector<Ptr<MessageWrapper>>& messages) {
   std::vector<std::string> out;
-  for (const auto& m : tables.messages) {
-    const auto octets = m->message->pkt(0)->octets();
+  for (const auto& m : messages) {
+    const auto octets = m->message()->pkt(0)->octets();
     out.emplace_back(octets.begin(), octets.end());
   }
   return out;
@@ -175,7 +175,7 @@ void bareTransmission(benchmark::State& state) {
   Tree tree(host, uint32_t(state.range(0)), 1, 1);
   tree.settle();
   BareSocket socket(true);
-  const auto messages = octetsOf(*tree.exporter()->msgCache());
+  const auto messages = octetsOf(tree.exporter()->msgCache());
   Prepared prepared(socket, messages);
   for (auto _ : state)
     if (!prepared.send(socket.fd())) state.SkipWithError("refused");
@@ -189,13 +189,13 @@ void endpointTransmission(benchmark::State& state) {
   Host host;
   Tree tree(host, uint32_t(state.range(0)), 1, 1);
   tree.settle();
-  const auto& messages = tree.exporter()->msgCache()->messages;
+  const auto& messages = tree.exporter()->msgCache();
   const auto pam = tree.pam();
   const uint64_t before = tree.sent();
   for (auto _ : state) {
     for (const auto& m : messages)
-      sendPkt4(m->message->pktHolder_p(), pam, Wire::source(true), {Wire::address(true), firstPort},
-               {});
+      sendPkt4(m->message()->pktHolder_p(), pam, Wire::source(true),
+               {Wire::address(true), firstPort}, {});
     while (pam->counters().queued > 0) host.loop->runOnce(Seconds(0));
   }
   if (tree.sent() - before != uint64_t(state.iterations()) * messages.size())

@@ -286,7 +286,7 @@ TEST_F(OptionsDataTest, ExportersOfOneTrackerShareTheMessagesTheyAgreeOn) {
   }
   makeTree();
   const auto tables = [&](const char* name) {
-    return manager->ftManagerSm("ft1")->exporterSm(name)->msgCache();
+    return manager->ftManagerSm("ft1")->exporterSm(name)->msgCache(0);
   };
   const auto before = tables("exp1");
   ASSERT_TRUE(before);
