@@ -45,7 +45,7 @@ bool whole(const Entry& entry, const CollectorStatisticsKey& key) {
   const uint64_t n = entry.exportedMessageTotalCount();
   return entry.key() == key && entry.exportedFlowRecordTotalCount() == 10 * n &&
          entry.exportedOctetTotalCount() == 1400 * n &&
-         entry.setEntry(SetId(lastSet)).exportedFlowRecordCount == 10 * n;
+         entry.setEntry(SetId(lastSet)).exportedFlowRecordCount() == 10 * n;
 }
 
 /// What writer and readers tell each other beside the table.
