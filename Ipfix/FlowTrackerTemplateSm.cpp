@@ -1,19 +1,19 @@
 #include "Ipfix/FlowTrackerTemplateSm.h"
 
-#include "Ipfix/MessageBuilder.h"
 #include "platform/Trace.h"
 
 namespace FlowTracking {
 
+using HwFlowTracking::ExporterConfig;
 using HwFlowTracking::FtTemplateEntry;
-using HwFlowTracking::TemplateStatus;
 using ::Ipfix::ElementIdColl;
-using ::Ipfix::IpfixConst;
 using ::Ipfix::RecordType;
 
 namespace {
-constexpr TaskPriority taskPriority = 2;
-constexpr uint32_t templateRecordHeaderLen = 4;
+uint32_t nextPosition(const OptionsTemplate::FieldMap& fields) {
+  return fields.empty() ? 0 : fields.rbegin()->first + 1;
+}
+}  // namespace
 
 void updateFieldInfo(const Ptr<ElementIdColl>& eic, FtTemplateEntry* field) {
   TARN_ASSERT_AS(eic->elementIdCollHas(field->fieldId()),
@@ -22,11 +22,6 @@ void updateFieldInfo(const Ptr<ElementIdColl>& eic, FtTemplateEntry* field) {
   field->fieldLenIs(static_cast<uint16_t>(element.len()));
   field->enterpriseIeIs(element.enterpriseIe());
 }
-uint32_t nextPosition(const OptionsTemplate::FieldMap& fields) {
-  return fields.empty() ? 0 : fields.rbegin()->first + 1;
-}
-}  // namespace
-
 void addScopeField(const Ptr<ElementIdColl>& elementIdColl,
                    const Ptr<OptionsTemplate>& optionsTemplate, RecordType elementId) {
   updateFieldInfo(elementIdColl, &optionsTemplate->scopeFieldIs(
@@ -40,27 +35,15 @@ void addField(const Ptr<ElementIdColl>& elementIdColl, const Ptr<OptionsTemplate
 
 // --- FtExporterSm ---
 
-class FtExporterSm::FtStatusSm final : public HwFlowTracking::FtStatus::Watcher {
+class FtExporterSm::FtStatusSm final
+    : public NestedReactor<HwFlowTracking::FtStatus, FtExporterSm> {
  public:
-  explicit FtStatusSm(FtExporterSm& sm) : Watcher(sm.hwFtStatus_), sm_(sm) {}
+  using NestedReactor::NestedReactor;
   void handleTemplateStatus(TemplateId id) override { sm_.handleTemplateStatus(id); }
-
- private:
-  FtExporterSm& sm_;
-};
-class FtExporterSm::TemplateStatusSm final : public TemplateStatus::Watcher {
- public:
-  TemplateStatusSm(FtExporterSm& sm, Ptr<const TemplateStatus> status)
-      : Watcher(std::move(status)), sm_(sm) {}
-  void handleGenId() override { sm_.templateCreationTask_->scheduleIs(Seconds(0)); }
-
- private:
-  FtExporterSm& sm_;
 };
 
 FtExporterSm::FtExporterSm(const std::string& expName, const std::string& ftName, FtId ftId,
-                           Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig,
-                           Ptr<ExporterInfo> expInfo,
+                           Ptr<const ExporterConfig> hwExpConfig, Ptr<ExporterInfo> expInfo,
                            Ptr<Tarn::Ipfix::CollectorStatistics> collStats,
                            Ptr<TaskScheduler> taskScheduler,
                            Ptr<const HwFlowTracking::FtStatus> hwFtStatus,
@@ -69,120 +52,81 @@ FtExporterSm::FtExporterSm(const std::string& expName, const std::string& ftName
                              std::move(collStats), std::move(taskScheduler)),
       hwFtStatus_(std::move(hwFtStatus)),
       elementIdColl_(std::move(elementIdColl)),
-      ftStatusSm_(std::make_unique<FtStatusSm>(*this)) {
+      ftStatusSm_(std::make_unique<FtStatusSm>(hwFtStatus_, *this)) {
   handleInitialized();
 }
 FtExporterSm::~FtExporterSm() = default;
 
-std::string FtExporterSm::taskPrefix() const { return "ftExporterSm"; }
-uint16_t FtExporterSm::headerSetId() const { return IpfixConst::templateSetId(); }
-
 void FtExporterSm::handleInitialized() {
   handleStartup();
-  templateCreationTask_ = taskScheduler_->timerTask(
-      taskName_p("TemplateCreationTask"), taskPriority, [this] { handleTemplateCreationTask(); });
-  initialized_ = true;
+  startTemplateCreation_p();
   for (const auto& [id, status] : hwFtStatus_->templateStatus()) handleTemplateStatus(id);
-  templateCreationTask_->scheduleIs(Seconds(0));
 }
 void FtExporterSm::handleTemplateStatus(TemplateId templateId) {
   if (auto status = hwFtStatus_->templateStatus(templateId)) {
-    templateStatus_[templateId] = std::make_unique<TemplateStatusSm>(*this, std::move(status));
+    templateStatus_[templateId] = std::make_unique<TemplateStatusSm>(std::move(status), *this);
   } else {
     templateStatus_.erase(templateId);
   }
-  templateCreationTask_->scheduleIs(Seconds(0));
+  scheduleTemplateCreation_p();
 }
 
-uint32_t FtExporterSm::getTemplateLength(const TemplateStatus& status) {
-  uint32_t len = templateRecordHeaderLen;
-  for (const auto& [position, entry] : status.ftTemplateEntry()) len += entry.specifierLen();
-  return len;
-}
-bool FtExporterSm::current() const {
-  return templateReady() && !templateCreationTask_->scheduled();
-}
 uint32_t FtExporterSm::getFtTemplateLength() const {
   uint32_t len = 0;
-  for (const auto& [id, sm] : templateStatus_) len += getTemplateLength(*sm->entity());
+  for (const auto& [id, sm] : templateStatus_) len += sm->getTemplateLength();
   return len;
 }
-
-void FtExporterSm::handleTemplateCreationTask() {
-  const auto say = [this](const auto&... what) {
-    trace(TraceLevel::detail, "FtExporterSm::", "handleTemplateCreationTask ", traceId(), " ",
-          what...);
-  };
-  if (!templateCreationTask_->running()) {
-    say("Returning because templateCreationTask not running.");
-    return;
-  }
-  templateLenDelAll();
-  if (!startMessage_p(getFtTemplateLength())) {
-    say("Returning because no flow group configured.");
-    return;
-  }
-  uint32_t offset = 0;
-  for (const auto& [id, sm] : templateStatus_) {
-    const TemplateStatus& status = *sm->entity();
-    templateLenIs(id, getTemplateLength(status));
-    TemplateHeader header(templatePkt(), offset);
-    header.templateIdIs(id);
-    header.fieldCountIs(static_cast<uint16_t>(status.ftTemplateEntry().size()));
-    offset += templateRecordHeaderLen;
-    for (const auto& [position, entry] : status.ftTemplateEntry()) {
-      const FtTemplateEntry* te = &entry;
-      TARN_ASSERT_AS(elementIdColl_->elementIdCollHas(te->fieldId()),
-                     "elementIdColl()->elementIdCollHas( te->fieldId() )");
-      const ::Ipfix::ElementId& element = elementIdColl_->elementIdColl(te->fieldId());
-      TARN_ASSERT_AS(te->enterpriseIe() == element.enterpriseIe(),
-                     "te->enterpriseIe() == elementIdColl()->elementIdColl( te->fieldId() )"
-                     ".enterpriseIe()");
-      say("Element: ", element.str(), ", elementId: ", te->fieldId().value(),
+std::vector<TemplateExporterSmBase::TemplateRecord> FtExporterSm::templates_p() const {
+  std::vector<TemplateRecord> records;
+  for (const auto& [id, sm] : templateStatus_) records.push_back(sm->record());
+  return records;
+}
+void FtExporterSm::checkField_p(const FtTemplateEntry& entry, bool /*scope*/) const {
+  const FtTemplateEntry* te = &entry;
+  TARN_ASSERT_AS(elementIdColl_->elementIdCollHas(te->fieldId()),
+                 "elementIdColl()->elementIdCollHas( te->fieldId() )");
+  const ::Ipfix::ElementId& element = elementIdColl_->elementIdColl(te->fieldId());
+  TARN_ASSERT_AS(te->enterpriseIe() == element.enterpriseIe(),
+                 "te->enterpriseIe() == elementIdColl()->elementIdColl( te->fieldId() )"
+                 ".enterpriseIe()");
+  traceOf(TraceLevel::detail, "FtExporterSm", "handleTemplateCreationTask", traceId(),
+          "Element: ", element.str(), ", elementId: ", te->fieldId().value(),
           ", len: ", te->fieldLen(), ", enterpriseIe: ", te->enterpriseIe());
-      offset = addTemplateFieldSpecifier(templatePkt(), offset, entry);
-    }
-  }
-  templatePktTemplateCountIs(static_cast<uint16_t>(templateStatus_.size()));
-  finishMessage();
 }
 
-Ptr<FtExporterSm> FtExporterSm::FtExporterSmIs(
-    const std::string& expName, const std::string& ftName, FtId ftId,
-    Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig, Ptr<ExporterInfo> expInfo,
-    Ptr<Tarn::Ipfix::CollectorStatistics> collStats, Ptr<TaskScheduler> taskScheduler,
-    Ptr<const HwFlowTracking::FtStatus> hwFtStatus, Ptr<ElementIdColl> elementIdColl) {
-  return Ptr<FtExporterSm>::adopt(new FtExporterSm(
-      expName, ftName, ftId, std::move(hwExpConfig), std::move(expInfo), std::move(collStats),
-      std::move(taskScheduler), std::move(hwFtStatus), std::move(elementIdColl)));
+AttrRows FtExporterSm::attrRows() const {
+  using E = FtExporterSm;
+  static const auto rows = rowsWith_p({
+      childRow<&E::hwFtStatus_>("hwFtStatus"),
+      childRow<&E::elementIdColl_>("elementIdColl"),
+      mapRow<&E::statuses_p>("templateStatus"),
+  });
+  return rows;
 }
-Ptr<FtExporterSm> ftExporterSmFactory(
-    const std::string& expName, const std::string& ftName, FtId ftId,
-    Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig, Ptr<ExporterInfo> expInfo,
-    Ptr<Tarn::Ipfix::CollectorStatistics> collStats, Ptr<TaskScheduler> taskScheduler,
-    Ptr<const HwFlowTracking::FtStatus> hwFtStatus, Ptr<ElementIdColl> elementIdColl) {
-  return FtExporterSm::FtExporterSmIs(
-      expName, ftName, ftId, std::move(hwExpConfig), std::move(expInfo), std::move(collStats),
-      std::move(taskScheduler), std::move(hwFtStatus), std::move(elementIdColl));
+Ptr<FtExporterSm> ftExporterSmFactory(const std::string& expName, const std::string& ftName,
+                                      FtId ftId, Ptr<const ExporterConfig> hwExpConfig,
+                                      Ptr<ExporterInfo> expInfo,
+                                      Ptr<Tarn::Ipfix::CollectorStatistics> collStats,
+                                      Ptr<TaskScheduler> taskScheduler,
+                                      Ptr<const HwFlowTracking::FtStatus> hwFtStatus,
+                                      Ptr<ElementIdColl> elementIdColl) {
+  return make<FtExporterSm>(expName, ftName, ftId, std::move(hwExpConfig), std::move(expInfo),
+                            std::move(collStats), std::move(taskScheduler), std::move(hwFtStatus),
+                            std::move(elementIdColl));
 }
 
 // --- FtTemplateSm ---
 
-class FtTemplateSm::FtConfigSm final : public HwFlowTracking::FtConfig::Watcher {
+class FtTemplateSm::FtConfigSm final
+    : public NestedReactor<HwFlowTracking::FtConfig, FtTemplateSm> {
  public:
-  explicit FtConfigSm(FtTemplateSm& sm) : Watcher(sm.hwFtConfig_), sm_(sm) {}
+  using NestedReactor::NestedReactor;
   void handleExpConfig(const std::string& name) override { sm_.handleExporters(name); }
-
- private:
-  FtTemplateSm& sm_;
 };
-class FtTemplateSm::FtInfoSm final : public FlowTrackerInfo::Watcher {
+class FtTemplateSm::FtInfoSm final : public NestedReactor<FlowTrackerInfo, FtTemplateSm> {
  public:
-  explicit FtInfoSm(FtTemplateSm& sm) : Watcher(sm.ftInfo_), sm_(sm) {}
+  using NestedReactor::NestedReactor;
   void handleExpInfo(const std::string& name) override { sm_.handleExporters(name); }
-
- private:
-  FtTemplateSm& sm_;
 };
 
 FtTemplateSm::FtTemplateSm(Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
@@ -192,114 +136,99 @@ FtTemplateSm::FtTemplateSm(Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
       hwFtStatus_(std::move(hwFtStatus)),
       ftInfo_(std::move(ftInfo)),
       context_(context),
-      ftConfigSm_(std::make_unique<FtConfigSm>(*this)),
-      ftInfoSm_(std::make_unique<FtInfoSm>(*this)) {
+      ftConfigSm_(std::make_unique<FtConfigSm>(hwFtConfig_, *this)),
+      ftInfoSm_(std::make_unique<FtInfoSm>(ftInfo_, *this)) {
   handleInitialized();
 }
 FtTemplateSm::~FtTemplateSm() = default;
+void FtTemplateSm::handleRetired() {
+  ftExporterSmDelAll();
+  optTemplateExporterSmDelAll();
+}
 
 void FtTemplateSm::handleInitialized() {
-  const auto exporters = hwFtConfig_->expConfig();  // a copy: the loop notifies
-  for (const auto& [name, config] : exporters) handleExporters(name);
+  for (const auto& name : keysOf(hwFtConfig_->expConfig())) handleExporters(name);
   initialized_ = true;
 }
 void FtTemplateSm::handleExporters(const std::string& exporterName) {
-  const std::string name = exporterName;
-  const Ptr<const HwFlowTracking::ExporterConfig> config = hwFtConfig_->expConfig(name);
-  const auto info = ftInfo_->expInfo(name);
-  const auto say = [&](const char* what) {
-    trace(TraceLevel::event, "FtTemplateSm::", "handleExporters ", hwFtConfig_->ftName(), " ", what,
-          name);
+  reconcile_p(ftExporterSm_, exporterName, "FtExporterSm", hwFtStatus_, context_.elementIdColl);
+  reconcile_p(optTemplateExporterSm_, exporterName, "OptionsTemplateExporterSm",
+              context_.optTemplateConfig);
+}
+/// `more`: what the child's constructor takes behind the base's arguments.
+template <class Child, class... A>
+void FtTemplateSm::reconcile_p(ChildMap<Child>& children, const std::string& name,
+                               const char* className, const A&... more) {
+  const auto say = [&](const char* what, const std::string& of) {
+    traceOf(TraceLevel::event, "FtTemplateSm", "handleExporters", hwFtConfig_->ftName(), what,
+            className, " for ", of);
   };
-  if (const auto sm = ftExporterSm(name);
-      sm && (sm->hwExpConfig() != config || sm->expInfo() != info)) {
-    ftExporterSmDel(name);
-    say("Deleted FtExporterSm for ");
-    optTemplateExporterSmDel(name);
-    say("Deleted OptionsTemplateExporterSm for ");
+  children.reconcile(
+      *this, name,
+      [this](const Child& sm) {
+        return sm.hwExpConfig() == hwFtConfig_->expConfig(sm.expName()) &&
+               sm.expInfo() == ftInfo_->expInfo(sm.expName());
+      },
+      [&](const std::string& of) { say("Deleted ", of); },
+      [&](const std::string& of) -> Ptr<Child> {
+        const Ptr<const ExporterConfig> config = hwFtConfig_->expConfig(of);
+        const auto info = ftInfo_->expInfo(of);
+        if (!config || !info) return nullptr;
+        auto child = make<Child>(of, hwFtConfig_->ftName(), hwFtConfig_->ftId(), config, info,
+                                 context_.collStats, context_.taskScheduler, more...);
+        say("Created ", of);
+        return child;
+      });
+}
+void FtTemplateSm::clearCounters() {
+  // Both template exporters of an exporter count in the same entries.
+  for (const auto& name : keysOf(ftExporterSm_.all())) {
+    if (const auto sm = ftExporterSm(name)) sm->clearCounters();
+    if (const auto sm = optTemplateExporterSm(name)) sm->clearCounters();
   }
-  if (!config || !info || ftExporterSm(name)) return;
-  ftExporterSmIs(name, config, info);
-  say("Created FtExporterSm for ");
-  optTemplateExporterSmIs(name, config, info);
-  say("Created OptionsTemplateExporterSm for ");
 }
-void FtTemplateSm::ftExporterSmIs(const std::string& name,
-                                  const Ptr<const HwFlowTracking::ExporterConfig>& hwExpConfig,
-                                  const Ptr<ExporterInfo>& expInfo) {
-  ftExporterSm_[name] = ftExporterSmFactory(
-      name, hwFtConfig_->ftName(), hwFtConfig_->ftId(), hwExpConfig, expInfo, context_.collStats,
-      context_.taskScheduler, hwFtStatus_, context_.elementIdColl);
-}
-void FtTemplateSm::optTemplateExporterSmIs(
-    const std::string& name, const Ptr<const HwFlowTracking::ExporterConfig>& hwExpConfig,
-    const Ptr<ExporterInfo>& expInfo) {
-  optTemplateExporterSm_[name] = optionsTemplateExporterSmFactory(
-      name, hwFtConfig_->ftName(), hwFtConfig_->ftId(), hwExpConfig, expInfo, context_.collStats,
-      context_.taskScheduler, context_.optTemplateConfig);
-}
-
-namespace {
-using FtExporterMap = const std::map<std::string, Ptr<FtExporterSm>>& (FtTemplateSm::*)() const;
-using FtTemplateMap = const std::map<std::string, Ptr<FtTemplateSm>>& (TemplateSm::*)() const;
-}  // namespace
 
 AttrRows FtTemplateSm::attrRows() const {
+  using T = FtTemplateSm;
   static constexpr AttrRow rows[] = {
-      mapRow<static_cast<FtExporterMap>(&FtTemplateSm::ftExporterSm)>("ftExporterSm"),
-      mapRow<&FtTemplateSm::optTemplateExporterSm>("optTemplateExporterSm"),
-      row<&FtTemplateSm::initialized>("initialized"),
+      childRow<&T::hwFtConfig_>("hwFtConfig"),
+      childRow<&T::hwFtStatus_>("hwFtStatus"),
+      childRow<&T::ftInfo_>("ftInfo"),
+      mapRow<&T::ftExporterSm_>("ftExporterSm"),
+      mapRow<&T::optTemplateExporterSm_>("optTemplateExporterSm"),
+      row<&T::initialized_>("initialized"),
   };
   return rows;
-}
-Ptr<FtTemplateSm> FtTemplateSm::FtTemplateSmIs(Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
-                                               Ptr<const HwFlowTracking::FtStatus> hwFtStatus,
-                                               Ptr<FlowTrackerInfo> ftInfo,
-                                               const TemplateSmContext& context) {
-  return Ptr<FtTemplateSm>::adopt(
-      new FtTemplateSm(std::move(hwFtConfig), std::move(hwFtStatus), std::move(ftInfo), context));
 }
 Ptr<FtTemplateSm> ftTemplateSmFactory(Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
                                       Ptr<const HwFlowTracking::FtStatus> hwFtStatus,
                                       Ptr<FlowTrackerInfo> ftInfo,
                                       const TemplateSmContext& context) {
-  return FtTemplateSm::FtTemplateSmIs(std::move(hwFtConfig), std::move(hwFtStatus),
-                                      std::move(ftInfo), context);
+  return make<FtTemplateSm>(std::move(hwFtConfig), std::move(hwFtStatus), std::move(ftInfo),
+                            context);
 }
 
 // --- TemplateSm ---
 
-class TemplateSm::ConfigReqSm final : public ConfigReq::Watcher {
+class TemplateSm::ConfigReqSm final : public NestedReactor<ConfigReq, TemplateSm> {
  public:
-  explicit ConfigReqSm(TemplateSm& sm) : Watcher(sm.flowTrackingConfigReq_), sm_(sm) {}
+  using NestedReactor::NestedReactor;
   void handleClearCounters() override { sm_.clearCounters(); }
-
- private:
-  TemplateSm& sm_;
 };
-class TemplateSm::ConfigSm final : public HwFlowTracking::Config::Watcher {
+class TemplateSm::ConfigSm final : public NestedReactor<HwFlowTracking::Config, TemplateSm> {
  public:
-  explicit ConfigSm(TemplateSm& sm) : Watcher(sm.hwConfig_), sm_(sm) {}
+  using NestedReactor::NestedReactor;
   void handleFtConfig(const std::string& name) override { sm_.handleHwFtStatus(name); }
-
- private:
-  TemplateSm& sm_;
 };
-class TemplateSm::StatusSm final : public HwFlowTracking::Status::Watcher {
+class TemplateSm::StatusSm final : public NestedReactor<HwFlowTracking::Status, TemplateSm> {
  public:
-  explicit StatusSm(TemplateSm& sm) : Watcher(sm.hwStatus_), sm_(sm) {}
+  using NestedReactor::NestedReactor;
   void handleFtStatus(const std::string& name) override { sm_.handleHwFtStatus(name); }
-
- private:
-  TemplateSm& sm_;
 };
-class TemplateSm::InfoSm final : public FlowTrackingInfo::Watcher {
+class TemplateSm::InfoSm final : public NestedReactor<FlowTrackingInfo, TemplateSm> {
  public:
-  explicit InfoSm(TemplateSm& sm) : Watcher(sm.flowTrackingInfo_), sm_(sm) {}
+  using NestedReactor::NestedReactor;
   void handleFtInfo(const std::string& name) override { sm_.handleHwFtStatus(name); }
-
- private:
-  TemplateSm& sm_;
 };
 
 TemplateSm::TemplateSm(Ptr<const ConfigReq> flowTrackingConfigReq,
@@ -316,40 +245,41 @@ TemplateSm::TemplateSm(Ptr<const ConfigReq> flowTrackingConfigReq,
                .optTemplateConfig = nullptr,
                .collStats = std::move(collStats),
                .taskScheduler = std::move(taskScheduler)},
-      configReqSm_(std::make_unique<ConfigReqSm>(*this)),
-      configSm_(std::make_unique<ConfigSm>(*this)),
-      statusSm_(std::make_unique<StatusSm>(*this)),
-      infoSm_(std::make_unique<InfoSm>(*this)) {
+      configReqSm_(std::make_unique<ConfigReqSm>(flowTrackingConfigReq_, *this)),
+      configSm_(std::make_unique<ConfigSm>(hwConfig_, *this)),
+      statusSm_(std::make_unique<StatusSm>(hwStatus_, *this)),
+      infoSm_(std::make_unique<InfoSm>(flowTrackingInfo_, *this)) {
   handleInitialized();
 }
 TemplateSm::~TemplateSm() = default;
 
 void TemplateSm::handleInitialized() {
   initOptTemplateConfig();
-  const auto trackers = hwStatus_->ftStatus();  // a copy: the loop notifies
-  for (const auto& [name, status] : trackers) handleHwFtStatus(name);
+  for (const auto& name : keysOf(hwStatus_->ftStatus())) handleHwFtStatus(name);
   initialized_ = true;
 }
 void TemplateSm::handleHwFtStatus(const std::string& trackerName) {
-  const std::string name = trackerName;
-  const auto config = hwConfig_->ftConfig(name);
-  const auto status = hwStatus_->ftStatus(name);
-  const auto info = flowTrackingInfo_->ftInfo(name);
-  if (const auto sm = ftTemplateSm(name);
-      sm && (sm->hwFtConfig() != config || sm->hwFtStatus() != status || sm->ftInfo() != info)) {
-    ftTemplateSmDel(name);
-    trace(TraceLevel::event, "TemplateSm::", "handleHwFtStatus ", "Deleted FtTemplateSm for ",
-          name);
-  }
-  if (!config || !status || !info || ftTemplateSm(name)) return;
-  ftTemplateSmIs(name, config, status, info);
-  trace(TraceLevel::event, "TemplateSm::", "handleHwFtStatus ", "Created FtTemplateSm for ", name);
-}
-void TemplateSm::ftTemplateSmIs(const std::string& name,
-                                const Ptr<HwFlowTracking::FtConfig>& hwFtConfig,
-                                const Ptr<HwFlowTracking::FtStatus>& hwFtStatus,
-                                const Ptr<FlowTrackerInfo>& ftInfo) {
-  ftTemplateSm_[name] = ftTemplateSmFactory(hwFtConfig, hwFtStatus, ftInfo, context_);
+  const auto say = [](const char* what, const std::string& name) {
+    traceOf(TraceLevel::event, "TemplateSm", "handleHwFtStatus", "", what, name);
+  };
+  ftTemplateSm_.reconcile(
+      *this, trackerName,
+      [&](const FtTemplateSm& sm) {
+        const std::string& name = sm.hwFtConfig()->ftName();
+        return sm.hwFtConfig() == hwConfig_->ftConfig(name) &&
+               sm.hwFtStatus() == hwStatus_->ftStatus(name) &&
+               sm.ftInfo() == flowTrackingInfo_->ftInfo(name);
+      },
+      [&](const std::string& name) { say("Deleted FtTemplateSm for ", name); },
+      [&](const std::string& name) -> Ptr<FtTemplateSm> {
+        const auto config = hwConfig_->ftConfig(name);
+        const auto status = hwStatus_->ftStatus(name);
+        const auto info = flowTrackingInfo_->ftInfo(name);
+        if (!config || !status || !info) return nullptr;
+        auto sm = make<FtTemplateSm>(config, status, info, context_);
+        say("Created FtTemplateSm for ", name);
+        return sm;
+      });
 }
 
 void TemplateSm::initOptTemplateConfig() {
@@ -381,33 +311,22 @@ void TemplateSm::initOptTemplateConfig() {
 }
 
 void TemplateSm::clearCounters() {
-  // Both template exporters of an exporter count in the same entries.
-  for (const auto& [tracker, ft] : ftTemplateSm_)
-    for (const auto& [exporter, sm] : ft->ftExporterSm()) {
-      sm->clearCounters();
-      ft->optTemplateExporterSm().at(exporter)->clearCounters();
-    }
+  for (const auto& name : keysOf(ftTemplateSm_.all()))
+    if (const auto sm = ftTemplateSm(name)) sm->clearCounters();
 }
 
 AttrRows TemplateSm::attrRows() const {
+  using T = TemplateSm;
   static constexpr AttrRow rows[] = {
-      childRow<&TemplateSm::optTemplateConfig>("optTemplateConfig"),
-      mapRow<static_cast<FtTemplateMap>(&TemplateSm::ftTemplateSm)>("ftTemplateSm"),
-      row<&TemplateSm::initialized>("initialized"),
+      childRow<&T::flowTrackingConfigReq_>("flowTrackingConfigReq"),
+      childRow<&T::hwConfig_>("hwConfig"),
+      childRow<&T::hwStatus_>("hwStatus"),
+      childRow<&T::flowTrackingInfo_>("flowTrackingInfo"),
+      childRow<&T::optTemplateConfig>("optTemplateConfig"),
+      mapRow<&T::ftTemplateSm_>("ftTemplateSm"),
+      row<&T::initialized_>("initialized"),
   };
   return rows;
-}
-Ptr<TemplateSm> TemplateSm::TemplateSmIs(Ptr<const ConfigReq> flowTrackingConfigReq,
-                                         Ptr<const HwFlowTracking::Config> hwConfig,
-                                         Ptr<const HwFlowTracking::Status> hwStatus,
-                                         Ptr<FlowTrackingInfo> flowTrackingInfo,
-                                         Ptr<ElementIdColl> elementIdColl,
-                                         Ptr<Tarn::Ipfix::CollectorStatistics> collStats,
-                                         Ptr<TaskScheduler> taskScheduler) {
-  return Ptr<TemplateSm>::adopt(
-      new TemplateSm(std::move(flowTrackingConfigReq), std::move(hwConfig), std::move(hwStatus),
-                     std::move(flowTrackingInfo), std::move(elementIdColl), std::move(collStats),
-                     std::move(taskScheduler)));
 }
 Ptr<TemplateSm> templateSmFactory(Ptr<const ConfigReq> flowTrackingConfigReq,
                                   Ptr<const HwFlowTracking::Config> hwConfig,
@@ -416,10 +335,9 @@ Ptr<TemplateSm> templateSmFactory(Ptr<const ConfigReq> flowTrackingConfigReq,
                                   Ptr<ElementIdColl> elementIdColl,
                                   Ptr<Tarn::Ipfix::CollectorStatistics> collStats,
                                   Ptr<TaskScheduler> taskScheduler) {
-  return TemplateSm::TemplateSmIs(std::move(flowTrackingConfigReq), std::move(hwConfig),
-                                  std::move(hwStatus), std::move(flowTrackingInfo),
-                                  std::move(elementIdColl), std::move(collStats),
-                                  std::move(taskScheduler));
+  return make<TemplateSm>(std::move(flowTrackingConfigReq), std::move(hwConfig),
+                          std::move(hwStatus), std::move(flowTrackingInfo),
+                          std::move(elementIdColl), std::move(collStats), std::move(taskScheduler));
 }
 
 }  // namespace FlowTracking

@@ -12,8 +12,10 @@
 /// exporter per configured (tracker, exporter), and the data templates' message.
 namespace FlowTracking {
 
-/// Appends one entry at the next position and completes it from the registry, which must hold the
-/// element (asserted).
+/// Completes the entry from the registry, which must hold the element (asserted).
+TARN_API void updateFieldInfo(const Ptr<::Ipfix::ElementIdColl>& eic,
+                              HwFlowTracking::FtTemplateEntry* field);
+/// Appends one entry at the next position and completes it.
 TARN_API void addScopeField(const Ptr<::Ipfix::ElementIdColl>& elementIdColl,
                             const Ptr<OptionsTemplate>& optionsTemplate,
                             ::Ipfix::RecordType elementId);
@@ -24,42 +26,64 @@ TARN_API void addField(const Ptr<::Ipfix::ElementIdColl>& elementIdColl,
 /// the message anew when a template comes, goes or changes its generation.
 class TARN_API FtExporterSm final : public TemplateExporterSmBase {
  public:
-  static Ptr<FtExporterSm> FtExporterSmIs(
-      const std::string& expName, const std::string& ftName, FtId ftId,
-      Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig, Ptr<ExporterInfo> expInfo,
-      Ptr<Tarn::Ipfix::CollectorStatistics> collStats, Ptr<TaskScheduler> taskScheduler,
-      Ptr<const HwFlowTracking::FtStatus> hwFtStatus, Ptr<::Ipfix::ElementIdColl> elementIdColl);
-  ~FtExporterSm() override;
+  /// Watches one template of the tracker.
+  class TARN_API TemplateStatusSm final
+      : public NestedReactor<HwFlowTracking::TemplateStatus, FtExporterSm> {
+   public:
+    using NestedReactor::NestedReactor;
+    TemplateRecord record() const {
+      return {entity()->templateId(), nullptr, &entity()->ftTemplateEntry()};
+    }
+    /// Octets of the template's record: its header and field specifiers (RFC 7011, 3.4.1).
+    uint32_t getTemplateLength() const { return record().len(); }
+    void handleGenId() override { sm_.scheduleTemplateCreation_p(); }
+  };
+  using TemplateStatusMap = std::map<TemplateId, std::unique_ptr<TemplateStatusSm>>;
 
-  std::string taskPrefix() const override;
-  uint16_t headerSetId() const override;
-
-  bool initialized() const { return initialized_; }
-  /// The message holds the tracker's templates as they are now. After a change it does not until
-  /// the next task.
-  bool current() const;
-  /// Octets of all template records.
-  uint32_t getFtTemplateLength() const;
-  /// Octets of one template's record: its header and field specifiers (RFC 7011, 3.4.1).
-  static uint32_t getTemplateLength(const HwFlowTracking::TemplateStatus& status);
-  void handleInitialized();
-  void handleTemplateStatus(TemplateId templateId);
-
- private:
-  class FtStatusSm;
-  class TemplateStatusSm;
   FtExporterSm(const std::string& expName, const std::string& ftName, FtId ftId,
                Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig, Ptr<ExporterInfo> expInfo,
                Ptr<Tarn::Ipfix::CollectorStatistics> collStats, Ptr<TaskScheduler> taskScheduler,
                Ptr<const HwFlowTracking::FtStatus> hwFtStatus,
                Ptr<::Ipfix::ElementIdColl> elementIdColl);
-  void handleTemplateCreationTask();
+  ~FtExporterSm() override;
+  template <class... A>
+  static Ptr<FtExporterSm> FtExporterSmIs(A&&... a) {
+    return make<FtExporterSm>(std::forward<A>(a)...);
+  }
+
+  std::string taskPrefix() const override { return "ftExporterSm"; }
+  uint16_t headerSetId() const override { return ::Ipfix::IpfixConst::templateSetId(); }
+
+  const Ptr<const HwFlowTracking::FtStatus>& hwFtStatus() const { return hwFtStatus_; }
+  const Ptr<::Ipfix::ElementIdColl>& elementIdColl() const { return elementIdColl_; }
+  const TemplateStatusMap& templateStatus() const { return templateStatus_; }
+  /// Null for a template that the tracker does not have.
+  const TemplateStatusSm* templateStatus(TemplateId id) const {
+    const auto it = templateStatus_.find(id);
+    return it == templateStatus_.end() ? nullptr : it->second.get();
+  }
+  /// Octets of all template records.
+  uint32_t getFtTemplateLength() const;
+  void handleInitialized();
+  void handleTemplateStatus(TemplateId templateId);
+
+  AttrRows attrRows() const override;
+
+ private:
+  class FtStatusSm;
+  const char* className_p() const override { return "FtExporterSm"; }
+  const char* noTemplates_p() const override {
+    return "Returning because no flow group configured.";
+  }
+  std::vector<TemplateRecord> templates_p() const override;
+  void checkField_p(const HwFlowTracking::FtTemplateEntry& entry, bool scope) const override;
+  const std::map<TemplateId, Ptr<HwFlowTracking::TemplateStatus>>& statuses_p() const {
+    return hwFtStatus_->templateStatus();
+  }
 
   Ptr<const HwFlowTracking::FtStatus> hwFtStatus_;
   Ptr<::Ipfix::ElementIdColl> elementIdColl_;
-  bool initialized_ = false;
-  std::unique_ptr<TimerTask> templateCreationTask_;
-  std::map<TemplateId, std::unique_ptr<TemplateStatusSm>> templateStatus_;
+  TemplateStatusMap templateStatus_;
   std::unique_ptr<FtStatusSm> ftStatusSm_;
 };
 TARN_API Ptr<FtExporterSm> ftExporterSmFactory(
@@ -80,53 +104,66 @@ struct TARN_API TemplateSmContext {
 /// information.
 class TARN_API FtTemplateSm final : public Entity {
  public:
-  static Ptr<FtTemplateSm> FtTemplateSmIs(Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
-                                          Ptr<const HwFlowTracking::FtStatus> hwFtStatus,
-                                          Ptr<FlowTrackerInfo> ftInfo,
-                                          const TemplateSmContext& context);
+  FtTemplateSm(Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
+               Ptr<const HwFlowTracking::FtStatus> hwFtStatus, Ptr<FlowTrackerInfo> ftInfo,
+               const TemplateSmContext& context);
   ~FtTemplateSm() override;
+  template <class... A>
+  static Ptr<FtTemplateSm> FtTemplateSmIs(A&&... a) {
+    return make<FtTemplateSm>(std::forward<A>(a)...);
+  }
 
   const Ptr<const HwFlowTracking::FtConfig>& hwFtConfig() const { return hwFtConfig_; }
   const Ptr<const HwFlowTracking::FtStatus>& hwFtStatus() const { return hwFtStatus_; }
   const Ptr<FlowTrackerInfo>& ftInfo() const { return ftInfo_; }
   bool initialized() const { return initialized_; }
-  const std::map<std::string, Ptr<FtExporterSm>>& ftExporterSm() const { return ftExporterSm_; }
-  Ptr<FtExporterSm> ftExporterSm(const std::string& name) const {
-    return find(ftExporterSm_, name);
+  const std::map<std::string, Ptr<FtExporterSm>>& ftExporterSm() const {
+    return ftExporterSm_.all();
   }
-  void ftExporterSmIs(const std::string& name,
-                      const Ptr<const HwFlowTracking::ExporterConfig>& hwExpConfig,
-                      const Ptr<ExporterInfo>& expInfo);
-  void ftExporterSmDel(const std::string& name) { drop(ftExporterSm_, name); }
-  void ftExporterSmDelAll() { dropAll(ftExporterSm_); }
+  Ptr<FtExporterSm> ftExporterSm(const std::string& name) const { return ftExporterSm_.find(name); }
+  /// Makes and stores the exporter `name`, in place of one that has the name; `a` are the arguments
+  /// of its factory behind the name.
+  template <class... A>
+  void ftExporterSmIs(const std::string& name, A&&... a) {
+    ftExporterSm_.put(name, make<FtExporterSm>(name, std::forward<A>(a)...));
+  }
+  void ftExporterSmDel(const std::string& name) { ftExporterSm_.del(name); }
+  void ftExporterSmDelAll() { ftExporterSm_.delAll(); }
   const std::map<std::string, Ptr<OptionsTemplateExporterSm>>& optTemplateExporterSm() const {
-    return optTemplateExporterSm_;
+    return optTemplateExporterSm_.all();
   }
-  void optTemplateExporterSmIs(const std::string& name,
-                               const Ptr<const HwFlowTracking::ExporterConfig>& hwExpConfig,
-                               const Ptr<ExporterInfo>& expInfo);
-  void optTemplateExporterSmDel(const std::string& name) { drop(optTemplateExporterSm_, name); }
-  void optTemplateExporterSmDelAll() { dropAll(optTemplateExporterSm_); }
+  Ptr<OptionsTemplateExporterSm> optTemplateExporterSm(const std::string& name) const {
+    return optTemplateExporterSm_.find(name);
+  }
+  template <class... A>
+  void optTemplateExporterSmIs(const std::string& name, A&&... a) {
+    optTemplateExporterSm_.put(name, make<OptionsTemplateExporterSm>(name, std::forward<A>(a)...));
+  }
+  void optTemplateExporterSmDel(const std::string& name) { optTemplateExporterSm_.del(name); }
+  void optTemplateExporterSmDelAll() { optTemplateExporterSm_.delAll(); }
 
   void handleInitialized();
   void handleExporters(const std::string& exporterName);
+  /// Zeroes the counters of every collector of every exporter.
+  void clearCounters();
 
   AttrRows attrRows() const override;
 
  private:
   class FtConfigSm;
   class FtInfoSm;
-  FtTemplateSm(Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
-               Ptr<const HwFlowTracking::FtStatus> hwFtStatus, Ptr<FlowTrackerInfo> ftInfo,
-               const TemplateSmContext& context);
+  void handleRetired() override;
+  template <class Child, class... A>
+  void reconcile_p(ChildMap<Child>& children, const std::string& name, const char* className,
+                   const A&... more);
 
   Ptr<const HwFlowTracking::FtConfig> hwFtConfig_;
   Ptr<const HwFlowTracking::FtStatus> hwFtStatus_;
   Ptr<FlowTrackerInfo> ftInfo_;
   TemplateSmContext context_;
   bool initialized_ = false;
-  std::map<std::string, Ptr<FtExporterSm>> ftExporterSm_;
-  std::map<std::string, Ptr<OptionsTemplateExporterSm>> optTemplateExporterSm_;
+  ChildMap<FtExporterSm> ftExporterSm_;
+  ChildMap<OptionsTemplateExporterSm> optTemplateExporterSm_;
   std::unique_ptr<FtConfigSm> ftConfigSm_;
   std::unique_ptr<FtInfoSm> ftInfoSm_;
 };
@@ -139,26 +176,34 @@ TARN_API Ptr<FtTemplateSm> ftTemplateSmFactory(Ptr<const HwFlowTracking::FtConfi
 /// their information, whichever comes last, and owns the agent's options templates.
 class TARN_API TemplateSm final : public Entity {
  public:
-  static Ptr<TemplateSm> TemplateSmIs(Ptr<const ConfigReq> flowTrackingConfigReq,
-                                      Ptr<const HwFlowTracking::Config> hwConfig,
-                                      Ptr<const HwFlowTracking::Status> hwStatus,
-                                      Ptr<FlowTrackingInfo> flowTrackingInfo,
-                                      Ptr<::Ipfix::ElementIdColl> elementIdColl,
-                                      Ptr<Tarn::Ipfix::CollectorStatistics> collStats,
-                                      Ptr<TaskScheduler> taskScheduler);
+  TemplateSm(Ptr<const ConfigReq> flowTrackingConfigReq, Ptr<const HwFlowTracking::Config> hwConfig,
+             Ptr<const HwFlowTracking::Status> hwStatus, Ptr<FlowTrackingInfo> flowTrackingInfo,
+             Ptr<::Ipfix::ElementIdColl> elementIdColl,
+             Ptr<Tarn::Ipfix::CollectorStatistics> collStats, Ptr<TaskScheduler> taskScheduler);
   ~TemplateSm() override;
+  template <class... A>
+  static Ptr<TemplateSm> TemplateSmIs(A&&... a) {
+    return make<TemplateSm>(std::forward<A>(a)...);
+  }
 
+  const Ptr<const ConfigReq>& flowTrackingConfigReq() const { return flowTrackingConfigReq_; }
+  const Ptr<const HwFlowTracking::Config>& hwConfig() const { return hwConfig_; }
+  const Ptr<const HwFlowTracking::Status>& hwStatus() const { return hwStatus_; }
+  const Ptr<FlowTrackingInfo>& flowTrackingInfo() const { return flowTrackingInfo_; }
   const Ptr<OptionsTemplateConfig>& optTemplateConfig() const { return context_.optTemplateConfig; }
   bool initialized() const { return initialized_; }
-  const std::map<std::string, Ptr<FtTemplateSm>>& ftTemplateSm() const { return ftTemplateSm_; }
-  Ptr<FtTemplateSm> ftTemplateSm(const std::string& name) const {
-    return find(ftTemplateSm_, name);
+  const std::map<std::string, Ptr<FtTemplateSm>>& ftTemplateSm() const {
+    return ftTemplateSm_.all();
   }
-  void ftTemplateSmIs(const std::string& name, const Ptr<HwFlowTracking::FtConfig>& hwFtConfig,
-                      const Ptr<HwFlowTracking::FtStatus>& hwFtStatus,
-                      const Ptr<FlowTrackerInfo>& ftInfo);
-  void ftTemplateSmDel(const std::string& name) { drop(ftTemplateSm_, name); }
-  void ftTemplateSmDelAll() { dropAll(ftTemplateSm_); }
+  Ptr<FtTemplateSm> ftTemplateSm(const std::string& name) const { return ftTemplateSm_.find(name); }
+  /// Makes and stores the tracker's reactor, in place of one that has the name; `a` are the
+  /// arguments of its factory.
+  template <class... A>
+  void ftTemplateSmIs(const std::string& name, A&&... a) {
+    ftTemplateSm_.put(name, make<FtTemplateSm>(std::forward<A>(a)...));
+  }
+  void ftTemplateSmDel(const std::string& name) { ftTemplateSm_.del(name); }
+  void ftTemplateSmDelAll() { ftTemplateSm_.delAll(); }
 
   void handleInitialized();
   void handleHwFtStatus(const std::string& trackerName);
@@ -173,10 +218,7 @@ class TARN_API TemplateSm final : public Entity {
   class ConfigSm;
   class StatusSm;
   class InfoSm;
-  TemplateSm(Ptr<const ConfigReq> flowTrackingConfigReq, Ptr<const HwFlowTracking::Config> hwConfig,
-             Ptr<const HwFlowTracking::Status> hwStatus, Ptr<FlowTrackingInfo> flowTrackingInfo,
-             Ptr<::Ipfix::ElementIdColl> elementIdColl,
-             Ptr<Tarn::Ipfix::CollectorStatistics> collStats, Ptr<TaskScheduler> taskScheduler);
+  void handleRetired() override { ftTemplateSmDelAll(); }
 
   Ptr<const ConfigReq> flowTrackingConfigReq_;
   Ptr<const HwFlowTracking::Config> hwConfig_;
@@ -184,7 +226,7 @@ class TARN_API TemplateSm final : public Entity {
   Ptr<FlowTrackingInfo> flowTrackingInfo_;
   TemplateSmContext context_;
   bool initialized_ = false;
-  std::map<std::string, Ptr<FtTemplateSm>> ftTemplateSm_;
+  ChildMap<FtTemplateSm> ftTemplateSm_;
   std::unique_ptr<ConfigReqSm> configReqSm_;
   std::unique_ptr<ConfigSm> configSm_;
   std::unique_ptr<StatusSm> statusSm_;

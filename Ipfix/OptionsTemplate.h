@@ -7,7 +7,8 @@
 
 namespace FlowTracking {
 
-/// One options template: scope fields, then fields, each in the order of its position.
+/// One options template: scope fields, then fields, each in the order of its position. Nobody is
+/// notified of a change: who changes a template raises `OptionsTemplateConfig::version` afterwards.
 class TARN_API OptionsTemplate final : public Entity {
  public:
   using FieldMap = std::map<uint32_t, HwFlowTracking::FtTemplateEntry>;
@@ -17,14 +18,23 @@ class TARN_API OptionsTemplate final : public Entity {
   const std::string& name() const { return name_; }
   TemplateId templateId() const { return templateId_; }
   const FieldMap& scopeField() const { return scopeField_; }
-  const FieldMap& field() const { return field_; }
+  /// The entry at the position; where there is none, one of length 0.
+  HwFlowTracking::FtTemplateEntry scopeField(uint32_t position) const {
+    return find(scopeField_, position);
+  }
   size_t scopeFields() const { return scopeField_.size(); }
-  size_t fields() const { return field_.size(); }
   /// Makes the entry at the position, or puts another element there; returns it to be completed.
-  HwFlowTracking::FtTemplateEntry& scopeFieldIs(uint32_t position, ::Ipfix::RecordType elementId);
+  HwFlowTracking::FtTemplateEntry& scopeFieldIs(uint32_t position, ::Ipfix::RecordType elementId) {
+    return scopeField_[position] = {position, elementId};
+  }
   void scopeFieldDel(uint32_t position) { scopeField_.erase(position); }
   void scopeFieldDelAll() { scopeField_.clear(); }
-  HwFlowTracking::FtTemplateEntry& fieldIs(uint32_t position, ::Ipfix::RecordType elementId);
+  const FieldMap& field() const { return field_; }
+  HwFlowTracking::FtTemplateEntry field(uint32_t position) const { return find(field_, position); }
+  size_t fields() const { return field_.size(); }
+  HwFlowTracking::FtTemplateEntry& fieldIs(uint32_t position, ::Ipfix::RecordType elementId) {
+    return field_[position] = {position, elementId};
+  }
   void fieldDel(uint32_t position) { field_.erase(position); }
   void fieldDelAll() { field_.clear(); }
 
@@ -36,6 +46,8 @@ class TARN_API OptionsTemplate final : public Entity {
   FieldMap scopeField_;
   FieldMap field_;
 };
+TARN_API Ptr<OptionsTemplate> optionsTemplateFactory(const std::string& name,
+                                                     TemplateId templateId);
 
 /// The agent's options templates. Exporters rebuild their message when `version` changes, so it is
 /// raised once the set is complete.
@@ -52,7 +64,10 @@ class TARN_API OptionsTemplateConfig final : public Entity {
   Ptr<OptionsTemplate> templateEntry(const std::string& name) const {
     return find(templateEntry_, name);
   }
-  Ptr<OptionsTemplate> templateEntryIs(const std::string& name, TemplateId templateId);
+  /// Makes a template without fields, in place of one that has the name.
+  Ptr<OptionsTemplate> templateEntryIs(const std::string& name, TemplateId templateId) {
+    return templateEntry_[name] = optionsTemplateFactory(name, templateId);
+  }
   void templateEntryDel(const std::string& name) { templateEntry_.erase(name); }
   void templateEntryDelAll() { templateEntry_.clear(); }
   uint32_t version() const { return version_; }
@@ -66,8 +81,5 @@ class TARN_API OptionsTemplateConfig final : public Entity {
   uint32_t version_ = 0;
 };
 TARN_API Ptr<OptionsTemplateConfig> optionsTemplateConfigFactory();
-
-/// Octets of the template's record: its header and field specifiers (RFC 7011, 3.4.2.2).
-TARN_API uint32_t getTemplateEntryLength(const OptionsTemplate& optionsTemplate);
 
 }  // namespace FlowTracking

@@ -10,77 +10,68 @@
 
 namespace FlowTracking {
 
+using HwFlowTracking::FtTemplateEntry;
 using ::Ipfix::IpfixConst;
 using Tarn::Ipfix::CollectorStatisticsEntry;
-using Tarn::Ipfix::CollectorStatisticsKey;
 
 namespace {
 constexpr TaskPriority taskPriority = 2;
 constexpr uint32_t headersLen = IpfixConst::messageHeaderLen() + IpfixConst::setHeaderLen();
+constexpr uint32_t recordsLenMax = IpfixConst::maxUdpPayload() - headersLen;
+
+/// Octets of a record's header: template id, field count, and for options the scope field count.
+constexpr uint32_t recordHeaderLen(bool options) { return options ? 6 : 4; }
+class OptionsTemplateHeader : public TemplateHeader {
+ public:
+  using TemplateHeader::TemplateHeader;
+  void scopeFieldCountIs(uint16_t v) { u16Is(4, v); }
+};
 }  // namespace
 
-template <class Traits>
-struct TemplateExporterSmBase::Family {
-  /// What a collector was sent, and how. As long as nothing of it differs, it lacks nothing.
-  struct Sent {
-    uint32_t messageBuild = 0;
-    Ptr<UdpPam> pam;  // held, so that a new endpoint cannot come to lie at the old one's address
-    typename Traits::Addr src;
-    typename Traits::Dst dst;
-    bool operator==(const Sent&) const = default;
-  };
-  std::map<std::string, typename Traits::Dst> collector;
-  std::map<std::string, Sent> sent;
-  bool sending = false;
-};
-
-class TemplateExporterSmBase::HwExpConfigSm final : public HwFlowTracking::ExporterConfig::Watcher {
+class TemplateExporterSmBase::HwExpConfigSm final
+    : public NestedReactor<HwFlowTracking::ExporterConfig, TemplateExporterSmBase> {
  public:
-  explicit HwExpConfigSm(TemplateExporterSmBase& sm) : Watcher(sm.hwExpConfig_), sm_(sm) {}
+  using NestedReactor::NestedReactor;
   void handleTemplateInterval() override { sm_.handleTemplateInterval(); }
   void handleCollectorIpAndPort(const std::string& name) override {
-    sm_.handleCollector_p(*sm_.family4_, name);
+    sm_.handleCollector_p(sm_.family4_, name);
   }
   void handleCollectorIp6AndPort(const std::string& name) override {
-    sm_.handleCollector_p(*sm_.family6_, name);
+    sm_.handleCollector_p(sm_.family6_, name);
   }
-  void handleExporter4Ready() override { sm_.maybeTx_p(*sm_.family4_, Pass::lacking); }
-  void handleSrcIpAddr() override { sm_.maybeTx_p(*sm_.family4_, Pass::lacking); }
-  void handleExporter6Ready() override { sm_.maybeTx_p(*sm_.family6_, Pass::lacking); }
-  void handleSrcIp6Addr() override { sm_.maybeTx_p(*sm_.family6_, Pass::lacking); }
-
- private:
-  TemplateExporterSmBase& sm_;
+  void handleExporter4Ready() override { sm_.maybeTx_p(sm_.family4_, Pass::lacking); }
+  void handleSrcIpAddr() override { sm_.maybeTx_p(sm_.family4_, Pass::lacking); }
+  void handleExporter6Ready() override { sm_.maybeTx_p(sm_.family6_, Pass::lacking); }
+  void handleSrcIp6Addr() override { sm_.maybeTx_p(sm_.family6_, Pass::lacking); }
 };
 
-class TemplateExporterSmBase::ExpInfoSm final : public ExporterInfo::Watcher {
+class TemplateExporterSmBase::ExpInfoSm final
+    : public NestedReactor<ExporterInfo, TemplateExporterSmBase> {
  public:
-  explicit ExpInfoSm(TemplateExporterSmBase& sm) : Watcher(sm.expInfo_), sm_(sm) {}
-  void handleUdpPam4() override { sm_.maybeTx_p(*sm_.family4_, Pass::lacking); }
-  void handleUdpPam6() override { sm_.maybeTx_p(*sm_.family6_, Pass::lacking); }
-  void handleCollInfo(const std::string& name) override { sm_.handleCollInfo(name); }
-
- private:
-  TemplateExporterSmBase& sm_;
+  using NestedReactor::NestedReactor;
+  void handleUdpPam4() override { sm_.maybeTx_p(sm_.family4_, Pass::lacking); }
+  void handleUdpPam6() override { sm_.maybeTx_p(sm_.family6_, Pass::lacking); }
+  void handleCollInfo(const std::string& name) override {
+    sm_.handleCollector_p(sm_.family4_, name);
+    sm_.handleCollector_p(sm_.family6_, name);
+  }
 };
 
 TemplateExporterSmBase::TemplateExporterSmBase(
     const std::string& expName, const std::string& ftName, FtId ftId,
     Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig, Ptr<ExporterInfo> expInfo,
     Ptr<Tarn::Ipfix::CollectorStatistics> collStats, Ptr<TaskScheduler> taskScheduler)
-    : taskScheduler_(std::move(taskScheduler)),
-      expName_(expName),
+    : expName_(expName),
       ftName_(ftName),
       ftId_(ftId),
       hwExpConfig_(std::move(hwExpConfig)),
       expInfo_(std::move(expInfo)),
       collStats_(std::move(collStats)),
+      taskScheduler_(std::move(taskScheduler)),
       traceId_(ftName + " for " + expName),
-      family4_(std::make_unique<Family<V4>>()),
-      family6_(std::make_unique<Family<V6>>()),
-      hwExpConfigSm_(std::make_unique<HwExpConfigSm>(*this)),
-      expInfoSm_(std::make_unique<ExpInfoSm>(*this)) {}
-TemplateExporterSmBase::~TemplateExporterSmBase() { handleDel(); }
+      hwExpConfigSm_(std::make_unique<HwExpConfigSm>(hwExpConfig_, *this)),
+      expInfoSm_(std::make_unique<ExpInfoSm>(expInfo_, *this)) {}
+TemplateExporterSmBase::~TemplateExporterSmBase() = default;
 
 std::string TemplateExporterSmBase::taskPrefix() const {
   assertionFailed("(!(\"taskPrefix\"))", __FILE__, __LINE__);
@@ -89,19 +80,22 @@ uint16_t TemplateExporterSmBase::headerSetId() const {
   assertionFailed("(!(\"headerSetId\"))", __FILE__, __LINE__);
 }
 
-const std::map<std::string, IpAndPort>& TemplateExporterSmBase::collectorIpAndPort() const {
-  return family4_->collector;
+template <class... A>
+void TemplateExporterSmBase::say_p(int level, const char* handler, const A&... what) const {
+  traceOf(level, "TemplateExporterSmBase", handler, traceId_, what...);
 }
-const std::map<std::string, Ip6AndPort>& TemplateExporterSmBase::collectorIp6AndPort() const {
-  return family6_->collector;
-}
-bool TemplateExporterSmBase::sending4_p() const { return family4_->sending; }
-bool TemplateExporterSmBase::sending6_p() const { return family6_->sending; }
 
 void TemplateExporterSmBase::handleStartup() {
   templateReady_ = false;
-  templateTxCount_ = 0;
+  templateTxCountIs(0);
   periodicTemplateTxTaskIs(taskScheduler_, taskPriority, taskName_p("PeriodicTxTask"));
+}
+void TemplateExporterSmBase::startTemplateCreation_p() {
+  templateCreationTask_ =
+      reactorTask(taskScheduler_, taskName_p("TemplateCreationTask"), taskPriority, *this,
+                  &TemplateExporterSmBase::handleTemplateCreationTask);
+  initialized_ = true;
+  scheduleTemplateCreation_p();
 }
 std::string TemplateExporterSmBase::taskName_p(const char* kind) const {
   return taskPrefix() + "-" + kind + "-" + ftName_ + "-" + expName_;
@@ -109,31 +103,79 @@ std::string TemplateExporterSmBase::taskName_p(const char* kind) const {
 void TemplateExporterSmBase::periodicTemplateTxTaskIs(const Ptr<TaskScheduler>& scheduler,
                                                       TaskPriority priority,
                                                       const std::string& name) {
-  periodicTemplateTxTask_ =
-      scheduler->timerTask(name, priority, [this] { handlePeriodicTemplateTx(); });
+  periodicTemplateTxTask_ = reactorTask(scheduler, name, priority, *this,
+                                        &TemplateExporterSmBase::handlePeriodicTemplateTx);
+}
+void TemplateExporterSmBase::handleRetired() {
+  stopPeriodicTemplateTx_p();
+  if (templateCreationTask_) templateCreationTask_->stop();
+  handleDel();
 }
 
 // --- The message ---
 
-Ptr<Pkt> TemplateExporterSmBase::getPkt() const { return Platform::current().newPkt(); }
-
-bool TemplateExporterSmBase::startMessage_p(uint32_t length) {
-  if (length == 0 || length > IpfixConst::maxUdpPayload() - headersLen) {
-    if (length > 0)
-      trace(TraceLevel::error, "TemplateExporterSmBase::", traceId_, " templates of ", length,
-            " octets do not fit a datagram, not sent");
-    templatePktIs(nullptr);
-    templateReadyIs(false);
-    return false;
+uint32_t TemplateExporterSmBase::TemplateRecord::len() const {
+  uint32_t len = recordHeaderLen(scopeField);
+  for (const FieldMap* fields : {scopeField, field}) {
+    if (!fields) continue;
+    for (const auto& [position, entry] : *fields) len += entry.specifierLen();
   }
-  templatePktIs(getPkt());
-  templateReadyIs(false);
-  templatePkt_->dataTailInc(length);
-  return true;
+  return len;
 }
 
-uint32_t TemplateExporterSmBase::addTemplateFieldSpecifier(
-    const Ptr<Pkt>& pkt, uint32_t offset, const HwFlowTracking::FtTemplateEntry& entry) const {
+void TemplateExporterSmBase::handleTemplateCreationTask() {
+  const auto say = [this](int level, const auto&... what) {
+    traceOf(level, className_p(), "handleTemplateCreationTask", traceId_, what...);
+  };
+  if (!templateCreationTask_->running()) {
+    say(TraceLevel::detail, "Returning because templateCreationTask not running.");
+    return;
+  }
+  templateLenDelAll();
+  const auto templates = templates_p();
+  const uint32_t length =
+      std::accumulate(templates.begin(), templates.end(), 0U,
+                      [](uint32_t sum, const TemplateRecord& r) { return sum + r.len(); });
+  templatePktIs(length > 0 && length <= recordsLenMax ? getPkt() : nullptr);
+  templateReadyIs(false);
+  if (length == 0) {
+    say(TraceLevel::detail, noTemplates_p());
+    return;
+  }
+  if (!templatePkt_) {
+    say(TraceLevel::error, "Returning because the templates take ", length,
+        " octets and a datagram has room for ", recordsLenMax);
+    return;
+  }
+  templatePkt_->dataTailInc(length);
+  uint32_t offset = 0;
+  for (const TemplateRecord& record : templates) offset = addTemplate_p(offset, record);
+  finishMessage();
+}
+
+uint32_t TemplateExporterSmBase::addTemplate_p(uint32_t offset, const TemplateRecord& record) {
+  const auto count = [](const FieldMap* f) { return static_cast<uint16_t>(f ? f->size() : 0); };
+  templateLenIs(record.templateId, record.len());
+  templatePktTemplateCountInc(1);
+  OptionsTemplateHeader header(templatePkt_, offset);
+  header.templateIdIs(record.templateId);
+  header.fieldCountIs(static_cast<uint16_t>(count(record.scopeField) + count(record.field)));
+  if (record.scopeField) header.scopeFieldCountIs(count(record.scopeField));
+  offset += recordHeaderLen(record.scopeField);
+  for (const FieldMap* fields : {record.scopeField, record.field}) {
+    if (!fields) continue;
+    for (const auto& [position, entry] : *fields) {
+      checkField_p(entry, fields == record.scopeField);
+      offset = addTemplateFieldSpecifier(templatePkt_, offset, entry);
+    }
+  }
+  return offset;
+}
+
+Ptr<Pkt> TemplateExporterSmBase::getPkt() const { return Platform::current().newPkt(); }
+
+uint32_t TemplateExporterSmBase::addTemplateFieldSpecifier(const Ptr<Pkt>& pkt, uint32_t offset,
+                                                           const FtTemplateEntry& entry) const {
   FieldSpecifier field(pkt, offset, entry.enterpriseIe());
   field.elementIdIs(static_cast<uint16_t>(entry.fieldId().value()));
   field.fieldLenIs(entry.fieldLen());
@@ -146,7 +188,7 @@ void TemplateExporterSmBase::addIpfixHeaders_p() {
   const uint32_t setLen =
       std::accumulate(templateLen_.begin(), templateLen_.end(), IpfixConst::setHeaderLen(),
                       [](uint32_t sum, const auto& entry) { return sum + entry.second; });
-  templatePktMsgLen_ = static_cast<uint16_t>(setLen + IpfixConst::messageHeaderLen());
+  templatePktMsgLenIs(static_cast<uint16_t>(setLen + IpfixConst::messageHeaderLen()));
 
   MessageHeader message(templatePkt_, 0);
   message.versionIs(IpfixConst::version());
@@ -160,12 +202,12 @@ void TemplateExporterSmBase::addIpfixHeaders_p() {
 
   ++messageBuild_;
   templateReadyIs(true);
-  trace(TraceLevel::packet, "TemplateExporterSmBase::", traceId_,
-        " Template pkt->hexdump:", HexDump{templatePkt_->octets()});
+  say_p(TraceLevel::packet, "addIpfixHeaders_p",
+        "Template pkt->hexdump:", HexDump{templatePkt_->octets()});
 }
 void TemplateExporterSmBase::finishMessage() {
   addIpfixHeaders_p();
-  maybeTxTemplate_p(Pass::everybody);
+  maybeTxTemplate_p(Pass::lacking);  // the new message is what everybody lacks
 }
 
 void TemplateExporterSmBase::templateReadyIs(bool v) {
@@ -175,87 +217,96 @@ void TemplateExporterSmBase::templateReadyIs(bool v) {
 }
 void TemplateExporterSmBase::handleTemplateReady() {
   if (templateReady_) return;
-  templatePktMsgLen_ = 0;
-  templatePktTemplateCount_ = 0;
-  family4_->sending = family6_->sending = false;
+  templatePktMsgLenIs(0);
+  templatePktTemplateCountIs(0);
+  family4_.sending = family6_.sending = false;
   stopPeriodicTemplateTx_p();
 }
 
 // --- Sending ---
 
-template <class Traits>
-bool TemplateExporterSmBase::txReady_p() const {
-  return templateReady_ && Traits::ready(*hwExpConfig_) && !Traits::src(*hwExpConfig_).isZero() &&
-         Traits::pam(*expInfo_);
+template <class V>
+bool TemplateExporterSmBase::txReady_p(const Family<V>&) const {
+  return templateReady_ && V::ready(*hwExpConfig_) && !V::src(*hwExpConfig_).isZero() &&
+         V::pam(*expInfo_);
 }
 
 void TemplateExporterSmBase::maybeTxTemplate_p(Pass pass) {
-  maybeTx_p(*family4_, pass);
-  maybeTx_p(*family6_, pass);
+  maybeTx_p(family4_, pass);
+  maybeTx_p(family6_, pass);
 }
 
-template <class Traits>
-void TemplateExporterSmBase::maybeTx_p(Family<Traits>& family, Pass pass) {
-  const Ptr<TemplateExporterSmBase> hold(this);  // who hears of this may delete the exporter
-  if (!txReady_p<Traits>()) {
-    family.sending = false;
-    family.sent.clear();
-    stopPeriodicIfIdle_p();
-    return;
-  }
-  const auto collectors = Traits::collectors(*hwExpConfig_);  // a copy: sending notifies
-  bool any = false;
-  for (const auto& [name, dst] : collectors) {
-    if (!expInfo_->collInfo(name)) continue;
-    any = true;
-    if (pass == Pass::everybody || lacks_p(family, dst, name)) doTx_p(family, dst, name);
-  }
-  family.sending = any;
-  if (any) {
-    schedulePeriodicTemplateTx_p();
+template <class V>
+void TemplateExporterSmBase::maybeTx_p(Family<V>& family, Pass pass) {
+  if (retired()) return;
+  if (txReady_p(family)) {
+    for (const auto& name : keysOf(V::collectors(*hwExpConfig_))) txTo_p(family, name, pass);
   } else {
-    stopPeriodicIfIdle_p();
+    family.sent.clear();
+  }
+  settle_p(family);
+}
+
+/// Sends to one collector, if there is still all that takes: sending to the one before notified.
+template <class V>
+void TemplateExporterSmBase::txTo_p(Family<V>& family, const std::string& name, Pass pass) {
+  if (retired() || !txReady_p(family) || !expInfo_->collInfo(name)) return;
+  const auto collector = V::collectors(*hwExpConfig_).find(name);
+  if (collector == V::collectors(*hwExpConfig_).end()) return;
+  const auto dst = collector->second;
+  if (pass == Pass::everybody || lacks_p(family, dst, name)) doTx_p(family, dst, name);
+}
+
+/// Ends a pass: whether the family is being sent to decides on the period.
+template <class V>
+void TemplateExporterSmBase::settle_p(Family<V>& family) {
+  if (retired()) return;
+  const auto& collectors = V::collectors(*hwExpConfig_);
+  family.sending = txReady_p(family) &&
+                   std::any_of(collectors.begin(), collectors.end(),
+                               [this](const auto& c) { return bool{expInfo_->collInfo(c.first)}; });
+  if (family.sending) {
+    schedulePeriodicTemplateTx_p();
+  } else if (!family4_.sending && !family6_.sending) {
+    stopPeriodicTemplateTx_p();
   }
 }
 
-template <class Traits>
-bool TemplateExporterSmBase::lacks_p(const Family<Traits>& family, const typename Traits::Dst& dst,
+template <class V>
+bool TemplateExporterSmBase::lacks_p(const Family<V>& family, const typename V::Dst& dst,
                                      const std::string& name) const {
   const auto last = family.sent.find(name);
   return last == family.sent.end() ||
-         last->second != typename Family<Traits>::Sent{messageBuild_, Traits::pam(*expInfo_),
-                                                       Traits::src(*hwExpConfig_), dst};
+         last->second !=
+             typename Family<V>::Sent{messageBuild_, V::pam(*expInfo_), V::src(*hwExpConfig_), dst};
 }
 
-template <class Traits>
-bool TemplateExporterSmBase::has_p(const Family<Traits>& family, const std::string& name) const {
-  const auto& collectors = Traits::collectors(*hwExpConfig_);
+template <class V>
+bool TemplateExporterSmBase::has_p(const Family<V>& family, const std::string& name) const {
+  const auto& collectors = V::collectors(*hwExpConfig_);
   const auto collector = collectors.find(name);
-  return collector != collectors.end() && expInfo_->collInfo(name) && txReady_p<Traits>() &&
+  return collector != collectors.end() && expInfo_->collInfo(name) && txReady_p(family) &&
          !lacks_p(family, collector->second, name);
 }
-bool TemplateExporterSmBase::hasTemplates(const std::string& collectorName) const {
-  return has_p(*family4_, collectorName) || has_p(*family6_, collectorName);
-}
 
-template <class Traits>
-void TemplateExporterSmBase::doTx_p(Family<Traits>& family, const typename Traits::Dst& dst,
+template <class V>
+void TemplateExporterSmBase::doTx_p(Family<V>& family, const typename V::Dst& dst,
                                     const std::string& name) {
   updateMsgHeader_p(name);
-  const auto src = Traits::src(*hwExpConfig_);
+  const auto src = V::src(*hwExpConfig_);
   const DscpValue dscp = hwExpConfig_->dscp();
-  const Ptr<UdpPam> pam = Traits::pam(*expInfo_);
-  // What was meant for the collector is remembered first: a handler may come back here.
-  family.collector.insert_or_assign(name, dst);
-  family.sent.insert_or_assign(name, typename Family<Traits>::Sent{messageBuild_, pam, src, dst});
-  Traits::send(templatePkt_, pam, src, dst, dscp);
-  trace(TraceLevel::detail, "TemplateExporterSmBase::", traceId_, " Template sent to", " ", name,
-        ", dst ip:", dst.addr.stringValue(), ", dst port:", dst.port, ", src:", src.stringValue(),
-        ", tos :", int{dscp.tos()});
-  updateStats(Traits::info(dst));
-  ++templateTxCount_;
-  updateCollectorOnTx(name);
-  if (Traits::pam(*expInfo_) == pam) Traits::rxPortIs(*expInfo_, pam->rxPort());
+  const Ptr<UdpPam> pam = V::pam(*expInfo_);
+  // Remember what was sent before anybody is notified: a handler may come back here.
+  family.is(name, dst);
+  family.sent.insert_or_assign(name, typename Family<V>::Sent{messageBuild_, pam, src, dst});
+  V::send(templatePkt_, pam, src, dst, dscp);
+  say_p(TraceLevel::detail, V::ipv6 ? "doTxTemplate6_p" : "doTxTemplate4_p", "Template sent to",
+        " ", name, ", dst ip:", dst.addr.stringValue(), ", dst port:", dst.port,
+        ", src:", src.stringValue(), ", tos :", int{dscp.tos()});
+  templateTxCountInc(1);
+  updateStats(V::info(dst));
+  if (!retired() && has_p(family, name)) updateCollectorOnTx(name);
+  if (!retired() && V::pam(*expInfo_) == pam) V::rxPortIs(*expInfo_, pam->rxPort());
 }
 
 void TemplateExporterSmBase::updateMsgHeader_p(const std::string& collectorName) {
@@ -264,55 +315,42 @@ void TemplateExporterSmBase::updateMsgHeader_p(const std::string& collectorName)
   MessageHeader header(templatePkt_, 0);
   header.exportTimeIs(exportTime);
   header.seqNoIs(seqNo.value());  // templates are no data records: the number stays
-  exportTimeU32_[collectorName] = exportTime;
-  trace(TraceLevel::detail, "TemplateExporterSmBase::", traceId_, " Collector", " ", collectorName,
-        " has seqNo ", seqNo);
+  exportTimeU32Is(collectorName, exportTime);
+  say_p(TraceLevel::detail, "updateMsgHeader_p", "Collector", " ", collectorName, " has seqNo ",
+        seqNo);
 }
 
 // --- Collectors ---
 
-template <class Traits>
-void TemplateExporterSmBase::handleCollector_p(Family<Traits>& family, const std::string& name) {
-  const Ptr<TemplateExporterSmBase> hold(this);
-  const auto configured = Traits::collectors(*hwExpConfig_).find(name);
+template <class V>
+void TemplateExporterSmBase::handleCollector_p(Family<V>& family, const std::string& name) {
+  if (retired()) return;
+  const auto& configured = V::collectors(*hwExpConfig_);
   const auto own = family.collector.find(name);
-  if (configured == Traits::collectors(*hwExpConfig_).end()) {
-    if (own == family.collector.end()) return;
-    const auto dst = own->second;
-    family.collector.erase(own);
-    family.sent.erase(name);
-    exportTimeU32_.erase(name);
-    statsDel_p(family, name, dst);
-    if (family.collector.empty()) family.sending = false;
-    stopPeriodicIfIdle_p();
+  const auto now = configured.find(name);
+  const auto served =
+      own == family.collector.end() ? std::nullopt : std::optional<typename V::Dst>(own->second);
+  if (now != configured.end()) {
+    family.is(name, now->second);
+  } else if (served) {
+    family.del(name);
+    if (!family4_.collector.contains(name) && !family6_.collector.contains(name))
+      exportTimeU32Del(name);
+  } else {
     return;
   }
-  const auto dst = configured->second;
-  if (own != family.collector.end() && own->second != dst) {
-    const auto old = std::exchange(own->second, dst);
-    statsDel_p(family, name, old);  // nothing counts there any more
-  }
-  family.collector.insert_or_assign(name, dst);
-  const bool known{expInfo_->collInfo(name)};
-  if (!known) family.sent.erase(name);  // when it returns, it is a new session
-  if (!family.sending || !txReady_p<Traits>()) {
+  if (!expInfo_->collInfo(name)) family.sent.erase(name);  // when it returns, it is a new session
+  if (served && (now == configured.end() || now->second != *served)) statsDel_p(family, *served);
+  // While nobody of the family is being sent to, other collectors may lack the message as well.
+  if (family.sending && txReady_p(family)) {
+    txTo_p(family, name, Pass::lacking);
+    settle_p(family);
+  } else {
     maybeTx_p(family, Pass::lacking);
-    return;
   }
-  if (known && lacks_p(family, dst, name)) doTx_p(family, dst, name);
-  schedulePeriodicTemplateTx_p();
-}
-void TemplateExporterSmBase::handleCollInfo(const std::string& name) {
-  handleCollector_p(*family4_, name);
-  handleCollector_p(*family6_, name);
 }
 
 // --- Statistics ---
-
-CollectorStatisticsKey TemplateExporterSmBase::statsKey_p(
-    const Tarn::Ipfix::CollectorInfo& collector) const {
-  return {ftName_, expName_, collector};
-}
 
 void TemplateExporterSmBase::updateStats(const Tarn::Ipfix::CollectorInfo& collector) {
   const auto key = statsKey_p(collector);
@@ -326,31 +364,37 @@ void TemplateExporterSmBase::updateStats(const Tarn::Ipfix::CollectorInfo& colle
   collStats_->statsIs(entry);
 }
 
-template <class Traits>
-void TemplateExporterSmBase::statsDel_p(const Family<Traits>& family, const std::string& name,
-                                        const typename Traits::Dst& dst) {
+template <class V>
+void TemplateExporterSmBase::statsDel_p(const Family<V>& family, const typename V::Dst& dst) {
   // Two collectors at one address share its entry.
-  const bool shared =
-      std::any_of(family.collector.begin(), family.collector.end(),
-                  [&](const auto& other) { return other.first != name && other.second == dst; });
-  if (!shared) collStats_->statsDel(statsKey_p(Traits::info(dst)));
+  const bool shared = std::any_of(family.collector.begin(), family.collector.end(),
+                                  [&](const auto& other) { return other.second == dst; });
+  if (!shared) collStats_->statsDel(statsKey_p(V::info(dst)));
+}
+template <class V>
+void TemplateExporterSmBase::statsDelAll_p(Family<V>& family) {
+  for (const auto served = std::exchange(family.collector, {}); const auto& [name, dst] : served)
+    collStats_->statsDel(statsKey_p(V::info(dst)));
 }
 void TemplateExporterSmBase::handleDel() {
-  for (const auto& [name, dst] : family4_->collector)
-    collStats_->statsDel(statsKey_p(V4::info(dst)));
-  for (const auto& [name, dst] : family6_->collector)
-    collStats_->statsDel(statsKey_p(V6::info(dst)));
+  statsDelAll_p(family4_);
+  statsDelAll_p(family6_);
+}
+template <class V>
+void TemplateExporterSmBase::clearCounters_p(const Family<V>& family, double now) {
+  for (const auto& name : keysOf(family.collector)) {
+    const auto served = family.collector.find(name);
+    if (retired() || served == family.collector.end()) continue;
+    auto entry = collStats_->stats(statsKey_p(V::info(served->second)));
+    if (!entry) continue;
+    entry->clear(now);
+    collStats_->statsIs(*entry);
+  }
 }
 void TemplateExporterSmBase::clearCounters() {
   const double now = Platform::current().clock().now();
-  const auto clear = [&](const Tarn::Ipfix::CollectorInfo& collector) {
-    auto entry = collStats_->stats(statsKey_p(collector));
-    if (!entry) return;
-    entry->clear(now);
-    collStats_->statsIs(*entry);
-  };
-  for (const auto& [name, dst] : family4_->collector) clear(V4::info(dst));
-  for (const auto& [name, dst] : family6_->collector) clear(V6::info(dst));
+  clearCounters_p(family4_, now);
+  clearCounters_p(family6_, now);
 }
 
 // --- The period ---
@@ -360,20 +404,22 @@ void TemplateExporterSmBase::handleTemplateInterval() {
   maybeTxTemplate_p(Pass::everybody);
 }
 void TemplateExporterSmBase::schedulePeriodicTemplateTx_p() {
+  const auto say = [this](int level, const auto&... what) {
+    say_p(level, "schedulePeriodicTemplateTx_p", what...);
+  };
   if (periodicTemplateTxTask_->scheduled()) {
-    trace(TraceLevel::packet, "TemplateExporterSmBase::", traceId_,
-          " Periodic template Tx task already scheduled");
+    say(TraceLevel::packet, "Periodic template Tx task already scheduled");
     return;
   }
   const uint32_t seconds = hwExpConfig_->templateInterval() / 1000;
-  trace(TraceLevel::detail, "TemplateExporterSmBase::", traceId_,
-        " Periodic template Tx task scheduled with interval: ", seconds, " seconds");
+  say(TraceLevel::detail, "Periodic template Tx task scheduled with interval: ", seconds,
+      " seconds");
   periodicTemplateTxTask_->scheduleLowestIs(Seconds(seconds));
 }
 void TemplateExporterSmBase::handlePeriodicTemplateTx() {
   if (!periodicTemplateTxTask_->running()) {
-    trace(TraceLevel::detail, "TemplateExporterSmBase::", traceId_,
-          " Returning because periodicTemplateTxTask not running.");
+    say_p(TraceLevel::detail, "handlePeriodicTemplateTx",
+          "Returning because periodicTemplateTxTask not running.");
     return;
   }
   maybeTxTemplate_p(Pass::everybody);
@@ -385,31 +431,40 @@ void TemplateExporterSmBase::resend() {
 void TemplateExporterSmBase::stopPeriodicTemplateTx_p() {
   if (periodicTemplateTxTask_) periodicTemplateTxTask_->stop();
 }
-void TemplateExporterSmBase::stopPeriodicIfIdle_p() {
-  if (!family4_->sending && !family6_->sending) stopPeriodicTemplateTx_p();
-}
 
-AttrRows TemplateExporterSmBase::attrRows() const {
+// --- Access by name ---
+
+std::string TemplateExporterSmBase::state_p(const TimerTask* task) {
+  if (!task) return {};
+  return task->name() + (task->running() ? ", running" : task->scheduled() ? ", scheduled" : "");
+}
+std::vector<AttrRow> TemplateExporterSmBase::rowsWith_p(std::initializer_list<AttrRow> rows) {
   using B = TemplateExporterSmBase;
-  static constexpr AttrRow rows[] = {
-      row<&B::expName>("expName"),
-      row<&B::ftName>("ftName"),
-      row<&B::ftId>("ftId"),
-      childRow<&B::hwExpConfig>("hwExpConfig"),
-      childRow<&B::expInfo>("expInfo"),
-      row<&B::templatePktMsgLen>("templatePktMsgLen"),
-      row<&B::templatePktTemplateCount>("templatePktTemplateCount"),
-      row<&B::templateReady>("templateReady"),
-      mapRow<&B::templateLen>("templateLen"),
-      mapRow<&B::collectorIpAndPort>("collectorIpAndPort"),
-      mapRow<&B::collectorIp6AndPort>("collectorIp6AndPort"),
-      mapRow<&B::exportTimeU32>("exportTimeU32"),
-      row<&B::templateTxCount>("templateTxCount"),
-      row<&B::sending4_p>("sending4"),
-      row<&B::sending6_p>("sending6"),
+  std::vector<AttrRow> all{
+      row<&B::expName_>("expName"),
+      row<&B::ftName_>("ftName"),
+      row<&B::ftId_>("ftId"),
+      childRow<&B::hwExpConfig_>("hwExpConfig"),
+      childRow<&B::expInfo_>("expInfo"),
+      childRow<&B::collStats_>("collStats"),
+      childRow<&B::taskScheduler_>("taskScheduler"),
+      row<&B::templatePktMsgLen_>("templatePktMsgLen"),
+      row<&B::templatePktTemplateCount_>("templatePktTemplateCount"),
+      row<&B::templateReady_>("templateReady"),
+      mapRow<&B::templateLen_>("templateLen"),
+      mapRow<&B::collector4_p>("collectorIpAndPort"),
+      mapRow<&B::collector6_p>("collectorIp6AndPort"),
+      mapRow<&B::exportTimeU32_>("exportTimeU32"),
+      row<&B::templateTxCount_>("templateTxCount"),
+      row<&B::periodicTask_p>("periodicTemplateTxTask"),
+      row<&B::sending4_p>("sending4_p"),
+      row<&B::sending6_p>("sending6_p"),
+      row<&B::creationTask_p>("templateCreationTask"),
+      row<&B::initialized_>("initialized"),
       actionRow<&B::resend>("resend"),
   };
-  return rows;
+  all.insert(all.end(), rows);
+  return all;
 }
 
 }  // namespace FlowTracking

@@ -2,6 +2,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Ipfix/CollectorStats.h"
 #include "Ipfix/FlowTrackerInfoSm.h"
@@ -13,55 +14,83 @@ namespace FlowTracking {
 
 /// Keeps one template message of one (tracker, exporter) and sends it to each of the exporter's
 /// collectors: at once when the collector, the message or the endpoint is new, then every template
-/// interval; each family by itself. A subclass appends the template records:
-///
-///   startMessage_p(length)                      // a fresh packet with `length` octets of data
-///   ... write records; templateLenIs(id, len) for each; templatePktTemplateCountIs(n)
-///   finishMessage()                             // headers, then sends
+/// interval; each family by itself. A subclass says which templates the message holds and calls
+/// `scheduleTemplateCreation_p` when they change; the creation task builds the message and sends
+/// it.
 ///
 /// Several notifications may tell of one change; each collector gets the message once for it,
-/// whichever reactor heard first.
+/// whichever reactor heard first. The watchers that a transmission notifies may change everything,
+/// and may remove this exporter: before each message the exporter reads again who is to get it,
+/// through which endpoint.
 class TARN_API TemplateExporterSmBase : public Entity {
  public:
   ~TemplateExporterSmBase() override;
 
   virtual std::string taskPrefix() const;  ///< subclasses only: the base asserts
   virtual uint16_t headerSetId() const;    ///< subclasses only: the base asserts
+  /// Called after each message to a collector. Not called when a watcher of the transmission took
+  /// the collector out of the configuration or out of `ExporterInfo`, moved it elsewhere or closed
+  /// its endpoint: then what was sent says nothing about the collector of that name as it is now.
   virtual void updateCollectorOnTx(const std::string& /*collectorName*/) {}
 
+ protected:
+  virtual void periodicTemplateTxTaskDel() { periodicTemplateTxTask_.reset(); }
+  virtual void periodicTemplateTxTaskIs(const Ptr<TaskScheduler>& scheduler, TaskPriority priority,
+                                        const std::string& name);
+
+ public:
   const std::string& expName() const { return expName_; }
   const std::string& ftName() const { return ftName_; }
   FtId ftId() const { return ftId_; }
   const Ptr<const HwFlowTracking::ExporterConfig>& hwExpConfig() const { return hwExpConfig_; }
   const Ptr<ExporterInfo>& expInfo() const { return expInfo_; }
+  const Ptr<Tarn::Ipfix::CollectorStatistics>& collStats() const { return collStats_; }
+  const Ptr<TaskScheduler>& taskScheduler() const { return taskScheduler_; }
+  /// The message, null while there is none.
   const Ptr<Pkt>& templatePkt() const { return templatePkt_; }
-  void templatePktIs(Ptr<Pkt> v) { templatePkt_ = std::move(v); }
+  /// Octets of the message, headers included; 0 while there is none.
   uint16_t templatePktMsgLen() const { return templatePktMsgLen_; }
   uint16_t templatePktTemplateCount() const { return templatePktTemplateCount_; }
-  void templatePktTemplateCountIs(uint16_t v) { templatePktTemplateCount_ = v; }
-  void templatePktTemplateCountInc(uint16_t n) {
-    templatePktTemplateCount_ = static_cast<uint16_t>(templatePktTemplateCount_ + n);
-  }
   /// The message is complete and may be sent.
   bool templateReady() const { return templateReady_; }
-  void templateReadyIs(bool v);
+  /// Octets of each template record in the message; 0 for a template that it does not hold.
   const std::map<TemplateId, uint32_t>& templateLen() const { return templateLen_; }
-  void templateLenIs(TemplateId id, uint32_t len) { templateLen_[id] = len; }
-  void templateLenDelAll() { templateLen_.clear(); }
-  /// Where each collector's templates were last meant to go, by collector name.
-  const std::map<std::string, IpAndPort>& collectorIpAndPort() const;
-  const std::map<std::string, Ip6AndPort>& collectorIp6AndPort() const;
-  /// Export time of the last message to each collector, by collector name.
+  uint32_t templateLen(TemplateId id) const { return find(templateLen_, id); }
+  /// Where each collector's templates were last meant to go, by collector name; address and port
+  /// are zero for a name that is not there.
+  const std::map<std::string, IpAndPort>& collectorIpAndPort() const { return family4_.collector; }
+  IpAndPort collectorIpAndPort(const std::string& name) const {
+    return find(family4_.collector, name);
+  }
+  const std::map<std::string, Ip6AndPort>& collectorIp6AndPort() const {
+    return family6_.collector;
+  }
+  Ip6AndPort collectorIp6AndPort(const std::string& name) const {
+    return find(family6_.collector, name);
+  }
+  /// Export time of the last message to each collector, by collector name: seconds since 1970, UTC;
+  /// 0 for a collector that was sent none. It stays when the collector moves between the families.
   const std::map<std::string, uint32_t>& exportTimeU32() const { return exportTimeU32_; }
+  uint32_t exportTimeU32(const std::string& name) const { return find(exportTimeU32_, name); }
+  /// Messages sent so far, to all collectors.
   uint32_t templateTxCount() const { return templateTxCount_; }
   /// The collector has been sent the message as it is now, and that through the endpoint, from and
   /// to the addresses of now: data that the message describes may follow.
-  bool hasTemplates(const std::string& collectorName) const;
-  /// At the last pass at least one collector of the family was served.
-  bool sending4_p() const;
-  bool sending6_p() const;
+  bool hasTemplates(const std::string& collectorName) const {
+    return has_p(family4_, collectorName) || has_p(family6_, collectorName);
+  }
+  /// At least one collector of the family is being sent to.
+  bool sending4_p() const { return family4_.sending; }
+  bool sending6_p() const { return family6_.sending; }
   /// Null before `handleStartup`.
   const TimerTask* periodicTemplateTxTask() const { return periodicTemplateTxTask_.get(); }
+  /// Null before the subclass has initialised itself.
+  const TimerTask* templateCreationTask() const { return templateCreationTask_.get(); }
+  bool initialized() const { return initialized_; }
+  /// The message holds the templates as they are now. After a change it does not until the
+  /// creation task has run.
+  bool current() const { return templateReady_ && !templateCreationTask_->scheduled(); }
+  /// "<tracker> for <exporter>"
   const std::string& traceId() const { return traceId_; }
 
   /// Sends the message to every collector again now, and then every interval from now on. Nothing
@@ -70,70 +99,147 @@ class TARN_API TemplateExporterSmBase : public Entity {
   /// Zeroes every counter of this exporter's collectors.
   void clearCounters();
 
-  AttrRows attrRows() const override;
-
  protected:
+  using FieldMap = std::map<uint32_t, HwFlowTracking::FtTemplateEntry>;
+  /// One template of the message. It refers to the fields of the entity that it was made from.
+  struct TARN_API TemplateRecord {
+    TemplateId templateId;
+    const FieldMap* scopeField;  ///< null: a data template, which has no scope
+    const FieldMap* field;
+    /// Octets of the record: its header and field specifiers (RFC 7011, 3.4.1 and 3.4.2.2).
+    uint32_t len() const;
+  };
+
   TemplateExporterSmBase(const std::string& expName, const std::string& ftName, FtId ftId,
                          Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig,
                          Ptr<ExporterInfo> expInfo, Ptr<Tarn::Ipfix::CollectorStatistics> collStats,
                          Ptr<TaskScheduler> taskScheduler);
 
-  /// Subclasses call it first in their own start-up.
+  /// Class name for traces.
+  virtual const char* className_p() const = 0;
+  /// What to trace when there is no template.
+  virtual const char* noTemplates_p() const = 0;
+  /// The templates of the next message, in the order in which they stand in it.
+  virtual std::vector<TemplateRecord> templates_p() const = 0;
+  /// Asserts that the field may be sent, and traces it.
+  virtual void checkField_p(const HwFlowTracking::FtTemplateEntry& entry, bool scope) const = 0;
+
+  // The state is this class's own; none of these notifies anybody.
+  void templatePktIs(Ptr<Pkt> v) { templatePkt_ = std::move(v); }
+  void templatePktMsgLenIs(uint16_t v) { templatePktMsgLen_ = v; }
+  void templatePktTemplateCountIs(uint16_t v) { templatePktTemplateCount_ = v; }
+  void templatePktTemplateCountInc(uint16_t n) {
+    templatePktTemplateCount_ = static_cast<uint16_t>(templatePktTemplateCount_ + n);
+  }
+  void templateReadyIs(bool v);
+  void templateLenIs(TemplateId id, uint32_t len) { templateLen_[id] = len; }
+  void templateLenDel(TemplateId id) { templateLen_.erase(id); }
+  void templateLenDelAll() { templateLen_.clear(); }
+  void collectorIpAndPortIs(const std::string& name, const IpAndPort& v) { family4_.is(name, v); }
+  void collectorIpAndPortDel(const std::string& name) { family4_.del(name); }
+  void collectorIpAndPortDelAll() { family4_.delAll(); }
+  void collectorIp6AndPortIs(const std::string& name, const Ip6AndPort& v) { family6_.is(name, v); }
+  void collectorIp6AndPortDel(const std::string& name) { family6_.del(name); }
+  void collectorIp6AndPortDelAll() { family6_.delAll(); }
+  void exportTimeU32Is(const std::string& name, uint32_t v) { exportTimeU32_[name] = v; }
+  void exportTimeU32Del(const std::string& name) { exportTimeU32_.erase(name); }
+  void exportTimeU32DelAll() { exportTimeU32_.clear(); }
+  void templateTxCountIs(uint32_t v) { templateTxCount_ = v; }
+  void templateTxCountInc(uint32_t n) { templateTxCount_ += n; }
+
+  /// Subclasses call the two in their own start-up, in this order.
   void handleStartup();
+  void startTemplateCreation_p();
+  void scheduleTemplateCreation_p() { templateCreationTask_->scheduleIs(Seconds(0)); }
   Ptr<Pkt> getPkt() const;
-  /// Begins a message whose template records take `length` octets. False: there is none, or it
-  /// would not fit a UDP datagram; then nothing is sent until the next message.
-  bool startMessage_p(uint32_t length);
   /// Writes one field specifier at `offset` and returns the offset behind it.
   uint32_t addTemplateFieldSpecifier(const Ptr<Pkt>& pkt, uint32_t offset,
                                      const HwFlowTracking::FtTemplateEntry& entry) const;
-  void finishMessage();
-  std::string taskName_p(const char* kind) const;
-
-  Ptr<TaskScheduler> taskScheduler_;
+  /// The rows of this class and behind them the subclass's.
+  static std::vector<AttrRow> rowsWith_p(std::initializer_list<AttrRow> rows);
+  /// Stops the tasks and removes the collectors' statistics.
+  void handleRetired() override;
 
  private:
   class HwExpConfigSm;
   class ExpInfoSm;
-  template <class Traits>
-  struct Family;
-
+  /// What is kept of one address family, `V4` or `V6`.
+  template <class V>
+  struct Family {
+    /// What a collector was sent, and how. As long as nothing of it differs, it lacks nothing.
+    struct Sent {
+      uint32_t messageBuild = 0;
+      Ptr<UdpPam> pam;  // held, so that a new endpoint cannot come to lie at the old one's address
+      typename V::Addr src;
+      typename V::Dst dst;
+      bool operator==(const Sent&) const = default;
+    };
+    void is(const std::string& name, const typename V::Dst& dst) {
+      collector.insert_or_assign(name, dst);
+    }
+    void del(const std::string& name) {
+      collector.erase(name);
+      sent.erase(name);
+    }
+    void delAll() {
+      collector.clear();
+      sent.clear();
+    }
+    std::map<std::string, typename V::Dst> collector;
+    std::map<std::string, Sent> sent;
+    bool sending = false;
+  };
   /// Whom a pass sends to: those who lack the message as it would be sent now, or everybody.
   enum class Pass { lacking, everybody };
 
+  const std::map<std::string, IpAndPort>& collector4_p() const { return family4_.collector; }
+  const std::map<std::string, Ip6AndPort>& collector6_p() const { return family6_.collector; }
+  std::string periodicTask_p() const { return state_p(periodicTemplateTxTask_.get()); }
+  std::string creationTask_p() const { return state_p(templateCreationTask_.get()); }
+  static std::string state_p(const TimerTask* task);
+
+  void handleTemplateCreationTask();
+  uint32_t addTemplate_p(uint32_t offset, const TemplateRecord& record);
+  void finishMessage();
   void addIpfixHeaders_p();
   void maybeTxTemplate_p(Pass pass);
-  template <class Traits>
-  void maybeTx_p(Family<Traits>& family, Pass pass);
-  template <class Traits>
-  void doTx_p(Family<Traits>& family, const typename Traits::Dst& dst, const std::string& name);
-  template <class Traits>
-  bool has_p(const Family<Traits>& family, const std::string& name) const;
-  template <class Traits>
-  bool lacks_p(const Family<Traits>& family, const typename Traits::Dst& dst,
-               const std::string& name) const;
-  template <class Traits>
-  void handleCollector_p(Family<Traits>& family, const std::string& name);
-  template <class Traits>
-  bool txReady_p() const;
-  template <class Traits>
-  void statsDel_p(const Family<Traits>& family, const std::string& name,
-                  const typename Traits::Dst& dst);
+  template <class V>
+  void maybeTx_p(Family<V>& family, Pass pass);
+  template <class V>
+  void txTo_p(Family<V>& family, const std::string& name, Pass pass);
+  template <class V>
+  void doTx_p(Family<V>& family, const typename V::Dst& dst, const std::string& name);
+  template <class V>
+  void settle_p(Family<V>& family);
+  template <class V>
+  bool txReady_p(const Family<V>&) const;
+  template <class V>
+  bool has_p(const Family<V>& family, const std::string& name) const;
+  template <class V>
+  bool lacks_p(const Family<V>& family, const typename V::Dst& dst, const std::string& name) const;
+  template <class V>
+  void handleCollector_p(Family<V>& family, const std::string& name);
+  template <class V>
+  void statsDel_p(const Family<V>& family, const typename V::Dst& dst);
+  template <class V>
+  void statsDelAll_p(Family<V>& family);
+  template <class V>
+  void clearCounters_p(const Family<V>& family, double now);
   void updateMsgHeader_p(const std::string& collectorName);
   void updateStats(const Tarn::Ipfix::CollectorInfo& collector);
-  Tarn::Ipfix::CollectorStatisticsKey statsKey_p(const Tarn::Ipfix::CollectorInfo& c) const;
+  Tarn::Ipfix::CollectorStatisticsKey statsKey_p(const Tarn::Ipfix::CollectorInfo& c) const {
+    return {ftName_, expName_, c};
+  }
 
   void handleTemplateReady();
   void handleTemplateInterval();
-  void handleCollInfo(const std::string& name);
   void handleDel();
-  void periodicTemplateTxTaskIs(const Ptr<TaskScheduler>& scheduler, TaskPriority priority,
-                                const std::string& name);
-  void periodicTemplateTxTaskDel() { periodicTemplateTxTask_.reset(); }
+  std::string taskName_p(const char* kind) const;
   void schedulePeriodicTemplateTx_p();
   void handlePeriodicTemplateTx();
   void stopPeriodicTemplateTx_p();
-  void stopPeriodicIfIdle_p();
+  template <class... A>
+  void say_p(int level, const char* handler, const A&... what) const;
 
   std::string expName_;
   std::string ftName_;
@@ -141,18 +247,21 @@ class TARN_API TemplateExporterSmBase : public Entity {
   Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig_;
   Ptr<ExporterInfo> expInfo_;
   Ptr<Tarn::Ipfix::CollectorStatistics> collStats_;
+  Ptr<TaskScheduler> taskScheduler_;
   std::string traceId_;
   Ptr<Pkt> templatePkt_;
   uint16_t templatePktMsgLen_ = 0;
   uint16_t templatePktTemplateCount_ = 0;
   bool templateReady_ = false;
+  bool initialized_ = false;
   uint32_t messageBuild_ = 0;  // counts messages, to tell who has which
   std::map<TemplateId, uint32_t> templateLen_;
-  std::unique_ptr<Family<V4>> family4_;
-  std::unique_ptr<Family<V6>> family6_;
+  Family<V4> family4_;
+  Family<V6> family6_;
   std::map<std::string, uint32_t> exportTimeU32_;
   uint32_t templateTxCount_ = 0;
   std::unique_ptr<TimerTask> periodicTemplateTxTask_;
+  std::unique_ptr<TimerTask> templateCreationTask_;
   std::unique_ptr<HwExpConfigSm> hwExpConfigSm_;
   std::unique_ptr<ExpInfoSm> expInfoSm_;
 };

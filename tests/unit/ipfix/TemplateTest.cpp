@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <set>
 
 #include "Tree.h"
 
@@ -182,6 +183,176 @@ TEST_F(TemplateTest, CountersAreClearedAndForgottenWithTheExporter) {
   EXPECT_EQ(stats->size(), 0u);
   sim->advance(Seconds(100));
   EXPECT_EQ(stats->size(), 0u);
+}
+
+TEST_F(TemplateTest, ACollectorThatChangesTheFamilyKeepsItsExportTime) {
+  makeReadyTree();
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  sim->advance(Seconds(5));
+  exporter->collectorIp6AndPortIs("a", dst6(1));
+  exporter->collectorIpAndPortDel("a");
+  EXPECT_EQ(ftExporter()->exportTimeU32("a"), 1700000005u);
+  EXPECT_EQ(ftExporter()->collectorIp6AndPort("a"), dst6(1));
+  exporter->collectorIp6AndPortDel("a");
+  EXPECT_EQ(ftExporter()->exportTimeU32("a"), 0u);
+}
+
+TEST_F(TemplateTest, TemplatesThatNoDatagramHoldsAreRefusedForThatReason) {
+  makeReadyTree();
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  const auto reasons = [&] {
+    seen();
+    sim->traceLevelIs(TraceLevel::detail);
+    sim->runDue();
+    sim->traceLevelIs(-1);
+    auto lines = sim->takeTrace();
+    std::erase_if(lines, [](const std::string& l) {
+      return l.find(" octets") == l.npos && l.find("Returning") == l.npos;
+    });
+    return lines;
+  };
+  using Lines = std::vector<std::string>;
+  ftStatus->templateStatusIs(templateOf(300, std::vector<uint32_t>(16370, 8)));
+  EXPECT_EQ(reasons(), Lines{"FtExporterSm::handleTemplateCreationTask for ft1 for exp1 Returning "
+                             "because the templates take 65500 octets and a datagram has room for "
+                             "65487"});
+  EXPECT_FALSE(ftExporter()->templateReady());
+  ftStatus->templateStatusIs(templateOf(300, std::vector<uint32_t>(16366, 8)));
+  EXPECT_EQ(reasons(), Lines());
+  EXPECT_EQ(ftExporter()->templatePktMsgLen(), 65504);
+  ftStatus->templateStatusDel(300);
+  ftStatus->templateStatusDel(256);
+  EXPECT_EQ(reasons(), Lines{"FtExporterSm::handleTemplateCreationTask for ft1 for exp1 Returning "
+                             "because no flow group configured."});
+}
+
+/// Whatever a watcher does at whichever notification of whatever change: nothing that is gone is
+/// touched, made again or sent to, and what is there afterwards is served. Run under ASan, too.
+struct World : TreeTest {
+  using TreeTest::exporter, TreeTest::ftStatus, TreeTest::hwConfig, TreeTest::hwStatus;
+  using TreeTest::req, TreeTest::sim, TreeTest::templateSm, TreeTest::tracker;
+  void TestBody() override {}
+
+  struct Step {
+    const char* name;
+    void (*run)(World& w);
+  };
+  /// Runs a step at the nth notification.
+  struct Actor {
+    World& w;
+    const Step& step;
+    int left;
+    void notified() {
+      if (--left == 0) step.run(w);
+    }
+  };
+  struct StatsWatcher final : Tarn::Ipfix::CollectorStatistics::Watcher {
+    StatsWatcher(World& w, Actor& a) : Watcher(w.stats), actor(a) {}
+    void handleStats(const Tarn::Ipfix::CollectorStatisticsKey&) override { actor.notified(); }
+    Actor& actor;
+  };
+  struct MarkWatcher final : CollectorInfo::Watcher {
+    MarkWatcher(const Ptr<CollectorInfo>& info, Actor& a) : Watcher(info), actor(a) {}
+    void handleOptTemplateSent() override { actor.notified(); }
+    Actor& actor;
+  };
+
+  /// False: the change makes fewer than `nth` notifications.
+  bool run(const Step& change, const Step& step, int nth) {
+    makeReadyTree();
+    exporter->collectorIpAndPortIs("a", dst4(1));
+    exporter->collectorIp6AndPortIs("b", dst6(1));
+    exporter->collectorIpAndPortIs("c", dst4(3));
+    const auto info = expInfo();
+    Actor actor{*this, step, nth};
+    std::vector<std::unique_ptr<MarkWatcher>> marks;
+    for (const auto& [name, collector] : info->collInfo()) {
+      collector->optTemplateSentIs(false);
+      marks.push_back(std::make_unique<MarkWatcher>(collector, actor));
+    }
+    auto watcher = std::make_unique<StatsWatcher>(*this, actor);
+    change.run(*this);
+    sim->runDue();
+    marks.clear();
+    watcher = nullptr;
+    check(*info);
+    return actor.left <= 0;
+  }
+  void check(const ExporterInfo& info) {
+    const auto config = tracker->expConfig("exp1");
+    const auto ft = templateSm ? templateSm->ftTemplateSm("ft1") : nullptr;
+    const bool served = ft && ft->ftExporterSm("exp1") && ft->optTemplateExporterSm("exp1");
+    std::set<std::string> sources;  // of those, the ones with an endpoint
+    size_t entries = 0;
+    if (served && config) {
+      for (const auto& [name, dst] : config->collectorIpAndPort()) {
+        entries += statsOf(dst).has_value();
+        if (!config->srcIpAddr().isZero()) sources.insert(dst.stringValue());
+      }
+      for (const auto& [name, dst] : config->collectorIp6AndPort()) {
+        entries += statsOf(dst).has_value();
+        if (!config->srcIp6Addr().isZero()) sources.insert(dst.stringValue());
+      }
+    }
+    EXPECT_EQ(stats->size(), entries) << "counters of a collector that is gone";
+    for (const auto& [name, collector] : info.collInfo())
+      EXPECT_TRUE(config == exporter && (config->collectorIpAndPort().contains(name) ||
+                                         config->collectorIp6AndPort().contains(name)))
+          << name << " came back";
+    seen();
+    sim->advance(Seconds(100));
+    std::set<std::string> sentTo;
+    for (const auto& s : seen()) sentTo.insert(s.to());
+    EXPECT_EQ(sentTo, sources);
+  }
+};
+
+TEST(TemplateHandlers, MayChangeAnythingAtAnyNotification) {
+  using Step = World::Step;
+  const Step changes[] = {
+      {"new templates", [](World& w) { w.ftStatus->templateStatus(256)->genIdIs(9); }},
+      {"new options", [](World& w) { w.templateSm->optTemplateConfig()->versionInc(1); }},
+      {"the period", [](World& w) { w.sim->advance(Seconds(30)); }},
+      {"interval", [](World& w) { w.exporter->templateIntervalIs(20000); }},
+      {"clear", [](World& w) { w.req->clearCountersIs(1); }},
+      {"new collector", [](World& w) { w.exporter->collectorIpAndPortIs("d", dst4(4)); }},
+      {"moved collector", [](World& w) { w.exporter->collectorIpAndPortIs("a", dst4(9)); }},
+      {"collector gone", [](World& w) { w.exporter->collectorIpAndPortDel("a"); }},
+      {"new source", [](World& w) { w.exporter->srcIpAddrIs(IpAddr(0xc0000202)); }},
+      {"exporter gone", [](World& w) { w.tracker->expConfigDel("exp1"); }},
+      {"root dropped", [](World& w) { w.templateSm = nullptr; }},
+  };
+  const Step steps[] = {
+      {"drops the root", [](World& w) { w.templateSm = nullptr; }},
+      {"removes the exporter", [](World& w) { w.tracker->expConfigDel("exp1"); }},
+      {"replaces the exporter",
+       [](World& w) { w.tracker->expConfigIs(HwFlowTracking::exporterConfigFactory("exp1")); }},
+      {"removes the tracker", [](World& w) { w.hwConfig->ftConfigDel("ft1"); }},
+      {"replaces the status",
+       [](World& w) { w.hwStatus->ftStatusIs(HwFlowTracking::ftStatusFactory("ft1")); }},
+      {"removes collectors",
+       [](World& w) {
+         for (const char* name : {"a", "c", "d"}) w.exporter->collectorIpAndPortDel(name);
+         w.exporter->collectorIp6AndPortDel("b");
+       }},
+      {"takes the sources",
+       [](World& w) {
+         w.exporter->srcIpAddrIs(IpAddr());
+         w.exporter->srcIp6AddrIs(Ip6Addr());
+       }},
+      {"configures",
+       [](World& w) {
+         w.exporter->collectorIpAndPortIs("e", dst4(5));
+         w.exporter->templateIntervalIs(40000);
+       }},
+  };
+  for (const Step& change : changes)
+    for (const Step& step : steps)
+      for (int nth = 1;; ++nth) {
+        SCOPED_TRACE(std::string(change.name) + ": notification " + std::to_string(nth) + ' ' +
+                     step.name);
+        if (!World().run(change, step, nth)) break;
+      }
 }
 
 using TemplateDeathTest = TemplateTest;
