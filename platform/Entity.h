@@ -347,10 +347,25 @@ struct MemberOf<R (C::*)(A)> {
   using Class = C;
   using Arg = std::remove_cvref_t<A>;
 };
+template <class F>
+struct PagedOf;
+template <class C, class... A>
+struct PagedOf<bool (C::*)(A...) const> {
+  using Class = C;
+};
 template <class T>
 concept EntityPtr = requires(const T& p) {
   { p.get() } -> std::convertible_to<const Entity*>;
 };
+/// What is shown in place of an entity: its name, "set" where it has none, or "null".
+template <class P>
+std::string refText(const P& p) {
+  if constexpr (requires { toText(p->name()); }) {
+    return p ? toText(p->name()) : "null";
+  } else {
+    return p ? "set" : "null";
+  }
+}
 template <class Map>
 const Map& mapOf(const Map& map) {
   return map;
@@ -394,8 +409,9 @@ constexpr AttrRow childRow(std::string_view name) {
           }};
 }
 /// A map (an accessor returns it by reference) or a `ChildMap`; values are entities or have a text
-/// form, keys have a text form and its parser.
-template <auto Get>
+/// form, keys have a text form and its parser. `asRefs`: entities that stand elsewhere in the tree
+/// are shown as `refRow` shows them.
+template <auto Get, bool asRefs = false>
 constexpr AttrRow mapRow(std::string_view name) {
   using M = detail::MemberOf<decltype(Get)>;
   using Map = std::remove_cvref_t<decltype(detail::mapOf(std::declval<typename M::Result>()))>;
@@ -416,25 +432,50 @@ constexpr AttrRow mapRow(std::string_view name) {
       }
     }
     for (bool more = true; more && it != map.end(); ++it) {
-      if constexpr (detail::EntityPtr<typename Map::mapped_type>) {
-        more = visit(toText(it->first), it->second.get(), {});
-      } else {
+      if constexpr (!detail::EntityPtr<typename Map::mapped_type>) {
         more = visit(toText(it->first), nullptr, toText(it->second));
+      } else if constexpr (asRefs) {
+        more = visit(toText(it->first), nullptr, detail::refText(it->second));
+      } else {
+        more = visit(toText(it->first), it->second.get(), {});
       }
     }
     return true;
   };
   r.each = [](const Entity& e, const AttrRow::Visitor& visit) {
-    for (const auto& [k, v] :
-         detail::mapOf(std::invoke(Get, static_cast<const typename M::Class&>(e)))) {
-      if constexpr (detail::EntityPtr<typename Map::mapped_type>) {
-        visit(toText(k), v.get(), {});
-      } else {
-        visit(toText(k), nullptr, toText(v));
-      }
-    }
+    mapRow<Get, asRefs>({}).from(e, nullptr, false, [&](const auto&... member) {
+      visit(member...);
+      return true;
+    });
   };
   return r;
+}
+/// A collection that is neither map nor set: `From` is a member function with the signature of
+/// `AttrRow::from`, less the entity.
+template <auto From>
+constexpr AttrRow pagedRow(std::string_view name) {
+  AttrRow r{.name = name};
+  using C = typename detail::PagedOf<decltype(From)>::Class;
+  r.from = [](const Entity& e, const std::string* key, bool behind,
+              const AttrRow::PartVisitor& visit) {
+    return (static_cast<const C&>(e).*From)(key, behind, visit);
+  };
+  r.each = [](const Entity& e, const AttrRow::Visitor& visit) {
+    (static_cast<const C&>(e).*From)(nullptr, false, [&](const auto&... member) {
+      visit(member...);
+      return true;
+    });
+  };
+  return r;
+}
+/// A pointer to an entity that stands elsewhere in the tree: shows its name, "set" where it has
+/// none, or "null". A walk does not go down there again.
+template <auto Get>
+constexpr AttrRow refRow(std::string_view name) {
+  using M = detail::MemberOf<decltype(Get)>;
+  return {.name = name, .get = [](const Entity& e) {
+            return detail::refText(std::invoke(Get, static_cast<const typename M::Class&>(e)));
+          }};
 }
 /// A set; each member shows its text.
 template <auto Get>

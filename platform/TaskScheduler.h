@@ -63,6 +63,10 @@ std::unique_ptr<TimerTask> reactorTask(const Ptr<TaskScheduler>& scheduler, std:
   });
 }
 
+inline std::string toText(const std::unique_ptr<TimerTask>& task) {
+  return !task ? "null" : task->running() ? "running" : task->scheduled() ? "scheduled" : "idle";
+}
+
 /// What the agent hands to root reactors: the place to get the thread's scheduler from.
 class TARN_API TaskSchedulerRoot : public Entity {
  public:
