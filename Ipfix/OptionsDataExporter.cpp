@@ -1,6 +1,7 @@
 #include "Ipfix/OptionsDataExporter.h"
 
 #include <ostream>
+#include <tuple>
 
 namespace FlowTracking {
 
@@ -16,6 +17,15 @@ bool fromText(std::string_view text, OptionsDataScope& scope) {
   return false;
 }
 std::ostream& operator<<(std::ostream& out, OptionsDataScope scope) { return out << toText(scope); }
+
+std::string toText(const Ptr<const DataRecord>& record) {
+  std::string text;
+  if (!record) return text;
+  for (const char c : record->data())
+    for (const int shift : {4, 0})
+      text += "0123456789abcdef"[static_cast<uint8_t>(c) >> shift & 15];
+  return text;
+}
 
 // --- OptionsDataSource ---
 
@@ -39,7 +49,7 @@ void OptionsDataSource::dataRecordIs(const Record& record) {
 void OptionsDataSource::dataRecordDel(const Record& record) {
   const uint32_t slot = slotOf_p(*record);
   if (slot == none) return;
-  if (elsewhere_.erase(record.get()) == 0) record->slot_ = none;
+  if (elsewhere_.empty() || elsewhere_.erase(record.get()) == 0) record->slot_ = none;
   const Record last = std::move(slot_[slot]);  // may be the only reference: goes at the end
   --live_;
   if (slot_.size() > 64 && live_ < slot_.size() / 2) compact_p();
@@ -64,24 +74,30 @@ void OptionsDataSource::compact_p() {
   }
   slot_.resize(to);
 }
+bool OptionsDataSource::recordsFrom_p(const std::string* key, bool behind,
+                                      const AttrRow::PartVisitor& visit) const {
+  uint32_t place = 0;
+  if (key && !platform::fromText(*key, place)) return false;
+  if (key && behind) ++place;
+  for (bool more = true; more && place < slot_.size(); ++place)
+    if (slot_[place]) more = visit(std::to_string(place), nullptr, toText(slot_[place]));
+  return true;
+}
 AttrRows OptionsDataSource::attrRows() const {
   using S = OptionsDataSource;
   static constexpr AttrRow rows[] = {
-      row<&S::name>("name"),
-      row<&S::dataSetId>("dataSetId"),
-      row<&S::dataRecords>("dataRecords"),
-      row<&S::version>("version"),
-  };
+      row<&S::name>("name"), row<&S::dataSetId>("dataSetId"), row<&S::dataRecords>("dataRecords"),
+      pagedRow<&S::recordsFrom_p>("dataRecord"), row<&S::version, &S::versionIs>("version")};
   return rows;
 }
 Ptr<OptionsDataSource> optionsDataSourceFactory(const std::string& name, TemplateId templateId) {
-  return Ptr<OptionsDataSource>::adopt(new OptionsDataSource(name, templateId));
+  return make<OptionsDataSource>(name, templateId);
 }
 
 // --- Collections ---
 
 Ptr<OptionsDataSourceColl> optionsDataSourceCollFactory(OptionsDataScope scope) {
-  return Ptr<OptionsDataSourceColl>::adopt(new OptionsDataSourceColl(scope));
+  return make<OptionsDataSourceColl>(scope);
 }
 Ptr<OptionsDataSource> OptionsDataSourceColl::sourceIs(const std::string& name,
                                                        TemplateId templateId) {
@@ -96,90 +112,118 @@ Ptr<OptionsDataSource> OptionsDataSourceColl::sourceIs(const std::string& name,
   }
   return s;
 }
-namespace {
-using SourceMap =
-    const std::map<std::string, Ptr<OptionsDataSource>>& (OptionsDataSourceColl::*)() const;
-using TrackerDataMap =
-    const std::map<std::string, Ptr<TrackerOptionsData>>& (OptionsDataAll::*)() const;
-}  // namespace
 AttrRows OptionsDataSourceColl::attrRows() const {
   using C = OptionsDataSourceColl;
-  static constexpr AttrRow rows[] = {
-      row<&C::scope>("scope"),
-      mapRow<static_cast<SourceMap>(&C::source)>("source"),
-  };
+  static constexpr AttrRow rows[] = {row<&C::scope>("scope"), mapRow<&C::source_>("source")};
   return rows;
 }
 
 void OptionsDataUpdate::addUpdate(TemplateId setId, Ptr<const DataRecord> record) {
-  setId_ = setId;
-  record_ = std::move(record);
-  set(version_, version_ + 1, &Watcher::handleVersion);
+  if (announcing_) {
+    following_.emplace_back(setId, std::move(record));
+    return;
+  }
+  announcing_ = true;
+  for (size_t next = 0;; ++next) {
+    setId_ = setId;
+    record_ = std::move(record);
+    set(version_, version_ + 1, &Watcher::handleVersion);
+    if (next == following_.size()) break;
+    std::tie(setId, record) = following_[next];
+  }
+  if (!following_.empty()) following_.clear();
+  announcing_ = false;
 }
 AttrRows OptionsDataUpdate::attrRows() const {
   using U = OptionsDataUpdate;
-  static constexpr AttrRow rows[] = {
-      row<&U::scope>("scope"),
-      row<&U::setId>("setId"),
-      row<&U::version>("version"),
-  };
+  static constexpr AttrRow rows[] = {row<&U::scope>("scope"), row<&U::setId, &U::setIdIs>("setId"),
+                                     row<&U::record>("record"),
+                                     row<&U::version, &U::versionIs>("version")};
   return rows;
 }
 Ptr<OptionsDataUpdate> optionsDataUpdateFactory(OptionsDataScope scope) {
-  return Ptr<OptionsDataUpdate>::adopt(new OptionsDataUpdate(scope));
+  return make<OptionsDataUpdate>(scope);
 }
 
 AttrRows OptionsDataContainer::attrRows() const {
   using C = OptionsDataContainer;
-  static constexpr AttrRow rows[] = {
-      row<&C::name>("name"),
-      mapRow<&C::data>("data"),
-      mapRow<&C::update>("update"),
-  };
+  static constexpr AttrRow rows[] = {row<&C::name>("name"), mapRow<&C::data_, true>("data"),
+                                     mapRow<&C::update_, true>("update")};
   return rows;
 }
 Ptr<OptionsDataContainer> optionsDataContainerFactory(const std::string& name) {
-  return Ptr<OptionsDataContainer>::adopt(new OptionsDataContainer(name));
+  return make<OptionsDataContainer>(name);
 }
 
+namespace {
+/// The owned one, which must be of that scope, or where there is none a new one that `own` takes.
+template <class T, class Own>
+Ptr<T> ofScope(Ptr<T> owned, OptionsDataScope scope, Own&& own) {
+  if (!owned) {
+    owned = make<T>(scope);
+    own(owned);
+  } else if (owned->scope() != scope) {
+    throw ReinstantiationError("exists with scope " + toText(owned->scope()) + ", not " +
+                               toText(scope));
+  }
+  return owned;
+}
+}  // namespace
+
 Ptr<OptionsDataSourceColl> TrackerOptionsData::dataIs(OptionsDataScope scope) {
-  return data_ = optionsDataSourceCollFactory(scope);
+  return ofScope(data_, scope,
+                 [this](const auto& made) { set(data_, made, &Watcher::handleData); });
 }
 Ptr<OptionsDataUpdate> TrackerOptionsData::updateIs(OptionsDataScope scope) {
-  return update_ = optionsDataUpdateFactory(scope);
+  return ofScope(update_, scope,
+                 [this](const auto& made) { set(update_, made, &Watcher::handleUpdate); });
 }
 AttrRows TrackerOptionsData::attrRows() const {
   using T = TrackerOptionsData;
-  static constexpr AttrRow rows[] = {
-      row<&T::name>("name"),
-      childRow<&T::data>("data"),
-      childRow<&T::update>("update"),
-  };
+  static constexpr AttrRow rows[] = {row<&T::name>("name"), refRow<&T::parent_>("parent"),
+                                     childRow<&T::data>("data"), childRow<&T::update>("update")};
   return rows;
+}
+Ptr<TrackerOptionsData> trackerOptionsDataFactory(const std::string& name) {
+  return make<TrackerOptionsData>(name);
 }
 
 Ptr<OptionsDataSourceColl> OptionsDataAll::globalDataIs(OptionsDataScope scope) {
-  return globalData_ = optionsDataSourceCollFactory(scope);
+  return ofScope(globalData_, scope,
+                 [this](const auto& made) { set(globalData_, made, &Watcher::handleGlobalData); });
 }
 Ptr<OptionsDataUpdate> OptionsDataAll::globalUpdateIs(OptionsDataScope scope) {
-  return globalUpdate_ = optionsDataUpdateFactory(scope);
+  return ofScope(globalUpdate_, scope, [this](const auto& made) {
+    set(globalUpdate_, made, &Watcher::handleGlobalUpdate);
+  });
 }
 Ptr<TrackerOptionsData> OptionsDataAll::trackerDataIs(const std::string& name) {
-  auto& data = trackerData_[name];
-  if (!data) data = Ptr<TrackerOptionsData>::adopt(new TrackerOptionsData(name));
+  auto data = trackerData(name);
+  if (!data) {
+    data = make<TrackerOptionsData>(name, this);
+    put(trackerData_, name, data, &Watcher::handleTrackerData);
+  }
   return data;
+}
+void OptionsDataAll::trackerDataDel(const std::string& name) {
+  const auto old = trackerData(name);
+  if (!old) return;
+  old->retire();
+  del(trackerData_, name, &Watcher::handleTrackerData);
+}
+void OptionsDataAll::trackerDataDelAll() {
+  const Ptr<OptionsDataAll> hold(this);
+  for (const auto& name : keysOf(trackerData_)) trackerDataDel(name);
 }
 AttrRows OptionsDataAll::attrRows() const {
   using A = OptionsDataAll;
   static constexpr AttrRow rows[] = {
+      {.name = "name", .get = [](const Entity&) { return toQuoted(name()); }},
       childRow<&A::globalData>("globalData"),
       childRow<&A::globalUpdate>("globalUpdate"),
-      mapRow<static_cast<TrackerDataMap>(&A::trackerData)>("trackerData"),
-  };
+      mapRow<&A::trackerData_>("trackerData")};
   return rows;
 }
-Ptr<OptionsDataAll> optionsDataAllFactory() {
-  return Ptr<OptionsDataAll>::adopt(new OptionsDataAll);
-}
+Ptr<OptionsDataAll> optionsDataAllFactory() { return make<OptionsDataAll>(); }
 
 }  // namespace FlowTracking

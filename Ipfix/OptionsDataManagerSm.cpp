@@ -1,36 +1,47 @@
 #include "Ipfix/OptionsDataManagerSm.h"
 
 #include "platform/Assert.h"
+#include "platform/Trace.h"
 
 namespace FlowTracking {
 
+namespace {
+/// Makes the reactor of a table: its source in `data`, its update slot, its inputs.
+template <class Sm, class... Inputs>
+Ptr<Sm> tableSm(std::string_view manager, std::string_view handler, std::string_view id,
+                const char* name, const Ptr<OptionsDataSourceColl>& data,
+                const Ptr<OptionsDataUpdate>& update, const Inputs&... inputs) {
+  TARN_ASSERT(data);
+  TARN_ASSERT(update);
+  traceOf(TraceLevel::event, manager, handler, id, "source ", name, ", setId: ", Sm::setId());
+  const auto sm = make<Sm>(data->sourceIs(name, Sm::setId()), update, inputs...);
+  sm->setIdValIs(Sm::setId());
+  return sm;
+}
+}  // namespace
+
 // --- FtOptionsDataManagerSm ---
 
-class FtOptionsDataManagerSm::HwFtConfigSm final : public HwFlowTracking::FtConfig::Watcher {
+class FtOptionsDataManagerSm::HwFtConfigSm final
+    : public NestedReactor<HwFlowTracking::FtConfig, FtOptionsDataManagerSm> {
  public:
-  explicit HwFtConfigSm(FtOptionsDataManagerSm& sm) : Watcher(sm.hwFtConfig_), sm_(sm) {}
+  using NestedReactor::NestedReactor;
   void handleExpConfig(const std::string& name) override { sm_.handleExpConfig(name); }
-
- private:
-  FtOptionsDataManagerSm& sm_;
 };
-class FtOptionsDataManagerSm::FlowTrackerInfoWatcher final : public FlowTrackerInfo::Watcher {
+class FtOptionsDataManagerSm::FlowTrackerInfoWatcher final
+    : public NestedReactor<FlowTrackerInfo, FtOptionsDataManagerSm> {
  public:
-  explicit FlowTrackerInfoWatcher(FtOptionsDataManagerSm& sm)
-      : Watcher(sm.flowTrackerInfo_), sm_(sm) {}
+  using NestedReactor::NestedReactor;
   void handleExpInfo(const std::string& name) override { sm_.handleExpConfig(name); }
-
- private:
-  FtOptionsDataManagerSm& sm_;
 };
 
 FtOptionsDataManagerSm::FtOptionsDataManagerSm(
-    const std::string& ftName, FtId ftId, Ptr<const HwFlowTracking::Config> hwConfig,
+    std::string ftName, FtId ftId, Ptr<const HwFlowTracking::Config> hwConfig,
     Ptr<const HwFlowTracking::Status> hwStatus, Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
     Ptr<const HwFlowTracking::FtStatus> hwFtStatus, Ptr<FlowTrackerInfo> flowTrackerInfo,
     FlowTrackingType ftrType, Ptr<Tarn::Ipfix::CollectorStatistics> collStats,
     Ptr<OptionsDataContainer> dataContainer, Ptr<TaskScheduler> scheduler)
-    : ftName_(ftName),
+    : ftName_(std::move(ftName)),
       ftId_(ftId),
       hwConfig_(std::move(hwConfig)),
       hwStatus_(std::move(hwStatus)),
@@ -41,77 +52,80 @@ FtOptionsDataManagerSm::FtOptionsDataManagerSm(
       collStats_(std::move(collStats)),
       dataContainer_(std::move(dataContainer)),
       scheduler_(std::move(scheduler)),
-      hwFtConfigSm_(std::make_unique<HwFtConfigSm>(*this)),
-      flowTrackerInfoSm_(std::make_unique<FlowTrackerInfoWatcher>(*this)) {
+      hwFtConfigSm_(std::make_unique<HwFtConfigSm>(hwFtConfig_, *this)),
+      flowTrackerInfoSm_(std::make_unique<FlowTrackerInfoWatcher>(flowTrackerInfo_, *this)) {
   handleInitialized();
 }
 FtOptionsDataManagerSm::~FtOptionsDataManagerSm() = default;
+void FtOptionsDataManagerSm::handleRetired() {
+  exporterSm_.delAll();
+  flowKeySm_->retire();
+  flowTrackerTableSm_->retire();
+}
 
 void FtOptionsDataManagerSm::initFlowKeySm() {
   TARN_ASSERT_AS(!initialized(), "!initialized()");
-  const auto data = dataContainer_->data().at(OptionsDataScope::scopeTracker);
-  TARN_ASSERT(data);
-  const auto source = data->sourceIs("FlowKey", FlowKeySm::setId());
-  const auto update = dataContainer_->update().at(OptionsDataScope::scopeTracker);
-  TARN_ASSERT(update);
-  flowKeySm_ = flowKeySmFactory(source, update, hwFtStatus_);
+  flowKeySm_ =
+      tableSm<FlowKeySm>("FtOptionsDataManagerSm", "initFlowKeySm", ftName_, "FlowKey",
+                         dataContainer_->data(OptionsDataScope::scopeTracker),
+                         dataContainer_->update(OptionsDataScope::scopeTracker), hwFtStatus_);
 }
 void FtOptionsDataManagerSm::initFlowTrackerTableSm() {
   TARN_ASSERT_AS(!initialized(), "!initialized()");
-  const auto data = dataContainer_->data().at(OptionsDataScope::scopeTracker);
-  TARN_ASSERT(data);
-  const auto source = data->sourceIs("FlowTrackerTable", FlowTrackerTableSm::setId());
-  const auto update = dataContainer_->update().at(OptionsDataScope::scopeTracker);
-  TARN_ASSERT(update);
-  flowTrackerTableSm_ = flowTrackerTableSmFactory(source, update, hwStatus_, hwFtConfig_,
-                                                  hwFtStatus_, ftrType_, scheduler_);
+  flowTrackerTableSm_ = tableSm<FlowTrackerTableSm>(
+      "FtOptionsDataManagerSm", "initFlowTrackerTableSm", ftName_, "FlowTrackerTable",
+      dataContainer_->data(OptionsDataScope::scopeTracker),
+      dataContainer_->update(OptionsDataScope::scopeTracker), hwStatus_, hwFtConfig_, hwFtStatus_,
+      ftrType_, scheduler_);
 }
 void FtOptionsDataManagerSm::handleInitialized() {
   initFlowKeySm();
   initFlowTrackerTableSm();
   initialized_ = true;
-  const auto exporters = hwFtConfig_->expConfig();  // a copy: the loop notifies
-  for (const auto& [name, config] : exporters) handleExpConfig(name);
+  for (const auto& name : keysOf(hwFtConfig_->expConfig())) handleExpConfig(name);
 }
 void FtOptionsDataManagerSm::handleExpConfig(const std::string& exporterName) {
   TARN_ASSERT_AS(initialized(), "initialized()");
-  const std::string name = exporterName;
-  const Ptr<const HwFlowTracking::ExporterConfig> config = hwFtConfig_->expConfig(name);
-  const auto info = flowTrackerInfo_->expInfo(name);
-  if (const auto sm = exporterSm(name);
-      sm && (sm->hwExpConfig() != config || sm->expInfo() != info))
-    drop(exporterSm_, name);
-  if (!config || !info || exporterSm(name)) return;
-  exporterSm_[name] = optionsDataExporterSmFactory(name, ftName_, ftId_, hwFtConfig_, config, info,
-                                                   collStats_, dataContainer_, scheduler_);
+  const auto say = [this](const std::string& name, const char* what) {
+    traceOf(TraceLevel::event, "FtOptionsDataManagerSm", "handleExpConfig", name, "for ", ftName_,
+            what);
+  };
+  const std::string name = exporterName;  // a handler may destroy what it refers to
+  exporterSm_.reconcile(
+      *this, name,
+      [&](const OptionsDataExporterSm& sm) {
+        return sm.hwExpConfig() == hwFtConfig_->expConfig(name) &&
+               sm.expInfo() == flowTrackerInfo_->expInfo(name);
+      },
+      [&](const std::string&) { say(name, " deleted"); },
+      [&](const std::string&) -> Ptr<OptionsDataExporterSm> {
+        const auto config = hwFtConfig_->expConfig(name);
+        const auto info = flowTrackerInfo_->expInfo(name);
+        if (!config || !info) return {};
+        say(name, " created");
+        return optionsDataExporterSmFactory(name, ftName_, ftId_, hwFtConfig_, config, info,
+                                            collStats_, dataContainer_, scheduler_);
+      });
 }
 
-namespace {
-using ExporterMap =
-    const std::map<std::string, Ptr<OptionsDataExporterSm>>& (FtOptionsDataManagerSm::*)() const;
-using FtManagerMap =
-    const std::map<std::string, Ptr<FtOptionsDataManagerSm>>& (OptionsDataManagerSm::*)() const;
-}  // namespace
 AttrRows FtOptionsDataManagerSm::attrRows() const {
   using M = FtOptionsDataManagerSm;
-  static constexpr AttrRow rows[] = {
-      childRow<&M::flowKeySm>("flowKeySm"),
-      childRow<&M::flowTrackerTableSm>("flowTrackerTableSm"),
-      mapRow<static_cast<ExporterMap>(&M::exporterSm)>("exporterSm"),
-      row<&M::initialized>("initialized"),
-  };
+  static constexpr AttrRow rows[] = {row<&M::ftName_>("ftName"),
+                                     row<&M::ftId_>("ftId"),
+                                     refRow<&M::hwConfig_>("hwConfig"),
+                                     refRow<&M::hwStatus_>("hwStatus"),
+                                     refRow<&M::hwFtConfig_>("hwFtConfig"),
+                                     refRow<&M::hwFtStatus_>("hwFtStatus"),
+                                     refRow<&M::flowTrackerInfo_>("flowTrackerInfo"),
+                                     row<&M::ftrType_>("ftrType"),
+                                     refRow<&M::collStats_>("collStats"),
+                                     refRow<&M::dataContainer_>("dataContainer"),
+                                     refRow<&M::scheduler_>("scheduler"),
+                                     childRow<&M::flowKeySm_>("flowKeySm"),
+                                     childRow<&M::flowTrackerTableSm_>("flowTrackerTableSm"),
+                                     mapRow<&M::exporterSm_>("exporterSm"),
+                                     row<&M::initialized_>("initialized")};
   return rows;
-}
-Ptr<FtOptionsDataManagerSm> FtOptionsDataManagerSm::FtOptionsDataManagerSmIs(
-    const std::string& ftName, FtId ftId, Ptr<const HwFlowTracking::Config> hwConfig,
-    Ptr<const HwFlowTracking::Status> hwStatus, Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
-    Ptr<const HwFlowTracking::FtStatus> hwFtStatus, Ptr<FlowTrackerInfo> flowTrackerInfo,
-    FlowTrackingType ftrType, Ptr<Tarn::Ipfix::CollectorStatistics> collStats,
-    Ptr<OptionsDataContainer> dataContainer, Ptr<TaskScheduler> scheduler) {
-  return Ptr<FtOptionsDataManagerSm>::adopt(new FtOptionsDataManagerSm(
-      ftName, ftId, std::move(hwConfig), std::move(hwStatus), std::move(hwFtConfig),
-      std::move(hwFtStatus), std::move(flowTrackerInfo), ftrType, std::move(collStats),
-      std::move(dataContainer), std::move(scheduler)));
 }
 Ptr<FtOptionsDataManagerSm> ftOptionsDataManagerSmFactory(
     const std::string& ftName, FtId ftId, Ptr<const HwFlowTracking::Config> hwConfig,
@@ -119,38 +133,31 @@ Ptr<FtOptionsDataManagerSm> ftOptionsDataManagerSmFactory(
     Ptr<const HwFlowTracking::FtStatus> hwFtStatus, Ptr<FlowTrackerInfo> flowTrackerInfo,
     FlowTrackingType ftrType, Ptr<Tarn::Ipfix::CollectorStatistics> collStats,
     Ptr<OptionsDataContainer> dataContainer, Ptr<TaskScheduler> scheduler) {
-  return FtOptionsDataManagerSm::FtOptionsDataManagerSmIs(
-      ftName, ftId, std::move(hwConfig), std::move(hwStatus), std::move(hwFtConfig),
-      std::move(hwFtStatus), std::move(flowTrackerInfo), ftrType, std::move(collStats),
-      std::move(dataContainer), std::move(scheduler));
+  return make<FtOptionsDataManagerSm>(ftName, ftId, std::move(hwConfig), std::move(hwStatus),
+                                      std::move(hwFtConfig), std::move(hwFtStatus),
+                                      std::move(flowTrackerInfo), ftrType, std::move(collStats),
+                                      std::move(dataContainer), std::move(scheduler));
 }
 
 // --- OptionsDataManagerSm ---
 
-class OptionsDataManagerSm::HwConfigSm final : public HwFlowTracking::Config::Watcher {
+class OptionsDataManagerSm::HwConfigSm final
+    : public NestedReactor<HwFlowTracking::Config, OptionsDataManagerSm> {
  public:
-  explicit HwConfigSm(OptionsDataManagerSm& sm) : Watcher(sm.hwConfig_), sm_(sm) {}
+  using NestedReactor::NestedReactor;
   void handleFtConfig(const std::string& name) override { sm_.handleTracker(name); }
-
- private:
-  OptionsDataManagerSm& sm_;
 };
-class OptionsDataManagerSm::HwStatusSm final : public HwFlowTracking::Status::Watcher {
+class OptionsDataManagerSm::HwStatusSm final
+    : public NestedReactor<HwFlowTracking::Status, OptionsDataManagerSm> {
  public:
-  explicit HwStatusSm(OptionsDataManagerSm& sm) : Watcher(sm.hwStatus_), sm_(sm) {}
+  using NestedReactor::NestedReactor;
   void handleFtStatus(const std::string& name) override { sm_.handleTracker(name); }
-
- private:
-  OptionsDataManagerSm& sm_;
 };
-class OptionsDataManagerSm::FlowTrackingInfoWatcher final : public FlowTrackingInfo::Watcher {
+class OptionsDataManagerSm::FlowTrackingInfoWatcher final
+    : public NestedReactor<FlowTrackingInfo, OptionsDataManagerSm> {
  public:
-  explicit FlowTrackingInfoWatcher(OptionsDataManagerSm& sm)
-      : Watcher(sm.flowTrackingInfo_), sm_(sm) {}
+  using NestedReactor::NestedReactor;
   void handleFtInfo(const std::string& name) override { sm_.handleTracker(name); }
-
- private:
-  OptionsDataManagerSm& sm_;
 };
 
 OptionsDataManagerSm::OptionsDataManagerSm(Ptr<const HwFlowTracking::Config> hwConfig,
@@ -167,30 +174,29 @@ OptionsDataManagerSm::OptionsDataManagerSm(Ptr<const HwFlowTracking::Config> hwC
       vrfIdMapStatus_(std::move(vrfIdMapStatus)),
       collStats_(std::move(collStats)),
       scheduler_(std::move(scheduler)),
-      hwConfigSm_(std::make_unique<HwConfigSm>(*this)),
-      hwStatusSm_(std::make_unique<HwStatusSm>(*this)),
-      flowTrackingInfoSm_(std::make_unique<FlowTrackingInfoWatcher>(*this)) {
+      hwConfigSm_(std::make_unique<HwConfigSm>(hwConfig_, *this)),
+      hwStatusSm_(std::make_unique<HwStatusSm>(hwStatus_, *this)),
+      flowTrackingInfoSm_(std::make_unique<FlowTrackingInfoWatcher>(flowTrackingInfo_, *this)) {
   handleInitialized();
 }
 OptionsDataManagerSm::~OptionsDataManagerSm() = default;
+void OptionsDataManagerSm::handleRetired() {
+  ftManagerSm_.delAll();
+  intfTableSm_->retire();
+  vrfTableSm_->retire();
+}
 
 void OptionsDataManagerSm::initIntfTableSm() {
   TARN_ASSERT_AS(!initialized(), "!initialized()");
-  const auto data = dataAll_->globalData();
-  TARN_ASSERT(data);
-  const auto update = dataAll_->globalUpdate();
-  TARN_ASSERT(update);
-  const auto source = data->sourceIs("InterfaceTable", InterfaceTableSm::setId());
-  intfTableSm_ = interfaceTableSmFactory(source, update, intfIndexMap_);
+  intfTableSm_ =
+      tableSm<InterfaceTableSm>("OptionsDataManagerSm", "initIntfTableSm", {}, "InterfaceTable",
+                                dataAll_->globalData(), dataAll_->globalUpdate(), intfIndexMap_);
 }
 void OptionsDataManagerSm::initVrfTableSm() {
   TARN_ASSERT_AS(!initialized(), "!initialized()");
-  const auto data = dataAll_->globalData();
-  TARN_ASSERT(data);
-  const auto update = dataAll_->globalUpdate();
-  TARN_ASSERT(update);
-  const auto source = data->sourceIs("VrfTable", VrfTableSm::setId());
-  vrfTableSm_ = vrfTableSmFactory(source, update, vrfIdMapStatus_);
+  vrfTableSm_ =
+      tableSm<VrfTableSm>("OptionsDataManagerSm", "initVrfTableSm", {}, "VrfTable",
+                          dataAll_->globalData(), dataAll_->globalUpdate(), vrfIdMapStatus_);
 }
 void OptionsDataManagerSm::handleInitialized() {
   dataAll_ = optionsDataAllFactory();
@@ -199,69 +205,73 @@ void OptionsDataManagerSm::handleInitialized() {
   initIntfTableSm();
   initVrfTableSm();
   initialized_ = true;
-  const auto trackers = hwConfig_->ftConfig();  // a copy: the loop notifies
-  for (const auto& [name, config] : trackers) handleTracker(name);
+  for (const auto& name : keysOf(hwConfig_->ftConfig())) handleTracker(name);
 }
 void OptionsDataManagerSm::handleTracker(const std::string& trackerName) {
   TARN_ASSERT_AS(initialized(), "initialized()");
-  const std::string name = trackerName;
-  const Ptr<const HwFlowTracking::FtConfig> config = hwConfig_->ftConfig(name);
-  const Ptr<const HwFlowTracking::FtStatus> status = hwStatus_->ftStatus(name);
-  const auto info = flowTrackingInfo_->ftInfo(name);
-  if (const auto sm = ftManagerSm(name);
-      sm &&
-      (sm->hwFtConfig() != config || sm->hwFtStatus() != status || sm->flowTrackerInfo() != info)) {
-    // The manager first: its exporters read what goes after it.
-    drop(ftManagerSm_, name);
-    dataAll_->trackerDataDel(name);
-    drop(dataContainer_, name);
-  }
-  if (!config || !status || !info || ftManagerSm(name)) return;
-  const auto data = dataAll_->trackerDataIs(name);
-  if (!data->data()) data->dataIs(OptionsDataScope::scopeTracker);
-  if (!data->update()) data->updateIs(OptionsDataScope::scopeTracker);
-  auto container = find(dataContainer_, name);
-  if (!container) container = dataContainer_[name] = optionsDataContainerFactory(name);
-  container->dataIs(dataAll_->globalData());
-  container->dataIs(data->data());
-  container->updateIs(dataAll_->globalUpdate());
-  container->updateIs(data->update());
-  ftManagerSm_[name] = ftOptionsDataManagerSmFactory(
-      name, config->ftId(), hwConfig_, hwStatus_, config, status, info,
-      flowTrackingInfo_->flowTrackingType(), collStats_, container, scheduler_);
+  const auto say = [](const std::string& name, const char* what) {
+    traceOf(TraceLevel::event, "OptionsDataManagerSm", "handleTracker", name, what);
+  };
+  const std::string name = trackerName;  // a handler may destroy what it refers to
+  ftManagerSm_.reconcile(
+      *this, name,
+      [&](const FtOptionsDataManagerSm& sm) {
+        if (sm.hwFtConfig() == hwConfig_->ftConfig(name) &&
+            sm.hwFtStatus() == hwStatus_->ftStatus(name) &&
+            sm.flowTrackerInfo() == flowTrackingInfo_->ftInfo(name))
+          return true;
+        dataAll_->trackerDataDel(name);  // before its manager, which is deleted next
+        return false;
+      },
+      [&](const std::string&) {
+        drop(dataContainer_, name);
+        say(name, "deleted");
+      },
+      [&](const std::string&) -> Ptr<FtOptionsDataManagerSm> {
+        const auto config = hwConfig_->ftConfig(name);
+        const auto status = hwStatus_->ftStatus(name);
+        const auto info = flowTrackingInfo_->ftInfo(name);
+        if (!config || !status || !info) return {};
+        say(name, "created");
+        const auto data = dataAll_->trackerDataIs(name);
+        const auto container = optionsDataContainerFactory(name);
+        dataContainer_[name] = container;
+        container->dataIs(dataAll_->globalData());
+        container->dataIs(data->dataIs(OptionsDataScope::scopeTracker));
+        container->updateIs(dataAll_->globalUpdate());
+        container->updateIs(data->updateIs(OptionsDataScope::scopeTracker));
+        return ftOptionsDataManagerSmFactory(name, config->ftId(), hwConfig_, hwStatus_, config,
+                                             status, info, flowTrackingInfo_->flowTrackingType(),
+                                             collStats_, container, scheduler_);
+      });
 }
 
 AttrRows OptionsDataManagerSm::attrRows() const {
   using M = OptionsDataManagerSm;
-  static constexpr AttrRow rows[] = {
-      childRow<&M::dataAll>("dataAll"),
-      childRow<&M::intfTableSm>("intfTableSm"),
-      childRow<&M::vrfTableSm>("vrfTableSm"),
-      mapRow<&M::dataContainer>("dataContainer"),
-      mapRow<static_cast<FtManagerMap>(&M::ftManagerSm)>("ftManagerSm"),
-      row<&M::initialized>("initialized"),
-  };
+  static constexpr AttrRow rows[] = {refRow<&M::hwConfig_>("hwConfig"),
+                                     refRow<&M::hwStatus_>("hwStatus"),
+                                     refRow<&M::flowTrackingInfo_>("flowTrackingInfo"),
+                                     refRow<&M::intfIndexMap_>("intfIndexMap"),
+                                     refRow<&M::vrfIdMapStatus_>("vrfIdMapStatus"),
+                                     refRow<&M::collStats_>("collStats"),
+                                     refRow<&M::scheduler_>("scheduler"),
+                                     childRow<&M::dataAll_>("dataAll"),
+                                     childRow<&M::intfTableSm_>("intfTableSm"),
+                                     childRow<&M::vrfTableSm_>("vrfTableSm"),
+                                     mapRow<&M::dataContainer_>("dataContainer"),
+                                     mapRow<&M::ftManagerSm_>("ftManagerSm"),
+                                     row<&M::initialized_>("initialized")};
   return rows;
-}
-Ptr<OptionsDataManagerSm> OptionsDataManagerSm::OptionsDataManagerSmIs(
-    Ptr<const HwFlowTracking::Config> hwConfig, Ptr<const HwFlowTracking::Status> hwStatus,
-    Ptr<FlowTrackingInfo> flowTrackingInfo, Ptr<const IntfIndexMap> intfIndexMap,
-    Ptr<const Vrf::VrfIdMap::Status> vrfIdMapStatus,
-    Ptr<Tarn::Ipfix::CollectorStatistics> collStats, Ptr<TaskScheduler> scheduler) {
-  return Ptr<OptionsDataManagerSm>::adopt(new OptionsDataManagerSm(
-      std::move(hwConfig), std::move(hwStatus), std::move(flowTrackingInfo),
-      std::move(intfIndexMap), std::move(vrfIdMapStatus), std::move(collStats),
-      std::move(scheduler)));
 }
 Ptr<OptionsDataManagerSm> optionsDataManagerSmFactory(
     Ptr<const HwFlowTracking::Config> hwConfig, Ptr<const HwFlowTracking::Status> hwStatus,
     Ptr<FlowTrackingInfo> flowTrackingInfo, Ptr<const IntfIndexMap> intfIndexMap,
     Ptr<const Vrf::VrfIdMap::Status> vrfIdMapStatus,
     Ptr<Tarn::Ipfix::CollectorStatistics> collStats, Ptr<TaskScheduler> scheduler) {
-  return OptionsDataManagerSm::OptionsDataManagerSmIs(
-      std::move(hwConfig), std::move(hwStatus), std::move(flowTrackingInfo),
-      std::move(intfIndexMap), std::move(vrfIdMapStatus), std::move(collStats),
-      std::move(scheduler));
+  return make<OptionsDataManagerSm>(std::move(hwConfig), std::move(hwStatus),
+                                    std::move(flowTrackingInfo), std::move(intfIndexMap),
+                                    std::move(vrfIdMapStatus), std::move(collStats),
+                                    std::move(scheduler));
 }
 
 }  // namespace FlowTracking

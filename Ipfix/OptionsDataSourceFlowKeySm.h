@@ -3,30 +3,30 @@
 #include <memory>
 #include <string>
 
-#include "Ipfix/OptionsDataExporter.h"
+#include "Ipfix/OptionsDataSourceSm.h"
 #include "platform/HwFlowTracking.h"
-#include "platform/IpfixTypes.h"
 
 namespace FlowTracking {
 
-/// Tells which fields of each of a tracker's data templates are flow keys. A template that mixes
-/// address families has no record.
-class TARN_API FlowKeySm final : public Entity {
+/// Tells which fields of each of a tracker's data templates are flow keys. A template without
+/// fields, or one that mixes address families, has no record.
+class TARN_API FlowKeySm final : public OptionsDataSourceSm {
  public:
   static constexpr TemplateId setId() {
     return Constants::reservedTemplateId(StaticTemplateId::flowKey);
   }
-  static Ptr<FlowKeySm> FlowKeySmIs(Ptr<OptionsDataSource> dataSource,
-                                    Ptr<OptionsDataUpdate> dataUpdate,
-                                    Ptr<const HwFlowTracking::FtStatus> hwFtStatus);
-  ~FlowKeySm() override;
 
-  const Ptr<OptionsDataSource>& dataSource() const { return dataSource_; }
-  /// The template id under which updates are announced.
-  TemplateId setIdVal() const { return setIdVal_; }
-  void setIdValIs(TemplateId id) { setIdVal_ = id; }
-  const std::string& sourceName() const { return dataSource_->name(); }
-  bool initialized() const { return initialized_; }
+  FlowKeySm(Ptr<OptionsDataSource> dataSource, Ptr<OptionsDataUpdate> dataUpdate,
+            Ptr<const HwFlowTracking::FtStatus> hwFtStatus);
+  ~FlowKeySm() override;
+  template <class... A>
+  static Ptr<FlowKeySm> FlowKeySmIs(A&&... a) {
+    return make<FlowKeySm>(std::forward<A>(a)...);
+  }
+
+  const Ptr<const HwFlowTracking::FtStatus>& hwFtStatus() const { return hwFtStatus_; }
+  const std::map<TemplateId, Ptr<DataRecord>>& dataRecord() const { return dataRecord_; }
+  Ptr<DataRecord> dataRecord(TemplateId id) const { return find(dataRecord_, id); }
   size_t dataRecords() const { return dataRecord_.size(); }
 
   void handleInitialized();
@@ -42,17 +42,12 @@ class TARN_API FlowKeySm final : public Entity {
  private:
   class HwFtStatusSm;
   class TemplateStatusSm;
-  FlowKeySm(Ptr<OptionsDataSource> dataSource, Ptr<OptionsDataUpdate> dataUpdate,
-            Ptr<const HwFlowTracking::FtStatus> hwFtStatus);
   void handleTemplateStatus(TemplateId templateId);
-  void assertCount_p() const;
+  void templateStatusIs(TemplateId templateId, const Ptr<HwFlowTracking::TemplateStatus>& status);
+  void assertCount_p() const override;
 
-  Ptr<OptionsDataSource> dataSource_;
-  Ptr<OptionsDataUpdate> dataUpdate_;
   Ptr<const HwFlowTracking::FtStatus> hwFtStatus_;
   std::map<TemplateId, Ptr<DataRecord>> dataRecord_;
-  TemplateId setIdVal_ = setId();
-  bool initialized_ = false;
   std::map<TemplateId, std::unique_ptr<TemplateStatusSm>> templateStatus_;
   std::unique_ptr<HwFtStatusSm> hwFtStatusSm_;
 };

@@ -1,11 +1,7 @@
 #include "Ipfix/OptionsDataSourceFlowTrackerTableSm.h"
 
+#include <algorithm>
 #include <concepts>
-#include <cstring>
-#include <ostream>
-
-#include "platform/Assert.h"
-#include "platform/Trace.h"
 
 namespace FlowTracking {
 
@@ -31,6 +27,8 @@ void addElement(char* buf, size_t* pos, size_t max, std::string_view v) {
   TARN_ASSERT(rc == elementLen);
   *pos += rc;
 }
+/// A time-out as it is exported: whole seconds, truncated.
+uint16_t wholeSeconds(double seconds) { return static_cast<uint16_t>(std::max(seconds, 0.0)); }
 }  // namespace
 
 std::string stringValue(FlowTrackerTableSm::Param param) {
@@ -48,23 +46,21 @@ std::ostream& operator<<(std::ostream& out, FlowTrackerTableSm::Param param) {
   return out << stringValue(param);
 }
 
-class FlowTrackerTableSm::HwStatusSm final : public HwFlowTracking::Status::Watcher {
+class FlowTrackerTableSm::HwStatusSm final
+    : public NestedReactor<HwFlowTracking::Status, FlowTrackerTableSm> {
  public:
-  explicit HwStatusSm(FlowTrackerTableSm& sm) : Watcher(sm.hwStatus_), sm_(sm) {}
-  void handleSampleRate() override { sm_.handleParamChange(Param::sampleRate); }
-
- private:
-  FlowTrackerTableSm& sm_;
+  using NestedReactor::NestedReactor;
+  void handleSampleRate() override {
+    if (sm_.hwFtStatus_->sampleRate() == 0) sm_.handleParamChange(Param::sampleRate);
+  }
 };
-class FlowTrackerTableSm::HwFtStatusSm final : public HwFlowTracking::FtStatus::Watcher {
+class FlowTrackerTableSm::HwFtStatusSm final
+    : public NestedReactor<HwFlowTracking::FtStatus, FlowTrackerTableSm> {
  public:
-  explicit HwFtStatusSm(FlowTrackerTableSm& sm) : Watcher(sm.hwFtStatus_), sm_(sm) {}
+  using NestedReactor::NestedReactor;
   void handleInactiveTimeout() override { sm_.handleParamChange(Param::inactiveTimeout); }
   void handleActiveInterval() override { sm_.handleParamChange(Param::activeInterval); }
   void handleSampleRate() override { sm_.handleParamChange(Param::sampleRate); }
-
- private:
-  FlowTrackerTableSm& sm_;
 };
 
 FlowTrackerTableSm::FlowTrackerTableSm(Ptr<OptionsDataSource> dataSource,
@@ -73,97 +69,85 @@ FlowTrackerTableSm::FlowTrackerTableSm(Ptr<OptionsDataSource> dataSource,
                                        Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
                                        Ptr<const HwFlowTracking::FtStatus> hwFtStatus,
                                        FlowTrackingType ftrType, Ptr<TaskScheduler> taskScheduler)
-    : dataSource_(std::move(dataSource)),
-      dataUpdate_(std::move(dataUpdate)),
+    : OptionsDataSourceSm(std::move(dataSource), std::move(dataUpdate), setId()),
       hwStatus_(std::move(hwStatus)),
       hwFtConfig_(std::move(hwFtConfig)),
       hwFtStatus_(std::move(hwFtStatus)),
       ftrType_(ftrType),
       taskScheduler_(std::move(taskScheduler)),
-      hwStatusSm_(std::make_unique<HwStatusSm>(*this)),
-      hwFtStatusSm_(std::make_unique<HwFtStatusSm>(*this)) {
+      hwStatusSm_(std::make_unique<HwStatusSm>(hwStatus_, *this)),
+      hwFtStatusSm_(std::make_unique<HwFtStatusSm>(hwFtStatus_, *this)) {
   handleInitialized();
 }
 FlowTrackerTableSm::~FlowTrackerTableSm() = default;
-
-uint32_t FlowTrackerTableSm::sampleRate_p() const {
-  return hwFtStatus_->sampleRate() != 0 ? hwFtStatus_->sampleRate() : hwStatus_->sampleRate();
-}
 
 Ptr<DataRecord> FlowTrackerTableSm::makeDataRecord() const {
   const double activeInterval = hwFtStatus_->activeInterval().count();
   TARN_ASSERT(activeInterval < 65535.0);
   const double inactiveTimeout = hwFtStatus_->inactiveTimeout().count();
   TARN_ASSERT(inactiveTimeout < 65535.0);
+  const uint32_t ownRate = hwFtStatus_->sampleRate();
   const std::string& name = hwFtConfig_->ftName();
   const size_t max = fixedLen + name.size();
   std::string buf(max, '\0');
   size_t pos = 0;
-  addElement(buf.data(), &pos, max, hwFtConfig_->ftId());
-  addElement(buf.data(), &pos, max, std::string_view(name));
-  addElement(buf.data(), &pos, max, static_cast<uint16_t>(activeInterval));
-  addElement(buf.data(), &pos, max, static_cast<uint16_t>(inactiveTimeout));
-  addElement(buf.data(), &pos, max, selectorAlgorithm);
-  addElement(buf.data(), &pos, max, samplingSize);
-  addElement(buf.data(), &pos, max, sampleRate_p());
-  addElement(buf.data(), &pos, max, static_cast<uint16_t>(ftrType_));
+  const auto add = [&](auto value) { addElement(buf.data(), &pos, max, value); };
+  add(hwFtConfig_->ftId());
+  add(std::string_view(name));
+  add(wholeSeconds(activeInterval));
+  add(wholeSeconds(inactiveTimeout));
+  add(selectorAlgorithm);
+  add(samplingSize);
+  add(ownRate != 0 ? ownRate : hwStatus_->sampleRate());
+  add(static_cast<uint16_t>(ftrType_));
   TARN_ASSERT(pos == max);
   return dataRecordFactory(buf);
 }
 
 void FlowTrackerTableSm::handleInitialized() {
-  updateTask_ =
-      taskScheduler_->timerTask("FlowTrackerTableSmUpdate", taskPriority, [this] { doUpdate(); });
+  if (!updateTask_)
+    updateTask_ = reactorTask(taskScheduler_, "FlowTrackerTableSmUpdate", taskPriority, *this,
+                              &FlowTrackerTableSm::doUpdate);
   const auto record = makeDataRecord();
   TARN_ASSERT(record);
-  trace(TraceLevel::event, "FlowTrackerTableSm::", "handleInitialized",
-        " observationDomainId:", hwFtConfig_->ftId(),
-        ", observationDomainName:", hwFtConfig_->ftName(),
-        ", flowActiveTimeout:", hwFtStatus_->activeInterval().count(),
-        ", flowIdleTimeout:", hwFtStatus_->inactiveTimeout().count(),
-        ", selectorAlgorithm:", selectorAlgorithm, ", samplingSize:", samplingSize,
-        ", samplingPopulation:", sampleRate_p(),
-        ", flowTrackingType:", static_cast<uint16_t>(ftrType_));
-  dataSource_->dataRecordDelAll();
-  dataSource_->dataRecordIs(record);
-  dataSource_->versionInc(1);
-  initialized_ = true;
+  const size_t n = hwFtConfig_->ftName().size();
+  const auto field = [&](size_t at, size_t len) {
+    return NetNumber{record->data().substr(at, len)};
+  };
+  traceOf(TraceLevel::event, "FlowTrackerTableSm", "handleInitialized", hwFtConfig_->ftName(),
+          "observationDomainId:", field(0, 4),
+          ", observationDomainName:", record->data().substr(5, n),
+          ", flowActiveTimeout:", field(5 + n, 2), ", flowIdleTimeout:", field(7 + n, 2),
+          ", selectorAlgorithm:", field(9 + n, 2), ", samplingSize:", field(11 + n, 4),
+          ", samplingPopulation:", field(15 + n, 4), ", flowTrackingType:", field(19 + n, 2));
+  clear_p();
+  dataSource()->dataRecordIs(record);
+  finish_p();
 }
 void FlowTrackerTableSm::handleParamChange(Param param) {
-  trace(TraceLevel::event, "FlowTrackerTableSm::", "handleParamChange", "(", param, ") ",
-        "param changed ");
+  traceOf(TraceLevel::event, "FlowTrackerTableSm", "handleParamChange", hwFtConfig_->ftName(), "(",
+          param, ") ", "param changed ");
   updateTask_->scheduleLowestIs(updateDelay_);
 }
 void FlowTrackerTableSm::doUpdate() {
   const auto record = makeDataRecord();
   TARN_ASSERT(record);
-  trace(TraceLevel::event, "FlowTrackerTableSm::", "doUpdate", "(", hwFtConfig_->ftName(), ") ",
-        "record len: ", record->dataLen());
-  dataUpdate_->addUpdate(setIdVal_, record);
-  dataSource_->dataRecordDelAll();
-  dataSource_->dataRecordIs(record);
-  dataSource_->versionInc(1);
+  traceOf(TraceLevel::event, "FlowTrackerTableSm", "doUpdate", hwFtConfig_->ftName(), "(",
+          setIdVal(), ") ", "record len: ", record->dataLen());
+  if (!announce_p(record)) return;
+  clear_p();
+  dataSource()->dataRecordIs(record);
+  finish_p();
 }
 
 AttrRows FlowTrackerTableSm::attrRows() const {
   using S = FlowTrackerTableSm;
-  static constexpr AttrRow rows[] = {
-      childRow<&S::dataSource>("dataSource"),
-      row<&S::setIdVal, &S::setIdValIs>("setIdVal"),
-      row<&S::sourceName>("sourceName"),
-      row<&S::updateDelay, &S::updateDelayIs>("updateDelay"),
-      row<&S::initialized>("initialized"),
-  };
+  static constexpr auto rows = rowsWith_p(
+      {setIdRow_p<S>(), refRow<&S::hwStatus_>("hwStatus"), refRow<&S::hwFtConfig_>("hwFtConfig"),
+       refRow<&S::hwFtStatus_>("hwFtStatus"), row<&S::ftrType>("ftrType"),
+       refRow<&S::taskScheduler_>("taskScheduler"), row<&S::updateTask_>("updateTask"),
+       row<&S::updateDelay, &S::updateDelayIs>("updateDelay")});
   return rows;
-}
-Ptr<FlowTrackerTableSm> FlowTrackerTableSm::FlowTrackerTableSmIs(
-    Ptr<OptionsDataSource> dataSource, Ptr<OptionsDataUpdate> dataUpdate,
-    Ptr<const HwFlowTracking::Status> hwStatus, Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
-    Ptr<const HwFlowTracking::FtStatus> hwFtStatus, FlowTrackingType ftrType,
-    Ptr<TaskScheduler> taskScheduler) {
-  return Ptr<FlowTrackerTableSm>::adopt(new FlowTrackerTableSm(
-      std::move(dataSource), std::move(dataUpdate), std::move(hwStatus), std::move(hwFtConfig),
-      std::move(hwFtStatus), ftrType, std::move(taskScheduler)));
 }
 Ptr<FlowTrackerTableSm> flowTrackerTableSmFactory(Ptr<OptionsDataSource> dataSource,
                                                   Ptr<OptionsDataUpdate> dataUpdate,
@@ -172,9 +156,9 @@ Ptr<FlowTrackerTableSm> flowTrackerTableSmFactory(Ptr<OptionsDataSource> dataSou
                                                   Ptr<const HwFlowTracking::FtStatus> hwFtStatus,
                                                   FlowTrackingType ftrType,
                                                   Ptr<TaskScheduler> taskScheduler) {
-  return FlowTrackerTableSm::FlowTrackerTableSmIs(
-      std::move(dataSource), std::move(dataUpdate), std::move(hwStatus), std::move(hwFtConfig),
-      std::move(hwFtStatus), ftrType, std::move(taskScheduler));
+  return make<FlowTrackerTableSm>(std::move(dataSource), std::move(dataUpdate), std::move(hwStatus),
+                                  std::move(hwFtConfig), std::move(hwFtStatus), ftrType,
+                                  std::move(taskScheduler));
 }
 
 }  // namespace FlowTracking

@@ -1,38 +1,46 @@
 #pragma once
 #include <memory>
 #include <string>
-#include <string_view>
 
-#include "Ipfix/OptionsDataExporter.h"
+#include "Ipfix/OptionsDataSourceSm.h"
 #include "platform/FlowTracking.h"
 #include "platform/HwFlowTracking.h"
-#include "platform/IpfixTypes.h"
 #include "platform/TaskScheduler.h"
 
 namespace FlowTracking {
 
 /// Keeps the one record that describes a tracker: its domain, time-outs, sampling and kind. A burst
 /// of changes makes one new record.
-class TARN_API FlowTrackerTableSm final : public Entity {
+///
+/// The sampling population is the tracker's own `FtStatus::sampleRate`, where that is not 0: a host
+/// may sample each of its trackers at a rate of its own. It is `Status::sampleRate` otherwise, and
+/// only then does a change of that one make a new record.
+class TARN_API FlowTrackerTableSm final : public OptionsDataSourceSm {
  public:
   enum class Param : uint8_t { inactiveTimeout = 0, activeInterval = 1, sampleRate = 2 };
 
   static constexpr TemplateId setId() {
     return Constants::reservedTemplateId(StaticTemplateId::flowTrackerTable);
   }
-  static Ptr<FlowTrackerTableSm> FlowTrackerTableSmIs(
-      Ptr<OptionsDataSource> dataSource, Ptr<OptionsDataUpdate> dataUpdate,
-      Ptr<const HwFlowTracking::Status> hwStatus, Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
-      Ptr<const HwFlowTracking::FtStatus> hwFtStatus, FlowTrackingType ftrType,
-      Ptr<TaskScheduler> taskScheduler);
-  ~FlowTrackerTableSm() override;
 
-  const Ptr<OptionsDataSource>& dataSource() const { return dataSource_; }
-  /// The template id under which updates are announced.
-  TemplateId setIdVal() const { return setIdVal_; }
-  void setIdValIs(TemplateId id) { setIdVal_ = id; }
-  const std::string& sourceName() const { return dataSource_->name(); }
-  bool initialized() const { return initialized_; }
+  FlowTrackerTableSm(Ptr<OptionsDataSource> dataSource, Ptr<OptionsDataUpdate> dataUpdate,
+                     Ptr<const HwFlowTracking::Status> hwStatus,
+                     Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
+                     Ptr<const HwFlowTracking::FtStatus> hwFtStatus, FlowTrackingType ftrType,
+                     Ptr<TaskScheduler> taskScheduler);
+  ~FlowTrackerTableSm() override;
+  template <class... A>
+  static Ptr<FlowTrackerTableSm> FlowTrackerTableSmIs(A&&... a) {
+    return make<FlowTrackerTableSm>(std::forward<A>(a)...);
+  }
+
+  const Ptr<const HwFlowTracking::Status>& hwStatus() const { return hwStatus_; }
+  const Ptr<const HwFlowTracking::FtConfig>& hwFtConfig() const { return hwFtConfig_; }
+  const Ptr<const HwFlowTracking::FtStatus>& hwFtStatus() const { return hwFtStatus_; }
+  FlowTrackingType ftrType() const { return ftrType_; }
+  const Ptr<TaskScheduler>& taskScheduler() const { return taskScheduler_; }
+  /// Runs `doUpdate`; null once the table was let go.
+  const std::unique_ptr<TimerTask>& updateTask() const { return updateTask_; }
   /// Seconds from a change to the record that tells of it.
   double updateDelay() const { return updateDelay_.count(); }
   void updateDelayIs(double seconds) { updateDelay_ = Seconds(seconds); }
@@ -40,7 +48,8 @@ class TARN_API FlowTrackerTableSm final : public Entity {
   void handleInitialized();
   void handleParamChange(Param param);
   void doUpdate();
-  /// Time-outs must be below 65535 s and the name below 255 octets (asserted).
+  /// Time-outs are exported in whole seconds, truncated, a negative one as 0; they must be below
+  /// 65535 s, and the name below 255 octets (asserted).
   Ptr<DataRecord> makeDataRecord() const;
 
   AttrRows attrRows() const override;
@@ -48,24 +57,15 @@ class TARN_API FlowTrackerTableSm final : public Entity {
  private:
   class HwStatusSm;
   class HwFtStatusSm;
-  FlowTrackerTableSm(Ptr<OptionsDataSource> dataSource, Ptr<OptionsDataUpdate> dataUpdate,
-                     Ptr<const HwFlowTracking::Status> hwStatus,
-                     Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
-                     Ptr<const HwFlowTracking::FtStatus> hwFtStatus, FlowTrackingType ftrType,
-                     Ptr<TaskScheduler> taskScheduler);
-  /// The tracker's own rate, or else the one of the whole tracking side.
-  uint32_t sampleRate_p() const;
+  void handleRetired() override { updateTaskDel(); }
+  void updateTaskDel() { updateTask_.reset(); }
 
-  Ptr<OptionsDataSource> dataSource_;
-  Ptr<OptionsDataUpdate> dataUpdate_;
   Ptr<const HwFlowTracking::Status> hwStatus_;
   Ptr<const HwFlowTracking::FtConfig> hwFtConfig_;
   Ptr<const HwFlowTracking::FtStatus> hwFtStatus_;
   FlowTrackingType ftrType_;
   Ptr<TaskScheduler> taskScheduler_;
   Seconds updateDelay_{2.0};
-  TemplateId setIdVal_ = setId();
-  bool initialized_ = false;
   std::unique_ptr<TimerTask> updateTask_;
   std::unique_ptr<HwStatusSm> hwStatusSm_;
   std::unique_ptr<HwFtStatusSm> hwFtStatusSm_;

@@ -2,28 +2,23 @@
 
 #include <array>
 #include <cstring>
-
-#include "platform/Assert.h"
-#include "platform/Trace.h"
+#include <vector>
 
 namespace FlowTracking {
 
-class InterfaceTableSm::IntfIndexMapSm final : public IntfIndexMap::Watcher {
+class InterfaceTableSm::IntfIndexMapSm final
+    : public NestedReactor<IntfIndexMap, InterfaceTableSm> {
  public:
-  explicit IntfIndexMapSm(InterfaceTableSm& sm) : Watcher(sm.intfIndexMap_), sm_(sm) {}
+  using NestedReactor::NestedReactor;
   void handleIntfIndex(const IntfId& intfId) override { sm_.handleIntfId(intfId); }
-
- private:
-  InterfaceTableSm& sm_;
 };
 
 InterfaceTableSm::InterfaceTableSm(Ptr<OptionsDataSource> dataSource,
                                    Ptr<OptionsDataUpdate> dataUpdate,
                                    Ptr<const IntfIndexMap> intfIndexMap)
-    : dataSource_(std::move(dataSource)),
-      dataUpdate_(std::move(dataUpdate)),
+    : OptionsDataSourceSm(std::move(dataSource), std::move(dataUpdate), setId()),
       intfIndexMap_(std::move(intfIndexMap)),
-      intfIndexMapSm_(std::make_unique<IntfIndexMapSm>(*this)) {
+      intfIndexMapSm_(std::make_unique<IntfIndexMapSm>(intfIndexMap_, *this)) {
   handleInitialized();
 }
 InterfaceTableSm::~InterfaceTableSm() = default;
@@ -49,88 +44,78 @@ Ptr<DataRecord> InterfaceTableSm::makeDataRecord(const std::string& intfName,
 
 void InterfaceTableSm::assertCount_p() const {
   TARN_ASSERT_AS(
-      dataRecords() + IntfIndexMap::numReservedIntfs() == dataSource_->dataRecords(),
+      dataRecords() + IntfIndexMap::numReservedIntfs() == dataSource()->dataRecords(),
       "( dataRecords() + intfIndexMap()->numReservedIntfs() ) == dataSource()->dataRecords()");
+}
+Ptr<DataRecord> InterfaceTableSm::dataRecord(const IntfId& intfId) const {
+  const auto own = dataRecord_.find(std::string_view(intfId.stringValue()));
+  return own == dataRecord_.end() ? Ptr<DataRecord>() : *own;
 }
 
 void InterfaceTableSm::handleInitialized() {
-  initialized_ = true;
-  trace(TraceLevel::event, "InterfaceTableSm::", "handleInitialized",
-        " map count:", intfIndexMap_->intfIndex().size());
-  dataSource_->dataRecordDelAll();
+  const auto& interfaces = intfIndexMap_->intfIndex();
+  traceOf(TraceLevel::event, "InterfaceTableSm", "handleInitialized", {},
+          "map count:", interfaces.size());
+  clear_p();
   dataRecord_.clear();
-  dataRecord_.reserve(intfIndexMap_->intfIndex().size());
+  dataRecord_.reserve(interfaces.size());
   // Short names first: records of one length fill messages of one length, which leave in far fewer
   // sends.
   std::array<std::vector<Ptr<DataRecord>>, IntfIndexMap::nameMax + 1> byNameLen;
-  for (const auto& [intfId, index] : intfIndexMap_->intfIndex()) {
+  for (const auto& [intfId, index] : interfaces) {
     auto record = makeDataRecord(intfId.stringValue(), index);
     byNameLen[intfId.stringValue().size()].push_back(std::move(record));
   }
-  for (auto& records : byNameLen)
-    for (auto& record : records) {
-      dataSource_->dataRecordIs(record);
-      dataRecord_.insert({std::move(record)});
-    }
+  for (const auto& records : byNameLen)
+    for (const auto& record : records) store_p(dataRecord_, record, record);
   using Map = IntfIndexMap;
   const std::pair<const char*, uint32_t> reserved[] = {
       {Map::multicastIntfName, Map::multicastIndex},
       {Map::discardIntfName, Map::discardIndex},
       {Map::cpuIntfName, Map::cpuIndex},
       {Map::unknownIntfName, Map::unknownIndex}};
-  for (const auto& [name, index] : reserved) dataSource_->dataRecordIs(makeDataRecord(name, index));
-  assertCount_p();
-  dataSource_->versionInc(1);
+  for (const auto& [name, index] : reserved)
+    dataSource()->dataRecordIs(makeDataRecord(name, index));
+  finish_p();
 }
 
 void InterfaceTableSm::handleIntfId(const IntfId& intfId) {
-  TARN_ASSERT_AS(initialized(), "initialized()");
-  const std::string_view name = intfId.stringValue();
-  const auto known = dataRecord_.find(name);
-  if (known != dataRecord_.end()) dataSource_->dataRecordDel(known->record);
-  const auto entry = intfIndexMap_->intfIndex().find(intfId);
-  if (entry == intfIndexMap_->intfIndex().end()) {
-    trace(TraceLevel::event, "InterfaceTableSm::", "handleIntfId ",
-          "intfId: ", intfId.stringValue(), ", index not present. ");
-    if (known != dataRecord_.end()) dataRecord_.erase(known);
-  } else {
-    const auto record = makeDataRecord(intfId.stringValue(), entry->second);
-    trace(TraceLevel::event, "InterfaceTableSm::", "handleIntfId ",
-          "intfId: ", intfId.stringValue(), ", index: ", entry->second,
-          ", record len: ", record->dataLen());
-    // In place: who changes a million interfaces would search for each once more.
-    if (known != dataRecord_.end()) {
-      known->record = record;
-    } else {
-      dataRecord_.insert({record});
+  renew_p(dataRecord_, std::string_view(intfId.stringValue()), [&]() -> Ptr<DataRecord> {
+    const auto entry = intfIndexMap_->intfIndex().find(intfId);
+    if (entry == intfIndexMap_->intfIndex().end()) {
+      traceOf(TraceLevel::event, "InterfaceTableSm", "handleIntfId", {},
+              "intfId: ", intfId.stringValue(), ", index not present. ");
+      return {};
     }
-    dataUpdate_->addUpdate(setIdVal_, record);
-    dataSource_->dataRecordIs(record);
-  }
-  assertCount_p();
-  dataSource_->versionInc(1);
+    auto record = makeDataRecord(intfId.stringValue(), entry->second);
+    traceOf(TraceLevel::event, "InterfaceTableSm", "handleIntfId", {},
+            "intfId: ", intfId.stringValue(), ", index: ", entry->second,
+            ", record len: ", record->dataLen());
+    return record;
+  });
 }
 
+bool InterfaceTableSm::recordsFrom_p(const std::string* key, bool behind,
+                                     const AttrRow::PartVisitor& visit) const {
+  auto own = key ? dataRecord_.find(std::string_view(*key)) : dataRecord_.begin();
+  if (key && own == dataRecord_.end()) return false;
+  if (key && behind) ++own;
+  for (bool more = true; more && own != dataRecord_.end(); ++own)
+    more = visit(std::string(ByName::name(*own)), nullptr, toText(*own));
+  return true;
+}
 AttrRows InterfaceTableSm::attrRows() const {
   using S = InterfaceTableSm;
-  static constexpr AttrRow rows[] = {
-      childRow<&S::dataSource>("dataSource"),        row<&S::dataRecords>("dataRecords"),
-      row<&S::setIdVal, &S::setIdValIs>("setIdVal"), row<&S::sourceName>("sourceName"),
-      row<&S::initialized>("initialized"),
-  };
+  static constexpr auto rows =
+      rowsWith_p({setIdRow_p<S>(), refRow<&S::intfIndexMap_>("intfIndexMap"),
+                  row<&S::dataRecords>("dataRecords"), pagedRow<&S::recordsFrom_p>("dataRecord")});
   return rows;
-}
-Ptr<InterfaceTableSm> InterfaceTableSm::InterfaceTableSmIs(Ptr<OptionsDataSource> dataSource,
-                                                           Ptr<OptionsDataUpdate> dataUpdate,
-                                                           Ptr<const IntfIndexMap> intfIndexMap) {
-  return Ptr<InterfaceTableSm>::adopt(
-      new InterfaceTableSm(std::move(dataSource), std::move(dataUpdate), std::move(intfIndexMap)));
 }
 Ptr<InterfaceTableSm> interfaceTableSmFactory(Ptr<OptionsDataSource> dataSource,
                                               Ptr<OptionsDataUpdate> dataUpdate,
                                               Ptr<const IntfIndexMap> intfIndexMap) {
-  return InterfaceTableSm::InterfaceTableSmIs(std::move(dataSource), std::move(dataUpdate),
-                                              std::move(intfIndexMap));
+  return make<InterfaceTableSm>(std::move(dataSource), std::move(dataUpdate),
+                                std::move(intfIndexMap));
 }
 
 }  // namespace FlowTracking

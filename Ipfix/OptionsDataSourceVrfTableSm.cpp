@@ -3,26 +3,19 @@
 #include <array>
 #include <cstring>
 
-#include "platform/Assert.h"
-#include "platform/Trace.h"
-
 namespace FlowTracking {
 
-class VrfTableSm::VrfIdMapStatusSm final : public Vrf::VrfIdMap::Status::Watcher {
+class VrfTableSm::VrfIdMapStatusSm final : public NestedReactor<Vrf::VrfIdMap::Status, VrfTableSm> {
  public:
-  explicit VrfIdMapStatusSm(VrfTableSm& sm) : Watcher(sm.vrfIdMapStatus_), sm_(sm) {}
+  using NestedReactor::NestedReactor;
   void handleVrf(VrfId id) override { sm_.handleVrfIndex(id); }
-
- private:
-  VrfTableSm& sm_;
 };
 
 VrfTableSm::VrfTableSm(Ptr<OptionsDataSource> dataSource, Ptr<OptionsDataUpdate> dataUpdate,
                        Ptr<const Vrf::VrfIdMap::Status> vrfIdMapStatus)
-    : dataSource_(std::move(dataSource)),
-      dataUpdate_(std::move(dataUpdate)),
+    : OptionsDataSourceSm(std::move(dataSource), std::move(dataUpdate), setId()),
       vrfIdMapStatus_(std::move(vrfIdMapStatus)),
-      vrfIdMapStatusSm_(std::make_unique<VrfIdMapStatusSm>(*this)) {
+      vrfIdMapStatusSm_(std::make_unique<VrfIdMapStatusSm>(vrfIdMapStatus_, *this)) {
   handleInitialized();
 }
 VrfTableSm::~VrfTableSm() = default;
@@ -44,67 +37,51 @@ Ptr<DataRecord> VrfTableSm::makeDataRecord(VrfId vrfId, const std::string& vrfNa
   TARN_ASSERT(pos == max);
   return dataRecordFactory({buf.data(), max});
 }
-
-void VrfTableSm::handleInitialized() {
-  initialized_ = true;
-  handleVrfIndexAll();
+void VrfTableSm::assertCount_p() const {
+  TARN_ASSERT_AS(dataRecords() + 1 == dataSource()->dataRecords(),
+                 "( dataRecords() + 1 ) == dataSource()->dataRecords()");
 }
+
+void VrfTableSm::handleInitialized() { handleVrfIndexAll(); }
 void VrfTableSm::handleVrfIndexAll() {
-  trace(TraceLevel::event, "VrfTableSm::", "handleVrfIndexAll",
-        " map count:", vrfIdMapStatus_->vrf().size());
-  dataSource_->dataRecordDelAll();
-  dataSource_->dataRecordIs(makeDataRecord(noVrf, ""));
-  for (const auto& [id, name] : vrfIdMapStatus_->vrf()) {
-    const auto record = makeDataRecord(id, name.stringValue());
-    dataSource_->dataRecordIs(record);
-    dataRecord_[id] = record;
-  }
-  dataSource_->versionInc(1);
+  traceOf(TraceLevel::event, "VrfTableSm", "handleVrfIndexAll", {},
+          "map count:", vrfIdMapStatus_->vrf().size());
+  clear_p();
+  // A watcher of the status that hears of a removal before this table may ask for the rebuild.
+  std::erase_if(dataRecord_,
+                [this](const auto& own) { return !vrfIdMapStatus_->vrf().contains(own.first); });
+  dataSource()->dataRecordIs(makeDataRecord(noVrf, ""));
+  for (const auto& [id, name] : vrfIdMapStatus_->vrf())
+    store_p(dataRecord_, id, makeDataRecord(id, name.stringValue()));
+  finish_p();
 }
 void VrfTableSm::handleVrfIndex(VrfId vrfId) {
-  TARN_ASSERT_AS(initialized(), "initialized()");
-  if (auto old = dataRecord_.find(vrfId); old != dataRecord_.end()) {
-    dataSource_->dataRecordDel(old->second);
-    dataRecord_.erase(old);
-  }
-  const auto entry = vrfIdMapStatus_->vrf().find(vrfId);
-  if (entry == vrfIdMapStatus_->vrf().end()) {
-    trace(TraceLevel::event, "VrfTableSm::", "handleVrfIndex ", "vrfIndex: ", vrfId,
-          ", name not present. ");
-  } else {
+  renew_p(dataRecord_, vrfId, [&]() -> Ptr<DataRecord> {
+    const auto entry = vrfIdMapStatus_->vrf().find(vrfId);
+    if (entry == vrfIdMapStatus_->vrf().end()) {
+      traceOf(TraceLevel::event, "VrfTableSm", "handleVrfIndex", {}, "vrfIndex: ", vrfId,
+              ", name not present. ");
+      return {};
+    }
     const std::string& name = entry->second.stringValue();
-    const auto record = makeDataRecord(vrfId, name);
-    trace(TraceLevel::event, "VrfTableSm::", "handleVrfIndex ", "vrfIndex: ", vrfId,
-          ", name: ", name, ", record len: ", record->dataLen());
-    dataUpdate_->addUpdate(setIdVal_, record);
-    dataSource_->dataRecordIs(record);
-    dataRecord_[vrfId] = record;
-  }
-  TARN_ASSERT_AS(dataRecords() + 1 == dataSource_->dataRecords(),
-                 "( dataRecords() + 1 ) == dataSource()->dataRecords()");
-  dataSource_->versionInc(1);
+    auto record = makeDataRecord(vrfId, name);
+    traceOf(TraceLevel::event, "VrfTableSm", "handleVrfIndex", {}, "vrfIndex: ", vrfId,
+            ", name: ", name, ", record len: ", record->dataLen());
+    return record;
+  });
 }
 
 AttrRows VrfTableSm::attrRows() const {
   using S = VrfTableSm;
-  static constexpr AttrRow rows[] = {
-      childRow<&S::dataSource>("dataSource"),        row<&S::dataRecords>("dataRecords"),
-      row<&S::setIdVal, &S::setIdValIs>("setIdVal"), row<&S::sourceName>("sourceName"),
-      row<&S::initialized>("initialized"),
-  };
+  static constexpr auto rows =
+      rowsWith_p({setIdRow_p<S>(), refRow<&S::vrfIdMapStatus_>("vrfIdMapStatus"),
+                  row<&S::dataRecords>("dataRecords"), mapRow<&S::dataRecord_>("dataRecord")});
   return rows;
-}
-Ptr<VrfTableSm> VrfTableSm::VrfTableSmIs(Ptr<OptionsDataSource> dataSource,
-                                         Ptr<OptionsDataUpdate> dataUpdate,
-                                         Ptr<const Vrf::VrfIdMap::Status> vrfIdMapStatus) {
-  return Ptr<VrfTableSm>::adopt(
-      new VrfTableSm(std::move(dataSource), std::move(dataUpdate), std::move(vrfIdMapStatus)));
 }
 Ptr<VrfTableSm> vrfTableSmFactory(Ptr<OptionsDataSource> dataSource,
                                   Ptr<OptionsDataUpdate> dataUpdate,
                                   Ptr<const Vrf::VrfIdMap::Status> vrfIdMapStatus) {
-  return VrfTableSm::VrfTableSmIs(std::move(dataSource), std::move(dataUpdate),
-                                  std::move(vrfIdMapStatus));
+  return make<VrfTableSm>(std::move(dataSource), std::move(dataUpdate), std::move(vrfIdMapStatus));
 }
 
 }  // namespace FlowTracking

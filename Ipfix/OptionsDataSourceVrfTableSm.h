@@ -3,32 +3,32 @@
 #include <memory>
 #include <string>
 
-#include "Ipfix/OptionsDataExporter.h"
-#include "platform/IpfixTypes.h"
+#include "Ipfix/OptionsDataSourceSm.h"
 #include "platform/Vrf.h"
 
 namespace FlowTracking {
 
 /// Keeps the VRF table in step with the host's VRFs: a record per VRF, and one with an empty name
 /// for flows that belong to none.
-class TARN_API VrfTableSm final : public Entity {
+class TARN_API VrfTableSm final : public OptionsDataSourceSm {
  public:
   static constexpr TemplateId setId() {
     return Constants::reservedTemplateId(StaticTemplateId::vrfTable);
   }
   static constexpr VrfId noVrf = 0xffffff;
 
-  static Ptr<VrfTableSm> VrfTableSmIs(Ptr<OptionsDataSource> dataSource,
-                                      Ptr<OptionsDataUpdate> dataUpdate,
-                                      Ptr<const Vrf::VrfIdMap::Status> vrfIdMapStatus);
+  VrfTableSm(Ptr<OptionsDataSource> dataSource, Ptr<OptionsDataUpdate> dataUpdate,
+             Ptr<const Vrf::VrfIdMap::Status> vrfIdMapStatus);
   ~VrfTableSm() override;
+  template <class... A>
+  static Ptr<VrfTableSm> VrfTableSmIs(A&&... a) {
+    return make<VrfTableSm>(std::forward<A>(a)...);
+  }
 
-  const Ptr<OptionsDataSource>& dataSource() const { return dataSource_; }
-  /// The template id under which updates are announced.
-  TemplateId setIdVal() const { return setIdVal_; }
-  void setIdValIs(TemplateId id) { setIdVal_ = id; }
-  const std::string& sourceName() const { return dataSource_->name(); }
-  bool initialized() const { return initialized_; }
+  const Ptr<const Vrf::VrfIdMap::Status>& vrfIdMapStatus() const { return vrfIdMapStatus_; }
+  /// The records of the VRFs, without the reserved one.
+  const std::map<VrfId, Ptr<DataRecord>>& dataRecord() const { return dataRecord_; }
+  Ptr<DataRecord> dataRecord(VrfId id) const { return find(dataRecord_, id); }
   size_t dataRecords() const { return dataRecord_.size(); }
 
   void handleInitialized();
@@ -41,15 +41,10 @@ class TARN_API VrfTableSm final : public Entity {
 
  private:
   class VrfIdMapStatusSm;
-  VrfTableSm(Ptr<OptionsDataSource> dataSource, Ptr<OptionsDataUpdate> dataUpdate,
-             Ptr<const Vrf::VrfIdMap::Status> vrfIdMapStatus);
+  void assertCount_p() const override;
 
-  Ptr<OptionsDataSource> dataSource_;
-  Ptr<OptionsDataUpdate> dataUpdate_;
   Ptr<const Vrf::VrfIdMap::Status> vrfIdMapStatus_;
   std::map<VrfId, Ptr<DataRecord>> dataRecord_;
-  bool initialized_ = false;
-  TemplateId setIdVal_ = setId();
   std::unique_ptr<VrfIdMapStatusSm> vrfIdMapStatusSm_;
 };
 TARN_API Ptr<VrfTableSm> vrfTableSmFactory(Ptr<OptionsDataSource> dataSource,
