@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -280,13 +281,18 @@ class ChildMap {
   }
   /// Takes the child out of the map, then retires it. `key` may be the map's own.
   bool del(const Key& key) {
+    if (const auto it = beingMade_.find(key); it != beingMade_.end()) it->second->retire();
     const auto old = map_.extract(key);
     if (old) old.mapped()->retire();
     return bool{old};
   }
   void delAll() {
+    for (const auto& [key, child] : std::map(beingMade_)) child->retire();
     for (const Map old = std::exchange(map_, {}); const auto& [key, child] : old) child->retire();
   }
+  /// A child whose constructor notifies may call this first. Then `del` and `delAll` retire it
+  /// although it is not stored yet, and whatever is made in its place finds all given back.
+  void beingMade(const Key& key, Child& child) { beingMade_[key] = &child; }
 
   /// Brings the child under `key` in step with what there is now to make it of.
   ///   fits(child): the child is made of just that;
@@ -309,7 +315,8 @@ class ChildMap {
       }
       if (owner.retired() || map_.contains(key)) continue;
       const Ptr<Child> child = make(key);
-      if (!child) continue;
+      beingMade_.erase(key);
+      if (!child || child->retired()) continue;
       if (owner.retired()) {
         child->retire();
       } else {
@@ -321,8 +328,9 @@ class ChildMap {
 
  private:
   Map map_;
-  std::map<Key, bool>
-      askedAgain_;  // keys whose child is being made or removed further up the stack
+  /// Keys whose child is being made or removed further up the stack.
+  std::map<Key, bool> askedAgain_;
+  std::map<Key, Child*> beingMade_;
 };
 
 namespace detail {
@@ -379,7 +387,8 @@ const std::map<Key, Ptr<Child>>& mapOf(const ChildMap<Child, Key>& map) {
 /// In each of these, `Get` is an accessor or a data member: `row<&E::dscp, &E::dscpIs>("dscp")`,
 /// `mapRow<&E::collInfo_>("collInfo")`.
 ///
-/// A value attribute; settable when the setter is given too.
+/// A value attribute; settable when the setter is given too. A setter refuses a value by
+/// std::range_error; by name that is a bad text.
 template <auto Get>
 constexpr AttrRow row(std::string_view name) {
   using M = detail::MemberOf<decltype(Get)>;
@@ -394,7 +403,11 @@ constexpr AttrRow row(std::string_view name) {
   r.set = [](Entity& e, std::string_view text) {
     typename S::Arg value{};
     if (!fromText(text, value)) return false;
-    (static_cast<typename S::Class&>(e).*Set)(std::move(value));
+    try {
+      (static_cast<typename S::Class&>(e).*Set)(std::move(value));
+    } catch (const std::range_error&) {
+      return false;
+    }
     return true;
   };
   return r;

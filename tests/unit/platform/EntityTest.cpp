@@ -274,6 +274,134 @@ TEST(Entity, AgreesWithAMapUnderRandomChanges) {
   }
 }
 
+/// A reactor over a `Thing` that makes a child for each of its items. Whatever it does and hears,
+/// the test may change anything meanwhile.
+struct Sm;
+struct Restless {
+  Sm* owner(const Thing* thing) const {
+    const auto it = owners.find(thing);
+    return it == owners.end() ? nullptr : it->second;
+  }
+  void act() {
+    if (depth < 4 && random() % 3 == 0) change();
+  }
+  void change();
+  std::string key() { return std::to_string(random() % 3); }
+  std::mt19937 random;
+  int depth = 0;
+  Ptr<Thing> thing = Thing::make();
+  std::map<const Thing*, Sm*> owners;  // the reactor that was made for it last
+  size_t live = 0;
+};
+struct Sm final : Entity {
+  struct ThingSm final : NestedReactor<Thing, Sm> {
+    using NestedReactor::NestedReactor;
+    void handleSize() override {
+      called([] {});
+    }
+    void handleItem(const std::string& key) override {
+      called([&] { sm_.handleItem(key); });
+    }
+    template <class F>
+    void called(F f) {
+      EXPECT_FALSE(sm_.retired());
+      sm_.host.act();
+      if (!sm_.retired()) f();
+    }
+  };
+  Sm(Ptr<Thing> t, Restless& h, ChildMap<Sm>* siblings = nullptr, std::string k = {})
+      : host(h), thing(std::move(t)), key(std::move(k)), thingSm(thing, *this) {
+    ++host.live;
+    host.owners[thing.get()] = this;
+    if (siblings) siblings->beingMade(key, *this);
+    for (const auto& item : keysOf(thing->item())) handleItem(item);
+    host.act();
+  }
+  void handleItem(const std::string& item) {
+    children.reconcile(
+        *this, item, [this](const Sm& c) { return !c.unfit && c.thing == thing->item(c.key); },
+        [this](const std::string&) { host.act(); },
+        [this](const std::string& k) -> Ptr<Sm> {
+          host.act();
+          const auto child = thing->item(k);
+          if (!child || retired()) return {};
+          return make<Sm>(child, host, &children, k);
+        });
+  }
+  void handleRetired() override {
+    host.act();
+    children.delAll();
+    host.act();
+    if (host.owner(thing.get()) == this) host.owners.erase(thing.get());
+    --host.live;
+  }
+  void check(size_t& seen) const {
+    ++seen;
+    ASSERT_FALSE(retired());
+    ASSERT_EQ(host.owner(thing.get()), this);
+    ASSERT_EQ(keysOf(children.all()), keysOf(thing->item()));
+    for (const auto& [name, child] : children.all()) {
+      ASSERT_EQ(child->thing, thing->item(name));
+      ASSERT_NO_FATAL_FAILURE(child->check(seen));
+    }
+  }
+  Restless& host;
+  Ptr<Thing> thing;
+  std::string key;
+  bool unfit = false;
+  ThingSm thingSm;
+  ChildMap<Sm> children;
+};
+void Restless::change() {
+  ++depth;
+  Ptr<Thing> at = thing;
+  while (random() % 2 && !at->item().empty()) at = at->item(keysOf(at->item())[0]);
+  const std::string k = key();
+  switch (random() % 5) {
+    case 0: {  // a new one, or one that comes with items of its own
+      auto fresh = Thing::make();
+      if (random() % 2) fresh->itemIs(key(), Thing::make());
+      at->itemIs(k, fresh);
+      break;
+    }
+    case 1:
+      at->itemDel(k);
+      break;
+    case 2:  // away and here again
+      if (const auto same = at->item(k)) {
+        at->itemDel(k);
+        if (!at->item(k)) at->itemIs(k, same);
+      }
+      break;
+    case 3:
+      at->sizeIs(at->size() + 1);
+      break;
+    default:  // another reactor for the same
+      if (const Ptr<Sm> sm(owner(at.get())); sm) {
+        if (const auto child = sm->children.find(k)) child->unfit = true;
+        sm->handleItem(k);
+      }
+  }
+  --depth;
+}
+TEST(Reactors, AnyHandlerMayLetAnyOfThemGo) {
+  for (unsigned seed = 1; seed <= 40; ++seed) {
+    SCOPED_TRACE(seed);
+    Restless host;
+    host.random.seed(seed);
+    auto root = make<Sm>(host.thing, host);
+    for (int step = 0; step < 300 && !HasFailure(); ++step) {
+      SCOPED_TRACE(step);
+      host.change();
+      size_t seen = 0;
+      ASSERT_NO_FATAL_FAILURE(root->check(seen));
+      ASSERT_EQ(host.live, seen) << "one is left that nobody wants";
+    }
+    root = nullptr;
+    ASSERT_EQ(host.live, 0u);
+  }
+}
+
 /// Every entity type that hosts and operators reach by name.
 std::map<std::string, Ptr<Entity>> allTypes() {
   using namespace HwFlowTracking;
