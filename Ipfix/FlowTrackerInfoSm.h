@@ -24,14 +24,18 @@ class TARN_API CollectorInfo final : public Entity {
   class TARN_API Watcher : public EntityWatcher<CollectorInfo> {
    public:
     using EntityWatcher::EntityWatcher;
+    virtual void handleIpfixMsgSeqNo() {}
     virtual void handleOptTemplateSent() {}
   };
   explicit CollectorInfo(std::string name) : name_(std::move(name)) {}
   const std::string& name() const { return name_; }
-  /// Data records sent to this collector so far, modulo 2^32. Not watched: it moves per message.
+  /// Data records sent to this collector so far, modulo 2^32. The senders advance it once for each
+  /// message, so its watchers must be quick.
   ::Ipfix::IpfixMsgSeqNo ipfixMsgSeqNo() const { return ipfixMsgSeqNo_; }
-  void ipfixMsgSeqNoIs(::Ipfix::IpfixMsgSeqNo v) { ipfixMsgSeqNo_ = v; }
-  void ipfixMsgSeqNoInc(uint32_t n) { ipfixMsgSeqNo_ = ipfixMsgSeqNo_ + ::Ipfix::IpfixMsgSeqNo(n); }
+  void ipfixMsgSeqNoIs(::Ipfix::IpfixMsgSeqNo v) {
+    set(ipfixMsgSeqNo_, v, &Watcher::handleIpfixMsgSeqNo);
+  }
+  void ipfixMsgSeqNoInc(uint32_t n) { ipfixMsgSeqNoIs(ipfixMsgSeqNo_ + ::Ipfix::IpfixMsgSeqNo(n)); }
   /// The collector has been sent the options templates.
   bool optTemplateSent() const { return optTemplateSent_; }
   void optTemplateSentIs(bool v) { set(optTemplateSent_, v, &Watcher::handleOptTemplateSent); }
@@ -61,8 +65,10 @@ class TARN_API ExporterInfo final : public Entity {
   const std::string& name() const { return name_; }
   const std::map<std::string, Ptr<CollectorInfo>>& collInfo() const { return collInfo_; }
   Ptr<CollectorInfo> collInfo(const std::string& name) const { return find(collInfo_, name); }
-  /// The entry of that name, made when there is none.
-  Ptr<CollectorInfo> collInfoIs(const std::string& name);
+  /// The entry of that name, which this makes when there is none.
+  Ptr<CollectorInfo> collInfoIs(const std::string& name) {
+    return made(collInfo_, name, &Watcher::handleCollInfo);
+  }
   void collInfoDel(const std::string& name) { del(collInfo_, name, &Watcher::handleCollInfo); }
   void collInfoDelAll() { delAll(collInfo_, &Watcher::handleCollInfo); }
   /// The open endpoint of each family, or null.
@@ -100,7 +106,9 @@ class TARN_API FlowTrackerInfo final : public Entity {
   const std::string& name() const { return name_; }
   const std::map<std::string, Ptr<ExporterInfo>>& expInfo() const { return expInfo_; }
   Ptr<ExporterInfo> expInfo(const std::string& name) const { return find(expInfo_, name); }
-  Ptr<ExporterInfo> expInfoIs(const std::string& name);
+  Ptr<ExporterInfo> expInfoIs(const std::string& name) {
+    return made(expInfo_, name, &Watcher::handleExpInfo);
+  }
   void expInfoDel(const std::string& name) { del(expInfo_, name, &Watcher::handleExpInfo); }
   void expInfoDelAll() { delAll(expInfo_, &Watcher::handleExpInfo); }
 
@@ -124,7 +132,9 @@ class TARN_API FlowTrackingInfo final : public Entity {
   FlowTrackingType flowTrackingType() const { return flowTrackingType_; }
   const std::map<std::string, Ptr<FlowTrackerInfo>>& ftInfo() const { return ftInfo_; }
   Ptr<FlowTrackerInfo> ftInfo(const std::string& name) const { return find(ftInfo_, name); }
-  Ptr<FlowTrackerInfo> ftInfoIs(const std::string& name);
+  Ptr<FlowTrackerInfo> ftInfoIs(const std::string& name) {
+    return made(ftInfo_, name, &Watcher::handleFtInfo);
+  }
   void ftInfoDel(const std::string& name) { del(ftInfo_, name, &Watcher::handleFtInfo); }
   void ftInfoDelAll() { delAll(ftInfo_, &Watcher::handleFtInfo); }
 
@@ -159,6 +169,11 @@ struct V4 {
   static void pamIs(Info& i, Ptr<UdpPam> pam) {
     i.udpPam4Is(std::move(pam));
   }
+  template <class Info>
+  static void pamReadyIs(Info& i, bool v) {
+    i.udpPam4ReadyIs(v);
+  }
+  static void rxAddrIs(UdpPam& pam, const IpGenAddr& a) { pam.rxIpAddrIs(a.ipAddr()); }
   static uint16_t rxPort(const ExporterInfo& i) { return i.rxPort4(); }
   static void rxPortIs(ExporterInfo& i, uint16_t port) { i.rxPort4Is(port); }
   static Tarn::Ipfix::CollectorInfo info(const Dst& d) {
@@ -190,6 +205,11 @@ struct V6 {
   static void pamIs(Info& i, Ptr<UdpPam> pam) {
     i.udpPam6Is(std::move(pam));
   }
+  template <class Info>
+  static void pamReadyIs(Info& i, bool v) {
+    i.udpPam6ReadyIs(v);
+  }
+  static void rxAddrIs(UdpPam& pam, const IpGenAddr& a) { pam.rxIp6AddrIs(a.ip6Addr()); }
   static uint16_t rxPort(const ExporterInfo& i) { return i.rxPort6(); }
   static void rxPortIs(ExporterInfo& i, uint16_t port) { i.rxPort6Is(port); }
   static Tarn::Ipfix::CollectorInfo info(const Dst& d) {
@@ -201,8 +221,8 @@ struct V6 {
   }
 };
 
-/// Told by the host when an exporter's readiness changes; arguments: kind of tracking, exporter,
-/// VRF, kind of tracking, tracker.
+/// The host logs one of these two messages when an exporter's readiness changes. Arguments: kind of
+/// tracking, exporter, VRF, kind of tracking, tracker.
 inline constexpr LogMessage exporterActiveMessage{
     .name = "FLOWTRACKING_EXPORTER_ACTIVE",
     .severity = 6,
@@ -219,36 +239,46 @@ inline constexpr LogMessage exporterInactiveMessage{
         "and that both have valid IP addresses."};
 
 /// Keeps one exporter: its collectors' sequence numbers, an endpoint per family whose source
-/// address is resolved, and its readiness in the configuration entity.
+/// address is resolved, and its readiness in the configuration entity. When it is retired it closes
+/// the endpoints, drops the collectors' state and writes not-ready back.
 class TARN_API ExporterInfoSm final : public Entity {
  public:
-  static Ptr<ExporterInfoSm> ExporterInfoSmIs(FlowTrackingType ftrType, const std::string& ftName,
-                                              const std::string& expName,
-                                              Ptr<HwFlowTracking::ExporterConfig> hwExpConfig,
-                                              Ptr<ExporterInfo> expInfo,
-                                              Ptr<TaskSchedulerRoot> scheduler,
-                                              Ptr<::Ipfix::AgentInfo> agentInfo);
-  /// Closes the endpoints, drops the collectors' state and writes not-ready back.
+  /// `siblings`: the map that its owner will keep it in.
+  ExporterInfoSm(FlowTrackingType ftrType, const std::string& ftName, const std::string& expName,
+                 Ptr<HwFlowTracking::ExporterConfig> hwExpConfig, Ptr<ExporterInfo> expInfo,
+                 Ptr<TaskSchedulerRoot> scheduler, Ptr<::Ipfix::AgentInfo> agentInfo,
+                 ChildMap<ExporterInfoSm>* siblings = nullptr);
   ~ExporterInfoSm() override;
+  template <class... A>
+  static Ptr<ExporterInfoSm> ExporterInfoSmIs(A&&... a) {
+    return make<ExporterInfoSm>(std::forward<A>(a)...);
+  }
 
   FlowTrackingType ftrType() const { return ftrType_; }
+  const std::string& ftName() const { return ftName_; }
+  const std::string& expName() const { return expName_; }
   const Ptr<HwFlowTracking::ExporterConfig>& hwExpConfig() const { return hwExpConfig_; }
   const Ptr<ExporterInfo>& expInfo() const { return expInfo_; }
+  const Ptr<TaskSchedulerRoot>& scheduler() const { return scheduler_; }
+  const Ptr<::Ipfix::AgentInfo>& agentInfo() const { return agentInfo_; }
   bool initialized() const { return initialized_; }
   /// "<tracker> for <exporter>"
   const std::string& traceId() const { return traceId_; }
-  /// Why the host refuses the family's endpoint, which is tried again; empty when it does not.
-  const std::string& pam4Problem() const { return pam4Problem_; }
-  const std::string& pam6Problem() const { return pam6Problem_; }
+  /// Why the host refuses the family's endpoint, which the reactor tries to open again every
+  /// second; empty when the host does not refuse it.
+  const std::string& pam4Problem() const { return side_[V4::ipv6].problem; }
+  const std::string& pam6Problem() const { return side_[V6::ipv6].problem; }
 
   void handleInitialized();
   void handleCollector(const std::string& name);
   void handleCollector4();
   void handleCollector6();
-  /// The family's source or VRF changed: a fresh endpoint, or none while there is no source.
+  /// The family's source changed: opens a new endpoint, which takes the place of the old one, or
+  /// closes it where there is no source any more.
   void handlePam4Management();
   void handlePam6Management();
   void handlePam();
+  /// Opens an endpoint in place of one that there may be. Refused, the family has none.
   void createPam4();
   void createPam6();
   void deletePam4();
@@ -260,12 +290,34 @@ class TARN_API ExporterInfoSm final : public Entity {
  private:
   class HwExpConfigSm;
   class ExpInfoSm;
-  ExporterInfoSm(FlowTrackingType ftrType, const std::string& ftName, const std::string& expName,
-                 Ptr<HwFlowTracking::ExporterConfig> hwExpConfig, Ptr<ExporterInfo> expInfo,
-                 Ptr<TaskSchedulerRoot> scheduler, Ptr<::Ipfix::AgentInfo> agentInfo);
-  /// A new endpoint in service, or null and the reason when the host refuses it.
-  Ptr<UdpPam> openPam_p(const char* prefix, bool ipv6, std::string& problem);
+  /// What there is once for each family.
+  struct Side {
+    std::string problem;
+    /// Counts the changes of the endpoint. A change notifies; a handler may make another one, and
+    /// the first then leaves what remains of it undone.
+    uint32_t change = 0;
+  };
+  template <class F>
+  Side& side_p() {
+    return side_[F::ipv6];
+  }
+  template <class F>
+  void handleCollectors_p();
+  template <class F>
+  void managePam_p();
+  template <class F>
+  void createPam_p();
+  template <class F>
+  void deletePam_p();
+  template <class F>
+  void handleVrfName_p();
+  template <class F>
+  void writeReady_p();
+  /// A new endpoint in service, or null and the problem noted when the host refuses it.
+  template <class F>
+  Ptr<UdpPam> openPam_p();
   void retryPams_p();
+  void handleRetired() override { handleDestroyed(); }
 
   FlowTrackingType ftrType_;
   std::string ftName_;
@@ -276,8 +328,7 @@ class TARN_API ExporterInfoSm final : public Entity {
   Ptr<::Ipfix::AgentInfo> agentInfo_;
   std::string traceId_;
   bool initialized_ = false;
-  std::string pam4Problem_;
-  std::string pam6Problem_;
+  Side side_[2];
   std::unique_ptr<HwExpConfigSm> hwExpConfigSm_;
   std::unique_ptr<ExpInfoSm> expInfoSm_;
   std::unique_ptr<TimerTask> pamRetryTask_;
@@ -290,25 +341,34 @@ TARN_API Ptr<ExporterInfoSm> exporterInfoSmFactory(
 /// Keeps one tracker: an `ExporterInfoSm` and an `ExporterInfo` per configured exporter.
 class TARN_API FlowTrackerInfoSm final : public Entity {
  public:
-  static Ptr<FlowTrackerInfoSm> FlowTrackerInfoSmIs(FlowTrackingType ftrType,
-                                                    const std::string& ftName,
-                                                    Ptr<HwFlowTracking::FtConfig> hwFtConfig,
-                                                    Ptr<FlowTrackerInfo> ftInfo,
-                                                    Ptr<TaskSchedulerRoot> scheduler,
-                                                    Ptr<::Ipfix::AgentInfo> agentInfo);
+  /// `siblings`: the map that its owner will keep it in.
+  FlowTrackerInfoSm(FlowTrackingType ftrType, const std::string& ftName,
+                    Ptr<HwFlowTracking::FtConfig> hwFtConfig, Ptr<FlowTrackerInfo> ftInfo,
+                    Ptr<TaskSchedulerRoot> scheduler, Ptr<::Ipfix::AgentInfo> agentInfo,
+                    ChildMap<FlowTrackerInfoSm>* siblings = nullptr);
   ~FlowTrackerInfoSm() override;
+  template <class... A>
+  static Ptr<FlowTrackerInfoSm> FlowTrackerInfoSmIs(A&&... a) {
+    return make<FlowTrackerInfoSm>(std::forward<A>(a)...);
+  }
 
+  FlowTrackingType ftrType() const { return ftrType_; }
+  const std::string& ftName() const { return ftName_; }
   const Ptr<HwFlowTracking::FtConfig>& hwFtConfig() const { return hwFtConfig_; }
+  const Ptr<FlowTrackerInfo>& ftInfo() const { return ftInfo_; }
+  const Ptr<TaskSchedulerRoot>& scheduler() const { return scheduler_; }
+  const Ptr<::Ipfix::AgentInfo>& agentInfo() const { return agentInfo_; }
   bool initialized() const { return initialized_; }
-  Ptr<ExporterInfoSm> expInfoSm(const std::string& name) const { return find(expInfoSm_, name); }
+  const std::map<std::string, Ptr<ExporterInfoSm>>& expInfoSm() const { return expInfoSm_.all(); }
+  Ptr<ExporterInfoSm> expInfoSm(const std::string& name) const { return expInfoSm_.find(name); }
+  /// Makes the reactor of that exporter in place of one that there may be.
   Ptr<ExporterInfoSm> expInfoSmIs(FlowTrackingType ftrType, const std::string& ftName,
                                   const std::string& expName,
                                   Ptr<HwFlowTracking::ExporterConfig> hwExpConfig,
                                   Ptr<ExporterInfo> expInfo, Ptr<TaskSchedulerRoot> scheduler,
                                   Ptr<::Ipfix::AgentInfo> agentInfo);
-  void expInfoSmDel(const std::string& name);
-  void expInfoSmDelAll();
-  const std::map<std::string, Ptr<ExporterInfoSm>>& expInfoSms() const { return expInfoSm_; }
+  void expInfoSmDel(const std::string& name) { expInfoSm_.del(name); }
+  void expInfoSmDelAll() { expInfoSm_.delAll(); }
 
   void handleInitialized();
   void handleHwExpConfig(const std::string& exporterName);
@@ -317,9 +377,7 @@ class TARN_API FlowTrackerInfoSm final : public Entity {
 
  private:
   class HwFtConfigSm;
-  FlowTrackerInfoSm(FlowTrackingType ftrType, const std::string& ftName,
-                    Ptr<HwFlowTracking::FtConfig> hwFtConfig, Ptr<FlowTrackerInfo> ftInfo,
-                    Ptr<TaskSchedulerRoot> scheduler, Ptr<::Ipfix::AgentInfo> agentInfo);
+  void handleRetired() override { expInfoSmDelAll(); }
 
   FlowTrackingType ftrType_;
   std::string ftName_;
@@ -328,7 +386,7 @@ class TARN_API FlowTrackerInfoSm final : public Entity {
   Ptr<TaskSchedulerRoot> scheduler_;
   Ptr<::Ipfix::AgentInfo> agentInfo_;
   bool initialized_ = false;
-  std::map<std::string, Ptr<ExporterInfoSm>> expInfoSm_;
+  ChildMap<ExporterInfoSm> expInfoSm_;
   std::unique_ptr<HwFtConfigSm> hwFtConfigSm_;
 };
 TARN_API Ptr<FlowTrackerInfoSm> flowTrackerInfoSmFactory(FlowTrackingType ftrType,
@@ -338,25 +396,31 @@ TARN_API Ptr<FlowTrackerInfoSm> flowTrackerInfoSmFactory(FlowTrackingType ftrTyp
                                                          Ptr<TaskSchedulerRoot> scheduler,
                                                          Ptr<::Ipfix::AgentInfo> agentInfo);
 
-/// The root reactor: follows the trackers of `hwConfig`.
+/// The root reactor: a `FlowTrackerInfoSm` and a `FlowTrackerInfo` per tracker of `hwConfig`.
 class TARN_API FlowTrackingInfoSm final : public Entity {
  public:
-  static Ptr<FlowTrackingInfoSm> FlowTrackingInfoSmIs(Ptr<TaskSchedulerRoot> scheduler,
-                                                      Ptr<HwFlowTracking::Config> hwConfig,
-                                                      Ptr<FlowTrackingInfo> flowTrackingInfo,
-                                                      Ptr<::Ipfix::AgentInfo> agentInfo);
+  FlowTrackingInfoSm(Ptr<TaskSchedulerRoot> scheduler, Ptr<HwFlowTracking::Config> hwConfig,
+                     Ptr<FlowTrackingInfo> flowTrackingInfo, Ptr<::Ipfix::AgentInfo> agentInfo);
   ~FlowTrackingInfoSm() override;
+  template <class... A>
+  static Ptr<FlowTrackingInfoSm> FlowTrackingInfoSmIs(A&&... a) {
+    return make<FlowTrackingInfoSm>(std::forward<A>(a)...);
+  }
 
+  const Ptr<TaskSchedulerRoot>& scheduler() const { return scheduler_; }
+  const Ptr<HwFlowTracking::Config>& hwConfig() const { return hwConfig_; }
   const Ptr<FlowTrackingInfo>& flowTrackingInfo() const { return flowTrackingInfo_; }
+  const Ptr<::Ipfix::AgentInfo>& agentInfo() const { return agentInfo_; }
   bool initialized() const { return initialized_; }
-  Ptr<FlowTrackerInfoSm> ftInfoSm(const std::string& name) const { return find(ftInfoSm_, name); }
+  const std::map<std::string, Ptr<FlowTrackerInfoSm>>& ftInfoSm() const { return ftInfoSm_.all(); }
+  Ptr<FlowTrackerInfoSm> ftInfoSm(const std::string& name) const { return ftInfoSm_.find(name); }
+  /// Makes the reactor of that tracker in place of one that there may be.
   Ptr<FlowTrackerInfoSm> ftInfoSmIs(FlowTrackingType ftrType, const std::string& ftName,
                                     Ptr<HwFlowTracking::FtConfig> hwFtConfig,
                                     Ptr<FlowTrackerInfo> ftInfo, Ptr<TaskSchedulerRoot> scheduler,
                                     Ptr<::Ipfix::AgentInfo> agentInfo);
-  void ftInfoSmDel(const std::string& name);
-  void ftInfoSmDelAll();
-  const std::map<std::string, Ptr<FlowTrackerInfoSm>>& ftInfoSms() const { return ftInfoSm_; }
+  void ftInfoSmDel(const std::string& name) { ftInfoSm_.del(name); }
+  void ftInfoSmDelAll() { ftInfoSm_.delAll(); }
 
   void handleInitialized();
   void handleHwFtConfig(const std::string& trackerName);
@@ -365,15 +429,14 @@ class TARN_API FlowTrackingInfoSm final : public Entity {
 
  private:
   class HwConfigSm;
-  FlowTrackingInfoSm(Ptr<TaskSchedulerRoot> scheduler, Ptr<HwFlowTracking::Config> hwConfig,
-                     Ptr<FlowTrackingInfo> flowTrackingInfo, Ptr<::Ipfix::AgentInfo> agentInfo);
+  void handleRetired() override { ftInfoSmDelAll(); }
 
   Ptr<TaskSchedulerRoot> scheduler_;
   Ptr<HwFlowTracking::Config> hwConfig_;
   Ptr<FlowTrackingInfo> flowTrackingInfo_;
   Ptr<::Ipfix::AgentInfo> agentInfo_;
   bool initialized_ = false;
-  std::map<std::string, Ptr<FlowTrackerInfoSm>> ftInfoSm_;
+  ChildMap<FlowTrackerInfoSm> ftInfoSm_;
   std::unique_ptr<HwConfigSm> hwConfigSm_;
 };
 TARN_API Ptr<FlowTrackingInfoSm> flowTrackingInfoSmFactory(Ptr<TaskSchedulerRoot> scheduler,
