@@ -35,28 +35,6 @@ void addField(const Ptr<ElementIdColl>& elementIdColl, const Ptr<OptionsTemplate
 
 // --- FtExporterSm ---
 
-class FtExporterSm::FtStatusSm final
-    : public NestedReactor<HwFlowTracking::FtStatus, FtExporterSm> {
- public:
-  using NestedReactor::NestedReactor;
-  void handleTemplateStatus(TemplateId id) override { sm_.handleTemplateStatus(id); }
-};
-
-FtExporterSm::FtExporterSm(const std::string& expName, const std::string& ftName, FtId ftId,
-                           Ptr<const ExporterConfig> hwExpConfig, Ptr<ExporterInfo> expInfo,
-                           Ptr<Tarn::Ipfix::CollectorStatistics> collStats,
-                           Ptr<TaskScheduler> taskScheduler,
-                           Ptr<const HwFlowTracking::FtStatus> hwFtStatus,
-                           Ptr<ElementIdColl> elementIdColl)
-    : TemplateExporterSmBase(expName, ftName, ftId, std::move(hwExpConfig), std::move(expInfo),
-                             std::move(collStats), std::move(taskScheduler)),
-      hwFtStatus_(std::move(hwFtStatus)),
-      elementIdColl_(std::move(elementIdColl)),
-      ftStatusSm_(std::make_unique<FtStatusSm>(hwFtStatus_, *this)) {
-  handleInitialized();
-}
-FtExporterSm::~FtExporterSm() = default;
-
 void FtExporterSm::handleInitialized() {
   handleStartup();
   startTemplateCreation_p();
@@ -71,11 +49,6 @@ void FtExporterSm::handleTemplateStatus(TemplateId templateId) {
   scheduleTemplateCreation_p();
 }
 
-uint32_t FtExporterSm::getFtTemplateLength() const {
-  uint32_t len = 0;
-  for (const auto& [id, sm] : templateStatus_) len += sm->getTemplateLength();
-  return len;
-}
 std::vector<TemplateExporterSmBase::TemplateRecord> FtExporterSm::templates_p() const {
   std::vector<TemplateRecord> records;
   for (const auto& [id, sm] : templateStatus_) records.push_back(sm->record());

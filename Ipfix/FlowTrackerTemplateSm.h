@@ -44,8 +44,14 @@ class TARN_API FtExporterSm final : public TemplateExporterSmBase {
                Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig, Ptr<ExporterInfo> expInfo,
                Ptr<Tarn::Ipfix::CollectorStatistics> collStats, Ptr<TaskScheduler> taskScheduler,
                Ptr<const HwFlowTracking::FtStatus> hwFtStatus,
-               Ptr<::Ipfix::ElementIdColl> elementIdColl);
-  ~FtExporterSm() override;
+               Ptr<::Ipfix::ElementIdColl> elementIdColl)
+      : TemplateExporterSmBase(expName, ftName, ftId, std::move(hwExpConfig), std::move(expInfo),
+                               std::move(collStats), std::move(taskScheduler)),
+        hwFtStatus_(std::move(hwFtStatus)),
+        elementIdColl_(std::move(elementIdColl)),
+        ftStatusSm_(hwFtStatus_, *this) {
+    handleInitialized();
+  }
   template <class... A>
   static Ptr<FtExporterSm> FtExporterSmIs(A&&... a) {
     return make<FtExporterSm>(std::forward<A>(a)...);
@@ -63,14 +69,18 @@ class TARN_API FtExporterSm final : public TemplateExporterSmBase {
     return it == templateStatus_.end() ? nullptr : it->second.get();
   }
   /// Octets of all template records.
-  uint32_t getFtTemplateLength() const;
+  uint32_t getFtTemplateLength() const { return templatesLen_p(); }
   void handleInitialized();
   void handleTemplateStatus(TemplateId templateId);
 
   AttrRows attrRows() const override;
 
  private:
-  class FtStatusSm;
+  class FtStatusSm final : public NestedReactor<HwFlowTracking::FtStatus, FtExporterSm> {
+   public:
+    using NestedReactor::NestedReactor;
+    void handleTemplateStatus(TemplateId id) override { sm_.handleTemplateStatus(id); }
+  };
   const char* className_p() const override { return "FtExporterSm"; }
   const char* noTemplates_p() const override {
     return "Returning because no flow group configured.";
@@ -84,7 +94,7 @@ class TARN_API FtExporterSm final : public TemplateExporterSmBase {
   Ptr<const HwFlowTracking::FtStatus> hwFtStatus_;
   Ptr<::Ipfix::ElementIdColl> elementIdColl_;
   TemplateStatusMap templateStatus_;
-  std::unique_ptr<FtStatusSm> ftStatusSm_;
+  FtStatusSm ftStatusSm_;
 };
 TARN_API Ptr<FtExporterSm> ftExporterSmFactory(
     const std::string& expName, const std::string& ftName, FtId ftId,

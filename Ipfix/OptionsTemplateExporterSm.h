@@ -17,8 +17,13 @@ class TARN_API OptionsTemplateExporterSm final : public TemplateExporterSmBase {
                             Ptr<ExporterInfo> expInfo,
                             Ptr<Tarn::Ipfix::CollectorStatistics> collStats,
                             Ptr<TaskScheduler> taskScheduler,
-                            Ptr<const OptionsTemplateConfig> optTemplateConfig);
-  ~OptionsTemplateExporterSm() override;
+                            Ptr<const OptionsTemplateConfig> optTemplateConfig)
+      : TemplateExporterSmBase(expName, ftName, ftId, std::move(hwExpConfig), std::move(expInfo),
+                               std::move(collStats), std::move(taskScheduler)),
+        optTemplateConfig_(std::move(optTemplateConfig)),
+        configSm_(optTemplateConfig_, *this) {
+    handleInitialized();
+  }
   template <class... A>
   static Ptr<OptionsTemplateExporterSm> OptionsTemplateExporterSmIs(A&&... a) {
     return make<OptionsTemplateExporterSm>(std::forward<A>(a)...);
@@ -35,25 +40,28 @@ class TARN_API OptionsTemplateExporterSm final : public TemplateExporterSmBase {
 
   const Ptr<const OptionsTemplateConfig>& optTemplateConfig() const { return optTemplateConfig_; }
   /// Octets of all the configuration's template records.
-  uint32_t getTemplateLength() const;
-  void handleInitialized();
+  uint32_t getTemplateLength() const { return templatesLen_p(); }
+  void handleInitialized() {
+    handleStartup();
+    startTemplateCreation_p();
+  }
   void handleOptTemplateConfigVersion() { scheduleTemplateCreation_p(); }
 
   AttrRows attrRows() const override;
 
  private:
-  friend TARN_API uint32_t getTemplateEntryLength(const OptionsTemplate& optionsTemplate);
-  class ConfigSm;
-  static TemplateRecord record_p(const OptionsTemplate& entry) {
-    return {entry.templateId(), &entry.scopeField(), &entry.field()};
-  }
+  class ConfigSm final : public NestedReactor<OptionsTemplateConfig, OptionsTemplateExporterSm> {
+   public:
+    using NestedReactor::NestedReactor;
+    void handleVersion() override { sm_.handleOptTemplateConfigVersion(); }
+  };
   const char* className_p() const override { return "OptionsTemplateExporterSm"; }
   const char* noTemplates_p() const override { return "no options templates to send"; }
   std::vector<TemplateRecord> templates_p() const override;
   void checkField_p(const HwFlowTracking::FtTemplateEntry& entry, bool scope) const override;
 
   Ptr<const OptionsTemplateConfig> optTemplateConfig_;
-  std::unique_ptr<ConfigSm> configSm_;
+  ConfigSm configSm_;
 };
 TARN_API Ptr<OptionsTemplateExporterSm> optionsTemplateExporterSmFactory(
     const std::string& expName, const std::string& ftName, FtId ftId,

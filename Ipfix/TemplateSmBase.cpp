@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <numeric>
+#include <optional>
 
 #include "Ipfix/FlowTrackerPktTxUtil.h"
 #include "Ipfix/MessageBuilder.h"
@@ -28,32 +29,172 @@ class OptionsTemplateHeader : public TemplateHeader {
 };
 }  // namespace
 
+template <class... A>
+void TemplateExporterSmBase::say_p(int level, const char* handler, const A&... what) const {
+  traceOf(level, "TemplateExporterSmBase", handler, traceId_, what...);
+}
+
+/// Sends over one address family, `V4` or `V6`. Sending and counting notify watchers that may
+/// change anything, so configuration and endpoint are read again after each of those calls.
+template <class V>
+class TemplateExporterSmBase::Family {
+ public:
+  using Dst = typename V::Dst;
+  using Collectors = std::map<std::string, Dst>;
+  Family(TemplateExporterSmBase& sm, Collectors& collector, bool& sending)
+      : sm_(sm), collector_(collector), sending_(sending) {}
+
+  bool has(const std::string& name) const {
+    const auto now = configured().find(name);
+    return now != configured().end() && info(name) && ready() && !lacks(name, now->second);
+  }
+
+  void maybeTxTemplate_p(Pass pass = Pass::lacking) {
+    if (sm_.retired()) return;
+    if (ready()) {
+      for (const auto& name : keysOf(configured())) txTo(name, pass);
+    } else {
+      sent_.clear();
+    }
+    settle();
+  }
+
+  void handleCollectorIpAndPort(const std::string& name) {
+    if (sm_.retired()) return;
+    const auto now = configured().find(name);
+    const bool gone = now == configured().end();
+    std::optional<Dst> left;  // the address that this collector no longer has
+    if (const auto own = collector_.find(name); own != collector_.end()) {
+      if (gone || own->second != now->second) left = own->second;
+    } else if (gone) {
+      return;
+    }
+    if (gone) {
+      collector_.erase(name);
+      if (!sm_.collector4_.contains(name) && !sm_.collector6_.contains(name))
+        sm_.exportTimeU32Del(name);
+    } else {
+      collector_[name] = now->second;
+    }
+    if (gone || !info(name)) sent_.erase(name);  // when it returns, it is a new session
+    if (left) statsDel(*left);
+    // While nobody of the family is being sent to, other collectors may lack the message as well.
+    if (!sending_ || !ready()) return maybeTxTemplate_p();
+    txTo(name, Pass::lacking);
+    settle();
+  }
+
+  void statsDelAll() {
+    for (const auto served = std::exchange(collector_, {}); const auto& [name, dst] : served)
+      statsDel(dst);
+  }
+  void clearCounters(double now) {
+    for (const auto& name : keysOf(collector_)) {
+      const auto served = collector_.find(name);
+      if (served == collector_.end()) continue;
+      auto entry = sm_.collStats_->stats(sm_.statsKey_p(V::info(served->second)));
+      if (!entry) continue;
+      entry->clear(now);
+      sm_.collStats_->statsIs(*entry);
+    }
+  }
+
+ private:
+  /// What a collector was sent, and how. As long as nothing of it differs, it lacks nothing.
+  struct Sent {
+    uint32_t messageBuild = 0;
+    Ptr<UdpPam> pam;  // held, so that a new endpoint cannot come to lie at the old one's address
+    typename V::Addr src;
+    Dst dst;
+    bool operator==(const Sent&) const = default;
+  };
+  const Collectors& configured() const { return V::collectors(*sm_.hwExpConfig_); }
+  Ptr<CollectorInfo> info(const std::string& name) const { return sm_.expInfo_->collInfo(name); }
+  const Ptr<UdpPam>& pam() const { return V::pam(*sm_.expInfo_); }
+  bool ready() const {
+    const auto& config = *sm_.hwExpConfig_;
+    return sm_.templateReady_ && V::ready(config) && !V::src(config).isZero() && pam();
+  }
+  Sent sentNow(const Dst& dst) const {
+    return {sm_.messageBuild_, pam(), V::src(*sm_.hwExpConfig_), dst};
+  }
+  bool lacks(const std::string& name, const Dst& dst) const {
+    const auto last = sent_.find(name);
+    return last == sent_.end() || last->second != sentNow(dst);
+  }
+
+  /// Sends to one collector, unless a watcher of the message before took away what that needs.
+  void txTo(const std::string& name, Pass pass) {
+    const auto now = configured().find(name);
+    if (sm_.retired() || !ready() || now == configured().end() || !info(name)) return;
+    if (pass == Pass::everybody || lacks(name, now->second)) doTxTemplate_p(Dst(now->second), name);
+  }
+  void doTxTemplate_p(const Dst& dst, const std::string& name) {
+    sm_.updateMsgHeader_p(name);
+    const Sent now = sentNow(dst);
+    const DscpValue dscp = sm_.hwExpConfig_->dscp();
+    // Remember what was sent before anybody is notified: a handler may come back here.
+    collector_[name] = dst;
+    sent_.insert_or_assign(name, now);
+    V::send(sm_.templatePkt_, now.pam, now.src, dst, dscp);
+    sm_.say_p(TraceLevel::detail, V::ipv6 ? "doTxTemplate6_p" : "doTxTemplate4_p",
+              "Template sent to", " ", name, ", dst ip:", dst.addr.stringValue(),
+              ", dst port:", dst.port, ", src:", now.src.stringValue(), ", tos :", int{dscp.tos()});
+    sm_.templateTxCountInc(1);
+    sm_.updateStats(V::info(dst));
+    if (!sm_.retired() && has(name)) sm_.updateCollectorOnTx(name);
+    if (!sm_.retired() && pam() == now.pam) V::rxPortIs(*sm_.expInfo_, now.pam->rxPort());
+  }
+  /// Ends a pass: the periodic task runs as long as either family has a collector to send to.
+  void settle() {
+    if (sm_.retired()) return;
+    sending_ = ready() && std::any_of(configured().begin(), configured().end(),
+                                      [this](const auto& c) { return bool{info(c.first)}; });
+    if (sending_) {
+      sm_.schedulePeriodicTemplateTx_p();
+    } else if (!sm_.sending4_ && !sm_.sending6_) {
+      sm_.stopPeriodicTemplateTx_p();
+    }
+  }
+  /// Two collectors at one address share an entry: it is removed with the last of them.
+  void statsDel(const Dst& dst) {
+    const bool shared = std::any_of(collector_.begin(), collector_.end(),
+                                    [&](const auto& other) { return other.second == dst; });
+    if (!shared) sm_.collStats_->statsDel(sm_.statsKey_p(V::info(dst)));
+  }
+
+  TemplateExporterSmBase& sm_;
+  Collectors& collector_;
+  bool& sending_;
+  std::map<std::string, Sent> sent_;
+};
+
 class TemplateExporterSmBase::HwExpConfigSm final
     : public NestedReactor<HwFlowTracking::ExporterConfig, TemplateExporterSmBase> {
  public:
   using NestedReactor::NestedReactor;
   void handleTemplateInterval() override { sm_.handleTemplateInterval(); }
   void handleCollectorIpAndPort(const std::string& name) override {
-    sm_.handleCollector_p(sm_.family4_, name);
+    sm_.family4_->handleCollectorIpAndPort(name);
   }
   void handleCollectorIp6AndPort(const std::string& name) override {
-    sm_.handleCollector_p(sm_.family6_, name);
+    sm_.family6_->handleCollectorIpAndPort(name);
   }
-  void handleExporter4Ready() override { sm_.maybeTx_p(sm_.family4_, Pass::lacking); }
-  void handleSrcIpAddr() override { sm_.maybeTx_p(sm_.family4_, Pass::lacking); }
-  void handleExporter6Ready() override { sm_.maybeTx_p(sm_.family6_, Pass::lacking); }
-  void handleSrcIp6Addr() override { sm_.maybeTx_p(sm_.family6_, Pass::lacking); }
+  void handleExporter4Ready() override { sm_.family4_->maybeTxTemplate_p(); }
+  void handleSrcIpAddr() override { sm_.family4_->maybeTxTemplate_p(); }
+  void handleExporter6Ready() override { sm_.family6_->maybeTxTemplate_p(); }
+  void handleSrcIp6Addr() override { sm_.family6_->maybeTxTemplate_p(); }
 };
 
 class TemplateExporterSmBase::ExpInfoSm final
     : public NestedReactor<ExporterInfo, TemplateExporterSmBase> {
  public:
   using NestedReactor::NestedReactor;
-  void handleUdpPam4() override { sm_.maybeTx_p(sm_.family4_, Pass::lacking); }
-  void handleUdpPam6() override { sm_.maybeTx_p(sm_.family6_, Pass::lacking); }
+  void handleUdpPam4() override { sm_.family4_->maybeTxTemplate_p(); }
+  void handleUdpPam6() override { sm_.family6_->maybeTxTemplate_p(); }
   void handleCollInfo(const std::string& name) override {
-    sm_.handleCollector_p(sm_.family4_, name);
-    sm_.handleCollector_p(sm_.family6_, name);
+    sm_.family4_->handleCollectorIpAndPort(name);
+    sm_.family6_->handleCollectorIpAndPort(name);
   }
 };
 
@@ -69,6 +210,8 @@ TemplateExporterSmBase::TemplateExporterSmBase(
       collStats_(std::move(collStats)),
       taskScheduler_(std::move(taskScheduler)),
       traceId_(ftName + " for " + expName),
+      family4_(std::make_unique<Family<V4>>(*this, collector4_, sending4_)),
+      family6_(std::make_unique<Family<V6>>(*this, collector6_, sending6_)),
       hwExpConfigSm_(std::make_unique<HwExpConfigSm>(hwExpConfig_, *this)),
       expInfoSm_(std::make_unique<ExpInfoSm>(expInfo_, *this)) {}
 TemplateExporterSmBase::~TemplateExporterSmBase() = default;
@@ -78,11 +221,6 @@ std::string TemplateExporterSmBase::taskPrefix() const {
 }
 uint16_t TemplateExporterSmBase::headerSetId() const {
   assertionFailed("(!(\"headerSetId\"))", __FILE__, __LINE__);
-}
-
-template <class... A>
-void TemplateExporterSmBase::say_p(int level, const char* handler, const A&... what) const {
-  traceOf(level, "TemplateExporterSmBase", handler, traceId_, what...);
 }
 
 void TemplateExporterSmBase::handleStartup() {
@@ -123,6 +261,12 @@ uint32_t TemplateExporterSmBase::TemplateRecord::len() const {
   return len;
 }
 
+uint32_t TemplateExporterSmBase::templatesLen_p() const {
+  uint32_t len = 0;
+  for (const TemplateRecord& record : templates_p()) len += record.len();
+  return len;
+}
+
 void TemplateExporterSmBase::handleTemplateCreationTask() {
   const auto say = [this](int level, const auto&... what) {
     traceOf(level, className_p(), "handleTemplateCreationTask", traceId_, what...);
@@ -132,10 +276,7 @@ void TemplateExporterSmBase::handleTemplateCreationTask() {
     return;
   }
   templateLenDelAll();
-  const auto templates = templates_p();
-  const uint32_t length =
-      std::accumulate(templates.begin(), templates.end(), 0U,
-                      [](uint32_t sum, const TemplateRecord& r) { return sum + r.len(); });
+  const uint32_t length = templatesLen_p();
   templatePktIs(length > 0 && length <= recordsLenMax ? getPkt() : nullptr);
   templateReadyIs(false);
   if (length == 0) {
@@ -149,7 +290,7 @@ void TemplateExporterSmBase::handleTemplateCreationTask() {
   }
   templatePkt_->dataTailInc(length);
   uint32_t offset = 0;
-  for (const TemplateRecord& record : templates) offset = addTemplate_p(offset, record);
+  for (const TemplateRecord& record : templates_p()) offset = addTemplate_p(offset, record);
   finishMessage();
 }
 
@@ -219,96 +360,19 @@ void TemplateExporterSmBase::handleTemplateReady() {
   if (templateReady_) return;
   templatePktMsgLenIs(0);
   templatePktTemplateCountIs(0);
-  family4_.sending = family6_.sending = false;
+  sending4_ = sending6_ = false;
   stopPeriodicTemplateTx_p();
 }
 
 // --- Sending ---
 
-template <class V>
-bool TemplateExporterSmBase::txReady_p(const Family<V>&) const {
-  return templateReady_ && V::ready(*hwExpConfig_) && !V::src(*hwExpConfig_).isZero() &&
-         V::pam(*expInfo_);
-}
-
 void TemplateExporterSmBase::maybeTxTemplate_p(Pass pass) {
-  maybeTx_p(family4_, pass);
-  maybeTx_p(family6_, pass);
+  family4_->maybeTxTemplate_p(pass);
+  family6_->maybeTxTemplate_p(pass);
 }
-
-template <class V>
-void TemplateExporterSmBase::maybeTx_p(Family<V>& family, Pass pass) {
-  if (retired()) return;
-  if (txReady_p(family)) {
-    for (const auto& name : keysOf(V::collectors(*hwExpConfig_))) txTo_p(family, name, pass);
-  } else {
-    family.sent.clear();
-  }
-  settle_p(family);
+bool TemplateExporterSmBase::hasTemplates(const std::string& collectorName) const {
+  return family4_->has(collectorName) || family6_->has(collectorName);
 }
-
-/// Sends to one collector, if there is still all that takes: sending to the one before notified.
-template <class V>
-void TemplateExporterSmBase::txTo_p(Family<V>& family, const std::string& name, Pass pass) {
-  if (retired() || !txReady_p(family) || !expInfo_->collInfo(name)) return;
-  const auto collector = V::collectors(*hwExpConfig_).find(name);
-  if (collector == V::collectors(*hwExpConfig_).end()) return;
-  const auto dst = collector->second;
-  if (pass == Pass::everybody || lacks_p(family, dst, name)) doTx_p(family, dst, name);
-}
-
-/// Ends a pass: whether the family is being sent to decides on the period.
-template <class V>
-void TemplateExporterSmBase::settle_p(Family<V>& family) {
-  if (retired()) return;
-  const auto& collectors = V::collectors(*hwExpConfig_);
-  family.sending = txReady_p(family) &&
-                   std::any_of(collectors.begin(), collectors.end(),
-                               [this](const auto& c) { return bool{expInfo_->collInfo(c.first)}; });
-  if (family.sending) {
-    schedulePeriodicTemplateTx_p();
-  } else if (!family4_.sending && !family6_.sending) {
-    stopPeriodicTemplateTx_p();
-  }
-}
-
-template <class V>
-bool TemplateExporterSmBase::lacks_p(const Family<V>& family, const typename V::Dst& dst,
-                                     const std::string& name) const {
-  const auto last = family.sent.find(name);
-  return last == family.sent.end() ||
-         last->second !=
-             typename Family<V>::Sent{messageBuild_, V::pam(*expInfo_), V::src(*hwExpConfig_), dst};
-}
-
-template <class V>
-bool TemplateExporterSmBase::has_p(const Family<V>& family, const std::string& name) const {
-  const auto& collectors = V::collectors(*hwExpConfig_);
-  const auto collector = collectors.find(name);
-  return collector != collectors.end() && expInfo_->collInfo(name) && txReady_p(family) &&
-         !lacks_p(family, collector->second, name);
-}
-
-template <class V>
-void TemplateExporterSmBase::doTx_p(Family<V>& family, const typename V::Dst& dst,
-                                    const std::string& name) {
-  updateMsgHeader_p(name);
-  const auto src = V::src(*hwExpConfig_);
-  const DscpValue dscp = hwExpConfig_->dscp();
-  const Ptr<UdpPam> pam = V::pam(*expInfo_);
-  // Remember what was sent before anybody is notified: a handler may come back here.
-  family.is(name, dst);
-  family.sent.insert_or_assign(name, typename Family<V>::Sent{messageBuild_, pam, src, dst});
-  V::send(templatePkt_, pam, src, dst, dscp);
-  say_p(TraceLevel::detail, V::ipv6 ? "doTxTemplate6_p" : "doTxTemplate4_p", "Template sent to",
-        " ", name, ", dst ip:", dst.addr.stringValue(), ", dst port:", dst.port,
-        ", src:", src.stringValue(), ", tos :", int{dscp.tos()});
-  templateTxCountInc(1);
-  updateStats(V::info(dst));
-  if (!retired() && has_p(family, name)) updateCollectorOnTx(name);
-  if (!retired() && V::pam(*expInfo_) == pam) V::rxPortIs(*expInfo_, pam->rxPort());
-}
-
 void TemplateExporterSmBase::updateMsgHeader_p(const std::string& collectorName) {
   const uint32_t exportTime = Platform::current().clock().nowU32();
   const auto seqNo = expInfo_->collInfo(collectorName)->ipfixMsgSeqNo();
@@ -319,38 +383,6 @@ void TemplateExporterSmBase::updateMsgHeader_p(const std::string& collectorName)
   say_p(TraceLevel::detail, "updateMsgHeader_p", "Collector", " ", collectorName, " has seqNo ",
         seqNo);
 }
-
-// --- Collectors ---
-
-template <class V>
-void TemplateExporterSmBase::handleCollector_p(Family<V>& family, const std::string& name) {
-  if (retired()) return;
-  const auto& configured = V::collectors(*hwExpConfig_);
-  const auto own = family.collector.find(name);
-  const auto now = configured.find(name);
-  const auto served =
-      own == family.collector.end() ? std::nullopt : std::optional<typename V::Dst>(own->second);
-  if (now != configured.end()) {
-    family.is(name, now->second);
-  } else if (served) {
-    family.del(name);
-    if (!family4_.collector.contains(name) && !family6_.collector.contains(name))
-      exportTimeU32Del(name);
-  } else {
-    return;
-  }
-  if (!expInfo_->collInfo(name)) family.sent.erase(name);  // when it returns, it is a new session
-  if (served && (now == configured.end() || now->second != *served)) statsDel_p(family, *served);
-  // While nobody of the family is being sent to, other collectors may lack the message as well.
-  if (family.sending && txReady_p(family)) {
-    txTo_p(family, name, Pass::lacking);
-    settle_p(family);
-  } else {
-    maybeTx_p(family, Pass::lacking);
-  }
-}
-
-// --- Statistics ---
 
 void TemplateExporterSmBase::updateStats(const Tarn::Ipfix::CollectorInfo& collector) {
   const auto key = statsKey_p(collector);
@@ -364,37 +396,14 @@ void TemplateExporterSmBase::updateStats(const Tarn::Ipfix::CollectorInfo& colle
   collStats_->statsIs(entry);
 }
 
-template <class V>
-void TemplateExporterSmBase::statsDel_p(const Family<V>& family, const typename V::Dst& dst) {
-  // Two collectors at one address share its entry.
-  const bool shared = std::any_of(family.collector.begin(), family.collector.end(),
-                                  [&](const auto& other) { return other.second == dst; });
-  if (!shared) collStats_->statsDel(statsKey_p(V::info(dst)));
-}
-template <class V>
-void TemplateExporterSmBase::statsDelAll_p(Family<V>& family) {
-  for (const auto served = std::exchange(family.collector, {}); const auto& [name, dst] : served)
-    collStats_->statsDel(statsKey_p(V::info(dst)));
-}
 void TemplateExporterSmBase::handleDel() {
-  statsDelAll_p(family4_);
-  statsDelAll_p(family6_);
-}
-template <class V>
-void TemplateExporterSmBase::clearCounters_p(const Family<V>& family, double now) {
-  for (const auto& name : keysOf(family.collector)) {
-    const auto served = family.collector.find(name);
-    if (retired() || served == family.collector.end()) continue;
-    auto entry = collStats_->stats(statsKey_p(V::info(served->second)));
-    if (!entry) continue;
-    entry->clear(now);
-    collStats_->statsIs(*entry);
-  }
+  family4_->statsDelAll();
+  family6_->statsDelAll();
 }
 void TemplateExporterSmBase::clearCounters() {
   const double now = Platform::current().clock().now();
-  clearCounters_p(family4_, now);
-  clearCounters_p(family6_, now);
+  family4_->clearCounters(now);
+  family6_->clearCounters(now);
 }
 
 // --- The period ---
@@ -452,8 +461,8 @@ std::vector<AttrRow> TemplateExporterSmBase::rowsWith_p(std::initializer_list<At
       row<&B::templatePktTemplateCount_>("templatePktTemplateCount"),
       row<&B::templateReady_>("templateReady"),
       mapRow<&B::templateLen_>("templateLen"),
-      mapRow<&B::collector4_p>("collectorIpAndPort"),
-      mapRow<&B::collector6_p>("collectorIp6AndPort"),
+      mapRow<&B::collector4_>("collectorIpAndPort"),
+      mapRow<&B::collector6_>("collectorIp6AndPort"),
       mapRow<&B::exportTimeU32_>("exportTimeU32"),
       row<&B::templateTxCount_>("templateTxCount"),
       row<&B::periodicTask_p>("periodicTemplateTxTask"),

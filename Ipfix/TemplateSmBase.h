@@ -24,6 +24,16 @@ namespace FlowTracking {
 /// through which endpoint.
 class TARN_API TemplateExporterSmBase : public Entity {
  public:
+  using FieldMap = std::map<uint32_t, HwFlowTracking::FtTemplateEntry>;
+  /// One template of the message. It refers to the fields of the entity that it was made from.
+  struct TARN_API TemplateRecord {
+    TemplateId templateId;
+    const FieldMap* scopeField;  ///< null: a data template, which has no scope
+    const FieldMap* field;
+    /// Octets of the record: its header and field specifiers (RFC 7011, 3.4.1 and 3.4.2.2).
+    uint32_t len() const;
+  };
+
   ~TemplateExporterSmBase() override;
 
   virtual std::string taskPrefix() const;  ///< subclasses only: the base asserts
@@ -58,16 +68,10 @@ class TARN_API TemplateExporterSmBase : public Entity {
   uint32_t templateLen(TemplateId id) const { return find(templateLen_, id); }
   /// Where each collector's templates were last meant to go, by collector name; address and port
   /// are zero for a name that is not there.
-  const std::map<std::string, IpAndPort>& collectorIpAndPort() const { return family4_.collector; }
-  IpAndPort collectorIpAndPort(const std::string& name) const {
-    return find(family4_.collector, name);
-  }
-  const std::map<std::string, Ip6AndPort>& collectorIp6AndPort() const {
-    return family6_.collector;
-  }
-  Ip6AndPort collectorIp6AndPort(const std::string& name) const {
-    return find(family6_.collector, name);
-  }
+  const std::map<std::string, IpAndPort>& collectorIpAndPort() const { return collector4_; }
+  IpAndPort collectorIpAndPort(const std::string& name) const { return find(collector4_, name); }
+  const std::map<std::string, Ip6AndPort>& collectorIp6AndPort() const { return collector6_; }
+  Ip6AndPort collectorIp6AndPort(const std::string& name) const { return find(collector6_, name); }
   /// Export time of the last message to each collector, by collector name: seconds since 1970, UTC;
   /// 0 for a collector that was sent none. It stays when the collector moves between the families.
   const std::map<std::string, uint32_t>& exportTimeU32() const { return exportTimeU32_; }
@@ -76,12 +80,10 @@ class TARN_API TemplateExporterSmBase : public Entity {
   uint32_t templateTxCount() const { return templateTxCount_; }
   /// The collector has been sent the message as it is now, and that through the endpoint, from and
   /// to the addresses of now: data that the message describes may follow.
-  bool hasTemplates(const std::string& collectorName) const {
-    return has_p(family4_, collectorName) || has_p(family6_, collectorName);
-  }
+  bool hasTemplates(const std::string& collectorName) const;
   /// At least one collector of the family is being sent to.
-  bool sending4_p() const { return family4_.sending; }
-  bool sending6_p() const { return family6_.sending; }
+  bool sending4_p() const { return sending4_; }
+  bool sending6_p() const { return sending6_; }
   /// Null before `handleStartup`.
   const TimerTask* periodicTemplateTxTask() const { return periodicTemplateTxTask_.get(); }
   /// Null before the subclass has initialised itself.
@@ -100,16 +102,6 @@ class TARN_API TemplateExporterSmBase : public Entity {
   void clearCounters();
 
  protected:
-  using FieldMap = std::map<uint32_t, HwFlowTracking::FtTemplateEntry>;
-  /// One template of the message. It refers to the fields of the entity that it was made from.
-  struct TARN_API TemplateRecord {
-    TemplateId templateId;
-    const FieldMap* scopeField;  ///< null: a data template, which has no scope
-    const FieldMap* field;
-    /// Octets of the record: its header and field specifiers (RFC 7011, 3.4.1 and 3.4.2.2).
-    uint32_t len() const;
-  };
-
   TemplateExporterSmBase(const std::string& expName, const std::string& ftName, FtId ftId,
                          Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig,
                          Ptr<ExporterInfo> expInfo, Ptr<Tarn::Ipfix::CollectorStatistics> collStats,
@@ -121,6 +113,8 @@ class TARN_API TemplateExporterSmBase : public Entity {
   virtual const char* noTemplates_p() const = 0;
   /// The templates of the next message, in the order in which they stand in it.
   virtual std::vector<TemplateRecord> templates_p() const = 0;
+  /// Octets of all template records.
+  uint32_t templatesLen_p() const;
   /// Asserts that the field may be sent, and traces it.
   virtual void checkField_p(const HwFlowTracking::FtTemplateEntry& entry, bool scope) const = 0;
 
@@ -135,12 +129,14 @@ class TARN_API TemplateExporterSmBase : public Entity {
   void templateLenIs(TemplateId id, uint32_t len) { templateLen_[id] = len; }
   void templateLenDel(TemplateId id) { templateLen_.erase(id); }
   void templateLenDelAll() { templateLen_.clear(); }
-  void collectorIpAndPortIs(const std::string& name, const IpAndPort& v) { family4_.is(name, v); }
-  void collectorIpAndPortDel(const std::string& name) { family4_.del(name); }
-  void collectorIpAndPortDelAll() { family4_.delAll(); }
-  void collectorIp6AndPortIs(const std::string& name, const Ip6AndPort& v) { family6_.is(name, v); }
-  void collectorIp6AndPortDel(const std::string& name) { family6_.del(name); }
-  void collectorIp6AndPortDelAll() { family6_.delAll(); }
+  void collectorIpAndPortIs(const std::string& name, const IpAndPort& v) { collector4_[name] = v; }
+  void collectorIpAndPortDel(const std::string& name) { collector4_.erase(name); }
+  void collectorIpAndPortDelAll() { collector4_.clear(); }
+  void collectorIp6AndPortIs(const std::string& name, const Ip6AndPort& v) {
+    collector6_[name] = v;
+  }
+  void collectorIp6AndPortDel(const std::string& name) { collector6_.erase(name); }
+  void collectorIp6AndPortDelAll() { collector6_.clear(); }
   void exportTimeU32Is(const std::string& name, uint32_t v) { exportTimeU32_[name] = v; }
   void exportTimeU32Del(const std::string& name) { exportTimeU32_.erase(name); }
   void exportTimeU32DelAll() { exportTimeU32_.clear(); }
@@ -163,74 +159,21 @@ class TARN_API TemplateExporterSmBase : public Entity {
  private:
   class HwExpConfigSm;
   class ExpInfoSm;
-  /// What is kept of one address family, `V4` or `V6`.
   template <class V>
-  struct Family {
-    /// What a collector was sent, and how. As long as nothing of it differs, it lacks nothing.
-    struct Sent {
-      uint32_t messageBuild = 0;
-      Ptr<UdpPam> pam;  // held, so that a new endpoint cannot come to lie at the old one's address
-      typename V::Addr src;
-      typename V::Dst dst;
-      bool operator==(const Sent&) const = default;
-    };
-    void is(const std::string& name, const typename V::Dst& dst) {
-      collector.insert_or_assign(name, dst);
-    }
-    void del(const std::string& name) {
-      collector.erase(name);
-      sent.erase(name);
-    }
-    void delAll() {
-      collector.clear();
-      sent.clear();
-    }
-    std::map<std::string, typename V::Dst> collector;
-    std::map<std::string, Sent> sent;
-    bool sending = false;
-  };
+  class Family;
   /// Whom a pass sends to: those who lack the message as it would be sent now, or everybody.
   enum class Pass { lacking, everybody };
-
-  const std::map<std::string, IpAndPort>& collector4_p() const { return family4_.collector; }
-  const std::map<std::string, Ip6AndPort>& collector6_p() const { return family6_.collector; }
-  std::string periodicTask_p() const { return state_p(periodicTemplateTxTask_.get()); }
-  std::string creationTask_p() const { return state_p(templateCreationTask_.get()); }
-  static std::string state_p(const TimerTask* task);
 
   void handleTemplateCreationTask();
   uint32_t addTemplate_p(uint32_t offset, const TemplateRecord& record);
   void finishMessage();
   void addIpfixHeaders_p();
   void maybeTxTemplate_p(Pass pass);
-  template <class V>
-  void maybeTx_p(Family<V>& family, Pass pass);
-  template <class V>
-  void txTo_p(Family<V>& family, const std::string& name, Pass pass);
-  template <class V>
-  void doTx_p(Family<V>& family, const typename V::Dst& dst, const std::string& name);
-  template <class V>
-  void settle_p(Family<V>& family);
-  template <class V>
-  bool txReady_p(const Family<V>&) const;
-  template <class V>
-  bool has_p(const Family<V>& family, const std::string& name) const;
-  template <class V>
-  bool lacks_p(const Family<V>& family, const typename V::Dst& dst, const std::string& name) const;
-  template <class V>
-  void handleCollector_p(Family<V>& family, const std::string& name);
-  template <class V>
-  void statsDel_p(const Family<V>& family, const typename V::Dst& dst);
-  template <class V>
-  void statsDelAll_p(Family<V>& family);
-  template <class V>
-  void clearCounters_p(const Family<V>& family, double now);
   void updateMsgHeader_p(const std::string& collectorName);
   void updateStats(const Tarn::Ipfix::CollectorInfo& collector);
   Tarn::Ipfix::CollectorStatisticsKey statsKey_p(const Tarn::Ipfix::CollectorInfo& c) const {
     return {ftName_, expName_, c};
   }
-
   void handleTemplateReady();
   void handleTemplateInterval();
   void handleDel();
@@ -240,6 +183,9 @@ class TARN_API TemplateExporterSmBase : public Entity {
   void stopPeriodicTemplateTx_p();
   template <class... A>
   void say_p(int level, const char* handler, const A&... what) const;
+  std::string periodicTask_p() const { return state_p(periodicTemplateTxTask_.get()); }
+  std::string creationTask_p() const { return state_p(templateCreationTask_.get()); }
+  static std::string state_p(const TimerTask* task);
 
   std::string expName_;
   std::string ftName_;
@@ -256,10 +202,14 @@ class TARN_API TemplateExporterSmBase : public Entity {
   bool initialized_ = false;
   uint32_t messageBuild_ = 0;  // counts messages, to tell who has which
   std::map<TemplateId, uint32_t> templateLen_;
-  Family<V4> family4_;
-  Family<V6> family6_;
+  std::map<std::string, IpAndPort> collector4_;
+  std::map<std::string, Ip6AndPort> collector6_;
   std::map<std::string, uint32_t> exportTimeU32_;
   uint32_t templateTxCount_ = 0;
+  bool sending4_ = false;
+  bool sending6_ = false;
+  std::unique_ptr<Family<V4>> family4_;
+  std::unique_ptr<Family<V6>> family6_;
   std::unique_ptr<TimerTask> periodicTemplateTxTask_;
   std::unique_ptr<TimerTask> templateCreationTask_;
   std::unique_ptr<HwExpConfigSm> hwExpConfigSm_;

@@ -185,6 +185,53 @@ TEST_F(TemplateTest, CountersAreClearedAndForgottenWithTheExporter) {
   EXPECT_EQ(stats->size(), 0u);
 }
 
+TEST_F(TemplateTest, EveryAttributeIsThereByNameAndByKey) {
+  makeReadyTree();
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  const auto ft = templateSm->ftTemplateSm("ft1");
+  const auto config = templateSm->optTemplateConfig();
+  const std::string base =
+      "expName ftName ftId hwExpConfig expInfo collStats taskScheduler templatePktMsgLen "
+      "templatePktTemplateCount templateReady templateLen collectorIpAndPort collectorIp6AndPort "
+      "exportTimeU32 templateTxCount periodicTemplateTxTask sending4_p sending6_p "
+      "templateCreationTask initialized resend ";
+  const std::pair<const Entity*, std::string> rows[] = {
+      {templateSm.get(),
+       "flowTrackingConfigReq hwConfig hwStatus flowTrackingInfo optTemplateConfig ftTemplateSm "
+       "initialized "},
+      {ft.get(), "hwFtConfig hwFtStatus ftInfo ftExporterSm optTemplateExporterSm initialized "},
+      {ftExporter().get(), base + "hwFtStatus elementIdColl templateStatus "},
+      {ft->optTemplateExporterSm("exp1").get(), base + "optTemplateConfig "},
+      {config.get(), "templateEntry version "},
+      {config->templateEntry("IntfTable").get(), "name templateId scopeField field "}};
+  for (const auto& [entity, expected] : rows) {
+    std::string names;
+    for (const AttrRow& r : entity->attrRows()) {
+      names += std::string(r.name) + ' ';
+      if (!r.each) continue;
+      int members = 0;
+      r.each(*entity, [&](const auto&...) { ++members; });
+      EXPECT_EQ(members == 0, r.name == "collectorIp6AndPort") << r.name;
+    }
+    EXPECT_EQ(names, expected);
+  }
+  EXPECT_EQ(ftExporter()->attrText("periodicTemplateTxTask"),
+            "'ftExporterSm-PeriodicTxTask-ft1-exp1, scheduled'");
+  EXPECT_EQ(ft->optTemplateExporterSm("exp1")->attrText("templateCreationTask"),
+            "'optionsTemplateExporterSm-TemplateCreationTask-ft1-exp1'");
+  EXPECT_EQ(ftExporter()->templateStatus(256)->getTemplateLength(), ftExporter()->templateLen(256));
+  EXPECT_FALSE(ftExporter()->templateStatus(300));
+  EXPECT_EQ(ftExporter()->collectorIpAndPort("a"), dst4(1));
+
+  const auto table = config->templateEntry("FlowTrackerTable");
+  EXPECT_EQ(table->scopeField(0).fieldId(), ::Ipfix::RecordType(149));
+  EXPECT_EQ(table->field(6).fieldId(), ::Ipfix::RecordType(1001));
+  EXPECT_EQ(table->field(7), HwFlowTracking::FtTemplateEntry());
+  EXPECT_EQ(getTemplateEntryLength(*table), 42u);
+  table->fieldDel(6);
+  EXPECT_EQ(getTemplateEntryLength(*table), 34u);
+}
+
 TEST_F(TemplateTest, ACollectorThatChangesTheFamilyKeepsItsExportTime) {
   makeReadyTree();
   exporter->collectorIpAndPortIs("a", dst4(1));
