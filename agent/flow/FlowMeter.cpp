@@ -33,9 +33,12 @@ void FlowMeter::endSoon() {
   stop_ = true;
   wake();
 }
-void FlowMeter::stop() {
+void FlowMeter::giveUp() {
   abandon_ = true;
   endSoon();
+}
+void FlowMeter::stop() {
+  giveUp();
   if (thread_.joinable()) thread_.join();
 }
 bool FlowMeter::waitForRoom() {
