@@ -4,8 +4,10 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <utility>
 #include <vector>
 
 #include "platform/UdpPam.h"
@@ -13,12 +15,13 @@
 namespace agent::flow {
 namespace {
 constexpr int tickMs = 100;  // how late a record may leave for want of company
-constexpr int ringMs = 200;  // how old a packet may be when it is handed over
+constexpr int ringMs = 200;  // how old a packet may be when the ring hands it over
 constexpr size_t blocksPerRound = 16;
 
-int64_t nowMs() {
-  using std::chrono::duration_cast, std::chrono::milliseconds, std::chrono::system_clock;
-  return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+/// Nobody sets this clock.
+int64_t steadyMs() {
+  using std::chrono::duration_cast, std::chrono::milliseconds, std::chrono::steady_clock;
+  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 }  // namespace
 
@@ -70,17 +73,21 @@ size_t CaptureMeter::readBlocks() {
 
 void CaptureMeter::run() {
   int64_t ticked = 0;
+  int64_t counted = steadyMs();  // when the last packet of a flow was
+  uint64_t packets = 0;
   bool filterDue = true;
   while (!stopped()) {
     if (takeOrders() || filterDue) filterDue = !filterIs();
     const size_t got = readBlocks();
     settle();
-    const int64_t now = nowMs();
-    if (now - ticked >= tickMs || now < ticked) {
-      // The clock was set back: what is under way can no longer be timed.
-      if (now + tickMs < ticked) cache_.endAll(EndReason::forcedEnd);
+    const int64_t now = steadyMs();
+    if (std::exchange(packets, cache_.counters().packets) != cache_.counters().packets)
+      counted = now;
+    if (now - ticked >= tickMs) {
       ticked = now;
-      cache_.nowIs(now - ringMs);
+      // By the clock that stamps the packets, no later than any packet still in the ring.
+      if (packets > 0)
+        cache_.nowIs(cache_.lastPacketMs() + std::max<int64_t>(now - counted - ringMs, 0));
       queue_.flush();
       counters_.drops = ring_.statistics().dropped;
       tellCounters();

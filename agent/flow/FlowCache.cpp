@@ -1,19 +1,24 @@
 #include "agent/flow/FlowCache.h"
 
 #include <algorithm>
+#include <limits>
 
 namespace agent::flow {
 
 FlowCache::FlowCache(size_t maxFlows, const FlowTimes& times, uint64_t seed, RecordQueue& queue)
     : maxFlows_(maxFlows),
       times_(times),
-      seed_(seed),
       queue_(queue),
-      ipv4_(maxFlows),
-      ipv6_(maxFlows) {}
+      ipv4_(maxFlows, {seed}),
+      ipv6_(maxFlows, {seed}) {}
 
 template <class Entry>
-int64_t FlowCache::dueMs(const Entry& e) const {
+inline bool FlowCache::outdated(const Entry& e) const {
+  return e.lastMs > nowMs_ + setBackMs;
+}
+template <class Entry>
+inline int64_t FlowCache::dueMs(const Entry& e) const {
+  if (outdated(e)) return std::numeric_limits<int64_t>::min();
   const int64_t silent =
       e.ending ? std::min(times_.inactiveMs, FlowTable<Entry>::endingMs) : times_.inactiveMs;
   return std::min(e.firstMs + times_.activeMs, e.lastMs + silent);
@@ -21,6 +26,7 @@ int64_t FlowCache::dueMs(const Entry& e) const {
 template <class Entry>
 EndReason FlowCache::reasonOf(const Entry& e) const {
   if (e.ending) return EndReason::endOfFlow;
+  if (outdated(e)) return EndReason::forcedEnd;
   return e.lastMs + times_.inactiveMs < e.firstMs + times_.activeMs ? EndReason::idleTimeout
                                                                     : EndReason::activeTimeout;
 }
@@ -43,28 +49,49 @@ void FlowCache::lose(const Entry& entry) {
 }
 
 template <class Table>
-void FlowCache::look(Table& table, typename Table::Entry& entry) {
+bool FlowCache::look(Table& table, typename Table::Entry& entry) {
   if (const int64_t due = dueMs(entry); due > nowMs_) {
     table.dueAt(entry, due);
   } else if (report(entry, reasonOf(entry))) {
     table.remove(entry);
   } else {
-    table.dueAt(entry, nowMs_ + retryMs);
+    table.overdueIs(entry);
+    return false;
+  }
+  return true;
+}
+
+template <class Table>
+void FlowCache::timeIs(Table& table) {
+  table.advance(nowMs_, [&](auto& entry) { look(table, entry); });
+  // The queue bounds how many can be reported at a time; this, how many went on in the meantime.
+  for (int looks = 0; looks < overdueLooks && !hold_; ++looks) {
+    auto* entry = table.overdue();
+    if (!entry || !look(table, *entry)) return;
   }
 }
 
 void FlowCache::nowIs(int64_t nowMs) {
-  if (nowMs <= nowMs_) return;
+  if (nowMs <= nowMs_ && nowMs >= nowMs_ - setBackMs) return;
+  const bool back = nowMs < nowMs_;
   nowMs_ = nowMs;
-  ipv4_.advance(nowMs, [this](FlowEntry4& e) { look(ipv4_, e); });
-  ipv6_.advance(nowMs, [this](FlowEntry6& e) { look(ipv6_, e); });
+  if (back) {
+    ipv4_.setBack(nowMs);
+    ipv6_.setBack(nowMs);
+  } else {
+    timeIs(ipv4_);
+    timeIs(ipv6_);
+  }
 }
 
 template <class Table>
-void FlowCache::evictFrom(Table& table) {
-  auto& entry = table.victim([this](const auto& e) { return this->dueMs(e); });
+void FlowCache::evict(Table& table, typename Table::Entry& entry) {
   if (!report(entry, EndReason::lackOfResources)) lose(entry);
   table.remove(entry);
+}
+template <class Table>
+void FlowCache::evictFrom(Table& table) {
+  evict(table, table.victim([this](const auto& e) { return this->dueMs(e); }));
 }
 
 template <class Table>
@@ -79,6 +106,7 @@ typename Table::Entry& FlowCache::make(Table& table, const typename Table::Key& 
       evictFrom(ipv6_);
     }
   }
+  while (auto* entry = table.inTheWay(s.hash)) evict(table, *entry);
   ++counters_.created;
   auto& entry = table.add(key, s.hash, s.timeMs);
   entry.flowLabelIs(s.parsed.flowLabel);
@@ -96,6 +124,9 @@ void FlowCache::count(Table& table, const Key& key, const Sample& s) {
     if ((dueMs(*entry) <= s.timeMs || anew) && report(*entry, reasonOf(*entry))) {
       table.remove(*entry);
       entry = nullptr;
+    } else if (outdated(*entry)) {  // it goes on, as long as it was, by the clock as it is now
+      entry->firstMs += s.timeMs - entry->lastMs;
+      entry->lastMs = s.timeMs;
     }
   }
   if (!entry) entry = &make(table, key, s);
@@ -117,10 +148,10 @@ void FlowCache::samplesIs(Sample* samples, size_t n) {
     Sample& s = samples[i];
     if (s.parsed.error != ParseError::none) continue;
     if (s.parsed.ipv6) {
-      s.hash = flowHash(s.parsed.key6, seed_);
+      s.hash = ipv6_.hash(s.parsed.key6);
       ipv6_.prefetchSlot(s.hash);
     } else {
-      s.hash = flowHash(s.parsed.key4, seed_);
+      s.hash = ipv4_.hash(s.parsed.key4);
       ipv4_.prefetchSlot(s.hash);
     }
   }
@@ -138,6 +169,7 @@ void FlowCache::samplesIs(Sample* samples, size_t n) {
     } else {
       count(ipv4_, s.parsed.key4, s);
     }
+    lastPacketMs_ = s.timeMs;
   }
 }
 
@@ -147,7 +179,6 @@ void FlowCache::endAll(EndReason reason) {
   };
   ipv4_.takeAll(end);
   ipv6_.takeAll(end);
-  nowMs_ = 0;
 }
 
 }  // namespace agent::flow

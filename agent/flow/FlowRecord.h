@@ -1,4 +1,5 @@
 #pragma once
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -49,8 +50,8 @@ size_t encodeFlow(const Entry& e, EndReason reason, uint32_t vrfId, char* to) {
   w.put(uint32_t{0});  // the egress interface is not known at the ingress
   w.put(e.octets);
   w.put(e.packets);
-  w.put(e.firstMs);
-  w.put(e.lastMs);
+  w.put(std::max<int64_t>(e.firstMs, 0));  // unsigned on the wire
+  w.put(std::max<int64_t>(e.lastMs, 0));
   w.put(uint16_t{e.tcpFlags});
   w.put(static_cast<uint8_t>(reason));
   if constexpr (sizeof(e.key.src) == 16) w.put(e.flowLabel);

@@ -1,12 +1,13 @@
 #pragma once
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cstdint>
-#include <cstring>
 #include <utility>
-#include <vector>
 
+#include "agent/flow/FlowIndex.h"
 #include "agent/flow/FlowKey.h"
+#include "agent/flow/KeyHash.h"
 #include "agent/flow/Mapping.h"
 
 namespace agent::flow {
@@ -29,18 +30,20 @@ struct FlowTimes {
 
 inline constexpr uint8_t tcpFin = 0x01, tcpSyn = 0x02, tcpRst = 0x04;
 
-/// What is known of one flow: one cache line for IPv4, one and a half for IPv6.
+/// What is known of one flow: one cache line for IPv4, one and a half for IPv6. `next` and `prev`
+/// are places, from 1, of entries in the same list of a FlowTable.
 struct FlowEntry4 {
   FlowKey4 key;
-  uint32_t hash;
+  uint32_t next;
   uint64_t octets;
   uint64_t packets;
   int64_t firstMs;
   int64_t lastMs;
-  uint32_t dueTick;  ///< when the wheel looks at it; else the wheel's item is stale
+  uint32_t prev;
+  uint16_t list;  ///< that the entry is in
   uint8_t tcpFlags;
-  bool used;
-  bool ending;  ///< FIN or RST was seen
+  bool used : 1;
+  bool ending : 1;  ///< FIN or RST was seen
 
   static constexpr uint32_t flowLabel = 0;
   void flowLabelIs(uint32_t) {}
@@ -49,78 +52,67 @@ static_assert(sizeof(FlowEntry4) == 64, "a flow is one cache line");
 
 struct alignas(32) FlowEntry6 {
   FlowKey6 key;
-  uint32_t hash;
+  uint32_t next;
   uint64_t octets;
   uint64_t packets;
   int64_t firstMs;
   int64_t lastMs;
-  uint32_t dueTick;
+  uint32_t prev;
   uint32_t flowLabel;  ///< of the first packet
+  uint16_t list;
   uint8_t tcpFlags;
-  bool used;
-  bool ending;
+  bool used : 1;
+  bool ending : 1;
 
   void flowLabelIs(uint32_t v) { flowLabel = v; }
 };
 static_assert(sizeof(FlowEntry6) == 96, "a flow lies in two cache lines");
 
-/// A keyed 32-bit hash of a flow key: who does not know the seed cannot make keys collide.
-template <class Key>
-uint32_t flowHash(const Key& key, uint64_t seed) {
-  static_assert(sizeof(Key) % 4 == 0);
-  const auto mix = [](uint64_t a, uint64_t b) {
-    const auto p = static_cast<unsigned __int128>(a) * b;
-    return static_cast<uint64_t>(p) ^ static_cast<uint64_t>(p >> 64);
-  };
-  const auto* at = reinterpret_cast<const char*>(&key);
-  uint64_t h = seed;
-  size_t i = 0;
-  for (; i + 16 <= sizeof(Key); i += 16) {
-    uint64_t a = 0;
-    uint64_t b = 0;
-    std::memcpy(&a, at + i, 8);
-    std::memcpy(&b, at + i + 8, 8);
-    h = mix(a ^ 0x9e3779b97f4a7c15, b ^ h);
+/// The hash of a flow table: see keyHash.
+struct SeededHash {
+  uint64_t seed;
+  template <class Key>
+  uint32_t operator()(const Key& key) const {
+    return static_cast<uint32_t>(keyHash(key, seed));
   }
-  uint64_t a = 0;
-  uint64_t b = 0;
-  if constexpr (sizeof(Key) % 16 >= 8) std::memcpy(&a, at + i, 8);
-  if constexpr (sizeof(Key) % 8 == 4) std::memcpy(&b, at + sizeof(Key) - 4, 4);
-  h = mix(a ^ 0xe7037ed1a0b428db, b ^ h);
-  h = mix(h ^ seed, 0x8ebc6af09c88c6e3);
-  return static_cast<uint32_t>(h ^ (h >> 32));
-}
+};
 
-/// The flows of one address family. Entries keep their place while they live; an index of 8-octet
-/// slots, at most half full, leads to them, and a wheel of ticks knows when each is due. A look-up
-/// costs two cache misses, and both can be asked for ahead:
+/// The flows of one address family. Entries keep their place while they live; an index leads to
+/// them, and a wheel of ticks knows when each is due. A look-up costs two cache misses, and both
+/// can be asked for ahead:
 ///
 ///   table.prefetchSlot(hash); ... place = table.prefetchEntry(hash);
 ///   ... table.find(key, hash, place)
 ///
+/// Memory is one entry and 15 to 30 octets of the index for each flow, and nothing else that grows:
+/// each entry is in one list at a time, of a tick of the wheel or of those overdue, by links in the
+/// entries. Entries lie in 64 chunks at most, the lowest filled first, and chunks that are empty go
+/// back to the system.
+///
 /// Times in milliseconds since 1970, from the packets. Not for several threads.
-template <class EntryType>
+template <class EntryType, class Hash = SeededHash>
 class FlowTable {
  public:
   using Entry = EntryType;
   using Key = decltype(Entry::key);
   static constexpr int64_t tickMs = 64;
-  static constexpr uint32_t ticks = 1024;    ///< 65 s: what is due later is looked at again then
+  static constexpr int64_t ticks = 1024;     ///< 65 s: what is due later is looked at again then
   static constexpr int64_t endingMs = 1000;  ///< the last acknowledgements follow a FIN
 
-  explicit FlowTable(size_t capacity)
-      : entries_(capacity), slots_(initialSlots), mask_(initialSlots - 1), wheel_(ticks) {}
+  FlowTable(size_t capacity, Hash hash) : hash_(hash), entries_(capacity) {
+    while (maxChunks << chunkBits_ < capacity) ++chunkBits_;
+    clearChunks();
+  }
 
   size_t size() const { return size_; }
   size_t capacity() const { return entries_.size(); }
   bool full() const { return size_ == capacity(); }
+  uint32_t hash(const Key& key) const { return hash_(key); }
 
-  void prefetchSlot(uint32_t hash) const { __builtin_prefetch(&slots_[hash & mask_]); }
+  void prefetchSlot(uint32_t hash) const { index_.prefetch(hash); }
   /// Where the entry of this hash most likely is, for `find`; 0: nowhere.
   uint32_t prefetchEntry(uint32_t hash) const {
-    size_t i = hash & mask_;
-    while (slots_[i].place != 0 && slots_[i].hash != hash) i = (i + 1) & mask_;
-    const uint32_t place = slots_[i].place;
+    const uint32_t place = index_.find(hash, [](uint32_t) { return true; });
     if (place == 0) return 0;
     const auto* entry = reinterpret_cast<const char*>(&entries_[place - 1]);
     __builtin_prefetch(entry, 1);
@@ -130,171 +122,203 @@ class FlowTable {
 
   /// Null: there is none. `place` is what `prefetchEntry` said, perhaps long ago.
   Entry* find(const Key& key, uint32_t hash, uint32_t place = 0) {
-    if (place != 0) {
-      Entry& e = entries_[place - 1];
-      if (e.used && e.key == key) return &e;
-    }
-    for (size_t i = hash & mask_; slots_[i].place != 0; i = (i + 1) & mask_) {
-      if (slots_[i].hash != hash) continue;
-      Entry& e = entries_[slots_[i].place - 1];
-      if (e.key == key) return &e;
-    }
-    return nullptr;
+    const auto same = [&](uint32_t p) {
+      return entries_[p - 1].used && entries_[p - 1].key == key;
+    };
+    if (place == 0 || !same(place)) place = index_.find(hash, same);
+    return place == 0 ? nullptr : &entries_[place - 1];
   }
 
-  /// A new entry of a key that has none, its counts 0; the table is not full.
+  /// The entry that must be removed before one with this hash can be added, for want of memory or
+  /// since too many collide; null: none.
+  Entry* inTheWay(uint32_t hash) {
+    const uint32_t place = index_.inTheWay(hash);
+    return place == 0 ? nullptr : &entries_[place - 1];
+  }
+
+  /// A new entry of a key that has none, its counts 0. The table is not full, and no entry is in
+  /// the way of the hash. `dueAt` must follow.
   Entry& add(const Key& key, uint32_t hash, int64_t nowMs) {
-    if (2 * (size_ + 1) > slots_.size()) grow();
-    uint32_t place = 0;
-    if (free_.empty()) {
-      place = fresh_++;
-    } else {
-      place = free_.back();
-      free_.pop_back();
-    }
-    Entry& e = entries_[place];
+    const uint32_t place = newPlace();
+    Entry& e = entries_[place - 1];
     e = Entry{};
     e.key = key;
-    e.hash = hash;
     e.firstMs = e.lastMs = nowMs;
+    e.list = noList;
     e.used = true;
-    insert(hash, place + 1);
+    index_.add(hash, place);
     ++size_;
     return e;
   }
 
   void remove(Entry& entry) {
-    const auto place = static_cast<uint32_t>(&entry - &entries_[0]);
-    size_t i = entry.hash & mask_;
-    while (slots_[i].place != place + 1) i = (i + 1) & mask_;
-    // What follows moves up, unless it would come to lie before its own home.
-    for (size_t next = (i + 1) & mask_; slots_[next].place != 0; next = (next + 1) & mask_) {
-      const size_t home = slots_[next].hash & mask_;
-      if (((next - home) & mask_) < ((next - i) & mask_)) continue;
-      slots_[i] = slots_[next];
-      i = next;
-    }
-    slots_[i] = {};
+    const uint32_t place = placeOf(entry);
+    index_.remove(hash_(entry.key), place);
+    unlink(entry);
     entry.used = false;
-    free_.push_back(place);
     --size_;
+    freePlace(place);
   }
 
   /// Asks the wheel to look at the entry at `whenMs`, or a tick later; it replaces what was asked
   /// before.
   void dueAt(Entry& entry, int64_t whenMs) {
-    int64_t tick = whenMs / tickMs + 1;
-    tick = std::clamp(tick, tick_ + 1, tick_ + ticks - 1);
-    if (tick < cursor_) cursor_ = tick;
-    entry.dueTick = static_cast<uint32_t>(tick);
-    wheel_[static_cast<size_t>(tick) % ticks].push_back(
-        {static_cast<uint32_t>(&entry - &entries_[0]), entry.dueTick});
+    const int64_t tick = tick_ + ticksUntil(whenMs);
+    cursor_ = std::min(cursor_, tick);
+    link(entry, static_cast<uint16_t>(tick % ticks));
   }
+  /// The entry waits behind those that are overdue already, and for no tick any more.
+  void overdueIs(Entry& entry) {
+    if (entry.list != overdueList) link(entry, overdueList);
+  }
+  /// The entry that is overdue for longest, or null.
+  Entry* overdue() { return at(lists_[overdueList].head); }
 
-  /// Lets time pass: `look(entry)` is called for each entry that became due. It removes the entry
-  /// or gives it another time.
+  /// Lets time pass: `look(entry)` is called for each entry that became due. It removes the entry,
+  /// gives it another time or makes it overdue.
   template <class Look>
   void advance(int64_t nowMs, Look look) {
-    const int64_t to = nowMs / tickMs;
-    if (!started_) tick_ = cursor_ = to;
-    started_ = true;
-    if (to <= tick_) return;
-    if (to - tick_ > ticks) tick_ = to - ticks;  // each slot once
-    while (tick_ < to) {
+    int64_t steps = (nowMs - tickBeganMs_) / tickMs;
+    tickBeganMs_ += std::max<int64_t>(steps - ticks, 0) * tickMs;  // each list once
+    for (steps = std::min(steps, ticks); steps > 0; --steps) {
       ++tick_;
-      auto& slot = wheel_[static_cast<size_t>(tick_) % ticks];
-      if (slot.empty()) continue;
-      due_.clear();
-      due_.swap(slot);
-      for (size_t i = 0; i < due_.size(); ++i) {
-        if (i + 8 < due_.size()) __builtin_prefetch(&entries_[due_[i + 8].place], 1);
-        if (Entry* e = live(due_[i])) look(*e);
+      tickBeganMs_ += tickMs;
+      for (Entry* e = at(lists_[static_cast<size_t>(tick_ % ticks)].head); e;) {
+        Entry* next = at(e->next);
+        __builtin_prefetch(next, 1);
+        look(*e);
+        e = next;
       }
     }
   }
+  /// The clock was set to this earlier time: the wheel goes on from there. Entries are looked at
+  /// when as much time has passed as they were to wait.
+  void setBack(int64_t nowMs) { tickBeganMs_ = nowMs - nowMs % tickMs; }
 
-  /// Of entries that are due soonest, one that truly is: `dueOf(entry)` tells its time in
-  /// milliseconds. The table is not empty.
+  /// Of entries that are overdue or due soonest, one that truly is: `dueOf(entry)` tells its time
+  /// in milliseconds. The table is not empty.
   template <class DueOf>
   Entry& victim(DueOf dueOf) {
-    cursor_ = std::max(cursor_, tick_ + 1);
-    Entry* chosen = nullptr;
-    for (int tries = 0; tries < victimTries;) {
-      auto& slot = wheel_[static_cast<size_t>(cursor_) % ticks];
-      if (slot.empty()) {
-        if (++cursor_ >= tick_ + ticks) cursor_ = tick_ + 1;
-        continue;
+    for (int tries = 1;; ++tries) {
+      Entry* e = overdue();
+      int64_t due = tick_ + 1;
+      if (!e) {
+        due = cursor_ = std::max(cursor_, tick_ + 1);
+        while (!(e = at(lists_[static_cast<size_t>(cursor_ % ticks)].head)))
+          if (++cursor_ >= tick_ + ticks) cursor_ = tick_ + 1;
+        due = cursor_;
       }
-      const Item item = slot.back();
-      slot.pop_back();
-      Entry* e = live(item);
-      if (!e) continue;
-      ++tries;
-      chosen = e;
-      if (dueOf(*e) / tickMs + 1 <= cursor_) break;
-      if (tries < victimTries) dueAt(*e, dueOf(*e));  // it went on after it was put here
+      const int64_t dueMs = dueOf(*e);
+      if (tries == victimTries || tick_ + ticksUntil(dueMs) <= due) return *e;
+      dueAt(*e, dueMs);  // it went on after it was put here
     }
-    return *chosen;
   }
 
-  /// Visits every entry, in the order of their places, and forgets them all. Time may begin anew,
-  /// at an earlier moment.
+  /// Visits every entry, in the order of their places, and forgets them all.
   template <class Visit>
   void takeAll(Visit visit) {
-    for (uint32_t place = 0; place < fresh_; ++place) {
-      if (!entries_[place].used) continue;
-      visit(std::as_const(entries_[place]));
-      entries_[place].used = false;
+    for (uint32_t c = 0; c < chunks_.size(); ++c) {
+      for (size_t i = firstOf(c); i < firstOf(c) + chunks_[c].touched; ++i)
+        if (entries_[i].used) visit(std::as_const(entries_[i]));
+      giveBack(c);
     }
-    slots_ = Mapping<Slot>(initialSlots);
-    mask_ = initialSlots - 1;
-    free_.clear();
-    fresh_ = 0;
+    index_.clear();
     size_ = 0;
-    for (auto& slot : wheel_) slot.clear();
-    started_ = false;
+    lists_ = {};
+    clearChunks();
   }
 
  private:
-  static constexpr size_t initialSlots = 4096;
+  static constexpr size_t maxChunks = 64;
   static constexpr int victimTries = 16;
-  struct Slot {
-    uint32_t hash;
-    uint32_t place;  // the entry's, from 1; 0: free
+  static constexpr uint16_t overdueList = ticks;
+  static constexpr uint16_t noList = ticks + 1;
+  struct List {
+    uint32_t head = 0;  // places
+    uint32_t tail = 0;
   };
-  struct Item {
-    uint32_t place;
-    uint32_t tick;
+  /// Neighbouring entries: `used` live ones, those that were removed linked by `next` from `free`,
+  /// and those behind the first `touched`, which were never used or were given back.
+  struct Chunk {
+    uint32_t used = 0;
+    uint32_t touched = 0;
+    uint32_t free = 0;
   };
 
-  Entry* live(const Item& item) {
-    Entry& e = entries_[item.place];
-    return e.used && e.dueTick == item.tick ? &e : nullptr;
-  }
-  void insert(uint32_t hash, uint32_t place) {
-    size_t i = hash & mask_;
-    while (slots_[i].place != 0) i = (i + 1) & mask_;
-    slots_[i] = {hash, place};
-  }
-  void grow() {
-    Mapping<Slot> old = std::move(slots_);
-    slots_ = Mapping<Slot>(2 * old.size());
-    mask_ = slots_.size() - 1;
-    for (size_t i = 0; i < old.size(); ++i)
-      if (old[i].place != 0) insert(old[i].hash, old[i].place);
+  Entry* at(uint32_t place) { return place == 0 ? nullptr : &entries_[place - 1]; }
+  uint32_t placeOf(const Entry& e) const { return static_cast<uint32_t>(&e - &entries_[0]) + 1; }
+  int64_t ticksUntil(int64_t ms) const {
+    if (ms < tickBeganMs_) return 1;
+    return std::min((ms - tickBeganMs_) / tickMs + 1, ticks - 1);
   }
 
+  void link(Entry& e, uint16_t list) {
+    unlink(e);
+    List& l = lists_[list];
+    const uint32_t place = placeOf(e);
+    e.list = list;
+    e.next = 0;
+    e.prev = l.tail;
+    (l.tail == 0 ? l.head : entries_[l.tail - 1].next) = place;
+    l.tail = place;
+  }
+  void unlink(Entry& e) {
+    if (e.list == noList) return;
+    List& l = lists_[e.list];
+    (e.prev == 0 ? l.head : entries_[e.prev - 1].next) = e.next;
+    (e.next == 0 ? l.tail : entries_[e.next - 1].prev) = e.prev;
+  }
+
+  size_t firstOf(uint32_t chunk) const { return size_t{chunk} << chunkBits_; }
+  size_t lengthOf(uint32_t chunk) const {
+    return std::min(capacity() - firstOf(chunk), size_t{1} << chunkBits_);
+  }
+  uint32_t newPlace() {
+    const auto c = static_cast<uint32_t>(std::countr_zero(roomy_));
+    Chunk& chunk = chunks_[c];
+    uint32_t place = chunk.free;
+    if (place != 0) {
+      chunk.free = entries_[place - 1].next;
+    } else {
+      place = static_cast<uint32_t>(firstOf(c)) + ++chunk.touched;
+    }
+    if (++chunk.used == lengthOf(c)) roomy_ &= ~(uint64_t{1} << c);
+    return place;
+  }
+  void freePlace(uint32_t place) {
+    const uint32_t c = (place - 1) >> chunkBits_;
+    Chunk& chunk = chunks_[c];
+    entries_[place - 1].next = std::exchange(chunk.free, place);
+    roomy_ |= uint64_t{1} << c;
+    if (--chunk.used > 0 || c == 0) return;
+    // Empty chunks stay as long as the flows would not fit half a chunk below them: else memory
+    // would come and go all the time.
+    for (uint32_t i = 1; i < chunks_.size(); ++i)
+      if (chunks_[i].used == 0 && size_ + (size_t{1} << chunkBits_) / 2 <= firstOf(i)) giveBack(i);
+    index_.shrink();
+  }
+  void giveBack(uint32_t c) {
+    if (chunks_[c].touched == 0) return;
+    entries_.forget(firstOf(c), lengthOf(c));
+    chunks_[c] = {};
+  }
+  void clearChunks() {
+    chunks_ = {};
+    roomy_ = 0;
+    for (uint32_t c = 0; c < maxChunks && firstOf(c) < capacity(); ++c) roomy_ |= uint64_t{1} << c;
+  }
+
+  Hash hash_;
   Mapping<Entry> entries_;
-  Mapping<Slot> slots_;
-  size_t mask_;
-  std::vector<uint32_t> free_;
-  uint32_t fresh_ = 0;  // places from here on were never used
+  FlowIndex index_;
   size_t size_ = 0;
-  std::vector<std::vector<Item>> wheel_;
-  std::vector<Item> due_;
-  bool started_ = false;
-  int64_t tick_ = 0;    // looked at up to here
-  int64_t cursor_ = 0;  // no entry is due before
+  uint32_t chunkBits_ = 15;
+  std::array<Chunk, maxChunks> chunks_;
+  uint64_t roomy_ = 0;  // a bit for each chunk that has a place free
+  std::array<List, size_t{ticks} + 1> lists_{};
+  int64_t tick_ = 0;         // counts on whatever the clock does; looked at up to here
+  int64_t tickBeganMs_ = 0;  // by the clock
+  int64_t cursor_ = 0;       // no entry is due before this tick
 };
 
 }  // namespace agent::flow

@@ -15,5 +15,6 @@ void* mapZeroed(size_t octets) {
   return at;
 }
 void unmap(void* at, size_t octets) noexcept { munmap(at, octets); }
+void zeroPages(void* at, size_t octets) noexcept { madvise(at, octets, MADV_DONTNEED); }
 
 }  // namespace agent::flow

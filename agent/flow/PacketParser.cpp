@@ -1,5 +1,7 @@
 #include "agent/flow/PacketParser.h"
 
+#include "agent/flow/KeyHash.h"
+
 namespace agent::flow {
 namespace {
 // IANA "Assigned Internet Protocol Numbers".
@@ -265,11 +267,6 @@ ParseError PacketParser::parse6(const Packet& p, Place ip, Parsed& out) {
 }
 
 namespace {
-// Both factors depend on the seed, so that no two keys collide for every seed.
-uint64_t mix(uint64_t a, uint64_t b) {
-  const auto product = static_cast<unsigned __int128>(a) * b;
-  return static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64);
-}
 bool within(int64_t a, int64_t b) {
   const uint64_t apart = a > b ? static_cast<uint64_t>(a) - static_cast<uint64_t>(b)
                                : static_cast<uint64_t>(b) - static_cast<uint64_t>(a);
@@ -278,12 +275,7 @@ bool within(int64_t a, int64_t b) {
 }  // namespace
 
 size_t FragmentTable::firstWay(const Key& key) const {
-  std::array<uint64_t, sizeof key / 8> words;
-  std::memcpy(words.data(), &key, sizeof key);
-  uint64_t h = seed_ ^ 0x9e3779b97f4a7c15;
-  for (size_t i = 0; i < words.size(); i += 2)
-    h = mix(words[i] ^ h, words[i + 1] ^ seed_ ^ 0xd6e8feb86659fd93);
-  return (h & (entries_.size() / ways - 1)) * ways;
+  return (keyHash(key, seed_) & (entries_.size() / ways - 1)) * ways;
 }
 
 void FragmentTable::portsIs(const Key& key, int64_t timeNs, const Ports& ports) {
