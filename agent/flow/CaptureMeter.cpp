@@ -4,10 +4,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <utility>
 #include <vector>
 
 #include "platform/UdpPam.h"
@@ -73,21 +71,25 @@ size_t CaptureMeter::readBlocks() {
 
 void CaptureMeter::run() {
   int64_t ticked = 0;
-  int64_t counted = steadyMs();  // when the last packet of a flow was
   uint64_t packets = 0;
+  int64_t countedMs = 0;  // the last packet's time, and when it was counted
+  int64_t countedAt = 0;
   bool filterDue = true;
   while (!stopped()) {
     if (takeOrders() || filterDue) filterDue = !filterIs();
     const size_t got = readBlocks();
     settle();
     const int64_t now = steadyMs();
-    if (std::exchange(packets, cache_.counters().packets) != cache_.counters().packets)
-      counted = now;
+    if (packets != cache_.counters().packets) {
+      packets = cache_.counters().packets;
+      countedMs = cache_.nowMs();
+      countedAt = now;
+    }
     if (now - ticked >= tickMs) {
       ticked = now;
       // By the clock that stamps the packets, no later than any packet still in the ring.
-      if (packets > 0)
-        cache_.nowIs(cache_.lastPacketMs() + std::max<int64_t>(now - counted - ringMs, 0));
+      if (packets > 0 && now > countedAt + ringMs)
+        cache_.nowIs(countedMs + now - countedAt - ringMs);
       queue_.flush();
       counters_.drops = ring_.statistics().dropped;
       tellCounters();

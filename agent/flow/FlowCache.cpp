@@ -121,12 +121,14 @@ void FlowCache::count(Table& table, const Key& key, const Sample& s) {
     // The wheel is a tick late at most; a packet knows exactly that the flow before it is over. A
     // connection that begins anew on the same ports is another flow.
     const bool anew = entry->ending && (s.parsed.tcpFlags & tcpSyn) != 0;
-    if ((dueMs(*entry) <= s.timeMs || anew) && report(*entry, reasonOf(*entry))) {
-      table.remove(*entry);
-      entry = nullptr;
-    } else if (outdated(*entry)) {  // it goes on, as long as it was, by the clock as it is now
-      entry->firstMs += s.timeMs - entry->lastMs;
-      entry->lastMs = s.timeMs;
+    if (dueMs(*entry) <= s.timeMs || anew) {
+      if (report(*entry, reasonOf(*entry))) {
+        table.remove(*entry);
+        entry = nullptr;
+      } else if (outdated(*entry)) {  // it goes on, as long as it was, by the clock as it is now
+        entry->firstMs += s.timeMs - entry->lastMs;
+        entry->lastMs = s.timeMs;
+      }
     }
   }
   if (!entry) entry = &make(table, key, s);
@@ -139,14 +141,11 @@ void FlowCache::count(Table& table, const Key& key, const Sample& s) {
     entry->ending = true;
     table.dueAt(*entry, dueMs(*entry));
   }
-  ++counters_.packets;
-  counters_.octets += s.parsed.ipOctets;
 }
 
 void FlowCache::samplesIs(Sample* samples, size_t n) {
   for (size_t i = 0; i < n; ++i) {
     Sample& s = samples[i];
-    if (s.parsed.error != ParseError::none) continue;
     if (s.parsed.ipv6) {
       s.hash = ipv6_.hash(s.parsed.key6);
       ipv6_.prefetchSlot(s.hash);
@@ -157,19 +156,18 @@ void FlowCache::samplesIs(Sample* samples, size_t n) {
   }
   for (size_t i = 0; i < n; ++i) {
     Sample& s = samples[i];
-    if (s.parsed.error != ParseError::none) continue;
     s.place = s.parsed.ipv6 ? ipv6_.prefetchEntry(s.hash) : ipv4_.prefetchEntry(s.hash);
   }
+  counters_.packets += n;
   for (size_t i = 0; i < n; ++i) {
     const Sample& s = samples[i];
-    if (s.parsed.error != ParseError::none) continue;
-    nowIs(s.timeMs);
+    counters_.octets += s.parsed.ipOctets;
+    if (s.timeMs != nowMs_) nowIs(s.timeMs);
     if (s.parsed.ipv6) {
       count(ipv6_, s.parsed.key6, s);
     } else {
       count(ipv4_, s.parsed.key4, s);
     }
-    lastPacketMs_ = s.timeMs;
   }
 }
 

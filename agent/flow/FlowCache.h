@@ -48,12 +48,12 @@ class FlowCache {
 
   FlowCache(size_t maxFlows, const FlowTimes& times, uint64_t seed, RecordQueue& queue);
 
-  /// Counts packets, in order; those with an error are skipped. Batches of some dozens hide the
+  /// Counts packets, in order, none of which has an error. Batches of some dozens hide the
   /// memory's latency.
   void samplesIs(Sample* samples, size_t n);
   /// Lets time pass without packets.
   void nowIs(int64_t nowMs);
-  int64_t lastPacketMs() const { return lastPacketMs_; }
+  int64_t nowMs() const { return nowMs_; }
   /// Reports every flow that there is and forgets it.
   void endAll(EndReason reason);
 
@@ -104,7 +104,6 @@ class FlowCache {
   bool hold_ = false;
   std::function<bool()> waiter_;
   int64_t nowMs_ = 0;
-  int64_t lastPacketMs_ = 0;
   FlowTable<FlowEntry4> ipv4_;
   FlowTable<FlowEntry6> ipv6_;
   FlowCacheCounters counters_;

@@ -48,17 +48,20 @@ class FlowIndex {
   uint32_t inTheWay(uint32_t hash) {
     if (size_ >= growAt_ && !resize(2 * buckets_.size())) growAt_ += growAt_ / 4;
     size_t at = hash & mask_;
+    const Bucket& home = buckets_[at];
+    if (home.passed == 0 && home.used != allUsed && matches(home, hash) == 0) return 0;
     bool room = false;
     bool more = true;
-    for (size_t n = 0, equal = 0; n < reach && (more || !room); ++n, at = (at + 1) & mask_) {
+    int equal = 0;
+    for (size_t n = 0; n < reach && (more || !room); ++n, at = (at + 1) & mask_) {
       const Bucket& b = buckets_[at];
       const uint32_t m = matches(b, hash);
-      equal += static_cast<size_t>(std::popcount(m));
+      equal += std::popcount(m);
       if (equal >= equalMax) return b.place[static_cast<size_t>(std::countr_zero(m))];
       room = room || b.used != allUsed;
       more = more && b.passed != 0;
     }
-    return room ? 0 : buckets_[hash & mask_].place[0];
+    return room ? 0 : home.place[0];
   }
 
   /// Nobody may be in the way.

@@ -237,10 +237,12 @@ class FlowTable {
     uint32_t head = 0;  // places
     uint32_t tail = 0;
   };
-  /// Neighbouring entries: `used` live ones, those that were removed linked by `next` from `free`,
-  /// and those behind the first `touched`, which were never used or were given back.
+  /// Neighbouring entries: the live ones, `room` places that are not; of these, those that were
+  /// removed are linked by `next` from `free`, and those behind the first `touched` were never used
+  /// or were given back.
   struct Chunk {
-    uint32_t used = 0;
+    uint32_t length = 0;
+    uint32_t room = 0;
     uint32_t touched = 0;
     uint32_t free = 0;
   };
@@ -270,9 +272,6 @@ class FlowTable {
   }
 
   size_t firstOf(uint32_t chunk) const { return size_t{chunk} << chunkBits_; }
-  size_t lengthOf(uint32_t chunk) const {
-    return std::min(capacity() - firstOf(chunk), size_t{1} << chunkBits_);
-  }
   uint32_t newPlace() {
     const auto c = static_cast<uint32_t>(std::countr_zero(roomy_));
     Chunk& chunk = chunks_[c];
@@ -282,7 +281,7 @@ class FlowTable {
     } else {
       place = static_cast<uint32_t>(firstOf(c)) + ++chunk.touched;
     }
-    if (++chunk.used == lengthOf(c)) roomy_ &= ~(uint64_t{1} << c);
+    if (--chunk.room == 0) roomy_ &= ~(uint64_t{1} << c);
     return place;
   }
   void freePlace(uint32_t place) {
@@ -290,22 +289,27 @@ class FlowTable {
     Chunk& chunk = chunks_[c];
     entries_[place - 1].next = std::exchange(chunk.free, place);
     roomy_ |= uint64_t{1} << c;
-    if (--chunk.used > 0 || c == 0) return;
+    if (++chunk.room < chunk.length || c == 0) return;
     // Empty chunks stay as long as the flows would not fit half a chunk below them: else memory
     // would come and go all the time.
     for (uint32_t i = 1; i < chunks_.size(); ++i)
-      if (chunks_[i].used == 0 && size_ + (size_t{1} << chunkBits_) / 2 <= firstOf(i)) giveBack(i);
+      if (chunks_[i].room == chunks_[i].length && size_ + chunks_[0].length / 2 <= firstOf(i))
+        giveBack(i);
     index_.shrink();
   }
   void giveBack(uint32_t c) {
     if (chunks_[c].touched == 0) return;
-    entries_.forget(firstOf(c), lengthOf(c));
-    chunks_[c] = {};
+    entries_.forget(firstOf(c), chunks_[c].length);
+    chunks_[c].touched = chunks_[c].free = 0;
   }
   void clearChunks() {
     chunks_ = {};
     roomy_ = 0;
-    for (uint32_t c = 0; c < maxChunks && firstOf(c) < capacity(); ++c) roomy_ |= uint64_t{1} << c;
+    for (uint32_t c = 0; c < maxChunks && firstOf(c) < capacity(); ++c) {
+      const size_t length = std::min(capacity() - firstOf(c), size_t{1} << chunkBits_);
+      chunks_[c].length = chunks_[c].room = static_cast<uint32_t>(length);
+      roomy_ |= uint64_t{1} << c;
+    }
   }
 
   Hash hash_;
