@@ -33,6 +33,12 @@ void VrfNetwork::presentIs(bool v) {
   set(present_, v, &Watcher::handlePresent);
 }
 
+void VrfNetwork::netnsIs(const NetnsId& v) {
+  if (netns_ == v) return;
+  presentIs(false);
+  netns_ = v;
+}
+
 const Link* VrfNetwork::link(const std::string& name) const {
   auto it = byName_.find(name);
   return it == byName_.end() ? nullptr : &links_.at(it->second);

@@ -8,6 +8,7 @@
 #include "platform/Entity.h"
 #include "platform/Ip.h"
 #include "platform/Values.h"
+#include "platform/linux/Netns.h"
 
 namespace agent {
 using namespace platform;
@@ -59,6 +60,11 @@ class VrfNetwork final : public Entity {
   bool present() const { return present_; }
   /// False forgets all links.
   void presentIs(bool v);
+  /// The namespace that the links are in. Another one of the same name is another network, whose
+  /// interfaces may have the same indexes: what holds sockets in this one opens them anew.
+  const NetnsId& netns() const { return netns_; }
+  /// To be set before the links. Another one than before ends the presence of the one before.
+  void netnsIs(const NetnsId& v);
   const std::map<uint32_t, Link>& links() const { return links_; }
   const Link* link(const std::string& name) const;  ///< null: there is none
 
@@ -81,6 +87,7 @@ class VrfNetwork final : public Entity {
 
   VrfName vrf_;
   bool present_ = false;
+  NetnsId netns_;
   std::map<uint32_t, Link> links_;
   std::map<std::string, uint32_t> byName_;
   std::set<std::string> changed_;

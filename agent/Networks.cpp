@@ -23,19 +23,6 @@ constexpr Seconds tick{2.0};
 // `ip netns add` makes the file first and mounts the namespace on it a moment later.
 constexpr Seconds firstRetry{0.01};
 constexpr int patience = 8;  // doubling the time, 2.5 s; then the slow look is enough
-
-/// What tells two namespaces, and a namespace from the plain file below its mount, apart. The
-/// kernel does not give the number to another one while a socket of ours keeps it alive.
-struct Identity {
-  dev_t device;
-  ino_t inode;
-  bool operator==(const Identity&) const = default;
-};
-std::optional<Identity> identityOf(const std::string& path) {
-  struct stat st {};
-  if (stat(path.c_str(), &st) < 0) return std::nullopt;
-  return Identity{st.st_dev, st.st_ino};
-}
 }  // namespace
 
 struct Networks::Entry {
@@ -43,12 +30,11 @@ struct Networks::Entry {
   std::string fileName;  // empty: the namespace that the agent is in
   std::string path;
   std::unique_ptr<RtnetlinkMonitor> monitor;
-  std::optional<Identity> opened;  // what the monitor is in
-  bool there = false;              // the file was there at the last look
-  bool wanted = false;             // somebody asked for it
-  bool failed = false;             // the monitor said that it is of no more use
-  int notYet = 0;                  // looks at something that is no namespace yet; 0: none
-  std::string said;                // the last state told to the operator
+  bool there = false;   // the file was there at the last look
+  bool wanted = false;  // somebody asked for it
+  bool failed = false;  // the monitor said that it is of no more use
+  int notYet = 0;       // looks at something that is no namespace yet; 0: none
+  std::string said;     // the last state told to the operator
 };
 
 /// Tells the names that come and go in a directory, which itself may come and go.
@@ -192,6 +178,22 @@ std::optional<VrfName> Networks::vrfOf(const std::string& fileName) {
   return std::nullopt;
 }
 
+/// Makes an entry for a file that has none. Of a link that leads nowhere it says so once.
+void Networks::look(const std::string& fileName) {
+  const auto vrf = vrfOf(fileName);
+  if (!vrf || entries_.contains(*vrf)) return;
+  const std::string path = dir_ + '/' + fileName;
+  if (netnsIdOf(path)) {
+    skipped_.erase(fileName);
+    entry(*vrf);
+    return;
+  }
+  const std::string why = std::strerror(errno);
+  struct stat link {};
+  if (lstat(path.c_str(), &link) == 0 && skipped_.insert(fileName).second)
+    log_.warning("namespace " + path + " is not looked at: what it links to: " + why);
+}
+
 /// Looks at namespaces that nobody spoke of yet.
 void Networks::scan() {
   std::set<std::string> names;
@@ -200,8 +202,7 @@ void Networks::scan() {
        it.increment(error))
     names.insert(it->path().filename().string());
   std::erase_if(skipped_, [&](const std::string& name) { return !names.contains(name); });
-  for (const std::string& name : names)
-    if (const auto vrf = vrfOf(name)) entry(*vrf);
+  for (const std::string& name : names) look(name);
 }
 
 /// Drops what is not there and nobody asked for.
@@ -230,7 +231,6 @@ void Networks::say(Entry& entry, Severity severity, const std::string& what) {
 
 void Networks::close(Entry& entry) {
   entry.monitor.reset();
-  entry.opened.reset();
   entry.failed = false;
   entry.network->presentIs(false);
 }
@@ -250,8 +250,8 @@ void Networks::open(Entry& entry) {
 
 void Networks::review(Entry& entry) {
   const bool named = !entry.fileName.empty();
-  const auto found = named ? identityOf(entry.path) : Identity{};
-  if (entry.monitor && (!found || *found != *entry.opened)) close(entry);
+  const auto found = named ? netnsIdOf(entry.path) : NetnsId{};
+  if (entry.monitor && found != entry.monitor->netns()) close(entry);
   entry.there = found.has_value();
   if (!found) {
     entry.notYet = 0;
@@ -276,13 +276,6 @@ void Networks::review(Entry& entry) {
               (err == EPERM ? " (entering a namespace needs CAP_SYS_ADMIN); its VRF is left out"
                             : ""));
     }
-    return;
-  }
-  entry.opened = found;
-  // Replaced while it was entered: which of the two the monitor is in is unknown.
-  if (named && identityOf(entry.path) != found) {
-    close(entry);
-    ++entry.notYet;
     return;
   }
   entry.notYet = 0;
@@ -311,8 +304,9 @@ void Networks::handleName(const std::string& fileName) {
     review(*it->second);
     if (it->second->notYet > 0) reviewSoon();
     forget();
-  } else if (identityOf(dir_ + '/' + fileName)) {
-    entry(*vrf);
+  } else {
+    skipped_.erase(fileName);  // it may be another link
+    look(fileName);
   }
 }
 

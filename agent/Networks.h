@@ -41,6 +41,7 @@ class Networks {
 
   Entry& entry(const VrfName& vrf);
   std::optional<VrfName> vrfOf(const std::string& fileName);
+  void look(const std::string& fileName);
   void scan();
   void forget();
   void review(Entry& entry);
@@ -58,7 +59,7 @@ class Networks {
   std::string dir_;
   AgentLog& log_;
   const Ptr<NetworkList> list_ = networkListFactory();
-  std::set<std::string> skipped_;  // files whose names cannot be a VRF's
+  std::set<std::string> skipped_;  // files that no VRF can have, as they were told
   std::map<VrfName, std::unique_ptr<Entry>> entries_;
   std::unique_ptr<DirectoryWatch> watch_;
   std::unique_ptr<TimerTask> soonTask_;

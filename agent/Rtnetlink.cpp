@@ -125,6 +125,7 @@ RtnetlinkMonitor::RtnetlinkMonitor(EventLoop& loop, Ptr<VrfNetwork> network,
     const NetnsScope inside(path);
     fd_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
     if (fd_ < 0) throw ErrnoException(errno, "rtnetlink socket");
+    netns_ = inside.id();
   }
   try {
     // The forced size needs CAP_NET_ADMIN; without it the system's limit holds.
@@ -136,6 +137,7 @@ RtnetlinkMonitor::RtnetlinkMonitor(EventLoop& loop, Ptr<VrfNetwork> network,
     if (bind(fd_, reinterpret_cast<const sockaddr*>(&self), sizeof self) < 0)
       throw ErrnoException(errno, "rtnetlink bind");
     watch_ = loop.fdWatch(fd_, EPOLLIN, [this](uint32_t) { handleReadable(); });
+    network_->netnsIs(netns_);
     surveyStart();
   } catch (...) {
     watch_.reset();

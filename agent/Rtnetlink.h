@@ -37,6 +37,7 @@ class RtnetlinkMonitor {
   /// Surveys begun, the first included.
   uint64_t surveys() const { return surveys_; }
   int fd() const { return fd_; }
+  const NetnsId& netns() const { return netns_; }  ///< the namespace that it listens in
 
  private:
   enum class Survey { none, links, addresses };
@@ -51,6 +52,7 @@ class RtnetlinkMonitor {
   Ptr<VrfNetwork> network_;
   std::function<void(const std::string&)> failed_;
   int fd_ = -1;
+  NetnsId netns_;
   std::unique_ptr<EventLoop::FdWatch> watch_;
   std::vector<char> buffer_;
   Survey survey_ = Survey::none;

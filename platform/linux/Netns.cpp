@@ -12,10 +12,19 @@
 
 namespace platform {
 
+std::optional<NetnsId> netnsIdOf(const std::string& path) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) return std::nullopt;
+  return NetnsId{st.st_dev, st.st_ino};
+}
+
 NetnsScope::NetnsScope(const std::string& path) {
   if (path.empty()) return;
   const Fd target(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!target) throw ErrnoException(errno, "network namespace " + path);
+  struct stat st {};
+  if (::fstat(target.get(), &st) != 0) throw ErrnoException(errno, "network namespace " + path);
+  id_ = {st.st_dev, st.st_ino};
   Fd home(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
   if (!home) throw ErrnoException(errno, "/proc/thread-self/ns/net");
   // Fails with EINVAL between the creation of the file and the mount of the namespace on it.

@@ -308,7 +308,7 @@ TEST_F(Kernel, NamespaceComesGoesAndIsReplaced) {
 
 TEST_F(Kernel, NamespacesThatNobodyAskedFor) {
   run("ip netns add ns-early && ip netns add 'ns-a blank' && ip netns add ns-default && "
-      "ip netns add other");
+      "ip netns add other && ln -s /nowhere /run/netns/ns-lost");
   Networks networks(loop, "/run/netns", heard.log);
   const auto there = [&] {
     std::string names;
@@ -333,17 +333,22 @@ TEST_F(Kernel, NamespacesThatNobodyAskedFor) {
   // Said once, and again for one that came again.
   const auto said = [&](const std::string& name) {
     size_t n = 0;
-    for (size_t at = 0; (at = heard.text.find(name + " is not looked at", at)) != heard.text.npos;
-         ++at)
+    for (size_t at = 0; (at = heard.text.find("/" + name + " is ", at)) != heard.text.npos; ++at)
       ++n;
     return n;
   };
   EXPECT_EQ(said("ns-a blank"), 1u) << heard.text;
   EXPECT_EQ(said("ns-default"), 1u) << heard.text;
+  EXPECT_EQ(said("ns-lost"), 1u) << heard.text;
   EXPECT_FALSE(heard.has("other")) << heard.text;
   run("ip netns del 'ns-a blank'");
   until(
       *loop, [] { return false; }, 2200ms);
+  EXPECT_EQ(said("ns-lost"), 1u) << heard.text;
+  run("ln -sf other /run/netns/ns-lost");
+  EXPECT_TRUE(soon([&] { return there() == "default late lost "; })) << there();
+  run("rm /run/netns/ns-lost && ln -s /nowhere /run/netns/ns-lost");
+  EXPECT_TRUE(until(*loop, [&] { return said("ns-lost") > 2; })) << heard.text;
   run("ip netns add 'ns-a blank'");
   EXPECT_TRUE(until(*loop, [&] { return said("ns-a blank") == 2; })) << heard.text;
 }
