@@ -12,10 +12,10 @@
 #include <cstring>
 #include <mutex>
 #include <system_error>
-#include <thread>
 
 #include "agent/Printable.h"
 #include "agent/Settings.h"
+#include "agent/Thread.h"
 #include "platform/UdpPam.h"
 #include "platform/linux/Fd.h"
 
@@ -136,7 +136,7 @@ void Resolver::startNext() {
     waiting_.pop_front();
     ++underWay_;
     try {
-      std::thread([shared = shared_, host] {
+      startThread([shared = shared_, host] {
         Result result{host, {}, {}};
         result.addresses = resolve(host, result.problem);
         shared->add(std::move(result));

@@ -51,8 +51,8 @@ int signalDescriptor() {
 int run(const AgentOptions& options, AgentLog& log) {
   const int signals = signalDescriptor();
   raiseDescriptorLimit();
-  keepNeededCapabilities();
   try {
+    keepNeededCapabilities();
     const Ptr<EventLoop> loop = eventLoopFactory();
     Agent agent(loop, log, options);
     const auto watch = loop->fdWatch(signals, EPOLLIN, [&](uint32_t) {
@@ -69,7 +69,7 @@ int run(const AgentOptions& options, AgentLog& log) {
     loop->run();
     agent.stop();
     if (agent.fileDamaged()) return exitFailure;
-  } catch (const ErrnoException& e) {
+  } catch (const std::exception& e) {
     log.error("not started: " + std::string(e.what()));
     return exitFailure;
   }

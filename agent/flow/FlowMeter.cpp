@@ -1,7 +1,8 @@
 #include "agent/flow/FlowMeter.h"
 
 #include <chrono>
-#include <csignal>
+
+#include "agent/Thread.h"
 
 namespace agent::flow {
 namespace {
@@ -16,18 +17,16 @@ FlowMeter::FlowMeter(size_t maxFlows, uint64_t seed, const MeterOrders& orders)
 }
 
 void FlowMeter::start() {
-  // Signals are the agent thread's.
-  sigset_t all;
-  sigset_t before;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &before);
-  thread_ = std::thread([this] {
-    run();
+  thread_ = startThread([this] {
+    try {
+      run();
+    } catch (const std::exception& e) {  // no memory, most likely
+      failure_ = e.what();
+    }
     queue_.flush();
     tellCounters();
     done_.store(true, std::memory_order_release);
   });
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 void FlowMeter::endSoon() {
   stop_ = true;

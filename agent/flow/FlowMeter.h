@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <utility>
 
@@ -63,6 +64,8 @@ class FlowMeter {
   bool drain(size_t maxFlows, Take take);
   /// `giveUp`, and waits for the thread.
   void stop();
+  /// Once `done`: what ended the thread before its time; empty: nothing.
+  const std::string& failure() const { return failure_; }
 
  protected:
   static constexpr size_t batch = 64;
@@ -109,6 +112,7 @@ class FlowMeter {
   std::atomic<bool> stop_{false};
   std::atomic<bool> abandon_{false};
   std::atomic<bool> done_{false};
+  std::string failure_;  // the thread's until `done_`
   mutable std::mutex mutex_;  // guards what follows
   MeterOrders given_;
   std::atomic<bool> fresh_{false};
