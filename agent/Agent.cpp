@@ -20,8 +20,6 @@ constexpr int settlePolls = 200;  // 2 s: a namespace that does not answer delay
 constexpr Seconds statusDelay{0.2};
 constexpr Seconds heldDelay{10};  // what the log holds back is told so much later
 constexpr Seconds sendErrorsPoll{5};
-constexpr Seconds finishPoll{0.01};
-constexpr std::chrono::seconds finishMax{10};  // a million flows leave in half of it
 constexpr size_t statisticsMin = 1024;
 constexpr size_t flowCountersCapacity = 1024;  // trackers
 
@@ -94,6 +92,7 @@ bool Agent::start() {
     watchdogTask_ = scheduler->timerTask("agent-watchdog", afterAll, [this] { handleWatchdog(); });
     addressesTask_ =
         scheduler->timerTask("agent-addresses", afterAll, [this] { entities_->addressesAre(); });
+    leavingTask_ = scheduler->timerTask("agent-leaving", afterAll, [this] { handleLeaving(); });
     sendErrorsTask_ =
         scheduler->timerTask("agent-send-errors", afterAll, [this] { handleSendErrors(); });
     resolver_ =
@@ -147,12 +146,8 @@ void Agent::handleWatchdog() {
   watchdogTask_->scheduleIs(ServiceManager::watchdog() / 2);
 }
 
-Changes Agent::apply(const Settings& settings) {
-  // Flows under way are reported while their exporters are there.
-  std::erase_if(flowPaths_, [&](const auto& path) {
-    const auto tracker = settings.trackers.find(path.first);
-    return tracker == settings.trackers.end() || !tracksPackets(tracker->second);
-  });
+Changes Agent::apply(const Settings& wanted) {
+  const Settings settings = leaveFlows(wanted);
   vrfIds_->configuredIs(settings.vrfs);
   followHosts(settings);
   const Changes changes = entities_->apply(settings);
@@ -178,7 +173,7 @@ Changes Agent::apply(const Settings& settings) {
   for (const auto& [trackerName, tracker] : settings.trackers)
     for (const auto& [name, exporter] : tracker.exporters) vrfs.insert(exporter.vrf);
   networks_->keepOnly(vrfs);
-  startFlows(settings);
+  startFlows(wanted);
   startLocalCollectors();
   return changes;
 }
@@ -199,80 +194,6 @@ void Agent::startLocalCollectors() {
         },
         [exporters] { exporters->flush(); }, [exporters] { return exporters->queued(); }};
   });
-}
-
-void Agent::startFlows(const Settings& settings) {
-  for (const auto& [name, tracker] : settings.trackers) {
-    if (!tracksPackets(tracker)) continue;
-    auto& path = flowPaths_[name];
-    if (path) {
-      path->settingsIs(tracker);
-      continue;
-    }
-    const Roots& roots = roots_.at(tracker.type);
-    path = std::make_unique<flow::FlowPath>(
-        name,
-        flow::FlowPathHost{loop_, networks_->list(), interfaceIndexes_->map(), vrfIds_->status(),
-                           options_.netnsDir, flowCounters_, log_},
-        FlowExportTree{entities_->trees().at(tracker.type).config, roots.info, roots.templateSm,
-                       statistics_},
-        tracker);
-    if (options_.readFile.empty()) continue;
-    ++filesUnderWay_;
-    path->fileIs(std::make_unique<CaptureFile>(options_.readFile), [this] { handleFileDone(); });
-  }
-}
-
-bool Agent::tracksPackets(const TrackerSettings& tracker) const {
-  return tracker.type == FlowTracking::FlowTrackingType::software &&
-         (!tracker.interfaces.empty() || !options_.readFile.empty());
-}
-
-/// Looks at the file that is to be read, and lets its interfaces stand for this machine's.
-bool Agent::openFile(const Settings& settings) {
-  if (options_.readFile.empty()) return true;
-  const auto& all = settings.trackers;
-  if (std::none_of(all.begin(), all.end(),
-                   [this](const auto& t) { return tracksPackets(t.second); })) {
-    log_.error("not started: " + configName() + " has no tracker of type \"software\" to read " +
-               printable(options_.readFile) + " with");
-    return false;
-  }
-  try {
-    CaptureFile file(options_.readFile);
-    Packet packet;
-    file.next(packet);  // interfaces stand before their packets
-    const auto network = vrfNetworkFactory(VrfName(std::string(defaultVrf)));
-    const auto slash = options_.readFile.rfind('/');
-    const std::string base = options_.readFile.substr(slash + 1);  // npos + 1 is 0
-    for (uint32_t n = 1; n <= file.interfaces(); ++n) {
-      std::string name(file.interfaceName(n));
-      if (name.empty()) name = base.substr(0, 200) + ':' + std::to_string(n);
-      network->linkIs(n, name, 0);
-    }
-    network->presentIs(true);
-    fileNetworks_ = networkListFactory();
-    fileNetworks_->networkIs(network);
-  } catch (const std::exception& e) {
-    log_.error("not started: " + std::string(e.what()));
-    return false;
-  }
-  return true;
-}
-
-void Agent::handleFileDone() {
-  if (--filesUnderWay_ > 0) return;
-  std::set<std::string> said;  // each tracker read the same file
-  for (const auto& [name, path] : flowPaths_) {
-    if (!path->file()) continue;
-    const CaptureFile& file = path->file()->file();
-    for (const std::string& warning : file.warnings())
-      if (said.insert(warning).second) log_.warning(warning);
-    if (!file.error().empty() && said.insert(file.error()).second) log_.error(file.error());
-    fileDamaged_ = fileDamaged_ || !file.error().empty();
-    log_.info("tracker " + printable(name) + ": " + path->summary());
-  }
-  loop_->stop();
 }
 
 void Agent::followHosts(const Settings& settings) {
@@ -410,30 +331,6 @@ void Agent::Roots::release() {
   info = nullptr;
 }
 
-void Agent::finish() {
-  if (std::exchange(finishing_, true)) {
-    loop_->stop();
-    return;
-  }
-  ServiceManager::stopping();
-  log_.tell(Severity::info, "stopping");
-  for (const auto& [name, path] : flowPaths_) path->endSoon();
-  const auto end = std::chrono::steady_clock::now() + finishMax;
-  finishTask_ = loop_->taskScheduler()->timerTask("agentFinish", afterAll, [this, end] {
-    const bool ended = std::all_of(flowPaths_.begin(), flowPaths_.end(),
-                                   [](const auto& path) { return path.second->ended(); });
-    const bool late = std::chrono::steady_clock::now() >= end;
-    if (late && !ended)
-      log_.warning("flows under way are still being reported: the rest leaves at once");
-    if (late || ended) {
-      loop_->stop();
-    } else {
-      finishTask_->scheduleIs(finishPoll);
-    }
-  });
-  finishTask_->scheduleIs(Seconds(0));
-}
-
 void Agent::stop() {
   if (running_ && !finishing_) {
     ServiceManager::stopping();
@@ -448,7 +345,9 @@ void Agent::stop() {
   statusTask_.reset();
   watchdogTask_.reset();
   sendErrorsTask_.reset();
+  leavingTask_.reset();
   flowPaths_.clear();
+  leavingPaths_.clear();
   localCollectors_.reset();
   for (auto& [type, roots] : roots_) roots.release();
   roots_.clear();

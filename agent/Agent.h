@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Ipfix/CollectorStats.h"
 #include "Ipfix/FlowTrackerInfoSm.h"
@@ -80,6 +81,8 @@ class Agent {
   std::optional<Settings> readConfig(std::vector<std::string>* errors = nullptr) const;
   std::string configName() const;
   Changes apply(const Settings& settings);
+  Settings leaveFlows(const Settings& settings);
+  void handleLeaving();
   void handleStarted();
   std::string status() const;
   void handleWatchdog();
@@ -112,6 +115,11 @@ class Agent {
   std::unique_ptr<LocalCollectors> localCollectors_;
   Ptr<SharedTable> flowCounters_;
   std::map<std::string, std::unique_ptr<flow::FlowPath>> flowPaths_;
+  // Paths of trackers that are to go, or to track no more, and the settings that wait for their
+  // end.
+  std::vector<std::unique_ptr<flow::FlowPath>> leavingPaths_;
+  std::optional<Settings> later_;
+  std::unique_ptr<TimerTask> leavingTask_;
   Ptr<NetworkList> fileNetworks_;  // what stands for networks where packets come from a file
   size_t filesUnderWay_ = 0;
   bool fileDamaged_ = false;

@@ -27,16 +27,13 @@ CaptureMeter::CaptureMeter(size_t maxFlows, uint64_t seed, const MeterOrders& or
     : FlowMeter(maxFlows, seed, orders),
       ring_(PacketRingOptions{}),
       wakeFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
-  if (wakeFd_ < 0) throw platform::ErrnoException(errno, "eventfd");
+  if (!wakeFd_) throw platform::ErrnoException(errno, "eventfd");
   start();
 }
-CaptureMeter::~CaptureMeter() {
-  stop();
-  close(wakeFd_);
-}
+CaptureMeter::~CaptureMeter() { stop(); }
 void CaptureMeter::wake() {
   const uint64_t one = 1;
-  [[maybe_unused]] const auto n = write(wakeFd_, &one, sizeof one);
+  [[maybe_unused]] const auto n = write(wakeFd_.get(), &one, sizeof one);
 }
 
 bool CaptureMeter::filterIs() {
@@ -95,11 +92,11 @@ void CaptureMeter::run() {
       tellCounters();
     }
     if (got > 0) continue;
-    pollfd fds[] = {{ring_.fd(), POLLIN, 0}, {wakeFd_, POLLIN, 0}};
+    pollfd fds[] = {{ring_.fd(), POLLIN, 0}, {wakeFd_.get(), POLLIN, 0}};
     poll(fds, 2, tickMs);
     if (fds[1].revents != 0) {
       uint64_t n = 0;
-      [[maybe_unused]] const auto read = ::read(wakeFd_, &n, sizeof n);
+      [[maybe_unused]] const auto read = ::read(wakeFd_.get(), &n, sizeof n);
     }
   }
   takeOrders();

@@ -1,6 +1,7 @@
 #pragma once
 #include "agent/flow/FlowMeter.h"
 #include "agent/flow/PacketRing.h"
+#include "platform/linux/Fd.h"
 
 namespace agent::flow {
 
@@ -21,7 +22,7 @@ class CaptureMeter final : public FlowMeter {
   void wake() override;
 
   PacketRing ring_;
-  int wakeFd_;
+  platform::Fd wakeFd_;  // closed, too, when the constructor cannot start the thread
 };
 
 }  // namespace agent::flow

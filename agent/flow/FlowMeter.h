@@ -112,7 +112,7 @@ class FlowMeter {
   std::atomic<bool> stop_{false};
   std::atomic<bool> abandon_{false};
   std::atomic<bool> done_{false};
-  std::string failure_;  // the thread's until `done_`
+  std::string failure_;       // the thread's until `done_`
   mutable std::mutex mutex_;  // guards what follows
   MeterOrders given_;
   std::atomic<bool> fresh_{false};

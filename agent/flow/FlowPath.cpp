@@ -7,7 +7,6 @@
 #include <chrono>
 #include <random>
 #include <system_error>
-#include <thread>
 
 #include "agent/FlowTemplates.h"
 #include "agent/Printable.h"
@@ -25,6 +24,7 @@ constexpr Seconds flushDelay{0.1};  // how long a message waits to be full
 constexpr Seconds tick{0.1};
 constexpr int ticksPerTelling = 10;
 constexpr int blocksPerTask = 8;
+constexpr Seconds retry{1.0};  // what could not be had
 
 /// The name that patterns, and the interface table, know the interface by.
 std::string exportedName(const VrfName& vrf, const std::string& name) {
@@ -80,12 +80,22 @@ FlowPath::FlowPath(std::string tracker, FlowPathHost host, FlowExportTree tree,
 }
 
 FlowPath::~FlowPath() {
-  for (auto& [vrf, source] : sources_) release(source);
-  export_.flush();
-  if (host_.counters) {
-    const FlowTracking::FlowPathKey key(tracker_);
-    host_.counters->del(std::as_bytes(std::span(&key, 1)));
+  endSoon();
+  for (Leaving& l : leaving_) l.meter->giveUp();  // all of them before the first is waited for
+  for (Leaving& l : leaving_) {
+    l.meter->stop();
+    while (drain(*l.meter)) {
+    }
   }
+  export_.flush();
+  hide();
+}
+
+void FlowPath::hide() {
+  if (!host_.counters) return;
+  const FlowTracking::FlowPathKey key(tracker_);
+  host_.counters->del(std::as_bytes(std::span(&key, 1)));
+  host_.counters = nullptr;
 }
 
 void FlowPath::settingsIs(const TrackerSettings& settings) {
@@ -149,33 +159,19 @@ void FlowPath::review() {
 
 void FlowPath::reviewNetwork(const VrfName& vrf, Source& source) {
   const MeterOrders wanted = orders(vrf);
-  const std::string where =
-      "tracker " + printable(tracker_) + ", VRF " + printable(vrf.stringValue()) + ": ";
+  const std::string where = placeText(vrf);
   const LogFields fields{.tracker = tracker_, .vrf = vrf.stringValue()};
   if (wanted.interfaces.empty()) {
     if (source.meter) host_.log.info(where + "no interface to track flows on any more", fields);
     release(source);
     return;
   }
-  if (source.meter) {
-    source.meter->ordersIs(wanted);
-  } else {
-    try {
-      const NetnsScope inside(vrf.stringValue() == defaultVrf
-                                  ? std::string()
-                                  : host_.netnsDir + "/ns-" + vrf.stringValue());
-      source.meter = std::make_unique<CaptureMeter>(settings_.maxFlows, randomSeed(), wanted);
-    } catch (const ErrnoException& e) {
-      if (source.problem != e.what())
-        host_.log.warning(where + "cannot track flows, trying again: " + e.what(), fields);
-      source.problem = e.what();
-      reviewTask_->scheduleLowestIs(Seconds(1.0));
-      return;
-    }
-    source.problem.clear();
-    source.tracked.clear();
-    watchQueue(source);
+  if (source.meter && source.netns != host_.networks->network(vrf)->netns()) release(source);
+  if (!source.meter && !openMeter(vrf, source, wanted)) {
+    reviewTask_->scheduleLowestIs(retry);
+    return;
   }
+  source.meter->ordersIs(wanted);
   if (source.tracked == wanted.interfaces) return;
   source.tracked = wanted.interfaces;
   std::string names;
@@ -190,6 +186,34 @@ void FlowPath::reviewNetwork(const VrfName& vrf, Source& source) {
   host_.log.info(where + "tracking flows on " + names, fields);
 }
 
+/// False: it cannot be had now. What the operator should know is told once.
+bool FlowPath::openMeter(const VrfName& vrf, Source& source, const MeterOrders& wanted) {
+  try {
+    const NetnsScope inside(vrf.stringValue() == defaultVrf
+                                ? std::string()
+                                : host_.netnsDir + "/ns-" + vrf.stringValue());
+    source.netns = inside.id();
+    // Another namespace is there by now; its links will be told.
+    if (source.netns != host_.networks->network(vrf)->netns()) return false;
+    source.meter = std::make_unique<CaptureMeter>(settings_.maxFlows, randomSeed(), wanted);
+    watchQueue(source);
+  } catch (const std::exception& e) {  // a right, descriptors, memory, threads
+    source.meter.reset();
+    if (source.problem != e.what())
+      host_.log.warning(placeText(vrf) + "cannot track flows, trying again: " + e.what(),
+                        {.tracker = tracker_, .vrf = vrf.stringValue()});
+    source.problem = e.what();
+    return false;
+  }
+  source.problem.clear();
+  source.tracked.clear();
+  return true;
+}
+
+std::string FlowPath::placeText(const VrfName& vrf) const {
+  return "tracker " + printable(tracker_) + ", VRF " + printable(vrf.stringValue()) + ": ";
+}
+
 void FlowPath::watchQueue(Source& source) {
   FlowMeter& meter = *source.meter;
   source.watch = host_.loop->fdWatch(meter.queue().fd(), EPOLLIN, [this, &meter](uint32_t) {
@@ -200,35 +224,46 @@ void FlowPath::watchQueue(Source& source) {
 
 void FlowPath::release(Source& source) {
   if (!source.meter) return;
-  source.watch.reset();
-  FlowMeter& meter = *source.meter;
-  meter.endSoon();
-  const auto end = std::chrono::steady_clock::now() + stopMax;
-  while (!hold_ && !meter.done() && std::chrono::steady_clock::now() < end)
-    if (!drain(meter)) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  meter.stop();
-  while (drain(meter)) {  // without a collector they are counted as lost
-  }
-  addCounters(meter, ended_);
-  if (source.meter.get() == file_) file_ = nullptr;
-  source.meter.reset();
+  source.meter->endSoon();
+  leaving_.push_back({{std::move(source.meter), std::move(source.watch)},
+                      std::chrono::steady_clock::now() + leaveMax});
+}
+
+/// Looks after the meters that leave. Nothing here waits for their threads.
+void FlowPath::forgetLeft() {
+  const auto now = std::chrono::steady_clock::now();
+  std::erase_if(leaving_, [&](Leaving& l) {
+    FlowMeter& meter = *l.meter;
+    const bool give = hold_ || now >= l.end;
+    if (give) meter.giveUp();
+    if (!meter.done()) return false;
+    if (!give && drain(meter)) {
+      drainTask_->scheduleLowestIs(Seconds(0));
+      return false;
+    }
+    while (drain(meter)) {  // without a collector they are counted as lost
+    }
+    addCounters(meter, ended_);
+    if (&meter == file_) file_ = nullptr;
+    l.watch.reset();  // before the descriptor that it watches
+    return true;
+  });
 }
 
 void FlowPath::endSoon() {
   ending_ = true;
-  for (auto& [vrf, source] : sources_)
-    if (source.meter) source.meter->endSoon();
+  for (auto& [vrf, source] : sources_) release(source);
 }
-bool FlowPath::ended() {
-  if (hold_) return true;
-  for (auto& [vrf, source] : sources_) {
-    if (!source.meter || (source.meter->done() && !drain(*source.meter))) continue;
+bool FlowPath::left() {
+  forgetLeft();
+  if (!leaving_.empty()) {
     drainTask_->scheduleLowestIs(Seconds(0));
     return false;
   }
   export_.flush();
-  return export_.queued() == 0;
+  return true;
 }
+bool FlowPath::ended() { return left() && (hold_ || export_.queued() == 0); }
 
 // --- Records ---
 
@@ -245,15 +280,18 @@ bool FlowPath::drain(FlowMeter& meter) {
 void FlowPath::drainAll() {
   if (hold_) return;  // the tick comes back to it
   int blocks = 0;
+  std::vector<FlowMeter*> meters;
+  for (auto& [vrf, source] : sources_)
+    if (source.meter) meters.push_back(source.meter.get());
+  for (Leaving& l : leaving_) meters.push_back(l.meter.get());
   for (bool any = true; any;) {
     any = false;
-    for (auto& [vrf, source] : sources_) {
-      if (!source.meter) continue;
+    for (FlowMeter* meter : meters) {
       if (++blocks > blocksPerTask || export_.queued() > queuedMax) {
         drainTask_->scheduleLowestIs(blocks > blocksPerTask ? Seconds(0) : drainRetry);
         return;
       }
-      any = drain(*source.meter) || any;
+      any = drain(*meter) || any;
     }
   }
   // What a file gives is packed the same way each time, whatever the clock says.
@@ -268,9 +306,11 @@ void FlowPath::handleTick() {
     review();
     drainTask_->scheduleLowestIs(Seconds(0));
   }
+  forgetLeft();
   if (ticks_++ % ticksPerTelling == 0) {
     tellCounters();
     tellFilterErrors();
+    tellFailures();
   }
   if (file_ && file_->done() && fileDone_) {
     if (hold_ || drain(*file_)) {
@@ -309,12 +349,16 @@ void FlowPath::addCounters(const FlowMeter& meter, FlowTracking::FlowPathRecord&
 
 FlowTracking::FlowPathRecord FlowPath::record() const {
   FlowTracking::FlowPathRecord r = ended_;
+  const auto add = [&](const FlowMeter& meter) {
+    addCounters(meter, r);
+    r.flowsActive += meter.counters().active;
+  };
   for (const auto& [vrf, source] : sources_) {
     if (!source.meter) continue;
-    addCounters(*source.meter, r);
-    r.flowsActive += source.meter->counters().active;
+    add(*source.meter);
     r.flowsMax += settings_.maxFlows;
   }
+  for (const Leaving& l : leaving_) add(*l.meter);
   r.records = export_.counters().records;
   r.recordsLost = export_.counters().recordsLost;
   r.messages = export_.counters().messages;
@@ -331,13 +375,23 @@ void FlowPath::tellFilterErrors() {
   for (auto& [vrf, source] : sources_) {
     const int now = source.meter ? source.meter->counters().filterError : 0;
     if (now != 0 && now != source.filterError)
-      host_.log.warning(
-          "tracker " + printable(tracker_) + ", VRF " + printable(vrf.stringValue()) +
-              ": the kernel refuses the new choice of interfaces and sampling, the one "
-              "before holds, trying again: " +
-              std::generic_category().message(now),
-          {.tracker = tracker_, .vrf = vrf.stringValue()});
+      host_.log.warning(placeText(vrf) +
+                            "the kernel refuses the new choice of interfaces and sampling, the one "
+                            "before holds, trying again: " +
+                            std::generic_category().message(now),
+                        {.tracker = tracker_, .vrf = vrf.stringValue()});
     source.filterError = now;
+  }
+}
+/// A meter whose thread ended before its time is told and made anew.
+void FlowPath::tellFailures() {
+  for (auto& [vrf, source] : sources_) {
+    if (!source.meter || !source.meter->done() || source.meter->failure().empty()) continue;
+    host_.log.warning(
+        placeText(vrf) + "stopped tracking flows, trying again: " + source.meter->failure(),
+        {.tracker = tracker_, .vrf = vrf.stringValue()});
+    release(source);
+    reviewTask_->scheduleLowestIs(retry);
   }
 }
 std::string FlowPath::summary() const {

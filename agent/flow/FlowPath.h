@@ -1,8 +1,10 @@
 #pragma once
+#include <chrono>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Ipfix/FlowTrackingTypes.h"
 #include "agent/AgentLog.h"
@@ -35,7 +37,7 @@ class FlowPath {
  public:
   FlowPath(std::string tracker, FlowPathHost host, FlowExportTree tree,
            const TrackerSettings& settings);
-  /// Reports the flows under way, as far as that takes no longer than `stopMax`.
+  /// Ends at once: flows under way that `endSoon` left no time to report are lost.
   ~FlowPath();
   FlowPath(const FlowPath&) = delete;
   FlowPath& operator=(const FlowPath&) = delete;
@@ -44,35 +46,53 @@ class FlowPath {
   void settingsIs(const TrackerSettings& settings);
   /// Reads a file instead of interfaces; `done` is called once when all of it was sent.
   void fileIs(std::unique_ptr<CaptureFile> file, std::function<void()> done);
-  /// No packet is counted from here on; the flows under way are reported at the exporters' pace.
+  /// No packet is counted from here on; the flows under way are reported at the exporters' pace,
+  /// for `leaveMax` at most.
   void endSoon();
-  /// After `endSoon`, asked again and again: all is sent, or nobody is there to take it.
+  /// After `endSoon`, asked again and again: nothing is under way, all is with the endpoints.
+  bool left();
+  /// The same, and all is sent, or nobody is there to take it.
   bool ended();
+  /// The counters are no longer shown to other processes; another path may show its own.
+  void hide();
+  const std::string& tracker() const { return tracker_; }
+  const TrackerSettings& settings() const { return settings_; }
   /// What the path did, in words.
   std::string summary() const;
   /// The file's meter, or null.
   const FileMeter* file() const { return file_; }
 
  private:
-  static constexpr Seconds stopMax{3.0};
+  static constexpr std::chrono::seconds leaveMax{10};  // a million flows leave in half of it
 
   class Watch;
-  struct Source {
+  struct Live {
     std::unique_ptr<FlowMeter> meter;
     std::unique_ptr<EventLoop::FdWatch> watch;
+  };
+  struct Source : Live {
     std::unique_ptr<Watch> network;
+    NetnsId netns;                         // that the meter's sockets are in
     std::map<uint32_t, uint32_t> tracked;  // the interfaces, as they were told
     std::string problem;                   // why there is no meter, as it was told
     int filterError = 0;                   // of the meter, as it was told
+  };
+  /// A meter that counts no more and has flows to report.
+  struct Leaving : Live {
+    std::chrono::steady_clock::time_point end;  // when the rest is lost
   };
   class ListWatch;
 
   void reviewSoon() { reviewTask_->scheduleLowestIs(Seconds(0.01)); }
   void review();
   void reviewNetwork(const VrfName& vrf, Source& source);
+  bool openMeter(const VrfName& vrf, Source& source, const MeterOrders& wanted);
   MeterOrders orders(const VrfName& vrf) const;
   void watchQueue(Source& source);
   void release(Source& source);
+  void forgetLeft();
+  void tellFailures();
+  std::string placeText(const VrfName& vrf) const;  ///< what a line about it begins with
   /// False: more waits than can be sent now.
   bool drain(FlowMeter& meter);
   void drainAll();
@@ -89,6 +109,7 @@ class FlowPath {
   bool hold_ = true;
   bool ending_ = false;
   std::map<VrfName, Source> sources_;
+  std::vector<Leaving> leaving_;
   FlowTracking::FlowPathRecord ended_;  // of meters that are gone
   FileMeter* file_ = nullptr;
   std::function<void()> fileDone_;

@@ -4,6 +4,8 @@ collector stored is compared flow by flow with what was sent."""
 import datetime
 import json
 import pathlib
+import re
+import resource
 import signal
 import socket
 import threading
@@ -12,7 +14,7 @@ import time
 import pytest
 
 import traffic
-from lab import inside, parse_json_lines, run, wait_for
+from lab import descriptors, inside, parse_json_lines, run, wait_for
 from tarnflow import AGENT, Agent, collectors, config, exporter, flows, listen
 from traffic import Key, Sum
 from wire import Capture, Nfcapd, no_faults, tshark
@@ -228,15 +230,19 @@ def test_overload(house):
     assert agent.stop() == 0
 
 
-def test_stopping_reports_what_is_under_way(house):
-    """At the pace of the exporter, to a collector whose socket holds a tenth of it."""
+@pytest.mark.parametrize("end", ["agent", "tracker"])
+def test_ending_reports_what_is_under_way(house, end):
+    """At the pace of the exporter, to a collector whose socket holds a tenth of it, with the agent
+    free for others meanwhile."""
     lab, count = house, 20000
+    text = settings({"one": FAR["more4"]}, **{"inactive-timeout": "60s"}).replace(
+        'local-interface =', 'rate-limit = "400 messages/s"\nlocal-interface =')
     with inside("tt-far"):
         collector = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     collector.bind(FAR["more4"])
     collector.settimeout(1)
     heard = []
-    agent = Agent(lab, settings({"one": FAR["more4"]}, **{"inactive-timeout": "60s"}))
+    agent = Agent(lab, text)
     agent.program.wait_log("tracking flows on in0")
 
     def hear():
@@ -251,10 +257,67 @@ def test_stopping_reports_what_is_under_way(house):
     run("/usr/bin/python3", SEND, "src0", count, ns="tt-src")
     wait_for("every flow is seen", lambda: flows()["edge"]["flowsCreated"] == count, 5)
     before = flows()["edge"]["records"]
+    if end == "tracker":
+        agent.reload(text.replace("edge", "other"))
+        wait_for("the other tracker tracks", lambda: "other" in flows(), 2)
+        agent.program.wait_log("reload is complete.*trackers: 1 removed", 10)
     assert agent.stop() == 0
     listener.join()
     assert before < count / 2, "most flows were over: this test tested nothing"
     assert sum(heard) == count
+
+
+def test_what_is_refused_is_tried_again(house):
+    """Memory for flows, and for the stack of a thread: nothing else of the agent notices."""
+    lab, mib = house, 1 << 20
+    stack = resource.getrlimit(resource.RLIMIT_STACK)
+    resource.setrlimit(resource.RLIMIT_STACK, (1024 * mib, stack[1]))  # of each thread, too
+    try:
+        agent = Agent(lab, settings({"one": FAR["more4"]}, **{"max-flows": 1000}))
+    finally:
+        resource.setrlimit(resource.RLIMIT_STACK, stack)
+    agent.program.wait_log("tracking flows on in0")
+    everything = resource.prlimit(agent.pid, resource.RLIMIT_AS)
+    for room, flows_max, problem in ((-400, 2000, "cannot start a thread: "),
+                                     (4000, 100000000, r"table of 64\d+ octets")):
+        status = pathlib.Path(f"/proc/{agent.pid}/status").read_text()
+        size = int(re.search(r"VmSize:\s+(\d+)", status)[1]) * 1024
+        resource.prlimit(agent.pid, resource.RLIMIT_AS, (size + room * mib, everything[1]))
+        agent.reload(settings({"one": FAR["more4"]}, **{"max-flows": flows_max}))
+        agent.program.wait_log(f"cannot track flows, trying again: .*{problem}")
+        time.sleep(2)
+        assert flows()["edge"]["flowsMax"] == 0
+        assert descriptors(agent.pid)["anon_inode:[eventfd]"] < 3, "no try leaves anything behind"
+        resource.prlimit(agent.pid, resource.RLIMIT_AS, everything)
+        wait_for("it tracks", lambda: flows()["edge"]["flowsMax"] == flows_max)
+        assert len(re.findall(problem, agent.program.log())) == 1, "each is said once"
+    seen = flows()["edge"]["packets"]
+    run("/usr/bin/python3", SEND, "src0", "burst", 10, ns="tt-src")
+    wait_for("packets are counted", lambda: flows()["edge"]["packets"] == seen + 10)
+    assert agent.stop() == 0
+
+
+def test_a_namespace_mounted_over_another(house):
+    """Its name, its interfaces and their indexes are as before; its packets are others."""
+    lab = house
+    for ns, source in (("ns-red", "src1"), ("tt-red", "src2")):
+        lab.namespace(ns)
+        lab.veth("red0", source, "tt-src", ns=ns)
+        for where, device in ((ns, "red0"), ("tt-src", source)):
+            run("sysctl", "-qw", f"net.ipv6.conf.{device}.disable_ipv6=1", ns=where)
+    agent = Agent(lab, settings({"one": FAR["nf4"]}, interfaces=["red/red0"]))
+    agent.program.wait_log("VRF red: tracking flows on red0")
+    run("/usr/bin/python3", SEND, "src1", "burst", 10, ns="tt-src")
+    wait_for("10 packets", lambda: flows()["edge"]["packets"] == 10)
+    run("mount", "--bind", "/run/netns/tt-red", "/run/netns/ns-red")
+    try:
+        wait_for("it is tracked in the new one", lambda: len(re.findall(
+            "VRF red: tracking flows on red0", agent.program.log())) == 2)
+        run("/usr/bin/python3", SEND, "src2", "burst", 20, ns="tt-src")
+        wait_for("30 packets", lambda: flows()["edge"]["packets"] == 30)
+    finally:
+        run("umount", "/run/netns/ns-red")
+    assert agent.stop() == 0
 
 
 def test_interfaces_and_collectors_come_and_go(house):
