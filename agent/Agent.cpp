@@ -236,6 +236,12 @@ ReloadOutcome Agent::reload() {
     log_.tell(Severity::info, outcome.summary);
     return outcome;
   }
+  if (!options_.readFile.empty()) {
+    outcome.summary = "not reloaded: " + printable(options_.readFile) +
+                      " is read to its end with the settings that it was begun with";
+    log_.tell(Severity::warning, outcome.summary);
+    return outcome;
+  }
   ServiceManager::reloading();
   if (const auto settings = readConfig(&outcome.errors)) {
     const Settings before = entities_->settings();

@@ -59,8 +59,8 @@ class Agent {
   void stop();
 
   const Entities& entities() const { return *entities_; }
-  /// A file was read and is damaged: what was exported is not all of it.
-  bool fileDamaged() const { return fileDamaged_; }
+  /// A file was to be read, and what was exported is not all of it.
+  bool fileFailed() const { return fileFailed_; }
 
  private:
   /// The reactors of one kind of tracking. Options data waits for templates, and both refer to the
@@ -77,7 +77,7 @@ class Agent {
   bool tracksPackets(const TrackerSettings& tracker) const;
   void startFlows(const Settings& settings);
   void startLocalCollectors();
-  void handleFileDone();
+  void handleFileDone(bool sent);
   std::optional<Settings> readConfig(std::vector<std::string>* errors = nullptr) const;
   std::string configName() const;
   Changes apply(const Settings& settings);
@@ -122,7 +122,7 @@ class Agent {
   std::unique_ptr<TimerTask> leavingTask_;
   Ptr<NetworkList> fileNetworks_;  // what stands for networks where packets come from a file
   size_t filesUnderWay_ = 0;
-  bool fileDamaged_ = false;
+  bool fileFailed_ = false;
   std::unique_ptr<TimerTask> finishTask_;
   std::unique_ptr<TimerTask> startedTask_;
   std::unique_ptr<TimerTask> statusTask_;

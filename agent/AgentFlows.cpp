@@ -12,6 +12,7 @@
 namespace agent {
 namespace {
 constexpr TaskPriority afterAll = 255;  // the library's tasks are due before
+constexpr int piecesMax = 64;           // of a capture, some 16 MiB, to find its interfaces in
 constexpr Seconds finishPoll{0.01};
 constexpr std::chrono::milliseconds leaveShare{10};  // of the loop, at a reload
 constexpr std::chrono::seconds finishMax{10};        // a million flows leave in half of it
@@ -35,7 +36,8 @@ void Agent::startFlows(const Settings& settings) {
         tracker);
     if (options_.readFile.empty()) continue;
     ++filesUnderWay_;
-    path->fileIs(std::make_unique<CaptureFile>(options_.readFile), [this] { handleFileDone(); });
+    path->fileIs(std::make_unique<CaptureFile>(options_.readFile),
+                 [this](bool sent) { handleFileDone(sent); });
   }
 }
 
@@ -57,7 +59,9 @@ bool Agent::openFile(const Settings& settings) {
   try {
     CaptureFile file(options_.readFile);
     Packet packet;
-    file.next(packet);  // interfaces stand before their packets
+    // Interfaces stand before their packets; a file without any is not read to its end for that.
+    file.goOnIs([pieces = 0]() mutable { return ++pieces < piecesMax; });
+    file.next(packet);
     const auto network = vrfNetworkFactory(VrfName(std::string(defaultVrf)));
     const auto slash = options_.readFile.rfind('/');
     const std::string base = options_.readFile.substr(slash + 1);  // npos + 1 is 0
@@ -76,16 +80,19 @@ bool Agent::openFile(const Settings& settings) {
   return true;
 }
 
-void Agent::handleFileDone() {
+void Agent::handleFileDone(bool sent) {
+  fileFailed_ = fileFailed_ || !sent;
   if (--filesUnderWay_ > 0) return;
   std::set<std::string> said;  // each tracker read the same file
   for (const auto& [name, path] : flowPaths_) {
     if (!path->file()) continue;
-    const CaptureFile& file = path->file()->file();
-    for (const std::string& warning : file.warnings())
-      if (said.insert(warning).second) log_.warning(warning);
-    if (!file.error().empty() && said.insert(file.error()).second) log_.error(file.error());
-    fileDamaged_ = fileDamaged_ || !file.error().empty();
+    if (path->file()->done()) {
+      const CaptureFile& file = path->file()->file();
+      for (const std::string& warning : file.warnings())
+        if (said.insert(warning).second) log_.warning(warning);
+      if (!file.error().empty() && said.insert(file.error()).second) log_.error(file.error());
+      fileFailed_ = fileFailed_ || !file.error().empty();
+    }
     log_.info("tracker " + printable(name) + ": " + path->summary());
   }
   loop_->stop();

@@ -68,7 +68,7 @@ int run(const AgentOptions& options, AgentLog& log) {
     if (!agent.start()) return exitFailure;
     loop->run();
     agent.stop();
-    if (agent.fileDamaged()) return exitFailure;
+    if (agent.fileFailed()) return exitFailure;
   } catch (const std::exception& e) {
     log.error("not started: " + std::string(e.what()));
     return exitFailure;

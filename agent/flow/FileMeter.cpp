@@ -8,6 +8,13 @@ constexpr uint64_t fileSeed = 0x7461726e666c6f77;  // a file gives the same reco
 FileMeter::FileMeter(std::unique_ptr<CaptureFile> file, size_t maxFlows, const MeterOrders& orders)
     : FlowMeter(maxFlows, fileSeed, orders), file_(std::move(file)) {
   cache_.waiterIs([this] { return waitForRoom(); });
+  // A file can be long and hold nothing that is counted.
+  file_->goOnIs([this] {
+    percent_.store(static_cast<unsigned>(100.0 * static_cast<double>(file_->position()) /
+                                         static_cast<double>(file_->size())),
+                   std::memory_order_relaxed);
+    return !stopped();
+  });
   start();
 }
 FileMeter::~FileMeter() { stop(); }

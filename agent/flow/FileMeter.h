@@ -1,4 +1,5 @@
 #pragma once
+#include <atomic>
 #include <memory>
 
 #include "agent/flow/FlowMeter.h"
@@ -13,11 +14,14 @@ class FileMeter final : public FlowMeter {
   FileMeter(std::unique_ptr<CaptureFile> file, size_t maxFlows, const MeterOrders& orders);
   ~FileMeter() override;
   const CaptureFile& file() const { return *file_; }  ///< once `done`
+  /// How much of the file was read so far, in percent.
+  unsigned percent() const { return percent_.load(std::memory_order_relaxed); }
 
  private:
   void run() override;
 
   std::unique_ptr<CaptureFile> file_;
+  std::atomic<unsigned> percent_{0};
 };
 
 }  // namespace agent::flow

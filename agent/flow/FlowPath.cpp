@@ -24,6 +24,7 @@ constexpr Seconds flushDelay{0.1};  // how long a message waits to be full
 constexpr Seconds tick{0.1};
 constexpr int ticksPerTelling = 10;
 constexpr int blocksPerTask = 8;
+constexpr std::chrono::seconds progressEvery{10};
 constexpr Seconds retry{1.0};  // what could not be had
 
 /// The name that patterns, and the interface table, know the interface by.
@@ -106,7 +107,7 @@ void FlowPath::settingsIs(const TrackerSettings& settings) {
   reviewSoon();
 }
 
-void FlowPath::fileIs(std::unique_ptr<CaptureFile> file, std::function<void()> done) {
+void FlowPath::fileIs(std::unique_ptr<CaptureFile> file, std::function<void(bool sent)> done) {
   const VrfName vrf{std::string(defaultVrf)};
   Source& source = sources_[vrf];
   auto meter = std::make_unique<FileMeter>(std::move(file), settings_.maxFlows, orders(vrf));
@@ -303,6 +304,7 @@ void FlowPath::handleTick() {
   const bool hold = !export_.ready();
   if (hold != hold_) {
     hold_ = hold;
+    heldSince_ = std::chrono::steady_clock::now();
     review();
     drainTask_->scheduleLowestIs(Seconds(0));
   }
@@ -312,14 +314,29 @@ void FlowPath::handleTick() {
     tellFilterErrors();
     tellFailures();
   }
-  if (file_ && file_->done() && fileDone_) {
-    if (hold_ || drain(*file_)) {
-      drainTask_->scheduleLowestIs(Seconds(0));
-    } else if (export_.queued() == 0) {
-      export_.flush();
-      tellCounters();
-      std::exchange(fileDone_, nullptr)();
-    }
+  if (file_ && fileDone_) followFile();
+}
+
+void FlowPath::followFile() {
+  const auto now = std::chrono::steady_clock::now();
+  const std::string who = "tracker " + printable(tracker_) + ": ";
+  if (!file_->done() && now - progressTold_ >= progressEvery) {
+    progressTold_ = now;
+    host_.log.info(who + std::to_string(file_->percent()) + " % of the capture was read",
+                   {.tracker = tracker_});
+  }
+  if (hold_) {
+    if (now - heldSince_ < readyMax) return;
+    host_.log.error(who + "the capture is not exported: no collector was ready for " +
+                        std::to_string(readyMax.count()) + " s",
+                    {.tracker = tracker_});
+    std::exchange(fileDone_, nullptr)(false);
+  } else if (file_->done() && drain(*file_)) {
+    drainTask_->scheduleLowestIs(Seconds(0));
+  } else if (file_->done() && export_.queued() == 0) {
+    export_.flush();
+    tellCounters();
+    std::exchange(fileDone_, nullptr)(true);
   }
 }
 

@@ -44,8 +44,10 @@ class FlowPath {
 
   /// The times, the sampling and the interfaces apply from now on; another `maxFlows` starts anew.
   void settingsIs(const TrackerSettings& settings);
-  /// Reads a file instead of interfaces; `done` is called once when all of it was sent.
-  void fileIs(std::unique_ptr<CaptureFile> file, std::function<void()> done);
+  /// Reads a file instead of interfaces. `done` is called once: true, all of it was sent; false, no
+  /// collector was ready for `readyMax`, as the log says then. Throws what the meter's constructor
+  /// does.
+  void fileIs(std::unique_ptr<CaptureFile> file, std::function<void(bool sent)> done);
   /// No packet is counted from here on; the flows under way are reported at the exporters' pace,
   /// for `leaveMax` at most.
   void endSoon();
@@ -63,6 +65,7 @@ class FlowPath {
   const FileMeter* file() const { return file_; }
 
  private:
+  static constexpr std::chrono::seconds readyMax{15};
   static constexpr std::chrono::seconds leaveMax{10};  // a million flows leave in half of it
 
   class Watch;
@@ -97,6 +100,7 @@ class FlowPath {
   bool drain(FlowMeter& meter);
   void drainAll();
   void handleTick();
+  void followFile();
   FlowTracking::FlowPathRecord record() const;
   void tellCounters();
   void tellFilterErrors();
@@ -112,7 +116,9 @@ class FlowPath {
   std::vector<Leaving> leaving_;
   FlowTracking::FlowPathRecord ended_;  // of meters that are gone
   FileMeter* file_ = nullptr;
-  std::function<void()> fileDone_;
+  std::function<void(bool sent)> fileDone_;
+  std::chrono::steady_clock::time_point heldSince_ = std::chrono::steady_clock::now();
+  std::chrono::steady_clock::time_point progressTold_ = heldSince_;
   std::unique_ptr<ListWatch> listWatch_;
   std::unique_ptr<TimerTask> reviewTask_;
   std::unique_ptr<TimerTask> drainTask_;

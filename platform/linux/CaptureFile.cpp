@@ -1,7 +1,6 @@
 #include "platform/linux/CaptureFile.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <stdexcept>
+#include <utility>
 
 #include "platform/UdpPam.h"
 #include "platform/linux/Fd.h"
@@ -60,9 +60,8 @@ constexpr size_t interfacesMax = 65536;
 constexpr size_t warningsMax = 8;
 constexpr int64_t timeMax = (int64_t{1} << 62) - 1;
 
-// Pages are asked for and given back in such pieces: few system calls, and a file of any size
-// takes little memory.
-constexpr size_t windowLen = 4 << 20;
+// The file is read in such pieces: few system calls, and the copy stays in the processor's cache.
+constexpr size_t pieceLen = 256 << 10;
 
 uint32_t swapped(uint32_t v) { return __builtin_bswap32(v); }
 
@@ -80,39 +79,29 @@ const char* kindOf(mode_t mode) {
 }
 }  // namespace
 
-void CaptureFile::Unmap::operator()(const uint8_t* at) const noexcept {
-  ::munmap(const_cast<uint8_t*>(at), len);
-}
-
 CaptureFile::CaptureFile(const std::string& path) : name_(path) {
-  const std::string remedy = "; a capture is mapped into memory: give the name of a regular file";
+  const std::string remedy = "; give the name of a regular file";
   if (path == "-") throw std::runtime_error("-: the standard input is not read" + remedy);
   // Without waiting, if it is a pipe, for its writer.
-  const platform::Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (!fd) throw platform::ErrnoException(errno, name_ + ": cannot be opened");
+  fd_ = platform::Fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!fd_) throw platform::ErrnoException(errno, name_ + ": cannot be opened");
   struct stat info {};
-  if (::fstat(fd.get(), &info) != 0)
+  if (::fstat(fd_.get(), &info) != 0)
     throw platform::ErrnoException(errno, name_ + ": its size cannot be read");
   if (!S_ISREG(info.st_mode))
     throw std::runtime_error(name_ + ": is " + kindOf(info.st_mode) + remedy);
   size_ = static_cast<size_t>(info.st_size);
-  if (size_ > 0) {
-    void* at = ::mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd.get(), 0);
-    if (at == MAP_FAILED) throw platform::ErrnoException(errno, name_ + ": cannot be mapped");
-    mapped_ = {static_cast<const uint8_t*>(at), Unmap{size_}};
-    ::madvise(at, size_, MADV_SEQUENTIAL);  // a hint: refused, it only costs time
-  }
-  data_ = mapped_.get();
+  ::posix_fadvise(fd_.get(), 0, 0, POSIX_FADV_SEQUENTIAL);  // a hint: refused, it only costs time
   begin();
 }
 
 CaptureFile::CaptureFile(std::string name, std::span<const uint8_t> octets)
-    : name_(std::move(name)), data_(octets.data()), size_(octets.size()) {
+    : name_(std::move(name)), data_(octets.data()), len_(octets.size()), size_(len_) {
   begin();
 }
 
 void CaptureFile::begin() {
-  if (size_ > 0 && !windowIs()) throw std::runtime_error(error_);
+  if (!have(std::min(size_, pcapHeaderLen))) throw std::runtime_error(error_);
   uint32_t magic = 0;
   if (size_ >= sizeof magic) {
     std::memcpy(&magic, data_, sizeof magic);
@@ -159,7 +148,7 @@ void CaptureFile::beginPcap() {
   only_ = &interfaces_.front();
   capLenMax_ = std::clamp(load32(data_ + 16), capLenUsual, lengthMax);
   pos_ = pcapHeaderLen;
-  if (only_->readable) fastEnd_ = windowEnd_;
+  if (only_->readable) fastEnd_ = len_;
 }
 
 void CaptureFile::linkIs(Interface& i, uint16_t linkType) {
@@ -195,20 +184,17 @@ bool CaptureFile::nextAny(Packet& p) {
 
 bool CaptureFile::nextRecord(Packet& p) {
   for (;;) {
-    if (pos_ == size_) return end();
-    if (pos_ >= windowEnd_) {
-      if (!windowIs()) return false;
-      if (only_->readable) fastEnd_ = windowEnd_;
-    }
-    const size_t left = size_ - pos_;
-    if (left < recordHeaderLen) return cut();
-    const uint8_t* r = data_ + pos_;
-    const uint32_t captured = load32(r + 8);
+    if (left() == 0) return end();
+    if (left() < recordHeaderLen) return cut();
+    if (!have(recordHeaderLen)) return false;
+    const uint32_t captured = load32(data_ + pos_ + 8);
     if (captured > capLenMax_)
       return fail(pos_ + 8, "found a packet of " + std::to_string(captured) +
                                 " captured octets; at most " + std::to_string(capLenMax_) +
                                 " can be right");
-    if (left - recordHeaderLen < captured) return cut();
+    if (left() - recordHeaderLen < captured) return cut();
+    if (!have(recordHeaderLen + captured)) return false;
+    const uint8_t* r = data_ + pos_;
     pos_ += recordHeaderLen + captured;
     if (!only_->readable) {
       ++only_->skipped;
@@ -223,20 +209,20 @@ bool CaptureFile::nextRecord(Packet& p) {
 
 bool CaptureFile::nextBlock(Packet& p) {
   for (;;) {
-    if (pos_ == size_) return end();
-    if (pos_ >= windowEnd_ && !windowIs()) return false;
-    const size_t left = size_ - pos_;
-    if (left < 12) return cut();
-    const uint8_t* b = data_ + pos_;
-    const uint32_t type = load32(b);
+    if (left() == 0) return end();
+    if (left() < 12) return cut();
+    if (!have(12)) return false;
+    const uint32_t type = load32(data_ + pos_);
     if (type == sectionHeader && !byteOrderIs()) return false;
-    const uint32_t len = load32(b + 4);
+    const uint32_t len = load32(data_ + pos_ + 4);
     if (len < blockLenMin(type) || len > lengthMax || len % 4 != 0)
       return fail(pos_ + 4, "found a block of " + std::to_string(len) +
                                 " octets; a multiple of 4 " + "from " +
                                 std::to_string(blockLenMin(type)) + " to " +
                                 std::to_string(lengthMax) + " is right");
-    if (left < len) return cut();
+    if (left() < len) return cut();
+    if (!have(len)) return false;
+    const uint8_t* b = data_ + pos_;
     if (const uint32_t again = load32(b + len - 4); again != len)
       return fail(pos_ + len - 4, "found block length " + std::to_string(again) + "; " +
                                       std::to_string(len) + ", as at its start, is right");
@@ -382,23 +368,34 @@ int64_t CaptureFile::Interface::timeNs(uint64_t ticks) const {
   return std::clamp(static_cast<int64_t>(ns) + offsetNs, int64_t{0}, timeMax);
 }
 
-bool CaptureFile::windowIs() {
-  if (!mapped_) {
-    windowEnd_ = size_;
-    return true;
+/// Makes `n` octets from `pos_` on, which the file has, lie behind each other in memory.
+bool CaptureFile::read(size_t n) {
+  if (goOn_ && !goOn_()) return end();
+  const size_t rest = len_ - pos_;
+  if (n > bufferLen_) {
+    bufferLen_ = std::max(n, pieceLen);
+    auto larger = std::make_unique_for_overwrite<uint8_t[]>(bufferLen_);
+    if (rest > 0) std::memcpy(larger.get(), data_ + pos_, rest);
+    buffer_ = std::move(larger);
+  } else {
+    std::memmove(buffer_.get(), data_ + pos_, rest);
   }
-  static const auto pageLen = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
-  auto* base = const_cast<uint8_t*>(data_);
-  const size_t begin = pos_ / pageLen * pageLen;
-  if (begin > released_) ::madvise(base + released_, begin - released_, MADV_DONTNEED);
-  released_ = begin;
-  windowEnd_ = std::min(size_, begin + windowLen);
-  if (::madvise(base + begin, windowEnd_ - begin, MADV_POPULATE_READ) == 0) return true;
-  // EINVAL: a kernel before 5.14; the pages come one by one.
-  if (errno == EINVAL) return true;
-  if (errno == EFAULT)
-    return fail(pos_, "found the file shorter than it was; nobody may truncate it meanwhile");
-  return fail(pos_, std::string("cannot be read: ") + std::strerror(errno));
+  data_ = buffer_.get();
+  base_ += std::exchange(pos_, 0);
+  len_ = rest;
+  while (len_ < n) {
+    const ssize_t got =
+        ::pread(fd_.get(), buffer_.get() + len_, std::min(bufferLen_ - len_, size_ - base_ - len_),
+                static_cast<off_t>(base_ + len_));
+    if (got == 0)
+      return fail(len_, "found the end of the file, which had " + std::to_string(size_) +
+                            " octets when it was opened; nobody may truncate it meanwhile");
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return fail(len_, std::string("cannot be read: ") + std::strerror(errno));
+    len_ += static_cast<size_t>(got);
+  }
+  if (only_ && only_->readable) fastEnd_ = len_;
+  return true;
 }
 
 bool CaptureFile::end() {
@@ -408,14 +405,14 @@ bool CaptureFile::end() {
 }
 
 bool CaptureFile::cut() {
-  cut_ = name_ + ": octet " + std::to_string(pos_) +
+  cut_ = name_ + ": octet " + std::to_string(position()) +
          ": the last packet is not whole: the capture is still being written, or was killed; all "
          "before it was read";
   return end();
 }
 
 bool CaptureFile::fail(size_t at, const std::string& problem) {
-  error_ = name_ + ": octet " + std::to_string(at) + ": " + problem;
+  error_ = name_ + ": octet " + std::to_string(base_ + at) + ": " + problem;
   return end();
 }
 

@@ -1,17 +1,20 @@
 #pragma once
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
+#include "platform/linux/Fd.h"
 #include "platform/linux/Packet.h"
 
 namespace platform {
 
-/// The packets of a capture file, pcap or pcapng, where they lie in the mapped file.
+/// The packets of a capture file, pcap or pcapng, which is read piece by piece.
 ///
 ///   CaptureFile file(path);               // throws
 ///   Packet p;
@@ -23,11 +26,11 @@ namespace platform {
 /// one. Times are kept between 0 and 2^62 - 1 ns, so that adding an interval overflows nothing. A
 /// packet without a time (pcapng's simple packet) has that of the packet before it.
 ///
-/// The file must not be truncated by others meanwhile: the kernel would end this process with
-/// SIGBUS. What is appended after opening is not seen.
+/// A file that others truncate meanwhile is damaged from there on. What is appended after opening
+/// is not seen.
 class CaptureFile {
  public:
-  /// Throws ErrnoException when the file cannot be opened or mapped, std::runtime_error when it is
+  /// Throws ErrnoException when the file cannot be opened or read, std::runtime_error when it is
   /// no capture or no regular file. The text names the file, what is wrong and what would be right.
   explicit CaptureFile(const std::string& path);
   /// A capture in memory, which must outlive this.
@@ -37,6 +40,12 @@ class CaptureFile {
 
   /// False at the end of what can be read.
   bool next(Packet& p);
+
+  /// Called within `next` before each piece of some hundred KiB is read, packets or not; false ends
+  /// the reading as the end of the file does.
+  void goOnIs(std::function<bool()> goOn) { goOn_ = std::move(goOn); }
+  size_t position() const { return base_ + pos_; }  ///< octets that were read
+  size_t size() const { return size_; }             ///< as it was opened
 
   /// Why reading ended before the end of the file: name, octet offset, what was found there and
   /// what would be right. Empty: it did not.
@@ -90,24 +99,24 @@ class CaptureFile {
   bool byteOrderIs();
   bool sectionIs();
   bool interfaceIs(uint32_t blockLen);
-  bool windowIs();
+  size_t left() const { return size_ - base_ - pos_; }
+  bool have(size_t n) { return n <= len_ - pos_ || read(n); }
+  bool read(size_t n);
   bool end();
   bool cut();
   bool fail(size_t at, const std::string& problem);
 
-  struct Unmap {
-    size_t len;
-    void operator()(const uint8_t* at) const noexcept;
-  };
-
   std::string name_;
-  std::unique_ptr<const uint8_t, Unmap> mapped_;  // null of a capture in memory
-  const uint8_t* data_ = nullptr;
-  size_t size_ = 0;
-  size_t pos_ = 0;
-  size_t fastEnd_ = 0;    // pcap records that end here or before take the short way
-  size_t windowEnd_ = 0;  // up to here pages have been asked for
-  size_t released_ = 0;   // up to here they have been given back
+  Fd fd_;  // none of a capture in memory
+  std::function<bool()> goOn_;
+  std::unique_ptr<uint8_t[]> buffer_;
+  size_t bufferLen_ = 0;
+  const uint8_t* data_ = nullptr;  // the piece of the file in memory
+  size_t len_ = 0;                 // its octets
+  size_t base_ = 0;                // where in the file it begins
+  size_t pos_ = 0;                 // in the piece
+  size_t size_ = 0;                // of the file
+  size_t fastEnd_ = 0;             // pcap records that end here or before take the short way
   bool pcapng_ = false;
   bool swap_ = false;  // the file, or section, has the other byte order
   bool ended_ = false;

@@ -3,11 +3,13 @@ collector stored is compared flow by flow with what was sent."""
 
 import datetime
 import json
+import os
 import pathlib
 import re
 import resource
 import signal
 import socket
+import struct
 import threading
 import time
 
@@ -189,6 +191,40 @@ def test_every_flow_as_it_was(house):
         no_faults(wire.file, ports=(9995,))
         contents.append([m.octets[16:] for m in wire.messages() if m.sets[0][0] in (256, 257)])
     assert contents[0] == contents[1] == contents[2]
+
+
+def reader(lab, name, capture, interface="up0"):
+    """tarnflowd that reads a capture, with counters of its own."""
+    file = lab.path(f"{name}.toml")
+    file.write_text(settings({"one": FAR["nf4"]}).replace('"/tarnflow"', f'"/{name}"').replace(
+        "control.sock", f"{name}.sock").replace("up0", interface))
+    return lab.start(name, AGENT, "--config", file, "--read", capture), file
+
+
+def test_reading_always_ends(house):
+    """Without a collector, with a reload, and of a file of 40 GB that has nothing to be counted."""
+    lab = house
+    capture, sparse = lab.path("capture.pcap"), lab.path("sparse.pcap")
+    header = bytes.fromhex("d4c3b2a1 02000400 00000000 00000000 ffff0000")
+    frames = [next(traffic.mixture(1))[0]] * 3
+    capture.write_bytes(header + bytes([1, 0, 0, 0]) + b"".join(
+        struct.pack("<IIII", 1700000000, 0, len(f), len(f)) + f for f in frames))
+    sparse.write_bytes(header + bytes([127, 0, 0, 0]))
+    os.truncate(sparse, 40 << 30)
+    run("ip", "link", "set", "up0", "down")
+    never, _ = reader(lab, "never", capture, "none0")
+    later, file = reader(lab, "later", capture)
+    long, _ = reader(lab, "long", sparse)
+    long.wait_log("started with")
+    assert long.stop() == 0
+    later.wait_log("started with")
+    file.write_text(file.read_text().replace("edge", "other"))
+    later.process.send_signal(signal.SIGHUP)
+    later.wait_log("not reloaded: .*capture.pcap is read")
+    run("ip", "link", "set", "up0", "up")
+    assert later.wait_exit(10) == 0 and "3 packets seen, 3 in flows" in later.log()
+    assert never.wait_exit(25) == 1
+    assert "the capture is not exported: no collector was ready for 15 s" in never.log()
 
 
 def test_sampling(house):
