@@ -323,6 +323,7 @@ std::vector<StateTree::Root> Agent::stateRoots() const {
   add("interfaces", interfaceIndexes_->map());
   add("vrfs", vrfIds_->status());
   add("networks", networks_->list());
+  add("captures", flowCaptures_);
   add("requests", configReq_);
   add("statistics", statistics_);
   add("elements", ipfixInit_);

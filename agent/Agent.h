@@ -114,6 +114,7 @@ class Agent {
   std::map<FlowTracking::FlowTrackingType, Roots> roots_;
   std::unique_ptr<LocalCollectors> localCollectors_;
   Ptr<SharedTable> flowCounters_;
+  const Ptr<flow::FlowCaptures> flowCaptures_ = flow::flowCapturesFactory();
   std::map<std::string, std::unique_ptr<flow::FlowPath>> flowPaths_;
   // Paths of trackers that are to go, or to track no more, and the settings that wait for their
   // end.

@@ -30,7 +30,7 @@ void Agent::startFlows(const Settings& settings) {
     path = std::make_unique<flow::FlowPath>(
         name,
         flow::FlowPathHost{loop_, networks_->list(), interfaceIndexes_->map(), vrfIds_->status(),
-                           options_.netnsDir, flowCounters_, log_},
+                           options_.netnsDir, flowCounters_, flowCaptures_, log_},
         FlowExportTree{entities_->trees().at(tracker.type).config, roots.info, roots.templateSm,
                        statistics_},
         tracker);

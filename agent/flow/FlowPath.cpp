@@ -153,6 +153,7 @@ void FlowPath::review() {
       ++it;
     } else {
       release(it->second);
+      captureIs(it->first, {});
       it = sources_.erase(it);
     }
   }
@@ -165,6 +166,7 @@ void FlowPath::reviewNetwork(const VrfName& vrf, Source& source) {
   if (wanted.interfaces.empty()) {
     if (source.meter) host_.log.info(where + "no interface to track flows on any more", fields);
     release(source);
+    captureIs(vrf, {});
     return;
   }
   if (source.meter && source.netns != host_.networks->network(vrf)->netns()) release(source);
@@ -204,9 +206,11 @@ bool FlowPath::openMeter(const VrfName& vrf, Source& source, const MeterOrders& 
       host_.log.warning(placeText(vrf) + "cannot track flows, trying again: " + e.what(),
                         {.tracker = tracker_, .vrf = vrf.stringValue()});
     source.problem = e.what();
+    captureIs(vrf, source.problem);
     return false;
   }
   source.problem.clear();
+  captureIs(vrf, "tracking flows");
   source.tracked.clear();
   return true;
 }
@@ -253,7 +257,10 @@ void FlowPath::forgetLeft() {
 
 void FlowPath::endSoon() {
   ending_ = true;
-  for (auto& [vrf, source] : sources_) release(source);
+  for (auto& [vrf, source] : sources_) {
+    release(source);
+    captureIs(vrf, {});
+  }
 }
 bool FlowPath::left() {
   forgetLeft();
@@ -407,6 +414,7 @@ void FlowPath::tellFailures() {
     host_.log.warning(
         placeText(vrf) + "stopped tracking flows, trying again: " + source.meter->failure(),
         {.tracker = tracker_, .vrf = vrf.stringValue()});
+    captureIs(vrf, source.meter->failure());
     release(source);
     reviewTask_->scheduleLowestIs(retry);
   }

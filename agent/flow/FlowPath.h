@@ -12,6 +12,7 @@
 #include "agent/Network.h"
 #include "agent/Settings.h"
 #include "agent/flow/FileMeter.h"
+#include "agent/flow/FlowCaptures.h"
 #include "platform/FlowPathCounters.h"
 #include "platform/SharedTable.h"
 #include "platform/Vrf.h"
@@ -27,6 +28,7 @@ struct FlowPathHost {
   Ptr<const Vrf::VrfIdMap::Status> vrfs;
   std::string netnsDir;
   Ptr<SharedTable> counters;  ///< of FlowPathRecord; null: not shown
+  Ptr<FlowCaptures> captures;
   AgentLog& log;
 };
 
@@ -93,6 +95,9 @@ class FlowPath {
   MeterOrders orders(const VrfName& vrf) const;
   void watchQueue(Source& source);
   void release(Source& source);
+  void captureIs(const VrfName& vrf, const std::string& state) {
+    host_.captures->captureIs(tracker_ + " in VRF " + vrf.stringValue(), state);
+  }
   void forgetLeft();
   void tellFailures();
   std::string placeText(const VrfName& vrf) const;  ///< what a line about it begins with

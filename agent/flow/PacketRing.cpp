@@ -87,7 +87,16 @@ void optionIs(int fd, int option, const T& value, const std::string& problem) {
 
 void PacketRing::Unmap::operator()(uint8_t* at) const noexcept { ::munmap(at, len); }
 
-PacketRing::PacketRing(const Options& options) : options_(options) {
+PacketRing::Share::Share(uint32_t most) {
+  if (++taken <= most) return;
+  --taken;
+  throw platform::ErrnoException(EUSERS,
+                                 "all " + std::to_string(most) +
+                                     " captures are in use, one for each tracker and VRF: "
+                                     "track interfaces of fewer VRFs, or with fewer trackers");
+}
+
+PacketRing::PacketRing(const Options& options) : options_(options), share_(options.ringsMax) {
   // Without a protocol it hears nothing until it is bound.
   fd_ = platform::Fd(::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
   if (!fd_)

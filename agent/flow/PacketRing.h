@@ -27,6 +27,9 @@ struct PacketRingOptions {
   /// group.
   uint16_t fanoutRings = 1;
   uint16_t fanoutGroup = 0;
+  /// Rings that this process may have, this one included: their memory is the kernel's, not swapped
+  /// and not counted as the process's, 16 MiB each.
+  uint32_t ringsMax = 256;
 };
 
 /// Packets as they arrive at interfaces of the network namespace that the calling thread is in, in
@@ -41,7 +44,8 @@ struct PacketRingOptions {
 class PacketRing {
  public:
   using Options = PacketRingOptions;
-  /// Throws ErrnoException (EPERM: no CAP_NET_RAW; ENOMEM: no room for the ring; EINVAL: lengths,
+  /// Throws ErrnoException (EPERM: no CAP_NET_RAW; ENOMEM: no room for the ring; EUSERS: there are
+  /// `ringsMax` already; EINVAL: lengths,
   /// or the group's id belongs to a group of another kind).
   explicit PacketRing(const Options& options = {});
 
@@ -77,7 +81,17 @@ class PacketRing {
   static void packetIs(Packet& p, const tpacket3_hdr& h);
   bool wanted(uint32_t interface) const;
 
+  /// One of the rings that the process may have.
+  struct Share {
+    explicit Share(uint32_t most);
+    ~Share() { --taken; }
+    Share(const Share&) = delete;
+    Share& operator=(const Share&) = delete;
+    inline static std::atomic<uint32_t> taken{0};
+  };
+
   Options options_;
+  Share share_;  // given back after the memory
   platform::Fd fd_;
   std::unique_ptr<uint8_t, Unmap> ring_;
   uint32_t block_ = 0;                // the next to become ready

@@ -17,7 +17,7 @@ import pytest
 
 import traffic
 from lab import descriptors, inside, parse_json_lines, run, wait_for
-from tarnflow import AGENT, Agent, collectors, config, exporter, flows, listen
+from tarnflow import AGENT, Agent, collectors, config, exporter, flows, listen, tool
 from traffic import Key, Sum
 from wire import Capture, Nfcapd, no_faults, tshark
 
@@ -323,6 +323,7 @@ def test_what_is_refused_is_tried_again(house):
         agent.program.wait_log(f"cannot track flows, trying again: .*{problem}")
         time.sleep(2)
         assert flows()["edge"]["flowsMax"] == 0
+        assert re.search(f"edge in VRF default.*{problem}", tool("show", "state", "captures")[1])
         assert descriptors(agent.pid)["anon_inode:[eventfd]"] < 3, "no try leaves anything behind"
         resource.prlimit(agent.pid, resource.RLIMIT_AS, everything)
         wait_for("it tracks", lambda: flows()["edge"]["flowsMax"] == flows_max)

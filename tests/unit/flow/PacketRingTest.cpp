@@ -227,6 +227,8 @@ TEST_F(PacketRingTest, RingsOfAGroupShareByFlow) {
   o.fanoutRings = 2;
   o.fanoutGroup = 7;
   PacketRing first(o), second(o);
+  o.ringsMax = 2;  // and a third one is refused, whatever group it is of
+  EXPECT_THROW(PacketRing{o}, platform::ErrnoException);
   for (PacketRing* r : {&first, &second}) r->filterIs({100, 101}, 1);
   std::map<uint16_t, size_t> counts[2];
   size_t all = 0;
