@@ -103,6 +103,7 @@ void CaptureMeter::run() {
   while (readBlocks() > 0) settle();
   settle();
   counters_.drops = ring_.statistics().dropped;
+  ring_.close();  // here, since it holds up who does it
   cache_.waiterIs([this] { return waitForRoom(); });
   cache_.endAll(EndReason::forcedEnd);
 }

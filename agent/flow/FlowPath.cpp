@@ -7,6 +7,7 @@
 #include <chrono>
 #include <random>
 #include <system_error>
+#include <utility>
 
 #include "agent/FlowTemplates.h"
 #include "agent/Printable.h"
@@ -25,7 +26,7 @@ constexpr Seconds tick{0.1};
 constexpr int ticksPerTelling = 10;
 constexpr int blocksPerTask = 8;
 constexpr std::chrono::seconds progressEvery{10};
-constexpr Seconds retry{1.0};  // what could not be had
+constexpr std::chrono::seconds retry{1};  // what could not be had
 
 /// The name that patterns, and the interface table, know the interface by.
 std::string exportedName(const VrfName& vrf, const std::string& name) {
@@ -143,6 +144,7 @@ void FlowPath::review() {
     for (auto& [vrf, source] : sources_) source.meter->ordersIs(orders(vrf));
     return;
   }
+  opened_ = false;
   for (const auto& [vrf, network] : host_.networks->network()) {
     Source& source = sources_[vrf];
     if (!source.network) source.network = std::make_unique<Watch>(*this, network);
@@ -170,9 +172,15 @@ void FlowPath::reviewNetwork(const VrfName& vrf, Source& source) {
     return;
   }
   if (source.meter && source.netns != host_.networks->network(vrf)->netns()) release(source);
-  if (!source.meter && !openMeter(vrf, source, wanted)) {
-    reviewTask_->scheduleLowestIs(retry);
-    return;
+  if (!source.meter) {
+    const auto now = std::chrono::steady_clock::now();
+    if (now < source.nextTry) return reviewTask_->scheduleLowestIs(retry);
+    // To open a packet socket holds the loop up: others get their turn between two.
+    if (std::exchange(opened_, true)) return reviewTask_->scheduleLowestIs(Seconds(0));
+    if (!openMeter(vrf, source, wanted)) {
+      source.nextTry = now + retry;
+      return reviewTask_->scheduleLowestIs(retry);
+    }
   }
   source.meter->ordersIs(wanted);
   if (source.tracked == wanted.interfaces) return;

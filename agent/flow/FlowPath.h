@@ -79,8 +79,9 @@ class FlowPath {
     std::unique_ptr<Watch> network;
     NetnsId netns;                         // that the meter's sockets are in
     std::map<uint32_t, uint32_t> tracked;  // the interfaces, as they were told
-    std::string problem;                   // why there is no meter, as it was told
-    int filterError = 0;                   // of the meter, as it was told
+    std::chrono::steady_clock::time_point nextTry;
+    std::string problem;  // why there is no meter, as it was told
+    int filterError = 0;  // of the meter, as it was told
   };
   /// A meter that counts no more and has flows to report.
   struct Leaving : Live {
@@ -117,6 +118,7 @@ class FlowPath {
   FlowExport export_;
   bool hold_ = true;
   bool ending_ = false;
+  bool opened_ = false;  // a meter, in the review under way
   std::map<VrfName, Source> sources_;
   std::vector<Leaving> leaving_;
   FlowTracking::FlowPathRecord ended_;  // of meters that are gone

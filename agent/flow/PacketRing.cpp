@@ -138,6 +138,11 @@ PacketRing::PacketRing(const Options& options) : options_(options), share_(optio
   }
 }
 
+void PacketRing::close() {
+  ring_.reset();
+  fd_.close();
+}
+
 void PacketRing::filterIs(std::vector<uint32_t> interfaces, uint32_t sampleRate) {
   std::sort(interfaces.begin(), interfaces.end());
   interfaces.erase(std::unique(interfaces.begin(), interfaces.end()), interfaces.end());

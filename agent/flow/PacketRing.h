@@ -55,6 +55,10 @@ class PacketRing {
   /// the kernel refuses the filter; the one before then stays.
   void filterIs(std::vector<uint32_t> interfaces, uint32_t sampleRate);
 
+  /// Ends the capture, for good, and gives its memory back. As its destructor does; closing a
+  /// packet socket takes the kernel some 35 ms, and opening one as much.
+  void close();
+
   /// Readable when a block is ready.
   int fd() const { return fd_.get(); }
 
