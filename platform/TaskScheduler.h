@@ -35,7 +35,8 @@ class TARN_API TimerTask {
   /// The body is under way.
   virtual bool running() const = 0;
   /// For long loops inside a body: other work waits, or the body has had its share of time
-  /// (10 ms). Schedule again and return.
+  /// (10 ms, of which it has at least as much as the work before it took). Schedule again and
+  /// return.
   virtual bool shouldYield() const = 0;
 };
 

@@ -33,7 +33,7 @@ struct UdpPamCounters {
   uint64_t received = 0;        ///< datagrams that the receive handler was given
   uint64_t receivedOctets = 0;  ///< their UDP payload
   uint64_t rxDropped = 0;       ///< that found no room in the receive buffer, handler or not, or
-                                ///< were read with one whose handler took itself away
+                                ///< were read and not handed on when the endpoint closed
 };
 
 /// How fast an endpoint sends at most. What is beyond waits in its queue.

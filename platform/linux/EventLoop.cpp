@@ -23,9 +23,11 @@ using Time = TimerQueue::Time;
 using namespace std::chrono_literals;
 
 constexpr Time grain = 1ms;
-constexpr Time share = 10ms;  // a body's, and a round's, before the descriptors get their turn
-constexpr Time pollEvery =
-    250us;  // a body that asks to yield in a tight loop makes no system calls
+/// How long the handlers of one round may take before tasks get their turn, the tasks of one round
+/// before handlers do, and one body before other tasks do.
+constexpr Time share = 10ms;
+/// A body that asks to yield in a tight loop makes no more system calls than this.
+constexpr Time pollEvery = 250us;
 
 Time monotonicNow() {
   timespec t{};
@@ -75,6 +77,8 @@ class EpollLoop final : public EventLoop, private TimerQueue::Host {
 
   Time now() const override { return monotonicNow(); }
   bool shouldYield() const override;
+  void waitForEvents(int timeoutMs);
+  void runHandlers(Time began);
   void runHooks();
   void armTimer(Time due);
 
@@ -87,12 +91,14 @@ class EpollLoop final : public EventLoop, private TimerQueue::Host {
   bool inRound_ = false;
   bool stopped_ = false;
 
-  // The batch of events under way, and the watch whose handler is running.
+  // The batch of events under way, which may last for several rounds, and the watch whose handler
+  // is running.
   std::array<epoll_event, 128> events_;
   size_t next_ = 0;
   size_t count_ = 0;
   Watch* running_ = nullptr;
 
+  Time handlersTook_{0};  // in the round under way
   Time bodyStart_{0};
   mutable Time lastPoll_{0};
 };
@@ -179,10 +185,30 @@ void EpollLoop::runOnce(Seconds maxWait) {
   const bool hadHooks = !hooks_.empty();
   runHooks();
 
-  int timeoutMs = -1;
-  if (maxWait.count() >= 0)
-    timeoutMs = static_cast<int>(std::ceil(std::min(maxWait.count() * 1e3, 1e9)));
-  if (stopped_ || hadHooks) timeoutMs = 0;  // there was something to do; a hook may ask for more
+  if (next_ == count_) {
+    int timeoutMs = -1;
+    if (maxWait.count() >= 0)
+      timeoutMs = static_cast<int>(std::ceil(std::min(maxWait.count() * 1e3, 1e9)));
+    if (stopped_ || hadHooks) timeoutMs = 0;  // there was something to do; a hook may ask for more
+    waitForEvents(timeoutMs);
+  }
+
+  const Time began = now();
+  tasks_->roundIs(began);
+  runHandlers(began);
+  // What does not fit into the share is first in the next round. At least one task runs in each,
+  // however long the handlers took.
+  const Time tasksBegan = now();
+  handlersTook_ = tasksBegan - began;
+  for (Time t = tasksBegan; t - tasksBegan < share; t = now()) {
+    bodyStart_ = lastPoll_ = t;
+    if (!tasks_->runNext()) break;
+    runHooks();
+  }
+  inRound_ = false;
+}
+
+void EpollLoop::waitForEvents(int timeoutMs) {
   if (const auto due = tasks_->nextDue(); due && timeoutMs != 0) {
     if (*due <= now()) {
       timeoutMs = 0;
@@ -193,12 +219,15 @@ void EpollLoop::runOnce(Seconds maxWait) {
   const int n =
       ::epoll_wait(epoll_.get(), events_.data(), static_cast<int>(events_.size()), timeoutMs);
   TARN_ASSERT(n >= 0 || errno == EINTR);
-
-  const Time began = now();
-  tasks_->roundIs(began);
   next_ = 0;
   count_ = n > 0 ? static_cast<size_t>(n) : 0;
-  while (next_ < count_) {
+}
+
+/// Runs the handlers of the batch until the share is used up. The next round goes on with the same
+/// batch: epoll would report the descriptors that were handled here, if they are ready again,
+/// before the others, which would never get their turn.
+void EpollLoop::runHandlers(Time began) {
+  for (Time t = began; next_ < count_ && t - began < share; t = now()) {
     const epoll_event ev = events_[next_++];
     if (!ev.data.ptr) {
       uint64_t expirations = 0;
@@ -207,7 +236,7 @@ void EpollLoop::runOnce(Seconds maxWait) {
     }
     if (ev.events == 0) continue;  // its watch is gone
     Watch* watch = static_cast<Watch*>(ev.data.ptr);
-    // A handler before it may have changed what this watch wants to hear.
+    // A handler or task since then may have changed what this watch wants to hear.
     const uint32_t events = ev.events & (watch->events_ | EPOLLERR | EPOLLHUP);
     if (events == 0) continue;
     std::function<void(uint32_t)> handler = std::move(watch->handler_);
@@ -217,14 +246,6 @@ void EpollLoop::runOnce(Seconds maxWait) {
     running_ = nullptr;
     runHooks();
   }
-
-  // What does not fit into the round's share is first in the next one.
-  for (Time t = now(); t - began < share; t = now()) {
-    bodyStart_ = lastPoll_ = t;
-    if (!tasks_->runNext()) break;
-    runHooks();
-  }
-  inRound_ = false;
 }
 
 void EpollLoop::runHooks() {
@@ -248,11 +269,13 @@ void EpollLoop::armTimer(Time due) {
 
 bool EpollLoop::shouldYield() const {
   const Time t = now();
-  if (t - bodyStart_ >= share) return true;
-  if (t - lastPoll_ < pollEvery) return false;
+  const Time used = t - bodyStart_;
+  if (used >= share) return true;
+  // Descriptors that are always ready leave a body as much time as their handlers took.
+  if (used < handlersTook_ || t - lastPoll_ < pollEvery) return false;
   lastPoll_ = t;
   pollfd p{epoll_.get(), POLLIN, 0};
-  return ::poll(&p, 1, 0) > 0;
+  return next_ < count_ || ::poll(&p, 1, 0) > 0;
 }
 
 }  // namespace

@@ -16,8 +16,11 @@ namespace platform {
 ///
 /// One round: wait for descriptors or the next due task, run the handlers of the ready
 /// descriptors, then the tasks that were due when the waiting ended; after each handler and each
-/// task run the end-of-task hooks that were asked for inside it. Due tasks that do not fit into
-/// 10 ms are left to the next round, whose first they are, so that descriptors never wait longer.
+/// task run the end-of-task hooks that were asked for inside it. Handlers have 10 ms of a round,
+/// and tasks have 10 ms: what does not fit is left to the next round, which begins with it. So
+/// neither waits for longer than the other's share and the one handler or body that exceeds it; a
+/// handler of a descriptor that may be flooded returns after a few milliseconds of its own accord.
+/// A handler may be called for a descriptor that is no longer ready: reads must not block.
 /// Watches, hooks and tasks keep their loop alive.
 class EventLoop : public TaskSchedulerRoot {
  public:

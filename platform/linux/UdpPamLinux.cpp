@@ -31,10 +31,11 @@ constexpr size_t segmentedLenMax = 65535 - 60 - 8;  // octets of it: one IP pack
 constexpr unsigned unsegmentedMin = 1024;  // datagrams until a refused segmentation is tried again
 constexpr size_t flushMax = 1024;  // datagrams per task or handler once the socket has been full
 constexpr size_t failingMax = 256;
-constexpr size_t rxBatch = 16;            // datagrams per system call
-constexpr size_t rxCalls = 8;             // system calls per round of the loop
-constexpr size_t rxLen = 1 << 16;         // any UDP payload fits
-constexpr TaskPriority taskPriority = 2;  // the library's own
+constexpr size_t rxBatch = 16;                   // datagrams per system call
+constexpr size_t rxMax = 128;                    // datagrams per round of the loop
+constexpr std::chrono::milliseconds rxShare{2};  // of their handler, per round of the loop
+constexpr size_t rxLen = 1 << 16;                // any UDP payload fits
+constexpr TaskPriority taskPriority = 2;         // the library's own
 
 std::string errnoText(int err) {
   const char* name = ::strerrorname_np(err);
@@ -246,6 +247,10 @@ class UdpPamLinux final : public UdpPam {
         endOfTask_(loop_->endHook([this] {
           hooked_ = false;
           flush();
+        })),
+        rxRest_(loop_->taskScheduler()->timerTask(name + "-rx", taskPriority, [this] {
+          const Ptr<UdpPamLinux> hold(this);
+          receive();
         })) {}
   ~UdpPamLinux() override { close(); }
 
@@ -316,7 +321,7 @@ class UdpPamLinux final : public UdpPam {
   void watchWhatMatters();
   void enlargeRxBuffer();
   void receive();
-  bool receiveSome();
+  bool readSome();
   void countRxDrops();
   void traceLine(const std::string& text) {
     if (trace_.enabled(TraceLevel::error)) trace_.line(TraceLevel::error, name_ + ": " + text);
@@ -398,6 +403,9 @@ class UdpPamLinux final : public UdpPam {
 
   std::shared_ptr<const RxPktHandler> rxHandler_;  // shared with the call under way
   std::unique_ptr<RxRoom> rxRoom_;                 // made with the first handler
+  size_t rxAt_ = 0;                                // of those in it, the next to hand on
+  size_t rxCount_ = 0;                             // how many are in it
+  const std::unique_ptr<TimerTask> rxRest_;        // goes on where the share was used up
   uint32_t socketRxDrops_ = 0;                     // the kernel's count for this socket
   uint64_t opening_ = 0;                           // tells one socket from the next
 };
@@ -489,6 +497,9 @@ void UdpPamLinux::close() {
     popFront();
   }
   rest_->stop();
+  rxRest_->stop();
+  counters_.rxDropped += rxCount_ - rxAt_;
+  rxAt_ = rxCount_ = 0;
   countRxDrops();
   watch_ = nullptr;
   socket_.close();
@@ -752,6 +763,7 @@ void UdpPamLinux::rxPktHandlerIs(RxPktHandler handler) {
   rxHandler_ = handler ? std::make_shared<const RxPktHandler>(std::move(handler)) : nullptr;
   if (rxHandler_ && !rxRoom_) rxRoom_ = std::make_unique<RxRoom>();
   if (rxHandler_ && socket_) enlargeRxBuffer();
+  if (rxHandler_ && rxAt_ < rxCount_) rxRest_->scheduleLowestIs(Seconds(0));
   watchWhatMatters();
 }
 
@@ -761,37 +773,38 @@ void UdpPamLinux::enlargeRxBuffer() {
     ::setsockopt(socket_.get(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
 }
 
-/// What does not fit into the round's share is heard of again in the next round.
+/// Hands on what arrived, as much as the share of one round allows. The descriptor reports what is
+/// still in the kernel again; `rxRest_` comes back for what was read already.
 void UdpPamLinux::receive() {
-  for (size_t calls = 0; calls < rxCalls && receiveSome(); ++calls) {
-  }
-  countRxDrops();
-}
-
-/// Hands on what one call reads. False: nothing is left, or the socket is closed or another one.
-bool UdpPamLinux::receiveSome() {
-  if (!rxHandler_ || !socket_) return false;
+  const auto end = std::chrono::steady_clock::now() + rxShare;
   const uint64_t opening = opening_;
-  RxRoom& room = *rxRoom_;
-  for (auto& m : room.msgs) m.msg_hdr.msg_namelen = sizeof(sockaddr_storage);
-  const int n = ::recvmmsg(socket_.get(), room.msgs.data(), rxBatch, MSG_DONTWAIT, nullptr);
-  if (n < 0) return errno == EINTR;
-  for (int i = 0; i < n; ++i) {
-    // The handler may have been replaced, the socket closed, or the endpoint dropped: then the only
-    // reference is the one that `handleEvents` holds.
+  for (size_t n = 0; n < rxMax; ++n) {
+    // The handler may have taken itself away, closed the endpoint, opened it anew, or dropped it:
+    // then the only reference is its caller's.
     const auto handler = rxHandler_;
-    if (!handler || !socket_ || opening_ != opening || refs() == 1) {
-      counters_.rxDropped += static_cast<uint64_t>(n - i);
-      return false;
-    }
-    const auto at = static_cast<size_t>(i);
-    const std::string_view octets(room.octets.get() + at * rxLen, room.msgs[at].msg_len);
-    const Destination sender = senderOf(room.from[at]);
+    if (!handler || !socket_ || opening_ != opening || refs() == 1) break;
+    if (rxAt_ == rxCount_ && !readSome()) break;
+    const RxRoom& room = *rxRoom_;
+    const std::string_view octets(room.octets.get() + rxAt_ * rxLen, room.msgs[rxAt_].msg_len);
+    const Destination sender = senderOf(room.from[rxAt_]);
+    ++rxAt_;
     ++counters_.received;
     counters_.receivedOctets += octets.size();
     (*handler)(octets, sender.addr, sender.port);
+    if (std::chrono::steady_clock::now() >= end) break;
   }
-  return static_cast<size_t>(n) == rxBatch;
+  if (rxHandler_ && rxAt_ < rxCount_) rxRest_->scheduleLowestIs(Seconds(0));
+  countRxDrops();
+}
+
+/// Reads what one call takes. False: nothing is there.
+bool UdpPamLinux::readSome() {
+  RxRoom& room = *rxRoom_;
+  for (auto& m : room.msgs) m.msg_hdr.msg_namelen = sizeof(sockaddr_storage);
+  const int n = ::recvmmsg(socket_.get(), room.msgs.data(), rxBatch, MSG_DONTWAIT, nullptr);
+  rxAt_ = 0;
+  rxCount_ = n > 0 ? static_cast<size_t>(n) : 0;
+  return n > 0;
 }
 
 /// The kernel's own count is up to date at any time; the one it can attach to datagrams

@@ -4,6 +4,7 @@
 #include <sys/epoll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -67,6 +68,57 @@ TEST_F(Loop, ManyDueTasksLetDescriptorsIn) {
   while (runs < 60) loop->runOnce(1s);
   EXPECT_GE(runsBefore, 1);
   EXPECT_LE(runsBefore, 6) << "10 ms are five of these";
+}
+
+// Descriptors that are ready all the time, as those of flooded sockets are, and whose handlers take
+// longer than a round's share, each or together.
+TEST_F(Loop, DescriptorsThatAreAlwaysReadyLetTasksAndEachOtherIn) {
+  struct Row {
+    size_t count;
+    std::chrono::milliseconds each;
+  };
+  for (const auto& [count, each] : {Row{1, 15ms}, Row{60, 4ms}}) {
+    SCOPED_TRACE(count);
+    const auto busy = [](std::chrono::milliseconds d) {
+      for (const auto end = Clock::now() + d; Clock::now() < end;) {
+      }
+    };
+    std::vector<Pipe> pipes(count);
+    std::vector<std::unique_ptr<EventLoop::FdWatch>> watches;
+    std::vector<int> calls(count, 0);
+    for (size_t i = 0; i < count; ++i) {
+      pipes[i].fill();
+      watches.push_back(loop->fdWatch(pipes[i].in.get(), EPOLLIN, [&, i](uint32_t) {
+        ++calls[i];
+        busy(each);
+      }));
+    }
+    std::chrono::nanoseconds latest{0};
+    auto due = Clock::now();
+    std::unique_ptr<TimerTask> periodic = task([&] {
+      latest = std::max<std::chrono::nanoseconds>(latest, Clock::now() - due);
+      due = Clock::now() + 5ms;
+      periodic->scheduleIs(5ms);
+    });
+    periodic->scheduleIs(0s);
+    // A long body works for as long as the handlers did, though descriptors wait all the time.
+    std::chrono::nanoseconds worked{0};
+    std::unique_ptr<TimerTask> lengthy = task(
+        [&] {
+          const auto began = Clock::now();
+          while (!lengthy->shouldYield()) {
+          }
+          worked = std::max<std::chrono::nanoseconds>(worked, Clock::now() - began);
+          lengthy->scheduleIs(0s);
+        },
+        3);
+    lengthy->scheduleIs(0s);
+    for (const auto end = Clock::now() + 800ms; Clock::now() < end;) loop->runOnce(1s);
+    EXPECT_LT(std::max<std::chrono::nanoseconds>(latest, Clock::now() - due), 200ms);
+    EXPECT_GE(worked, 5ms);
+    const auto [least, most] = std::minmax_element(calls.begin(), calls.end());
+    EXPECT_LE(*most - *least, 1) << "all in turn";
+  }
 }
 
 TEST_F(Loop, AWatchDestroyedInTheBatchHearsNothing) {
