@@ -189,8 +189,8 @@ void Agent::startLocalCollectors() {
     const auto exporters = std::make_shared<FlowExport>(
         trackerName, FlowExportTree{tree.config, roots.info, roots.templateSm, statistics_});
     return LocalCollectorSink{
-        [exporters](FlowTracking::TemplateId id, size_t recordLen, std::string_view records) {
-          exporters->recordsIs(id, recordLen, records);
+        [exporters](FlowTracking::TemplateId id, RecordLens lens, std::string_view records) {
+          exporters->recordsIs(id, lens, records);
         },
         [exporters] { exporters->flush(); }, [exporters] { return exporters->queued(); }};
   });

@@ -44,24 +44,24 @@ bool FlowExport::route(const Ptr<ExporterConfig>& config, Route& out) const {
   return out.info && out.templates;
 }
 
-void FlowExport::recordsIs(TemplateId id, size_t recordLen, std::string_view records) {
+void FlowExport::recordsIs(TemplateId id, RecordLens lens, std::string_view records) {
   const auto tracker = ftConfig();
-  if (!tracker || recordLen == 0) return;
+  if (!tracker) return;
   if (exporters_.size() > tracker->expConfig().size()) forgetGone(*tracker);
   for (const auto& [name, config] : tracker->expConfig()) {
     Route to;
     if (route(config, to)) {
       Exporter& exporter = exporters_[name];
-      pack(exporter, *tracker, to, id, recordLen, records);
+      pack(exporter, *tracker, to, id, lens, records);
       send(exporter, to);
     } else {
-      counters_.recordsLost += records.size() / recordLen;
+      counters_.recordsLost += recordCount(lens, records);
     }
   }
 }
 
 void FlowExport::pack(Exporter& exporter, const FtConfig& tracker, const Route& to, TemplateId id,
-                      size_t recordLen, std::string_view records) {
+                      RecordLens lens, std::string_view records) {
   const auto maxSize = static_cast<uint16_t>(to.config->ipfixMtu() - 48);  // as options data
   auto& builder = exporter.builders[id];
   if (builder &&
@@ -70,8 +70,11 @@ void FlowExport::pack(Exporter& exporter, const FtConfig& tracker, const Route& 
     builder = nullptr;
   }
   if (!builder) builder = FlowTracking::messageBuilderFactory(maxSize, tracker.ftId());
-  for (size_t at = 0; at + recordLen <= records.size(); at += recordLen) {
-    const std::string_view record = records.substr(at, recordLen);
+  const bool equal = lens.size() == 1;
+  size_t at = 0;
+  for (size_t n = recordCount(lens, records), i = 0; i < n; ++i) {
+    const std::string_view record = records.substr(at, lens[equal ? 0 : i]);
+    at += record.size();
     if (!builder->pkt()) builder->startMsg();
     if (builder->addSetRecordStr(id, record) > 0) continue;
     finish(exporter, to, id);

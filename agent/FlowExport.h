@@ -1,6 +1,7 @@
 #pragma once
 #include <cstdint>
 #include <map>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,6 +14,13 @@
 
 namespace agent {
 using namespace platform;
+
+/// The length that all records have, or the length of each.
+using RecordLens = std::span<const uint16_t>;
+/// How many records `octets` are.
+inline size_t recordCount(RecordLens lens, std::string_view octets) {
+  return lens.size() == 1 ? octets.size() / lens[0] : lens.size();
+}
 
 /// The library's reactors and entities of one kind of tracking, as a sender of flow records needs
 /// them.
@@ -42,11 +50,12 @@ class FlowExport {
   FlowExport(const FlowExport&) = delete;
   FlowExport& operator=(const FlowExport&) = delete;
 
-  /// Takes records of `recordLen` octets each, in the layout of data template `id`. Messages that
-  /// they fill leave before it returns. A record that does not fit a message is lost and counted.
-  void recordsIs(FlowTracking::TemplateId id, size_t recordLen, std::string_view records);
-  void recordIs(FlowTracking::TemplateId id, std::string_view record) {
-    recordsIs(id, record.size(), record);
+  /// Takes records, back to back, in the layout of data template `id`. `lens` is the one length, in
+  /// octets, that all of them have, or the length of each. Messages that they fill leave before it
+  /// returns. A record that does not fit a message is lost and counted.
+  void recordsIs(FlowTracking::TemplateId id, RecordLens lens, std::string_view records);
+  void recordsIs(FlowTracking::TemplateId id, uint16_t len, std::string_view records) {
+    recordsIs(id, RecordLens(&len, 1), records);
   }
   /// What has gathered leaves, in messages that are not full.
   void flush();
@@ -78,7 +87,7 @@ class FlowExport {
   /// False when the exporter is not complete yet.
   bool route(const Ptr<HwFlowTracking::ExporterConfig>& config, Route& out) const;
   void pack(Exporter& exporter, const HwFlowTracking::FtConfig& tracker, const Route& to,
-            FlowTracking::TemplateId id, size_t recordLen, std::string_view records);
+            FlowTracking::TemplateId id, RecordLens lens, std::string_view records);
   void finish(Exporter& exporter, const Route& to, FlowTracking::TemplateId id);
   void send(Exporter& exporter, const Route& to);
   void count(const Route& to, const Tarn::Ipfix::CollectorInfo& collector,

@@ -3,6 +3,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -17,9 +18,10 @@ namespace agent {
 
 /// Where a local collector's records go: to the exporters of its tracker.
 struct LocalCollectorSink {
-  /// Records of equal length, back to back, in the layout of data template `id`, which was
-  /// published before.
-  std::function<void(FlowTracking::TemplateId id, size_t recordLen, std::string_view records)>
+  /// Records, back to back, in the layout of data template `id`, which was published before.
+  /// `lens`: the length that all of them have, or the length of each.
+  std::function<void(FlowTracking::TemplateId id, std::span<const uint16_t> lens,
+                     std::string_view records)>
       records;
   /// What has gathered shall leave.
   std::function<void()> flush;

@@ -19,7 +19,6 @@ constexpr uint8_t longLength = 255;             // three octets tell the length 
 constexpr uint32_t lateMax = 4096;
 /// More records than this do not get lost between two messages: the stream started over.
 constexpr uint32_t gapMax = 1 << 20;
-constexpr int lifetimes = 3;  // RFC 7011, 8.4: a template may be lost twice
 
 uint8_t octet(std::string_view s, size_t at) { return static_cast<uint8_t>(s[at]); }
 uint16_t u16(std::string_view s, size_t at) {
@@ -38,24 +37,6 @@ bool exactLength(uint16_t element, bool enterprise) {
   return std::find(iana.begin(), iana.end(), element) != iana.end();
 }
 
-uint32_t specifierLen(const PassedField& f) { return f.enterprise ? 8 : 4; }
-uint32_t templateLen(const PassedLayout& layout) {
-  uint32_t len = templateHeaderLen;
-  for (const PassedField& f : layout) len += specifierLen(f);
-  return len;
-}
-
-/// The flow addresses of both families: no options table can tell the keys of such a template.
-bool mixesFamilies(const PassedLayout& layout) {
-  bool v4 = false;
-  bool v6 = false;
-  for (const PassedField& f : layout) {
-    if (f.enterprise) continue;
-    v4 = v4 || f.element == 8 || f.element == 12;
-    v6 = v6 || f.element == 27 || f.element == 28;
-  }
-  return v4 && v6;
-}
 }  // namespace
 
 LocalCollectorDecoder::LocalCollectorDecoder(Ptr<const Ipfix::ElementIdColl> registry,
@@ -92,6 +73,9 @@ void LocalCollectorDecoder::decode(std::string_view datagram, const IpGenAddr& f
                                    uint16_t port) {
   if (!framed(datagram)) return;
   ++counters_.messages;
+  ++datagrams_;
+  displacements_ = 0;
+  madeRoom_ = false;
   const uint32_t sequence = u32(datagram, 8);
   const StreamKey key(from, port, u32(datagram, 12));
 
@@ -180,58 +164,6 @@ void LocalCollectorDecoder::templateSet(const StreamKey& key, std::string_view s
   }
 }
 
-/// False: no record can have such a template.
-bool LocalCollectorDecoder::learn(const StreamKey& key, TemplateId id, std::string_view record,
-                                  size_t headerLen, bool options) {
-  auto stream = streams_.find(key);
-  if (stream != streams_.end()) {
-    const auto known = stream->second.templates.find(id);
-    if (known != stream->second.templates.end()) {
-      Template& t = known->second;
-      if (t.options == options && t.octets == record) {
-        t.learnt = now_;
-        if (t.waits) publish(t, nullptr);
-        return true;
-      }
-    }
-  }
-
-  Template t;
-  t.options = options;
-  t.learnt = now_;
-  const size_t fields = u16(record, 2);
-  if (fields <= limits_.fields) {
-    if (!readFields(record.substr(headerLen), t)) return false;
-    t.octets = record;
-  }
-  // A sender without any template left is forgotten, so one that is known has a place.
-  const bool known = stream != streams_.end() && stream->second.templates.contains(id);
-  const bool room = known || (templateCount_ < limits_.templates &&
-                              (stream == streams_.end()
-                                   ? streams_.size() < limits_.streams
-                                   : stream->second.templates.size() < limits_.templatesPerStream));
-  if (fields > limits_.fields || !room) {
-    ++counters_.templatesOverLimit;
-    if (known) forget(stream->second, stream->second.templates.find(id));
-    if (stream != streams_.end() && stream->second.templates.empty()) streams_.erase(stream);
-    return true;
-  }
-
-  if (stream == streams_.end()) stream = streams_.try_emplace(key).first;
-  Template& slot = stream->second.templates[id];
-  if (!known) ++templateCount_;
-  Layouts::value_type* const before = slot.layout;
-  slot = std::move(t);
-  if (options) {
-    ++counters_.optionsTemplates;
-    if (before) release(before);
-    return true;
-  }
-  ++counters_.templatesLearnt;
-  publish(slot, before);
-  return true;
-}
-
 /// How the records are made, and what of them is kept. False: they would have no length.
 bool LocalCollectorDecoder::readFields(std::string_view fields, Template& t) {
   uint64_t unknown = 0;
@@ -278,150 +210,23 @@ bool LocalCollectorDecoder::readFields(std::string_view fields, Template& t) {
   return true;
 }
 
-/// Gives the template its layout, if that can be published; `before`, which it had until now, goes.
-void LocalCollectorDecoder::publish(Template& t, Layouts::value_type* before) {
-  uint64_t* refusal = nullptr;
-  t.waits = false;
-  if (t.passed.empty()) {
-    refusal = &counters_.templatesWithoutField;
-  } else if (mixesFamilies(t.passed)) {
-    refusal = &counters_.templatesMixed;
-  } else if (t.keptLen > room_) {
-    refusal = &counters_.templatesTooLarge;
-    t.waits = true;
-  } else {
-    t.layout = acquire(t.passed, refusal);
-    if (!t.layout && before) {  // the old one's place may do
-      release(std::exchange(before, nullptr));
-      t.layout = acquire(t.passed, refusal);
-    }
-    t.waits = !t.layout;
-  }
-  if (before) release(before);
-  if (!t.layout) ++*refusal;
-}
-
-LocalCollectorDecoder::Layouts::value_type* LocalCollectorDecoder::acquire(
-    const PassedLayout& passed, uint64_t*& refusal) {
-  auto it = layouts_.find(passed);
-  if (it != layouts_.end() && it->second.published) {
-    ++it->second.uses;
-    return &*it;
-  }
-  const uint32_t len = templateLen(passed);
-  if (publishedLen_ + len > room_) {
-    refusal = &counters_.templatesWithoutRoom;
-    return nullptr;
-  }
-  if (it == layouts_.end()) {
-    const TemplateId id = layouts_.size() < limits_.layouts ? freeId() : TemplateId{0};
-    if (id == 0) {
-      refusal = &counters_.templatesOverLimit;
-      return nullptr;
-    }
-    it = layouts_.try_emplace(passed).first;
-    it->second.id = id;
-    ids_.emplace(id, &*it);
-  }
-  Layout& layout = it->second;
-  layout.uses = 1;
-  layout.published = layout.fresh = true;
-  fresh_.push_back(&*it);
-  publishedLen_ += len;
-  output_.publish(layout.id, it->first);
-  return &*it;
-}
-
-void LocalCollectorDecoder::release(Layouts::value_type* layout) {
-  if (--layout->second.uses == 0 && !layout->second.fresh) withdraw(layout);
-}
-
-void LocalCollectorDecoder::withdraw(Layouts::value_type* layout) {
-  layout->second.published = false;
-  layout->second.withdrawn = now_;
-  publishedLen_ -= templateLen(layout->first);
-  output_.withdraw(layout->second.id);
-}
-
-void LocalCollectorDecoder::settle() {
-  for (Layouts::value_type* layout : std::exchange(fresh_, {})) {
-    layout->second.fresh = false;
-    if (layout->second.uses == 0) withdraw(layout);
-  }
-}
-
-/// The lowest id that no layout has; 0: there is none.
-TemplateId LocalCollectorDecoder::freeId() const {
-  uint32_t id = IpfixConst::firstDataSetId();
-  for (auto it = ids_.begin(); id <= UINT16_MAX; ++id) {
-    if (it != ids_.end() && it->first == id) {
-      ++it;
-    } else if (!FlowTracking::Constants::isReserved(static_cast<TemplateId>(id))) {
-      return static_cast<TemplateId>(id);
-    }
-  }
-  return 0;
-}
-
-void LocalCollectorDecoder::forget(Stream& stream, std::map<TemplateId, Template>::iterator it) {
-  if (it->second.layout) release(it->second.layout);
-  stream.templates.erase(it);
-  --templateCount_;
-}
-
-void LocalCollectorDecoder::advance(Seconds d) {
-  now_ += d;
-  for (auto stream = streams_.begin(); stream != streams_.end();) {
-    auto& templates = stream->second.templates;
-    for (auto it = templates.begin(); it != templates.end();) {
-      const auto next = std::next(it);
-      if (now_ - it->second.learnt > lifetimes * limits_.templateLifetime) {
-        ++counters_.templatesExpired;
-        forget(stream->second, it);
-      }
-      it = next;
-    }
-    stream = templates.empty() ? streams_.erase(stream) : std::next(stream);
-  }
-  std::erase_if(layouts_, [this](const auto& layout) {
-    if (layout.second.published || now_ - layout.second.withdrawn < hold_) return false;
-    ids_.erase(layout.second.id);
-    return true;
-  });
-}
-
-void LocalCollectorDecoder::roomIs(uint32_t octets) {
-  if (octets == room_) return;
-  room_ = octets;
-  // What does not fit any more waits, from the highest id down; what waits is tried at its next
-  // repetition.
-  const auto drop = [this](const auto& condition) {
-    for (auto& [key, stream] : streams_)
-      for (auto& [id, t] : stream.templates)
-        if (t.layout && condition(t)) {
-          release(std::exchange(t.layout, nullptr));
-          t.waits = true;
-        }
-  };
-  drop([this](const Template& t) { return t.keptLen > room_; });
-  for (auto it = ids_.rbegin(); it != ids_.rend() && publishedLen_ > room_; ++it)
-    if (it->second->second.uses > 0)
-      drop([&](const Template& t) { return t.layout == it->second; });
-}
-
 // --- Data ---
 
 /// False: not every record could be told from the next.
 bool LocalCollectorDecoder::dataSet(Template& t, std::string_view set, uint64_t& records) {
+  heardRecords(t);
   uint64_t n = 0;
   bool good = true;
-  const TemplateId id = t.layout ? t.layout->second.id : TemplateId{0};
+  const auto passFixed = [&](uint32_t len, std::string_view octets) {
+    const auto one = static_cast<uint16_t>(len);  // it fits a message
+    output_.records(t.layout->second.id, {&one, 1}, octets);
+  };
   scratch_.clear();
   if (t.fixed) {
     n = set.size() / t.minLen;  // what is left over is padding
     good = n > 0 || set.empty();
     if (n > 0 && t.layout && t.whole) {
-      output_.records(id, t.minLen, set.substr(0, n * t.minLen));
+      passFixed(t.minLen, set.substr(0, n * t.minLen));
     } else if (n > 0 && t.layout) {
       scratch_.reserve(n * t.keptLen);
       const char* from = set.data();
@@ -430,25 +235,11 @@ bool LocalCollectorDecoder::dataSet(Template& t, std::string_view set, uint64_t&
           if (step.keep) scratch_.append(from, step.len);
           from += step.len;
         }
-      output_.records(id, t.keptLen, scratch_);
+      passFixed(t.keptLen, scratch_);
     }
     if (t.layout) counters_.recordsPassed += n;
   } else {
-    while (set.size() >= t.minLen) {
-      size_t len = 0;
-      good = measure(t, set, len);
-      if (!good) break;
-      ++n;
-      // What was measured lies in `scratch_`, unless nothing is left out.
-      const std::string_view kept = t.whole ? set.substr(0, len) : std::string_view(scratch_);
-      if (t.layout && kept.size() > room_) {
-        ++counters_.recordsTooLarge;
-      } else if (t.layout) {
-        ++counters_.recordsPassed;
-        output_.records(id, kept.size(), kept);
-      }
-      set.remove_prefix(len);
-    }
+    good = variableRecords(t, set, n);
     good = good && (n > 0 || set.empty());
   }
   if (!good) ++counters_.badRecord;
@@ -462,11 +253,47 @@ bool LocalCollectorDecoder::dataSet(Template& t, std::string_view set, uint64_t&
   return good;
 }
 
-/// The length of the record that `rest` begins with, and its fields that are kept in `scratch_`.
+/// Passes on records with fields of variable length, as many at a time as lie back to back: a
+/// datagram may hold 60,000 of one octet. False: the last was longer than what there is.
+bool LocalCollectorDecoder::variableRecords(const Template& t, std::string_view set,
+                                            uint64_t& records) {
+  size_t passed = 0;  // octets of the set before the first record that waits in `lens_`
+  size_t at = 0;
+  const auto pass = [&] {
+    if (!lens_.empty()) {
+      counters_.recordsPassed += lens_.size();
+      output_.records(t.layout->second.id, lens_,
+                      t.whole ? set.substr(passed, at - passed) : std::string_view(scratch_));
+    }
+    lens_.clear();
+    scratch_.clear();
+  };
+  bool good = true;
+  while (set.size() - at >= t.minLen) {
+    const size_t keptBefore = scratch_.size();
+    size_t len = 0;
+    good = measure(t, set.substr(at), len);
+    const size_t kept = t.whole ? len : scratch_.size() - keptBefore;
+    if (!good || kept > room_) scratch_.resize(keptBefore);
+    if (!good) break;
+    ++records;
+    if (t.layout && kept <= room_) {
+      lens_.push_back(static_cast<uint16_t>(kept));
+    } else if (t.layout) {
+      ++counters_.recordsTooLarge;
+      pass();
+      passed = at + len;
+    }
+    at += len;
+  }
+  pass();
+  return good;
+}
+
+/// The length of the record that `rest` begins with; its fields that are kept go to `scratch_`.
 /// False: it is longer than what there is.
 bool LocalCollectorDecoder::measure(const Template& t, std::string_view rest, size_t& len) {
   const bool copy = t.layout && !t.whole;
-  scratch_.clear();
   len = 0;
   for (const Step& step : t.steps) {
     size_t n = step.len;

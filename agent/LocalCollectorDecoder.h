@@ -2,6 +2,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <span>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -40,12 +41,14 @@ struct LocalCollectorCounters {
   uint64_t templatesMixed = 0;         ///< refused: IPv4 and IPv6 addresses
   uint64_t templatesTooLarge = 0;      ///< refused: their records do not fit a message
   uint64_t templatesWithoutRoom = 0;   ///< refused: with them the templates would not fit one
-  uint64_t templatesOverLimit = 0;     ///< refused: too many, of too many senders, or too long
-  uint64_t templatesExpired = 0;       ///< not sent again for so long that they are forgotten
-  uint64_t optionsTemplates = 0;       ///< learnt in order to skip their records
-  uint64_t withdrawalsIgnored = 0;     ///< over UDP there must be none (RFC 7011, 8.4)
-  uint64_t fieldsUnknown = 0;          ///< left out of learnt templates: not in the registry
-  uint64_t fieldsOfBadLength = 0;      ///< left out: no encoding of the element has this length
+  uint64_t templatesOverLimit = 0;  ///< refused: too many fields, too many in one datagram, or no
+                                    ///< id is free for them
+  uint64_t templatesDisplaced = 0;  ///< gave their place up to others, or to a smaller mtu
+  uint64_t templatesExpired = 0;    ///< not sent again for so long that they are forgotten
+  uint64_t optionsTemplates = 0;    ///< learnt in order to skip their records
+  uint64_t withdrawalsIgnored = 0;  ///< over UDP there must be none (RFC 7011, 8.4)
+  uint64_t fieldsUnknown = 0;       ///< left out of learnt templates: not in the registry
+  uint64_t fieldsOfBadLength = 0;   ///< left out: no encoding of the element has this length
   // Data records.
   uint64_t recordsIn = 0;            ///< of known data templates
   uint64_t recordsPassed = 0;        ///< of these, passed on
@@ -67,22 +70,41 @@ struct LocalCollectorCounters {
 /// Templates belong to a stream: one sender's address and port and its observation domain. Layouts
 /// that are left after the reduction are numbered here, one id for equal layouts, whoever sent
 /// them. An id whose layout nobody uses any more is not given to another one before `holdIs`.
+///
+/// Anybody can send here, under any address, so whoever is new always gets a place, and others give
+/// theirs up for it. A template counts as tried once records of it came. Templates are limited per
+/// sender's address and in all: at the limit those go that were not tried (unless they are only a
+/// quarter), of the senders that have most, the least recently heard first. The message in which
+/// the templates of all layouts have to fit is shared likewise, see `displaceFor`.
 class LocalCollectorDecoder {
  public:
   struct Limits {
-    size_t streams = 1024;
-    size_t templatesPerStream = 256;
-    size_t templates = 4096;         ///< of all streams
-    size_t fields = 256;             ///< of one template
-    size_t layouts = 1024;           ///< with an id, those that wait for it to be free included
+    size_t templates = 4096;           ///< of all senders
+    size_t templatesPerSender = 1024;  ///< of one address
+    size_t fields = 256;               ///< of one template
+    /// With an id, those that wait for it to be free included. One sender may have caused a quarter
+    /// of them, and templates that were not tried three quarters.
+    size_t layouts = 1024;
     Seconds templateLifetime{1800};  ///< forgotten when not sent again for three times this long
+    /// A layout of which nothing was heard for this long gives its room up to any other: one that
+    /// was not tried, and one that was.
+    Seconds silence{60};
+    Seconds triedSilence{600};
+  };
+  /// Who has most of what is limited.
+  struct Fullest {
+    IpGenAddr sender;
+    size_t templates = 0;
+    uint32_t octets = 0;  ///< of the templates that only this sender uses
   };
   /// Who hears of the results, called from inside `decode`, `settle`, `advance` and `roomIs`.
   struct Output {
     std::function<void(FlowTracking::TemplateId, const PassedLayout&)> publish;
     std::function<void(FlowTracking::TemplateId)> withdraw;
-    /// One or more records of equal length, back to back, of a published layout.
-    std::function<void(FlowTracking::TemplateId, size_t recordLen, std::string_view records)>
+    /// One or more records, back to back, of a published layout. `lens`: the length that all of
+    /// them have, or the length of each.
+    std::function<void(FlowTracking::TemplateId, std::span<const uint16_t> lens,
+                       std::string_view records)>
         records;
   };
 
@@ -108,11 +130,24 @@ class LocalCollectorDecoder {
   size_t streams() const { return streams_.size(); }
   size_t templates() const { return templateCount_; }
   size_t layouts() const { return layouts_.size(); }
+  const Limits& limits() const { return limits_; }
+  uint32_t room() const { return room_; }
+  uint32_t publishedLen() const { return publishedLen_; }  ///< octets of all published templates
+  Fullest mostTemplates() const;
+  Fullest mostOctets() const;
 
  private:
+  struct Sender {
+    size_t templates = 0;
+    size_t layouts = 0;  // that it caused
+  };
+  using Senders = std::map<IpGenAddr, Sender>;
   struct Layout {
     FlowTracking::TemplateId id = 0;
-    size_t uses = 0;  // templates that reduce to it
+    Senders::value_type* cause = nullptr;
+    std::map<const Senders::value_type*, size_t> uses;  // templates that reduce to it, by sender
+    size_t tried = 0;                                   // of these
+    Seconds heard{};                                    // when one of them was last
     bool published = false;
     bool fresh = false;   // published since the last `settle`
     Seconds withdrawn{};  // when
@@ -134,8 +169,12 @@ class LocalCollectorDecoder {
     uint32_t keptLen = 0;  // of it, the fixed fields that are kept
     std::vector<Step> steps;
     PassedLayout passed;
+    Senders::value_type* sender = nullptr;
     Layouts::value_type* layout = nullptr;  // null: its records are skipped
-    bool waits = false;                     // for room, or a limit: tried again when repeated
+    bool waits = false;                     // for room, or an id
+    bool tried = false;                     // records of it came
+    uint64_t waitedAt = 0;                  // what `changes_` was at the last try
+    uint64_t heard = 0;                     // the datagram that last had it or its records
     Seconds learnt{};
   };
   struct Stream {
@@ -144,7 +183,7 @@ class LocalCollectorDecoder {
     uint32_t last = 0;  // sequence number of the last message
     uint32_t next = 0;  // and of the next one
   };
-  using StreamKey = std::tuple<IpGenAddr, uint16_t, uint32_t>;
+  using StreamKey = std::tuple<IpGenAddr, uint16_t, uint32_t>;  // address, port, domain
   using Streams = std::map<StreamKey, Stream>;
 
   bool framed(std::string_view message);
@@ -152,13 +191,23 @@ class LocalCollectorDecoder {
   bool learn(const StreamKey& key, FlowTracking::TemplateId id, std::string_view record,
              size_t headerLen, bool options);
   bool readFields(std::string_view fields, Template& t);
-  void publish(Template& t, Layouts::value_type* before);
-  Layouts::value_type* acquire(const PassedLayout& passed, uint64_t*& refusal);
-  void release(Layouts::value_type* layout);
+  bool roomFor(const IpGenAddr& address);
+  void makeRoom(const IpGenAddr* only, size_t limit);
+  void publish(Template& t);
+  void retry(Template& t, bool displace);
+  uint64_t LocalCollectorCounters::*acquire(Template& t, bool displace);
+  bool displaceFor(const Template& t, uint32_t len);
+  void displace(Layouts::value_type* layout);
+  std::map<const Senders::value_type*, uint32_t> ownOctets() const;
+  void use(Template& t, Layouts::value_type* layout);
+  void release(Template& t);
   void withdraw(Layouts::value_type* layout);
   FlowTracking::TemplateId freeId() const;
-  void forget(Stream& stream, std::map<FlowTracking::TemplateId, Template>::iterator it);
+  Streams::iterator forget(Streams::iterator stream, FlowTracking::TemplateId id);
+  void forgetIdle(Senders::value_type* sender);
+  void heardRecords(Template& t);
   bool dataSet(Template& t, std::string_view set, uint64_t& records);
+  bool variableRecords(const Template& t, std::string_view set, uint64_t& records);
   bool measure(const Template& t, std::string_view rest, size_t& len);
   void checkSequence(Stream& stream, uint32_t sequence, uint32_t records, uint32_t options,
                      bool counted);
@@ -170,13 +219,19 @@ class LocalCollectorDecoder {
   Seconds now_{};
   Seconds hold_{180};
   uint32_t room_ = 1432;  // an MTU of 1500
+  Senders senders_;
   Streams streams_;
   size_t templateCount_ = 0;
+  uint64_t datagrams_ = 0;
+  uint64_t changes_ = 1;   // of what templates wait for
+  bool madeRoom_ = false;  // for templates, in this datagram
+  int displacements_ = 0;  // searches for room in this datagram
   Layouts layouts_;
   uint32_t publishedLen_ = 0;  // octets of all published templates
   std::map<FlowTracking::TemplateId, Layouts::value_type*> ids_;
   std::vector<Layouts::value_type*> fresh_;
   std::string scratch_;
+  std::vector<uint16_t> lens_;
 };
 
 }  // namespace agent

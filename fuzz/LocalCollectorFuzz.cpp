@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <cstdlib>
+#include <numeric>
 #include <set>
 #include <string>
 #include <vector>
@@ -29,9 +31,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const auto elements = registry();
   std::set<FlowTracking::TemplateId> published;
   uint64_t records = 0;
-  const LocalCollectorDecoder::Limits limits{.streams = 4,
-                                             .templatesPerStream = 8,
-                                             .templates = 16,
+  const LocalCollectorDecoder::Limits limits{.templates = 16,
+                                             .templatesPerSender = 8,
                                              .fields = 64,
                                              .layouts = 8,
                                              .templateLifetime = Seconds(100)};
@@ -47,12 +48,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
            },
        .withdraw = [&](FlowTracking::TemplateId id) { check(published.erase(id) == 1); },
        .records =
-           [&](FlowTracking::TemplateId id, size_t len, std::string_view octets) {
-             check(published.contains(id) && len > 0 && octets.size() % len == 0);
+           [&](FlowTracking::TemplateId id, std::span<const uint16_t> lens,
+               std::string_view octets) {
+             check(published.contains(id) && !lens.empty());
+             const size_t len = std::accumulate(lens.begin(), lens.end(), size_t{0});
+             check(std::ranges::find(lens, 0) == lens.end());
+             check(lens.size() == 1 ? octets.size() % len == 0 : octets.size() == len);
              uint64_t sum = 0;  // reads every octet
              for (const char c : octets) sum += static_cast<unsigned char>(c);
              check(sum <= octets.size() * 255);
-             records += octets.size() / len;
+             records += lens.size() == 1 ? octets.size() / len : lens.size();
            }},
       limits);
   std::span<const uint8_t> rest(data, size);
@@ -72,8 +77,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const LocalCollectorCounters& n = decoder.counters();
     check(n.recordsPassed == records);
     check(n.recordsIn == n.recordsPassed + n.recordsOfRefused + n.recordsTooLarge);
-    check(decoder.streams() <= limits.streams && decoder.templates() <= limits.templates &&
+    check(decoder.streams() <= decoder.templates() && decoder.templates() <= limits.templates &&
           decoder.layouts() <= limits.layouts && published.size() <= limits.layouts);
+    check(decoder.mostTemplates().templates <= limits.templatesPerSender);
+    check(decoder.mostOctets().octets <= decoder.publishedLen());
   }
   return 0;
 }
