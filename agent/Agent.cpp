@@ -81,8 +81,9 @@ bool Agent::start() {
     interfaceIndexes_ =
         std::make_unique<InterfaceIndexes>(fileNetworks_ ? fileNetworks_ : networks_->list(), log_);
     vrfIds_ = std::make_unique<VrfIds>(networks_->list(), log_);
-    localCollectors_ = std::make_unique<LocalCollectors>(
-        networks_->list(), ipfixInit_->elementIdCollection(), loop_->taskScheduler(), log_);
+    localCollectors_ =
+        std::make_unique<LocalCollectors>(networks_->list(), ipfixInit_->elementIdCollection(),
+                                          loop_->taskScheduler(), log_, flowCounters_);
     const auto scheduler = loop_->taskScheduler();
     startedTask_ = scheduler->timerTask("agent-started", afterAll, [this] { handleStarted(); });
     statusTask_ = scheduler->timerTask("agent-status", afterAll,
@@ -192,7 +193,8 @@ void Agent::startLocalCollectors() {
         [exporters](FlowTracking::TemplateId id, RecordLens lens, std::string_view records) {
           exporters->recordsIs(id, lens, records);
         },
-        [exporters] { exporters->flush(); }, [exporters] { return exporters->queued(); }};
+        [exporters] { exporters->flush(); }, [exporters] { exporters->end(); },
+        [exporters] { return exporters->queued(); }, [exporters] { return exporters->counters(); }};
   });
 }
 

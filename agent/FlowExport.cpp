@@ -46,8 +46,11 @@ bool FlowExport::route(const Ptr<ExporterConfig>& config, Route& out) const {
 
 void FlowExport::recordsIs(TemplateId id, RecordLens lens, std::string_view records) {
   const auto tracker = ftConfig();
-  if (!tracker) return;
-  if (exporters_.size() > tracker->expConfig().size()) forgetGone(*tracker);
+  if (!tracker || tracker->expConfig().empty()) {
+    counters_.recordsLost += recordCount(lens, records);
+    return;
+  }
+  if (exporters_.size() > tracker->expConfig().size()) forgetGone(tracker.get());
   for (const auto& [name, config] : tracker->expConfig()) {
     Route to;
     if (route(config, to)) {
@@ -94,13 +97,18 @@ void FlowExport::finish(Exporter& exporter, const Route& to, TemplateId id) {
 void FlowExport::flush() {
   const auto tracker = ftConfig();
   if (!tracker) return;
-  forgetGone(*tracker);
+  forgetGone(tracker.get());
   for (auto& [name, exporter] : exporters_) {
     Route to;
     if (!route(tracker->expConfig(name), to)) continue;
     for (const auto& [id, builder] : exporter.builders) finish(exporter, to, id);
     send(exporter, to);
   }
+}
+
+void FlowExport::end() {
+  flush();
+  forgetGone(nullptr);
 }
 
 /// Each collector gets all that is held before the next one does: messages of one length to one
@@ -172,9 +180,10 @@ uint64_t FlowExport::queued() const {
   return most;
 }
 
-void FlowExport::forgetGone(const FtConfig& tracker) {
+/// Forgets the exporters that `tracker` no longer has; null: all.
+void FlowExport::forgetGone(const FtConfig* tracker) {
   std::erase_if(exporters_, [&](const auto& entry) {
-    if (tracker.expConfig(entry.first)) return false;
+    if (tracker && tracker->expConfig(entry.first)) return false;
     for (const auto& [id, builder] : entry.second.builders)
       counters_.recordsLost += builder->recordCount();
     for (const auto& held : entry.second.held) counters_.recordsLost += held.message->recordCount();

@@ -42,7 +42,7 @@ class FlowExport {
   struct Counters {
     uint64_t messages = 0;     ///< sent, each once per collector
     uint64_t records = 0;      ///< sent, each once per collector
-    uint64_t recordsLost = 0;  ///< meant for an exporter that had no ready collector
+    uint64_t recordsLost = 0;  ///< meant for an exporter that had no ready collector, or too large
   };
 
   FlowExport(std::string trackerName, FlowExportTree tree)
@@ -59,6 +59,8 @@ class FlowExport {
   }
   /// What has gathered leaves, in messages that are not full.
   void flush();
+  /// The same for the last time: what cannot leave now is lost and counted.
+  void end();
   /// At least one exporter has a ready collector.
   bool ready() const;
   /// Datagrams that wait in the fullest endpoint of the tracker.
@@ -92,7 +94,7 @@ class FlowExport {
   void send(Exporter& exporter, const Route& to);
   void count(const Route& to, const Tarn::Ipfix::CollectorInfo& collector,
              const std::vector<Held>& sent);
-  void forgetGone(const HwFlowTracking::FtConfig& tracker);
+  void forgetGone(const HwFlowTracking::FtConfig* tracker);
 
   std::string trackerName_;
   FlowExportTree tree_;

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "agent/Printable.h"
+#include "platform/Platform.h"
 #include "platform/Trace.h"
 
 namespace agent {
@@ -17,8 +18,10 @@ constexpr TaskPriority afterTemplates = 3;  // the library's template tasks have
 constexpr Seconds flushDelay{0.1};
 /// How soon it is looked again whether reading can go on.
 constexpr Seconds pause{0.01};
-/// How often templates are looked at for their age, and troubles told.
-constexpr Seconds tick{10};
+/// How often the counters are written; every so many times templates are looked at for their age,
+/// and troubles told.
+constexpr Seconds tick{1};
+constexpr int ticksPerTelling = 10;
 constexpr uint32_t holdIntervals = 3;  // RFC 7011, 8.1: a collector may have missed two
 
 std::string placeText(const HwFlowTracking::LocalCollectorConfig& place) {
@@ -46,6 +49,8 @@ constexpr Trouble troubles[] = {
     {&LocalCollectorCounters::templatesTooLarge, "templates whose records exceed the mtu"},
     {&LocalCollectorCounters::templatesWithoutRoom, "templates that exceed the mtu together"},
     {&LocalCollectorCounters::templatesOverLimit, "templates beyond what is kept"},
+    {&LocalCollectorCounters::templatesDisplaced, "templates that gave way to others"},
+    {&LocalCollectorCounters::recordsOfRefused, "records of refused templates"},
     {&LocalCollectorCounters::recordsTooLarge, "records that exceed the mtu"},
     {&LocalCollectorCounters::setsWithoutTemplate, "sets that came before their template"},
     {&LocalCollectorCounters::recordsMissing, "records missing by their sequence numbers"},
@@ -83,6 +88,12 @@ class LocalCollector::ExporterWatcher final : public ExporterConfig::Watcher {
       : Watcher(std::move(config)), c_(c) {}
   void handleIpfixMtu() override { c_.handleLimits(); }
   void handleTemplateInterval() override { c_.handleLimits(); }
+  void handleSrcIpAddr() override { c_.handleSources(); }
+  void handleSrcIp6Addr() override { c_.handleSources(); }
+  void handleRxPort4() override { c_.handleSources(); }
+  void handleRxPort6() override { c_.handleSources(); }
+  void handleCollectorIpAndPort(const std::string& /*name*/) override { c_.handleSources(); }
+  void handleCollectorIp6AndPort(const std::string& /*name*/) override { c_.handleSources(); }
 
  private:
   LocalCollector& c_;
@@ -95,6 +106,8 @@ LocalCollector::LocalCollector(std::string trackerName, Ptr<FtConfig> config,
       config_(std::move(config)),
       status_(std::move(status)),
       log_(host.log),
+      table_(host.counters),
+      loops_(host.loops),
       sink_(std::move(sink)),
       decoder_(host.registry,
                {.publish = [this](TemplateId id, const PassedLayout& l) { publish(id, l); },
@@ -125,7 +138,13 @@ LocalCollector::~LocalCollector() {
   configWatcher_.reset();
   exporterWatchers_.clear();
   sm_ = nullptr;
-  sink_.flush();
+  loops_.trackerDel(trackerName_);
+  sink_.end();
+  tellTroubles("at its end, ");
+  if (table_) {
+    const FlowTracking::FlowPathKey key(trackerName_);
+    table_->del(std::as_bytes(std::span(&key, 1)));
+  }
   const auto published = status_->templateStatus();  // a copy: the loop notifies
   for (const auto& [id, status] : published) status_->templateStatusDel(id);
 }
@@ -140,6 +159,7 @@ void LocalCollector::handleExporters() {
     if (auto& watcher = exporterWatchers_[name]; !watcher)
       watcher = std::make_unique<ExporterWatcher>(*this, exporter);
   handleLimits();
+  handleSources();
 }
 
 /// What has to fit into one message must fit into those of the smallest exporter.
@@ -203,25 +223,14 @@ void LocalCollector::handlePlace() {
 
 void LocalCollector::handleDatagram(std::string_view datagram, const IpGenAddr& from,
                                     uint16_t port) {
-  if (own(from, port)) {
-    ++ownDatagrams_;
+  if (std::string by = loops_.closedBy(trackerName_, from, port); !by.empty()) {
+    ++looped_;
+    loopedOf_ = std::move(by);
     return;
   }
   decoder_.decode(datagram, from, port);
   flushTask_->scheduleLowestIs(flushDelay);
   if (sink_.queued() > queuedMax) reviewTask_->scheduleLowestIs(Seconds(0));
-}
-
-/// A collector whose address and port are the local collector's own: what it is sent would be sent
-/// again for ever.
-bool LocalCollector::own(const IpGenAddr& from, uint16_t port) const {
-  const VrfName& here = config_->localCollectorConfig()->vrfName();
-  return std::any_of(config_->expConfig().begin(), config_->expConfig().end(), [&](const auto& e) {
-    const ExporterConfig& exporter = *e.second;
-    if (exporter.vrfName() != here) return false;
-    return from.isIpv6() ? from == IpGenAddr(exporter.srcIp6Addr()) && port == exporter.rxPort6()
-                         : from == IpGenAddr(exporter.srcIpAddr()) && port == exporter.rxPort4();
-  });
 }
 
 void LocalCollector::publish(TemplateId id, const PassedLayout& layout) {
@@ -247,30 +256,69 @@ void LocalCollector::withdraw(TemplateId id) {
 }
 
 void LocalCollector::handleTick() {
-  decoder_.advance(tick);
-  tellTroubles();
   tickTask_->scheduleIs(tick);
+  tellCounters();
+  if (++ticks_ % ticksPerTelling != 0) return;
+  decoder_.advance(tick * ticksPerTelling);
+  tellTroubles("");
 }
 
-/// One line for all that was refused since the last one, however much that is.
-void LocalCollector::tellTroubles() {
+void LocalCollector::tellCounters() {
+  if (!table_) return;
+  const LocalCollectorCounters& n = decoder_.counters();
+  const FlowExport::Counters sent = sink_.counters();
+  FlowTracking::FlowPathRecord r{.key = FlowTracking::FlowPathKey(trackerName_)};
+  r.records = sent.records;
+  r.recordsLost = sent.recordsLost;
+  r.messages = sent.messages;
+  r.deviceMessages = n.messages;
+  r.deviceRecords = n.recordsIn;
+  r.deviceRecordsRefused = n.recordsOfRefused + n.recordsTooLarge;
+  r.deviceSetsUnknown = n.setsWithoutTemplate;
+  r.deviceDatagramsBad = n.badVersion + n.badLength + n.badSet;
+  r.deviceDatagramsLost = lostDatagrams();
+  r.deviceDatagramsLooped = looped_;
+  r.updatedTime = Platform::current().clock().now();
+  table_->put(std::as_bytes(std::span(&r.key, 1)), std::as_bytes(std::span(&r, 1)));
+}
+
+/// One line for all that was refused since the last one, however much that is, and who takes most
+/// of what is full.
+void LocalCollector::tellTroubles(const char* when) {
   const LocalCollectorCounters& now = decoder_.counters();
   std::string text;
-  const auto add = [&](uint64_t n, const char* what) {
+  const auto add = [&](uint64_t n, const std::string& what) {
     if (n == 0) return;
     text += (text.empty() ? "" : ", ") + std::to_string(n) + ' ' + what;
   };
   for (const Trouble& t : troubles) add(now.*t.counter - told_.*t.counter, t.what);
-  add(ownDatagrams_ - ownTold_,
-      "datagrams of its own exporters (a collector is given its address)");
-  const uint64_t lost = lost_ + (heard_ ? heard_->counters().rxDropped : 0);
+  add(looped_ - loopedTold_,
+      "datagrams of exporters of tracker " + printable(loopedOf_) +
+          " that would come round for ever (a collector is given this tracker's address)");
+  const uint64_t lost = lostDatagrams();
   add(lost - lostTold_, "datagrams for which the receive buffer had no room");
+  const uint64_t unsent = sink_.counters().recordsLost;
+  add(unsent - unsentTold_, "records of exporters without a ready collector");
+  if (now.templatesDisplaced > told_.templatesDisplaced ||
+      now.templatesOverLimit > told_.templatesOverLimit) {
+    const auto most = decoder_.mostTemplates();
+    text += "; " + most.sender.stringValue() + " has " + std::to_string(most.templates) + " of " +
+            std::to_string(decoder_.templates()) + " templates, " +
+            std::to_string(decoder_.limits().templates) + " have room";
+  }
+  if (now.templatesWithoutRoom > told_.templatesWithoutRoom) {
+    const auto most = decoder_.mostOctets();
+    text += "; those of " + most.sender.stringValue() + " take " + std::to_string(most.octets) +
+            " of the " + std::to_string(decoder_.room()) + " octets of the template message";
+  }
   told_ = now;
-  ownTold_ = ownDatagrams_;
+  loopedTold_ = looped_;
   lostTold_ = lost;
+  unsentTold_ = unsent;
   if (!text.empty())
-    log_.warning("tracker " + printable(trackerName_) + ": from devices, not passed on: " + text,
-                 {.tracker = trackerName_});
+    log_.warning(
+        "tracker " + printable(trackerName_) + ": " + when + "from devices, not passed on: " + text,
+        {.tracker = trackerName_});
 }
 
 // --- All of them ---
@@ -303,10 +351,17 @@ Ptr<const FlowTracking::Config> softwareExport() {
 
 LocalCollectors::LocalCollectors(Ptr<const NetworkList> networks,
                                  Ptr<const Ipfix::ElementIdColl> registry,
-                                 Ptr<TaskScheduler> scheduler, AgentLog& log)
+                                 Ptr<TaskScheduler> scheduler, AgentLog& log,
+                                 Ptr<SharedTable> counters)
     : networks_(std::move(networks)),
       vrfs_(Ip::allVrfStatusLocalFactory()),
-      host_{softwareExport(), std::move(registry), vrfs_, std::move(scheduler), log},
+      host_{softwareExport(),
+            std::move(registry),
+            vrfs_,
+            std::move(scheduler),
+            log,
+            std::move(counters),
+            loops_},
       listWatcher_(std::make_unique<ListWatcher>(*this)) {
   const auto all = networks_->network();  // a copy: the loop notifies
   for (const auto& [vrf, network] : all) handleNetwork(vrf);

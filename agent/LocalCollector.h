@@ -9,8 +9,11 @@
 
 #include "Ipfix/LocalCollectorConfigSm.h"
 #include "agent/AgentLog.h"
+#include "agent/FlowExport.h"
 #include "agent/LocalCollectorDecoder.h"
+#include "agent/LocalCollectorLoops.h"
 #include "agent/Network.h"
+#include "platform/FlowPathCounters.h"
 #include "platform/HwFlowTracking.h"
 #include "platform/VrfStatus.h"
 
@@ -25,8 +28,11 @@ struct LocalCollectorSink {
       records;
   /// What has gathered shall leave.
   std::function<void()> flush;
+  /// The same for the last time.
+  std::function<void()> end;
   /// Datagrams that wait to leave, in the fullest endpoint.
   std::function<uint64_t()> queued;
+  std::function<FlowExport::Counters()> counters;
 };
 
 struct LocalCollectorHost {
@@ -35,6 +41,8 @@ struct LocalCollectorHost {
   Ptr<const Ip::AllVrfStatusLocal> vrfs;
   Ptr<TaskScheduler> scheduler;
   AgentLog& log;
+  Ptr<SharedTable> counters;  ///< of FlowPathRecord; null: not shown
+  LocalCollectorLoops& loops;
 };
 
 /// The local collector of one tracker of type hardware: hears what devices send to the address of
@@ -56,8 +64,10 @@ class LocalCollector {
 
   const Ptr<HwFlowTracking::FtConfig>& config() const { return config_; }
   const LocalCollectorCounters& counters() const { return decoder_.counters(); }
-  /// Datagrams that an exporter of this tracker sent here itself; they are not looked at.
-  uint64_t ownDatagrams() const { return ownDatagrams_; }
+  /// Datagrams of exporters of this agent that would come round for ever; they are not looked at.
+  uint64_t loopedDatagrams() const { return looped_; }
+  /// Datagrams for which the receive buffer had no room.
+  uint64_t lostDatagrams() const { return lost_ + (heard_ ? heard_->counters().rxDropped : 0); }
   const LocalCollectorDecoder& decoder() const { return decoder_; }
 
  private:
@@ -73,23 +83,30 @@ class LocalCollector {
   void handleExporters();
   void handleLimits();
   void handleDatagram(std::string_view datagram, const IpGenAddr& from, uint16_t port);
-  bool own(const IpGenAddr& from, uint16_t port) const;
+  void handleSources() { loops_.exportersAre(trackerName_, *config_); }
   void handleTick();
   void publish(FlowTracking::TemplateId id, const PassedLayout& layout);
   void withdraw(FlowTracking::TemplateId id);
-  void tellTroubles();
+  void tellTroubles(const char* when);
+  void tellCounters();
 
   const std::string trackerName_;
   const Ptr<HwFlowTracking::FtConfig> config_;
   const Ptr<HwFlowTracking::FtStatus> status_;
   AgentLog& log_;
+  const Ptr<SharedTable> table_;
+  LocalCollectorLoops& loops_;
   const LocalCollectorSink sink_;
   LocalCollectorDecoder decoder_;
-  uint64_t ownDatagrams_ = 0;
-  uint64_t lost_ = 0;  // in the receive buffers of endpoints that are gone
+  uint64_t looped_ = 0;
+  std::string loopedOf_;  // the tracker that sent the last of them
+  uint64_t lost_ = 0;     // in the receive buffers of endpoints that are gone
+  // As they were told last.
   LocalCollectorCounters told_;
-  uint64_t ownTold_ = 0;
+  uint64_t loopedTold_ = 0;
   uint64_t lostTold_ = 0;
+  uint64_t unsentTold_ = 0;
+  int ticks_ = 0;
   std::string place_;  // where devices send to, as it was told; empty: nowhere
   Ptr<UdpPam> heard_;  // the endpoint whose datagrams come here
 
@@ -111,7 +128,7 @@ class LocalCollectors {
   using SinkOf = std::function<LocalCollectorSink(const std::string& trackerName)>;
 
   LocalCollectors(Ptr<const NetworkList> networks, Ptr<const Ipfix::ElementIdColl> registry,
-                  Ptr<TaskScheduler> scheduler, AgentLog& log);
+                  Ptr<TaskScheduler> scheduler, AgentLog& log, Ptr<SharedTable> counters = {});
   ~LocalCollectors();
   LocalCollectors(const LocalCollectors&) = delete;
   LocalCollectors& operator=(const LocalCollectors&) = delete;
@@ -132,6 +149,7 @@ class LocalCollectors {
 
   const Ptr<const NetworkList> networks_;
   const Ptr<Ip::AllVrfStatusLocal> vrfs_;
+  LocalCollectorLoops loops_;
   const LocalCollectorHost host_;
   uint64_t instance_ = 0;
   std::map<VrfName, std::unique_ptr<NetworkWatcher>> networkWatchers_;

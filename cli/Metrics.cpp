@@ -204,6 +204,18 @@ void flowFamilies(Exposition& out, const std::vector<FlowPathRecord>& flows) {
           &R::messages);
   gauge("tarnflow_sampling_interval_packets", "One packet out of so many is looked at.",
         &R::sampleRate);
+  counter("tarnflow_device_messages_total", "IPFIX messages that devices sent.",
+          &R::deviceMessages);
+  counter("tarnflow_device_records_total", "Data records in them, of templates that were known.",
+          &R::deviceRecords);
+  counter("tarnflow_device_records_refused_total",
+          "Of these, records of a refused template, or too large.", &R::deviceRecordsRefused);
+  counter("tarnflow_device_unknown_sets_total", "Sets of records whose template was not known.",
+          &R::deviceSetsUnknown);
+  parts("tarnflow_device_datagrams_lost_total", "Datagrams of devices that were not looked at.",
+        {{"malformed", &R::deviceDatagramsBad},
+         {"buffer_full", &R::deviceDatagramsLost},
+         {"looped", &R::deviceDatagramsLooped}});
   out.gauge("tarnflow_flow_counters_timestamp_seconds",
             "When the tracker's counters were written.");
   for (size_t i = 0; i < flows.size(); ++i) out.time(trackers[i], flows[i].updatedTime);

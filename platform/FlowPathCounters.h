@@ -8,7 +8,8 @@
 
 #include "platform/SharedTable.h"
 
-/// What a host's software flow path counts, as it stands in shared memory: one record per tracker.
+/// What a host counts of each tracker's flow records, as it stands in shared memory: its software
+/// flow path, or what devices send to its local collector.
 namespace FlowTracking {
 
 /// The table's key.
@@ -51,7 +52,16 @@ struct FlowPathRecord {
   uint64_t recordsLost = 0;      ///< of an exporter without a ready collector
   uint64_t messages = 0;         ///< sent, once per collector
   uint64_t sampleRate = 0;       ///< one packet out of so many is seen, now
-  double updatedTime = 0;        ///< UTC seconds
+  // What devices send to a tracker of type hardware. Others have zeros here, and it has in the rest
+  // but `records`, `recordsLost` and `messages`.
+  uint64_t deviceMessages = 0;         ///< datagrams that are IPFIX messages
+  uint64_t deviceRecords = 0;          ///< data records in them, of templates that were known
+  uint64_t deviceRecordsRefused = 0;   ///< of these, of a refused template, or too large
+  uint64_t deviceSetsUnknown = 0;      ///< sets of records whose template was not known
+  uint64_t deviceDatagramsBad = 0;     ///< that are no IPFIX messages
+  uint64_t deviceDatagramsLost = 0;    ///< for which the receive buffer had no room
+  uint64_t deviceDatagramsLooped = 0;  ///< of this agent's own exporters, not looked at
+  double updatedTime = 0;              ///< UTC seconds
 
   /// Nothing when the length is another.
   static std::optional<FlowPathRecord> fromOctets(platform::SharedTable::Octets octets) {
@@ -88,11 +98,18 @@ struct FlowPathRecord {
                                  {"records", &R::records},
                                  {"recordsLost", &R::recordsLost},
                                  {"messages", &R::messages},
-                                 {"sampleRate", &R::sampleRate}});
+                                 {"sampleRate", &R::sampleRate},
+                                 {"deviceMessages", &R::deviceMessages},
+                                 {"deviceRecords", &R::deviceRecords},
+                                 {"deviceRecordsRefused", &R::deviceRecordsRefused},
+                                 {"deviceSetsUnknown", &R::deviceSetsUnknown},
+                                 {"deviceDatagramsBad", &R::deviceDatagramsBad},
+                                 {"deviceDatagramsLost", &R::deviceDatagramsLost},
+                                 {"deviceDatagramsLooped", &R::deviceDatagramsLooped}});
   }
 };
 static_assert(std::is_trivially_copyable_v<FlowPathRecord>);
-static_assert(sizeof(FlowPathRecord) == 128 + 23 * 8);
+static_assert(sizeof(FlowPathRecord) == 128 + 30 * 8);
 
 /// The segment that holds it, beside the collectors' statistics.
 inline constexpr std::string_view flowPathSuffix = "-flows";

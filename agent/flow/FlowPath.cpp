@@ -89,7 +89,8 @@ FlowPath::~FlowPath() {
     while (drain(*l.meter)) {
     }
   }
-  export_.flush();
+  export_.end();
+  tellLosses();
   hide();
 }
 
@@ -402,6 +403,17 @@ void FlowPath::tellCounters() {
   if (!host_.counters) return;
   const auto r = record();
   host_.counters->put(std::as_bytes(std::span(&r.key, 1)), std::as_bytes(std::span(&r, 1)));
+}
+/// At the end, when the counters go: what did not leave.
+void FlowPath::tellLosses() const {
+  const auto r = record();
+  if (r.lostNoCollector + r.lostQueueFull + r.recordsLost == 0) return;
+  host_.log.warning("tracker " + printable(tracker_) +
+                        ": at its end, lost in all: " + std::to_string(r.lostNoCollector) +
+                        " flows since no collector was ready, " + std::to_string(r.lostQueueFull) +
+                        " that could not be sent in time, " + std::to_string(r.recordsLost) +
+                        " records of exporters without a ready collector",
+                    {.tracker = tracker_});
 }
 void FlowPath::tellFilterErrors() {
   for (auto& [vrf, source] : sources_) {

@@ -110,6 +110,7 @@ class FlowPath {
   FlowTracking::FlowPathRecord record() const;
   void tellCounters();
   void tellFilterErrors();
+  void tellLosses() const;
   void addCounters(const FlowMeter& meter, FlowTracking::FlowPathRecord& to) const;
 
   std::string tracker_;

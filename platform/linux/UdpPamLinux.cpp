@@ -492,6 +492,9 @@ void UdpPamLinux::close() {
   while (!queue_.empty() && sendSome()) {
   }
   closing_ = false;
+  if (!queue_.empty())
+    traceLine("closes with " + std::to_string(queue_.size()) +
+              " datagrams in its queue: the socket has no room, they are lost");
   while (!queue_.empty()) {  // still no room
     countDrop(EAGAIN);
     popFront();

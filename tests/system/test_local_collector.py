@@ -6,13 +6,14 @@ import random
 import re
 import socket
 import struct
+import threading
 import time
 
 import pytest
 
 import traffic
 from lab import descriptors, inside, parse_json_lines, resident_kib, run, wait_for
-from tarnflow import Agent, collectors, config, exporter, listen
+from tarnflow import Agent, collectors, config, exporter, flows as shared, listen, tool
 from wire import Capture, Nfcapd, tshark
 from wire_maker import message, pcap, send, template
 
@@ -132,6 +133,58 @@ def test_softflowd(lab, vrf, family):
     assert found == collections.Counter(expected.items())
 
 
+def test_what_does_not_leave_is_counted(lab):
+    """The only collector is of a family that the exporter has no address of; then a flood of the
+    smallest records, during which the agent answers as before."""
+    place = Place(lab)
+    nowhere = {"main": exporter("up0", collectors(c=THERE[6]))}
+    agent = Agent(lab, config({
+        "edge": {"id": DOMAIN, "type": "hardware", "exporter": nowhere},
+        "packets": {"id": DOMAIN + 1, "interfaces": ["up0"], "exporter": nowhere}}))
+    agent.program.wait_log("devices send to")
+    agent.program.wait_log("tracking flows on up0")
+    with inside(place.far):
+        device = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    to = (HERE[4], 4739)
+    device.sendto(message([(2, template(300, [(82, 65535)])), (2, template(301, [(60, 1)]))]), to)
+    for _ in range(10):
+        device.sendto(message([(300, bytes(1000)), (301, bytes(20))]), to)
+        time.sleep(0.01)
+
+    def counted():
+        found = shared().get("edge", {})
+        return [found.get(k) for k in ("deviceRecords", "recordsLost", "deviceRecordsRefused",
+                                       "records")]
+    wait_for("all is counted", lambda: counted() == [10200, 10000, 200, 0])
+
+    over = threading.Event()
+    small = message([(300, bytes(60000))])
+
+    def flood():
+        while not over.is_set():
+            device.sendto(small, to)
+    sender = threading.Thread(target=flood)
+    sender.start()
+    slowest = 0
+    try:
+        for _ in range(10):
+            began = time.monotonic()
+            tool("show", "collectors", check=False)
+            slowest = max(slowest, time.monotonic() - began)
+    finally:
+        over.set()
+        sender.join()
+    print("slowest answer", slowest)
+    assert slowest < 1.5
+    assert agent.stop() == 0
+    assert re.search(r"tracker edge: at its end, .*\b\d+ records of exporters without a ready",
+                     agent.program.log())
+    # The devices' datagrams were packets of a flow, which was under way at the end.
+    assert re.search(r"tracker packets: at its end, lost in all: .*\b[1-9]\d* ",
+                     agent.program.log())
+    device.close()
+
+
 def hostile(rng):
     """Datagrams that a device would not send: right ones with octets changed, and ever new streams,
     templates and layouts."""
@@ -158,7 +211,7 @@ def test_hostile_messages(lab):
     devices = lab.namespace("tt-devices")
     lab.veth("up1", "dv0", devices)
     lab.address("up1", "10.96.0.1/24")
-    lab.address("dv0", "10.96.0.2/24", ns=devices)
+    lab.address("dv0", "10.96.0.2/24", "10.96.0.3/24", ns=devices)
     run("ip", "route", "add", "default", "via", "10.96.0.1", ns=devices)
     collector = listen(lab, "--quiet-data", ns=place.far)
     agent = Agent(lab, place.text)
@@ -167,6 +220,7 @@ def test_hostile_messages(lab):
     before = message([(2, template(300, [(8, 4), (12, 4), (2, 8), (1, 8)]))], domain=99)
     with inside(devices):
         device = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        device.bind(("10.96.0.3", 0))
     device.sendto(before, (HERE[4], 4739))
     wait_for("its template is told", lambda: any(
         m.sets[0] == (2, 4 + 4 + 4 * 4) for m in place.capture.messages()))

@@ -385,10 +385,9 @@ class HostileTest : public DecoderTest, public testing::WithParamInterface<const
     const uint32_t mine = 0x0b000001;
     const uint32_t forged = 0x0c000000 + n;
     const auto i = static_cast<uint16_t>(n);
-    const auto large = [&](uint16_t k) {
-      std::vector<Field> fields(49, {82, static_cast<uint16_t>(1 + k)});
-      for (Field& f : fields) f.element = 236;
-      return templates(300, fields);
+    const auto large = [&](uint16_t k) {  // with those of three devices, seven fill the room
+      return templates(300,
+                       std::vector<Field>(k == 6 ? 48 : 49, {236, static_cast<uint16_t>(1 + k)}));
     };
     const auto small = templates(300, {{4, 1}, {5, 1}});
     if (what == "domains") hear(message(small, 0, n), 1, mine);
@@ -400,7 +399,7 @@ class HostileTest : public DecoderTest, public testing::WithParamInterface<const
     if (what == "largeTemplates") hear(message(large(i % 7)), i % 7, mine);
     if (what == "largeOfForged") hear(message(large(i % 7)), 1, 0x0c000000 + n % 7);
     if (what == "largeAndTried")
-      hear(message(large(i % 7) + set(300, std::string(49 * 8, 'r'))), i % 7, mine);
+      hear(message(large(i % 7) + set(300, std::string(400, 'r'))), i % 7, mine);
     if (what == "smallOfForged")
       hear(message(templates(300, {{236, static_cast<uint16_t>(1 + n % 1400)}})), 1, forged);
     if (what == "redefines")
@@ -542,7 +541,7 @@ class CollectorTest : public testing::Test {
     network->presentIs(true);
     networks->networkIs(network);
     all = std::make_unique<LocalCollectors>(networks, init->elementIdCollection(), sim->scheduler(),
-                                            heard.log);
+                                            heard.log, table);
     device->modeIs(UdpPam::inService);
   }
   ~CollectorTest() override {
@@ -562,11 +561,13 @@ class CollectorTest : public testing::Test {
               passed.push_back(name + ' ' + std::to_string(id) + ' ' + std::string(r));
             });
           },
-          [this] { flushed = passed.size(); }, [this] { return queued; }};
+          [this] { flushed = passed.size(); }, [] {}, [this] { return queued; },
+          [this] { return sent; }};
     });
   }
-  void send(const std::string& datagram, IpAddr to = here, uint16_t port = 4739) {
-    device->txSrcIpAddrIs(IpAddr(0x0a000063));
+  void send(const std::string& datagram, IpAddr to = here, uint16_t port = 4739,
+            IpAddr from = IpAddr(0x0a000063)) {
+    device->txSrcIpAddrIs(from);
     device->txDstIpAddrIs(to);
     device->txPortIs(port);
     auto pkt = sim->newPkt(static_cast<uint32_t>(datagram.size()));
@@ -591,7 +592,10 @@ class CollectorTest : public testing::Test {
   Ptr<NetworkList> networks = networkListFactory();
   Ptr<VrfNetwork> network = vrfNetworkFactory(VrfName(std::string(defaultVrf)));
   Ptr<UdpPam> device = sim->udpPam("device");
+  Ptr<SharedTable> table =
+      simTableFactory(sizeof(FlowTracking::FlowPathKey), sizeof(FlowTracking::FlowPathRecord), 8);
   std::unique_ptr<LocalCollectors> all;
+  FlowExport::Counters sent;
   std::vector<std::string> passed;
   size_t flushed = 0;
   uint64_t queued = 0;
@@ -632,19 +636,81 @@ TEST_F(CollectorTest, PublishesTemplatesAndPassesRecordsOn) {
   EXPECT_EQ(sim->openEndpoints(), 1u);
 }
 
-TEST_F(CollectorTest, DoesNotFeedOnItsOwnExport) {
-  // A collector was given the local collector's own address.
-  exporter->rxPort4Is(device->rxPort());
-  exporter->srcIpAddrIs(IpAddr(0x0a000063));
+// The device's endpoint stands for the exporter of one tracker after the other.
+TEST_F(CollectorTest, RecordsDoNotComeRoundAgain) {
+  const std::string names[] = {"edge", "core", "rim"};
+  const auto place = [](uint32_t n) { return IpAddr(0x0a000001 + n); };
+  std::vector<Ptr<HwFlowTracking::FtConfig>> trackers = {tracker};
+  std::vector<Ptr<HwFlowTracking::ExporterConfig>> exporters = {exporter};
+  for (uint32_t n = 1; n < 3; ++n) {
+    exporters.push_back(HwFlowTracking::exporterConfigFactory("main"));
+    exporters[n]->srcIpAddrIs(place(n));
+    trackers.push_back(HwFlowTracking::ftConfigFactory(names[n], 7 + n));
+    trackers[n]->localPortIs(4739);
+    trackers[n]->expConfigIs(exporters[n]);
+    config->ftConfigIs(trackers[n]);
+    status->ftStatusIs(HwFlowTracking::ftStatusFactory(names[n]));
+  }
   follow();
-  send(example, IpAddr(0x0a000063));
-  EXPECT_EQ(n().messages, 0u);
-  EXPECT_EQ(all->collector("edge")->ownDatagrams(), 1u);
+  exporter->rxPort4Is(device->rxPort());
+  const auto& core = *all->collector("core");
+  send(message(set(300, "aaaa")), here, 4739, here);
+  send(message(set(300, "aaaa")), place(1), 4739, here);
+  EXPECT_EQ(n().messages, 0u) << "a collector was given the local collector's own address";
+  EXPECT_EQ(all->collector("edge")->loopedDatagrams(), 1u);
+  EXPECT_EQ(core.counters().messages, 1u) << "from one tracker to another is no loop";
   sim->advance(Seconds(10));
-  EXPECT_TRUE(heard.has("1 datagrams of its own exporters"));
+  EXPECT_TRUE(heard.has("1 datagrams of exporters of tracker edge that would come round for ever"));
   exporter->rxPort4Is(static_cast<uint16_t>(device->rxPort() + 1));
-  send(example, IpAddr(0x0a000063));
-  EXPECT_EQ(n().messages, 1u);
+  exporters[1]->rxPort4Is(device->rxPort());
+  send(message(set(300, "aaaa")), place(1), 4739, place(1));
+  EXPECT_EQ(core.loopedDatagrams(), 1u);
+
+  LocalCollectorLoops loops;
+  for (uint32_t n = 0; n < 3; ++n) {
+    exporters[n]->rxPort4Is(static_cast<uint16_t>(50000 + n));
+    loops.exportersAre(names[n], *trackers[n]);
+  }
+  const auto closed = [&](uint32_t from, uint32_t to) {
+    return loops.closedBy(names[to], place(from), static_cast<uint16_t>(50000 + from));
+  };
+  EXPECT_EQ(closed(0, 1) + closed(1, 2) + closed(0, 2), "") << "a chain is no loop";
+  EXPECT_EQ(closed(2, 0), "rim") << "three of them are";
+  EXPECT_EQ(closed(1, 0), "core") << "and two";
+  EXPECT_EQ(closed(2, 2), "rim") << "and one";
+  EXPECT_EQ(loops.closedBy("edge", place(2), 4739), "") << "a device at this address";
+  exporters[1]->rxPort4Is(0);
+  loops.exportersAre("core", *trackers[1]);
+  EXPECT_EQ(closed(2, 0) + closed(1, 0), "") << "who sends to whom is another matter now";
+}
+
+// Each record that is not passed on, or passed on and not sent, is in the shared table and told.
+TEST_F(CollectorTest, WhatDoesNotLeaveIsCounted) {
+  follow();
+  send(example);
+  send(message(templates(301, {{60, 1}}) + set(301, "abcd")));
+  send(message(set(999, "aaaa")));
+  send("no message");
+  sent.recordsLost = 5;
+  sim->advance(Seconds(1));
+  const FlowTracking::FlowPathKey key("edge");
+  FlowTracking::FlowPathRecord record;
+  ASSERT_TRUE(
+      table->get(std::as_bytes(std::span(&key, 1)), std::as_writable_bytes(std::span(&record, 1))));
+  std::string text;
+  for (const auto& field : record.fields())
+    if (const uint64_t v = record.*field.value)
+      text += std::string(field.name) + ' ' + std::to_string(v) + '\n';
+  EXPECT_EQ(text,
+            "recordsLost 5\ndeviceMessages 3\ndeviceRecords 5\ndeviceRecordsRefused 4\n"
+            "deviceSetsUnknown 1\ndeviceDatagramsBad 1\n");
+  config->ftConfigDel("edge");
+  follow();
+  for (const char* what :
+       {"at its end, from devices, not passed on: 1 datagrams that are not IPFIX",
+        "4 records of refused templates", "5 records of exporters without a ready collector"})
+    EXPECT_TRUE(heard.has(what)) << what;
+  EXPECT_EQ(table->size(), 0u);
 }
 
 TEST_F(CollectorTest, ReadsNoFasterThanRecordsLeave) {
