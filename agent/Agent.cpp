@@ -18,6 +18,7 @@ constexpr TaskPriority afterAll = 255;  // the library's tasks are due before
 constexpr Seconds settlePoll{0.01};
 constexpr int settlePolls = 200;  // 2 s: a namespace that does not answer delays nobody longer
 constexpr Seconds statusDelay{0.2};
+constexpr Seconds notifyDelay{0.1};  // a service manager that had no room for a message gets it
 constexpr Seconds heldDelay{10};  // what the log holds back is told so much later
 constexpr Seconds sendErrorsPoll{5};
 constexpr size_t statisticsMin = 1024;
@@ -88,6 +89,8 @@ bool Agent::start() {
     startedTask_ = scheduler->timerTask("agent-started", afterAll, [this] { handleStarted(); });
     statusTask_ = scheduler->timerTask("agent-status", afterAll,
                                        [this] { ServiceManager::status(status()); });
+    notifyTask_ = scheduler->timerTask("agent-notify", afterAll, [] { ServiceManager::flush(); });
+    ServiceManager::queuedHandlerIs([this] { notifyTask_->scheduleLowestIs(notifyDelay); });
     heldTask_ = scheduler->timerTask("log-held", afterAll, [this] { log_.tellHeld(); });
     log_.heldHandlerIs([this] { heldTask_->scheduleLowestIs(heldDelay); });
     watchdogTask_ = scheduler->timerTask("agent-watchdog", afterAll, [this] { handleWatchdog(); });
@@ -351,6 +354,8 @@ void Agent::stop() {
   collectorStates_.reset();
   finishTask_.reset();
   startedTask_.reset();
+  ServiceManager::queuedHandlerIs({});
+  notifyTask_.reset();
   statusTask_.reset();
   watchdogTask_.reset();
   sendErrorsTask_.reset();

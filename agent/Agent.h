@@ -126,6 +126,7 @@ class Agent {
   bool fileFailed_ = false;
   std::unique_ptr<TimerTask> finishTask_;
   std::unique_ptr<TimerTask> startedTask_;
+  std::unique_ptr<TimerTask> notifyTask_;
   std::unique_ptr<TimerTask> statusTask_;
   std::unique_ptr<TimerTask> heldTask_;
   std::unique_ptr<TimerTask> watchdogTask_;

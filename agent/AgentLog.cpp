@@ -1,5 +1,6 @@
 #include "agent/AgentLog.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -13,12 +14,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <memory>
 
 #include "agent/Printable.h"
 
 namespace agent {
 namespace {
 
+constexpr size_t prefixMax = 64;  // octets of time, severity and newline around a line's text
 constexpr std::string_view journalSocket = "/run/systemd/journal/socket";
 
 /// The journal says which file it reads as "<device>:<inode>"; standard error may lead elsewhere
@@ -58,19 +61,46 @@ std::string timeNow() {
   return text.data();
 }
 
+/// Writes to standard error without ever waiting for its reader: what does not fit is lost. The
+/// descriptor itself stays as it is, because its O_NONBLOCK would be every other process's that
+/// shares it; a pipe or a terminal is opened once more instead.
+class StandardError {
+ public:
+  StandardError() {
+    struct stat st {};
+    if (fstat(STDERR_FILENO, &st) < 0) return;
+    socket_ = S_ISSOCK(st.st_mode);
+    if (S_ISFIFO(st.st_mode) || S_ISCHR(st.st_mode))
+      own_ = Fd(open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+  }
+  /// One call per line, so that lines of two processes do not mix.
+  void write(std::string_view line) const {
+    ssize_t n = 0;
+    if (socket_) {
+      n = send(STDERR_FILENO, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    } else if (own_) {
+      n = ::write(own_.get(), line.data(), line.size());
+    } else {
+      // A file never waits; a pipe of another user has room for a line if it has any.
+      pollfd room{STDERR_FILENO, POLLOUT, 0};
+      if (poll(&room, 1, 0) != 0) n = ::write(STDERR_FILENO, line.data(), line.size());
+    }
+    static_cast<void>(n);
+  }
+
+ private:
+  bool socket_ = false;
+  Fd own_;
+};
+
 }  // namespace
 
 AgentLog::AgentLog(Style style, Output output) : style_(style), output_(std::move(output)) {}
 
 AgentLog AgentLog::standard() {
   return AgentLog(
-      standardErrorIsJournal() ? Style::fields : Style::plain, [](std::string_view line) {
-        // One call per line, so that lines of two processes do not mix. What the other end does not
-        // take is lost: a pipe that has room takes what a line has.
-        pollfd room{STDERR_FILENO, POLLOUT, 0};
-        if (poll(&room, 1, 0) == 0) return;
-        [[maybe_unused]] const ssize_t n = ::write(STDERR_FILENO, line.data(), line.size());
-      });
+      standardErrorIsJournal() ? Style::fields : Style::plain,
+      [to = std::make_shared<StandardError>()](std::string_view line) { to->write(line); });
 }
 
 /// A field per name that is known, as the journal's own protocol has them
@@ -116,7 +146,7 @@ bool AgentLog::toJournal(Severity severity, std::string_view text, const LogFiel
 
 void AgentLog::write(Severity severity, std::string_view word, std::string_view text,
                      const LogFields& fields, const LogMessage* message) {
-  const std::string clean = printable(text);
+  const std::string clean = printable(text, lineMax - prefixMax);
   if (style_ == Style::fields && toJournal(severity, clean, fields, message)) return;
   std::string out;
   if (style_ == Style::plain) {

@@ -40,6 +40,7 @@ class AgentLog final : public TraceSink, public LogSink {
   using Output = std::function<void(std::string_view line)>;  ///< gets lines with their newline
   using Clock = std::chrono::steady_clock;
 
+  static constexpr size_t lineMax = 4096;  ///< PIPE_BUF: a pipe takes it whole or not at all
   static constexpr double burst = 50;
   static constexpr std::chrono::seconds refill{2};
 

@@ -8,14 +8,10 @@
 #include <toml++/toml.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <tuple>
+#include <map>
 
 #include "Ipfix/FlowTrackingTypes.h"
 #include "agent/Printable.h"
@@ -81,28 +77,19 @@ std::string_view nearest(std::string_view key, const std::vector<std::string_vie
   return best;
 }
 
-/// A key of these needs no quotes.
-bool bare(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
-         c == '_';
-}
-/// One step of a key's path, as TOML writes it.
+constexpr size_t keyTextMax = 200;  // octets: more than any valid name has, 128
+/// One step of a key's path, as TOML writes it; a longer one is cut.
 std::string keyText(std::string_view key) {
-  if (!key.empty() && std::all_of(key.begin(), key.end(), bare)) return std::string(key);
-  return '"' + printable(key) + '"';
+  if (key.size() <= keyTextMax && isBareKey(key)) return std::string(key);
+  return '"' + printable(key, keyTextMax) + '"';
 }
 
 /// A value as an error shows it.
 std::string shown(const toml::node& node) {
   switch (node.type()) {
     case toml::node_type::string: {
-      std::string text = printable(node.as_string()->get());
-      if (text.size() > 80) {
-        size_t cut = 77;
-        while (cut > 0 && (text[cut] & 0xc0) == 0x80) --cut;  // not inside a character
-        text = text.substr(0, cut) + "...";
-      }
-      return '"' + text + '"';
+      constexpr size_t valueMax = 80;
+      return '"' + printable(node.as_string()->get(), valueMax) + '"';
     }
     case toml::node_type::integer:
       return std::to_string(node.as_integer()->get());
@@ -150,53 +137,66 @@ std::optional<toml::source_position> tooDeepKey(std::string_view toml) {
       i = std::min(toml.find('\n', i), toml.size()) - 1;
     } else if (c == '.') {
       if (++steps > keyDepthMax) return at;
-    } else if (!bare(c) && c != ' ' && c != '\t') {
+    } else if (!isBareKey({&c, 1}) && c != ' ' && c != '\t') {
       steps = 0;
     }
   }
   return std::nullopt;
 }
 
-/// Collects errors with their place in the files, which are read in the order given.
+/// Collects errors with their place in the files, which are read in the order given. Keeps the
+/// first `settingsErrorsMax` of them and counts the others: a file of a million wrong keys would
+/// otherwise cost the agent a gigabyte, and the log a million lines.
 class Errors {
  public:
   explicit Errors(const std::vector<SettingsText>& files) {
     for (const SettingsText& file : files) files_.push_back(file.name);
   }
   void add(const toml::source_region& at, std::string text) {
-    errors_.push_back({at, std::move(text)});
+    ++count_;
+    errors_.emplace(placeOf(at), std::move(text));
+    if (errors_.size() > settingsErrorsMax) errors_.erase(std::prev(errors_.end()));
   }
   void atKey(const toml::source_region& at, const std::string& path, const std::string& text) {
     add(at, "key '" + path + "': " + text);
   }
-  bool empty() const { return errors_.empty(); }
-  bool before(const toml::source_region& a, const toml::source_region& b) const {
-    return std::tuple(fileOf(a), a.begin.line, a.begin.column) <
-           std::tuple(fileOf(b), b.begin.line, b.begin.column);
+  /// False: as many errors stand before this place as are kept. The error is only counted, and its
+  /// text need not be made.
+  bool wanted(const toml::source_region& at) {
+    if (errors_.size() < settingsErrorsMax || placeOf(at) < errors_.rbegin()->first) return true;
+    ++count_;
+    return false;
   }
-  std::vector<std::string> inFileOrder() {
-    std::stable_sort(errors_.begin(), errors_.end(),
-                     [this](const Error& a, const Error& b) { return before(a.at, b.at); });
+  bool empty() const { return count_ == 0; }
+  bool before(const toml::source_region& a, const toml::source_region& b) const {
+    return placeOf(a) < placeOf(b);
+  }
+  std::vector<std::string> inFileOrder() const {
     std::vector<std::string> lines;
-    lines.reserve(errors_.size());
-    for (const Error& e : errors_)
-      lines.push_back(printable(files_[fileOf(e.at)]) + ':' + std::to_string(e.at.begin.line) +
-                      ':' + std::to_string(e.at.begin.column) + ": " + e.text);
+    lines.reserve(errors_.size() + 1);
+    for (const auto& [place, text] : errors_)
+      lines.push_back(printable(files_[place.file]) + ':' + std::to_string(place.line) + ':' +
+                      std::to_string(place.column) + ": " + text);
+    if (const size_t more = count_ - errors_.size(); more > 0)
+      lines.push_back("and " + std::to_string(more) + (more == 1 ? " more error" : " more errors"));
     return lines;
   }
 
  private:
-  struct Error {
-    toml::source_region at;
-    std::string text;
+  struct Place {
+    size_t file = 0;
+    toml::source_index line = 0;
+    toml::source_index column = 0;
+    auto operator<=>(const Place&) const = default;
   };
-  size_t fileOf(const toml::source_region& at) const {
-    if (!at.path) return 0;
-    const auto it = std::find(files_.begin(), files_.end(), *at.path);
-    return it == files_.end() ? 0 : static_cast<size_t>(it - files_.begin());
+  Place placeOf(const toml::source_region& at) const {
+    const auto it = at.path ? std::find(files_.begin(), files_.end(), *at.path) : files_.begin();
+    return {it == files_.end() ? 0 : static_cast<size_t>(it - files_.begin()), at.begin.line,
+            at.begin.column};
   }
   std::vector<std::string> files_;
-  std::vector<Error> errors_;
+  std::multimap<Place, std::string> errors_;
+  size_t count_ = 0;
 };
 
 /// Lays one file's table over those before it: tables become one, any other value is replaced.
@@ -314,7 +314,9 @@ class Section {
 
   void refuseUnknown() {
     for (const auto& [key, node] : table_) {
-      if (std::find(known_.begin(), known_.end(), key.str()) != known_.end()) continue;
+      if (std::find(known_.begin(), known_.end(), key.str()) != known_.end() ||
+          !errors_.wanted(key.source()))
+        continue;
       const std::string_view meant = nearest(key.str(), known_);
       std::string text = "unknown";
       if (!meant.empty()) {
@@ -358,10 +360,6 @@ Rule<std::string> text(const std::string& expected,
   };
 }
 
-std::string timeText(milliseconds t) {
-  return t.count() % 1000 == 0 ? std::to_string(t.count() / 1000) + 's'
-                               : std::to_string(t.count()) + "ms";
-}
 std::optional<milliseconds> parseTime(std::string_view text) {
   int64_t value = 0;
   auto [end, err] = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -596,42 +594,6 @@ void readAgent(Section& s, Settings& out) {
                            duration("a resolve interval", second, 86400 * second));
 }
 
-/// A text as TOML writes it.
-std::string tomlText(std::string_view text) {
-  std::string out = "\"";
-  for (const char c : text) {
-    if (c == '"' || c == '\\') {
-      (out += '\\') += c;
-    } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
-      char escape[8];
-      std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(c));
-      out += escape;
-    } else {
-      out += c;
-    }
-  }
-  return out += '"';
-}
-std::string tomlText(milliseconds t) { return tomlText(timeText(t)); }
-std::string tomlKey(std::string_view key) {
-  return !key.empty() && std::all_of(key.begin(), key.end(), bare) ? std::string(key)
-                                                                   : tomlText(key);
-}
-
-/// Reads a file whole. Returns what is in the way, or nothing.
-std::string readText(const std::string& fileName, std::string& text) {
-  errno = 0;
-  std::ifstream in(fileName, std::ios::binary);
-  if (!in) return std::string("cannot be read: ") + std::strerror(errno);
-  std::array<char, 65536> block;
-  while (text.size() <= settingsFileMax && (in.read(block.data(), block.size()), in.gcount() > 0))
-    text.append(block.data(), static_cast<size_t>(in.gcount()));
-  if (in.bad()) return std::string("cannot be read: ") + std::strerror(errno);
-  if (text.size() > settingsFileMax)
-    return "larger than " + std::to_string(settingsFileMax) + " octets, the most that is read";
-  return {};
-}
-
 }  // namespace
 
 SettingsResult parseSettings(std::string_view toml, const std::string& fileName) {
@@ -652,7 +614,7 @@ SettingsResult parseSettings(const std::vector<SettingsText>& files) {
       merge(all, toml::parse(file.toml, file.name));
     } catch (const toml::parse_error& e) {
       errors.add({e.source().begin, e.source().end, path},
-                 "not TOML: " + printable(e.description()));
+                 "not TOML: " + printable(e.description(), 1000));
     }
   }
   Settings settings;
@@ -668,80 +630,6 @@ SettingsResult parseSettings(const std::vector<SettingsText>& files) {
     result.errors = errors.inFileOrder();
   }
   return result;
-}
-
-SettingsResult readSettings(const std::string& fileName) {
-  namespace fs = std::filesystem;
-  SettingsResult result;
-  std::vector<std::string> names = {fileName};
-  fs::path dir(fileName);
-  if (dir.extension() == ".toml") dir.replace_extension();
-  dir += ".d";
-  std::error_code ec;
-  fs::directory_iterator it(dir, ec);
-  for (; !ec && it != fs::directory_iterator(); it.increment(ec))
-    if (it->path().extension() == ".toml" && !it->path().filename().string().starts_with('.'))
-      names.push_back(it->path().string());
-  std::sort(names.begin() + 1, names.end());
-  if (ec && ec != std::errc::no_such_file_or_directory && ec != std::errc::not_a_directory)
-    result.errors.push_back(printable(dir.string()) + ": cannot be read: " + ec.message());
-  std::vector<SettingsText> files;
-  for (const std::string& name : names) {
-    SettingsText& file = files.emplace_back(SettingsText{name, {}});
-    if (const std::string why = readText(name, file.toml); !why.empty())
-      result.errors.push_back(printable(name) + ": " + why);
-  }
-  return result.errors.empty() ? parseSettings(files) : result;
-}
-
-std::string settingsText(const Settings& settings) {
-  const auto number = [](auto n) { return std::to_string(n); };
-  std::string out;
-  const auto header = [&](const std::string& path) {
-    out += (out.empty() ? "[" : "\n[") + path + "]\n";
-  };
-  const auto row = [&](const char* key, const std::string& value) {
-    out += std::string(key) + " = " + value + '\n';
-  };
-  header("agent");
-  row("statistics", tomlText(settings.statistics));
-  row("control", tomlText(settings.control));
-  row("resolve-interval", tomlText(settings.resolveInterval));
-  for (const auto& [name, id] : settings.vrfs) {
-    header("vrf." + tomlKey(name));
-    row("id", number(id));
-  }
-  for (const auto& [trackerName, t] : settings.trackers) {
-    const std::string tracker = "tracker." + tomlKey(trackerName);
-    header(tracker);
-    row("id", number(t.id));
-    row("type", tomlText(FlowTracking::toText(t.type)));
-    std::string patterns;
-    for (const std::string& p : t.interfaces)
-      patterns += (patterns.empty() ? "" : ", ") + tomlText(p);
-    row("interfaces", '[' + patterns + ']');
-    row("sample-rate", number(t.sampleRate));
-    row("active-interval", tomlText(t.activeInterval));
-    row("inactive-timeout", tomlText(t.inactiveTimeout));
-    row("local-port", number(t.localPort));
-    row("max-flows", number(t.maxFlows));
-    for (const auto& [exporterName, e] : t.exporters) {
-      const std::string exporter = tracker + ".exporter." + tomlKey(exporterName);
-      header(exporter);
-      row("local-interface", tomlText(e.localInterface));
-      row("vrf", tomlText(e.vrf.stringValue()));
-      row("dscp", e.dscp.stringValue());
-      row("mtu", number(e.mtu));
-      row("template-interval", tomlText(e.templateInterval));
-      row("rate-limit", tomlText(e.rateLimit.stringValue()));
-      for (const auto& [name, c] : e.collectors) {
-        header(exporter + ".collector." + tomlKey(name));
-        row("address", tomlText(c.host.empty() ? c.address.stringValue() : c.host));
-        row("port", number(c.port));
-      }
-    }
-  }
-  return out;
 }
 
 }  // namespace agent

@@ -10,11 +10,14 @@ namespace agent {
 
 /// Either valid settings or at least one error, each a line for people:
 ///   file:line:column: key 'tracker.edge.exporter.main.dscp': 64 is not allowed: a DSCP is ...
-/// in the order of the file.
+/// in the order of the file; of very many the first `settingsErrorsMax`, and a line that says how
+/// many there are besides.
 struct SettingsResult {
   std::optional<Settings> settings;
   std::vector<std::string> errors;
 };
+
+inline constexpr size_t settingsErrorsMax = 100;
 
 /// The largest configuration file that is read, octets.
 inline constexpr size_t settingsFileMax = 16 << 20;
@@ -30,10 +33,14 @@ struct SettingsText {
 SettingsResult parseSettings(const std::vector<SettingsText>& files);
 SettingsResult parseSettings(std::string_view toml, const std::string& fileName);
 /// Reads the file, and then the files *.toml of the directory beside it, in the order of their
-/// names: tarnflow.d for tarnflow.toml. A file that cannot be read, or is too large, is an error
-/// like others; the directory need not be there.
+/// names: tarnflow.d for tarnflow.toml. A file that cannot be read, is too large or is no regular
+/// file is an error like others; the directory need not be there. Waits for nobody.
 SettingsResult readSettings(const std::string& fileName);
 
+/// TOML needs no quotes around such a key: letters, digits, '-' and '_'.
+bool isBareKey(std::string_view key);
+/// A time as the configuration writes it: "1500ms", "60s".
+std::string timeText(std::chrono::milliseconds t);
 /// The settings as TOML, every key with its value: read again, it gives equal settings.
 std::string settingsText(const Settings& settings);
 

@@ -45,4 +45,13 @@ std::string printable(std::string_view text) {
   return out;
 }
 
+std::string printable(std::string_view text, size_t max) {
+  // No text becomes shorter, so that what lies far behind the cut need not be looked at.
+  std::string out = printable(text.substr(0, max + 4));
+  if (out.size() <= max) return out;
+  size_t cut = max - 3;
+  while (cut > 0 && (out[cut] & 0xc0) == 0x80) --cut;
+  return out.substr(0, cut) + "...";
+}
+
 }  // namespace platform

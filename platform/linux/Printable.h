@@ -8,5 +8,8 @@ namespace platform {
 /// that are not UTF-8 as \xNN, newline and tab as \n and \t. A backslash stays, so that text made
 /// printable twice is the same.
 std::string printable(std::string_view text);
+/// The same, of at most `max` octets (3 or more): a longer text ends in "...", cut between two
+/// characters.
+std::string printable(std::string_view text, size_t max);
 
 }  // namespace platform

@@ -1,11 +1,14 @@
 #include "agent/Agent.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
 #include <array>
 #include <fstream>
+#include <functional>
+#include <sstream>
 
 #include "World.h"
 #include "platform/linux/Fd.h"
@@ -24,6 +27,15 @@ class Manager {
     a.sun_family = AF_UNIX;
     path.copy(a.sun_path, sizeof a.sun_path - 1);
     EXPECT_EQ(bind(fd_.get(), reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+  }
+  /// Messages of somebody else, until there is room for no more.
+  static void fill(const std::string& path) {
+    const Fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    path.copy(a.sun_path, sizeof a.sun_path - 1);
+    while (sendto(fd.get(), "X", 1, 0, reinterpret_cast<sockaddr*>(&a), sizeof a) == 1) {
+    }
   }
   /// All that came, in order.
   const std::vector<std::string>& all() {
@@ -67,7 +79,12 @@ address = "127.0.0.1"
   const size_t before = support::openFds();
   {
     Agent agent(loop, heard.log, {.configFile = "/run/tarnflow.toml"});
+    Manager::fill("/run/notify");  // a manager that is busy gets everything later, nobody waits
+    alarm(60);
     ASSERT_TRUE(agent.start()) << heard.text;
+    until(
+        *loop, [] { return false; }, 300ms);
+    alarm(0);
     EXPECT_FALSE(manager.has("READY=1"));
     ASSERT_TRUE(until(*loop, [&] { return manager.has("READY=1"); }));
     EXPECT_TRUE(manager.has("STATUS=1 of 1 exporters ready, 1 collectors"));
@@ -112,6 +129,44 @@ TEST(AgentLog, LinesOfBothStyles) {
   EXPECT_EQ(traceLevelFromText("detail"), 5);
   EXPECT_EQ(traceLevelFromText("7"), 7);
   for (const char* bad : {"", "10", "-1", "loud"}) EXPECT_EQ(traceLevelFromText(bad), -1) << bad;
+}
+
+TEST(AgentLog, WaitsForNoReaderOfStandardError) {
+  struct Case {
+    const char* name;
+    std::function<int(int*)> make;
+  };
+  for (const Case& c : {Case{"pipe", [](int* ends) { return pipe2(ends, O_CLOEXEC); }},
+                        Case{"socket", [](int* ends) {
+                               return socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends);
+                             }}}) {
+    int ends[2];
+    ASSERT_EQ(c.make(ends), 0);
+    const Fd reader(ends[0]);
+    Fd writer(ends[1]);
+    const Fd saved(dup(STDERR_FILENO));
+    dup2(writer.get(), STDERR_FILENO);
+    writer.close();
+    alarm(60);  // ends a test that waits
+    {
+      AgentLog log = AgentLog::standard();
+      for (int i = 0; i < 2000; ++i)
+        log.tell(Severity::error, std::string(i % 3 == 0 ? 200000 : 300, 'x'));
+    }
+    alarm(0);
+    const int flags = fcntl(STDERR_FILENO, F_GETFL);
+    dup2(saved.get(), STDERR_FILENO);
+    EXPECT_EQ(flags & O_NONBLOCK, 0) << "other processes share it";
+    std::string got;
+    char piece[65536];
+    for (ssize_t n; (n = read(reader.get(), piece, sizeof piece)) > 0;) got.append(piece, size_t(n));
+    EXPECT_GT(got.size(), 10000u);
+    std::istringstream lines(got);
+    for (std::string line; std::getline(lines, line);) {
+      EXPECT_TRUE(line.ends_with(line.size() < 1000 ? "xxx" : "xxx...")) << c.name;
+      EXPECT_LT(line.size(), AgentLog::lineMax);
+    }
+  }
 }
 
 TEST(AgentLog, HoldsBackWhatComesTooOftenAndSaysHowMuch) {

@@ -1,6 +1,8 @@
 #include "agent/SettingsFile.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -370,13 +372,32 @@ TEST(SettingsFile, DepthIsBounded) {
                   .settings);
 }
 
+TEST(SettingsFile, ManyErrorsAndLongOnesAreBounded) {
+  std::string many = "[tracker.a]\nid = 1\n";
+  for (int i = 0; i < 1000; ++i) many += "k" + std::to_string((i * 7919) % 1000) + " = 1\n";
+  const auto errors = errorsOf(many);
+  ASSERT_EQ(errors.size(), settingsErrorsMax + 1);
+  for (size_t i = 0; i < settingsErrorsMax; ++i)
+    EXPECT_TRUE(errors[i].starts_with("f:" + std::to_string(3 + i) + ":1: key ")) << errors[i];
+  EXPECT_EQ(errors.back(), "and 900 more errors");
+  const std::string key(200000, 'k');
+  for (const std::string& text : {key + " = 1", "[tracker." + key + "]", key + '.' + key + "=1"})
+    for (const std::string& error : errorsOf(text)) EXPECT_LT(error.size(), 1000u) << error;
+}
+
 TEST(SettingsFile, FilesOnDisk) {
   EXPECT_EQ(readSettings("/nonexistent/x\n").errors,
             std::vector<std::string>{"/nonexistent/x\\n: cannot be read: No such file or "
                                      "directory"});
   EXPECT_EQ(readSettings("/tmp").errors,
-            std::vector<std::string>{"/tmp: cannot be read: Is a directory"});
+            std::vector<std::string>{"/tmp: is not a regular file: a configuration is one"});
   const support::TempDir dir;
+  const std::string fifo = dir.path() + "/x.toml";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  ::alarm(60);  // ends a test that waits for somebody to write into it
+  EXPECT_EQ(readSettings(fifo).errors,
+            std::vector<std::string>{fifo + ": is not a regular file: a configuration is one"});
+  ::alarm(0);
   const std::string main = dir.path() + "/main.toml";
   const auto read = [&](const std::string& content) {
     std::ofstream(main, std::ios::binary) << content;
@@ -408,6 +429,8 @@ TEST(Printable, ControlCharactersAndBrokenUtf8) {
   EXPECT_EQ(printable("a\nb\tc\\d\x1b[31m\x7f"), "a\\nb\\tc\\d\\x1b[31m\\x7f");
   EXPECT_EQ(printable("\xc2\x9b[31m"), "\\xc2\\x9b[31m");  // C1: CSI
   EXPECT_EQ(printable("\xff\xc0\xaf\xe2\x82"), "\\xff\\xc0\\xaf\\xe2\\x82");
+  EXPECT_EQ(printable("Zürich", 6), "Zü...");
+  EXPECT_EQ(printable("Züric", 6), "Züric");
   EXPECT_EQ(printable("\xed\xa0\x80\xf4\x90\x80\x80"), "\\xed\\xa0\\x80\\xf4\\x90\\x80\\x80");
 }
 
