@@ -1,7 +1,9 @@
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include <sys/epoll.h>
@@ -12,12 +14,20 @@
 #include "agent/Agent.h"
 #include "agent/Capabilities.h"
 #include "agent/Printable.h"
+#include "platform/linux/Fd.h"
 
 namespace {
 using namespace agent;
 
 constexpr int exitFailure = 1;
 constexpr int exitUsage = 2;
+
+/// An exit status: `status`, or that of wrong usage when standard output did not take everything.
+int written(int status) {
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
+  std::fprintf(stderr, "tarnflowd: cannot write to standard output: %s\n", std::strerror(errno));
+  return exitUsage;
+}
 
 int check(const std::string& fileName, bool effective) {
   const SettingsResult read = readSettings(fileName);
@@ -26,7 +36,7 @@ int check(const std::string& fileName, bool effective) {
   std::printf("%s%s: ok: %s\n", effective ? "# " : "", printable(fileName).c_str(),
               describe(count(*read.settings)).c_str());
   if (effective) std::fputs(settingsText(*read.settings).c_str(), stdout);
-  return 0;
+  return written(0);
 }
 
 /// Every exporter has a socket per family and every namespace one more; the usual soft limit of
@@ -78,6 +88,7 @@ int run(const AgentOptions& options, AgentLog& log) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  platform::fillStandardDescriptors();
   CLI::App app{"tarnflowd: exports flow information over IPFIX (RFC 7011)."};
   AgentOptions options;
   std::string checkFile;
@@ -110,11 +121,11 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    return app.exit(e) == 0 ? 0 : exitUsage;
+    return written(app.exit(e) == 0 ? 0 : exitUsage);
   }
   if (printDefault) {
     std::fputs(std::string(defaultSettingsText()).c_str(), stdout);
-    return 0;
+    return written(0);
   }
   if (!checkFile.empty()) return check(checkFile, effective);
 

@@ -1,11 +1,12 @@
 #include "cli/Check.h"
 
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+
+#include "cli/Output.h"
 
 namespace cli {
 
@@ -22,14 +23,13 @@ int check(const std::string& file) {
   for (const fs::path& program : {own / agent, own.parent_path() / "sbin" / agent}) {
     if (ec) break;
     if (const int err = become(program.string()); err != ENOENT) {
-      fmt::print(stderr, "tarnflow check: cannot run {}: {}\n", program.string(),
-                 std::strerror(err));
+      complain("tarnflow check: cannot run {}: {}\n", program.string(), std::strerror(err));
       return 2;
     }
   }
   const int err = become(agent);
-  fmt::print(stderr, "tarnflow check: {} is neither in {} nor in {} nor in PATH ({})\n", agent,
-             own.string(), (own.parent_path() / "sbin").string(), std::strerror(err));
+  complain("tarnflow check: {} is neither in {} nor in {} nor in PATH ({})\n", agent, own.string(),
+           (own.parent_path() / "sbin").string(), std::strerror(err));
   return 2;
 }
 

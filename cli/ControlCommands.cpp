@@ -1,8 +1,5 @@
 #include "cli/ControlCommands.h"
 
-#include <fmt/format.h>
-
-#include <cstdio>
 #include <functional>
 #include <vector>
 
@@ -10,6 +7,7 @@
 #include "cli/ControlShow.h"
 #include "cli/Counters.h"
 #include "cli/MessagePrinter.h"
+#include "cli/Output.h"
 
 namespace cli {
 namespace {
@@ -82,11 +80,11 @@ struct ControlCommands::Parts {
   int showCollectors(ControlClient& agent) const {
     const Json all = whole(agent, request("collectors"), "collectors");
     if (json) {
-      fmt::print("{}", jsonLine({{"time", utcNow()}, {"collectors", all}}));
+      Output::write(jsonLine({{"time", utcNow()}, {"collectors", all}}));
     } else if (all.empty()) {
-      fmt::print(stderr, "tarnflow: no collector is configured\n");
+      complain("tarnflow: no collector is configured\n");
     } else {
-      fmt::print("{}", collectorsText(all, utcNow(), Style::ofOutput()));
+      Output::write(collectorsText(all, utcNow(), Style::ofOutput()));
     }
     for (const Json& c : all)
       if (c.at("state") != "sending") return exitFault;
@@ -109,40 +107,40 @@ struct ControlCommands::Parts {
       r["name"] = name;
       t["rows"] = whole(agent, r, "rows", limitOr(table.empty() ? rowsShown : 0));
       if (!tracker.empty()) t["records"] = t["rows"].size();
-      if (!json) fmt::print("{}\n", tableText(name, t["records"], t["rows"], style));
+      if (!json)
+        Output::write(fmt::format("{}\n", tableText(name, t["records"], t["rows"], style)));
     }
-    if (json) fmt::print("{}", jsonLine({{"time", utcNow()}, {"tables", list}}));
+    if (json) Output::write(jsonLine({{"time", utcNow()}, {"tables", list}}));
     return 0;
   }
 
   int showTemplates(ControlClient& agent) const {
     const Json all = whole(agent, request("templates"), "templates");
     if (json) {
-      fmt::print("{}", jsonLine({{"time", utcNow()}, {"templates", all}}));
+      Output::write(jsonLine({{"time", utcNow()}, {"templates", all}}));
     } else if (all.empty()) {
-      fmt::print(stderr, "tarnflow: there is no template: no tracker is configured\n");
+      complain("tarnflow: there is no template: no tracker is configured\n");
     } else {
-      fmt::print("{}", templatesText(all, utcNow(), Style::ofOutput()));
+      Output::write(templatesText(all, utcNow(), Style::ofOutput()));
     }
     return all.empty() ? exitFault : 0;
   }
 
   int clearCounters(ControlClient& agent) const {
     agent.ask({{"request", "clearCounters"}});
-    fmt::print("{}",
-               json ? jsonLine({{"cleared", true}}) : "the counters of all collectors are 0\n");
+    Output::write(json ? jsonLine({{"cleared", true}}) : "the counters of all collectors are 0\n");
     return 0;
   }
 
   int resend(ControlClient& agent) const {
     const auto n = agent.ask(request("resend")).at("exporters").get<uint64_t>();
     if (json) {
-      fmt::print("{}", jsonLine({{"exporters", n}}));
+      Output::write(jsonLine({{"exporters", n}}));
     } else if (n > 0) {
-      fmt::print("{} {} templates and tables again\n", n,
-                 n == 1 ? "exporter sends its" : "exporters send their");
+      Output::write(fmt::format("{} {} templates and tables again\n", n,
+                                n == 1 ? "exporter sends its" : "exporters send their"));
     } else {
-      fmt::print(stderr, "tarnflow: nobody is being sent to: see 'tarnflow show collectors'\n");
+      complain("tarnflow: nobody is being sent to: see 'tarnflow show collectors'\n");
     }
     return n > 0 ? 0 : exitFault;
   }
@@ -151,7 +149,7 @@ struct ControlCommands::Parts {
     Json r = {{"request", "logLevel"}};
     if (!level.empty()) r["level"] = level;
     const auto now = agent.ask(r).at("level").get<int>();
-    fmt::print("{}", json ? jsonLine({{"level", now}}) : fmt::format("{}\n", now));
+    Output::write(json ? jsonLine({{"level", now}}) : fmt::format("{}\n", now));
     return 0;
   }
 
@@ -160,10 +158,10 @@ struct ControlCommands::Parts {
     const Style style = Style::ofOutput();
     agent.askAll({{"request", "state"}, {"path", path}}, [&](const Json& answer) {
       Json next = view.take(answer.at("rows"));
-      if (!json) fmt::print("{}", view.takeText(style));
+      if (!json) Output::write(view.takeText(style));
       return next;
     });
-    if (json) fmt::print("{}", jsonLine(view.json()));
+    if (json) Output::write(jsonLine(view.json()));
     return 0;
   }
 
@@ -172,13 +170,18 @@ struct ControlCommands::Parts {
     answer.erase("ok");
     const bool done = answer.at("done").get<bool>();
     if (json) {
-      fmt::print("{}", jsonLine(answer));
+      Output::write(jsonLine(answer));
     } else {
       for (const Json& error : answer.at("errors"))
-        fmt::print(stderr, "{}\n", shown(error.get<std::string>()));
-      fmt::print(done ? stdout : stderr, "{}\n", shown(answer.at("summary").get<std::string>()));
+        complain("{}\n", shown(error.get<std::string>()));
+      const std::string summary = shown(answer.at("summary").get<std::string>()) + '\n';
+      if (done) {
+        Output::write(summary);
+      } else {
+        complainLine(summary);
+      }
       for (const Json& warning : answer.at("warnings"))
-        fmt::print(stderr, "tarnflow: {}\n", shown(warning.get<std::string>()));
+        complain("tarnflow: {}\n", shown(warning.get<std::string>()));
     }
     return done ? 0 : exitFault;
   }
@@ -244,11 +247,11 @@ std::optional<int> ControlCommands::run() {
       ControlClient agent(parts_->socket);
       return command.run(agent);
     } catch (const NoAgent& e) {
-      fmt::print(stderr, "tarnflow: {}\n", e.what());
+      complain("tarnflow: {}\n", e.what());
     } catch (const Refused& e) {
-      fmt::print(stderr, "tarnflow: the agent refuses: {}\n", shown(e.what()));
+      complain("tarnflow: the agent refuses: {}\n", shown(e.what()));
     } catch (const Json::exception& e) {
-      fmt::print(stderr, "tarnflow: the agent's answer is not understood: {}\n", e.what());
+      complain("tarnflow: the agent's answer is not understood: {}\n", e.what());
     }
     return exitFailure;
   }

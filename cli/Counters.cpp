@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include "cli/MessagePrinter.h"
+#include "cli/Output.h"
 #include "cli/Signals.h"
 #include "cli/Table.h"
 #include "cli/decoder/Decoder.h"
@@ -250,15 +251,15 @@ class CounterLooks {
     const RatesByKey rates = before_ ? countersRates(*before_, c) : RatesByKey();
     const RatesByKey* shownRates = options.watch ? &rates : nullptr;
     if (options.json) {
-      fmt::print("{}", jsonLine(countersJson(c, options.name, shownRates)));
+      Output::write(jsonLine(countersJson(c, options.name, shownRates)));
     } else {
-      if (clearScreen) fmt::print("\x1b[H\x1b[2J");
-      std::fflush(stdout);
-      if (!note.empty()) fmt::print(stderr, "tarnflow: {}\n", note);
+      if (clearScreen) Output::write("\x1b[H\x1b[2J");
+      Output::flush();
+      if (!note.empty()) complain("tarnflow: {}\n", note);
       if (c.state == Counters::State::live || c.state == Counters::State::dead)
-        fmt::print("{}", countersText(c, shownRates));
+        Output::write(countersText(c, shownRates));
     }
-    std::fflush(stdout);
+    Output::flush();
     const int status = showable(c) ? 0 : 1;
     before_ = std::move(c);
     return status;
@@ -278,13 +279,13 @@ int showTable(const CountersOptions& options, size_t keyLen, size_t valueLen, co
     const bool screen = !options.json && isatty(STDOUT_FILENO);
     for (;;) {
       const int status = look(*reader, options, screen);
+      if (!Output::flush()) return status;
       pollfd stop{signals.fd(), POLLIN, 0};
       if (poll(&stop, 1, static_cast<int>(std::min(*options.watch, 86400.0) * 1000)) > 0)
         return status;
     }
   } catch (const platform::ErrnoException& e) {
-    fmt::print(stderr, "tarnflow: cannot read the statistics table {}: {}\n", options.name,
-               e.what());
+    complain("tarnflow: cannot read the statistics table {}: {}\n", options.name, e.what());
     return 1;
   }
 }

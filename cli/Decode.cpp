@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-#include <cstdio>
+#include <span>
 #include <stdexcept>
 
 #include "cli/Datagrams.h"
@@ -10,6 +10,7 @@
 #include "cli/Listen.h"
 #include "cli/MessagePrinter.h"
 #include "cli/OptionsTables.h"
+#include "cli/Output.h"
 #include "cli/Style.h"
 #include "platform/linux/CaptureFile.h"
 
@@ -19,13 +20,16 @@ using platform::CaptureFile;
 
 constexpr size_t tableRowsShown = 200;
 
-/// A version and a length as an IPFIX message of this size has them (RFC 7011, 3.1).
-bool looksLikeIpfix(const Datagram& d) {
-  const auto& o = d.octets;
-  return o.size() >= 16 && o[0] == 0 && o[1] == 10 && size_t{o[2]} * 256 + o[3] == o.size();
+/// The octets of the IPFIX message at the start of `o`, by its version and length (RFC 7011, 3.1);
+/// 0: there is none.
+size_t messageLen(std::span<const uint8_t> o) {
+  constexpr size_t headerLen = 16;
+  if (o.size() < headerLen || o[0] != 0 || o[1] != 10) return 0;
+  const size_t len = size_t{o[2]} * 256 + o[3];
+  return len >= headerLen && len <= o.size() ? len : 0;
 }
 
-void warn(const std::string& text) { fmt::print(stderr, "tarnflow decode: {}\n", shown(text)); }
+void warn(const std::string& text) { complain("tarnflow decode: {}\n", shown(text)); }
 
 /// False: something was left out that may have held messages.
 bool tellCounts(const DatagramCounts& counts, const std::string& file) {
@@ -57,27 +61,38 @@ int decode(const DecodeOptions& options) {
   uint64_t messages = 0;
   double first = 0;
   double last = 0;
+  bool written = true;
+  const auto more = [&] { return written && (!options.messages || messages < *options.messages); };
   platform::Packet packet;
-  while ((!options.messages || messages < *options.messages) && file->next(packet)) {
-    const auto d = datagramIn(packet, counts);
-    if (!d || (options.port ? d->destination.port != *options.port : !looksLikeIpfix(*d))) continue;
-    if (messages++ == 0) first = d->time;
-    last = d->time;
-    const auto message =
-        decoder.decode(d->source.stringValue() + " > " + d->destination.stringValue(), d->octets);
-    if (options.tables) {
-      tables.take(*d, message);
-    } else {
-      fmt::print("{}", options.json ? jsonLine(messageJson(*d, message, options.quietData))
-                                    : messageText(*d, message, print));
-    }
+  while (more() && file->next(packet)) {
+    auto d = datagramIn(packet, counts);
+    if (!d || (options.port ? d->destination.port != *options.port : messageLen(d->octets) == 0))
+      continue;
+    const std::string stream = d->source.stringValue() + " > " + d->destination.stringValue();
+    // Captured on the host that sends, a datagram may be several: the kernel, or the device, cuts
+    // it up later (UDP segmentation offload). What follows a message and is none is malformed.
+    auto rest = d->octets;
+    do {
+      const size_t len = messageLen(rest);
+      d->octets = len > 0 ? rest.first(len) : rest;
+      rest = rest.subspan(d->octets.size());
+      if (messages++ == 0) first = d->time;
+      last = d->time;
+      const auto message = decoder.decode(stream, d->octets);
+      if (options.tables) {
+        tables.take(*d, message);
+      } else {
+        written = Output::write(options.json ? jsonLine(messageJson(*d, message, options.quietData))
+                                             : messageText(*d, message, print));
+      }
+    } while (!rest.empty() && more());
   }
   if (options.tables)
-    fmt::print("{}", options.json ? jsonLine(tables.json(decoder, last))
-                                  : tables.text(decoder, last, tableRowsShown));
+    Output::write(options.json ? jsonLine(tables.json(decoder, last))
+                               : tables.text(decoder, last, tableRowsShown));
   const Summary summary{last - first, 0, decoder};
-  fmt::print("{}", options.json ? jsonLine(summaryJson(summary)) : summaryText(summary));
-  std::fflush(stdout);
+  Output::write(options.json ? jsonLine(summaryJson(summary)) : summaryText(summary));
+  Output::flush();
 
   bool good = tellCounts(counts, options.file) && flawless(decoder);
   for (const std::string& warning : file->warnings()) warn(warning);

@@ -3,9 +3,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstdio>
 
 #include "cli/MessagePrinter.h"
+#include "cli/Output.h"
 #include "cli/Table.h"
 
 namespace cli {
@@ -24,17 +24,17 @@ int look(platform::ShmTableReader& reader, const CountersOptions& options, bool 
   if (note.empty() && records.empty())
     note = "no tracker looks at packets: give one of type \"software\" its interfaces";
   if (options.json) {
-    fmt::print("{}", jsonLine({{"name", options.name},
-                               {"state", stateName(snapshot.state)},
-                               {"time", utcNow()},
-                               {"trackers", flowsJson(records)}}));
+    Output::write(jsonLine({{"name", options.name},
+                            {"state", stateName(snapshot.state)},
+                            {"time", utcNow()},
+                            {"trackers", flowsJson(records)}}));
   } else {
-    if (clearScreen) fmt::print("\x1b[H\x1b[2J");
-    std::fflush(stdout);
-    if (!note.empty()) fmt::print(stderr, "tarnflow: {}\n", note);
-    fmt::print("{}", flowsText(records));
+    if (clearScreen) Output::write("\x1b[H\x1b[2J");
+    Output::flush();
+    if (!note.empty()) complain("tarnflow: {}\n", note);
+    Output::write(flowsText(records));
   }
-  std::fflush(stdout);
+  Output::flush();
   return live && !records.empty() ? 0 : 1;
 }
 }  // namespace

@@ -7,14 +7,13 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
-#include <cstring>
 #include <stdexcept>
 #include <utility>
 
 #include "cli/Elements.h"
 #include "cli/MessagePrinter.h"
 #include "cli/OptionsTables.h"
+#include "cli/Output.h"
 #include "cli/Signals.h"
 #include "cli/Style.h"
 
@@ -34,12 +33,7 @@ class Listener {
       UdpReceiver receiver(options_.addresses, options_.port);
       receive(receiver, signals);
     } catch (const std::runtime_error& e) {
-      fmt::print(stderr, "tarnflow listen: {}\n", e.what());
-      return 2;
-    }
-    if (!written_) {
-      fmt::print(stderr, "tarnflow listen: cannot write to standard output: {}\n",
-                 std::strerror(errno));
+      complain("tarnflow listen: {}\n", e.what());
       return 2;
     }
     return flawless(decoder_) ? 0 : 1;
@@ -135,8 +129,7 @@ class Listener {
 
   /// At once, also into a pipe.
   void write(const std::string& text) {
-    written_ = written_ && std::fwrite(text.data(), 1, text.size(), stdout) == text.size() &&
-               std::fflush(stdout) == 0;
+    written_ = written_ && Output::write(text) && Output::flush();
   }
 
   static constexpr std::chrono::milliseconds tablesQuiet{300};

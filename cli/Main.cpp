@@ -7,9 +7,12 @@
 #include "cli/Flows.h"
 #include "cli/Listen.h"
 #include "cli/Metrics.h"
+#include "cli/Output.h"
 #include "cli/ToolPlatform.h"
+#include "platform/linux/Fd.h"
 
 int main(int argc, char** argv) {
+  platform::fillStandardDescriptors();
   cli::ToolPlatform host;
   platform::Platform::install(&host);
 
@@ -17,7 +20,9 @@ int main(int argc, char** argv) {
                "tarnflow"};
   app.set_version_flag("--version", "tarnflow " TARN_VERSION);
   app.require_subcommand(1);
-  app.footer("Exit status: 0 all is well, 1 what was asked shows a fault, 2 wrong usage.");
+  app.footer(
+      "Exit status: 0 all is well, 1 what was asked shows a fault, 2 wrong usage, or the output "
+      "could not be written.");
 
   const CLI::Validator positive(
       [](const std::string& text) {
@@ -128,7 +133,7 @@ int main(int argc, char** argv) {
       ->add_option("--port", decode.port,
                    "Only what goes to this UDP port, IPFIX or not [what looks like IPFIX]")
       ->type_name("PORT");
-  decodeCmd->add_option("--messages", decode.messages, "End after N datagrams")
+  decodeCmd->add_option("--messages", decode.messages, "End after N messages")
       ->type_name("N")
       ->check(positive);
   decodeCmd->add_flag("--json", decode.json, "One JSON object per line, as listen has them");
@@ -147,16 +152,19 @@ int main(int argc, char** argv) {
       "Exit status: 0 valid; 1 not, with file:line:column of every error; 2 when tarnflowd "
       "is not installed.");
 
+  const auto command = [&] {
+    if (*listenCmd) return cli::listen(listen);
+    if (*countersCmd) return cli::showCounters(counters);
+    if (*flowsCmd) return cli::showFlows(counters);
+    if (*metricsCmd) return cli::metrics(metrics);
+    if (*decodeCmd) return cli::decode(decode);
+    if (const auto status = control.run()) return *status;
+    return cli::check(file);
+  };
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    return app.exit(e) == 0 ? 0 : 2;
+    return cli::Output::status(app.exit(e) == 0 ? 0 : 2);
   }
-  if (*listenCmd) return cli::listen(listen);
-  if (*countersCmd) return cli::showCounters(counters);
-  if (*flowsCmd) return cli::showFlows(counters);
-  if (*metricsCmd) return cli::metrics(metrics);
-  if (*decodeCmd) return cli::decode(decode);
-  if (const auto status = control.run()) return *status;
-  return cli::check(file);
+  return cli::Output::status(command());
 }

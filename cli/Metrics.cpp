@@ -16,6 +16,7 @@
 #include <map>
 #include <memory>
 
+#include "cli/Output.h"
 #include "cli/Signals.h"
 #include "cli/decoder/Decoder.h"
 #include "platform/UdpPam.h"
@@ -415,7 +416,7 @@ class Server {
 int serve(const MetricsOptions& options, Source& source) {
   Listen listen;
   if (const std::string error = parseListen(options.listen, listen); !error.empty()) {
-    fmt::print(stderr, "tarnflow: --listen: {}\n", error);
+    complain("tarnflow: --listen: {}\n", error);
     return 1;
   }
   const StopSignals signals;
@@ -424,12 +425,12 @@ int serve(const MetricsOptions& options, Source& source) {
   try {
     server = std::make_unique<Server>(source, listen);
   } catch (const platform::ErrnoException& e) {
-    fmt::print(stderr, "tarnflow: {} for HTTP: {}\n", options.listen, e.what());
+    complain("tarnflow: {} for HTTP: {}\n", options.listen, e.what());
     return 1;
   }
-  fmt::print("serving http://{}:{}/metrics\n", options.listen.substr(0, options.listen.rfind(':')),
-             server->port());
-  std::fflush(stdout);
+  Output::write(fmt::format("serving http://{}:{}/metrics\n",
+                            options.listen.substr(0, options.listen.rfind(':')), server->port()));
+  Output::flush();
   server->run(signals.fd());
   return 0;
 }
@@ -465,7 +466,7 @@ int writeFiles(const MetricsOptions& options, Source& source) {
       error = e.what();
     }
     // A disk that is full now may have room later.
-    if (error != said && !error.empty()) fmt::print(stderr, "tarnflow: {}\n", error);
+    if (error != said && !error.empty()) complain("tarnflow: {}\n", error);
     said = error;
     if (!options.interval) return error.empty() ? 0 : 1;
     pollfd stop{signals.fd(), POLLIN, 0};

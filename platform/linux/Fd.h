@@ -1,4 +1,5 @@
 #pragma once
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <utility>
@@ -26,5 +27,15 @@ class Fd {
  private:
   int fd_ = -1;
 };
+
+/// Leads standard descriptors that are closed to /dev/null: the first file or socket that is opened
+/// would take their place, and get what is meant for standard output or the log.
+inline void fillStandardDescriptors() {
+  int fd = 0;
+  do {
+    fd = ::open("/dev/null", O_RDONLY);  // not to be written to: output that is lost is an error
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd >= 0) ::close(fd);
+}
 
 }  // namespace platform

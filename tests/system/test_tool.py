@@ -293,6 +293,15 @@ def test_decode(lab):
     assert [x["sequenceState"] for x in lines[:3]] == ["first", "back", "first"]
     assert lines[0]["dscp"] == 46 and lines[2]["sourceAddress"] == "::1" and lines[2]["dscp"] == 46
     assert decode(frame(good))[0] == 0
+    # Captured before a segmented send was cut up: several messages in one datagram.
+    after = message([(300, b"\n\1\1\2")], sequence=1, export_time=1800000000)
+    for junk, status in ((b"", 0), (b"junk", 1)):
+        code, text, _ = decode(frame(good + after + junk), argv=["--json"])
+        lines = [json.loads(x) for x in text.splitlines()]
+        assert code == status, text
+        assert [s["records"] for x in lines[:2] for s in x["sets"] if "records" in s] == [
+            [{"sourceIPv4Address": "10.1.1.1"}], [{"sourceIPv4Address": "10.1.1.2"}]], text
+        assert len(lines) == 3 + bool(junk) and (not junk or lines[2]["error"]), text
     code, text, error = decode(frame(other), argv=["--port", "4739"])
     assert code == 1 and "!!" in text
     for frames, says in (((frame(other),), "no IPFIX among 1 packets"),
@@ -306,6 +315,31 @@ def test_decode(lab):
     code, _, error = tool("decode", file, check=False)
     assert code == 2 and str(file) in error
     assert tool("decode", "/nope", check=False)[0] == 2
+
+
+def test_output_that_cannot_be_written(lab, far):
+    """Standard output full or closed: no crash, status 2, and nothing lands in another file."""
+    agent = Agent(lab, config(edge()))
+    wait_for("it sends", lambda: states()["a"]["state"] == "sending")
+    file = lab.path("x.pcap")
+    file.write_bytes(pcap([]))
+    commands = [(TOOL, *x) for x in (
+        ("--help",), ("show", "collectors"), ("show", "collectors", "--json"), ("show", "counters"),
+        ("show", "counters", "--watch", "0.1"), ("show", "flows", "--json"), ("show", "tables"),
+        ("show", "templates"), ("show", "state"), ("log-level",), ("reload",), ("resend",),
+        ("clear", "counters"), ("decode", file), ("check", agent.file), ("listen", "--port", "0"))]
+    commands += [(AGENT, "--version"), (AGENT, "--check", agent.file),
+                 (AGENT, "--print-default-config")]
+    for argv in commands:
+        for to in (">/dev/full", ">&-"):
+            done = subprocess.run(["sh", "-c", f'exec "$@" {to}', "sh", *map(str, argv)], timeout=20,
+                                  stderr=subprocess.PIPE, text=True)
+            assert done.returncode == 2, (argv, to, done)
+            assert "cannot write to standard output: " in done.stderr, (argv, to, done)
+    # The same for standard error, whose loss is no fault.
+    for to in ("2>/dev/full", "2>&-"):
+        assert subprocess.run(["sh", "-c", f"exec {TOOL} decode /nope {to}"]).returncode == 2
+    assert agent.stop() == 0
 
 
 def test_log_goes_to_the_journal_with_fields(lab, far):
