@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -90,7 +91,12 @@ SettingsResult readSettings(const std::string& fileName) {
     if (const std::string why = readText(name, file.toml); !why.empty())
       result.errors.push_back(printable(name) + ": " + why);
   }
-  return result.errors.empty() ? parseSettings(files) : result;
+  if (result.errors.empty()) result = parseSettings(files);
+  files.clear();
+#ifdef __GLIBC__
+  ::malloc_trim(0);  // a large file's tree takes 20 times its size, which would stay the agent's
+#endif
+  return result;
 }
 
 std::string settingsText(const Settings& settings) {

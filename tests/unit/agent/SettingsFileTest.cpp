@@ -403,6 +403,19 @@ TEST(SettingsFile, FilesOnDisk) {
     std::ofstream(main, std::ios::binary) << content;
     return readSettings(main);
   };
+#if !defined(__SANITIZE_ADDRESS__)
+  std::string many;
+  for (int i = 0; i < 300000; ++i) many += "k" + std::to_string(i) + " = 1\n";
+  const auto resident = [] {  // pages
+    size_t all = 0;
+    size_t now = 0;
+    std::ifstream("/proc/self/statm") >> all >> now;
+    return now;
+  };
+  const size_t before = resident();
+  EXPECT_EQ(read(many).errors.size(), settingsErrorsMax + 1);
+  EXPECT_LT(resident(), before + 3000) << "what it took is given back";
+#endif
   EXPECT_TRUE(read("\xef\xbb\xbf[tracker.a]\r\nid = 1\r\n").settings);
   EXPECT_EQ(read("").settings->trackers.size(), 0u);
   EXPECT_EQ(
@@ -428,6 +441,8 @@ TEST(Printable, ControlCharactersAndBrokenUtf8) {
   EXPECT_EQ(printable("Zürich 日本 €"), "Zürich 日本 €");
   EXPECT_EQ(printable("a\nb\tc\\d\x1b[31m\x7f"), "a\\nb\\tc\\d\\x1b[31m\\x7f");
   EXPECT_EQ(printable("\xc2\x9b[31m"), "\\xc2\\x9b[31m");  // C1: CSI
+  EXPECT_EQ(printable("red\u202ederB\u2066\u200b"),
+            "red\\xe2\\x80\\xaederB\\xe2\\x81\\xa6\\xe2\\x80\\x8b");
   EXPECT_EQ(printable("\xff\xc0\xaf\xe2\x82"), "\\xff\\xc0\\xaf\\xe2\\x82");
   EXPECT_EQ(printable("Zürich", 6), "Zü...");
   EXPECT_EQ(printable("Züric", 6), "Züric");
