@@ -30,7 +30,7 @@ struct Header {
   uint64_t generation;
   uint64_t state;
   uint64_t writerPid;
-  uint64_t writerStart;  // clock ticks since boot, /proc/<pid>/stat field 22
+  uint64_t writerStart;  // as `processStart` has it
   uint64_t createdNs;    // UTC
   uint64_t keyLen;
   uint64_t valueLen;
@@ -101,8 +101,13 @@ inline uint64_t hashOf(std::span<const std::byte> key) {
 /// "/dev/shm" + name, once the name is found to be "/x" without a further slash; throws EINVAL.
 std::string pathOf(const std::string& name);
 
-/// Start of a process in clock ticks since boot; 0: no such process (any more), a zombie included.
-/// `hidden`: it is there, but this user may not look at it.
+/// Start of a process in clock ticks since the machine's boot, whatever time namespace this process
+/// is in; 0: no such process (any more), a zombie included. `hidden`: it is there, but this user
+/// may not look at it.
 uint64_t processStart(uint64_t pid, bool& hidden);
+/// Two of those are of one process. Time namespaces make them inexact by a tick.
+inline bool sameStart(uint64_t a, uint64_t b) {
+  return a != 0 && b != 0 && (a > b ? a - b : b - a) <= 1;
+}
 
 }  // namespace platform::shm

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -12,10 +11,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 
 #include "platform/Assert.h"
 #include "platform/linux/Fd.h"
 #include "platform/linux/ShmLayout.h"
+#include "platform/linux/ShmMapping.h"
 
 namespace platform {
 namespace shm {
@@ -28,6 +29,23 @@ std::string pathOf(const std::string& name) {
                                      ": must be '/' and 1 to 199 characters without '/'");
   return "/dev/shm" + name;
 }
+
+namespace {
+/// Clock ticks that this process's time namespace adds to what /proc says of the time since boot.
+int64_t bootOffset() {
+  const Fd fd(::open("/proc/self/timens_offsets", O_RDONLY | O_CLOEXEC));
+  char buf[256];
+  const ssize_t n = fd ? ::read(fd.get(), buf, sizeof buf - 1) : -1;
+  if (n <= 0) return 0;  // a kernel without time namespaces
+  buf[n] = '\0';
+  const char* p = ::strstr(buf, "boottime");
+  long long s = 0;
+  long long ns = 0;
+  if (!p || std::sscanf(p, "boottime %lld %lld", &s, &ns) != 2) return 0;
+  const long long ticks = ::sysconf(_SC_CLK_TCK);
+  return s * ticks + ns * ticks / 1000000000;
+}
+}  // namespace
 
 uint64_t processStart(uint64_t pid, bool& hidden) {
   hidden = false;
@@ -45,7 +63,7 @@ uint64_t processStart(uint64_t pid, bool& hidden) {
   if (!p || p[1] != ' ' || p[2] == 'Z' || p[2] == 'X') return 0;
   ++p;
   for (int field = 3; field < 22 && p; ++field) p = ::strchr(p + 1, ' ');
-  return p ? ::strtoull(p + 1, nullptr, 10) : 0;
+  return p ? ::strtoull(p + 1, nullptr, 10) - static_cast<uint64_t>(bootOffset()) : 0;
 }
 
 }  // namespace shm
@@ -54,18 +72,34 @@ namespace {
 
 using shm::Header;
 
+/// About a file that is in the way: whose it is, and what to do.
+ErrnoException inTheWay(int err, const std::string& path, const std::string& what = {}) {
+  struct stat st {};
+  const std::string owner =
+      ::lstat(path.c_str(), &st) == 0 ? "owned by user " + std::to_string(st.st_uid) : "gone now";
+  return {err, path + ": " + what + owner + "; remove it (rm " + path + ") or choose another name"};
+}
+
 /// One writer per name: a lock that the kernel drops when its holder dies, on a file of its own
 /// that only the writer's user can open. (On the segment, any reader could hold it.)
 class WriterLock {
  public:
   explicit WriterLock(const std::string& path);
   ~WriterLock() {
-    if (fd_) ::unlink(path_.c_str());  // while it is locked: a successor notices and makes another
+    if (held()) ::unlink(path_.c_str());  // while it is locked: a successor notices
   }
   WriterLock(const WriterLock&) = delete;
   WriterLock& operator=(const WriterLock&) = delete;
+  /// The file is still the one that is locked.
+  bool held() const { return fd_ && isNamed(fd_.get()); }
 
  private:
+  bool isNamed(int fd) const {
+    struct stat locked {};
+    struct stat named {};
+    return ::fstat(fd, &locked) == 0 && ::lstat(path_.c_str(), &named) == 0 &&
+           locked.st_ino == named.st_ino && locked.st_dev == named.st_dev;
+  }
   const std::string path_;
   Fd fd_;
 };
@@ -74,10 +108,11 @@ WriterLock::WriterLock(const std::string& path) : path_(path) {
   for (;;) {
     Fd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
     struct stat st {};
+    if (!fd && (errno == EACCES || errno == ELOOP)) throw inTheWay(errno, path);
     if (!fd || ::fstat(fd.get(), &st) != 0) throw ErrnoException(errno, path);
-    // The directory is everybody's: what is cut to a few octets below must be nothing else.
+    // The directory may be everybody's: what is cut to a few octets below must be nothing else.
     if (!S_ISREG(st.st_mode) || st.st_nlink > 1)
-      throw ErrnoException(EACCES, path + ": not a plain file with one name");
+      throw inTheWay(EACCES, path, "not a plain file with one name, ");
     if (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
       const int err = errno;
       char pid[24] = {};
@@ -85,9 +120,7 @@ WriterLock::WriterLock(const std::string& path) : path_(path) {
       if (err != EWOULDBLOCK) throw ErrnoException(err, path);
       throw ErrnoException(EBUSY, path + ": in use by process " + (n > 0 ? pid : "(starting)"));
     }
-    struct stat now {};
-    if (::stat(path.c_str(), &now) != 0 || now.st_ino != st.st_ino || now.st_dev != st.st_dev)
-      continue;  // its holder was just leaving
+    if (!isNamed(fd.get())) continue;  // its holder was just leaving
     const std::string pid = std::to_string(::getpid());
     if (::ftruncate(fd.get(), 0) != 0 ||
         ::pwrite(fd.get(), pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size()))
@@ -99,8 +132,9 @@ WriterLock::WriterLock(const std::string& path) : path_(path) {
 
 class ShmTable final : public SharedTable {
  public:
-  ShmTable(const std::string& name, const shm::Shape& shape);
+  ShmTable(const std::string& name, const shm::Shape& shape, const std::string& lockDir);
   ~ShmTable() override;
+  std::string restore();
 
   size_t keyLen() const override { return shape_.keyLen; }
   size_t valueLen() const override { return shape_.valueLen; }
@@ -118,7 +152,8 @@ class ShmTable final : public SharedTable {
     bool found;
   };
 
-  void create(const std::string& path);
+  void create();
+  void build(const std::string& path, int fd, uint64_t generation);
   Place find(Octets key, uint64_t tag) const;
   bool hasKey(const uint8_t* slot, Octets key) const {
     return std::memcmp(keyOf(slot).data(), key.data(), key.size()) == 0;
@@ -149,9 +184,14 @@ class ShmTable final : public SharedTable {
 
   const shm::Shape shape_;
   const std::string path_;
-  WriterLock lock_;
-  uint8_t* base_ = nullptr;
+  const std::string lockPath_;
+  std::unique_ptr<WriterLock> lock_;
+  shm::Mapping map_;
+  uint8_t* base_ = nullptr;  // of `map_`
+  dev_t dev_ = 0;
   ino_t inode_ = 0;
+  uint64_t generation_ = 0;
+  uint64_t created_ = 0;  // UTC, nanoseconds
   size_t used_ = 0;
   mutable uint8_t* last_ = nullptr;  // slot
 };
@@ -195,56 +235,73 @@ void storeOctets(uint8_t* to, SharedTable::Octets octets) {
   wordIs(to + i, w);
 }
 
-ShmTable::ShmTable(const std::string& name, const shm::Shape& shape)
-    : shape_(shape), path_(shm::pathOf(name)), lock_(path_ + ".lock") {
-  // Built under another name and then put in place: no reader sees half of it.
-  const std::string path = path_ + ".new";
+ShmTable::ShmTable(const std::string& name, const shm::Shape& shape, const std::string& lockDir)
+    : shape_(shape),
+      path_(shm::pathOf(name)),
+      lockPath_(lockDir + name + ".lock"),
+      lock_(std::make_unique<WriterLock>(lockPath_)) {
+  create();
+}
+
+/// The generation of the table that has the name now, 0 when there is none. Throws when it may not
+/// be replaced.
+uint64_t generationOf(const std::string& path) {
+  const Fd old(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  if (!old && errno == ENOENT) return 0;
+  Header h{};
+  if (!old || ::pread(old.get(), &h, sizeof h, 0) != static_cast<ssize_t>(sizeof h) ||
+      std::memcmp(h.magic, shm::magic, sizeof h.magic) != 0)
+    throw inTheWay(old ? EEXIST : errno, path, "no table of ours, ");
+  // Its writer may have its lock in another directory.
+  bool hidden = false;
+  const uint64_t start = shm::processStart(h.writerPid, hidden);
+  if (h.state == shm::live && (hidden || shm::sameStart(start, h.writerStart)))
+    throw ErrnoException(EBUSY, path + ": in use by process " + std::to_string(h.writerPid));
+  return h.generation;
+}
+
+/// Builds the segment under another name and then puts it in place: no reader sees half of it.
+void ShmTable::create() {
+  const uint64_t old = generationOf(path_);
+  std::string path = path_ + ".new";
   ::unlink(path.c_str());  // of a writer that died here
+  Fd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+  if (!fd && errno == EEXIST) {
+    path += "-XXXXXX";  // another user's: the name can be foreseen
+    fd = Fd(::mkostemp(path.data(), O_CLOEXEC));
+  }
+  if (!fd) throw ErrnoException(errno, path);
   try {
-    create(path);
+    build(path, fd.get(), old + 1);
   } catch (...) {
-    if (base_) ::munmap(base_, shape_.segmentLen);
     ::unlink(path.c_str());
     throw;
   }
 }
 
-void ShmTable::create(const std::string& path) {
+void ShmTable::build(const std::string& path, int fd, uint64_t generation) {
+  // All of it now: a file system that is full later would end the process at a store.
+  if (const int err = ::posix_fallocate(fd, 0, static_cast<off_t>(shape_.segmentLen)))
+    throw ErrnoException(err, path + ": " + std::to_string(shape_.segmentLen) + " octets");
+  shm::Mapping map(fd, shape_.segmentLen, true);
+  const size_t slotsLen = shape_.segmentLen - sizeof(Header);
+  if (base_) std::memcpy(map.base() + sizeof(Header), base_ + sizeof(Header), slotsLen);
+  if (map_.lost()) std::memset(map.base() + sizeof(Header), 0, slotsLen);
+
   timespec t{};
   ::clock_gettime(CLOCK_REALTIME, &t);
-  const uint64_t createdNs =
+  const uint64_t now =
       static_cast<uint64_t>(t.tv_sec) * 1000000000 + static_cast<uint64_t>(t.tv_nsec);
-  uint64_t generation = createdNs;
-  const Fd old(::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-  if (old) {
-    Header h{};
-    if (::pread(old.get(), &h, sizeof h, 0) != static_cast<ssize_t>(sizeof h) ||
-        std::memcmp(h.magic, shm::magic, sizeof h.magic) != 0)
-      throw ErrnoException(EEXIST, path_ + ": is something else; remove it or choose another name");
-    generation = std::max(generation, h.generation + 1);
-  } else if (errno != ENOENT) {
-    throw ErrnoException(errno, path_);
-  }
-
-  const Fd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
-  if (!fd) throw ErrnoException(errno, path);
-  // All of it now: a file system that is full later would end the process at a store.
-  if (const int err = ::posix_fallocate(fd.get(), 0, static_cast<off_t>(shape_.segmentLen)))
-    throw ErrnoException(err, path + ": " + std::to_string(shape_.segmentLen) + " octets");
-  void* base = ::mmap(nullptr, shape_.segmentLen, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
-  if (base == MAP_FAILED) throw ErrnoException(errno, path);
-  base_ = static_cast<uint8_t*>(base);
-
   bool hidden = false;
   Header h{};
   std::memcpy(h.magic, shm::magic, sizeof h.magic);
   h.layoutVersion = shm::layoutVersion;
   h.byteOrderMark = shm::byteOrderMark;
-  h.generation = generation;
+  h.generation = generation_ = std::max({now, generation, generation_ + 1});
   h.state = shm::live;
   h.writerPid = static_cast<uint64_t>(::getpid());
   h.writerStart = shm::processStart(h.writerPid, hidden);
-  h.createdNs = createdNs;
+  h.createdNs = created_ = created_ == 0 || map_.lost() ? now : created_;
   h.keyLen = shape_.keyLen;
   h.valueLen = shape_.valueLen;
   h.capacity = shape_.capacity;
@@ -252,20 +309,39 @@ void ShmTable::create(const std::string& path) {
   h.slotLen = shape_.slotLen;
   h.slotsOffset = sizeof(Header);
   h.segmentLen = shape_.segmentLen;
-  std::memcpy(base_, &h, sizeof h);
+  h.used = used_ = map_.lost() ? 0 : used_;
+  std::memcpy(map.base(), &h, sizeof h);
 
   struct stat st {};
-  if (::fchmod(fd.get(), 0644) != 0 || ::fstat(fd.get(), &st) != 0 ||
-      ::rename(path.c_str(), path_.c_str()) != 0)
-    throw ErrnoException(errno, path_);
+  if (::fchmod(fd, 0644) != 0 || ::fstat(fd, &st) != 0) throw ErrnoException(errno, path);
+  if (::rename(path.c_str(), path_.c_str()) != 0) throw inTheWay(errno, path_);
+  dev_ = st.st_dev;
   inode_ = st.st_ino;
+  map_ = std::move(map);
+  base_ = map_.base();
+  last_ = nullptr;
+}
+
+std::string ShmTable::restore() {
+  std::string wrong;
+  if (!lock_->held()) {
+    lock_ = std::make_unique<WriterLock>(lockPath_);
+    wrong = lockPath_ + " was removed";
+  }
+  struct stat st {};
+  const bool there = ::lstat(path_.c_str(), &st) == 0;
+  const bool ours = there && st.st_dev == dev_ && st.st_ino == inode_;
+  if (ours && !map_.lost() && static_cast<uint64_t>(st.st_size) == shape_.segmentLen) return wrong;
+  if (ours) ::unlink(path_.c_str());  // readers may have mapped what is left of it
+  create();
+  return path_ + (!there ? " was removed" : ours ? " was truncated" : " was replaced");
 }
 
 ShmTable::~ShmTable() {
   wordIs(base_ + offsetof(Header, state), shm::closed);
   struct stat st {};
-  if (::stat(path_.c_str(), &st) == 0 && st.st_ino == inode_) ::unlink(path_.c_str());
-  ::munmap(base_, shape_.segmentLen);
+  if (::lstat(path_.c_str(), &st) == 0 && st.st_dev == dev_ && st.st_ino == inode_)
+    ::unlink(path_.c_str());
 }
 
 ShmTable::Place ShmTable::find(Octets key, uint64_t tag) const {
@@ -360,13 +436,15 @@ void ShmTable::each(const std::function<void(Octets, Octets)>& visit) const {
 }  // namespace
 
 Ptr<SharedTable> shmTableFactory(const std::string& name, size_t keyLen, size_t valueLen,
-                                 size_t capacity) {
+                                 size_t capacity, const std::string& lockDir) {
   shm::Shape shape;
   if (!shm::Shape::of(keyLen, valueLen, capacity, shape))
     throw ErrnoException(
         EINVAL, "shared memory " + name +
                     ": lengths and capacity must be from 1 to 16777216, and all of it below 4 GiB");
-  return Ptr<SharedTable>::adopt(new ShmTable(name, shape));
+  return Ptr<SharedTable>::adopt(new ShmTable(name, shape, lockDir));
 }
+
+std::string shmTableRestore(SharedTable& table) { return static_cast<ShmTable&>(table).restore(); }
 
 }  // namespace platform

@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <time.h>
 
@@ -10,6 +9,7 @@
 #include "platform/Assert.h"
 #include "platform/linux/Fd.h"
 #include "platform/linux/ShmLayout.h"
+#include "platform/linux/ShmMapping.h"
 #include "platform/linux/ShmTable.h"
 
 namespace platform {
@@ -50,7 +50,6 @@ class ShmTableReaderImpl final : public ShmTableReader {
  public:
   ShmTableReaderImpl(const std::string& name, size_t keyLen, size_t valueLen)
       : path_(shm::pathOf(name)), keyLen_(keyLen), valueLen_(valueLen) {}
-  ~ShmTableReaderImpl() override { unmap(); }
 
   Snapshot snapshot() override;
   bool get(SharedTable::Octets key, std::vector<std::byte>& value) override;
@@ -77,7 +76,8 @@ class ShmTableReaderImpl final : public ShmTableReader {
   const std::string path_;
   const size_t keyLen_;
   const size_t valueLen_;
-  const uint8_t* base_ = nullptr;
+  shm::Mapping map_;
+  const uint8_t* base_ = nullptr;  // of `map_`
   dev_t dev_ = 0;
   ino_t inode_ = 0;
   // Checked once; the header in the segment is not believed again.
@@ -97,7 +97,7 @@ ShmTableReader::Snapshot::State ShmTableReaderImpl::refresh() {
   // The mapping keeps its inode alive, so no other file can have the number. A size that changed
   // means that somebody meddles with the segment; beyond its end a load would be fatal.
   if (base_ && st.st_dev == dev_ && st.st_ino == inode_ &&
-      static_cast<uint64_t>(st.st_size) == shape_.segmentLen)
+      static_cast<uint64_t>(st.st_size) == shape_.segmentLen && !map_.lost())
     return State::live;
   unmap();
   if (!S_ISREG(st.st_mode)) return State::foreign;
@@ -122,9 +122,8 @@ ShmTableReader::Snapshot::State ShmTableReaderImpl::map(int fd, const struct sta
       h.slotLen != shape.slotLen || h.slotsOffset != sizeof(Header) ||
       h.segmentLen != shape.segmentLen || static_cast<uint64_t>(st.st_size) != shape.segmentLen)
     return State::foreign;
-  void* base = ::mmap(nullptr, shape.segmentLen, PROT_READ, MAP_SHARED, fd, 0);
-  if (base == MAP_FAILED) throw ErrnoException(errno, path_);
-  base_ = static_cast<const uint8_t*>(base);
+  map_ = shm::Mapping(fd, shape.segmentLen, false);
+  base_ = map_.base();
   dev_ = st.st_dev;
   inode_ = st.st_ino;
   header_ = h;
@@ -133,7 +132,7 @@ ShmTableReader::Snapshot::State ShmTableReaderImpl::map(int fd, const struct sta
 }
 
 void ShmTableReaderImpl::unmap() {
-  if (base_) ::munmap(const_cast<uint8_t*>(base_), shape_.segmentLen);
+  map_ = {};
   base_ = nullptr;
 }
 
@@ -141,7 +140,7 @@ ShmTableReader::Snapshot::State ShmTableReaderImpl::writerState() const {
   if (headerWord(offsetof(Header, state)) != shm::live) return State::closed;
   bool hidden = false;
   const uint64_t start = shm::processStart(header_.writerPid, hidden);
-  return hidden || (start != 0 && start == header_.writerStart) ? State::live : State::dead;
+  return hidden || shm::sameStart(start, header_.writerStart) ? State::live : State::dead;
 }
 
 /// Copies a record out when its tag is the wanted one (0: any). What is copied while the writer is
@@ -227,8 +226,8 @@ ShmTableReader::Snapshot ShmTableReaderImpl::snapshot() {
   }
   if (!still) dropRepeated(out.records);
   out.retries = patience.retries();
-  out.state = writerState();
-  if (out.state == State::closed) out.records.clear();
+  out.state = map_.lost() ? State::foreign : writerState();
+  if (out.state == State::closed || out.state == State::foreign) out.records.clear();
   return out;
 }
 
@@ -246,7 +245,7 @@ bool ShmTableReaderImpl::get(SharedTable::Octets key, std::vector<std::byte>& va
       if (r == Read::empty) break;
       if (r != Read::record || !std::ranges::equal(record.key, key)) continue;
       value = std::move(record.value);
-      return true;
+      return !map_.lost();
     }
     if (before == deletions() && before % 2 == 0) return false;
     patience.nextRecord();

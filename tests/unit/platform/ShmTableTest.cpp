@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -18,6 +19,7 @@
 
 #include "platform/UdpPam.h"
 #include "platform/linux/Fd.h"
+#include "platform/linux/ShmMapping.h"
 #include "platform/linux/ShmTable.h"
 #include "tests/support/Net.h"
 
@@ -194,6 +196,127 @@ TEST_F(ShmTable, WriterSparesWhatIsNotOurs) {
   EXPECT_THROW(shmTableFactory(name, SIZE_MAX, SIZE_MAX, SIZE_MAX), ErrnoException);
 }
 
+// Root removes, truncates or replaces the files of a living writer: it lives on, and so do readers.
+TEST_F(ShmTable, IsMadeAgainWhateverBecomesOfItsFiles) {
+  const pid_t pid = child([](SharedTable&) {});
+  killed(pid);
+  const std::string dead = fileContent();
+  struct Case {
+    const char* what;
+    std::function<void()> damage;
+    const char* says;
+    State meanwhile;
+    size_t kept;
+  };
+  for (const Case& c : std::vector<Case>{
+           {"nothing", [] {}, "", State::live, 2},
+           {"removed", [&] { ::unlink(path.c_str()); }, " was removed", State::absent, 2},
+           {"all cut off", [&] { EXPECT_EQ(::truncate(path.c_str(), 0), 0); }, " was truncated",
+            State::foreign, 0},
+           {"half cut off", [&] { EXPECT_EQ(::truncate(path.c_str(), 4096), 0); }, " was truncated",
+            State::foreign, 0},
+           {"replaced",
+            [&] {
+              ::unlink(path.c_str());
+              std::ofstream(path, std::ios::binary) << dead;
+            },
+            " was replaced", State::dead, 2},
+           {"no lock", [&] { ::unlink((path + ".lock").c_str()); }, ".lock was removed",
+            State::live, 2}}) {
+    SCOPED_TRACE(c.what);
+    auto t = writer();
+    auto r = reader();
+    t->put(key(1), value(1));
+    EXPECT_EQ(r->snapshot().records.size(), 1u);
+    c.damage();
+    t->put(key(2), value(2));
+    EXPECT_EQ(r->snapshot().state, c.meanwhile);
+    const std::string said = shmTableRestore(*t);
+    EXPECT_TRUE(said.ends_with(c.says) && said.empty() == (*c.says == 0)) << said;
+    EXPECT_EQ(r->snapshot().records.size(), c.kept);
+    EXPECT_EQ(t->size(), c.kept);
+    for (uint64_t i = 0; i < capacity; ++i) EXPECT_TRUE(t->put(key(i), value(i)));
+    const auto s = r->snapshot();
+    EXPECT_EQ(s.state, State::live);
+    EXPECT_EQ(s.records.size(), capacity);
+    EXPECT_EQ(shmTableRestore(*t), "");
+    EXPECT_EQ(writerError(), EBUSY);
+    t = nullptr;
+    EXPECT_FALSE(std::filesystem::exists(path) || std::filesystem::exists(path + ".lock"));
+  }
+  // In the middle of a call.
+  auto t = writer();
+  const Fd fd(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+  shm::Mapping map(fd.get(), firstSlot + slots * slotLen, false);
+  EXPECT_NE(map.base()[0], 0);
+  EXPECT_EQ(::ftruncate(fd.get(), 0), 0);
+  EXPECT_EQ(map.base()[firstSlot], 0);
+  EXPECT_TRUE(map.lost());
+}
+
+// In a directory that everybody may write, others' files stay, and whose they are is said.
+TEST_F(ShmTable, AnotherUsersFilesAreInTheWayOrAreNot) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to be somebody else";
+  const support::TempDir own;
+  std::filesystem::permissions(own.path(), std::filesystem::perms::all);
+  const auto asAnother = [&](const std::string& lockDir) {
+    int out[2];
+    EXPECT_EQ(::pipe2(out, O_CLOEXEC), 0);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      std::string said = "made";
+      try {
+        if (::setresuid(12345, 12345, 12345) != 0) ::_exit(1);
+        shmTableFactory(name, keyLen, valueLen, capacity, lockDir);
+      } catch (const std::exception& e) {
+        said = e.what();
+      }
+      ::_exit(::write(out[1], said.data(), said.size()) > 0 ? 0 : 1);
+    }
+    ::close(out[1]);
+    char said[500];
+    const ssize_t n = ::read(out[0], said, sizeof said);
+    ::close(out[0]);
+    ::waitpid(pid, nullptr, 0);
+    return std::string(said, static_cast<size_t>(std::max<ssize_t>(n, 0)));
+  };
+  std::ofstream(path + ".new") << "in the way of nobody";
+  std::ofstream(path + ".lock") << "";
+  EXPECT_THAT(
+      asAnother("/dev/shm"),
+      testing::HasSubstr(path + ".lock: owned by user 0; remove it (rm " + path + ".lock)"));
+  EXPECT_EQ(asAnother(own.path()), "made");
+  std::ofstream(path) << "squatting";
+  EXPECT_THAT(asAnother(own.path()),
+              testing::HasSubstr(path + ": no table of ours, owned by user 0; remove it"));
+  std::filesystem::remove(path);
+  // A lock elsewhere does not let two write one name.
+  auto t = writer();
+  EXPECT_THAT(asAnother(own.path()),
+              testing::HasSubstr("in use by process " + std::to_string(::getpid())));
+}
+
+TEST_F(ShmTable, AReaderInAnotherTimeNamespaceSeesThatTheWriterLives) {
+  auto t = writer();
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    if (::unshare(CLONE_NEWTIME) != 0) ::_exit(2);
+    {
+      std::ofstream offsets("/proc/self/timens_offsets");
+      if (!(offsets << "boottime 7000 300000000\n" << std::flush)) ::_exit(2);
+    }
+    const pid_t inside = ::fork();
+    if (inside == 0) ::_exit(reader()->snapshot().state == State::live ? 0 : 1);
+    int status = 0;
+    ::waitpid(inside, &status, 0);
+    ::_exit(WEXITSTATUS(status));
+  }
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  if (WEXITSTATUS(status) == 2) GTEST_SKIP() << "no time namespaces here";
+  EXPECT_EQ(status, 0);
+}
+
 TEST_F(ShmTable, ReaderRefusesWhatIsNotATable) {
   auto t = writer();
   for (uint64_t i = 0; i < capacity; ++i) t->put(key(i), value(i));
@@ -249,7 +372,7 @@ TEST_F(ShmTable, ReaderSurvivesAnyContent) {
   for (uint64_t i = 0; i < 40; ++i) t->put(key(i), value(i));
   std::string good = fileContent();
   t = nullptr;
-  good[40] ^= 1;  // another process's: nobody waits for a writer that died
+  good[40] ^= 16;  // another process's: nobody waits for a writer that died
   std::mt19937 random(1);
   std::filesystem::remove(path);
   for (int i = 0; i < 200; ++i) {
