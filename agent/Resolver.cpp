@@ -93,6 +93,8 @@ Resolver::~Resolver() = default;
 void Resolver::hostsAre(const std::set<std::string>& hosts, Seconds interval) {
   const bool otherInterval = std::exchange(interval_, interval) != interval;
   std::erase_if(hosts_, [&](const auto& h) { return !hosts.contains(h.first); });
+  for (auto* queue : {&waiting_, &waitingFailing_})
+    std::erase_if(*queue, [&](const std::string& name) { return !hosts.contains(name); });
   for (const std::string& name : hosts) {
     auto [it, fresh] = hosts_.try_emplace(name);
     Host& host = it->second;
@@ -126,24 +128,29 @@ void Resolver::lookUp(const std::string& name) {
     host.again = true;
     return;
   }
-  waiting_.push_back(name);
+  (host.problem.empty() ? waiting_ : waitingFailing_).push_back(name);
   startNext();
 }
 
 void Resolver::startNext() {
-  while (!waiting_.empty() && underWay_ < lookupsMax) {
-    const std::string host = std::move(waiting_.front());
-    waiting_.pop_front();
-    ++underWay_;
-    try {
-      startThread([shared = shared_, host] {
-        Result result{host, {}, {}};
-        result.addresses = resolve(host, result.problem);
-        shared->add(std::move(result));
-      }).detach();
-    } catch (const std::system_error& e) {
-      shared_->add({host, {}, e.what()});
-    }
+  while (!waiting_.empty() && underWay_ < lookupsMax) start(waiting_, false);
+  while (!waitingFailing_.empty() && underWay_ < lookupsMax && underWayFailing_ < failingMax)
+    start(waitingFailing_, true);
+}
+
+void Resolver::start(std::deque<std::string>& queue, bool failing) {
+  const std::string host = std::move(queue.front());
+  queue.pop_front();
+  ++underWay_;
+  underWayFailing_ += failing;
+  try {
+    startThread([shared = shared_, host, failing] {
+      Result result{host, {}, {}, failing};
+      result.addresses = resolve(host, result.problem);
+      shared->add(std::move(result));
+    }).detach();
+  } catch (const std::system_error& e) {
+    shared_->add({host, {}, e.what(), failing});
   }
 }
 
@@ -157,6 +164,7 @@ void Resolver::handleResults() {
   }
   for (Result& result : results) {
     --underWay_;
+    underWayFailing_ -= result.wasFailing;
     take(std::move(result));
   }
   startNext();

@@ -14,7 +14,9 @@
 namespace agent {
 
 /// Follows the addresses of hosts, by name. A lookup blocks for as long as a name server likes, so
-/// each runs on a thread of its own, a few at a time, and its result comes by way of the loop.
+/// each runs on a thread of its own, some at a time, and its result comes by way of the loop. Hosts
+/// whose last lookup failed come after all others and have few of the threads: name servers that do
+/// not answer take seconds for each.
 ///
 /// A lookup that fails changes nothing: what was found last stays. The log has one line when a
 /// host's lookups begin to fail, and one when they succeed again.
@@ -40,7 +42,8 @@ class Resolver {
   void lookUpAll();
 
   static constexpr Seconds retry{5};  ///< after a failure, when the interval is not shorter
-  static constexpr size_t lookupsMax = 8;
+  static constexpr size_t lookupsMax = 32;
+  static constexpr size_t failingMax = 8;  ///< of those, for hosts whose last lookup failed
 
  private:
   struct Host {
@@ -54,11 +57,13 @@ class Resolver {
     std::string host;
     Addresses addresses;
     std::string problem;
+    bool wasFailing;
   };
   struct Shared;
 
   void lookUp(const std::string& host);
   void startNext();
+  void start(std::deque<std::string>& queue, bool failing);
   void handleResults();
   void take(Result result);
 
@@ -68,7 +73,9 @@ class Resolver {
   Seconds interval_{60};
   std::map<std::string, Host> hosts_;
   std::deque<std::string> waiting_;
+  std::deque<std::string> waitingFailing_;  // those whose last lookup failed
   size_t underWay_ = 0;
+  size_t underWayFailing_ = 0;      // of those
   std::shared_ptr<Shared> shared_;  // outlives this object where a lookup does
   std::unique_ptr<EventLoop::FdWatch> watch_;
 };

@@ -2,8 +2,11 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 
 #include "World.h"
@@ -73,6 +76,37 @@ TEST_F(ResolverTest, FollowsAHostAndKeepsWhatItKnows) {
   hostsAre("192.0.2.3 coll\n2001:db8::3 coll\n");
   resolver->lookUpAll();
   ASSERT_TRUE(until(*loop, [&] { return found("coll").size() > 20; }));
+}
+
+// A name server that does not answer takes a second for each of its names.
+TEST_F(ResolverTest, DeadHostsDoNotKeepOthersWaiting) {
+  std::ofstream("/run/nsswitch.conf") << "hosts: files dns\n";
+  std::ofstream("/run/resolv.conf") << "nameserver 127.0.0.1\noptions timeout:1 attempts:1\n";
+  run("mount --bind /run/resolv.conf /etc/resolv.conf && ip link set lo up");
+  const platform::Fd silent(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  sockaddr_in port53{.sin_family = AF_INET, .sin_port = htons(53), .sin_addr = {}, .sin_zero = {}};
+  ASSERT_EQ(::bind(silent.get(), reinterpret_cast<sockaddr*>(&port53), sizeof port53), 0);
+  hostsAre("192.0.2.1 good\n192.0.2.2 removed\n");
+  std::set<std::string> hosts;
+  for (int i = 0; i < 60; ++i) hosts.insert("dead" + std::to_string(i) + ".test");
+  resolver->hostsAre(hosts, 1h);
+  ASSERT_TRUE(until(
+      *loop, [&] { return !resolver->problem("dead9.test").empty(); }, 30s))
+      << heard.text;
+  ASSERT_TRUE(until(
+      *loop,
+      [&] {
+        return std::all_of(hosts.begin(), hosts.end(),
+                           [&](const auto& h) { return !resolver->problem(h).empty(); });
+      },
+      30s));
+  resolver->lookUpAll();
+  loop->runOnce(Seconds(0));
+  hosts.insert("good");
+  const auto start = std::chrono::steady_clock::now();
+  resolver->hostsAre(hosts, 1h);
+  ASSERT_TRUE(becomes("good", "192.0.2.1 "));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 900ms) << "not even one of the dead";
 }
 
 TEST_F(ResolverTest, ManyHostsAndNoneAfterTheEnd) {
