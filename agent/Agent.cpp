@@ -18,8 +18,9 @@ constexpr TaskPriority afterAll = 255;  // the library's tasks are due before
 constexpr Seconds settlePoll{0.01};
 constexpr int settlePolls = 200;  // 2 s: a namespace that does not answer delays nobody longer
 constexpr Seconds statusDelay{0.2};
-constexpr Seconds notifyDelay{0.1};  // a service manager that had no room for a message gets it
-constexpr Seconds heldDelay{10};  // what the log holds back is told so much later
+constexpr Seconds notifyDelay{0.1};     // a service manager that had no room for a message gets it
+constexpr Seconds restoreInterval{10};  // between two looks for shared memory that is gone
+constexpr Seconds heldDelay{10};        // what the log holds back is told so much later
 constexpr Seconds sendErrorsPoll{5};
 constexpr size_t statisticsMin = 1024;
 constexpr size_t flowCountersCapacity = 1024;  // trackers
@@ -68,13 +69,19 @@ bool Agent::start() {
       log_.error("not started: " + problem);
       return false;
     }
+    const std::string locks = ServiceManager::runtimeDirectory("/dev/shm");
     statisticsTable_ = shmTableFactory(settings->statistics, CollectorStatistics::keyLen,
-                                       CollectorStatistics::valueLen, statisticsCapacity(n));
+                                       CollectorStatistics::valueLen, statisticsCapacity(n), locks);
     statistics_ = Tarn::Ipfix::collectorStatisticsFactory(statisticsTable_);
     flowCounters_ =
         shmTableFactory(settings->statistics + std::string(FlowTracking::flowPathSuffix),
                         sizeof(FlowTracking::FlowPathKey), sizeof(FlowTracking::FlowPathRecord),
-                        flowCountersCapacity);
+                        flowCountersCapacity, locks);
+    endpointCounters_ = shmTableFactory(
+        settings->statistics + std::string(FlowTracking::endpointSuffix),
+        sizeof(FlowTracking::EndpointKey), sizeof(FlowTracking::EndpointRecord),
+        std::max(statisticsMin, 4 * n.exporters),  // two families, and as many that reloads bring
+        locks);
     if (!openFile(*settings)) return false;
     configReq_ = FlowTracking::configReqFactory();
     networks_ = std::make_unique<Networks>(loop_, options_.netnsDir, log_);
@@ -93,6 +100,8 @@ bool Agent::start() {
     ServiceManager::queuedHandlerIs([this] { notifyTask_->scheduleLowestIs(notifyDelay); });
     heldTask_ = scheduler->timerTask("log-held", afterAll, [this] { log_.tellHeld(); });
     log_.heldHandlerIs([this] { heldTask_->scheduleLowestIs(heldDelay); });
+    restoreTask_ = scheduler->timerTask("agent-restore", afterAll, [this] { restoreTables(); });
+    restoreTask_->scheduleIs(restoreInterval);
     watchdogTask_ = scheduler->timerTask("agent-watchdog", afterAll, [this] { handleWatchdog(); });
     addressesTask_ =
         scheduler->timerTask("agent-addresses", afterAll, [this] { entities_->addressesAre(); });
@@ -229,12 +238,30 @@ void Agent::handleSendErrors() {
   sendErrorsTask_->scheduleIs(sendErrorsPoll);
 }
 
+/// Shared memory that somebody removed or truncated is made again.
+void Agent::restoreTables() {
+  restoreTask_->scheduleIs(restoreInterval);
+  std::string failed;
+  for (const auto& table : {statisticsTable_, flowCounters_, endpointCounters_}) {
+    try {
+      if (const std::string wrong = shmTableRestore(*table); !wrong.empty())
+        log_.warning(wrong + ": it is made again");
+    } catch (const ErrnoException& e) {
+      failed = e.what();
+      if (failed != restoreProblem_) log_.warning("counters reach nobody: " + failed);
+    }
+  }
+  restoreProblem_ = failed;
+}
+
 ReloadOutcome Agent::reload() {
   ReloadOutcome outcome;
   if (!running_ || finishing_) {
     outcome.summary = "not reloaded: the agent is stopping";
     return outcome;
   }
+  restoreTables();
+  if (control_) control_->restore();
   if (options_.configFile.empty()) {
     outcome.done = true;
     outcome.summary = "nothing to reload: the built-in configuration runs";
@@ -292,7 +319,7 @@ ControlView Agent::controlView() const {
 
 void Agent::startControl(const std::string& path) {
   collectorStates_ = std::make_unique<CollectorStates>(controlView(), loop_->taskScheduler(),
-                                                       platform_->clock(), log_);
+                                                       platform_->clock(), log_, endpointCounters_);
   ControlHost host;
   host.version = TARN_VERSION;
   host.config = configName();
@@ -307,7 +334,7 @@ void Agent::startControl(const std::string& path) {
       loop_, log_, [this](const ControlPeer& peer, std::string_view line) {
         return controlRequests_->answer(peer, line);
       });
-  if (!control_->listen(path)) control_.reset();
+  control_->listen(path);
 }
 
 std::vector<StateTree::Root> Agent::stateRoots() const {
@@ -356,6 +383,7 @@ void Agent::stop() {
   startedTask_.reset();
   ServiceManager::queuedHandlerIs({});
   notifyTask_.reset();
+  restoreTask_.reset();
   statusTask_.reset();
   watchdogTask_.reset();
   sendErrorsTask_.reset();
@@ -375,6 +403,7 @@ void Agent::stop() {
   statistics_ = nullptr;
   statisticsTable_ = nullptr;
   flowCounters_ = nullptr;
+  endpointCounters_ = nullptr;
   fileNetworks_ = nullptr;
   ipfixInit_ = nullptr;
   log_.heldHandlerIs({});

@@ -91,6 +91,7 @@ class Agent {
   std::vector<StateTree::Root> stateRoots() const;
   void followHosts(const Settings& settings);
   void handleSendErrors();
+  void restoreTables();
 
   Ptr<EventLoop> loop_;
   AgentLog& log_;
@@ -115,6 +116,7 @@ class Agent {
   std::unique_ptr<LocalCollectors> localCollectors_;
   Ptr<SharedTable> flowCounters_;
   const Ptr<flow::FlowCaptures> flowCaptures_ = flow::flowCapturesFactory();
+  Ptr<SharedTable> endpointCounters_;
   std::map<std::string, std::unique_ptr<flow::FlowPath>> flowPaths_;
   // Paths of trackers that are to go, or to track no more, and the settings that wait for their
   // end.
@@ -127,6 +129,8 @@ class Agent {
   std::unique_ptr<TimerTask> finishTask_;
   std::unique_ptr<TimerTask> startedTask_;
   std::unique_ptr<TimerTask> notifyTask_;
+  std::unique_ptr<TimerTask> restoreTask_;
+  std::string restoreProblem_;  // why a table could not be made again, as the log has it
   std::unique_ptr<TimerTask> statusTask_;
   std::unique_ptr<TimerTask> heldTask_;
   std::unique_ptr<TimerTask> watchdogTask_;

@@ -2,7 +2,10 @@
 
 #include <net/if.h>
 
+#include <algorithm>
 #include <cstring>
+#include <span>
+#include <utility>
 
 namespace agent {
 namespace {
@@ -15,6 +18,10 @@ constexpr size_t collectorsPerStep = 500;  // each costs about 2 us
 
 const UdpPam* pamOf(const ExporterInfo* info, bool ipv6) {
   return info ? (ipv6 ? info->udpPam6() : info->udpPam4()).get() : nullptr;
+}
+template <class T>
+SharedTable::Octets octetsOf(const T& value) {
+  return std::as_bytes(std::span(&value, 1));
 }
 std::string errnoText(int err) { return std::strerror(err); }
 
@@ -41,10 +48,11 @@ std::string_view statusText(Status status) {
 }
 
 CollectorStates::CollectorStates(ControlView view, const Ptr<TaskScheduler>& scheduler,
-                                 const Clock& clock, AgentLog& log)
+                                 const Clock& clock, AgentLog& log, Ptr<SharedTable> counters)
     : view_(std::move(view)),
       clock_(clock),
       log_(log),
+      counters_(std::move(counters)),
       task_(scheduler->timerTask("collector-states", afterAll, [this] { look(); })) {
   task_->scheduleIs(Seconds(0));
 }
@@ -89,47 +97,72 @@ void CollectorStates::look() {
        });
   if (!more) {
     std::erase_if(known_, [this](const auto& k) { return k.second.turn != turn_; });
-    std::erase_if(endpoints_, [this](const auto& e) { return e.second.turn != turn_; });
+    std::erase_if(endpoints_, [this](const auto& e) {
+      if (e.second.turn == turn_) return false;
+      if (e.second.inTable) counters_->del(octetsOf(e.second.total.key));
+      return true;
+    });
     ++turn_;
     last_ = {};
   }
   task_->scheduleIs(more ? Seconds(0) : lookInterval);
 }
 
-/// What became of the datagrams since the last look. An endpoint serves all collectors of its
-/// family: where some were taken and some refused, it is not known whose.
 void CollectorStates::lookAt(const EndpointKey& key, const UdpPam* pam) {
-  Endpoint& e = endpoints_[key];
+  const auto [it, fresh] = endpoints_.try_emplace(key);
+  Endpoint& e = it->second;
+  if (fresh) e.total.key = {key.first.first, key.first.second, key.second};
   const bool seen = e.turn == turn_ && e.pam == pam;  // by another collector in this look
   e.turn = turn_;
   if (seen) return;
-  if (e.pam != pam) {
-    e = {};
-    e.turn = turn_;
-    e.pam = pam;
+  const uint64_t sent = e.total.sent;
+  const uint64_t refused = e.total.refused;
+  if (pam) {
+    e.follow(pam, pam->counters());
+  } else {
+    e.pam = nullptr;
   }
-  if (!pam) return;
-  const UdpPamCounters& now = pam->counters();
+  if (!e.inTable || sent != e.total.sent || refused != e.total.refused)
+    e.inTable = counters_ && counters_->put(octetsOf(e.total.key), octetsOf(e.total));
+}
+
+/// What became of the datagrams since the last look. An endpoint serves all collectors of its
+/// family: where some were taken and some refused, it is not known whose.
+void CollectorStates::Endpoint::follow(const UdpPam* endpoint, const UdpPamCounters& now) {
+  // A new endpoint may stand where an old one was, and then its address does not tell; but an
+  // endpoint's counts never go down.
+  const bool less = std::any_of(dropByErrno.begin(), dropByErrno.end(), [&](const auto& d) {
+    const auto it = now.dropByErrno.find(d.first);
+    return (it == now.dropByErrno.end() ? 0 : it->second) < d.second;
+  });
+  if (pam != endpoint || less || now.sent < sent) {
+    pam = endpoint;
+    sent = 0;
+    dropByErrno.clear();
+    refused = partly = 0;
+  }
   int cause = 0;
   uint64_t most = 0;
   for (const auto& [err, count] : now.dropByErrno) {
-    const uint64_t more = count - std::exchange(e.dropByErrno[err], count);
+    const uint64_t more = count - std::exchange(dropByErrno[err], count);
+    if (more > 0) total.addRefused(err, more);
     if (more > most) {
       most = more;
       cause = err;
     }
   }
-  const bool taken = std::exchange(e.sent, now.sent) != now.sent;
-  if (taken) {
-    e.refused = 0;
-    e.partly = cause;
+  const uint64_t taken = now.sent - std::exchange(sent, now.sent);
+  total.sent += taken;
+  if (taken > 0) {
+    refused = 0;
+    partly = cause;
   } else if (cause != 0) {
-    e.refused = cause;
-    e.partly = 0;
+    refused = cause;
+    partly = 0;
   }
 }
 
-CollectorState CollectorStates::find(const CollectorName& name) const {
+CollectorState CollectorStates::find(const CollectorName& name) {
   const Settings& settings = view_.settings();
   const auto tracker = settings.trackers.find(name.tracker);
   if (tracker == settings.trackers.end()) return {};
@@ -188,7 +221,12 @@ CollectorState CollectorStates::find(const CollectorName& name) const {
                 : "the tracker has no data template",
             0};
   if (!hasTemplates) return {Status::waitingForTemplate, "it is about to be sent", 0};
-  const auto endpoint = endpoints_.find({{name.tracker, name.exporter}, ipv6});
+  const EndpointKey key{{name.tracker, name.exporter}, ipv6};
+  auto endpoint = endpoints_.find(key);
+  if (endpoint == endpoints_.end() || endpoint->second.pam != pam) {
+    lookAt(key, pam);  // younger than the last look, and its datagrams may all have been refused
+    endpoint = endpoints_.find(key);
+  }
   if (endpoint != endpoints_.end() && endpoint->second.pam == pam) {
     if (const int err = endpoint->second.refused; err != 0)
       return {Status::refused, errnoText(err), 0};

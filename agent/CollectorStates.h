@@ -9,6 +9,8 @@
 #include "agent/AgentLog.h"
 #include "agent/ControlView.h"
 #include "platform/Clock.h"
+#include "platform/EndpointCounters.h"
+#include "platform/SharedTable.h"
 #include "platform/TaskScheduler.h"
 #include "platform/UdpPam.h"
 
@@ -43,11 +45,30 @@ std::string_view statusText(CollectorState::Status status);
 class CollectorStates {
  public:
   /// The operator is told when a collector comes to be refused, and when it is no longer.
+  /// `counters` gets an EndpointRecord for each exporter and family that has collectors, written at
+  /// each look; it may be null.
   CollectorStates(ControlView view, const Ptr<TaskScheduler>& scheduler, const Clock& clock,
-                  AgentLog& log);
+                  AgentLog& log, Ptr<SharedTable> counters);
+  CollectorStates(const CollectorStates&) = delete;
+  CollectorStates& operator=(const CollectorStates&) = delete;
 
   /// As it is at this moment, with the time at which it was first seen so.
   CollectorState state(const CollectorName& name);
+
+  /// What an endpoint had done when it was looked at last.
+  struct Endpoint {
+    /// What became of the datagrams since the last call. The pointer is only compared.
+    void follow(const UdpPam* endpoint, const UdpPamCounters& now);
+
+    const UdpPam* pam = nullptr;
+    uint64_t sent = 0;
+    std::map<int, uint64_t> dropByErrno;
+    int refused = 0;  ///< the errno of all that was to be sent last; 0: some was taken
+    int partly = 0;   ///< the errno of some of it
+    uint64_t turn = 0;
+    FlowTracking::EndpointRecord total;  ///< of this endpoint and those before it
+    bool inTable = false;
+  };
 
   /// All collectors of the settings behind `after`, in order, until `visit` returns false.
   static void each(
@@ -57,15 +78,6 @@ class CollectorStates {
                                const CollectorSettings& collector)>& visit);
 
  private:
-  /// What an endpoint had done when it was looked at last.
-  struct Endpoint {
-    const UdpPam* pam = nullptr;  // only compared
-    uint64_t sent = 0;
-    std::map<int, uint64_t> dropByErrno;
-    int refused = 0;  // the errno of all that was to be sent last; 0: some was taken
-    int partly = 0;   // the errno of some of it
-    uint64_t turn = 0;
-  };
   struct Known {
     CollectorState state;
     uint64_t turn = 0;
@@ -74,7 +86,7 @@ class CollectorStates {
 
   void look();
   void lookAt(const EndpointKey& key, const UdpPam* pam);
-  CollectorState find(const CollectorName& name) const;
+  CollectorState find(const CollectorName& name);
   const CollectorState& note(const CollectorName& name);
   void tellChange(const CollectorName& name, CollectorState::Status before,
                   const CollectorState& now);
@@ -82,6 +94,7 @@ class CollectorStates {
   ControlView view_;
   const Clock& clock_;
   AgentLog& log_;
+  const Ptr<SharedTable> counters_;
   std::map<CollectorName, Known> known_;
   std::map<EndpointKey, Endpoint> endpoints_;
   CollectorName last_;  // of the look under way

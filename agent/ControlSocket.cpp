@@ -1,5 +1,6 @@
 #include "agent/ControlSocket.h"
 
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -10,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "agent/Printable.h"
 #include "platform/UdpPam.h"
@@ -19,8 +21,11 @@ namespace {
 constexpr TaskPriority afterAll = 255;  // the library's tasks are due before
 constexpr int backlog = 64;
 constexpr int acceptsPerRound = 16;
+constexpr size_t reserveMax = 4;  // descriptors: for three clients, and for what one asks for
 constexpr Seconds sweepInterval{1};
+constexpr Seconds restoreInterval{10};
 constexpr mode_t everybody = 0666;
+constexpr mode_t everybodyEnters = 0755;
 
 std::string errorText(int err) { return std::strerror(err); }
 
@@ -49,6 +54,7 @@ struct ControlSocket::Connection {
   bool asked = false;    // its request waits for its turn
   bool ended = false;    // the peer sends no more
   bool closing = false;  // once `out` is sent
+  bool gone = false;     // the peer: what it has asked is done, and no answer sent
   Clock::time_point deadline;
   std::unique_ptr<EventLoop::FdWatch> watch;
 };
@@ -58,26 +64,50 @@ ControlSocket::ControlSocket(Ptr<EventLoop> loop, AgentLog& log, Handler handler
     : loop_(std::move(loop)), log_(log), handler_(std::move(handler)), limits_(limits) {
   serveTask_ = loop_->taskScheduler()->timerTask("control", afterAll, [this] { serve(); });
   sweepTask_ = loop_->taskScheduler()->timerTask("control-sweep", afterAll, [this] { sweep(); });
+  restoreTask_ =
+      loop_->taskScheduler()->timerTask("control-restore", afterAll, [this] { restore(); });
 }
 
 ControlSocket::~ControlSocket() {
   connections_.clear();
   watch_.reset();
-  struct stat there {};
-  if (socket_ && lstat(path_.c_str(), &there) == 0 && there.st_dev == device_ &&
-      there.st_ino == inode_)
-    unlink(path_.c_str());
+  if (fileIsOurs()) unlink(path_.c_str());
   if (!madeDirectory_.empty()) rmdir(madeDirectory_.c_str());
+}
+
+/// Nobody else's file can have the number while the socket keeps this one's inode.
+bool ControlSocket::fileIsOurs() const {
+  struct stat there {};
+  return socket_ && lstat(path_.c_str(), &there) == 0 && there.st_dev == device_ &&
+         there.st_ino == inode_;
+}
+
+void ControlSocket::restore() {
+  restoreTask_->scheduleIs(restoreInterval);
+  if (fileIsOurs()) return;
+  const bool had = static_cast<bool>(socket_);
+  if (had) handleAccept();  // those who connected before it was removed
+  watch_.reset();
+  socket_.close();
+  if (listen(path_))
+    log_.say(Severity::notice, "control socket " + printable(path_) +
+                                   (had ? " was removed: it is made again" : " could be made"));
 }
 
 bool ControlSocket::listen(const std::string& path) {
   path_ = path;
-  if (const std::string problem = bindTo(path); !problem.empty()) {
-    log_.warning("no control socket: " + problem +
-                 "; everything else runs, and 'tarnflow' cannot ask this agent");
+  restoreTask_->scheduleLowestIs(restoreInterval);
+  const std::string problem = bindTo(path);
+  if (!problem.empty()) {
+    if (problem != std::exchange(problem_, problem))
+      log_.warning("no control socket: " + problem +
+                   "; everything else runs, and 'tarnflow' cannot ask this agent");
+    if (fileIsOurs()) unlink(path_.c_str());
     socket_.close();
     return false;
   }
+  problem_.clear();
+  fillReserve();
   watch_ = loop_->fdWatch(socket_.get(), EPOLLIN, [this](uint32_t) { handleAccept(); });
   return true;
 }
@@ -92,8 +122,11 @@ std::string ControlSocket::bindTo(const std::string& path) {
   };
 
   const std::string directory = path.substr(0, path.rfind('/'));
-  if (mkdir(directory.c_str(), 0755) == 0) {
+  if (mkdir(directory.c_str(), everybodyEnters) == 0) {
     madeDirectory_ = directory;
+    // The umask may have taken away what others need to reach the socket.
+    if (chmod(directory.c_str(), everybodyEnters) < 0)
+      return "cannot open " + printable(directory) + " to everybody: " + errorText(errno);
   } else if (!directory.empty() && errno != EEXIST) {
     return "cannot make the directory " + printable(directory) + ": " + errorText(errno);
   }
@@ -139,7 +172,12 @@ void ControlSocket::handleAccept() {
   for (int n = 0; n < acceptsPerRound; ++n) {
     Fd fd(accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!fd) {
-      if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+      const int err = errno;
+      if (err == EMFILE && !reserve_.empty()) {
+        reserve_.pop_back();
+        continue;
+      }
+      if (err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM) {
         // The peer stays in the queue, and the descriptor readable.
         resting_ = true;
         watch_->eventsIs(0);
@@ -184,7 +222,20 @@ void ControlSocket::handleEvents(uint64_t id, uint32_t events) {
   } else if (events & EPOLLIN) {
     read(c);
   } else {
-    close(id);  // the peer is gone, and nobody is left to answer
+    handlePeerGone(c);
+  }
+}
+
+/// Nobody is left to answer, but what was asked before is done all the same, in its turn.
+void ControlSocket::handlePeerGone(Connection& c) {
+  c.gone = true;
+  c.watch.reset();  // which would report it over and over
+  c.out = {};
+  c.sent = 0;
+  if (c.closing) {
+    close(c.id);
+  } else if (!c.asked) {
+    takeLine(c);
   }
 }
 
@@ -193,7 +244,7 @@ void ControlSocket::read(Connection& c) {
   std::array<char, 4096> piece;
   const ssize_t n = recv(c.fd.get(), piece.data(), piece.size(), 0);
   if (n < 0) {
-    if (errno != EAGAIN && errno != EINTR) close(c.id);
+    if (c.gone || (errno != EAGAIN && errno != EINTR)) close(c.id);
     return;
   }
   if (n == 0) {
@@ -223,6 +274,9 @@ void ControlSocket::takeLine(Connection& c) {
   } else if (c.ended) {
     close(c.id);
     return;
+  } else if (c.gone) {
+    read(c);
+    return;
   }
   watchWhatMatters(c);
 }
@@ -238,7 +292,9 @@ void ControlSocket::serve() {
   c.in.erase(0, end + 1);
   if (line.ends_with('\r')) line.pop_back();
   c.asked = false;
+  if (!reserve_.empty()) reserve_.pop_back();  // a reload opens files
   c.out = handler_(c.peer, line) + '\n';
+  fillReserve();
   c.sent = 0;
   c.deadline = Clock::now() + limits_.patience;
   flush(c);
@@ -250,17 +306,17 @@ void ControlSocket::serve() {
 void ControlSocket::scheduleServe() { serveTask_->scheduleIs(notBefore_ - Clock::now()); }
 
 void ControlSocket::flush(Connection& c) {
-  while (c.sent < c.out.size()) {
+  while (!c.gone && c.sent < c.out.size()) {
     const ssize_t n = send(c.fd.get(), c.out.data() + c.sent, c.out.size() - c.sent, MSG_NOSIGNAL);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0 && errno == EAGAIN) break;
     if (n < 0) {
-      close(c.id);
+      handlePeerGone(c);
       return;
     }
     c.sent += static_cast<size_t>(n);
   }
-  if (c.sent < c.out.size()) {
+  if (!c.gone && c.sent < c.out.size()) {
     watchWhatMatters(c);
     return;
   }
@@ -275,6 +331,7 @@ void ControlSocket::flush(Connection& c) {
 }
 
 void ControlSocket::watchWhatMatters(Connection& c) {
+  if (c.gone) return;
   constexpr uint32_t nothing = 0;
   constexpr uint32_t in = EPOLLIN;
   constexpr uint32_t out = EPOLLOUT;
@@ -283,7 +340,16 @@ void ControlSocket::watchWhatMatters(Connection& c) {
 
 void ControlSocket::close(uint64_t id) {
   connections_.erase(id);
+  fillReserve();
   // Its place in `waiting_` is found out when its turn comes.
+}
+
+void ControlSocket::fillReserve() {
+  while (reserve_.size() < reserveMax) {
+    Fd fd(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    if (!fd) return;
+    reserve_.push_back(std::move(fd));
+  }
 }
 
 void ControlSocket::sweep() {
@@ -294,8 +360,9 @@ void ControlSocket::sweep() {
   });
   if (resting_) {
     resting_ = false;
-    watch_->eventsIs(EPOLLIN);
+    if (watch_) watch_->eventsIs(EPOLLIN);
   }
+  fillReserve();
   if (!connections_.empty()) sweepTask_->scheduleIs(sweepInterval);
 }
 

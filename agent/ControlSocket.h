@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "agent/AgentLog.h"
 #include "platform/linux/EventLoop.h"
@@ -31,7 +32,8 @@ struct ControlPeer {
 /// notice: nothing here waits; one request is answered per round of the loop, after all tasks that
 /// are due, and the next not before as much time has passed as that one took; a connection is not
 /// read while its answer is being made or fetched; lines, connections and the time that each may
-/// take are bounded.
+/// take are bounded. Some descriptors are kept in reserve, so that whoever asks why nothing works
+/// is answered when all others are taken.
 class ControlSocket {
  public:
   /// The answer's line, without its newline. Called with one line, without its newline. Must not
@@ -56,9 +58,12 @@ class ControlSocket {
   ControlSocket& operator=(const ControlSocket&) = delete;
 
   /// Listens at `path`, for every local user to connect. Makes the last directory of it, replaces
-  /// the socket of a program that is gone, and leaves that of a living one. False: it cannot, and
-  /// the reason is in the log.
+  /// the socket of a program that is gone, and leaves that of a living one. False: it cannot now,
+  /// and the reason is in the log; `restore` tries again.
   bool listen(const std::string& path);
+  /// Makes the socket's file again when somebody removed it, or when it could not be made before.
+  /// What it does, and a new reason why it cannot, is in the log. Runs by itself now and then.
+  void restore();
   size_t connections() const { return connections_.size(); }
 
  private:
@@ -66,8 +71,10 @@ class ControlSocket {
   using Clock = std::chrono::steady_clock;
 
   std::string bindTo(const std::string& path);
+  bool fileIsOurs() const;
   void handleAccept();
   void handleEvents(uint64_t id, uint32_t events);
+  void handlePeerGone(Connection& c);
   void read(Connection& c);
   void takeLine(Connection& c);
   void serve();
@@ -75,6 +82,7 @@ class ControlSocket {
   void flush(Connection& c);
   void watchWhatMatters(Connection& c);
   void close(uint64_t id);
+  void fillReserve();
   void sweep();
 
   Ptr<EventLoop> loop_;
@@ -85,15 +93,18 @@ class ControlSocket {
   std::string madeDirectory_;  // empty: it was there
   dev_t device_ = 0;           // of the socket's file
   ino_t inode_ = 0;
+  std::string problem_;  // why it does not listen, as the log has it
   Fd socket_;
   std::unique_ptr<EventLoop::FdWatch> watch_;
-  bool resting_ = false;  // no descriptor was left: tried again at the next sweep
+  std::vector<Fd> reserve_;  // each can be closed for the sake of another
+  bool resting_ = false;     // no descriptor was left: tried again at the next sweep
   std::map<uint64_t, std::unique_ptr<Connection>> connections_;
   uint64_t lastId_ = 0;
   std::deque<uint64_t> waiting_;  // with a request each, in the order these came
   Clock::time_point notBefore_;   // the next one is answered
   std::unique_ptr<TimerTask> serveTask_;
   std::unique_ptr<TimerTask> sweepTask_;
+  std::unique_ptr<TimerTask> restoreTask_;
 };
 
 }  // namespace agent

@@ -71,6 +71,12 @@ void ServiceManager::stopping() { tell("STOPPING=1"); }
 void ServiceManager::status(const std::string& status) { tell(statusLine(status)); }
 void ServiceManager::alive() { tell("WATCHDOG=1"); }
 
+std::string ServiceManager::runtimeDirectory(const std::string& other) {
+  const char* all = std::getenv("RUNTIME_DIRECTORY");  // divided by ':'
+  const std::string_view first = all ? std::string_view(all) : std::string_view();
+  return first.starts_with('/') ? std::string(first.substr(0, first.find(':'))) : other;
+}
+
 std::chrono::microseconds ServiceManager::watchdog() {
   uint64_t us = 0;
   if (sd_watchdog_enabled(0, &us) <= 0) return {};

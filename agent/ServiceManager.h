@@ -17,6 +17,9 @@ struct ServiceManager {
   /// How long it waits for `alive`; zero: it does not.
   static std::chrono::microseconds watchdog();
 
+  /// A directory that only this service may write (RuntimeDirectory=); `other` where there is none.
+  static std::string runtimeDirectory(const std::string& other);
+
   /// Sends what is queued, as far as the socket takes it.
   static void flush();
   /// `handler` is called whenever something stays queued, to call `flush` some time later.

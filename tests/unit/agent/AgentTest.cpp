@@ -159,7 +159,8 @@ TEST(AgentLog, WaitsForNoReaderOfStandardError) {
     EXPECT_EQ(flags & O_NONBLOCK, 0) << "other processes share it";
     std::string got;
     char piece[65536];
-    for (ssize_t n; (n = read(reader.get(), piece, sizeof piece)) > 0;) got.append(piece, size_t(n));
+    for (ssize_t n; (n = read(reader.get(), piece, sizeof piece)) > 0;)
+      got.append(piece, size_t(n));
     EXPECT_GT(got.size(), 10000u);
     std::istringstream lines(got);
     for (std::string line; std::getline(lines, line);) {

@@ -1,16 +1,20 @@
 #include "agent/ControlSocket.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "World.h"
+#include "agent/CollectorStates.h"
 #include "agent/ControlRequests.h"
+#include "tests/support/Net.h"
 
 namespace agent {
 namespace {
@@ -194,13 +198,15 @@ TEST_F(ControlSocketTest, OtherWorkHasItsTurnBetweenTwoAnswers) {
 }
 
 TEST_F(ControlSocketTest, AClientThatIsGoneCostsNothing) {
-  listen();
+  listen({.connectionsMax = 100});
   for (int i = 0; i < 50; ++i) {
     Client gone;
-    gone.send("hello\n");
+    gone.send("hello\nagain\nlast");
     rounds(i % 3);
   }
   EXPECT_TRUE(until([&] { return control->connections() == 0; }));
+  EXPECT_EQ(asked.size(), 150u) << "what was asked is done, whoever stays for the answer";
+  EXPECT_EQ(std::count(asked.begin(), asked.end(), "last"), 50);
   Client here;
   here.send("hello\n");
   EXPECT_TRUE(until([&] { return here.got() == "<hello>\n"; }));
@@ -240,7 +246,12 @@ TEST_F(ControlSocketTest, OtherUsersMayLookAndHaveTheirShareOfPlaces) {
 }
 
 TEST_F(ControlSocketTest, TakesNobodysPlaceAndLeavesNothingBehind) {
+  const mode_t mask = umask(077);
   listen();
+  umask(mask);
+  struct stat directory {};
+  ASSERT_EQ(stat("/run/tarn", &directory), 0);
+  EXPECT_EQ(directory.st_mode & 0777, 0755u) << "others reach the socket";
   std::ofstream("/run/tarn/file") << "mine";
   const std::pair<std::string, std::string> wrong[] = {
       {path, "is that of a living program (pid " + std::to_string(getpid()) + ")"},
@@ -266,6 +277,97 @@ TEST_F(ControlSocketTest, TakesNobodysPlaceAndLeavesNothingBehind) {
   Client c;
   c.send("hello\n");
   EXPECT_TRUE(until([&] { return c.got() == "<hello>\n"; }));
+}
+
+TEST_F(ControlSocketTest, AnswersWhenAllDescriptorsAreTaken) {
+  listen();
+  answer = [](std::string_view) {
+    return std::string(Fd(open("/dev/null", O_RDONLY)) ? "opened" : "no descriptor");
+  };
+  Client early[3];
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const rlimit before = limit;
+  limit.rlim_cur = support::openFds() + 10;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  std::vector<Fd> taken;
+  for (Fd fd(dup(0)); fd; fd = Fd(dup(0))) taken.push_back(std::move(fd));
+  for (int round = 0; round < 3; ++round)
+    for (Client& c : early) {
+      c.send("hello\n");
+      EXPECT_TRUE(until([&] { return c.got().ends_with("opened\n"); })) << c.got();
+    }
+  taken.clear();
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+}
+
+TEST_F(ControlSocketTest, AFileThatWasRemovedIsMadeAgainUnlessAnotherAgentHasThePlace) {
+  listen();
+  Client before;
+  ASSERT_EQ(unlink(path.c_str()), 0);
+  heard.text.clear();
+  control->restore();
+  control->restore();
+  EXPECT_EQ(heard.text, "<5>control socket " + path + " was removed: it is made again\n");
+  Client after;
+  for (Client* c : {&before, &after}) {
+    c->send("hello\n");
+    EXPECT_TRUE(until([&] { return c->got() == "<hello>\n"; }));
+  }
+  ASSERT_EQ(unlink(path.c_str()), 0);
+  auto other = std::make_unique<ControlSocket>(
+      loop, heard.log, [](const ControlPeer&, std::string_view) { return "other"; });
+  ASSERT_TRUE(other->listen(path));
+  heard.text.clear();
+  control->restore();
+  control->restore();
+  EXPECT_EQ(heard.text.find("is that of a living program"),
+            heard.text.rfind("is that of a living program"));
+  EXPECT_TRUE(heard.has("is that of a living program")) << heard.text;
+  control.reset();
+  Client there;
+  there.send("hello\n");
+  EXPECT_TRUE(until([&] { return there.got() == "other\n"; }));
+}
+
+// What is told of collectors, and counted, follows from an endpoint's counters between two looks.
+TEST(CollectorStates, WhatAnEndpointTookAndRefused) {
+  using Drops = std::map<int, uint64_t>;
+  const auto* first = reinterpret_cast<const UdpPam*>(0x1000);
+  const auto* second = reinterpret_cast<const UdpPam*>(0x2000);
+  struct Step {
+    const char* what;
+    const UdpPam* pam;
+    uint64_t sent;
+    Drops drops;
+    int refused;
+    int partly;
+    uint64_t totalSent;
+    uint64_t totalRefused;
+  };
+  CollectorStates::Endpoint e;
+  for (const Step& s : std::vector<Step>{
+           {"all taken", first, 10, {}, 0, 0, 10, 0},
+           {"some refused", first, 15, {{EPERM, 1}, {ENETUNREACH, 4}}, 0, ENETUNREACH, 15, 5},
+           {"all refused", first, 15, {{EPERM, 9}, {ENETUNREACH, 4}}, EPERM, 0, 15, 13},
+           {"nothing to send", first, 15, {{EPERM, 9}, {ENETUNREACH, 4}}, EPERM, 0, 15, 13},
+           {"a new one", second, 2, {{EPERM, 1}}, 0, EPERM, 17, 14},
+           {"a new one at its place", second, 0, {{ENETUNREACH, 3}}, ENETUNREACH, 0, 17, 17},
+           {"and one that sent more", second, 1, {}, 0, 0, 18, 17}}) {
+    UdpPamCounters now;
+    now.sent = s.sent;
+    now.dropByErrno = s.drops;
+    e.follow(s.pam, now);
+    EXPECT_EQ(e.refused, s.refused) << s.what;
+    EXPECT_EQ(e.partly, s.partly) << s.what;
+    EXPECT_EQ(e.total.sent, s.totalSent) << s.what;
+    EXPECT_EQ(e.total.refused, s.totalRefused) << s.what;
+  }
+  for (int err = 1000; err < 1020; ++err) e.total.addRefused(err, 1);
+  uint64_t sum = 0;
+  for (const auto& c : e.total.causes) sum += c.datagrams;
+  EXPECT_EQ(sum, e.total.refused);
+  EXPECT_EQ(e.total.causes.back().error, 0u);
 }
 
 TEST(ControlRequests, WhatIsAskedWrongly) {
