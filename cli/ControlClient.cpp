@@ -12,7 +12,8 @@
 namespace cli {
 namespace {
 // A reload of a large configuration takes seconds; everything else a fraction of one.
-constexpr int answerMs = 60000;
+constexpr int reloadMs = 60000;
+constexpr int answerMs = 10000;
 constexpr size_t answerMax = 16 << 20;
 
 std::string errorText(int err) { return std::strerror(err); }
@@ -61,14 +62,16 @@ ControlClient::Json ControlClient::ask(const Json& request) {
     if (n < 0) break;  // what the agent said before it hung up is read all the same
     sent += static_cast<size_t>(n);
   }
+  const int patienceMs = request.value("request", "") == "reload" ? reloadMs : answerMs;
   size_t end = 0;
   while ((end = in_.find('\n', end)) == std::string::npos) {
     end = in_.size();
     pollfd polled{fd_.get(), POLLIN, 0};
-    const int ready = poll(&polled, 1, answerMs);
+    const int ready = poll(&polled, 1, patienceMs);
     if (ready == 0)
-      throw NoAgent(
-          fmt::format("the agent at {} does not answer within {} s", path_, answerMs / 1000));
+      throw NoAgent(fmt::format(
+          "the agent at {} does not answer within {} s: it is busy, or has no descriptor left",
+          path_, patienceMs / 1000));
     std::array<char, 65536> piece;
     const ssize_t n = ready < 0 ? -1 : recv(fd_.get(), piece.data(), piece.size(), 0);
     if (n < 0 && errno == EINTR) continue;

@@ -251,7 +251,7 @@ std::optional<int> ControlCommands::run() {
     } catch (const Refused& e) {
       complain("tarnflow: the agent refuses: {}\n", shown(e.what()));
     } catch (const Json::exception& e) {
-      complain("tarnflow: the agent's answer is not understood: {}\n", e.what());
+      complain("tarnflow: the agent's answer is not understood: {}\n", shown(e.what()));
     }
     return exitFailure;
   }

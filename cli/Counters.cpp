@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
+#include <memory>
 
 #include "cli/MessagePrinter.h"
 #include "cli/Output.h"
@@ -85,7 +87,8 @@ Counters countersFrom(const platform::ShmTableReader::Snapshot& snapshot, double
              snapshot.generation,
              snapshot.unreadable,
              {},
-             now};
+             now,
+             {}};
   for (const auto& record : snapshot.records) {
     if (auto entry = CollectorStatisticsEntry::fromOctets(record.value))
       c.entries.push_back(*entry);
@@ -94,6 +97,45 @@ Counters countersFrom(const platform::ShmTableReader::Snapshot& snapshot, double
   }
   std::ranges::sort(c.entries, {}, &CollectorStatisticsEntry::key);
   return c;
+}
+
+std::vector<FlowTracking::EndpointRecord> endpointsFrom(
+    const platform::ShmTableReader::Snapshot& snapshot) {
+  std::vector<FlowTracking::EndpointRecord> endpoints;
+  for (const auto& record : snapshot.records)
+    if (const auto e = FlowTracking::EndpointRecord::fromOctets(record.value))
+      endpoints.push_back(*e);
+  std::ranges::sort(endpoints, {}, &FlowTracking::EndpointRecord::key);
+  return endpoints;
+}
+
+std::string causeName(uint64_t error) {
+  const char* name = error == 0 ? "other" : strerrorname_np(static_cast<int>(error));
+  return name ? name : fmt::to_string(error);
+}
+
+/// Which exporters lost datagrams on this host, and why; empty when none did.
+std::string refusedText(const std::vector<FlowTracking::EndpointRecord>& endpoints) {
+  Table table({false, false, false, true, true, true});
+  table.add({"tracker", "exporter", "family", "taken", "refused", "of these", "because"});
+  bool any = false;
+  for (const auto& e : endpoints) {
+    Table::Row row = {nameText(e.key.tracker()), nameText(e.key.exporter()),
+                      fmt::format("IPv{}", e.key.family), fmt::to_string(e.sent),
+                      fmt::to_string(e.refused)};
+    for (const auto& c : e.causes) {
+      if (c.datagrams == 0) continue;
+      any = true;
+      row.resize(5);
+      row.push_back(fmt::to_string(c.datagrams));
+      row.push_back(c.error == 0 ? "other causes" : std::strerror(static_cast<int>(c.error)));
+      table.add(row);
+      row.assign(5, "");
+    }
+  }
+  return any ? "\ndatagrams that this host did not send, though they are counted above:\n" +
+                   table.text(0)
+             : "";
 }
 
 bool showable(const Counters& c) { return c.state == Counters::State::live && !c.entries.empty(); }
@@ -109,8 +151,9 @@ std::string stateNote(Counters::State state, int writerPid, const std::string& n
     case Counters::State::absent:
       return fmt::format("no agent runs: there is no statistics table {} (/dev/shm{})", name, name);
     case Counters::State::foreign:
-      return fmt::format("{} (/dev/shm{}) is no statistics table of this version of tarnflow", name,
-                         name);
+      return fmt::format(
+          "{} (/dev/shm{}) is no statistics table of this version of tarnflow, or was truncated",
+          name, name);
   }
   return "";
 }
@@ -186,7 +229,7 @@ std::string countersText(const Counters& c, const RatesByKey* rates) {
     }
   }
   if (c.entries.empty()) return out;
-  return out + '\n' + table.text(0) + '\n' + sets.text(0);
+  return out + '\n' + table.text(0) + '\n' + sets.text(0) + refusedText(c.endpoints);
 }
 
 Json countersJson(const Counters& c, const std::string& name, const RatesByKey* rates) {
@@ -227,6 +270,18 @@ Json countersJson(const Counters& c, const std::string& name, const RatesByKey* 
                                                     {"records", it->second.records},
                                                     {"octets", it->second.octets}};
   }
+  out["endpoints"] = Json::array();
+  for (const auto& e : c.endpoints) {
+    Json causes = Json::object();
+    for (const auto& cause : e.causes)
+      if (cause.datagrams > 0) causes[causeName(cause.error)] = cause.datagrams;
+    out["endpoints"].push_back({{"tracker", std::string(e.key.tracker())},
+                                {"exporter", std::string(e.key.exporter())},
+                                {"family", e.key.family},
+                                {"sent", e.sent},
+                                {"refused", e.refused},
+                                {"causes", std::move(causes)}});
+  }
   return out;
 }
 
@@ -238,12 +293,19 @@ class CounterLooks {
   int operator()(platform::ShmTableReader& reader, const CountersOptions& options,
                  bool clearScreen) {
     Counters c = countersFrom(reader.snapshot(), utcNow());
+    if (!endpoints_)
+      endpoints_ = platform::shmTableReader(
+          options.name + std::string(FlowTracking::endpointSuffix),
+          sizeof(FlowTracking::EndpointKey), sizeof(FlowTracking::EndpointRecord));
+    c.endpoints = endpointsFrom(endpoints_->snapshot());
     std::string note = countersNote(c, options.name);
     const size_t all = c.entries.size();
-    std::erase_if(c.entries, [&](const CollectorStatisticsEntry& e) {
-      return (!options.tracker.empty() && e.key().tracker() != options.tracker) ||
-             (!options.exporter.empty() && e.key().exporter() != options.exporter);
-    });
+    const auto unwanted = [&](const auto& key) {
+      return (!options.tracker.empty() && key.tracker() != options.tracker) ||
+             (!options.exporter.empty() && key.exporter() != options.exporter);
+    };
+    std::erase_if(c.entries, [&](const auto& e) { return unwanted(e.key()); });
+    std::erase_if(c.endpoints, [&](const auto& e) { return unwanted(e.key); });
     if (note.empty() && c.entries.empty() && all > 0)
       note =
           "nothing was sent by what was asked for; without --tracker and --exporter there is "
@@ -266,6 +328,7 @@ class CounterLooks {
   }
 
  private:
+  std::shared_ptr<platform::ShmTableReader> endpoints_;
   std::optional<Counters> before_;
 };
 

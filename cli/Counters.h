@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Ipfix/CollectorStats.h"
+#include "platform/EndpointCounters.h"
 #include "platform/linux/ShmTable.h"
 
 namespace cli {
@@ -21,7 +22,13 @@ struct Counters {
   size_t unreadable = 0;  ///< entries under change at every try, or damaged
   std::vector<Tarn::Ipfix::CollectorStatisticsEntry> entries;  ///< by tracker, exporter, collector
   double now = 0;                                              ///< what ages count from
+  std::vector<FlowTracking::EndpointRecord> endpoints;         ///< by tracker, exporter, family
 };
+/// What the kernel made of the datagrams; none where the agent keeps no such table.
+std::vector<FlowTracking::EndpointRecord> endpointsFrom(
+    const platform::ShmTableReader::Snapshot& snapshot);
+/// "ENETUNREACH"; "other" for 0.
+std::string causeName(uint64_t error);
 Counters countersFrom(const platform::ShmTableReader::Snapshot& snapshot, double now);
 
 /// A living agent's entries, at least one.

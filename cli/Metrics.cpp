@@ -1,21 +1,14 @@
 #include "cli/Metrics.h"
 
-#include <arpa/inet.h>
 #include <fmt/format.h>
-#include <microhttpd.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/select.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <charconv>
-#include <chrono>
 #include <cstdio>
-#include <map>
 #include <memory>
 
+#include "cli/MetricsServer.h"
 #include "cli/Output.h"
 #include "cli/Signals.h"
 #include "cli/decoder/Decoder.h"
@@ -27,7 +20,6 @@ namespace {
 using FlowTracking::FlowPathRecord;
 using Tarn::Ipfix::CollectorStatistics;
 using Tarn::Ipfix::CollectorStatisticsEntry;
-using Clock = std::chrono::steady_clock;
 
 /// Whatever a name holds, what comes out is UTF-8 in which both formats see one label value:
 /// another octet would cost the whole scrape.
@@ -145,6 +137,25 @@ void collectorFamilies(Exposition& out, const std::vector<CollectorStatisticsEnt
         [](const Entry& e) { return e.lastClearedTime(); });
 }
 
+void endpointFamilies(Exposition& out, const std::vector<FlowTracking::EndpointRecord>& all) {
+  std::vector<std::string> labels;
+  labels.reserve(all.size());
+  for (const auto& e : all)
+    labels.push_back(fmt::format(R"(tracker="{}",exporter="{}",family="ipv{}")",
+                                 labelValue(e.key.tracker()), labelValue(e.key.exporter()),
+                                 e.key.family));
+  out.counter("tarnflow_sent_datagrams_total", "Datagrams that the kernel took.");
+  for (size_t i = 0; i < all.size(); ++i) out.sample(labels[i], all[i].sent);
+  out.counter("tarnflow_refused_datagrams_total",
+              "Datagrams that did not leave this host, though they count as exported messages.");
+  for (size_t i = 0; i < all.size(); ++i) out.sample(labels[i], all[i].refused);
+  out.counter("tarnflow_refused_datagrams_by_cause_total", "The same by errno.");
+  for (size_t i = 0; i < all.size(); ++i)
+    for (const auto& c : all[i].causes)
+      if (c.datagrams > 0)
+        out.sample(fmt::format(R"({},cause="{}")", labels[i], causeName(c.error)), c.datagrams);
+}
+
 void flowFamilies(Exposition& out, const std::vector<FlowPathRecord>& flows) {
   std::vector<std::string> trackers;
   trackers.reserve(flows.size());
@@ -229,11 +240,14 @@ class Source {
       : collectors_(platform::shmTableReader(name, CollectorStatistics::keyLen,
                                              CollectorStatistics::valueLen)),
         flows_(platform::shmTableReader(name + std::string(FlowTracking::flowPathSuffix),
-                                        sizeof(FlowTracking::FlowPathKey),
-                                        sizeof(FlowPathRecord))) {}
+                                        sizeof(FlowTracking::FlowPathKey), sizeof(FlowPathRecord))),
+        endpoints_(platform::shmTableReader(name + std::string(FlowTracking::endpointSuffix),
+                                            sizeof(FlowTracking::EndpointKey),
+                                            sizeof(FlowTracking::EndpointRecord))) {}
   /// Throws ErrnoException where the segment may not be read.
   std::string text(MetricsFormat format) {
-    const Counters c = countersFrom(collectors_->snapshot(), utcNow());
+    Counters c = countersFrom(collectors_->snapshot(), utcNow());
+    c.endpoints = endpointsFrom(endpoints_->snapshot());
     std::vector<FlowPathRecord> flows;
     if (const auto s = flows_->snapshot(); s.state == Counters::State::live)
       for (const auto& record : s.records)
@@ -244,186 +258,20 @@ class Source {
  private:
   std::unique_ptr<platform::ShmTableReader> collectors_;
   std::unique_ptr<platform::ShmTableReader> flows_;
-};
-
-struct Listen {
-  sockaddr_storage address{};
-  bool six() const { return address.ss_family == AF_INET6; }
-};
-
-std::string parseListen(const std::string& text, Listen& out) {
-  const auto colon = text.rfind(':');
-  std::string host = text.substr(0, colon);
-  unsigned port = 65536;
-  if (colon != std::string::npos) {
-    const char* end = text.data() + text.size();
-    const auto [at, error] = std::from_chars(text.data() + colon + 1, end, port);
-    if (error != std::errc() || at != end) port = 65536;
-  }
-  auto* four = reinterpret_cast<sockaddr_in*>(&out.address);
-  auto* six = reinterpret_cast<sockaddr_in6*>(&out.address);
-  const bool brackets = host.size() > 2 && host.front() == '[' && host.back() == ']';
-  if (port < 65536 && inet_pton(AF_INET, host.c_str(), &four->sin_addr) == 1) {
-    four->sin_family = AF_INET;
-    four->sin_port = htons(static_cast<uint16_t>(port));
-    return {};
-  }
-  if (port < 65536 && brackets &&
-      inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), &six->sin6_addr) == 1) {
-    six->sin6_family = AF_INET6;
-    six->sin6_port = htons(static_cast<uint16_t>(port));
-    return {};
-  }
-  return fmt::format("\"{}\" is no address and port: 127.0.0.1:9739, [::1]:9739, 0.0.0.0:9739",
-                     text);
-}
-
-/// The HTTP server, on the caller's thread. A client costs a slot and what the kernel buffers for
-/// it, never a wait of the others: nothing here blocks.
-class Server {
- public:
-  static constexpr unsigned connectionsMax = 64;
-  static constexpr unsigned idleSeconds = 10;
-  /// A connection lives no longer, whatever it sends or reads: a client that sends an octet now and
-  /// then would keep its slot for days.
-  static constexpr auto lifeMax = std::chrono::seconds(60);
-  /// Scrapes that come together are served one text: what clients can make of work is bounded.
-  static constexpr auto freshFor = std::chrono::milliseconds(100);
-
-  Server(Source& source, const Listen& listen) : source_(source) {
-    const unsigned flags = listen.six() ? unsigned{MHD_USE_IPv6} : 0U;
-    errno = 0;
-    daemon_ = MHD_start_daemon(flags, 0, nullptr, nullptr, &Server::handle, this,
-                               MHD_OPTION_SOCK_ADDR, &listen.address, MHD_OPTION_CONNECTION_LIMIT,
-                               connectionsMax, MHD_OPTION_CONNECTION_TIMEOUT, idleSeconds,
-                               MHD_OPTION_CONNECTION_MEMORY_LIMIT, static_cast<size_t>(16384),
-                               MHD_OPTION_LISTENING_ADDRESS_REUSE, 1U, MHD_OPTION_NOTIFY_CONNECTION,
-                               &Server::connection, this, MHD_OPTION_END);
-    if (!daemon_) throw platform::ErrnoException(errno, "cannot listen");
-  }
-  ~Server() {
-    MHD_stop_daemon(daemon_);
-    for (auto& [format, kept] : kept_)
-      if (kept.response) MHD_destroy_response(kept.response);
-  }
-  Server(const Server&) = delete;
-  Server& operator=(const Server&) = delete;
-
-  uint16_t port() const { return MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_BIND_PORT)->port; }
-  /// Serves until `stopFd` is readable.
-  ///
-  /// By select, whose few descriptors are all that there are: told by edges, as epoll does it for
-  /// this library, the end of a client comes together with its last octets and is not heard.
-  void run(int stopFd) {
-    const int listener = MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_LISTEN_FD)->listen_fd;
-    for (;;) {
-      fd_set read, write, except;
-      FD_ZERO(&read);
-      FD_ZERO(&write);
-      FD_ZERO(&except);
-      int last = stopFd;
-      FD_SET(stopFd, &read);
-      MHD_get_fdset(daemon_, &read, &write, &except, &last);
-      // Who comes while all slots are taken waits in the kernel's queue, and is not turned away.
-      if (begun_.size() >= connectionsMax) FD_CLR(listener, &read);
-      MHD_UNSIGNED_LONG_LONG ms = 1000;  // who lives too long is looked for once a second
-      if (MHD_get_timeout(daemon_, &ms) != MHD_YES || ms > 1000) ms = 1000;
-      timeval wait{static_cast<time_t>(ms / 1000), static_cast<suseconds_t>(ms % 1000 * 1000)};
-      if (select(last + 1, &read, &write, &except, begun_.empty() ? nullptr : &wait) < 0) continue;
-      if (FD_ISSET(stopFd, &read)) return;
-      MHD_run_from_select(daemon_, &read, &write, &except);
-      const auto now = Clock::now();
-      for (const auto& [fd, since] : begun_)
-        if (now - since > lifeMax) shutdown(fd, SHUT_RDWR);
-    }
-  }
-
- private:
-  struct Kept {
-    MHD_Response* response = nullptr;
-    Clock::time_point made;
-  };
-
-  static void connection(void* self, MHD_Connection* c, void**,
-                         MHD_ConnectionNotificationCode what) {
-    auto& begun = static_cast<Server*>(self)->begun_;
-    const auto* info = MHD_get_connection_info(c, MHD_CONNECTION_INFO_CONNECTION_FD);
-    if (what == MHD_CONNECTION_NOTIFY_STARTED)
-      begun[info->connect_fd] = Clock::now();
-    else
-      begun.erase(info->connect_fd);
-  }
-
-  static MHD_Result text(MHD_Connection* c, unsigned status, std::string_view body) {
-    MHD_Response* response = MHD_create_response_from_buffer(
-        body.size(), const_cast<char*>(body.data()), MHD_RESPMEM_MUST_COPY);
-    MHD_add_response_header(response, "Content-Type", "text/plain; charset=utf-8");
-    if (status == MHD_HTTP_METHOD_NOT_ALLOWED)
-      MHD_add_response_header(response, "Allow", "GET, HEAD");
-    const MHD_Result result = MHD_queue_response(c, status, response);
-    MHD_destroy_response(response);
-    return result;
-  }
-
-  static MHD_Result handle(void* self, MHD_Connection* c, const char* url, const char* method,
-                           const char*, const char*, size_t*, void** seen) {
-    // The first call is for the headers alone; an answer to it would end the connection.
-    static int once;
-    if (!*seen) {
-      *seen = &once;
-      return MHD_YES;
-    }
-    const std::string_view verb = method;
-    if (verb != "GET" && verb != "HEAD")
-      return text(c, MHD_HTTP_METHOD_NOT_ALLOWED, "GET or HEAD only\n");
-    if (std::string_view(url) == "/") return text(c, MHD_HTTP_OK, "tarnflow: see /metrics\n");
-    if (std::string_view(url) != "/metrics")
-      return text(c, MHD_HTTP_NOT_FOUND, "there is /metrics only\n");
-    return static_cast<Server*>(self)->serve(c);
-  }
-
-  MHD_Result serve(MHD_Connection* c) {
-    const char* accept = MHD_lookup_connection_value(c, MHD_HEADER_KIND, "Accept");
-    const auto format =
-        accept && std::string_view(accept).find("application/openmetrics-text") != std::string::npos
-            ? MetricsFormat::openMetrics
-            : MetricsFormat::prometheus;
-    Kept& kept = kept_[format];
-    try {
-      if (!kept.response || Clock::now() - kept.made > freshFor) {
-        const std::string body = source_.text(format);
-        if (kept.response) MHD_destroy_response(kept.response);  // who still reads it holds it
-        kept.response = MHD_create_response_from_buffer(body.size(), const_cast<char*>(body.data()),
-                                                        MHD_RESPMEM_MUST_COPY);
-        kept.made = Clock::now();
-        MHD_add_response_header(kept.response, "Content-Type",
-                                format == MetricsFormat::openMetrics
-                                    ? "application/openmetrics-text; version=1.0.0; charset=utf-8"
-                                    : "text/plain; version=0.0.4; charset=utf-8");
-      }
-    } catch (const platform::ErrnoException& e) {
-      return text(c, MHD_HTTP_INTERNAL_SERVER_ERROR, fmt::format("{}\n", e.what()));
-    }
-    return MHD_queue_response(c, MHD_HTTP_OK, kept.response);
-  }
-
-  Source& source_;
-  MHD_Daemon* daemon_ = nullptr;
-  std::map<MetricsFormat, Kept> kept_;
-  std::map<int, Clock::time_point> begun_;  // by the connection's descriptor
+  std::unique_ptr<platform::ShmTableReader> endpoints_;
 };
 
 int serve(const MetricsOptions& options, Source& source) {
-  Listen listen;
-  if (const std::string error = parseListen(options.listen, listen); !error.empty()) {
+  if (const std::string error = listenError(options.listen); !error.empty()) {
     complain("tarnflow: --listen: {}\n", error);
     return 1;
   }
   const StopSignals signals;
   std::signal(SIGPIPE, SIG_IGN);
-  std::unique_ptr<Server> server;
+  std::unique_ptr<MetricsServer> server;
   try {
-    server = std::make_unique<Server>(source, listen);
+    server = std::make_unique<MetricsServer>(
+        options.listen, [&](MetricsFormat format) { return source.text(format); });
   } catch (const platform::ErrnoException& e) {
     complain("tarnflow: {} for HTTP: {}\n", options.listen, e.what());
     return 1;
@@ -493,14 +341,10 @@ std::string metricsText(const Counters& collectors, const std::vector<FlowPathRe
               "Collectors left out: their entries were under change at every try.");
     out.sample("", static_cast<uint64_t>(collectors.unreadable));
     collectorFamilies(out, collectors.entries);
+    endpointFamilies(out, collectors.endpoints);
     flowFamilies(out, flows);
   }
   return std::move(out).text();
-}
-
-std::string listenError(const std::string& text) {
-  Listen unused;
-  return parseListen(text, unused);
 }
 
 int metrics(const MetricsOptions& options) {

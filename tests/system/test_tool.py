@@ -75,6 +75,17 @@ def test_states_of_collectors(lab, far):
     assert found["away"]["detail"] == "Network is unreachable"
     assert found["away"]["refused"]["ENETUNREACH"] > 0 and found["a"]["refused"] == {}
     assert "no interface nope0" in found["x"]["detail"] and "ns-red" in found["z"]["detail"]
+    # What was refused counts as exported, and is counted as refused beside it.
+    lost = wait_for("refusals are counted", lambda: [
+        e for e in tool_json("show", "counters", "--exporter", "lost")["endpoints"]
+        if e["refused"]])[0]
+    assert (lost["family"], lost["sent"], lost["causes"]) == (4, 0, {"ENETUNREACH": lost["refused"]})
+    assert ["edge", "lost", "IPv4", "0"] in [r[:4] for r in rows(tool("show", "counters")[1])]
+    metrics = lab.path("metrics.prom")
+    tool("metrics", "--textfile", metrics)
+    found_refused = dict(re.findall(r'tarnflow_refused_datagrams_total{.*exporter="(\w+)",family='
+                                    r'"ipv4"} (\d+)', metrics.read_text()))
+    assert int(found_refused["lost"]) >= lost["refused"] and found_refused["main"] == "0"
     a = found["a"]
     assert (a["tracker"], a["domain"], a["exporter"], a["address"], a["port"], a["sourceAddress"],
             a["vrf"], a["interface"]) == ("edge", 7, "main", "10.91.0.2", 4739, HERE4, "default",
@@ -231,6 +242,23 @@ def test_reload(lab, far):
     line = re.search(rf"^{re.escape(str(agent.file))}:\d+:\d+: .*-7.*$", error, re.M)
     assert code == 1 and not text and line and line[0] in agent.program.log()
     assert line[0] in tool_json("reload", code=1)["errors"]
+    # A drop-in that would wait for a writer, and files that somebody removed or cut off.
+    fifo = agent.file.with_suffix(".d") / "x.toml"
+    fifo.parent.mkdir()
+    os.mkfifo(fifo)
+    code, _, error = tool("reload", check=False)
+    assert code == 1 and f"{fifo}: is not a regular file" in error, error
+    fifo.unlink()
+    agent.write(config(edge()))
+    tool("reload")
+    for file in (SOCKET, "/dev/shm/tarnflow"):
+        os.unlink(file)
+    os.truncate("/dev/shm/tarnflow-endpoints", 0)
+    agent.program.process.send_signal(signal.SIGHUP)
+    for what in (f"control socket {SOCKET} was removed", "/dev/shm/tarnflow was removed",
+                 "/dev/shm/tarnflow-endpoints was truncated"):
+        agent.program.wait_log(f"{what}: it is made again")
+    assert "nothing changed" in tool("reload")[1] and counters()
     agent.write(config(edge()).replace(str(SOCKET), "/run/other.sock"))
     assert "take effect at the next start" in tool("reload")[2]
     assert agent.stop() == 0

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "cli/Metrics.h"
 #include "cli/ToolPlatform.h"
 #include "tests/unit/cli/Process.h"
@@ -48,8 +50,16 @@ TEST(CountersText, IsSortedEscapedAndAged) {
   auto snapshot = snapshotOf({entry("b\x1b[1m", collector6), entry("a", collector4)});
   snapshot.records.push_back(
       {{}, std::vector<std::byte>(sizeof(CollectorStatisticsEntry), std::byte{0xff})});  // damaged
-  const Counters c = countersFrom(snapshot, 1000);
+  Counters c = countersFrom(snapshot, 1000);
   EXPECT_TRUE(showable(c));
+  FlowTracking::EndpointRecord endpoint;
+  endpoint.key = {"a", "main", false};
+  endpoint.sent = 7;
+  c.endpoints.push_back(endpoint);
+  endpoint.key = {"b\x1b[1m", "main", true};
+  endpoint.addRefused(ENETUNREACH, 3);
+  endpoint.addRefused(EPERM, 1);
+  c.endpoints.push_back(endpoint);
   EXPECT_EQ(countersNote(c, "/tarnflow"), "1 entry could not be read");
   EXPECT_EQ(countersText(c), R"(agent pid 42, counting since 1970-01-01 00:15:00.000Z
 
@@ -62,7 +72,14 @@ a           main      10.0.0.1:4739       templates        0          5
 a           main      10.0.0.1:4739       data 256         7          0
 "b\x1b[1m"  main      [2001:db8::1]:2055  templates        0          5
 "b\x1b[1m"  main      [2001:db8::1]:2055  data 256         7          0
+
+datagrams that this host did not send, though they are counted above:
+tracker     exporter  family  taken  refused  of these  because
+"b\x1b[1m"  main      IPv6        7        4         3  Network is unreachable
+                                                    1  Operation not permitted
 )");
+  c.endpoints.pop_back();
+  EXPECT_EQ(countersText(c).find("did not send"), std::string::npos);
 }
 
 // One octet that is no UTF-8, or a quote too many, would cost a whole scrape. The agent takes no
