@@ -32,11 +32,6 @@ constexpr AttrRow msgCacheRow(std::string_view name) {
       if (!visit(toText(i), nullptr, cache[i]->stringValue())) break;
     return true;
   };
-  row.each = [](const Entity& e, const AttrRow::Visitor& visit) {
-    uint32_t i = 0;
-    for (const auto& m : static_cast<const OptionsDataExporterSm&>(e).msgCache())
-      visit(toText(i++), nullptr, m->stringValue());
-  };
   return row;
 }
 }  // namespace
@@ -419,22 +414,20 @@ void OptionsDataExporterSm::flushUpdateQueue() {
   std::optional<Seconds> later = updatesHeld_p();
   while (!update_.empty() && !later) {
     const auto [setId, record] = update_.deq();  // before sending, which others hear of
-    if (transmissions() > 0 && !tablesAgain_) {
+    if (!transmission_.empty() && !tablesAgain_) {
       changedMeanwhile_.push_back({setId, record});
       if (changedMeanwhile_.size() > changedMax) {
         changedMeanwhile_ = {};
         tablesAgain_ = true;
       }
     }
-    uint32_t consumed = builder.addSetRecord(setId, *record);
-    if (consumed == 0 && builder.recordCount() > 0) {
+    while (builder.addSetRecord(setId, *record) == 0) {
+      TARN_ASSERT_AS(builder.recordCount() > 0, "consumed > 0");
       sendMessageToCollectors(builder.finalizeMsg());
       if (retired()) return;
       later = updatesHeld_p();
       builder.startMsg();
-      consumed = builder.addSetRecord(setId, *record);
     }
-    TARN_ASSERT(consumed > 0);
     if (!later && !update_.empty() && updateTask_->shouldYield()) later = Seconds(0);
   }
   if (builder.recordCount() > 0) sendMessageToCollectors(builder.finalizeMsg());

@@ -30,6 +30,7 @@ class TARN_API OptionsDataTransmissions {
   void begin(const Ptr<Collector>& collector, std::shared_ptr<const BuiltTables> tables,
              bool periodic);
   size_t size() const { return transmission_.size(); }
+  bool empty() const { return transmission_.empty(); }
   /// Some belong to the periodic transmission.
   bool periodic() const;
   /// Hands messages to the endpoints, in turn a piece to each collector, and counts them, as long

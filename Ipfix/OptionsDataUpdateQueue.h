@@ -23,7 +23,12 @@ class TARN_API UpdateSetQueue {
   }
   void recordEnq(Ptr<const DataRecord> record) { record_.emplace_back() = std::move(record); }
   /// Removes and returns the one that leaves next; there must be one.
-  Ptr<const DataRecord> recordDel();
+  Ptr<const DataRecord> recordDel() {
+    auto record = std::move(record_.front());
+    record_.pop_front();
+    if (record_.empty() && record_.capacity() > 64) recordDelAll();
+    return record;
+  }
   void recordDelAll() { record_ = {}; }
   std::string stringValue() const;  ///< the "Value(...)" form, the records as their number
 
@@ -42,19 +47,35 @@ class TARN_API UpdateQueue {
   bool empty() const { return update_.empty(); }
   /// Octets of all records.
   uint32_t bytes() const { return bytes_; }
-  void enq(TemplateId setId, Ptr<const DataRecord> record);
+  void enq(TemplateId setId, Ptr<const DataRecord> record) {
+    if (!last_ || last_->setId() != setId) last_ = &queue_p(setId);
+    bytes_ += static_cast<uint32_t>(record->dataLen());
+    last_->recordEnq(std::move(record));
+  }
   struct Update {
     TemplateId setId;
     Ptr<const DataRecord> record;
   };
   /// Removes and returns the one that leaves next; there must be one.
-  Update deq();
+  [[gnu::always_inline]] Update deq() {
+    const auto it = update_.begin();
+    Update update{it->first, it->second.recordDel()};
+    bytes_ -= static_cast<uint32_t>(update.record->dataLen());
+    if (it->second.empty()) {
+      last_ = nullptr;
+      spare_ = update_.extract(it);
+    }
+    return update;
+  }
 
  private:
+  UpdateSetQueue& queue_p(TemplateId setId);
+
   Queues update_;
   // The queue that was emptied last, for the next template: a change that comes alone costs no
   // allocation.
   Queues::node_type spare_;
+  UpdateSetQueue* last_ = nullptr;  // that a record was added to; null: none, or it left
   uint32_t bytes_ = 0;
 };
 

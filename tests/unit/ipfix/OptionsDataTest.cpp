@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <numeric>
+#include <regex>
 
 #include "Ipfix/OptionsDataManagerSm.h"
 #include "Receiver.h"
@@ -184,6 +185,9 @@ TEST_F(OptionsDataTest, ACollectorIsOfTheFamilyItIsConfiguredIn) {
   makeTree();
   EXPECT_EQ(statsOf(dst4(9, 0))->exportedFlowRecordTotalCount(), 7u);
   EXPECT_FALSE(statsOf(Ip6AndPort()));
+  const auto sm = dataExporter().get();
+  EXPECT_TRUE(collectorFactory("c", collectorInfoFactory("c"), dst4(1), {}, sm)->isIpv4());
+  EXPECT_FALSE(collectorFactory("c", collectorInfoFactory("c"), dst4(1, 0), dst6(1), sm)->isIpv4());
 
   exporter->srcIp6AddrIs({});
   exporter->collectorIp6AndPortIs("moves", dst6(3));
@@ -193,7 +197,98 @@ TEST_F(OptionsDataTest, ACollectorIsOfTheFamilyItIsConfiguredIn) {
   exporter->collectorIp6AndPortDel("moves");
   sim->runDue();
   EXPECT_GT(arrived()["10.0.0.3:4739"][intfTable], 0u);
-  EXPECT_TRUE(dataExporter()->collector().contains("moves"));
+  EXPECT_TRUE(dataExporter()->collector("moves"));
+}
+
+TEST_F(OptionsDataTest, UnderARateLimitLittleWaitsInTheEndpoint) {
+  exporter->rateLimitIs({RateLimit::Unit::messages, 5});
+  makeSlowTree();
+  uint64_t waited = 0;
+  for (uint32_t i = 1; i <= 500; ++i) {
+    rename(i, "new" + std::to_string(i));
+    sim->advance(Seconds(0.001));
+    waited = std::max(waited, expInfo()->udpPam4()->counters().queued);
+  }
+  EXPECT_GT(waited, 0u);
+  EXPECT_LE(waited, 5u) << "what leaves within a second";
+  sim->advance(Seconds(50));
+  arrived();
+  EXPECT_EQ(nameOf(1, 500), "new500");
+  EXPECT_EQ(nameOf(1, 30000), "eth30000");
+}
+
+TEST_F(OptionsDataTest, ASetIdTooManyIsTracedOnceAndInTheTotals) {
+  Tarn::Ipfix::CollectorStatisticsEntry entry(Tarn::Ipfix::CollectorStatisticsKey(
+      "ft1", "exp1", Tarn::Ipfix::CollectorInfo::fromIpAndPort(dst4(1))));
+  for (uint16_t id = 300; id < 320; ++id) entry.setEntryInc(Tarn::Ipfix::SetId(id), 1, 0);
+  stats->statsIs(entry);
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  sim->traceLevelIs(TraceLevel::event);
+  makeTree();
+  sim->advance(Seconds(61));
+  EXPECT_EQ(statsOf(dst4(1))->exportedFlowRecordTotalCount(), 14u);
+  const auto lines = sim->takeTrace();
+  EXPECT_EQ(
+      std::count_if(lines.begin(), lines.end(),
+                    [](const auto& line) { return line.find("in the totals") < line.size(); }),
+      1);
+}
+
+// Whoever hears of the counting may take anything away: nothing is sent or counted behind that.
+TEST_F(OptionsDataTest, WatchersOfTheStatisticsMayRemoveEverything) {
+  struct Watcher final : Tarn::Ipfix::CollectorStatistics::Watcher {
+    using Base = Tarn::Ipfix::CollectorStatistics::Watcher;
+    using Base::Base;
+    void handleStats(const Tarn::Ipfix::CollectorStatisticsKey& key) override {
+      const auto entry = entity()->stats(key);
+      if (!entry || entry->lastOptionsDataSentTime() < entry->lastTemplateSentTime() || !act)
+        return;
+      std::exchange(act, {})();
+      left = entity()->size();
+    }
+    std::function<void()> act;
+    size_t left = 9;
+  };
+  Watcher watcher(stats);
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  exporter->collectorIp6AndPortIs("b", dst6(1));
+  makeTree();
+  const std::vector<std::function<void()>> acts{
+      [&] { tracker->expConfigDel("exp1"); },
+      [&] { hwConfig->ftConfigDel("ft1"); },
+      [&] { dataExporter()->retire(); },  // the endpoints stay open
+      [&] {
+        exporter->collectorIpAndPortDel("a");
+        exporter->collectorIp6AndPortDel("b");
+      },
+      [&] {
+        exporter->srcIpAddrIs({});
+        exporter->srcIp6AddrIs({});
+      },
+  };
+  for (size_t i = 0; i < 2 * acts.size(); ++i) {
+    SCOPED_TRACE(i);
+    sim->advance(Seconds(1));
+    seen();
+    watcher.act = acts[i / 2];
+    if (i % 2 == 0) {
+      intfIs("eth0", static_cast<uint32_t>(i + 1));
+      sim->advance(Seconds(1.1));
+    } else {
+      dataExporter()->resend();
+      sim->runDue();
+    }
+    EXPECT_FALSE(watcher.act);
+    EXPECT_EQ(seenCounts().size(), 1u) << "the second collector is gone";
+    EXPECT_EQ(stats->size(), watcher.left);
+    tracker->expConfigDel("exp1");
+    tracker->expConfigIs(exporter);
+    hwConfig->ftConfigIs(tracker);
+    exporter->srcIpAddrIs(source4);
+    exporter->srcIp6AddrIs(source6);
+    exporter->collectorIpAndPortIs("a", dst4(1));
+    exporter->collectorIp6AndPortIs("b", dst6(1));
+  }
 }
 
 TEST_F(OptionsDataTest, AnEmptyRecordStopsTheAgent) {
@@ -202,7 +297,6 @@ TEST_F(OptionsDataTest, AnEmptyRecordStopsTheAgent) {
   EXPECT_DEATH(manager->dataAll()->globalUpdate()->addUpdate(300, dataRecordFactory(""));
                exporter->collectorIpAndPortIs("a", dst4(1));
                sim->advance(Seconds(2)), "consumed > 0");
-  table->dataRecordDelAll();
   table->dataRecordIs(dataRecordFactory(""));
   table->versionInc(1);
   EXPECT_DEATH(exporter->collectorIpAndPortIs("a", dst4(1)); sim->runDue(), "consumed > 0");
@@ -218,7 +312,18 @@ TEST_F(OptionsDataTest, ExportersOfOneTrackerShareTheMessagesTheyAgreeOn) {
     e->collectorIpAndPortIs("a", dst4(last++));
     tracker->expConfigIs(e);
   }
+  sim->traceLevelIs(TraceLevel::detail);
   makeTree();
+  size_t added = 0;
+  for (const auto& line : sim->takeTrace()) {
+    added +=
+        line.find("added 4 records from scopeGlobal::InterfaceTable, setId: 65281") < line.size();
+    if (line.starts_with("OptionsDataExporterSm::")) {
+      EXPECT_TRUE(std::regex_search(line, std::regex("^\\w+::\\w+ for exp[123] for ft1 \\w")))
+          << line;
+    }
+  }
+  EXPECT_EQ(added, 3u) << "shared or built, each exporter's cache is traced";
   const auto tables = [&](const char* name) {
     return manager->ftManagerSm("ft1")->exporterSm(name)->msgCache(0);
   };
