@@ -35,7 +35,7 @@ struct FlowCacheCounters {
 ///
 /// Memory: 64 octets for each IPv4 flow under way, 96 for IPv6, and 15 to 30 of the index, 45 while
 /// it grows; however long flows are held, and whoever chose their keys. At most `maxFlows` are
-/// under way. What a flood took goes back to the system, but for two 64ths of what `maxFlows` take.
+/// under way. What a flood took goes back to the system, but for two chunks of each FlowTable.
 class FlowCache {
  public:
   /// A packet, parsed, on its way through the cache.

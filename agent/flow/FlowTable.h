@@ -86,8 +86,8 @@ struct SeededHash {
 ///
 /// Memory is one entry and 15 to 30 octets of the index for each flow, and nothing else that grows:
 /// each entry is in one list at a time, of a tick of the wheel or of those overdue, by links in the
-/// entries. Entries lie in 64 chunks at most, the lowest filled first, and chunks that are empty go
-/// back to the system.
+/// entries. Entries lie in 64 chunks at most, of 32,768 at least, the lowest filled first; chunks
+/// that are empty go back to the system.
 ///
 /// Times in milliseconds since 1970, from the packets. Not for several threads.
 template <class EntryType, class Hash = SeededHash>
