@@ -328,7 +328,7 @@ void FlowPath::handleTick() {
   if (ticks_++ % ticksPerTelling == 0) {
     tellCounters();
     tellFilterErrors();
-    tellFailures();
+    if (!file_) tellFailures();
   }
   if (file_ && fileDone_) followFile();
 }
@@ -341,12 +341,14 @@ void FlowPath::followFile() {
     host_.log.info(who + std::to_string(file_->percent()) + " % of the capture was read",
                    {.tracker = tracker_});
   }
-  if (hold_) {
-    if (now - heldSince_ < readyMax) return;
-    host_.log.error(who + "the capture is not exported: no collector was ready for " +
-                        std::to_string(readyMax.count()) + " s",
-                    {.tracker = tracker_});
+  std::string problem = file_->done() ? file_->failure() : std::string();
+  if (hold_ && now - heldSince_ >= readyMax)
+    problem = "no collector was ready for " + std::to_string(readyMax.count()) + " s";
+  if (!problem.empty()) {
+    host_.log.error(who + "the capture is not exported: " + problem, {.tracker = tracker_});
     std::exchange(fileDone_, nullptr)(false);
+  } else if (hold_) {
+    return;
   } else if (file_->done() && drain(*file_)) {
     drainTask_->scheduleLowestIs(Seconds(0));
   } else if (file_->done() && export_.queued() == 0) {
