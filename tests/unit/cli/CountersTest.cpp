@@ -76,7 +76,7 @@ a           main      10.0.0.1:4739       data 256         7          0
 datagrams that this host did not send, though they are counted above:
 tracker     exporter  family  taken  refused  of these  because
 "b\x1b[1m"  main      IPv6        7        4         3  Network is unreachable
-                                                    1  Operation not permitted
+                                                     1  Operation not permitted
 )");
   c.endpoints.pop_back();
   EXPECT_EQ(countersText(c).find("did not send"), std::string::npos);
