@@ -4,11 +4,11 @@ namespace FlowTracking {
 
 AttrRows IntfIndexMap::attrRows() const {
   static constexpr AttrRow rows[] = {
-      mapRow<&IntfIndexMap::intfIndex>("intfIndex"),
-      mapRow<&IntfIndexMap::intfId>("intfId"),
+      mapRow<&IntfIndexMap::intfIndex_>("intfIndex"),
+      mapRow<&IntfIndexMap::intfId_>("intfId"),
   };
   return rows;
 }
-Ptr<IntfIndexMap> intfIndexMapFactory() { return Ptr<IntfIndexMap>::adopt(new IntfIndexMap); }
+Ptr<IntfIndexMap> intfIndexMapFactory() { return make<IntfIndexMap>(); }
 
 }  // namespace FlowTracking

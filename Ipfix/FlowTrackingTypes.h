@@ -9,8 +9,8 @@
 namespace FlowTracking {
 
 /// The 32-bit index that flow records carry for each interface, and back. The host writes both
-/// maps and keeps them each other's inverse; the library only reads. Interfaces must not take one
-/// of the reserved indexes, nor a name without octets or of more than 254.
+/// maps and keeps them each other's inverse; the library only reads them. An interface must not
+/// have one of the reserved indexes; its name has 1 to `nameMax` octets.
 class TARN_API IntfIndexMap final : public Entity {
  public:
   class TARN_API Watcher : public EntityWatcher<IntfIndexMap> {
@@ -33,15 +33,20 @@ class TARN_API IntfIndexMap final : public Entity {
     return index == multicastIndex || index == discardIndex || index == cpuIndex ||
            index == unknownIndex;
   }
-  static constexpr size_t nameMax = 254;  ///< octets: one length octet below 255 (RFC 7011, 7)
+  /// Octets: the longest that one length octet below 255 announces (RFC 7011, 7).
+  static constexpr size_t nameMax = 254;
 
   const std::map<IntfId, uint32_t>& intfIndex() const { return intfIndex_; }
+  /// `unknownIndex` where the interface has none.
+  uint32_t intfIndex(const IntfId& id) const { return find(intfIndex_, id); }
   void intfIndexIs(const IntfId& id, uint32_t index) {
     put(intfIndex_, id, index, &Watcher::handleIntfIndex);
   }
   void intfIndexDel(const IntfId& id) { del(intfIndex_, id, &Watcher::handleIntfIndex); }
   void intfIndexDelAll() { delAll(intfIndex_, &Watcher::handleIntfIndex); }
   const std::unordered_map<uint32_t, IntfId>& intfId() const { return intfId_; }
+  /// Empty where no interface has that index.
+  IntfId intfId(uint32_t index) const { return find(intfId_, index); }
   void intfIdIs(uint32_t index, const IntfId& id) {
     put(intfId_, index, id, &Watcher::handleIntfId);
   }

@@ -9,7 +9,7 @@ inline std::string toText(FlowTrackingType t) {
   return t == FlowTrackingType::software ? "software" : "hardware";
 }
 
-/// How the agent tracks flows.
+/// Who exports the flow records.
 class TARN_API Config final : public Entity {
  public:
   class TARN_API Watcher : public EntityWatcher<Config> {
@@ -17,7 +17,8 @@ class TARN_API Config final : public Entity {
     using EntityWatcher::EntityWatcher;
     virtual void handleSwExport() {}
   };
-  /// Records are exported by this agent's software, whoever tracks: trackers have local collectors.
+  /// The agent exports the flow records itself, in software, whether it or the hardware tracks the
+  /// flows. Each tracker then has a local collector (`LocalCollectorConfigSm`).
   bool swExport() const { return swExport_; }
   void swExportIs(bool v) { set(swExport_, v, &Watcher::handleSwExport); }
 
@@ -28,7 +29,7 @@ class TARN_API Config final : public Entity {
 };
 TARN_API Ptr<Config> configFactory();
 
-/// Requests of the operator to the library.
+/// What the operator asks the library to do.
 class TARN_API ConfigReq final : public Entity {
  public:
   class TARN_API Watcher : public EntityWatcher<ConfigReq> {
@@ -36,7 +37,7 @@ class TARN_API ConfigReq final : public Entity {
     using EntityWatcher::EntityWatcher;
     virtual void handleClearCounters() {}
   };
-  /// Any new value asks for the collectors' counters to be cleared once.
+  /// Setting another value than before clears the collectors' counters once.
   uint32_t clearCounters() const { return clearCounters_; }
   void clearCountersIs(uint32_t v) { set(clearCounters_, v, &Watcher::handleClearCounters); }
 

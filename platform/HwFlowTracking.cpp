@@ -1,6 +1,12 @@
 #include "platform/HwFlowTracking.h"
 
+#include <stdexcept>
+
 namespace HwFlowTracking {
+
+void detail::refuse(const char* attribute, const std::string& value, const char* allowed) {
+  throw std::range_error(std::string(attribute) + ": " + value + " is not " + allowed);
+}
 
 AttrRows ExporterConfig::attrRows() const {
   using E = ExporterConfig;
@@ -13,8 +19,8 @@ AttrRows ExporterConfig::attrRows() const {
       row<&E::rateLimit, &E::rateLimitIs>("rateLimit"),
       row<&E::srcIpAddr, &E::srcIpAddrIs>("srcIpAddr"),
       row<&E::srcIp6Addr, &E::srcIp6AddrIs>("srcIp6Addr"),
-      mapRow<&E::collectorIpAndPort>("collectorIpAndPort"),
-      mapRow<&E::collectorIp6AndPort>("collectorIp6AndPort"),
+      mapRow<&E::collectorIpAndPort_>("collectorIpAndPort"),
+      mapRow<&E::collectorIp6AndPort_>("collectorIp6AndPort"),
       row<&E::exporter4Ready, &E::exporter4ReadyIs>("exporter4Ready"),
       row<&E::exporter6Ready, &E::exporter6ReadyIs>("exporter6Ready"),
       row<&E::rxPort4, &E::rxPort4Is>("rxPort4"),
@@ -23,7 +29,7 @@ AttrRows ExporterConfig::attrRows() const {
   return rows;
 }
 Ptr<ExporterConfig> exporterConfigFactory(const std::string& name) {
-  return Ptr<ExporterConfig>::adopt(new ExporterConfig(name));
+  return make<ExporterConfig>(name);
 }
 
 AttrRows LocalCollectorConfig::attrRows() const {
@@ -40,17 +46,7 @@ AttrRows LocalCollectorConfig::attrRows() const {
   };
   return rows;
 }
-Ptr<LocalCollectorConfig> localCollectorConfigFactory() {
-  return Ptr<LocalCollectorConfig>::adopt(new LocalCollectorConfig);
-}
-
-namespace {
-using ExpConfigMap = const std::map<std::string, Ptr<ExporterConfig>>& (FtConfig::*)() const;
-using FtConfigMap = const std::map<std::string, Ptr<FtConfig>>& (Config::*)() const;
-using FtStatusMap = const std::map<std::string, Ptr<FtStatus>>& (Status::*)() const;
-using TemplateMap =
-    const std::map<FlowTracking::TemplateId, Ptr<TemplateStatus>>& (FtStatus::*)() const;
-}  // namespace
+Ptr<LocalCollectorConfig> localCollectorConfigFactory() { return make<LocalCollectorConfig>(); }
 
 AttrRows FtConfig::attrRows() const {
   static constexpr AttrRow rows[] = {
@@ -59,20 +55,19 @@ AttrRows FtConfig::attrRows() const {
       row<&FtConfig::activeInterval, &FtConfig::activeIntervalIs>("activeInterval"),
       row<&FtConfig::localPort, &FtConfig::localPortIs>("localPort"),
       childRow<&FtConfig::localCollectorConfig>("localCollectorConfig"),
-      mapRow<static_cast<ExpConfigMap>(&FtConfig::expConfig)>("expConfig"),
+      mapRow<&FtConfig::expConfig_>("expConfig"),
   };
   return rows;
 }
 Ptr<FtConfig> ftConfigFactory(const std::string& name, FlowTracking::FtId ftId) {
-  return Ptr<FtConfig>::adopt(new FtConfig(name, ftId));
+  return make<FtConfig>(name, ftId);
 }
 
 AttrRows Config::attrRows() const {
-  static constexpr AttrRow rows[] = {
-      mapRow<static_cast<FtConfigMap>(&Config::ftConfig)>("ftConfig")};
+  static constexpr AttrRow rows[] = {mapRow<&Config::ftConfig_>("ftConfig")};
   return rows;
 }
-Ptr<Config> configFactory() { return Ptr<Config>::adopt(new Config); }
+Ptr<Config> configFactory() { return make<Config>(); }
 
 std::string FtTemplateEntry::stringValue() const {
   return ValueWriter("HwFlowTracking::FtTemplateEntry")
@@ -83,40 +78,49 @@ std::string FtTemplateEntry::stringValue() const {
       .attr("flowKey", flowKey_)
       .str();
 }
+std::optional<FtTemplateEntry> FtTemplateEntry::fromString(std::string_view text) {
+  FtTemplateEntry e;
+  const bool ok = ValueReader("HwFlowTracking::FtTemplateEntry", text)
+                      .attr("position", e.position_)
+                      .attr("fieldId", e.fieldId_)
+                      .attr("fieldLen", e.fieldLen_)
+                      .attr("enterpriseIe", e.enterpriseIe_)
+                      .attr("flowKey", e.flowKey_)
+                      .ok();
+  return ok ? std::optional(e) : std::nullopt;
+}
 
 AttrRows TemplateStatus::attrRows() const {
   static constexpr AttrRow rows[] = {
       row<&TemplateStatus::templateId>("templateId"),
-      mapRow<&TemplateStatus::ftTemplateEntry>("ftTemplateEntry"),
+      mapRow<&TemplateStatus::ftTemplateEntry_>("ftTemplateEntry"),
       row<&TemplateStatus::genId, &TemplateStatus::genIdIs>("genId"),
   };
   return rows;
 }
 Ptr<TemplateStatus> templateStatusFactory(FlowTracking::TemplateId templateId) {
-  return Ptr<TemplateStatus>::adopt(new TemplateStatus(templateId));
+  return make<TemplateStatus>(templateId);
 }
 
 AttrRows FtStatus::attrRows() const {
   static constexpr AttrRow rows[] = {
       row<&FtStatus::name>("name"),
-      mapRow<static_cast<TemplateMap>(&FtStatus::templateStatus)>("templateStatus"),
+      mapRow<&FtStatus::templateStatus_>("templateStatus"),
       row<&FtStatus::activeInterval, &FtStatus::activeIntervalIs>("activeInterval"),
       row<&FtStatus::inactiveTimeout, &FtStatus::inactiveTimeoutIs>("inactiveTimeout"),
       row<&FtStatus::sampleRate, &FtStatus::sampleRateIs>("sampleRate"),
   };
   return rows;
 }
-Ptr<FtStatus> ftStatusFactory(const std::string& name) {
-  return Ptr<FtStatus>::adopt(new FtStatus(name));
-}
+Ptr<FtStatus> ftStatusFactory(const std::string& name) { return make<FtStatus>(name); }
 
 AttrRows Status::attrRows() const {
   static constexpr AttrRow rows[] = {
-      mapRow<static_cast<FtStatusMap>(&Status::ftStatus)>("ftStatus"),
+      mapRow<&Status::ftStatus_>("ftStatus"),
       row<&Status::sampleRate, &Status::sampleRateIs>("sampleRate"),
   };
   return rows;
 }
-Ptr<Status> statusFactory() { return Ptr<Status>::adopt(new Status); }
+Ptr<Status> statusFactory() { return make<Status>(); }
 
 }  // namespace HwFlowTracking

@@ -17,19 +17,22 @@ class TARN_API Status final : public platform::Entity {
   };
   /// Ids below 0xffffff, which stands for "no VRF" in flow records.
   const std::map<platform::VrfId, platform::VrfName>& vrf() const { return vrf_; }
+  /// Empty where there is no VRF of that id.
+  platform::VrfName vrf(platform::VrfId id) const { return find(vrf_, id); }
   void vrfIs(platform::VrfId id, const platform::VrfName& name) {
     put(vrf_, id, name, &Watcher::handleVrf);
   }
   void vrfDel(platform::VrfId id) { del(vrf_, id, &Watcher::handleVrf); }
+  void vrfDelAll() { delAll(vrf_, &Watcher::handleVrf); }
 
   platform::AttrRows attrRows() const override {
-    static constexpr platform::AttrRow rows[] = {platform::mapRow<&Status::vrf>("vrf")};
+    static constexpr platform::AttrRow rows[] = {platform::mapRow<&Status::vrf_>("vrf")};
     return rows;
   }
 
  private:
   std::map<platform::VrfId, platform::VrfName> vrf_;
 };
-inline platform::Ptr<Status> statusFactory() { return platform::Ptr<Status>::adopt(new Status); }
+inline platform::Ptr<Status> statusFactory() { return platform::make<Status>(); }
 
 }  // namespace Vrf::VrfIdMap

@@ -745,16 +745,16 @@ TEST_F(CollectorTest, ReadsNoFasterThanRecordsLeave) {
 
 TEST_F(CollectorTest, WhatFitsDependsOnTheSmallestExporter) {
   auto small = HwFlowTracking::exporterConfigFactory("small");
-  small->ipfixMtuIs(48 + 20 + 100);
+  small->ipfixMtuIs(48 + 20 + 300);
   tracker->expConfigIs(small);
   follow();
-  const auto wide = message(templates(300, {{82, 100}}) + templates(301, {{82, 101}}));
+  const auto wide = message(templates(300, {{82, 300}}) + templates(301, {{82, 301}}));
   send(wide);
   EXPECT_EQ(ftStatus->templateStatus().size(), 1u);
   small->ipfixMtuIs(1500);
   send(wide);
   EXPECT_EQ(ftStatus->templateStatus().size(), 2u);
-  small->ipfixMtuIs(48 + 20 + 100);
+  small->ipfixMtuIs(48 + 20 + 300);
   EXPECT_EQ(ftStatus->templateStatus().size(), 1u);
   tracker->expConfigDel("small");
   send(wide);

@@ -3,6 +3,7 @@
 #include <random>
 #include <set>
 
+#include "Ipfix/FlowTrackingTypes.h"
 #include "Tree.h"
 
 namespace FlowTracking {
@@ -309,6 +310,25 @@ TEST_F(RestlessHost, EndsWithWhatIsConfigured) {
     hwConfig = HwFlowTracking::configFactory();
     info = flowTrackingInfoFactory(FlowTrackingType::software);
   }
+}
+TEST(IntfIndexMap, IsReadByKeyAndNotifiesByKey) {
+  struct Heard : IntfIndexMap::Watcher {
+    using Watcher::Watcher;
+    void handleIntfIndex(const IntfId& id) override { log += id.stringValue() + ' '; }
+    void handleIntfId(uint32_t index) override { log += std::to_string(index) + ' '; }
+    std::string log;
+  };
+  const auto map = intfIndexMapFactory();
+  map->intfIndexIs(IntfId("eth0"), 5);
+  map->intfIdIs(5, IntfId("eth0"));
+  Heard heard(map);
+  EXPECT_EQ(map->intfIndex(IntfId("eth0")), 5u);
+  EXPECT_EQ(map->intfId(5), IntfId("eth0"));
+  map->intfIndexDel(IntfId("eth0"));
+  map->intfIdDelAll();
+  EXPECT_EQ(heard.log, "eth0 5 ");
+  EXPECT_EQ(map->intfIndex(IntfId("eth0")), IntfIndexMap::unknownIndex);
+  EXPECT_EQ(map->intfId(5), IntfId());
 }
 TEST_F(InfoTest, AnEntryWithoutConfigurationGoes) {
   makeTree();

@@ -99,11 +99,11 @@ TEST_F(OptionsDataTest, ChangesLeaveWithinTheCoalescingDelayOrWhenAMessageIsFull
   sim->advance(Seconds(5));
   EXPECT_TRUE(arrived().empty()) << "a removal has no form on the wire";
 
-  exporter->ipfixMtuIs(48 + 20 + 3 * 9);
-  intfIs("a000", 11);
-  intfIs("a001", 12);
+  exporter->ipfixMtuIs(48 + 20 + 3 * 90);
+  intfIs(std::string(85, 'a'), 11);
+  intfIs(std::string(85, 'b'), 12);
   EXPECT_TRUE(arrived().empty());
-  intfIs("a002", 13);  // 20 octets of headers and 27 of records: full
+  intfIs(std::string(85, 'c'), 13);  // 20 octets of headers and 270 of records: full
   sim->runDue();
   EXPECT_EQ(arrived(), (Arrived{{"10.0.0.1:4739", {{intfTable, 3}}}}));
 

@@ -3,11 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <map>
 #include <random>
 
 #include "platform/FlowTracking.h"
 #include "platform/HwFlowTracking.h"
+#include "platform/Vrf.h"
 #include "platform/VrfStatus.h"
 
 using namespace platform;
@@ -464,6 +466,9 @@ TEST(ByName, EveryAttributeReadsBackAndRefusesNonsense) {
                                                     {"rateLimit", "8000 messages/s"}};
   const std::vector<std::string> nonsense = {"",     "x",     "-1 ",   " 1",  "1 ",
                                              "0x10", "'open", "1e999", "nan", "inf"};
+  const std::multimap<std::string, std::string> outOfRange = {
+      {"ipfixMtu", "326"},        {"ipfixMtu", "65536"},     {"dscp", "64"},
+      {"activeInterval", "-0.1"}, {"inactiveTimeout", "-1"}, {"inactiveTimeout", "65535"}};
   const std::vector<std::string> tooLong = {std::string(101, 'v')};  // all a name can do wrong
   size_t settable = 0;
   for (const auto& [type, e] : allTypes()) {
@@ -503,12 +508,81 @@ TEST(ByName, EveryAttributeReadsBackAndRefusesNonsense) {
         EXPECT_EQ(e->attrTextIs(r.name, bad), AttrResult::badText) << bad;
         EXPECT_EQ(e->attrText(r.name), to) << bad;
       }
+      const auto [from, behind] = outOfRange.equal_range(std::string(r.name));
+      for (auto it = from; it != behind; ++it)
+        EXPECT_EQ(e->attrTextIs(r.name, it->second), AttrResult::badText) << it->second;
     }
     EXPECT_EQ(e->attrText("nosuch"), std::nullopt);
     EXPECT_EQ(e->attrTextIs("nosuch", "1"), AttrResult::unknownName);
     EXPECT_EQ(e->attrRun("nosuch"), AttrResult::unknownName);
   }
   EXPECT_EQ(settable, 28u) << "a new attribute wants a row in the table above";
+}
+
+TEST(HwEntities, RefuseWhatNoMessageCanCarry) {
+  using namespace HwFlowTracking;
+  const std::string longName(nameMax + 1, 'n');
+  const auto status = ftStatusFactory(std::string(nameMax, 'n'));
+  const std::pair<std::function<void()>, std::string> rows[] = {
+      {[] { exporterConfigFactory("e")->ipfixMtuIs(40); },
+       "ExporterConfig::ipfixMtu: 40 is not from 327 to 65535 octets"},
+      {[] { ftConfigFactory("t", 1)->activeIntervalIs(0); }, "FtConfig::activeInterval: 0"},
+      {[&] { status->activeIntervalIs(Seconds(std::nan(""))); }, "FtStatus::activeInterval: nan"},
+      {[&] { status->inactiveTimeoutIs(Seconds(-1)); }, "FtStatus::inactiveTimeout: -1"},
+      {[] { statusFactory()->sampleRateIs(0); }, "Status::sampleRate: 0"},
+      {[] { templateStatusFactory(255); }, "TemplateStatus::templateId: 255"},
+      {[] { templateStatusFactory(65281); }, "TemplateStatus::templateId: 65281"},
+      {[&] { exporterConfigFactory(longName); }, "ExporterConfig::name: 'nnn"},
+      {[&] { ftConfigFactory(longName, 1); }, "FtConfig::ftName: 'nnn"},
+      {[&] { ftStatusFactory(longName); }, "FtStatus::name: 'nnn"}};
+  for (const auto& [f, text] : rows) {
+    try {
+      f();
+      ADD_FAILURE() << text;
+    } catch (const std::range_error& e) {
+      EXPECT_TRUE(std::string_view(e.what()).starts_with(text)) << e.what();
+    }
+  }
+  FtTemplateEntry entry(3, 82);
+  entry.fieldLenIs(65535);
+  entry.flowKeyIs(true);
+  const std::string text = entry.stringValue();
+  EXPECT_EQ(FtTemplateEntry::fromString(text), entry);
+  EXPECT_EQ(FtTemplateEntry::fromString(text.substr(1)), std::nullopt);
+}
+
+TEST(HwEntities, LookUpAndDeleteByKey) {
+  using namespace HwFlowTracking;
+  const auto exporter = exporterConfigFactory("e");
+  exporter->collectorIpAndPortIs("c", {IpAddr(1), 4739});
+  exporter->collectorIp6AndPortIs("c", {Ip6Addr(), 1});
+  EXPECT_EQ(exporter->collectorIpAndPort("c"), (IpAndPort{IpAddr(1), 4739}));
+  EXPECT_EQ(exporter->collectorIp6AndPort("d"), Ip6AndPort());
+  exporter->collectorIpAndPortDelAll();
+  exporter->collectorIp6AndPortDelAll();
+  EXPECT_TRUE(exporter->collectorIpAndPort().empty() && exporter->collectorIp6AndPort().empty());
+  const auto tracker = ftConfigFactory("t", 7);
+  tracker->expConfigIs(exporter);
+  tracker->expConfigDelAll();
+  EXPECT_FALSE(tracker->expConfig("e"));
+  const auto layout = templateStatusFactory(256);
+  layout->ftTemplateEntryIs({3, 82});
+  EXPECT_EQ(layout->ftTemplateEntry(3).fieldId(), 82u);
+  EXPECT_EQ(layout->ftTemplateEntry(4), FtTemplateEntry());
+  const auto status = ftStatusFactory("t");
+  status->templateStatusIs(layout);
+  status->templateStatusDelAll();
+  EXPECT_FALSE(status->templateStatus(256));
+  const auto ids = Vrf::VrfIdMap::statusFactory();
+  ids->vrfIs(7, VrfName("red"));
+  EXPECT_EQ(ids->vrf(7), VrfName("red"));
+  ids->vrfDelAll();
+  EXPECT_TRUE(ids->vrf(7).empty());
+  const auto vrfs = Ip::allVrfStatusLocalFactory();
+  vrfs->vrfIs(VrfName("red"), 3);
+  EXPECT_EQ(vrfs->vrf(VrfName("red")), 3u);
+  vrfs->vrfDelAll();
+  EXPECT_EQ(vrfs->vrf(VrfName("red")), 0u);
 }
 
 }  // namespace
