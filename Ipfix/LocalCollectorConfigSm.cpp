@@ -1,8 +1,5 @@
 #include "Ipfix/LocalCollectorConfigSm.h"
 
-#include <functional>
-#include <vector>
-
 #include "platform/Assert.h"
 #include "platform/Platform.h"
 #include "platform/Trace.h"
@@ -27,24 +24,21 @@ AttrRows LocalCollectorPams::attrRows() const {
   return rows;
 }
 Ptr<LocalCollectorPams> localCollectorPamsFactory(const std::string& name) {
-  return Ptr<LocalCollectorPams>::adopt(new LocalCollectorPams(name));
+  return make<LocalCollectorPams>(name);
 }
 
-class LocalCollectorConfigSm::FtConfigSm final : public HwFlowTracking::FtConfig::Watcher {
+class LocalCollectorConfigSm::FtConfigSm final
+    : public NestedReactor<HwFlowTracking::FtConfig, LocalCollectorConfigSm> {
  public:
-  explicit FtConfigSm(LocalCollectorConfigSm& sm) : Watcher(sm.ftHwConfig_), sm_(sm) {}
+  using NestedReactor::NestedReactor;
   void handleExpConfig(const std::string& /*name*/) override { sm_.handleExporterConfig(); }
   void handleLocalPort() override { sm_.handleExporterConfig(); }
-
- private:
-  LocalCollectorConfigSm& sm_;
 };
 
 class LocalCollectorConfigSm::ExporterConfigSm final
-    : public HwFlowTracking::ExporterConfig::Watcher {
+    : public NestedReactor<HwFlowTracking::ExporterConfig, LocalCollectorConfigSm> {
  public:
-  ExporterConfigSm(LocalCollectorConfigSm& sm, Ptr<HwFlowTracking::ExporterConfig> config)
-      : Watcher(std::move(config)), sm_(sm) {}
+  using NestedReactor::NestedReactor;
   void handleSrcIpAddr() override { changed(); }
   void handleSrcIp6Addr() override { changed(); }
   void handleVrfName() override { changed(); }
@@ -53,17 +47,14 @@ class LocalCollectorConfigSm::ExporterConfigSm final
   void handleExporter6Ready() override { changed(); }
 
  private:
-  void changed() { sm_.handleExporterReady(std::string(entity()->name())); }
-  LocalCollectorConfigSm& sm_;
+  void changed() { sm_.handleExporterReady(entity()->name()); }
 };
 
-class LocalCollectorConfigSm::VrfStatusSm final : public Ip::AllVrfStatusLocal::Watcher {
+class LocalCollectorConfigSm::VrfStatusSm final
+    : public NestedReactor<Ip::AllVrfStatusLocal, LocalCollectorConfigSm> {
  public:
-  explicit VrfStatusSm(LocalCollectorConfigSm& sm) : Watcher(sm.allVrfStatusLocal_), sm_(sm) {}
+  using NestedReactor::NestedReactor;
   void handleVrf(const VrfName& vrf) override { sm_.handleVrf_p(vrf); }
-
- private:
-  LocalCollectorConfigSm& sm_;
 };
 
 LocalCollectorConfigSm::LocalCollectorConfigSm(const std::string& ftName, Ptr<const Config> config,
@@ -77,17 +68,15 @@ LocalCollectorConfigSm::LocalCollectorConfigSm(const std::string& ftName, Ptr<co
       lcPams_(std::move(lcPams)),
       allVrfStatusLocal_(std::move(allVrfStatusLocal)),
       scheduler_(std::move(scheduler)),
-      ftConfigSm_(std::make_unique<FtConfigSm>(*this)),
-      vrfStatusSm_(std::make_unique<VrfStatusSm>(*this)),
-      pamRetryTask_(scheduler_->timerTask("ipfixLocalCollectorTask", taskPriority,
-                                          [this] { reviewPamCreation(); })) {
+      ftConfigSm_(std::make_unique<FtConfigSm>(ftHwConfig_, *this)),
+      vrfStatusSm_(std::make_unique<VrfStatusSm>(allVrfStatusLocal_, *this)),
+      pamRetryTask_(reactorTask(scheduler_, "ipfixLocalCollectorTask", taskPriority, *this,
+                                &LocalCollectorConfigSm::reviewPamCreation)) {
   handleInitialized();
 }
-LocalCollectorConfigSm::~LocalCollectorConfigSm() {
-  vrfStatusSm_.reset();  // no handler may run on what is going away
-  ftConfigSm_.reset();
-  exporterConfigDelAll();
-  pamRetryTask_.reset();
+LocalCollectorConfigSm::~LocalCollectorConfigSm() = default;
+void LocalCollectorConfigSm::handleRetired() {
+  pamRetryTask_->stop();
   cleanup();
 }
 
@@ -97,9 +86,20 @@ void LocalCollectorConfigSm::handleInitialized() {
   handleExporterConfig();
 }
 
+std::map<std::string, Ptr<const HwFlowTracking::ExporterConfig>>
+LocalCollectorConfigSm::exporterConfig() const {
+  std::map<std::string, Ptr<const HwFlowTracking::ExporterConfig>> all;
+  for (const auto& [name, sm] : exporterConfig_) all.emplace(name, sm->entity());
+  return all;
+}
+Ptr<const HwFlowTracking::ExporterConfig> LocalCollectorConfigSm::exporterConfig(
+    const std::string& name) const {
+  const auto it = exporterConfig_.find(name);
+  return Ptr(it == exporterConfig_.end() ? nullptr : it->second->entity());
+}
 void LocalCollectorConfigSm::exporterConfigIs(const std::string& name,
                                               Ptr<HwFlowTracking::ExporterConfig> config) {
-  exporterConfig_[name] = std::make_unique<ExporterConfigSm>(*this, std::move(config));
+  exporterConfig_[name] = std::make_unique<ExporterConfigSm>(std::move(config), *this);
 }
 void LocalCollectorConfigSm::exporterConfigDel(const std::string& name) {
   exporterConfig_.erase(name);
@@ -113,13 +113,11 @@ Ptr<HwFlowTracking::ExporterConfig> LocalCollectorConfigSm::chosen_p() const {
 }
 
 void LocalCollectorConfigSm::handleExporterConfig() {
-  const Ptr<LocalCollectorConfigSm> hold(this);  // who hears of this may delete the tracker
-  const auto exporters = ftHwConfig_->expConfig();
-  std::erase_if(exporterConfig_, [&](const auto& watched) {
-    const auto it = exporters.find(watched.first);
-    return it == exporters.end() || it->second.get() != watched.second->entity();
+  if (retired()) return;
+  std::erase_if(exporterConfig_, [this](const auto& watched) {
+    return ftHwConfig_->expConfig(watched.first).get() != watched.second->entity();
   });
-  for (const auto& [name, exporter] : exporters)
+  for (const auto& [name, exporter] : ftHwConfig_->expConfig())
     if (!exporterConfig_.contains(name)) exporterConfigIs(name, exporter);
   if (const auto exporter = chosen_p()) {
     serve_p(*exporter);
@@ -129,7 +127,7 @@ void LocalCollectorConfigSm::handleExporterConfig() {
 }
 
 void LocalCollectorConfigSm::handleExporterConfig(const std::string& name) {
-  const Ptr<LocalCollectorConfigSm> hold(this);
+  if (retired()) return;
   const auto exporter = chosen_p();
   if (exporter && exporter->name() == name) {
     serve_p(*exporter);
@@ -138,9 +136,9 @@ void LocalCollectorConfigSm::handleExporterConfig(const std::string& name) {
   }
 }
 
-// Readiness itself is no condition: it tells of the exporter's way to its collectors, and where
-// those cannot be reached the tracking side still needs an address. Its changes come with those of
-// the address, the VRF and the endpoints.
+// The local collector does not depend on the exporter's readiness: that concerns the way to the
+// collectors, and the tracking side needs an address even where they cannot be reached. But
+// readiness changes along with the address, the VRF and the endpoints, so this looks again.
 void LocalCollectorConfigSm::handleExporterReady(const std::string& /*name*/) {
   handleExporterConfig();
 }
@@ -152,127 +150,98 @@ void LocalCollectorConfigSm::handleVrf_p(const VrfName& vrf) {
 
 void LocalCollectorConfigSm::serve_p(const HwFlowTracking::ExporterConfig& exporter) {
   const bool v4 = !exporter.srcIpAddr().isZero();
-  Place place{.expName = exporter.name(),
-              .vrf = exporter.vrfName(),
-              .vrfInstance = 0,
-              .addr = v4 ? IpGenAddr(exporter.srcIpAddr()) : IpGenAddr(exporter.srcIp6Addr()),
-              .localPort = ftHwConfig_->localPort()};
-  // An endpoint of a namespace that was replaced hears nothing more.
-  if (const auto& all = allVrfStatusLocal_->vrf(); all.contains(place.vrf))
-    place.vrfInstance = all.at(place.vrf);
-  const auto& lcConfig = lcConfig_p();
-  if (lcConfig->exporterReady() && served_ == place) {
-    lcConfig->dscpValueIs(exporter.dscp());
+  const Place place{.expName = exporter.name(),
+                    .vrf = exporter.vrfName(),
+                    // An endpoint of a namespace that was replaced receives nothing any more.
+                    .vrfInstance = allVrfStatusLocal_->vrf(exporter.vrfName()),
+                    .addr = v4 ? IpGenAddr(exporter.srcIpAddr()) : IpGenAddr(exporter.srcIp6Addr()),
+                    .localPort = ftHwConfig_->localPort()};
+  if (lcConfig_p()->exporterReady() && served_ == place) {
+    lcConfig_p()->dscpValueIs(exporter.dscp());
     return;
   }
-  cleanup();
+  if (!cleanup_p()) return;
   served_ = place;
-  if (v4) {
-    createPam4(place.expName, place.addr, place.vrf);
-  } else {
-    createPam6(place.expName, place.addr, place.vrf);
-  }
-  const Ptr<UdpPam> pam = v4 ? lcPams_->udpPam4() : lcPams_->udpPam6();
-  if (!pam) return;
-  const uint16_t port = pam->rxPort();
-  const DscpValue dscp = exporter.dscp();
-  const std::function<void()> steps[] = {
-      [&] { lcConfig->expNameIs(place.expName); },
-      [&] { lcConfig->vrfNameIs(place.vrf); },
-      [&] { lcConfig->srcIpIs(place.addr); },
-      [&] { lcConfig->srcPortIs(port); },
-      [&] { lcConfig->destIpIs(place.addr); },
-      [&] { lcConfig->destPortIs(port); },
-      [&] { lcConfig->dscpValueIs(dscp); },
-      [&] { lcConfig->exporterReadyIs(true); },
-      [&] { v4 ? lcPams_->udpPam4ReadyIs(true) : lcPams_->udpPam6ReadyIs(true); },
-  };
-  for (const auto& step : steps) {
-    if (served_ != place) return;  // who heard of the last step changed everything
-    step();
-  }
-  trace(TraceLevel::event, "LocalCollectorConfigSm::", "handleExporterConfig ",
-        traceId_p(place.expName), " Resolved ip/port ", place.addr.stringValue(), " ", port);
+  v4 ? open_p<V4>(exporter) : open_p<V6>(exporter);
+}
+template <class F>
+void LocalCollectorConfigSm::open_p(const HwFlowTracking::ExporterConfig& exporter) {
+  const Place place = served_;
+  const uint32_t change = change_;
+  createPam_p<F>(place.expName, place.addr, place.vrf);
+  if (change != change_) return;
+  const auto& lcConfig = lcConfig_p();
+  const uint16_t port = F::pam(*lcPams_)->rxPort();
+  const bool written = inOrder_p(
+      [&] { lcConfig->expNameIs(place.expName); }, [&] { lcConfig->vrfNameIs(place.vrf); },
+      [&] { lcConfig->srcIpIs(place.addr); }, [&] { lcConfig->srcPortIs(port); },
+      [&] { lcConfig->destIpIs(place.addr); }, [&] { lcConfig->destPortIs(port); },
+      [&] { lcConfig->dscpValueIs(exporter.dscp()); }, [&] { lcConfig->exporterReadyIs(true); },
+      [&] { F::pamReadyIs(*lcPams_, true); });
+  if (written)
+    traceOf(TraceLevel::event, "LocalCollectorConfigSm", "handleExporterConfig",
+            traceId_p(place.expName), "Resolved ip/port ", place.addr.stringValue(), " ", port);
 }
 
-// What differs between the families.
-namespace {
-struct Family4 {
-  static constexpr const char* prefix = "StftPam4-";
-  static constexpr bool ipv6 = false;
-  static void store(LocalCollectorPams& pams, const Ptr<UdpPam>& pam) { pams.udpPam4Is(pam); }
-  static void bind(UdpPam& pam, const IpGenAddr& addr) { pam.rxIpAddrIs(addr.ipAddr()); }
-};
-struct Family6 {
-  static constexpr const char* prefix = "StftPam6-";
-  static constexpr bool ipv6 = true;
-  static void store(LocalCollectorPams& pams, const Ptr<UdpPam>& pam) { pams.udpPam6Is(pam); }
-  static void bind(UdpPam& pam, const IpGenAddr& addr) { pam.rxIp6AddrIs(addr.ip6Addr()); }
-};
-}  // namespace
-
-template <class Family>
-void LocalCollectorConfigSm::createPam_p(const char* handler, const std::string& name,
-                                         const IpGenAddr& addr, const VrfName& vrf) {
+template <class F>
+void LocalCollectorConfigSm::createPam_p(const std::string& name, const IpGenAddr& addr,
+                                         const VrfName& vrf) {
+  const std::string handler = std::string("createPam") + F::digit;
+  const uint32_t change = change_;
   try {
-    const auto pam = Platform::current().udpPam(Family::prefix + name);
-    Family::store(*lcPams_, pam);
-    pam->ipv6EnIs(Family::ipv6);
+    const auto pam = Platform::current().udpPam(std::string("StftPam") + F::digit + '-' + name);
+    F::pamIs(*lcPams_, pam);
+    if (change != change_) return;  // a handler has closed it
+    pam->ipv6EnIs(F::ipv6);
     pam->txPrioIs(trafficControlPrio);
     pam->rxPortIs(ftHwConfig_->localPort());
-    Family::bind(*pam, addr);
+    F::rxAddrIs(*pam, addr);
     pam->txPortIs(ftHwConfig_->localPort());
     const NamespaceName ns = namespaceOf(vrf);
     if (!ns.empty()) pam->netNsIs(ns);
     pam->modeIs(UdpPam::inService);
     lastRefusal_.clear();
-    trace(TraceLevel::event, "LocalCollectorConfigSm::", handler, " ", traceId_p(name),
-          " Created Pam: ", pam->name(), ", rxPort:", pam->rxPort(), ", fd:", pam->fd());
+    traceOf(TraceLevel::event, "LocalCollectorConfigSm", handler, traceId_p(name),
+            "Created Pam: ", pam->name(), ", rxPort:", pam->rxPort(), ", fd:", pam->fd());
   } catch (const ErrnoException& e) {
-    // The operator hears of each reason once; it is tried again many times a second.
+    // Each reason is an error once, not each of the many attempts a second.
     const bool news = lastRefusal_ != e.what();
     lastRefusal_ = e.what();
-    trace(news ? TraceLevel::error : TraceLevel::event, "LocalCollectorConfigSm::", handler, " ",
-          traceId_p(name), " Caught ErrnoException: ", e.what());
+    traceOf(news ? TraceLevel::error : TraceLevel::event, "LocalCollectorConfigSm", handler,
+            traceId_p(name), "Caught ErrnoException: ", e.what());
     cleanup();
-    addToPamReviewList(name);
+    if (!retired()) addToPamReviewList(name);
   }
 }
 void LocalCollectorConfigSm::createPam4(const std::string& name, const IpGenAddr& addr,
                                         const VrfName& vrf) {
-  createPam_p<Family4>("createPam4", name, addr, vrf);
+  createPam_p<V4>(name, addr, vrf);
 }
 void LocalCollectorConfigSm::createPam6(const std::string& name, const IpGenAddr& addr,
                                         const VrfName& vrf) {
-  createPam_p<Family6>("createPam6", name, addr, vrf);
+  createPam_p<V6>(name, addr, vrf);
 }
 
 void LocalCollectorConfigSm::addToPamReviewList(const std::string& name) {
   exporterReviewListIs(name, true);
-  trace(TraceLevel::event, "LocalCollectorConfigSm::", "addToPamReviewList ", traceId_p(name), " ",
-        "scheduling review::");
-  if (pamRetryTask_) pamRetryTask_->scheduleLowestIs(Seconds(pamCreateRetryInterval_));
+  traceOf(TraceLevel::event, "LocalCollectorConfigSm", "addToPamReviewList", traceId_p(name),
+          "scheduling review::");
+  pamRetryTask_->scheduleLowestIs(Seconds(pamCreateRetryInterval_));
 }
 
 void LocalCollectorConfigSm::reviewPamCreation() {
-  const auto say = [this](const auto&... what) {
-    trace(TraceLevel::event, "LocalCollectorConfigSm::", "reviewPamCreation ", ftName_, " ",
-          what...);
+  const auto say = [this](const char* what) {
+    traceOf(TraceLevel::event, "LocalCollectorConfigSm", "reviewPamCreation", ftName_, what);
   };
-  const Ptr<LocalCollectorConfigSm> hold(this);
-  if (exporterReviewList_.empty()) {
-    say("nothing to review ::");
-    return;
-  }
+  if (exporterReviewList_.empty()) return say("nothing to review ::");
   say("processing review::");
   // Those that are on the list now: one that is refused again comes back for the next run.
-  std::vector<std::string> names;
-  for (const auto& [name, v] : exporterReviewList_) names.push_back(name);
-  for (const std::string& name : names) {
+  for (const std::string& name : keysOf(exporterReviewList_)) {
     if (!exporterReviewList_.contains(name)) continue;
     exporterReviewListDel(name);
     handleExporterConfig(name);
-    if (pamRetryTask_ && pamRetryTask_->shouldYield()) {
+    if (retired()) return;
+    if (pamRetryTask_->shouldYield()) {
       say("YIELDING::");
       pamRetryTask_->scheduleIs(Seconds(pamCreateRetryInterval_));
       return;
@@ -281,52 +250,42 @@ void LocalCollectorConfigSm::reviewPamCreation() {
   say("review done ::");
 }
 
-void LocalCollectorConfigSm::cleanup() {
-  trace(TraceLevel::event, "LocalCollectorConfigSm::", "cleanup ", ftName_);
+template <class F>
+void LocalCollectorConfigSm::closePam_p() {
+  const Ptr<UdpPam> pam = F::pam(*lcPams_);
+  if (!pam) return;
+  F::pamReadyIs(*lcPams_, false);
+  pam->modeIs(UdpPam::outOfService);
+  if (F::pam(*lcPams_) == pam) F::pamIs(*lcPams_, nullptr);
+}
+bool LocalCollectorConfigSm::cleanup_p() {
+  traceOf(TraceLevel::event, "LocalCollectorConfigSm", "cleanup", ftName_);
   served_ = {};
   const auto& lcConfig = lcConfig_p();
-  lcConfig->exporterReadyIs(false);
-  lcConfig->expNameIs({});
-  lcConfig->destIpIs({});
-  lcConfig->dscpValueIs(DscpValue());
-  if (const Ptr<UdpPam> pam = lcPams_->udpPam4()) {
-    lcPams_->udpPam4ReadyIs(false);
-    pam->modeIs(UdpPam::outOfService);
-    lcPams_->udpPam4Is(nullptr);
-  }
-  if (const Ptr<UdpPam> pam = lcPams_->udpPam6()) {
-    lcPams_->udpPam6ReadyIs(false);
-    pam->modeIs(UdpPam::outOfService);
-    lcPams_->udpPam6Is(nullptr);
-  }
+  return inOrder_p([&] { lcConfig->exporterReadyIs(false); }, [&] { lcConfig->expNameIs({}); },
+                   [&] { lcConfig->destIpIs({}); }, [&] { lcConfig->dscpValueIs({}); },
+                   [this] { closePam_p<V4>(); }, [this] { closePam_p<V6>(); });
 }
+void LocalCollectorConfigSm::cleanup() { cleanup_p(); }
 
 AttrRows LocalCollectorConfigSm::attrRows() const {
   using L = LocalCollectorConfigSm;
   static constexpr AttrRow rows[] = {
       row<&L::ftName>("ftName"),
       childRow<&L::lcPams>("lcPams"),
-      mapRow<&L::exporterReviewList>("exporterReviewList"),
+      mapRow<&L::exporterReviewList_>("exporterReviewList"),
       row<&L::pamCreateRetryInterval, &L::pamCreateRetryIntervalIs>("pamCreateRetryInterval"),
       row<&L::initialized>("initialized"),
   };
   return rows;
 }
-Ptr<LocalCollectorConfigSm> LocalCollectorConfigSm::LocalCollectorConfigSmIs(
-    const std::string& ftName, Ptr<const Config> config, Ptr<HwFlowTracking::FtConfig> ftHwConfig,
-    Ptr<LocalCollectorPams> lcPams, Ptr<const Ip::AllVrfStatusLocal> allVrfStatusLocal,
-    Ptr<TaskScheduler> scheduler) {
-  return Ptr<LocalCollectorConfigSm>::adopt(new LocalCollectorConfigSm(
-      ftName, std::move(config), std::move(ftHwConfig), std::move(lcPams),
-      std::move(allVrfStatusLocal), std::move(scheduler)));
-}
 Ptr<LocalCollectorConfigSm> localCollectorConfigSmFactory(
     const std::string& ftName, Ptr<const Config> config, Ptr<HwFlowTracking::FtConfig> ftHwConfig,
     Ptr<LocalCollectorPams> lcPams, Ptr<const Ip::AllVrfStatusLocal> allVrfStatusLocal,
     Ptr<TaskScheduler> scheduler) {
-  return LocalCollectorConfigSm::LocalCollectorConfigSmIs(
-      ftName, std::move(config), std::move(ftHwConfig), std::move(lcPams),
-      std::move(allVrfStatusLocal), std::move(scheduler));
+  return make<LocalCollectorConfigSm>(ftName, std::move(config), std::move(ftHwConfig),
+                                      std::move(lcPams), std::move(allVrfStatusLocal),
+                                      std::move(scheduler));
 }
 
 }  // namespace FlowTracking

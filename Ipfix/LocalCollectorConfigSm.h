@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 
+#include "Ipfix/FlowTrackerInfoSm.h"
 #include "platform/FlowTracking.h"
 #include "platform/HwFlowTracking.h"
 #include "platform/TaskScheduler.h"
@@ -47,32 +48,44 @@ class TARN_API LocalCollectorPams final : public Entity {
 };
 TARN_API Ptr<LocalCollectorPams> localCollectorPamsFactory(const std::string& name);
 
-/// Opens the endpoint and tells of it in the tracker's `LocalCollectorConfig`. Served is the first
-/// exporter, by name, that has a source address: its IPv4 address, or else its IPv6 address, in its
-/// VRF, at the tracker's `localPort`. Follows changes of all of these. An endpoint that the host
-/// refuses is tried again every `pamCreateRetryInterval` as long as its exporter is the one to
-/// serve.
+/// Opens the endpoint and writes its place into the tracker's `LocalCollectorConfig`. It serves the
+/// first exporter, by name, that has a source address: its IPv4 address, or else its IPv6 address,
+/// in its VRF, at the tracker's `localPort`, and follows changes of all of these. While the host
+/// refuses the endpoint of that exporter, it tries again every `pamCreateRetryInterval`. When it is
+/// retired it closes the endpoint and clears the configuration.
 class TARN_API LocalCollectorConfigSm final : public Entity {
  public:
   /// Asserts that `config` is in software-export mode.
-  static Ptr<LocalCollectorConfigSm> LocalCollectorConfigSmIs(
-      const std::string& ftName, Ptr<const Config> config, Ptr<HwFlowTracking::FtConfig> ftHwConfig,
-      Ptr<LocalCollectorPams> lcPams, Ptr<const Ip::AllVrfStatusLocal> allVrfStatusLocal,
-      Ptr<TaskScheduler> scheduler);
-  /// Closes the endpoint and clears the configuration.
+  LocalCollectorConfigSm(const std::string& ftName, Ptr<const Config> config,
+                         Ptr<HwFlowTracking::FtConfig> ftHwConfig, Ptr<LocalCollectorPams> lcPams,
+                         Ptr<const Ip::AllVrfStatusLocal> allVrfStatusLocal,
+                         Ptr<TaskScheduler> scheduler);
   ~LocalCollectorConfigSm() override;
+  template <class... A>
+  static Ptr<LocalCollectorConfigSm> LocalCollectorConfigSmIs(A&&... a) {
+    return make<LocalCollectorConfigSm>(std::forward<A>(a)...);
+  }
 
   const std::string& ftName() const { return ftName_; }
   const Ptr<const Config>& config() const { return config_; }
   const Ptr<HwFlowTracking::FtConfig>& ftHwConfig() const { return ftHwConfig_; }
   const Ptr<LocalCollectorPams>& lcPams() const { return lcPams_; }
+  const Ptr<const Ip::AllVrfStatusLocal>& allVrfStatusLocal() const { return allVrfStatusLocal_; }
+  const Ptr<TaskScheduler>& scheduler() const { return scheduler_; }
   bool initialized() const { return initialized_; }
-  /// Exporters whose endpoint is to be tried again.
+  /// Exporters whose endpoint the next review tries to open again.
   const std::map<std::string, bool>& exporterReviewList() const { return exporterReviewList_; }
+  bool exporterReviewList(const std::string& name) const { return find(exporterReviewList_, name); }
   void exporterReviewListIs(const std::string& name, bool v) { exporterReviewList_[name] = v; }
   void exporterReviewListDel(const std::string& name) { exporterReviewList_.erase(name); }
+  void exporterReviewListDelAll() { exporterReviewList_.clear(); }
+  /// Seconds, 0.001 to 3600; any other value raises std::range_error.
   double pamCreateRetryInterval() const { return pamCreateRetryInterval_; }
-  void pamCreateRetryIntervalIs(double seconds) { pamCreateRetryInterval_ = seconds; }
+  void pamCreateRetryIntervalIs(double seconds) {
+    pamCreateRetryInterval_ = HwFlowTracking::detail::checked(
+        seconds >= 0.001 && seconds <= 3600, seconds,
+        "LocalCollectorConfigSm::pamCreateRetryInterval", "from 0.001 to 3600 s");
+  }
   const TimerTask* pamRetryTask() const { return pamRetryTask_.get(); }
 
   void handleInitialized();
@@ -80,7 +93,7 @@ class TARN_API LocalCollectorConfigSm final : public Entity {
   void handleExporterConfig();
   /// The same for one exporter: nothing, where another one is to be served.
   void handleExporterConfig(const std::string& name);
-  /// The exporter's readiness changed, or what it sends from and how.
+  /// The exporter's readiness, source address, VRF or DSCP changed.
   void handleExporterReady(const std::string& name);
   void addToPamReviewList(const std::string& name);
   void reviewPamCreation();
@@ -88,6 +101,9 @@ class TARN_API LocalCollectorConfigSm final : public Entity {
   void createPam6(const std::string& name, const IpGenAddr& addr, const VrfName& vrf);
   void cleanup();
 
+  /// The exporters' configurations that it watches.
+  std::map<std::string, Ptr<const HwFlowTracking::ExporterConfig>> exporterConfig() const;
+  Ptr<const HwFlowTracking::ExporterConfig> exporterConfig(const std::string& name) const;
   void exporterConfigIs(const std::string& name, Ptr<HwFlowTracking::ExporterConfig> config);
   void exporterConfigDel(const std::string& name);
   void exporterConfigDelAll();
@@ -98,7 +114,7 @@ class TARN_API LocalCollectorConfigSm final : public Entity {
   class FtConfigSm;
   class ExporterConfigSm;
   class VrfStatusSm;
-  /// Whom the local collector serves, and where.
+  /// The exporter that the local collector serves, and where.
   struct Place {
     std::string expName;
     VrfName vrf;
@@ -108,16 +124,25 @@ class TARN_API LocalCollectorConfigSm final : public Entity {
     bool operator==(const Place&) const = default;
   };
 
-  LocalCollectorConfigSm(const std::string& ftName, Ptr<const Config> config,
-                         Ptr<HwFlowTracking::FtConfig> ftHwConfig, Ptr<LocalCollectorPams> lcPams,
-                         Ptr<const Ip::AllVrfStatusLocal> allVrfStatusLocal,
-                         Ptr<TaskScheduler> scheduler);
   Ptr<HwFlowTracking::ExporterConfig> chosen_p() const;
   void serve_p(const HwFlowTracking::ExporterConfig& exporter);
-  template <class Family>
-  void createPam_p(const char* handler, const std::string& name, const IpGenAddr& addr,
-                   const VrfName& vrf);
+  template <class F>
+  void open_p(const HwFlowTracking::ExporterConfig& exporter);
+  template <class F>
+  void createPam_p(const std::string& name, const IpGenAddr& addr, const VrfName& vrf);
+  template <class F>
+  void closePam_p();
+  /// False: a handler of one of its notifications has brought all up to date again.
+  bool cleanup_p();
+  /// Runs the steps in order. Each notifies, and a handler may change what the local collector
+  /// serves: the remaining steps are then left out. False: some were.
+  template <class... Step>
+  bool inOrder_p(Step&&... steps) {
+    const uint32_t change = ++change_;
+    return ((steps(), change == change_) && ...);
+  }
   void handleVrf_p(const VrfName& vrf);
+  void handleRetired() override;
   std::string traceId_p(const std::string& expName) const { return expName + " for " + ftName_; }
   const Ptr<HwFlowTracking::LocalCollectorConfig>& lcConfig_p() const {
     return ftHwConfig_->localCollectorConfig();
@@ -132,8 +157,9 @@ class TARN_API LocalCollectorConfigSm final : public Entity {
   bool initialized_ = false;
   double pamCreateRetryInterval_ = 0.05;
   std::map<std::string, bool> exporterReviewList_;
-  Place served_;             // holds while an endpoint is there
-  std::string lastRefusal_;  // told already; empty since an endpoint opened
+  Place served_;             // as long as there is an endpoint
+  uint32_t change_ = 0;      // counts the times that `served_` was begun or ended
+  std::string lastRefusal_;  // traced as an error already; empty once an endpoint has opened
   std::map<std::string, std::unique_ptr<ExporterConfigSm>> exporterConfig_;
   std::unique_ptr<FtConfigSm> ftConfigSm_;
   std::unique_ptr<VrfStatusSm> vrfStatusSm_;

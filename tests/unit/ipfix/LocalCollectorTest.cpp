@@ -2,6 +2,8 @@
 #include "Ipfix/LocalCollectorConfigSm.h"
 
 #include <cerrno>
+#include <cmath>
+#include <random>
 
 #include "Tree.h"
 
@@ -99,6 +101,8 @@ TEST_F(LocalCollectorTest, ListensOnTheExportersAddressAndFollowsIt) {
   tracker->localPortIs(0);
   EXPECT_TRUE(told().exporterReady());
   EXPECT_GE(told().destPort(), 40000) << "the kernel's choice";
+  for (const double bad : {0.0, -1.0, 1e9, std::nan("")})
+    EXPECT_THROW(sm->pamCreateRetryIntervalIs(bad), std::range_error);
 }
 
 TEST_F(LocalCollectorTest, ARefusedEndpointIsTriedAgainAfterFiftyMilliseconds) {
@@ -168,47 +172,96 @@ TEST_F(LocalCollectorTest, TheReviewGoesByNameAndYields) {
   EXPECT_EQ(traced("nothing to review ::").size(), 1u);
 }
 
-TEST_F(LocalCollectorTest, ServesTheFirstExporterThatHasAnAddress) {
-  make();
-  EXPECT_EQ(where(), "not ready");
-  auto c = exporter("c", IpAddr(3));
-  EXPECT_EQ(where(), "c default 0.0.0.3:4739 0");
-  auto a = exporter("a");
-  auto b = exporter("b", IpAddr(2));
-  EXPECT_EQ(where(), "b default 0.0.0.2:4739 0");
-  a->srcIp6AddrIs(source6);
-  c->dscpIs(DscpValue(46));
-  EXPECT_EQ(where(), "a default 2001:db8:1::1:4739 0");
-  tracker->expConfigDel("a");
-  EXPECT_EQ(where(), "b default 0.0.0.2:4739 0");
-  exporter("b", IpAddr(22));  // another one takes the name
-  b->srcIpAddrIs(IpAddr(7));
-  EXPECT_EQ(where(), "b default 0.0.0.22:4739 0");
-  tracker->expConfigDel("b");
-  EXPECT_EQ(where(), "c default 0.0.0.3:4739 46");
-}
-
-// A host may answer by taking the exporter away, or the whole local collector.
-TEST_F(LocalCollectorTest, ItMayGoAwayInsideItsOwnNotification) {
-  struct Remover final : HwFlowTracking::LocalCollectorConfig::Watcher {
-    Remover(const Ptr<HwFlowTracking::FtConfig>& tracker, std::function<void()> f)
-        : Watcher(tracker->localCollectorConfig()), remove(std::move(f)) {}
-    void handleExporterReady() override {
-      if (entity()->exporterReady()) remove();
-    }
-    std::function<void()> remove;
+/// A host whose handlers change everything again, or take the local collector away, while it
+/// writes.
+class RestlessLocalHost : public LocalCollectorTest {
+ protected:
+  struct ConfigSpy : HwFlowTracking::LocalCollectorConfig::Watcher {
+    explicit ConfigSpy(RestlessLocalHost& h)
+        : Watcher(h.tracker->localCollectorConfig()), host(h) {}
+    void handleExpName() override { host.act(); }
+    void handleVrfName() override { host.act(); }
+    void handleSrcIp() override { host.act(); }
+    void handleSrcPort() override { host.act(); }
+    void handleDestIp() override { host.act(); }
+    void handleDestPort() override { host.act(); }
+    void handleDscpValue() override { host.act(); }
+    void handleExporterReady() override { host.act(); }
+    RestlessLocalHost& host;
   };
-  auto e = exporter("exp1");
-  make();
-  {
-    const Remover remover(tracker, [&] { tracker->expConfigDel("exp1"); });
-    e->srcIpAddrIs(source4);
-    EXPECT_EQ(where(), "not ready");
+  struct PamsSpy : LocalCollectorPams::Watcher {
+    explicit PamsSpy(RestlessLocalHost& h) : Watcher(h.pams), host(h) {}
+    void handleUdpPam4() override { host.act(); }
+    void handleUdpPam6() override { host.act(); }
+    void handleUdpPam4Ready() override { host.act(); }
+    void handleUdpPam6Ready() override { host.act(); }
+    RestlessLocalHost& host;
+  };
+  size_t pick(size_t n) { return random() % n; }
+  void act() {
+    if (depth < 4 && pick(6) == 0) change();
   }
-  e = exporter("exp1");
-  const Remover remover(tracker, [&] { sm = nullptr; });
-  e->srcIpAddrIs(source4);
-  EXPECT_EQ(where(), "not ready");
+  void change() {
+    ++depth;
+    const std::string name = pick(2) ? "a" : "b";
+    const auto e = tracker->expConfig(name);
+    switch (e ? pick(8) : 0) {
+      case 0:
+        exporter(name, IpAddr(static_cast<uint32_t>(pick(3))));
+        break;
+      case 1:
+        e->srcIpAddrIs(IpAddr(static_cast<uint32_t>(pick(3))));
+        break;
+      case 2:
+        e->srcIp6AddrIs(pick(2) ? source6 : Ip6Addr());
+        break;
+      case 3:
+        e->vrfNameIs(VrfName(pick(3) ? "default" : "refused"));
+        break;
+      case 4:
+        e->dscpIs(DscpValue(static_cast<unsigned>(pick(64))));
+        break;
+      case 5:
+        tracker->localPortIs(pick(2) ? 0 : 4739);
+        break;
+      case 6:
+        vrfs->vrfIs(VrfName("default"), 1 + pick(3));
+        break;
+      default:
+        if (pick(2)) tracker->expConfigDel(name);
+        if (pick(4) == 0) sm = nullptr;
+    }
+    --depth;
+  }
+  std::string expected() const {
+    for (const auto& [name, e] : tracker->expConfig()) {
+      if (e->srcIpAddr().isZero() && e->srcIp6Addr().isZero()) continue;
+      if (!sm || e->vrfName().stringValue() == "refused") break;
+      EXPECT_TRUE(tracker->localPort() == told().destPort() || tracker->localPort() == 0);
+      return name + " default " +
+             (e->srcIpAddr().isZero() ? e->srcIp6Addr().stringValue()
+                                      : e->srcIpAddr().stringValue()) +
+             ':' + std::to_string(told().destPort()) + ' ' + e->dscp().stringValue();
+    }
+    return "not ready";
+  }
+  std::mt19937 random;
+  int depth = 0;
+};
+TEST_F(RestlessLocalHost, EndsWithWhatIsConfigured) {
+  const ConfigSpy configSpy(*this);
+  const PamsSpy pamsSpy(*this);
+  for (unsigned seed = 1; seed <= 40 && !HasFailure(); ++seed) {
+    SCOPED_TRACE(seed);
+    random.seed(seed);
+    for (int step = 0; step < 300 && !HasFailure(); ++step) {
+      SCOPED_TRACE(step);
+      if (!sm) make();
+      change();
+      EXPECT_EQ(where(), expected());
+      EXPECT_EQ(sim->openEndpoints(), told().exporterReady() ? 1u : 0u);
+    }
+  }
 }
 
 }  // namespace
