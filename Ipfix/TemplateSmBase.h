@@ -146,7 +146,8 @@ class TARN_API TemplateExporterSmBase : public Entity {
   /// Subclasses call the two in their own start-up, in this order.
   void handleStartup();
   void startTemplateCreation_p();
-  void scheduleTemplateCreation_p() { templateCreationTask_->scheduleIs(Seconds(0)); }
+  /// A run that is due keeps its place: changes in every round must not put the message off.
+  void scheduleTemplateCreation_p() { templateCreationTask_->scheduleLowestIs(Seconds(0)); }
   Ptr<Pkt> getPkt() const;
   /// Writes one field specifier at `offset` and returns the offset behind it.
   uint32_t addTemplateFieldSpecifier(const Ptr<Pkt>& pkt, uint32_t offset,

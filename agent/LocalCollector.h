@@ -111,6 +111,7 @@ class LocalCollector {
   Ptr<UdpPam> heard_;  // the endpoint whose datagrams come here
 
   const Ptr<FlowTracking::LocalCollectorPams> pams_;
+  std::unique_ptr<TimerTask> settleBeginTask_;
   std::unique_ptr<TimerTask> settleTask_;
   std::unique_ptr<TimerTask> flushTask_;
   std::unique_ptr<TimerTask> reviewTask_;

@@ -116,8 +116,9 @@ class LocalCollectorDecoder {
 
   /// Takes one datagram.
   void decode(std::string_view datagram, const IpGenAddr& from, uint16_t port);
-  /// The layouts published so far have been told to the collectors. Until then none of them is
-  /// withdrawn: records of it may be waiting behind it.
+  /// The collectors are about to be told of the layouts that were published so far, and `settle`:
+  /// they have been. Until then none of these is withdrawn: records of it may be waiting behind it.
+  void settleBegin() { settling_ = fresh_.size(); }
   void settle();
   /// Time passes; forgets what is due.
   void advance(Seconds d);
@@ -149,7 +150,7 @@ class LocalCollectorDecoder {
     size_t tried = 0;                                   // of these
     Seconds heard{};                                    // when one of them was last
     bool published = false;
-    bool fresh = false;   // published since the last `settle`
+    bool fresh = false;   // not settled yet
     Seconds withdrawn{};  // when
   };
   using Layouts = std::map<PassedLayout, Layout>;
@@ -230,6 +231,7 @@ class LocalCollectorDecoder {
   uint32_t publishedLen_ = 0;  // octets of all published templates
   std::map<FlowTracking::TemplateId, Layouts::value_type*> ids_;
   std::vector<Layouts::value_type*> fresh_;
+  size_t settling_ = 0;  // of these, how many the next `settle` is about
   std::string scratch_;
   std::vector<uint16_t> lens_;
 };

@@ -97,7 +97,11 @@ class DecoderTest : public testing::Test {
     // In memory of its own, so that a read behind its end is seen.
     const std::vector<char> octets(datagram.begin(), datagram.end());
     decoder.decode({octets.data(), octets.size()}, IpAddr(from), port);
-    if (settles) decoder.settle();
+    if (settles) settle();
+  }
+  void settle() {
+    decoder.settleBegin();
+    decoder.settle();
   }
   std::string text() const {
     std::string out;
@@ -290,8 +294,10 @@ TEST_F(DecoderTest, NothingIsWithdrawnBeforeItWasTold) {
   EXPECT_EQ(text(), "256: 1/8\n257: 2/8\n") << "a record of 256 is on its way";
   hear(message(templates(301, {{1, 8}}) + templates(302, {{4, 1}}) + templates(302, {{5, 1}})));
   decoder.settle();
+  EXPECT_EQ(published.size(), 4u) << "published after the collectors were told";
+  settle();
   EXPECT_EQ(text(), "256: 1/8\n257: 2/8\n259: 5/1\n") << "but not what is in use again";
-  decoder.settle();
+  settle();
   hear(message(templates(300, {{6, 1}})));
   EXPECT_EQ(text(), "256: 1/8\n259: 5/1\n260: 6/1\n");
 }
@@ -444,7 +450,7 @@ TEST_P(HostileTest, TheOthersLoseNothing) {
   // What is left of the flood is forgotten in time.
   for (int i = 0; i < 600; ++i) {
     decoder.advance(Seconds(10));
-    decoder.settle();
+    settle();
   }
   EXPECT_EQ(decoder.streams() + decoder.templates() + published.size() + decoder.layouts(), 0u);
   EXPECT_EQ(decoder.mostTemplates().templates + decoder.mostOctets().octets, 0u);
