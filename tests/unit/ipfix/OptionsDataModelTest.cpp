@@ -1,3 +1,4 @@
+#include <cerrno>
 #include <cstdlib>
 #include <random>
 
@@ -13,13 +14,12 @@ namespace {
 /// Where a collector is.
 using Place = Tarn::Ipfix::CollectorInfo;
 
-constexpr double activeSeconds = 60;
-
 struct ExporterModel {
   std::string tracker;
   std::string name;
   Ptr<HwFlowTracking::ExporterConfig> config;
   std::map<std::string, Place> collectors;
+  std::map<std::string, uint32_t> mtuMost = {};  // by key, since it joined or all was quiet
 
   std::string key(const Place& place) const {
     return (place.addr().isIpv6() ? "udpPam6-" : "udpPam4-") + tracker + "-" + name + " > " +
@@ -37,38 +37,82 @@ struct ExporterModel {
   }
 };
 
+/// Somebody who hears of every change and may answer it with anything.
+using Answer = std::function<void()>;
+struct OnConfig final : HwFlowTracking::ExporterConfig::Watcher {
+  OnConfig(Ptr<const HwFlowTracking::ExporterConfig> e, Answer a) : Watcher(std::move(e)), act(a) {}
+  void handleVrfName() override { act(); }
+  void handleIpfixMtu() override { act(); }
+  void handleSrcIpAddr() override { act(); }
+  void handleSrcIp6Addr() override { act(); }
+  void handleCollectorIpAndPort(const std::string&) override { act(); }
+  void handleCollectorIp6AndPort(const std::string&) override { act(); }
+  void handleExporter4Ready() override { act(); }
+  void handleExporter6Ready() override { act(); }
+  void handleRxPort4() override { act(); }
+  void handleRxPort6() override { act(); }
+  Answer act;
+};
+struct OnInfo final : ExporterInfo::Watcher {
+  OnInfo(Ptr<const ExporterInfo> e, Answer a) : Watcher(std::move(e)), act(a) {}
+  void handleCollInfo(const std::string&) override { act(); }
+  void handleUdpPam4() override { act(); }
+  void handleUdpPam6() override { act(); }
+  void handleRxPort4() override { act(); }
+  void handleRxPort6() override { act(); }
+  Answer act;
+};
+struct OnCollector final : CollectorInfo::Watcher {
+  OnCollector(Ptr<const CollectorInfo> e, Answer a) : Watcher(std::move(e)), act(a) {}
+  void handleIpfixMsgSeqNo() override { act(); }
+  void handleOptTemplateSent() override { act(); }
+  Answer act;
+};
+struct OnTracker final : FlowTrackerInfo::Watcher {
+  OnTracker(Ptr<const FlowTrackerInfo> e, Answer a) : Watcher(std::move(e)), act(a) {}
+  void handleExpInfo(const std::string&) override { act(); }
+  Answer act;
+};
+struct OnStats final : Tarn::Ipfix::CollectorStatistics::Watcher {
+  OnStats(Ptr<const Tarn::Ipfix::CollectorStatistics> e, Answer a)
+      : Watcher(std::move(e)), act(a) {}
+  void handleStats(const Tarn::Ipfix::CollectorStatisticsKey&) override { act(); }
+  Answer act;
+};
+struct OnUpdate final : OptionsDataUpdate::Watcher {
+  OnUpdate(Ptr<const OptionsDataUpdate> e, Answer a) : Watcher(std::move(e)), act(a) {}
+  void handleVersion() override { act(); }
+  Answer act;
+};
+
 class World {
  public:
-  explicit World(unsigned seed) : rnd_(seed) {
+  explicit World(unsigned seed) : rnd_(seed), activeSeconds(pick(4) != 0 ? 60 : 0.4) {
     Platform::install(sim_.get());
+    pace();
     sim_->wallClockIs(1700000000);
     init_ = ::Ipfix::ipfixInitSmFactory();
-    for (const auto& [name, id] : {std::pair("ft1", 7u), std::pair("ft2", 8u)}) {
-      auto tracker = HwFlowTracking::ftConfigFactory(name, id);
-      tracker->activeIntervalIs(static_cast<uint32_t>(activeSeconds * 1000));
-      hwConfig_->ftConfigIs(tracker);
-      auto status = HwFlowTracking::ftStatusFactory(name);
-      status->activeIntervalIs(Seconds(activeSeconds));
-      status->inactiveTimeoutIs(Seconds(15));
-      hwStatus_->ftStatusIs(status);
-      templateIs_p(*status, 256);
+    for (const std::string name : {"ft1", "ft2"}) {
+      hwConfig_->ftConfigIs(freshTracker(name));
+      hwStatus_->ftStatusIs(freshStatus(name));
     }
     for (const auto& [tracker, name] :
          {std::pair("ft1", "e1"), std::pair("ft1", "e2"), std::pair("ft2", "e1")}) {
-      ExporterModel e{tracker, name, HwFlowTracking::exporterConfigFactory(name), {}};
-      e.config->srcIpAddrIs(source4);
-      e.config->srcIp6AddrIs(source6);
-      hwConfig_->ftConfig(tracker)->expConfigIs(e.config);
-      exporters_.push_back(e);
+      exporters_.push_back({tracker, name, nullptr, {}});
     }
+    for (auto& e : exporters_) exporterIs(e);
     infoSm_ =
         flowTrackingInfoSmFactory(sim_->schedulerRoot(), hwConfig_, info_, init_->agentInfo());
     templateSm_ = templateSmFactory(configReqFactory(), hwConfig_, hwStatus_, info_,
                                     init_->elementIdCollection(), stats_, sim_->scheduler());
     manager_ = optionsDataManagerSmFactory(hwConfig_, hwStatus_, info_, intfs_, vrfs_, stats_,
                                            sim_->scheduler());
+    hear<OnStats>(stats_, 300);
+    hear<OnUpdate>(manager_->dataAll()->globalUpdate(), 100);
   }
   ~World() {
+    meddles_ = false;
+    ears_.clear();
     manager_ = nullptr;
     templateSm_ = nullptr;
     infoSm_ = nullptr;
@@ -83,39 +127,111 @@ class World {
     // clang-format off
     static constexpr void (W::*events[])() = {
         &W::intfIs, &W::intfIs, &W::intfIs, &W::intfDel, &W::intfRename, &W::intfReindex,
-        &W::vrfIs, &W::vrfDel, &W::mtuIs, &W::collectorIs, &W::collectorDel, &W::collectorMove,
+        &W::vrfIs, &W::vrfDel, &W::mtuIs, &W::collectorIs, &W::anyCollectorDel, &W::collectorMove,
         &W::sourceChange, &W::templateChange, &W::paramChange, &W::now, &W::later,
-        &W::fullTransmission, &W::fullTransmission};
+        &W::fullTransmission, &W::fullTransmission, &W::exporterChange, &W::vrfChange,
+        &W::refusal, &W::trackerChange, &W::intervalChange};
     // clang-format on
     (this->*events[pick(std::size(events))])();
     receive();
+    listen();
   }
 
   /// Lets everything settle, then compares each picture after one full transmission.
   void fullTransmission() {
+    sim_->openErrorIs(0);
+    sim_->namespaceIs("ns-red", true);
+    meddles_ = false;
+    for (const std::string name : {"ft1", "ft2"}) {
+      if (!hwConfig_->ftConfig(name)) trackerIs(name);
+      if (!hwStatus_->ftStatus(name)) hwStatus_->ftStatusIs(freshStatus(name));
+      hwConfig_->ftConfig(name)->activeIntervalIs(static_cast<uint32_t>(activeSeconds * 1000));
+    }
     sim_->advance(Seconds(4));  // what is pending would tell of records that are gone
     receive();
+    quiet();
     for (auto& [to, picture] : receiver_.pictures()) picture.clear();
-    sim_->advance(Seconds(activeSeconds + 0.5));
+    const auto before = templates();
+    // Meanwhile others join; that is no reason to leave those out.
+    for (double rest = activeSeconds + 0.5; rest > 0; rest -= 0.05) {
+      if (pick(static_cast<size_t>(activeSeconds * 5) + 2) == 0) collectorIs();
+      sim_->advance(Seconds(std::min(rest, 0.05)));
+    }
+    sim_->paceIs(0);  // nothing is on its way when the counters are read
+    sim_->advance(Seconds(0.002));
     receive();
-    for (const auto& e : exporters_)
-      for (const auto& [name, place] : e.collectors)
-        if (e.canSendTo(place)) check(e, place);
+    pace();
+    meddles_ = true;
+    const auto after = templates();
+    each([&](ExporterModel& e, const Place& place) {
+      const auto had = before.find(e.key(place));
+      if (had == before.end()) return;
+      check(e, place);
+      const auto periods =
+          static_cast<uint64_t>((activeSeconds + 0.502) * 1000) / e.config->templateInterval();
+      for (const uint16_t set : {2, 3}) {
+        const uint64_t each =
+            set == 3 ? 4 : hwStatus_->ftStatus(e.tracker)->templateStatus().size();
+        const uint64_t n = (after.at(e.key(place)).at(set) - had->second.at(set)) / each;
+        EXPECT_TRUE(n == periods || n == periods + 1) << e.key(place) << ' ' << set << ' ' << n;
+      }
+    });
   }
 
  private:
+  bool attached(const ExporterModel& e) const {
+    const auto tracker = hwConfig_->ftConfig(e.tracker);
+    return tracker && tracker->expConfig(e.name) == e.config;
+  }
+  /// Each collector that is sent to.
+  template <class Visit>
+  void each(Visit visit) {
+    for (auto& e : exporters_)
+      for (const auto& [name, place] : e.collectors)
+        if (attached(e) && e.canSendTo(place)) visit(e, place);
+  }
+  /// How many templates each has had, by set id.
+  std::map<std::string, std::map<uint16_t, uint64_t>> templates() {
+    std::map<std::string, std::map<uint16_t, uint64_t>> all;
+    each([&](ExporterModel& e, const Place& place) {
+      auto& had = receiver_.counts()[e.key(place)].templatesBySet;
+      all[e.key(place)] = {{2, had[2]}, {3, had[3]}};
+    });
+    return all;
+  }
+  /// What holds whenever nothing is under way.
+  void quiet() {
+    size_t endpoints = 0;
+    for (auto& e : exporters_) {
+      for (auto& [key, most] : e.mtuMost) most = e.config->ipfixMtu();
+      const bool four = attached(e) && !e.config->srcIpAddr().isZero();
+      const bool six = attached(e) && !e.config->srcIp6Addr().isZero();
+      endpoints += four + six;
+      ASSERT_EQ(e.config->exporter4Ready(), four);
+      ASSERT_EQ(e.config->exporter6Ready(), six);
+      ASSERT_EQ(e.config->rxPort4() != 0, four);
+      ASSERT_EQ(e.config->rxPort6() != 0, six);
+    }
+    ASSERT_EQ(sim_->openEndpoints(), endpoints);
+    each([&](ExporterModel& e, const Place& place) {
+      auto& picture = receiver_.pictures()[e.key(place)];
+      for (const auto& [table, rows] : truth(e.tracker))
+        for (const auto& [key, rest] : rows) ASSERT_EQ(picture[table][key], rest) << e.key(place);
+    });
+  }
   size_t pick(size_t n) { return rnd_() % n; }
   ExporterModel& anExporter() { return exporters_[pick(exporters_.size())]; }
 
   void receive() {
     for (const auto& d : sim_->takeSent()) {
       const Seen seen{d};
-      for (const auto& e : exporters_) {
+      for (auto& e : exporters_) {
         if (d.endpoint.substr(8) != e.tracker + "-" + e.name) continue;
-        if (seen.setId() > 255) {
-          ASSERT_LE(d.octets.size(), e.config->ipfixMtu() - 48) << d.endpoint;
+        if (seen.setId() > 255 && e.mtuMost.contains(d.endpoint + " > " + seen.to())) {
+          ASSERT_LE(d.octets.size(), e.mtuMost.at(d.endpoint + " > " + seen.to()) - 48)
+              << d.endpoint << " > " << seen.to();
         }
-        ASSERT_EQ(seen.domain(), hwConfig_->ftConfig(e.tracker)->ftId());
+        ASSERT_EQ(seen.domain(), domainOf(e.tracker));
       }
       receiver_.take(seen);
       if (testing::Test::HasFatalFailure()) return;
@@ -168,6 +284,7 @@ class World {
 
   // --- What may happen ---
 
+  void pace() { sim_->paceIs(pick(4), 255); }  // each datagram fills the endpoint
   void now() { sim_->runDue(); }
   void later() { sim_->advance(Seconds(0.3 * static_cast<double>(pick(8)))); }
   std::string freshName() { return "if" + std::string(pick(12), 'x') + std::to_string(++last_); }
@@ -182,6 +299,7 @@ class World {
     intfs_->intfIndexIs(id, index);
   }
   void take(const IntfId& id) {
+    if (!intfs_->intfIndex().contains(id)) return;
     intfs_->intfIdDel(intfs_->intfIndex().at(id));
     intfs_->intfIndexDel(id);
   }
@@ -194,7 +312,7 @@ class World {
   }
   void intfRename() {
     for (const auto& id : intfIds()) {
-      if (pick(4) != 0) continue;
+      if (pick(4) != 0 || !intfs_->intfIndex().contains(id)) continue;
       const uint32_t index = intfs_->intfIndex().at(id);
       take(id);
       put(IntfId(freshName()), index);
@@ -202,13 +320,20 @@ class World {
   }
   void intfReindex() {
     for (const auto& id : intfIds())
-      if (pick(4) == 0) put(id, freshIndex());
+      if (pick(4) == 0 && intfs_->intfIndex().contains(id)) put(id, freshIndex());
   }
   void vrfIs() {
     vrfs_->vrfIs(static_cast<VrfId>(pick(10)), VrfName("v" + std::to_string(pick(100))));
   }
   void vrfDel() { vrfs_->vrfDel(static_cast<VrfId>(pick(10))); }
-  void mtuIs() { anExporter().config->ipfixMtuIs(static_cast<uint32_t>(327 + pick(1200))); }
+  void mtuIs() {
+    auto& e = anExporter();
+    e.config->ipfixMtuIs(static_cast<uint32_t>(327 + pick(1200)));
+    for (auto& [key, most] : e.mtuMost) most = std::max(most, e.config->ipfixMtu());
+  }
+  void placed(ExporterModel& e, const Place& place) {
+    e.mtuMost[e.key(place)] = e.config->ipfixMtu();
+  }
 
   Place freshPlace() {
     const auto host = static_cast<uint8_t>(1 + pick(200));
@@ -218,32 +343,152 @@ class World {
   }
   void collectorIs() {
     auto& e = anExporter();
+    if (!attached(e)) exporterIs(e);
+    if (!attached(e)) return;
     const std::string name = "c" + std::to_string(++last_);
-    e.configure(name, e.collectors[name] = freshPlace());
+    const Place place = e.collectors[name] = freshPlace();
+    placed(e, place);
+    e.configure(name, place);
   }
-  void collectorDel() {
-    auto& e = anExporter();
+  void anyCollectorDel() { collectorDel(anExporter()); }
+  // What a deed changes in the model it changes there first: it is no sooner said than somebody
+  // answers with another.
+  void collectorDel(ExporterModel& e) {
     receive();
     if (e.collectors.empty()) return;
-    const auto it = std::next(e.collectors.begin(), static_cast<long>(pick(e.collectors.size())));
-    receiver_.forget(e.key(it->second));
-    e.config->collectorIpAndPortDel(it->first);
-    e.config->collectorIp6AndPortDel(it->first);
-    e.collectors.erase(it);
+    const auto [name, place] =
+        *std::next(e.collectors.begin(), static_cast<long>(pick(e.collectors.size())));
+    receiver_.forget(e.key(place));
+    e.collectors.erase(name);
+    const auto config = e.config;
+    config->collectorIpAndPortDel(name);
+    config->collectorIp6AndPortDel(name);
   }
   void collectorMove() {
     auto& e = anExporter();
     receive();
     if (e.collectors.empty()) return;
-    auto& [name, place] = *e.collectors.begin();
-    receiver_.forget(e.key(place));
-    place = freshPlace();
+    const std::string name = e.collectors.begin()->first;
+    receiver_.forget(e.key(e.collectors[name]));
+    const Place place = e.collectors[name] = freshPlace();
+    placed(e, place);
+    const auto config = e.config;
     e.configure(name, place);  // first, so that it is the same collector in the other family, too
+    if (!e.collectors.contains(name) || e.collectors[name] != place) return;
     if (place.addr().isIpv6()) {
-      e.config->collectorIpAndPortDel(name);
+      config->collectorIpAndPortDel(name);
     } else {
-      e.config->collectorIp6AndPortDel(name);
+      config->collectorIp6AndPortDel(name);
     }
+  }
+  void exporterIs(ExporterModel& e) {
+    if (e.config && attached(e)) exporterDel(e);
+    const auto tracker = hwConfig_->ftConfig(e.tracker);
+    if (!tracker) return;
+    e.config = HwFlowTracking::exporterConfigFactory(e.name);
+    e.config->srcIpAddrIs(source4);
+    e.config->srcIp6AddrIs(source6);
+    e.config->templateIntervalIs(static_cast<uint32_t>(1000 * (1 + pick(30))));
+    const bool first = pick(2) == 0;
+    if (first) hear<OnConfig>(e.config, 10);
+    tracker->expConfigIs(e.config);
+    if (!first) hear<OnConfig>(e.config, 10);
+  }
+  void exporterDel(ExporterModel& e) {
+    if (const auto tracker = hwConfig_->ftConfig(e.tracker)) tracker->expConfigDel(e.name);
+    forget(e);
+    e.collectors.clear();
+  }
+  /// Its sessions are over: with its endpoints all has left that waited in them.
+  void forget(const ExporterModel& e) {
+    receive();
+    for (const auto& [name, place] : e.collectors) receiver_.forget(e.key(place));
+  }
+  static FtId domainOf(const std::string& tracker) { return tracker == "ft1" ? 7 : 8; }
+  Ptr<HwFlowTracking::FtConfig> freshTracker(const std::string& name) const {
+    auto tracker = HwFlowTracking::ftConfigFactory(name, domainOf(name));
+    tracker->activeIntervalIs(static_cast<uint32_t>(activeSeconds * 1000));
+    return tracker;
+  }
+  Ptr<HwFlowTracking::FtStatus> freshStatus(const std::string& name) {
+    auto status = HwFlowTracking::ftStatusFactory(name);
+    status->activeIntervalIs(Seconds(activeSeconds));
+    status->inactiveTimeoutIs(Seconds(15));
+    templateIs_p(*status, 256);
+    return status;
+  }
+  void trackerIs(const std::string& name) {
+    hwConfig_->ftConfigIs(freshTracker(name));
+    for (auto& e : exporters_)
+      if (e.tracker == name) exporterIs(e);
+  }
+  /// The configuration or the status goes, and comes back: another one, the same, or later.
+  void trackerChange() {
+    const std::string name = pick(2) == 0 ? "ft1" : "ft2";
+    const auto config = hwConfig_->ftConfig(name);
+    const size_t what = pick(4);
+    if (what == 3 && config) {  // the sessions go on, the counters do not
+      for (auto& e : exporters_)
+        while (e.tracker == name && !e.collectors.empty()) collectorDel(e);
+      hwStatus_->ftStatusDel(name);
+      if (pick(2) == 0) hwStatus_->ftStatusIs(freshStatus(name));
+      return;
+    }
+    // Nobody answers with other sessions before the model has forgotten those that it will keep.
+    const bool meddles = std::exchange(meddles_, meddles_ && what != 2);
+    hwConfig_->ftConfigDel(name);
+    for (auto& e : exporters_) {
+      if (e.tracker != name) continue;
+      forget(e);
+      if (what != 2 || !config) e.collectors.clear();
+    }
+    meddles_ = meddles;
+    if (what == 1) trackerIs(name);
+    if (what == 2 && config) hwConfig_->ftConfigIs(config);
+  }
+  void intervalChange() {
+    if (const auto tracker = hwConfig_->ftConfig(pick(2) == 0 ? "ft1" : "ft2"))
+      tracker->activeIntervalIs(static_cast<uint32_t>(400 + pick(100000)));
+  }
+
+  /// `often`: one answer out of so many changes.
+  template <class Ear, class E>
+  void hear(const Ptr<E>& entity, size_t often) {
+    if (!entity || !heard_.insert({entity.get(), entity}).second) return;
+    ears_.push_back(std::make_shared<Ear>(entity, [this, often] { meddle(often); }));
+  }
+  void listen() {
+    for (const auto& [tracker, ft] : info_->ftInfo()) {
+      hear<OnTracker>(ft, 10);
+      for (const auto& [name, info] : ft->expInfo()) {
+        hear<OnInfo>(info, 20);
+        for (const auto& [collector, c] : info->collInfo()) hear<OnCollector>(c, 100);
+      }
+    }
+  }
+  void anyExporterDel() { exporterDel(anExporter()); }
+  void exporterChange() {
+    auto& e = anExporter();
+    exporterDel(e);
+    if (meddles_ && pick(2) == 0) later();  // no time passes inside a notification
+    exporterIs(e);
+  }
+  void vrfChange() {
+    if (pick(2) == 0) sim_->namespaceIs("ns-red", pick(2) == 0);
+    anExporter().config->vrfNameIs(VrfName(pick(2) == 0 ? "default" : "red"));
+  }
+  void refusal() { sim_->openErrorIs(pick(2) == 0 ? 0 : EMFILE); }
+  void meddle(size_t often) {
+    if (!meddles_ || pick(often) != 0) return;
+    meddles_ = false;
+    using W = World;
+    static constexpr void (W::*answers[])() = {
+        &W::anyExporterDel,  &W::exporterChange, &W::sourceChange,  &W::vrfChange,
+        &W::anyCollectorDel, &W::collectorIs,    &W::collectorMove, &W::trackerChange,
+        &W::mtuIs,           &W::intfReindex,    &W::intfDel,       &W::templateChange,
+        &W::intervalChange,  &W::paramChange};
+    (this->*answers[pick(std::size(answers))])();
+    meddles_ = true;
   }
   void sourceChange() {
     auto& c = *anExporter().config;
@@ -271,7 +516,9 @@ class World {
     if (fresh) status.templateStatusIs(t);
   }
   void templateChange() {
-    auto& status = *hwStatus_->ftStatus(pick(2) == 0 ? "ft1" : "ft2");
+    const auto found = hwStatus_->ftStatus(pick(2) == 0 ? "ft1" : "ft2");
+    if (!found) return;
+    auto& status = *found;
     const auto id = static_cast<TemplateId>(256 + pick(3));
     if (pick(3) == 0 && id != 256) {
       status.templateStatusDel(id);
@@ -280,7 +527,9 @@ class World {
     }
   }
   void paramChange() {
-    auto& status = *hwStatus_->ftStatus(pick(2) == 0 ? "ft1" : "ft2");
+    const auto found = hwStatus_->ftStatus(pick(2) == 0 ? "ft1" : "ft2");
+    if (!found) return;
+    auto& status = *found;
     const size_t what = pick(4);
     if (what == 0) status.activeIntervalIs(Seconds(static_cast<double>(1 + pick(1000))));
     if (what == 1) status.inactiveTimeoutIs(Seconds(static_cast<double>(1 + pick(1000))));
@@ -289,6 +538,7 @@ class World {
   }
 
   std::mt19937 rnd_;
+  const double activeSeconds;
   std::unique_ptr<SimPlatform> sim_ = simPlatform();
   Ptr<::Ipfix::IpfixInitSm> init_;
   Ptr<HwFlowTracking::Config> hwConfig_ = HwFlowTracking::configFactory();
@@ -305,6 +555,9 @@ class World {
   Ptr<OptionsDataManagerSm> manager_;
   Receiver receiver_;
   uint32_t last_ = 0;
+  bool meddles_ = true;
+  std::map<const Entity*, Ptr<const Entity>> heard_;  // held: no other comes to lie at its place
+  std::vector<std::shared_ptr<void>> ears_;
 };
 
 unsigned fromEnvironment(const char* name, unsigned otherwise) {
