@@ -77,7 +77,7 @@ class TemplateExporterSmBase::Family {
       collector_[name] = now->second;
     }
     if (gone || !info(name)) sent_.erase(name);  // when it returns, it is a new session
-    if (left) statsDel(*left);
+    if (left) leave(*left);
     // While nobody of the family is being sent to, other collectors may lack the message as well.
     if (!sending_ || !ready()) return maybeTxTemplate_p();
     txTo(name, Pass::lacking);
@@ -127,6 +127,11 @@ class TemplateExporterSmBase::Family {
   void txTo(const std::string& name, Pass pass) {
     const auto now = configured().find(name);
     if (sm_.retired() || !ready() || now == configured().end() || !info(name)) return;
+    // Where another reactor's answer to a changed address comes before this one's own, the old
+    // address must be left first, or its statistics entry would stay for good.
+    if (const auto own = collector_.find(name);
+        own != collector_.end() && own->second != now->second)
+      return handleCollectorIpAndPort(name);
     if (pass == Pass::everybody || lacks(name, now->second)) doTxTemplate_p(Dst(now->second), name);
   }
   void doTxTemplate_p(const Dst& dst, const std::string& name) {
@@ -156,11 +161,21 @@ class TemplateExporterSmBase::Family {
       sm_.stopPeriodicTemplateTx_p();
     }
   }
-  /// Two collectors at one address share an entry: it is removed with the last of them.
+  /// Two collectors at one address share a statistics entry and what waits in the endpoint: both go
+  /// with the last of them.
+  bool shared(const Dst& dst) const {
+    return std::any_of(collector_.begin(), collector_.end(),
+                       [&](const auto& other) { return other.second == dst; });
+  }
   void statsDel(const Dst& dst) {
-    const bool shared = std::any_of(collector_.begin(), collector_.end(),
-                                    [&](const auto& other) { return other.second == dst; });
-    if (!shared) sm_.collStats_->statsDel(sm_.statsKey_p(V::info(dst)));
+    if (!shared(dst)) sm_.collStats_->statsDel(sm_.statsKey_p(V::info(dst)));
+  }
+  /// A collector is there no more. An exporter that ends does not come here: its endpoint sends
+  /// what waits before it closes.
+  void leave(const Dst& dst) {
+    if (const Ptr<UdpPam>& pam = V::pam(*sm_.expInfo_); pam && !shared(dst))
+      pam->txDstDel(dst.addr, dst.port);
+    statsDel(dst);
   }
 
   TemplateExporterSmBase& sm_;
