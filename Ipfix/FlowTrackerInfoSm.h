@@ -29,8 +29,8 @@ class TARN_API CollectorInfo final : public Entity {
   };
   explicit CollectorInfo(std::string name) : name_(std::move(name)) {}
   const std::string& name() const { return name_; }
-  /// Data records sent to this collector so far, modulo 2^32. The senders advance it once for each
-  /// message, so its watchers must be quick.
+  /// Data records sent to this collector so far, modulo 2^32. Senders advance it once for each
+  /// message, or once for a run of messages.
   ::Ipfix::IpfixMsgSeqNo ipfixMsgSeqNo() const { return ipfixMsgSeqNo_; }
   void ipfixMsgSeqNoIs(::Ipfix::IpfixMsgSeqNo v) {
     set(ipfixMsgSeqNo_, v, &Watcher::handleIpfixMsgSeqNo);

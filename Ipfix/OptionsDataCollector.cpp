@@ -34,16 +34,19 @@ SentMessages Collector::transmit_p(const typename Family::Dst& dst, const Export
   const uint32_t now = Platform::current().clock().nowU32();
   const bool traced = traceSink().enabled(TraceLevel::packet);
   SentMessages sent;
+  const Ptr<Collector> hold(this);
+  uint32_t seq = collInfo_->ipfixMsgSeqNo().value();
   for (const Ptr<MessageWrapper>& m : messages) {
-    const uint32_t seq = collInfo_->ipfixMsgSeqNo().value();
-    collInfo_->ipfixMsgSeqNoInc(m->message()->recordCount());
     const Ptr<Pkt>& packet = m->message()->pkt(seq, now);
+    seq += m->message()->recordCount();
     if (traced)
       traceOf(TraceLevel::packet, "Collector", "sendMessage", traceId_, name_, " TX IPv",
               Family::digit, HexDump{packet->octets()});
     Family::send(packet, _pam, src, dst, dscp);
     sent.add(*m);
   }
+  // Stored once, behind the last: it notifies, and whoever hears it may remove this collector.
+  collInfo_->ipfixMsgSeqNoIs(::Ipfix::IpfixMsgSeqNo(seq));
   return sent;
 }
 void Collector::updateStats(const SentMessages& sent) {
