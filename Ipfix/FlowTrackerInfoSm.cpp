@@ -332,8 +332,8 @@ void FlowTrackerInfoSm::handleHwExpConfig(const std::string& exporterName) {
     }
     const auto info = ftInfo_->expInfoIs(name);
     if (retired() || hwFtConfig_->expConfig(name) != config) return {};
-    const auto sm = make<ExporterInfoSm>(ftrType_, ftName_, name, config, info, scheduler_,
-                                         agentInfo_, &expInfoSm_);
+    auto sm = make<ExporterInfoSm>(ftrType_, ftName_, name, config, info, scheduler_, agentInfo_,
+                                   &expInfoSm_);
     say("Created", name);
     return sm;
   };
@@ -343,9 +343,8 @@ Ptr<ExporterInfoSm> FlowTrackerInfoSm::expInfoSmIs(
     FlowTrackingType ftrType, const std::string& ftName, const std::string& expName,
     Ptr<HwFlowTracking::ExporterConfig> hwExpConfig, Ptr<ExporterInfo> expInfo,
     Ptr<TaskSchedulerRoot> scheduler, Ptr<::Ipfix::AgentInfo> agentInfo) {
-  const auto sm =
-      exporterInfoSmFactory(ftrType, ftName, expName, std::move(hwExpConfig), std::move(expInfo),
-                            std::move(scheduler), std::move(agentInfo));
+  auto sm = exporterInfoSmFactory(ftrType, ftName, expName, std::move(hwExpConfig),
+                                  std::move(expInfo), std::move(scheduler), std::move(agentInfo));
   expInfoSm_.put(expName, sm);
   return sm;
 }
@@ -415,8 +414,8 @@ void FlowTrackingInfoSm::handleHwFtConfig(const std::string& trackerName) {
     }
     const auto info = flowTrackingInfo_->ftInfoIs(name);
     if (retired() || hwConfig_->ftConfig(name) != config) return {};
-    const auto sm = make<FlowTrackerInfoSm>(flowTrackingInfo_->flowTrackingType(), name, config,
-                                            info, scheduler_, agentInfo_, &ftInfoSm_);
+    auto sm = make<FlowTrackerInfoSm>(flowTrackingInfo_->flowTrackingType(), name, config, info,
+                                      scheduler_, agentInfo_, &ftInfoSm_);
     say("Created", name);
     return sm;
   };
@@ -428,9 +427,8 @@ Ptr<FlowTrackerInfoSm> FlowTrackingInfoSm::ftInfoSmIs(FlowTrackingType ftrType,
                                                       Ptr<FlowTrackerInfo> ftInfo,
                                                       Ptr<TaskSchedulerRoot> scheduler,
                                                       Ptr<::Ipfix::AgentInfo> agentInfo) {
-  const auto sm =
-      flowTrackerInfoSmFactory(ftrType, ftName, std::move(hwFtConfig), std::move(ftInfo),
-                               std::move(scheduler), std::move(agentInfo));
+  auto sm = flowTrackerInfoSmFactory(ftrType, ftName, std::move(hwFtConfig), std::move(ftInfo),
+                                     std::move(scheduler), std::move(agentInfo));
   ftInfoSm_.put(ftName, sm);
   return sm;
 }

@@ -14,7 +14,7 @@ Ptr<Sm> tableSm(std::string_view manager, std::string_view handler, std::string_
   TARN_ASSERT(data);
   TARN_ASSERT(update);
   traceOf(TraceLevel::event, manager, handler, id, "source ", name, ", setId: ", Sm::setId());
-  const auto sm = make<Sm>(data->sourceIs(name, Sm::setId()), update, inputs...);
+  auto sm = make<Sm>(data->sourceIs(name, Sm::setId()), update, inputs...);
   sm->setIdValIs(Sm::setId());
   return sm;
 }

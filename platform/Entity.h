@@ -169,7 +169,7 @@ class TARN_API Entity {
                                  void (W::*handler)(K)) {
     if (auto it = map.find(key); it != map.end()) return it->second;
     using Child = std::remove_pointer_t<decltype(map.begin()->second.get())>;
-    const auto child = make<Child>(key);
+    auto child = make<Child>(key);
     put(map, key, child, handler);
     return child;
   }

@@ -55,9 +55,9 @@ class TARN_API TaskScheduler : public Entity {
 /// A task of the reactor `sm`, a member of it: runs `body` while `sm` is not retired, and keeps
 /// `sm` alive meanwhile.
 template <class Sm>
-std::unique_ptr<TimerTask> reactorTask(const Ptr<TaskScheduler>& scheduler, std::string name,
+std::unique_ptr<TimerTask> reactorTask(const Ptr<TaskScheduler>& scheduler, const std::string& name,
                                        TaskPriority priority, Sm& sm, void (Sm::*body)()) {
-  return scheduler->timerTask(std::move(name), priority, [&sm, body] {
+  return scheduler->timerTask(name, priority, [&sm, body] {
     if (sm.retired()) return;
     const Ptr<Sm> hold(&sm);
     (sm.*body)();

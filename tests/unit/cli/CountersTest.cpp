@@ -15,6 +15,7 @@ namespace {
 using platform::Ip6Addr;
 using platform::IpAddr;
 using Tarn::Ipfix::CollectorInfo;
+using Tarn::Ipfix::CollectorSetStatisticsEntry;
 using Tarn::Ipfix::CollectorStatistics;
 using Tarn::Ipfix::CollectorStatisticsEntry;
 using Tarn::Ipfix::CollectorStatisticsKey;
@@ -26,8 +27,8 @@ CollectorStatisticsEntry entry(const std::string& tracker, const CollectorInfo& 
   e.exportedOctetTotalCountIs(456);
   e.lastSentTimeIs(997.5);
   e.lastTemplateSentTimeIs(400);
-  e.setEntryIs({256, {}, 7, 0});
-  e.setEntryIs({2, {}, 0, 5});
+  e.setEntryIs(CollectorSetStatisticsEntry(256, 7));
+  e.setEntryIs(CollectorSetStatisticsEntry(2, 0, 5));
   return e;
 }
 const CollectorInfo collector4 = CollectorInfo::fromIpAndPort({IpAddr(0x0a000001), 4739});

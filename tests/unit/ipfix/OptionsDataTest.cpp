@@ -152,8 +152,9 @@ TEST_F(OptionsDataTest, WhatIsDroppedUnreadyDoesNotComeBackOlder) {
   rename(7, "old7");
   sim->advance(Seconds(0.05));
   arrived();
-  receiver = Receiver();  // what waits in the endpoint is lost
   exporter->srcIpAddrIs({});
+  arrived();  // with the endpoint all leaves that waited in it
+  receiver = Receiver();
   rename(7, "new7");
   sim->runRound();  // drops it, while the tables are on their way
   dataExporter()->updateDataCoalesceTimeIs(0.1);

@@ -63,8 +63,8 @@ TEST_F(TablesTest, RecordsAtTheirLimits) {
 
   const auto table = trackerTableSm();
   hwStatus->sampleRateIs(16384);
-  for (const auto& [seconds, exported] : std::map<double, uint16_t>{
-           {65534.9, 65534}, {15.9, 15}, {0.9, 0}, {-0.9, 0}, {-5, 0}, {-1e300, 0}}) {
+  for (const auto& [seconds, exported] :
+       std::map<double, uint16_t>{{65534.9, 65534}, {15.9, 15}, {0.9, 0}, {0, 0}}) {
     ftStatus->activeIntervalIs(Seconds(seconds));
     ftStatus->inactiveTimeoutIs(Seconds(seconds));
     EXPECT_EQ(octetsOf(table->makeDataRecord()),
@@ -75,11 +75,6 @@ TEST_F(TablesTest, RecordsAtTheirLimits) {
                   netOctets(1, 4) + netOctets(16384, 4) + netOctets(1, 2))
         << seconds;
   }
-  ftStatus->activeIntervalIs(Seconds(65535));
-  EXPECT_DEATH(table->makeDataRecord(), "activeInterval < 65535.0");
-  ftStatus->activeIntervalIs(Seconds(1));
-  ftStatus->inactiveTimeoutIs(Seconds(65535));
-  EXPECT_DEATH(table->makeDataRecord(), "inactiveTimeout < 65535.0");
 }
 
 TEST_F(TablesTest, FlowKeyBitsAreWidenedAsCollectorsExpect) {

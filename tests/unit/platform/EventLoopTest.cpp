@@ -77,7 +77,9 @@ TEST_F(Loop, DescriptorsThatAreAlwaysReadyLetTasksAndEachOtherIn) {
     size_t count;
     std::chrono::milliseconds each;
   };
-  for (const auto& [count, each] : {Row{1, 15ms}, Row{60, 4ms}}) {
+  for (const Row& row : {Row{1, 15ms}, Row{60, 4ms}}) {
+    const size_t count = row.count;
+    const auto each = row.each;
     SCOPED_TRACE(count);
     const auto busy = [](std::chrono::milliseconds d) {
       for (const auto end = Clock::now() + d; Clock::now() < end;) {
