@@ -16,7 +16,7 @@ namespace {
 /// A range of addresses that the handler may replace.
 struct Guard {
   std::atomic<bool> taken = false;
-  std::atomic<uintptr_t> base = 0;  // 0: none yet
+  std::atomic<char*> base = nullptr;  // null: none yet
   std::atomic<size_t> len = 0;
   std::atomic<bool> lost = false;
 };
@@ -28,9 +28,10 @@ void handleBus(int signal, siginfo_t* info, void*) {
   const bool fault = info->si_code > 0;  // or somebody sent the signal
   const auto at = reinterpret_cast<uintptr_t>(info->si_addr);
   for (Guard& g : guards) {
-    const uintptr_t base = g.base;
-    if (!fault || base == 0 || at < base || at - base >= g.len) continue;
-    if (::mmap(reinterpret_cast<void*>(base), g.len, PROT_READ | PROT_WRITE,
+    char* const base = g.base;
+    const auto from = reinterpret_cast<uintptr_t>(base);
+    if (!fault || !base || at < from || at - from >= g.len) continue;
+    if (::mmap(base, g.len, PROT_READ | PROT_WRITE,
                MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0) == MAP_FAILED)
       break;
     g.lost = true;
@@ -68,7 +69,7 @@ Mapping::Mapping(int fd, size_t len, bool writable) {
   len_ = len;
   g.lost = false;
   g.len = len;
-  g.base = reinterpret_cast<uintptr_t>(base);
+  g.base = static_cast<char*>(base);
 }
 
 Mapping& Mapping::operator=(Mapping&& o) noexcept {
@@ -81,7 +82,7 @@ Mapping& Mapping::operator=(Mapping&& o) noexcept {
 Mapping::~Mapping() {
   if (!base_) return;
   ::munmap(base_, len_);
-  guards[guard_].base = 0;
+  guards[guard_].base = nullptr;
   guards[guard_].taken = false;
 }
 
