@@ -351,7 +351,7 @@ TEST_F(FlowCacheTest, AFloodTakesNoMoreThanItsBoundAndGivesItBack) {
     cache->holdIs(false);
     for (int64_t s = 0; cache->size() > 0 && s < 60; ++s) {
       while (auto* block = queue->take()) queue->release(block);
-      cache->nowIs(start + maxFlows + s * 1000);
+      cache->nowIs(start + static_cast<int64_t>(maxFlows) + s * 1000);
     }
     EXPECT_EQ(cache->size(), 0u);
     EXPECT_LT(resident(), before + slack + (2 << 20) * 5) << "two chunks of each family are kept";
