@@ -16,9 +16,7 @@ namespace FlowTracking {
 struct FlowPathKey {
   std::array<char, 128> tracker{};  ///< its name, zero behind it
 
-  explicit FlowPathKey(std::string_view name = {}) {
-    std::memcpy(tracker.data(), name.data(), name.size() < 128 ? name.size() : 128);
-  }
+  explicit FlowPathKey(std::string_view name = {}) { name.copy(tracker.data(), tracker.size()); }
   std::string_view name() const {
     return {tracker.data(), strnlen(tracker.data(), tracker.size())};
   }
