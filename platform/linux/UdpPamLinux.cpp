@@ -488,6 +488,7 @@ void UdpPamLinux::handleEvents(uint32_t events) {
 void UdpPamLinux::close() {
   if (!socket_) return;
   full_ = false;
+  if (!gone_.empty()) purge();
   closing_ = true;
   while (!queue_.empty() && sendSome()) {
   }
