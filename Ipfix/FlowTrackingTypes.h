@@ -39,11 +39,25 @@ class TARN_API IntfIndexMap final : public Entity {
   const std::map<IntfId, uint32_t>& intfIndex() const { return intfIndex_; }
   /// `unknownIndex` where the interface has none.
   uint32_t intfIndex(const IntfId& id) const { return find(intfIndex_, id); }
-  void intfIndexIs(const IntfId& id, uint32_t index) {
-    put(intfIndex_, id, index, &Watcher::handleIntfIndex);
+  /// The interface's entry, or `intfIndex().end()`. Costs no search for the one that was set last,
+  /// which is what a watcher asks for when it hears of a change.
+  std::map<IntfId, uint32_t>::const_iterator intfIndexEntry(const IntfId& id) const {
+    return newest_ != intfIndex_.end() && newest_->first == id ? newest_ : intfIndex_.find(id);
   }
-  void intfIndexDel(const IntfId& id) { del(intfIndex_, id, &Watcher::handleIntfIndex); }
-  void intfIndexDelAll() { delAll(intfIndex_, &Watcher::handleIntfIndex); }
+  void intfIndexIs(const IntfId& id, uint32_t index) {
+    const auto [entry, added] = intfIndex_.try_emplace(id, index);
+    if (!added && std::exchange(entry->second, index) == index) return;
+    newest_ = entry;
+    notify(&Watcher::handleIntfIndex, IntfId(id));
+  }
+  void intfIndexDel(const IntfId& id) {
+    if (newest_ != intfIndex_.end() && newest_->first == id) newest_ = intfIndex_.end();
+    del(intfIndex_, id, &Watcher::handleIntfIndex);
+  }
+  void intfIndexDelAll() {
+    const Ptr<Entity> hold(this);
+    for (const IntfId& id : keysOf(intfIndex_)) intfIndexDel(id);
+  }
   const std::unordered_map<uint32_t, IntfId>& intfId() const { return intfId_; }
   /// Empty where no interface has that index.
   IntfId intfId(uint32_t index) const { return find(intfId_, index); }
@@ -57,6 +71,7 @@ class TARN_API IntfIndexMap final : public Entity {
 
  private:
   std::map<IntfId, uint32_t> intfIndex_;
+  std::map<IntfId, uint32_t>::const_iterator newest_ = intfIndex_.end();
   std::unordered_map<uint32_t, IntfId> intfId_;
 };
 TARN_API Ptr<IntfIndexMap> intfIndexMapFactory();

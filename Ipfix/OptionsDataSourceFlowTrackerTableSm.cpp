@@ -134,10 +134,9 @@ void FlowTrackerTableSm::doUpdate() {
   TARN_ASSERT(record);
   traceOf(TraceLevel::event, "FlowTrackerTableSm", "doUpdate", hwFtConfig_->ftName(), "(",
           setIdVal(), ") ", "record len: ", record->dataLen());
-  if (!announce_p(record)) return;
   clear_p();
   dataSource()->dataRecordIs(record);
-  finish_p();
+  announce_p(record);
 }
 
 AttrRows FlowTrackerTableSm::attrRows() const {

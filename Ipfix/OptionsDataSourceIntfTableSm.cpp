@@ -81,7 +81,7 @@ void InterfaceTableSm::handleInitialized() {
 
 void InterfaceTableSm::handleIntfId(const IntfId& intfId) {
   renew_p(dataRecord_, std::string_view(intfId.stringValue()), [&]() -> Ptr<DataRecord> {
-    const auto entry = intfIndexMap_->intfIndex().find(intfId);
+    const auto entry = intfIndexMap_->intfIndexEntry(intfId);
     if (entry == intfIndexMap_->intfIndex().end()) {
       traceOf(TraceLevel::event, "InterfaceTableSm", "handleIntfId", {},
               "intfId: ", intfId.stringValue(), ", index not present. ");

@@ -20,8 +20,8 @@ namespace FlowTracking {
 /// reactor goes: the source is its owner's.
 ///
 /// Announcing a record runs watchers, which may change the same input again or let the table go.
-/// Both are safe: while a watcher runs, the table's own records and those of its source agree, and
-/// the newest state of the input is what stays.
+/// Both are safe, because a record is stored before it is announced: while a watcher runs, the
+/// table's own records, those of its source and the input agree. The source's version rises last.
 class TARN_API OptionsDataSourceSm : public Entity {
  public:
   const Ptr<OptionsDataSource>& dataSource() const { return dataSource_; }
@@ -41,23 +41,15 @@ class TARN_API OptionsDataSourceSm : public Entity {
   /// Starts a full build: the source is empty afterwards.
   void clear_p() {
     initialized_ = true;
-    ++changes_;
     dataSource_->dataRecordDelAll();
   }
-  /// Stores a record in the source and among the table's own, which are a map from the key to the
-  /// record or a set of records. `place` is where an older one of the same key was, if anywhere: it
-  /// spares the allocator.
   template <class Own, class Key>
-  void store_p(Own& own, const Key& key, Ptr<DataRecord> record,
-               typename Own::node_type&& place = {}) {
+  void store_p(Own& own, const Key& key, const Ptr<DataRecord>& record) {
     dataSource_->dataRecordIs(record);
-    if (place) {
-      recordIn(place) = std::move(record);
-      own.insert(std::move(place));
-    } else if constexpr (isMap<Own>) {
-      own[key] = std::move(record);
+    if constexpr (requires { own[key]; }) {
+      own.insert_or_assign(key, record);
     } else {
-      own.insert(std::move(record));
+      own.insert(record);
     }
   }
   /// Tells of a batch of changes, which is over.
@@ -65,29 +57,31 @@ class TARN_API OptionsDataSourceSm : public Entity {
     assertCount_p();
     dataSource_->versionInc(1);
   }
-  /// False: a watcher has changed the table further, or has let it go.
-  bool announce_p(const Ptr<DataRecord>& record) {
-    const uint32_t before = changes_;
+  /// Announces a record that is stored. A watcher may change the table further, or let it go.
+  void announce_p(const Ptr<DataRecord>& record) {
     dataUpdate_->addUpdate(setIdVal_, record);
-    return before == changes_ && !retired();
+    if (!retired()) finish_p();
   }
   /// Brings the record under `key` in step with the input. `make()` returns the record, or null
-  /// where the input has none.
+  /// where the input has none. `own` holds the table's records: a map from the key to the record,
+  /// or a set of records that compares the keys in them.
   template <class Own, class Key, class Make>
   void renew_p(Own& own, const Key& key, Make&& make) {
     TARN_ASSERT_AS(initialized(), "initialized()");
-    ++changes_;
-    typename Own::node_type place;
-    if (const auto old = own.find(key); old != own.end()) {
-      place = own.extract(old);
-      dataSource_->dataRecordDel(recordIn(place));
+    const auto old = own.find(key);
+    if (old != own.end()) dataSource_->dataRecordDel(recordIn(*old));
+    const Ptr<DataRecord> record = make();
+    if (!record) {
+      if (old != own.end()) own.erase(old);
+      return finish_p();
     }
-    if (Ptr<DataRecord> record = make()) {
-      // What a watcher changed under the same key meanwhile is newer than this record.
-      if (!announce_p(record) && (retired() || own.contains(key) || !make())) return;
-      store_p(own, key, std::move(record), std::move(place));
+    if (old == own.end()) {
+      store_p(own, key, record);
+    } else {
+      dataSource_->dataRecordIs(record);
+      recordIn(*old) = record;
     }
-    finish_p();
+    announce_p(record);
   }
   /// The rows that every table has, and `own`.
   template <size_t N>
@@ -107,17 +101,10 @@ class TARN_API OptionsDataSourceSm : public Entity {
   }
 
  private:
-  template <class Own>
-  static constexpr bool isMap = requires {
-    typename Own::mapped_type;
-  };
-  template <class Node>
-  static Ptr<DataRecord>& recordIn(Node& node) {
-    if constexpr (requires { node.mapped(); }) {
-      return node.mapped();
-    } else {
-      return node.value();
-    }
+  static Ptr<DataRecord>& recordIn(auto& entry) { return entry.second; }
+  /// The new record has the old one's key, so its place in the set stays right.
+  static Ptr<DataRecord>& recordIn(const Ptr<DataRecord>& entry) {
+    return const_cast<Ptr<DataRecord>&>(entry);
   }
   /// Asserts that the table's own records are those of the source, less its reserved ones.
   virtual void assertCount_p() const {}
@@ -126,7 +113,6 @@ class TARN_API OptionsDataSourceSm : public Entity {
   Ptr<OptionsDataUpdate> dataUpdate_;
   TemplateId setIdVal_;
   bool initialized_ = false;
-  uint32_t changes_ = 0;  // modulo 2^32
 };
 
 /// Streams an unsigned integer of a record, read only when a trace line is written.

@@ -153,9 +153,7 @@ class TARN_API Entity {
   template <class Map, class V, class W, class K>
   void put(Map& map, const typename Map::key_type& key, V&& v, void (W::*handler)(K)) {
     [[maybe_unused]] typename Map::mapped_type old{};
-    if (auto it = map.find(key); it == map.end()) {
-      map.emplace(key, std::forward<V>(v));
-    } else {
+    if (const auto [it, added] = map.try_emplace(key, std::forward<V>(v)); !added) {
       if (it->second == v) return;
       old = std::exchange(it->second, typename Map::mapped_type(std::forward<V>(v)));
     }
