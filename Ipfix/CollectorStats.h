@@ -14,10 +14,11 @@
 #include "platform/IpfixTypes.h"
 #include "platform/SharedTable.h"
 
-/// What was exported, per (tracker, exporter, collector), in a table that other processes read.
-/// The records are plain octets of fixed size: the struct is the layout in shared memory, host
-/// byte order, every padding octet zero. docs/shared-memory.md describes it for readers in other
-/// languages; a change of it is a new layout version there.
+/// What was exported to each collector of each exporter of each tracker, in a table that other
+/// processes read. The members of `CollectorStatisticsKey` and `CollectorStatisticsEntry` are the
+/// layout of a record in shared memory: fixed sizes, host byte order, every padding octet zero.
+/// docs/shared-memory.md describes that layout for readers in other languages; who changes it here
+/// raises the layout version there.
 namespace Tarn::Ipfix {
 
 /// An index of 8 bits, 0 to `maximum`; a value outside raises std::range_error with the text of its
@@ -53,7 +54,7 @@ struct StringIndexTag {
   static constexpr const char* outside =
       "StringIndex::value < StringIndex::min or > StringIndex::max not allowed";
 };
-/// Index into a name's storage.
+/// The place of an octet in a name of the key.
 using StringIndex = Index<StringIndexTag, 127>;
 
 struct SetIndexTag {
@@ -61,7 +62,7 @@ struct SetIndexTag {
   static constexpr const char* outside =
       "SetIndex::value < SetIndex::min or > SetIndex::max not allowed";
 };
-/// Index of a per-set slot.
+/// The place of one of the 20 slots for set ids in an entry.
 using SetIndex = Index<SetIndexTag, 19>;
 
 /// A set id that messages may carry: 2, 3 or above 255; any other asserts.
@@ -127,8 +128,9 @@ class TARN_API CollectorStatisticsKey {
   std::string_view exporter() const { return text(exporterStorage_, exporterLen_); }
   void exporterIs(std::string_view name) { store(exporterStorage_, exporterLen_, name); }
 
-  /// Single octets, 0 behind the name's end. Writing behind the end lengthens the name, the gap
-  /// filled with zeros; deleting zeroes the octet, and shortens the name when it was the last.
+  /// Single octets of the names. Behind a name's end each reads as 0. Who writes there lengthens
+  /// the name, and zeros fill what lies between. A deleted octet becomes 0; when it was the last of
+  /// the name, the name becomes shorter.
   uint8_t trackerStorage(StringIndex i) const { return trackerStorage_[i.value()]; }
   uint8_t exporterStorage(StringIndex i) const { return exporterStorage_[i.value()]; }
   void trackerStorageIs(StringIndex i, uint8_t c) { put(trackerStorage_, trackerLen_, i, c); }
@@ -138,7 +140,8 @@ class TARN_API CollectorStatisticsKey {
   void exporterStorageDel(StringIndex i) { del(exporterStorage_, exporterLen_, i); }
   void exporterStorageDelAll() { exporterIs({}); }
 
-  /// The lengths are within bounds, as in every key that was not read from foreign memory.
+  /// Whether the lengths of the names are possible. They always are in a key that this process
+  /// made; one that was read from shared memory may hold anything.
   bool valid() const { return trackerLen_ <= nameMax && exporterLen_ <= nameMax; }
   bool operator==(const CollectorStatisticsKey&) const = default;
   /// By tracker, exporter, collector.
@@ -164,7 +167,7 @@ class TARN_API CollectorStatisticsKey {
 };
 static_assert(sizeof(CollectorStatisticsKey) == 284);
 
-/// Counters of one set id; set id 0 marks a free slot.
+/// The counters of one set id. A slot with set id 0 is free.
 class TARN_API CollectorSetStatisticsEntry {
  public:
   CollectorSetStatisticsEntry() = default;
@@ -222,15 +225,17 @@ class TARN_API CollectorStatisticsEntry {
   void lastOptionsDataSentTimeIs(double t) { lastOptionsDataSent_ = t; }
   double lastClearedTime() const { return lastCleared_; }
   void lastClearedTimeIs(double t) { lastCleared_ = t; }
-  uint8_t nextIdx() const { return nextIdx_; }  ///< the slot freed last; 255: none
+  /// The slot whose set id was deleted last, which the next new one gets; 255 where there is none.
+  uint8_t nextIdx() const { return nextIdx_; }
   void nextIdxIs(uint8_t v) { nextIdx_ = v; }
-  uint32_t setEntryCount() const { return used_; }  ///< slots in use, freed ones among them
+  /// How many slots were ever taken, 0 to 20: those behind them are untouched.
+  uint32_t setEntryCount() const { return used_; }
 
   /// The slot that holds the id, or SetIndex::none.
   uint8_t indexForSetId(SetId id) const;
   /// The slot that holds the id or would; raises std::range_error when 20 other ids have one.
   SetIndex maybeNewIndexForSetId(SetId id) const;
-  /// There is a slot for the id: `setEntryIs` would not raise.
+  /// Whether the id has a slot or can get one, so that `setEntryIs` would not raise.
   bool hasRoomFor(SetId id) const;
   /// The id's counters, or an all-zero entry.
   CollectorSetStatisticsEntry setEntry(SetId id) const;
@@ -239,7 +244,7 @@ class TARN_API CollectorStatisticsEntry {
   /// of it. A tracker may well use more templates than there are slots, and a device's choice of
   /// them must not stop the agent, so that the writers skip such an id instead of raising.
   bool setEntryInc(SetId id, uint64_t records, uint64_t templates);
-  /// Removes and returns them; an all-zero entry when there were none.
+  /// Removes the id's counters and returns them; an all-zero entry when it had none.
   CollectorSetStatisticsEntry setEntryDel(SetId id);
   const CollectorSetStatisticsEntry& setEntryStorage(SetIndex i) const {
     return setEntryStorage_[i.value()];

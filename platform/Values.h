@@ -11,7 +11,8 @@
 
 namespace platform {
 
-/// A bounded name; a longer one raises std::range_error with the text of its `Tag`.
+/// A name of at most `Tag::maxLength` octets. The constructor raises std::range_error with the text
+/// `Tag::tooLong` for a longer one; `fromString` returns nothing.
 template <class Tag>
 class BoundedName {
  public:
