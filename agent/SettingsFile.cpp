@@ -1,25 +1,23 @@
 #include "agent/SettingsFile.h"
 
-// toml++ 3.3.0 asserts that a table's header begins with a key before it looks ("[.a]"), and
-// release builds even let the compiler assume it. For text out of a file neither will do; the
-// checks behind these assertions make it an error like others.
-#undef NDEBUG
-#define TOML_ASSERT(expr) static_cast<void>(0)
-#include <toml++/toml.h>
-
 #include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <functional>
 #include <map>
+#include <memory>
 
 #include "Ipfix/FlowTrackingTypes.h"
 #include "agent/Printable.h"
+#include "agent/SettingsSection.h"
 
 namespace agent {
 namespace {
 using FlowTracking::FlowTrackingType;
 using std::chrono::milliseconds;
+using Section = SettingsSection;
+template <class T>
+using Rule = SettingsRule<T>;
 
 constexpr size_t nameMax = 128;          // what a statistics entry holds of a name
 constexpr size_t interfaceNameMax = 15;  // IFNAMSIZ without its terminator
@@ -32,82 +30,6 @@ constexpr uint32_t mtuMax = 65535;    // the length field of an IPv4 packet
 constexpr VrfId vrfIdMax = 0xfffffe;  // 0xffffff is exported for "no VRF"
 constexpr milliseconds second{1000};
 constexpr int64_t maxFlowsMax = 100000000;  // 17 GB
-
-/// Edits that turn one text into the other: insert, delete, replace, swap of two neighbours.
-size_t editDistance(std::string_view a, std::string_view b) {
-  std::vector<size_t> before(b.size() + 1);
-  std::vector<size_t> last(b.size() + 1);
-  std::vector<size_t> row(b.size() + 1);
-  for (size_t j = 0; j <= b.size(); ++j) last[j] = j;
-  for (size_t i = 1; i <= a.size(); ++i) {
-    row[0] = i;
-    for (size_t j = 1; j <= b.size(); ++j) {
-      row[j] =
-          std::min({last[j] + 1, row[j - 1] + 1, last[j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1)});
-      if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1])
-        row[j] = std::min(row[j], before[j - 2] + 1);
-    }
-    before.swap(last);
-    last.swap(row);
-  }
-  return last[b.size()];
-}
-
-/// Case and the choice of - or _ are the likeliest slips.
-std::string folded(std::string_view key) {
-  std::string out(key.substr(0, 64));
-  for (char& c : out) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    if (c == '_') c = '-';
-  }
-  return out;
-}
-
-/// The candidate that was probably meant, or none.
-std::string_view nearest(std::string_view key, const std::vector<std::string_view>& candidates) {
-  std::string_view best;
-  size_t bestDistance = 4;
-  for (const std::string_view c : candidates) {
-    const size_t d = editDistance(folded(key), c);
-    if (d < bestDistance && d <= 1 + c.size() / 4) {
-      best = c;
-      bestDistance = d;
-    }
-  }
-  return best;
-}
-
-constexpr size_t keyTextMax = 200;  // octets: more than any valid name has, 128
-/// One step of a key's path, as TOML writes it; a longer one is cut.
-std::string keyText(std::string_view key) {
-  if (key.size() <= keyTextMax && isBareKey(key)) return std::string(key);
-  return '"' + printable(key, keyTextMax) + '"';
-}
-
-/// A value as an error shows it.
-std::string shown(const toml::node& node) {
-  switch (node.type()) {
-    case toml::node_type::string: {
-      constexpr size_t valueMax = 80;
-      return '"' + printable(node.as_string()->get(), valueMax) + '"';
-    }
-    case toml::node_type::integer:
-      return std::to_string(node.as_integer()->get());
-    case toml::node_type::floating_point: {
-      std::ostringstream out;
-      out << node.as_floating_point()->get();
-      return out.str();
-    }
-    case toml::node_type::boolean:
-      return node.as_boolean()->get() ? "true" : "false";
-    case toml::node_type::table:
-      return "a table";
-    case toml::node_type::array:
-      return "an array";
-    default:
-      return "a date or time";
-  }
-}
 
 constexpr size_t keyDepthMax = 64;  // the deepest key has seven steps
 
@@ -144,61 +66,6 @@ std::optional<toml::source_position> tooDeepKey(std::string_view toml) {
   return std::nullopt;
 }
 
-/// Collects errors with their place in the files, which are read in the order given. Keeps the
-/// first `settingsErrorsMax` of them and counts the others: a file of a million wrong keys would
-/// otherwise cost the agent a gigabyte, and the log a million lines.
-class Errors {
- public:
-  explicit Errors(const std::vector<SettingsText>& files) {
-    for (const SettingsText& file : files) files_.push_back(file.name);
-  }
-  void add(const toml::source_region& at, std::string text) {
-    ++count_;
-    errors_.emplace(placeOf(at), std::move(text));
-    if (errors_.size() > settingsErrorsMax) errors_.erase(std::prev(errors_.end()));
-  }
-  void atKey(const toml::source_region& at, const std::string& path, const std::string& text) {
-    add(at, "key '" + path + "': " + text);
-  }
-  /// False: as many errors stand before this place as are kept. The error is only counted, and its
-  /// text need not be made.
-  bool wanted(const toml::source_region& at) {
-    if (errors_.size() < settingsErrorsMax || placeOf(at) < errors_.rbegin()->first) return true;
-    ++count_;
-    return false;
-  }
-  bool empty() const { return count_ == 0; }
-  bool before(const toml::source_region& a, const toml::source_region& b) const {
-    return placeOf(a) < placeOf(b);
-  }
-  std::vector<std::string> inFileOrder() const {
-    std::vector<std::string> lines;
-    lines.reserve(errors_.size() + 1);
-    for (const auto& [place, text] : errors_)
-      lines.push_back(printable(files_[place.file]) + ':' + std::to_string(place.line) + ':' +
-                      std::to_string(place.column) + ": " + text);
-    if (const size_t more = count_ - errors_.size(); more > 0)
-      lines.push_back("and " + std::to_string(more) + (more == 1 ? " more error" : " more errors"));
-    return lines;
-  }
-
- private:
-  struct Place {
-    size_t file = 0;
-    toml::source_index line = 0;
-    toml::source_index column = 0;
-    auto operator<=>(const Place&) const = default;
-  };
-  Place placeOf(const toml::source_region& at) const {
-    const auto it = at.path ? std::find(files_.begin(), files_.end(), *at.path) : files_.begin();
-    return {it == files_.end() ? 0 : static_cast<size_t>(it - files_.begin()), at.begin.line,
-            at.begin.column};
-  }
-  std::vector<std::string> files_;
-  std::multimap<Place, std::string> errors_;
-  size_t count_ = 0;
-};
-
 /// Lays one file's table over those before it: tables become one, any other value is replaced.
 /// Keys and values keep the place where they stand.
 void merge(toml::table& into, toml::table&& from) {
@@ -212,130 +79,6 @@ void merge(toml::table& into, toml::table&& from) {
     node.visit([&, &k = key](auto& value) { into.insert(k, std::move(value)); });
   }
 }
-
-/// Reads one value into `out`. Returns what would be right, or nothing when the value is.
-template <class T>
-using Rule = std::function<std::string(const toml::node& node, T& out)>;
-
-/// One table of the file: hands out its keys and, in the end, complains about the others.
-class Section {
- public:
-  Section(Errors& errors, const toml::table& table, std::string path, toml::source_region at)
-      : errors_(errors), table_(table), path_(std::move(path)), at_(std::move(at)) {}
-  Section(const Section&) = delete;
-  Section& operator=(const Section&) = delete;
-  ~Section() { refuseUnknown(); }
-
-  std::string pathOf(std::string_view key) const {
-    return path_.empty() ? keyText(key) : path_ + '.' + keyText(key);
-  }
-
-  /// False when the key is absent or wrong: `out` is unchanged.
-  template <class T>
-  bool optional(std::string_view key, T& out, const Rule<T>& rule) {
-    known_.push_back(key);
-    const toml::node* node = table_.get(key);
-    if (!node) return false;
-    T value{};
-    const std::string expected = rule(*node, value);
-    if (!expected.empty()) {
-      refuse(key, *node, expected);
-      return false;
-    }
-    out = std::move(value);
-    return true;
-  }
-  template <class T>
-  bool required(std::string_view key, T& out, const Rule<T>& rule, const std::string& what) {
-    if (!table_.get(key)) errors_.atKey(at_, pathOf(key), "missing: " + what);
-    return optional(key, out, rule);
-  }
-
-  /// Visits the table at `key` when it is there.
-  void table(std::string_view key, const std::function<void(Section& section)>& visit) {
-    known_.push_back(key);
-    const toml::node* node = table_.get(key);
-    if (!node) return;
-    if (const toml::table* table = node->as_table()) {
-      Section section(errors_, *table, pathOf(key), node->source());
-      visit(section);
-    } else {
-      refuse(key, *node, "it is a table, [" + pathOf(key) + "]");
-    }
-  }
-
-  /// Visits the tables below `key` in the file's order, each with its name, which `nameRule`
-  /// accepts (empty answer).
-  void tables(std::string_view key, const std::string& what,
-              const std::function<std::string(const std::string& name)>& nameRule,
-              const std::function<void(const std::string& name, Section& section)>& visit) {
-    known_.push_back(key);
-    const toml::node* node = table_.get(key);
-    if (!node) return;
-    const std::string form = "each " + what + " is a table, [" + pathOf(key) + ".NAME]";
-    const toml::table* all = node->as_table();
-    if (!all) {
-      refuse(key, *node, form);
-      return;
-    }
-    std::vector<std::pair<const toml::key*, const toml::node*>> children;
-    for (const auto& [nameKey, child] : *all) children.emplace_back(&nameKey, &child);
-    std::sort(children.begin(), children.end(), [this](const auto& a, const auto& b) {
-      return errors_.before(a.first->source(), b.first->source());
-    });
-    for (const auto& [nameKey, child] : children) {
-      const std::string name(nameKey->str());
-      const std::string path = pathOf(key) + '.' + keyText(name);
-      const toml::table* table = child->as_table();
-      if (!table) {
-        errors_.atKey(child->source(), path, shown(*child) + " is not allowed: " + form);
-        continue;
-      }
-      if (const std::string expected = nameRule(name); !expected.empty())
-        errors_.atKey(nameKey->source(), path, "this name is not allowed: " + expected);
-      Section section(errors_, *table, path, nameKey->source());
-      visit(name, section);
-    }
-  }
-
-  /// An error about the value of a key, or about its default.
-  void refuse(std::string_view key, const std::string& expected) {
-    if (const toml::node* node = table_.get(key)) {
-      refuse(key, *node, expected);
-    } else {
-      errors_.atKey(at_, pathOf(key), "missing: " + expected);
-    }
-  }
-
- private:
-  void refuse(std::string_view key, const toml::node& node, const std::string& expected) {
-    errors_.atKey(node.source(), pathOf(key), shown(node) + " is not allowed: " + expected);
-  }
-
-  void refuseUnknown() {
-    for (const auto& [key, node] : table_) {
-      if (std::find(known_.begin(), known_.end(), key.str()) != known_.end() ||
-          !errors_.wanted(key.source()))
-        continue;
-      const std::string_view meant = nearest(key.str(), known_);
-      std::string text = "unknown";
-      if (!meant.empty()) {
-        text += "; did you mean '" + std::string(meant) + "'?";
-      } else {
-        text += "; known here:";
-        for (const std::string_view k : known_)
-          text += (k == known_.front() ? " " : ", ") + std::string(k);
-      }
-      errors_.atKey(key.source(), pathOf(key.str()), text);
-    }
-  }
-
-  Errors& errors_;
-  const toml::table& table_;
-  std::string path_;
-  toml::source_region at_;
-  std::vector<std::string_view> known_;
-};
 
 // Rules. Each is made of what the value is, in words, and a test.
 
@@ -602,7 +345,7 @@ SettingsResult parseSettings(std::string_view toml, const std::string& fileName)
 
 SettingsResult parseSettings(const std::vector<SettingsText>& files) {
   SettingsResult result;
-  Errors errors(files);
+  SettingsErrors errors(files);
   toml::table all;
   for (const SettingsText& file : files) {
     const auto path = std::make_shared<const std::string>(file.name);
