@@ -241,6 +241,10 @@ uint16_t TemplateExporterSmBase::headerSetId() const {
 void TemplateExporterSmBase::handleStartup() {
   templateReady_ = false;
   templateTxCountIs(0);
+  // Options data may be counted for these before the first message leaves here: who had their
+  // templates from a predecessor keeps the mark.
+  collector4_ = hwExpConfig_->collectorIpAndPort();
+  collector6_ = hwExpConfig_->collectorIp6AndPort();
   periodicTemplateTxTaskIs(taskScheduler_, taskPriority, taskName_p("PeriodicTxTask"));
 }
 void TemplateExporterSmBase::startTemplateCreation_p() {
