@@ -428,8 +428,10 @@ class World {
     const auto config = hwConfig_->ftConfig(name);
     const size_t what = pick(4);
     if (what == 3 && config) {  // the sessions go on, the counters do not
+      const bool meddles = std::exchange(meddles_, false);  // nobody adds one meanwhile
       for (auto& e : exporters_)
         while (e.tracker == name && !e.collectors.empty()) collectorDel(e);
+      meddles_ = meddles;
       hwStatus_->ftStatusDel(name);
       if (pick(2) == 0) hwStatus_->ftStatusIs(freshStatus(name));
       return;
