@@ -21,38 +21,30 @@ using namespace std::chrono_literals;
 /// The service manager's end of sd_notify(3).
 class Manager {
  public:
-  explicit Manager(const std::string& path)
-      : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
-    sockaddr_un a{};
-    a.sun_family = AF_UNIX;
-    path.copy(a.sun_path, sizeof a.sun_path - 1);
-    EXPECT_EQ(bind(fd_.get(), reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+  explicit Manager(const std::string& path) {
+    address_.sun_family = AF_UNIX;
+    path.copy(address_.sun_path, sizeof address_.sun_path - 1);
+    EXPECT_EQ(bind(fd_.get(), reinterpret_cast<sockaddr*>(&address_), sizeof address_), 0);
   }
   /// Messages of somebody else, until there is room for no more.
-  static void fill(const std::string& path) {
-    const Fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    sockaddr_un a{};
-    a.sun_family = AF_UNIX;
-    path.copy(a.sun_path, sizeof a.sun_path - 1);
-    while (sendto(fd.get(), "X", 1, 0, reinterpret_cast<sockaddr*>(&a), sizeof a) == 1) {
+  void fill() {
+    const Fd other(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    while (sendto(other.get(), "X", 1, 0, reinterpret_cast<sockaddr*>(&address_),
+                  sizeof address_) == 1) {
     }
   }
-  /// All that came, in order.
-  const std::vector<std::string>& all() {
+  /// What came since the last look, a line each.
+  std::string take() {
     std::array<char, 4096> buffer;
+    std::string all;
     for (ssize_t n; (n = recv(fd_.get(), buffer.data(), buffer.size(), 0)) >= 0;)
-      all_.emplace_back(buffer.data(), static_cast<size_t>(n));
-    return all_;
-  }
-  bool has(const std::string& part, size_t from = 0) {
-    for (size_t i = from; i < all().size(); ++i)
-      if (all_[i].find(part) != std::string::npos) return true;
-    return false;
+      all.append(buffer.data(), static_cast<size_t>(n)) += '\n';
+    return all;
   }
 
  private:
-  Fd fd_;
-  std::vector<std::string> all_;
+  const Fd fd_{socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
+  sockaddr_un address_{};
 };
 
 class AgentTest : public World {
@@ -79,26 +71,28 @@ address = "127.0.0.1"
   const size_t before = support::openFds();
   {
     Agent agent(loop, heard.log, {.configFile = "/run/tarnflow.toml"});
-    Manager::fill("/run/notify");  // a manager that is busy gets everything later, nobody waits
+    std::string all;
+    const auto told = [&](const char* what) {
+      all.clear();
+      return until(*loop, [&] { return (all += manager.take()).find(what) != all.npos; });
+    };
+    manager.fill();  // a manager that is busy gets everything later, nobody waits
     alarm(60);
     ASSERT_TRUE(agent.start()) << heard.text;
     until(
         *loop, [] { return false; }, 300ms);
     alarm(0);
-    EXPECT_FALSE(manager.has("READY=1"));
-    ASSERT_TRUE(until(*loop, [&] { return manager.has("READY=1"); }));
-    EXPECT_TRUE(manager.has("STATUS=1 of 1 exporters ready, 1 collectors"));
-    const size_t ready = manager.all().size();
-    EXPECT_TRUE(until(*loop, [&] { return manager.has("WATCHDOG=1", ready); }));
-
-    const size_t reload = manager.all().size();
+    EXPECT_EQ(manager.take().find("READY=1"), all.npos);
+    EXPECT_TRUE(told("READY=1"));
+    EXPECT_NE(all.find("STATUS=1 of 1 exporters ready, 1 collectors"), all.npos) << all;
+    EXPECT_TRUE(told("WATCHDOG=1"));
     agent.reload();
-    EXPECT_TRUE(manager.has("RELOADING=1\nMONOTONIC_USEC=", reload));
-    EXPECT_TRUE(manager.has("READY=1", reload));
+    EXPECT_TRUE(told("RELOADING=1\nMONOTONIC_USEC="));
+    EXPECT_NE(all.find("READY=1"), all.npos);
     run("ip link set lo down");
-    EXPECT_TRUE(until(*loop, [&] { return manager.has("STATUS=0 of 1 exporters ready", reload); }));
+    EXPECT_TRUE(told("STATUS=0 of 1 exporters ready"));
     agent.stop();
-    EXPECT_EQ(manager.all().back(), "STOPPING=1");
+    EXPECT_TRUE(manager.take().ends_with("STOPPING=1\n"));
     agent.stop();
     agent.reload();
   }
@@ -110,38 +104,25 @@ TEST(AgentLog, LinesOfBothStyles) {
   const auto output = [&](std::string_view line) { out += line; };
   AgentLog journal(AgentLog::Style::journal, output);
   journal.warning("interface a\nb\x1b[1m");
-  journal.line(TraceLevel::event, "not shown");
   journal.levelIs(TraceLevel::event);
   journal.line(TraceLevel::event, "shown");
   journal.line(TraceLevel::detail, "not shown");
-  journal.line(TraceLevel::error, "an error");
-  EXPECT_EQ(out, "<4>interface a\\nb\\x1b[1m\n<6>shown\n<4>an error\n");
-
+  EXPECT_EQ(out, "<4>interface a\\nb\\x1b[1m\n<6>shown\n");
   out.clear();
-  AgentLog plain(AgentLog::Style::plain, output);
-  plain.info("hello");
-  plain.line(TraceLevel::error, "an error");
-  ASSERT_EQ(out.size(), 2 * 25 + std::string("info hello\ntrace0 an error\n").size()) << out;
-  EXPECT_EQ(out.substr(10, 1), "T");
-  EXPECT_EQ(out.substr(23, 13), "Z info hello\n");
-  EXPECT_TRUE(out.ends_with("Z trace0 an error\n"));
-
+  AgentLog(AgentLog::Style::plain, output).line(TraceLevel::error, "an error");
+  ASSERT_EQ(out.size(), 25 + std::string("trace0 an error\n").size()) << out;
+  EXPECT_TRUE(out[10] == 'T' && out.ends_with("Z trace0 an error\n")) << out;
   EXPECT_EQ(traceLevelFromText("detail"), 5);
   EXPECT_EQ(traceLevelFromText("7"), 7);
   for (const char* bad : {"", "10", "-1", "loud"}) EXPECT_EQ(traceLevelFromText(bad), -1) << bad;
 }
 
 TEST(AgentLog, WaitsForNoReaderOfStandardError) {
-  struct Case {
-    const char* name;
-    std::function<int(int*)> make;
-  };
-  for (const Case& c : {Case{"pipe", [](int* ends) { return pipe2(ends, O_CLOEXEC); }},
-                        Case{"socket", [](int* ends) {
-                               return socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends);
-                             }}}) {
+  for (const bool pipe : {true, false}) {
     int ends[2];
-    ASSERT_EQ(c.make(ends), 0);
+    ASSERT_EQ(
+        pipe ? pipe2(ends, O_CLOEXEC) : socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends),
+        0);
     const Fd reader(ends[0]);
     Fd writer(ends[1]);
     const Fd saved(dup(STDERR_FILENO));
@@ -164,7 +145,7 @@ TEST(AgentLog, WaitsForNoReaderOfStandardError) {
     EXPECT_GT(got.size(), 10000u);
     std::istringstream lines(got);
     for (std::string line; std::getline(lines, line);) {
-      EXPECT_TRUE(line.ends_with(line.size() < 1000 ? "xxx" : "xxx...")) << c.name;
+      EXPECT_TRUE(line.ends_with(line.size() < 1000 ? "xxx" : "xxx..."));
       EXPECT_LT(line.size(), AgentLog::lineMax);
     }
   }
@@ -178,44 +159,38 @@ TEST(AgentLog, HoldsBackWhatComesTooOftenAndSaysHowMuch) {
   log.nowIs([&] { return now; });
   int wakes = 0;
   log.heldHandlerIs([&] { ++wakes; });
-  const auto flap = [&](int n) { log.warning("link " + std::to_string(n)); };
-  const auto burst = static_cast<int>(AgentLog::burst);
-  for (int i = 0; i < burst + 20; ++i) flap(i);
-  ASSERT_EQ(out.size(), size_t(burst));
+  constexpr auto burst = static_cast<size_t>(AgentLog::burst);
+  /// Of `n` such lines, how many are written.
+  const auto written = [&](size_t n, const std::function<void(const std::string&)>& say) {
+    out.clear();
+    for (size_t i = 0; i < n; ++i) say(std::to_string(i));
+    return out.size();
+  };
+  const auto flap = [&](const std::string& n) { log.warning("link " + n); };
+  EXPECT_EQ(written(burst + 20, flap), burst);
   EXPECT_EQ(wakes, 1);
-  // Other kinds are not concerned, and what the operator waits for never is.
-  log.info("another");
-  const std::array<std::string, 1> args = {"x"};
-  log.log(
-      {.name = "NAMED", .severity = 6, .format = "%s", .explanation = {}, .recommendedAction = {}},
-      args);
-  log.line(TraceLevel::error, "udpPam4-a-b: sending fails: no route, to 10.0.0.1:1");
-  EXPECT_EQ(out.size(), size_t(burst) + 3);
-  for (int i = 0; i < 3 * burst; ++i) log.tell(Severity::error, "of a reload");
-  EXPECT_EQ(out.size(), size_t(4 * burst) + 3);
-  out.clear();
-
   now += AgentLog::refill;
-  flap(1000);
-  flap(1001);
-  EXPECT_EQ(out,
-            (std::vector<std::string>{
-                "held back within 2 s: 20 lines of one kind, the last: link 69\n", "link 1000\n"}));
+  EXPECT_EQ(written(2, flap), 2u);
+  EXPECT_EQ(out[0], "held back within 2 s: 20 lines of one kind, the last: link 69\n");
+  EXPECT_EQ(out[1], "link 0\n");
+  now += 500ms;
   out.clear();
-  now += std::chrono::milliseconds(500);
   log.tellHeld();
   log.tellHeld();
-  EXPECT_EQ(out, std::vector<std::string>{"held back within 1 s: 1 line: link 1001\n"});
-
-  // Endpoints differ in their names, not in kind; trace levels that were asked for are not limited.
-  out.clear();
-  for (int i = 0; i < 2 * burst; ++i)
-    log.line(TraceLevel::error, "udpPam4-a-" + std::to_string(i) + ": sending fails: no route");
-  EXPECT_EQ(out.size(), size_t(burst));
+  EXPECT_EQ(out, std::vector<std::string>{"held back within 1 s: 1 line: link 1\n"});
+  // Other kinds are not concerned, and what the operator waits for never is. Endpoints differ in
+  // their names, not in kind; trace levels that were asked for are not limited.
+  const LogMessage named = {
+      .name = "NAMED", .severity = 6, .format = "%s", .explanation = {}, .recommendedAction = {}};
+  EXPECT_EQ(written(1, [&](const std::string& n) { log.log(named, {&n, 1}); }), 1u);
+  EXPECT_EQ(written(3 * burst, [&](const auto& n) { log.tell(Severity::error, n); }), 3 * burst);
+  const auto fails = [&](const std::string& n) {
+    log.line(TraceLevel::error, "udpPam4-a-" + n + ": sending fails: no route");
+  };
+  EXPECT_EQ(written(2 * burst, fails), burst);
   log.levelIs(TraceLevel::event);
-  out.clear();
-  for (int i = 0; i < 2 * burst; ++i) log.line(TraceLevel::event, "X::y happened");
-  EXPECT_EQ(out.size(), size_t(2 * burst));
+  EXPECT_EQ(written(2 * burst, [&](const auto&) { log.line(TraceLevel::event, "X::y happened"); }),
+            2 * burst);
 }
 
 }  // namespace

@@ -29,15 +29,6 @@ class Made {
   const Ptr<NetworkList> list = networkListFactory();
   Heard heard;
 };
-void link(const Ptr<VrfNetwork>& n, uint32_t index, const std::string& name) {
-  n->linkIs(index, name, IFF_UP);
-  n->tell();
-}
-void unlink(const Ptr<VrfNetwork>& n, uint32_t index) {
-  n->linkDel(index);
-  n->tell();
-}
-
 Ids indexes(const InterfaceIndexes& all) {
   Ids found;
   for (const auto& [id, index] : all.map()->intfIndex()) {
@@ -50,56 +41,13 @@ Ids indexes(const InterfaceIndexes& all) {
   return found;
 }
 
-TEST(InterfaceIndexes, CollisionsAndReservedIndexes) {
-  Made made;
-  const auto here = made.add("default");
-  const auto red = made.add("red");
-  {
-    InterfaceIndexes all(made.list, made.heard.log);
-    link(red, 1, "a");
-    link(red, 2, "b");
-    // The kernel's own wins; the other one has moved before.
-    link(here, first, "x");
-    EXPECT_EQ(indexes(all), (Ids{{"x", first}, {"red/a", first + 2}, {"red/b", first + 1}}));
-    // What would be next is taken already.
-    link(here, first + 3, "y");
-    link(red, 3, "c");
-    EXPECT_EQ(indexes(all)["red/c"], first + 4);
-    // It goes: the one that moved stays where it is.
-    unlink(here, first);
-    EXPECT_EQ(indexes(all)["red/a"], first + 2);
-
-    // Kernel indexes that stand for something else are replaced, for good.
-    link(here, IntfIndexMap::cpuIndex, "cpu");
-    link(here, IntfIndexMap::discardIndex, "dis");
-    link(here, IntfIndexMap::discardIndex, "discard0");
-    EXPECT_EQ(indexes(all)["cpu"], first + 5);
-    EXPECT_EQ(indexes(all)["discard0"], first + 6);
-    link(here, first + 5, "z");
-    EXPECT_EQ(indexes(all)["cpu"], first + 7);
-    EXPECT_EQ(indexes(all)["z"], first + 5);
-  }
-  made.list->networkDel(VrfName("default"));
-
-  // Over the reserved ones, and at the end from the beginning, around those that are in use.
-  InterfaceIndexes all(made.list, made.heard.log, IntfIndexMap::cpuIndex - 1);
-  const auto blue = made.add("blue");
-  link(blue, 1, "a");
-  EXPECT_EQ(indexes(all), (Ids{{"red/a", IntfIndexMap::cpuIndex - 1},
-                               {"red/b", IntfIndexMap::discardIndex + 1},
-                               {"red/c", IntfIndexMap::discardIndex + 2},
-                               {"blue/a", IntfIndexMap::discardIndex + 3}}));
-  InterfaceIndexes wrapping(made.list, made.heard.log, last - 1);
-  EXPECT_EQ(indexes(wrapping),
-            (Ids{{"blue/a", last - 1}, {"red/a", last}, {"red/b", first}, {"red/c", first + 1}}));
-}
-
 TEST(InterfaceIndexes, NamesThatCannotBeExported) {
   Made made;
   const auto red = made.add("red");
   InterfaceIndexes all(made.list, made.heard.log);
   const std::string longest(IntfIndexMap::nameMax - 4, 'x');
-  link(red, 1, longest);
+  red->linkIs(1, longest, IFF_UP);
+  red->tell();
   EXPECT_EQ(indexes(all), (Ids{{"red/" + longest, first}}));
   for (const uint32_t flags : {0u, uint32_t{IFF_UP}, 0u}) {
     red->linkIs(1, longest + "y", flags);
@@ -115,7 +63,8 @@ TEST(InterfaceIndexes, RandomLives) {
   Random below;
   for (int life = 0; life < 60; ++life) {
     Made made;
-    InterfaceIndexes all(made.list, made.heard.log, life % 2 ? first : last - below(20));
+    const uint32_t starts[] = {first, last - below(20), IntfIndexMap::cpuIndex - below(20)};
+    InterfaceIndexes all(made.list, made.heard.log, starts[life % 3]);
     const char* vrfs[] = {"default", "red", "blue"};
     struct Interface {
       std::string name;
@@ -213,36 +162,30 @@ Ids vrfs(const VrfIds& ids) {
 TEST(VrfIds, IdsAreHeldBackForAWhile) {
   Made made;
   VrfIds ids(made.list, made.heard.log);
-  for (size_t i = 0; i < VrfIds::heldMax; ++i) {
-    const std::string name = "v" + std::to_string(i);
+  const auto idOf = [&](const std::string& name) {
     made.add(name);
-    ASSERT_EQ(vrfs(ids)[name], i + 1);
-    made.del(name);
-  }
-  // One more than are kept: the oldest is free, and the lowest.
-  made.add("more");
-  EXPECT_EQ(vrfs(ids)["more"], VrfIds::heldMax + 1);
-  made.del("more");
-  made.add("most");
-  EXPECT_EQ(vrfs(ids)["most"], 1u);
-  made.add("v0");
-  EXPECT_EQ(vrfs(ids)["v0"], VrfIds::heldMax + 2);
-  made.add("v1");
-  EXPECT_EQ(vrfs(ids)["v1"], 2u);
-  // Gone a second time: held from then on.
-  made.del("v1");
-  const auto othersComeAndGo = [&](const std::string& prefix) {
-    for (size_t i = 1; i < VrfIds::heldMax; ++i) {
-      made.add(prefix + std::to_string(i));
-      ASSERT_NE(vrfs(ids)[prefix + std::to_string(i)], 2u) << i;
+    return vrfs(ids)[name];
+  };
+  const auto comesAndGoes = [&](const std::string& prefix, size_t n) {
+    for (size_t i = 0; i < n; ++i) {
+      EXPECT_NE(idOf(prefix + std::to_string(i)), 2u);
       made.del(prefix + std::to_string(i));
     }
   };
-  othersComeAndGo("w");
-  made.add("v1");
-  EXPECT_EQ(vrfs(ids)["v1"], 2u);
+  ASSERT_EQ(idOf("v1"), 1u);
+  ASSERT_EQ(idOf("v2"), 2u);
   made.del("v1");
-  othersComeAndGo("x");
+  made.del("v2");
+  comesAndGoes("w", VrfIds::heldMax - 2);
+  EXPECT_EQ(idOf("last"), VrfIds::heldMax + 1);
+  made.del("last");  // one more than are kept: the oldest is free, and the lowest
+  EXPECT_EQ(idOf("most"), 1u);
+  EXPECT_EQ(idOf("v1"), VrfIds::heldMax + 2);
+  // Gone a second time: held from then on.
+  EXPECT_EQ(idOf("v2"), 2u);
+  made.del("v2");
+  comesAndGoes("x", VrfIds::heldMax - 1);
+  EXPECT_EQ(idOf("v2"), 2u);
 }
 
 /// Ids of random lives against the rules.

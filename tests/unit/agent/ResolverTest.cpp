@@ -91,9 +91,6 @@ TEST_F(ResolverTest, DeadHostsDoNotKeepOthersWaiting) {
   for (int i = 0; i < 60; ++i) hosts.insert("dead" + std::to_string(i) + ".test");
   resolver->hostsAre(hosts, 1h);
   ASSERT_TRUE(until(
-      *loop, [&] { return !resolver->problem("dead9.test").empty(); }, 30s))
-      << heard.text;
-  ASSERT_TRUE(until(
       *loop,
       [&] {
         return std::all_of(hosts.begin(), hosts.end(),
@@ -113,9 +110,8 @@ TEST_F(ResolverTest, ManyHostsAndNoneAfterTheEnd) {
   std::string lines;
   std::set<std::string> hosts;
   for (int i = 1; i <= 100; ++i) {
-    const std::string name = "h" + std::to_string(i);
-    lines += "192.0.2." + std::to_string(i) + ' ' + name + '\n';
-    hosts.insert(name);
+    lines += "192.0.2." + std::to_string(i) + " h" + std::to_string(i) + '\n';
+    hosts.insert('h' + std::to_string(i));
   }
   hostsAre(lines);
   resolver->hostsAre(hosts, 1h);
@@ -126,8 +122,7 @@ TEST_F(ResolverTest, ManyHostsAndNoneAfterTheEnd) {
   resolver->lookUpAll();
   loop->runOnce(Seconds(0));
   resolver = nullptr;
-  until(
-      *loop, [] { return false; }, 50ms);
+  loop->runOnce(Seconds(0.05));
 }
 
 }  // namespace
