@@ -8,11 +8,11 @@
 #include <fstream>
 #include <map>
 #include <optional>
-#include <random>
 
 #include "Ipfix/Ipfix.h"
 #include "agent/FlowTemplates.h"
 #include "platform/sim/SimPlatform.h"
+#include "tests/unit/agent/World.h"
 
 namespace agent::flow {
 namespace {
@@ -232,6 +232,8 @@ TEST_F(FlowCacheTest, FlowsGoOnExpiringWhenTheClockIsSetBack) {
 /// records or not, nothing is counted twice or lost without being counted. No record ends before it
 /// begins; when all are taken, none lasts longer than it may.
 TEST_F(FlowCacheTest, SumsAreTheTruth) {
+  Random pick;
+  auto& random = pick.engine();
   struct Run {
     size_t maxFlows;
     unsigned keys;
@@ -240,10 +242,7 @@ TEST_F(FlowCacheTest, SumsAreTheTruth) {
   };
   for (const Run& run : {Run{5, 300, 20000, true}, Run{40, 300, 20000, false},
                          Run{100000, 300, 20000, true}, Run{100000, 40000, 120000, false}}) {
-    const unsigned seed = std::random_device{}();
-    SCOPED_TRACE("seed " + std::to_string(seed) + ", " + std::to_string(run.maxFlows) + " flows, " +
-                 std::to_string(run.keys) + " keys");
-    std::mt19937 random(seed);
+    SCOPED_TRACE(std::to_string(run.maxFlows) + " flows, " + std::to_string(run.keys) + " keys");
     cacheIs(run.maxFlows, {.activeMs = 5000, .inactiveMs = 2000});
     std::map<std::string, uint64_t> truth;  // by what the record says of the key
     std::map<std::string, uint64_t> reported;
@@ -374,7 +373,8 @@ struct BadHash {
 /// The table alone, with hashes that collide all the time, against a map. What is in the way of
 /// another with the same hash is removed, and never are there more than the bound.
 TEST(FlowTableTest, IsAMapWhateverTheHash) {
-  std::mt19937 random(11);
+  Random pick;
+  auto& random = pick.engine();
   FlowTable<FlowEntry4, BadHash> table(3000, {});
   std::map<uint32_t, uint64_t> truth;  // key, packets
   std::map<uint32_t, int> equal;       // by hash

@@ -48,18 +48,15 @@ TEST(PacketParser, Lengths) {
   };
   const Case cases[] = {
       {"ARP", ethernet(0x0806, Octets{}.fill(46)), "notIp"},
-      {"802.3 length", ethernet(60, Octets{}.fill(60, 0x45)), "notIp"},
       {"MPLS", ethernet(0x8847, Octets{}.u32(0x00010140).add(v4)), "notIp"},
       {"device without link layer, neither version", Octets{}.fill(60, 0x50), "notIp",
        LinkLayer::raw},
-      {"nothing at all", {}, "malformed", LinkLayer::raw},
       {"IPv6 said to be IPv4", e4(v6), "malformed"},
       {"IPv4 said to be IPv6", e6(v4), "malformed"},
       {"IPv4 header of 16 octets", e4(with16(v4, 0, 0x4400)), "malformed"},
       {"IPv4 total length within the header", e4(with16(v4, 2, 19)), "malformed"},
       {"IPv4 total length within the options",
        e4(with16(Ip4{0, 0, 0, 8}(17, udp(1, 2, 30)), 2, 27)), "malformed"},
-      {"IPv4 total length beyond the wire", e4(with16(v4, 2, 59)), "malformed"},
       {"IPv4 options beyond the wire", e4(with16(Ip4{}(17, {}), 0, 0x4f00)), "malformed"},
       {"IPv4 total length 0", e4(with16(v4, 2, 0)), a4 + says(17, 1000, 2000, 58)},
       {"IPv4 of 70000 octets by segmentation offload",
@@ -67,13 +64,8 @@ TEST(PacketParser, Lengths) {
       {"padding is no port", e4(with16(v4, 2, 23)), a4 + says(17, 0, 0, 23)},
       {"padding is no TCP flag", e4(with16(Ip4{}(6, tcp(1000, 2000, 0xff, 20)), 2, 33)),
        a4 + says(6, 1000, 2000, 33)},
-      {"padding is no ICMP type", e4(with16(Ip4{}(1, Octets{}.fill(40, 9)), 2, 21)),
-       a4 + says(1, 0, 0, 21)},
       {"ICMPv6 in IPv4 has no type", e4(Ip4{}(58, Octets{}.fill(40, 9))), a4 + says(58, 0, 0, 60)},
-      {"trailer", e4(Octets(v4).fill(100, 0xff)), a4 + says(17, 1000, 2000, 58)},
-      {"IPv6 payload beyond the wire", e6(with16(v6, 4, 39)), "malformed"},
       {"IPv6 without payload, padded", e6(with16(v6, 4, 0)), a6 + says(17, 0, 0, 40)},
-      {"IPv6 padding is no port", e6(with16(v6, 4, 3)), a6 + says(17, 0, 0, 43)},
       {"IPv6 extension header beyond the payload",
        e6(with16(Ip6{}(60, extension(60, 17, 16, udp(1, 2))), 4, 15)), "malformed"},
       {"IPv6 extension header without any payload", e6(with16(Ip6{}(0, udp(1, 2)), 4, 0)),
@@ -81,8 +73,6 @@ TEST(PacketParser, Lengths) {
       {"IPv6 extension headers, many", e6(chain(16)), a6 + says(17, 1000, 2000, 40 + 16 * 8 + 8)},
       {"IPv6 extension headers, too many", e6(chain(17)), "malformed"},
       {"SCTP", e4(Ip4{}(132, udp(1000, 2000, 30))), a4 + says(132, 1000, 2000, 58)},
-      {"DCCP", e4(Ip4{}(33, udp(1000, 2000, 30))), a4 + says(33, 1000, 2000, 58)},
-      {"UDP-Lite", e4(Ip4{}(136, udp(1000, 2000, 30))), a4 + says(136, 1000, 2000, 58)},
       {"cooked capture, version 1", Octets{}.u16(0).u16(1).u16(6).fill(8, 2).u16(0x0800).add(v4),
        a4 + says(17, 1000, 2000, 58), LinkLayer::linuxSll},
       {"cooked capture, version 2",
@@ -138,13 +128,9 @@ TEST(PacketParser, CutAtEachOctet) {
   };
   const Octets segment = tcp(1000, 2000, 0x12, 40);
   const Case cases[] = {
-      {"IPv4", ethernet(0x0800, Ip4{}(6, segment)), 38, 48},
       {"IPv4 with options", ethernet(0x0800, Ip4{0, 0, 0, 12}(6, segment)), 50, 60},
-      {"IPv4, protocol without ports", ethernet(0x0800, Ip4{}(50, segment)), 34, 0},
       {"ICMP", ethernet(0x0800, Ip4{}(1, Octets{}.fill(30, 8))), 36, 0},
       {"IPv4, later fragment", ethernet(0x0800, Ip4{0, 1, 3}(6, segment)), 34, 0},
-      {"IPv6", ethernet(0x86dd, Ip6{}(6, segment)), 58, 68},
-      {"IPv6, UDP", ethernet(0x86dd, Ip6{}(17, udp(1, 2, 40))), 58, 0},
       {"IPv6 with an extension header", ethernet(0x86dd, Ip6{}(60, extension(60, 6, 24, segment))),
        82, 92},
       {"IPv6, later fragment", ethernet(0x86dd, Ip6{}(44, fragmentHeader(6, 8, false, 1, segment))),
@@ -182,57 +168,50 @@ class Fragments : public testing::Test {
     return std::to_string(rest.srcPort) + ':' + std::to_string(rest.dstPort) + '/' +
            std::to_string(rest.protocol);
   }
-  static Octets first4(uint16_t id, const Octets& rest, uint8_t protocol = 17) {
-    return ethernet(0x0800, Ip4{0, id, 0x2000}(protocol, rest));
+  static Octets first4(uint16_t id, const Octets& rest) {
+    return ethernet(0x0800, Ip4{0, id, 0x2000}(17, rest));
   }
-  static Octets later4(uint16_t id, uint8_t protocol = 17, bool last = false) {
-    return ethernet(0x0800, Ip4{0, id, static_cast<uint16_t>(last ? 5 : 0x2005)}(
-                                protocol, Octets{}.fill(32, 0x77)));
+  static Octets later4(Ip4 ip, uint8_t protocol = 17) {
+    ip.fragment = 0x2005;
+    return ethernet(0x0800, ip(protocol, Octets{}.fill(32, 0x77)));
   }
   PacketParser parser_{1};
 };
 
 TEST_F(Fragments, HavePortsOfTheFirst) {
-  EXPECT_EQ(ports(later4(1), 0), "0:0/17");
+  const Ip4 one{0, 1};
+  EXPECT_EQ(ports(later4(one), 0), "0:0/17");
   EXPECT_EQ(ports(first4(1, udp(1000, 2000, 32)), second), "1000:2000/17");
-  EXPECT_EQ(ports(later4(1), 2 * second), "1000:2000/17");
-  EXPECT_EQ(ports(later4(1, 17, true), 2 * second), "1000:2000/17");
+  EXPECT_EQ(ports(later4(one), 2 * second), "1000:2000/17");
+  EXPECT_EQ(ports(ethernet(0x0800, Ip4{0, 1, 5}(17, Octets(32))), 2 * second), "1000:2000/17");
   // Once more after the last one: a duplicate on its way.
-  EXPECT_EQ(ports(later4(1), 2 * second), "1000:2000/17");
-  EXPECT_EQ(ports(first4(9, Octets{}.u8(8).u8(3).fill(30), 1), second), "0:2051/1");
-  EXPECT_EQ(ports(later4(9, 1), second), "0:2051/1");
-
+  EXPECT_EQ(ports(later4(one), 31 * second), "1000:2000/17");
+  EXPECT_EQ(ports(later4(one), 31 * second + 1), "0:0/17") << "nobody waits so long";
   // Another packet in anything that tells packets apart.
-  EXPECT_EQ(ports(later4(2), 2 * second), "0:0/17");
-  EXPECT_EQ(ports(later4(1, 6), 2 * second), "0:0/6");
-  EXPECT_EQ(ports(later4(1), 2 * second, 4), "0:0/17");
-  Ip4 other{0, 1, 0x2005};
-  other.src[3] ^= 1;
-  EXPECT_EQ(ports(ethernet(0x0800, other(17, Octets{}.fill(32))), 2 * second), "0:0/17");
-  other.src[3] ^= 1;
-  other.dst[0] ^= 1;
-  EXPECT_EQ(ports(ethernet(0x0800, other(17, Octets{}.fill(32))), 2 * second), "0:0/17");
-
-  // The id comes round again.
-  EXPECT_EQ(ports(first4(1, udp(1001, 2001, 32)), 3 * second), "1001:2001/17");
-  EXPECT_EQ(ports(later4(1), 3 * second), "1001:2001/17");
-  // A first fragment that ends before the ports.
+  EXPECT_EQ(ports(later4({0, 2}), 2 * second), "0:0/17");
+  EXPECT_EQ(ports(later4(one, 6), 2 * second), "0:0/6");
+  EXPECT_EQ(ports(later4(one), 2 * second, 4), "0:0/17");
+  Ip4 from = one;
+  from.src[3] ^= 1;
+  Ip4 to = one;
+  to.dst[0] ^= 1;
+  for (const Ip4& other : {from, to}) EXPECT_EQ(ports(later4(other), 2 * second), "0:0/17");
+  // The id comes round again, in a first fragment that ends before the ports.
   EXPECT_EQ(ports(first4(1, Octets{1, 2}), 4 * second), "0:0/17");
-  EXPECT_EQ(ports(later4(1), 4 * second), "0:0/17");
+  EXPECT_EQ(ports(later4(one), 4 * second), "0:0/17");
 }
 
 TEST_F(Fragments, OfIpv6) {
-  const auto fragment = [](uint16_t offset, uint32_t id, uint8_t next, const Octets& rest) {
-    return ethernet(0x86dd, Ip6{}(44, fragmentHeader(next, offset, true, id, rest)));
+  const auto fragment = [](uint16_t offset, bool more, uint32_t id, uint8_t next, const Octets& r) {
+    return ethernet(0x86dd, Ip6{}(44, fragmentHeader(next, offset, more, id, r)));
   };
   const Octets behind = extension(60, 6, 16, tcp(1000, 2000, 2));
-  EXPECT_EQ(ports(fragment(0, 70001, 60, behind), 0), "1000:2000/6");
-  EXPECT_EQ(ports(fragment(64, 70001, 60, Octets{}.fill(32)), 1), "1000:2000/6");
-  EXPECT_EQ(ports(fragment(64, 70002, 60, Octets{}.fill(32)), 1), "0:0/60");
+  EXPECT_EQ(ports(fragment(0, true, 70001, 60, behind), 0), "1000:2000/6");
+  EXPECT_EQ(ports(fragment(64, true, 70001, 60, Octets(32)), 1), "1000:2000/6");
+  EXPECT_EQ(ports(fragment(64, true, 70002, 60, Octets(32)), 1), "0:0/60");
   // Neither first nor later: the one fragment of its packet says nothing about others.
-  EXPECT_EQ(ports(ethernet(0x86dd, Ip6{}(44, fragmentHeader(17, 0, false, 5, udp(7, 8)))), 1),
-            "7:8/17");
-  EXPECT_EQ(ports(fragment(64, 5, 17, Octets{}.fill(32)), 1), "0:0/17");
+  EXPECT_EQ(ports(fragment(0, false, 5, 17, udp(7, 8)), 1), "7:8/17");
+  EXPECT_EQ(ports(fragment(64, true, 5, 17, Octets(32)), 1), "0:0/17");
 }
 
 TEST_F(Fragments, KeepsTheNewest) {
@@ -243,7 +222,7 @@ TEST_F(Fragments, KeepsTheNewest) {
               "1:" + std::to_string(id) + "/17");
   uint32_t found = 0;
   for (uint32_t id = 20000 - known; id < 20000; ++id) {
-    const std::string p = ports(later4(static_cast<uint16_t>(id)), 20000);
+    const std::string p = ports(later4({0, static_cast<uint16_t>(id)}), 20000);
     if (p == "1:" + std::to_string(id) + "/17") {
       ++found;
     } else {
