@@ -99,24 +99,6 @@ address = "127.0.0.1"
   EXPECT_EQ(support::openFds(), before);
 }
 
-TEST(AgentLog, LinesOfBothStyles) {
-  std::string out;
-  const auto output = [&](std::string_view line) { out += line; };
-  AgentLog journal(AgentLog::Style::journal, output);
-  journal.warning("interface a\nb\x1b[1m");
-  journal.levelIs(TraceLevel::event);
-  journal.line(TraceLevel::event, "shown");
-  journal.line(TraceLevel::detail, "not shown");
-  EXPECT_EQ(out, "<4>interface a\\nb\\x1b[1m\n<6>shown\n");
-  out.clear();
-  AgentLog(AgentLog::Style::plain, output).line(TraceLevel::error, "an error");
-  ASSERT_EQ(out.size(), 25 + std::string("trace0 an error\n").size()) << out;
-  EXPECT_TRUE(out[10] == 'T' && out.ends_with("Z trace0 an error\n")) << out;
-  EXPECT_EQ(traceLevelFromText("detail"), 5);
-  EXPECT_EQ(traceLevelFromText("7"), 7);
-  for (const char* bad : {"", "10", "-1", "loud"}) EXPECT_EQ(traceLevelFromText(bad), -1) << bad;
-}
-
 TEST(AgentLog, WaitsForNoReaderOfStandardError) {
   for (const bool pipe : {true, false}) {
     int ends[2];

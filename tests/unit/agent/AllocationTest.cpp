@@ -11,6 +11,7 @@
 #include "platform/BlockPool.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/ShmTable.h"
+#include "tests/support/Net.h"
 
 namespace {
 uint64_t allocations = 0;
@@ -40,6 +41,7 @@ TEST(Allocation, NothingForARecordOrAMessage) {
 #endif
   constexpr uint32_t interfaces = 20000;
   constexpr TemplateId flows = 256;
+  constexpr IpAddr here(0x7f000001);
   Silent silent;
   const auto loop = eventLoopFactory();
   const auto host = linuxPlatform(loop, silent, silent, {.paceBurst = 0});
@@ -58,9 +60,10 @@ TEST(Allocation, NothingForARecordOrAMessage) {
     const auto tracker = HwFlowTracking::ftConfigFactory("ft", 1);
     tracker->activeIntervalIs(1000);
     const auto exporter = HwFlowTracking::exporterConfigFactory("exp");
-    exporter->srcIpAddrIs(IpAddr(0x7f000001));
-    for (const uint16_t port : {20001, 20002})
-      exporter->collectorIpAndPortIs("c" + std::to_string(port), {IpAddr(0x7f000001), port});
+    exporter->srcIpAddrIs(here);
+    const support::Receiver sinks[] = {support::Receiver(here), support::Receiver(here)};
+    for (const auto& sink : sinks)
+      exporter->collectorIpAndPortIs(std::to_string(sink.port()), {here, sink.port()});
     tracker->expConfigIs(exporter);
     config->ftConfigIs(tracker);
     const auto ftStatus = HwFlowTracking::ftStatusFactory("ft");

@@ -348,32 +348,35 @@ TEST(ControlRequests, WhatIsAskedWrongly) {
     EXPECT_EQ(text.find('\n'), std::string::npos);
     return Json::parse(text);
   };
-  const std::map<std::string, std::pair<std::string, std::string>> wrong = {
-      {"", {"badRequest", "one JSON object"}},
-      {"{", {"badRequest", "one JSON object"}},
-      {"[\"agent\"]", {"badRequest", "one JSON object"}},
-      {std::string(4000, '['), {"badRequest", "one JSON object"}},
-      {"{\"request\":\"\xff\"}", {"badRequest", "one JSON object"}},
-      {"{}", {"unknownRequest", "reload"}},
-      {R"({"request":7})", {"badRequest", "'request'"}},
-      {R"({"request":"x\u001b\u0000"})", {"unknownRequest", "x\\x1b\\x00"}},
-      {R"({"request":"state","paht":"x"})", {"badRequest", "path, after"}},
-      {R"({"request":"state","path":[]})", {"badRequest", "'path'"}},
-      {R"({"request":"state","path":"x/%zz/="})", {"notFound", "'x'"}},
-      {R"({"request":"tables","name":"x"})", {"notFound", "interfaces, vrfs"}},
-      {R"({"request":"collectors","tracker":"x"})", {"notFound", "tracker 'x'"}},
-      {R"({"request":"logLevel","level":10})", {"badRequest", "0 to 9"}}};
-  const auto refused = [&](uint32_t uid, const std::string& line, const std::string& code,
-                           const std::string& says) {
-    const Json answer = ask(uid, line);
-    EXPECT_EQ(answer["ok"], false) << line;
-    EXPECT_EQ(answer["code"], code) << line;
-    EXPECT_NE(answer["error"].get<std::string>().find(says), std::string::npos) << answer;
+  struct Case {
+    std::string line;
+    const char* code;
+    const char* says;
+    uint32_t uid = 0;
   };
-  for (const auto& [line, why] : wrong) refused(0, line, why.first, why.second);
-  for (const char* line : {R"({"request":"reload"})", R"({"request":"clearCounters"})",
-                           R"({"request":"resend"})", R"({"request":"logLevel","level":5})"})
-    refused(1000, line, "notAllowed", "user 1000");
+  const Case cases[] = {{"", "badRequest", "one JSON object"},
+                        {"[\"agent\"]", "badRequest", "one JSON object"},
+                        {std::string(4000, '['), "badRequest", "one JSON object"},
+                        {"{\"request\":\"\xff\"}", "badRequest", "one JSON object"},
+                        {"{}", "unknownRequest", "reload"},
+                        {R"({"request":7})", "badRequest", "'request'"},
+                        {R"({"request":"x\u001b\u0000"})", "unknownRequest", "x\\x1b\\x00"},
+                        {R"({"request":"state","paht":"x"})", "badRequest", "path, after"},
+                        {R"({"request":"state","path":[]})", "badRequest", "'path'"},
+                        {R"({"request":"state","path":"x/%zz/="})", "notFound", "'x'"},
+                        {R"({"request":"tables","name":"x"})", "notFound", "interfaces, vrfs"},
+                        {R"({"request":"collectors","tracker":"x"})", "notFound", "tracker 'x'"},
+                        {R"({"request":"logLevel","level":10})", "badRequest", "0 to 9"},
+                        {R"({"request":"logLevel","level":5})", "notAllowed", "user 1000", 1000},
+                        {R"({"request":"reload"})", "notAllowed", "user 1000", 1000},
+                        {R"({"request":"clearCounters"})", "notAllowed", "user 1000", 1000},
+                        {R"({"request":"resend"})", "notAllowed", "user 1000", 1000}};
+  for (const Case& c : cases) {
+    const Json answer = ask(c.uid, c.line);
+    EXPECT_EQ(answer["ok"], false) << c.line;
+    EXPECT_EQ(answer["code"], c.code) << c.line;
+    EXPECT_NE(answer["error"].get<std::string>().find(c.says), std::string::npos) << answer;
+  }
   EXPECT_EQ(changes, 0);
   EXPECT_EQ(heard.log.level(), 0);
   EXPECT_EQ(ask(0, R"({"request":"reload","id":[1,"a"]})")["id"], Json::parse(R"([1,"a"])"));

@@ -7,7 +7,6 @@
 
 #include "Ipfix/IpfixSm.h"
 #include "World.h"
-#include "agent/FlowTemplates.h"
 #include "agent/SettingsFile.h"
 #include "agent/StateTree.h"
 #include "platform/sim/SimPlatform.h"
@@ -137,18 +136,6 @@ class EntitiesTest : public testing::Test {
   Nets nets;
   int readinessChanges = 0;
 };
-
-TEST_F(EntitiesTest, TemplatesThatTheLibraryWouldNotTakeAreRefused) {
-  const auto registry = init->elementIdCollection();
-  std::string problem;
-  EXPECT_FALSE(flowTemplate(255, {{8}}, *registry, problem));
-  EXPECT_EQ(problem, "template 255: this id is not for data templates");
-  EXPECT_FALSE(flowTemplate(65281, {{8}}, *registry, problem));
-  EXPECT_FALSE(flowTemplate(256, {}, *registry, problem));
-  EXPECT_EQ(problem, "template 256: no fields");
-  EXPECT_FALSE(flowTemplate(256, {{8}, {2016}}, *registry, problem));
-  EXPECT_EQ(problem, "template 256: element 2016 is not in the registry");
-}
 
 TEST_F(EntitiesTest, AReadyExporterIsOneOfEitherFamily) {
   const auto entities = make();

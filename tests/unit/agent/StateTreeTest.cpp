@@ -90,17 +90,6 @@ TEST_F(StateTreeTest, PagesOfAnySizeMakeTheWhole) {
   EXPECT_EQ(all(tree, "interfaces/intfIndex/eth1", {})[0].second, "1");
 }
 
-TEST_F(StateTreeTest, SaysWhatIsThereInstead) {
-  const StateTree tree(roots);
-  const std::pair<const char*, const char*> cases[] = {
-      {"confg", "config, interfaces, networks"},
-      {"config/ftconfig", "there are ftConfig"},
-      {"config/ftConfig/core", "'core'"},
-      {"config/ftConfig/edge/ftId/x", "which is a value"}};
-  for (const auto& [path, says] : cases)
-    EXPECT_NE(tree.page(path).problem.find(says), std::string::npos) << path;
-}
-
 TEST_F(StateTreeTest, APageCostsWhatIsInIt) {
   for (uint32_t i = 100; i < 30000; ++i) interfaces->intfIndexIs(IntfId(std::to_string(i)), i);
   const StateTree tree(roots);
