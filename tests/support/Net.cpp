@@ -23,24 +23,25 @@ namespace {
 [[noreturn]] void fail(const char* what) {
   throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
 }
-bool unshareNetwork() {
-  if (::unshare(CLONE_NEWNET) == 0) return true;
-  const uid_t uid = ::getuid();
-  const gid_t gid = ::getgid();
-  if (::unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) return false;
+}  // namespace
+
+bool unshareAsRoot(int namespaces) {
+  if (::unshare(namespaces) == 0) return true;
+  const std::string uid = std::to_string(::getuid());
+  const std::string gid = std::to_string(::getgid());
+  if (::unshare(CLONE_NEWUSER | namespaces) != 0) return false;
   std::ofstream("/proc/self/setgroups") << "deny";
-  std::ofstream("/proc/self/uid_map") << "0 " << uid << " 1";
-  std::ofstream("/proc/self/gid_map") << "0 " << gid << " 1";
+  std::ofstream("/proc/self/uid_map") << "0 " + uid + " 1";
+  std::ofstream("/proc/self/gid_map") << "0 " + gid + " 1";
   return true;
 }
-}  // namespace
 
 bool sh(const std::string& command) { return std::system(command.c_str()) == 0; }
 
 bool privateNetwork() {
   // The kernel makes the routes to IPv6 addresses a moment later: what leaves before is lost.
   static const bool made =
-      unshareNetwork() &&
+      unshareAsRoot(CLONE_NEWNET) &&
       sh("ip link set lo up"
          " && ip addr add 10.99.0.1/32 dev lo && ip addr add 10.99.0.2/32 dev lo"
          " && ip addr add 2001:db8::1/128 dev lo nodad"

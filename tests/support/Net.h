@@ -13,6 +13,10 @@
 /// Networks of a test's own: nothing it sends leaves the namespaces that it made.
 namespace support {
 
+/// Moves the process into namespaces of these kinds (of unshare(2)), which it may change: as
+/// another user than root into one of its own user namespace. False: not permitted.
+bool unshareAsRoot(int namespaces);
+
 /// Moves the process into a fresh network namespace, once; as another user into one of its own
 /// user namespace. There, lo is up and has 10.99.0.1, 10.99.0.2, 2001:db8::1 and 2001:db8::2.
 /// False: not permitted here; skip the test.

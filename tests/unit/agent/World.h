@@ -2,11 +2,9 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <random>
 #include <stdexcept>
@@ -14,6 +12,7 @@
 
 #include "agent/AgentLog.h"
 #include "platform/linux/EventLoop.h"
+#include "tests/support/Net.h"
 
 namespace agent {
 
@@ -29,7 +28,7 @@ class World : public testing::Test {
 
   /// A failing command ends the test.
   static void run(const std::string& command) {
-    if (std::system(command.c_str()) != 0) throw std::runtime_error("failed: " + command);
+    if (!support::sh(command)) throw std::runtime_error("failed: " + command);
   }
 
   /// A pair of devices, `name` and `name`-peer, the latter up. (Not every kernel has dummies.)
@@ -41,15 +40,7 @@ class World : public testing::Test {
 
  private:
   static std::string enter() {
-    if (geteuid() != 0) {
-      const std::string uid = std::to_string(geteuid());
-      const std::string gid = std::to_string(getegid());
-      if (unshare(CLONE_NEWUSER) < 0) return "this user may not make namespaces (run as root)";
-      std::ofstream("/proc/self/setgroups") << "deny";
-      std::ofstream("/proc/self/uid_map") << "0 " + uid + " 1";
-      std::ofstream("/proc/self/gid_map") << "0 " + gid + " 1";
-    }
-    if (unshare(CLONE_NEWNET | CLONE_NEWNS) < 0) return "no namespaces (run as root)";
+    if (!support::unshareAsRoot(CLONE_NEWNET | CLONE_NEWNS)) return "no namespaces (run as root)";
     if (mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) < 0) return "no private mounts";
     if (mount("tmpfs", "/run", "tmpfs", 0, nullptr) < 0) return "no private /run";
     if (mount("tmpfs", "/dev/shm", "tmpfs", 0, nullptr) < 0) return "no private /dev/shm";
