@@ -9,9 +9,13 @@ namespace agent::flow {
 namespace {
 constexpr int64_t second = 1'000'000'000;
 
-std::string parseAlone(const Octets& octets, LinkLayer link = LinkLayer::ethernet) {
+/// `tag`: one that the kernel took off; -1: none.
+std::string parseAlone(const Octets& octets, LinkLayer link = LinkLayer::ethernet, int tag = -1) {
   PacketParser parser(1, 1);
-  return parsed(parser, Boxed(octets, link).packet);
+  Boxed box(octets, link);
+  box.packet.hasVlan = tag >= 0;
+  box.packet.vlanTci = static_cast<uint16_t>(tag);
+  return parsed(parser, box.packet);
 }
 
 Octets with16(Octets o, size_t at, uint32_t v) {
@@ -22,11 +26,13 @@ Octets with16(Octets o, size_t at, uint32_t v) {
 TEST(PacketParser, Lengths) {
   const std::string a4 = "0a010203 c00002c8 ";
   const std::string a6 = "20010db8000000000000000000000001 20010db800000000000000000000ff02 ";
-  const auto says = [](uint32_t protocol, uint32_t src, uint32_t dst, uint32_t octets) {
+  const auto says = [](uint32_t protocol, uint32_t src, uint32_t dst, uint32_t octets,
+                       uint32_t vlan = 0) {
     return "proto " + std::to_string(protocol) + " sport " + std::to_string(src) + " dport " +
-           std::to_string(dst) + " tos 0 vlan 0 octets " + std::to_string(octets) +
-           " flags 0 label 0 ";
+           std::to_string(dst) + " tos 0 vlan " + std::to_string(vlan) + " octets " +
+           std::to_string(octets) + " flags 0 label 0 ";
   };
+  const auto vlan = [&](uint32_t id) { return a4 + says(17, 1000, 2000, 58, id); };
   const Octets v4 = Ip4{}(17, udp(1000, 2000, 30));
   const Octets v6 = Ip6{}(17, udp(1000, 2000, 30));
   const auto e4 = [](const Octets& ip) { return ethernet(0x0800, ip); };
@@ -40,13 +46,25 @@ TEST(PacketParser, Lengths) {
     const Octets option = Octets{}.u8(17).u8(0).u8(0xc2).u8(4).u32(len);
     return with16(Ip6{}(0, Octets(option).add(udp(1000, 2000, really - 16))), 4, 0);
   };
+  const auto tags = [&](int n) {
+    Octets rest = v4;
+    for (int i = 1; i < n; ++i) rest = Octets{}.u16(3).u16(i == 1 ? 0x0800 : 0x9100).add(rest);
+    return tagged(0x88a8, 0x2005, 0x9100, rest);
+  };
   struct Case {
     const char* name;
     Octets octets;
     std::string expected;
     LinkLayer link = LinkLayer::ethernet;
+    int tag = -1;
   };
   const Case cases[] = {
+      {"tag taken off", e4(v4), vlan(7), LinkLayer::ethernet, 0xe007},
+      {"tag taken off, and one more", tagged(0x8100, 9, 0x0800, v4), vlan(7), LinkLayer::ethernet,
+       7},
+      {"tag of a priority only", tagged(0x8100, 0xe000, 0x0800, v4), vlan(0)},
+      {"eight tags", tags(8), vlan(5)},
+      {"nine tags", tags(9), "notIp"},
       {"ARP", ethernet(0x0806, Octets{}.fill(46)), "notIp"},
       {"MPLS", ethernet(0x8847, Octets{}.u32(0x00010140).add(v4)), "notIp"},
       {"device without link layer, neither version", Octets{}.fill(60, 0x50), "notIp",
@@ -92,28 +110,7 @@ TEST(PacketParser, Lengths) {
       {"IPv6 of 70000 octets by segmentation offload",
        e6(with16(Ip6{}(17, udp(1000, 2000, 70000 - 48)), 4, 0)), a6 + says(17, 1000, 2000, 70000)},
   };
-  for (const Case& c : cases) EXPECT_EQ(parseAlone(c.octets, c.link), c.expected) << c.name;
-}
-
-TEST(PacketParser, Tags) {
-  const Octets ip = Ip4{}(17, udp(1, 2));
-  const auto vlanOf = [](const Octets& frame, int taken) {
-    Boxed box(frame);
-    box.packet.hasVlan = taken >= 0;
-    box.packet.vlanTci = static_cast<uint16_t>(taken);
-    Parsed out;
-    PacketParser parser(1, 1);
-    return parser.parse(box.packet, out) ? int{out.key4.rest.vlanId} : -static_cast<int>(out.error);
-  };
-  EXPECT_EQ(vlanOf(ethernet(0x0800, ip), 0xe007), 7);
-  EXPECT_EQ(vlanOf(tagged(0x8100, 0x2009, 0x0800, ip), -1), 9);
-  EXPECT_EQ(vlanOf(tagged(0x8100, 9, 0x0800, ip), 7), 7);
-  EXPECT_EQ(vlanOf(tagged(0x8100, 0xe000, 0x0800, ip), -1), 0);
-  Octets many = ip;
-  for (int i = 0; i < 7; ++i) many = Octets{}.u16(3).u16(i == 0 ? 0x0800 : 0x9100).add(many);
-  EXPECT_EQ(vlanOf(tagged(0x88a8, 5, 0x9100, many), -1), 5);
-  many = Octets{}.u16(3).u16(0x9100).add(many);
-  EXPECT_EQ(vlanOf(tagged(0x88a8, 5, 0x9100, many), -1), -static_cast<int>(ParseError::notIp));
+  for (const Case& c : cases) EXPECT_EQ(parseAlone(c.octets, c.link, c.tag), c.expected) << c.name;
 }
 
 /// Cut at each octet: truncated until the key is there, then what it is whole but for TCP flags.
