@@ -39,7 +39,8 @@ bool unshareAsRoot(int namespaces) {
 bool sh(const std::string& command) { return std::system(command.c_str()) == 0; }
 
 bool privateNetwork() {
-  // The kernel makes the routes to IPv6 addresses a moment later: what leaves before is lost.
+  // The kernel makes the local routes to IPv6 addresses a moment later: until then others may lead
+  // there, and what leaves that way is lost.
   static const bool made =
       unshareAsRoot(CLONE_NEWNET) &&
       sh("ip link set lo up"
@@ -47,8 +48,9 @@ bool privateNetwork() {
          " && ip addr add 2001:db8::1/128 dev lo nodad"
          " && ip addr add 2001:db8::2/128 dev lo nodad"
          " && for i in $(seq 500); do"
-         " ip -6 route get 2001:db8::1 >/dev/null 2>&1"
-         " && ip -6 route get 2001:db8::2 >/dev/null 2>&1 && exit 0; sleep 0.01; done; exit 1");
+         " ip -6 route get 2001:db8::1 2>/dev/null | grep -q ^local"
+         " && ip -6 route get 2001:db8::2 2>/dev/null | grep -q ^local && exit 0;"
+         " sleep 0.01; done; exit 1");
   return made;
 }
 

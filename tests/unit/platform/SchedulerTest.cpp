@@ -7,6 +7,7 @@
 #include <random>
 
 #include "platform/TimerQueue.h"
+#include "tests/support/Random.h"
 #include "tests/unit/platform/Host.h"
 
 using namespace platform;
@@ -204,10 +205,7 @@ class Model : public TimerQueue::Host {
 };
 
 TEST(TimerQueue, AgreesWithAPlainModel) {
-  for (unsigned seed = 1; seed <= 20 && !testing::Test::HasFatalFailure(); ++seed) {
-    SCOPED_TRACE(seed);
-    Model(seed).run(2000);
-  }
+  support::eachSeed(20, [](unsigned seed) { Model(seed).run(2000); });
 }
 
 TEST(TimerQueue, RoundsDueTimesUpToItsGrain) {

@@ -1,11 +1,7 @@
-// Readers of the shared table against a writer in another process, at full speed and dying.
-//
-//   shm_campaign read COUNT     reads that many records; none may be torn or lost
-//   shm_campaign kill ROUNDS    kills the writer so many times; no reader may hang or be misled
-//
-// Every octet of a value follows from its key, a count that only grows and a number that each
-// writer draws for itself, so that a record mixed of two states, keys or writers gives itself away.
-#include <fcntl.h>
+// Readers of the shared table against writers in other processes, at full speed and dying. Every
+// octet of a value follows from its key, a count that only grows and a number that each writer
+// draws for itself, so that a record mixed of two states, keys or writers gives itself away.
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -16,16 +12,15 @@
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <map>
 #include <random>
-#include <string>
+#include <stdexcept>
 
-#include "platform/UdpPam.h"
 #include "platform/linux/ShmTable.h"
+#include "tests/support/Random.h"
 
 using namespace platform;
 using State = ShmTableReader::Snapshot::State;
@@ -56,14 +51,13 @@ SharedTable::Octets octets(const T& v) {
   return std::as_bytes(std::span(&v, 1));
 }
 
-[[noreturn]] void fail(const std::string& what) {
-  std::cerr << "shm_campaign: " << what << '\n';
-  std::exit(1);
+[[noreturn]] void fail(const char* what) { throw std::logic_error(what); }
+double since(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
 /// Writes until it is killed.
-[[noreturn]] void write(const std::string& name) {
-  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+void write(const std::string& name) {
   std::mt19937_64 random(std::random_device{}());
   auto table = shmTableFactory(name, sizeof(Key), sizeof(Value), capacity);
   Key key;
@@ -83,7 +77,6 @@ SharedTable::Octets octets(const T& v) {
       for (int i = 0; i < 64; ++i) put(random() % ids);
     } while (Clock::now() < deletion + deletionEvery);
   }
-  std::abort();
 }
 
 /// What every reader checks of what it reads.
@@ -133,78 +126,28 @@ class Judge {
   std::map<uint64_t, uint64_t> counts_;
 };
 
-pid_t startWriter(const std::string& name) {
-  const pid_t pid = ::fork();
-  if (pid < 0) fail("fork");
-  if (pid == 0) {
-    try {
-      write(name);
-    } catch (const std::exception& e) {
-      fail(e.what());
-    }
-  }
-  return pid;
-}
-void killed(pid_t pid) {
-  ::kill(pid, SIGKILL);
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  if (!WIFSIGNALED(status) || WTERMSIG(status) != SIGKILL) fail("the writer died by itself");
-}
-double since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-/// The generation of the writer's table, once that is there.
-uint64_t waitFor(ShmTableReader& reader, pid_t writer) {
-  const auto start = Clock::now();
-  for (;;) {
-    const auto s = reader.snapshot();
-    if (s.state == State::live && s.writerPid == writer) return s.generation;
-    if (since(start) > 10) fail("the new writer's table is not found");
-    ::usleep(200);
-  }
-}
-
-int read(const std::string& name, uint64_t wanted) {
-  const pid_t writer = startWriter(name);
-  auto reader = shmTableReader(name, sizeof(Key), sizeof(Value));
-  waitFor(*reader, writer);
-  Judge judge;
-  std::mt19937_64 random(1);
-  uint64_t snapshots = 0, retries = 0, gets = 0;
-  std::vector<std::byte> value;
-  while (judge.records < wanted) {
-    const auto s = reader->snapshot();
-    if (s.state != State::live) fail("the living writer is not seen as such");
-    judge.snapshot(s);
-    ++snapshots;
-    retries += s.retries;
-    for (int i = 0; i < 20; ++i) {
-      Key key;
-      key.id = random() % lasting;
-      if (!reader->get(octets(key), value)) continue;
-      if (judge.record(octets(key), value) != key.id) fail("another key's record");
-      ++gets;
-    }
-  }
-  killed(writer);
-  std::cout << judge.records << " records in " << snapshots << " snapshots and " << gets
-            << " by key, none torn; " << retries << " reads repeated\n";
-  if (retries == 0) fail("the writer was never in the way: nothing was tried");
-  if (gets < snapshots * 19) fail("lasting records were not found by key");
-  return 0;
-}
-
-/// What the reader process of the second campaign tells its parent.
+/// What the reader process tells its parent.
 struct Shared {
   std::atomic<bool> stop{false};
   std::atomic<uint64_t> generation{0};
+  std::atomic<uint64_t> records{0}, retries{0};
   std::atomic<double> longest{0};  // seconds that one snapshot took
 };
 
-[[noreturn]] void readOn(const std::string& name, Shared& shared) {
-  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+/// How many records are found by their key.
+uint64_t getAll(ShmTableReader& reader) {
+  uint64_t found = 0;
+  std::vector<std::byte> value;
+  for (Key key; key.id < ids; ++key.id) {
+    if (!reader.get(octets(key), value)) continue;
+    if (Judge().record(octets(key), value) != key.id) fail("another key's record");
+    ++found;
+  }
+  return found;
+}
+
+/// Reads until it is told to stop.
+void readOn(const std::string& name, Shared& shared) {
   auto reader = shmTableReader(name, sizeof(Key), sizeof(Value));
   Judge judge;
   while (!shared.stop) {
@@ -217,71 +160,76 @@ struct Shared {
       shared.generation = s.generation;
     }
     judge.snapshot(s);
+    shared.records = judge.records;
+    shared.retries += s.retries;
   }
-  std::exit(0);
 }
 
-int kill(const std::string& name, int rounds) {
+template <class Body>
+pid_t started(Body body) {
+  const pid_t pid = ::fork();
+  if (pid != 0) return pid;
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  try {
+    body();
+    ::_exit(0);
+  } catch (const std::exception& e) {
+    std::cerr << e.what() << std::endl;
+  }
+  ::_exit(1);
+}
+
+TEST(ShmCampaign, NoReaderHangsOrIsMisled) {
+  const unsigned rounds = support::fromEnvironment("TARN_ROUNDS", 200);
+  const std::string name = "/tt-campaign-" + std::to_string(::getpid());
   auto* shared = new (::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
                              MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Shared;
-  const pid_t hammer = ::fork();
-  if (hammer == 0) readOn(name, *shared);
+  const pid_t hammer = started([&] { readOn(name, *shared); });
   auto reader = shmTableReader(name, sizeof(Key), sizeof(Value));
   std::mt19937 random(std::random_device{}());
   int halfDone = 0;
-  bool any = false;  // table has been made
-  for (int round = 0; round < rounds; ++round) {
-    const pid_t writer = startWriter(name);
+  bool any = false;  // table was made
+  uint64_t wanted = 0, found = 0;
+  for (unsigned round = 0; round < rounds; ++round) {
+    const pid_t writer = started([&] { write(name); });
     if (round % 4 == 0) {  // possibly before its table is there
       ::usleep(random() % 3000);
     } else {
-      const uint64_t generation = waitFor(*reader, writer);
-      for (const auto start = Clock::now(); shared->generation != generation;)
-        if (since(start) > 10) fail("the reader process does not find the new writer's table");
-      ::usleep(random() % 5000);
+      ShmTableReader::Snapshot s;
+      for (const auto start = Clock::now();
+           s.writerPid != writer || s.state != State::live || shared->generation != s.generation;
+           s = reader->snapshot())
+        ASSERT_LT(since(start), 10) << "the new writer's table is not found";
+      const double time = 0.05 * static_cast<double>(random()) / static_cast<double>(random.max());
+      for (const auto start = Clock::now(); since(start) < time; wanted += ids)
+        found += getAll(*reader);
     }
-    killed(writer);
+    ::kill(writer, SIGKILL);
+    int status = 0;
+    ::waitpid(writer, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status)) << "the writer died by itself";
     const auto s = reader->snapshot();
     Judge().snapshot(s);
-    any = any || s.generation != 0;
-    if (s.state == State::absent && !any) continue;
-    if (s.state != State::dead) fail("the dead writer's table is not seen as such");
-    if (s.unreadable > 1) fail("more than one record lost with the writer");
+    ASSERT_EQ(getAll(*reader), s.records.size());
+    ASSERT_EQ(s.state, s.generation == 0 && !any ? State::absent : State::dead);
+    ASSERT_LE(s.unreadable, 1u) << "more than one record lost with the writer";
     halfDone += s.unreadable == 1;
-    if (::waitpid(hammer, nullptr, WNOHANG) != 0) fail("the reader process gave up");
+    any = any || s.generation != 0;
+    ASSERT_EQ(::waitpid(hammer, nullptr, WNOHANG), 0) << "the reader process gave up";
   }
   shared->stop = true;
   int status = 0;
   ::waitpid(hammer, &status, 0);
-  if (status != 0) fail("the reader process gave up");
-  std::cout << rounds << " writers killed, " << halfDone
-            << " inside a record; the longest snapshot " << shared->longest * 1e3 << " ms\n";
-  if (shared->longest > 5) fail("a snapshot that long is a hang");
-  if (halfDone == 0) fail("no writer died inside a record: nothing was tried");
-  return 0;
-}
-
-std::string segment;
-pid_t owner;
-void removeSegment() {
-  if (::getpid() != owner) return;  // a child leaves through here too
-  std::error_code ignored;
+  EXPECT_EQ(status, 0) << "the reader process gave up";
   for (const char* suffix : {"", ".lock", ".new"})
-    std::filesystem::remove("/dev/shm" + segment + suffix, ignored);
+    std::filesystem::remove("/dev/shm" + name + suffix);
+  std::cout << rounds << " writers killed, " << halfDone << " inside a record; " << shared->records
+            << " records read, " << shared->retries << " again; the longest snapshot "
+            << shared->longest * 1e3 << " ms\n";
+  EXPECT_GT(found, wanted * 4 / 5) << "records are not found by their key";
+  EXPECT_LT(shared->longest, 5) << "that is a hang";
+  EXPECT_GT(halfDone, 0) << "no writer died inside a record: nothing was tried";
+  EXPECT_GT(shared->retries, 0u) << "no writer was ever in the way";
 }
 
 }  // namespace
-
-int main(int argc, char** argv) {
-  const std::string mode = argc == 3 ? argv[1] : "";
-  const long count = argc == 3 ? std::atol(argv[2]) : 0;
-  if ((mode != "read" && mode != "kill") || count <= 0) {
-    std::cerr << "usage: shm_campaign read COUNT | kill ROUNDS\n";
-    return 2;
-  }
-  owner = ::getpid();
-  segment = "/tt-campaign-" + std::to_string(owner);
-  std::atexit(removeSegment);
-  return mode == "read" ? read(segment, static_cast<uint64_t>(count))
-                        : kill(segment, static_cast<int>(count));
-}
