@@ -3,82 +3,89 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 #include <random>
+#include <set>
 
+#include "Ipfix/IpfixSm.h"
 #include "platform/sim/SimPlatform.h"
+#include "tests/support/Random.h"
 
+/// The statistics' records and their table, and the registry of elements.
 using namespace platform;
 using namespace Tarn::Ipfix;
-using V4 = IpAndPort;
-using TarnInfo = Tarn::Ipfix::CollectorInfo;
 
 namespace {
 
-const V4 v4{IpAddr(0x0a000001), 4739};
-const Ip6AndPort v6{*Ip6Addr::fromString("2001:db8::1"), 4739};
+const CollectorInfo place4(IpAddr(0x0a000001), 4739);
+const CollectorInfo place6(*Ip6Addr::fromString("2001:db8::1"), 4739);
 
-TEST(CollectorStatsTest, KeysOrderPrintAndCompareByOctets) {
-  const CollectorStatisticsKey a("t1", "e1", TarnInfo::fromIpAndPort(v4));
-  CollectorStatisticsKey b("a much longer tracker name", "e1", TarnInfo::fromIpAndPort(v4));
-  EXPECT_EQ(a.stringValue(), "t1 e1 10.0.0.1:4739");
+TEST(CollectorStatsTest, KeysCompareByOctets) {
+  const CollectorStatisticsKey a("t1", "e1", place4);
+  CollectorStatisticsKey b("a much longer tracker name", "e1", place4);
   EXPECT_LT(b, a);
   b.trackerIs("t1");  // shorter again: no octet of the longer name may stay behind
-  EXPECT_EQ(a, b);
   EXPECT_EQ(std::memcmp(&a, &b, sizeof a), 0);
   EXPECT_EQ(std::hash<CollectorStatisticsKey>{}(a), std::hash<CollectorStatisticsKey>{}(b));
-
-  const auto info6 = TarnInfo::fromIp6AndPort(v6);
-  EXPECT_EQ(info6.stringValue(), "[2001:db8::1]:4739");
-  EXPECT_EQ(info6.addr(), IpGenAddr(v6.addr));
-  EXPECT_LT(TarnInfo::fromIpAndPort(v4), info6);
-  EXPECT_LT(TarnInfo(IpAddr(0x0a000001), 4739), TarnInfo(IpAddr(0x0a000001), 4740));
-  EXPECT_LT(TarnInfo(IpAddr(0x0a000001), 9), TarnInfo(IpAddr(0x0a000002), 1));
-
   b.trackerStorageIs(StringIndex(2), 'x');
-  EXPECT_EQ(b.tracker(), "t1x");
+  EXPECT_EQ(b.stringValue(), "t1x e1 10.0.0.1:4739");
   b.trackerStorageDel(StringIndex(2));
   EXPECT_EQ(a, b);
+  EXPECT_LT(place4, CollectorInfo(IpAddr(0x0a000001), 4740));
+  EXPECT_LT(CollectorInfo(IpAddr(0x0a000001), 9), CollectorInfo(IpAddr(0x0a000002), 1));
+  EXPECT_LT(place4, place6);
   const std::string longest(128, 'n');
-  EXPECT_EQ(CollectorStatisticsKey(longest, longest, info6).exporter(), longest);
-  EXPECT_DEATH(b.trackerIs(std::string(129, 'n')), "sz <= StringIndex::max\\(\\) \\+ 1");
-  EXPECT_DEATH(CollectorStatisticsKey::fromStrep(a.strep()),
-               "No String constructor for CollectorStatisticsKey - has collection");
+  EXPECT_EQ(CollectorStatisticsKey(longest, longest, place6).exporter(), longest);
+  EXPECT_DEATH(b.trackerIs(longest + 'n'), "sz <= StringIndex::max\\(\\) \\+ 1");
 }
 
-TEST(CollectorStatsTest, SetSlotsAreFoundFreedAndReused) {
-  CollectorStatisticsEntry entry(CollectorStatisticsKey("t", "e", TarnInfo::fromIpAndPort(v4)));
-  EXPECT_EQ(entry.setEntry(SetId(256)), CollectorSetStatisticsEntry());
-  const auto put = [&](uint16_t id, uint64_t n) {
-    entry.setEntryIs(CollectorSetStatisticsEntry(id, n));
-  };
-  put(256, 1);
-  put(257, 2);
-  put(258, 3);
-  EXPECT_EQ(entry.setEntryCount(), 3u);
-  EXPECT_EQ(entry.indexForSetId(SetId(258)), 2);
-  EXPECT_EQ(entry.setEntryDel(SetId(257)).exportedFlowRecordCount(), 2u);
-  EXPECT_EQ(entry.setEntryDel(SetId(257)).setId(), 0);
-  EXPECT_EQ(entry.nextIdx(), 1);
-  put(300, 4);
-  EXPECT_EQ(entry.indexForSetId(SetId(300)), 1);
-  EXPECT_EQ(entry.setEntryCount(), 3u);
-  for (uint16_t id = 400; entry.setEntryCount() < 20; ++id) put(id, id);
-  EXPECT_FALSE(entry.setEntryInc(SetId(999), 1, 0));
-  EXPECT_TRUE(entry.hasRoomFor(SetId(300)));
-  EXPECT_THROW(put(999, 1), std::range_error);
-  entry.setEntryDel(SetId(256));
-  EXPECT_TRUE(entry.hasRoomFor(SetId(999)));
-  put(999, 1);
-  EXPECT_EQ(entry.indexForSetId(SetId(999)), 0);
-
-  EXPECT_THROW(SetIndex(20), std::range_error);
-  EXPECT_THROW(StringIndex(128), std::range_error);
-  for (const int bad : {0, 1, 4, 255})
-    EXPECT_DEATH(SetId(static_cast<uint16_t>(bad)), "optionsTemplateSetId.*templateSetId");
+// Each set id has a slot of its own until it is removed, and 20 have one.
+TEST(CollectorStatsTest, SlotsAgreeWithAMap) {
+  support::eachSeed(20, [](unsigned seed) {
+    std::mt19937 random(seed);
+    CollectorStatisticsEntry entry(CollectorStatisticsKey("t", "e", place4));
+    std::map<uint16_t, CollectorSetStatisticsEntry> model;
+    std::map<uint16_t, uint8_t> slots;
+    for (int step = 0; step < 500; ++step) {
+      const auto id = static_cast<uint16_t>(256 + random() % 25);
+      const bool fits = model.contains(id) || model.size() < 20;
+      CollectorSetStatisticsEntry fresh(id, random() % 100, random() % 100);
+      ASSERT_EQ(entry.hasRoomFor(SetId(id)), fits);
+      switch (random() % 3) {
+        case 0:
+          ASSERT_EQ(entry.setEntryInc(SetId(id), 3, 1), fits);
+          if (!fits) break;
+          model.try_emplace(id, id);
+          model[id].exportedFlowRecordCountInc(3);
+          model[id].exportedTemplateCountInc(1);
+          break;
+        case 1:
+          if (fits) {
+            entry.setEntryIs(model[id] = fresh);
+          } else {
+            ASSERT_THROW(entry.setEntryIs(fresh), std::range_error);
+          }
+          break;
+        default:
+          ASSERT_EQ(entry.setEntryDel(SetId(id)), model[id]);
+          model.erase(id);
+          slots.erase(id);
+      }
+      for (const auto& [set, counts] : model) {
+        const uint8_t slot = entry.indexForSetId(SetId(set));
+        ASSERT_LT(slot, 20);
+        ASSERT_EQ(slots.try_emplace(set, slot).first->second, slot) << "it stays where it is";
+        ASSERT_EQ(entry.setEntry(SetId(set)), counts);
+      }
+      if (!model.contains(id)) {
+        ASSERT_EQ(entry.setEntry(SetId(id)), CollectorSetStatisticsEntry());
+      }
+    }
+  });
 }
 
-TEST(CollectorStatsTest, ReadableFormsAndClearing) {
-  CollectorStatisticsEntry entry(CollectorStatisticsKey("t1", "e1", TarnInfo::fromIp6AndPort(v6)));
+TEST(CollectorStatsTest, ReadableFormAndClearing) {
+  CollectorStatisticsEntry entry(CollectorStatisticsKey("t1", "e1", place6));
   entry.exportedMessageTotalCountInc(3);
   entry.exportedOctetTotalCountInc(300);
   entry.lastSentTimeIs(990);
@@ -90,68 +97,96 @@ TEST(CollectorStatsTest, ReadableFormsAndClearing) {
             "set 2: (flows: 0, templates: 6)");
   entry.clear(1000);
   EXPECT_EQ(entry.exportedMessageTotalCount(), 0u);
-  EXPECT_EQ(entry.setEntry(SetId(2)).exportedTemplateCount(), 0u);
+  EXPECT_EQ(entry.setEntry(SetId(2)), CollectorSetStatisticsEntry(2));
   EXPECT_EQ(entry.lastClearedTime(), 1000);
 }
 
 TEST(CollectorStatsTest, FormsReadBackAndValuesOutsideAreRefused) {
-  const auto info = TarnInfo::fromIp6AndPort(v6);
-  for (const std::string& text : {info.strep(), info.stringValue()})
-    EXPECT_EQ(TarnInfo::fromString(text), info) << text;
+  for (const std::string& text : {place6.strep(), place6.stringValue()})
+    EXPECT_EQ(CollectorInfo::fromString(text), place6) << text;
   const CollectorSetStatisticsEntry set(300, 1ULL << 40, 3);
   EXPECT_EQ(CollectorSetStatisticsEntry::fromString(set.strep()), set);
   EXPECT_EQ(SetId::fromString(SetId(256).strep()), SetId(256));
   EXPECT_EQ(SetIndex::fromString(SetIndex(19).strep()), SetIndex(19));
   EXPECT_EQ(StringIndex::fromString("127"), StringIndex(127));
   EXPECT_THROW(StringIndex(127) + StringIndex(127), std::range_error);
-  EXPECT_EQ(StringIndex(127) + StringIndex(0), StringIndex(127));
+  EXPECT_THROW(SetIndex(20), std::range_error);
   for (const char* bad : {"255", "-1", "", "4", "Value('Tarn::Ipfix::SetIndex', ** {'value': 0})"})
     EXPECT_FALSE(SetId::fromString(bad)) << bad;
   EXPECT_FALSE(SetIndex::fromString("20"));
-  EXPECT_FALSE(TarnInfo::fromString(set.strep()));
-}
+  for (const int bad : {0, 1, 4, 255})
+    EXPECT_DEATH(SetId(static_cast<uint16_t>(bad)), "optionsTemplateSetId.*templateSetId");
 
-TEST(CollectorStatsTest, ForeignOctetsAreRefused) {
-  const CollectorStatisticsEntry entry(
-      CollectorStatisticsKey("t", "e", TarnInfo::fromIpAndPort(v4)));
+  const CollectorStatisticsEntry entry(CollectorStatisticsKey("t", "e", place4));
   std::vector<std::byte> octets(sizeof entry);
   std::memcpy(octets.data(), &entry, sizeof entry);
   EXPECT_EQ(CollectorStatisticsEntry::fromOctets(octets), entry);
-  octets[20] = std::byte{129};  // the tracker's length
-  EXPECT_FALSE(CollectorStatisticsEntry::fromOctets(octets));
-  octets[20] = std::byte{1};
-  octets[356] = std::byte{21};  // slots in use
-  EXPECT_FALSE(CollectorStatisticsEntry::fromOctets(octets));
+  // The tracker's length and the slots in use.
+  for (const auto& [at, impossible] : {std::pair(20, 129), std::pair(356, 21)}) {
+    auto bad = octets;
+    bad[static_cast<size_t>(at)] = static_cast<std::byte>(impossible);
+    EXPECT_FALSE(CollectorStatisticsEntry::fromOctets(bad)) << at;
+  }
   octets.pop_back();
   EXPECT_FALSE(CollectorStatisticsEntry::fromOctets(octets));
 }
 
-TEST(CollectorStatsTest, TableKeepsEntriesAndSurvivesBeingFull) {
-  const auto sim = simPlatform();
-  Platform::install(sim.get());
+class WithPlatform : public testing::Test {
+ protected:
+  WithPlatform() { Platform::install(sim.get()); }
+  ~WithPlatform() override { Platform::install(nullptr); }
+  const std::unique_ptr<SimPlatform> sim = simPlatform();
+};
+
+TEST_F(WithPlatform, TheTableKeepsEntriesAndSurvivesBeingFull) {
   sim->traceLevelIs(0);
-  {
-    auto stats = collectorStatisticsFactory(
-        simTableFactory(CollectorStatistics::keyLen, CollectorStatistics::valueLen, 2));
-    const auto entryFor = [](uint16_t port) {
-      CollectorStatisticsEntry e(CollectorStatisticsKey("t", "e", TarnInfo(IpAddr(1), port)));
-      e.exportedMessageTotalCountIs(port);
-      return e;
-    };
-    for (const uint16_t port : {1, 2, 3, 4}) stats->statsIs(entryFor(port));
-    EXPECT_EQ(stats->size(), 2u);
-    const auto said = sim->takeTrace();
-    ASSERT_EQ(said.size(), 1u) << "once, not for every entry";
-    EXPECT_NE(said[0].find("full at 2 entries"), std::string::npos) << said[0];
-    EXPECT_EQ(stats->stats(entryFor(2).key()), entryFor(2));
-    EXPECT_FALSE(stats->stats(entryFor(3).key()));
-    stats->statsDel(entryFor(1).key());
-    stats->statsIs(entryFor(3));
-    EXPECT_EQ(stats->stats(entryFor(3).key()), entryFor(3));
-    stats->statsDelAll();
-    EXPECT_EQ(stats->size(), 0u);
+  auto stats = collectorStatisticsFactory(
+      simTableFactory(CollectorStatistics::keyLen, CollectorStatistics::valueLen, 2));
+  const auto entryFor = [](uint16_t port) {
+    CollectorStatisticsEntry e(CollectorStatisticsKey("t", "e", CollectorInfo(IpAddr(1), port)));
+    e.exportedMessageTotalCountIs(port);
+    return e;
+  };
+  for (const uint16_t port : {1, 2, 3, 4}) stats->statsIs(entryFor(port));
+  EXPECT_EQ(stats->size(), 2u);
+  const auto said = sim->takeTrace();
+  ASSERT_EQ(said.size(), 1u) << "once, not for every entry";
+  EXPECT_NE(said[0].find("full at 2 entries"), std::string::npos) << said[0];
+  EXPECT_EQ(stats->stats(entryFor(2).key()), entryFor(2));
+  EXPECT_FALSE(stats->stats(entryFor(3).key()));
+  stats->statsDel(entryFor(1).key());
+  stats->statsIs(entryFor(3));
+  EXPECT_EQ(stats->stats(entryFor(3).key()), entryFor(3));
+}
+
+// Sums over the registry: any length or flag that is another shows.
+TEST_F(WithPlatform, TheRegistryHoldsTheElementsAsTheyAreSent) {
+  const auto elements = ::Ipfix::ipfixInitSmFactory()->elementIdCollection();
+  uint64_t variable = 0, enterprise = 0, fixedLen = 0;
+  std::set<std::string> names;
+  for (const auto& [id, e] : elements->elementIdColl()) {
+    EXPECT_EQ(id, e.id());
+    variable += e.len() == 65535;
+    fixedLen += e.len() == 65535 ? 0 : e.len();
+    enterprise += e.enterpriseIe();
+    names.insert(e.str());
   }
-  Platform::install(nullptr);
+  EXPECT_EQ(names.size(), 87u);
+  EXPECT_EQ(variable, 5u);
+  EXPECT_EQ(enterprise, 37u);
+  EXPECT_EQ(fixedLen, 373u);
+  EXPECT_EQ(elements->elementIdColl(1041), ::Ipfix::ElementId(true, 1041, 3, "vxlanNetworkId"));
+  EXPECT_EQ(elements->elementIdColl(3), ::Ipfix::ElementId()) << "there is none";
+}
+
+TEST(ElementIdTest, TextFormsReadBack) {
+  const ::Ipfix::ElementId odd(true, 1042, 2, "it's, {odd}': \\ \n");
+  EXPECT_EQ(::Ipfix::ElementId::fromString(odd.stringValue()), odd);
+  EXPECT_FALSE(::Ipfix::ElementId::fromString("Value('Ipfix::ElementId', ** {'id': 8})"));
+  const ::Ipfix::IpfixMsgSeqNo last(4294967295u);
+  EXPECT_EQ(last + ::Ipfix::IpfixMsgSeqNo(2), ::Ipfix::IpfixMsgSeqNo(1));
+  EXPECT_EQ(::Ipfix::IpfixMsgSeqNo::fromString(last.stringValue()), last);
+  EXPECT_FALSE(::Ipfix::IpfixMsgSeqNo::fromString("4294967296"));
 }
 
 }  // namespace

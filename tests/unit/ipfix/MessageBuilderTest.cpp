@@ -5,6 +5,7 @@
 #include <random>
 
 #include "platform/sim/SimPlatform.h"
+#include "tests/support/Random.h"
 
 using namespace platform;
 using namespace FlowTracking;
@@ -72,11 +73,9 @@ TEST_F(MessageBuilderDeathTest, MisuseStopsTheProgram) {
 // Records of any length, empty ones and those at the limit among them, into messages of any size:
 // each leaves once, in order, one by one as in bulk; what fits no message is named by its place.
 TEST_F(MessageBuilderTest, PacksEachRecordOnceWhateverItsLength) {
-  const unsigned seed = std::random_device()();
-  SCOPED_TRACE(seed);
-  std::mt19937 random(seed);
-  for (int round = 0; round < 2000; ++round) {
-    const auto max = static_cast<uint16_t>(round % 50 == 0 ? 65535 : 40 + random() % 400);
+  support::eachSeed(2000, [](unsigned seed) {
+    std::mt19937 random(seed);
+    const auto max = static_cast<uint16_t>(seed % 50 == 0 ? 65535 : 40 + random() % 400);
     const uint32_t room = max - 20u;
     const bool bulk = random() % 2 == 0;
     std::vector<Ptr<const DataRecord>> records(1 + random() % 60);
@@ -114,7 +113,7 @@ TEST_F(MessageBuilderTest, PacksEachRecordOnceWhateverItsLength) {
     }
     ASSERT_EQ(it == records.end(), !misfit);
     ASSERT_EQ(sent, whole);
-  }
+  });
 }
 
 TEST(FieldSpecifierTest, EnterpriseBitFollowsTheFlag) {

@@ -1,9 +1,9 @@
 #include <cerrno>
-#include <cstdlib>
 #include <random>
 
-#include "Ipfix/OptionsDataManagerSm.h"
+#include "Ears.h"
 #include "Receiver.h"
+#include "tests/support/Random.h"
 
 /// Random life of two trackers with three exporters, against a plain model: whatever happens, each
 /// collector's picture of the tables is the truth after a full transmission, and the statistics are
@@ -37,54 +37,6 @@ struct ExporterModel {
   }
 };
 
-/// Somebody who hears of every change and may answer it with anything.
-using Answer = std::function<void()>;
-struct OnConfig final : HwFlowTracking::ExporterConfig::Watcher {
-  OnConfig(Ptr<const HwFlowTracking::ExporterConfig> e, Answer a) : Watcher(std::move(e)), act(a) {}
-  void handleVrfName() override { act(); }
-  void handleIpfixMtu() override { act(); }
-  void handleSrcIpAddr() override { act(); }
-  void handleSrcIp6Addr() override { act(); }
-  void handleCollectorIpAndPort(const std::string&) override { act(); }
-  void handleCollectorIp6AndPort(const std::string&) override { act(); }
-  void handleExporter4Ready() override { act(); }
-  void handleExporter6Ready() override { act(); }
-  void handleRxPort4() override { act(); }
-  void handleRxPort6() override { act(); }
-  Answer act;
-};
-struct OnInfo final : ExporterInfo::Watcher {
-  OnInfo(Ptr<const ExporterInfo> e, Answer a) : Watcher(std::move(e)), act(a) {}
-  void handleCollInfo(const std::string&) override { act(); }
-  void handleUdpPam4() override { act(); }
-  void handleUdpPam6() override { act(); }
-  void handleRxPort4() override { act(); }
-  void handleRxPort6() override { act(); }
-  Answer act;
-};
-struct OnCollector final : CollectorInfo::Watcher {
-  OnCollector(Ptr<const CollectorInfo> e, Answer a) : Watcher(std::move(e)), act(a) {}
-  void handleIpfixMsgSeqNo() override { act(); }
-  void handleOptTemplateSent() override { act(); }
-  Answer act;
-};
-struct OnTracker final : FlowTrackerInfo::Watcher {
-  OnTracker(Ptr<const FlowTrackerInfo> e, Answer a) : Watcher(std::move(e)), act(a) {}
-  void handleExpInfo(const std::string&) override { act(); }
-  Answer act;
-};
-struct OnStats final : Tarn::Ipfix::CollectorStatistics::Watcher {
-  OnStats(Ptr<const Tarn::Ipfix::CollectorStatistics> e, Answer a)
-      : Watcher(std::move(e)), act(a) {}
-  void handleStats(const Tarn::Ipfix::CollectorStatisticsKey&) override { act(); }
-  Answer act;
-};
-struct OnUpdate final : OptionsDataUpdate::Watcher {
-  OnUpdate(Ptr<const OptionsDataUpdate> e, Answer a) : Watcher(std::move(e)), act(a) {}
-  void handleVersion() override { act(); }
-  Answer act;
-};
-
 class World {
  public:
   explicit World(unsigned seed) : rnd_(seed), activeSeconds(pick(4) != 0 ? 60 : 0.4) {
@@ -107,8 +59,8 @@ class World {
                                     init_->elementIdCollection(), stats_, sim_->scheduler());
     manager_ = optionsDataManagerSmFactory(hwConfig_, hwStatus_, info_, intfs_, vrfs_, stats_,
                                            sim_->scheduler());
-    hear<OnStats>(stats_, 300);
-    hear<OnUpdate>(manager_->dataAll()->globalUpdate(), 100);
+    ears_.hear<OnStats>(stats_, 300);
+    ears_.hear<OnUpdate>(manager_->dataAll()->globalUpdate(), 100);
   }
   ~World() {
     meddles_ = false;
@@ -134,7 +86,7 @@ class World {
     // clang-format on
     (this->*events[pick(std::size(events))])();
     receive();
-    listen();
+    ears_.hearAll(*info_);
   }
 
   /// Lets everything settle, then compares each picture after one full transmission.
@@ -390,9 +342,9 @@ class World {
     e.config->srcIp6AddrIs(source6);
     e.config->templateIntervalIs(static_cast<uint32_t>(1000 * (1 + pick(30))));
     const bool first = pick(2) == 0;
-    if (first) hear<OnConfig>(e.config, 10);
+    if (first) ears_.hear<OnConfig>(e.config, 10);
     tracker->expConfigIs(e.config);
-    if (!first) hear<OnConfig>(e.config, 10);
+    if (!first) ears_.hear<OnConfig>(e.config, 10);
   }
   void exporterDel(ExporterModel& e) {
     if (const auto tracker = hwConfig_->ftConfig(e.tracker)) tracker->expConfigDel(e.name);
@@ -453,21 +405,6 @@ class World {
       tracker->activeIntervalIs(static_cast<uint32_t>(400 + pick(100000)));
   }
 
-  /// `often`: one answer out of so many changes.
-  template <class Ear, class E>
-  void hear(const Ptr<E>& entity, size_t often) {
-    if (!entity || !heard_.insert({entity.get(), entity}).second) return;
-    ears_.push_back(std::make_shared<Ear>(entity, [this, often] { meddle(often); }));
-  }
-  void listen() {
-    for (const auto& [tracker, ft] : info_->ftInfo()) {
-      hear<OnTracker>(ft, 10);
-      for (const auto& [name, info] : ft->expInfo()) {
-        hear<OnInfo>(info, 20);
-        for (const auto& [collector, c] : info->collInfo()) hear<OnCollector>(c, 100);
-      }
-    }
-  }
   void anyExporterDel() { exporterDel(anExporter()); }
   void exporterChange() {
     auto& e = anExporter();
@@ -558,28 +495,15 @@ class World {
   Receiver receiver_;
   uint32_t last_ = 0;
   bool meddles_ = true;
-  std::map<const Entity*, Ptr<const Entity>> heard_;  // held: no other comes to lie at its place
-  std::vector<std::shared_ptr<void>> ears_;
+  Ears ears_{[this](size_t often) { meddle(often); }};
 };
 
-unsigned fromEnvironment(const char* name, unsigned otherwise) {
-  const char* text = std::getenv(name);
-  return text ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : otherwise;
-}
-
 TEST(OptionsDataWorldTest, EveryPictureIsTheTruth) {
-  const unsigned sequences = fromEnvironment("TARN_SEQUENCES", 300);
-  const unsigned first = fromEnvironment("TARN_SEED", std::random_device{}());
-  for (unsigned i = 0; i < sequences; ++i) {
-    SCOPED_TRACE("TARN_SEED=" + std::to_string(first + i) + " TARN_SEQUENCES=1");
-    World world(first + i);
-    for (int step = 0; step < 60; ++step) {
-      world.step();
-      if (HasFailure()) return;
-    }
-    world.fullTransmission();
-    if (HasFailure()) return;
-  }
+  support::eachSeed(support::fromEnvironment("TARN_SEQUENCES", 300), [](unsigned seed) {
+    World world(seed);
+    for (int step = 0; step < 60 && !testing::Test::HasFailure(); ++step) world.step();
+    if (!testing::Test::HasFailure()) world.fullTransmission();
+  });
 }
 
 }  // namespace

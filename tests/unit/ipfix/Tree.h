@@ -38,6 +38,12 @@ struct Seen {
   uint32_t sequence() const { return field32(8); }
   uint32_t domain() const { return field32(12); }
   uint16_t setId() const { return field16(16); }
+  std::vector<uint16_t> setIds() const {
+    std::vector<uint16_t> ids;
+    for (size_t at = 16; at < datagram.octets.size(); at += field16(at + 2))
+      ids.push_back(field16(at));
+    return ids;
+  }
   std::string to() const {
     const IpGenAddr& dst = datagram.dst;
     return dst.isIpv6() ? Ip6AndPort{dst.ip6Addr(), datagram.dstPort}.stringValue()
