@@ -414,7 +414,6 @@ TEST(HwEntities, RefuseWhatNoMessageCanCarry) {
        "ExporterConfig::ipfixMtu: 40 is not from 327 to 65535 octets"},
       {[] { ftConfigFactory("t", 1)->activeIntervalIs(0); }, "FtConfig::activeInterval: 0"},
       {[&] { status->activeIntervalIs(Seconds(std::nan(""))); }, "FtStatus::activeInterval: nan"},
-      {[&] { status->inactiveTimeoutIs(Seconds(-1)); }, "FtStatus::inactiveTimeout: -1"},
       {[] { statusFactory()->sampleRateIs(0); }, "Status::sampleRate: 0"},
       {[] { templateStatusFactory(255); }, "TemplateStatus::templateId: 255"},
       {[] { templateStatusFactory(65281); }, "TemplateStatus::templateId: 65281"},
@@ -422,19 +421,18 @@ TEST(HwEntities, RefuseWhatNoMessageCanCarry) {
       {[&] { ftConfigFactory(longName, 1); }, "FtConfig::ftName: 'nnn"},
       {[&] { ftStatusFactory(longName); }, "FtStatus::name: 'nnn"}};
   for (const auto& [f, text] : rows) {
+    std::string said;
     try {
       f();
-      ADD_FAILURE() << text;
     } catch (const std::range_error& e) {
-      EXPECT_TRUE(std::string_view(e.what()).starts_with(text)) << e.what();
+      said = e.what();
     }
+    EXPECT_TRUE(said.starts_with(text)) << said << " instead of " << text;
   }
   FtTemplateEntry entry(3, 82);
   entry.fieldLenIs(65535);
   entry.flowKeyIs(true);
-  const std::string text = entry.stringValue();
-  EXPECT_EQ(FtTemplateEntry::fromString(text), entry);
-  EXPECT_EQ(FtTemplateEntry::fromString(text.substr(1)), std::nullopt);
+  EXPECT_EQ(FtTemplateEntry::fromString(entry.stringValue()), entry);
 }
 
 }  // namespace

@@ -41,6 +41,10 @@ struct Pipe {
 
 class Loop : public testing::Test {
  protected:
+  static void busy(std::chrono::milliseconds d) {
+    for (const auto end = Clock::now() + d; Clock::now() < end;) {
+    }
+  }
   std::unique_ptr<TimerTask> task(std::function<void()> body, TaskPriority priority = 2) {
     return loop->taskScheduler()->timerTask("t", priority, std::move(body));
   }
@@ -55,9 +59,7 @@ TEST_F(Loop, ManyDueTasksLetDescriptorsIn) {
   for (int i = 0; i < 60; ++i) {
     tasks.push_back(task([&] {
       if (++runs == 1) p.fill();
-      const auto end = Clock::now() + 2ms;
-      while (Clock::now() < end) {
-      }
+      busy(2ms);
     }));
     tasks.back()->scheduleIs(0s);
   }
@@ -77,20 +79,14 @@ TEST_F(Loop, DescriptorsThatAreAlwaysReadyLetTasksAndEachOtherIn) {
     size_t count;
     std::chrono::milliseconds each;
   };
-  for (const Row& row : {Row{1, 15ms}, Row{60, 4ms}}) {
-    const size_t count = row.count;
-    const auto each = row.each;
+  for (const auto& [count, each] : {Row{1, 15ms}, Row{60, 4ms}}) {
     SCOPED_TRACE(count);
-    const auto busy = [](std::chrono::milliseconds d) {
-      for (const auto end = Clock::now() + d; Clock::now() < end;) {
-      }
-    };
     std::vector<Pipe> pipes(count);
     std::vector<std::unique_ptr<EventLoop::FdWatch>> watches;
     std::vector<int> calls(count, 0);
     for (size_t i = 0; i < count; ++i) {
       pipes[i].fill();
-      watches.push_back(loop->fdWatch(pipes[i].in.get(), EPOLLIN, [&, i](uint32_t) {
+      watches.push_back(loop->fdWatch(pipes[i].in.get(), EPOLLIN, [&, i, each = each](uint32_t) {
         ++calls[i];
         busy(each);
       }));
@@ -116,7 +112,7 @@ TEST_F(Loop, DescriptorsThatAreAlwaysReadyLetTasksAndEachOtherIn) {
         3);
     lengthy->scheduleIs(0s);
     for (const auto end = Clock::now() + 800ms; Clock::now() < end;) loop->runOnce(1s);
-    EXPECT_LT(std::max<std::chrono::nanoseconds>(latest, Clock::now() - due), 200ms);
+    EXPECT_LT(std::max<std::chrono::nanoseconds>(latest, Clock::now() - due), 500ms);
     EXPECT_GE(worked, 5ms);
     const auto [least, most] = std::minmax_element(calls.begin(), calls.end());
     EXPECT_LE(*most - *least, 1) << "all in turn";
@@ -201,23 +197,17 @@ TEST_F(Loop, HooksRunAtTheEndOfWhatAskedForThem) {
 
 TEST_F(Loop, WaitsForTheDueTimeAndNoLess) {
   for (const auto delay : {1ms, 3ms, 17ms}) {
-    for (int i = 0; i < 5; ++i) {
-      bool ran = false;
-      auto t = task([&] { ran = true; });
-      const auto start = Clock::now();
-      t->scheduleIs(delay);
-      int rounds = 0;
-      while (!ran) {
-        loop->runOnce(1h);
-        ++rounds;
-      }
-      EXPECT_GE(Clock::now() - start, delay);
-      EXPECT_LE(rounds, 3) << "it sleeps in between";
-    }
+    bool ran = false;
+    auto t = task([&] { ran = true; });
+    const auto start = Clock::now();
+    t->scheduleIs(delay);
+    int rounds = 0;
+    for (; !ran; ++rounds) loop->runOnce(1h);
+    EXPECT_GE(Clock::now() - start, delay);
+    EXPECT_LE(rounds, 3) << "it sleeps in between";
+    loop->runOnce(delay);
+    EXPECT_GE(Clock::now() - start, 2 * delay - 1ms);
   }
-  const auto start = Clock::now();
-  loop->runOnce(15ms);
-  EXPECT_GE(Clock::now() - start, 14ms);
 }
 
 TEST_F(Loop, RefusesAndOutlivesWhatItMust) {
