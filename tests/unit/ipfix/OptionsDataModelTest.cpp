@@ -82,7 +82,7 @@ class World {
         &W::vrfIs, &W::vrfDel, &W::mtuIs, &W::collectorIs, &W::anyCollectorDel, &W::collectorMove,
         &W::sourceChange, &W::templateChange, &W::paramChange, &W::now, &W::later,
         &W::fullTransmission, &W::fullTransmission, &W::exporterChange, &W::vrfChange,
-        &W::refusal, &W::trackerChange, &W::intervalChange};
+        &W::refusal, &W::trackerChange, &W::intervalChange, &W::soon, &W::soon, &W::coalescing};
     // clang-format on
     (this->*events[pick(std::size(events))])();
     receive();
@@ -238,6 +238,13 @@ class World {
 
   void pace() { sim_->paceIs(pick(4), 255); }  // each datagram fills the endpoint
   void now() { sim_->runDue(); }
+  void soon() { sim_->advance(Seconds(0.001 * static_cast<double>(pick(10)))); }
+  void coalescing() {
+    const auto& e = anExporter();
+    const auto tracker = manager_->ftManagerSm(e.tracker);
+    if (const auto sm = tracker ? tracker->exporterSm(e.name) : nullptr)
+      sm->updateDataCoalesceTimeIs(0.005 * static_cast<double>(pick(3)));
+  }
   void later() { sim_->advance(Seconds(0.3 * static_cast<double>(pick(8)))); }
   std::string freshName() { return "if" + std::string(pick(12), 'x') + std::to_string(++last_); }
   uint32_t freshIndex() { return ++last_; }
@@ -256,7 +263,8 @@ class World {
     intfs_->intfIndexDel(id);
   }
   void intfIs() {
-    for (size_t n = 1 + pick(40); n > 0; --n) put(IntfId(freshName()), freshIndex());
+    for (size_t n = pick(20) == 0 ? 500 : 1 + pick(40); n > 0; --n)
+      put(IntfId(freshName()), freshIndex());
   }
   void intfDel() {
     for (const auto& id : intfIds())

@@ -38,10 +38,8 @@ class OptionsDataTest : public TreeTest {
   std::map<std::string, std::map<uint16_t, uint64_t>> arrived() {
     Receiver::Count none;
     for (auto& [to, count] : receiver.counts()) count = none;
-    largest.clear();
     for (const auto& s : seen()) {
       receiver.take(s);
-      largest[s.to()] = std::max(largest[s.to()], s.datagram.octets.size());
       if (HasFatalFailure()) break;
     }
     std::map<std::string, std::map<uint16_t, uint64_t>> out;
@@ -52,27 +50,6 @@ class OptionsDataTest : public TreeTest {
     return out;
   }
 
-  /// A ready tree whose interface table, some 1100 messages, takes half a second to each collector.
-  void makeSlowTree() {
-    for (uint32_t i = 1; i <= 30000; ++i) intfIs("eth" + std::to_string(i), i);
-    exporter->collectorIpAndPortIs("a", dst4(1));
-    exporter->ipfixMtuIs(400);
-    sim->paceIs(2);
-    makeTree();
-    dataExporter()->updateDataCoalesceTimeIs(0.01);
-  }
-  void rename(uint32_t index, const std::string& name) {
-    intfs->intfIndexDel(IntfId("eth" + std::to_string(index)));
-    intfIs(name, index);
-  }
-  /// An interface's name as collector number `host` has it: a length octet, then the name.
-  std::string nameOf(uint8_t host, uint32_t index) {
-    for (auto& [to, picture] : receiver.pictures())
-      if (to.ends_with(dst4(host).stringValue())) return picture[intfTable][netOctets(index, 4)];
-    return {};
-  }
-
-  std::map<std::string, size_t> largest;  // message that arrived at each destination
   Ptr<IntfIndexMap> intfs = intfIndexMapFactory();
   Ptr<Vrf::VrfIdMap::Status> vrfs = Vrf::VrfIdMap::statusFactory();
   Ptr<OptionsDataManagerSm> manager;
@@ -119,51 +96,6 @@ TEST_F(OptionsDataTest, ChangesLeaveWithinTheCoalescingDelayOrWhenAMessageIsFull
   EXPECT_EQ(arrived(), (Arrived{{"10.0.0.1:4739", {{2, 1}, {flowKeyTable, 1}}}}));
 }
 
-TEST_F(OptionsDataTest, ChangesOvertakeATableThatIsOnItsWayAndStand) {
-  makeSlowTree();
-  sim->advance(Seconds(0.05));
-  EXPECT_TRUE(dataExporter()->processing());
-  rename(7, "new7");          // was sent with its old name
-  rename(29999, "new29999");  // will be
-  intfs->intfIndexDel(IntfId("eth29998"));
-  exporter->ipfixMtuIs(340);
-  exporter->collectorIpAndPortIs("b", dst4(2));  // begins meanwhile
-  arrived();
-  sim->advance(Seconds(0.2));
-  arrived();
-  EXPECT_TRUE(dataExporter()->processing());
-  EXPECT_EQ(nameOf(1, 29999), "new29999") << "at once";
-  sim->advance(Seconds(3));
-  arrived();  // which judges sequence numbers and octets too
-  EXPECT_FALSE(dataExporter()->processing());
-  EXPECT_LE(largest["10.0.0.2:4739"], 340u - 48);
-  for (const uint8_t host : {1, 2})
-    for (const uint32_t index : {7, 29999})
-      EXPECT_EQ(nameOf(host, index), "new" + std::to_string(index)) << int{host};
-  EXPECT_EQ(nameOf(2, 30000), "eth30000");
-  EXPECT_EQ(nameOf(2, 29998), "") << "gone before this collector came";
-}
-
-TEST_F(OptionsDataTest, WhatIsDroppedUnreadyDoesNotComeBackOlder) {
-  makeSlowTree();
-  dataExporter()->updateDataCoalesceTimeIs(0);
-  sim->advance(Seconds(0.05));
-  rename(7, "old7");
-  sim->advance(Seconds(0.05));
-  arrived();
-  exporter->srcIpAddrIs({});
-  arrived();  // with the endpoint all leaves that waited in it
-  receiver = Receiver();
-  rename(7, "new7");
-  sim->runRound();  // drops it, while the tables are on their way
-  dataExporter()->updateDataCoalesceTimeIs(0.1);
-  sim->advance(Seconds(0.01));
-  exporter->srcIpAddrIs(source4);
-  sim->advance(Seconds(5));
-  arrived();
-  EXPECT_EQ(nameOf(1, 7), "new7");
-}
-
 TEST_F(OptionsDataTest, NothingPutsOffThePeriod) {
   exporter->collectorIpAndPortIs("a", dst4(1));
   makeTree();
@@ -192,19 +124,22 @@ TEST_F(OptionsDataTest, ACollectorIsOfTheFamilyItIsConfiguredIn) {
 
 TEST_F(OptionsDataTest, UnderARateLimitLittleWaitsInTheEndpoint) {
   exporter->rateLimitIs({RateLimit::Unit::messages, 5});
-  makeSlowTree();
+  exporter->collectorIpAndPortIs("a", dst4(1));
+  exporter->ipfixMtuIs(400);
+  sim->paceIs(2);
+  for (uint32_t i = 1; i <= 5000; ++i) intfIs("eth" + std::to_string(i), i);
+  makeTree();
+  dataExporter()->updateDataCoalesceTimeIs(0.01);
   uint64_t waited = 0;
-  for (uint32_t i = 1; i <= 500; ++i) {
-    rename(i, "new" + std::to_string(i));
+  for (uint32_t i = 5001; i <= 5500; ++i) {
+    intfIs("eth" + std::to_string(i), i);
     sim->advance(Seconds(0.001));
     waited = std::max(waited, expInfo()->udpPam4()->counters().queued);
   }
   EXPECT_GT(waited, 0u);
   EXPECT_LE(waited, 5u) << "what leaves within a second";
   sim->advance(Seconds(50));
-  arrived();
-  EXPECT_EQ(nameOf(1, 500), "new500");
-  EXPECT_EQ(nameOf(1, 30000), "eth30000");
+  EXPECT_GE(arrived()["10.0.0.1:4739"][intfTable], 5504u);
 }
 
 TEST_F(OptionsDataTest, ASetIdTooManyIsTracedOnceAndInTheTotals) {
