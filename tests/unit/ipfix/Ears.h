@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "Ipfix/LocalCollectorConfigSm.h"
-#include "Ipfix/OptionsDataManagerSm.h"
 #include "Tree.h"
 
 /// Somebody who hears of every change in the agent and may answer it with anything.

@@ -37,41 +37,31 @@ struct ExporterModel {
   }
 };
 
-class World {
+class World : private Tree {
  public:
   explicit World(unsigned seed) : rnd_(seed), activeSeconds(pick(4) != 0 ? 60 : 0.4) {
-    Platform::install(sim_.get());
     pace();
-    sim_->wallClockIs(1700000000);
-    init_ = ::Ipfix::ipfixInitSmFactory();
     for (const std::string name : {"ft1", "ft2"}) {
-      hwConfig_->ftConfigIs(freshTracker(name));
-      hwStatus_->ftStatusIs(freshStatus(name));
+      hwConfig->ftConfigIs(freshTracker(name));
+      hwStatus->ftStatusIs(freshStatus(name));
     }
     for (const auto& [tracker, name] :
          {std::pair("ft1", "e1"), std::pair("ft1", "e2"), std::pair("ft2", "e1")}) {
       exporters_.push_back({tracker, name, nullptr, {}});
     }
     for (auto& e : exporters_) exporterIs(e);
-    infoSm_ =
-        flowTrackingInfoSmFactory(sim_->schedulerRoot(), hwConfig_, info_, init_->agentInfo());
-    templateSm_ = templateSmFactory(configReqFactory(), hwConfig_, hwStatus_, info_,
-                                    init_->elementIdCollection(), stats_, sim_->scheduler());
-    manager_ = optionsDataManagerSmFactory(hwConfig_, hwStatus_, info_, intfs_, vrfs_, stats_,
-                                           sim_->scheduler());
-    ears_.hear<OnStats>(stats_, 300);
-    ears_.hear<OnUpdate>(manager_->dataAll()->globalUpdate(), 100);
+    makeInfoSm();
+    makeTemplateSm();
+    makeManager();
+    ears_.hear<OnStats>(stats, 300);
+    ears_.hear<OnUpdate>(manager->dataAll()->globalUpdate(), 100);
   }
   ~World() {
     meddles_ = false;
     ears_.clear();
-    manager_ = nullptr;
-    templateSm_ = nullptr;
-    infoSm_ = nullptr;
-    EXPECT_EQ(sim_->openEndpoints(), 0u);
-    EXPECT_EQ(stats_->size(), 0u);
-    info_ = nullptr;
-    Platform::install(nullptr);
+    manager = nullptr;
+    templateSm = nullptr;
+    EXPECT_EQ(stats->size(), 0u);
   }
 
   void step() {
@@ -86,20 +76,20 @@ class World {
     // clang-format on
     (this->*events[pick(std::size(events))])();
     receive();
-    ears_.hearAll(*info_);
+    ears_.hearAll(*info);
   }
 
   /// Lets everything settle, then compares each picture after one full transmission.
   void fullTransmission() {
-    sim_->openErrorIs(0);
-    sim_->namespaceIs("ns-red", true);
+    sim->openErrorIs(0);
+    sim->namespaceIs("ns-red", true);
     meddles_ = false;
     for (const std::string name : {"ft1", "ft2"}) {
-      if (!hwConfig_->ftConfig(name)) trackerIs(name);
-      if (!hwStatus_->ftStatus(name)) hwStatus_->ftStatusIs(freshStatus(name));
-      hwConfig_->ftConfig(name)->activeIntervalIs(static_cast<uint32_t>(activeSeconds * 1000));
+      if (!hwConfig->ftConfig(name)) trackerIs(name);
+      if (!hwStatus->ftStatus(name)) hwStatus->ftStatusIs(freshStatus(name));
+      hwConfig->ftConfig(name)->activeIntervalIs(static_cast<uint32_t>(activeSeconds * 1000));
     }
-    sim_->advance(Seconds(4));  // what is pending would tell of records that are gone
+    sim->advance(Seconds(4));  // what is pending would tell of records that are gone
     receive();
     quiet();
     for (auto& [to, picture] : receiver_.pictures()) picture.clear();
@@ -107,10 +97,10 @@ class World {
     // Meanwhile others join; that is no reason to leave those out.
     for (double rest = activeSeconds + 0.5; rest > 0; rest -= 0.05) {
       if (pick(static_cast<size_t>(activeSeconds * 5) + 2) == 0) collectorIs();
-      sim_->advance(Seconds(std::min(rest, 0.05)));
+      sim->advance(Seconds(std::min(rest, 0.05)));
     }
-    sim_->paceIs(0);  // nothing is on its way when the counters are read
-    sim_->advance(Seconds(0.002));
+    sim->paceIs(0);  // nothing is on its way when the counters are read
+    sim->advance(Seconds(0.002));
     receive();
     pace();
     meddles_ = true;
@@ -122,8 +112,7 @@ class World {
       const auto periods =
           static_cast<uint64_t>((activeSeconds + 0.502) * 1000) / e.config->templateInterval();
       for (const uint16_t set : {2, 3}) {
-        const uint64_t each =
-            set == 3 ? 4 : hwStatus_->ftStatus(e.tracker)->templateStatus().size();
+        const uint64_t each = set == 3 ? 4 : hwStatus->ftStatus(e.tracker)->templateStatus().size();
         const uint64_t n = (after.at(e.key(place)).at(set) - had->second.at(set)) / each;
         EXPECT_TRUE(n == periods || n == periods + 1) << e.key(place) << ' ' << set << ' ' << n;
       }
@@ -132,7 +121,7 @@ class World {
 
  private:
   bool attached(const ExporterModel& e) const {
-    const auto tracker = hwConfig_->ftConfig(e.tracker);
+    const auto tracker = hwConfig->ftConfig(e.tracker);
     return tracker && tracker->expConfig(e.name) == e.config;
   }
   /// Each collector that is sent to.
@@ -164,7 +153,7 @@ class World {
       ASSERT_EQ(e.config->rxPort4() != 0, four);
       ASSERT_EQ(e.config->rxPort6() != 0, six);
     }
-    ASSERT_EQ(sim_->openEndpoints(), endpoints);
+    ASSERT_EQ(sim->openEndpoints(), endpoints);
     each([&](ExporterModel& e, const Place& place) {
       auto& picture = receiver_.pictures()[e.key(place)];
       for (const auto& [table, rows] : truth(e.tracker))
@@ -175,7 +164,7 @@ class World {
   ExporterModel& anExporter() { return exporters_[pick(exporters_.size())]; }
 
   void receive() {
-    for (const auto& d : sim_->takeSent()) {
+    for (const auto& d : sim->takeSent()) {
       const Seen seen{d};
       for (auto& e : exporters_) {
         if (d.endpoint.substr(8) != e.tracker + "-" + e.name) continue;
@@ -192,20 +181,20 @@ class World {
 
   Picture truth(const std::string& trackerName) const {
     Picture p;
-    for (const auto& [id, index] : intfs_->intfIndex())
+    for (const auto& [id, index] : intfs->intfIndex())
       p[intfTable][netOctets(index, 4)] = id.stringValue();
     p[intfTable][netOctets(0x80000000, 4)] = "multicast";
     p[intfTable][netOctets(0x40000000, 4)] = "discard";
     p[intfTable][netOctets(0x3fffffff, 4)] = "CPU";
     p[intfTable][netOctets(0, 4)] = "unknown";
-    for (const auto& [id, name] : vrfs_->vrf()) p[vrfTable][netOctets(id, 4)] = name.stringValue();
+    for (const auto& [id, name] : vrfs->vrf()) p[vrfTable][netOctets(id, 4)] = name.stringValue();
     p[vrfTable][netOctets(0xffffff, 4)] = "";
-    const auto status = hwStatus_->ftStatus(trackerName);
-    p[trackerTable][netOctets(hwConfig_->ftConfig(trackerName)->ftId(), 4)] =
+    const auto status = hwStatus->ftStatus(trackerName);
+    p[trackerTable][netOctets(hwConfig->ftConfig(trackerName)->ftId(), 4)] =
         trackerName + netOctets(static_cast<uint64_t>(status->activeInterval().count()), 2) +
         netOctets(static_cast<uint64_t>(status->inactiveTimeout().count()), 2) + netOctets(3, 2) +
         netOctets(1, 4) +
-        netOctets(status->sampleRate() ? status->sampleRate() : hwStatus_->sampleRate(), 4) +
+        netOctets(status->sampleRate() ? status->sampleRate() : hwStatus->sampleRate(), 4) +
         netOctets(1, 2);
     for (const auto& [id, t] : status->templateStatus()) {
       uint64_t indicator = 0;
@@ -221,7 +210,7 @@ class World {
     Picture found = receiver_.pictures()[to];
     std::erase_if(found, [](const auto& table) { return table.second.empty(); });
     ASSERT_EQ(found, truth(e.tracker)) << to;
-    const auto entry = stats_->stats({e.tracker, e.name, place});
+    const auto entry = stats->stats({e.tracker, e.name, place});
     ASSERT_TRUE(entry) << to;
     const auto& count = receiver_.counts()[to];
     EXPECT_EQ(entry->exportedMessageTotalCount(), count.messages) << to;
@@ -236,31 +225,31 @@ class World {
 
   // --- What may happen ---
 
-  void pace() { sim_->paceIs(pick(4), 255); }  // each datagram fills the endpoint
-  void now() { sim_->runDue(); }
-  void soon() { sim_->advance(Seconds(0.001 * static_cast<double>(pick(10)))); }
+  void pace() { sim->paceIs(pick(4), 255); }  // each datagram fills the endpoint
+  void now() { sim->runDue(); }
+  void soon() { sim->advance(Seconds(0.001 * static_cast<double>(pick(10)))); }
   void coalescing() {
     const auto& e = anExporter();
-    const auto tracker = manager_->ftManagerSm(e.tracker);
+    const auto tracker = manager->ftManagerSm(e.tracker);
     if (const auto sm = tracker ? tracker->exporterSm(e.name) : nullptr)
       sm->updateDataCoalesceTimeIs(0.005 * static_cast<double>(pick(3)));
   }
-  void later() { sim_->advance(Seconds(0.3 * static_cast<double>(pick(8)))); }
+  void later() { sim->advance(Seconds(0.3 * static_cast<double>(pick(8)))); }
   std::string freshName() { return "if" + std::string(pick(12), 'x') + std::to_string(++last_); }
   uint32_t freshIndex() { return ++last_; }
   std::vector<IntfId> intfIds() const {
     std::vector<IntfId> ids;
-    for (const auto& [id, index] : intfs_->intfIndex()) ids.push_back(id);
+    for (const auto& [id, index] : intfs->intfIndex()) ids.push_back(id);
     return ids;
   }
   void put(const IntfId& id, uint32_t index) {
-    intfs_->intfIdIs(index, id);
-    intfs_->intfIndexIs(id, index);
+    intfs->intfIdIs(index, id);
+    intfs->intfIndexIs(id, index);
   }
   void take(const IntfId& id) {
-    if (!intfs_->intfIndex().contains(id)) return;
-    intfs_->intfIdDel(intfs_->intfIndex().at(id));
-    intfs_->intfIndexDel(id);
+    if (!intfs->intfIndex().contains(id)) return;
+    intfs->intfIdDel(intfs->intfIndex().at(id));
+    intfs->intfIndexDel(id);
   }
   void intfIs() {
     for (size_t n = pick(20) == 0 ? 500 : 1 + pick(40); n > 0; --n)
@@ -272,20 +261,20 @@ class World {
   }
   void intfRename() {
     for (const auto& id : intfIds()) {
-      if (pick(4) != 0 || !intfs_->intfIndex().contains(id)) continue;
-      const uint32_t index = intfs_->intfIndex().at(id);
+      if (pick(4) != 0 || !intfs->intfIndex().contains(id)) continue;
+      const uint32_t index = intfs->intfIndex().at(id);
       take(id);
       put(IntfId(freshName()), index);
     }
   }
   void intfReindex() {
     for (const auto& id : intfIds())
-      if (pick(4) == 0 && intfs_->intfIndex().contains(id)) put(id, freshIndex());
+      if (pick(4) == 0 && intfs->intfIndex().contains(id)) put(id, freshIndex());
   }
   void vrfIs() {
-    vrfs_->vrfIs(static_cast<VrfId>(pick(10)), VrfName("v" + std::to_string(pick(100))));
+    vrfs->vrfIs(static_cast<VrfId>(pick(10)), VrfName("v" + std::to_string(pick(100))));
   }
-  void vrfDel() { vrfs_->vrfDel(static_cast<VrfId>(pick(10))); }
+  void vrfDel() { vrfs->vrfDel(static_cast<VrfId>(pick(10))); }
   void mtuIs() {
     auto& e = anExporter();
     e.config->ipfixMtuIs(static_cast<uint32_t>(327 + pick(1200)));
@@ -343,7 +332,7 @@ class World {
   }
   void exporterIs(ExporterModel& e) {
     if (e.config && attached(e)) exporterDel(e);
-    const auto tracker = hwConfig_->ftConfig(e.tracker);
+    const auto tracker = hwConfig->ftConfig(e.tracker);
     if (!tracker) return;
     e.config = HwFlowTracking::exporterConfigFactory(e.name);
     e.config->srcIpAddrIs(source4);
@@ -355,7 +344,7 @@ class World {
     if (!first) ears_.hear<OnConfig>(e.config, 10);
   }
   void exporterDel(ExporterModel& e) {
-    if (const auto tracker = hwConfig_->ftConfig(e.tracker)) tracker->expConfigDel(e.name);
+    if (const auto tracker = hwConfig->ftConfig(e.tracker)) tracker->expConfigDel(e.name);
     forget(e);
     e.collectors.clear();
   }
@@ -378,27 +367,27 @@ class World {
     return status;
   }
   void trackerIs(const std::string& name) {
-    hwConfig_->ftConfigIs(freshTracker(name));
+    hwConfig->ftConfigIs(freshTracker(name));
     for (auto& e : exporters_)
       if (e.tracker == name) exporterIs(e);
   }
   /// The configuration or the status goes, and comes back: another one, the same, or later.
   void trackerChange() {
     const std::string name = pick(2) == 0 ? "ft1" : "ft2";
-    const auto config = hwConfig_->ftConfig(name);
+    const auto config = hwConfig->ftConfig(name);
     const size_t what = pick(4);
     if (what == 3 && config) {  // the sessions go on, the counters do not
       const bool meddles = std::exchange(meddles_, false);  // nobody adds one meanwhile
       for (auto& e : exporters_)
         while (e.tracker == name && !e.collectors.empty()) collectorDel(e);
       meddles_ = meddles;
-      hwStatus_->ftStatusDel(name);
-      if (pick(2) == 0) hwStatus_->ftStatusIs(freshStatus(name));
+      hwStatus->ftStatusDel(name);
+      if (pick(2) == 0) hwStatus->ftStatusIs(freshStatus(name));
       return;
     }
     // Nobody answers with other sessions before the model has forgotten those that it will keep.
     const bool meddles = std::exchange(meddles_, meddles_ && what != 2);
-    hwConfig_->ftConfigDel(name);
+    hwConfig->ftConfigDel(name);
     for (auto& e : exporters_) {
       if (e.tracker != name) continue;
       forget(e);
@@ -406,10 +395,10 @@ class World {
     }
     meddles_ = meddles;
     if (what == 1) trackerIs(name);
-    if (what == 2 && config) hwConfig_->ftConfigIs(config);
+    if (what == 2 && config) hwConfig->ftConfigIs(config);
   }
   void intervalChange() {
-    if (const auto tracker = hwConfig_->ftConfig(pick(2) == 0 ? "ft1" : "ft2"))
+    if (const auto tracker = hwConfig->ftConfig(pick(2) == 0 ? "ft1" : "ft2"))
       tracker->activeIntervalIs(static_cast<uint32_t>(400 + pick(100000)));
   }
 
@@ -421,10 +410,10 @@ class World {
     exporterIs(e);
   }
   void vrfChange() {
-    if (pick(2) == 0) sim_->namespaceIs("ns-red", pick(2) == 0);
+    if (pick(2) == 0) sim->namespaceIs("ns-red", pick(2) == 0);
     anExporter().config->vrfNameIs(VrfName(pick(2) == 0 ? "default" : "red"));
   }
-  void refusal() { sim_->openErrorIs(pick(2) == 0 ? 0 : EMFILE); }
+  void refusal() { sim->openErrorIs(pick(2) == 0 ? 0 : EMFILE); }
   void meddle(size_t often) {
     if (!meddles_ || pick(often) != 0) return;
     meddles_ = false;
@@ -463,7 +452,7 @@ class World {
     if (fresh) status.templateStatusIs(t);
   }
   void templateChange() {
-    const auto found = hwStatus_->ftStatus(pick(2) == 0 ? "ft1" : "ft2");
+    const auto found = hwStatus->ftStatus(pick(2) == 0 ? "ft1" : "ft2");
     if (!found) return;
     auto& status = *found;
     const auto id = static_cast<TemplateId>(256 + pick(3));
@@ -474,32 +463,19 @@ class World {
     }
   }
   void paramChange() {
-    const auto found = hwStatus_->ftStatus(pick(2) == 0 ? "ft1" : "ft2");
+    const auto found = hwStatus->ftStatus(pick(2) == 0 ? "ft1" : "ft2");
     if (!found) return;
     auto& status = *found;
     const size_t what = pick(4);
     if (what == 0) status.activeIntervalIs(Seconds(static_cast<double>(1 + pick(1000))));
     if (what == 1) status.inactiveTimeoutIs(Seconds(static_cast<double>(1 + pick(1000))));
     if (what == 2) status.sampleRateIs(static_cast<uint32_t>(pick(3)));
-    if (what == 3) hwStatus_->sampleRateIs(static_cast<uint32_t>(1 + pick(5)));
+    if (what == 3) hwStatus->sampleRateIs(static_cast<uint32_t>(1 + pick(5)));
   }
 
   std::mt19937 rnd_;
   const double activeSeconds;
-  std::unique_ptr<SimPlatform> sim_ = simPlatform();
-  Ptr<::Ipfix::IpfixInitSm> init_;
-  Ptr<HwFlowTracking::Config> hwConfig_ = HwFlowTracking::configFactory();
-  Ptr<HwFlowTracking::Status> hwStatus_ = HwFlowTracking::statusFactory();
-  Ptr<FlowTrackingInfo> info_ = flowTrackingInfoFactory(FlowTrackingType::software);
-  Ptr<Tarn::Ipfix::CollectorStatistics> stats_ = Tarn::Ipfix::collectorStatisticsFactory(
-      simTableFactory(Tarn::Ipfix::CollectorStatistics::keyLen,
-                      Tarn::Ipfix::CollectorStatistics::valueLen, 10000));
-  Ptr<IntfIndexMap> intfs_ = intfIndexMapFactory();
-  Ptr<Vrf::VrfIdMap::Status> vrfs_ = Vrf::VrfIdMap::statusFactory();
   std::vector<ExporterModel> exporters_;
-  Ptr<FlowTrackingInfoSm> infoSm_;
-  Ptr<TemplateSm> templateSm_;
-  Ptr<OptionsDataManagerSm> manager_;
   Receiver receiver_;
   uint32_t last_ = 0;
   bool meddles_ = true;

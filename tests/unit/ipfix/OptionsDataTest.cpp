@@ -9,18 +9,12 @@ namespace {
 
 // --- The whole, on simulated time ---
 
-class OptionsDataTest : public TreeTest {
- protected:
-  OptionsDataTest() {
+class OptionsData : public Tree {
+ public:
+  OptionsData() {
     tracker->activeIntervalIs(60000);
     ftStatus->activeIntervalIs(Seconds(60));
     ftStatus->inactiveTimeoutIs(Seconds(15));
-  }
-  ~OptionsDataTest() override { manager = nullptr; }
-
-  void makeManager() {
-    manager =
-        optionsDataManagerSmFactory(hwConfig, hwStatus, info, intfs, vrfs, stats, sim->scheduler());
   }
   void makeTree() {
     makeReadyTree();
@@ -40,7 +34,7 @@ class OptionsDataTest : public TreeTest {
     for (auto& [to, count] : receiver.counts()) count = none;
     for (const auto& s : seen()) {
       receiver.take(s);
-      if (HasFatalFailure()) break;
+      if (testing::Test::HasFatalFailure()) break;
     }
     std::map<std::string, std::map<uint16_t, uint64_t>> out;
     for (const auto& [to, count] : receiver.counts())
@@ -50,11 +44,9 @@ class OptionsDataTest : public TreeTest {
     return out;
   }
 
-  Ptr<IntfIndexMap> intfs = intfIndexMapFactory();
-  Ptr<Vrf::VrfIdMap::Status> vrfs = Vrf::VrfIdMap::statusFactory();
-  Ptr<OptionsDataManagerSm> manager;
   Receiver receiver;
 };
+class OptionsDataTest : public testing::Test, public OptionsData {};
 using Arrived = std::map<std::string, std::map<uint16_t, uint64_t>>;
 
 TEST_F(OptionsDataTest, ChangesLeaveWithinTheCoalescingDelayOrWhenAMessageIsFull) {
@@ -105,21 +97,6 @@ TEST_F(OptionsDataTest, NothingPutsOffThePeriod) {
     sim->advance(Seconds(17));
   }
   EXPECT_EQ(arrived()["10.0.0.1:4739"][intfTable], 4u) << "intervals that are set again";
-}
-
-TEST_F(OptionsDataTest, ACollectorIsOfTheFamilyItIsConfiguredIn) {
-  exporter->collectorIpAndPortIs("no port", dst4(9, 0));
-  makeTree();
-  EXPECT_EQ(statsOf(dst4(9, 0))->exportedFlowRecordTotalCount(), 7u);
-  EXPECT_FALSE(statsOf(Ip6AndPort()));
-  exporter->srcIp6AddrIs({});
-  exporter->collectorIp6AndPortIs("moves", dst6(3));
-  sim->runDue();
-  arrived();
-  exporter->collectorIpAndPortIs("moves", dst4(3));  // gets its templates, so it is in both
-  exporter->collectorIp6AndPortDel("moves");
-  sim->runDue();
-  EXPECT_GT(arrived()["10.0.0.3:4739"][intfTable], 0u);
 }
 
 TEST_F(OptionsDataTest, UnderARateLimitLittleWaitsInTheEndpoint) {
@@ -200,8 +177,7 @@ TEST_F(OptionsDataTest, ALongFlushYieldsAndGoesOn) {
 }
 
 /// A tree whose parts come in any order, with what is due in between run or not.
-struct Order final : OptionsDataTest {
-  void TestBody() override {}
+struct Order final : OptionsData {
   static constexpr int parts = 7;
   void add(int part) {
     if (part == 0) makeInfoSm();

@@ -19,8 +19,6 @@ class TablesTest : public TreeTest {
                                      ftStatus, FlowTrackingType::software, sim->scheduler());
   }
   Ptr<OptionsDataUpdate> slot = optionsDataUpdateFactory(OptionsDataScope::scopeTracker);
-  Ptr<IntfIndexMap> intfs = intfIndexMapFactory();
-  Ptr<Vrf::VrfIdMap::Status> vrfs = Vrf::VrfIdMap::statusFactory();
 };
 
 // What a record looks like in general is for the random worlds; here what is at the edges.
@@ -138,8 +136,7 @@ TEST_F(TablesTest, EverythingIsListedByNameWholeAndInParts) {
   for (uint32_t i = 1; i <= 5; ++i) intfs->intfIndexIs(IntfId("e" + std::to_string(i)), i);
   vrfs->vrfIs(1, VrfName("red"));
   makeReadyTree();
-  const auto manager =
-      optionsDataManagerSmFactory(hwConfig, hwStatus, info, intfs, vrfs, stats, sim->scheduler());
+  makeManager();
   sim->runDue();
   std::set<const Entity*> seen;
   size_t values = 0, members = 0;

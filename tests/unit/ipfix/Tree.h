@@ -8,6 +8,7 @@
 
 #include "Ipfix/FlowTrackerTemplateSm.h"
 #include "Ipfix/IpfixSm.h"
+#include "Ipfix/OptionsDataManagerSm.h"
 #include "platform/sim/SimPlatform.h"
 
 /// An agent in a test: the entities a host would publish, and the library's root reactors over
@@ -51,25 +52,17 @@ struct Seen {
   }
 };
 
-class TreeTest : public testing::Test {
- protected:
-  TreeTest() {
+/// The agent's whole tree; a test makes of it what it needs.
+class Tree {
+ public:
+  Tree() {
     Platform::install(sim.get());
     sim->wallClockIs(1700000000.5);
     init = ::Ipfix::ipfixInitSmFactory();
-    hwConfig = HwFlowTracking::configFactory();
-    hwStatus = HwFlowTracking::statusFactory();
-    req = configReqFactory();
-    info = flowTrackingInfoFactory(FlowTrackingType::software);
-    stats = Tarn::Ipfix::collectorStatisticsFactory(
-        simTableFactory(Tarn::Ipfix::CollectorStatistics::keyLen,
-                        Tarn::Ipfix::CollectorStatistics::valueLen, 1000));
-    tracker = HwFlowTracking::ftConfigFactory("ft1", 7);
-    exporter = HwFlowTracking::exporterConfigFactory("exp1");
     exporter->templateIntervalIs(30000);
-    ftStatus = HwFlowTracking::ftStatusFactory("ft1");
   }
-  ~TreeTest() override {
+  ~Tree() {
+    manager = nullptr;
     templateSm = nullptr;
     infoSm = nullptr;
     EXPECT_EQ(sim->openEndpoints(), 0u) << "an endpoint outlived its exporter";
@@ -79,6 +72,10 @@ class TreeTest : public testing::Test {
 
   void makeInfoSm() {
     infoSm = flowTrackingInfoSmFactory(sim->schedulerRoot(), hwConfig, info, init->agentInfo());
+  }
+  void makeManager() {
+    manager =
+        optionsDataManagerSmFactory(hwConfig, hwStatus, info, intfs, vrfs, stats, sim->scheduler());
   }
   void makeTemplateSm() {
     templateSm = templateSmFactory(req, hwConfig, hwStatus, info, init->elementIdCollection(),
@@ -123,15 +120,8 @@ class TreeTest : public testing::Test {
     for (const auto& s : seen()) ++out[s.to()][s.setId()];
     return out;
   }
-  std::optional<Tarn::Ipfix::CollectorStatisticsEntry> statsOf(
-      const Tarn::Ipfix::CollectorInfo& collector) {
-    return stats->stats(Tarn::Ipfix::CollectorStatisticsKey("ft1", "exp1", collector));
-  }
   std::optional<Tarn::Ipfix::CollectorStatisticsEntry> statsOf(const IpAndPort& d) {
-    return statsOf(Tarn::Ipfix::CollectorInfo::fromIpAndPort(d));
-  }
-  std::optional<Tarn::Ipfix::CollectorStatisticsEntry> statsOf(const Ip6AndPort& d) {
-    return statsOf(Tarn::Ipfix::CollectorInfo::fromIp6AndPort(d));
+    return stats->stats({"ft1", "exp1", Tarn::Ipfix::CollectorInfo::fromIpAndPort(d)});
   }
   Ptr<ExporterInfo> expInfo() const { return info->ftInfo("ft1")->expInfo("exp1"); }
   Ptr<FtExporterSm> ftExporter() const {
@@ -140,16 +130,22 @@ class TreeTest : public testing::Test {
 
   std::unique_ptr<SimPlatform> sim = simPlatform();
   Ptr<::Ipfix::IpfixInitSm> init;
-  Ptr<HwFlowTracking::Config> hwConfig;
-  Ptr<HwFlowTracking::Status> hwStatus;
-  Ptr<ConfigReq> req;
-  Ptr<FlowTrackingInfo> info;
-  Ptr<Tarn::Ipfix::CollectorStatistics> stats;
-  Ptr<HwFlowTracking::FtConfig> tracker;
-  Ptr<HwFlowTracking::ExporterConfig> exporter;
-  Ptr<HwFlowTracking::FtStatus> ftStatus;
+  Ptr<HwFlowTracking::Config> hwConfig = HwFlowTracking::configFactory();
+  Ptr<HwFlowTracking::Status> hwStatus = HwFlowTracking::statusFactory();
+  Ptr<ConfigReq> req = configReqFactory();
+  Ptr<FlowTrackingInfo> info = flowTrackingInfoFactory(FlowTrackingType::software);
+  Ptr<Tarn::Ipfix::CollectorStatistics> stats = Tarn::Ipfix::collectorStatisticsFactory(
+      simTableFactory(Tarn::Ipfix::CollectorStatistics::keyLen,
+                      Tarn::Ipfix::CollectorStatistics::valueLen, 10000));
+  Ptr<IntfIndexMap> intfs = intfIndexMapFactory();
+  Ptr<Vrf::VrfIdMap::Status> vrfs = Vrf::VrfIdMap::statusFactory();
+  Ptr<HwFlowTracking::FtConfig> tracker = HwFlowTracking::ftConfigFactory("ft1", 7);
+  Ptr<HwFlowTracking::ExporterConfig> exporter = HwFlowTracking::exporterConfigFactory("exp1");
+  Ptr<HwFlowTracking::FtStatus> ftStatus = HwFlowTracking::ftStatusFactory("ft1");
   Ptr<FlowTrackingInfoSm> infoSm;
   Ptr<TemplateSm> templateSm;
+  Ptr<OptionsDataManagerSm> manager;
 };
+class TreeTest : public testing::Test, public Tree {};
 
 }  // namespace FlowTracking
