@@ -1,4 +1,4 @@
-/// Many interfaces, real sockets on loopback with the system's buffers, one process per collector:
+/// Many interfaces, real sockets on loopback with the system's buffers, one thread per collector:
 /// each must receive every record of a full transmission exactly once.
 ///
 ///   scale_tables INTERFACES COLLECTORS [TIMES]
@@ -6,15 +6,12 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
-#include <utility>
+#include <thread>
 #include <vector>
 
 #include "Ipfix/FlowTrackerTemplateSm.h"
@@ -30,15 +27,13 @@ using namespace FlowTracking;
 namespace {
 
 constexpr uint16_t intfTable = 65281;
-unsigned rounds = 2;  // the tables at the start, and periodic transmissions
-constexpr int patienceMs = 20000;
+constexpr int patienceMs = 60000;
+std::atomic<size_t> roundsHeard{0};  // of all collectors
 
 [[noreturn]] void fail(const std::string& what) {
   std::fprintf(stderr, "scale_tables: %s\n", what.c_str());
-  std::exit(1);
+  std::_Exit(1);
 }
-
-// --- A collector ---
 
 int boundSocket(uint16_t& port) {
   const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -46,18 +41,17 @@ int boundSocket(uint16_t& port) {
   a.sin_family = AF_INET;
   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t len = sizeof a;
-  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&a), len) != 0 ||
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0)
-    fail("a collector's socket: " + std::string(std::strerror(errno)));
+  auto* const sa = reinterpret_cast<sockaddr*>(&a);
+  if (::bind(fd, sa, len) != 0 || ::getsockname(fd, sa, &len) != 0) fail("a collector's socket");
   port = ntohs(a.sin_port);
   return fd;
 }
 
-/// Counts what arrives; says so on `out` after each round, exits 0 when all came exactly once.
-[[noreturn]] void collect(int fd, int out, uint32_t interfaces) {
+/// A collector: returns when all came exactly once in each round.
+void collect(int fd, uint32_t interfaces, unsigned rounds) {
   decoder::Decoder decoder([](uint32_t, uint16_t) { return nullptr; });
   std::vector<uint8_t> times(interfaces + 1);
-  uint64_t expected = interfaces + 4;
+  const uint64_t expected = interfaces + 4;  // those that every host has: unknown, CPU and others
   uint64_t records = 0;
   std::vector<uint8_t> buf(65536);
   const auto bad = [&](const std::string& what) {
@@ -69,47 +63,23 @@ int boundSocket(uint16_t& port) {
     const ssize_t n = ::recv(fd, buf.data(), buf.size(), 0);
     if (n <= 0) bad("receiving failed");
     const auto m = decoder.decode("exporter", {buf.data(), static_cast<size_t>(n)});
-    if (m.error) bad(m.error->stringValue());
-    if (!m.countable()) bad("records without their template");
+    if (!m.countable()) bad(m.error ? m.error->stringValue() : "records without their template");
     if (m.sequence.error()) bad(m.sequence.stringValue(m.header->sequence));
     for (const auto& set : m.sets) {
       if (set.id != intfTable) continue;
       for (size_t i = 0; i < set.recordCount(); ++i, ++records) {
         uint32_t index = 0;
         for (const uint8_t o : set.record(i)[0].octets) index = index << 8 | o;
-        if (index == 0 || index > interfaces) continue;  // the reserved ones
+        if (index == 0 || index > interfaces) continue;
         if (++times[index] > round) bad("interface " + std::to_string(index) + " came again");
       }
     }
     if (records < expected * round) continue;
     for (uint32_t i = 1; i <= interfaces; ++i)
       if (times[i] != round) bad("interface " + std::to_string(i) + " did not come");
-    if (::write(out, ".", 1) != 1) bad("nobody listens");
+    ++roundsHeard;
     ++round;
   }
-  ::_exit(0);
-}
-
-// --- The agent ---
-
-class Lines final : public TraceSink, public LogSink {
- public:
-  bool enabled(int level) const override { return level <= TraceLevel::error; }
-  void line(int, std::string_view text) override {
-    std::fprintf(stderr, "%.*s\n", static_cast<int>(text.size()), text.data());
-  }
-  void log(const LogMessage&, std::span<const std::string>) override {}
-};
-
-double seconds() {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
-/// Says how long something took since the last time.
-void lap(const char* what) {
-  static double last = 0;
-  const double before = std::exchange(last, seconds());
-  if (before > 0) std::printf("%-58s %8.3f s\n", what, last - before);
 }
 
 /// What a record of 17 octets costs with all that holds it in its source: at most 96 octets of
@@ -129,13 +99,12 @@ void recordCost(uint32_t n) {
   if (each < 17) fail("the heap's count is not to be believed");
 }
 
-void exportTables(uint32_t interfaces, const std::vector<uint16_t>& ports, int done) {
-  Lines lines;
+void exportTables(uint32_t interfaces, const std::vector<uint16_t>& ports, unsigned rounds) {
   const auto loop = eventLoopFactory();
-  const auto host = linuxPlatform(loop, lines, lines);
+  const auto silent = simPlatform();
+  const auto host = linuxPlatform(loop, silent->trace(), silent->log());
   Platform::install(host.get());
   {
-    lap("");
     const auto intfs = intfIndexMapFactory();
     for (uint32_t i = 1; i <= interfaces; ++i) {
       const IntfId id("Ethernet" + std::to_string(i));
@@ -157,45 +126,21 @@ void exportTables(uint32_t interfaces, const std::vector<uint16_t>& ports, int d
     using Tarn::Ipfix::CollectorStatistics;
     const auto stats = Tarn::Ipfix::collectorStatisticsFactory(
         simTableFactory(CollectorStatistics::keyLen, CollectorStatistics::valueLen, 64));
-    auto infoSm = flowTrackingInfoSmFactory(loop, config, info, init->agentInfo());
-    auto templateSm = templateSmFactory(configReqFactory(), config, status, info,
-                                        init->elementIdCollection(), stats, loop->taskScheduler());
-    auto manager = optionsDataManagerSmFactory(
+    const auto infoSm = flowTrackingInfoSmFactory(loop, config, info, init->agentInfo());
+    const auto templateSm =
+        templateSmFactory(configReqFactory(), config, status, info, init->elementIdCollection(),
+                          stats, loop->taskScheduler());
+    const auto manager = optionsDataManagerSmFactory(
         config, status, info, intfs, Vrf::VrfIdMap::statusFactory(), stats, loop->taskScheduler());
-    lap("start: reactors, and a record per interface");
-
-    size_t heard = 0;
-    const auto whenDone = loop->fdWatch(done, 1 /* EPOLLIN */, [&](uint32_t) {
-      char buf[64];
-      const ssize_t n = ::read(done, buf, sizeof buf);
-      if (n <= 0) fail("every collector is gone");
-      heard += static_cast<size_t>(n);
-    });
-    const auto wait = [&](size_t count, const char* what) {
-      const double until = seconds() + patienceMs / 1000.0 + 60;
-      while (heard < count && seconds() < until) {
-        loop->runOnce(Seconds(0.1));
-        int st = 0;
-        if (::waitpid(-1, &st, WNOHANG) > 0 && (!WIFEXITED(st) || WEXITSTATUS(st) != 0))
-          fail("a collector failed");
-      }
-      if (heard < count) fail(std::string(what) + ": not every collector had it all in time");
-      lap(what);
-    };
-    wait(ports.size(), "the full tables at every collector");
-
-    for (unsigned round = 2; round <= rounds; ++round) {
+    for (unsigned round = 1;; ++round) {  // a collector that misses something ends all this
+      while (roundsHeard < round * ports.size()) loop->runOnce(Seconds(0.1));
+      if (round == rounds) break;
       tracker->activeIntervalIs(1);  // counts from the end of the last transmission
       loop->runOnce(Seconds(0.1));
       tracker->activeIntervalIs(3600000);
-      wait(round * ports.size(), "one periodic transmission at every collector");
     }
-
-    const auto& pam = info->ftInfo("ft")->expInfo("exp")->udpPam4()->counters();
-    if (pam.dropped > 0) fail("a datagram was lost on our side");
-    manager = nullptr;
-    templateSm = nullptr;
-    infoSm = nullptr;
+    if (info->ftInfo("ft")->expInfo("exp")->udpPam4()->counters().dropped > 0)
+      fail("a datagram was lost on our side");
   }
   Platform::install(nullptr);
 }
@@ -205,32 +150,18 @@ void exportTables(uint32_t interfaces, const std::vector<uint16_t>& ports, int d
 int main(int argc, char** argv) {
   const uint32_t interfaces = argc > 1 ? static_cast<uint32_t>(std::atol(argv[1])) : 100000;
   const int collectors = argc > 2 ? std::atoi(argv[2]) : 8;
-  if (argc > 3) rounds = static_cast<unsigned>(std::atoi(argv[3]));
+  // The tables at the start, and periodic transmissions.
+  const auto rounds = argc > 3 ? static_cast<unsigned>(std::atoi(argv[3])) : 2;
   if (interfaces == 0 || collectors <= 0 || rounds < 1 || rounds > 255)
     fail("usage: scale_tables INTERFACES COLLECTORS [TIMES, 1 to 255]");
-  int done[2];
-  if (::pipe(done) != 0) fail("pipe");
+  recordCost(interfaces);
   std::vector<uint16_t> ports;
-  std::vector<pid_t> children;
+  std::vector<std::jthread> threads;
   for (int i = 0; i < collectors; ++i) {
     const int fd = boundSocket(ports.emplace_back());
-    const pid_t pid = ::fork();
-    if (pid < 0) fail("fork");
-    if (pid == 0) {
-      ::close(done[0]);
-      collect(fd, done[1], interfaces);
-    }
-    ::close(fd);
-    children.push_back(pid);
+    threads.emplace_back(collect, fd, interfaces, rounds);
   }
-  ::close(done[1]);
-  recordCost(interfaces);
-  exportTables(interfaces, ports, done[0]);
-  for (const pid_t pid : children) {
-    int st = 0;
-    if (::waitpid(pid, &st, 0) == pid && (!WIFEXITED(st) || WEXITSTATUS(st) != 0))
-      fail("a collector failed");
-  }
+  exportTables(interfaces, ports, rounds);
   std::printf("%u interfaces, %d collectors: every record exactly once, %u times over\n",
               interfaces, collectors, rounds);
   return 0;

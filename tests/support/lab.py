@@ -138,6 +138,24 @@ class Lab:
             nodad = ["nodad"] if ":" in prefix and verb == "add" else []
             run("ip", "address", verb, prefix, "dev", device, *nodad, ns=ns)
 
+    def far(self, ns=None):
+        """A cable from up0 (in `ns`) to dn0 in the namespace tt-far, whose name this returns. up0 has
+        10.99.0.1 and fd99::1, dn0 has the next four addresses of both families."""
+        far = self.namespace("tt-far")
+        self.veth("up0", "dn0", far, ns=ns)
+        self.address("up0", "10.99.0.1/24", "fd99::1/64", ns=ns)
+        for n in range(2, 6):
+            self.address("dn0", f"10.99.0.{n}/24", f"fd99::{n}/64", ns=far)
+        return far
+
+    def source(self, end="in0", peer="src0", ns=None):
+        """A cable for traffic from the namespace tt-src, with nothing else on it."""
+        if "tt-src" not in self.namespaces:
+            self.namespace("tt-src")
+        self.veth(end, peer, "tt-src", ns=ns)
+        for device, where in ((end, ns), (peer, "tt-src")):
+            run("sysctl", "-qw", f"net.ipv6.conf.{device}.disable_ipv6=1", ns=where)
+
     def close(self):
         for program in reversed(self.programs):
             if program.running():

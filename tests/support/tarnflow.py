@@ -30,20 +30,6 @@ OPTIONS_TEMPLATES = {
         (65283, (149, 300, 36, 37, 304, 309, 310), ((1001, 2, ENTERPRISE),)))}
 
 
-def record_len(fields, scope_count):
-    """Octets of a template record: its header and a specifier for each field (RFC 7011, 3.4)."""
-    return (6 if scope_count else 4) + sum(8 if f[2] else 4 for f in fields)
-
-
-def message_len(templates):
-    """Octets of the one message that holds these templates in one set."""
-    return 20 + sum(record_len(fields, scope) for scope, fields in templates.values())
-
-
-DATA_LEN = message_len(DATA_TEMPLATES)
-OPTIONS_LEN = message_len(OPTIONS_TEMPLATES)
-
-
 def toml(value):
     """A TOML value: JSON's scalars and lists are TOML too."""
     return json.dumps(value, ensure_ascii=False)
@@ -78,6 +64,12 @@ def config(trackers, vrfs=None, statistics=STATISTICS):
     for name, table in trackers.items():
         section(f"tracker.{toml(name)}", table)
     return "\n".join(lines) + "\n"
+
+
+def edge(to, interface="up0", tracker=None, vrfs=None, **keys):
+    """The text of a file with one tracker, edge of domain 7, and its one exporter to `to`."""
+    main = {"main": exporter(interface, collectors(**to), **keys)}
+    return config({"edge": {"id": 7, **(tracker or {}), "exporter": main}}, vrfs=vrfs)
 
 
 class Agent:

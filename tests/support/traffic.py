@@ -11,6 +11,8 @@ import struct
 import sys
 import time
 
+from lab import run
+
 FIN, SYN, RST, PSH, ACK = 1, 2, 4, 8, 16
 TCP, UDP, ICMP, ICMP6 = 6, 17, 1, 58
 
@@ -116,6 +118,11 @@ def truth(flows):
     for _, key, octets, flags in mixture(flows):
         sums[key].add(octets, flags)
     return dict(sums)
+
+
+def play(*argv, device="src0"):
+    """Sends from a device of the namespace tt-src: a number of flows, or "burst" and a number."""
+    run("/usr/bin/python3", __file__, device, *argv, ns="tt-src")
 
 
 def main():

@@ -34,6 +34,12 @@ def lab(request, tmp_path):
         made.close()
 
 
+@pytest.fixture
+def far(lab):
+    """The namespace at the far end of a cable."""
+    return lab.far()
+
+
 def pytest_sessionfinish(session, exitstatus):
     """A file whose tests were all skipped says so to ctest (77)."""
     reporter = session.config.pluginmanager.get_plugin("terminalreporter")

@@ -4,6 +4,7 @@ import os
 import pathlib
 import re
 import subprocess
+import textwrap
 
 import pytest
 
@@ -14,39 +15,26 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 MADE = pathlib.Path(BUILD) / "packaging"
 
 
-def readme(section):
-    """The blocks of commands of one section."""
-    text = (ROOT / "README.md").read_text().split(f"## {section}\n", 1)[1].split("\n## ", 1)[0]
-    return ["\n".join(line[4:] for line in block.splitlines())
-            for block in re.findall(r"(?:^    .*\n)+", text, re.M)]
-
-
 def test_readme_tour(tmp_path):
     """The tour as it stands there, in a shell like a reader's."""
-    tour = readme("From the source tree")[1]
+    section = (ROOT / "README.md").read_text().split("## From the source tree\n", 1)[1]
+    tour = textwrap.dedent(re.findall(r"(?:^    .*\n)+", section, re.M)[1])
     assert "tarnflowd --config" in tour
     (tmp_path / "build").symlink_to(BUILD)
     done = subprocess.run(["bash", "-m", "-e", "-c", tour + "\nwait"], cwd=tmp_path, text=True,
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=60)
-    said = done.stdout
-    assert done.returncode == 0, said
+    assert done.returncode == 0, done.stdout
     for what in ("options template 65281", "packetsSeen", "127.0.0.1:4739",
                  "reloaded my.toml", "FLOWTRACKING_EXPORTER_INACTIVE"):
-        assert what in said, (what, said)
-
-
-def help_of(program, *path):
-    """(options, subcommands) of a command, from its own help."""
-    said = run(program, *path, "--help")
-    subcommands = said.partition("\nSubcommands:\n")[2].partition("\n\n")[0]
-    return (re.findall(r"^  (?:-\w,)?(--[\w-]+)", said, re.M),
-            re.findall(r"^  ([\w-]+)", subcommands, re.M))
+        assert what in done.stdout, (what, done.stdout)
 
 
 def commands(program, *path):
-    """Every command of a program, with its options."""
-    options, subcommands = help_of(program, *path)
-    yield path, options
+    """(words, options, subcommands) of every command of a program, from its own help."""
+    said = run(program, *path, "--help")
+    subcommands = re.findall(r"^  ([\w-]+)", said.partition("\nSubcommands:\n")[2].partition(
+        "\n\n")[0], re.M)
+    yield path, re.findall(r"^  (?:-\w,)?(--[\w-]+)", said, re.M), subcommands
     for name in subcommands:
         yield from commands(program, *path, name)
 
@@ -60,7 +48,7 @@ def test_manual_pages_leave_nothing_out(monkeypatch):
     monkeypatch.setenv("MANWIDTH", "400")  # no word is broken
     pages = {p: manual(p) for p in ("tarnflow.1", "tarnflowd.8", "tarnflow.toml.5")}
     for page, program in (("tarnflow.1", TOOL), ("tarnflowd.8", AGENT)):
-        for path, options in commands(program):
+        for path, options, _ in commands(program):
             assert " ".join(("tarnflow", *path)) in pages[page], (page, path)
             for option in {*options} - {"--help", "--version"}:
                 assert re.search(rf"{option}\b", pages[page]), (page, path, option)
@@ -84,8 +72,7 @@ def complete(line, cwd):
 def test_completions(tmp_path):
     for program in (TOOL, AGENT):
         name = os.path.basename(program)
-        for path, options in commands(program):
-            _, subcommands = help_of(program, *path)
+        for path, options, subcommands in commands(program):
             line = " ".join((name, *path))
             offered = complete(line + " --", tmp_path)
             assert offered == set(options), line

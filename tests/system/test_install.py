@@ -10,7 +10,7 @@ import pytest
 
 from lab import BUILD, run
 from pathlib import Path
-from tarnflow import OPTIONS_TEMPLATES, collectors, config, exporter
+from tarnflow import OPTIONS_TEMPLATES, edge
 from wire import Capture, tshark
 
 ROOT = Path(__file__).resolve().parent.parent.parent
@@ -32,29 +32,13 @@ def prefix(tmp_path_factory):
     return Path(shutil.move(made, made.with_name("moved")))
 
 
-def lib(prefix, pattern):
-    found = [f for f in prefix.rglob(pattern) if "lib" in f.parts]
-    assert len(found) == 1, (pattern, found)
-    return found[0]
-
-
-def cable(lab):
-    """A capture at 10.96.0.2, which is reached from 10.96.0.1."""
-    far = lab.namespace("tt-far")
-    lab.veth("up0", "dn0", far)
-    lab.address("up0", "10.96.0.1/24")
-    lab.address("dn0", "10.96.0.2/24", ns=far)
-    return Capture(lab, "dn0", ns=far)
-
-
-def test_programs_run_from_there(lab, prefix):
+def test_programs_run_from_there(lab, far, prefix):
     libraries = run("ldd", prefix / "sbin" / "tarnflowd")
     assert re.search(rf"libtarnipfix\.so\.\d+ => {prefix}/", libraries), libraries
     assert run(prefix / "bin" / "tarnflow", "--version").strip()
-    capture = cable(lab)
+    capture = Capture(lab, "dn0", ns=far)
     file = lab.path("installed.toml")
-    file.write_text(config({"edge": {"id": 7, "exporter": {"main": exporter(
-        "up0", collectors(a="10.96.0.2"))}}}))
+    file.write_text(edge({"a": "10.99.0.2"}))
     assert "up0" in run(prefix / "bin" / "tarnflow", "check", file), "by the agent beside it"
     program = lab.start("installed", prefix / "sbin" / "tarnflowd", "--config", file)
     capture.wait(2)
@@ -82,24 +66,23 @@ def cmake_consumer(prefix, where):
 
 
 def pkg_config_consumer(prefix, where):
-    env = {**os.environ, "PKG_CONFIG_PATH": str(lib(prefix, "tarnlinux.pc").parent)}
+    env = {**os.environ, "PKG_CONFIG_PATH": str(prefix / "lib" / "pkgconfig")}
     flags = subprocess.run(["pkg-config", "--cflags", "--libs", "tarnlinux"], env=env, check=True,
                            stdout=subprocess.PIPE, text=True).stdout.split()
-    libdir = lib(prefix, "libtarnipfix.so").parent
     # The tree itself must not be what makes it compile.
     run("g++", "-std=c++20", "-Wall", "-Wextra", "-Werror", EXAMPLE, *flags,
-        f"-Wl,-rpath,{libdir}", "-o", where / "consumer")
+        f"-Wl,-rpath,{prefix}/lib", "-o", where / "consumer")
     return where / "consumer"
 
 
 @pytest.mark.parametrize("build", [cmake_consumer, pkg_config_consumer])
-def test_example_is_built_against_it_and_exports(lab, prefix, tmp_path, build):
+def test_example_is_built_against_it_and_exports(lab, far, prefix, tmp_path, build):
     """The program of the documentation, as somebody outside of this tree builds it."""
     assert len(EXAMPLE.read_text().splitlines()) < 100, "as is promised"
     program = build(prefix, tmp_path)
     assert f"{prefix}/lib" in run("ldd", program)
-    capture = cable(lab)
-    agent = lab.start("consumer", program, "10.96.0.1", "10.96.0.2")
+    capture = Capture(lab, "dn0", ns=far)
+    agent = lab.start("consumer", program, "10.99.0.1", "10.99.0.2")
     capture.wait_until("the table of interfaces arrives", lambda messages: any(
         i == 65281 for m in messages for i, _ in m.sets))
     assert agent.stop() == 0
@@ -112,7 +95,7 @@ def test_example_is_built_against_it_and_exports(lab, prefix, tmp_path, build):
 
 
 def test_library_needs_only_the_runtime(prefix):
-    library = lib(prefix, "libtarnipfix.so.0")
+    library = prefix / "lib" / "libtarnipfix.so.0"
     assert "SONAME               libtarnipfix.so.0" in run("objdump", "-p", library)
     names = {re.split(r"[\s(]", line.strip())[0].rsplit("/", 1)[-1]
              for line in run("ldd", library).splitlines()}

@@ -9,10 +9,9 @@ import subprocess
 import pytest
 
 from lab import BUILD, run, wait_for
-from tarnflow import Agent, collectors, config, counters, exporter
+from tarnflow import Agent, counters, edge
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
-SAID = (ROOT / "docs" / "tarnflowd.md").read_text()
+SAID = (pathlib.Path(__file__).resolve().parent.parent.parent / "docs" / "tarnflowd.md").read_text()
 NET_RAW, SYS_ADMIN = 1 << 13, 1 << 21
 SYS_MODULE, DAC_OVERRIDE, SETUID = 1 << 16, 1 << 1, 1 << 7
 
@@ -28,17 +27,14 @@ def test_unit_file(name, tmp_path):
     assert done.returncode == 0 and not done.stdout, done.stdout
     said = run("systemd-analyze", "security", "--offline=true", unit)
     exposure = float(re.search(r"exposure level for \S+: ([\d.]+)", said)[1])
-    documented = re.search(rf"{name}\.service\D*?\sof\s([\d.]+)", SAID)
-    assert exposure <= float(documented[1]), said
+    assert exposure <= float(re.search(rf"{name}\.service\D*?\sof\s([\d.]+)", SAID)[1]), said
 
 
 def capabilities(pid):
     """All capability sets of the first thread and of the others, but for what limits them."""
-    sets = {}
-    for status in pathlib.Path(f"/proc/{pid}/task").glob("*/status"):
-        values = re.findall(r"^Cap(?:Prm|Eff|Inh|Amb):\s+(\w+)", status.read_text(), re.M)
-        assert len(values) == 4
-        sets[int(status.parent.name)] = {int(v, 16) for v in values}
+    sets = {int(status.parent.name): {int(v, 16) for v in re.findall(
+        r"^Cap(?:Prm|Eff|Inh|Amb):\s+(\w+)", status.read_text(), re.M)}
+        for status in pathlib.Path(f"/proc/{pid}/task").glob("*/status")}
     return sets.pop(pid), list(sets.values())
 
 
@@ -50,8 +46,7 @@ def test_root_gives_up_what_it_does_not_need(lab, tmp_path):
     resolv.write_text("nameserver 127.0.0.1\n")
     run("mount", "--bind", resolv, "/etc/resolv.conf")
     try:
-        agent = Agent(lab, config({"edge": {"id": 7, "interfaces": ["lo"], "exporter": {
-            "main": exporter("lo", {"four": {"address": "collector.example"}})}}}))
+        agent = Agent(lab, edge({"four": "collector.example"}, "lo", {"interfaces": ["lo"]}))
         agent.program.wait_log("tracking flows on lo")
         wait_for("three threads", lambda: len(capabilities(agent.pid)[1]) == 2)
         first, others = capabilities(agent.pid)
@@ -67,21 +62,17 @@ def test_root_gives_up_what_it_does_not_need(lab, tmp_path):
     assert agent.stop() == 0
 
 
-def test_nobody_runs_what_needs_no_capability(lab, tmp_path):
+def test_nobody_runs_what_needs_no_capability(lab):
     """Exports from the addresses of this namespace, and says what is left out and why."""
     lab.namespace("ns-red")
     home = pathlib.Path("/run/nobody")  # where nobody may read, unlike the test's directories
     home.mkdir()
-    shutil.copytree(f"{BUILD}/bin", home / "bin", ignore=lambda _, names: [
-        n for n in names if n != "tarnflowd"])
-    shutil.copytree(f"{BUILD}/lib", home / "lib", symlinks=True, ignore=lambda _, names: [
-        n for n in names if not n.startswith("libtarnipfix.so")])
+    shutil.copy(f"{BUILD}/bin/tarnflowd", home)
+    shutil.copy(f"{BUILD}/lib/libtarnipfix.so.0", home)
     file = home / "tarnflow.toml"
-    file.write_text(config({"edge": {"id": 7, "interfaces": ["lo"], "exporter": {
-        "main": exporter("lo", collectors(four="127.0.0.1"))}}}))
+    file.write_text(edge({"four": "127.0.0.1"}, "lo", {"interfaces": ["lo"]}))
     agent = lab.start("nobody", "setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups",
-                      home / "bin" / "tarnflowd", "--config", file,
-                      env={"LD_LIBRARY_PATH": str(home / "lib")})
+                      home / "tarnflowd", "--config", file, env={"LD_LIBRARY_PATH": str(home)})
     agent.wait_log(r"tracker edge, VRF default: cannot track flows.*CAP_NET_RAW")
     agent.wait_log(r"ns-red cannot be looked at:.*CAP_SYS_ADMIN.*its VRF is left out")
     wait_for("templates and options data leave", lambda: counters()["127.0.0.1"]["records"] > 0)

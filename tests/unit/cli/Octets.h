@@ -1,6 +1,6 @@
 #pragma once
-#include <cctype>
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -10,37 +10,25 @@ namespace decoder {
 
 using Octets = std::vector<uint8_t>;
 
-/// Octets from hexadecimal digits; everything else in `text` is layout.
-inline Octets hex(std::string_view text) {
+/// Octets from hexadecimal digits; blanks in `text` are layout.
+inline Octets hex(std::string text) {
+  std::erase(text, ' ');
   Octets out;
-  int high = -1;
-  for (const char c : text) {
-    if (!std::isxdigit(static_cast<unsigned char>(c))) continue;
-    const int digit = c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10;
-    if (high < 0) {
-      high = digit;
-    } else {
-      out.push_back(static_cast<uint8_t>(high << 4 | digit));
-      high = -1;
-    }
-  }
+  for (size_t i = 0; i < text.size(); i += 2)
+    out.push_back(static_cast<uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
   return out;
 }
 inline void put16(Octets& o, size_t at, size_t v) {
   o[at] = static_cast<uint8_t>(v >> 8);
   o[at + 1] = static_cast<uint8_t>(v);
 }
-inline void put32(Octets& o, size_t at, uint32_t v) {
-  put16(o, at, v >> 16);
-  put16(o, at + 2, v);
-}
-/// A message of domain 7 around `sets`, which are hexadecimal.
-inline Octets message(uint32_t sequence, std::string_view sets) {
-  Octets out = hex("000a 0000 67400000 00000000 00000007");
-  const Octets body = hex(sets);
-  out.insert(out.end(), body.begin(), body.end());
+/// A message around `sets`, which are hexadecimal.
+inline Octets message(uint32_t sequence, const std::string& sets, uint16_t domain = 7) {
+  Octets out = hex("000a 0000 67400000 00000000 00000000" + sets);
   put16(out, 2, out.size());
-  put32(out, 8, sequence);
+  put16(out, 8, sequence >> 16);
+  put16(out, 10, sequence);
+  put16(out, 14, domain);
   return out;
 }
 
@@ -51,7 +39,7 @@ inline const Element* testElement(uint32_t enterprise, uint16_t id) {
   return enterprise == 0 ? ianaElement(id) : nullptr;
 }
 
-/// One of everything: 127 octets, sequence 5, five data records. Beside each line where it begins.
+/// One of everything: 127 octets, sequence 5, four data records. Beside each line where it begins.
 inline const Octets rich =
     hex("000a 007f 67400000 00000005 00000007"                         // 0
         "0002 0024"                                                    // 16
