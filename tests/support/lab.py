@@ -56,6 +56,7 @@ class Program:
             self.process = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=out, stderr=err,
                                             env={**os.environ, **(env or {})})
         self.pid = self.process.pid
+        self.ends_well = False  # whether it has to stop with status 0 at the end of its test
         self.started = time.monotonic()
 
     def out(self):
@@ -157,14 +158,18 @@ class Lab:
             run("sysctl", "-qw", f"net.ipv6.conf.{device}.disable_ipv6=1", ns=where)
 
     def close(self):
-        for program in reversed(self.programs):
-            if program.running():
-                program.process.kill()
-                program.process.wait()
-        for link in self.links:
-            run("ip", "link", "del", link, check=False)
-        for name in self.namespaces:
-            run("ip", "netns", "del", name, check=False)
+        try:
+            wrong = [p.name for p in self.programs if p.ends_well and p.running() and p.stop()]
+            assert not wrong, f"ended with a fault: {wrong}"
+        finally:
+            for program in reversed(self.programs):
+                if program.running():
+                    program.process.kill()
+                    program.process.wait()
+            for link in self.links:
+                run("ip", "link", "del", link, check=False)
+            for name in self.namespaces:
+                run("ip", "netns", "del", name, check=False)
 
     def report(self):
         """The last that each program said, for a failed test."""
@@ -192,27 +197,20 @@ class Notify:
 _libc = ctypes.CDLL(None, use_errno=True)
 
 
-class inside:
+@contextlib.contextmanager
+def inside(ns):
     """The calling thread is in namespace `ns` meanwhile (None: stays)."""
-
-    def __init__(self, ns):
-        self.ns = ns
-
-    def __enter__(self):
-        self.home = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
-        if self.ns:
-            there = os.open(f"/run/netns/{self.ns}", os.O_RDONLY)
-            self._enter(there)
-            os.close(there)
-
-    def __exit__(self, *_):
-        self._enter(self.home)
-        os.close(self.home)
-
-    @staticmethod
-    def _enter(fd):
-        if _libc.setns(fd, 0x40000000):  # CLONE_NEWNET
+    def enter(file):
+        if _libc.setns(file.fileno(), 0x40000000):  # CLONE_NEWNET
             raise OSError(ctypes.get_errno(), "setns")
+    with open("/proc/thread-self/ns/net") as home:
+        if ns:
+            with open(f"/run/netns/{ns}") as there:
+                enter(there)
+        try:
+            yield
+        finally:
+            enter(home)
 
 
 def descriptors(pid):

@@ -73,7 +73,7 @@ def edge(to, interface="up0", tracker=None, vrfs=None, **keys):
 
 
 class Agent:
-    """A running tarnflowd with its configuration file."""
+    """A running tarnflowd with its configuration file; it has to end well, by the end of its test."""
 
     def __init__(self, lab, text, ns=None, ready=True, env=None):
         self.lab = lab
@@ -82,6 +82,7 @@ class Agent:
         self.notify = Notify(tempfile.mktemp(".notify", dir="/run"))
         self.program = lab.start("tarnflowd", *AGENT_WRAP, AGENT, "--config", self.file, ns=ns,
                                  env={"NOTIFY_SOCKET": self.notify.path, **(env or {})})
+        self.program.ends_well = True
         self.pid = self.program.pid
         if ready:
             self.wait_notified("READY=1")

@@ -4,7 +4,7 @@ The few fields that a test waits for are read from the capture here; everything 
 goes through tshark, which shares nothing with us.
 """
 
-import dataclasses
+import collections
 import ipaddress
 import json
 import re
@@ -16,21 +16,9 @@ PORT = 4739
 TEMPLATES = (2, 3)  # the set ids of templates (RFC 7011, 3.3.2)
 
 
-@dataclasses.dataclass(frozen=True)
-class Message:
-    """One captured IPFIX message, by its IP, UDP and message headers."""
-    time: float
-    src: str
-    dst: str
-    src_port: int
-    dst_port: int
-    tos: int
-    length: int
-    export_time: int
-    sequence: int
-    domain: int
-    sets: tuple  # (set id, octets) of each set
-    octets: bytes = b""
+# One captured IPFIX message, by its IP, UDP and message headers; sets: (set id, octets) of each.
+Message = collections.namedtuple("Message", "time src dst src_port dst_port tos length export_time "
+                                 "sequence domain sets octets")
 
 
 def _packets(data):
@@ -131,26 +119,11 @@ class Nfcapd:
         return json.loads(run("env", "TZ=UTC", "nfdump", "-R", self.directory, "-o", "json"))
 
 
-@dataclasses.dataclass(frozen=True)
-class Template:
-    """A template as tshark read it. Fields: (element id, length, enterprise number or 0)."""
-    id: int
-    scope_count: int  # 0: a data template
-    fields: tuple
-
-
-@dataclasses.dataclass(frozen=True)
-class Decoded:
-    """One packet as tshark read it."""
-    src: str
-    dst: str
-    tos: int
-    length: int
-    sequence: int
-    domain: int
-    set_ids: tuple
-    templates: tuple
-    records: tuple  # (set id, {tshark's field: its text}) of each data record
+# A template as tshark read it (scope_count 0: a data template), fields: (element id, length,
+# enterprise number or 0) of each; and a packet, records: (set id, {tshark's field: its text}) of each.
+Template = collections.namedtuple("Template", "id scope_count fields")
+Decoded = collections.namedtuple("Decoded", "src dst tos length sequence domain set_ids templates "
+                                 "records")
 
 
 def _walk(node):

@@ -16,8 +16,8 @@ import time
 import pytest
 
 import traffic
-from lab import descriptors, inside, parse_json_lines, run, wait_for
-from tarnflow import AGENT, Agent, edge, flows, listen, tool
+from lab import descriptors, inside, run, wait_for
+from tarnflow import AGENT, Agent, edge, flows, tool
 from traffic import Key, Sum, play
 from wire import Capture, Nfcapd, no_faults, tshark
 from wire_maker import pcap
@@ -40,8 +40,8 @@ def settings(to=None, **tracker):
         "interfaces": ["in*"], "active-interval": "60s", "inactive-timeout": "2s", **tracker})
 
 
-def tracking(lab, text, **env):
-    agent = Agent(lab, text, **env)
+def tracking(lab, text):
+    agent = Agent(lab, text)
     agent.program.wait_log("tracking flows on in0")
     return agent
 
@@ -52,11 +52,6 @@ def link(device):
 
 def of_flows(messages):
     return [m for m in messages if m.sets[0][0] in RECORD_LEN]
-
-
-def millis(text):
-    moment = datetime.datetime.fromisoformat(text + "+00:00")
-    return moment.timestamp() * 1000
 
 
 def same_flows(stored, expected, times):
@@ -77,7 +72,8 @@ def same_flows(stored, expected, times):
         one.octets += r["in_bytes"]
         if protocol == traffic.TCP:
             one.flags |= sum(1 << bit for bit, letter in enumerate("FSRPA") if letter in r["tcp_flags"])
-        first, last = millis(r["first"]), millis(r["last"])
+        first, last = (datetime.datetime.fromisoformat(r[k] + "+00:00").timestamp() * 1000
+                       for k in ("first", "last"))
         before = found_times.get(key, (first, last))
         found_times[key] = min(before[0], first), max(before[1], last)
     wrong = {k: (sums.get(k), expected.get(k)) for k in {*sums, *expected}
@@ -106,8 +102,6 @@ def test_every_flow_as_it_was(house):
     lab, ports = house, (9995, 9996)
     wire = Capture(lab, "dn0", ns="tt-far", ports=ports)
     stores = [Nfcapd(lab, a, port=9995, ns="tt-far") for a in ("10.99.0.2", "fd99::2")]
-    tables = listen(lab, "--tables", "--quiet-data", "--address", "10.99.0.3", "--port", 9996,
-                    ns="tt-far")
     agent = tracking(lab, settings(FAR))
     seen = lab.path("in0.pcap")
     tcpdump = lab.start("tcpdump-in0", "tcpdump", "-Z", "root", "-i", "in0", "-U", "-B", "32768",
@@ -132,9 +126,6 @@ def test_every_flow_as_it_was(house):
     times = captured_times(seen)
     for store in stores:
         assert same_flows(store.stop(), expected, times) == {index}
-    assert tables.stop() == 0, tables.log()
-    assert any('"in0"' in json.dumps(line) for line in parse_json_lines(tables.out())
-               if line["type"] == "tables"), "in0 is in the interface table"
     wire.stop()
     no_faults(wire.file, ports)
 
@@ -203,7 +194,6 @@ def test_sampling(house):
     off = (edge["packetsSeen"] - count / rate) / deviation
     assert abs(off) < 5, (off, edge)
     assert edge["packets"] + edge["kernelDrops"] == edge["packetsSeen"]
-    assert agent.stop() == 0
 
 
 def test_overload(house):
@@ -221,7 +211,6 @@ def test_overload(house):
                     lambda: (lambda f: f["packetsSeen"] >= count and f)(flows()["edge"]), 10)
     assert edge["packetsSeen"] == count == edge["packets"] + edge["kernelDrops"], edge
     assert edge["kernelDrops"] > 0, "the ring was large enough for all: this test tested nothing"
-    assert agent.stop() == 0
 
 
 def records_of(octets):
@@ -297,7 +286,6 @@ def test_what_is_refused_is_tried_again(house):
     seen = flows()["edge"]["packets"]
     play("burst", 10)
     wait_for("packets are counted", lambda: flows()["edge"]["packets"] == seen + 10)
-    assert agent.stop() == 0
 
 
 def test_interfaces_and_collectors_come_and_go(house):

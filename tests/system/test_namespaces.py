@@ -67,7 +67,6 @@ def test_namespace_of_a_vrf(lab):
                  lambda: "dn0" not in run("ip", "-o", "link", ns=place.far))
         appear()
     assert descriptors(agent.pid) == open_then
-    assert agent.stop() == 0
 
 
 @pytest.mark.parametrize("vrf", ["default", "red"])
@@ -104,4 +103,3 @@ def test_interface_and_addresses(lab, vrf):
         place.arrive(HERE4, HERE6)
         assert all(counters()[k]["messages"] > still[k]["messages"] for k in still)
     assert descriptors(agent.pid) == open_then
-    assert agent.stop() == 0

@@ -111,13 +111,10 @@ TEST_F(OutputTest, JsonHasStableKeys) {
             "type time sourceAddress sourcePort destinationAddress destinationPort tos dscp octets "
             "version length exportTime sequence domain sequenceState sequenceExpected recordCount "
             "sets error warnings ");
-  const auto& sets = j["sets"];
-  EXPECT_EQ(keys(sets[0]), "id offset length kind templates ");
-  EXPECT_EQ(sets[1]["templates"][0].dump(),
-            R"({"id":65281,"change":"new","scopeFieldCount":1,"fields":[)"
-            R"({"name":"ingressInterface","id":10,"enterprise":0,"length":4,"scope":true},)"
-            R"({"name":"interfaceName","id":82,"enterprise":0,"length":65535,"scope":false}]})");
-  EXPECT_EQ(sets[4].dump(),
+  EXPECT_EQ(keys(j["sets"][0]), "id offset length kind templates ");
+  EXPECT_EQ(j["sets"][1]["templates"][0]["fields"][0].dump(),
+            R"({"name":"ingressInterface","id":10,"enterprise":0,"length":4,"scope":true})");
+  EXPECT_EQ(j["sets"][4].dump(),
             R"({"id":257,"offset":119,"length":8,"kind":"data","known":true,"options":false,)"
             R"("recordCount":1,"records":[{"flowStartSeconds":"2024-11-22T03:52:32Z"}]})");
   // The same element twice has two keys; octets that are no UTF-8 do not break the line.
