@@ -157,19 +157,20 @@ class Lab:
         for device, where in ((end, ns), (peer, "tt-src")):
             run("sysctl", "-qw", f"net.ipv6.conf.{device}.disable_ipv6=1", ns=where)
 
+    def end(self):
+        """Every agent that still runs stops, and ends well."""
+        wrong = [p.name for p in self.programs if p.ends_well and p.running() and p.stop()]
+        assert not wrong, f"ended with a fault: {wrong}"
+
     def close(self):
-        try:
-            wrong = [p.name for p in self.programs if p.ends_well and p.running() and p.stop()]
-            assert not wrong, f"ended with a fault: {wrong}"
-        finally:
-            for program in reversed(self.programs):
-                if program.running():
-                    program.process.kill()
-                    program.process.wait()
-            for link in self.links:
-                run("ip", "link", "del", link, check=False)
-            for name in self.namespaces:
-                run("ip", "netns", "del", name, check=False)
+        for program in reversed(self.programs):
+            if program.running():
+                program.process.kill()
+                program.process.wait()
+        for link in self.links:
+            run("ip", "link", "del", link, check=False)
+        for name in self.namespaces:
+            run("ip", "netns", "del", name, check=False)
 
     def report(self):
         """The last that each program said, for a failed test."""

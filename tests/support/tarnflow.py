@@ -132,18 +132,20 @@ def listen(lab, *argv, ns=None):
     return program
 
 
-def show_counters(statistics=STATISTICS):
-    """`tarnflow show counters --json`, whatever it finds."""
-    code, text, error = tool("show", "counters", "--json", "--name", statistics, check=False)
+def _shown(what, statistics):
+    code, text, error = tool("show", what, "--json", "--name", statistics, check=False)
     assert code in (0, 1) and text, (code, text, error)
     return json.loads(text)
 
 
+def show_counters(statistics=STATISTICS):
+    """`tarnflow show counters --json`, whatever it finds."""
+    return _shown("counters", statistics)
+
+
 def flows(statistics=STATISTICS):
     """`tarnflow show flows --json`: the counters of each tracker that looks at packets."""
-    code, text, error = tool("show", "flows", "--json", "--name", statistics, check=False)
-    assert code in (0, 1) and text, (code, text, error)
-    return {t["tracker"]: t for t in json.loads(text)["trackers"]}
+    return {t["tracker"]: t for t in _shown("flows", statistics)["trackers"]}
 
 
 def counters(statistics=STATISTICS):

@@ -5,6 +5,7 @@
 """
 
 import collections
+import dataclasses
 import ipaddress
 import socket
 import struct
@@ -20,22 +21,17 @@ TCP, UDP, ICMP, ICMP6 = 6, 17, 1, 58
 Key = collections.namedtuple("Key", "src dst protocol src_port dst_port vlan")
 
 
+@dataclasses.dataclass
 class Sum:
     """What a flow adds up to: packets, octets of the IP packets, all TCP flags."""
-
-    def __init__(self):
-        self.packets = self.octets = self.flags = 0
+    packets: int = 0
+    octets: int = 0
+    flags: int = 0
 
     def add(self, octets, flags):
         self.packets += 1
         self.octets += octets
         self.flags |= flags
-
-    def __eq__(self, other):
-        return vars(self) == vars(other)
-
-    def __repr__(self):
-        return f"{self.packets} packets, {self.octets} octets, flags {self.flags:#x}"
 
 
 def ethernet(kind, payload, vlan=0):

@@ -25,6 +25,24 @@ def message(sets, sequence=0, domain=7, export_time=None):
     return struct.pack(">HHIII", 10, 16 + len(body), now, sequence, domain) + body
 
 
+def hostile(rng):
+    """Datagrams that a device would not send: right ones with octets changed, and ever new streams,
+    templates and layouts."""
+    good = message([(2, template(300, [(8, 4), (82, 65535), (1, 8)])),
+                    (300, bytes(4) + b"\3abc" + bytes(8)),
+                    (3, template(400, [(149, 4), (41, 8)], 1)), (400, bytes(12))])
+    for _ in range(20000):
+        bad = bytearray(good)
+        for _ in range(rng.randrange(1, 6)):
+            bad[rng.randrange(4 if rng.random() < 0.9 else 0, len(bad))] = rng.randrange(256)
+        yield bytes(bad)
+    for domain in range(3000):
+        yield message([(2, b"".join(template(256 + i, [(82, 1 + (domain + i) % 1400)])
+                                    for i in range(500)))], domain=domain)
+    for n in range(3000):
+        yield message([(2, template(300, [(82, 1 + n % 1400), (236, 1 + n // 1400)]))])
+
+
 def pcap(frames):
     """A capture of Ethernet frames, or of (time, frame) pairs."""
     out = struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, 1)

@@ -27,10 +27,12 @@ def lab(request, tmp_path):
     made = lab_module.Lab(tmp_path)
     try:
         yield made
-    finally:
         report = getattr(request.node, "report_call", None)
-        if report is not None and report.failed:
+        if report and report.passed:
+            made.end()
+        else:
             print(made.report())
+    finally:
         made.close()
 
 

@@ -197,6 +197,7 @@ TEST(Sequence, IsCheckedAgainstTheRecordsBefore) {
       {"0 three first 0, 0 three back 3, 3 one ok 0,", 1, 0},
       {"5000 three first 0, 0 template back 5003, 0 one ok 0,", 1, 0},
       {"0 one first 0, 10 one missing 9, 4 three late 7, 4 three back 7, 7 one ok 0,", 2, 6},
+      {"0 one first 0, 10 one missing 9, 4 three late 7, 1 three late 10, 7 three late 4,", 1, 0},
       {"0 one first 0, 3 one missing 2, 1 three back 3,", 2, 2},
       {"0 one first 0, 10 one missing 9, 0 three back 11, 3 one ok 0, 3 one back 1,", 3, 9},
       // What could not be counted is not held against the next message.
@@ -254,21 +255,19 @@ TEST(ValueText, FollowsTheElementsType) {
   };
   const Rendering rows[] = {
       {1, "ffffffffffffffff", "18446744073709551615"},
-      {1, "0102", "258"},
       {1, "010203040506070809", "0x010203040506070809"},  // no unsigned64 has 9 octets
       {6, "0012", "0x0012"},
       {173, "ffffffff80000001", "0xffffffff80000001"},
-      {8, "c0000201", "192.0.2.1"},
       {8, "c00002", "0xc00002"},
       {27, "20010db8000000000000000000000001", "2001:db8::1"},
       {56, "020a0b0c0d0e", "02:0a:0b:0c:0d:0e"},
-      {82, "", "\"\""},
       {82, "6574683000000000", "\"eth0\"", true},  // filled up with zeros
       {82, "6574683000", "\"eth0\\x00\""},
       {82, "220a5c1b5b6d", "\"\\\"\\x0a\\\\\\x1b[m\""},
       {82, "c3a9e282ac", "\"\xc3\xa9\xe2\x82\xac\""},  // e with acute, euro
       {82, "e280ae", "\"\\xe2\\x80\\xae\""},           // would turn the writing direction
       {82, "c080eda080f4908080", "\"\\xc0\\x80\\xed\\xa0\\x80\\xf4\\x90\\x80\\x80\""},
+      {82, "e09fbf", "\"\\xe0\\x9f\\xbf\""},  // longer than it needs to be
       {150, "ffffffff", "2106-02-07T06:28:15Z"},
       {152, "0000018c251591cd", "2023-12-01T11:13:39.789Z"},
       {152, "ffffffffffffffff", "18446744073709551 s after 1970"},
