@@ -16,12 +16,14 @@ def every_second(messages):
 
 
 def test_interval_changes(lab, far):
-    """A new interval sends at once and then holds; the port stays."""
+    """A new interval sends at once and then holds, with the new DSCP; the port stays."""
     capture = Capture(lab, "dn0", ns=far, kinds=TEMPLATES)
     agent = Agent(lab, edge({"a": "10.99.0.2"}, template_interval="60s"))
     capture.wait(2)
-    agent.reload(edge({"a": "10.99.0.2"}, template_interval="1s"))
-    every_second(capture.wait(8)[2:])
+    agent.reload(edge({"a": "10.99.0.2"}, template_interval="1s", dscp=46))
+    messages = capture.wait(8)[2:]
+    every_second(messages)
+    assert {m.tos for m in messages} == {46 << 2}
 
 
 def test_a_file_with_an_error_changes_nothing(lab, far):
