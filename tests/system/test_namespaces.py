@@ -51,6 +51,8 @@ def test_follows_its_network(lab, vrf):
     open_then = descriptors(agent.pid)
     for gone, other in ((HERE4, HERE6), (HERE6, HERE4)):
         lab.address("up0", PREFIX[gone], ns=near, verb="del")
+        wait_for("its collector waits", lambda: "waiting for address" in tool(
+            "show", "collectors", check=False)[1])
         # From one round of the other family later on, nothing comes from the one that is gone.
         start = len(capture.messages(src=other))
         capture.wait(start + 2, src=other)
