@@ -16,25 +16,21 @@
 #include <memory>
 #include <optional>
 
-#include "platform/Assert.h"
-#include "platform/Ring.h"
 #include "platform/linux/Fd.h"
 #include "platform/linux/Netns.h"
 #include "platform/linux/Pacer.h"
+#include "platform/linux/UdpMessages.h"
 
 namespace platform {
 namespace {
 
-constexpr size_t batchMax = 128;    // datagrams per system call, and held back before one is made
 constexpr size_t segmentsMax = 64;  // per segmented send: UDP_MAX_SEGMENTS of the kernel
 constexpr size_t segmentedLenMax = 65535 - 60 - 8;  // octets of it: one IP packet to the stack
 constexpr unsigned unsegmentedMin = 1024;  // datagrams until a refused segmentation is tried again
 constexpr size_t flushMax = 1024;  // datagrams per task or handler once the socket has been full
 constexpr size_t failingMax = 256;
-constexpr size_t rxBatch = 16;                   // datagrams per system call
 constexpr size_t rxMax = 128;                    // datagrams per round of the loop
 constexpr std::chrono::milliseconds rxShare{2};  // of their handler, per round of the loop
-constexpr size_t rxLen = 1 << 16;                // any UDP payload fits
 constexpr TaskPriority taskPriority = 2;         // the library's own
 
 std::string errnoText(int err) {
@@ -42,175 +38,6 @@ std::string errnoText(int err) {
   const char* text = ::strerrordesc_np(err);
   return std::string(text ? text : "unknown error") + " (" +
          (name ? name : std::to_string(err).c_str()) + ')';
-}
-
-struct Destination {
-  IpGenAddr addr;
-  uint16_t port = 0;
-  auto operator<=>(const Destination&) const = default;
-  std::string stringValue() const {
-    return addr.isIpv6() ? Ip6AndPort{addr.ip6Addr(), port}.stringValue()
-                         : IpAndPort{addr.ipAddr(), port}.stringValue();
-  }
-};
-
-/// Where datagrams go, and how.
-struct Way {
-  IpGenAddr src;
-  Destination dst;
-  uint8_t tos = 0;
-};
-
-struct Datagram {
-  Ptr<Pkt> pkt;
-  uint32_t len = 0;
-  uint32_t way = 0;  // number of its way, modulo 2^32: neighbours of one number go the same way
-  std::array<uint8_t, UdpPam::restampLen> head{};
-
-  /// Where its octets are. One piece costs the kernel a tenth less than two, which it takes when
-  /// its packet no longer has the beginning that this datagram took over.
-  iovec* pieces(iovec* to) const {
-    TARN_ASSERT_AS(pkt->bytes() >= len, "a packet under transmission keeps its length");
-    auto* octets = const_cast<uint8_t*>(pkt->data());
-    const uint32_t headLen = std::min(len, UdpPam::restampLen);
-    const bool whole = len >= UdpPam::restampLen
-                           ? memcmp(octets, head.data(), UdpPam::restampLen) == 0
-                           : memcmp(octets, head.data(), len) == 0;
-    if (whole) {
-      *to++ = {octets, len};
-      return to;
-    }
-    *to++ = {const_cast<uint8_t*>(head.data()), headLen};
-    if (len > headLen) *to++ = {octets + headLen, len - headLen};
-    return to;
-  }
-};
-
-using Queue = Ring<Datagram>;
-
-/// What one send can take of the queue: all to the same place and of one length, but for the last,
-/// which may be shorter.
-struct Run {
-  size_t end;  // behind its last
-  iovec* iov;  // behind its pieces
-  uint64_t octets;
-  bool open;  // one more could join it
-};
-
-/// By itself, so that its caller's state does not crowd the loop's out of the registers.
-[[gnu::noinline]] Run runOf(Queue::View queue, size_t at, size_t end, iovec* iov) {
-  const Datagram* d = &queue[at];
-  const uint32_t len = d->len;
-  const uint32_t way = d->way;
-  for (uint64_t octets = 0;;) {
-    octets += d->len;
-    iov = d->pieces(iov);
-    ++at;
-    if (at == end || d->len < len) return {at, iov, octets, d->len == len};
-    d = &queue[at];
-    if (d->way != way || d->len > len || d->len == 0) return {at, iov, octets, false};
-  }
-}
-
-/// What sendmmsg is told of one send: a datagram, or a run of them that the kernel, or the device,
-/// cuts into segments of the first one's length.
-struct TxSlot {
-  /// Of `segments` datagrams, the first of which has `len` octets.
-  void address(const Way& way, size_t segments, uint32_t len, msghdr& hdr);
-
-  union {
-    sockaddr_in v4;
-    sockaddr_in6 v6;
-  } to;
-  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(in6_pktinfo)) + CMSG_SPACE(sizeof(int)) +
-                                        CMSG_SPACE(sizeof(uint16_t))> control;
-  size_t segments;
-  uint64_t octets;
-};
-
-/// Everything that one system call takes.
-struct TxRoom {
-  std::array<mmsghdr, batchMax> msgs;
-  std::array<TxSlot, batchMax> slots;
-  std::array<iovec, 2 * batchMax> iov;
-};
-
-template <class T>
-void addControl(msghdr& hdr, int level, int type, const T& value) {
-  auto* c = reinterpret_cast<cmsghdr*>(static_cast<char*>(hdr.msg_control) + hdr.msg_controllen);
-  c->cmsg_level = level;
-  c->cmsg_type = type;
-  c->cmsg_len = CMSG_LEN(sizeof value);
-  memcpy(CMSG_DATA(c), &value, sizeof value);
-  hdr.msg_controllen += CMSG_SPACE(sizeof value);
-}
-
-in6_addr octetsOf(const Ip6Addr& a) {
-  in6_addr out{};
-  memcpy(&out, a.octets().data(), sizeof out);
-  return out;
-}
-
-void TxSlot::address(const Way& way, size_t runLen, uint32_t len, msghdr& hdr) {
-  memset(&to, 0, sizeof to);
-  memset(control.data(), 0, control.size());
-  segments = runLen;
-  hdr.msg_name = &to;
-  hdr.msg_control = control.data();
-  hdr.msg_controllen = 0;
-  hdr.msg_flags = 0;
-  if (way.dst.addr.isIpv6()) {
-    to.v6.sin6_family = AF_INET6;
-    to.v6.sin6_port = htons(way.dst.port);
-    to.v6.sin6_addr = octetsOf(way.dst.addr.ip6Addr());
-    hdr.msg_namelen = sizeof to.v6;
-    if (!way.src.ip6Addr().isZero()) {
-      in6_pktinfo info{};
-      info.ipi6_addr = octetsOf(way.src.ip6Addr());
-      addControl(hdr, IPPROTO_IPV6, IPV6_PKTINFO, info);
-    }
-    addControl(hdr, IPPROTO_IPV6, IPV6_TCLASS, static_cast<int>(way.tos));
-  } else {
-    to.v4.sin_family = AF_INET;
-    to.v4.sin_port = htons(way.dst.port);
-    to.v4.sin_addr.s_addr = htonl(way.dst.addr.ipAddr().value());
-    hdr.msg_namelen = sizeof to.v4;
-    if (!way.src.ipAddr().isZero()) {
-      in_pktinfo info{};
-      info.ipi_spec_dst.s_addr = htonl(way.src.ipAddr().value());
-      addControl(hdr, IPPROTO_IP, IP_PKTINFO, info);
-    }
-  }
-  if (runLen > 1) addControl(hdr, SOL_UDP, UDP_SEGMENT, static_cast<uint16_t>(len));
-}
-
-/// Where recvmmsg puts datagrams. Pages that no datagram reached cost nothing.
-struct RxRoom {
-  RxRoom();
-  std::unique_ptr<char[]> octets{new char[rxBatch * rxLen]};
-  std::array<sockaddr_storage, rxBatch> from;
-  std::array<iovec, rxBatch> iov;
-  std::array<mmsghdr, rxBatch> msgs;
-};
-RxRoom::RxRoom() {
-  for (size_t i = 0; i < rxBatch; ++i) {
-    iov[i] = {octets.get() + i * rxLen, rxLen};
-    msgs[i] = {};
-    msgs[i].msg_hdr.msg_name = &from[i];
-    msgs[i].msg_hdr.msg_iov = &iov[i];
-    msgs[i].msg_hdr.msg_iovlen = 1;
-  }
-}
-
-Destination senderOf(const sockaddr_storage& from) {
-  if (from.ss_family == AF_INET6) {
-    const auto& v6 = reinterpret_cast<const sockaddr_in6&>(from);
-    Ip6Addr::Octets octets;
-    memcpy(octets.data(), &v6.sin6_addr, octets.size());
-    return {Ip6Addr(octets), ntohs(v6.sin6_port)};
-  }
-  const auto& v4 = reinterpret_cast<const sockaddr_in&>(from);
-  return {IpAddr(ntohl(v4.sin_addr.s_addr)), ntohs(v4.sin_port)};
 }
 
 Pace paceOf(unsigned burst, std::chrono::duration<double> interval) {
@@ -239,7 +66,7 @@ class UdpPamLinux final : public UdpPam {
         trace_(trace),
         netnsDir_(options.netnsDir),
         queueMax_(std::max<size_t>(options.endpointQueueMax, 1)),
-        sendAt_(std::min(batchMax, queueMax_)),
+        sendAt_(std::min(TxRoom::batchMax, queueMax_)),
         defaultPace_(paceOf(options.paceBurst, options.paceInterval)),
         segmentsMax_(std::clamp<size_t>(options.segmentsMax, 1, segmentsMax)),
         rxBufferSize_(options.rxBufferSize),
@@ -388,7 +215,7 @@ class UdpPamLinux final : public UdpPam {
 
   bool wayChanged_ = true;  // since the last datagram, or there is no socket
 
-  Queue queue_;
+  Ring<Datagram> queue_;
   uint64_t accepted_ = 0;  // datagrams that were ever queued
   // What is not sent any more: to these, of the datagrams up to that number.
   std::map<Destination, uint64_t> gone_;
@@ -586,7 +413,7 @@ void UdpPamLinux::txDstDel(const IpGenAddr& addr, uint16_t port) {
 void UdpPamLinux::purge() {
   const auto gone = std::exchange(gone_, {});
   uint64_t number = accepted_ - queue_.size();
-  Queue kept;
+  Ring<Datagram> kept;
   for (; !queue_.empty(); queue_.pop_front()) {
     Datagram& d = queue_.front();
     const auto to = gone.find(wayOf(d).dst);
@@ -670,7 +497,7 @@ size_t UdpPamLinux::segmentsMaxOf(const Datagram& first) const {
 
 /// Prepares what may leave now, and says how many sends that is. 0: the task goes on later.
 size_t UdpPamLinux::fill(TxRoom& room, bool moreComes) {
-  const size_t most = allowedByPace(std::min(queue_.size(), batchMax));
+  const size_t most = allowedByPace(std::min(queue_.size(), TxRoom::batchMax));
   if (most == 0) {
     rest_->scheduleLowestIs(pacer_.wait(pace()));
     return 0;
@@ -789,8 +616,9 @@ void UdpPamLinux::receive() {
     if (!handler || !socket_ || opening_ != opening || refs() == 1) break;
     if (rxAt_ == rxCount_ && !readSome()) break;
     const RxRoom& room = *rxRoom_;
-    const std::string_view octets(room.octets.get() + rxAt_ * rxLen, room.msgs[rxAt_].msg_len);
-    const Destination sender = senderOf(room.from[rxAt_]);
+    const std::string_view octets(room.octets.get() + rxAt_ * RxRoom::len,
+                                  room.msgs[rxAt_].msg_len);
+    const Destination sender = destinationOf(room.from[rxAt_]);
     ++rxAt_;
     ++counters_.received;
     counters_.receivedOctets += octets.size();
@@ -805,7 +633,7 @@ void UdpPamLinux::receive() {
 bool UdpPamLinux::readSome() {
   RxRoom& room = *rxRoom_;
   for (auto& m : room.msgs) m.msg_hdr.msg_namelen = sizeof(sockaddr_storage);
-  const int n = ::recvmmsg(socket_.get(), room.msgs.data(), rxBatch, MSG_DONTWAIT, nullptr);
+  const int n = ::recvmmsg(socket_.get(), room.msgs.data(), RxRoom::batch, MSG_DONTWAIT, nullptr);
   rxAt_ = 0;
   rxCount_ = n > 0 ? static_cast<size_t>(n) : 0;
   return n > 0;
