@@ -188,6 +188,7 @@ Changes Agent::apply(const Settings& wanted) {
   networks_->keepOnly(vrfs);
   startFlows(wanted);
   startLocalCollectors();
+  if (collectorStates_) collectorStates_->settingsAre();
   return changes;
 }
 

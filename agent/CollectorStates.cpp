@@ -47,6 +47,24 @@ std::string_view statusText(Status status) {
   return "";
 }
 
+class CollectorStates::Watch final : public ExporterInfo::Watcher {
+ public:
+  Watch(Ptr<ExporterInfo> info, bool ipv6, std::vector<Ptr<const UdpPam>>& came)
+      : Watcher(std::move(info)), ipv6_(ipv6), came_(came) {
+    note();
+  }
+  void handleUdpPam4() override { note(); }
+  void handleUdpPam6() override { note(); }
+
+ private:
+  void note() {
+    const Ptr<const UdpPam> pam = ipv6_ ? entity()->udpPam6() : entity()->udpPam4();
+    if (pam && (came_.empty() || came_.back() != pam)) came_.push_back(pam);
+  }
+  const bool ipv6_;
+  std::vector<Ptr<const UdpPam>>& came_;
+};
+
 CollectorStates::CollectorStates(ControlView view, const Ptr<TaskScheduler>& scheduler,
                                  const Clock& clock, AgentLog& log, Ptr<SharedTable> counters)
     : view_(std::move(view)),
@@ -89,8 +107,7 @@ void CollectorStates::look() {
          auto [tree, fresh] = trees.try_emplace(tracker.type);
          if (fresh) tree->second = view_.tree(tracker.type);
          const bool ipv6 = collector.address.isIpv6();
-         lookAt({{name.tracker, name.exporter}, ipv6},
-                pamOf(infoOf(tree->second, name).get(), ipv6));
+         lookAt({{name.tracker, name.exporter}, ipv6}, infoOf(tree->second, name));
          note(name);
          last_ = name;
          return true;
@@ -108,20 +125,21 @@ void CollectorStates::look() {
   task_->scheduleIs(more ? Seconds(0) : lookInterval);
 }
 
-void CollectorStates::lookAt(const EndpointKey& key, const UdpPam* pam) {
+void CollectorStates::lookAt(const EndpointKey& key, const Ptr<ExporterInfo>& info) {
   const auto [it, fresh] = endpoints_.try_emplace(key);
   Endpoint& e = it->second;
+  if (info && (!e.watch || e.watch->entity() != info.get()))
+    e.watch = std::make_shared<Watch>(info, key.second, e.came);
+  const UdpPam* pam = pamOf(info.get(), key.second);
   if (fresh) e.total.key = {key.first.first, key.first.second, key.second};
   const bool seen = e.turn == turn_ && e.pam == pam;  // by another collector in this look
   e.turn = turn_;
   if (seen) return;
   const uint64_t sent = e.total.sent;
   const uint64_t refused = e.total.refused;
-  if (pam) {
-    e.follow(pam, pam->counters());
-  } else {
-    e.pam = nullptr;
-  }
+  for (const auto& one : e.came) e.follow(one.get(), one->counters());
+  std::erase_if(e.came, [pam](const auto& one) { return one.get() != pam; });
+  if (!pam) e.pam = nullptr;
   if (!e.inTable || sent != e.total.sent || refused != e.total.refused)
     e.inTable = counters_ && counters_->put(octetsOf(e.total.key), octetsOf(e.total));
 }
@@ -224,7 +242,7 @@ CollectorState CollectorStates::find(const CollectorName& name) {
   const EndpointKey key{{name.tracker, name.exporter}, ipv6};
   auto endpoint = endpoints_.find(key);
   if (endpoint == endpoints_.end() || endpoint->second.pam != pam) {
-    lookAt(key, pam);  // younger than the last look, and its datagrams may all have been refused
+    lookAt(key, info);  // younger than the last look, and its datagrams may all have been refused
     endpoint = endpoints_.find(key);
   }
   if (endpoint != endpoints_.end() && endpoint->second.pam == pam) {

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "agent/AgentLog.h"
 #include "agent/ControlView.h"
@@ -55,12 +56,20 @@ class CollectorStates {
   /// As it is at this moment, with the time at which it was first seen so.
   CollectorState state(const CollectorName& name);
 
+  /// There are other settings: what is new in them is looked at, and followed, from now on.
+  void settingsAre() { task_->scheduleIs(Seconds(0)); }
+
+  class Watch;
   /// What an endpoint had done when it was looked at last.
   struct Endpoint {
     /// What became of the datagrams since the last call. The pointer is only compared.
     void follow(const UdpPam* endpoint, const UdpPamCounters& now);
 
     const UdpPam* pam = nullptr;
+    /// Of its exporter and family, in order, those that were there since the last look: an endpoint
+    /// that is closed keeps its counts until they were looked at.
+    std::vector<Ptr<const UdpPam>> came;
+    std::shared_ptr<Watch> watch;  ///< adds to them
     uint64_t sent = 0;
     std::map<int, uint64_t> dropByErrno;
     int refused = 0;  ///< the errno of all that was to be sent last; 0: some was taken
@@ -85,7 +94,7 @@ class CollectorStates {
   using EndpointKey = std::pair<std::pair<std::string, std::string>, bool>;  // exporter, IPv6
 
   void look();
-  void lookAt(const EndpointKey& key, const UdpPam* pam);
+  void lookAt(const EndpointKey& key, const Ptr<FlowTracking::ExporterInfo>& info);
   CollectorState find(const CollectorName& name);
   const CollectorState& note(const CollectorName& name);
   void tellChange(const CollectorName& name, CollectorState::Status before,
