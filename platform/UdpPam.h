@@ -26,10 +26,20 @@ struct UdpPamCounters {
   uint64_t queued = 0;      ///< waiting for room or their turn now
   uint64_t queuedMax = 0;   ///< the most that ever waited
   /// `dropped` by cause. Besides what the kernel says (ENETUNREACH, EMSGSIZE, EPERM, EINVAL or
-  /// ENETUNREACH: the source address is not this host's, ...): ENOBUFS, the queue was full; EAGAIN,
+  /// ENETUNREACH: the source address is not this host's, ...): ENOBUFS, the endpoint's own queue
+  /// was full, or that of the interface (its queueing discipline dropped the datagram); EAGAIN,
   /// still queued when the endpoint closed; ECANCELED, still queued when its destination was taken
   /// away (`txDstDel`); EDESTADDRREQ, no destination address or port; EBADF, out of service.
   std::map<int, uint64_t> dropByErrno;
+  /// Of `sent`, datagrams that ICMP messages say were not delivered. Hosts and routers limit how
+  /// often they say so: there may be more.
+  uint64_t undelivered = 0;
+  struct Undelivered {
+    uint64_t datagrams = 0;
+    int error = 0;  ///< errno of the last
+  };
+  /// The same by destination, of the first 256 destinations.
+  std::map<std::pair<IpGenAddr, uint16_t>, Undelivered> undeliveredByDst;
   uint64_t received = 0;        ///< datagrams that the receive handler was given
   uint64_t receivedOctets = 0;  ///< their UDP payload
   uint64_t rxDropped = 0;       ///< that found no room in the receive buffer, handler or not, or

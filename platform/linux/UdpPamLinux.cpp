@@ -19,6 +19,7 @@
 #include "platform/linux/Fd.h"
 #include "platform/linux/Netns.h"
 #include "platform/linux/Pacer.h"
+#include "platform/linux/SendErrors.h"
 #include "platform/linux/UdpMessages.h"
 
 namespace platform {
@@ -28,17 +29,10 @@ constexpr size_t segmentsMax = 64;  // per segmented send: UDP_MAX_SEGMENTS of t
 constexpr size_t segmentedLenMax = 65535 - 60 - 8;  // octets of it: one IP packet to the stack
 constexpr unsigned unsegmentedMin = 1024;  // datagrams until a refused segmentation is tried again
 constexpr size_t flushMax = 1024;  // datagrams per task or handler once the socket has been full
-constexpr size_t failingMax = 256;
+constexpr size_t unsegmentedMax = 256;           // destinations
 constexpr size_t rxMax = 128;                    // datagrams per round of the loop
 constexpr std::chrono::milliseconds rxShare{2};  // of their handler, per round of the loop
 constexpr TaskPriority taskPriority = 2;         // the library's own
-
-std::string errnoText(int err) {
-  const char* name = ::strerrorname_np(err);
-  const char* text = ::strerrordesc_np(err);
-  return std::string(text ? text : "unknown error") + " (" +
-         (name ? name : std::to_string(err).c_str()) + ')';
-}
 
 Pace paceOf(unsigned burst, std::chrono::duration<double> interval) {
   if (burst == 0) return {};
@@ -126,11 +120,6 @@ class UdpPamLinux final : public UdpPam {
   }
 
  private:
-  struct Failure {
-    uint64_t count = 0;
-    uint32_t minLen = 0;  // a datagram at least this long must get through to end it
-  };
-
   uint64_t sent() const { return counters_.sent; }
   uint64_t sentOctets() const { return counters_.sentOctets; }
   uint64_t sends() const { return counters_.sends; }
@@ -153,10 +142,6 @@ class UdpPamLinux final : public UdpPam {
   void traceLine(const std::string& text) {
     if (trace_.enabled(TraceLevel::error)) trace_.line(TraceLevel::error, name_ + ": " + text);
   }
-  void countDrop(int err) {
-    ++counters_.dropped;
-    ++counters_.dropByErrno[err];
-  }
   [[gnu::noinline]] bool readyFor(const Pkt& pkt);
   [[gnu::noinline]] void arrangeSending();
   template <class T>
@@ -174,8 +159,6 @@ class UdpPamLinux final : public UdpPam {
   void purge();
   void popFront(size_t n = 1);
   void taken(size_t n, uint64_t octets);
-  void recovered(const Datagram& d);
-  void refused(const Destination& dst, uint32_t len, int err);
 
   const std::string name_;
   const Ptr<EventLoop> loop_;
@@ -225,7 +208,7 @@ class UdpPamLinux final : public UdpPam {
   const std::unique_ptr<EventLoop::EndHook> endOfTask_;  // flushes
   bool hooked_ = false;                                  // it is asked for
   UdpPamCounters counters_;
-  std::map<Destination, std::map<int, Failure>> failing_;
+  SendErrors errors_{counters_, [this](const std::string& text) { traceLine(text); }};
   uint64_t overflow_ = 0;  // dropped since the queue was last empty
 
   std::shared_ptr<const RxPktHandler> rxHandler_;  // shared with the call under way
@@ -256,6 +239,7 @@ void UdpPamLinux::open() {
     if (::setsockopt(socket.get(), level, opt, &value, sizeof value) != 0) refuse(what);
   };
   option(SOL_SOCKET, SO_PRIORITY, txPrio_, "SO_PRIORITY");
+  if (!SendErrors::enable(socket.get(), ipv6En_)) refuse("IP_RECVERR");
   // Messages are sized to the exporter's MTU. One that is too large for the path is refused with
   // EMSGSIZE, and counted, rather than sent in fragments that routers and firewalls lose.
   union {
@@ -301,9 +285,12 @@ void UdpPamLinux::watchWhatMatters() {
 
 void UdpPamLinux::handleEvents(uint32_t events) {
   const Ptr<UdpPamLinux> hold(this);  // the receive handler may drop the endpoint
-  int err = 0;
-  socklen_t n = sizeof err;
-  if (events & EPOLLERR) ::getsockopt(socket_.get(), SOL_SOCKET, SO_ERROR, &err, &n);
+  if (events & EPOLLERR) {
+    errors_.drain(socket_.get());
+    int err = 0;
+    socklen_t n = sizeof err;
+    ::getsockopt(socket_.get(), SOL_SOCKET, SO_ERROR, &err, &n);
+  }
   if (events & EPOLLOUT) {
     full_ = false;
     watchWhatMatters();
@@ -324,7 +311,7 @@ void UdpPamLinux::close() {
     traceLine("closes with " + std::to_string(queue_.size()) +
               " datagrams in its queue: the socket has no room, they are lost");
   while (!queue_.empty()) {  // still no room
-    countDrop(EAGAIN);
+    errors_.drop(EAGAIN);
     popFront();
   }
   rest_->stop();
@@ -336,7 +323,7 @@ void UdpPamLinux::close() {
   socket_.close();
   wayChanged_ = true;
   full_ = false;
-  failing_.clear();
+  errors_.clear();
   unsegmented_.clear();
   overflow_ = 0;
 }
@@ -344,11 +331,11 @@ void UdpPamLinux::close() {
 /// Whether the next datagram has a way and a place. What is not so each time is in here.
 bool UdpPamLinux::readyFor(const Pkt& pkt) {
   if (!socket_) {
-    countDrop(EBADF);
+    errors_.drop(EBADF);
     return false;
   }
   if (queue_.size() >= queueMax_) {
-    countDrop(ENOBUFS);
+    errors_.drop(ENOBUFS);
     if (overflow_++ == 0)
       traceLine("queue of " + std::to_string(queueMax_) + " datagrams is full: dropping");
     return false;
@@ -357,7 +344,7 @@ bool UdpPamLinux::readyFor(const Pkt& pkt) {
   const Destination dst{socketIpv6_ ? IpGenAddr(dst6_) : IpGenAddr(dst4_), txPort_};
   // The kernel would take a zero address for this host itself.
   if (txPort_ == 0 || (socketIpv6_ ? dst6_.isZero() : dst4_.isZero())) {
-    refused(dst, pkt.bytes(), EDESTADDRREQ);
+    errors_.refused(dst, pkt.bytes(), EDESTADDRREQ);
     return false;
   }
   ways_.emplace_back() = {
@@ -418,7 +405,7 @@ void UdpPamLinux::purge() {
     Datagram& d = queue_.front();
     const auto to = gone.find(wayOf(d).dst);
     if (++number; to != gone.end() && number <= to->second) {
-      countDrop(ECANCELED);
+      errors_.drop(ECANCELED);
     } else {
       kept.emplace_back() = std::move(d);
     }
@@ -465,17 +452,21 @@ bool UdpPamLinux::sendSome(bool moreComes) {
     watchWhatMatters();
     return false;
   }
-  if (room.slots[0].segments > 1) {
-    // The kernel does not say what it disliked: a device that cannot, a path too narrow, a route
-    // that is gone. One by one, each datagram gets its own answer.
-    if (unsegmented_.size() >= failingMax) unsegmented_.clear();
-    unsegmented_[wayOf(queue_.front()).dst] = unsegmentedMin;
-    return true;
-  }
+  if (errors_.wasOfAnother(socket_.get(), err)) return true;
   const Destination dst = wayOf(queue_.front()).dst;
+  const bool segmented = room.slots[0].segments > 1;
+  // A queueing discipline that has room for a part of a run drops the rest without a word: while it
+  // is full, each datagram goes by itself.
+  if (segmented || err == ENOBUFS) {
+    if (unsegmented_.size() >= unsegmentedMax) unsegmented_.clear();
+    unsegmented_[dst] = unsegmentedMin;
+  }
+  // The kernel does not say what it disliked in a run: a device that cannot, a path too narrow, a
+  // route that is gone. One by one, each datagram gets its own answer.
+  if (segmented) return true;
   const uint32_t len = queue_.front().len;
   popFront();
-  refused(dst, len, err);
+  errors_.refused(dst, len, err);
   return true;
 }
 
@@ -541,6 +532,7 @@ void UdpPamLinux::tosIs(uint8_t tos) {
 
 void UdpPamLinux::popFront(size_t n) {
   queue_.pop_front(n);
+  errors_.leftFront();
   counters_.queued = queue_.size();
   for (; ways_.size() > 1 && (queue_.empty() || queue_.front().way != firstWay_); ++firstWay_)
     ways_.pop_front();
@@ -552,44 +544,19 @@ void UdpPamLinux::popFront(size_t n) {
 
 /// The kernel has the first `n` of the queue.
 void UdpPamLinux::taken(size_t n, uint64_t octets) {
-  if (!unsegmented_.empty() || !failing_.empty())
-    for (size_t i = 0; i < n; ++i) recovered(queue_[i]);
+  if (!unsegmented_.empty() || errors_.failing()) {
+    for (size_t i = 0; i < n; ++i) {
+      const Destination& dst = wayOf(queue_[i]).dst;
+      if (const auto it = unsegmented_.find(dst); it != unsegmented_.end() && --it->second == 0)
+        unsegmented_.erase(it);
+      errors_.recovered(dst, queue_[i].len);
+    }
+  }
   popFront(n);
   counters_.sent += n;
   counters_.sentOctets += octets;
   if (pace().perSecond > 0) pacer_.spend(static_cast<double>(pace().octets ? octets : n));
 }
-/// What went wrong on the way of `d`, which got through, may be over.
-void UdpPamLinux::recovered(const Datagram& d) {
-  const Destination& dst = wayOf(d).dst;
-  if (const auto it = unsegmented_.find(dst); it != unsegmented_.end() && --it->second == 0)
-    unsegmented_.erase(it);
-  auto to = failing_.find(dst);
-  if (to == failing_.end()) return;
-  for (auto it = to->second.begin(); it != to->second.end();) {
-    const auto& [err, failure] = *it;
-    if (d.len < failure.minLen) {
-      ++it;
-      continue;
-    }
-    traceLine("sends again after " + std::to_string(failure.count) +
-              " failures: " + errnoText(err) + ", to " + dst.stringValue());
-    it = to->second.erase(it);
-  }
-  if (to->second.empty()) failing_.erase(to);
-}
-
-void UdpPamLinux::refused(const Destination& dst, uint32_t len, int err) {
-  countDrop(err);
-  if (failing_.size() >= failingMax && !failing_.contains(dst)) failing_.erase(failing_.begin());
-  auto [it, first] = failing_[dst].try_emplace(err);
-  Failure& failure = it->second;
-  // Small datagrams passing between large ones that do not are no recovery.
-  if (err == EMSGSIZE) failure.minLen = first ? len : std::min(failure.minLen, len);
-  ++failure.count;
-  if (first) traceLine("sending fails: " + errnoText(err) + ", to " + dst.stringValue());
-}
-
 void UdpPamLinux::rxPktHandlerIs(RxPktHandler handler) {
   rxHandler_ = handler ? std::make_shared<const RxPktHandler>(std::move(handler)) : nullptr;
   if (rxHandler_ && !rxRoom_) rxRoom_ = std::make_unique<RxRoom>();

@@ -1,6 +1,7 @@
 // Endpoints against a real kernel: its refusals, full sockets, namespaces, descriptors.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -402,6 +403,44 @@ TEST_P(SlowWire, PriorityIsTheOneAskedForWhateverTheTos) {
   }
   EXPECT_LT(lastPlain, 100);
   EXPECT_EQ(lastBulk, 119);
+}
+
+TEST_P(SlowWire, WhatIsDroppedOnTheWayOutIsCountedAndWhatNobodyHearsByDestination) {
+  ASSERT_TRUE(sh("tc qdisc replace dev tt0 root handle 1: tbf burst 10kb limit 20kb rate 64kbit"));
+  auto pam = opened("pam");
+  for (int i = 0; i < 200; ++i) send(*pam, far, sink->port(), 1000 + i % 2, i);
+  settle();
+  ASSERT_TRUE(rate("20mbit"));
+  uint64_t arrived = 0;
+  while (sink->next(200)) ++arrived;
+  EXPECT_EQ(pam->counters().sent, arrived);
+  EXPECT_EQ(pam->counters().dropByErrno, (Drops{{ENOBUFS, 200 - arrived}}));
+  EXPECT_THAT(trace.all, ElementsAre(testing::EndsWith("the queue of the interface drops")));
+
+  // ICMP messages about one collector concern no other, and nothing keeps the loop busy.
+  const uint16_t closed = std::make_unique<Receiver>(*IpGenAddr::fromString(local))->port();
+  Receiver hears(*IpGenAddr::fromString(local));
+  const auto before = pam->counters();
+  for (int i = 0; i < 100; ++i) {
+    send(*pam, local, closed, 100, i);
+    send(*pam, local, hears.port(), 100, i);
+    if (i % 10 == 0) settle();
+  }
+  for (int i = 0; i < 5; ++i) settle();
+  for (int i = 0; i < 100; ++i) {
+    const auto d = hears.next();
+    ASSERT_TRUE(d) << i;
+    ASSERT_EQ(number(*d), i);
+  }
+  EXPECT_EQ(pam->counters().sent - before.sent, 200u);
+  EXPECT_EQ(pam->counters().dropped, before.dropped);
+  ASSERT_EQ(pam->counters().undeliveredByDst.size(), 1u);
+  const auto& [to, undelivered] = *pam->counters().undeliveredByDst.begin();
+  EXPECT_EQ(to, std::pair(*IpGenAddr::fromString(local), closed));
+  EXPECT_EQ(undelivered.datagrams, 100u);
+  EXPECT_EQ(undelivered.error, ECONNREFUSED);
+  pollfd idle{pam->fd(), 0, 0};
+  EXPECT_EQ(::poll(&idle, 1, 0), 0);
 }
 
 constexpr auto family = [](const auto& info) { return std::string(info.param ? "ipv6" : "ipv4"); };
