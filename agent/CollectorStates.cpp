@@ -137,10 +137,12 @@ void CollectorStates::lookAt(const EndpointKey& key, const Ptr<ExporterInfo>& in
   if (seen) return;
   const uint64_t sent = e.total.sent;
   const uint64_t refused = e.total.refused;
+  const uint64_t undelivered = e.total.undelivered;
   for (const auto& one : e.came) e.follow(one.get(), one->counters());
   std::erase_if(e.came, [pam](const auto& one) { return one.get() != pam; });
   if (!pam) e.pam = nullptr;
-  if (!e.inTable || sent != e.total.sent || refused != e.total.refused)
+  if (!e.inTable || sent != e.total.sent || refused != e.total.refused ||
+      undelivered != e.total.undelivered)
     e.inTable = counters_ && counters_->put(octetsOf(e.total.key), octetsOf(e.total));
 }
 
@@ -155,7 +157,7 @@ void CollectorStates::Endpoint::follow(const UdpPam* endpoint, const UdpPamCount
   });
   if (pam != endpoint || less || now.sent < sent) {
     pam = endpoint;
-    sent = 0;
+    sent = undelivered = 0;
     dropByErrno.clear();
     refused = partly = 0;
   }
@@ -171,6 +173,7 @@ void CollectorStates::Endpoint::follow(const UdpPam* endpoint, const UdpPamCount
   }
   const uint64_t taken = now.sent - std::exchange(sent, now.sent);
   total.sent += taken;
+  total.undelivered += now.undelivered - std::exchange(undelivered, now.undelivered);
   if (taken > 0) {
     refused = 0;
     partly = cause;

@@ -71,6 +71,7 @@ class CollectorStates {
     std::vector<Ptr<const UdpPam>> came;
     std::shared_ptr<Watch> watch;  ///< adds to them
     uint64_t sent = 0;
+    uint64_t undelivered = 0;
     std::map<int, uint64_t> dropByErrno;
     int refused = 0;  ///< the errno of all that was to be sent last; 0: some was taken
     int partly = 0;   ///< the errno of some of it

@@ -188,7 +188,8 @@ Json ControlRequests::collector(const LibraryTree& tree, const CollectorName& na
               {"dataTemplatesSent", nullptr},
               {"optionsTemplatesSent", nullptr},
               {"queued", 0},
-              {"refused", Json::object()}};
+              {"refused", Json::object()},
+              {"undelivered", 0}};
   const bool ipv6 = c.address.isIpv6();
   const auto ftConfig = tree.config ? tree.config->ftConfig(name.tracker) : nullptr;
   const auto config = ftConfig ? ftConfig->expConfig(name.exporter) : nullptr;
@@ -207,6 +208,9 @@ Json ControlRequests::collector(const LibraryTree& tree, const CollectorName& na
         const char* errName = strerrorname_np(err);
         out["refused"][errName ? errName : std::to_string(err)] = count;
       }
+      const auto& undelivered = pam->counters().undeliveredByDst;
+      if (const auto it = undelivered.find({c.address, c.port}); it != undelivered.end())
+        out["undelivered"] = it->second.datagrams;
     }
   }
   const auto sms = tree.templateSm ? tree.templateSm->ftTemplateSm(name.tracker) : nullptr;

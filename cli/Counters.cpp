@@ -280,7 +280,8 @@ Json countersJson(const Counters& c, const std::string& name, const RatesByKey* 
                                 {"family", e.key.family},
                                 {"sent", e.sent},
                                 {"refused", e.refused},
-                                {"causes", std::move(causes)}});
+                                {"causes", std::move(causes)},
+                                {"undelivered", e.undelivered}});
   }
   return out;
 }

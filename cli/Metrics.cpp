@@ -154,6 +154,9 @@ void endpointFamilies(Exposition& out, const std::vector<FlowTracking::EndpointR
     for (const auto& c : all[i].causes)
       if (c.datagrams > 0)
         out.sample(fmt::format(R"({},cause="{}")", labels[i], causeName(c.error)), c.datagrams);
+  out.counter("tarnflow_undelivered_datagrams_total",
+              "Sent datagrams that ICMP messages say did not arrive; there may be more.");
+  for (size_t i = 0; i < all.size(); ++i) out.sample(labels[i], all[i].undelivered);
 }
 
 void flowFamilies(Exposition& out, const std::vector<FlowPathRecord>& flows) {

@@ -46,6 +46,7 @@ struct EndpointRecord {
   uint64_t sent = 0;            ///< that the kernel took
   uint64_t refused = 0;         ///< that it refused, or that found no room in the endpoint's queue
   std::array<Cause, 8> causes;  ///< of `refused`
+  uint64_t undelivered = 0;     ///< of `sent`, those that ICMP messages say did not arrive
 
   void addRefused(int error, uint64_t datagrams) {
     refused += datagrams;
@@ -67,7 +68,7 @@ struct EndpointRecord {
   }
 };
 static_assert(std::is_trivially_copyable_v<EndpointRecord>);
-static_assert(sizeof(EndpointRecord) == 264 + 18 * 8);
+static_assert(sizeof(EndpointRecord) == 264 + 19 * 8);
 
 /// The segment that holds it, beside the collectors' statistics.
 inline constexpr std::string_view endpointSuffix = "-endpoints";
