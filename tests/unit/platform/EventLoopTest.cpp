@@ -121,35 +121,34 @@ TEST_F(Loop, DescriptorsThatAreAlwaysReadyLetTasksAndEachOtherIn) {
 
 TEST_F(Loop, AWatchDestroyedInTheBatchHearsNothing) {
   // Both are ready in one batch; whichever handler comes first does it to the other.
-  for (const char* what : {"own", "other", "other, made anew", "other, muted"}) {
-    SCOPED_TRACE(what);
-    const std::string how = what;
+  enum { own, other, anew, muted };
+  for (const int how : {own, other, anew, muted}) {
+    SCOPED_TRACE(how);
     Pipe pipes[2];
     std::unique_ptr<EventLoop::FdWatch> watches[2];
     int calls[2] = {0, 0};
     int late = 0;
-    auto alive = std::make_shared<int>(1);
     for (int i = 0; i < 2; ++i) {
       pipes[i].fill();
-      watches[i] = loop->fdWatch(pipes[i].in.get(), EPOLLIN, [&, i, alive](uint32_t) {
+      const auto held = std::make_shared<int>(1);
+      watches[i] = loop->fdWatch(pipes[i].in.get(), EPOLLIN, [&, i, held, how](uint32_t) {
         if (++calls[i] > 1) return;
-        auto& victim = watches[how == "own" ? i : 1 - i];
-        if (how == "other, muted") {
+        auto& victim = watches[how == own ? i : 1 - i];
+        if (how == muted) {
           victim->eventsIs(0);
         } else {
           victim = nullptr;
         }
-        if (how == "other, made anew")
+        if (how == anew)
           victim = loop->fdWatch(pipes[1 - i].in.get(), EPOLLIN, [&](uint32_t) { ++late; });
-        EXPECT_EQ(*alive, 1) << "a handler may destroy its own watch";
+        EXPECT_EQ(*held, 1) << "a handler may destroy its own watch";
       });
     }
-    alive.reset();
     loop->runOnce(0s);
-    EXPECT_EQ(calls[0] + calls[1], how == "own" ? 2 : 1);
+    EXPECT_EQ(calls[0] + calls[1], how == own ? 2 : 1);
     EXPECT_EQ(late, 0) << "the event was its predecessor's";
     loop->runOnce(0s);  // what is left of the watches hears again: both pipes stay readable
-    EXPECT_EQ(late, how == "other, made anew" ? 1 : 0);
+    EXPECT_EQ(late, how == anew ? 1 : 0);
     EXPECT_EQ(calls[0] + calls[1], 2);
   }
 }

@@ -18,7 +18,6 @@ class SimHost final : public Host {
   Platform& platform() override { return *sim_; }
   Ptr<TaskScheduler> scheduler() override { return sim_->scheduler(); }
   void pass(Seconds d) override { sim_->advance(d); }
-  void round() override { sim_->runRound(); }
   IpAndPort sink4(int i) override { return {*IpAddr::fromString("10.99.0.1"), port(i)}; }
   Ip6AndPort sink6(int i) override { return {*Ip6Addr::fromString("2001:db8::1"), port(i)}; }
   std::vector<SimDatagram> received(size_t) override {
@@ -46,7 +45,6 @@ class LinuxHost final : public Host {
     while (!over) loop_->runOnce(Seconds(1));
     loop_->runOnce(Seconds(0));  // what the last round left
   }
-  void round() override { loop_->runOnce(Seconds(0)); }
   IpAndPort sink4(int i) override {
     return {*IpAddr::fromString("10.99.0.1"), receiver(i, "10.99.0.1").port()};
   }

@@ -17,8 +17,6 @@ class Host {
   virtual platform::Ptr<platform::TaskScheduler> scheduler() = 0;
   /// Lets at least this much time pass; what comes due runs.
   virtual void pass(platform::Seconds d) = 0;
-  /// One round of tasks.
-  virtual void round() = 0;
   /// Where datagrams may be sent to so that `received` shows them: two ports of each family.
   virtual platform::IpAndPort sink4(int i) = 0;
   virtual platform::Ip6AndPort sink6(int i) = 0;

@@ -123,12 +123,8 @@ TEST(Ip, PortsAndFamilies) {
   for (const char* bad : {"::1:1", "[::1]", "[::1]1", "[::1:1", "::1]:1", "[]:1", "[::1]:", "[",
                           "10.0.0.1:1", "[::1]:70000", ""})
     EXPECT_FALSE(Ip6AndPort::fromString(bad)) << bad;
-  const IpGenAddr none, v4 = *IpGenAddr::fromString("255.255.255.255"),
-                        v6 = *IpGenAddr::fromString("::");
-  EXPECT_LT(none, v4);
-  EXPECT_LT(v4, v6) << "IPv4 first";
-  EXPECT_EQ(none.stringValue(), "");
-  EXPECT_EQ(IpGenAddr::fromString(""), none);
+  EXPECT_LT(IpGenAddr::fromString("255.255.255.255"), IpGenAddr::fromString("::"));
+  EXPECT_EQ(IpGenAddr::fromString(""), IpGenAddr());
   EXPECT_FALSE(IpGenAddr::fromString("eth0"));
   EXPECT_TRUE(Ip6Addr::fromString("febf::1")->isLinkLocal());
   EXPECT_FALSE(Ip6Addr::fromString("fec0::1")->isLinkLocal());
