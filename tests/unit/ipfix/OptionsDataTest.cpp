@@ -44,6 +44,16 @@ class OptionsData : public Tree {
     return out;
   }
 
+  /// A ready tree whose interface table, some 180 messages, takes 90 ms to its collector.
+  void makeSlowTree(uint64_t queuedBefore = 0) {
+    for (uint32_t i = 1; i <= 5000; ++i) intfIs("eth" + std::to_string(i), i);
+    exporter->collectorIpAndPortIs("a", dst4(1));
+    exporter->ipfixMtuIs(400);
+    sim->paceIs(2, queuedBefore);
+    makeTree();
+    dataExporter()->updateDataCoalesceTimeIs(0.01);
+  }
+
   Receiver receiver;
 };
 class OptionsDataTest : public testing::Test, public OptionsData {};
@@ -99,14 +109,32 @@ TEST_F(OptionsDataTest, NothingPutsOffThePeriod) {
   EXPECT_EQ(arrived()["10.0.0.1:4739"][intfTable], 4u) << "intervals that are set again";
 }
 
+TEST_F(OptionsDataTest, WhatIsDroppedUnreadyDoesNotComeBackOlder) {
+  const auto rename = [this](const char* from, const char* to) {
+    intfs->intfIndexDel(IntfId(from));
+    intfIs(to, 7);
+  };
+  makeSlowTree(255);  // what is left of the tables waits in the exporter
+  dataExporter()->updateDataCoalesceTimeIs(0);
+  sim->advance(Seconds(0.01));
+  rename("eth7", "old7");
+  sim->advance(Seconds(0.01));
+  exporter->srcIpAddrIs({});
+  arrived();  // with the endpoint all leaves that waited in it
+  receiver = Receiver();
+  rename("old7", "new7");
+  sim->runRound();  // drops it, while the tables are on their way
+  dataExporter()->updateDataCoalesceTimeIs(0.1);
+  sim->advance(Seconds(0.01));
+  exporter->srcIpAddrIs(source4);
+  sim->advance(Seconds(5));
+  arrived();
+  EXPECT_EQ(receiver.pictures().begin()->second[intfTable][netOctets(7, 4)], "new7");
+}
+
 TEST_F(OptionsDataTest, UnderARateLimitLittleWaitsInTheEndpoint) {
   exporter->rateLimitIs({RateLimit::Unit::messages, 5});
-  exporter->collectorIpAndPortIs("a", dst4(1));
-  exporter->ipfixMtuIs(400);
-  sim->paceIs(2);
-  for (uint32_t i = 1; i <= 5000; ++i) intfIs("eth" + std::to_string(i), i);
-  makeTree();
-  dataExporter()->updateDataCoalesceTimeIs(0.01);
+  makeSlowTree();
   uint64_t waited = 0;
   for (uint32_t i = 5001; i <= 5500; ++i) {
     intfIs("eth" + std::to_string(i), i);
