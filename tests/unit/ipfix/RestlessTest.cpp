@@ -261,7 +261,8 @@ class Restless : public TreeTest {
           ASSERT_TRUE(e->collectorIpAndPort().contains(c) || e->collectorIp6AndPort().contains(c));
         configured.insert(e.get());
         const bool keys = status && manager->ftManagerSm(ftName)->flowKeySm()->dataRecords() > 0;
-        const auto sends = [&, ftName = ftName](const Ptr<UdpPam>& pam, const auto& collectors) {
+        const auto sends = [&, ftName = ftName, e = e](const Ptr<UdpPam>& pam,
+                                                       const auto& collectors) {
           std::set<std::string> places;
           for (const auto& [c, dst] : collectors) {
             const Tarn::Ipfix::CollectorInfo place(dst.addr, dst.port);

@@ -15,8 +15,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr Seconds never = 1h;
-
 class Scheduler : public testing::TestWithParam<HostKind> {
  protected:
   std::unique_ptr<TimerTask> task(
