@@ -1,9 +1,6 @@
 #pragma once
 #include <algorithm>
 #include <cstdint>
-#include <filesystem>
-#include <fstream>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -109,19 +106,6 @@ struct Boxed {
     packet.interface = 3;
   }
 };
-
-/// Hands out each input of a fuzzer's corpus; returns how many there are.
-inline size_t eachOfCorpus(const char* name,
-                           const std::function<void(const std::vector<uint8_t>&)>& use) {
-  size_t inputs = 0;
-  for (const auto& file :
-       std::filesystem::directory_iterator(TARN_CORPUS "/" + std::string(name))) {
-    std::ifstream in(file.path(), std::ios::binary);
-    use({std::istreambuf_iterator<char>(in), {}});
-    ++inputs;
-  }
-  return inputs;
-}
 
 /// All that a parse says, in one line.
 inline std::string textOf(const Parsed& p) {

@@ -10,6 +10,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <fstream>
 #include <functional>
 #include <map>
 #include <set>
