@@ -20,7 +20,7 @@ constexpr size_t queueMax = 64;  // a manager that reads nothing for so long has
 std::deque<std::string> queue;
 std::function<void()> queuedHandler;
 
-/// False: the socket is full.
+/// False: the socket is full, or cannot be had.
 bool send(const std::string& message) {
   const char* path = std::getenv("NOTIFY_SOCKET");
   sockaddr_un to{};
@@ -29,7 +29,10 @@ bool send(const std::string& message) {
   to.sun_family = AF_UNIX;
   std::copy_n(path, len, to.sun_path);
   if (*path == '@') to.sun_path[0] = '\0';  // Linux's abstract names
-  const platform::Fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  // Kept open: who has no descriptor left is alive all the same.
+  static platform::Fd fd;
+  if (!fd) fd = platform::Fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!fd) return false;
   const auto toLen = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + len);
   return sendto(fd.get(), message.data(), message.size(), MSG_NOSIGNAL,
                 reinterpret_cast<const sockaddr*>(&to), toLen) >= 0 ||
