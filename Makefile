@@ -4,7 +4,7 @@ BUILD := build
 JOBS ?= $(shell nproc)
 
 .PHONY: build run test bench bench-peers bench-probe bench-agent fuzz lint asan clang valgrind soak \
-        format install package try-package clean
+        torment format install package try-package clean
 build:
 	@scripts/install-deps build
 	cmake --preset release
@@ -26,6 +26,14 @@ soak:
 	cmake --preset release -DTARN_TESTS=ON
 	cmake --build $(BUILD) -j $(JOBS)
 	ctest --test-dir $(BUILD) --output-on-failure -L long
+
+# An hour of random operations against the agent; TARN_BUILD_DIR=build-asan: under the sanitizers.
+TORMENTED := $(or $(TARN_BUILD_DIR),$(BUILD))
+torment:
+	@scripts/install-deps test
+	cmake --preset $(if $(findstring asan,$(TORMENTED)),asan,release)
+	cmake --build $(TORMENTED) -j $(JOBS) --target tarnflowd tarnflow
+	TARN_SECONDS=$${TARN_SECONDS:-3600} tests/system/run $(TORMENTED) -s test_torment.py
 
 bench:
 	@scripts/install-deps test

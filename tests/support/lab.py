@@ -62,6 +62,14 @@ class Program:
     def out(self):
         return self._out.read_text(errors="backslashreplace")
 
+    def lines_from(self, at):
+        """The whole lines of standard output from octet `at` on, and where they end."""
+        with open(self._out, "rb") as out:
+            out.seek(at)
+            text = out.read()
+        text = text[:text.rfind(b"\n") + 1]
+        return text.decode(), at + len(text)
+
     def err(self):
         return self._err.read_text(errors="backslashreplace")
 
