@@ -71,7 +71,7 @@ def same_flows(stored, expected, times):
         one.packets += r["in_packets"]
         one.octets += r["in_bytes"]
         if protocol == traffic.TCP:
-            one.flags |= sum(1 << bit for bit, letter in enumerate("FSRPA") if letter in r["tcp_flags"])
+            one.flags |= sum(1 << n for n, letter in enumerate("FSRPA") if letter in r["tcp_flags"])
         first, last = (datetime.datetime.fromisoformat(r[k] + "+00:00").timestamp() * 1000
                        for k in ("first", "last"))
         before = found_times.get(key, (first, last))
@@ -155,7 +155,8 @@ def test_every_flow_as_it_was(house):
 def reading(lab, name, capture, text):
     """tarnflowd that reads a capture, with counters of its own; and its configuration file."""
     file = lab.path(f"{name}.toml")
-    file.write_text(text.replace('"/tarnflow"', f'"/{name}"').replace("control.sock", f"{name}.sock"))
+    text = text.replace("control.sock", f"{name}.sock")
+    file.write_text(text.replace('"/tarnflow"', f'"/{name}"'))
     return lab.start(name, AGENT, "--config", file, "--read", capture), file
 
 

@@ -18,7 +18,7 @@ RIGHT = [DATA, message([(3, b"".join(template(i, fields, scope) for i, (scope, f
          message([(65281, interface_records(1, 2))]),
          message([(65281, interface_records(3))], sequence=2)]
 WRONG = {
-    "sequence does not grow by the records": [*RIGHT[:3], message([(65281, interface_records(3))], 1)],
+    "sequence grows less than by records": [*RIGHT[:3], message([(65281, interface_records(3))], 1)],
     "sequence grows by templates": [DATA, message([(2, template(300, [(1, 8)]))], sequence=2)],
     "set longer than the message": [DATA[:18] + b"\x7f\xff" + DATA[20:]],
     "message length too small": [DATA[:2] + b"\x00\x20" + DATA[4:]],

@@ -124,8 +124,8 @@ def test_says_what_the_counters_say(lab):
 def test_everyone_recovers_from_kill(lab):
     """Agent, tool and metrics process die without warning, in any order: each that starts again, or
     goes on, tells a living agent from a dead one, and shows nothing of the dead."""
-    made = {"agent": lambda: Agent(lab, ONE), "metrics": lambda: Metrics(lab), "watch": lambda: lab.start(
-        "watch", TOOL, "show", "counters", "--json", "--watch", "0.05")}
+    made = {"agent": lambda: Agent(lab, ONE), "metrics": lambda: Metrics(lab),
+            "watch": lambda: lab.start("watch", TOOL, "show", "counters", "--json", "--watch", "0.05")}
     live = {name: make() for name, make in made.items()}
 
     def judge(alive):
