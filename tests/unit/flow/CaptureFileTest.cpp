@@ -15,6 +15,7 @@
 
 namespace agent::flow {
 namespace {
+using platform::CaptureFile;
 using Bytes = std::vector<uint8_t>;
 
 /// Writes either byte order.
