@@ -193,7 +193,9 @@ TEST(CaptureFile, PcapHeader) {
   EXPECT_EQ(packets(Pcap(true, 276)), "1 5000006000 62/100 sll2\n1 1000000000 3/3 sll2\n");
   EXPECT_EQ(packets(Pcap(false, 127)), "");
   // A writer that leaves the wire length out.
-  CaptureFile file("x", Pcap().packet(4, 0, frame, 10).octets);
+  Pcap withoutLength;
+  withoutLength.packet(4, 0, frame, 10);
+  CaptureFile file("x", withoutLength.octets);
   EXPECT_EQ(packetsOf(file), "1 4000000000 62/62 ethernet\n");
 }
 
