@@ -386,7 +386,7 @@ TEST_P(SlowWire, WhatIsDroppedOnTheWayOutIsCountedAndWhatNobodyHearsByDestinatio
   settle();
   ASSERT_TRUE(rate("20mbit"));
   uint64_t arrived = 0;
-  while (sink->next(200)) ++arrived;
+  while (sink->next(1000)) ++arrived;
   EXPECT_EQ(pam->counters().sent, arrived);
   EXPECT_EQ(pam->counters().dropByErrno, (Drops{{ENOBUFS, 200 - arrived}}));
   EXPECT_THAT(trace.all, ElementsAre(testing::EndsWith("the queue of the interface drops")));
