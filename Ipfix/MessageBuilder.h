@@ -197,7 +197,8 @@ class TARN_API MessageBuilder final : public Entity {
     for (++it; it != end; ++it) {
       if (!*it) continue;
       const std::string_view octets = (*it)->data();
-      if (octets.size() > static_cast<size_t>(limit - to) || octets.empty()) break;
+      // An empty record ends the run too: 0 less 1 is larger than any room.
+      if (octets.size() - 1 >= static_cast<size_t>(limit - to)) break;
       std::memcpy(to, octets.data(), octets.size());
       to += octets.size();
       ++n;
