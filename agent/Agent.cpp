@@ -206,8 +206,11 @@ void Agent::startLocalCollectors() {
         [exporters](FlowTracking::TemplateId id, RecordLens lens, std::string_view records) {
           exporters->recordsIs(id, lens, records);
         },
-        [exporters] { exporters->flush(); }, [exporters] { exporters->end(); },
-        [exporters] { return exporters->queued(); }, [exporters] { return exporters->counters(); }};
+        [exporters] { exporters->flush(); },
+        [exporters] { exporters->end(); },
+        [exporters] { return exporters->templatesTold(); },
+        [exporters] { return exporters->queued(); },
+        [exporters] { return exporters->counters(); }};
   });
 }
 

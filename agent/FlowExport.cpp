@@ -160,6 +160,15 @@ void FlowExport::count(const Route& to, const Tarn::Ipfix::CollectorInfo& collec
   tree_.statistics->statsIs(entry);
 }
 
+bool FlowExport::templatesTold() const {
+  const auto templates = tree_.templateSm->ftTemplateSm(trackerName_);
+  if (!templates) return true;
+  const auto& all = templates->ftExporterSm();
+  return std::none_of(all.begin(), all.end(), [](const auto& exporter) {
+    return exporter.second->templateCreationTask()->scheduled();
+  });
+}
+
 bool FlowExport::ready() const {
   const auto tracker = ftConfig();
   if (!tracker) return false;

@@ -61,6 +61,8 @@ class FlowExport {
   void flush();
   /// The same for the last time: what cannot leave now is lost and counted.
   void end();
+  /// No exporter has yet to tell its collectors of templates that changed.
+  bool templatesTold() const;
   /// At least one exporter has a ready collector.
   bool ready() const;
   /// Datagrams that wait in the fullest endpoint of the tracker.

@@ -13,8 +13,7 @@ using HwFlowTracking::ExporterConfig;
 using HwFlowTracking::FtConfig;
 using Ipfix::IpfixConst;
 
-constexpr TaskPriority beforeTemplates = 1;  // the library's template tasks have 2
-constexpr TaskPriority afterTemplates = 3;
+constexpr TaskPriority afterTemplates = 3;  // the library's template tasks have 2
 /// How long records may gather into fuller messages.
 constexpr Seconds flushDelay{0.1};
 /// How soon it is looked again whether reading can go on.
@@ -115,11 +114,8 @@ LocalCollector::LocalCollector(std::string trackerName, Ptr<FtConfig> config,
                 .withdraw = [this](TemplateId id) { withdraw(id); },
                 .records = sink_.records}),
       pams_(FlowTracking::localCollectorPamsFactory(trackerName_)),
-      settleBeginTask_(host.scheduler->timerTask("localCollectorSettleBegin-" + trackerName_,
-                                                 beforeTemplates,
-                                                 [this] { decoder_.settleBegin(); })),
       settleTask_(host.scheduler->timerTask("localCollectorSettle-" + trackerName_, afterTemplates,
-                                            [this] { decoder_.settle(); })),
+                                            [this] { settle(); })),
       flushTask_(host.scheduler->timerTask("localCollectorFlush-" + trackerName_, afterTemplates,
                                            [this] { sink_.flush(); })),
       reviewTask_(host.scheduler->timerTask("localCollectorReview-" + trackerName_, afterTemplates,
@@ -250,11 +246,18 @@ void LocalCollector::publish(TemplateId id, const PassedLayout& layout) {
   trace(TraceLevel::event, "LocalCollector::", "publish ", trackerName_, " templateId: ", id,
         ", fields: ", layout.size());
   status_->templateStatusIs(status);
-  // Around the tasks that this sets off, which tell the collectors of it. What is published after
-  // the first of the two is told, and settled, the next time. A run that is due is kept: who
-  // publishes again and again cannot postpone it.
-  settleBeginTask_->scheduleLowestIs(Seconds(0));
   settleTask_->scheduleLowestIs(Seconds(0));
+}
+
+/// The library's tasks, which `publish` set off, tell the collectors, and usually run before this
+/// one. Not always: a round of tasks may end between two of them, and a template that is published
+/// then is told after a run of this task that was due before.
+void LocalCollector::settle() {
+  if (sink_.told()) {
+    decoder_.settle();
+  } else {
+    settleTask_->scheduleIs(Seconds(0));
+  }
 }
 
 void LocalCollector::withdraw(TemplateId id) {

@@ -30,6 +30,8 @@ struct LocalCollectorSink {
   std::function<void()> flush;
   /// The same for the last time.
   std::function<void()> end;
+  /// Whether the collectors have been told of the templates as they are published now.
+  std::function<bool()> told;
   /// Datagrams that wait to leave, in the fullest endpoint.
   std::function<uint64_t()> queued;
   std::function<FlowExport::Counters()> counters;
@@ -86,6 +88,7 @@ class LocalCollector {
   void handleSources() { loops_.exportersAre(trackerName_, *config_); }
   void handleTick();
   void publish(FlowTracking::TemplateId id, const PassedLayout& layout);
+  void settle();
   void withdraw(FlowTracking::TemplateId id);
   void tellTroubles(const char* when);
   void tellCounters();
@@ -111,7 +114,6 @@ class LocalCollector {
   Ptr<UdpPam> heard_;  // the endpoint whose datagrams come here
 
   const Ptr<FlowTracking::LocalCollectorPams> pams_;
-  std::unique_ptr<TimerTask> settleBeginTask_;
   std::unique_ptr<TimerTask> settleTask_;
   std::unique_ptr<TimerTask> flushTask_;
   std::unique_ptr<TimerTask> reviewTask_;

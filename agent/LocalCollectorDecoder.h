@@ -116,9 +116,8 @@ class LocalCollectorDecoder {
 
   /// Takes one datagram.
   void decode(std::string_view datagram, const IpGenAddr& from, uint16_t port);
-  /// The collectors are about to be told of the layouts that were published so far, and `settle`:
-  /// they have been. Until then none of these is withdrawn: records of it may be waiting behind it.
-  void settleBegin() { settling_ = fresh_.size(); }
+  /// The collectors have been told of all layouts that were published so far. Until then none of
+  /// these is withdrawn: records of it may be waiting behind it.
   void settle();
   /// Time passes; forgets what is due.
   void advance(Seconds d);
@@ -230,8 +229,7 @@ class LocalCollectorDecoder {
   Layouts layouts_;
   uint32_t publishedLen_ = 0;  // octets of all published templates
   std::map<FlowTracking::TemplateId, Layouts::value_type*> ids_;
-  std::vector<Layouts::value_type*> fresh_;
-  size_t settling_ = 0;  // of these, how many the next `settle` is about
+  std::vector<Layouts::value_type*> fresh_;  // the collectors were not told of these yet
   std::string scratch_;
   std::vector<uint16_t> lens_;
 };

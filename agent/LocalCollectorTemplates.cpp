@@ -362,10 +362,7 @@ void LocalCollectorDecoder::withdraw(Layouts::value_type* layout) {
 }
 
 void LocalCollectorDecoder::settle() {
-  const auto end = fresh_.begin() + static_cast<ptrdiff_t>(std::exchange(settling_, 0));
-  const std::vector<Layouts::value_type*> settled(fresh_.begin(), end);
-  fresh_.erase(fresh_.begin(), end);
-  for (Layouts::value_type* layout : settled) {
+  for (Layouts::value_type* layout : std::exchange(fresh_, {})) {
     layout->second.fresh = false;
     if (layout->second.uses.empty()) withdraw(layout);
   }

@@ -69,7 +69,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // A copy of its own, so that a read behind its end is seen.
     const std::vector<char> octets(rest.begin(), rest.begin() + static_cast<ptrdiff_t>(len));
     rest = rest.subspan(len);
-    if (what & 0x08) decoder.settleBegin();
     if (what & 0x10) decoder.settle();
     if (what & 0x20) decoder.advance(Seconds(what & 0x40 ? 301 : 50));
     if (what & 0x80) decoder.roomIs(what & 0x40 ? 40 : 1432);

@@ -116,12 +116,8 @@ class DecoderTest : public testing::Test {
     const std::vector<char> octets(datagram.begin(), datagram.end());
     decoder.decode({octets.data(), octets.size()}, IpAddr(from), port);
   }
-  void settleBegin() {
-    telling = untold;
-    decoder.settleBegin();
-  }
   void settle() {
-    for (const TemplateId id : telling) untold.erase(id);
+    untold.clear();
     decoder.settle();
   }
   void advance(Seconds d) {
@@ -136,7 +132,6 @@ class DecoderTest : public testing::Test {
   std::map<TemplateId, PassedLayout> published;
   std::map<TemplateId, std::pair<PassedLayout, Seconds>> resting;  // what it meant, since when
   std::set<TemplateId> untold;                                     // of the published
-  std::set<TemplateId> telling;
   std::vector<std::string> passed;
   size_t calls = 0;  // of `records`
   LocalCollectorDecoder decoder;
@@ -144,7 +139,6 @@ class DecoderTest : public testing::Test {
 
 TEST_F(DecoderTest, RoomDecidesWhatIsPublished) {
   const auto ids = [this] {
-    settleBegin();
     settle();
     std::string out;
     for (const auto& [id, layout] : published)
@@ -403,7 +397,6 @@ TEST_F(RandomTest, EveryRecordTemplateAndNumberIsAccountedFor) {
     if (pick(20) == 0) hear(malformed(message(sets)), d.port, d.address);
     ++expected.messages;
     hear(message(sets, sequence(d), d.domain), d.port, d.address);
-    if (pick(2) == 0) settleBegin();
     if (pick(2) == 0) settle();
     if (pick(10) == 0) advance(Seconds(times[pick(std::size(times))]));
     for (Device& other : devices) {
@@ -477,7 +470,6 @@ TEST_P(HostileTest, TheOthersLoseNothing) {
     attack(n);
     if (n == 700) start(devices.emplace_back(Device{0x0a000004, 4}));  // was not there before
     if (n == 1000) start(devices[0] = {0x0a000001, 7});                // starts anew
-    settleBegin();
     settle();
     if (n % 20 == 1)
       for (const Device& d : devices) sendRecords(d);
@@ -495,7 +487,6 @@ TEST_P(HostileTest, TheOthersLoseNothing) {
   // What is left of the flood is forgotten in time.
   for (int i = 0; i < 600; ++i) {
     advance(Seconds(10));
-    settleBegin();
     settle();
   }
   EXPECT_EQ(decoder.streams() + decoder.templates() + published.size() + decoder.layouts(), 0u);
@@ -533,12 +524,20 @@ class CollectorTest : public testing::Test {
     all->keepOnly(*config);
     all->follow(*config, *status, [this](const std::string& /*name*/) {
       return LocalCollectorSink{
-          [this](TemplateId id, RecordLens lens, std::string_view all) {
-            EXPECT_TRUE(ftStatus->templateStatus(id));
-            each(lens, all, [&](std::string_view r) { passed.emplace_back(r); });
-          },
-          [this] { flushed = passed.size(); }, [] {}, [this] { return queued; },
-          [this] { return sent; }};
+          .records =
+              [this](TemplateId id, RecordLens lens, std::string_view all) {
+                EXPECT_TRUE(ftStatus->templateStatus(id));
+                each(lens, all, [&](std::string_view r) { passed.emplace_back(r); });
+              },
+          .flush =
+              [this] {
+                flushed = passed.size();
+                EXPECT_EQ(tellings, 0) << "a template is withdrawn that nobody was told of";
+              },
+          .end = [] {},
+          .told = [this] { return tellings == 0 || --tellings == 0; },
+          .queued = [this] { return queued; },
+          .counters = [this] { return sent; }};
     });
   }
   void send(const std::string& datagram, IpAddr from = IpAddr(0x0a000063)) {
@@ -574,6 +573,7 @@ class CollectorTest : public testing::Test {
   std::vector<std::string> passed;
   size_t flushed = 0;
   uint64_t queued = 0;
+  int tellings = 0;  // rounds until the collectors have been told
 };
 
 TEST_F(CollectorTest, PublishesTemplatesAndPassesRecordsOn) {
@@ -589,6 +589,10 @@ TEST_F(CollectorTest, PublishesTemplatesAndPassesRecordsOn) {
   EXPECT_EQ(flushed, 1u);
   send(message(set(300, "aaaa-bb") + templates(300, {{6, 1}})));
   EXPECT_EQ(flushed, 2u) << "records leave before their template is withdrawn";
+  tellings = 3;
+  send(message(templates(301, {{82, 9}}) + set(301, "interface") + templates(301, {{6, 1}})));
+  EXPECT_EQ(flushed, 3u);
+  EXPECT_EQ(ftStatus->templateStatus().size(), 1u);
 
   // What fits depends on the smallest exporter.
   const auto small = HwFlowTracking::exporterConfigFactory("little");
