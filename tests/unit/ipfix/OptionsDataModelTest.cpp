@@ -375,7 +375,10 @@ class World : private Tree {
   void trackerChange() {
     const std::string name = pick(2) == 0 ? "ft1" : "ft2";
     const auto config = hwConfig->ftConfig(name);
-    const size_t what = pick(4);
+    size_t what = pick(4);
+    // Who is telling at this moment holds an endpoint: what waits in it leaves later on, and the
+    // model could not tell it from the sessions that would begin anew.
+    if (what == 2 && !meddles_) what = 1;
     if (what == 3 && config) {  // the sessions go on, the counters do not
       const bool meddles = std::exchange(meddles_, false);  // nobody adds one meanwhile
       for (auto& e : exporters_)
