@@ -140,6 +140,9 @@ class Collector:
         del self.rows[:-20000]
         return self
 
+    def heard(self):
+        return self.datagrams, self.records
+
     def table(self, number, name):
         """{name: number} of what was told of a table in the last two and a half seconds."""
         return {r[name]: r[number] for when, r in self.read().rows
@@ -192,6 +195,7 @@ class Life:
 
     def differences(self):
         """What is not equal: what, counted here, counted there, how late there, both at first."""
+        earlier = {key: self.heard[key].read().heard() for key in STEADY}
         shown, paths = show_counters(), flows()
         entries = {(e["tracker"], e["exporter"], e["collectorAddress"], e["collectorPort"]): e
                    for e in shown["entries"]}
@@ -208,8 +212,9 @@ class Life:
         for key in STEADY:
             c = self.heard[key].read()
             assert not c.faults and len(c.sources) == 1, (key, c.faults[:3], c.sources)
-            rows += [(f"{what} of {key}", entries[key][what], there)
-                     for what, there in (("messages", c.datagrams), ("records", c.records))]
+            # What comes while a tool with a sanitizer starts, which takes seconds, is not in it.
+            rows += [(f"{what} of {key}", entries[key][what], there, *([there - before] if ASAN else []))
+                     for what, there, before in zip(("messages", "records"), c.heard(), earlier[key])]
             if key[0] == "edge":
                 rows.append((f"packets of {key}", edge["packets"] - edge["lostPackets"], c.packets))
         handed = containers.Counter()
@@ -217,7 +222,7 @@ class Life:
             handed[*to[:2], 6 if ":" in to[2] else 4] += found["messages"]
         # Endpoints are looked at once a second.
         now = time.monotonic()
-        self.handed = [h for h in self.handed if h[0] > now - 2] + [(now, handed)]
+        self.handed = [h for h in self.handed if h[0] > now - 2 * SLOW] + [(now, handed)]
         before = next((h for at, h in self.handed if at < now - 1.2), None)
         if before is None:
             return "not counted for long enough"
