@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 
+#include <malloc.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
@@ -89,6 +90,11 @@ int run(const AgentOptions& options, AgentLog& log) {
 
 int main(int argc, char** argv) {
   platform::fillStandardDescriptors();
+#ifdef __GLIBC__
+  // Each thread would reserve 64 MiB of addresses for what it allocates, and keep them when it
+  // ends: under a limit, a capture that comes later would not get its ring.
+  ::mallopt(M_ARENA_MAX, 2);
+#endif
   CLI::App app{"tarnflowd: exports flow information over IPFIX (RFC 7011)."};
   AgentOptions options;
   std::string checkFile;

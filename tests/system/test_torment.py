@@ -213,8 +213,10 @@ class Life:
             c = self.heard[key].read()
             assert not c.faults and len(c.sources) == 1, (key, c.faults[:3], c.sources)
             # What comes while a tool with a sanitizer starts, which takes seconds, is not in it.
-            rows += [(f"{what} of {key}", entries[key][what], there, *([there - before] if ASAN else []))
-                     for what, there, before in zip(("messages", "records"), c.heard(), earlier[key])]
+            for what, there, before in zip(("messages", "records"), c.heard(), earlier[key]):
+                here = entries[key][what]
+                rows.append((f"{what} of {key}", here,
+                             here if ASAN and before <= here <= there else there))
             if key[0] == "edge":
                 rows.append((f"packets of {key}", edge["packets"] - edge["lostPackets"], c.packets))
         handed = containers.Counter()
