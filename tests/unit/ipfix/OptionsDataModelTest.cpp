@@ -72,7 +72,7 @@ class World : private Tree {
         &W::vrfIs, &W::vrfDel, &W::mtuIs, &W::collectorIs, &W::anyCollectorDel, &W::collectorMove,
         &W::sourceChange, &W::templateChange, &W::paramChange, &W::now, &W::later,
         &W::fullTransmission, &W::fullTransmission, &W::exporterChange, &W::vrfChange,
-        &W::refusal, &W::trackerChange, &W::intervalChange, &W::soon, &W::soon, &W::coalescing};
+        &W::refusal, &W::trackerChange, &W::intervalChange, &W::soon, &W::soon, &W::coalescing, &W::flap};
     // clang-format on
     (this->*events[pick(std::size(events))])();
     receive();
@@ -439,6 +439,20 @@ class World : private Tree {
       o[14] = static_cast<uint8_t>(++last_);
       c.srcIp6AddrIs(c.srcIp6Addr().isZero() || pick(3) == 0 ? Ip6Addr(o) : Ip6Addr());
     }
+  }
+  /// Not ready for a moment, in which something changes.
+  void flap() {
+    const auto config = anExporter().config;
+    const IpAddr four = config->srcIpAddr();
+    const Ip6Addr six = config->srcIp6Addr();
+    intfRename();
+    soon();
+    config->srcIpAddrIs({});
+    config->srcIp6AddrIs({});
+    intfRename();
+    sim->runRound();
+    config->srcIpAddrIs(four);
+    config->srcIp6AddrIs(six);
   }
   void templateIs_p(HwFlowTracking::FtStatus& status, TemplateId id) {
     auto t = status.templateStatus(id);
