@@ -18,8 +18,7 @@ class SimHost final : public Host {
   Platform& platform() override { return *sim_; }
   Ptr<TaskScheduler> scheduler() override { return sim_->scheduler(); }
   void pass(Seconds d) override { sim_->advance(d); }
-  IpAndPort sink4(int i) override { return {*IpAddr::fromString("10.99.0.1"), port(i)}; }
-  Ip6AndPort sink6(int i) override { return {*Ip6Addr::fromString("2001:db8::1"), port(i)}; }
+  uint16_t sinkPort(bool, int i) override { return static_cast<uint16_t>(4739 + i); }
   std::vector<SimDatagram> received(size_t) override {
     auto all = sim_->takeSent();
     std::ranges::stable_sort(all, {}, &SimDatagram::dstPort);
@@ -30,7 +29,6 @@ class SimHost final : public Host {
   }
 
  private:
-  static uint16_t port(int i) { return static_cast<uint16_t>(4739 + i); }
   const std::unique_ptr<SimPlatform> sim_ = simPlatform();
 };
 
@@ -45,11 +43,12 @@ class LinuxHost final : public Host {
     while (!over) loop_->runOnce(Seconds(1));
     loop_->runOnce(Seconds(0));  // what the last round left
   }
-  IpAndPort sink4(int i) override {
-    return {*IpAddr::fromString("10.99.0.1"), receiver(i, "10.99.0.1").port()};
-  }
-  Ip6AndPort sink6(int i) override {
-    return {*Ip6Addr::fromString("2001:db8::1"), receiver(i + 2, "2001:db8::1").port()};
+  uint16_t sinkPort(bool ipv6, int i) override {
+    auto& r = receivers_[static_cast<size_t>(ipv6 ? i + 2 : i)];
+    if (!r)
+      r = std::make_unique<support::Receiver>(
+          *IpGenAddr::fromString(ipv6 ? "2001:db8::1" : "10.99.0.1"));
+    return r->port();
   }
   std::vector<SimDatagram> received(size_t n) override {
     std::vector<SimDatagram> out;
@@ -79,12 +78,6 @@ class LinuxHost final : public Host {
   }
 
  private:
-  support::Receiver& receiver(int i, const char* addr) {
-    auto& r = receivers_[static_cast<size_t>(i)];
-    if (!r) r = std::make_unique<support::Receiver>(*IpGenAddr::fromString(addr));
-    return *r;
-  }
-
   Lines trace_;
   NoLog log_;
   const Ptr<EventLoop> loop_ = eventLoopFactory();

@@ -17,9 +17,9 @@ class Host {
   virtual platform::Ptr<platform::TaskScheduler> scheduler() = 0;
   /// Lets at least this much time pass; what comes due runs.
   virtual void pass(platform::Seconds d) = 0;
-  /// Where datagrams may be sent to so that `received` shows them: two ports of each family.
-  virtual platform::IpAndPort sink4(int i) = 0;
-  virtual platform::Ip6AndPort sink6(int i) = 0;
+  /// Where datagrams may be sent to so that `received` shows them: two ports of each family's first
+  /// address (10.99.0.1, 2001:db8::1).
+  virtual uint16_t sinkPort(bool ipv6, int i) = 0;
   /// Everything that arrived there, in order per sink; waits until `n` are there, or some seconds.
   virtual std::vector<platform::SimDatagram> received(size_t n) = 0;
   virtual platform::Ptr<platform::SharedTable> table(size_t keyLen, size_t valueLen,
