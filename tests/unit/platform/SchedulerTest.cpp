@@ -1,63 +1,17 @@
-// The task scheduler's contract, over both platforms; then the queue that both share against a
-// plain model.
+// The queue of tasks that both platforms share, against a plain model.
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <cmath>
 #include <map>
 #include <random>
 
 #include "platform/TimerQueue.h"
 #include "tests/support/Random.h"
-#include "tests/unit/platform/Host.h"
 
 using namespace platform;
 using namespace std::chrono_literals;
 
 namespace {
-
-class Scheduler : public testing::TestWithParam<HostKind> {
- protected:
-  std::unique_ptr<TimerTask> task(
-      const std::string& name, TaskPriority priority = 2, std::function<void()> more = [] {}) {
-    return host->scheduler()->timerTask(name, priority, [this, name, more] {
-      ran += name + ' ';
-      more();
-    });
-  }
-  const std::unique_ptr<Host> host = GetParam().make();
-  std::string ran;
-};
-
-TEST_P(Scheduler, RunsByDueTimeThenPriorityThenOrderOfScheduling) {
-  auto late = task("late", 0);
-  auto mid = task("mid", 9);
-  auto a = task("a"), b = task("b", 1), c = task("c"), d = task("d", 1), e = task("e");
-  late->scheduleIs(12ms);
-  mid->scheduleIs(6ms);
-  a->scheduleIs(0ms);
-  b->scheduleIs(0ms);
-  c->scheduleIs(-5s);
-  d->scheduleIs(0ms);
-  e->scheduleIs(0ms);
-  a->scheduleIs(0ms);  // again: its place is now the last
-  EXPECT_EQ(ran, "") << "never inside the call that schedules";
-  host->pass(20ms);
-  EXPECT_EQ(ran, "b d c e a mid late ");
-  std::unique_ptr<TimerTask> self = task("self", 0, [&] {
-    EXPECT_TRUE(self->running() && !self->scheduled());
-    EXPECT_FALSE(self->shouldYield()) << "the body has only begun";
-    self = nullptr;
-    b = nullptr;
-  });
-  ran.clear();
-  self->scheduleIs(0s);
-  b->scheduleIs(0s);
-  host->pass(5ms);
-  EXPECT_EQ(ran, "self ") << "a body may destroy any task";
-}
-
-INSTANTIATE_TEST_SUITE_P(On, Scheduler, testing::ValuesIn(hostKinds),
-                         [](const auto& info) { return std::string(info.param.name); });
 
 /// A queue under random operations, from outside and from inside bodies, against a list that is
 /// searched from end to end.
@@ -85,6 +39,8 @@ class Model : public TimerQueue::Host {
     uint64_t seq = 0;
   };
 
+  static constexpr auto never = TimerQueue::Time::max();
+
   void due(Entry& e, TimerQueue::Time at) {
     e.pending = true;
     e.due = at;
@@ -104,16 +60,21 @@ class Model : public TimerQueue::Host {
       return;
     }
     Entry& e = it->second;
-    const int ms = static_cast<int>(random_() % 5);
-    const TimerQueue::Time at = ms == 0 ? roundTime_ : now_ + std::chrono::milliseconds(ms);
+    const Seconds delays[] = {0us, -5s, Seconds(std::nan("")), 700us, 1ms, 2200us, Seconds(1e300)};
+    const Seconds delay = delays[random_() % std::size(delays)];
+    TimerQueue::Time at = roundTime_;
+    if (delay > 1h) at = never;
+    if (delay > 0s && delay < 1h)
+      at = std::chrono::ceil<std::chrono::milliseconds>(
+          now_ + std::chrono::round<TimerQueue::Time>(delay));
     switch (random_() % 5) {
       case 0:
       case 1:
-        e.task->scheduleIs(std::chrono::milliseconds(ms));
+        e.task->scheduleIs(delay);
         due(e, at);
         break;
       case 2:
-        e.task->scheduleLowestIs(std::chrono::milliseconds(ms));
+        e.task->scheduleLowestIs(delay);
         if (!e.pending || at < e.due) due(e, at);
         break;
       case 3:
@@ -147,7 +108,12 @@ class Model : public TimerQueue::Host {
     return id;
   }
   void round() {
-    now_ += std::chrono::milliseconds(random_() % 3);
+    now_ += std::chrono::microseconds(random_() % 3000);
+    auto first = never;
+    for (const auto& [id, e] : entries_)
+      if (e.pending) first = std::min(first, e.due);
+    const auto next = queue_->nextDue().value_or(never);
+    ASSERT_TRUE(next == first || (first == never && next > now_ + 24h));
     roundTime_ = now_;
     roundSeq_ = seq_;
     queue_->roundIs(now_);
@@ -168,37 +134,12 @@ class Model : public TimerQueue::Host {
   uint64_t seq_ = 0;
   uint64_t roundSeq_ = 0;
   int got_ = -1;
-  const Ptr<TimerQueue> queue_ = Ptr<TimerQueue>::adopt(new TimerQueue(*this, 1ns));
+  const Ptr<TimerQueue> queue_ = Ptr<TimerQueue>::adopt(new TimerQueue(*this, 1ms));
   std::map<int, Entry> entries_;
 };
 
 TEST(TimerQueue, AgreesWithAPlainModel) {
   support::eachSeed(20, [](unsigned seed) { Model(seed).run(2000); });
-}
-
-TEST(TimerQueue, RoundsDueTimesUpToItsGrain) {
-  struct Clock final : TimerQueue::Host {
-    TimerQueue::Time now() const override { return t; }
-    bool shouldYield() const override { return false; }
-    TimerQueue::Time t{1500us};
-  } clock;
-  auto queue = Ptr<TimerQueue>::adopt(new TimerQueue(clock, 1ms));
-  std::string ran;
-  auto a = queue->timerTask("a", 2, [&] { ran += 'a'; });
-  auto b = queue->timerTask("b", 1, [&] { ran += 'b'; });
-  a->scheduleIs(200us);
-  clock.t += 100us;
-  b->scheduleIs(300us);
-  EXPECT_EQ(queue->nextDue(), TimerQueue::Time(2ms)) << "never early";
-  queue->roundIs(2ms);
-  while (queue->runNext()) {
-  }
-  EXPECT_EQ(ran, "ba");
-  a->scheduleIs(Seconds(1e300));
-  EXPECT_GT(*queue->nextDue(), 24h) << "no overflow";
-  a->scheduleIs(Seconds(std::numeric_limits<double>::quiet_NaN()));
-  EXPECT_EQ(queue->nextDue(), TimerQueue::Time(2ms));
-  queue->hostDel();
 }
 
 }  // namespace
