@@ -96,12 +96,6 @@ class Endpoint : public testing::TestWithParam<Kind> {
   std::unique_ptr<Host> host;
 };
 
-uint64_t dropped(const std::map<int, uint64_t>& byErrno) {
-  uint64_t sum = 0;
-  for (const auto& [error, n] : byErrno) sum += n;
-  return sum;
-}
-
 /// An endpoint's life at random, against what should arrive and be counted.
 TEST_P(Endpoint, SendsEachDatagramAsItWasAddressed) {
   support::eachSeed(4, [this](unsigned seed) {
@@ -109,11 +103,8 @@ TEST_P(Endpoint, SendsEachDatagramAsItWasAddressed) {
     const auto pick = [&](size_t n) { return random() % n; };
     auto pam = endpoint();
     const auto open = [&] { return pam->mode() == UdpPam::inService; };
-    struct Sent : SimDatagram {
-      bool gone = false;  // whoever was there, before it can have left for sure
-    };
-    Sent next;  // as it is addressed now: source none is any, port 0 is nowhere
-    std::vector<Sent> expected;
+    SimDatagram next;  // as it is addressed now: source none is any, port 0 is nowhere
+    std::vector<SimDatagram> expected;
     std::map<int, uint64_t> drops;
     uint64_t octets = 0;
     const auto send = [&] {
@@ -133,23 +124,11 @@ TEST_P(Endpoint, SendsEachDatagramAsItWasAddressed) {
       }
       if (stamped > 0) std::memset(pkt->at(0, stamped), 99, stamped);
     };
-    // Of those that are gone the last were dropped, if any: the others had left before.
-    const auto reckon = [&] {
-      for (size_t i = expected.size(); i-- > 0 && pam->counters().dropped > dropped(drops);) {
-        if (!expected[i].gone) continue;
-        ++drops[ECANCELED];
-        octets -= expected[i].octets.size();
-        expected.erase(expected.begin() + static_cast<ptrdiff_t>(i));
-      }
-      for (size_t i = 0; i < expected.size(); ++i)
-        EXPECT_FALSE(std::exchange(expected[i].gone, false) && i >= pam->counters().sent);
-    };
     const auto change = [&] {
       const size_t what = pick(18);
       if (what == 0) {
         pam->modeIs(UdpPam::outOfService);
         EXPECT_EQ(pam->counters().queued, 0u) << "all leaves before it closes";
-        reckon();
       } else if (what < 3) {
         const int fd = open() ? pam->fd() : 0;
         if (fd == 0) pace(*pam, pick(2) == 0);
@@ -168,8 +147,13 @@ TEST_P(Endpoint, SendsEachDatagramAsItWasAddressed) {
       } else if (what == 9) {
         const uint16_t to = port(static_cast<int>(pick(2)));
         pam->txDstDel(source(1), to);
-        for (Sent& d : expected) d.gone |= d.dstPort == to;
-      } else {
+        for (size_t i = expected.size(); i-- > pam->counters().sent;) {
+          if (expected[i].dstPort != to) continue;
+          ++drops[ECANCELED];
+          octets -= expected[i].octets.size();
+          expected.erase(expected.begin() + static_cast<ptrdiff_t>(i));
+        }
+      } else if (pam->counters().queued < 60) {  // less than leaves in the middle of a task
         send();
       }
     };
@@ -177,7 +161,6 @@ TEST_P(Endpoint, SendsEachDatagramAsItWasAddressed) {
       inTask([&] {
         for (int n = 0; n < 15; ++n) change();
       });
-      reckon();
       const auto& counters = pam->counters();
       ASSERT_EQ(counters.dropByErrno, drops);
       ASSERT_EQ(counters.sent + counters.queued, expected.size());
@@ -208,7 +191,7 @@ TEST_P(Endpoint, HandsOnWhatArrivesWholeAndInOrder) {
     std::deque<std::string> waits = {};  // in the socket, or read and not handed on yet
     uint64_t received = 0, octets = 0, lost = 0;
   };
-  support::eachSeed(5, [this](unsigned seed) {
+  support::eachSeed(8, [this](unsigned seed) {
     std::mt19937 random(seed);
     const auto pick = [&](size_t n) { return random() % n; };
     const auto from = opened();

@@ -6,12 +6,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <filesystem>
-#include <fstream>
+#include <random>
 
 #include "platform/UdpPam.h"
 #include "platform/linux/EventLoop.h"
 #include "platform/linux/Fd.h"
+#include "tests/support/Random.h"
 #include "tests/unit/platform/Sinks.h"
 
 using namespace platform;
@@ -51,36 +51,26 @@ class Loop : public testing::Test {
   Ptr<EventLoop> loop = eventLoopFactory();
 };
 
-TEST_F(Loop, ManyDueTasksLetDescriptorsIn) {
-  Pipe p;
-  int runs = 0;
-  int runsBefore = -1;
-  std::vector<std::unique_ptr<TimerTask>> tasks;
-  for (int i = 0; i < 60; ++i) {
-    tasks.push_back(task([&] {
-      if (++runs == 1) p.fill();
-      busy(2ms);
-    }));
-    tasks.back()->scheduleIs(0s);
-  }
-  auto watch = loop->fdWatch(p.in.get(), EPOLLIN, [&](uint32_t) {
-    runsBefore = runs;
-    p.drain();
-  });
-  while (runs < 60) loop->runOnce(1s);
-  EXPECT_GE(runsBefore, 1);
-  EXPECT_LE(runsBefore, 6) << "10 ms are five of these";
-}
-
 // Descriptors that are ready all the time, as those of flooded sockets are, and whose handlers take
-// longer than a round's share, each or together.
-TEST_F(Loop, DescriptorsThatAreAlwaysReadyLetTasksAndEachOtherIn) {
+// longer than a round's share, each or together; and tasks that are always due.
+TEST_F(Loop, DescriptorsAndTasksLetEachOtherIn) {
   struct Row {
     size_t count;
     std::chrono::milliseconds each;
+    size_t tasks;  // of 2 ms
   };
-  for (const auto& [count, each] : {Row{1, 15ms}, Row{60, 4ms}}) {
-    SCOPED_TRACE(count);
+  for (const auto& [count, each, busyTasks] : {Row{1, 15ms, 0}, Row{60, 4ms, 0}, Row{1, 0ms, 60}}) {
+    SCOPED_TRACE(each.count());
+    int runs = 0, mostRuns = 0;  // of those tasks since a handler was called
+    std::vector<std::unique_ptr<TimerTask>> tasks(busyTasks);
+    for (auto& t : tasks) {
+      t = task([&] {
+        mostRuns = std::max(mostRuns, ++runs);
+        busy(2ms);
+        t->scheduleIs(0s);
+      });
+      t->scheduleIs(0s);
+    }
     std::vector<Pipe> pipes(count);
     std::vector<std::unique_ptr<EventLoop::FdWatch>> watches;
     std::vector<int> calls(count, 0);
@@ -88,6 +78,7 @@ TEST_F(Loop, DescriptorsThatAreAlwaysReadyLetTasksAndEachOtherIn) {
       pipes[i].fill();
       watches.push_back(loop->fdWatch(pipes[i].in.get(), EPOLLIN, [&, i, each = each](uint32_t) {
         ++calls[i];
+        runs = 0;
         busy(each);
       }));
     }
@@ -113,85 +104,97 @@ TEST_F(Loop, DescriptorsThatAreAlwaysReadyLetTasksAndEachOtherIn) {
     lengthy->scheduleIs(0s);
     for (const auto end = Clock::now() + 800ms; Clock::now() < end;) loop->runOnce(1s);
     EXPECT_LT(std::max<std::chrono::nanoseconds>(latest, Clock::now() - due), 500ms);
-    EXPECT_GE(worked, 5ms);
+    EXPECT_TRUE(worked >= 5ms || each == 0ms);
+    EXPECT_LE(mostRuns, 6) << "10 ms are five of these";
     const auto [least, most] = std::minmax_element(calls.begin(), calls.end());
     EXPECT_LE(*most - *least, 1) << "all in turn";
   }
 }
 
-TEST_F(Loop, AWatchDestroyedInTheBatchHearsNothing) {
-  // Both are ready in one batch; whichever handler comes first does it to the other.
-  enum { own, other, anew, muted };
-  for (const int how : {own, other, anew, muted}) {
-    SCOPED_TRACE(how);
-    Pipe pipes[2];
-    std::unique_ptr<EventLoop::FdWatch> watches[2];
-    int calls[2] = {0, 0};
-    int late = 0;
-    for (int i = 0; i < 2; ++i) {
-      pipes[i].fill();
-      const auto held = std::make_shared<int>(1);
-      watches[i] = loop->fdWatch(pipes[i].in.get(), EPOLLIN, [&, i, held, how](uint32_t) {
-        if (++calls[i] > 1) return;
-        auto& victim = watches[how == own ? i : 1 - i];
-        if (how == muted) {
-          victim->eventsIs(0);
-        } else {
-          victim = nullptr;
-        }
-        if (how == anew)
-          victim = loop->fdWatch(pipes[1 - i].in.get(), EPOLLIN, [&](uint32_t) { ++late; });
-        EXPECT_EQ(*held, 1) << "a handler may destroy its own watch";
+// Watches, tasks and hooks that change each other at random from wherever they are called.
+TEST_F(Loop, CallsWhatIsThereAndHooksInTheirOrder) {
+  struct Slot {
+    Pipe pipe = {};
+    std::unique_ptr<EventLoop::FdWatch> watch = {};
+    int id = 0, born = 0, heard = 0;
+    bool full = false, on = false;
+  };
+  support::eachSeed(200, [this](unsigned seed) {
+    std::mt19937 random(seed);
+    const auto pick = [&](size_t n) { return random() % n; };
+    Slot slots[5];
+    std::unique_ptr<EventLoop::EndHook> hooks[4];
+    std::vector<size_t> asked, due;  // hooks that wait for the next end, and that run at this one
+    size_t inHook = std::size(hooks);
+    int round = 0, last = 0;
+    bool quiet = false, begun = false;  // the round has called somebody
+    std::function<void()> meddle;
+    const auto called = [&] {
+      EXPECT_TRUE(due.empty()) << "a hook did not run at its end";
+      begun = true;
+      meddle();
+      due = std::exchange(asked, {});
+    };
+    const auto watch = [&](Slot& s) {
+      const auto held = std::make_shared<int>(++last);
+      s.on = true;
+      s.id = last;
+      s.born = begun ? round : round - 1;
+      s.watch = loop->fdWatch(s.pipe.in.get(), EPOLLIN, [&, held](uint32_t) {
+        EXPECT_TRUE(s.watch && s.on && s.id == *held);
+        EXPECT_LT(s.born, round) << "the event was its predecessor's";
+        ++s.heard;
+        called();
+        EXPECT_GT(*held, 0) << "a handler may destroy its own watch";
       });
+    };
+    const auto hook = [&](size_t h) {
+      hooks[h] = loop->endHook([&, h] {
+        ASSERT_TRUE(!due.empty() && due.front() == h);
+        due.erase(due.begin());
+        inHook = h;
+        meddle();
+        inHook = std::size(hooks);
+      });
+    };
+    for (size_t h = 0; h < std::size(hooks); ++h) hook(h);
+    meddle = [&] {
+      for (size_t n = quiet ? 0 : pick(4); n > 0; --n) {
+        Slot& s = slots[pick(std::size(slots))];
+        const size_t what = pick(8), h = pick(std::size(hooks));
+        if (what < 3) {
+          s.watch = nullptr;
+          if (what > 0) watch(s);
+        } else if (what == 3 && s.watch) {
+          s.watch->eventsIs((s.on = !s.on) ? uint32_t{EPOLLIN} : 0u);
+        } else if (what == 4) {
+          s.full = !s.full;
+          s.full ? s.pipe.fill() : s.pipe.drain();
+        } else if (what == 5 && h != inHook) {  // which is taken back
+          hook(h);
+          for (auto* list : {&asked, &due}) std::erase(*list, h);
+        } else if (what > 5) {
+          hooks[h]->ask();
+          const bool waits = std::ranges::count(asked, h) + std::ranges::count(due, h) > 0;
+          if (!waits) asked.push_back(h);
+        }
+      }
+    };
+    const std::unique_ptr<TimerTask> tasks[] = {task(called), task(called)};
+    for (; round < 100; ++round) {
+      for (Slot& s : slots) s.heard = 0;
+      quiet = round % 10 == 0;
+      for (const auto& t : tasks)
+        if (pick(2)) t->scheduleIs(0s);
+      begun = false;
+      meddle();  // from outside the loop, too
+      due = std::exchange(asked, {});
+      loop->runOnce(due.empty() ? 0s : 30s);  // and does not sleep in front of a hook
+      EXPECT_TRUE(due.empty());
+      for (const Slot& s : slots)
+        EXPECT_TRUE(!quiet || !s.watch || !s.on || !s.full || s.heard > 0);
     }
-    loop->runOnce(0s);
-    EXPECT_EQ(calls[0] + calls[1], how == own ? 2 : 1);
-    EXPECT_EQ(late, 0) << "the event was its predecessor's";
-    loop->runOnce(0s);  // what is left of the watches hears again: both pipes stay readable
-    EXPECT_EQ(late, how == anew ? 1 : 0);
-    EXPECT_EQ(calls[0] + calls[1], 2);
-  }
-}
-
-TEST_F(Loop, HooksRunAtTheEndOfWhatAskedForThem) {
-  std::string log;
-  std::map<char, std::unique_ptr<EventLoop::EndHook>> hooks;
-  for (const char name : std::string_view("abdho"))
-    hooks[name] = loop->endHook([&log, name] { log += name; });
-  hooks['c'] = loop->endHook([&] {
-    log += "c";
-    hooks['d']->ask();
-    hooks['o'] = nullptr;  // asked for beside it, and taken back
   });
-  Pipe p;
-  p.fill();
-  auto watch = loop->fdWatch(p.in.get(), EPOLLIN, [&](uint32_t) {
-    p.drain();
-    hooks['h']->ask();
-    log += "H";
-  });
-  auto a = task([&] {
-    for (const char name : std::string_view("aba")) hooks[name]->ask();
-    log += "A";
-  });
-  auto b = task([&] {
-    hooks['c']->ask();
-    hooks['o']->ask();
-    log += "B";
-  });
-  a->scheduleIs(0s);
-  b->scheduleIs(0s);
-  hooks['o']->ask();
-  loop->runOnce(0s);
-  EXPECT_EQ(log, "oHhAabBc");
-  const auto start = Clock::now();
-  loop->runOnce(30s);
-  EXPECT_EQ(log, "oHhAabBcd");
-  EXPECT_LT(Clock::now() - start, 10s) << "nothing waits behind a sleeping loop";
-  hooks['a']->ask();
-  hooks['a'] = nullptr;
-  loop->runOnce(0s);
-  EXPECT_EQ(log, "oHhAabBcd");
 }
 
 TEST_F(Loop, WaitsForTheDueTimeAndNoLess) {
@@ -201,10 +204,7 @@ TEST_F(Loop, WaitsForTheDueTimeAndNoLess) {
     const auto start = Clock::now();
     t->scheduleIs(delay);
     int rounds = 0;
-    while (!ran) {
-      loop->runOnce(1h);
-      ++rounds;
-    }
+    for (; !ran; ++rounds) loop->runOnce(1h);
     EXPECT_GE(Clock::now() - start, delay);
     EXPECT_LE(rounds, 3) << "it sleeps in between";
     loop->runOnce(delay);
