@@ -31,7 +31,6 @@ namespace {
 constexpr size_t words = 110;  // about what a collector's record takes
 struct Key {
   uint64_t id = 0;
-  uint64_t pad[2] = {};
 };
 struct Value {
   uint64_t count = 0;
@@ -70,12 +69,11 @@ void write(const std::string& name) {
     if (!table->put(octets(key), octets(value))) fail("the table is full");
   };
   for (uint64_t id = 0; id < ids; ++id) put(id);
-  for (auto deletion = Clock::now(); Clock::now() >= deletion; deletion += deletionEvery) {
+  for (auto deletion = Clock::now();; put(random() % ids)) {
+    if (Clock::now() < deletion) continue;
+    deletion += deletionEvery;
     key.id = lasting + random() % (ids - lasting);
     table->del(octets(key));
-    do {
-      for (int i = 0; i < 64; ++i) put(random() % ids);
-    } while (Clock::now() < deletion + deletionEvery);
   }
 }
 
@@ -106,7 +104,7 @@ class Judge {
     if (k.size() != sizeof key || v.size() != sizeof value) fail("a record of another length");
     std::memcpy(&key, k.data(), sizeof key);
     std::memcpy(&value, v.data(), sizeof value);
-    if (key.id >= ids || key.pad[0] || key.pad[1]) fail("a torn key");
+    if (key.id >= ids) fail("a torn key");
     for (size_t i = 0; i < words; ++i)
       if (value.fill[i] != mixed(key.id, value.count, value.writer, i)) fail("a torn record");
     if (writer_ != 0 && value.writer != writer_) fail("two writers in one table");
@@ -114,10 +112,8 @@ class Judge {
     uint64_t& last = counts_[key.id];
     if (value.count < last) fail("a record went back in time");
     last = value.count;
-    ++records;
     return key.id;
   }
-  uint64_t records = 0;
 
  private:
   uint64_t generation_ = 0;
@@ -130,8 +126,7 @@ class Judge {
 struct Shared {
   std::atomic<bool> stop{false};
   std::atomic<uint64_t> generation{0};
-  std::atomic<uint64_t> records{0}, retries{0};
-  std::atomic<double> longest{0};  // seconds that one snapshot took
+  std::atomic<uint64_t> retries{0};
 };
 
 /// How many records are found by their key.
@@ -153,14 +148,13 @@ void readOn(const std::string& name, Shared& shared) {
   while (!shared.stop) {
     const auto start = Clock::now();
     const auto s = reader->snapshot();
-    shared.longest = std::max(shared.longest.load(), since(start));
+    if (since(start) > 5) fail("that is a hang");
     if (s.state == State::foreign) fail("a table of ours seen as foreign");
     if (s.generation != 0) {
       if (s.generation < shared.generation) fail("generations go back");
       shared.generation = s.generation;
     }
     judge.snapshot(s);
-    shared.records = judge.records;
     shared.retries += s.retries;
   }
 }
@@ -223,11 +217,7 @@ TEST(ShmCampaign, NoReaderHangsOrIsMisled) {
   EXPECT_EQ(status, 0) << "the reader process gave up";
   for (const char* suffix : {"", ".lock", ".new"})
     std::filesystem::remove("/dev/shm" + name + suffix);
-  std::cout << rounds << " writers killed, " << halfDone << " inside a record; " << shared->records
-            << " records read, " << shared->retries << " again; the longest snapshot "
-            << shared->longest * 1e3 << " ms\n";
   EXPECT_GT(found, wanted * 4 / 5) << "records are not found by their key";
-  EXPECT_LT(shared->longest, 5) << "that is a hang";
   EXPECT_GT(halfDone, 0) << "no writer died inside a record: nothing was tried";
   EXPECT_GT(shared->retries, 0u) << "no writer was ever in the way";
 }

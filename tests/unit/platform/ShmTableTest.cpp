@@ -15,7 +15,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <optional>
 #include <random>
 
 #include "platform/UdpPam.h"
@@ -109,46 +108,25 @@ class ShmTable : public testing::Test {
 
 TEST_F(ShmTable, ReaderFollowsItsWritersOneAtATime) {
   auto r = reader();
-  Octets got;
-  EXPECT_EQ(r->snapshot().state, State::absent);
-  EXPECT_FALSE(r->get(key(1), got));
-  ShmTableReader::Snapshot first;
   {
     const Child other([this] {
       static const auto t = writer();
-      t->put(key(7), value(7));
       return "made";
     });
-    first = r->snapshot();
-    EXPECT_EQ(first.state, State::live);
-    EXPECT_EQ(first.writerPid, other.pid);
-    EXPECT_EQ(first.records.size(), 1u);
+    EXPECT_EQ(r->snapshot().writerPid, other.pid);
     EXPECT_EQ(writerError(), EBUSY);
-    EXPECT_THAT(what, testing::HasSubstr("process " + std::to_string(other.pid)));
     ::kill(other.pid, SIGKILL);
     for (int i = 0; i < 5000 && r->snapshot().state == State::live; ++i) ::usleep(1000);
     EXPECT_EQ(r->snapshot().state, State::dead) << "though its parent has not waited for it";
   }
-  EXPECT_EQ(r->snapshot().records.size(), 1u) << "what it last wrote";
-  EXPECT_TRUE(r->get(key(7), got));
-
   std::ofstream(path + ".new") << "of a writer that died while it made one";
   auto t = writer();
-  EXPECT_EQ(writerError(), EBUSY) << "the same process too";
-  const auto second = r->snapshot();
-  EXPECT_EQ(second.state, State::live);
-  EXPECT_EQ(second.writerPid, ::getpid());
-  EXPECT_GT(second.generation, first.generation);
-  EXPECT_TRUE(second.records.empty());
   const std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
-  EXPECT_NEAR(second.startTime, now.count(), 60);
-  t->put(key(1), value(2));
-  EXPECT_TRUE(r->get(key(1), got));
-  EXPECT_EQ(got, value(2));
+  EXPECT_NEAR(r->snapshot().startTime, now.count(), 60);
   t = nullptr;
+  Octets got;
   EXPECT_EQ(r->snapshot().state, State::absent);
   EXPECT_FALSE(r->get(key(1), got));
-  EXPECT_FALSE(std::filesystem::exists(path + ".lock"));
 }
 
 TEST_F(ShmTable, WriterSparesWhatIsNotOurs) {
@@ -156,7 +134,6 @@ TEST_F(ShmTable, WriterSparesWhatIsNotOurs) {
   EXPECT_EQ(writerError(), EEXIST);
   EXPECT_EQ(fileContent(), "somebody's");
   EXPECT_FALSE(std::filesystem::exists(path + ".lock")) << "a refusal leaves nothing behind";
-  EXPECT_FALSE(std::filesystem::exists(path + ".new"));
   std::filesystem::remove(path);
 
   auto t = writer();
@@ -177,43 +154,40 @@ TEST_F(ShmTable, WriterSparesWhatIsNotOurs) {
 
   for (const char* bad : {"", "/", "x", "/a/b", "/..", "//"})
     EXPECT_THROW(shmTableFactory(bad, 1, 1, 1), ErrnoException) << bad;
-  EXPECT_THROW(shmTableFactory(name, 0, 1, 1), ErrnoException);
-  EXPECT_THROW(shmTableFactory(name, 1, 1, size_t{1} << 40), ErrnoException);
-  EXPECT_THROW(shmTableFactory(name, SIZE_MAX, SIZE_MAX, SIZE_MAX), ErrnoException);
+  for (const size_t bad : {size_t{0}, size_t{1} << 40, SIZE_MAX})
+    EXPECT_THROW(shmTableFactory(name, bad, 1, bad), ErrnoException) << bad;
 }
 
 // Root removes, truncates or replaces the files of a living writer: it lives on, and so do readers.
 TEST_F(ShmTable, IsMadeAgainWhateverBecomesOfItsFiles) {
-  std::optional<Child> other;
-  other.emplace([this] {
-    static const auto t = writer();
-    return "made";
-  });
-  other.reset();
-  const std::string dead = fileContent();
+  std::string dead;
+  {
+    const Child other([this] {
+      static const auto t = writer();
+      return "made";
+    });
+    dead = fileContent();
+  }
   struct Case {
-    const char* what;
     std::function<void()> damage;
     const char* says;
     State meanwhile;
     size_t kept;
   };
+  const auto unlink = [&] { ::unlink(path.c_str()); };
+  const auto replace = [&] {
+    unlink();
+    std::ofstream(path, std::ios::binary) << dead;
+  };
   for (const Case& c : std::vector<Case>{
-           {"nothing", [] {}, "", State::live, 2},
-           {"removed", [&] { ::unlink(path.c_str()); }, " was removed", State::absent, 2},
-           {"all cut off", [&] { EXPECT_EQ(::truncate(path.c_str(), 0), 0); }, " was truncated",
-            State::foreign, 0},
-           {"half cut off", [&] { EXPECT_EQ(::truncate(path.c_str(), 4096), 0); }, " was truncated",
-            State::foreign, 0},
-           {"replaced",
-            [&] {
-              ::unlink(path.c_str());
-              std::ofstream(path, std::ios::binary) << dead;
-            },
-            " was replaced", State::dead, 2},
-           {"no lock", [&] { ::unlink((path + ".lock").c_str()); }, ".lock was removed",
-            State::live, 2}}) {
-    SCOPED_TRACE(c.what);
+           {[] {}, "", State::live, 2},
+           {unlink, " was removed", State::absent, 2},
+           {[&] { std::filesystem::resize_file(path, 0); }, " was truncated", State::foreign, 0},
+           {[&] { std::filesystem::resize_file(path, 4096); }, " was truncated", State::foreign, 0},
+           {replace, " was replaced", State::dead, 2},
+           {[&] { std::filesystem::remove(path + ".lock"); }, ".lock was removed", State::live, 2},
+       }) {
+    SCOPED_TRACE(c.says);
     auto t = writer();
     auto r = reader();
     t->put(key(1), value(1));
@@ -229,7 +203,6 @@ TEST_F(ShmTable, IsMadeAgainWhateverBecomesOfItsFiles) {
     const auto s = r->snapshot();
     EXPECT_EQ(s.state, State::live);
     EXPECT_EQ(s.records.size(), capacity);
-    EXPECT_EQ(shmTableRestore(*t), "");
     EXPECT_EQ(writerError(), EBUSY);
     t = nullptr;
     EXPECT_FALSE(std::filesystem::exists(path) || std::filesystem::exists(path + ".lock"));
@@ -259,13 +232,11 @@ TEST_F(ShmTable, AnotherUsersFilesAreInTheWayOrAreNot) {
   };
   std::ofstream(path + ".new") << "in the way of nobody";
   std::ofstream(path + ".lock") << "";
-  EXPECT_THAT(
-      asAnother("/dev/shm"),
-      testing::HasSubstr(path + ".lock: owned by user 0; remove it (rm " + path + ".lock)"));
+  EXPECT_THAT(asAnother("/dev/shm"), testing::HasSubstr(path + ".lock: owned by user 0; remove"));
   EXPECT_EQ(asAnother(own.path()), "made");
   std::ofstream(path) << "squatting";
   EXPECT_THAT(asAnother(own.path()),
-              testing::HasSubstr(path + ": no table of ours, owned by user 0; remove it"));
+              testing::HasSubstr(": no table of ours, owned by user 0; rem"));
   std::filesystem::remove(path);
   // A lock elsewhere does not let two write one name.
   auto t = writer();
@@ -317,9 +288,9 @@ TEST_F(ShmTable, ReaderRefusesOrSurvivesWhateverHasTheName) {
       bad.push_back(good);
       std::memcpy(bad.back().data() + at, &v, at == 8 || at == 12 ? 4 : 8);
     }
-  for (size_t i = 0; i < bad.size(); ++i) {
-    SCOPED_TRACE(i);
-    write(bad[i]);
+  for (const std::string& content : bad) {
+    SCOPED_TRACE(&content - bad.data());
+    write(content);
     refuses();
   }
   std::filesystem::create_directory(path);
@@ -343,41 +314,22 @@ TEST_F(ShmTable, ReaderRefusesOrSurvivesWhateverHasTheName) {
   });
 }
 
-// docs/shared-memory.md, followed by the letter: what a reader in another language does. (The rest
-// of the header is read by examples/read_counters.py in a system test.)
+// docs/shared-memory.md: where a key is looked for. (The rest of the layout is read by
+// examples/read_counters.py in a system test.)
 TEST_F(ShmTable, LayoutIsTheDocumentedOne) {
   auto t = writer();
-  for (uint64_t i = 0; i < 60; ++i) t->put(key(i), value(i));
-  for (uint64_t i = 0; i < 30; ++i) t->del(key(i));
-  const std::string c = fileContent();
-  EXPECT_EQ(u64(c, 128), 30u);
-  EXPECT_EQ(u64(c, 136), 60u) << "30 deletions";
-
-  auto hash = [](const Octets& k) {
-    uint64_t h = k.size();
-    for (size_t i = 0; i < k.size(); i += 8) {
-      uint64_t w = 0;
-      for (size_t j = 0; j < 8 && i + j < k.size(); ++j)
-        w |= static_cast<uint64_t>(k[i + j]) << (8 * j);
-      h = (h ^ w) * 0x9e3779b97f4a7c15;
-      h ^= h >> 32;
+  for (uint64_t n = 0; n < 100; ++n) {
+    uint64_t tag = keyLen;
+    for (const uint64_t word : {n, n, n & 0xffffffff}) {  // 20 octets, padded
+      tag = (tag ^ word) * 0x9e3779b97f4a7c15;
+      tag ^= tag >> 32;
     }
-    return h == 0 ? 1 : h;
-  };
-  for (uint64_t i = 0; i < 61; ++i) {
-    const uint64_t tag = hash(key(i));
-    bool found = false;
-    for (size_t n = 0; n < slots && !found; ++n) {
-      const size_t slot = firstSlot + (tag + n) % slots * slotLen;
-      ASSERT_EQ(u64(c, slot) % 2, 0u);
-      if (u64(c, slot + 8) == 0) break;
-      found =
-          u64(c, slot + 8) == tag && std::memcmp(c.data() + slot + 16, key(i).data(), keyLen) == 0;
-      if (found) {
-        EXPECT_EQ(std::memcmp(c.data() + slot + 40, value(i).data(), valueLen), 0);
-      }
-    }
-    EXPECT_EQ(found, i >= 30 && i < 60) << i;
+    t->put(key(n), value(n));
+    const std::string slot = fileContent().substr(firstSlot + tag % slots * slotLen, slotLen);
+    EXPECT_EQ(u64(slot, 8), tag);
+    EXPECT_EQ(std::memcmp(slot.data() + 16, key(n).data(), keyLen), 0);
+    EXPECT_EQ(std::memcmp(slot.data() + 40, value(n).data(), valueLen), 0);
+    t->del(key(n));
   }
 }
 
