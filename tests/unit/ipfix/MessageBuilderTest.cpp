@@ -20,32 +20,30 @@ uint32_t be(std::span<const uint8_t> o, size_t at, size_t n) {
 
 class MessageBuilderTest : public testing::Test {
  protected:
-  MessageBuilderTest() {
-    Platform::install(sim_.get());
-    sim_->wallClockIs(1700000000.75);
-  }
+  MessageBuilderTest() { Platform::install(sim_.get()); }
   ~MessageBuilderTest() override { Platform::install(nullptr); }
   std::unique_ptr<SimPlatform> sim_ = simPlatform();
 };
-using MessageBuilderDeathTest = MessageBuilderTest;
 
 TEST_F(MessageBuilderTest, EachExporterStampsTheOnePacketAnew) {
-  auto builder = messageBuilderFactory(200, 0x01020304);
+  auto builder = messageBuilderFactory(200, 1);
   builder->startMsg();
   for (const TemplateId id : {256, 256, 257, 256})
-    EXPECT_EQ(builder->addSetRecordStr(id, std::string("\x11\x22\x33", 3)), 3u);
+    EXPECT_EQ(builder->addSetRecordStr(id, "xyz"), 3u);
   const auto message = builder->finalizeMsg();
   EXPECT_EQ(message->recordCount(), 4u);
   EXPECT_EQ(message->len(), 16u + 10 + 7 + 7);
-  const auto pkt = message->pkt(0xfffffffe);
-  EXPECT_EQ(be(pkt->octets(), 4, 4), 1700000000u);
-  EXPECT_EQ(be(pkt->octets(), 8, 4), 0xfffffffeu);
-  sim_->wallClockIs(1700000011.2);
-  EXPECT_EQ(be(message->pkt(7)->octets(), 4, 4), 1700000011u);
-  EXPECT_EQ(be(pkt->octets(), 8, 4), 7u);
+  const auto pkt = message->pkt(1);
+  for (const auto& [time, number] :
+       {std::pair(1700000000.75, 0xfffffffe), std::pair(1700000011.2, 7u)}) {
+    sim_->wallClockIs(time);
+    EXPECT_EQ(message->pkt(number), pkt);
+    EXPECT_EQ(be(pkt->octets(), 4, 4), static_cast<uint32_t>(time));
+    EXPECT_EQ(be(pkt->octets(), 8, 4), number);
+  }
 }
 
-TEST_F(MessageBuilderDeathTest, MisuseStopsTheProgram) {
+TEST_F(MessageBuilderTest, MisuseStopsTheProgram) {
   auto builder = messageBuilderFactory(100, 1);
   EXPECT_DEATH(builder->addSetRecordStr(256, "x"), "builder->pkt\\(\\)");
   EXPECT_DEATH(builder->finalizeMsg(), "pkt\\(\\)");
@@ -105,9 +103,8 @@ TEST_F(MessageBuilderTest, PacksEachRecordOnceWhateverItsLength) {
 }
 
 TEST(DataRecordTest, AppendsBeyondItsBlock) {
-  std::string all;
-  const auto record = dataRecordFactory("ab");
-  all = "ab";
+  std::string all = "ab";
+  const auto record = dataRecordFactory(all);
   for (unsigned n = 0; n < 40; ++n) {
     const std::string more(n, static_cast<char>('a' + n % 26));
     record->append(reinterpret_cast<const unsigned char*>(more.data()), n);
@@ -117,7 +114,6 @@ TEST(DataRecordTest, AppendsBeyondItsBlock) {
       all += all.substr(0, n);
     }
     ASSERT_EQ(record->data(), all);
-    ASSERT_EQ(record->dataLen(), all.size());
   }
   EXPECT_EQ(dataRecordFactory()->dataLen(), 0u);
 }

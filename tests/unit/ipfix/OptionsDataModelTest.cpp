@@ -68,7 +68,7 @@ class World : private Tree {
     using W = World;
     // clang-format off
     static constexpr void (W::*events[])() = {
-        &W::intfIs, &W::intfIs, &W::intfIs, &W::intfDel, &W::intfRename, &W::intfReindex,
+        &W::intfIs, &W::intfIs, &W::intfIs, &W::intfChange, &W::intfChange, &W::intfChange,
         &W::vrfIs, &W::vrfDel, &W::mtuIs, &W::collectorIs, &W::anyCollectorDel, &W::collectorMove,
         &W::sourceChange, &W::templateChange, &W::paramChange, &W::now, &W::later,
         &W::fullTransmission, &W::fullTransmission, &W::exporterChange, &W::vrfChange,
@@ -237,11 +237,6 @@ class World : private Tree {
   void later() { sim->advance(Seconds(0.3 * static_cast<double>(pick(8)))); }
   std::string freshName() { return "if" + std::string(pick(12), 'x') + std::to_string(++last_); }
   uint32_t freshIndex() { return ++last_; }
-  std::vector<IntfId> intfIds() const {
-    std::vector<IntfId> ids;
-    for (const auto& [id, index] : intfs->intfIndex()) ids.push_back(id);
-    return ids;
-  }
   void put(const IntfId& id, uint32_t index) {
     intfs->intfIdIs(index, id);
     intfs->intfIndexIs(id, index);
@@ -255,21 +250,15 @@ class World : private Tree {
     for (size_t n = pick(20) == 0 ? 500 : 1 + pick(40); n > 0; --n)
       put(IntfId(freshName()), freshIndex());
   }
-  void intfDel() {
-    for (const auto& id : intfIds())
-      if (pick(3) == 0) take(id);
-  }
-  void intfRename() {
-    for (const auto& id : intfIds()) {
+  /// Removes some, or gives them other names or indices.
+  void intfChange() {
+    const size_t what = pick(3);
+    for (const auto& id : keysOf(intfs->intfIndex())) {
       if (pick(4) != 0 || !intfs->intfIndex().contains(id)) continue;
       const uint32_t index = intfs->intfIndex().at(id);
-      take(id);
-      put(IntfId(freshName()), index);
+      if (what < 2) take(id);
+      if (what > 0) put(what == 1 ? IntfId(freshName()) : id, what == 1 ? index : freshIndex());
     }
-  }
-  void intfReindex() {
-    for (const auto& id : intfIds())
-      if (pick(4) == 0 && intfs->intfIndex().contains(id)) put(id, freshIndex());
   }
   void vrfIs() {
     vrfs->vrfIs(static_cast<VrfId>(pick(10)), VrfName("v" + std::to_string(pick(100))));
@@ -424,7 +413,7 @@ class World : private Tree {
     static constexpr void (W::*answers[])() = {
         &W::anyExporterDel,  &W::exporterChange, &W::sourceChange,  &W::vrfChange,
         &W::anyCollectorDel, &W::collectorIs,    &W::collectorMove, &W::trackerChange,
-        &W::mtuIs,           &W::intfReindex,    &W::intfDel,       &W::templateChange,
+        &W::mtuIs,           &W::intfChange,     &W::intfChange,    &W::templateChange,
         &W::intervalChange,  &W::paramChange};
     (this->*answers[pick(std::size(answers))])();
     meddles_ = true;
@@ -445,11 +434,11 @@ class World : private Tree {
     const auto config = anExporter().config;
     const IpAddr four = config->srcIpAddr();
     const Ip6Addr six = config->srcIp6Addr();
-    intfRename();
+    intfChange();
     soon();
     config->srcIpAddrIs({});
     config->srcIp6AddrIs({});
-    intfRename();
+    intfChange();
     sim->runRound();
     config->srcIpAddrIs(four);
     config->srcIp6AddrIs(six);

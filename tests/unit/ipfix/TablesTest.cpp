@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <functional>
 #include <set>
 
@@ -40,33 +39,31 @@ TEST_F(TablesTest, RecordsAtTheirLimits) {
     ftStatus->activeIntervalIs(Seconds(seconds));
     ftStatus->inactiveTimeoutIs(Seconds(seconds));
     EXPECT_EQ(octetsOf(table->makeDataRecord()),
-              netOctets(7, 4) +
-                  "\x03"
-                  "ft1" +
-                  netOctets(exported, 2) + netOctets(exported, 2) + netOctets(3, 2) +
-                  netOctets(1, 4) + netOctets(16384, 4) + netOctets(1, 2))
+              netOctets(7, 4) + "\3ft1" + netOctets(exported, 2) + netOctets(exported, 2) +
+                  netOctets(3, 2) + netOctets(1, 4) + netOctets(16384, 4) + netOctets(1, 2))
         << seconds;
   }
 }
 
 TEST_F(TablesTest, FlowKeyBitsAreWidenedAsCollectorsExpect) {
   const auto flowKey = flowKeySmFactory(optionsDataSourceFactory("k", 1), slot, ftStatus);
-  struct Row {
-    std::vector<uint32_t> keys;
-    uint64_t indicator;
-  };
-  for (const Row& r : {Row{{}, 0}, Row{{0, 1, 2}, 7}, Row{{30}, 0x40000000},
-                       Row{{31}, 0xffffffff80000000}, Row{{0, 31}, 0xffffffff80000001},
-                       Row{{32}, 1}, Row{{40}, 0x100}, Row{{63}, 0xffffffff80000000}}) {
+  const std::pair<std::set<uint32_t>, uint64_t> rows[] = {{{}, 0},
+                                                          {{0, 1, 2}, 7},
+                                                          {{30}, 0x40000000},
+                                                          {{31}, 0xffffffff80000000},
+                                                          {{0, 31}, 0xffffffff80000001},
+                                                          {{32}, 1},
+                                                          {{40}, 0x100},
+                                                          {{63}, 0xffffffff80000000}};
+  for (const auto& [keys, indicator] : rows) {
     auto status = HwFlowTracking::templateStatusFactory(256);
     for (uint32_t position = 0; position < 64; ++position) {
       HwFlowTracking::FtTemplateEntry e(position, ::Ipfix::RecordType(1));
-      e.flowKeyIs(std::find(r.keys.begin(), r.keys.end(), position) != r.keys.end());
+      e.flowKeyIs(keys.contains(position));
       status->ftTemplateEntryIs(e);
     }
     ftStatus->templateStatusIs(status);
-    EXPECT_EQ(octetsOf(flowKey->makeDataRecord(256)),
-              netOctets(256, 2) + netOctets(r.indicator, 8));
+    EXPECT_EQ(octetsOf(flowKey->makeDataRecord(256)), netOctets(256, 2) + netOctets(indicator, 8));
   }
   // Mixed families: the record goes, and with it the old one.
   const uint32_t before = flowKey->dataSource()->version();
@@ -102,19 +99,16 @@ TEST_F(TablesTest, ATrackersOwnRateHidesTheOneOfAllTrackers) {
 }
 
 TEST_F(TablesTest, EachWatcherOfASlotSeesEachRecordOnce) {
-  std::vector<std::string> seen[2];
-  const auto note = [&](int watcher) { seen[watcher].push_back(octetsOf(slot->record())); };
+  std::string seen[2];
   const OnUpdate first(slot, [&] {
-    note(0);
+    seen[0] += octetsOf(slot->record());
     if (slot->version() == 1)
       for (const char* next : {"b", "c"}) slot->addUpdate(300, dataRecordFactory(next));
   });
-  const OnUpdate second(slot, [&] { note(1); });
+  const OnUpdate second(slot, [&] { seen[1] += octetsOf(slot->record()); });
   slot->addUpdate(300, dataRecordFactory("a"));
-  EXPECT_EQ(seen[0], (std::vector<std::string>{"a", "b", "c"}));
-  EXPECT_EQ(seen[1], seen[0]);
   slot->addUpdate(300, slot->record());
-  EXPECT_EQ(slot->version(), 4u) << "the same record again is announced again";
+  for (const std::string& s : seen) EXPECT_EQ(s, "abcc") << "the same again is announced again";
 }
 
 /// Calls `visit` with `root` and each entity beneath it, once.
@@ -157,12 +151,13 @@ TEST_F(TablesTest, EverythingIsListedByNameWholeAndInParts) {
         members += whole.size();
         if (!row.from) continue;
         std::string last;
-        for (size_t n = 2; n == 2;) {
-          n = 0;
+        for (bool more = true; more;) {
+          more = false;
           row.from(e, parts.empty() ? nullptr : &last, true,
                    [&](const std::string& key, const Entity*, const std::string& text) {
                      parts.push_back((last = key) + '=' + text);
-                     return ++n < 2;
+                     more = parts.size() % 2 == 0;
+                     return !more;
                    });
         }
         EXPECT_TRUE(parts == whole || !row.each);
@@ -173,12 +168,9 @@ TEST_F(TablesTest, EverythingIsListedByNameWholeAndInParts) {
   EXPECT_GE(members, 220u);
   const auto table = manager->dataAll()->globalData()->source("InterfaceTable");
   const auto e3 = manager->intfTableSm()->dataRecord(IntfId("e3"));
-  EXPECT_EQ(octetsOf(e3), netOctets(3, 4) +
-                              "\x02"
-                              "e3");
+  EXPECT_EQ(octetsOf(e3), netOctets(3, 4) + "\2e3");
   EXPECT_EQ(table->dataRecord(e3), e3);
   EXPECT_FALSE(manager->intfTableSm()->dataRecord(IntfId("CPU")));
-  EXPECT_FALSE(table->dataRecord(dataRecordFactory("\x01\xab")));
 }
 
 TEST_F(TablesTest, TheStoresPartsAreMadeOnceAndKnowTheirParent) {
