@@ -72,7 +72,7 @@ class World : private Tree {
         &W::vrfIs, &W::vrfDel, &W::mtuIs, &W::collectorIs, &W::anyCollectorDel, &W::collectorMove,
         &W::sourceChange, &W::templateChange, &W::paramChange, &W::now, &W::later,
         &W::fullTransmission, &W::fullTransmission, &W::exporterChange, &W::vrfChange,
-        &W::refusal, &W::trackerChange, &W::intervalChange, &W::soon, &W::soon, &W::coalescing, &W::flap};
+        &W::refusal, &W::trackerChange, &W::intervalChange, &W::soon, &W::soon, &W::coalescing, &W::flap, &W::flap};
     // clang-format on
     (this->*events[pick(std::size(events))])();
     receive();
@@ -250,9 +250,9 @@ class World : private Tree {
     for (size_t n = pick(20) == 0 ? 500 : 1 + pick(40); n > 0; --n)
       put(IntfId(freshName()), freshIndex());
   }
-  /// Removes some, or gives them other names or indices.
-  void intfChange() {
-    const size_t what = pick(3);
+  void intfChange() { intfsAre(pick(3)); }
+  /// Removes some (0), or gives them other names (1) or indices (2).
+  void intfsAre(size_t what) {
     for (const auto& id : keysOf(intfs->intfIndex())) {
       if (pick(4) != 0 || !intfs->intfIndex().contains(id)) continue;
       const uint32_t index = intfs->intfIndex().at(id);
@@ -434,11 +434,11 @@ class World : private Tree {
     const auto config = anExporter().config;
     const IpAddr four = config->srcIpAddr();
     const Ip6Addr six = config->srcIp6Addr();
-    intfChange();
+    intfsAre(1);
     soon();
     config->srcIpAddrIs({});
     config->srcIp6AddrIs({});
-    intfChange();
+    intfsAre(1);
     sim->runRound();
     config->srcIpAddrIs(four);
     config->srcIp6AddrIs(six);

@@ -219,20 +219,18 @@ class Restless : public TreeTest {
     };
     same(manager->intfTableSm(), interfaceTableSmFactory(source(), slot, intfs));
     same(manager->vrfTableSm(), vrfTableSmFactory(source(), slot, vrfs));
-    size_t served = 0;
     for (const auto& [name, ft] : hwConfig->ftConfig()) {
       const auto status = hwStatus->ftStatus(name);
       const auto sm = manager->ftManagerSm(name);
       ASSERT_EQ(bool{sm}, bool{status});
       if (!sm) continue;
-      ++served;
       ASSERT_EQ(sm->hwFtConfig(), ft);
       ASSERT_TRUE(manager->dataContainer(name) && manager->dataAll()->trackerData(name));
       ASSERT_EQ(keysOf(sm->exporterSm()), keysOf(ft->expConfig()));
       same(sm->flowKeySm(), flowKeySmFactory(source(), slot, status));
     }
-    ASSERT_EQ(manager->dataContainer().size(), served);
-    ASSERT_EQ(manager->dataAll()->trackerData().size(), served);
+    ASSERT_EQ(keysOf(manager->dataContainer()), keysOf(manager->ftManagerSm()));
+    ASSERT_EQ(keysOf(manager->dataAll()->trackerData()), keysOf(manager->ftManagerSm()));
   }
   void check() {
     size_t open = tracker->localCollectorConfig()->exporterReady();

@@ -19,6 +19,15 @@ class TemplateTest : public TreeTest {
     exporter->collectorIpAndPortIs("a", dst4(1));
     seen();
   }
+  /// How many messages of each set id went to each destination since the last look.
+  Counts seenCounts() {
+    Counts out;
+    for (const auto& s : seen()) ++out[s.to()][s.setId()];
+    return out;
+  }
+  Ptr<FtExporterSm> ftExporter() const {
+    return templateSm->ftTemplateSm("ft1")->ftExporterSm("exp1");
+  }
 };
 
 TEST_F(TemplateTest, TemplatesToTheOctet) {

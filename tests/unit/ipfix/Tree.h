@@ -32,12 +32,7 @@ struct Seen {
   uint16_t field16(size_t at) const {
     return static_cast<uint16_t>(datagram.octets.at(at) << 8 | datagram.octets.at(at + 1));
   }
-  uint32_t field32(size_t at) const {
-    return static_cast<uint32_t>(field16(at)) << 16 | field16(at + 2);
-  }
-  uint32_t exportTime() const { return field32(4); }
-  uint32_t sequence() const { return field32(8); }
-  uint32_t domain() const { return field32(12); }
+  uint32_t domain() const { return static_cast<uint32_t>(field16(12)) << 16 | field16(14); }
   uint16_t setId() const { return field16(16); }
   std::vector<uint16_t> setIds() const {
     std::vector<uint16_t> ids;
@@ -114,19 +109,10 @@ class Tree {
     for (auto& d : sim->takeSent()) out.push_back({std::move(d)});
     return out;
   }
-  /// How many messages of each set id went to each destination since the last look.
-  std::map<std::string, std::map<uint16_t, int>> seenCounts() {
-    std::map<std::string, std::map<uint16_t, int>> out;
-    for (const auto& s : seen()) ++out[s.to()][s.setId()];
-    return out;
-  }
   std::optional<Tarn::Ipfix::CollectorStatisticsEntry> statsOf(const IpAndPort& d) {
     return stats->stats({"ft1", "exp1", Tarn::Ipfix::CollectorInfo::fromIpAndPort(d)});
   }
   Ptr<ExporterInfo> expInfo() const { return info->ftInfo("ft1")->expInfo("exp1"); }
-  Ptr<FtExporterSm> ftExporter() const {
-    return templateSm->ftTemplateSm("ft1")->ftExporterSm("exp1");
-  }
 
   std::unique_ptr<SimPlatform> sim = simPlatform();
   Ptr<::Ipfix::IpfixInitSm> init;
