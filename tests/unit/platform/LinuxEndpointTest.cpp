@@ -62,9 +62,6 @@ class LinuxEndpoint : public testing::TestWithParam<bool> {
                int first = 0) {
     for (int i = first; i < first + n; ++i) send(pam, to, port, len, i);
   }
-  std::string shown(const std::string& addr, uint16_t port) const {
-    return (ipv6 ? '[' + addr + ']' : addr) + ':' + std::to_string(port);
-  }
   static int number(const Receiver::Datagram& d) {
     int n = -1;
     if (d.octets.size() >= sizeof n) std::memcpy(&n, d.octets.data(), sizeof n);
@@ -165,7 +162,7 @@ TEST_P(LinuxEndpoint, OneUnreachableCollectorCostsTheOthersNothing) {
     settle();
     EXPECT_THAT(std::exchange(trace.all, {}),
                 ElementsAre("pam: " + what + ": Network is unreachable (ENETUNREACH), to " +
-                            shown(nowhere, 4739)));
+                            (ipv6 ? '[' + nowhere + "]:4739" : nowhere + ":4739")));
   };
   for (int i = 0; i < 100; ++i) {
     send(*pam, nowhere, 4739);
