@@ -17,8 +17,8 @@ using Place = Tarn::Ipfix::CollectorInfo;
 struct ExporterModel {
   std::string tracker;
   std::string name;
-  Ptr<HwFlowTracking::ExporterConfig> config;
-  std::map<std::string, Place> collectors;
+  Ptr<HwFlowTracking::ExporterConfig> config = nullptr;
+  std::map<std::string, Place> collectors = {};
   std::map<std::string, uint32_t> mtuMost = {};  // by key, since it joined or all was quiet
 
   std::string key(const Place& place) const {
@@ -44,10 +44,6 @@ class World : private Tree {
     for (const std::string name : {"ft1", "ft2"}) {
       hwConfig->ftConfigIs(freshTracker(name));
       hwStatus->ftStatusIs(freshStatus(name));
-    }
-    for (const auto& [tracker, name] :
-         {std::pair("ft1", "e1"), std::pair("ft1", "e2"), std::pair("ft2", "e1")}) {
-      exporters_.push_back({tracker, name, nullptr, {}});
     }
     for (auto& e : exporters_) exporterIs(e);
     makeInfoSm();
@@ -481,7 +477,7 @@ class World : private Tree {
 
   std::mt19937 rnd_;
   const double activeSeconds;
-  std::vector<ExporterModel> exporters_;
+  std::vector<ExporterModel> exporters_{{"ft1", "e1"}, {"ft1", "e2"}, {"ft2", "e1"}};
   Receiver receiver_;
   uint32_t last_ = 0;
   bool meddles_ = true;

@@ -18,23 +18,12 @@ using namespace std::chrono_literals;
 
 namespace {
 
-struct Kind {
-  HostKind host;
-  bool ipv6;
-};
-
-constexpr Kind kinds[] = {
-    {hostKinds[0], false}, {hostKinds[0], true}, {hostKinds[1], false}, {hostKinds[1], true}};
-std::ostream& operator<<(std::ostream& out, const Kind& k) {
-  return out << k.host << (k.ipv6 ? "6" : "4");
-}
-
-class Endpoint : public testing::TestWithParam<Kind> {
+/// On a kernel or simulated, IPv6 or IPv4.
+class Endpoint : public testing::TestWithParam<std::tuple<bool, bool>> {
  protected:
   void SetUp() override {
-    if (GetParam().host.kernel && !support::privateNetwork())
-      GTEST_SKIP() << "no network namespace permitted";
-    host = GetParam().host.make();
+    if (kernel && !support::privateNetwork()) GTEST_SKIP() << "no network namespace permitted";
+    host = kernel ? linuxHost() : simHost();
   }
   Ptr<UdpPam> endpoint() {
     auto pam = host->platform().udpPam("udpPam-ft1-exp1");
@@ -92,7 +81,8 @@ class Endpoint : public testing::TestWithParam<Kind> {
     return done();
   }
 
-  const bool ipv6 = GetParam().ipv6;
+  const bool kernel = std::get<0>(GetParam());
+  const bool ipv6 = std::get<1>(GetParam());
   std::unique_ptr<Host> host;
 };
 
@@ -275,10 +265,13 @@ TEST_P(Endpoint, ABurstLetsTasksRun) {
   for (size_t i = 0; i < n; ++i) from->txPktIs(packet(64));
   ASSERT_TRUE(until([&] { return got >= n; }));
   EXPECT_GT(atTask, 0u);
-  EXPECT_LE(atTask, GetParam().host.kernel ? 1u + 128u : 2u * 128u) << "the burst held all up";
+  EXPECT_LE(atTask, kernel ? 1u + 128u : 2u * 128u) << "the burst held all up";
 }
 
-constexpr auto named = [](const auto& info) { return testing::PrintToString(info.param); };
-INSTANTIATE_TEST_SUITE_P(On, Endpoint, testing::ValuesIn(kinds), named);
+constexpr auto named = [](const auto& info) {
+  return std::string(std::get<0>(info.param) ? "linux" : "sim") +
+         (std::get<1>(info.param) ? '6' : '4');
+};
+INSTANTIATE_TEST_SUITE_P(On, Endpoint, testing::Combine(testing::Bool(), testing::Bool()), named);
 
 }  // namespace

@@ -1,11 +1,8 @@
 #include "tests/unit/platform/Host.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 
 #include "platform/linux/LinuxPlatform.h"
-#include "platform/linux/ShmTable.h"
 #include "tests/support/Net.h"
 #include "tests/unit/platform/Sinks.h"
 
@@ -23,9 +20,6 @@ class SimHost final : public Host {
     auto all = sim_->takeSent();
     std::ranges::stable_sort(all, {}, &SimDatagram::dstPort);
     return all;
-  }
-  Ptr<SharedTable> table(size_t keyLen, size_t valueLen, size_t capacity) override {
-    return simTableFactory(keyLen, valueLen, capacity);
   }
 
  private:
@@ -72,9 +66,6 @@ class LinuxHost final : public Host {
     }
     std::ranges::stable_sort(out, {}, &SimDatagram::dstPort);
     return out;
-  }
-  Ptr<SharedTable> table(size_t keyLen, size_t valueLen, size_t capacity) override {
-    return shmTableFactory("/tt-unit-" + std::to_string(::getpid()), keyLen, valueLen, capacity);
   }
 
  private:

@@ -1,11 +1,9 @@
 #pragma once
 #include <memory>
-#include <ostream>
 #include <string>
 #include <vector>
 
 #include "platform/Platform.h"
-#include "platform/SharedTable.h"
 #include "platform/TaskScheduler.h"
 #include "platform/sim/SimPlatform.h"
 
@@ -22,19 +20,8 @@ class Host {
   virtual uint16_t sinkPort(bool ipv6, int i) = 0;
   /// Everything that arrived there, in order per sink; waits until `n` are there, or some seconds.
   virtual std::vector<platform::SimDatagram> received(size_t n) = 0;
-  virtual platform::Ptr<platform::SharedTable> table(size_t keyLen, size_t valueLen,
-                                                     size_t capacity) = 0;
 };
 
 std::unique_ptr<Host> simHost();
 /// In the process's private network (see support::privateNetwork).
 std::unique_ptr<Host> linuxHost();
-
-struct HostKind {
-  const char* name;
-  std::unique_ptr<Host> (*make)();
-  bool kernel;  // needs a private network for its endpoints
-};
-/// How a test's name shows it.
-inline std::ostream& operator<<(std::ostream& out, const HostKind& k) { return out << k.name; }
-inline constexpr HostKind hostKinds[] = {{"sim", simHost, false}, {"linux", linuxHost, true}};

@@ -108,12 +108,10 @@ TEST(Ip, AgreesWithTheCLibrary) {
 TEST(Ip, PortsAndFamilies) {
   EXPECT_EQ(IpAndPort::fromString("10.0.0.1:4739")->stringValue(), "10.0.0.1:4739");
   EXPECT_EQ(Ip6AndPort::fromString("[2001:DB8::1]:4739")->stringValue(), "[2001:db8::1]:4739");
-  for (const char* bad : {"10.0.0.1", "10.0.0.1:", "10.0.0.1:65536", "10.0.0.1:-1", ":1", "",
-                          "[::1]:1", "10.0.0.1:1:1"})
-    EXPECT_FALSE(IpAndPort::fromString(bad)) << bad;
-  for (const char* bad : {"::1:1", "[::1]", "[::1]1", "[::1:1", "::1]:1", "[]:1", "[::1]:", "[",
-                          "10.0.0.1:1", "[::1]:70000", ""})
-    EXPECT_FALSE(Ip6AndPort::fromString(bad)) << bad;
+  for (const char* bad :
+       {"10.0.0.1", "10.0.0.1:", "10.0.0.1:65536", "10.0.0.1:-1", ":1", "", "[", "10.0.0.1:1:1",
+        "::1:1", "[::1]", "[::1]1", "[::1:1", "::1]:1", "[]:1", "[::1]:", "[::1]:70000"})
+    EXPECT_FALSE(IpAndPort::fromString(bad) || Ip6AndPort::fromString(bad)) << bad;
   EXPECT_LT(IpGenAddr::fromString("255.255.255.255"), IpGenAddr::fromString("::"));
   EXPECT_EQ(IpGenAddr::fromString(""), IpGenAddr());
   EXPECT_FALSE(IpGenAddr::fromString("eth0"));
