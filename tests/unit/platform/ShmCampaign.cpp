@@ -199,6 +199,8 @@ TEST(ShmCampaign, NoReaderHangsOrIsMisled) {
         found += getAll(*reader);
     }
     ::kill(writer, SIGKILL);
+    for (const auto start = Clock::now(); reader->snapshot().state == State::live;)
+      ASSERT_LT(since(start), 10) << "dead, though its parent has not waited for it";
     int status = 0;
     ::waitpid(writer, &status, 0);
     ASSERT_TRUE(WIFSIGNALED(status)) << "the writer died by itself";
