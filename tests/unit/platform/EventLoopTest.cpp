@@ -191,8 +191,10 @@ TEST_F(Loop, CallsWhatIsThereAndHooksInTheirOrder) {
       due = std::exchange(asked, {});
       loop->runOnce(due.empty() ? 0s : 30s);  // and does not sleep in front of a hook
       EXPECT_TRUE(due.empty());
-      for (const Slot& s : slots)
-        EXPECT_TRUE(!quiet || !s.watch || !s.on || !s.full || s.heard > 0);
+      const auto missed = [](const Slot& s) { return s.watch && s.on && s.full && s.heard == 0; };
+      for (int more = quiet ? 100 : 0; more > 0 && std::ranges::any_of(slots, missed); --more)
+        loop->runOnce(0s);  // what does not fit into a round's share on a busy machine
+      EXPECT_TRUE(!quiet || std::ranges::none_of(slots, missed));
     }
   });
 }
