@@ -5,6 +5,7 @@ import json
 import os
 import pathlib
 import re
+import select
 import signal
 import socket
 import subprocess
@@ -71,10 +72,9 @@ def test_states_of_collectors(lab, far):
         e for e in tool_json("show", "counters", "--exporter", "lost")["endpoints"]
         if e["refused"]])[0]
     assert (lost["family"], lost["sent"], lost["causes"]) == (4, 0, {"ENETUNREACH": lost["refused"]})
-    tool("metrics", "--textfile", lab.path("metrics.prom"))
-    refused = dict(re.findall(r'tarnflow_refused_datagrams_total{.*exporter="(\w+)",family='
-                              r'"ipv4"} (\d+)', (lab.directory / "metrics.prom").read_text()))
-    assert int(refused["lost"]) >= lost["refused"] and refused["main"] == "0"
+    tool("metrics", "--textfile", "/run/metrics.prom")
+    assert re.search('refused_datagrams_total{.*exporter="lost",family="ipv4"} [1-9]',
+                     pathlib.Path("/run/metrics.prom").read_text())
     text = tool("show", "collectors", "--exporter", "main")[1]
     assert [r[2:5] for r in rows(text)] == [
         ["collector", "address", "state"], ["a", "10.99.0.2:4739", "sending"],
@@ -90,22 +90,20 @@ def test_states_of_collectors(lab, far):
                                             if c["state"] != "sending"] == ["x"], 10)
     assert {n for n, c in states().items() if c["since"] > before[n]["since"]} == {"away", "z"}
     agent.program.wait_log("warning collector away of exporter lost .*Network is unreachable")
-    run("ip", "link", "set", "up0", "down")
-    wait_for("its link is down", lambda: "is down" in states()["a"]["detail"])
 
 
 def test_tables_templates_state(lab, far):
     agent = Agent(lab, config(edge(), vrfs={"red": 9, "blue": 10}))
     index = socket.if_nametoindex("up0")
-    found = {t["name"]: t for t in tool_json("show", "tables")["tables"]}
-    assert {n: t["templateId"] for n, t in found.items()} == {
+    found = {t["name"]: (t["templateId"], t["rows"]) for t in tool_json("show", "tables")["tables"]}
+    assert {n: i for n, (i, _) in found.items()} == {
         "interfaces": 65281, "vrfs": 65280, "trackers": 65283, "flow-keys": 65282}
-    assert {"ingressInterface": index, "interfaceName": "up0"} in found["interfaces"]["rows"]
-    assert {r["VRFname"]: r["ingressVRFID"] for r in found["vrfs"]["rows"]} == {
+    assert {"ingressInterface": index, "interfaceName": "up0"} in found["interfaces"][1]
+    assert {r["VRFname"]: r["ingressVRFID"] for r in found["vrfs"][1]} == {
         "default": 0, "red": 9, "blue": 10, "": 16777215}
-    assert [r["observationDomainId"] for r in found["trackers"]["rows"]] == [7]
-    keys = {r["templateId"]: r["keys"] for r in found["flow-keys"]["rows"]}
-    assert keys[256][0] == "sourceIPv4Address" and keys[257][0] == "sourceIPv6Address"
+    assert [r["observationDomainId"] for r in found["trackers"][1]] == [7]
+    assert {r["templateId"]: r["keys"][0] for r in found["flow-keys"][1]} == {
+        256: "sourceIPv4Address", 257: "sourceIPv6Address"}
     assert [str(index), "up0"] in rows(tool("show", "tables", "interfaces")[1])
     text = tool("show", "tables", "--limit", 1)[1]
     assert "... 3 more" in text and len(re.findall(r"^\w[\w-]*: \d+ record", text, re.M)) == 4
@@ -117,14 +115,13 @@ def test_tables_templates_state(lab, far):
                                      "length": 4, "scope": False, "key": True}
     assert all(abs(t["lastSent"] - time.time()) < 5 * SLOW for t in found)
     text = tool("show", "templates", "--tracker", "edge")[1]
-    assert re.search(r"^tracker edge, domain 7: options template 65281, 2 fields, last sent \S+ ago$",
-                     text, re.M)
+    assert "tracker edge, domain 7: options template 65281, 2 fields, last sent " in text
     assert ["10", "ingressInterface", "4", "scope"] in rows(text)
 
     tree = tool_json("show", "state")
     main = tree["software-config"]["ftConfig"]["edge"]["expConfig"]["main"]
-    assert (main["srcIpAddr"], main["exporter4Ready"]) == ("10.99.0.1", "True")
-    assert main["collectorIpAndPort"] == {"a": "10.99.0.2:4739"}
+    assert main.items() >= {"srcIpAddr": "10.99.0.1", "exporter4Ready": "True",
+                            "collectorIpAndPort": {"a": "10.99.0.2:4739"}}.items()
     dscp = tool("show", "state", "software-config/ftConfig/edge/expConfig/main/dscp")[1]
     assert "dscp 0" in dscp and "mtu" not in dscp
     text = tool("show", "state", "elements", "--limit", 2)[1]
@@ -137,14 +134,12 @@ def test_tables_templates_state(lab, far):
     wait_for("tables have been sent", lambda: all(c["records"] for c in counters().values()))
     assert tool_json("clear", "counters") == {"cleared": True}
     assert all(c["messages"] == 0 and c["lastClearedTime"] for c in counters().values())
-    watch = lab.start("watch", TOOL, "show", "counters", "--watch", "0.4", "--json", "--tracker",
-                      "edge", "--exporter", "main")
+    watch = lab.start("watch", TOOL, "show", "counters", "--watch", "0.4", "--json")
 
     def rates():
         return [e["perSecond"] for x in parse_json_lines(watch.out()) for e in x["entries"]]
     wait_for("two looks", lambda: len(rates()) >= 4)
-    assert rates()[:2] == [None, None]
-    assert tool("resend")[0] == 0
+    assert rates()[:2] == [None, None] and tool("resend")[0] == 0
     wait_for("the rate shows what was sent", lambda: any(
         r["messages"] > 0 and r["octets"] > 100 for r in rates()[2:]))
     watch.stop()
@@ -159,9 +154,10 @@ def test_resend_and_log_level(lab, far):
 
     def whole(address):
         """Templates, options templates, and then tables, after what was sent before."""
-        capture.wait_until(f"everything at {address}", lambda ms: (
-            lambda ids: ids[:2] == [2, 3] and {65280, 65281, 65282, 65283} <= set(ids))(
-                [s[0] for m in ms[sent[address]:] for s in m.sets]), dst=address)
+        def all_of(messages):
+            ids = [i for m in messages[sent[address]:] for i, _ in m.sets]
+            return ids[:2] == [2, 3] and {65280, 65281, 65282, 65283} <= set(ids)
+        capture.wait_until(f"everything at {address}", all_of, dst=address)
     for address in sent:
         whole(address)
     time.sleep(1.2)  # single changes of the start
@@ -171,8 +167,6 @@ def test_resend_and_log_level(lab, far):
     assert len(capture.messages(dst="10.99.0.2")) == sent["10.99.0.2"]
     assert tool("resend")[1].startswith("2 exporters send")
     whole("10.99.0.2")
-
-    assert "TemplateExporterSmBase" not in agent.program.log()
     assert tool("log-level", "detail")[1] == "5\n" and tool_json("log-level") == {"level": 5}
     tool("resend")
     agent.program.wait_log("trace5 TemplateExporterSmBase")
@@ -190,26 +184,13 @@ def test_reload(lab, far):
     answer = tool_json("reload")
     assert answer == {"done": True, "errors": [], "warnings": [],
                       "summary": f"reloaded {agent.file}: exporters: 1 added; collectors: 1 added"}
-    assert answer["summary"] in agent.program.log()
-    assert "nothing changed" in tool("reload")[1]
-    agent.write(config(edge()).replace("id = 7", "id = -7"))
-    code, _, error = tool("reload", check=False)
-    line = error.splitlines()[0]
-    assert code == 1 and f"{agent.file}:" in line and "-7" in line and line in agent.program.log()
-    assert line in tool_json("reload", code=1)["errors"]
-    # Files that somebody removed or cut off.
-    agent.write(config(edge()))
-    tool("reload")
-    for file in (SOCKET, "/dev/shm/tarnflow"):
-        os.unlink(file)
-    os.truncate("/dev/shm/tarnflow-endpoints", 0)
-    agent.program.process.send_signal(signal.SIGHUP)
-    for what in (f"control socket {SOCKET} was removed", "/dev/shm/tarnflow was removed",
-                 "/dev/shm/tarnflow-endpoints was truncated"):
-        agent.program.wait_log(f"{what}: it is made again")
-    assert "nothing changed" in tool("reload")[1] and counters()
+    assert answer["summary"] in agent.program.log() and "nothing changed" in tool("reload")[1]
     agent.write(config(edge()).replace(str(SOCKET), "/run/other.sock"))
     assert "take effect at the next start" in tool("reload")[2]
+    agent.write(config(edge()).replace("id = 7", "id = -7"))
+    (line,) = tool_json("reload", code=1)["errors"]
+    assert f"{agent.file}:" in line and "-7" in line and line in agent.program.log()
+    assert line in tool("reload", check=False)[2]
 
 
 def test_what_is_in_the_way(lab, far):
@@ -269,13 +250,12 @@ def test_listen(lab, address):
                   for s in summary["streams"]) == [(1, 1, 0), (2, 2, 2)]
 
     listener, port = listening(lab, "--address", address)
-    error = f"{port}: Address already in use\n"
-    for argv, says in (("--address", address, "--port", port), error), (("--messages", 0), "--mess"), (
-            ("--address", "localhost"), '"localhost" is no numeric'), (("--seconds", "x"), "--sec"):
+    for argv, says in ((("--address", address, "--port", port), f"{port}: Address already in use\n"),
+                       (("--messages", 0), "--mess"), (("--seconds", "x"), "--sec"),
+                       (("--address", "localhost"), '"localhost" is no numeric')):
         code, _, said = tool("listen", *argv, check=False)
         assert code == 2 and says in said, said
     assert listener.stop(signal.SIGINT) == 0
-    assert "0 streams in 0.1 s" in tool("listen", "--port", 0, "--seconds", "0.1")[1]
 
 
 def test_listen_tells_its_own_drops(lab):
@@ -297,48 +277,46 @@ def test_listen_tells_its_own_drops(lab):
 
 def test_decode(lab):
     """What captures hold besides whole messages."""
-    def frame(payload, fragment=0, vlan=0, v6=False):
-        body = traffic.udp(40000, 4739, payload)
-        if v6:
-            hop = bytes([traffic.UDP, 0, 1, 4, 0, 0, 0, 0]), 0
-            return traffic.ethernet(0x86DD, traffic.ipv6("::1", "::2", traffic.UDP, body, *hop,
-                                                         tos=184))
+    def frame(payload, fragment=0, vlan=0):
         return traffic.ethernet(0x0800, traffic.ipv4(
-            "10.0.0.1", "10.0.0.2", traffic.UDP, body, fragment=fragment, tos=184), vlan)
+            "10.0.0.1", "10.0.0.2", traffic.UDP, traffic.udp(40000, 4739, payload),
+            fragment=fragment, tos=184), vlan)
     good = message([(2, template(300, [(8, 4)])), (300, b"\n\1\1\1")])
-    other = b"\0\x0a" + bytes(60)  # begins as a message does
+    after = message([(300, b"\n\1\1\2")], sequence=1)
+    behind = traffic.udp(40000, 4739, good)
+    six = traffic.ethernet(0x86DD, traffic.ipv6("::1", "::2", traffic.UDP, behind, bytes(
+        [traffic.UDP, 0, 1, 4, 0, 0, 0, 0]), 0, tos=184))
+    other = frame(b"\0\x0a" + bytes(60))  # begins as a message does
     file = lab.path("x.pcap")
 
     def decode(*frames, argv=()):
         file.write_bytes(pcap(frames))
         return tool("decode", file, *argv, check=False)
-    code, text, error = decode(frame(good), frame(good, vlan=5), frame(good, v6=True),
-                               frame(other), bytes(60), argv=["--json"])
-    lines = parse_json_lines(text)
-    assert code == 1 and [x["type"] for x in lines] == ["message"] * 3 + ["summary"], (lines, error)
-    assert [x["sequenceState"] for x in lines[:3]] == ["first", "back", "first"]
-    assert lines[0]["dscp"] == 46 and lines[2]["sourceAddress"] == "::1" and lines[2]["dscp"] == 46
+
+    def decoded(*frames):
+        code, text, _ = decode(*frames, argv=["--json"])
+        *messages, summary = parse_json_lines(text)
+        assert summary["type"] == "summary", text
+        return code, messages
+    code, found = decoded(frame(good), frame(good, vlan=5), six, other, bytes(60))
+    assert code == 1 and [(m["sequenceState"], m["dscp"], m["sourceAddress"]) for m in found] == [
+        ("first", 46, "10.0.0.1"), ("back", 46, "10.0.0.1"), ("first", 46, "::1")]
     assert decode(frame(good))[0] == 0
     # Captured before a segmented send was cut up: several messages in one datagram.
-    after = message([(300, b"\n\1\1\2")], sequence=1)
     for junk in b"", b"junk":
-        code, text, _ = decode(frame(good + after + junk), argv=["--json"])
-        lines = parse_json_lines(text)
-        assert code == bool(junk), text
-        assert [s["records"] for x in lines[:2] for s in x["sets"] if "records" in s] == [
-            [{"sourceIPv4Address": "10.1.1.1"}], [{"sourceIPv4Address": "10.1.1.2"}]], text
-        assert len(lines) == 3 + bool(junk) and (not junk or lines[2]["error"]), text
-    assert "!!" in decode(frame(other), argv=["--port", "4739"])[1]
-    for frames, says in (((frame(other),), "no IPFIX among 1 packets"),
+        code, found = decoded(frame(good + after + junk))
+        assert code == bool(junk) == len(found) - 2
+        assert [s["records"] for m in found[:2] for s in m["sets"] if "records" in s] == [
+            [{"sourceIPv4Address": f"10.1.1.{n}"}] for n in (1, 2)]
+        assert not junk or found[2]["error"]
+    assert "!!" in decode(other, argv=["--port", "4739"])[1]
+    for frames, says in (((other,), "no IPFIX among 1 packets"),
                          ((frame(good), frame(good, fragment=0x2000)), "1 fragment"),
                          ((frame(good), frame(good)[:-5]), "not captured whole"),
                          ((frame(good), frame(good)[:38] + b"\0\1" + frame(good)[40:]),
                           "contradict")):
         code, _, error = decode(*frames)
         assert code == 1 and says in error, error
-    file.write_bytes(b"not a capture at all, but text of some length")
-    code, _, error = tool("decode", file, check=False)
-    assert code == 2 and str(file) in error
 
 
 def test_output_that_cannot_be_written(lab, far):
@@ -352,8 +330,7 @@ def test_output_that_cannot_be_written(lab, far):
         ("show", "counters", "--watch", "0.1"), ("show", "flows", "--json"), ("show", "tables"),
         ("show", "templates"), ("show", "state"), ("log-level",), ("reload",), ("resend",),
         ("clear", "counters"), ("decode", file), ("check", agent.file), ("listen", "--port", "0"))]
-    commands += [(AGENT, "--version"), (AGENT, "--check", agent.file),
-                 (AGENT, "--print-default-config")]
+    commands += [(AGENT, "--version"), (AGENT, "--print-default-config")]
     for argv in commands:
         for to in (">/dev/full", ">&-"):
             done = subprocess.run(["sh", "-c", f'exec "$@" {to}', "sh", *map(str, argv)], timeout=20,
@@ -370,7 +347,7 @@ def test_log_goes_to_the_journal_with_fields(lab, far):
     os.makedirs("/run/systemd/journal", exist_ok=True)
     stderr = lab.directory / "tarnflowd.err"
     stderr.touch()
-    stat, entries = stderr.stat(), []
+    stat = stderr.stat()
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as journal:
         journal.bind("/run/systemd/journal/socket")
         journal.settimeout(5 * SLOW)
@@ -380,42 +357,20 @@ def test_log_goes_to_the_journal_with_fields(lab, far):
 
         def heard(**fields):
             """The first entry with such fields."""
-            while not entries or any(not re.search(v, entries[-1].get(k, ""))
-                                     for k, v in fields.items()):
+            while True:
                 lines = journal.recv(65536).decode().splitlines()
-                entries.append(dict(line.split("=", 1) for line in lines))
-            return entries[-1]
-        active = heard(TARN_MESSAGE="^FLOWTRACKING_EXPORTER_ACTIVE$", TARN_EXPORTER="^main$")
+                entry = dict(line.split("=", 1) for line in lines)
+                if all(v in entry.get(k, "") for k, v in fields.items()):
+                    return entry
+        active = heard(TARN_MESSAGE="FLOWTRACKING_EXPORTER_ACTIVE", TARN_EXPORTER="main")
         assert active["MESSAGE"].startswith("FLOWTRACKING_EXPORTER_ACTIVE: software exporter")
         assert active.items() >= {
             "TARN_TRACKER": "edge", "TARN_VRF": "default", "PRIORITY": "6",
             "SYSLOG_IDENTIFIER": "tarnflowd",
             "TARN_EXPLANATION": "This exporter is ready to export packets."}.items()
-        heard(TARN_COLLECTOR="^away$", PRIORITY="^4$", MESSAGE="Network is unreachable")
+        heard(TARN_COLLECTOR="away", PRIORITY="4", MESSAGE="Network is unreachable")
         assert agent.stop() == 0
     assert agent.program.err() == ""
-
-
-GREEDY = """
-import select, socket, sys
-ask = b'{"request":"state"}\\n{"request":"tables","name":"interfaces"}\\n' * 20
-reading = [socket.socket(socket.AF_UNIX) for _ in range(20)]
-stuck = [socket.socket(socket.AF_UNIX) for _ in range(8)]
-for s in reading + stuck:
-    s.connect(sys.argv[1])
-    s.setblocking(False)
-    s.send(ask)
-print("asking", flush=True)
-while True:
-    for s in select.select(reading, [], [])[0]:
-        if s.recv(1 << 20).endswith(b"\\n"):
-            s.send(ask[:20])
-"""
-
-
-def cpu_seconds(pid):
-    fields = open(f"/proc/{pid}/stat").read().rsplit(")", 1)[1].split()
-    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
 @pytest.mark.skipif(SLOW != 1, reason="counts milliseconds")
@@ -428,20 +383,23 @@ def test_nobody_who_asks_delays_an_export(lab, far):
         os.sched_setscheduler(agent.pid, os.SCHED_FIFO, os.sched_param(10))
     except PermissionError:
         pytest.skip("needs real-time priority")
-    capture.wait(3, dst="10.99.0.2")
-    greedy = lab.start("greedy", "/usr/bin/python3", "-c", GREEDY, SOCKET)
-    greedy.wait_log("asking")
-    busy = cpu_seconds(agent.pid)
-    before = len(capture.messages(dst="10.99.0.2"))
-    messages = capture.wait(before + 8, dst="10.99.0.2", seconds=12)
-    times = [m.time for m in messages[before - 1:]]
+    ask = b'{"request":"state"}\n{"request":"tables","name":"interfaces"}\n'
+    clients = [socket.socket(socket.AF_UNIX) for _ in range(28)]
+    for client in clients:
+        client.connect(str(SOCKET))
+        client.setblocking(False)
+        client.send(ask * 20)
+    heard, polite, end = 0, 0, time.monotonic() + 9
+    while time.monotonic() < end:
+        for client in select.select(clients[8:], [], [], 1)[0]:
+            octets = client.recv(1 << 20)
+            heard += len(octets)
+            if octets.endswith(b"\n"):
+                client.send(ask[:20])
+        if time.monotonic() > end - 8 and not polite:  # is served meanwhile
+            polite = lab.start("polite", TOOL, "show", "collectors", "--exporter", "main")
+    times = [m.time for m in capture.messages(dst="10.99.0.2")]
     gaps = [b - a for a, b in zip(times, times[1:])]
-    print("between templates:", [f"{g:.4f}" for g in gaps])
     # A task of the agent has 10 ms; the rest is for a machine that does other things, too.
-    assert all(0.95 < g < 1.05 for g in gaps), gaps
-    assert cpu_seconds(agent.pid) - busy > 1, "it was asked a lot"
-    # Whoever comes politely is served meanwhile, and those who never read are let go.
-    assert greedy.running()
-    start = time.monotonic()
-    assert tool("show", "collectors", "--exporter", "main")[0] == 0
-    assert time.monotonic() - start < 3
+    assert len(gaps) > 6 and all(0.95 < g < 1.05 for g in gaps), gaps
+    assert heard > 10 << 20 and polite.wait_exit() == 0, heard
