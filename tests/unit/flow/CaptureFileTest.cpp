@@ -1,13 +1,12 @@
 #include "platform/linux/CaptureFile.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <fstream>
 #include <functional>
 #include <limits>
-#include <set>
 
 #include "Frames.h"
 #include "platform/UdpPam.h"
@@ -28,9 +27,8 @@ struct Writer {
     return *this;
   }
   Writer& u64(uint64_t v) {
-    const auto high = static_cast<uint32_t>(v >> 32);
-    const auto low = static_cast<uint32_t>(v);
-    return big ? u32(high).u32(low) : u32(low).u32(high);
+    return big ? u32(static_cast<uint32_t>(v >> 32)).u32(static_cast<uint32_t>(v))
+               : u32(static_cast<uint32_t>(v)).u32(static_cast<uint32_t>(v >> 32));
   }
   Writer& add(const Bytes& o) { return octets.add(o), *this; }
   Writer& pad() { return octets.fill((4 - octets.size() % 4) % 4), *this; }
@@ -41,10 +39,9 @@ struct Pcap : Writer {
     big = bigEndian;
     u32(magic).u16(2).u16(4).u32(0).u32(0).u32(65535).u32(linkType);
   }
-  Pcap& packet(uint32_t s, uint32_t fraction, const Bytes& data, size_t wireLen = 0) {
-    const size_t len = data.size();
-    u32(s).u32(fraction).u32(static_cast<uint32_t>(len));
-    u32(static_cast<uint32_t>(wireLen ? wireLen : len)).add(data);
+  Pcap& packet(uint32_t s, uint32_t fraction, const Bytes& data, uint32_t wireLen = 0) {
+    const auto len = static_cast<uint32_t>(data.size());
+    u32(s).u32(fraction).u32(len).u32(wireLen ? wireLen : len).add(data);
     return *this;
   }
 };
@@ -73,11 +70,11 @@ struct Pcapng : Writer {
       if (!options.empty()) w.u32(0);
     });
   }
-  Pcapng& packet(uint32_t interface, uint64_t ticks, const Bytes& data, size_t wireLen = 0) {
+  Pcapng& packet(uint32_t interface, uint64_t ticks, const Bytes& data, uint32_t wireLen = 0) {
     return block(6, [&](Writer& w) {
+      const auto len = static_cast<uint32_t>(data.size());
       w.u32(interface).u32(static_cast<uint32_t>(ticks >> 32)).u32(static_cast<uint32_t>(ticks));
-      w.u32(static_cast<uint32_t>(data.size()));
-      w.u32(static_cast<uint32_t>(wireLen ? wireLen : data.size())).add(data);
+      w.u32(len).u32(wireLen ? wireLen : len).add(data);
     });
   }
   Octets i64(int64_t v) const {
@@ -149,54 +146,52 @@ TEST(CaptureFile, Blocks) {
 
 TEST(CaptureFile, Times) {
   const int64_t most = (int64_t{1} << 62) - 1;
+  constexpr auto limit = std::numeric_limits<int64_t>();
   struct Case {
-    const char* name;
     uint8_t resolution;
     int64_t offset;
     uint64_t ticks;
     int64_t expected;
   };
   const Case cases[] = {
-      {"milliseconds", 3, 0, 1700000000001, 1700000000001000000},
-      {"picoseconds", 12, 1700000000, 123456789123999, 1700000123456789123},
-      {"finer than anything", 127, 5, ~uint64_t{0}, 5000000000},
-      {"2^-30", 0x80 | 30, 0, (uint64_t{5} << 30) + (1 << 29), 5500000000},
-      {"2^-127", 0xff, 0, ~uint64_t{0}, 0},
-      {"before 1970", 6, -10, 1000000, 0},
-      {"after the last", 6, 0, ~uint64_t{0}, most},
-      {"after the last, in halves", 0x81, 0, ~uint64_t{0}, most},
-      {"the greatest offset", 6, std::numeric_limits<int64_t>::max(), 1000000, most},
-      {"the least offset", 6, std::numeric_limits<int64_t>::min(), 1000000, 0},
+      {3, 0, 1700000000001, 1700000000001000000},
+      {12, 1700000000, 123456789123999, 1700000123456789123},
+      {127, 5, ~uint64_t{0}, 5000000000},
+      {0x80 | 30, 0, (uint64_t{5} << 30) + (1 << 29), 5500000000},
+      {0xff, 0, ~uint64_t{0}, 0},
+      {6, -10, 1000000, 0},
+      {6, 0, ~uint64_t{0}, most},
+      {0x81, 0, ~uint64_t{0}, most},
+      {6, limit.max(), 1000000, most},
+      {6, limit.min(), 1000000, 0},
   };
   for (const Case& c : cases) {
     Pcapng ng;
     ng.interface(1, {{9, {c.resolution}}, {14, ng.i64(c.offset)}}).packet(0, c.ticks, frame);
     CaptureFile file("x", ng.octets);
     Packet p;
-    ASSERT_TRUE(file.next(p)) << c.name;
-    EXPECT_EQ(p.timeNs, c.expected) << c.name;
+    ASSERT_TRUE(file.next(p));
+    EXPECT_EQ(p.timeNs, c.expected) << int{c.resolution} << " offset " << c.offset;
   }
 }
 
 TEST(CaptureFile, PcapHeader) {
-  const auto packets = [](Pcap pcap) {
-    pcap.packet(5, 6, frame, 100).packet(1, 0, {1, 2, 3});
-    CaptureFile file("x", pcap.octets);
-    return packetsOf(file);
+  struct Case {
+    Pcap pcap;
+    std::string packets;
   };
-  EXPECT_EQ(packets(Pcap(true)), "1 5000006000 62/100 ethernet\n1 1000000000 3/3 ethernet\n");
-  EXPECT_EQ(packets(Pcap(true, 101, 0xa1b23c4d)),
-            "1 5000000006 62/100 raw\n1 1000000000 3/3 raw\n");
-  // Two words of frame check sequence, four octets.
-  EXPECT_EQ(packets(Pcap(false, 0x24000001)),
-            "1 5000006000 62/96 ethernet\n1 1000000000 0/0 ethernet\n");
-  EXPECT_EQ(packets(Pcap(true, 276)), "1 5000006000 62/100 sll2\n1 1000000000 3/3 sll2\n");
-  EXPECT_EQ(packets(Pcap(false, 127)), "");
-  // A writer that leaves the wire length out.
-  Pcap withoutLength;
-  withoutLength.packet(4, 0, frame, 10);
-  CaptureFile file("x", withoutLength.octets);
-  EXPECT_EQ(packetsOf(file), "1 4000000000 62/62 ethernet\n");
+  for (Case& c : std::array{
+           Case{Pcap(true), "1 5000006000 62/100 ethernet\n1 1000000000 3/3 ethernet\n"},
+           Case{Pcap(true, 101, 0xa1b23c4d), "1 5000000006 62/100 raw\n1 1000000000 3/3 raw\n"},
+           // Two words of frame check sequence, four octets.
+           Case{Pcap(false, 0x24000001),
+                "1 5000006000 62/96 ethernet\n1 1000000000 0/0 ethernet\n"},
+           Case{Pcap(true, 276), "1 5000006000 62/100 sll2\n1 1000000000 3/3 sll2\n"},
+           Case{Pcap(false, 127), ""}}) {
+    c.pcap.packet(5, 6, frame, 100).packet(1, 0, {1, 2, 3}, 1);  // a wire length that is wrong
+    CaptureFile file("x", c.pcap.octets);
+    EXPECT_EQ(packetsOf(file), c.packets);
+  }
 }
 
 TEST(CaptureFile, Damage) {
@@ -221,7 +216,6 @@ TEST(CaptureFile, Damage) {
        "110: found a packet of 262145 captured octets; at most 262144"},
       {ng.octets, 148, 28, 1,
        "148: found a block of 28 octets; a multiple of 4 from 32 to 16777216"},
-      {ng.octets, 148, 97, 1, "148: found a block of 97 octets"},
       {ng.octets, 148, 0x1000004, 1, "148: found a block of 16777220 octets"},
       {ng.octets, 236, 92, 1, "236: found block length 92; 96, as at its start, is right"},
       {ng.octets, 152, 1, 1, "152: found a packet of interface 1; its section describes 1 before"},
@@ -252,12 +246,11 @@ TEST(CaptureFile, CutAtEachOctet) {
   ng.interface(1).packet(0, 1, frame).packet(0, 2, frame);
   struct Case {
     Octets octets;
-    size_t least;              // what a capture begins with
-    std::set<size_t> borders;  // where it could have ended
-    size_t packets[2];         // where each is whole
+    size_t least;                 // what a capture begins with
+    std::vector<size_t> borders;  // where it could have ended, the last two behind its packets
   };
-  for (const Case& c : {Case{pcap.octets, 24, {24, 102, 180}, {102, 180}},
-                        Case{ng.octets, 4, {28, 48, 144, 240}, {144, 240}}})
+  for (const Case& c :
+       {Case{pcap.octets, 24, {24, 102, 180}}, Case{ng.octets, 4, {28, 48, 144, 240}}})
     for (size_t len = 0; len <= c.octets.size(); ++len) {
       SCOPED_TRACE(len);
       const Bytes part(c.octets.begin(), c.octets.begin() + static_cast<ptrdiff_t>(len));
@@ -267,10 +260,10 @@ TEST(CaptureFile, CutAtEachOctet) {
       }
       CaptureFile file("x", part);
       Packet p;
-      for (const size_t whole : c.packets) EXPECT_EQ(file.next(p), whole <= len);
+      for (const size_t back : {2, 1}) EXPECT_EQ(file.next(p), *(c.borders.end() - back) <= len);
       EXPECT_FALSE(file.next(p));
       EXPECT_EQ(file.error(), "");
-      EXPECT_EQ(file.warnings().size(), c.borders.contains(len) ? 0u : 1u);
+      EXPECT_EQ(file.warnings().empty(), std::ranges::count(c.borders, len) > 0);
     }
 }
 
@@ -280,16 +273,12 @@ TEST(CaptureFile, RefusesWhatIsNoCapture) {
     write(dir.path() + '/' + name, octets);
     return dir.path() + '/' + name;
   };
-  const std::string pipe = dir.path() + "/pipe";
-  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
   const std::pair<std::string, const char*> cases[] = {
       {"-", "-: the standard input is not read; give the name of a regular file"},
       {dir.path(), ": is a directory; give the name of a regular file"},
-      {pipe, ": is a pipe; give"},
       {"/dev/zero", "/dev/zero: is a device; give"},
       {dir.path() + "/none", "/none: cannot be opened: No such file"},
       {file("empty", {}), "/empty: octet 0: found an empty file; a capture begins with 0a0d0d0a"},
-      {file("text", {'h', 'e', 'l', 'l', 'o'}), "/text: octet 0: found 68656c6c; a capture begins"},
       {file("gz", {0x1f, 0x8b, 8, 0}), "found 1f8b0800 (gzip: decompress it first); a capture"},
       {file("short", {0xd4, 0xc3, 0xb2, 0xa1, 2, 0}), "octet 6: the file ends within its header"},
       {file("version", Octets{0xd4, 0xc3, 0xb2, 0xa1, 3, 0}.fill(20)),
@@ -320,31 +309,26 @@ TEST(CaptureFile, ManyPiecesAndOneThatIsGone) {
       ng ? void(blocks.packet(0, i, data)) : void(records.packet(0, i, data));
     }
     write(path, ng ? blocks.octets : records.octets);
-    const auto read = [&](CaptureFile& file, uint32_t from, uint32_t to) {
+    const auto read = [&](CaptureFile& file, uint32_t from) {  // until where it is right
       Packet p;
-      for (uint32_t i = from; i < to; ++i) {
-        if (!file.next(p)) return i;
-        const uint32_t mark = uint32_t{p.octets[2]} << 8 | p.octets[3];
-        if (mark != i || p.capLen != lenOf(i) || p.octets[p.capLen - 1] != 0) return i;
-      }
-      return to;
+      for (uint32_t i = from;; ++i)
+        if (!file.next(p) || (p.octets[2] << 8 | p.octets[3]) != static_cast<int>(i) ||
+            p.capLen != lenOf(i) || p.octets[p.capLen - 1] != 0)
+          return i;
     };
-    CaptureFile whole(path);
-    EXPECT_EQ(read(whole, 0, packets), packets);
-    Packet p;
-    EXPECT_FALSE(whole.next(p));
+    CaptureFile whole(path), stopped(path), shrinks(path);
+    EXPECT_EQ(read(whole, 0), packets);
     EXPECT_EQ(whole.error(), "");
 
-    CaptureFile stopped(path);
     int pieces = 0;
     stopped.goOnIs([&] { return ++pieces < 10; });
-    EXPECT_LT(read(stopped, 0, packets), 40u) << "whether it goes on was asked too seldom";
+    EXPECT_LT(read(stopped, 0), 40u) << "whether it goes on was asked too seldom";
     EXPECT_EQ(stopped.error(), "");
 
-    CaptureFile shrinks(path);
-    EXPECT_EQ(read(shrinks, 0, 10), 10u);
+    Packet p;
+    EXPECT_TRUE(shrinks.next(p));
     ASSERT_EQ(::truncate(path.c_str(), 100), 0);
-    EXPECT_LT(read(shrinks, 10, packets), 20u);
+    EXPECT_LT(read(shrinks, 1), 20u);
     EXPECT_NE(shrinks.error().find("found the end of the file"), std::string::npos)
         << shrinks.error();
   }
