@@ -14,12 +14,8 @@
 #include <thread>
 #include <vector>
 
-#include "Ipfix/FlowTrackerTemplateSm.h"
-#include "Ipfix/IpfixSm.h"
-#include "Ipfix/OptionsDataManagerSm.h"
+#include "bench/Tree.h"
 #include "cli/decoder/Decoder.h"
-#include "platform/linux/LinuxPlatform.h"
-#include "platform/sim/SimPlatform.h"
 
 using namespace platform;
 using namespace FlowTracking;
@@ -98,49 +94,20 @@ void recordCost(uint32_t n) {
 }
 
 void exportTables(uint32_t interfaces, const std::vector<uint16_t>& ports, unsigned rounds) {
-  const auto loop = eventLoopFactory();
-  const auto silent = simPlatform();
-  const auto host = linuxPlatform(loop, silent->trace(), silent->log());
-  Platform::install(host.get());
-  {
-    const auto intfs = intfIndexMapFactory();
-    for (uint32_t i = 1; i <= interfaces; ++i) {
-      const IntfId id("Ethernet" + std::to_string(i));
-      intfs->intfIdIs(i, id);
-      intfs->intfIndexIs(id, i);
-    }
-    const auto init = ::Ipfix::ipfixInitSmFactory();
-    const auto config = HwFlowTracking::configFactory();
-    const auto status = HwFlowTracking::statusFactory();
-    const auto tracker = HwFlowTracking::ftConfigFactory("ft", 1);
-    const auto exporter = HwFlowTracking::exporterConfigFactory("exp");
-    exporter->srcIpAddrIs(IpAddr(INADDR_LOOPBACK));
-    for (size_t i = 0; i < ports.size(); ++i)
-      exporter->collectorIpAndPortIs("c" + std::to_string(i), {IpAddr(INADDR_LOOPBACK), ports[i]});
-    tracker->expConfigIs(exporter);
-    config->ftConfigIs(tracker);
-    status->ftStatusIs(HwFlowTracking::ftStatusFactory("ft"));
-    const auto info = flowTrackingInfoFactory(FlowTrackingType::software);
-    using Tarn::Ipfix::CollectorStatistics;
-    const auto stats = Tarn::Ipfix::collectorStatisticsFactory(
-        simTableFactory(CollectorStatistics::keyLen, CollectorStatistics::valueLen, 64));
-    const auto infoSm = flowTrackingInfoSmFactory(loop, config, info, init->agentInfo());
-    const auto templateSm =
-        templateSmFactory(configReqFactory(), config, status, info, init->elementIdCollection(),
-                          stats, loop->taskScheduler());
-    const auto manager = optionsDataManagerSmFactory(
-        config, status, info, intfs, Vrf::VrfIdMap::statusFactory(), stats, loop->taskScheduler());
-    for (unsigned round = 1;; ++round) {  // a collector that misses something ends all this
-      while (roundsHeard < round * ports.size()) loop->runOnce(Seconds(0.1));
-      if (round == rounds) break;
-      tracker->activeIntervalIs(1);  // counts from the end of the last transmission
-      loop->runOnce(Seconds(0.1));
-      tracker->activeIntervalIs(3600000);
-    }
-    if (info->ftInfo("ft")->expInfo("exp")->udpPam4()->counters().dropped > 0)
-      fail("a datagram was lost on our side");
+  bench::Host host(64, LinuxPlatformOptions{}.paceBurst);
+  const bench::Tree tree(host, interfaces, 1, 0, false);
+  const auto tracker = tree.config->ftConfig("ft");
+  for (const uint16_t port : ports)
+    tracker->expConfig("e0")->collectorIpAndPortIs(std::to_string(port),
+                                                   {IpAddr(INADDR_LOOPBACK), port});
+  for (unsigned round = 1;; ++round) {  // a collector that misses something ends all this
+    while (roundsHeard < round * ports.size()) host.loop->runOnce(Seconds(0.1));
+    if (round == rounds) break;
+    tracker->activeIntervalIs(1);  // counts from the end of the last transmission
+    host.loop->runOnce(Seconds(0.1));
+    tracker->activeIntervalIs(3600000);
   }
-  Platform::install(nullptr);
+  if (tree.pam()->counters().dropped > 0) fail("a datagram was lost on our side");
 }
 
 }  // namespace

@@ -145,19 +145,11 @@ TEST_F(FlowCacheTest, EndsForEachReason) {
   EXPECT_EQ(seen(), "2:2:1:80000+1000 5:1:1:82600+0 ") << "silence ends a flow to the millisecond";
 }
 
-TEST_F(FlowCacheTest, FlowsGoOnExpiringWhenTheClockIsSetBack) {
+/// Nobody could be sent the record when the clock was set back: the flow goes on by the new clock,
+/// as long as it was. (What can be sent is for the random lives.)
+TEST_F(FlowCacheTest, HeldFlowsGoOnWhenTheClockIsSetBack) {
   constexpr int64_t hour = 3'600'000;
   cacheIs(10, {.activeMs = 60000, .inactiveMs = 2000});
-  packet(sample(1, 0));
-  packet(sample(2, 0));
-  packet(sample(1, 1500));
-  packet(sample(1, -hour));  // ends the flow by the clock as it was
-  packet(sample(3, 500));    // was on its way when the clock was set
-  packet(sample(4, -hour + 10));
-  for (int64_t ms = 100; ms <= 4200; ms += 100) packet(sample(5, -hour + ms));
-  EXPECT_EQ(seen(), "1:2:4:0+1500 1:1:1:-3600000+0 2:1:4:0+0 4:1:1:-3599990+0 3:1:4:500+0 ");
-
-  // Nobody could be sent the record: the flow goes on by the new clock, as long as it was.
   packet(sample(6, 0));
   packet(sample(6, 700));
   cache->holdIs(true);
@@ -165,7 +157,7 @@ TEST_F(FlowCacheTest, FlowsGoOnExpiringWhenTheClockIsSetBack) {
   packet(sample(6, -hour + 100));
   cache->holdIs(false);
   cache->nowIs(start - hour + 4000);
-  EXPECT_EQ(seen(), "5:42:1:-3599900+4100 6:4:1:-3600700+800 ");
+  EXPECT_EQ(seen(), "6:4:1:-3600700+800 ");
 }
 
 /// Random lives against plain sums: whatever ends and in what order, and whether somebody takes the
