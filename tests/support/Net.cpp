@@ -1,6 +1,7 @@
 #include "tests/support/Net.h"
 
 #include <fcntl.h>
+#include <netdb.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
@@ -17,6 +18,7 @@
 #include <stdexcept>
 
 #include "platform/linux/Netns.h"
+#include "platform/linux/UdpMessages.h"
 
 namespace support {
 namespace {
@@ -91,8 +93,6 @@ TempDir::~TempDir() {
 }
 
 Receiver::Receiver(const platform::IpGenAddr& addr, const std::string& netns, uint16_t port) {
-  sockaddr_storage local{};
-  socklen_t len = 0;
   const bool v6 = addr.isIpv6();
   {
     const platform::NetnsScope inside(netns);
@@ -105,26 +105,21 @@ Receiver::Receiver(const platform::IpGenAddr& addr, const std::string& netns, ui
   const int room = 16 << 20;  // a burst waits here until the test reads it
   if (::setsockopt(fd_.get(), SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) != 0)
     on(SOL_SOCKET, SO_RCVBUF, room);
-  if (v6) {
-    on(IPPROTO_IPV6, IPV6_RECVPKTINFO);
-    on(IPPROTO_IPV6, IPV6_RECVTCLASS);
-    auto& a = reinterpret_cast<sockaddr_in6&>(local);
-    a.sin6_family = AF_INET6;
-    a.sin6_port = htons(port);
-    std::memcpy(&a.sin6_addr, addr.ip6Addr().octets().data(), 16);
-    len = sizeof a;
-  } else {
-    on(IPPROTO_IP, IP_PKTINFO);
-    on(IPPROTO_IP, IP_RECVTOS);
-    auto& a = reinterpret_cast<sockaddr_in&>(local);
-    a.sin_family = AF_INET;
-    a.sin_port = htons(port);
-    a.sin_addr.s_addr = htonl(addr.ipAddr().value());
-    len = sizeof a;
-  }
-  auto* sa = reinterpret_cast<sockaddr*>(&local);
-  if (::bind(fd_.get(), sa, len) != 0 || ::getsockname(fd_.get(), sa, &len) != 0) fail("bind");
-  port_ = ntohs(reinterpret_cast<sockaddr_in&>(local).sin_port);  // the same place in both families
+  on(v6 ? IPPROTO_IPV6 : IPPROTO_IP, v6 ? IPV6_RECVPKTINFO : IP_PKTINFO);
+  on(v6 ? IPPROTO_IPV6 : IPPROTO_IP, v6 ? IPV6_RECVTCLASS : IP_RECVTOS);
+  addrinfo numeric{};
+  numeric.ai_flags = AI_NUMERICHOST;
+  addrinfo* found = nullptr;
+  if (::getaddrinfo(addr.stringValue().c_str(), std::to_string(port).c_str(), &numeric, &found) !=
+      0)
+    fail("getaddrinfo");
+  const int bound = ::bind(fd_.get(), found->ai_addr, found->ai_addrlen);
+  ::freeaddrinfo(found);
+  sockaddr_storage local{};
+  socklen_t len = sizeof local;
+  if (bound != 0 || ::getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&local), &len) != 0)
+    fail("bind");
+  port_ = platform::destinationOf(local).port;
 }
 
 std::optional<Receiver::Datagram> Receiver::next(int timeoutMs) {
@@ -145,17 +140,9 @@ std::optional<Receiver::Datagram> Receiver::next(int timeoutMs) {
   const ssize_t n = ::recvmsg(fd_.get(), &h, 0);
   if (n < 0) fail("recvmsg");
   d.octets.resize(static_cast<size_t>(n));
-  d.srcPort = ntohs(reinterpret_cast<sockaddr_in&>(from).sin_port);
-  auto addr6 = [](const in6_addr& a) {
-    platform::Ip6Addr::Octets o;
-    std::memcpy(o.data(), &a, 16);
-    return platform::Ip6Addr(o);
-  };
-  if (from.ss_family == AF_INET6) {
-    d.src = addr6(reinterpret_cast<sockaddr_in6&>(from).sin6_addr);
-  } else {
-    d.src = platform::IpAddr(ntohl(reinterpret_cast<sockaddr_in&>(from).sin_addr.s_addr));
-  }
+  const platform::Destination source = platform::destinationOf(from);
+  d.src = source.addr;
+  d.srcPort = source.port;
   for (cmsghdr* c = CMSG_FIRSTHDR(&h); c; c = CMSG_NXTHDR(&h, c)) {
     if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_TOS) {
       d.tos = *CMSG_DATA(c);
@@ -166,9 +153,9 @@ std::optional<Receiver::Datagram> Receiver::next(int timeoutMs) {
       std::memcpy(&info, CMSG_DATA(c), sizeof info);
       d.dst = platform::IpAddr(ntohl(info.ipi_addr.s_addr));
     } else if (c->cmsg_level == IPPROTO_IPV6 && c->cmsg_type == IPV6_PKTINFO) {
-      in6_pktinfo info;
-      std::memcpy(&info, CMSG_DATA(c), sizeof info);
-      d.dst = addr6(info.ipi6_addr);
+      platform::Ip6Addr::Octets to;  // what an in6_pktinfo begins with
+      std::memcpy(to.data(), CMSG_DATA(c), to.size());
+      d.dst = platform::Ip6Addr(to);
     }
   }
   return d;
