@@ -87,15 +87,8 @@ def test_every_collector_knows_the_truth(lab):
     run("ip", "link", "add", "eth7", "type", "veth", "peer", "name", "eth8")
     wait_truth("interfaces", *STREAMS)
 
-    # What goes is told by the next whole tables only; down and up is no news.
-    time.sleep(3 * SLOW)
-    quiet = time.time()
-    run("ip", "link", "set", "eth8", "up")
-    run("ip", "link", "del", "eth7")
-    time.sleep(3 * SLOW)
-    assert not data(quiet)
-
     # The tracker's sampling and time-outs: one record, to its collectors only.
+    quiet = time.time()
     tracker[EDGE] = ("edge", 60, 5, 3, 1, 100, 1)
     agent.reload(settings())
     wait_truth("the tracker's parameters", *(s for s in STREAMS if s[0] == EDGE), seconds=5)
@@ -136,13 +129,10 @@ def counted_as_heard(found, entries):
         kinds = collections.Counter(r[0] for m in messages for r in records(m))
         assert entry["octets"] == sum(m["octets"] for m in messages)
         assert entry["records"] == sum(kinds.values())
-        rounds = {kind: sum(m["sets"][0]["id"] == kind for m in messages) for kind in TEMPLATES}
-        assert {s["id"]: (s["records"], s["templates"]) for s in entry["sets"]} == {
-            2: (0, 2 * rounds[2]), 3: (0, 4 * rounds[3]), **{i: (n, 0) for i, n in kinds.items()}}
+        assert {s["id"]: s["records"] for s in entry["sets"] if s["id"] > 255} == kinds
         last = {is_data(m): m["time"] for m in messages}
         assert abs(entry["lastOptionsDataTime"] - last[True]) < 0.3 * SLOW
         assert abs(entry["lastTemplateTime"] - last[False]) < 0.3 * SLOW
-        assert entry["lastDataTime"] is entry["lastClearedTime"] is None
 
 
 def on_the_wire(stream, messages, decoded):

@@ -1,5 +1,6 @@
 #include "platform/linux/CaptureFile.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -133,14 +134,12 @@ TEST(CaptureFile, Blocks) {
               "4 4000000000 62/100 sll\n");
     EXPECT_EQ(file.error(), "");
     EXPECT_EQ(file.skipped(), 2u);
-    ASSERT_EQ(file.warnings().size(), 1u);
-    EXPECT_EQ(file.warnings()[0].substr(0, 69),
-              "x: interface 2 (w\\x1bl): skipped 2 packets of link type 127; read are");
+    EXPECT_THAT(file.warnings(),
+                testing::ElementsAre(testing::StartsWith(
+                    "x: interface 2 (w\\x1bl): skipped 2 packets of link type 127; read are")));
     EXPECT_EQ(file.interfaces(), 4u);
-    EXPECT_EQ(file.interfaceName(1), "eth0");
-    EXPECT_EQ(file.interfaceName(3), "");
-    EXPECT_EQ(file.interfaceName(4), "e1");
-    EXPECT_EQ(file.interfaceName(5), "");
+    const char* const names[] = {"eth0", "w\x1bl", "", "e1", ""};
+    for (uint32_t i = 1; i <= 5; ++i) EXPECT_EQ(file.interfaceName(i), names[i - 1]);
   }
 }
 
@@ -212,18 +211,14 @@ TEST(CaptureFile, Damage) {
     const char* error;
   };
   const Case cases[] = {
-      {pcap.octets, 110, 262145, 1,
-       "110: found a packet of 262145 captured octets; at most 262144"},
-      {ng.octets, 148, 28, 1,
-       "148: found a block of 28 octets; a multiple of 4 from 32 to 16777216"},
+      {pcap.octets, 110, 262145, 1, "110: found a packet of 262145 captured octets; at most"},
+      {ng.octets, 148, 28, 1, "148: found a block of 28 octets; a multiple of 4 from 32 to"},
       {ng.octets, 148, 0x1000004, 1, "148: found a block of 16777220 octets"},
       {ng.octets, 236, 92, 1, "236: found block length 92; 96, as at its start, is right"},
-      {ng.octets, 152, 1, 1, "152: found a packet of interface 1; its section describes 1 before"},
-      {ng.octets, 164, 65, 1,
-       "164: found a packet of 65 captured octets; its block has room for 64"},
-      {ng.octets, 256, 9 | 9 << 16, 2,
-       "258: found an option of 9 octets; its block has room for 8"},
-      {ng.octets, 280, 0x1a2b3c4e, 2, "280: found byte-order magic 1a2b3c4e; 1a2b3c4d in either"},
+      {ng.octets, 152, 1, 1, "152: found a packet of interface 1; its section describes 1"},
+      {ng.octets, 164, 65, 1, "164: found a packet of 65 captured octets; its block has room"},
+      {ng.octets, 256, 9 | 9 << 16, 2, "258: found an option of 9 octets; its block has room"},
+      {ng.octets, 280, 0x1a2b3c4e, 2, "280: found byte-order magic 1a2b3c4e; 1a2b3c4d"},
       {ng.octets, 284, 2, 2, "284: found version 2; 1 is read"}};
   for (const Case& c : cases) {
     Octets octets = c.octets;
@@ -284,13 +279,12 @@ TEST(CaptureFile, RefusesWhatIsNoCapture) {
       {file("version", Octets{0xd4, 0xc3, 0xb2, 0xa1, 3, 0}.fill(20)),
        "octet 4: found version 3; 2 is read"}};
   for (const auto& [path, says] : cases) {
-    std::string said;
     try {
       const CaptureFile refused(path);
+      ADD_FAILURE() << path;
     } catch (const std::runtime_error& e) {
-      said = e.what();
+      EXPECT_NE(std::string(e.what()).find(says), std::string::npos) << e.what();
     }
-    EXPECT_NE(said.find(says), said.npos) << said;
   }
 }
 
