@@ -253,13 +253,15 @@ def test_interfaces_and_collectors_come_and_go(house):
     lab.address("up0", "10.99.0.1/24", verb="del")
     agent = tracking(lab, settings(interfaces=["in0", "red/*"]))
     wire = Capture(lab, "dn0", ns="tt-far", ports=(9996,))
-    play("burst", 10)
+
+    def counted(device, new, total):
+        play("burst", new, device=device)
+        wait_for(f"{total} packets", lambda: flows()["edge"]["packets"] >= total)
+    counted("src0", 10, 10)
     lab.namespace("ns-red")
     lab.source("red0", "src1", ns="ns-red")
     agent.program.wait_log("VRF red: tracking flows on (lo, )?red0")
-    wait_for("10 packets", lambda: flows()["edge"]["packets"] >= 10)
-    play("burst", 20, device="src1")
-    wait_for("30 packets", lambda: flows()["edge"]["packets"] >= 30)
+    counted("src1", 20, 30)
     time.sleep(2.5)  # the flows are over, and nobody can be told
     assert flows()["edge"]["endedIdle"] == 0 and not of_flows(wire.messages())
     lab.address("up0", "10.99.0.1/24")
@@ -272,8 +274,7 @@ def test_interfaces_and_collectors_come_and_go(house):
     try:
         wait_for("it is tracked in the new one", lambda: len(re.findall(
             "VRF red: tracking flows on .*red0", agent.program.log())) == 2)
-        play("burst", 5, device="src2")
-        wait_for("35 packets", lambda: flows()["edge"]["packets"] >= 35)
+        counted("src2", 5, 35)
     finally:
         run("umount", "/run/netns/ns-red")
     assert agent.stop() == 0
