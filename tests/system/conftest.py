@@ -2,7 +2,6 @@
 
 import os
 import pathlib
-import random
 import sys
 
 import pytest
@@ -41,14 +40,6 @@ def lab(request, tmp_path):
 def far(lab):
     """The namespace at the far end of a cable."""
     return lab.far()
-
-
-@pytest.fixture
-def rng():
-    """Randomness that TARN_SEED repeats."""
-    seed = int(os.environ.get("TARN_SEED", random.randrange(1 << 32)))
-    print("TARN_SEED", seed)
-    return random.Random(seed)
 
 
 def pytest_sessionfinish(session, exitstatus):
