@@ -5,9 +5,7 @@
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -56,26 +54,15 @@ bool privateNetwork() {
   return made;
 }
 
-PeerNamespace::PeerNamespace() {
-  int ready[2];
-  if (::pipe2(ready, O_CLOEXEC) != 0) fail("pipe");
-  pid_ = ::fork();
-  if (pid_ < 0) fail("fork");
-  if (pid_ == 0) {
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    char ok = ::unshare(CLONE_NEWNET) == 0 && support::sh("ip link set lo up") ? 1 : 0;
-    if (::write(ready[1], &ok, 1) != 1) ::_exit(1);
-    for (;;) ::pause();
-  }
-  char ok = 0;
-  const ssize_t n = ::read(ready[0], &ok, 1);
-  ::close(ready[0]);
-  ::close(ready[1]);
-  if (n != 1 || !ok) fail("unshare");
+PeerNamespace::PeerNamespace()
+    : holder_(::popen("exec setpriv --pdeathsig KILL unshare --net"
+                      " sh -c 'ip link set lo up && echo $$ && exec sleep infinity'",
+                      "re")) {
+  if (!holder_ || ::fscanf(holder_, "%d", &pid_) != 1) fail("unshare");
 }
 PeerNamespace::~PeerNamespace() {
   ::kill(pid_, SIGKILL);
-  ::waitpid(pid_, nullptr, 0);
+  ::pclose(holder_);
 }
 bool PeerNamespace::sh(const std::string& command) const {
   const platform::NetnsScope inside(path());

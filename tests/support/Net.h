@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,6 +39,7 @@ class PeerNamespace {
   bool sh(const std::string& command) const;
 
  private:
+  FILE* holder_;
   pid_t pid_ = -1;
 };
 

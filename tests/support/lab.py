@@ -31,11 +31,13 @@ def wait_for(what, condition, seconds=5.0):
         time.sleep(0.01)
 
 
+def inside_argv(argv, ns):
+    return [str(a) for a in (*(("ip", "netns", "exec", ns) if ns else ()), *argv)]
+
+
 def run(*argv, ns=None, check=True):
     """Runs a command to its end, in namespace `ns`, and returns its standard output."""
-    argv = [str(a) for a in argv]
-    if ns:
-        argv = ["ip", "netns", "exec", ns, *argv]
+    argv = inside_argv(argv, ns)
     done = subprocess.run(argv, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
     if check and done.returncode:
         raise AssertionError(f"{' '.join(argv)}: exit {done.returncode}: {done.stderr}")
@@ -47,13 +49,11 @@ class Program:
 
     def __init__(self, lab, name, argv, ns=None, env=None):
         self.name = name
-        argv = [str(a) for a in argv]
-        if ns:
-            argv = ["ip", "netns", "exec", ns, *argv]
         self._out = lab.path(f"{name}.out")
         self._err = lab.path(f"{name}.err")
         with open(self._out, "wb") as out, open(self._err, "wb") as err:
-            self.process = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=out, stderr=err,
+            self.process = subprocess.Popen(inside_argv(argv, ns), stdin=subprocess.DEVNULL,
+                                            stdout=out, stderr=err,
                                             env={**os.environ, **(env or {})})
         self.pid = self.process.pid
         self.ends_well = False  # whether it has to stop with status 0 at the end of its test

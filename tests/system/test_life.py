@@ -44,9 +44,8 @@ def test_started_on_a_wrong_file(lab):
     assert agent.program.wait_exit() == 1
     assert re.search(rf"{re.escape(str(agent.file))}:\d+:\d+: .*-7.*4294967295", agent.program.log())
     assert not SEGMENT.exists()
-    for argv in (["--check", agent.file], ["--config", lab.path("absent.toml")]):
-        with pytest.raises(AssertionError, match=rf"exit 1: .*{re.escape(str(argv[1]))}"):
-            run(AGENT, *argv)
+    with pytest.raises(AssertionError, match="exit 1: .*/absent.toml"):
+        run(AGENT, "--config", "/absent.toml")
     # The tool says the same of it as the agent.
     assert tool("check", agent.file, check=False)[0] != 0
     agent.file.write_text(ONE)

@@ -53,8 +53,7 @@ def test_a_collector_by_the_name_of_its_host(lab, far, tmp_path):
     agent = Agent(lab, edge({"a": "coll", "b": "10.99.0.5"}, template_interval="1s").replace(
         "[agent]", '[agent]\nresolve-interval = "1s"'))
     agent.program.wait_log("host coll cannot be looked up: .*; its collectors wait")
-    shown = tool("show", "collectors", check=False)[1]
-    assert "waiting for address" in shown and "its host coll cannot be looked up: " in shown
+    assert "its host coll cannot be looked up: " in tool("show", "collectors", check=False)[1]
     for address in ("10.99.0.2", "10.99.0.3"):  # a session each: from 0, the templates first
         names(f"{address} coll\n")
         messages = capture.wait(6, dst=address)

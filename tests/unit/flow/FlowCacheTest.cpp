@@ -26,10 +26,8 @@ struct Record {
   std::map<uint16_t, uint64_t> number;  // by element; of an address its last eight octets
 };
 
-/// Reads what the cache reports by the templates that collectors are told.
-class Reader {
- public:
-  Reader() {
+struct FlowCacheTest : testing::Test {
+  void SetUp() override {
     const auto platform = simPlatform();  // the registry's trace
     Platform::install(platform.get());
     std::string problem;
@@ -37,34 +35,29 @@ class Reader {
     registry->doInitialize();
     for (const auto& t : flowTemplates(*registry, problem))
       for (const auto& [position, entry] : t->ftTemplateEntry())
-        templates_[t->templateId()].emplace_back(entry.fieldId().value(), entry.fieldLen());
+        templates[t->templateId()].emplace_back(entry.fieldId().value(), entry.fieldLen());
     Platform::install(nullptr);
   }
+  /// Reads what the cache reports by the templates that collectors are told.
   template <class Visit>
-  void eachRecord(RecordQueue& queue, Visit visit) const {
-    queue.flush();
-    while (RecordBlock* block = queue.take()) {
+  void eachRecord(Visit visit) {
+    queue->flush();
+    while (RecordBlock* block = queue->take()) {
       const char* at = block->octets.data();
       const char* const end = at + block->used;
       while (at < end) {
         Record r{block->ipv6, static_cast<uint8_t>(*at), {}};
         for (const auto& [element, len] :
-             templates_.at(block->ipv6 ? ipv6FlowTemplate : ipv4FlowTemplate)) {
+             templates.at(block->ipv6 ? ipv6FlowTemplate : ipv4FlowTemplate)) {
           uint64_t& n = r.number[element];
           for (size_t i = 0; i < len; ++i) n = n << 8 | static_cast<uint8_t>(*at++);
         }
         visit(r);
       }
       EXPECT_EQ(at, end) << "a record is longer than its template";
-      queue.release(block);
+      queue->release(block);
     }
   }
-
- private:
-  std::map<uint16_t, std::vector<std::pair<uint16_t, size_t>>> templates_;  // element, octets
-};
-
-struct FlowCacheTest : testing::Test {
   void cacheIs(size_t maxFlows, FlowTimes times = {}) {
     queue.emplace();
     cache.emplace(maxFlows, times, 7, *queue);
@@ -108,7 +101,7 @@ struct FlowCacheTest : testing::Test {
   /// "port:packets:reason:start+duration" of each record since the last look, in order.
   std::string seen() {
     std::string out;
-    reader.eachRecord(*queue, [&](Record& r) {
+    eachRecord([&](Record& r) {
       const auto first = static_cast<int64_t>(r.number[152]);
       const auto duration = static_cast<int64_t>(r.number[153]) - first;
       for (const uint16_t element : {7, 2, 136}) out += std::to_string(r.number[element]) + ':';
@@ -117,7 +110,7 @@ struct FlowCacheTest : testing::Test {
     return out;
   }
 
-  Reader reader;
+  std::map<uint16_t, std::vector<std::pair<uint16_t, size_t>>> templates;  // element, octets
   std::optional<RecordQueue> queue;
   std::optional<FlowCache> cache;
 };
@@ -183,7 +176,7 @@ TEST_F(FlowCacheTest, SumsAreTheTruth) {
     std::map<Key, uint64_t> truth, reported;       // packets
     bool paused = false;
     const auto look = [&] {
-      reader.eachRecord(*queue, [&](Record& r) {
+      eachRecord([&](Record& r) {
         reported[{r.number[7], r.ipv6, r.firstOctet == 21}] += r.number[2];
         EXPECT_EQ(r.number[1], r.number[2] * (40 + r.number[11])) << "octets";
         const uint64_t duration = r.number[153] - r.number[152];

@@ -38,22 +38,19 @@ struct Seen {
 /// Sends whole frames out of one device.
 class Sender {
  public:
-  explicit Sender(const char* device)
-      : fd_(::socket(AF_PACKET, SOCK_RAW, 0)), index_(if_nametoindex(device)) {}
-  void send(const Octets& frame) const {
-    sockaddr_ll to{};
-    to.sll_family = AF_PACKET;
-    to.sll_ifindex = static_cast<int>(index_);
-    to.sll_protocol = htons(static_cast<uint16_t>(frame[12] << 8 | frame[13]));
-    const ssize_t n = ::sendto(fd_.get(), frame.data(), frame.size(), 0,
-                               reinterpret_cast<const sockaddr*>(&to), sizeof to);
-    if (n != static_cast<ssize_t>(frame.size()))
+  explicit Sender(const char* device) : fd_(::socket(AF_PACKET, SOCK_RAW, 0)) {
+    sockaddr_ll at{};
+    at.sll_family = AF_PACKET;
+    at.sll_ifindex = static_cast<int>(if_nametoindex(device));
+    if (::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&at), sizeof at) != 0)
       throw platform::ErrnoException(errno, "the test's sender");
+  }
+  void send(const Octets& frame) const {
+    EXPECT_EQ(::send(fd_.get(), frame.data(), frame.size(), 0), ssize_t(frame.size()));
   }
 
  private:
   platform::Fd fd_;
-  unsigned index_;
 };
 
 /// What the ring hands out until there are `expected` packets (or two seconds passed), and what
