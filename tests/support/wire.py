@@ -79,10 +79,6 @@ class Capture:
                  if m and (self.kinds is None or m.sets[0][0] in self.kinds)]
         return [m for m in found if all(getattr(m, k) == v for k, v in fields.items())]
 
-    def packets(self):
-        """How many packets were captured, whatever they are."""
-        return len(list(_packets(self.file.read_bytes()))) if self.file.exists() else 0
-
     def wait(self, count, seconds=5.0, **fields):
         """Waits for at least `count` such messages."""
         wait_for(f"{count} messages with {fields}",

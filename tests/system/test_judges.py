@@ -32,7 +32,7 @@ def test_judges(lab, far, fault):
     cable = Capture(lab, "dn0", ns=far)
     messages = WRONG[fault] if fault else RIGHT
     send(messages, "10.99.0.2", tos=184)
-    wait_for("the capture has all", lambda: cable.packets() == len(messages))
+    wait_for("the capture has all", lambda: len(cable.messages()) == len(messages))
     cable.stop()
     if fault:
         with pytest.raises(AssertionError):

@@ -1,11 +1,10 @@
 """Templates and options tables at every collector, through what may happen in one run of the agent.
-Afterwards all that they were sent is judged by tshark and compared with the counters. (Interfaces and
-VRFs that come, go and change their names are for the random life.)
+Afterwards all that they were sent is judged by tshark. (Interfaces and VRFs that come, go and change
+their names are for the random life; what is counted, for the model of OptionsDataModelTest.cpp.)
 
 Two trackers export to collectors of both families; one of them with the smallest mtu.
 """
 
-import collections
 import json
 import time
 
@@ -90,13 +89,11 @@ def test_every_collector_knows_the_truth(lab):
             for s in STREAMS}
     assert told == {s: [[(TRACKER, EDGE, tracker[EDGE])]] if s in ours else [] for s in STREAMS}
 
-    # When as many were heard as are counted, between two rounds of templates, they are the same.
-    def quiet_moment():
-        found = {s: heard(s) for s in STREAMS}
-        entries = show_counters()["entries"]
-        return sum(e["messages"] for e in entries) == sum(map(len, found.values())) and (
-            found, entries)
-    counted_as_heard(*wait_for("a quiet moment", quiet_moment))
+    for entry in show_counters()["entries"]:
+        stream = {"edge": EDGE, "core": CORE}[entry["tracker"]], entry["collectorAddress"]
+        last = {is_data(m): m["time"] for m in heard(stream)}
+        assert abs(entry["lastOptionsDataTime"] - last[True]) < 0.3 * SLOW
+        assert abs(entry["lastTemplateTime"] - last[False]) < 0.3 * SLOW
     assert agent.stop() == 0
     time.sleep(0.2)
     assert [p.stop() for p in listeners.values()] == [0] * 2, "malformed, or out of sequence"
@@ -104,19 +101,6 @@ def test_every_collector_knows_the_truth(lab):
     decoded = tshark(capture.file, ports=(4739, 9995))
     for stream in STREAMS:
         on_the_wire(stream, heard(stream), [d for d in decoded if (d.domain, d.dst) == stream])
-
-
-def counted_as_heard(found, entries):
-    assert len(entries) == len(found)
-    for entry in entries:
-        messages = found[{"edge": EDGE, "core": CORE}[entry["tracker"]], entry["collectorAddress"]]
-        kinds = collections.Counter(r[0] for m in messages for r in records(m))
-        assert entry["octets"] == sum(m["octets"] for m in messages)
-        assert entry["records"] == sum(kinds.values())
-        assert {s["id"]: s["records"] for s in entry["sets"] if s["id"] > 255} == kinds
-        last = {is_data(m): m["time"] for m in messages}
-        assert abs(entry["lastOptionsDataTime"] - last[True]) < 0.3 * SLOW
-        assert abs(entry["lastTemplateTime"] - last[False]) < 0.3 * SLOW
 
 
 def on_the_wire(stream, messages, decoded):

@@ -4,7 +4,7 @@ nobody hears of others' changes is for the random reloads of EntitiesTest.cpp.)"
 import re
 
 from lab import SLOW, run, wait_for
-from tarnflow import Agent, config, counters, edge, exporter, tool
+from tarnflow import Agent, counters, edge, tool
 from wire import TEMPLATES, Capture, tshark
 
 

@@ -102,7 +102,6 @@ TEST_F(OutputTest, JsonHasStableKeys) {
             "type time sourceAddress sourcePort destinationAddress destinationPort tos dscp octets "
             "version length exportTime sequence domain sequenceState sequenceExpected recordCount "
             "sets error warnings ");
-  EXPECT_EQ(keys(j["sets"][0]), "id offset length kind templates ");
   EXPECT_EQ(j["sets"][1]["templates"][0]["fields"][0].dump(),
             R"({"name":"ingressInterface","id":10,"enterprise":0,"length":4,"scope":true})");
   EXPECT_EQ(j["sets"][4].dump(),
