@@ -6,7 +6,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <utility>
 
 #include "agent/flow/FlowCache.h"
 #include "agent/flow/PacketParser.h"
@@ -50,18 +49,12 @@ class FlowMeter {
   /// The thread is over: what it had to say is in the queue and the counters.
   bool done() const { return done_.load(std::memory_order_acquire); }
   /// Tells the thread to report the flows under way and to end; returns at once. The thread waits
-  /// for room in the queue and for orders without `hold`: call `drain` until it returns false.
+  /// for room in the queue and for orders without `hold`: take its blocks until it is `done` and
+  /// the queue is empty.
   void endSoon();
   /// As `endSoon`, but the thread waits for nothing: flows whose records find no room in the queue,
   /// or that no collector is ready for, are lost and counted.
   void giveUp();
-  /// Takes records out of the queue, in steps that the caller bounds, and never waits: passes whole
-  /// blocks to `take(const RecordBlock&)` until these held `maxFlows` records (a block has 520 of
-  /// IPv4 at most) or the queue is empty. Returns true while flows are left: call it again, when
-  /// `queue().fd()` is readable or some milliseconds later. Once it returned false after `endSoon`
-  /// or `giveUp` the thread is over, and destroying the meter takes no time.
-  template <class Take>
-  bool drain(size_t maxFlows, Take take);
   /// `giveUp`, and waits for the thread.
   void stop();
   /// Once `done`: what ended the thread before its time; empty: nothing.
@@ -120,18 +113,5 @@ class FlowMeter {
 
   std::thread thread_;
 };
-
-template <class Take>
-bool FlowMeter::drain(size_t maxFlows, Take take) {
-  const bool last = done();  // before the queue is read: then nothing can follow what is in it
-  for (size_t flows = 0; flows < maxFlows;) {
-    RecordBlock* block = queue_.take();
-    if (!block) return !last;
-    flows += block->used / (block->ipv6 ? flowRecordLen6 : flowRecordLen4);
-    take(std::as_const(*block));
-    queue_.release(block);
-  }
-  return true;
-}
 
 }  // namespace agent::flow
