@@ -90,7 +90,6 @@ void recordCost(uint32_t n) {
   const double each = static_cast<double>(heap() - before) / n;
   std::printf("a record of 17 octets in its source: %.1f octets of heap\n", each);
   if (each > 96) fail("a record costs more than 96 octets");
-  if (each < 17) fail("the heap's count is not to be believed");
 }
 
 void exportTables(uint32_t interfaces, const std::vector<uint16_t>& ports, unsigned rounds) {

@@ -191,9 +191,8 @@ class Notify:
 
     def __init__(self, path):
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK)
-        self.socket.bind(str(path))
-        self.path = str(path)
-        self.heard = []
+        self.socket.bind(path)
+        self.path, self.heard = path, []
 
     def lines(self):
         while True:

@@ -176,10 +176,9 @@ def test_resend_and_log_level(lab, far):
 def test_reload(lab, far):
     agent = Agent(lab, config(edge()))
     agent.write(config(edge(other=exporter("up0", collectors(b="10.99.0.3")))))
-    answer = tool_json("reload")
-    assert answer == {"done": True, "errors": [], "warnings": [],
-                      "summary": f"reloaded {agent.file}: exporters: 1 added; collectors: 1 added"}
-    assert answer["summary"] in agent.program.log() and "nothing changed" in tool("reload")[1]
+    summary = f"reloaded {agent.file}: exporters: 1 added; collectors: 1 added"
+    assert tool_json("reload") == {"done": True, "errors": [], "warnings": [], "summary": summary}
+    assert summary in agent.program.log() and "nothing changed" in tool("reload")[1]
     agent.write(config(edge()).replace(str(SOCKET), "/run/other.sock"))
     assert "take effect at the next start" in tool("reload")[2]
     agent.write(config(edge()).replace("id = 7", "id = -7"))

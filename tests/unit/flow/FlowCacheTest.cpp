@@ -323,13 +323,8 @@ TEST(FlowTableTest, IsAMapWhateverTheHash) {
     ASSERT_EQ(table.size(), truth.size());
   }
   EXPECT_GT(removed, 0u);
-  size_t visited = 0;
-  table.takeAll([&](const FlowEntry4& e) {
-    EXPECT_EQ(e.packets, truth.at(BadHash::number(e.key)));
-    ++visited;
-  });
-  EXPECT_EQ(visited, truth.size());
-  EXPECT_EQ(table.size(), 0u);
+  table.takeAll([&](const FlowEntry4& e) { EXPECT_EQ(truth.erase(BadHash::number(e.key)), 1u); });
+  EXPECT_TRUE(truth.empty() && table.size() == 0);
 }
 
 TEST(FlowTableTest, EvictsWhereTheIndexCannotGrow) {
