@@ -36,9 +36,9 @@ def toml(value):
 
 
 def collectors(**addresses):
-    return {name: {"address": a, **({"port": p} if p else {})}
-            for name, (a, p) in ((n, v if isinstance(v, tuple) else (v, None))
-                                 for n, v in addresses.items())}
+    """A collector's section each, of an address or of (address, port)."""
+    return {name: {"address": to} if isinstance(to, str) else {"address": to[0], "port": to[1]}
+            for name, to in addresses.items()}
 
 
 def exporter(interface, collector, **keys):

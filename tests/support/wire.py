@@ -39,14 +39,12 @@ def _packets(data):
 
 def _message(time, frame):
     kind = struct.unpack_from(">H", frame, 12)[0]
-    if kind == 0x0800:
-        tos, udp = frame[15], 14 + (frame[14] & 15) * 4
-        src, dst = frame[26:30], frame[30:34]
-    elif kind == 0x86DD:
-        tos, udp = struct.unpack_from(">H", frame, 14)[0] >> 4 & 0xFF, 54
-        src, dst = frame[22:38], frame[38:54]
-    else:
+    if kind not in (0x0800, 0x86DD):
         return None
+    v6 = kind == 0x86DD
+    tos = struct.unpack_from(">H", frame, 14)[0] >> 4 & 0xFF if v6 else frame[15]
+    src, dst = (frame[22:38], frame[38:54]) if v6 else (frame[26:30], frame[30:34])
+    udp = 54 if v6 else 14 + (frame[14] & 15) * 4
     src_port, dst_port = struct.unpack_from(">HH", frame, udp)
     body = frame[udp + 8:]
     _, length, export_time, sequence, domain = struct.unpack_from(">HHIII", body)

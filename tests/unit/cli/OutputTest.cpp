@@ -63,9 +63,9 @@ TEST_F(OutputTest, ShowsARichMessageToPeople) {
 TEST_F(OutputTest, WideRecordsBecomeListsLongValuesAreCutFaultsAreLoud) {
   options_.width = 50;
   (void)text(rich);
-  std::string eighty, whole;  // octets; and the characters of two that fit into 64
-  for (int i = 0; i < 40; ++i) {
-    eighty += "c3a9";
+  std::string longest, whole;  // the most octets of a short form; and those that fit into 64
+  for (int i = 0; i < 127; ++i) {
+    longest += "c3a9";
     if (i < 31) whole += "\xc3\xa9";
   }
   struct {
@@ -78,7 +78,7 @@ TEST_F(OutputTest, WideRecordsBecomeListsLongValuesAreCutFaultsAreLoud) {
        "        octetDeltaCount 100\n"
        "        interfaceName \"0123456789abcdef\"\n"
        "        flowTrackingType 2\n"},
-      {10, "ff01 0059 00000001 50" + eighty, "\"" + whole + "... (80 octets)"},
+      {10, "ff01 0107 00000001 fe" + longest, "\"" + whole + "... (254 octets)"},
       {13, "0101 0008 00000000",
        "\n  !! SEQUENCE ERROR: sequence 13, expected 11: 2 data records missing\n"},
       {14, "0101 0003 00000000", "\n  !! MALFORMED at octet 18: set length 3; allowed are 4 to 8"},

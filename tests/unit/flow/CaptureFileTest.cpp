@@ -213,6 +213,7 @@ TEST(CaptureFile, Damage) {
   const Case cases[] = {
       {pcap.octets, 110, 262145, 1, "110: found a packet of 262145 captured octets; at most"},
       {ng.octets, 148, 28, 1, "148: found a block of 28 octets; a multiple of 4 from 32 to"},
+      {ng.octets, 148, 97, 1, "148: found a block of 97 octets"},
       {ng.octets, 148, 0x1000004, 1, "148: found a block of 16777220 octets"},
       {ng.octets, 236, 92, 1, "236: found block length 92; 96, as at its start, is right"},
       {ng.octets, 152, 1, 1, "152: found a packet of interface 1; its section describes 1"},

@@ -59,6 +59,8 @@ TEST(PacketParser, Lengths) {
       {"device without link layer, neither version", Octets{}.fill(60, 0x50), "notIp",
        LinkLayer::raw},
       {"IPv4 said to be IPv6", e6(v4), "malformed"},
+      {"IPv4 header of 16 octets", e4(with16(v4, 0, 0x4400)), "malformed"},
+      {"SCTP", e4(Ip4{}(132, udp(1000, 2000, 30))), a4 + "132 1000>2000 58"},
       {"IPv4 total length within the header", e4(with16(v4, 2, 19)), "malformed"},
       {"IPv4 total length within the options",
        e4(with16(Ip4{0, 0, 0, 8}(17, udp(1, 2, 30)), 2, 27)), "malformed"},
