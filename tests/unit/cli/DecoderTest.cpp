@@ -53,6 +53,7 @@ TEST(WrongMessage, IsRefusedWithPlaceFoundAndAllowed) {
   };
   const Wrong wrongs[] = {
       {0, 9, "at octet 0: version 9; IPFIX has 10"},
+      {2, 119, "at octet 2: message length 119; the datagram has 127 octets"},
       {2, 128, "at octet 2: message length 128; the datagram has 127 octets"},
       {72, 255, "at octet 72: set id 255; allowed are 2, 3 and 256 to 65535"},
       {18, 3, "at octet 18: set length 3; allowed are 4 to 111, the octets left"},
@@ -240,6 +241,7 @@ TEST(ValueText, FollowsTheElementsType) {
       {154, "7fffffff00000000", "2104-02-26T09:42:23.000000Z"},
       {154, "8000000000000000", "1968-01-20T03:14:08.000000Z"},
       {154, "e913a5f280000000", "2023-12-01T00:23:14.500000Z"},
+      {156, "e913a5f240000001", "2023-12-01T00:23:14.250000000Z"},
       {276, "01", "true"},
       {276, "00", "0x00"},
       {311, "3fe0000000000000", "0.5"},
