@@ -36,12 +36,11 @@ def test_programs_run_from_there(lab, far, prefix):
     libraries = run("ldd", prefix / "sbin" / "tarnflowd")
     assert re.search(rf"libtarnipfix\.so\.\d+ => {prefix}/", libraries), libraries
     assert run(prefix / "bin" / "tarnflow", "--version").strip()
-    capture = Capture(lab, "dn0", ns=far)
     file = lab.path("installed.toml")
     file.write_text(edge({"a": "10.99.0.2"}))
     assert "up0" in run(prefix / "bin" / "tarnflow", "check", file), "by the agent beside it"
     program = lab.start("installed", prefix / "sbin" / "tarnflowd", "--config", file)
-    capture.wait(2)
+    program.wait_log("FLOWTRACKING_EXPORTER_ACTIVE")
     assert program.stop() == 0
 
 

@@ -22,21 +22,13 @@ THERE = {4: "10.99.0.2", 6: "fd99::2"}
 
 
 def flows(count):
-    """(time, frame) of `count` UDP flows of both families, and {five-tuple: (packets, octets)}."""
-    frames, sums = [], {}
-    for n in range(1, count + 1):
-        body = traffic.udp(1024 + n, 53, bytes(10 + n % 90))
-        if n % 2:
-            src, dst = f"192.0.2.{n % 250 + 1}", "198.51.100.7"
-            packet = traffic.ipv4(src, dst, traffic.UDP, body, ident=n & 0xffff)
-        else:
-            src, dst = f"2001:db8::{n:x}", "2001:db8:1::7"
-            packet = traffic.ipv6(src, dst, traffic.UDP, body)
-        frame = traffic.ethernet(0x0800 if n % 2 else 0x86DD, packet)[:14 + len(packet)]
-        packets = n % 3 + 1
-        frames += [(1700000000 + n * 0.001 + k, frame) for k in range(packets)]
-        sums[src, dst, 1024 + n, 53] = (packets, packets * len(packet))
-    return sorted(frames, key=lambda f: f[0]), sums
+    """(time, frame) of so many UDP flows of both families, and {five-tuple: (packets, octets)}."""
+    frames, sums = [], collections.defaultdict(traffic.Sum)
+    for n, (frame, key, octets, _) in enumerate(traffic.mixture(count * 4)):
+        if key.protocol == traffic.UDP and key.dst_port == 53:
+            frames.append((1700000000 + n * 0.001, frame))
+            sums[key.src, key.dst, key.src_port, key.dst_port].add(octets, 0)
+    return frames, {key: (s.packets, s.octets) for key, s in sums.items()}
 
 
 def stored_flows(stored):
