@@ -122,11 +122,9 @@ def test_every_flow_as_it_was(house):
 
     # The same from the file, and as another maker's programs cut and merged it (pcapng): it gives
     # the same messages but for their times.
-    halves = [lab.path("half1.pcapng"), lab.path("half2.pcapng")]
     merged = lab.path("merged.pcapng")
-    run("editcap", "-r", seen, halves[0], f"1-{sent // 2}")
-    run("editcap", "-r", seen, halves[1], f"{sent // 2 + 1}-{sent}")
-    run("mergecap", "-w", merged, *halves)
+    run("editcap", "-c", sent // 2 + 1, seen, lab.path("half.pcapng"))
+    run("mergecap", "-w", merged, *sorted(lab.directory.glob("half_*")))
     contents = []
     for file in (seen, merged):
         wire = Capture(lab, "dn0", ns="tt-far", ports=ports)

@@ -9,7 +9,6 @@ import socket
 import subprocess
 import time
 
-import pytest
 from prometheus_client import parser
 from prometheus_client.openmetrics import parser as open_parser
 
@@ -192,13 +191,3 @@ def test_text_file(lab, tmp_path):
     agent.program.stop(signal.SIGKILL)
     wait_for("the file says that nobody is up", lambda: samples(file.read_text()).keys() == DOWN)
     assert writer.stop() == 0 and list(tmp_path.glob("*.prom*")) == []
-
-
-@pytest.mark.parametrize("argv, code, why", [
-    (["--listen", "localhost"], 2, "127.0.0.1:9739"),
-    (["--listen", "192.0.2.1:0"], 1, "assign"),
-    (["--textfile", "/absent/x.prom"], 1, "/absent"),
-    (["--textfile", "x", "--listen", "127.0.0.1:0"], 2, "xclude")])
-def test_refuses(argv, code, why):
-    done = tool("metrics", *argv, check=False)
-    assert done[0] == code and why in done[2], done

@@ -97,10 +97,9 @@ struct Boxed {
   Packet packet;
   explicit Boxed(const Octets& octets, LinkLayer link = LinkLayer::ethernet)
       : Boxed(octets, octets.size(), octets.size(), link) {}
-  Boxed(const Octets& octets, size_t capLen, size_t wireLen, LinkLayer link = LinkLayer::ethernet)
+  Boxed(const Octets& octets, size_t capLen, size_t wireLen, LinkLayer link)
       : block(new uint8_t[capLen]) {
-    std::copy_n(octets.begin(), capLen, block.get());
-    packet.octets = block.get();
+    packet.octets = std::copy_n(octets.begin(), capLen, block.get()) - capLen;
     packet.capLen = static_cast<uint32_t>(capLen);
     packet.wireLen = static_cast<uint32_t>(wireLen);
     packet.link = link;
