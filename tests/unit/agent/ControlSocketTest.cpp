@@ -7,7 +7,6 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <tuple>
@@ -15,29 +14,24 @@
 #include "World.h"
 #include "agent/CollectorStates.h"
 #include "agent/ControlRequests.h"
-#include "tests/support/Net.h"
 
 namespace agent {
 namespace {
 using namespace std::chrono_literals;
-using namespace std::string_literals;
 using Json = nlohmann::ordered_json;
 
-const std::string path = "/run/tarn/control.sock";
+const sockaddr_un place{AF_UNIX, "/run/tarn/control.sock"};
+const std::string path = place.sun_path;
 
 /// A client that does nothing unless it is told to.
 class Client {
  public:
-  Client() : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
-    sockaddr_un a{};
-    a.sun_family = AF_UNIX;
-    path.copy(a.sun_path, sizeof a.sun_path - 1);
+  Client() {
     // One that cannot connect gets no answer.
-    std::ignore = connect(fd_.get(), reinterpret_cast<sockaddr*>(&a), sizeof a);
+    std::ignore = connect(fd_.get(), reinterpret_cast<const sockaddr*>(&place), sizeof place);
   }
   void send(std::string_view text) {
-    EXPECT_EQ(::send(fd_.get(), text.data(), text.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(text.size()));
+    EXPECT_EQ(write(fd_.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
   }
   void sendsNoMore() { shutdown(fd_.get(), SHUT_WR); }
   /// All that came so far; notes the end.
@@ -48,13 +42,10 @@ class Client {
     ended_ = ended_ || n == 0 || errno == ECONNRESET;
     return got_;
   }
-  bool over() {
-    got();
-    return ended_;
-  }
+  bool over() { return got(), ended_; }
 
  private:
-  Fd fd_;
+  Fd fd_{socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
   std::string got_;
   bool ended_ = false;
 };
@@ -72,54 +63,62 @@ class ControlSocketTest : public World {
         limits);
     ASSERT_TRUE(control->listen(path)) << heard.text;
   }
-  bool until(const std::function<bool()>& done, std::chrono::milliseconds limit = 5s) {
-    return agent::until(*loop, done, limit);
-  }
-  void pass(std::chrono::milliseconds time) {
-    until([] { return false; }, time);
+  /// Another agent's.
+  std::unique_ptr<ControlSocket> other() {
+    return std::make_unique<ControlSocket>(
+        loop, heard.log, [](const ControlPeer&, std::string_view) { return "other"; });
   }
   /// The client asks, and this is the last it hears.
   testing::AssertionResult answers(Client& c, const std::string& with = "<hello>\n") {
     c.send("hello\n");
-    if (until([&] { return c.got().ends_with(with); })) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << c.got();
+    return becomes([&] { return c.got().ends_with(with) ? with : c.got(); }, with);
   }
 
-  Ptr<EventLoop> loop = eventLoopFactory();
-  Heard heard;
   std::unique_ptr<ControlSocket> control;
   std::vector<std::string> asked;
   ControlPeer last;
   std::function<std::string(std::string_view)> answer;
 };
 
-TEST_F(ControlSocketTest, LinesArriveInPiecesOrTogetherAndNotTooLong) {
+// What was asked is answered in order, however it arrives, and done when nobody stays for it.
+TEST_F(ControlSocketTest, RandomClients) {
+  Random pick;
   listen({.requestMax = 100});
-  Client one;
-  for (const char c : std::string("abc\r\n")) {
-    one.send({&c, 1});
-    loop->runOnce(Seconds(0));
+  std::vector<std::string> expected;
+  enum { tooLong, endsItsLastLine, goesAway, stays };
+  for (int round = 0; round < 200 && !HasFailure(); ++round) {
+    const uint32_t end = pick(4);
+    std::string text;
+    std::string answers;
+    for (uint32_t n = pick(4); n > 0; --n) {
+      const std::string newline = pick(2) ? "\n" : "\r\n";
+      expected.emplace_back(pick(2) ? pick(9) : 101 - newline.size(), 'l');
+      text += expected.back() + newline;
+      answers += '<' + expected.back() + ">\n";
+    }
+    if (end == tooLong) {
+      text += std::string(101, 'x');
+      answers += "{\"ok\":false,\"error\":\"the request has more than 100 octets\"}\n";
+    } else if (end == endsItsLastLine) {
+      text += expected.emplace_back("last");
+      answers += "<last>\n";
+    }
+    auto client = std::make_unique<Client>();
+    for (size_t at = 0, n = 0; at < text.size(); at += n) {
+      n = 1 + pick(pick(2) ? 5 : text.size());
+      client->send(text.substr(at, n));
+      if (pick(2)) loop->runOnce(Seconds(0));
+    }
+    if (end == endsItsLastLine) client->sendsNoMore();
+    if (end == goesAway) client = nullptr;
+    EXPECT_TRUE(becomes([&] { return client ? client->got() : answers; }, answers));
+    EXPECT_TRUE(!client || end == stays || until([&] { return client->over(); }));
+    client = nullptr;
+    until([&] { return control->connections() == 0 && asked.size() == expected.size(); });
+    EXPECT_EQ(asked, expected);
   }
-  EXPECT_TRUE(until([&] { return one.got() == "<abc>\n"; })) << one.got();
-  Client two;
-  const std::string longest(100, 'x');
-  two.send("1\n\n2\n" + longest + "\nlast");
-  two.sendsNoMore();
-  EXPECT_TRUE(until([&] { return two.over(); }));
-  EXPECT_EQ(two.got(), "<1>\n<>\n<2>\n<" + longest + ">\n<last>\n");
-  EXPECT_EQ(control->connections(), 1u);
-  EXPECT_EQ(last.uid, geteuid());
-  EXPECT_EQ(last.pid, getpid());
-  EXPECT_TRUE(last.mayChange);
-  asked.clear();
-  Client tooLong;
-  tooLong.send(longest + "x\n");
-  Client endless;
-  endless.send(longest + longest);
-  EXPECT_TRUE(until([&] { return tooLong.over() && endless.over(); }));
-  EXPECT_TRUE(asked.empty());
-  for (Client* c : {&tooLong, &endless})
-    EXPECT_NE(c->got().find("more than 100 octets"), std::string::npos) << c->got();
+  control.reset();
+  EXPECT_NE(access("/run/tarn", F_OK), 0) << "nothing is left behind";
 }
 
 TEST_F(ControlSocketTest, WhoDoesNotReadOrEndItsLineIsLetGo) {
@@ -129,18 +128,15 @@ TEST_F(ControlSocketTest, WhoDoesNotReadOrEndItsLineIsLetGo) {
   std::string many;
   for (int i = 0; i < 1000; ++i) many += "again\n";
   stuck.send(many);
-  ASSERT_TRUE(until([&] { return !asked.empty(); }));
   pass(100ms);
   EXPECT_EQ(asked.size(), 1u) << "one answer waits, no more";
-  // Others are served meanwhile.
   answer = nullptr;
-  Client other;
-  EXPECT_TRUE(answers(other));
-  other.send("half a req");
+  Client served;
+  EXPECT_TRUE(answers(served));
+  served.send("half a req");
   Client dripping;
   pass(100ms);
-  const auto start = std::chrono::steady_clock::now();
-  while (control->connections() > 0 && std::chrono::steady_clock::now() - start < 5s) {
+  for (int i = 0; i < 100 && control->connections() > 0; ++i) {
     dripping.send(".");
     pass(50ms);
   }
@@ -155,7 +151,7 @@ TEST_F(ControlSocketTest, OtherWorkHasItsTurnBetweenTwoAnswers) {
     at.push_back(std::chrono::steady_clock::now());
     while (std::chrono::steady_clock::now() - at.back() < 3ms) {
     }
-    return std::string("done");
+    return "done";
   };
   Client greedy[4];
   for (Client& c : greedy) c.send("a\nb\nc\n");
@@ -164,85 +160,76 @@ TEST_F(ControlSocketTest, OtherWorkHasItsTurnBetweenTwoAnswers) {
     EXPECT_GE(at[i] - at[i - 1], 6ms) << "as long as the answer took";
 }
 
-TEST_F(ControlSocketTest, AClientThatIsGoneCostsNothing) {
-  listen({.connectionsMax = 100});
-  for (int i = 0; i < 50; ++i) {
-    Client gone;
-    gone.send("hello\nagain\nlast");
-    for (int n = i % 3; n > 0; --n) loop->runOnce(Seconds(0));
-  }
-  EXPECT_TRUE(until([&] { return control->connections() == 0; }));
-  EXPECT_EQ(asked.size(), 150u) << "what was asked is done, whoever stays for the answer";
-  EXPECT_EQ(std::count(asked.begin(), asked.end(), "last"), 50);
-  Client here;
-  EXPECT_TRUE(answers(here));
-  control.reset();
-  EXPECT_NE(access("/run/tarn", F_OK), 0) << "nothing is left behind";
-}
-
 TEST_F(ControlSocketTest, OtherUsersMayLookAndHaveTheirShareOfPlaces) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to be somebody else";
   listen({.connectionsMax = 4, .strangersMax = 2});
-  int done[2];
-  ASSERT_EQ(pipe(done), 0);
   const pid_t child = fork();
   if (child == 0) {
     if (setresuid(12345, 12345, 12345) != 0) _exit(1);
     Client all[4];
     all[0].send("stranger\n");
-    char c = 0;
-    if (read(done[0], &c, 1) != 1) _exit(2);
-    _exit(all[0].got() == "<stranger>\n" && all[3].over() ? 0 : 3);
+    while (!all[0].over()) usleep(1000);
+    _exit(all[0].got() == "<stranger>\n" && all[3].got().starts_with("{\"ok\":false") ? 0 : 3);
   }
   ASSERT_TRUE(until([&] { return asked == std::vector<std::string>{"stranger"}; }));
   EXPECT_EQ(last.uid, 12345u);
   EXPECT_FALSE(last.mayChange);
   EXPECT_EQ(control->connections(), 2u);
-  auto root = std::make_unique<Client>();
-  EXPECT_TRUE(answers(*root)) << "strangers cannot shut it out";
-  Client fourth;
-  EXPECT_TRUE(answers(fourth));
-  Client turnedAway;
-  EXPECT_TRUE(until([&] { return turnedAway.over(); }));
-  EXPECT_NE(turnedAway.got().find("too many connections"), std::string::npos);
-  root = nullptr;
+  std::vector<Client> root(3);  // strangers cannot shut it out
+  EXPECT_TRUE(answers(root[0]) && answers(root[1]));
+  EXPECT_TRUE(last.uid == 0 && last.pid == getpid() && last.mayChange);
+  EXPECT_TRUE(until([&] { return root[2].over(); }));
+  EXPECT_NE(root[2].got().find("too many connections"), std::string::npos);
+  root.erase(root.begin());
   ASSERT_TRUE(until([&] { return control->connections() == 3; }));
   Client inItsPlace;
   EXPECT_TRUE(answers(inItsPlace));
-  ASSERT_EQ(write(done[1], "d", 1), 1);
+  control.reset();
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
 }
 
-TEST_F(ControlSocketTest, TakesNobodysPlaceAndLeavesNothingBehind) {
+TEST_F(ControlSocketTest, TakesNobodysPlace) {
   const mode_t mask = umask(077);
   listen();
   umask(mask);
-  struct stat directory {};
-  ASSERT_EQ(stat("/run/tarn", &directory), 0);
-  EXPECT_EQ(directory.st_mode & 0777, 0755u) << "others reach the socket";
   std::ofstream("/run/tarn/file") << "mine";
-  for (const std::string& where :
-       {"/run/tarn/file"s, "/run/no/such/directory/x"s, "/run/" + std::string(150, 'x'), path}) {
-    ControlSocket other(loop, heard.log, [](const ControlPeer&, std::string_view) { return ""; });
-    heard.text.clear();
-    EXPECT_FALSE(other.listen(where));
-    EXPECT_TRUE(heard.has("<4>no control socket: ")) << heard.text;
-  }
+  for (const std::string& where : std::vector<std::string>{
+           "/run/tarn/file", "/run/no/such/directory/x", "/run/" + std::string(150, 'x'), path})
+    EXPECT_FALSE(other()->listen(where)) << where;
+  EXPECT_EQ(std::count(heard.text.begin(), heard.text.end(), '\n'), 4);
   EXPECT_TRUE(heard.has("is that of a living program (pid " + std::to_string(getpid()) + ")"));
   EXPECT_EQ(access("/run/tarn/file", F_OK), 0);
   struct stat there {};
   ASSERT_EQ(lstat(path.c_str(), &there), 0) << "the second one must not take it away";
   EXPECT_EQ(there.st_mode & 0777, 0666u);
+  ASSERT_EQ(stat("/run/tarn", &there), 0);
+  EXPECT_EQ(there.st_mode & 0777, 0755u) << "others reach the socket";
   // A copy of the name keeps a socket without its program: that may be replaced.
-  ASSERT_EQ(link(path.c_str(), "/run/tarn/left.sock"), 0);
+  ASSERT_EQ(link(path.c_str(), "/run/left.sock"), 0);
   control.reset();
   EXPECT_NE(access(path.c_str(), F_OK), 0);
-  ASSERT_EQ(rename("/run/tarn/left.sock", path.c_str()), 0);
+  ASSERT_EQ(rename("/run/left.sock", path.c_str()), 0);
   listen();
-  Client c;
-  EXPECT_TRUE(answers(c));
+  Client before;
+  // Its file is made again after somebody removed it, unless another agent has the place.
+  ASSERT_EQ(unlink(path.c_str()), 0);
+  heard.text.clear();
+  for (int i = 0; i < 2; ++i) control->restore();
+  EXPECT_EQ(heard.text, "<5>control socket " + path + " was removed: it is made again\n");
+  Client after;
+  for (Client* c : {&before, &after}) EXPECT_TRUE(answers(*c));
+  ASSERT_EQ(unlink(path.c_str()), 0);
+  const auto second = other();
+  ASSERT_TRUE(second->listen(path));
+  heard.text.clear();
+  for (int i = 0; i < 2; ++i) control->restore();
+  EXPECT_TRUE(heard.has("is that of a living program")) << heard.text;
+  EXPECT_EQ(std::count(heard.text.begin(), heard.text.end(), '\n'), 1) << "said once";
+  control.reset();
+  Client ofTheOther;
+  EXPECT_TRUE(answers(ofTheOther, "other\n"));
 }
 
 TEST_F(ControlSocketTest, AnswersWhenAllDescriptorsAreTaken) {
@@ -251,88 +238,57 @@ TEST_F(ControlSocketTest, AnswersWhenAllDescriptorsAreTaken) {
 #endif
   listen();
   answer = [](std::string_view) {
-    return std::string(Fd(open("/dev/null", O_RDONLY)) ? "opened" : "no descriptor");
+    return Fd(open("/dev/null", O_RDONLY)) ? "opened" : "no descriptor";
   };
   Client early[3];
   rlimit before{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-  rlimit limit = before;
-  limit.rlim_cur = support::openFds() + 10;
+  const rlimit limit{support::openFds() + 10, before.rlim_max};
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
   std::vector<Fd> taken;
   for (Fd fd(dup(0)); fd; fd = Fd(dup(0))) taken.push_back(std::move(fd));
   for (int round = 0; round < 3; ++round)
     for (Client& c : early) EXPECT_TRUE(answers(c, "opened\n"));
-  taken.clear();
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
-}
-
-TEST_F(ControlSocketTest, AFileThatWasRemovedIsMadeAgainUnlessAnotherAgentHasThePlace) {
-  listen();
-  Client before;
-  ASSERT_EQ(unlink(path.c_str()), 0);
-  heard.text.clear();
-  control->restore();
-  control->restore();
-  EXPECT_EQ(heard.text, "<5>control socket " + path + " was removed: it is made again\n");
-  Client after;
-  for (Client* c : {&before, &after}) EXPECT_TRUE(answers(*c));
-  ASSERT_EQ(unlink(path.c_str()), 0);
-  auto other = std::make_unique<ControlSocket>(
-      loop, heard.log, [](const ControlPeer&, std::string_view) { return "other"; });
-  ASSERT_TRUE(other->listen(path));
-  heard.text.clear();
-  control->restore();
-  control->restore();
-  EXPECT_EQ(heard.text.find("is that of a living program"),
-            heard.text.rfind("is that of a living program"));
-  EXPECT_TRUE(heard.has("is that of a living program")) << heard.text;
-  control.reset();
-  Client there;
-  EXPECT_TRUE(answers(there, "other\n"));
 }
 
 // What is told of collectors, and counted, follows from an endpoint's counters between two looks.
 TEST(CollectorStates, WhatAnEndpointTookAndRefused) {
-  const auto* first = reinterpret_cast<const UdpPam*>(0x1000);
-  const auto* second = reinterpret_cast<const UdpPam*>(0x2000);
   struct Step {
-    const UdpPam* pam;
+    uintptr_t pam;
     uint64_t sent;
     std::map<int, uint64_t> drops;
-    std::vector<uint64_t> found;  // all refused for, some refused for, sent and refused in all
+    int refused;  // the reason of all that was refused, ...
+    int partly;   // ... or of some of it
+    uint64_t sentInAll;
+    uint64_t refusedInAll;
   };
   CollectorStates::Endpoint e;
   for (const Step& s : std::vector<Step>{
-           {first, 10, {}, {0, 0, 10, 0}},
-           {first, 15, {{EPERM, 1}, {ENETUNREACH, 4}}, {0, ENETUNREACH, 15, 5}},
-           {first, 15, {{EPERM, 9}, {ENETUNREACH, 4}}, {EPERM, 0, 15, 13}},
-           {first, 15, {{EPERM, 9}, {ENETUNREACH, 4}}, {EPERM, 0, 15, 13}},  // nothing to send
-           {second, 2, {{EPERM, 1}}, {0, EPERM, 17, 14}},
-           {second, 0, {{ENETUNREACH, 3}}, {ENETUNREACH, 0, 17, 17}},  // another at its place
-           {second, 1, {}, {0, 0, 18, 17}}}) {                         // and one that sent more
+           {1, 10, {}, 0, 0, 10, 0},
+           {1, 15, {{EPERM, 1}, {ENETUNREACH, 4}}, 0, ENETUNREACH, 15, 5},
+           {1, 15, {{EPERM, 9}, {ENETUNREACH, 4}}, EPERM, 0, 15, 13},
+           {1, 15, {{EPERM, 9}, {ENETUNREACH, 4}}, EPERM, 0, 15, 13},  // nothing to send
+           {2, 2, {{EPERM, 1}}, 0, EPERM, 17, 14},
+           {2, 0, {{ENETUNREACH, 3}}, ENETUNREACH, 0, 17, 17},  // another at its place
+           {2, 1, {}, 0, 0, 18, 17}}) {                         // and one that sent more
     UdpPamCounters now;
     now.sent = s.sent;
     now.dropByErrno = s.drops;
-    e.follow(s.pam, now);
-    const auto refused = static_cast<uint64_t>(e.refused);
-    const auto partly = static_cast<uint64_t>(e.partly);
-    EXPECT_EQ((std::vector<uint64_t>{refused, partly, e.total.sent, e.total.refused}), s.found);
+    e.follow(reinterpret_cast<const UdpPam*>(s.pam), now);
+    EXPECT_EQ(std::tuple(e.refused, e.partly, e.total.sent, e.total.refused),
+              std::tuple(s.refused, s.partly, s.sentInAll, s.refusedInAll));
   }
   for (int err = 1000; err < 1020; ++err) e.total.addRefused(err, 1);
-  uint64_t sum = 0;
-  for (const auto& c : e.total.causes) sum += c.datagrams;
-  EXPECT_EQ(sum, e.total.refused);
-  EXPECT_EQ(e.total.causes.back().error, 0u);
+  for (const auto& c : e.total.causes) e.total.refused -= c.datagrams;
+  EXPECT_EQ(e.total.refused + e.total.causes.back().error, 0u) << "the last one has all others";
 }
 
+// (Names that are unknown are the system test's.)
 TEST(ControlRequests, WhatIsAskedWrongly) {
   Heard heard;
   int changes = 0;
-  const Settings settings;
   ControlHost host;
-  host.view.settings = [&]() -> const Settings& { return settings; };
-  host.roots = [] { return std::vector<StateTree::Root>(); };
   host.reload = [&] {
     ++changes;
     return ReloadOutcome{.done = true, .summary = "reloaded", .errors = {}, .warnings = {}};
@@ -348,7 +304,6 @@ TEST(ControlRequests, WhatIsAskedWrongly) {
     std::string line;
     const char* code;
     const char* says;
-    uint32_t uid = 0;
   };
   const Case cases[] = {{"", "badRequest", "one JSON object"},
                         {"[\"agent\"]", "badRequest", "one JSON object"},
@@ -358,28 +313,20 @@ TEST(ControlRequests, WhatIsAskedWrongly) {
                         {R"({"request":7})", "badRequest", "'request'"},
                         {R"({"request":"x\u001b\u0000"})", "unknownRequest", "x\\x1b\\x00"},
                         {R"({"request":"state","paht":"x"})", "badRequest", "path, after"},
-                        {R"({"request":"state","path":[]})", "badRequest", "'path'"},
-                        {R"({"request":"state","path":"x/%zz/="})", "notFound", "'x'"},
-                        {R"({"request":"tables","name":"x"})", "notFound", "interfaces, vrfs"},
-                        {R"({"request":"collectors","tracker":"x"})", "notFound", "tracker 'x'"},
-                        {R"({"request":"logLevel","level":10})", "badRequest", "0 to 9"},
-                        {R"({"request":"logLevel","level":5})", "notAllowed", "user 1000", 1000},
-                        {R"({"request":"reload"})", "notAllowed", "user 1000", 1000},
-                        {R"({"request":"clearCounters"})", "notAllowed", "user 1000", 1000},
-                        {R"({"request":"resend"})", "notAllowed", "user 1000", 1000}};
+                        {R"({"request":"logLevel","level":5})", "notAllowed", "user 1000"},
+                        {R"({"request":"reload"})", "notAllowed", "user 1000"},
+                        {R"({"request":"clearCounters"})", "notAllowed", "user 1000"},
+                        {R"({"request":"resend"})", "notAllowed", "user 1000"}};
   for (const Case& c : cases) {
-    const Json answer = ask(c.uid, c.line);
+    const Json answer = ask(1000, c.line);
     EXPECT_EQ(answer["ok"], false) << c.line;
     EXPECT_EQ(answer["code"], c.code) << c.line;
     EXPECT_NE(answer["error"].get<std::string>().find(c.says), std::string::npos) << answer;
   }
-  EXPECT_EQ(changes, 0);
-  EXPECT_EQ(heard.log.level(), 0);
+  EXPECT_EQ(changes + heard.log.level(), 0);
   EXPECT_EQ(ask(0, R"({"request":"reload","id":[1,"a"]})")["id"], Json::parse(R"([1,"a"])"));
   EXPECT_EQ(changes, 1);
   EXPECT_EQ(ask(1000, R"({"request":"logLevel"})")["level"], 0);
-  EXPECT_EQ(ask(0, R"({"request":"logLevel","level":"detail"})")["level"], 5);
-  EXPECT_EQ(heard.log.level(), 5);
 }
 
 }  // namespace

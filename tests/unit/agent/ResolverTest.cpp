@@ -39,12 +39,9 @@ class ResolverTest : public World {
       for (const IpGenAddr& a : *all) out += a.stringValue() + ' ';
     return out;
   }
-  testing::AssertionResult becomes(const std::string& host, const std::string& addresses) {
-    if (until(*loop, [&] { return found(host) == addresses; })) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << found(host) << '\n' << heard.text;
+  testing::AssertionResult resolves(const std::string& host, const std::string& addresses) {
+    return becomes([&] { return found(host); }, addresses);
   }
-  const Ptr<EventLoop> loop = eventLoopFactory();
-  Heard heard;
   int changes = 0;
   std::unique_ptr<Resolver> resolver =
       std::make_unique<Resolver>(loop, heard.log, [this] { ++changes; });
@@ -63,7 +60,6 @@ TEST_F(ResolverTest, DeadHostsDoNotKeepOthersWaiting) {
   for (int i = 0; i < 60; ++i) hosts.insert("dead" + std::to_string(i) + ".test");
   resolver->hostsAre(hosts, 1h);
   ASSERT_TRUE(until(
-      *loop,
       [&] {
         return std::all_of(hosts.begin(), hosts.end(),
                            [&](const auto& h) { return !resolver->problem(h).empty(); });
@@ -74,7 +70,7 @@ TEST_F(ResolverTest, DeadHostsDoNotKeepOthersWaiting) {
   hosts.insert("good");
   const auto start = std::chrono::steady_clock::now();
   resolver->hostsAre(hosts, 1h);
-  ASSERT_TRUE(becomes("good", "192.0.2.1 "));
+  ASSERT_TRUE(resolves("good", "192.0.2.1 "));
   EXPECT_LT(std::chrono::steady_clock::now() - start, 900ms) << "not even one of the dead";
 }
 
@@ -91,14 +87,14 @@ TEST_F(ResolverTest, ManyHostsAndNoneAfterTheEnd) {
   resolver->hostsAre({}, 1h);
   resolver->hostsAre(hosts, 1h);  // while the first lookups are under way
   for (const std::string& host : hosts)
-    ASSERT_TRUE(becomes(host, host == "group" ? "" : "192.0.2." + host.substr(1) + ' '));
-  EXPECT_TRUE(until(*loop, [&] {
+    ASSERT_TRUE(resolves(host, host == "group" ? "" : "192.0.2." + host.substr(1) + ' '));
+  EXPECT_TRUE(until([&] {
     return resolver->problem("group") == "its address 224.0.0.1 is a multicast address";
   }));
   // What was found stays when it is found no more.
   hostsAre("");
   resolver->lookUpAll();
-  EXPECT_TRUE(until(*loop, [&] { return !resolver->problem("h1").empty(); }));
+  EXPECT_TRUE(until([&] { return !resolver->problem("h1").empty(); }));
   EXPECT_EQ(found("h1"), "192.0.2.1 ");
   EXPECT_EQ(changes, 100);
   resolver->lookUpAll();
