@@ -6,7 +6,7 @@
 #include <set>
 
 #include "Ipfix/IpfixSm.h"
-#include "World.h"
+#include "RandomSettings.h"
 #include "agent/SettingsFile.h"
 #include "agent/StateTree.h"
 #include "platform/sim/SimPlatform.h"
@@ -22,9 +22,6 @@ using HwFlowTracking::FtStatus;
 using HwFlowTracking::Status;
 
 IpGenAddr ip(const std::string& text) { return *IpGenAddr::fromString(text); }
-CollectorSettings to(const std::string& address, uint16_t port = 4739) {
-  return {ip(address), port};
-}
 LinkAddress on(const std::string& address) { return {ip(address), ip(address), 24, 0, 0}; }
 
 /// Networks made by hand: eth0 and eth1 in VRFs default and red. VRF blue never comes.
@@ -71,19 +68,11 @@ Settings base() {
   return *parseSettings(R"(
 [tracker.edge]
 id = 7
-[tracker.edge.exporter.main]
-local-interface = "eth0"
-[tracker.edge.exporter.main.collector.one]
-address = "192.0.2.1"
-[tracker.edge.exporter.main.collector.two]
-address = "192.0.2.2"
-[tracker.edge.exporter.main.collector.six]
-address = "2001:db8::99"
-[tracker.edge.exporter.spare]
-local-interface = "eth1"
-[tracker.hard]
-id = 8
-type = "hardware"
+exporter.spare.local-interface = "eth1"
+exporter.main.local-interface = "eth0"
+exporter.main.collector.one.address = "192.0.2.1"
+exporter.main.collector.two.address = "192.0.2.2"
+exporter.main.collector.six.address = "2001:db8::99"
 )",
                         "base")
               .settings;
@@ -122,57 +111,37 @@ class EntitiesTest : public testing::Test {
   ~EntitiesTest() override { Platform::install(nullptr); }
 
   std::unique_ptr<Entities> make() {
-    return std::make_unique<Entities>([this](const VrfName& vrf) { return nets.of(vrf); },
-                                      init->elementIdCollection(), heard.log,
-                                      [this] { ++readinessChanges; });
+    const auto addresses = [this](const std::string& host) {
+      const auto it = known.find(host);
+      return it == known.end() ? nullptr : &it->second;
+    };
+    return std::make_unique<Entities>(
+        [this](const VrfName& vrf) { return nets.of(vrf); }, init->elementIdCollection(), heard.log,
+        [this] { ++readinessChanges; }, Entities::Hosts{addresses, [this] { ++asked; }});
+  }
+  static Ptr<ExporterConfig> mainOf(const Entities& entities) {
+    const auto& tree = entities.trees().at(FlowTrackingType::software);
+    return tree.config->ftConfig("edge")->expConfig("main");
   }
 
   std::unique_ptr<SimPlatform> sim = simPlatform();
-  struct Installed {
-    explicit Installed(Platform* p) { Platform::install(p); }
-  } installed{sim.get()};
-  Ptr<Ipfix::IpfixInitSm> init = Ipfix::ipfixInitSmFactory();
+  Ptr<Ipfix::IpfixInitSm> init = (Platform::install(sim.get()), Ipfix::ipfixInitSmFactory());
   Heard heard;
   Nets nets;
+  std::map<std::string, std::vector<IpGenAddr>> known;  // addresses of hosts
+  int asked = 0;                                        // to look at these again
   int readinessChanges = 0;
 };
 
-TEST_F(EntitiesTest, AReadyExporterIsOneOfEitherFamily) {
-  const auto entities = make();
-  entities->apply(base());
-  const auto exporter =
-      entities->trees().at(FlowTrackingType::software).config->ftConfig("edge")->expConfig("main");
-  heard.text.clear();
-  exporter->exporter6ReadyIs(true);
-  exporter->exporter4ReadyIs(true);
-  exporter->exporter6ReadyIs(false);
-  EXPECT_EQ(entities->readyExporters(), 1u);
-  EXPECT_EQ(readinessChanges, 1);
-  exporter->exporter4ReadyIs(false);
-  EXPECT_EQ(entities->readyExporters(), 0u);
-  const std::string line =
-      "ACTIVE: software exporter main in VRF default, in software flow tracker edge is ";
-  EXPECT_EQ(heard.text, "<6>FLOWTRACKING_EXPORTER_" + line +
-                            "active.\n<6>FLOWTRACKING_EXPORTER_IN" + line + "inactive.\n");
-}
-
 TEST_F(EntitiesTest, AHostsAddressIsOneThatTheExporterCanSendTo) {
-  std::map<std::string, std::vector<IpGenAddr>> known;
-  int asked = 0;
-  Entities entities([this](const VrfName& vrf) { return nets.of(vrf); },
-                    init->elementIdCollection(), heard.log, [] {},
-                    {[&](const std::string& host) {
-                       const auto it = known.find(host);
-                       return it == known.end() ? nullptr : &it->second;
-                     },
-                     [&] { ++asked; }});
+  const auto entities = make();
   Settings settings = base();
-  settings.trackers["edge"].exporters["main"].collectors["named"] = {{}, 4739, "coll"};
-  entities.apply(settings);
-  const auto main =
-      entities.trees().at(FlowTrackingType::software).config->ftConfig("edge")->expConfig("main");
+  CollectorSettings& named = settings.trackers["edge"].exporters["main"].collectors["named"];
+  named.host = "coll";
+  entities->apply(settings);
+  const auto main = mainOf(*entities);
   const auto now = [&] {
-    entities.addressesAre();
+    entities->addressesAre();
     std::string all;
     if (main->collectorIpAndPort().contains("named"))
       all += main->collectorIpAndPort().at("named").stringValue();
@@ -185,17 +154,16 @@ TEST_F(EntitiesTest, AHostsAddressIsOneThatTheExporterCanSendTo) {
   EXPECT_EQ(now(), "") << "not known yet";
   known["coll"] = {six, four};
   EXPECT_EQ(now(), "[2001:db8::5]:4739");
-  EXPECT_EQ(describe(entities.apply(settings)), "nothing changed");
+  EXPECT_EQ(describe(entities->apply(settings)), "nothing changed");
   known["coll"] = {four, six};
   EXPECT_EQ(now(), "[2001:db8::5]:4739") << "another order is no reason to move";
   const auto home = nets.of(VrfName("default"));
-  home->addressDel(1, on("2001:db8::1"));
-  home->tell();
-  EXPECT_EQ(asked, 1);
-  EXPECT_EQ(now(), "192.0.2.5:4739");
-  home->addressDel(1, on("10.0.0.1"));
-  home->tell();
-  EXPECT_EQ(now(), "192.0.2.5:4739") << "from nowhere nothing can be sent elsewhere either";
+  for (const char* source : {"2001:db8::1", "10.0.0.1"}) {
+    home->addressDel(1, on(source));
+    home->tell();
+    EXPECT_EQ(now(), "192.0.2.5:4739") << "from nowhere nothing can be sent elsewhere either";
+  }
+  EXPECT_EQ(asked, 2);
   home->addressIs(1, on("10.0.0.1"));
   home->tell();
   known["coll"] = {ip("192.0.2.1"), ip("192.0.2.2")};
@@ -204,65 +172,11 @@ TEST_F(EntitiesTest, AHostsAddressIsOneThatTheExporterCanSendTo) {
   known["coll"].push_back(ip("192.0.2.6"));
   EXPECT_EQ(now(), "192.0.2.6:4739");
   Ear ear(main);
-  settings.trackers["edge"].exporters["main"].collectors["named"].port = 1;
-  EXPECT_EQ(describe(entities.apply(settings)), "collectors: 1 changed");
+  named.port = 1;
+  EXPECT_EQ(describe(entities->apply(settings)), "collectors: 1 changed");
   EXPECT_EQ(ear.collectors, std::set<std::string>{"named"});
   EXPECT_EQ(now(), "192.0.2.6:1");
 }
-
-// --- Random reloads ---
-
-class RandomSettings {
- public:
-  Random pick;
-  /// Changes one thing, or many.
-  void mutate(Settings& s) {
-    for (unsigned n = pick(10) == 0 ? 20 : 1 + pick(2); n > 0; --n) one(s);
-  }
-
- private:
-  template <class Map>
-  auto& any(Map& map, const char* prefix) {
-    return map[prefix + std::to_string(pick(4))];
-  }
-  void one(Settings& s) {
-    const unsigned what = pick(16);
-    if (what == 0) {
-      s.trackers.erase('t' + std::to_string(pick(4)));
-      return;
-    }
-    TrackerSettings& t = any(s.trackers, "t");
-    if (what == 1) t.type = pick(2) ? FlowTrackingType::software : FlowTrackingType::hardware;
-    if (what == 2) t.activeInterval = 1s * (1 + pick(5));
-    if (what == 2) t.localPort = static_cast<uint16_t>(4739 + pick(2));
-    if (what == 3) t.sampleRate = 1 + pick(3);
-    if (what == 4) t.exporters.erase('e' + std::to_string(pick(4)));
-    // Ids stay unique: each tracker draws from its own.
-    uint32_t base = 100;
-    for (auto& [name, tracker] : s.trackers) {
-      base += 100;
-      if (tracker.id / 100 * 100 != base || (&tracker == &t && what == 5))
-        tracker.id = base + pick(3);
-    }
-    if (what < 6) return;
-    ExporterSettings& e = any(t.exporters, "e");
-    static constexpr const char* vrfs[] = {"default", "default", "red", "blue"};
-    static constexpr const char* interfaces[] = {"eth0", "eth0", "eth1", "eth7"};
-    if (e.localInterface.empty()) e.templateInterval = 1s;
-    if (e.localInterface.empty() || what == 6) e.localInterface = interfaces[pick(4)];
-    if (what == 7) e.vrf = VrfName(vrfs[pick(4)]);
-    if (what == 8) e.dscp = DscpValue(pick(64));
-    if (what == 9) e.templateInterval = 1s * (1 + pick(3));
-    if (what == 15) e.mtu = 500 + pick(3);
-    if (what == 10) e.collectors.erase('c' + std::to_string(pick(4)));
-    if (what < 11) return;
-    CollectorSettings c = to((pick(2) ? "192.0.2." : "2001:db8::") + std::to_string(1 + pick(4)),
-                             static_cast<uint16_t>(4739 + pick(2)));
-    for (const auto& [name, other] : e.collectors)
-      if (other == c) return;
-    any(e.collectors, "c") = c;
-  }
-};
 
 // The entities end as after a fresh start, and what is the same in both files hears nothing.
 TEST_F(EntitiesTest, RandomReloadsTellTheDifferenceOnly) {
@@ -278,19 +192,19 @@ TEST_F(EntitiesTest, RandomReloadsTellTheDifferenceOnly) {
       for (const auto& [ftName, ft] : tree.config->ftConfig())
         for (const auto& [name, e] : ft->expConfig()) ears.try_emplace({ftName, name}, e);
     random.mutate(settings);
-    EXPECT_EQ(describe(entities->apply(settings)) == "nothing changed", settings == before);
+    EXPECT_EQ(describe(entities->apply(settings)) == "nothing changed",
+              settings.trackers == before.trackers);
     const auto fresh = make();
     fresh->apply(settings);
     ASSERT_EQ(dump(*entities), dump(*fresh));
     for (const auto& [names, ear] : ears) {
-      const auto t = settings.trackers.find(names.first);
       const TrackerSettings& then = before.trackers.at(names.first);
-      if (t == settings.trackers.end() || t->second.id != then.id || t->second.type != then.type ||
-          !t->second.exporters.contains(names.second))
-        continue;
+      if (!settings.trackers.contains(names.first)) continue;
+      const TrackerSettings& t = settings.trackers.at(names.first);
+      if (t.id != then.id || t.type != then.type || !t.exporters.contains(names.second)) continue;
       const auto now = entities->trees().at(then.type).config->ftConfig(names.first);
       ASSERT_EQ(now->expConfig(names.second).get(), ear.entity()) << "made anew";
-      const ExporterSettings& e = t->second.exporters.at(names.second);
+      const ExporterSettings& e = t.exporters.at(names.second);
       ExporterSettings old = then.exporters.at(names.second);
       for (const std::string& name : ear.collectors)
         ASSERT_TRUE(!e.collectors.contains(name) || !old.collectors.contains(name) ||
@@ -301,17 +215,28 @@ TEST_F(EntitiesTest, RandomReloadsTellTheDifferenceOnly) {
     }
   }
   entities->apply({});
-  for (const char* vrf : {"default", "red", "blue"}) EXPECT_EQ(nets.of(VrfName(vrf))->refs(), 2u);
+  for (const char* vrf : {"default", "red", "r\"é"}) EXPECT_EQ(nets.of(VrfName(vrf))->refs(), 2u);
 }
 
-TEST_F(EntitiesTest, ChangesAreCountedForTheLog) {
+TEST_F(EntitiesTest, TheLogHasChangesAndReadiness) {
   const auto entities = make();
   Settings s = base();
   entities->apply(s);
+  const auto exporter = mainOf(*entities);
+  heard.text.clear();
+  exporter->exporter6ReadyIs(true);
+  exporter->exporter4ReadyIs(true);
+  exporter->exporter6ReadyIs(false);
+  EXPECT_EQ(entities->readyExporters(), 1u) << "one that is ready in either family";
+  exporter->exporter4ReadyIs(false);
+  EXPECT_EQ(entities->readyExporters(), 0u);
+  EXPECT_EQ(readinessChanges, 2);
+  EXPECT_EQ(std::count(heard.text.begin(), heard.text.end(), '\n'), 2) << heard.text;
+
   ExporterSettings& main = s.trackers["edge"].exporters["main"];
   std::swap(main.collectors["one"], main.collectors["two"]);
   main.collectors.erase("six");
-  main.collectors["seven"] = to("192.0.2.7");
+  main.collectors["seven"] = {ip("192.0.2.7")};
   main.mtu = 512;
   s.trackers["edge"].interfaces = {"eth*"};
   EXPECT_EQ(describe(entities->apply(s)),

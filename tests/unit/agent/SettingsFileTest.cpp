@@ -11,7 +11,7 @@
 
 #include "agent/Printable.h"
 #include "tests/support/Net.h"
-#include "tests/unit/agent/World.h"
+#include "tests/unit/agent/RandomSettings.h"
 
 namespace agent {
 namespace {
@@ -184,48 +184,10 @@ TEST(SettingsFile, LaterFilesGoBeforeEarlierOnes) {
 
 // Whatever the settings are, their text gives them again.
 TEST(SettingsFile, EffectiveTextReadsBack) {
-  Random pick;
-  const auto name = [&] {
-    static constexpr const char* parts[] = {"a", "B-1", "\"", "\\", " ", "é", "'", "#", ".", "]"};
-    std::string out = parts[pick(2)];
-    for (uint32_t n = pick(4); n > 0; --n) out += parts[pick(std::size(parts))];
-    return out;
-  };
-  const auto time = [&] { return std::chrono::milliseconds(1000 + pick(2) * pick(60000000)); };
-  for (int round = 0; round < 200; ++round) {
-    Settings s;
-    s.vrfs = {{"default", pick(100)}};
-    s.resolveInterval = time();
-    if (pick(2)) s.statistics = "/\"é";
-    if (pick(2)) s.vrfs["r\"é"] = 100 + pick(1000);
-    for (uint32_t id = 0; id < pick(4); ++id) {
-      TrackerSettings& t = s.trackers[name()];
-      t.id = id;
-      t.type = pick(2) ? FlowTrackingType::hardware : FlowTrackingType::software;
-      if (pick(2)) t.interfaces = {"eth*", "r\"é/\\x"};
-      t.sampleRate = 1 + pick(5000);
-      t.activeInterval = time();
-      t.inactiveTimeout = time();
-      t.localPort = static_cast<uint16_t>(5000 * id + pick(5000));
-      t.maxFlows = 1 + pick(1000);
-      for (uint32_t n = pick(3); n > 0; --n) {
-        ExporterSettings& e = t.exporters[name()];
-        e.vrf = VrfName(pick(2) ? "default" : "r\"é");
-        e.localInterface = pick(2) ? "lo" : "e\\\"";
-        e.dscp = DscpValue(pick(64));
-        e.mtu = 327 + pick(1000);
-        e.templateInterval = time();
-        if (pick(2)) e.rateLimit = {RateLimit::Unit::octets, 1 + pick(1000000)};
-        for (uint32_t port = 1; port < pick(5); ++port) {
-          CollectorSettings& c = e.collectors[name()];
-          c.port = static_cast<uint16_t>(1000 * (1 + e.collectors.size()) + port);
-          c.host = pick(2) ? "collector.example" : "";
-          c.address = !c.host.empty()
-                          ? IpGenAddr()
-                          : *IpGenAddr::fromString(pick(2) ? "10.0.0.1" : "2001:db8::1");
-        }
-      }
-    }
+  RandomSettings random;
+  Settings s;
+  for (int round = 0; round < 500; ++round) {
+    random.mutate(s);
     const std::string text = settingsText(s);
     const SettingsResult again = parseSettings(text, "f");
     ASSERT_TRUE(again.settings) << again.errors.at(0) << '\n' << text;
