@@ -5,11 +5,10 @@
 
 #include <set>
 
-#include "Ipfix/IpfixSm.h"
 #include "RandomSettings.h"
 #include "agent/SettingsFile.h"
 #include "agent/StateTree.h"
-#include "platform/sim/SimPlatform.h"
+#include "tests/unit/ipfix/Tree.h"
 
 namespace agent {
 namespace {
@@ -106,10 +105,8 @@ std::string dump(const Entities& entities) {
   return out;
 }
 
-class EntitiesTest : public testing::Test {
+class EntitiesTest : public FlowTracking::TreeTest {
  protected:
-  ~EntitiesTest() override { Platform::install(nullptr); }
-
   std::unique_ptr<Entities> make() {
     const auto addresses = [this](const std::string& host) {
       const auto it = known.find(host);
@@ -124,8 +121,6 @@ class EntitiesTest : public testing::Test {
     return tree.config->ftConfig("edge")->expConfig("main");
   }
 
-  std::unique_ptr<SimPlatform> sim = simPlatform();
-  Ptr<Ipfix::IpfixInitSm> init = (Platform::install(sim.get()), Ipfix::ipfixInitSmFactory());
   Heard heard;
   Nets nets;
   std::map<std::string, std::vector<IpGenAddr>> known;  // addresses of hosts

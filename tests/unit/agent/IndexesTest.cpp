@@ -58,23 +58,13 @@ TEST(InterfaceIndexes, NamesThatCannotBeExported) {
   EXPECT_EQ(std::count(made.heard.text.begin(), made.heard.text.end(), '\n'), 1) << "said once";
 }
 
-/// What the kernel has, and which index each interface must have or once had.
 TEST(InterfaceIndexes, RandomLives) {
   Random below;
   for (int life = 0; life < 60; ++life) {
     Made made;
     const uint32_t starts[] = {first, last - below(20), IntfIndexMap::cpuIndex - below(20)};
     InterfaceIndexes all(made.list, made.heard.log, starts[life % 3]);
-    const char* vrfs[] = {"default", "red", "blue"};
-    struct Interface {
-      std::string name;
-      uint32_t index = 0;  // 0: not known yet
-    };
-    struct Net {
-      Ptr<VrfNetwork> network;
-      std::map<uint32_t, Interface> interfaces;
-    };
-    std::map<std::string, Net> nets;
+    std::map<std::pair<VrfName, uint32_t>, uint32_t> before;  // by the kernel's index
     std::set<uint32_t> everGiven;
     // Mostly small; in the default namespace sometimes one that was given out, or is about to be.
     const auto kernelIndex = [&](bool isDefault) {
@@ -84,75 +74,58 @@ TEST(InterfaceIndexes, RandomLives) {
       return which < std::size(special) ? special[which] : 1 + below(8);
     };
     for (int step = 0; step < 150; ++step) {
-      const std::string vrf = vrfs[below(3)];
-      Net& net = nets[vrf];
-      const auto nameFree = [&](const std::string& name) {
-        for (const auto& [k, i] : net.interfaces)
-          if (i.name == name) return false;
-        return true;
-      };
+      const std::string vrf = std::array{"default", "red", "blue"}[below(3)];
+      const auto network = made.list->network(VrfName(vrf));
       const uint32_t what = below(20);
-      if (!net.network) {
-        net.network = made.add(vrf, below(2) == 0);
+      if (!network) {
+        made.add(vrf, below(2) == 0);
       } else if (what == 0) {
         made.del(vrf);
-        net = {};
       } else if (what == 1) {
-        const bool present = !net.network->present();
-        net.interfaces.clear();
-        net.network->presentIs(present);
-      } else if (net.network->present()) {
+        network->presentIs(!network->present());
+      } else if (network->present()) {
         // Several changes of one round. No kernel gives an index again in so short a time.
         std::set<uint32_t> removed;
         for (uint32_t changes = 1 + below(6); changes > 0; --changes) {
-          if (net.interfaces.size() > 1 && below(4) == 0) {  // two change places
-            auto& [one, here] = *net.interfaces.begin();
-            auto& [other, there] = *net.interfaces.rbegin();
-            std::swap(here.name, there.name);
-            net.network->linkIs(one, here.name, IFF_UP);
-            net.network->linkIs(other, there.name, IFF_UP);
+          const auto links = network->links();
+          if (links.size() > 1 && below(4) == 0) {  // two change places
+            network->linkIs(links.begin()->first, links.rbegin()->second.name, IFF_UP);
+            network->linkIs(links.rbegin()->first, links.begin()->second.name, IFF_UP);
           }
           const uint32_t k = kernelIndex(vrf == "default");
           const std::string name(1, static_cast<char>('a' + below(6)));
-          const auto it = net.interfaces.find(k);
-          if (it != net.interfaces.end() && below(2) == 0) {
-            net.network->linkDel(k);
+          if (links.contains(k) && below(2) == 0) {
+            network->linkDel(k);
             removed.insert(k);
-            net.interfaces.erase(it);
-          } else if (nameFree(name) && !removed.contains(k)) {
-            net.network->linkIs(k, name, IFF_UP);
-            net.interfaces[k].name = name;
+          } else if (!network->link(name) && !removed.contains(k)) {
+            network->linkIs(k, name, IFF_UP);
           }
         }
-        net.network->tell();
+        network->tell();
       }
 
       const Ids now = indexes(all);
-      std::set<uint32_t> used;
-      size_t expected = 0;
-      for (auto& [name, n] : nets) {
-        for (auto& [k, interface] : n.interfaces) {
-          ++expected;
-          const std::string id = (name == "default" ? "" : name + '/') + interface.name;
+      const auto home = made.list->network(VrfName("default"));
+      std::map<std::pair<VrfName, uint32_t>, uint32_t> after;
+      for (const auto& [of, n] : made.list->network())
+        for (const auto& [k, link] : n->links()) {
+          const bool isDefault = of.stringValue() == "default";
+          const std::string id = (isDefault ? "" : of.stringValue() + '/') + link.name;
           ASSERT_TRUE(now.contains(id)) << id;
-          const uint32_t index = now.at(id);
-          ASSERT_TRUE(used.insert(index).second) << id << ' ' << index;
+          const uint32_t index = after[{of, k}] = now.at(id);
           ASSERT_FALSE(IntfIndexMap::isReserved(index)) << id;
-          const bool kernels = name == "default" && !IntfIndexMap::isReserved(k);
-          if (kernels) {
+          const auto was = before.find({of, k});
+          if (isDefault && !IntfIndexMap::isReserved(k)) {
             ASSERT_EQ(index, k) << id;
-          } else if (index != interface.index) {
+          } else if (was == before.end() || index != was->second) {
             // New, or its index is now the kernel's of another one; never one that was given out.
-            if (interface.index != 0) {
-              ASSERT_TRUE(nets["default"].interfaces.contains(interface.index)) << id;
-            }
+            ASSERT_TRUE(was == before.end() || (home && home->links().contains(was->second)));
             ASSERT_TRUE(index >= first && index <= last) << id << ' ' << index;
             ASSERT_TRUE(everGiven.insert(index).second) << id << ' ' << index;
           }
-          interface.index = index;
         }
-      }
-      ASSERT_EQ(now.size(), expected);
+      ASSERT_EQ(now.size(), after.size());
+      before = after;
     }
   }
 }
@@ -169,30 +142,29 @@ Ids vrfs(const VrfIds& ids) {
 TEST(VrfIds, IdsAreHeldBackForAWhile) {
   Made made;
   VrfIds ids(made.list, made.heard.log);
-  const auto idOf = [&](const std::string& name) {
+  const auto comes = [&](const std::string& name) {
     made.add(name);
     return vrfs(ids)[name];
   };
-  const auto comesAndGoes = [&](const std::string& prefix, size_t n) {
+  const auto comeAndGo = [&](const std::string& prefix, size_t n) {
     for (size_t i = 0; i < n; ++i) {
-      EXPECT_NE(idOf(prefix + std::to_string(i)), 2u);
+      EXPECT_NE(comes(prefix + std::to_string(i)), 2u);
       made.del(prefix + std::to_string(i));
     }
   };
-  ASSERT_EQ(idOf("v1"), 1u);
-  ASSERT_EQ(idOf("v2"), 2u);
+  ASSERT_EQ(comes("v1"), 1u);
+  ASSERT_EQ(comes("v2"), 2u);
   made.del("v1");
   made.del("v2");
-  comesAndGoes("w", VrfIds::heldMax - 2);
-  EXPECT_EQ(idOf("last"), VrfIds::heldMax + 1);
-  made.del("last");  // one more than are kept: the oldest is free, and the lowest
-  EXPECT_EQ(idOf("most"), 1u);
-  EXPECT_EQ(idOf("v1"), VrfIds::heldMax + 2);
+  // One more than are kept: the oldest is free, and the lowest.
+  comeAndGo("w", VrfIds::heldMax - 1);
+  EXPECT_EQ(comes("most"), 1u);
+  EXPECT_EQ(comes("v1"), VrfIds::heldMax + 2);
   // Gone a second time: held from then on.
-  EXPECT_EQ(idOf("v2"), 2u);
+  EXPECT_EQ(comes("v2"), 2u);
   made.del("v2");
-  comesAndGoes("x", VrfIds::heldMax - 1);
-  EXPECT_EQ(idOf("v2"), 2u);
+  comeAndGo("x", VrfIds::heldMax - 1);
+  EXPECT_EQ(comes("v2"), 2u);
 }
 
 /// Ids of random lives against the rules.

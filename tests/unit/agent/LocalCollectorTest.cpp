@@ -7,10 +7,9 @@
 #include <numeric>
 #include <set>
 
-#include "Ipfix/IpfixSm.h"
 #include "agent/FlowExport.h"
-#include "platform/sim/SimPlatform.h"
 #include "tests/unit/agent/World.h"
+#include "tests/unit/ipfix/Tree.h"
 
 namespace agent {
 namespace {
@@ -482,29 +481,22 @@ INSTANTIATE_TEST_SUITE_P(By, HostileTest, testing::Range(0, 4 * 2 * 2 * 7));
 
 // --- The whole, on virtual time ---
 
-class CollectorTest : public testing::Test {
+class CollectorTest : public FlowTracking::TreeTest {
  protected:
   CollectorTest() {
     tracker->localPortIs(4739);
     exporter->srcIpAddrIs(here);
     tracker->expConfigIs(exporter);
-    config->ftConfigIs(tracker);
-    status->ftStatusIs(ftStatus);
+    hwConfig->ftConfigIs(tracker);
+    hwStatus->ftStatusIs(ftStatus);
     network->presentIs(true);
     networks->networkIs(network);
     follow();
     device->modeIs(UdpPam::inService);
   }
-  ~CollectorTest() override {
-    all = nullptr;
-    device = nullptr;
-    EXPECT_EQ(sim->openEndpoints(), 0u);
-    init = nullptr;
-    Platform::install(nullptr);
-  }
   void follow() {
-    all->keepOnly(*config);
-    all->follow(*config, *status, [this](const std::string& /*name*/) {
+    all->keepOnly(*hwConfig);
+    all->follow(*hwConfig, *hwStatus, [this](const std::string& /*name*/) {
       return LocalCollectorSink{
           [this](TemplateId id, RecordLens lens, std::string_view octets) {
             EXPECT_TRUE(ftStatus->templateStatus(id));
@@ -530,19 +522,12 @@ class CollectorTest : public testing::Test {
     device->txPktIs(pkt);
     sim->runDue();
   }
-  const LocalCollectorCounters& n() const { return all->collector("edge")->counters(); }
+  const LocalCollectorCounters& n() const { return all->collector("ft1")->counters(); }
 
   static constexpr IpAddr here{0x0a000001};
   const std::string example =
       message(templates(300, {{8, 4}, {60, 1}, {1001, 2, 99991}}) + set(300, "aaaa-bb"));
-  std::unique_ptr<SimPlatform> sim = simPlatform();
   Heard heard;
-  Ptr<Ipfix::IpfixInitSm> init = (Platform::install(sim.get()), Ipfix::ipfixInitSmFactory());
-  Ptr<HwFlowTracking::Config> config = HwFlowTracking::configFactory();
-  Ptr<HwFlowTracking::Status> status = HwFlowTracking::statusFactory();
-  Ptr<HwFlowTracking::FtConfig> tracker = HwFlowTracking::ftConfigFactory("edge", 7);
-  Ptr<HwFlowTracking::ExporterConfig> exporter = HwFlowTracking::exporterConfigFactory("main");
-  Ptr<HwFlowTracking::FtStatus> ftStatus = HwFlowTracking::ftStatusFactory("edge");
   Ptr<NetworkList> networks = networkListFactory();
   Ptr<VrfNetwork> network = vrfNetworkFactory(VrfName(std::string(defaultVrf)));
   Ptr<UdpPam> device = sim->udpPam("device");
@@ -585,10 +570,10 @@ TEST_F(CollectorTest, TemplatesComeAndGoWithTheirRecords) {
   EXPECT_EQ(fit(), 2u);
 
   // A tracker that goes takes its templates along; one that takes its place starts with none.
-  const auto other = HwFlowTracking::ftConfigFactory("edge", 8);
+  const auto other = HwFlowTracking::ftConfigFactory("ft1", 8);
   other->localPortIs(4739);
   other->expConfigIs(exporter);
-  config->ftConfigIs(other);
+  hwConfig->ftConfigIs(other);
   follow();
   EXPECT_TRUE(ftStatus->templateStatus().empty());
   send(message(set(300, "aaaa-bb")));
@@ -607,18 +592,18 @@ TEST_F(CollectorTest, WhatDoesNotLeaveIsCounted) {
   send(message({}), here);  // a device at this address
   sent.recordsLost = 5;
   sim->advance(Seconds(1));
-  const FlowTracking::FlowPathKey key("edge");
+  const FlowTracking::FlowPathKey key("ft1");
   FlowTracking::FlowPathRecord r;
   ASSERT_TRUE(
       table->get(std::as_bytes(std::span(&key, 1)), std::as_writable_bytes(std::span(&r, 1))));
   EXPECT_EQ((std::array{r.recordsLost, r.deviceMessages, r.deviceRecords, r.deviceRecordsRefused,
                         r.deviceSetsUnknown, r.deviceDatagramsBad, r.deviceDatagramsLooped}),
             (std::array<uint64_t, 7>{5, 3, 5, 4, 1, 1, 1}));
-  config->ftConfigDel("edge");
+  hwConfig->ftConfigDel("ft1");
   follow();
   for (const char* what :
        {"at its end, from devices, not passed on: 1 datagrams that are not IPFIX",
-        "1 datagrams of exporters of tracker edge that would come round for ever",
+        "1 datagrams of exporters of tracker ft1 that would come round for ever",
         "4 records of refused templates", "5 records of exporters without a ready collector"})
     EXPECT_TRUE(heard.has(what)) << what;
   EXPECT_EQ(table->size(), 0u);
@@ -650,29 +635,32 @@ TEST_F(CollectorTest, ReadsNoFasterThanRecordsLeave) {
 TEST(LocalCollectorLoops, AreFoundHoweverLong) {
   Random pick;
   LocalCollectorLoops loops;
-  std::map<uint32_t, std::set<uint32_t>> hears;
+  std::map<uint32_t, std::set<uint32_t>> hears;  // directly or not
   for (int round = 0; round < 3000; ++round) {
-    const uint32_t to = 1 + pick(6);
-    const uint32_t from = 1 + pick(6);
-    if (round < 6 || pick(50) == 0) {  // one exporter is there anew: all may be different now
-      const uint32_t fresh = round < 6 ? round + 1 : to;
-      const auto config = HwFlowTracking::ftConfigFactory(std::to_string(fresh), fresh);
+    const uint32_t to = round < 6 ? round : pick(6);
+    const std::string name = std::to_string(to);
+    if (round < 6 || pick(50) == 0) {  // its exporter is there anew: all may be different now
+      const auto config = HwFlowTracking::ftConfigFactory(name, to);
       const auto exporter = HwFlowTracking::exporterConfigFactory("main");
-      exporter->srcIpAddrIs(IpAddr(fresh));
-      exporter->rxPort4Is(static_cast<uint16_t>(fresh));
+      exporter->srcIpAddrIs(IpAddr(1 + to));
+      exporter->rxPort4Is(static_cast<uint16_t>(1 + to));
       config->expConfigIs(exporter);
-      loops.exportersAre(std::to_string(fresh), *config);
+      loops.exportersAre(name, *config);
       hears.clear();
       continue;
     }
-    std::set<uint32_t> sources = {from};  // whatever it hears, directly or not
-    for (uint32_t pass = 1; pass < 7; ++pass)
-      for (const uint32_t s : std::set<uint32_t>(sources)) sources.merge(std::set(hears[s]));
-    const bool closes = sources.contains(to);
-    if (!closes) hears[to].insert(from);
-    ASSERT_EQ(loops.closedBy(std::to_string(to), IpAddr(from), static_cast<uint16_t>(from)),
+    const uint32_t from = pick(6);
+    const bool closes = from == to || hears[from].contains(to);
+    if (!closes)
+      for (uint32_t n = 0; n < 6; ++n)
+        if (n == to || hears[n].contains(to)) {
+          hears[n].insert(from);
+          hears[n].insert(hears[from].begin(), hears[from].end());
+        }
+    const IpAddr address(1 + from);
+    ASSERT_EQ(loops.closedBy(name, address, static_cast<uint16_t>(1 + from)),
               closes ? std::to_string(from) : "");
-    ASSERT_EQ(loops.closedBy(std::to_string(to), IpAddr(from), 4739), "") << "a device there";
+    ASSERT_EQ(loops.closedBy(name, address, 4739), "") << "a device there";
   }
 }
 

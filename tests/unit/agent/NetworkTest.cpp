@@ -212,38 +212,6 @@ TEST_F(Kernel, DefaultNetworkLives) {
   EXPECT_EQ(heard.text, "");
 }
 
-TEST_F(Kernel, NamespaceComesGoesAndIsReplaced) {
-  // Not even the directory is there.
-  Networks networks(loop, "/run/netns", heard.log);
-  const auto n = networks.network(VrfName("red"));
-  EXPECT_FALSE(n->present());
-  EXPECT_TRUE(heard.has("namespace /run/netns/ns-red is not there")) << heard.text;
-  loop->runOnce(Seconds(0.01));
-  Ear ear(n);
-  run("ip netns add ns-red");
-  ASSERT_TRUE(soon([&] { return n->present(); })) << heard.text;
-
-  // Replaced between two looks: another namespace, other links.
-  makeLink("old", "ns-red");
-  ASSERT_TRUE(until([&] { return n->link("old") != nullptr; }));
-  ear.heard.clear();
-  run("ip netns del ns-red && ip netns add ns-red");
-  makeLink("new", "ns-red");
-  ASSERT_TRUE(until([&] { return n->link("new") != nullptr; })) << heard.text;
-  EXPECT_EQ(n->link("old"), nullptr);
-  EXPECT_TRUE(ear.heard.starts_with("- + ")) << ear.heard;
-
-  // Unmounted, its file left behind: no event says so.
-  run("umount /run/netns/ns-red");
-  EXPECT_TRUE(until([&] { return !n->present(); }));
-
-  run("rm /run/netns/ns-red && ip netns add ns-red");
-  ASSERT_TRUE(until([&] { return n->present(); }));
-  run("ip netns del ns-red");
-  EXPECT_TRUE(soon([&] { return !n->present(); }));
-  EXPECT_TRUE(heard.has("namespace /run/netns/ns-red is gone"));
-}
-
 TEST_F(Kernel, NamespacesThatNobodyAskedFor) {
   run("ip netns add ns-early && ip netns add 'ns-a blank' && ip netns add ns-default && "
       "ip netns add other && ln -s /nowhere /run/netns/ns-lost");

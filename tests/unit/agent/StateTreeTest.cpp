@@ -90,20 +90,5 @@ TEST_F(StateTreeTest, PagesOfAnySizeMakeTheWhole) {
   EXPECT_EQ(all(tree, "interfaces/intfIndex/eth1", {})[0].second, "1");
 }
 
-TEST_F(StateTreeTest, APageCostsWhatIsInIt) {
-  for (uint32_t i = 100; i < 30000; ++i) interfaces->intfIndexIs(IntfId(std::to_string(i)), i);
-  const StateTree tree(roots);
-  const auto start = std::chrono::steady_clock::now();
-  std::string after = "interfaces/intfIndex/=2";
-  for (int i = 0; i < 100; ++i)
-    after = tree.page("interfaces", after, {.rows = 5}).rows.back().path;
-  const auto pages = std::chrono::steady_clock::now();
-  const auto whole =
-      tree.page("interfaces", "", {.rows = 100000, .octets = 100 << 20, .time = unhurried});
-  EXPECT_GT(whole.rows.size(), 29900u);
-  // 500 rows against 30,000. Walking the map once for each page would take some 20 times as long.
-  EXPECT_LT(pages - start, std::chrono::steady_clock::now() - pages);
-}
-
 }  // namespace
 }  // namespace agent
