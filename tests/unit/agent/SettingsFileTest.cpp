@@ -7,10 +7,10 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
+#include <regex>
 
 #include "agent/Printable.h"
-#include "tests/support/Net.h"
+#include "bench/Tree.h"
 #include "tests/unit/agent/RandomSettings.h"
 
 namespace agent {
@@ -66,18 +66,16 @@ std::vector<std::string> errorsOf(const std::string& toml) {
   return r.errors;
 }
 
+// The comments of the embedded default state the defaults: uncommented they change nothing.
 TEST(SettingsFile, EmbeddedDefaultIsValid) {
-  const SettingsResult r = parseSettings(defaultSettingsText(), "default");
+  const std::string text(defaultSettingsText());
+  const SettingsResult r = parseSettings(text, "default");
   ASSERT_TRUE(r.settings) << r.errors.at(0);
   EXPECT_EQ(describe(count(*r.settings)), "1 tracker, 1 exporter, 2 collectors");
-  // Its comments state the defaults: uncommented they change nothing.
-  std::string uncommented;
-  std::istringstream lines{std::string(defaultSettingsText())};
-  for (std::string line; std::getline(lines, line); uncommented += line + '\n')
-    if (line.starts_with("# ") && line.find(" = ") != line.npos && !line.ends_with('.') &&
-        line.find("id = 10") == line.npos)
-      line.erase(0, 2);
-  EXPECT_NE(uncommented, defaultSettingsText());
+  // Not the id of a VRF, which is an example.
+  const std::regex commented("\n# (?!id )([a-z-]+ += )");
+  const std::string uncommented = std::regex_replace(text, commented, "\n$1");
+  EXPECT_NE(uncommented, text);
   const SettingsResult again = parseSettings(uncommented, "uncommented");
   ASSERT_TRUE(again.settings) << again.errors.at(0);
   EXPECT_EQ(*again.settings, *r.settings);
@@ -160,16 +158,12 @@ TEST(SettingsFile, LaterFilesGoBeforeEarlierOnes) {
   const auto with = [](const std::string& second, const std::string& third) {
     return parseSettings({{"a", good}, {"b", second}, {"c", third}});
   };
-  const SettingsResult r =
-      with("tracker.edge.sample-rate = 5",
-           "[tracker.edge]\nsample-rate = 6\n[tracker.new]\nid = 9\n"
-           "[tracker.edge.exporter.main.collector.one]\naddress = \"192.0.2.1\"\n");
+  const SettingsResult r = with("tracker.edge.sample-rate = 5",
+                                "[tracker.edge]\nsample-rate = 6\n[tracker.new]\nid = 9\n");
   ASSERT_TRUE(r.settings) << r.errors.at(0);
   Settings wanted = *parseSettings(good, "f").settings;
   wanted.trackers["edge"].sampleRate = 6;
   wanted.trackers["new"].id = 9;
-  wanted.trackers["edge"].exporters["main"].collectors["one"].address =
-      *IpGenAddr::fromString("192.0.2.1");
   EXPECT_EQ(*r.settings, wanted);
 
   // Places are those of the file that a value, or a header, is in; the whole is what is checked.
@@ -203,13 +197,24 @@ TEST(SettingsFile, DocumentAndSchemaHaveTheKeysOfTheCode) {
     std::ifstream in(TARN_SOURCE_DIR "/" + file);
     return std::string(std::istreambuf_iterator<char>(in), {});
   };
+  /// What the pattern's first two groups match in the part of the text behind `header`.
+  const auto keys = [](const std::string& text, const std::string& header, const char* end,
+                       const char* pattern) {
+    const size_t at = text.find(header) + header.size();
+    const std::string part = text.substr(at, text.find(end, at) - at);
+    Keys found;
+    const std::regex each(pattern);
+    for (std::sregex_iterator m(part.begin(), part.end(), each); m != std::sregex_iterator(); ++m)
+      found[(*m)[1]] = (*m)[2];
+    return found;
+  };
   const std::string document = content("docs/configuration.md");
   const auto schema = nlohmann::json::parse(content("packaging/tarnflow.schema.json"));
   const std::string minimal =
       "[vrf.NAME]\nid = 1\n[tracker.NAME]\nid = 1\n[tracker.NAME.exporter.NAME]\n"
       "local-interface = \"lo\"\n[tracker.NAME.exporter.NAME.collector.NAME]\naddress = \"a\"\n";
   const std::string effective = settingsText(*parseSettings(minimal, "f").settings);
-  const std::pair<const char*, const char*> sections[] = {
+  const std::pair<std::string, const char*> sections[] = {
       {"agent", "/properties/agent"},
       {"vrf.NAME", "/properties/vrf/additionalProperties"},
       {"tracker.NAME", "/definitions/tracker"},
@@ -217,39 +222,22 @@ TEST(SettingsFile, DocumentAndSchemaHaveTheKeysOfTheCode) {
       {"tracker.NAME.exporter.NAME.collector.NAME", "/definitions/collector"}};
   for (const auto& [section, pointer] : sections) {
     SCOPED_TRACE(section);
-    const std::string header = '[' + std::string(section) + "]\n";
     // What the code knows it says of a key that it does not know.
-    const std::string said =
-        parseSettings(std::string("[") + section + "]\n\"?\" = 1\n", "f").errors.back();
-    std::istringstream known(said.substr(said.find("known here: ") + 12));
-    Keys code;
-    for (std::string key; known >> key; code[key])
-      if (key.back() == ',') key.pop_back();
-    std::istringstream lines(effective.substr(effective.find(header) + header.size()));
-    for (std::string line; std::getline(lines, line) && !line.empty();)
-      if (minimal.find('\n' + line + '\n') == minimal.npos)
-        code.at(line.substr(0, line.find(' '))) = line.substr(line.find(" = ") + 3);
-
-    Keys inSchema;
+    const auto errors = parseSettings('[' + section + "]\n\"?\" = 1\n", "f").errors;
+    Keys code = keys(errors.back() + ',', "known here:", "\n", " ([a-z-]+)()");
     for (const auto& [key, value] :
-         schema.at(nlohmann::json::json_pointer(pointer)).at("properties").items())
+         keys(effective, '[' + section + "]\n", "\n\n", "([a-z-]+) = (.*)"))
+      if (minimal.find('\n' + key + " = " + value + '\n') == minimal.npos) code.at(key) = value;
+    Keys inSchema;
+    const nlohmann::json::json_pointer at(pointer);
+    for (const auto& [key, value] : schema.at(at).at("properties").items())
       inSchema[key] = value.contains("default") ? value["default"].dump() : "";
     EXPECT_EQ(inSchema, code);
-
     code.erase("exporter");  // tables, which have a section of their own
     code.erase("collector");
-    Keys inDocument;
-    const size_t at = document.find("## `[" + std::string(section) + "]`\n");
-    ASSERT_NE(at, document.npos);
-    std::istringstream rows(document.substr(at + 3, document.find("\n## `[", at) - at));
-    for (std::string row; std::getline(rows, row);) {
-      if (!row.starts_with("| `")) continue;
-      const std::string key = row.substr(3, row.find('`', 3) - 3);
-      const size_t value = row.find(" | ", row.find(" | ") + 3) + 3;
-      const std::string cell = row.substr(value, row.find(" | ", value) - value);
-      inDocument[key] = cell.starts_with("required") ? "" : cell.substr(1, cell.size() - 2);
-    }
-    EXPECT_EQ(inDocument, code);
+    EXPECT_EQ(keys(document, "## `[" + section + "]`\n", "\n## `[",
+                   "\n\\| `([a-z-]+)` \\| [^|]* \\| (?:`([^`|]*)`|required[^|]*) \\|"),
+              code);
   }
 }
 
@@ -259,12 +247,10 @@ TEST(SettingsFile, WhateverItIsTheErrorsAreFewAndShort) {
   EXPECT_EQ(errorsOf("x = 1\n" + steps + "b = 1"),
             std::vector<std::string>{"f:2:260: a key has at most 64 steps"});
   EXPECT_EQ(errorsOf("x = " + std::string(1000000, '[')).size(), 1u);
-  const std::string dots(1000, '.');  // these are no steps
-  EXPECT_TRUE(parseSettings("[tracker.a] #" + dots + "\nid = 1 # " + dots + "\ninterfaces = [\"" +
-                                dots.substr(900) + "\\\"" + dots.substr(900) + "\", '" +
-                                dots.substr(900) + "']\n",
-                            "f")
-                  .settings);
+  const std::string dots(100, '.');  // these are no steps
+  EXPECT_EQ(errorsOf("tracker.a.id = 1 # " + dots + "\ntracker.a.interfaces = [\"" + dots + "\\\"" +
+                     dots + "\", '" + dots + "']\n"),
+            std::vector<std::string>{});
   std::string many = "[tracker.a]\nid = 1\n";
   for (int i = 0; i < 1000; ++i) many += "k" + std::to_string((i * 7919) % 1000) + " = 1\n";
   const auto errors = errorsOf(many);
@@ -280,31 +266,24 @@ TEST(SettingsFile, WhateverItIsTheErrorsAreFewAndShort) {
 TEST(SettingsFile, FilesOnDisk) {
   const support::TempDir dir;
   const std::string main = dir.path() + "/main.toml";
-  const std::string fifo = dir.path() + "/fifo";
   const auto read = [&](const std::string& content) {
     std::ofstream(main, std::ios::binary) << content;
     return readSettings(main);
   };
-  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  ASSERT_EQ(::mkfifo(main.c_str(), 0600), 0);
   ::alarm(60);  // ends a test that waits for somebody to write into the pipe
-  for (const auto& [file, problem] : std::map<std::string, std::string>{
-           {"/nonexistent/x\n", "/nonexistent/x\\n: cannot be read: No such file or directory"},
-           {"/tmp", "/tmp: is not a regular file: a configuration is one"},
-           {fifo, fifo + ": is not a regular file: a configuration is one"}})
-    EXPECT_EQ(readSettings(file).errors, std::vector<std::string>{problem});
+  EXPECT_EQ(readSettings(main).errors,
+            std::vector<std::string>{main + ": is not a regular file: a configuration is one"});
   ::alarm(0);
+  ::unlink(main.c_str());
+  EXPECT_EQ(readSettings(main).errors,
+            std::vector<std::string>{main + ": cannot be read: No such file or directory"});
 #if !defined(__SANITIZE_ADDRESS__)
   std::string many;
   for (int i = 0; i < 300000; ++i) many += "k" + std::to_string(i) + " = 1\n";
-  const auto resident = [] {  // pages
-    size_t all = 0;
-    size_t now = 0;
-    std::ifstream("/proc/self/statm") >> all >> now;
-    return now;
-  };
-  const size_t before = resident();
+  const int64_t before = bench::residentKib();
   EXPECT_EQ(read(many).errors.size(), settingsErrorsMax + 1);
-  EXPECT_LT(resident(), before + 3000) << "what it took is given back";
+  EXPECT_LT(bench::residentKib(), before + 12000) << "what it took is given back";
 #endif
   EXPECT_TRUE(read("\xef\xbb\xbf[tracker.a]\r\nid = 1\r\n").settings);
   EXPECT_EQ(read("").settings->trackers.size(), 0u);
@@ -318,7 +297,7 @@ TEST(SettingsFile, FilesOnDisk) {
   const auto part = [&](const std::string& file, const std::string& rate) {
     std::ofstream(parts + file) << "tracker.edge.sample-rate = " << rate;
   };
-  for (const char* n : {"16", "11", "14", "18", "2", "10", "17"}) part(n + std::string(".toml"), n);
+  for (const char* n : {"16", "11", "18", "2", "10"}) part(n + std::string(".toml"), n);
   part(".3.toml", "3");
   part("4.txt", "4");
   EXPECT_EQ(readSettings(main).settings->trackers.at("edge").sampleRate, 2u);
