@@ -14,8 +14,6 @@ namespace {
 
 using Rows = std::vector<std::pair<std::string, std::string>>;
 
-constexpr std::chrono::microseconds unhurried = std::chrono::minutes(10);
-
 Rows all(const StateTree& tree, const std::string& path, const StateTree::Limits& limits) {
   Rows rows;
   std::string after;
@@ -44,32 +42,24 @@ size_t leaves(const Entity& e) {
   return n;
 }
 
-class StateTreeTest : public testing::Test {
- protected:
-  StateTreeTest() {
-    auto config = HwFlowTracking::configFactory();
-    for (const char* tracker : {"edge", "a/b %", "'q'"}) {
-      auto ft = HwFlowTracking::ftConfigFactory(tracker, 7);
-      for (const char* name : {"main", "x"}) {
-        auto e = HwFlowTracking::exporterConfigFactory(name);
-        for (const char* c : {"c1", "c2"})
-          e->collectorIpAndPortIs(c, {*IpAddr::fromString("10.0.0.1"), 4739});
-        ft->expConfigIs(e);
-      }
-      config->ftConfigIs(ft);
+TEST(StateTree, PagesOfAnySizeMakeTheWhole) {
+  const auto config = HwFlowTracking::configFactory();
+  for (const char* tracker : {"edge", "a/b %", "'q'"}) {
+    config->ftConfigIs(HwFlowTracking::ftConfigFactory(tracker, 7));
+    for (const char* name : {"main", "x"}) {
+      const auto e = HwFlowTracking::exporterConfigFactory(name);
+      for (const char* c : {"c1", "c2"}) e->collectorIpAndPortIs(c, {IpAddr(0x0a000001), 4739});
+      config->ftConfig(tracker)->expConfigIs(e);
     }
-    for (uint32_t i = 1; i <= 30; ++i) {
-      const IntfId id(i % 3 ? "eth" + std::to_string(i) : "\xff\x01/" + std::to_string(i));
-      interfaces->intfIndexIs(id, i);
-      interfaces->intfIdIs(i, id);
-    }
-    roots = {{"config", config}, {"interfaces", interfaces}, {"networks", networkListFactory()}};
   }
-  Ptr<FlowTracking::IntfIndexMap> interfaces = FlowTracking::intfIndexMapFactory();
-  std::vector<StateTree::Root> roots;
-};
-
-TEST_F(StateTreeTest, PagesOfAnySizeMakeTheWhole) {
+  const auto interfaces = FlowTracking::intfIndexMapFactory();
+  for (uint32_t i = 1; i <= 30; ++i) {
+    const IntfId id(i % 3 ? "eth" + std::to_string(i) : "\xff\x01/" + std::to_string(i));
+    interfaces->intfIndexIs(id, i);
+    interfaces->intfIdIs(i, id);
+  }
+  const std::vector<StateTree::Root> roots = {
+      {"config", config}, {"interfaces", interfaces}, {"networks", networkListFactory()}};
   const StateTree tree(roots);
   const Rows whole = all(tree, "", {});
   size_t expected = 0;
