@@ -17,69 +17,62 @@
 namespace agent {
 namespace {
 using namespace std::chrono_literals;
-using namespace std::string_literals;
 
-IpGenAddr ip(const std::string& text) { return *IpGenAddr::fromString(text); }
-
-LinkAddress address(const std::string& text, uint8_t scope = RT_SCOPE_UNIVERSE,
-                    uint32_t flags = 0) {
-  const IpGenAddr a = ip(text);
+/// "address" or "address/mark".
+LinkAddress address(const std::string& text) {
+  static const std::map<std::string, std::pair<uint8_t, uint32_t>> marks = {
+      {"", {RT_SCOPE_UNIVERSE, 0}},
+      {"link", {RT_SCOPE_LINK, 0}},
+      {"host", {RT_SCOPE_HOST, 0}},
+      {"secondary", {RT_SCOPE_UNIVERSE, IFA_F_SECONDARY}},
+      {"temporary", {RT_SCOPE_UNIVERSE, IFA_F_TEMPORARY}},
+      {"tentative", {RT_SCOPE_UNIVERSE, IFA_F_TENTATIVE}},
+      {"duplicate", {RT_SCOPE_UNIVERSE, IFA_F_DADFAILED | IFA_F_TENTATIVE}},
+      {"deprecated", {RT_SCOPE_UNIVERSE, IFA_F_DEPRECATED}}};
+  const size_t end = std::min(text.find('/'), text.size());
+  const IpGenAddr a = *IpGenAddr::fromString(text.substr(0, end));
+  const auto [scope, flags] = marks.at(end == text.size() ? "" : text.substr(end + 1));
   return {a, a, static_cast<uint8_t>(a.isIpv4() ? 24 : 64), scope, flags};
 }
 
 TEST(ChooseSource, Table) {
-  const uint32_t up = IFF_UP;
-  const uint32_t loop = IFF_UP | IFF_LOOPBACK;
-  const std::map<std::string, LinkAddress> marks = {
-      {"link", address("::", RT_SCOPE_LINK)},
-      {"host", address("::", RT_SCOPE_HOST)},
-      {"secondary", address("::", RT_SCOPE_UNIVERSE, IFA_F_SECONDARY)},
-      {"temporary", address("::", RT_SCOPE_UNIVERSE, IFA_F_TEMPORARY)},
-      {"tentative", address("::", RT_SCOPE_UNIVERSE, IFA_F_TENTATIVE)},
-      {"duplicate", address("::", RT_SCOPE_UNIVERSE, IFA_F_DADFAILED | IFA_F_TENTATIVE)},
-      {"deprecated", address("::", RT_SCOPE_UNIVERSE, IFA_F_DEPRECATED)}};
-  const SourceAddresses second = {ip("10.0.0.2").ipAddr(), ip("2001:db8::2").ip6Addr()};
+  constexpr uint32_t up = IFF_UP;
+  constexpr uint32_t loop = IFF_UP | IFF_LOOPBACK;
   struct Case {
-    const char* name;
     uint32_t flags;
     const char* addresses;
     const char* chosen;
-    SourceAddresses current{};
+    bool current = false;  // 10.0.0.2 and 2001:db8::2 are
   };
   const Case cases[] = {
-      {"the first of each family", up, "10.0.0.1 10.0.1.1 2001:db8::1 2001:db8::2",
-       "10.0.0.1 2001:db8::1"},
-      {"down", 0, "10.0.0.1 2001:db8::1", "0.0.0.0 ::"},
-      {"link scope", up, "169.254.0.1/link fe80::1/link", "0.0.0.0 ::"},
-      {"link-local by its address", up, "fe80::1", "0.0.0.0 ::"},
-      {"host scope off the loopback", up, "10.0.0.1/host", "0.0.0.0 ::"},
-      {"loopback", loop, "127.0.0.1/host ::1/host", "127.0.0.1 ::1"},
-      {"a router's loopback", loop, "127.0.0.1/host 10.9.9.9 ::1/host 2001:db8::9",
-       "10.9.9.9 2001:db8::9"},
-      {"primary before secondary", up, "10.0.0.2/secondary 10.0.0.1", "10.0.0.1 ::"},
-      {"lasting before temporary", up, "2001:db8::2/temporary 2001:db8::1", "0.0.0.0 2001:db8::1"},
-      {"not checked, duplicate, ending", up,
-       "2001:db8::1/tentative 2001:db8::2/duplicate 2001:db8::3/deprecated 2001:db8::4",
+      {up, "10.0.0.1 10.0.1.1 2001:db8::1 2001:db8::2", "10.0.0.1 2001:db8::1"},
+      {0, "10.0.0.1 2001:db8::1", "0.0.0.0 ::"},
+      {up, "169.254.0.1/link fe80::1/link", "0.0.0.0 ::"},
+      {up, "fe80::1", "0.0.0.0 ::"},
+      {up, "10.0.0.1/host", "0.0.0.0 ::"},
+      {loop, "127.0.0.1/host ::1/host", "127.0.0.1 ::1"},
+      // A router's loopback.
+      {loop, "127.0.0.1/host 10.9.9.9 ::1/host 2001:db8::9", "10.9.9.9 2001:db8::9"},
+      {up, "10.0.0.2/secondary 10.0.0.1", "10.0.0.1 ::"},
+      {up, "2001:db8::2/temporary 2001:db8::1", "0.0.0.0 2001:db8::1"},
+      {up, "2001:db8::1/tentative 2001:db8::2/duplicate 2001:db8::3/deprecated 2001:db8::4",
        "0.0.0.0 2001:db8::4"},
-      {"the current one stays", up, "10.0.0.1 10.0.0.2/secondary 2001:db8::1 2001:db8::2",
-       "10.0.0.2 2001:db8::2", second},
-      {"unless it is no longer usable", up,
-       "10.0.0.1 10.0.0.2/link 2001:db8::1 2001:db8::2/deprecated", "10.0.0.1 2001:db8::1", second},
-      {"or gone", up, "10.0.0.1", "10.0.0.1 ::", second},
+      // The current one stays, unless it is gone or no longer usable.
+      {up, "10.0.0.1 10.0.0.2/secondary 2001:db8::1 2001:db8::2", "10.0.0.2 2001:db8::2", true},
+      {up, "10.0.0.1 10.0.0.2/link 2001:db8::1 2001:db8::2/deprecated", "10.0.0.1 2001:db8::1",
+       true},
+      {up, "10.0.0.1", "10.0.0.1 ::", true},
   };
   for (const Case& c : cases) {
     Link link;
     link.flags = c.flags;
     std::istringstream addresses(c.addresses);
-    for (std::string one; addresses >> one;) {
-      const size_t slash = std::min(one.find('/'), one.size());
-      LinkAddress& a = link.addresses.emplace_back(address(one.substr(0, slash)));
-      if (slash == one.size()) continue;
-      a.scope = marks.at(one.substr(slash + 1)).scope;
-      a.flags = marks.at(one.substr(slash + 1)).flags;
-    }
-    const SourceAddresses found = chooseSource(link, c.current);
-    EXPECT_EQ(found.v4.stringValue() + ' ' + found.v6.stringValue(), c.chosen) << c.name;
+    for (std::string one; addresses >> one;) link.addresses.push_back(address(one));
+    SourceAddresses current;
+    if (c.current)
+      current = {address("10.0.0.2").local.ipAddr(), address("2001:db8::2").local.ip6Addr()};
+    const SourceAddresses found = chooseSource(link, current);
+    EXPECT_EQ(found.v4.stringValue() + ' ' + found.v6.stringValue(), c.chosen) << c.addresses;
   }
 }
 
@@ -168,10 +161,6 @@ TEST(Rtnetlink, BrokenMessagesAreHarmless) {
 
 class Kernel : public World {
  protected:
-  /// Less than the time between two looks at all namespaces: an event told.
-  static constexpr auto notSlow = 1500ms;
-
-  bool soon(const std::function<bool()>& done) { return until(done, notSlow); }
   /// The interface resolves to these addresses soon.
   testing::AssertionResult resolves(const Ptr<VrfNetwork>& n, const std::string& interface,
                                     const std::string& addresses) {
@@ -217,17 +206,19 @@ TEST_F(Kernel, NamespacesThatNobodyAskedFor) {
       "ip netns add other && ln -s /nowhere /run/netns/ns-lost");
   Networks networks(loop, "/run/netns", heard.log);
   std::string names;
-  const auto there = [&](const std::string& expected) {
-    return soon([&] {
-      names.clear();
-      for (const auto& [vrf, network] : networks.list()->network())
-        if (network->present()) names += vrf.stringValue() + ' ';
-      return names == expected;
-    });
+  // Sooner than by a look at all namespaces: an event tells.
+  const auto become = [&](const std::string& command, const std::string& expected) {
+    run(command);
+    return until(
+        [&] {
+          names.clear();
+          for (const auto& [vrf, network] : networks.list()->network())
+            if (network->present()) names += vrf.stringValue() + ' ';
+          return names == expected;
+        },
+        1500ms);
   };
-  EXPECT_TRUE(there("default early ")) << names;
-  run("ip netns add ns-late");
-  EXPECT_TRUE(there("default early late ")) << names;
+  EXPECT_TRUE(become("ip netns add ns-late", "default early late ")) << names;
   // Others may ask for it, and stop to, without a word to those that watch it.
   const auto late = networks.network(VrfName("late"));
   Ear ear(late);
@@ -235,21 +226,21 @@ TEST_F(Kernel, NamespacesThatNobodyAskedFor) {
   networks.keepOnly({});
   EXPECT_EQ(networks.list()->network(VrfName("late")), late);
   EXPECT_EQ(ear.heard, "");
-  run("ip netns del ns-early");
-  EXPECT_TRUE(there("default late ")) << names;
-
-  // Said once, and again for one that came again.
+  EXPECT_TRUE(become("ip netns del ns-early", "default late ")) << names;
+  EXPECT_TRUE(
+      become("ip netns del 'ns-a blank' && ln -sf other /run/netns/ns-lost", "default late lost "))
+      << names;
+  // What is wrong is said once, and again when it came again.
   const auto said = [&](const std::string& name) {
     size_t n = 0;
     for (size_t at = 0; (at = heard.text.find("/" + name + " is ", at)) != heard.text.npos; ++at)
       ++n;
     return n;
   };
-  run("ip netns del 'ns-a blank' && ln -sf other /run/netns/ns-lost");
-  EXPECT_TRUE(there("default late lost ")) << names;
   pass(2200ms);
-  for (const char* name : {"ns-a blank", "ns-default", "ns-lost"})
-    EXPECT_EQ(said(name), name == "ns-lost"s ? 2u : 1u) << name;  // it is there, too
+  EXPECT_EQ(said("ns-a blank"), 1u);
+  EXPECT_EQ(said("ns-default"), 1u);
+  EXPECT_EQ(said("ns-lost"), 2u) << "it is there, too";
   EXPECT_FALSE(heard.has("other")) << heard.text;
   run("ip netns add 'ns-a blank'");
   EXPECT_TRUE(until([&] { return said("ns-a blank") == 2; })) << heard.text;
