@@ -254,30 +254,24 @@ TEST_F(ControlSocketTest, AnswersWhenAllDescriptorsAreTaken) {
 
 // What is told of collectors, and counted, follows from an endpoint's counters between two looks.
 TEST(CollectorStates, WhatAnEndpointTookAndRefused) {
-  struct Step {
-    uintptr_t pam;
-    uint64_t sent;
-    std::map<int, uint64_t> drops;
-    int refused;  // the reason of all that was refused, ...
-    int partly;   // ... or of some of it
-    uint64_t sentInAll;
-    uint64_t refusedInAll;
-  };
+  using Drops = std::map<int, uint64_t>;
+  // The reason of all that was refused, or of some of it; sent and refused in all.
+  using Found = std::tuple<int, int, uint64_t, uint64_t>;
   CollectorStates::Endpoint e;
-  for (const Step& s : std::vector<Step>{
-           {1, 10, {}, 0, 0, 10, 0},
-           {1, 15, {{EPERM, 1}, {ENETUNREACH, 4}}, 0, ENETUNREACH, 15, 5},
-           {1, 15, {{EPERM, 9}, {ENETUNREACH, 4}}, EPERM, 0, 15, 13},
-           {1, 15, {{EPERM, 9}, {ENETUNREACH, 4}}, EPERM, 0, 15, 13},  // nothing to send
-           {2, 2, {{EPERM, 1}}, 0, EPERM, 17, 14},
-           {2, 0, {{ENETUNREACH, 3}}, ENETUNREACH, 0, 17, 17},  // another at its place
-           {2, 1, {}, 0, 0, 18, 17}}) {                         // and one that sent more
+  for (const auto& [pam, sent, drops, found] :
+       std::vector<std::tuple<uintptr_t, uint64_t, Drops, Found>>{
+           {1, 10, {}, {0, 0, 10, 0}},
+           {1, 15, {{EPERM, 1}, {ENETUNREACH, 4}}, {0, ENETUNREACH, 15, 5}},
+           {1, 15, {{EPERM, 9}, {ENETUNREACH, 4}}, {EPERM, 0, 15, 13}},
+           {1, 15, {{EPERM, 9}, {ENETUNREACH, 4}}, {EPERM, 0, 15, 13}},  // nothing to send
+           {2, 2, {{EPERM, 1}}, {0, EPERM, 17, 14}},
+           {2, 0, {{ENETUNREACH, 3}}, {ENETUNREACH, 0, 17, 17}},  // another at its place
+           {2, 1, {}, {0, 0, 18, 17}}}) {                         // and one that sent more
     UdpPamCounters now;
-    now.sent = s.sent;
-    now.dropByErrno = s.drops;
-    e.follow(reinterpret_cast<const UdpPam*>(s.pam), now);
-    EXPECT_EQ(std::tuple(e.refused, e.partly, e.total.sent, e.total.refused),
-              std::tuple(s.refused, s.partly, s.sentInAll, s.refusedInAll));
+    now.sent = sent;
+    now.dropByErrno = drops;
+    e.follow(reinterpret_cast<const UdpPam*>(pam), now);
+    EXPECT_EQ(Found(e.refused, e.partly, e.total.sent, e.total.refused), found);
   }
   for (int err = 1000; err < 1020; ++err) e.total.addRefused(err, 1);
   for (const auto& c : e.total.causes) e.total.refused -= c.datagrams;
@@ -301,28 +295,27 @@ TEST(ControlRequests, WhatIsAskedWrongly) {
     return Json::parse(text);
   };
   struct Case {
-    std::string line;
     const char* code;
     const char* says;
+    std::vector<std::string> lines;
   };
-  const Case cases[] = {{"", "badRequest", "one JSON object"},
-                        {"[\"agent\"]", "badRequest", "one JSON object"},
-                        {std::string(4000, '['), "badRequest", "one JSON object"},
-                        {"{\"request\":\"\xff\"}", "badRequest", "one JSON object"},
-                        {"{}", "unknownRequest", "reload"},
-                        {R"({"request":7})", "badRequest", "'request'"},
-                        {R"({"request":"x\u001b\u0000"})", "unknownRequest", "x\\x1b\\x00"},
-                        {R"({"request":"state","paht":"x"})", "badRequest", "path, after"},
-                        {R"({"request":"logLevel","level":5})", "notAllowed", "user 1000"},
-                        {R"({"request":"reload"})", "notAllowed", "user 1000"},
-                        {R"({"request":"clearCounters"})", "notAllowed", "user 1000"},
-                        {R"({"request":"resend"})", "notAllowed", "user 1000"}};
-  for (const Case& c : cases) {
-    const Json answer = ask(1000, c.line);
-    EXPECT_EQ(answer["ok"], false) << c.line;
-    EXPECT_EQ(answer["code"], c.code) << c.line;
-    EXPECT_NE(answer["error"].get<std::string>().find(c.says), std::string::npos) << answer;
-  }
+  const Case cases[] = {{"badRequest",
+                         "one JSON object",
+                         {"", "[\"agent\"]", std::string(4000, '['), "{\"request\":\"\xff\"}"}},
+                        {"badRequest", "'request'", {R"({"request":7})"}},
+                        {"badRequest", "path, after", {R"({"request":"state","paht":"x"})"}},
+                        {"unknownRequest", "reload", {"{}"}},
+                        {"unknownRequest", "x\\x1b\\x00", {R"({"request":"x\u001b\u0000"})"}},
+                        {"notAllowed",
+                         "user 1000",
+                         {R"({"request":"reload"})", R"({"request":"clearCounters"})",
+                          R"({"request":"resend"})", R"({"request":"logLevel","level":5})"}}};
+  for (const Case& c : cases)
+    for (const std::string& line : c.lines) {
+      const Json answer = ask(1000, line);
+      EXPECT_TRUE(answer["ok"] == false && answer["code"] == c.code) << answer;
+      EXPECT_NE(answer["error"].get<std::string>().find(c.says), std::string::npos) << answer;
+    }
   EXPECT_EQ(changes + heard.log.level(), 0);
   EXPECT_EQ(ask(0, R"({"request":"reload","id":[1,"a"]})")["id"], Json::parse(R"([1,"a"])"));
   EXPECT_EQ(changes, 1);
