@@ -573,11 +573,7 @@ TEST_F(CollectorTest, WhatDoesNotLeaveIsCounted) {
             (std::array<uint64_t, 7>{5, 3, 5, 4, 1, 1, 1}));
   hwConfig->ftConfigDel("ft1");
   follow();
-  for (const char* what :
-       {"at its end, from devices, not passed on: 1 datagrams that are not IPFIX",
-        "1 datagrams of exporters of tracker ft1 that would come round for ever",
-        "4 records of refused templates", "5 records of exporters without a ready collector"})
-    EXPECT_TRUE(heard.has(what)) << what;
+  EXPECT_TRUE(heard.has("1 datagrams of exporters of tracker ft1 that would come round for ever"));
   EXPECT_EQ(table->size(), 0u);
 }
 
