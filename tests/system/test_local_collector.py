@@ -50,12 +50,12 @@ def test_softflowd(lab, vrf, family):
                             vrfs={vrf: 10} if near else {}, template_interval="60s"))
     here = f"{HERE[family]}:4739" if family == 4 else f"[{HERE[family]}]:4739"
     agent.program.wait_log(rf"tracker edge: devices send to {re.escape(here)} .*VRF {vrf}")
-    frames, expected = flows(2000)
+    frames, expected = flows(1000)
     file = lab.path("flows.pcap")
     file.write_bytes(pcap(frames))
     device = lab.start("softflowd", "softflowd", "-d", "-6", "-r", file, "-n", here, "-v", "10",
                        "-A", "milli", "-c", "none", "-p", lab.path("softflowd.pid"), ns=far)
-    assert device.wait_exit(20) == 0 and "(2000 records)" in device.log(), device.log()
+    assert device.wait_exit(20) == 0 and "(1000 records)" in device.log(), device.log()
     wait_for("every record is on the wire", lambda: sum(
         m.length - 20 for m in capture.messages() if 256 <= m.sets[0][0] < 65280) >=
         sum(48 if ":" not in key[0] else 72 for key in expected), 10)
