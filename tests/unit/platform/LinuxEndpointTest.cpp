@@ -181,9 +181,10 @@ TEST_P(LinuxEndpoint, OneUnreachableCollectorCostsTheOthersNothing) {
 // That they arrive as they were is for the random life of EndpointTest.
 TEST_P(LinuxEndpoint, NeighboursAlikeLeaveInOneSend) {
   auto pam = opened();
+  const IpGenAddr addr = *IpGenAddr::fromString(local);
+  const Receiver sinks[] = {Receiver(addr), Receiver(addr)};
   struct Run {
-    uint16_t port;
-    int n;
+    int sink, n;
     uint32_t len;
     uint8_t tos = 0;
   };
@@ -192,21 +193,21 @@ TEST_P(LinuxEndpoint, NeighboursAlikeLeaveInOneSend) {
     std::vector<Run> runs;
     uint64_t sends;
   } rows[] = {
-      {"one run", {{9, 40, 1400}}, 1},
-      {"a shorter one ends it", {{9, 5, 900}, {9, 6, 800}}, 2},
-      {"a longer one does not belong", {{9, 5, 800}, {9, 5, 900}}, 2},
-      {"another port", {{9, 5, 800}, {10, 5, 800}, {9, 5, 800}}, 3},
-      {"another mark", {{9, 5, 800}, {9, 5, 800, 184}}, 2},
-      {"more octets than a packet has", {{9, 50, 1400}}, 2},
-      {"more of them than the kernel takes", {{9, 70, 100}}, 2},
-      {"nothing but the part that is copied", {{9, 5, 16}, {9, 1, 4}}, 1},
+      {"one run", {{0, 40, 1400}}, 1},
+      {"a shorter one ends it", {{0, 5, 900}, {0, 6, 800}}, 2},
+      {"a longer one does not belong", {{0, 5, 800}, {0, 5, 900}}, 2},
+      {"another port", {{0, 5, 800}, {1, 5, 800}, {0, 5, 800}}, 3},
+      {"another mark", {{0, 5, 800}, {0, 5, 800, 184}}, 2},
+      {"more octets than a packet has", {{0, 50, 1400}}, 2},
+      {"more of them than the kernel takes", {{0, 70, 100}}, 2},
+      {"nothing but the part that is copied", {{0, 5, 16}, {0, 1, 4}}, 1},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     const uint64_t before = pam->counters().sends;
     for (const Run& run : row.runs) {
       pam->txTosIs(run.tos);
-      sendAll(*pam, local, run.port, run.n, run.len);
+      sendAll(*pam, local, sinks[run.sink].port(), run.n, run.len);
     }
     settle();
     EXPECT_EQ(pam->counters().sends - before, row.sends);
