@@ -262,7 +262,7 @@ TEST_P(Endpoint, HandsOnWhatArrivesWholeAndInOrder) {
         if (pick(3) == 0) e.hears ? change(e) : hear(e);
         if (!e.pam) continue;
         address(*from, i + 1, at, 2);
-        for (size_t n = pick(40); n > 0 && (e.hears || e.waits.size() < 40); --n) {
+        for (size_t n = pick(2) * pick(40); n > 0 && (e.hears || e.waits.size() < 40); --n) {
           const uint32_t lens[] = {0, 1, 64, 1400, e.hears ? 60000u : 9u};
           const auto pkt = packet(lens[pick(5)], static_cast<uint8_t>(random()));
           e.waits.emplace_back(pkt->octets().begin(), pkt->octets().end());
