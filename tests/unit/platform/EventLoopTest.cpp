@@ -206,7 +206,10 @@ TEST_F(Loop, WaitsForTheDueTimeAndNoLess) {
     const auto start = Clock::now();
     t->scheduleIs(delay);
     int rounds = 0;
-    for (; !ran; ++rounds) loop->runOnce(1h);
+    while (!ran) {
+      loop->runOnce(1h);
+      ++rounds;
+    }
     EXPECT_GE(Clock::now() - start, delay);
     EXPECT_LE(rounds, 3) << "it sleeps in between";
     loop->runOnce(delay);
