@@ -425,8 +425,9 @@ class World : private Tree {
       c.srcIp6AddrIs(c.srcIp6Addr().isZero() || pick(3) == 0 ? Ip6Addr(o) : Ip6Addr());
     }
   }
-  /// Not ready for a moment, in which something changes.
+  /// Not ready for a moment, in which something changes, and which nobody answers.
   void flap() {
+    const bool meddles = std::exchange(meddles_, false);
     const auto config = anExporter().config;
     const IpAddr four = config->srcIpAddr();
     const Ip6Addr six = config->srcIp6Addr();
@@ -438,6 +439,7 @@ class World : private Tree {
     sim->runRound();
     config->srcIpAddrIs(four);
     config->srcIp6AddrIs(six);
+    meddles_ = meddles;
   }
   void templateIs_p(HwFlowTracking::FtStatus& status, TemplateId id) {
     auto t = status.templateStatus(id);
