@@ -219,6 +219,7 @@ TEST_F(EntitiesTest, AReadyExporterIsOneOfEitherFamily) {
   const auto exporter = mainOf(*entities);
   heard.text.clear();
   exporter->exporter6ReadyIs(true);
+  EXPECT_EQ(entities->readyExporters(), 1u);
   exporter->exporter4ReadyIs(true);
   exporter->exporter6ReadyIs(false);
   EXPECT_EQ(entities->readyExporters(), 1u);

@@ -41,23 +41,6 @@ Ids indexes(const InterfaceIndexes& all) {
   return found;
 }
 
-TEST(InterfaceIndexes, NamesThatCannotBeExported) {
-  Made made;
-  const auto red = made.add("red");
-  InterfaceIndexes all(made.list, made.heard.log);
-  const std::string longest(IntfIndexMap::nameMax - 4, 'x');
-  red->linkIs(1, longest, IFF_UP);
-  red->tell();
-  EXPECT_EQ(indexes(all), (Ids{{"red/" + longest, first}}));
-  for (const uint32_t flags : {0u, uint32_t{IFF_UP}, 0u}) {
-    red->linkIs(1, longest + "y", flags);
-    red->linkIs(2, "", flags);
-    red->tell();
-  }
-  EXPECT_EQ(indexes(all), Ids{});
-  EXPECT_EQ(std::count(made.heard.text.begin(), made.heard.text.end(), '\n'), 1) << "said once";
-}
-
 TEST(InterfaceIndexes, RandomLives) {
   Random below;
   for (int life = 0; life < 60; ++life) {

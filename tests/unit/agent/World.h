@@ -41,13 +41,6 @@ class World : public testing::Test {
     if (!support::sh(command)) throw std::runtime_error("failed: " + command);
   }
 
-  /// A pair of devices, `name` and `name`-peer, the latter up. (Not every kernel has dummies.)
-  static void makeLink(const std::string& name, const std::string& netns = {}) {
-    const std::string ip = netns.empty() ? "ip " : "ip -n " + netns + ' ';
-    run(ip + "link add " + name + " type veth peer name " + name + "-peer");
-    run(ip + "link set " + name + "-peer up");
-  }
-
   /// Runs rounds of the loop until `done`; false when the time is over.
   bool until(const std::function<bool()>& done,
              std::chrono::milliseconds limit = std::chrono::seconds(5)) {
