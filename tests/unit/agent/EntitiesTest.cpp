@@ -1,6 +1,5 @@
 #include "agent/Entities.h"
 
-#include <gtest/gtest.h>
 #include <net/if.h>
 
 #include <set>
@@ -23,7 +22,7 @@ using HwFlowTracking::Status;
 IpGenAddr ip(const std::string& text) { return *IpGenAddr::fromString(text); }
 LinkAddress on(const std::string& address) { return {ip(address), ip(address), 24, 0, 0}; }
 
-/// Networks made by hand: eth0 and eth1 in VRFs default and red. VRF blue never comes.
+/// Networks made by hand: eth0 and eth1 in VRFs default and red. Other VRFs never come.
 class Nets {
  public:
   Nets() {

@@ -1,10 +1,7 @@
 // What devices send to the local collector, and what of it is passed on.
 #include "agent/LocalCollector.h"
 
-#include <gtest/gtest.h>
-
 #include <bit>
-#include <numeric>
 #include <set>
 
 #include "agent/FlowExport.h"

@@ -1,6 +1,5 @@
 #include "agent/Network.h"
 
-#include <gtest/gtest.h>
 #include <libmnl/libmnl.h>
 #include <linux/if_addr.h>
 #include <linux/rtnetlink.h>

@@ -1,7 +1,6 @@
 #include "agent/Resolver.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>

@@ -1,6 +1,5 @@
 #include "agent/SettingsFile.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
