@@ -6,6 +6,7 @@
 
 #include "agent/FlowTemplates.h"
 #include "agent/Printable.h"
+#include "agent/Priorities.h"
 #include "agent/ServiceManager.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/ShmTable.h"
@@ -14,7 +15,6 @@ namespace agent {
 namespace {
 using Tarn::Ipfix::CollectorStatistics;
 
-constexpr TaskPriority afterAll = 255;  // the library's tasks are due before
 constexpr Seconds settlePoll{0.01};
 constexpr int settlePolls = 200;  // 2 s: a namespace that does not answer delays nobody longer
 constexpr Seconds statusDelay{0.2};
@@ -304,8 +304,8 @@ ReloadOutcome Agent::reload() {
   return outcome;
 }
 
-ControlView Agent::controlView() const {
-  ControlView view;
+ExportsView Agent::exportsView() const {
+  ExportsView view;
   view.settings = [this]() -> const Settings& { return entities_->placedSettings(); };
   view.tree = [this](FlowTracking::FlowTrackingType type) {
     const auto roots = roots_.find(type);
@@ -322,13 +322,13 @@ ControlView Agent::controlView() const {
 }
 
 void Agent::startControl(const std::string& path) {
-  collectorStates_ = std::make_unique<CollectorStates>(controlView(), loop_->taskScheduler(),
+  collectorStates_ = std::make_unique<CollectorStates>(exportsView(), loop_->taskScheduler(),
                                                        platform_->clock(), log_, endpointCounters_);
   ControlHost host;
   host.version = TARN_VERSION;
   host.config = configName();
   host.startTime = platform_->clock().now();
-  host.view = controlView();
+  host.view = exportsView();
   host.states = collectorStates_.get();
   host.clearCounters = [this] { configReq_->clearCountersIs(configReq_->clearCounters() + 1); };
   host.roots = [this] { return stateRoots(); };

@@ -86,7 +86,7 @@ class Agent {
   void handleStarted();
   std::string status() const;
   void handleWatchdog();
-  ControlView controlView() const;
+  ExportsView exportsView() const;
   void startControl(const std::string& path);
   std::vector<StateTree::Root> stateRoots() const;
   void followHosts(const Settings& settings);

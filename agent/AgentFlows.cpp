@@ -6,13 +6,13 @@
 
 #include "agent/Agent.h"
 #include "agent/Printable.h"
+#include "agent/Priorities.h"
 #include "agent/ServiceManager.h"
 #include "platform/UdpPam.h"
 
 namespace agent {
 namespace {
-constexpr TaskPriority afterAll = 255;  // the library's tasks are due before
-constexpr int piecesMax = 64;           // of a capture, some 16 MiB, to find its interfaces in
+constexpr int piecesMax = 64;  // of a capture, some 16 MiB, to find its interfaces in
 constexpr Seconds finishPoll{0.01};
 constexpr std::chrono::milliseconds leaveShare{10};  // of the loop, at a reload
 constexpr std::chrono::seconds finishMax{10};        // a million flows leave in half of it

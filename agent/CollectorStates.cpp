@@ -7,12 +7,13 @@
 #include <span>
 #include <utility>
 
+#include "agent/Priorities.h"
+
 namespace agent {
 namespace {
 using FlowTracking::ExporterInfo;
 using Status = CollectorState::Status;
 
-constexpr TaskPriority afterAll = 255;
 constexpr Seconds lookInterval{1};
 constexpr size_t collectorsPerStep = 500;  // each costs about 2 us
 
@@ -32,19 +33,10 @@ Ptr<ExporterInfo> infoOf(const LibraryTree& tree, const CollectorName& name) {
 }  // namespace
 
 std::string_view statusText(Status status) {
-  switch (status) {
-    case Status::sending:
-      return "sending";
-    case Status::waitingForNamespace:
-      return "waiting for namespace";
-    case Status::waitingForAddress:
-      return "waiting for address";
-    case Status::waitingForTemplate:
-      return "waiting for template";
-    case Status::refused:
-      return "refused";
-  }
-  return "";
+  static constexpr std::string_view names[] = {
+      "sending", "waiting for namespace", "waiting for address", "waiting for template", "refused"};
+  static_assert(std::size(names) == static_cast<size_t>(Status::refused) + 1);
+  return names[static_cast<size_t>(status)];
 }
 
 class CollectorStates::Watch final : public ExporterInfo::Watcher {
@@ -65,7 +57,7 @@ class CollectorStates::Watch final : public ExporterInfo::Watcher {
   std::vector<Ptr<const UdpPam>>& came_;
 };
 
-CollectorStates::CollectorStates(ControlView view, const Ptr<TaskScheduler>& scheduler,
+CollectorStates::CollectorStates(ExportsView view, const Ptr<TaskScheduler>& scheduler,
                                  const Clock& clock, AgentLog& log, Ptr<SharedTable> counters)
     : view_(std::move(view)),
       clock_(clock),

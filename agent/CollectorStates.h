@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "agent/AgentLog.h"
-#include "agent/ControlView.h"
+#include "agent/ExportsView.h"
 #include "platform/Clock.h"
 #include "platform/EndpointCounters.h"
 #include "platform/SharedTable.h"
@@ -48,7 +48,7 @@ class CollectorStates {
   /// The operator is told when a collector comes to be refused, and when it is no longer.
   /// `counters` gets an EndpointRecord for each exporter and family that has collectors, written at
   /// each look; it may be null.
-  CollectorStates(ControlView view, const Ptr<TaskScheduler>& scheduler, const Clock& clock,
+  CollectorStates(ExportsView view, const Ptr<TaskScheduler>& scheduler, const Clock& clock,
                   AgentLog& log, Ptr<SharedTable> counters);
   CollectorStates(const CollectorStates&) = delete;
   CollectorStates& operator=(const CollectorStates&) = delete;
@@ -101,7 +101,7 @@ class CollectorStates {
   void tellChange(const CollectorName& name, CollectorState::Status before,
                   const CollectorState& now);
 
-  ControlView view_;
+  ExportsView view_;
   const Clock& clock_;
   AgentLog& log_;
   const Ptr<SharedTable> counters_;

@@ -23,7 +23,6 @@ struct Refusal {
 // A collector takes about 20 us, so that a part takes little more than 2 ms.
 constexpr size_t collectorsPerPart = 100;
 
-std::string inQuotes(const std::string& name) { return '\'' + printable(name) + '\''; }
 template <class Names>
 std::string joined(const Names& names) {
   std::string all;
@@ -110,7 +109,7 @@ std::string ControlRequests::answer(const ControlPeer& peer, std::string_view li
       std::vector<std::string_view> all;
       for (const Verb& v : verbs) all.push_back(v.name);
       throw Refusal{"unknownRequest", "'request' is one of " + joined(all) +
-                                          (name.empty() ? "" : ", not '" + printable(name) + "'")};
+                                          (name.empty() ? "" : ", not " + inQuotes(name))};
     }
     for (const auto& [key, value] : json.items()) {
       if (key == "request" || key == "id" ||

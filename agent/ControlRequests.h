@@ -8,7 +8,7 @@
 #include "agent/AgentLog.h"
 #include "agent/CollectorStates.h"
 #include "agent/ControlSocket.h"
-#include "agent/ControlView.h"
+#include "agent/ExportsView.h"
 #include "agent/StateTree.h"
 
 namespace agent {
@@ -26,7 +26,7 @@ struct ControlHost {
   std::string version;
   std::string config;  ///< the configuration's name, for people
   double startTime = 0;
-  ControlView view;
+  ExportsView view;
   CollectorStates* states = nullptr;
   std::function<std::vector<StateTree::Root>()> roots;
   std::function<ReloadOutcome()> reload;

@@ -14,11 +14,11 @@
 #include <utility>
 
 #include "agent/Printable.h"
+#include "agent/Priorities.h"
 #include "platform/UdpPam.h"
 
 namespace agent {
 namespace {
-constexpr TaskPriority afterAll = 255;  // the library's tasks are due before
 constexpr int backlog = 64;
 constexpr int acceptsPerRound = 16;
 constexpr size_t reserveMax = 4;  // descriptors: for three clients, and for what one asks for

@@ -48,7 +48,7 @@ Ptr<OptionsDataSource> sourceIn(const Ptr<FlowTracking::OptionsDataSourceColl>& 
   return data ? data->source(kind.source) : nullptr;
 }
 /// Of a global table; each kind of tracking has the same one.
-Ptr<OptionsDataSource> globalSource(const ControlView& view, const TableKind& kind) {
+Ptr<OptionsDataSource> globalSource(const ExportsView& view, const TableKind& kind) {
   for (const auto type : types)
     if (const auto sm = view.tree(type).optionsDataSm)
       if (auto source = sourceIn(sm->dataAll()->globalData(), kind)) return source;
@@ -61,7 +61,7 @@ Ptr<OptionsDataSource> trackerSource(const LibraryTree& tree, const std::string&
   return data ? sourceIn(data->data(), kind) : nullptr;
 }
 
-Ptr<const OptionsTemplate> layoutOf(const ControlView& view, TemplateId id) {
+Ptr<const OptionsTemplate> layoutOf(const ExportsView& view, TemplateId id) {
   for (const auto type : types)
     if (const auto sm = view.tree(type).templateSm)
       for (const auto& [name, entry] : sm->optTemplateConfig()->templateEntry())
@@ -75,7 +75,7 @@ std::vector<FtTemplateEntry> fieldsOf(const OptionsTemplate& layout) {
     for (const auto& [position, entry] : *part) fields.push_back(entry);
   return fields;
 }
-std::string nameOf(const ControlView& view, Ipfix::RecordType id) {
+std::string nameOf(const ExportsView& view, Ipfix::RecordType id) {
   return view.elements->elementIdColl(id).str();
 }
 
@@ -99,7 +99,7 @@ Json take(std::string_view& record, const FtTemplateEntry& field) {
 
 /// The names of the fields that a flow key indicator's bits stand for, the lowest bit the first
 /// field (RFC 7011, 4.4).
-Json keyNames(const ControlView& view, const LibraryTree& tree, const std::string& tracker,
+Json keyNames(const ExportsView& view, const LibraryTree& tree, const std::string& tracker,
               TemplateId id, uint64_t bits) {
   Json names = Json::array();
   const auto ftStatus = tree.status ? tree.status->ftStatus(tracker) : nullptr;
@@ -124,7 +124,7 @@ uint64_t numberAt(const Json& after, size_t i) {
 
 /// The settings' trackers from the one where `after` is, or the one of that name.
 template <class Visit>
-void eachTracker(const ControlView& view, const std::string& only, const std::string& from,
+void eachTracker(const ExportsView& view, const std::string& only, const std::string& from,
                  Visit&& visit) {
   const auto& trackers = view.settings().trackers;
   auto it = trackers.lower_bound(only.empty() ? from : std::max(only, from));
@@ -132,7 +132,7 @@ void eachTracker(const ControlView& view, const std::string& only, const std::st
     if (!visit(it->first, it->second)) return;
 }
 
-Json fieldJson(const ControlView& view, const FtTemplateEntry& e, bool scope) {
+Json fieldJson(const ExportsView& view, const FtTemplateEntry& e, bool scope) {
   Json out = {{"name", nameOf(view, e.fieldId())},
               {"id", e.fieldId().value()},
               {"enterprise", e.enterpriseIe() ? Ipfix::IpfixConst::enterpriseNumber() : 0},
@@ -150,7 +150,7 @@ std::vector<std::string_view> ControlTables::names() {
   return all;
 }
 
-Json ControlTables::list(const ControlView& view) {
+Json ControlTables::list(const ExportsView& view) {
   Json tables = Json::array();
   std::map<FlowTracking::FlowTrackingType, LibraryTree> trees;
   for (const auto type : types) trees[type] = view.tree(type);
@@ -170,7 +170,7 @@ Json ControlTables::list(const ControlView& view) {
   return {{"tables", std::move(tables)}};
 }
 
-Json ControlTables::rows(const ControlView& view, std::string_view name, const std::string& only,
+Json ControlTables::rows(const ExportsView& view, std::string_view name, const std::string& only,
                          const Json& after) {
   const auto found =
       std::find_if(kinds.begin(), kinds.end(), [&](const TableKind& k) { return k.name == name; });
@@ -236,7 +236,7 @@ Json lastSent(const Exporters& exporters) {
 }
 }  // namespace
 
-Json ControlTables::templates(const ControlView& view, const std::string& only, const Json& after) {
+Json ControlTables::templates(const ExportsView& view, const std::string& only, const Json& after) {
   Json out = {{"templates", Json::array()}, {"next", nullptr}};
   std::map<FlowTracking::FlowTrackingType, LibraryTree> trees;
   for (const auto type : types) trees[type] = view.tree(type);

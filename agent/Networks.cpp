@@ -12,8 +12,8 @@
 #include <functional>
 #include <vector>
 
+#include "agent/Names.h"
 #include "agent/Printable.h"
-#include "agent/Settings.h"
 #include "platform/UdpPam.h"
 
 namespace agent {

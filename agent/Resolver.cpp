@@ -13,16 +13,15 @@
 #include <mutex>
 #include <system_error>
 
+#include "agent/Names.h"
 #include "agent/Printable.h"
-#include "agent/Settings.h"
+#include "agent/Priorities.h"
 #include "agent/Thread.h"
 #include "platform/UdpPam.h"
 #include "platform/linux/Fd.h"
 
 namespace agent {
 namespace {
-constexpr TaskPriority afterAll = 255;
-
 IpGenAddr addressOf(const sockaddr& a) {
   if (a.sa_family == AF_INET) {
     sockaddr_in in;

@@ -47,16 +47,6 @@ struct TrackerSettings {
   bool operator==(const TrackerSettings&) const = default;
 };
 
-/// Empty, or what kind of address it is, of those that no collector has.
-std::string collectorAddressProblem(const IpGenAddr& address);
-/// Letters, digits, '-' and '_' in labels of at most 63 octets, the last of which is no number:
-/// what was meant as an address is none (RFC 1123, 2.1).
-bool isHostName(std::string_view text);
-/// Empty, or what would be a VRF's name: one that its namespace's file can have, and fit to print.
-std::string vrfNameProblem(std::string_view name);
-bool hasControl(std::string_view text);
-bool hasControlOrBlank(std::string_view text);
-
 struct Settings {
   std::string statistics = "/tarnflow";                ///< name of the shared-memory segment
   std::string control = "/run/tarnflow/control.sock";  ///< path of the control socket
@@ -65,6 +55,8 @@ struct Settings {
   std::map<std::string, TrackerSettings> trackers;
   bool operator==(const Settings&) const = default;
 };
+
+inline constexpr VrfId vrfIdMax = 0xfffffe;  ///< 0xffffff is exported for "no VRF"
 
 /// How many of each a configuration has, for messages.
 struct SettingsCount {

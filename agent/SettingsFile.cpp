@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "Ipfix/FlowTrackingTypes.h"
+#include "agent/Names.h"
 #include "agent/Printable.h"
 #include "agent/SettingsSection.h"
 
@@ -26,8 +27,7 @@ constexpr size_t socketPathMax = 107;    // sockaddr_un::sun_path without its te
 // is an options record about an interface (index, length, 254 octets of name); one about a tracker
 // has up to 21 + 128. Templates travel in one message, which is shorter: 152 octets for flows.
 constexpr uint32_t mtuMin = 40 + 8 + 16 + 4 + (4 + 1 + FlowTracking::IntfIndexMap::nameMax);
-constexpr uint32_t mtuMax = 65535;    // the length field of an IPv4 packet
-constexpr VrfId vrfIdMax = 0xfffffe;  // 0xffffff is exported for "no VRF"
+constexpr uint32_t mtuMax = 65535;  // the length field of an IPv4 packet
 constexpr milliseconds second{1000};
 constexpr int64_t maxFlowsMax = 100000000;  // 17 GB
 

@@ -225,7 +225,7 @@ StateTree::Page StateTree::page(std::string_view path, std::string_view after,
   if (root == roots_.end()) {
     std::string all;
     for (const Root& r : roots_) all += (all.empty() ? "" : ", ") + r.name;
-    page.problem = "there is no '" + printable(parts.front()) + "': there are " + all;
+    page.problem = "there is no " + inQuotes(parts.front()) + ": there are " + all;
     return page;
   }
 
@@ -236,7 +236,7 @@ StateTree::Page StateTree::page(std::string_view path, std::string_view after,
   std::string above;
   std::optional<std::string> text;
   const auto nothing = [&](const std::string& part, const std::string& rest) {
-    page.problem = "there is no '" + printable(part) + "' in " + printable(full) + rest;
+    page.problem = "there is no " + inQuotes(part) + " in " + printable(full) + rest;
     return page;
   };
   for (size_t i = 1; i < parts.size(); ++i) {
@@ -291,7 +291,7 @@ StateTree::Page StateTree::page(std::string_view path, std::string_view after,
     fullParts = partsOf(full);
     if (afterParts.size() < fullParts.size() ||
         !std::equal(fullParts.begin(), fullParts.end(), afterParts.begin())) {
-      page.problem = "'" + printable(after) + "' is not in " + printable(full);
+      page.problem = inQuotes(after) + " is not in " + printable(full);
       return page;
     }
     left = PartsLeft(afterParts).subspan(fullParts.size());

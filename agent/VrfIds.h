@@ -7,6 +7,7 @@
 
 #include "agent/AgentLog.h"
 #include "agent/Network.h"
+#include "agent/Settings.h"
 #include "platform/Vrf.h"
 
 namespace agent {
@@ -19,7 +20,7 @@ namespace agent {
 /// until another 4096 ids have fallen free after it; only the configuration may claim it before.
 class VrfIds {
  public:
-  static constexpr VrfId idMax = 0xfffffe;  ///< 0xffffff is exported for "no VRF"
+  static constexpr VrfId idMax = vrfIdMax;
   static constexpr size_t heldMax = 4096;
 
   VrfIds(Ptr<const NetworkList> networks, AgentLog& log);

@@ -20,8 +20,8 @@ struct LibraryTree {
   Ptr<FlowTracking::OptionsDataManagerSm> optionsDataSm;
 };
 
-/// The running agent as those see it who tell of it.
-struct ControlView {
+/// The running agent as those see it who tell of what it exports.
+struct ExportsView {
   std::function<const Settings&()> settings;
   std::function<LibraryTree(FlowTracking::FlowTrackingType)> tree;
   /// Why a host cannot be looked up; empty: it can, or it is not known yet.
