@@ -5,9 +5,9 @@
 
 #include "cli/ControlClient.h"
 #include "cli/ControlShow.h"
-#include "cli/Counters.h"
-#include "cli/MessagePrinter.h"
 #include "cli/Output.h"
+#include "cli/Quoted.h"
+#include "cli/Text.h"
 
 namespace cli {
 namespace {

@@ -4,9 +4,10 @@
 
 #include <algorithm>
 
-#include "cli/Counters.h"
+#include "cli/Quoted.h"
 #include "cli/Table.h"
-#include "cli/decoder/Decoder.h"
+#include "cli/Text.h"
+#include "platform/IpfixTypes.h"
 #include "platform/Text.h"
 
 namespace cli {
@@ -135,9 +136,6 @@ std::string cell(const Json& value) {
   for (const Json& v : value) all += (all.empty() ? "" : " ") + cell(v);
   return all;
 }
-std::string plural(uint64_t n, std::string_view noun) {
-  return fmt::format("{} {}{}", n, noun, n == 1 ? "" : "s");
-}
 }  // namespace
 
 std::string collectorsText(const Json& collectors, double now, const Style& style) {
@@ -192,7 +190,7 @@ std::string templatesText(const Json& templates, double now, const Style& style)
       const auto length = f.at("length").get<unsigned>();
       const std::string id = f.at("id").dump();
       table.add({enterprise ? fmt::format("{}/{}", enterprise, id) : id, cell(f.at("name")),
-                 length == decoder::variableLen ? "variable" : fmt::to_string(length),
+                 length == Ipfix::IpfixConst::variableLen() ? "variable" : fmt::to_string(length),
                  f.value("scope", false) ? "scope"
                  : f.value("key", false) ? "key"
                                          : ""});

@@ -5,16 +5,15 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 
-#include "cli/MessagePrinter.h"
 #include "cli/Output.h"
+#include "cli/Quoted.h"
 #include "cli/Signals.h"
 #include "cli/Table.h"
-#include "cli/decoder/Decoder.h"
+#include "cli/Text.h"
 #include "platform/UdpPam.h"
 
 namespace cli {
@@ -41,43 +40,10 @@ std::string setName(uint16_t id) {
 
 }  // namespace
 
-double utcNow() {
-  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
-}
-
-std::string ageText(double now, double then) {
-  if (then == 0) return "never";
-  const double age = now - then;
-  if (age < 0) return "in future";  // the clock was set back
-  const auto s = static_cast<uint64_t>(age);
-  if (s < 60) return fmt::format("{:.1f}s", age);
-  if (s < 3600) return fmt::format("{}m{:02}s", s / 60, s % 60);
-  if (s < 86400) return fmt::format("{}h{:02}m", s / 3600, s / 60 % 60);
-  return fmt::format("{}d{:02}h", s / 86400, s / 3600 % 24);
-}
-
-/// A name from the configuration: as it is when that is one printable word, else in quotes.
-std::string nameText(std::string_view name) {
-  const std::string q = decoder::quoted(name);
-  const bool plain =
-      q.size() == name.size() + 2 && !name.empty() && name.find(' ') == std::string_view::npos;
-  return plain ? std::string(name) : q;
-}
-
 std::string_view stateName(Counters::State state) {
-  switch (state) {
-    case Counters::State::live:
-      return "live";
-    case Counters::State::dead:
-      return "dead";
-    case Counters::State::closed:
-      return "closed";
-    case Counters::State::absent:
-      return "absent";
-    case Counters::State::foreign:
-      return "foreign";
-  }
-  return "";
+  static constexpr std::string_view names[] = {"live", "dead", "closed", "absent", "foreign"};
+  static_assert(std::size(names) == static_cast<size_t>(Counters::State::foreign) + 1);
+  return names[static_cast<size_t>(state)];
 }
 
 Counters countersFrom(const platform::ShmTableReader::Snapshot& snapshot, double now) {

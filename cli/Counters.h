@@ -65,10 +65,6 @@ using Look =
 int showTable(const CountersOptions& options, size_t keyLen, size_t valueLen, const Look& look);
 
 // What the tables have in common.
-double utcNow();
-std::string nameText(std::string_view name);
-/// "3.2s", "5m07s", "2h10m", "3d04h"; "never" for 0.
-std::string ageText(double now, double then);
 std::string_view stateName(Counters::State state);
 /// Why a table that is not live is not; empty when it is.
 std::string stateNote(Counters::State state, int writerPid, const std::string& name);

@@ -11,7 +11,7 @@
 #include "cli/MessagePrinter.h"
 #include "cli/OptionsTables.h"
 #include "cli/Output.h"
-#include "cli/Style.h"
+#include "cli/Quoted.h"
 #include "platform/linux/CaptureFile.h"
 
 namespace cli {

@@ -4,9 +4,10 @@
 
 #include <algorithm>
 
-#include "cli/MessagePrinter.h"
 #include "cli/Output.h"
+#include "cli/Quoted.h"
 #include "cli/Table.h"
+#include "cli/Text.h"
 
 namespace cli {
 namespace {

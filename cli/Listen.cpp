@@ -99,8 +99,7 @@ class Listener {
 
   void writeTables() {
     tablesChanged_ = false;
-    const double now =
-        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    const double now = utcNow();
     write(options_.json ? jsonLine(tables_.json(decoder_, now))
                         : utcText(now) + '\n' + tables_.text(decoder_, now, tableRowsShown));
   }

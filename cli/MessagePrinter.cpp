@@ -3,7 +3,9 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "cli/Table.h"
 
@@ -23,17 +25,25 @@ using Json = nlohmann::ordered_json;
 
 constexpr size_t valueMax = 64;  // characters of a value in a table
 
-std::string plural(uint64_t n, std::string_view noun) {
-  return fmt::format("{} {}{}", n, noun, n == 1 ? "" : "s");
-}
 std::string loud(const PrintOptions& o, std::string_view text) {
   return o.colour ? fmt::format("\x1b[1;31m  !! {}\x1b[0m\n", text)
                   : fmt::format("  !! {}\n", text);
 }
+/// Empty for a code point without a name.
+std::string_view dscpName(int dscp) {
+  // https://www.iana.org/assignments/dscp-registry
+  static constexpr std::pair<int, std::string_view> names[] = {
+      {0, "CS0"},   {1, "LE"},           {8, "CS1"},   {10, "AF11"}, {12, "AF12"}, {14, "AF13"},
+      {16, "CS2"},  {18, "AF21"},        {20, "AF22"}, {22, "AF23"}, {24, "CS3"},  {26, "AF31"},
+      {28, "AF32"}, {30, "AF33"},        {32, "CS4"},  {34, "AF41"}, {36, "AF42"}, {38, "AF43"},
+      {40, "CS5"},  {44, "VOICE-ADMIT"}, {46, "EF"},   {48, "CS6"},  {56, "CS7"}};
+  const auto it = std::ranges::find(names, dscp, &std::pair<int, std::string_view>::first);
+  return it == std::end(names) ? "" : it->second;
+}
 std::string tosText(uint8_t tos) {
   const uint8_t dscp = tos >> 2;
   std::string out = fmt::format("DSCP {}", dscp);
-  if (!dscpName(dscp).empty()) out += fmt::format(" ({})", dscpName(dscp));
+  if (const auto name = dscpName(dscp); !name.empty()) out += fmt::format(" ({})", name);
   if (tos & 3) out += fmt::format(", ECN {}", tos & 3);
   return out;
 }
@@ -167,70 +177,6 @@ Json valueJson(const Value& v) {
   if (const auto x = v.floatValue(); x && std::isfinite(*x)) return *x;
   if (const auto s = v.stringValue()) return std::string(*s);
   return v.text();
-}
-
-std::string_view dscpName(uint8_t dscp) {
-  // https://www.iana.org/assignments/dscp-registry
-  switch (dscp) {
-    case 0:
-      return "CS0";
-    case 1:
-      return "LE";
-    case 8:
-      return "CS1";
-    case 10:
-      return "AF11";
-    case 12:
-      return "AF12";
-    case 14:
-      return "AF13";
-    case 16:
-      return "CS2";
-    case 18:
-      return "AF21";
-    case 20:
-      return "AF22";
-    case 22:
-      return "AF23";
-    case 24:
-      return "CS3";
-    case 26:
-      return "AF31";
-    case 28:
-      return "AF32";
-    case 30:
-      return "AF33";
-    case 32:
-      return "CS4";
-    case 34:
-      return "AF41";
-    case 36:
-      return "AF42";
-    case 38:
-      return "AF43";
-    case 40:
-      return "CS5";
-    case 44:
-      return "VOICE-ADMIT";
-    case 46:
-      return "EF";
-    case 48:
-      return "CS6";
-    case 56:
-      return "CS7";
-    default:
-      return "";
-  }
-}
-
-std::string utcText(double seconds) {
-  const double whole = std::floor(seconds);
-  return fmt::format("{:%Y-%m-%d %H:%M:%S}.{:03}Z", fmt::gmtime(static_cast<std::time_t>(whole)),
-                     static_cast<int>((seconds - whole) * 1000));
-}
-
-std::string jsonLine(const Json& value) {
-  return value.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
 }
 
 std::string messageText(const Datagram& from, const Message& m, const PrintOptions& options) {

@@ -2,6 +2,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "cli/Text.h"
 #include "cli/UdpReceiver.h"
 #include "cli/decoder/Decoder.h"
 
@@ -33,12 +34,5 @@ bool flawless(const decoder::Decoder& decoder);
 
 /// A value for programs: a number or a string where its type has one, else its text.
 nlohmann::ordered_json valueJson(const decoder::Value& value);
-
-/// "EF", "CS6", "AF41"; empty for a code point without a name.
-std::string_view dscpName(uint8_t dscp);
-/// 2025-11-21 11:44:03.123Z
-std::string utcText(double seconds);
-/// One line of JSON; octets that are no UTF-8 become replacement characters.
-std::string jsonLine(const nlohmann::ordered_json& value);
 
 }  // namespace cli

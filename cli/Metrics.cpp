@@ -10,8 +10,9 @@
 
 #include "cli/MetricsServer.h"
 #include "cli/Output.h"
+#include "cli/Quoted.h"
 #include "cli/Signals.h"
-#include "cli/decoder/Decoder.h"
+#include "cli/Text.h"
 #include "platform/UdpPam.h"
 #include "platform/linux/Fd.h"
 
@@ -24,7 +25,7 @@ using Tarn::Ipfix::CollectorStatisticsEntry;
 /// Whatever a name holds, what comes out is UTF-8 in which both formats see one label value:
 /// another octet would cost the whole scrape.
 std::string labelValue(std::string_view text) {
-  const std::string q = decoder::quoted(text);
+  const std::string q = quoted(text);
   std::string out;
   for (size_t i = 1; i + 1 < q.size(); ++i) {
     out += q[i];

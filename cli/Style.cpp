@@ -5,8 +5,6 @@
 
 #include <cstdlib>
 
-#include "cli/decoder/Decoder.h"
-
 namespace cli {
 
 Style Style::ofOutput() {
@@ -16,11 +14,6 @@ Style Style::ofOutput() {
 
 std::string Style::in(std::string_view code, std::string_view text) const {
   return colour_ ? fmt::format("\x1b[{}m{}\x1b[0m", code, text) : std::string(text);
-}
-
-std::string shown(std::string_view text) {
-  std::string quoted = decoder::quoted(text);
-  return quoted.size() == text.size() + 2 ? std::string(text) : quoted;
 }
 
 }  // namespace cli

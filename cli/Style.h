@@ -24,7 +24,4 @@ class Style {
   bool colour_;
 };
 
-/// Text from outside, fit for one line of a terminal: as it is, or in quotes with escapes.
-std::string shown(std::string_view text);
-
 }  // namespace cli

@@ -1,6 +1,5 @@
 #pragma once
-#include <chrono>
-
+#include "cli/Text.h"
 #include "platform/Platform.h"
 
 namespace cli {
@@ -17,10 +16,7 @@ class ToolPlatform final : public platform::Platform {
 
  private:
   struct SystemClock : platform::Clock {
-    double now() const override {
-      return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
-          .count();
-    }
+    double now() const override { return utcNow(); }
   };
   struct NoTrace : platform::TraceSink {
     bool enabled(int) const override { return false; }

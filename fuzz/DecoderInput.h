@@ -1,6 +1,7 @@
 #pragma once
 #include <algorithm>
 
+#include "cli/Quoted.h"
 #include "cli/decoder/Decoder.h"
 #include "platform/Assert.h"
 
@@ -17,7 +18,7 @@ inline void checkDecoded(const Message& m, const Decoder& decoder, const Limits&
         TARN_ASSERT(v.octets.data() >= begin + set.offset + 4);
         TARN_ASSERT(v.octets.data() + v.octets.size() <= begin + m.octets.size());
         const std::string text = v.text();
-        TARN_ASSERT(validUtf8(text));
+        TARN_ASSERT(cli::validUtf8(text));
         TARN_ASSERT(std::ranges::none_of(text, [](unsigned char c) { return c < 32 || c == 127; }));
       }
   }

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "cli/Quoted.h"
+
 namespace decoder {
 namespace {
 
@@ -42,38 +44,16 @@ bool Template::variable() const {
 std::string Fault::stringValue() const { return cat("at octet ", offset, ": ", text); }
 
 std::string_view changeName(TemplateRecord::Change change) {
-  switch (change) {
-    case TemplateRecord::Change::added:
-      return "new";
-    case TemplateRecord::Change::repeated:
-      return "repeated";
-    case TemplateRecord::Change::redefined:
-      return "redefined";
-    case TemplateRecord::Change::withdrawn:
-      return "withdrawn";
-    case TemplateRecord::Change::withdrawnAll:
-      return "all withdrawn";
-    case TemplateRecord::Change::refused:
-      return "not kept";
-  }
-  return "";
+  static constexpr std::string_view names[] = {"new",       "repeated",      "redefined",
+                                               "withdrawn", "all withdrawn", "not kept"};
+  static_assert(std::size(names) == static_cast<size_t>(TemplateRecord::Change::refused) + 1);
+  return names[static_cast<size_t>(change)];
 }
 std::string_view sequenceStateName(SequenceCheck::State state) {
-  switch (state) {
-    case SequenceCheck::State::first:
-      return "first";
-    case SequenceCheck::State::ok:
-      return "ok";
-    case SequenceCheck::State::unchecked:
-      return "unchecked";
-    case SequenceCheck::State::missing:
-      return "missing";
-    case SequenceCheck::State::late:
-      return "late";
-    case SequenceCheck::State::back:
-      return "back";
-  }
-  return "";
+  static constexpr std::string_view names[] = {"first",   "ok",   "unchecked",
+                                               "missing", "late", "back"};
+  static_assert(std::size(names) == static_cast<size_t>(SequenceCheck::State::back) + 1);
+  return names[static_cast<size_t>(state)];
 }
 std::string SequenceCheck::stringValue(uint32_t sequence) const {
   std::string numbers = cat("sequence ", sequence, ", expected ", expected, ": ");
@@ -327,7 +307,7 @@ class Decoder::Parser {
     }
     if (len > end - at) fail(at, cat(f.name(), " has ", octetCount(len), isLeft(end - at)));
     const Value v{&f, std::span(m_.octets).subspan(at, len)};
-    if (f.element && f.element->type == Type::string && !validUtf8(*v.stringValue()))
+    if (f.element && f.element->type == Type::string && !cli::validUtf8(*v.stringValue()))
       warn(at, cat(f.name(), " is not valid UTF-8: ", v.text()));
     set.values.push_back(v);
     return at + len;

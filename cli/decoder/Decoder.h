@@ -232,9 +232,4 @@ class Decoder {
   uint64_t evicted_ = 0;
 };
 
-/// `text` in double quotes; quotes, backslashes, control and direction characters and what is not
-/// UTF-8 escaped (\" \\ \xNN).
-std::string quoted(std::string_view text);
-bool validUtf8(std::string_view text);
-
 }  // namespace decoder
