@@ -7,14 +7,11 @@
 namespace cli {
 namespace {
 using Octets = std::span<const uint8_t>;
-using platform::LinkLayer;
 
-// https://www.iana.org/assignments/ieee-802-numbers and /protocol-numbers
-constexpr uint16_t etherIpv4 = 0x0800, etherIpv6 = 0x86dd, etherVlan = 0x8100,
-                   etherServiceVlan = 0x88a8, etherOldServiceVlan = 0x9100;
+// https://www.iana.org/assignments/protocol-numbers
 constexpr uint8_t hopByHop = 0, udp = 17, routing = 43, fragment = 44, authentication = 51,
                   destinationOptions = 60;
-constexpr int nestedMax = 16;
+constexpr int extensionsMax = 16;
 
 uint16_t u16(Octets o, size_t at) { return static_cast<uint16_t>(o[at] << 8 | o[at + 1]); }
 
@@ -22,40 +19,6 @@ std::string addressText(int family, const uint8_t* octets) {
   std::array<char, INET6_ADDRSTRLEN> text{};
   inet_ntop(family, octets, text.data(), text.size());
   return text.data();
-}
-
-/// The IP packet behind the link layer; empty when it is another protocol's.
-Octets ipPacket(LinkLayer link, Octets o) {
-  size_t type = 0;  // where the Ethernet type stands
-  size_t headerLen = 0;
-  switch (link) {
-    case LinkLayer::raw:
-      return o;
-    case LinkLayer::ethernet:
-      type = 12;
-      headerLen = 14;
-      break;
-    case LinkLayer::linuxSll:
-      type = 14;
-      headerLen = 16;
-      break;
-    case LinkLayer::linuxSll2:
-      type = 0;
-      headerLen = 20;
-      break;
-  }
-  if (o.size() < headerLen) return {};
-  uint16_t protocol = u16(o, type);
-  o = o.subspan(headerLen);
-  for (int n = 0; n < nestedMax; ++n) {
-    if (protocol == etherIpv4 || protocol == etherIpv6) return o;
-    const bool vlan =
-        protocol == etherVlan || protocol == etherServiceVlan || protocol == etherOldServiceVlan;
-    if (!vlan || o.size() < 4) return {};
-    protocol = u16(o, 2);
-    o = o.subspan(4);
-  }
-  return {};
 }
 
 struct IpPayload {
@@ -98,7 +61,7 @@ std::optional<IpPayload> udpIn6(Octets o, DatagramCounts& counts) {
   p.destination = addressText(AF_INET6, &o[24]);
   uint8_t next = o[6];
   o = o.first(std::min(o.size(), totalLen)).subspan(40);
-  for (int n = 0; n < nestedMax; ++n) {
+  for (int n = 0; n < extensionsMax; ++n) {
     if (next == udp) {
       p.octets = o;
       return p;
@@ -122,8 +85,11 @@ std::optional<IpPayload> udpIn6(Octets o, DatagramCounts& counts) {
 
 std::optional<Datagram> datagramIn(const platform::Packet& packet, DatagramCounts& counts) {
   ++counts.packets;
-  const Octets o = ipPacket(packet.link, {packet.octets, packet.capLen});
-  if (o.empty()) return std::nullopt;
+  const auto network = platform::networkLayer(packet);
+  if (packet.capLen <= network.at || (network.etherType != platform::etherTypeIpv4 &&
+                                      network.etherType != platform::etherTypeIpv6))
+    return std::nullopt;
+  const Octets o = Octets(packet.octets, packet.capLen).subspan(network.at);
   const int version = o[0] >> 4;
   const auto ip = version == 4   ? udpIn4(o, counts)
                   : version == 6 ? udpIn6(o, counts)

@@ -22,15 +22,8 @@ enum Protocol : uint8_t {
   hip = 139,
   shim6 = 140
 };
-constexpr uint16_t etherIp4 = 0x0800;
-constexpr uint16_t etherIp6 = 0x86dd;
-// Beyond these the packet is an attack or noise; hosts give up much earlier.
-constexpr int tagsMax = 8;
+// Beyond this the packet is an attack or noise; hosts give up much earlier.
 constexpr int extensionsMax = 16;
-
-bool isTag(uint16_t etherType) {
-  return etherType == 0x8100 || etherType == 0x88a8 || etherType == 0x9100;
-}
 
 bool isExtension(uint8_t nextHeader) {
   switch (nextHeader) {
@@ -52,6 +45,9 @@ bool isExtension(uint8_t nextHeader) {
 ParseError lacking(const Packet& p, size_t end) {
   return end > p.wireLen ? ParseError::malformed : ParseError::truncated;
 }
+
+/// What the wire has from `at` on, padding included.
+size_t roomAt(const Packet& p, size_t at) { return p.wireLen > at ? p.wireLen - at : 0; }
 
 uint16_t be16(const uint8_t* o) { return static_cast<uint16_t>(o[0] << 8 | o[1]); }
 
@@ -89,74 +85,24 @@ ParseError parseTransport(const Packet& p, size_t at, size_t end, FlowClass& flo
 }  // namespace
 
 std::string_view toText(ParseError e) {
-  switch (e) {
-    case ParseError::none:
-      return "none";
-    case ParseError::notIp:
-      return "notIp";
-    case ParseError::truncated:
-      return "truncated";
-    case ParseError::malformed:
-      return "malformed";
-  }
-  return "?";
+  static constexpr std::string_view names[parseErrors] = {"none", "notIp", "truncated",
+                                                          "malformed"};
+  return names[static_cast<size_t>(e)];
 }
 
-struct PacketParser::Place {
-  size_t at;  // where it begins; not beyond the captured octets
-  uint16_t vlanId;
-  // What the wire has from there on, padding included.
-  size_t room(const Packet& p) const { return p.wireLen > at ? p.wireLen - at : 0; }
-};
-
 ParseError PacketParser::parseAny(const Packet& p, Parsed& out) {
-  Place ip{0, 0};
-  uint16_t etherType = 0;
-  size_t etherTypeAt = 0;
-  switch (p.link) {
-    case LinkLayer::ethernet:
-      ip.at = 14;
-      etherTypeAt = 12;
-      break;
-    case LinkLayer::linuxSll:
-      ip.at = 16;
-      etherTypeAt = 14;
-      break;
-    case LinkLayer::linuxSll2:
-      ip.at = 20;
-      etherTypeAt = 0;
-      break;
-    case LinkLayer::raw:
-      if (p.capLen < 1) return lacking(p, 1);
-      // Only the version tells what it is. Tunnels carry other protocols, too.
-      if (p.octets[0] >> 4 == 4) etherType = etherIp4;
-      if (p.octets[0] >> 4 == 6) etherType = etherIp6;
-      break;
-  }
-  if (ip.at > 0) {
-    if (p.capLen < ip.at) return lacking(p, ip.at);
-    etherType = load16(p.octets + etherTypeAt);
-  }
-  bool tagged = p.hasVlan;
-  if (tagged) ip.vlanId = p.vlanTci & 0xfff;
-  for (int tags = 0; isTag(etherType); ++tags) {
-    if (tags == tagsMax) return ParseError::notIp;
-    if (p.capLen - ip.at < 4) return lacking(p, ip.at + 4);
-    if (!tagged) ip.vlanId = load16(p.octets + ip.at) & 0xfff;
-    tagged = true;
-    etherType = load16(p.octets + ip.at + 2);
-    ip.at += 4;
-  }
-  if (etherType == etherIp4) return parse4(p, ip, out);
-  if (etherType == etherIp6) return parse6(p, ip, out);
+  const NetworkLayer ip = networkLayer(p);
+  if (p.capLen < ip.at) return lacking(p, ip.at);
+  if (ip.etherType == platform::etherTypeIpv4) return parse4(p, ip, out);
+  if (ip.etherType == platform::etherTypeIpv6) return parse6(p, ip, out);
   return ParseError::notIp;
 }
 
-ParseError PacketParser::parse4(const Packet& p, Place ip, Parsed& out) {
+ParseError PacketParser::parse4(const Packet& p, NetworkLayer ip, Parsed& out) {
   if (p.capLen - ip.at < 20) return lacking(p, ip.at + 20);
   const uint8_t* o = p.octets + ip.at;
   const size_t headerLen = size_t{o[0] & 0xfu} * 4;
-  const size_t room = ip.room(p);
+  const size_t room = roomAt(p, ip.at);
   size_t total = load16(o + 2);
   if (total == 0) total = room;
   if (o[0] >> 4 != 4 || headerLen < 20 || total < headerLen || total > room)
@@ -194,13 +140,13 @@ ParseError PacketParser::parse4(const Packet& p, Place ip, Parsed& out) {
   return ParseError::none;
 }
 
-ParseError PacketParser::parse6(const Packet& p, Place ip, Parsed& out) {
+ParseError PacketParser::parse6(const Packet& p, NetworkLayer ip, Parsed& out) {
   constexpr size_t headerLen = 40;
   constexpr size_t payloadMax = 0xffff;
   if (p.capLen - ip.at < headerLen) return lacking(p, ip.at + headerLen);
   const uint8_t* o = p.octets + ip.at;
   const uint32_t head = load32(o);
-  const size_t room = ip.room(p);
+  const size_t room = roomAt(p, ip.at);
   uint8_t next = o[6];
   size_t payload = load16(o + 4);
   if (payload == 0) {

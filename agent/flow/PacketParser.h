@@ -11,6 +11,7 @@
 
 namespace agent::flow {
 using platform::LinkLayer;
+using platform::NetworkLayer;
 using platform::Packet;
 
 /// Why a packet belongs to no flow.
@@ -106,7 +107,6 @@ class PacketParser {
   }
 
  private:
-  struct Place;  // of an IP packet within its frame
   static uint16_t load16(const uint8_t* o) { return static_cast<uint16_t>(o[0] << 8 | o[1]); }
   static uint32_t load32(const uint8_t* o) { return uint32_t{load16(o)} << 16 | load16(o + 2); }
   template <class Key>
@@ -128,8 +128,8 @@ class PacketParser {
   /// closer. Says of these packets what parseAny says.
   static bool parseCommon(const Packet& packet, Parsed& out);
   ParseError parseAny(const Packet& packet, Parsed& out);
-  ParseError parse4(const Packet& packet, Place ip, Parsed& out);
-  ParseError parse6(const Packet& packet, Place ip, Parsed& out);
+  ParseError parse4(const Packet& packet, NetworkLayer ip, Parsed& out);
+  ParseError parse6(const Packet& packet, NetworkLayer ip, Parsed& out);
 
   FragmentTable fragments_;
 };
@@ -147,7 +147,7 @@ inline bool PacketParser::parseCommon(const Packet& p, Parsed& out) {
   const uint8_t* ip = p.octets + link;
   const uint16_t vlan = p.hasVlan ? p.vlanTci & 0xfff : 0;
   const uint16_t type = load16(ip - 2);
-  if (type == 0x0800) {
+  if (type == platform::etherTypeIpv4) {
     const uint32_t total = load16(ip + 2);
     const uint8_t protocol = ip[9];
     if (ip[0] != 0x45 || (load16(ip + 6) & 0x3fff) != 0 || total < 20 + flags ||
@@ -160,7 +160,7 @@ inline bool PacketParser::parseCommon(const Packet& p, Parsed& out) {
     out.flowLabel = 0;
     keyIs(out.key4, ip + 12,
           {load16(transport), load16(transport + 2), protocol, ip[1], vlan, p.interface});
-  } else if (type == 0x86dd) {
+  } else if (type == platform::etherTypeIpv6) {
     const uint32_t head = load32(ip);
     const uint32_t payload = load16(ip + 4);
     const uint8_t protocol = ip[6];
