@@ -33,6 +33,13 @@ std::string collectorAddressProblem(const IpGenAddr& address) {
   return {};
 }
 
+bool isBareKey(std::string_view key) {
+  return !key.empty() && std::all_of(key.begin(), key.end(), [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+           c == '_';
+  });
+}
+
 bool isHostName(std::string_view text) {
   if (text.ends_with('.')) text.remove_suffix(1);
   if (text.empty() || text.size() > 253) return false;
@@ -40,11 +47,7 @@ bool isHostName(std::string_view text) {
   for (size_t at = 0; at <= text.size();) {
     const size_t end = std::min(text.find('.', at), text.size());
     label = text.substr(at, end - at);
-    if (label.empty() || label.size() > 63 || label.front() == '-' || label.back() == '-' ||
-        !std::all_of(label.begin(), label.end(), [](char c) {
-          return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                 c == '-' || c == '_';
-        }))
+    if (!isBareKey(label) || label.size() > 63 || label.front() == '-' || label.back() == '-')
       return false;
     at = end + 1;
   }

@@ -58,6 +58,9 @@ struct Settings {
 
 inline constexpr VrfId vrfIdMax = 0xfffffe;  ///< 0xffffff is exported for "no VRF"
 
+/// Errors of one configuration that are kept, the first ones; the others are counted.
+inline constexpr size_t settingsErrorsMax = 100;
+
 /// How many of each a configuration has, for messages.
 struct SettingsCount {
   size_t trackers = 0;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "agent/Names.h"
 #include "agent/Printable.h"
 
 namespace agent {

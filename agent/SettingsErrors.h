@@ -3,9 +3,10 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
-#include "agent/SettingsFile.h"
+#include "agent/Settings.h"
 #include "agent/Toml.h"
 
 namespace agent {
@@ -13,14 +14,13 @@ namespace agent {
 /// One step of a key's path, as TOML writes it; a long one is cut.
 std::string keyText(std::string_view key);
 
-/// Collects errors with their place in the files, which are read in the order given. Keeps the
+/// Collects errors with their place in the files, in the order in which these are read. Keeps the
 /// first `settingsErrorsMax` of them and counts the others: a file of a million wrong keys would
 /// otherwise cost the agent a gigabyte, and the log a million lines.
 class SettingsErrors {
  public:
-  explicit SettingsErrors(const std::vector<SettingsText>& files) {
-    for (const SettingsText& file : files) files_.push_back(file.name);
-  }
+  /// The next file that is read.
+  void fileIs(std::string name) { files_.push_back(std::move(name)); }
   void add(const toml::source_region& at, std::string text);
   void atKey(const toml::source_region& at, const std::string& path, const std::string& text) {
     add(at, "key '" + path + "': " + text);

@@ -345,9 +345,10 @@ SettingsResult parseSettings(std::string_view toml, const std::string& fileName)
 
 SettingsResult parseSettings(const std::vector<SettingsText>& files) {
   SettingsResult result;
-  SettingsErrors errors(files);
+  SettingsErrors errors;
   toml::table all;
   for (const SettingsText& file : files) {
+    errors.fileIs(file.name);
     const auto path = std::make_shared<const std::string>(file.name);
     if (const auto at = tooDeepKey(file.toml)) {
       errors.add({*at, *at, path}, "a key has at most " + std::to_string(keyDepthMax) + " steps");

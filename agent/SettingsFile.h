@@ -17,8 +17,6 @@ struct SettingsResult {
   std::vector<std::string> errors;
 };
 
-inline constexpr size_t settingsErrorsMax = 100;
-
 /// The largest configuration file that is read, octets.
 inline constexpr size_t settingsFileMax = 16 << 20;
 
@@ -37,8 +35,6 @@ SettingsResult parseSettings(std::string_view toml, const std::string& fileName)
 /// file is an error like others; the directory need not be there. Waits for nobody.
 SettingsResult readSettings(const std::string& fileName);
 
-/// TOML needs no quotes around such a key: letters, digits, '-' and '_'.
-bool isBareKey(std::string_view key);
 /// A time as the configuration writes it: "1500ms", "60s".
 std::string timeText(std::chrono::milliseconds t);
 /// The settings as TOML, every key with its value: read again, it gives equal settings.

@@ -10,6 +10,7 @@
 #include <filesystem>
 
 #include "Ipfix/FlowTrackingTypes.h"
+#include "agent/Names.h"
 #include "agent/Printable.h"
 #include "agent/SettingsFile.h"
 #include "platform/linux/Fd.h"
@@ -61,13 +62,6 @@ std::string readText(const std::string& fileName, std::string& text) {
 std::string timeText(milliseconds t) {
   return t.count() % 1000 == 0 ? std::to_string(t.count() / 1000) + 's'
                                : std::to_string(t.count()) + "ms";
-}
-
-bool isBareKey(std::string_view key) {
-  return !key.empty() && std::all_of(key.begin(), key.end(), [](char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
-           c == '_';
-  });
 }
 
 SettingsResult readSettings(const std::string& fileName) {

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <memory>
 
-#include "cli/MetricsServer.h"
 #include "cli/Output.h"
 #include "cli/Quoted.h"
 #include "cli/Signals.h"

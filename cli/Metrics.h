@@ -4,13 +4,10 @@
 #include <vector>
 
 #include "cli/Counters.h"
+#include "cli/MetricsServer.h"
 #include "platform/FlowPathCounters.h"
 
 namespace cli {
-
-/// Prometheus' text format 0.0.4, and OpenMetrics 1.0, which names the families of counters without
-/// their "_total" and ends in "# EOF".
-enum class MetricsFormat { prometheus, openMetrics };
 
 /// Everything that is known of the agent, by the naming rules of Prometheus. Of an agent that does
 /// not live there is `tarnflow_up 0` and no counter: its last values are nobody's now.
@@ -28,8 +25,5 @@ struct MetricsOptions {
 /// Serves the metrics over HTTP, or writes them into a file, until SIGINT or SIGTERM. The exit
 /// status: 0; 1 when it could not begin, or when a file that is written once could not be.
 int metrics(const MetricsOptions& options);
-
-/// "127.0.0.1:9739", "[::1]:9739"; what is wrong with it, or empty.
-std::string listenError(const std::string& text);
 
 }  // namespace cli

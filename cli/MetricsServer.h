@@ -4,9 +4,14 @@
 #include <memory>
 #include <string>
 
-#include "cli/Metrics.h"
-
 namespace cli {
+
+/// Prometheus' text format 0.0.4, and OpenMetrics 1.0, which names the families of counters without
+/// their "_total" and ends in "# EOF".
+enum class MetricsFormat { prometheus, openMetrics };
+
+/// "127.0.0.1:9739", "[::1]:9739"; what is wrong with it, or empty.
+std::string listenError(const std::string& text);
 
 /// The HTTP server, on the caller's thread. A client costs a slot and what the kernel buffers for
 /// it, never a wait of the others: nothing here blocks, and when all slots are taken, whoever comes
