@@ -4,10 +4,10 @@
 #include <cerrno>
 #include <set>
 
-#include "agent/FlowTemplates.h"
-#include "agent/Printable.h"
-#include "agent/Priorities.h"
-#include "agent/ServiceManager.h"
+#include "agent/host/Printable.h"
+#include "agent/host/Priorities.h"
+#include "agent/host/ServiceManager.h"
+#include "agent/records/FlowTemplates.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/ShmTable.h"
 

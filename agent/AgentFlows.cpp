@@ -5,9 +5,9 @@
 #include <thread>
 
 #include "agent/Agent.h"
-#include "agent/Printable.h"
-#include "agent/Priorities.h"
-#include "agent/ServiceManager.h"
+#include "agent/host/Printable.h"
+#include "agent/host/Priorities.h"
+#include "agent/host/ServiceManager.h"
 #include "platform/UdpPam.h"
 
 namespace agent {

@@ -13,8 +13,8 @@
 #include <unistd.h>
 
 #include "agent/Agent.h"
-#include "agent/Capabilities.h"
-#include "agent/Printable.h"
+#include "agent/host/Capabilities.h"
+#include "agent/host/Printable.h"
 #include "platform/linux/Fd.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "cli/Output.h"
+#include "cli/text/Output.h"
 
 namespace cli {
 

@@ -1,14 +1,14 @@
 #include <CLI/CLI.hpp>
 
 #include "cli/Check.h"
-#include "cli/ControlCommands.h"
-#include "cli/Counters.h"
-#include "cli/Decode.h"
-#include "cli/Flows.h"
-#include "cli/Listen.h"
-#include "cli/Metrics.h"
-#include "cli/Output.h"
 #include "cli/ToolPlatform.h"
+#include "cli/control/ControlCommands.h"
+#include "cli/counters/Counters.h"
+#include "cli/counters/Flows.h"
+#include "cli/counters/Metrics.h"
+#include "cli/text/Output.h"
+#include "cli/wire/Decode.h"
+#include "cli/wire/Listen.h"
 #include "platform/linux/Fd.h"
 
 int main(int argc, char** argv) {

@@ -1,5 +1,5 @@
 #pragma once
-#include "cli/Text.h"
+#include "cli/text/Text.h"
 #include "platform/Platform.h"
 
 namespace cli {

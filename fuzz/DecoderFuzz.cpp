@@ -1,7 +1,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "cli/MessagePrinter.h"
+#include "cli/wire/MessagePrinter.h"
 #include "fuzz/DecoderInput.h"
 
 // The input is datagrams one after the other, each behind one octet that picks the stream and two

@@ -1,8 +1,8 @@
 #pragma once
 #include <algorithm>
 
-#include "cli/Quoted.h"
-#include "cli/decoder/Decoder.h"
+#include "cli/text/Quoted.h"
+#include "cli/wire/decoder/Decoder.h"
 #include "platform/Assert.h"
 
 namespace decoder {

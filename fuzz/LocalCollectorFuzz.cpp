@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "agent/LocalCollectorDecoder.h"
+#include "agent/device/LocalCollectorDecoder.h"
 #include "platform/Platform.h"
 #include "platform/sim/SimPlatform.h"
 

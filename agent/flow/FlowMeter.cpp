@@ -2,7 +2,7 @@
 
 #include <chrono>
 
-#include "agent/Thread.h"
+#include "agent/host/Thread.h"
 
 namespace agent::flow {
 namespace {

@@ -9,9 +9,9 @@
 #include <system_error>
 #include <utility>
 
-#include "agent/FlowTemplates.h"
-#include "agent/Printable.h"
 #include "agent/flow/CaptureMeter.h"
+#include "agent/host/Printable.h"
+#include "agent/records/FlowTemplates.h"
 #include "platform/Platform.h"
 #include "platform/linux/Netns.h"
 

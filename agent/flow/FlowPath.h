@@ -7,12 +7,12 @@
 #include <vector>
 
 #include "Ipfix/FlowTrackingTypes.h"
-#include "agent/AgentLog.h"
-#include "agent/FlowExport.h"
-#include "agent/Network.h"
-#include "agent/Settings.h"
 #include "agent/flow/FileMeter.h"
 #include "agent/flow/FlowCaptures.h"
+#include "agent/host/AgentLog.h"
+#include "agent/network/Network.h"
+#include "agent/records/FlowExport.h"
+#include "agent/settings/Settings.h"
 #include "platform/FlowPathCounters.h"
 #include "platform/SharedTable.h"
 #include "platform/Vrf.h"

@@ -7,7 +7,7 @@
 
 namespace agent::flow {
 
-/// Octets of a flow's record in the layout of its template (agent/FlowTemplates.h).
+/// Octets of a flow's record in the layout of its template (agent/records/FlowTemplates.h).
 inline constexpr size_t flowRecordLen4 = 63;
 inline constexpr size_t flowRecordLen6 = 91;
 

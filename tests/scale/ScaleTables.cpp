@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "bench/Tree.h"
-#include "cli/decoder/Decoder.h"
+#include "cli/wire/decoder/Decoder.h"
 
 using namespace platform;
 using namespace FlowTracking;

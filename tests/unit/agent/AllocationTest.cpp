@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "agent/FlowExport.h"
+#include "agent/records/FlowExport.h"
 #include "bench/Tree.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "agent/ControlSocket.h"
+#include "agent/control/ControlSocket.h"
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -12,8 +12,8 @@
 #include <tuple>
 
 #include "World.h"
-#include "agent/CollectorStates.h"
-#include "agent/ControlRequests.h"
+#include "agent/control/ControlRequests.h"
+#include "agent/exports/CollectorStates.h"
 
 namespace agent {
 namespace {

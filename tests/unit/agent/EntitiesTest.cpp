@@ -1,12 +1,12 @@
-#include "agent/Entities.h"
+#include "agent/exports/Entities.h"
 
 #include <net/if.h>
 
 #include <set>
 
 #include "RandomSettings.h"
-#include "agent/SettingsFile.h"
-#include "agent/StateTree.h"
+#include "agent/control/StateTree.h"
+#include "agent/settings/SettingsFile.h"
 #include "tests/unit/ipfix/Tree.h"
 
 namespace agent {

@@ -3,9 +3,9 @@
 #include <set>
 
 #include "World.h"
-#include "agent/InterfaceIndexes.h"
-#include "agent/Networks.h"
-#include "agent/VrfIds.h"
+#include "agent/exports/InterfaceIndexes.h"
+#include "agent/exports/VrfIds.h"
+#include "agent/network/Networks.h"
 
 namespace agent {
 namespace {

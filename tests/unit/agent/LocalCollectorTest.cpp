@@ -1,10 +1,10 @@
 // What devices send to the local collector, and what of it is passed on.
-#include "agent/LocalCollector.h"
+#include "agent/device/LocalCollector.h"
 
 #include <bit>
 #include <set>
 
-#include "agent/FlowExport.h"
+#include "agent/records/FlowExport.h"
 #include "tests/unit/agent/World.h"
 #include "tests/unit/ipfix/Tree.h"
 

@@ -1,4 +1,4 @@
-#include "agent/Network.h"
+#include "agent/network/Network.h"
 
 #include <libmnl/libmnl.h>
 #include <linux/if_addr.h>
@@ -10,7 +10,7 @@
 #include <sstream>
 
 #include "World.h"
-#include "agent/Networks.h"
+#include "agent/network/Networks.h"
 #include "platform/UdpPam.h"
 
 namespace agent {

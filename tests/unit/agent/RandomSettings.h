@@ -3,7 +3,7 @@
 #include <string>
 
 #include "World.h"
-#include "agent/Settings.h"
+#include "agent/settings/Settings.h"
 
 namespace agent {
 

@@ -1,4 +1,4 @@
-#include "agent/Resolver.h"
+#include "agent/network/Resolver.h"
 
 #include <fcntl.h>
 #include <netinet/in.h>

@@ -1,4 +1,4 @@
-#include "agent/SettingsFile.h"
+#include "agent/settings/SettingsFile.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,7 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <regex>
 
-#include "agent/Printable.h"
+#include "agent/host/Printable.h"
 #include "bench/Tree.h"
 #include "tests/unit/agent/RandomSettings.h"
 

@@ -1,4 +1,4 @@
-#include "agent/StateTree.h"
+#include "agent/control/StateTree.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <set>
 
 #include "Ipfix/FlowTrackingTypes.h"
-#include "agent/Network.h"
+#include "agent/network/Network.h"
 #include "platform/HwFlowTracking.h"
 
 namespace agent {

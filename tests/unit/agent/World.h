@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "agent/AgentLog.h"
+#include "agent/host/AgentLog.h"
 #include "platform/linux/EventLoop.h"
 #include "tests/support/Net.h"
 #include "tests/support/Random.h"

@@ -1,4 +1,4 @@
-#include "cli/decoder/Decoder.h"
+#include "cli/wire/decoder/Decoder.h"
 
 #include <gtest/gtest.h>
 
@@ -7,8 +7,8 @@
 #include <sstream>
 #include <utility>
 
-#include "cli/Elements.h"
 #include "cli/ToolPlatform.h"
+#include "cli/wire/Elements.h"
 #include "fuzz/DecoderInput.h"
 #include "tests/support/Random.h"
 #include "tests/unit/cli/Octets.h"

@@ -4,7 +4,7 @@
 #include <string_view>
 #include <vector>
 
-#include "cli/decoder/Decoder.h"
+#include "cli/wire/decoder/Decoder.h"
 
 namespace decoder {
 

@@ -2,10 +2,10 @@
 
 #include <cerrno>
 
-#include "cli/Counters.h"
-#include "cli/MessagePrinter.h"
-#include "cli/Metrics.h"
-#include "cli/OptionsTables.h"
+#include "cli/counters/Counters.h"
+#include "cli/counters/Metrics.h"
+#include "cli/wire/MessagePrinter.h"
+#include "cli/wire/OptionsTables.h"
 #include "tests/unit/cli/Octets.h"
 
 namespace cli {

@@ -10,7 +10,7 @@
 #include <optional>
 
 #include "Ipfix/Ipfix.h"
-#include "agent/FlowTemplates.h"
+#include "agent/records/FlowTemplates.h"
 #include "platform/sim/SimPlatform.h"
 #include "tests/unit/agent/World.h"
 

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "Tree.h"
-#include "cli/decoder/Decoder.h"
+#include "cli/wire/decoder/Decoder.h"
 
 /// A collector of the tests: decodes what arrives and keeps each sender's tables as it was told
 /// them.

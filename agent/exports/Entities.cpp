@@ -1,0 +1,432 @@
+#include "agent/exports/Entities.h"
+
+#include <algorithm>
+#include <optional>
+#include <tuple>
+#include <vector>
+
+#include "agent/host/Printable.h"
+#include "agent/records/FlowTemplates.h"
+
+namespace agent {
+using HwFlowTracking::ExporterConfig;
+using HwFlowTracking::FtConfig;
+using HwFlowTracking::FtStatus;
+
+namespace {
+std::string describe(const char* noun, const Changes::Count& n) {
+  std::string out;
+  const auto add = [&](size_t k, const char* verb) {
+    if (k == 0) return;
+    out += (out.empty() ? std::string(noun) + ": " : std::string(", ")) + std::to_string(k) + ' ' +
+           verb;
+  };
+  add(n.added, "added");
+  add(n.removed, "removed");
+  add(n.changed, "changed");
+  return out;
+}
+
+uint32_t ms(std::chrono::milliseconds t) { return static_cast<uint32_t>(t.count()); }
+
+/// Writes a collector into its family's map, and then removes it from the other's: one that moves
+/// between the families is never absent.
+void setCollector(ExporterConfig& config, const std::string& name, const CollectorSettings& c) {
+  if (c.address.family() == IpGenAddr::Family::none) {
+    config.collectorIpAndPortDel(name);
+    config.collectorIp6AndPortDel(name);
+  } else if (c.address.isIpv4()) {
+    config.collectorIpAndPortIs(name, IpAndPort{c.address.ipAddr(), c.port});
+    config.collectorIp6AndPortDel(name);
+  } else {
+    config.collectorIp6AndPortIs(name, Ip6AndPort{c.address.ip6Addr(), c.port});
+    config.collectorIpAndPortDel(name);
+  }
+}
+void delCollector(ExporterConfig& config, const std::string& name) {
+  config.collectorIpAndPortDel(name);
+  config.collectorIp6AndPortDel(name);
+}
+
+using Collectors = std::map<std::string, CollectorSettings>;
+using Destination = std::pair<IpGenAddr, uint16_t>;
+Destination destinationOf(const CollectorSettings& c) { return {c.address, c.port}; }
+
+/// The collectors of both with another destination, each after the one that leaves the
+/// destination it takes; in a ring the first does not wait.
+std::vector<std::string> changedInOrder(const Collectors& running, const Collectors& wanted) {
+  std::map<Destination, std::string> holder;  // only of those that will leave it
+  std::vector<std::string> changed;
+  for (const auto& [name, c] : wanted) {
+    auto it = running.find(name);
+    if (it == running.end() || it->second == c) continue;
+    changed.push_back(name);
+    holder.emplace(destinationOf(it->second), name);
+  }
+  std::vector<std::string> order;
+  std::set<std::string> seen;
+  for (const std::string& first : changed) {
+    std::vector<std::string> waiting;
+    const std::string* next = &first;
+    while (next && seen.insert(*next).second) {
+      waiting.push_back(*next);
+      auto it = holder.find(destinationOf(wanted.at(*next)));
+      next = it == holder.end() ? nullptr : &it->second;
+    }
+    order.insert(order.end(), waiting.rbegin(), waiting.rend());
+  }
+  return order;
+}
+
+bool hasHosts(const Settings& settings) {
+  for (const auto& [trackerName, tracker] : settings.trackers)
+    for (const auto& [name, exporter] : tracker.exporters)
+      for (const auto& [collectorName, c] : exporter.collectors)
+        if (!c.host.empty()) return true;
+  return false;
+}
+
+/// Names as the log shows them together.
+std::string collectorText(const std::string& tracker, const std::string& exporter,
+                          const std::string& collector) {
+  return "collector " + printable(collector) + " of exporter " + printable(exporter) +
+         " of tracker " + printable(tracker);
+}
+
+}  // namespace
+
+/// Hears that an exporter's sources change.
+class Entities::Sources final : public ExporterConfig::Watcher {
+ public:
+  Sources(Ptr<const ExporterConfig> config, const std::function<void()>& changed)
+      : Watcher(std::move(config)), changed_(changed) {}
+  void handleSrcIpAddr() override { changed_(); }
+  void handleSrcIp6Addr() override { changed_(); }
+
+ private:
+  const std::function<void()>& changed_;
+};
+
+std::string describe(const Changes& changes) {
+  std::string out;
+  for (const std::string& part :
+       {describe("trackers", changes.trackers), describe("exporters", changes.exporters),
+        describe("collectors", changes.collectors)}) {
+    if (part.empty()) continue;
+    if (!out.empty()) out += "; ";
+    out += part;
+  }
+  return out.empty() ? "nothing changed" : out;
+}
+
+struct Entities::Exporter {
+  ExporterSettings settings;
+  Ptr<ExporterConfig> config;
+  std::unique_ptr<ExporterSide> side;
+  std::unique_ptr<Sources> sources;  // where a collector is given by its host
+};
+
+struct Entities::Tracker {
+  TrackerSettings settings;
+  Ptr<FtConfig> config;
+  Ptr<FtStatus> status;
+  std::map<std::string, Exporter> exporters;
+};
+
+Entities::Entities(SourceFinder::NetworkOf networkOf, Ptr<Ipfix::ElementIdColl> registry,
+                   AgentLog& log, std::function<void()> readiness, Hosts hosts)
+    : finder_(std::move(networkOf)),
+      registry_(std::move(registry)),
+      log_(log),
+      readiness_(std::move(readiness)),
+      hosts_(std::move(hosts)) {}
+Entities::~Entities() = default;
+
+Entities::Tree& Entities::tree(FlowTrackingType type) {
+  Tree& t = trees_[type];
+  if (!t.config) t = {HwFlowTracking::configFactory(), HwFlowTracking::statusFactory()};
+  return t;
+}
+
+Changes Entities::apply(const Settings& settings) {
+  const Changes changes = applyPlaced(placed(settings));
+  settings_ = settings;
+  addressesAre();  // exporters that are new have their sources only now
+  return changes;
+}
+
+void Entities::addressesAre() {
+  // Also where none has an address now: it may have had one.
+  if (hasHosts(settings_)) applyPlaced(placed(settings_));
+}
+
+Settings Entities::placed(const Settings& settings) {
+  Settings out = settings;
+  std::map<std::string, std::string> told = std::exchange(toldPlace_, {});
+  for (auto& [trackerName, tracker] : out.trackers)
+    for (auto& [name, exporter] : tracker.exporters) place(trackerName, name, exporter, told);
+  return out;
+}
+
+void Entities::place(const std::string& trackerName, const std::string& name,
+                     ExporterSettings& settings, std::map<std::string, std::string>& told) {
+  std::map<Destination, std::string> taken;
+  bool any = false;
+  for (const auto& [collector, c] : settings.collectors) {
+    any = any || !c.host.empty();
+    if (c.host.empty()) taken.emplace(destinationOf(c), collector);
+  }
+  if (!any || !hosts_.addresses) return;
+  const auto tracker = trackers_.find(trackerName);
+  Exporter* running = nullptr;
+  if (tracker != trackers_.end()) {
+    const auto it = tracker->second->exporters.find(name);
+    if (it != tracker->second->exporters.end()) running = &it->second;
+  }
+  if (!running) return;
+  if (!running->sources && hosts_.later)
+    running->sources = std::make_unique<Sources>(running->config, hosts_.later);
+  const bool has4 = !running->config->srcIpAddr().isZero();
+  const bool has6 = !running->config->srcIp6Addr().isZero();
+  for (auto& [collector, c] : settings.collectors) {
+    if (c.host.empty()) continue;
+    const std::string who = collectorText(trackerName, name, collector);
+    std::string& last = toldPlace_[who] = told[who];
+    const auto now = running->settings.collectors.find(collector);
+    const IpGenAddr current =
+        now != running->settings.collectors.end() && now->second.host == c.host
+            ? now->second.address
+            : IpGenAddr();
+    const auto* const found = hosts_.addresses(c.host);
+    if (!found) continue;
+    const auto usable = [&, port = c.port](const IpGenAddr& a) {
+      return (a.isIpv4() ? has4 : has6) && !taken.contains({a, port});
+    };
+    // Where nothing can be sent from there is no reason to leave an address either.
+    const bool stays = std::find(found->begin(), found->end(), current) != found->end() &&
+                       (usable(current) || !(has4 || has6));
+    const auto first = std::find_if(found->begin(), found->end(), usable);
+    if (stays) {
+      c.address = current;
+    } else if (first != found->end()) {
+      c.address = *first;
+    }
+    std::string text;
+    if (c.address.family() != IpGenAddr::Family::none) {
+      taken.emplace(destinationOf(c), collector);
+      text = c.host + " is " + c.address.stringValue();
+    } else if (has4 || has6) {
+      text = "waits: no address of " + c.host +
+             " is of a family that its exporter sends from and no other collector's";
+    } else {
+      continue;
+    }
+    if (last == text) continue;
+    last = text;
+    log_.say(c.address.family() != IpGenAddr::Family::none ? Severity::info : Severity::warning,
+             who + ": " + text);
+  }
+}
+
+Changes Entities::applyPlaced(Settings wantedSettings) {
+  placed_ = std::move(wantedSettings);
+  const Settings& settings = placed_;
+  Changes changes;
+  for (auto it = trackers_.begin(); it != trackers_.end();) {
+    auto wanted = settings.trackers.find(it->first);
+    if (wanted == settings.trackers.end() || wanted->second.type != it->second->settings.type) {
+      removeTracker(it->first, *it->second, changes);
+      it = trackers_.erase(it);
+    } else {
+      removeFrom(*it->second, wanted->second, changes);
+      ++it;
+    }
+  }
+  for (auto& [name, tracker] : trackers_)
+    change(name, *tracker, settings.trackers.at(name), changes);
+  for (const auto& [name, wanted] : settings.trackers) {
+    if (auto it = trackers_.find(name); it != trackers_.end()) {
+      addExporters(name, *it->second, wanted, changes);
+    } else {
+      addTracker(name, wanted, changes);
+    }
+  }
+  return changes;
+}
+
+void Entities::removeTracker(const std::string& name, Tracker& tracker, Changes& changes) {
+  ++changes.trackers.removed;
+  changes.exporters.removed += tracker.exporters.size();
+  for (const auto& [exporterName, exporter] : tracker.exporters)
+    changes.collectors.removed += exporter.settings.collectors.size();
+  Tree& t = tree(tracker.settings.type);
+  t.status->ftStatusDel(name);
+  t.config->ftConfigDel(name);
+}
+
+void Entities::removeFrom(Tracker& tracker, const TrackerSettings& wanted, Changes& changes) {
+  for (auto it = tracker.exporters.begin(); it != tracker.exporters.end();) {
+    Exporter& exporter = it->second;
+    auto w = wanted.exporters.find(it->first);
+    if (w == wanted.exporters.end()) {
+      ++changes.exporters.removed;
+      changes.collectors.removed += exporter.settings.collectors.size();
+      tracker.config->expConfigDel(it->first);  // its side hears it become unready
+      it = tracker.exporters.erase(it);
+      continue;
+    }
+    auto& collectors = exporter.settings.collectors;
+    for (auto c = collectors.begin(); c != collectors.end();) {
+      if (w->second.collectors.contains(c->first)) {
+        ++c;
+        continue;
+      }
+      ++changes.collectors.removed;
+      delCollector(*exporter.config, c->first);
+      c = collectors.erase(c);
+    }
+    ++it;
+  }
+}
+
+void Entities::change(const std::string& name, Tracker& tracker, const TrackerSettings& wanted,
+                      Changes& changes) {
+  TrackerSettings& now = tracker.settings;
+  const auto own = [](const TrackerSettings& t) {
+    return std::tie(t.id, t.interfaces, t.sampleRate, t.activeInterval, t.inactiveTimeout,
+                    t.localPort, t.maxFlows);
+  };
+  if (own(now) != own(wanted)) ++changes.trackers.changed;
+  if (now.id != wanted.id) {
+    replaceTracker(name, tracker, wanted, changes);
+    return;
+  }
+  tracker.config->activeIntervalIs(ms(wanted.activeInterval));
+  tracker.config->localPortIs(wanted.localPort);
+  tracker.status->activeIntervalIs(wanted.activeInterval);
+  tracker.status->inactiveTimeoutIs(wanted.inactiveTimeout);
+  tracker.status->sampleRateIs(wanted.sampleRate);
+  for (auto& [exporterName, exporter] : tracker.exporters)
+    changeExporter(exporter, wanted.exporters.at(exporterName), changes);
+  now = wanted;
+}
+
+void Entities::changeExporter(Exporter& exporter, const ExporterSettings& wanted,
+                              Changes& changes) {
+  ExporterSettings& now = exporter.settings;
+  const auto own = [](const ExporterSettings& e) {
+    return std::tie(e.vrf, e.localInterface, e.dscp, e.mtu, e.templateInterval, e.rateLimit.unit,
+                    e.rateLimit.perSecond);
+  };
+  if (own(now) != own(wanted)) ++changes.exporters.changed;
+  ExporterConfig& config = *exporter.config;
+  // What marks and bounds packets comes before what makes them leave.
+  config.dscpIs(wanted.dscp);
+  config.ipfixMtuIs(wanted.mtu);
+  config.rateLimitIs(wanted.rateLimit);
+  if (now.vrf != wanted.vrf || now.localInterface != wanted.localInterface)
+    exporter.side->placeIs(wanted.vrf, wanted.localInterface);
+  for (const std::string& name : changedInOrder(now.collectors, wanted.collectors)) {
+    ++changes.collectors.changed;
+    const CollectorSettings& c = wanted.collectors.at(name);
+    if (!c.host.empty()) delCollector(config, name);  // a new session
+    setCollector(config, name, c);
+  }
+  for (const auto& [name, c] : wanted.collectors) {
+    if (now.collectors.contains(name)) continue;
+    ++changes.collectors.added;
+    setCollector(config, name, c);
+  }
+  config.templateIntervalIs(ms(wanted.templateInterval));
+  now = wanted;
+}
+
+/// The id is the identity that collectors know a tracker by, and fixed in its entity.
+void Entities::replaceTracker(const std::string& name, Tracker& tracker,
+                              const TrackerSettings& wanted, Changes& changes) {
+  // Exporters that stay are not counted as added: the tracker is counted as changed.
+  Tracker fresh;
+  fresh.settings = wanted;
+  fresh.status = tracker.status;
+  fresh.config = HwFlowTracking::ftConfigFactory(name, wanted.id);
+  fresh.config->activeIntervalIs(ms(wanted.activeInterval));
+  fresh.config->localPortIs(wanted.localPort);
+  Changes inside;
+  addExporters(name, fresh, wanted, inside);
+  for (const auto& [exporterName, exporter] : wanted.exporters) {
+    auto old = tracker.exporters.find(exporterName);
+    if (old == tracker.exporters.end()) {
+      ++changes.exporters.added;
+      changes.collectors.added += exporter.collectors.size();
+      continue;
+    }
+    const auto& collectors = old->second.settings.collectors;
+    for (const auto& [collectorName, c] : exporter.collectors) {
+      auto it = collectors.find(collectorName);
+      if (it == collectors.end()) {
+        ++changes.collectors.added;
+      } else if (it->second != c) {
+        ++changes.collectors.changed;
+      }
+    }
+  }
+  fresh.status->activeIntervalIs(wanted.activeInterval);
+  fresh.status->inactiveTimeoutIs(wanted.inactiveTimeout);
+  fresh.status->sampleRateIs(wanted.sampleRate);
+  tree(wanted.type).config->ftConfigIs(fresh.config);
+  tracker = std::move(fresh);
+}
+
+void Entities::addTracker(const std::string& name, const TrackerSettings& wanted,
+                          Changes& changes) {
+  ++changes.trackers.added;
+  auto tracker = std::make_unique<Tracker>();
+  tracker->settings = wanted;
+  tracker->config = HwFlowTracking::ftConfigFactory(name, wanted.id);
+  tracker->config->activeIntervalIs(ms(wanted.activeInterval));
+  tracker->config->localPortIs(wanted.localPort);
+  tracker->status = HwFlowTracking::ftStatusFactory(name);
+  tracker->status->activeIntervalIs(wanted.activeInterval);
+  tracker->status->inactiveTimeoutIs(wanted.inactiveTimeout);
+  tracker->status->sampleRateIs(wanted.sampleRate);
+  // Devices bring their own templates.
+  std::string problem;
+  if (wanted.type == FlowTrackingType::software)
+    for (const auto& t : flowTemplates(*registry_, problem)) tracker->status->templateStatusIs(t);
+  if (!problem.empty())
+    log_.error("tracker " + name + ": no flow templates: " + problem, {.tracker = name});
+  addExporters(name, *tracker, wanted, changes);
+  Tree& t = tree(wanted.type);
+  Tracker& added = *(trackers_[name] = std::move(tracker));
+  t.config->ftConfigIs(added.config);
+  t.status->ftStatusIs(added.status);
+}
+
+void Entities::addExporters(const std::string& trackerName, Tracker& tracker,
+                            const TrackerSettings& wanted, Changes& changes) {
+  for (const auto& [name, e] : wanted.exporters) {
+    if (tracker.exporters.contains(name)) continue;
+    ++changes.exporters.added;
+    changes.collectors.added += e.collectors.size();
+    Exporter exporter;
+    exporter.settings = e;
+    exporter.config = HwFlowTracking::exporterConfigFactory(name);
+    exporter.config->dscpIs(e.dscp);
+    exporter.config->ipfixMtuIs(e.mtu);
+    exporter.config->rateLimitIs(e.rateLimit);
+    exporter.config->templateIntervalIs(ms(e.templateInterval));
+    for (const auto& [collectorName, c] : e.collectors)
+      setCollector(*exporter.config, collectorName, c);
+    exporter.side = std::make_unique<ExporterSide>(finder_, wanted.type, trackerName,
+                                                   exporter.config, log_, [this](bool ready) {
+                                                     ready ? ++ready_ : --ready_;
+                                                     readiness_();
+                                                   });
+    exporter.side->placeIs(e.vrf, e.localInterface);
+    const Ptr<ExporterConfig> config = exporter.config;
+    tracker.exporters.emplace(name, std::move(exporter));
+    tracker.config->expConfigIs(config);  // complete: what it sets off finds it so
+  }
+}
+
+}  // namespace agent

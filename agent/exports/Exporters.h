@@ -1,0 +1,78 @@
+#pragma once
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "agent/host/AgentLog.h"
+#include "agent/network/Network.h"
+#include "platform/FlowTracking.h"
+#include "platform/HwFlowTracking.h"
+
+namespace agent {
+
+class ExporterSide;
+
+/// Brings the news of networks to the exporters that they concern.
+class SourceFinder {
+ public:
+  using NetworkOf = std::function<Ptr<VrfNetwork>(const VrfName&)>;
+  explicit SourceFinder(NetworkOf networkOf);
+  ~SourceFinder();
+
+ private:
+  friend class ExporterSide;
+  class Place;
+  using Sides = std::multimap<std::string, ExporterSide*>;  // by interface
+  /// That a side wants news of an interface. Thousands may want those of one: it knows its place.
+  struct Entry {
+    Place* place = nullptr;
+    Sides::iterator side;
+  };
+  Entry enter(const VrfName& vrf, const std::string& interface, ExporterSide* side);
+  void leave(const Entry& entry);
+
+  NetworkOf networkOf_;
+  std::map<VrfName, std::unique_ptr<Place>> places_;
+};
+
+/// The host's side of one exporter: writes the source addresses that its local interface has, as
+/// they come and go, and tells the operator of them and of the exporter's readiness.
+class ExporterSide {
+ public:
+  /// `readiness` is called when any-family readiness changed.
+  ExporterSide(SourceFinder& finder, FlowTracking::FlowTrackingType type, std::string tracker,
+               Ptr<HwFlowTracking::ExporterConfig> config, AgentLog& log,
+               std::function<void(bool ready)> readiness);
+  ~ExporterSide();
+  ExporterSide(const ExporterSide&) = delete;
+  ExporterSide& operator=(const ExporterSide&) = delete;
+
+  /// Where the exporter sends from; writes its VRF and what is known of its sources now.
+  void placeIs(const VrfName& vrf, const std::string& interface);
+  bool ready() const { return ready_; }
+
+ private:
+  friend class SourceFinder;
+  class Readiness;
+
+  SourceAddresses find() const;
+  void resolve();
+  void tellSource(const SourceAddresses& found);
+  void handleReadiness();
+
+  SourceFinder& finder_;
+  FlowTracking::FlowTrackingType type_;
+  std::string tracker_;
+  Ptr<HwFlowTracking::ExporterConfig> config_;
+  AgentLog& log_;
+  std::function<void(bool)> readinessChanged_;
+  std::string interface_;
+  SourceFinder::Entry entry_;
+  Ptr<VrfNetwork> network_;  // null before the first place
+  std::string told_;
+  bool ready_ = false;
+  std::unique_ptr<Readiness> readiness_;
+};
+
+}  // namespace agent

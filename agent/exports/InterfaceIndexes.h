@@ -1,0 +1,65 @@
+#pragma once
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "Ipfix/FlowTrackingTypes.h"
+#include "agent/host/AgentLog.h"
+#include "agent/network/Network.h"
+
+namespace agent {
+
+/// Gives every interface of every network the index that stands for it in what is exported, and
+/// keeps the library's map of them in step with the networks.
+///
+/// In the default namespace the index is the kernel's. Elsewhere it is one that no other interface
+/// has: given out upwards, so that the number of an interface that went stands for nobody else for
+/// as long as possible. Either stays while the interface lives, whatever happens to its name; only
+/// an interface of the default namespace whose kernel index was given out elsewhere takes it away,
+/// and the other one gets a new one. A kernel index that is reserved counts as none.
+///
+/// The reverse map is written first: in each round of the forward map both say the same.
+class InterfaceIndexes {
+ public:
+  // Above what kernels count up to, and no more than 31 bits: the range of ifIndex (RFC 2863).
+  static constexpr uint32_t firstGiven = 0x01000000;
+  static constexpr uint32_t lastGiven = 0x7fffffff;
+
+  /// `next`: the first index to give out.
+  InterfaceIndexes(Ptr<const NetworkList> networks, AgentLog& log, uint32_t next = firstGiven);
+  ~InterfaceIndexes();
+  InterfaceIndexes(const InterfaceIndexes&) = delete;
+  InterfaceIndexes& operator=(const InterfaceIndexes&) = delete;
+
+  const Ptr<FlowTracking::IntfIndexMap>& map() const { return map_; }
+
+ private:
+  class ListWatcher;
+  class Place;
+  struct Owner {
+    Place* place;
+    uint32_t link;  // the kernel's index
+  };
+
+  void handleNetwork(const VrfName& vrf);
+  void settle(Place& place, const std::vector<uint32_t>& links);
+  void giveUp(Place& place, uint32_t link);
+  void name(Place& place, uint32_t link, const std::string& name);
+  void unname(uint32_t index);
+  uint32_t take(Place& place, uint32_t link);
+  void move(uint32_t index);
+  uint32_t unused();
+
+  Ptr<const NetworkList> networks_;
+  AgentLog& log_;
+  Ptr<FlowTracking::IntfIndexMap> map_ = FlowTracking::intfIndexMapFactory();
+  uint32_t next_;
+  std::unordered_map<uint32_t, Owner> owner_;  // of every index in use, named or not
+  std::map<VrfName, std::unique_ptr<Place>> places_;
+  std::unique_ptr<ListWatcher> listWatcher_;
+};
+
+}  // namespace agent

@@ -1,0 +1,332 @@
+#include "agent/network/Networks.h"
+
+#include <sys/epoll.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <vector>
+
+#include "agent/host/Names.h"
+#include "agent/host/Printable.h"
+#include "platform/UdpPam.h"
+
+namespace agent {
+namespace {
+constexpr TaskPriority priority = 2;
+constexpr Seconds tick{2.0};
+// `ip netns add` makes the file first and mounts the namespace on it a moment later.
+constexpr Seconds firstRetry{0.01};
+constexpr int patience = 8;  // doubling the time, 2.5 s; then the slow look is enough
+}  // namespace
+
+struct Networks::Entry {
+  Ptr<VrfNetwork> network;
+  std::string fileName;  // empty: the namespace that the agent is in
+  std::string path;
+  std::unique_ptr<RtnetlinkMonitor> monitor;
+  bool there = false;   // the file was there at the last look
+  bool wanted = false;  // somebody asked for it
+  bool failed = false;  // the monitor said that it is of no more use
+  int notYet = 0;       // looks at something that is no namespace yet; 0: none
+  std::string said;     // the last state told to the operator
+};
+
+/// Tells the names that come and go in a directory, which itself may come and go.
+class Networks::DirectoryWatch {
+ public:
+  DirectoryWatch(EventLoop& loop, std::string dir, AgentLog& log,
+                 std::function<void(const std::string&)> name, std::function<void()> all)
+      : dir_(std::move(dir)), name_(std::move(name)), all_(std::move(all)) {
+    const size_t slash = dir_.find_last_of('/');
+    parent_ = slash == 0 || slash == dir_.npos ? "/" : dir_.substr(0, slash);
+    base_ = slash == dir_.npos ? dir_ : dir_.substr(slash + 1);
+    fd_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (fd_ < 0) {
+      log.warning(std::string("inotify: ") + std::strerror(errno) +
+                  "; namespaces are looked for every 2 seconds");
+      return;
+    }
+    watch_ = loop.fdWatch(fd_, EPOLLIN, [this](uint32_t) { handleReadable(); });
+    attach();
+  }
+  ~DirectoryWatch() {
+    watch_.reset();
+    if (fd_ >= 0) ::close(fd_);
+  }
+
+  /// Watches the directory, or its parent while it does not exist.
+  void attach() {
+    if (fd_ < 0 || dirWatch_ >= 0) return;
+    constexpr uint32_t events = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
+                                IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+    // The parent first: a directory made in between is not missed.
+    if (parentWatch_ < 0)
+      parentWatch_ =
+          inotify_add_watch(fd_, parent_.c_str(),
+                            IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR);
+    dirWatch_ = inotify_add_watch(fd_, dir_.c_str(), events);
+    if (dirWatch_ < 0 || parentWatch_ < 0) return;
+    inotify_rm_watch(fd_, parentWatch_);
+    parentWatch_ = -1;
+  }
+
+ private:
+  void handleReadable() {
+    alignas(inotify_event) std::array<char, 16384> buffer;
+    std::vector<std::string> names;
+    bool all = false;
+    for (;;) {
+      const ssize_t n = read(fd_, buffer.data(), buffer.size());
+      if (n <= 0) break;
+      for (ssize_t at = 0; at < n;) {
+        const auto& event = *reinterpret_cast<const inotify_event*>(buffer.data() + at);
+        at += static_cast<ssize_t>(sizeof event + event.len);
+        const bool self = (event.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) != 0;
+        if ((event.mask & IN_Q_OVERFLOW) != 0) {
+          all = true;
+        } else if (event.wd == dirWatch_ && self) {
+          if ((event.mask & IN_MOVE_SELF) != 0) inotify_rm_watch(fd_, dirWatch_);
+          dirWatch_ = -1;
+          all = true;
+        } else if (event.wd == parentWatch_ && self) {
+          parentWatch_ = -1;
+        } else if (event.wd == dirWatch_ && event.len > 0) {
+          names.emplace_back(event.name);
+        } else if (event.wd == parentWatch_ && event.len > 0 && base_ == event.name) {
+          all = true;
+        }
+      }
+    }
+    if (all) {
+      attach();
+      all_();
+    } else {
+      for (const std::string& name : names) name_(name);
+    }
+  }
+
+  std::string dir_;
+  std::string parent_;
+  std::string base_;
+  std::function<void(const std::string&)> name_;
+  std::function<void()> all_;
+  int fd_ = -1;
+  int dirWatch_ = -1;
+  int parentWatch_ = -1;
+  std::unique_ptr<EventLoop::FdWatch> watch_;
+};
+
+Networks::Networks(Ptr<EventLoop> loop, std::string netnsDir, AgentLog& log)
+    : loop_(std::move(loop)), dir_(std::move(netnsDir)), log_(log) {
+  while (dir_.size() > 1 && dir_.back() == '/') dir_.pop_back();
+  const auto scheduler = loop_->taskScheduler();
+  soonTask_ = scheduler->timerTask("networks-soon", priority, [this] { handleSoon(); });
+  tickTask_ = scheduler->timerTask("networks-tick", priority, [this] { handleTick(); });
+  tickTask_->scheduleIs(tick);
+  watch_ = std::make_unique<DirectoryWatch>(
+      *loop_, dir_, log_, [this](const std::string& name) { handleName(name); },
+      [this] { handleDirectory(); });
+  network(VrfName(std::string(defaultVrf)));
+  scan();
+}
+Networks::~Networks() = default;
+
+Ptr<VrfNetwork> Networks::network(const VrfName& vrf) {
+  Entry& e = entry(vrf);
+  e.wanted = true;
+  return e.network;
+}
+
+void Networks::keepOnly(const std::set<VrfName>& vrfs) {
+  for (auto& [vrf, entry] : entries_)
+    entry->wanted = entry->network->isDefault() || vrfs.contains(vrf);
+  forget();
+}
+
+/// The VRF's entry, made and looked at when there is none.
+Networks::Entry& Networks::entry(const VrfName& vrf) {
+  auto& entry = entries_[vrf];
+  if (entry) return *entry;
+  entry = std::make_unique<Entry>();
+  Entry& made = *entry;
+  made.network = vrfNetworkFactory(vrf);
+  made.fileName = namespaceOf(vrf).stringValue();
+  if (!made.fileName.empty()) made.path = dir_ + '/' + made.fileName;
+  review(made);
+  if (made.notYet > 0) reviewSoon();
+  list_->networkIs(made.network);
+  return made;
+}
+
+/// The VRF whose namespace a file of this name is; a VRF's that it cannot be is told once.
+std::optional<VrfName> Networks::vrfOf(const std::string& fileName) {
+  constexpr std::string_view prefix = "ns-";
+  if (!fileName.starts_with(prefix)) return std::nullopt;
+  const std::string name = fileName.substr(prefix.size());
+  std::string problem = vrfNameProblem(name);
+  if (problem.empty() && printable(name) != name) problem = "a VRF's name is UTF-8";
+  if (name == defaultVrf) problem = "VRF default is the namespace that tarnflowd was started in";
+  if (problem.empty()) return VrfName(name);
+  if (skipped_.insert(fileName).second)
+    log_.warning("namespace " + dir_ + '/' + fileName + " is not looked at: " + problem);
+  return std::nullopt;
+}
+
+/// Makes an entry for a file that has none. Of a link that leads nowhere it says so once.
+void Networks::look(const std::string& fileName) {
+  const auto vrf = vrfOf(fileName);
+  if (!vrf || entries_.contains(*vrf)) return;
+  const std::string path = dir_ + '/' + fileName;
+  if (netnsIdOf(path)) {
+    skipped_.erase(fileName);
+    entry(*vrf);
+    return;
+  }
+  const std::string why = std::strerror(errno);
+  struct stat link {};
+  if (lstat(path.c_str(), &link) == 0 && skipped_.insert(fileName).second)
+    log_.warning("namespace " + path + " is not looked at: what it links to: " + why);
+}
+
+/// Looks at namespaces that nobody spoke of yet.
+void Networks::scan() {
+  std::set<std::string> names;
+  std::error_code error;  // a directory that is not there has none
+  for (std::filesystem::directory_iterator it(dir_, error), end; !error && it != end;
+       it.increment(error))
+    names.insert(it->path().filename().string());
+  std::erase_if(skipped_, [&](const std::string& name) { return !names.contains(name); });
+  for (const std::string& name : names) look(name);
+}
+
+/// Drops what is not there and nobody asked for.
+void Networks::forget() {
+  std::erase_if(entries_, [this](const auto& e) {
+    const Entry& entry = *e.second;
+    if (entry.wanted || entry.there) return false;
+    list_->networkDel(e.first);
+    return true;
+  });
+}
+
+bool Networks::settled() const {
+  for (const auto& [vrf, entry] : entries_)
+    if (entry->monitor && !entry->monitor->settled()) return false;
+  return true;
+}
+
+void Networks::say(Entry& entry, Severity severity, const std::string& what) {
+  if (entry.said == what) return;
+  entry.said = what;
+  const std::string where =
+      entry.fileName.empty() ? "the default namespace" : "namespace " + entry.path;
+  log_.say(severity, where + ' ' + what);
+}
+
+void Networks::close(Entry& entry) {
+  entry.monitor.reset();
+  entry.failed = false;
+  entry.network->presentIs(false);
+}
+
+void Networks::open(Entry& entry) {
+  Entry* const e = &entry;
+  auto monitor = std::make_unique<RtnetlinkMonitor>(
+      *loop_, entry.network, entry.path, [this, e](const std::string& why) {
+        log_.warning("rtnetlink in VRF " + e->network->vrf().stringValue() + ": " + why);
+        e->failed = true;
+        ++e->notYet;
+        reviewSoon();
+      });
+  entry.monitor = std::move(monitor);
+  entry.failed = false;
+}
+
+void Networks::review(Entry& entry) {
+  const bool named = !entry.fileName.empty();
+  const auto found = named ? netnsIdOf(entry.path) : NetnsId{};
+  if (entry.monitor && found != entry.monitor->netns()) close(entry);
+  entry.there = found.has_value();
+  if (!found) {
+    entry.notYet = 0;
+    // A first look that finds nothing is as much news as a namespace that went.
+    say(entry, Severity::info, entry.said.empty() ? "is not there" : "is gone");
+    return;
+  }
+  if (entry.monitor && !entry.failed) return;
+  try {
+    open(entry);  // in place of one that failed: its survey finds what changed meanwhile
+  } catch (const ErrnoException& e) {
+    const int err = e.code().value();
+    close(entry);
+    // Made, and not mounted yet (the file below has mode 0, which only stops who is not root); or
+    // gone again.
+    if (err == EINVAL || err == ENOENT || err == EACCES) {
+      if (++entry.notYet == patience)
+        say(entry, Severity::warning, err == EACCES ? "may not be opened" : "is no namespace");
+    } else {
+      say(entry, entry.wanted ? Severity::error : Severity::warning,
+          std::string("cannot be looked at: ") + std::strerror(err) +
+              (err == EPERM ? " (entering a namespace needs CAP_SYS_ADMIN); its VRF is left out"
+                            : ""));
+    }
+    return;
+  }
+  entry.notYet = 0;
+  if (named) say(entry, Severity::info, "is there");
+}
+
+void Networks::reviewSoon() {
+  soon_ = firstRetry;
+  soonTask_->scheduleIs(soon_);
+}
+
+void Networks::handleSoon() {
+  bool more = false;
+  for (auto& [vrf, entry] : entries_) {
+    if (entry->notYet > 0) review(*entry);
+    more = more || (entry->notYet > 0 && entry->notYet < patience);
+  }
+  soon_ *= 2;
+  if (more) soonTask_->scheduleIs(soon_);
+}
+
+void Networks::handleName(const std::string& fileName) {
+  const auto vrf = vrfOf(fileName);
+  if (!vrf) return;
+  if (const auto it = entries_.find(*vrf); it != entries_.end()) {
+    review(*it->second);
+    if (it->second->notYet > 0) reviewSoon();
+    forget();
+  } else {
+    skipped_.erase(fileName);  // it may be another link
+    look(fileName);
+  }
+}
+
+void Networks::handleDirectory() {
+  reviewAll();
+  reviewSoon();
+}
+
+void Networks::reviewAll() {
+  for (auto& [vrf, entry] : entries_) review(*entry);
+  scan();
+  forget();
+}
+
+void Networks::handleTick() {
+  for (auto& [vrf, entry] : entries_)
+    if (entry->monitor && !entry->monitor->alive()) entry->failed = true;
+  watch_->attach();
+  reviewAll();
+  tickTask_->scheduleIs(tick);
+}
+
+}  // namespace agent

@@ -1,0 +1,280 @@
+#include "agent/network/Rtnetlink.h"
+
+#include <endian.h>
+#include <libmnl/libmnl.h>
+#include <linux/if_addr.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "platform/UdpPam.h"
+#include "platform/linux/Netns.h"
+
+namespace agent {
+namespace {
+// A dump's part is at most 32 KiB (the kernel's limit); single messages are far smaller.
+constexpr size_t bufferLen = 64 << 10;
+// Room for bursts, as when a thousand interfaces come at once.
+constexpr int receiveBufferLen = 4 << 20;
+// Datagrams read before other descriptors get their turn.
+constexpr int readsPerTurn = 32;
+
+template <size_t n>
+using Attrs = std::array<const nlattr*, n>;
+
+template <size_t n>
+bool parseAttrs(const nlmsghdr& message, size_t headerLen, Attrs<n>& attrs) {
+  attrs.fill(nullptr);
+  const auto each = [](const nlattr* attr, void* data) {
+    auto& all = *static_cast<Attrs<n>*>(data);
+    const uint16_t type = mnl_attr_get_type(attr);
+    if (type < n) all[type] = attr;
+    return MNL_CB_OK;
+  };
+  // Not mnl_attr_parse, which reads up to three octets behind a message of odd length.
+  const size_t before = MNL_NLMSG_HDRLEN + MNL_ALIGN(headerLen);
+  if (message.nlmsg_len < before) return false;
+  return mnl_attr_parse_payload(mnl_nlmsg_get_payload_offset(&message, headerLen),
+                                message.nlmsg_len - before, each, &attrs) == MNL_CB_OK;
+}
+
+IpGenAddr addressOf(const nlattr* attr, int family) {
+  if (!attr) return {};
+  const size_t len = mnl_attr_get_payload_len(attr);
+  if (family == AF_INET && len == 4) {
+    uint32_t value = 0;
+    std::memcpy(&value, mnl_attr_get_payload(attr), 4);
+    return IpAddr(be32toh(value));
+  }
+  if (family == AF_INET6 && len == 16) {
+    Ip6Addr::Octets octets;
+    std::memcpy(octets.data(), mnl_attr_get_payload(attr), 16);
+    return Ip6Addr(octets);
+  }
+  return {};
+}
+
+void applyLink(const nlmsghdr& message, VrfNetwork& network) {
+  if (message.nlmsg_len < NLMSG_LENGTH(sizeof(ifinfomsg))) return;
+  const auto& info = *static_cast<const ifinfomsg*>(mnl_nlmsg_get_payload(&message));
+  // Messages of a family are about the link's role there: a DELLINK of AF_BRIDGE says that the
+  // link left its bridge, not that it is gone.
+  if (info.ifi_family != AF_UNSPEC || info.ifi_index <= 0) return;
+  const auto index = static_cast<uint32_t>(info.ifi_index);
+  if (message.nlmsg_type == RTM_DELLINK) {
+    network.linkDel(index);
+    return;
+  }
+  Attrs<IFLA_IFNAME + 1> attrs;
+  if (!parseAttrs(message, sizeof(ifinfomsg), attrs) || !attrs[IFLA_IFNAME]) return;
+  const auto* name = static_cast<const char*>(mnl_attr_get_payload(attrs[IFLA_IFNAME]));
+  const size_t len = strnlen(name, mnl_attr_get_payload_len(attrs[IFLA_IFNAME]));
+  if (len == 0 || len >= IFNAMSIZ) return;
+  network.linkIs(index, std::string(name, len), info.ifi_flags);
+}
+
+void applyAddress(const nlmsghdr& message, VrfNetwork& network) {
+  if (message.nlmsg_len < NLMSG_LENGTH(sizeof(ifaddrmsg))) return;
+  const auto& info = *static_cast<const ifaddrmsg*>(mnl_nlmsg_get_payload(&message));
+  Attrs<IFA_FLAGS + 1> attrs;
+  if (!parseAttrs(message, sizeof(ifaddrmsg), attrs)) return;
+  LinkAddress a;
+  // IFA_LOCAL is there when the two may differ; IPv6 leaves it out where there is no peer.
+  a.peer = addressOf(attrs[IFA_ADDRESS], info.ifa_family);
+  a.local = attrs[IFA_LOCAL] ? addressOf(attrs[IFA_LOCAL], info.ifa_family) : a.peer;
+  if (a.local.family() == IpGenAddr::Family::none) return;
+  a.prefixLen = info.ifa_prefixlen;
+  a.scope = info.ifa_scope;
+  a.flags = info.ifa_flags;
+  if (attrs[IFA_FLAGS] && mnl_attr_get_payload_len(attrs[IFA_FLAGS]) == sizeof(uint32_t))
+    a.flags = mnl_attr_get_u32(attrs[IFA_FLAGS]);
+  if (message.nlmsg_type == RTM_NEWADDR) {
+    network.addressIs(info.ifa_index, a);
+  } else {
+    network.addressDel(info.ifa_index, a);
+  }
+}
+}  // namespace
+
+void applyRtnetlink(const nlmsghdr& message, VrfNetwork& network) {
+  switch (message.nlmsg_type) {
+    case RTM_NEWLINK:
+    case RTM_DELLINK:
+      applyLink(message, network);
+      break;
+    case RTM_NEWADDR:
+    case RTM_DELADDR:
+      applyAddress(message, network);
+      break;
+    default:
+      break;
+  }
+}
+
+RtnetlinkMonitor::RtnetlinkMonitor(EventLoop& loop, Ptr<VrfNetwork> network,
+                                   const std::string& path,
+                                   std::function<void(const std::string& why)> failed)
+    : network_(std::move(network)), failed_(std::move(failed)), buffer_(bufferLen) {
+  {
+    const NetnsScope inside(path);
+    fd_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
+    if (fd_ < 0) throw ErrnoException(errno, "rtnetlink socket");
+    netns_ = inside.id();
+  }
+  try {
+    // The forced size needs CAP_NET_ADMIN; without it the system's limit holds.
+    if (setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &receiveBufferLen, sizeof receiveBufferLen) < 0)
+      setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receiveBufferLen, sizeof receiveBufferLen);
+    sockaddr_nl self{};
+    self.nl_family = AF_NETLINK;
+    self.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
+    if (bind(fd_, reinterpret_cast<const sockaddr*>(&self), sizeof self) < 0)
+      throw ErrnoException(errno, "rtnetlink bind");
+    watch_ = loop.fdWatch(fd_, EPOLLIN, [this](uint32_t) { handleReadable(); });
+    network_->netnsIs(netns_);
+    surveyStart();
+  } catch (...) {
+    watch_.reset();
+    close(fd_);
+    throw;
+  }
+}
+
+RtnetlinkMonitor::~RtnetlinkMonitor() {
+  if (gone_) *gone_ = true;
+  watch_.reset();
+  close(fd_);
+}
+
+bool RtnetlinkMonitor::alive() {
+  if (survey_ == Survey::none) return true;
+  return std::exchange(heard_, false);
+}
+
+void RtnetlinkMonitor::request(uint16_t type) {
+  std::array<char, 64> buffer{};
+  nlmsghdr* message = mnl_nlmsg_put_header(buffer.data());
+  message->nlmsg_type = type;
+  message->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+  message->nlmsg_seq = ++seq_;
+  // All zero: every family. The kernel takes an ifinfomsg for links, an ifaddrmsg for addresses.
+  if (type == RTM_GETLINK) {
+    mnl_nlmsg_put_extra_header(message, sizeof(ifinfomsg));
+  } else {
+    mnl_nlmsg_put_extra_header(message, sizeof(ifaddrmsg));
+  }
+  sockaddr_nl kernel{};
+  kernel.nl_family = AF_NETLINK;
+  if (sendto(fd_, message, message->nlmsg_len, 0, reinterpret_cast<const sockaddr*>(&kernel),
+             sizeof kernel) < 0)
+    throw ErrnoException(errno, "rtnetlink request");
+}
+
+void RtnetlinkMonitor::surveyStart() {
+  ++surveys_;
+  again_ = false;
+  heard_ = true;
+  network_->surveyBegin();
+  survey_ = Survey::links;
+  request(RTM_GETLINK);
+}
+
+/// The kernel runs one dump per socket: a second one waits for the end of the first.
+void RtnetlinkMonitor::surveyAgain() {
+  if (survey_ == Survey::none) {
+    surveyStart();
+  } else {
+    again_ = true;
+  }
+}
+
+void RtnetlinkMonitor::surveyStepDone() {
+  if (again_) {
+    surveyStart();
+  } else if (survey_ == Survey::links) {
+    network_->surveyLinksEnd();
+    survey_ = Survey::addresses;
+    request(RTM_GETADDR);
+  } else {
+    network_->surveyAddressesEnd();
+    survey_ = Survey::none;
+    network_->presentIs(true);
+  }
+}
+
+void RtnetlinkMonitor::handleMessage(const nlmsghdr& message) {
+  // Of a dump; a change that this process asked for would carry its sequence number, too, but it
+  // asks for none.
+  const bool mine = survey_ != Survey::none && message.nlmsg_seq == seq_;
+  if (mine && (message.nlmsg_flags & NLM_F_DUMP_INTR) != 0) again_ = true;
+  switch (message.nlmsg_type) {
+    case NLMSG_DONE:
+      if (mine) surveyStepDone();
+      break;
+    case NLMSG_ERROR: {
+      if (!mine || message.nlmsg_len < NLMSG_LENGTH(sizeof(nlmsgerr))) break;
+      const auto& error = *static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(&message));
+      if (error.error != 0) throw ErrnoException(-error.error, "rtnetlink dump");
+      break;
+    }
+    case NLMSG_OVERRUN:
+      surveyAgain();
+      break;
+    default:
+      applyRtnetlink(message, *network_);
+  }
+}
+
+void RtnetlinkMonitor::handleReadable() {
+  bool gone = false;
+  gone_ = &gone;
+  const Ptr<VrfNetwork> network = network_;  // told after this may be gone
+  std::string why;
+  try {
+    for (int reads = 0; reads < readsPerTurn; ++reads) {
+      sockaddr_nl from{};
+      iovec part{buffer_.data(), buffer_.size()};
+      msghdr message{};
+      message.msg_name = &from;
+      message.msg_namelen = sizeof from;
+      message.msg_iov = &part;
+      message.msg_iovlen = 1;
+      const ssize_t n = recvmsg(fd_, &message, 0);
+      if (n < 0) {
+        if (errno == EAGAIN || errno == EINTR) break;
+        if (errno != ENOBUFS) throw ErrnoException(errno, "rtnetlink receive");
+        surveyAgain();  // the kernel dropped messages
+        continue;
+      }
+      if (from.nl_pid != 0) continue;  // not the kernel
+      heard_ = true;
+      if ((message.msg_flags & MSG_TRUNC) != 0) {
+        surveyAgain();
+        continue;
+      }
+      int left = static_cast<int>(n);
+      const auto* header = reinterpret_cast<const nlmsghdr*>(buffer_.data());
+      while (mnl_nlmsg_ok(header, left)) {
+        handleMessage(*header);
+        if (gone) return;  // and the buffer with it
+        header = mnl_nlmsg_next(header, &left);
+      }
+    }
+    network->tell();
+  } catch (const ErrnoException& e) {
+    why = e.what();
+  }
+  if (gone) return;
+  gone_ = nullptr;
+  if (why.empty()) return;
+  watch_.reset();  // or the error would be heard again and again
+  failed_(why);    // may destroy this
+}
+
+}  // namespace agent

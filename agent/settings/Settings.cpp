@@ -1,0 +1,26 @@
+#include "agent/settings/Settings.h"
+
+namespace agent {
+namespace {
+std::string some(size_t n, const char* noun) {
+  return std::to_string(n) + ' ' + noun + (n == 1 ? "" : "s");
+}
+}  // namespace
+
+SettingsCount count(const Settings& settings) {
+  SettingsCount n;
+  n.trackers = settings.trackers.size();
+  for (const auto& [name, tracker] : settings.trackers) {
+    n.exporters += tracker.exporters.size();
+    for (const auto& [exporterName, exporter] : tracker.exporters)
+      n.collectors += exporter.collectors.size();
+  }
+  return n;
+}
+
+std::string describe(const SettingsCount& n) {
+  return some(n.trackers, "tracker") + ", " + some(n.exporters, "exporter") + ", " +
+         some(n.collectors, "collector");
+}
+
+}  // namespace agent

@@ -1,0 +1,75 @@
+#pragma once
+#include <functional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "agent/settings/SettingsErrors.h"
+
+namespace agent {
+
+/// Reads one value into `out`. Returns what would be right, or nothing when the value is.
+template <class T>
+using SettingsRule = std::function<std::string(const toml::node& node, T& out)>;
+
+/// One table of the file: hands out its keys and, in the end, complains about the others.
+class SettingsSection {
+ public:
+  SettingsSection(SettingsErrors& errors, const toml::table& table, std::string path,
+                  toml::source_region at)
+      : errors_(errors), table_(table), path_(std::move(path)), at_(std::move(at)) {}
+  SettingsSection(const SettingsSection&) = delete;
+  SettingsSection& operator=(const SettingsSection&) = delete;
+  ~SettingsSection() { refuseUnknown(); }
+
+  std::string pathOf(std::string_view key) const {
+    return path_.empty() ? keyText(key) : path_ + '.' + keyText(key);
+  }
+
+  /// False when the key is absent or wrong: `out` is unchanged.
+  template <class T>
+  bool optional(std::string_view key, T& out, const SettingsRule<T>& rule) {
+    known_.push_back(key);
+    const toml::node* node = table_.get(key);
+    if (!node) return false;
+    T value{};
+    const std::string expected = rule(*node, value);
+    if (!expected.empty()) {
+      refuse(key, *node, expected);
+      return false;
+    }
+    out = std::move(value);
+    return true;
+  }
+  template <class T>
+  bool required(std::string_view key, T& out, const SettingsRule<T>& rule,
+                const std::string& what) {
+    if (!table_.get(key)) errors_.atKey(at_, pathOf(key), "missing: " + what);
+    return optional(key, out, rule);
+  }
+
+  /// Visits the table at `key` when it is there.
+  void table(std::string_view key, const std::function<void(SettingsSection& section)>& visit);
+
+  /// Visits the tables below `key` in the file's order, each with its name. `nameRule` answers what
+  /// would be right for a name that is wrong, and nothing for one that is right.
+  void tables(std::string_view key, const std::string& what,
+              const std::function<std::string(const std::string& name)>& nameRule,
+              const std::function<void(const std::string& name, SettingsSection& section)>& visit);
+
+  /// An error about the value of a key, or about its default.
+  void refuse(std::string_view key, const std::string& expected);
+
+ private:
+  void refuse(std::string_view key, const toml::node& node, const std::string& expected);
+  void refuseUnknown();
+
+  SettingsErrors& errors_;
+  const toml::table& table_;
+  std::string path_;
+  toml::source_region at_;
+  std::vector<std::string_view> known_;
+};
+
+}  // namespace agent

@@ -1,0 +1,261 @@
+#include "cli/control/ControlCommands.h"
+
+#include <functional>
+#include <vector>
+
+#include "cli/control/ControlClient.h"
+#include "cli/control/ControlShow.h"
+#include "cli/text/Output.h"
+#include "cli/text/Quoted.h"
+#include "cli/text/Text.h"
+
+namespace cli {
+namespace {
+using Json = ControlClient::Json;
+
+constexpr int exitFault = 1;
+constexpr int exitFailure = 2;
+constexpr size_t membersShown = 20;
+constexpr size_t rowsShown = 20;
+}  // namespace
+
+struct ControlCommands::Command {
+  CLI::App* app;
+  std::function<int(ControlClient&)> run;
+};
+
+struct ControlCommands::Parts {
+  std::string socket = "/run/tarnflow/control.sock";
+  bool json = false;
+  std::string path;
+  std::string tracker;
+  std::string exporter;
+  std::string table;
+  std::string level;
+  std::optional<size_t> limit;
+  std::vector<Command> commands;
+
+  CLI::App* add(CLI::App& to, const char* name, const char* what,
+                std::function<int(ControlClient&)> run) {
+    CLI::App* cmd = to.add_subcommand(name, what);
+    cmd->add_option("--socket", socket, "The agent's control socket (agent.control)")
+        ->type_name("PATH")
+        ->envname("TARNFLOW_SOCKET")
+        ->capture_default_str();
+    cmd->add_flag("--json", json, "One JSON object, on one line");
+    commands.push_back({cmd, std::move(run)});
+    return cmd;
+  }
+
+  void addTracker(CLI::App* cmd) {
+    cmd->add_option("--tracker", tracker, "Only this tracker's")->type_name("NAME");
+  }
+  void addExporter(CLI::App* cmd) {
+    cmd->add_option("--exporter", exporter, "Only exporters of this name")->type_name("NAME");
+  }
+  void addLimit(CLI::App* cmd, const char* what) {
+    cmd->add_option("--limit", limit, what)->type_name("N");
+  }
+  size_t limitOr(size_t forText) const { return limit.value_or(json ? 0 : forText); }
+
+  Json request(const char* name) const {
+    Json r = {{"request", name}};
+    if (!tracker.empty()) r["tracker"] = tracker;
+    if (!exporter.empty()) r["exporter"] = exporter;
+    return r;
+  }
+  /// The whole list that comes in parts under `key`, or its first `max` members (0: all).
+  static Json whole(ControlClient& agent, Json request, const char* key, size_t max = 0) {
+    Json all = Json::array();
+    agent.askAll(std::move(request), [&](const Json& answer) -> Json {
+      for (const Json& one : answer.at(key)) {
+        if (max > 0 && all.size() == max) return false;
+        all.push_back(one);
+      }
+      return nullptr;
+    });
+    return all;
+  }
+
+  int showCollectors(ControlClient& agent) const {
+    const Json all = whole(agent, request("collectors"), "collectors");
+    if (json) {
+      Output::write(jsonLine({{"time", utcNow()}, {"collectors", all}}));
+    } else if (all.empty()) {
+      complain("tarnflow: no collector is configured\n");
+    } else {
+      Output::write(collectorsText(all, utcNow(), Style::ofOutput()));
+    }
+    for (const Json& c : all)
+      if (c.at("state") != "sending") return exitFault;
+    return all.empty() ? exitFault : 0;
+  }
+
+  int showTables(ControlClient& agent) const {
+    const Style style = Style::ofOutput();
+    Json tables = Json::array();
+    // With a name that there is not, the agent says which there are.
+    Json list = agent.ask({{"request", "tables"}}).at("tables");
+    if (!table.empty()) {
+      agent.ask({{"request", "tables"}, {"name", table}});
+      for (const Json& t : Json(list))
+        if (t.at("name") == table) list = Json::array({t});
+    }
+    for (Json& t : list) {
+      const auto name = t.at("name").get<std::string>();
+      Json r = request("tables");
+      r["name"] = name;
+      t["rows"] = whole(agent, r, "rows", limitOr(table.empty() ? rowsShown : 0));
+      if (!tracker.empty()) t["records"] = t["rows"].size();
+      if (!json)
+        Output::write(fmt::format("{}\n", tableText(name, t["records"], t["rows"], style)));
+    }
+    if (json) Output::write(jsonLine({{"time", utcNow()}, {"tables", list}}));
+    return 0;
+  }
+
+  int showTemplates(ControlClient& agent) const {
+    const Json all = whole(agent, request("templates"), "templates");
+    if (json) {
+      Output::write(jsonLine({{"time", utcNow()}, {"templates", all}}));
+    } else if (all.empty()) {
+      complain("tarnflow: there is no template: no tracker is configured\n");
+    } else {
+      Output::write(templatesText(all, utcNow(), Style::ofOutput()));
+    }
+    return all.empty() ? exitFault : 0;
+  }
+
+  int clearCounters(ControlClient& agent) const {
+    agent.ask({{"request", "clearCounters"}});
+    Output::write(json ? jsonLine({{"cleared", true}}) : "the counters of all collectors are 0\n");
+    return 0;
+  }
+
+  int resend(ControlClient& agent) const {
+    const auto n = agent.ask(request("resend")).at("exporters").get<uint64_t>();
+    if (json) {
+      Output::write(jsonLine({{"exporters", n}}));
+    } else if (n > 0) {
+      Output::write(fmt::format("{} {} templates and tables again\n", n,
+                                n == 1 ? "exporter sends its" : "exporters send their"));
+    } else {
+      complain("tarnflow: nobody is being sent to: see 'tarnflow show collectors'\n");
+    }
+    return n > 0 ? 0 : exitFault;
+  }
+
+  int logLevel(ControlClient& agent) const {
+    Json r = {{"request", "logLevel"}};
+    if (!level.empty()) r["level"] = level;
+    const auto now = agent.ask(r).at("level").get<int>();
+    Output::write(json ? jsonLine({{"level", now}}) : fmt::format("{}\n", now));
+    return 0;
+  }
+
+  int showState(ControlClient& agent) const {
+    StateView view(json ? StateView::Form::json : StateView::Form::text, limitOr(membersShown));
+    const Style style = Style::ofOutput();
+    agent.askAll({{"request", "state"}, {"path", path}}, [&](const Json& answer) {
+      Json next = view.take(answer.at("rows"));
+      if (!json) Output::write(view.takeText(style));
+      return next;
+    });
+    if (json) Output::write(jsonLine(view.json()));
+    return 0;
+  }
+
+  int reload(ControlClient& agent) const {
+    Json answer = agent.ask({{"request", "reload"}});
+    answer.erase("ok");
+    const bool done = answer.at("done").get<bool>();
+    if (json) {
+      Output::write(jsonLine(answer));
+    } else {
+      for (const Json& error : answer.at("errors"))
+        complain("{}\n", shown(error.get<std::string>()));
+      const std::string summary = shown(answer.at("summary").get<std::string>()) + '\n';
+      if (done) {
+        Output::write(summary);
+      } else {
+        complainLine(summary);
+      }
+      for (const Json& warning : answer.at("warnings"))
+        complain("tarnflow: {}\n", shown(warning.get<std::string>()));
+    }
+    return done ? 0 : exitFault;
+  }
+};
+
+ControlCommands::ControlCommands(CLI::App& app, CLI::App& show)
+    : parts_(std::make_unique<Parts>()) {
+  Parts& p = *parts_;
+  CLI::App* state =
+      p.add(show, "state", "Everything that runs, as the agent's own objects have it, live",
+            [&p](ControlClient& agent) { return p.showState(agent); });
+  state->add_option("PATH", p.path, "Only what is there and below, such as interfaces/intfIndex")
+      ->type_name("");
+  p.addLimit(state, "Members shown of each collection; 0: all [20; with --json all]");
+
+  CLI::App* collectors =
+      p.add(show, "collectors", "Whether each collector is sent to, and if not, what is missing",
+            [&p](ControlClient& agent) { return p.showCollectors(agent); });
+  p.addTracker(collectors);
+  p.addExporter(collectors);
+  collectors->footer(
+      "Exit status: 0; 1 when a collector is not sent to, or there is none; 2 no agent.");
+
+  CLI::App* tables = p.add(show, "tables", "The options tables as they are now, decoded",
+                           [&p](ControlClient& agent) { return p.showTables(agent); });
+  tables->add_option("NAME", p.table, "Only this one: interfaces, vrfs, trackers or flow-keys")
+      ->type_name("");
+  p.addTracker(tables);
+  p.addLimit(tables, "Records shown of each table; 0: all [20; of one table all; with --json all]");
+
+  CLI::App* templates = p.add(show, "templates", "Data and options templates with their fields",
+                              [&p](ControlClient& agent) { return p.showTemplates(agent); });
+  p.addTracker(templates);
+
+  CLI::App* clear = app.add_subcommand("clear", "Set to zero what a running agent counts");
+  clear->require_subcommand(1);
+  p.add(*clear, "counters", "The counters of all collectors",
+        [&p](ControlClient& agent) { return p.clearCounters(agent); });
+
+  CLI::App* resend = p.add(app, "resend", "Have the agent send templates and full tables again now",
+                           [&p](ControlClient& agent) { return p.resend(agent); });
+  p.addTracker(resend);
+  p.addExporter(resend);
+  resend->footer("Exit status: 0; 1 when nobody is being sent to; 2 no agent, or not allowed.");
+
+  CLI::App* logLevel =
+      p.add(app, "log-level", "Show, or set, how much of its inside the agent logs",
+            [&p](ControlClient& agent) { return p.logLevel(agent); });
+  logLevel->add_option("LEVEL", p.level, "0 to 9, or error (0), event (3), detail (5), packet (8)")
+      ->type_name("");
+  p.add(app, "reload", "Have the agent read its configuration again",
+        [&p](ControlClient& agent) { return p.reload(agent); })
+      ->footer(
+          "Exit status: 0 reloaded; 1 the configuration has errors, and what ran before runs "
+          "on; 2 no agent, or\nnot allowed.");
+}
+ControlCommands::~ControlCommands() = default;
+
+std::optional<int> ControlCommands::run() {
+  for (const Command& command : parts_->commands) {
+    if (!*command.app) continue;
+    try {
+      ControlClient agent(parts_->socket);
+      return command.run(agent);
+    } catch (const NoAgent& e) {
+      complain("tarnflow: {}\n", e.what());
+    } catch (const Refused& e) {
+      complain("tarnflow: the agent refuses: {}\n", shown(e.what()));
+    } catch (const Json::exception& e) {
+      complain("tarnflow: the agent's answer is not understood: {}\n", shown(e.what()));
+    }
+    return exitFailure;
+  }
+  return std::nullopt;
+}
+
+}  // namespace cli

@@ -1,0 +1,32 @@
+#include "cli/text/Output.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace cli {
+
+namespace {
+int firstError = 0;  // errno of the first failure: later ones have others
+bool done(bool written) {
+  if (!written && firstError == 0) firstError = errno;
+  return firstError == 0;
+}
+}  // namespace
+
+bool Output::write(std::string_view text) {
+  return done(std::fwrite(text.data(), 1, text.size(), stdout) == text.size());
+}
+bool Output::flush() { return done(std::fflush(stdout) == 0); }
+
+int Output::status(int status) {
+  if (flush() && std::ferror(stdout) == 0) return status;  // the command line's parser writes too
+  complain("tarnflow: cannot write to standard output: {}\n", std::strerror(firstError));
+  return 2;
+}
+
+void complainLine(std::string_view text) {
+  if (std::fwrite(text.data(), 1, text.size(), stderr) != text.size()) std::clearerr(stderr);
+}
+
+}  // namespace cli
