@@ -4,7 +4,7 @@
 #include "platform/Trace.h"
 #include "platform/UdpPam.h"
 #include "platform/linux/EventLoop.h"
-#include "platform/linux/LinuxPlatform.h"
+#include "platform/linux/LinuxPlatformOptions.h"
 
 namespace platform {
 

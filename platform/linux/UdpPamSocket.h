@@ -8,11 +8,14 @@
 #include <string>
 
 #include "platform/Ring.h"
+#include "platform/Trace.h"
+#include "platform/UdpPam.h"
+#include "platform/linux/EventLoop.h"
 #include "platform/linux/Fd.h"
+#include "platform/linux/LinuxPlatformOptions.h"
 #include "platform/linux/Pacer.h"
 #include "platform/linux/SendErrors.h"
 #include "platform/linux/UdpMessages.h"
-#include "platform/linux/UdpPamLinux.h"
 
 namespace platform {
 
