@@ -55,6 +55,43 @@ std::optional<Settings> Agent::readConfig(std::vector<std::string>* errors) cons
   return std::move(read.settings);
 }
 
+/// The shared memory that counters are kept in. Throws ErrnoException.
+void Agent::makeTables(const Settings& settings) {
+  const SettingsCount n = count(settings);
+  const std::string locks = ServiceManager::runtimeDirectory("/dev/shm");
+  statisticsTable_ = shmTableFactory(settings.statistics, CollectorStatistics::keyLen,
+                                     CollectorStatistics::valueLen, statisticsCapacity(n), locks);
+  statistics_ = Tarn::Ipfix::collectorStatisticsFactory(statisticsTable_);
+  flowCounters_ =
+      shmTableFactory(settings.statistics + std::string(FlowTracking::flowPathSuffix),
+                      sizeof(FlowTracking::FlowPathKey), sizeof(FlowTracking::FlowPathRecord),
+                      flowCountersCapacity, locks);
+  endpointCounters_ = shmTableFactory(
+      settings.statistics + std::string(FlowTracking::endpointSuffix),
+      sizeof(FlowTracking::EndpointKey), sizeof(FlowTracking::EndpointRecord),
+      std::max(statisticsMin, 4 * n.exporters),  // two families, and as many that reloads bring
+      locks);
+}
+
+void Agent::makeTasks() {
+  const auto scheduler = loop_->taskScheduler();
+  startedTask_ = scheduler->timerTask("agent-started", afterAll, [this] { handleStarted(); });
+  statusTask_ =
+      scheduler->timerTask("agent-status", afterAll, [this] { ServiceManager::status(status()); });
+  notifyTask_ = scheduler->timerTask("agent-notify", afterAll, [] { ServiceManager::flush(); });
+  ServiceManager::queuedHandlerIs([this] { notifyTask_->scheduleLowestIs(notifyDelay); });
+  heldTask_ = scheduler->timerTask("log-held", afterAll, [this] { log_.tellHeld(); });
+  log_.heldHandlerIs([this] { heldTask_->scheduleLowestIs(heldDelay); });
+  restoreTask_ = scheduler->timerTask("agent-restore", afterAll, [this] { restoreTables(); });
+  restoreTask_->scheduleIs(restoreInterval);
+  watchdogTask_ = scheduler->timerTask("agent-watchdog", afterAll, [this] { handleWatchdog(); });
+  addressesTask_ =
+      scheduler->timerTask("agent-addresses", afterAll, [this] { entities_->addressesAre(); });
+  leavingTask_ = scheduler->timerTask("agent-leaving", afterAll, [this] { handleLeaving(); });
+  sendErrorsTask_ =
+      scheduler->timerTask("agent-send-errors", afterAll, [this] { handleSendErrors(); });
+}
+
 bool Agent::start() {
   const auto settings = readConfig();
   if (!settings) {
@@ -69,19 +106,7 @@ bool Agent::start() {
       log_.error("not started: " + problem);
       return false;
     }
-    const std::string locks = ServiceManager::runtimeDirectory("/dev/shm");
-    statisticsTable_ = shmTableFactory(settings->statistics, CollectorStatistics::keyLen,
-                                       CollectorStatistics::valueLen, statisticsCapacity(n), locks);
-    statistics_ = Tarn::Ipfix::collectorStatisticsFactory(statisticsTable_);
-    flowCounters_ =
-        shmTableFactory(settings->statistics + std::string(FlowTracking::flowPathSuffix),
-                        sizeof(FlowTracking::FlowPathKey), sizeof(FlowTracking::FlowPathRecord),
-                        flowCountersCapacity, locks);
-    endpointCounters_ = shmTableFactory(
-        settings->statistics + std::string(FlowTracking::endpointSuffix),
-        sizeof(FlowTracking::EndpointKey), sizeof(FlowTracking::EndpointRecord),
-        std::max(statisticsMin, 4 * n.exporters),  // two families, and as many that reloads bring
-        locks);
+    makeTables(*settings);
     if (!openFile(*settings)) return false;
     configReq_ = FlowTracking::configReqFactory();
     networks_ = std::make_unique<Networks>(loop_, options_.netnsDir, log_);
@@ -92,22 +117,7 @@ bool Agent::start() {
     localCollectors_ =
         std::make_unique<LocalCollectors>(networks_->list(), ipfixInit_->elementIdCollection(),
                                           loop_->taskScheduler(), log_, flowCounters_);
-    const auto scheduler = loop_->taskScheduler();
-    startedTask_ = scheduler->timerTask("agent-started", afterAll, [this] { handleStarted(); });
-    statusTask_ = scheduler->timerTask("agent-status", afterAll,
-                                       [this] { ServiceManager::status(status()); });
-    notifyTask_ = scheduler->timerTask("agent-notify", afterAll, [] { ServiceManager::flush(); });
-    ServiceManager::queuedHandlerIs([this] { notifyTask_->scheduleLowestIs(notifyDelay); });
-    heldTask_ = scheduler->timerTask("log-held", afterAll, [this] { log_.tellHeld(); });
-    log_.heldHandlerIs([this] { heldTask_->scheduleLowestIs(heldDelay); });
-    restoreTask_ = scheduler->timerTask("agent-restore", afterAll, [this] { restoreTables(); });
-    restoreTask_->scheduleIs(restoreInterval);
-    watchdogTask_ = scheduler->timerTask("agent-watchdog", afterAll, [this] { handleWatchdog(); });
-    addressesTask_ =
-        scheduler->timerTask("agent-addresses", afterAll, [this] { entities_->addressesAre(); });
-    leavingTask_ = scheduler->timerTask("agent-leaving", afterAll, [this] { handleLeaving(); });
-    sendErrorsTask_ =
-        scheduler->timerTask("agent-send-errors", afterAll, [this] { handleSendErrors(); });
+    makeTasks();
     resolver_ =
         std::make_unique<Resolver>(loop_, log_, [this] { addressesTask_->scheduleIs(Seconds(0)); });
   } catch (const ErrnoException& e) {

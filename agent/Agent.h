@@ -73,6 +73,8 @@ class Agent {
     void release();
   };
 
+  void makeTables(const Settings& settings);
+  void makeTasks();
   bool openFile(const Settings& settings);
   bool tracksPackets(const TrackerSettings& tracker) const;
   void startFlows(const Settings& settings);

@@ -190,10 +190,8 @@ Json ControlRequests::collector(const LibraryTree& tree, const CollectorName& na
               {"refused", Json::object()},
               {"undelivered", 0}};
   const bool ipv6 = c.address.isIpv6();
-  const auto ftConfig = tree.config ? tree.config->ftConfig(name.tracker) : nullptr;
-  const auto config = ftConfig ? ftConfig->expConfig(name.exporter) : nullptr;
-  const auto ftInfo = tree.info ? tree.info->ftInfo(name.tracker) : nullptr;
-  const auto info = ftInfo ? ftInfo->expInfo(name.exporter) : nullptr;
+  const auto config = tree.exporterConfig(name.tracker, name.exporter);
+  const auto info = tree.exporterInfo(name.tracker, name.exporter);
   if (config && (ipv6 ? !config->srcIp6Addr().isZero() : !config->srcIpAddr().isZero()))
     out["sourceAddress"] =
         ipv6 ? config->srcIp6Addr().stringValue() : config->srcIpAddr().stringValue();

@@ -72,14 +72,6 @@ std::string_view withoutMark(std::string_view part) {
   return part;
 }
 
-/// What is found at a path.
-struct Place {
-  const Entity* entity = nullptr;
-  const AttrRow* row = nullptr;       // of an entity above; null: the entity itself
-  std::optional<std::string> member;  // the text of a member that is no entity
-  std::string problem;
-};
-
 /// Fills a page. Every walk returns false once the page is full.
 class Walk {
  public:
@@ -195,6 +187,106 @@ bool findMember(const Entity& e, const AttrRow& r, const std::string& part, std:
   return false;
 }
 
+/// Where a path leads: to an entity, to a collection of one, or to a value.
+class Place {
+ public:
+  explicit Place(const StateTree::Root& root) : entity_(root.entity.get()), full_(root.name) {}
+
+  /// Goes one part of the path further. Returns why it cannot, or nothing.
+  std::string partIs(const std::string& part) {
+    if (text_) return nothing(part, ", which is a value");
+    return collection_ ? memberIs(part) : attrIs(part);
+  }
+  /// The whole form of the path.
+  const std::string& full() const { return full_; }
+  /// False: the page is full.
+  bool show(Walk& walk, PartsLeft after) const {
+    if (text_) walk.add(full_, text_);
+    if (text_) return true;
+    return collection_ ? walk.row(*entity_, *collection_, above_, after, 0)
+                       : walk.entity(*entity_, full_, after, 0);
+  }
+
+ private:
+  std::string nothing(const std::string& part, const std::string& rest) const {
+    return "there is no " + inQuotes(part) + " in " + printable(full_) + rest;
+  }
+
+  std::string memberIs(const std::string& part) {
+    std::string key;
+    const Entity* child = nullptr;
+    std::string text;
+    if (!findMember(*entity_, *collection_, part, key, child, text)) return nothing(part, "");
+    full_ += '/';
+    full_ += keyMark;
+    full_ += encoded(key);
+    if (child) {
+      entity_ = child;
+    } else {
+      text_ = text;
+    }
+    collection_ = nullptr;
+    return {};
+  }
+
+  std::string attrIs(const std::string& part) {
+    const AttrRows rows = entity_->attrRows();
+    const auto found =
+        std::find_if(rows.begin(), rows.end(), [&](const AttrRow& r) { return r.name == part; });
+    if (found == rows.end() || found->run)
+      return nothing(part, rows.empty() ? "" : ": there are " + names(rows));
+    above_ = full_;
+    full_ += '/' + part;
+    if (found->get) {
+      text_ = found->get(*entity_);
+      return {};
+    }
+    // Another entity, which may be absent, or a collection.
+    const Entity* child = nullptr;
+    bool isChild = !found->from;
+    if (isChild)
+      found->each(*entity_, [&](const std::string& key, const Entity* c, const std::string&) {
+        isChild = isChild && key.empty();
+        child = c;
+      });
+    if (child && isChild) {
+      entity_ = child;
+    } else {
+      collection_ = &*found;
+    }
+    return {};
+  }
+
+  const Entity* entity_;
+  const AttrRow* collection_ = nullptr;
+  std::string full_;
+  std::string above_;  // of the entity that has the collection
+  std::optional<std::string> text_;
+};
+
+/// What of `after` lies behind `path`; nothing where it is not below it.
+std::optional<PartsLeft> behind(const Parts& path, const Parts& after) {
+  if (after.size() < path.size() || !std::equal(path.begin(), path.end(), after.begin()))
+    return std::nullopt;
+  return PartsLeft(after).subspan(path.size());
+}
+
+/// All roots, or those from the one that `after` is in. False: the page is full.
+bool showAll(const std::vector<StateTree::Root>& roots, Walk& walk, const Parts& after) {
+  auto root = roots.begin();
+  if (!after.empty()) {
+    root = std::find_if(root, roots.end(),
+                        [&](const StateTree::Root& r) { return r.name == after.front(); });
+    if (root == roots.end()) return true;
+    if (after.size() > 1 && !walk.entity(*root->entity, root->name, PartsLeft(after).subspan(1), 0))
+      return false;
+    ++root;
+  }
+  return std::all_of(root, roots.end(), [&](const StateTree::Root& r) {
+    return walk.entity(*r.entity, r.name, {}, 0);
+  });
+}
+
 }  // namespace
 
 StateTree::Page StateTree::page(std::string_view path, std::string_view after,
@@ -203,23 +295,10 @@ StateTree::Page StateTree::page(std::string_view path, std::string_view after,
   const Parts parts = partsOf(path);
   const Parts afterParts = partsOf(after);
   Walk walk(page, limits);
-
   if (parts.empty()) {
-    bool started = afterParts.empty();
-    for (const Root& root : roots_) {
-      PartsLeft left;
-      if (!started) {
-        if (root.name != afterParts.front()) continue;
-        started = true;
-        left = PartsLeft(afterParts).subspan(1);
-        if (left.empty()) continue;
-      }
-      if (!walk.entity(*root.entity, root.name, left, 0)) return page;
-    }
-    page.done = true;
+    page.done = showAll(roots_, walk, afterParts);
     return page;
   }
-
   const auto root = std::find_if(roots_.begin(), roots_.end(),
                                  [&](const Root& r) { return r.name == parts.front(); });
   if (root == roots_.end()) {
@@ -228,86 +307,19 @@ StateTree::Page StateTree::page(std::string_view path, std::string_view after,
     page.problem = "there is no " + inQuotes(parts.front()) + ": there are " + all;
     return page;
   }
-
-  // Down the path; `full` is its whole form.
-  const Entity* entity = root->entity.get();
-  const AttrRow* row = nullptr;
-  std::string full = root->name;
-  std::string above;
-  std::optional<std::string> text;
-  const auto nothing = [&](const std::string& part, const std::string& rest) {
-    page.problem = "there is no " + inQuotes(part) + " in " + printable(full) + rest;
-    return page;
-  };
-  for (size_t i = 1; i < parts.size(); ++i) {
-    const std::string& part = parts[i];
-    if (text) return nothing(part, ", which is a value");
-    if (row) {
-      std::string key;
-      const Entity* child = nullptr;
-      std::string memberText;
-      if (!findMember(*entity, *row, part, key, child, memberText)) return nothing(part, "");
-      full += '/';
-      full += keyMark;
-      full += encoded(key);
-      if (child) {
-        entity = child;
-      } else {
-        text = memberText;
-      }
-      row = nullptr;
-      continue;
-    }
-    const AttrRows rows = entity->attrRows();
-    const auto found =
-        std::find_if(rows.begin(), rows.end(), [&](const AttrRow& r) { return r.name == part; });
-    if (found == rows.end() || found->run)
-      return nothing(part, rows.empty() ? "" : ": there are " + names(rows));
-    above = full;
-    full += '/' + part;
-    if (found->get) {
-      text = found->get(*entity);
-    } else if (found->from) {
-      row = &*found;
-    } else {
-      // Another entity, which may be absent, or a collection that is read whole.
-      const Entity* child = nullptr;
-      bool isChild = true;
-      found->each(*entity, [&](const std::string& key, const Entity* c, const std::string&) {
-        isChild = isChild && key.empty();
-        child = c;
-      });
-      if (child && isChild) {
-        entity = child;
-      } else {
-        row = &*found;
-      }
-    }
-  }
-
+  Place place(*root);
+  for (size_t i = 1; i < parts.size() && page.problem.empty(); ++i)
+    page.problem = place.partIs(parts[i]);
+  if (!page.problem.empty()) return page;
   PartsLeft left;
-  Parts fullParts;
   if (!afterParts.empty()) {
-    fullParts = partsOf(full);
-    if (afterParts.size() < fullParts.size() ||
-        !std::equal(fullParts.begin(), fullParts.end(), afterParts.begin())) {
-      page.problem = inQuotes(after) + " is not in " + printable(full);
-      return page;
-    }
-    left = PartsLeft(afterParts).subspan(fullParts.size());
-    if (left.empty()) {
-      page.done = true;
-      return page;
-    }
+    const auto found = behind(partsOf(place.full()), afterParts);
+    if (!found) page.problem = inQuotes(after) + " is not in " + printable(place.full());
+    page.done = found && found->empty();
+    if (!found || page.done) return page;
+    left = *found;
   }
-  if (text) {
-    walk.add(full, text);
-    page.done = true;
-  } else if (row) {
-    page.done = walk.row(*entity, *row, above, left, 0);
-  } else {
-    page.done = walk.entity(*entity, full, left, 0);
-  }
+  page.done = place.show(walk, left);
   return page;
 }
 

@@ -24,12 +24,7 @@ template <class T>
 SharedTable::Octets octetsOf(const T& value) {
   return std::as_bytes(std::span(&value, 1));
 }
-std::string errnoText(int err) { return std::strerror(err); }
 
-Ptr<ExporterInfo> infoOf(const LibraryTree& tree, const CollectorName& name) {
-  const auto tracker = tree.info ? tree.info->ftInfo(name.tracker) : nullptr;
-  return tracker ? tracker->expInfo(name.exporter) : nullptr;
-}
 }  // namespace
 
 std::string_view statusText(Status status) {
@@ -99,7 +94,8 @@ void CollectorStates::look() {
          auto [tree, fresh] = trees.try_emplace(tracker.type);
          if (fresh) tree->second = view_.tree(tracker.type);
          const bool ipv6 = collector.address.isIpv6();
-         lookAt({{name.tracker, name.exporter}, ipv6}, infoOf(tree->second, name));
+         lookAt({{name.tracker, name.exporter}, ipv6},
+                tree->second.exporterInfo(name.tracker, name.exporter));
          note(name);
          last_ = name;
          return true;
@@ -175,6 +171,55 @@ void CollectorStates::Endpoint::follow(const UdpPam* endpoint, const UdpPamCount
   }
 }
 
+namespace {
+std::string familyText(bool ipv6) { return ipv6 ? "IPv6" : "IPv4"; }
+
+CollectorState withoutAddress(const ExportsView& view, const std::string& host) {
+  const std::string problem = view.hostProblem(host);
+  return {Status::waitingForAddress,
+          problem.empty() ? "its host " + host + " has no address to use yet"
+                          : "its host " + host + " cannot be looked up: " + problem,
+          0};
+}
+
+CollectorState withoutSource(const ExportsView& view, const ExporterSettings& e, bool ipv6) {
+  const auto network = view.networks->network(e.vrf);
+  if (!network || !network->present())
+    return {Status::waitingForNamespace,
+            e.vrf.stringValue() == defaultVrf
+                ? "its links are not known yet"
+                : "there is no namespace " + namespaceOf(e.vrf).stringValue(),
+            0};
+  const std::string where = e.localInterface + " in VRF " + e.vrf.stringValue();
+  const Link* link = network->link(e.localInterface);
+  const std::string why = !link                         ? "there is no interface " + where
+                          : (link->flags & IFF_UP) == 0 ? "interface " + where + " is down"
+                                                        : "interface " + where + " has no " +
+                                                              familyText(ipv6) + " address to use";
+  return {Status::waitingForAddress, why, 0};
+}
+
+CollectorState withoutSocket(const LibraryTree& tree, const CollectorName& name, bool ipv6) {
+  const auto ftInfoSm = tree.infoSm ? tree.infoSm->ftInfoSm(name.tracker) : nullptr;
+  const auto infoSm = ftInfoSm ? ftInfoSm->expInfoSm(name.exporter) : nullptr;
+  const std::string problem =
+      infoSm ? (ipv6 ? infoSm->pam6Problem() : infoSm->pam4Problem()) : std::string();
+  return {Status::refused, "no socket" + (problem.empty() ? "" : ": " + problem), 0};
+}
+
+/// Empty when the collector has the templates.
+std::string templateProblem(const LibraryTree& tree, const CollectorName& name,
+                            FlowTracking::FlowTrackingType type) {
+  const auto tracker = tree.templateSm ? tree.templateSm->ftTemplateSm(name.tracker) : nullptr;
+  const auto templates = tracker ? tracker->ftExporterSm(name.exporter) : nullptr;
+  if (templates && templates->hasTemplates(name.collector)) return {};
+  if (templates && templates->templateReady()) return "it is about to be sent";
+  return type == FlowTracking::FlowTrackingType::hardware
+             ? "no device has published a data template"
+             : "the tracker has no data template";
+}
+}  // namespace
+
 CollectorState CollectorStates::find(const CollectorName& name) {
   const Settings& settings = view_.settings();
   const auto tracker = settings.trackers.find(name.tracker);
@@ -183,71 +228,33 @@ CollectorState CollectorStates::find(const CollectorName& name) {
   if (exporter == tracker->second.exporters.end()) return {};
   const auto collector = exporter->second.collectors.find(name.collector);
   if (collector == exporter->second.collectors.end()) return {};
-  const ExporterSettings& e = exporter->second;
   const bool ipv6 = collector->second.address.isIpv6();
-  if (collector->second.address.family() == IpGenAddr::Family::none) {
-    const std::string& host = collector->second.host;
-    const std::string problem = view_.hostProblem(host);
-    return {Status::waitingForAddress,
-            problem.empty() ? "its host " + host + " has no address to use yet"
-                            : "its host " + host + " cannot be looked up: " + problem,
-            0};
-  }
+  if (collector->second.address.family() == IpGenAddr::Family::none)
+    return withoutAddress(view_, collector->second.host);
   const LibraryTree tree = view_.tree(tracker->second.type);
-  const auto ftConfig = tree.config ? tree.config->ftConfig(name.tracker) : nullptr;
-  const auto config = ftConfig ? ftConfig->expConfig(name.exporter) : nullptr;
+  const auto config = tree.exporterConfig(name.tracker, name.exporter);
   if (!config) return {Status::waitingForAddress, "", 0};
-
-  const std::string where = e.localInterface + " in VRF " + e.vrf.stringValue();
-  const std::string family = ipv6 ? "IPv6" : "IPv4";
-  if (ipv6 ? config->srcIp6Addr().isZero() : config->srcIpAddr().isZero()) {
-    const auto network = view_.networks->network(e.vrf);
-    if (!network || !network->present())
-      return {Status::waitingForNamespace,
-              e.vrf.stringValue() == defaultVrf
-                  ? "its links are not known yet"
-                  : "there is no namespace " + namespaceOf(e.vrf).stringValue(),
-              0};
-    const Link* link = network->link(e.localInterface);
-    const std::string why = !link ? "there is no interface " + where
-                            : (link->flags & IFF_UP) == 0
-                                ? "interface " + where + " is down"
-                                : "interface " + where + " has no " + family + " address to use";
-    return {Status::waitingForAddress, why, 0};
-  }
-  const auto info = infoOf(tree, name);
+  if (ipv6 ? config->srcIp6Addr().isZero() : config->srcIpAddr().isZero())
+    return withoutSource(view_, exporter->second, ipv6);
+  const auto info = tree.exporterInfo(name.tracker, name.exporter);
   const UdpPam* pam = pamOf(info.get(), ipv6);
-  if (!pam) {
-    const auto ftInfoSm = tree.infoSm ? tree.infoSm->ftInfoSm(name.tracker) : nullptr;
-    const auto infoSm = ftInfoSm ? ftInfoSm->expInfoSm(name.exporter) : nullptr;
-    const std::string problem =
-        infoSm ? (ipv6 ? infoSm->pam6Problem() : infoSm->pam4Problem()) : std::string();
-    return {Status::refused, "no socket" + (problem.empty() ? "" : ": " + problem), 0};
-  }
-  const auto ftTemplates = tree.templateSm ? tree.templateSm->ftTemplateSm(name.tracker) : nullptr;
-  const auto templates = ftTemplates ? ftTemplates->ftExporterSm(name.exporter) : nullptr;
-  const bool hasTemplates = templates && templates->hasTemplates(name.collector);
-  if (!hasTemplates && (!templates || !templates->templateReady()))
-    return {Status::waitingForTemplate,
-            tracker->second.type == FlowTracking::FlowTrackingType::hardware
-                ? "no device has published a data template"
-                : "the tracker has no data template",
-            0};
-  if (!hasTemplates) return {Status::waitingForTemplate, "it is about to be sent", 0};
+  if (!pam) return withoutSocket(tree, name, ipv6);
+  if (auto problem = templateProblem(tree, name, tracker->second.type); !problem.empty())
+    return {Status::waitingForTemplate, std::move(problem), 0};
   const EndpointKey key{{name.tracker, name.exporter}, ipv6};
   auto endpoint = endpoints_.find(key);
   if (endpoint == endpoints_.end() || endpoint->second.pam != pam) {
     lookAt(key, info);  // younger than the last look, and its datagrams may all have been refused
     endpoint = endpoints_.find(key);
   }
-  if (endpoint != endpoints_.end() && endpoint->second.pam == pam) {
-    if (const int err = endpoint->second.refused; err != 0)
-      return {Status::refused, errnoText(err), 0};
-    if (const int err = endpoint->second.partly; err != 0)
-      return {Status::sending,
-              "some of what this exporter sends over " + family + " is refused: " + errnoText(err),
-              0};
-  }
+  if (endpoint == endpoints_.end() || endpoint->second.pam != pam) return {};
+  if (const int err = endpoint->second.refused; err != 0)
+    return {Status::refused, std::strerror(err), 0};
+  if (const int err = endpoint->second.partly; err != 0)
+    return {Status::sending,
+            "some of what this exporter sends over " + familyText(ipv6) +
+                " is refused: " + std::strerror(err),
+            0};
   return {};
 }
 

@@ -18,6 +18,18 @@ struct LibraryTree {
   Ptr<FlowTracking::FlowTrackingInfoSm> infoSm;
   Ptr<FlowTracking::TemplateSm> templateSm;
   Ptr<FlowTracking::OptionsDataManagerSm> optionsDataSm;
+
+  // Of one exporter; null where there is none.
+  Ptr<HwFlowTracking::ExporterConfig> exporterConfig(const std::string& tracker,
+                                                     const std::string& exporter) const {
+    const auto found = config ? config->ftConfig(tracker) : nullptr;
+    return found ? found->expConfig(exporter) : nullptr;
+  }
+  Ptr<FlowTracking::ExporterInfo> exporterInfo(const std::string& tracker,
+                                               const std::string& exporter) const {
+    const auto found = info ? info->ftInfo(tracker) : nullptr;
+    return found ? found->expInfo(exporter) : nullptr;
+  }
 };
 
 /// The running agent as those see it who tell of what it exports.
