@@ -6,9 +6,11 @@
 #include <cstring>
 #include <filesystem>
 
+#include "cli/text/Arguments.h"
 #include "cli/text/Output.h"
 
 namespace cli {
+namespace {
 
 int check(const std::string& file) {
   namespace fs = std::filesystem;
@@ -31,6 +33,17 @@ int check(const std::string& file) {
   complain("tarnflow check: {} is neither in {} nor in {} nor in PATH ({})\n", agent, own.string(),
            (own.parent_path() / "sbin").string(), std::strerror(err));
   return 2;
+}
+
+}  // namespace
+
+void addCheck(CLI::App& app, int& status) {
+  auto [cmd, file] = addCommand<std::string>(
+      app, "check", "Validate a configuration file as the agent would", status, check);
+  cmd->add_option("FILE", file, "The configuration file")->required()->type_name("");
+  cmd->footer(
+      "Exit status: 0 valid; 1 not, with file:line:column of every error; 2 when tarnflowd "
+      "is not installed.");
 }
 
 }  // namespace cli

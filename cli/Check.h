@@ -1,11 +1,14 @@
 #pragma once
-#include <string>
+
+namespace CLI {
+class App;
+}
 
 namespace cli {
 
-/// Has the agent's own parser judge a configuration file: becomes `tarnflowd --check FILE
-/// --effective`, the program beside this one, in ../sbin, or in PATH. Returns 2 only when there is
-/// none.
-int check(const std::string& file);
+/// `check` has the agent's own parser judge a configuration file: becomes `tarnflowd --check FILE
+/// --effective`, the program beside this one, in ../sbin, or in PATH. Sets `status` to 2 only when
+/// there is none.
+void addCheck(CLI::App& app, int& status);
 
 }  // namespace cli

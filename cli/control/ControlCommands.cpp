@@ -1,10 +1,12 @@
 #include "cli/control/ControlCommands.h"
 
-#include <functional>
-#include <vector>
+#include <memory>
+#include <optional>
+#include <string>
 
 #include "cli/control/ControlClient.h"
 #include "cli/control/ControlShow.h"
+#include "cli/text/Arguments.h"
 #include "cli/text/Output.h"
 #include "cli/text/Quoted.h"
 #include "cli/text/Text.h"
@@ -17,14 +19,13 @@ constexpr int exitFault = 1;
 constexpr int exitFailure = 2;
 constexpr size_t membersShown = 20;
 constexpr size_t rowsShown = 20;
-}  // namespace
 
-struct ControlCommands::Command {
-  CLI::App* app;
-  std::function<int(ControlClient&)> run;
-};
+struct ControlCommands {
+  using Run = int (ControlCommands::*)(ControlClient&) const;
 
-struct ControlCommands::Parts {
+  explicit ControlCommands(int& exitStatus) : status(exitStatus) {}
+
+  int& status;
   std::string socket = "/run/tarnflow/control.sock";
   bool json = false;
   std::string path;
@@ -33,18 +34,31 @@ struct ControlCommands::Parts {
   std::string table;
   std::string level;
   std::optional<size_t> limit;
-  std::vector<Command> commands;
 
-  CLI::App* add(CLI::App& to, const char* name, const char* what,
-                std::function<int(ControlClient&)> run) {
+  /// Adds a command, which lives as long as `p` does.
+  static CLI::App* add(const std::shared_ptr<ControlCommands>& p, CLI::App& to, const char* name,
+                       const char* what, Run run) {
     CLI::App* cmd = to.add_subcommand(name, what);
-    cmd->add_option("--socket", socket, "The agent's control socket (agent.control)")
+    cmd->add_option("--socket", p->socket, "The agent's control socket (agent.control)")
         ->type_name("PATH")
         ->envname("TARNFLOW_SOCKET")
         ->capture_default_str();
-    cmd->add_flag("--json", json, "One JSON object, on one line");
-    commands.push_back({cmd, std::move(run)});
+    cmd->add_flag("--json", p->json, "One JSON object, on one line");
+    cmd->callback([p, run] { p->status = p->ask(run); });
     return cmd;
+  }
+  int ask(Run run) const {
+    try {
+      ControlClient agent(socket);
+      return (this->*run)(agent);
+    } catch (const NoAgent& e) {
+      complain("tarnflow: {}\n", e.what());
+    } catch (const Refused& e) {
+      complain("tarnflow: the agent refuses: {}\n", shown(e.what()));
+    } catch (const Json::exception& e) {
+      complain("tarnflow: the agent's answer is not understood: {}\n", shown(e.what()));
+    }
+    return exitFailure;
   }
 
   void addTracker(CLI::App* cmd) {
@@ -186,76 +200,58 @@ struct ControlCommands::Parts {
     return done ? 0 : exitFault;
   }
 };
+}  // namespace
 
-ControlCommands::ControlCommands(CLI::App& app, CLI::App& show)
-    : parts_(std::make_unique<Parts>()) {
-  Parts& p = *parts_;
+void addControl(CLI::App& app, CLI::App& show, int& status) {
+  const auto p = std::make_shared<ControlCommands>(status);
+  const auto add = ControlCommands::add;
   CLI::App* state =
-      p.add(show, "state", "Everything that runs, as the agent's own objects have it, live",
-            [&p](ControlClient& agent) { return p.showState(agent); });
-  state->add_option("PATH", p.path, "Only what is there and below, such as interfaces/intfIndex")
+      add(p, show, "state", "Everything that runs, as the agent's own objects have it, live",
+          &ControlCommands::showState);
+  state->add_option("PATH", p->path, "Only what is there and below, such as interfaces/intfIndex")
       ->type_name("");
-  p.addLimit(state, "Members shown of each collection; 0: all [20; with --json all]");
+  p->addLimit(state, "Members shown of each collection; 0: all [20; with --json all]");
 
   CLI::App* collectors =
-      p.add(show, "collectors", "Whether each collector is sent to, and if not, what is missing",
-            [&p](ControlClient& agent) { return p.showCollectors(agent); });
-  p.addTracker(collectors);
-  p.addExporter(collectors);
+      add(p, show, "collectors", "Whether each collector is sent to, and if not, what is missing",
+          &ControlCommands::showCollectors);
+  p->addTracker(collectors);
+  p->addExporter(collectors);
   collectors->footer(
       "Exit status: 0; 1 when a collector is not sent to, or there is none; 2 no agent.");
 
-  CLI::App* tables = p.add(show, "tables", "The options tables as they are now, decoded",
-                           [&p](ControlClient& agent) { return p.showTables(agent); });
-  tables->add_option("NAME", p.table, "Only this one: interfaces, vrfs, trackers or flow-keys")
+  CLI::App* tables = add(p, show, "tables", "The options tables as they are now, decoded",
+                         &ControlCommands::showTables);
+  tables->add_option("NAME", p->table, "Only this one: interfaces, vrfs, trackers or flow-keys")
       ->type_name("");
-  p.addTracker(tables);
-  p.addLimit(tables, "Records shown of each table; 0: all [20; of one table all; with --json all]");
+  p->addTracker(tables);
+  p->addLimit(tables,
+              "Records shown of each table; 0: all [20; of one table all; with --json all]");
 
-  CLI::App* templates = p.add(show, "templates", "Data and options templates with their fields",
-                              [&p](ControlClient& agent) { return p.showTemplates(agent); });
-  p.addTracker(templates);
+  CLI::App* templates = add(p, show, "templates", "Data and options templates with their fields",
+                            &ControlCommands::showTemplates);
+  p->addTracker(templates);
 
   CLI::App* clear = app.add_subcommand("clear", "Set to zero what a running agent counts");
   clear->require_subcommand(1);
-  p.add(*clear, "counters", "The counters of all collectors",
-        [&p](ControlClient& agent) { return p.clearCounters(agent); });
+  add(p, *clear, "counters", "The counters of all collectors", &ControlCommands::clearCounters);
 
-  CLI::App* resend = p.add(app, "resend", "Have the agent send templates and full tables again now",
-                           [&p](ControlClient& agent) { return p.resend(agent); });
-  p.addTracker(resend);
-  p.addExporter(resend);
+  CLI::App* resend =
+      add(p, app, "resend", "Have the agent send templates and full tables again now",
+          &ControlCommands::resend);
+  p->addTracker(resend);
+  p->addExporter(resend);
   resend->footer("Exit status: 0; 1 when nobody is being sent to; 2 no agent, or not allowed.");
 
   CLI::App* logLevel =
-      p.add(app, "log-level", "Show, or set, how much of its inside the agent logs",
-            [&p](ControlClient& agent) { return p.logLevel(agent); });
-  logLevel->add_option("LEVEL", p.level, "0 to 9, or error (0), event (3), detail (5), packet (8)")
+      add(p, app, "log-level", "Show, or set, how much of its inside the agent logs",
+          &ControlCommands::logLevel);
+  logLevel->add_option("LEVEL", p->level, "0 to 9, or error (0), event (3), detail (5), packet (8)")
       ->type_name("");
-  p.add(app, "reload", "Have the agent read its configuration again",
-        [&p](ControlClient& agent) { return p.reload(agent); })
+  add(p, app, "reload", "Have the agent read its configuration again", &ControlCommands::reload)
       ->footer(
           "Exit status: 0 reloaded; 1 the configuration has errors, and what ran before runs "
           "on; 2 no agent, or\nnot allowed.");
-}
-ControlCommands::~ControlCommands() = default;
-
-std::optional<int> ControlCommands::run() {
-  for (const Command& command : parts_->commands) {
-    if (!*command.app) continue;
-    try {
-      ControlClient agent(parts_->socket);
-      return command.run(agent);
-    } catch (const NoAgent& e) {
-      complain("tarnflow: {}\n", e.what());
-    } catch (const Refused& e) {
-      complain("tarnflow: the agent refuses: {}\n", shown(e.what()));
-    } catch (const Json::exception& e) {
-      complain("tarnflow: the agent's answer is not understood: {}\n", shown(e.what()));
-    }
-    return exitFailure;
-  }
-  return std::nullopt;
 }
 
 }  // namespace cli

@@ -1,0 +1,74 @@
+#include "cli/counters/CountersCommands.h"
+
+#include "cli/counters/Counters.h"
+#include "cli/counters/Flows.h"
+#include "cli/counters/Metrics.h"
+#include "cli/text/Arguments.h"
+
+namespace cli {
+namespace {
+void addName(CLI::App* cmd, std::string& to) {
+  cmd->add_option("--name", to, "Shared memory of the agent's statistics")
+      ->type_name("/NAME")
+      ->capture_default_str()
+      ->check([](const std::string& name) {
+        return name.size() > 1 && name[0] == '/' && name.find('/', 1) == std::string::npos
+                   ? std::string()
+                   : "\"" + name + "\" is no name of shared memory: one '/' and it comes first";
+      });
+}
+void addTableOptions(CLI::App* cmd, CountersOptions& options) {
+  addName(cmd, options.name);
+  cmd->add_flag("--json", options.json, "One JSON object, on one line");
+  cmd->add_option("--watch", options.watch, "Show again every S seconds")
+      ->type_name("S")
+      ->check(positive());
+}
+}  // namespace
+
+void addCounters(CLI::App& show, int& status) {
+  auto [cmd, options] = addCommand<CountersOptions>(
+      show, "counters", "What was exported, per tracker, exporter and collector", status,
+      showCounters);
+  addTableOptions(cmd, options);
+  cmd->add_option("--tracker", options.tracker, "Only this tracker's")->type_name("NAME");
+  cmd->add_option("--exporter", options.exporter, "Only exporters of this name")->type_name("NAME");
+  cmd->footer(
+      "Reads shared memory; the agent notices nothing. Exit status: 0; 1 when no agent runs or "
+      "nothing was sent yet.");
+}
+
+void addFlows(CLI::App& show, int& status) {
+  auto [cmd, options] = addCommand<CountersOptions>(
+      show, "flows", "What the software flow path saw, dropped, holds and reported, per tracker",
+      status, showFlows);
+  addTableOptions(cmd, options);
+  cmd->footer(
+      "Reads shared memory; the agent notices nothing. Exit status: 0; 1 when no agent runs or no "
+      "tracker looks at packets.");
+}
+
+void addMetrics(CLI::App& app, int& status) {
+  auto [cmd, options] = addCommand<MetricsOptions>(
+      app, "metrics", "Serve what the agent counts to Prometheus, over HTTP or as a file", status,
+      metrics);
+  addName(cmd, options.name);
+  auto* listenOption = cmd->add_option("--listen", options.listen, "Where to serve /metrics")
+                           ->type_name("ADDR:PORT")
+                           ->capture_default_str()
+                           ->check(listenError);
+  auto* textFile = cmd->add_option("--textfile", options.textFile,
+                                   "Write this file instead, once, for node-exporter's text-file "
+                                   "collector")
+                       ->type_name("FILE")
+                       ->excludes(listenOption);
+  cmd->add_option("--interval", options.interval, "Write the file again every S seconds")
+      ->type_name("S")
+      ->check(positive())
+      ->needs(textFile);
+  cmd->footer(
+      "Reads shared memory; goes on while the agent is stopped and started. Exit status: 0; 1 when "
+      "it could not listen or write.");
+}
+
+}  // namespace cli

@@ -1,0 +1,30 @@
+#pragma once
+#include <CLI/CLI.hpp>
+#include <memory>
+#include <string>
+#include <utility>
+
+/// How the tool's commands come to be.
+namespace cli {
+
+/// Adds a command to `to` and returns it with its options, which the command line fills. When the
+/// command is given, `run` gets the options and `status` what it returns.
+template <class Options, class Run>
+std::pair<CLI::App*, Options&> addCommand(CLI::App& to, const char* name, const char* what,
+                                          int& status, Run run) {
+  const auto options = std::make_shared<Options>();
+  CLI::App* const cmd = to.add_subcommand(name, what);
+  cmd->callback([options, run, &status] { status = run(*options); });
+  return {cmd, *options};
+}
+
+inline CLI::Validator positive() {
+  return {[](const std::string& text) {
+            double v = 0;
+            return CLI::detail::lexical_cast(text, v) && v > 0 ? std::string()
+                                                               : text + " is not a number above 0";
+          },
+          ""};
+}
+
+}  // namespace cli
