@@ -1,5 +1,7 @@
 #include "agent/flow/PacketParser.h"
 
+#include <optional>
+
 #include "agent/flow/KeyHash.h"
 
 namespace agent::flow {
@@ -129,84 +131,104 @@ ParseError PacketParser::parse4(const Packet& p, NetworkLayer ip, Parsed& out) {
     key.interface = p.interface;
     key.version = 4;
     key.protocol = flow.protocol;
-    if (first) {
-      fragments_.portsIs(key, p.timeNs, {flow.srcPort, flow.dstPort, flow.protocol});
-    } else if (const FragmentTable::Ports* known = fragments_.ports(key, p.timeNs)) {
-      flow.srcPort = known->src;
-      flow.dstPort = known->dst;
-    }
+    fragmentIs(key, p, first, flow);
   }
   keyIs(out.key4, o + 12, flow);
   return ParseError::none;
 }
 
-ParseError PacketParser::parse6(const Packet& p, NetworkLayer ip, Parsed& out) {
-  constexpr size_t headerLen = 40;
+void PacketParser::fragmentIs(const FragmentTable::Key& key, const Packet& p, bool first,
+                              FlowClass& flow) {
+  if (first) {
+    fragments_.portsIs(key, p.timeNs, {flow.srcPort, flow.dstPort, flow.protocol});
+  } else if (const FragmentTable::Ports* known = fragments_.ports(key, p.timeNs)) {
+    flow.srcPort = known->src;
+    flow.dstPort = known->dst;
+    // In IPv6 extension headers may have stood between the fragment header and the transport's.
+    flow.protocol = known->protocol;
+  }
+}
+
+namespace {
+constexpr size_t header6Len = 40;
+
+/// Octets behind the IPv6 header at `at`; nothing where the jumbo payload option contradicts
+/// itself.
+std::optional<size_t> payload6(const Packet& p, size_t at) {
   constexpr size_t payloadMax = 0xffff;
-  if (p.capLen - ip.at < headerLen) return lacking(p, ip.at + headerLen);
+  const uint8_t* o = p.octets + at;
+  if (const size_t payload = be16(o + 4); payload > 0) return payload;
+  // The jumbo payload option (RFC 2675), where it comes first, as it does in practice; or a
+  // packet of segmentation offload that has no room for its length. Any other is just empty.
+  if (o[6] == hopByHop && p.capLen - at >= header6Len + 8 && o[header6Len + 2] == 0xc2 &&
+      o[header6Len + 3] == 4) {
+    const size_t payload = size_t{be16(o + header6Len + 4)} << 16 | be16(o + header6Len + 6);
+    return payload > payloadMax ? std::optional(payload) : std::nullopt;
+  }
+  const size_t room = roomAt(p, at);
+  return room > header6Len + payloadMax ? room - header6Len : 0;
+}
+
+/// What the headers between an IPv6 header and its transport's say.
+struct Extensions {
+  size_t at;          // where the transport's header begins
+  uint8_t next;       // what it is
+  bool first = true;  // the fragment that has it, or no fragment
+  bool more = false;  // fragments follow
+  uint32_t id = 0;    // of the fragments
+
+  /// Goes through the extension headers of a packet that ends at `end`.
+  ParseError skip(const Packet& p, size_t end) {
+    for (int n = 0; first && isExtension(next); ++n) {
+      if (n == extensionsMax || end - at < 8) return ParseError::malformed;
+      if (at + 8 > p.capLen) return ParseError::truncated;
+      const uint8_t* h = p.octets + at;
+      size_t len = (size_t{h[1]} + 1) * 8;
+      if (next == authentication) len = (size_t{h[1]} + 2) * 4;
+      if (next == fragment) {
+        len = 8;
+        first = (be16(h + 2) & 0xfff8) == 0;
+        more = (h[3] & 1) != 0;
+        id = uint32_t{be16(h + 4)} << 16 | be16(h + 6);
+      }
+      if (end - at < len) return ParseError::malformed;
+      next = h[0];
+      at += len;
+    }
+    return ParseError::none;
+  }
+};
+}  // namespace
+
+ParseError PacketParser::parse6(const Packet& p, NetworkLayer ip, Parsed& out) {
+  if (p.capLen - ip.at < header6Len) return lacking(p, ip.at + header6Len);
   const uint8_t* o = p.octets + ip.at;
   const uint32_t head = load32(o);
-  const size_t room = roomAt(p, ip.at);
-  uint8_t next = o[6];
-  size_t payload = load16(o + 4);
-  if (payload == 0) {
-    // The jumbo payload option (RFC 2675), where it comes first, as it does in practice; or a
-    // packet of segmentation offload that has no room for its length. Any other is just empty.
-    if (next == hopByHop && p.capLen - ip.at >= headerLen + 8 && o[headerLen + 2] == 0xc2 &&
-        o[headerLen + 3] == 4) {
-      payload = load32(o + headerLen + 4);
-      if (payload <= payloadMax) return ParseError::malformed;
-    } else if (room > headerLen + payloadMax) {
-      payload = room - headerLen;
-    }
-  }
-  if (head >> 28 != 6 || headerLen + payload > room) return ParseError::malformed;
+  const auto payload = payload6(p, ip.at);
+  if (!payload || head >> 28 != 6 || header6Len + *payload > roomAt(p, ip.at))
+    return ParseError::malformed;
 
   out.ipv6 = true;
   out.tcpFlags = 0;
-  out.ipOctets = static_cast<uint32_t>(headerLen + payload);
+  out.ipOctets = static_cast<uint32_t>(header6Len + *payload);
   out.flowLabel = head & 0xfffff;
   FlowClass flow{0, 0, 0, static_cast<uint8_t>(head >> 20 & 0xff), ip.vlanId, p.interface};
-
-  FragmentTable::Key key;
-  bool first = true;
-  bool more = false;
-  const size_t end = ip.at + headerLen + payload;
-  size_t at = ip.at + headerLen;
-  for (int n = 0; first && isExtension(next); ++n) {
-    if (n == extensionsMax || end - at < 8) return ParseError::malformed;
-    if (at + 8 > p.capLen) return ParseError::truncated;
-    const uint8_t* h = p.octets + at;
-    size_t len = (size_t{h[1]} + 1) * 8;
-    if (next == authentication) len = (size_t{h[1]} + 2) * 4;
-    if (next == fragment) {
-      len = 8;
-      first = (load16(h + 2) & 0xfff8) == 0;
-      more = (h[3] & 1) != 0;
-      key.id = load32(h + 4);
-    }
-    if (end - at < len) return ParseError::malformed;
-    next = h[0];
-    at += len;
-  }
-  flow.protocol = next;
-  if (first) {
-    const ParseError e = parseTransport(p, at, end, flow, out.tcpFlags, icmp6);
+  const size_t end = ip.at + header6Len + *payload;
+  Extensions x{.at = ip.at + header6Len, .next = o[6]};
+  if (const ParseError e = x.skip(p, end); e != ParseError::none) return e;
+  flow.protocol = x.next;
+  if (x.first) {
+    const ParseError e = parseTransport(p, x.at, end, flow, out.tcpFlags, icmp6);
     if (e != ParseError::none) return e;
   }
-  if (!first || more) {
+  if (!x.first || x.more) {
+    FragmentTable::Key key;
     std::memcpy(key.src.data(), o + 8, 16);
     std::memcpy(key.dst.data(), o + 24, 16);
+    key.id = x.id;
     key.interface = p.interface;
     key.version = 6;
-    if (first) {
-      fragments_.portsIs(key, p.timeNs, {flow.srcPort, flow.dstPort, flow.protocol});
-    } else if (const FragmentTable::Ports* known = fragments_.ports(key, p.timeNs)) {
-      flow.srcPort = known->src;
-      flow.dstPort = known->dst;
-      // Extension headers may have stood between the fragment header and the transport's.
-      flow.protocol = known->protocol;
-    }
+    fragmentIs(key, p, x.first, flow);
   }
   keyIs(out.key6, o + 8, flow);
   return ParseError::none;

@@ -131,6 +131,9 @@ class PacketParser {
   ParseError parse4(const Packet& packet, NetworkLayer ip, Parsed& out);
   ParseError parse6(const Packet& packet, NetworkLayer ip, Parsed& out);
 
+  /// Of a packet in fragments: the first one leaves its ports, which those behind it find.
+  void fragmentIs(const FragmentTable::Key& key, const Packet& packet, bool first, FlowClass& flow);
+
   FragmentTable fragments_;
 };
 
