@@ -301,10 +301,6 @@ void readTrackers(Section& root, Settings& out) {
 void readVrfs(Section& root, Settings& out) {
   const std::string defaultName{defaultVrf};
   std::map<VrfId, std::string> taken;
-  struct Entry {
-    std::string name;
-    VrfId id;
-  };
   root.tables("vrf", "VRF", vrfNameProblem, [&](const std::string& name, Section& s) {
     VrfId id = 0;
     if (!s.required<VrfId>("id", id, integer<VrfId>("a VRF's id", 0, vrfIdMax),

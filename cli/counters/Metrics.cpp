@@ -159,82 +159,98 @@ void endpointFamilies(Exposition& out, const std::vector<FlowTracking::EndpointR
   for (size_t i = 0; i < all.size(); ++i) out.sample(labels[i], all[i].undelivered);
 }
 
-void flowFamilies(Exposition& out, const std::vector<FlowPathRecord>& flows) {
-  std::vector<std::string> trackers;
-  trackers.reserve(flows.size());
-  for (const FlowPathRecord& f : flows)
-    trackers.push_back(fmt::format(R"(tracker="{}")", labelValue(f.key.name())));
-  const auto samples = [&](uint64_t FlowPathRecord::*value) {
-    for (size_t i = 0; i < flows.size(); ++i) out.sample(trackers[i], flows[i].*value);
-  };
-  const auto counter = [&](std::string_view name, std::string_view help,
-                           uint64_t FlowPathRecord::*value) {
-    out.counter(name, help);
-    samples(value);
-  };
-  const auto gauge = [&](std::string_view name, std::string_view help,
-                         uint64_t FlowPathRecord::*value) {
-    out.gauge(name, help);
-    samples(value);
-  };
+/// The families of what each tracker counts.
+class FlowFamilies {
+ public:
+  FlowFamilies(Exposition& out, const std::vector<FlowPathRecord>& flows)
+      : out_(out), flows_(flows) {
+    trackers_.reserve(flows.size());
+    for (const FlowPathRecord& f : flows)
+      trackers_.push_back(fmt::format(R"(tracker="{}")", labelValue(f.key.name())));
+  }
+
+  void packets() {
+    counter("tarnflow_capture_packets_total", "Packets that reached the capture, after sampling.",
+            &R::packetsSeen);
+    parts("tarnflow_capture_packets_uncounted_total", "Of these, packets that no flow counted.",
+          {{"kernel_drop", &R::kernelDrops},
+           {"not_ip", &R::notIp},
+           {"truncated", &R::truncated},
+           {"malformed", &R::malformed}});
+    counter("tarnflow_flow_packets_total", "Packets counted in flows.", &R::packets);
+    counter("tarnflow_flow_bytes_total", "Octets of their IP packets.", &R::octets);
+    gauge("tarnflow_flows_active", "Flows now.", &R::flowsActive);
+    gauge("tarnflow_flows_max", "Flows that have room.", &R::flowsMax);
+    counter("tarnflow_flows_created_total", "Flows that began.", &R::flowsCreated);
+    parts("tarnflow_flows_reported_total", "Flow records made, by flowEndReason.",
+          {{"idle", &R::endedIdle},
+           {"active", &R::endedActive},
+           {"end_of_flow", &R::endedEndOfFlow},
+           {"forced", &R::endedForced},
+           {"resources", &R::endedResources}});
+    parts("tarnflow_flows_lost_total", "Flows that ended without a record.",
+          {{"no_collector", &R::lostNoCollector}, {"queue_full", &R::lostQueueFull}});
+    counter("tarnflow_flow_packets_lost_total", "Packets of the flows without a record.",
+            &R::lostPackets);
+    counter("tarnflow_flow_records_sent_total", "Flow records sent, once per collector.",
+            &R::records);
+    counter("tarnflow_flow_records_lost_total",
+            "Flow records of an exporter none of whose collectors was ready.", &R::recordsLost);
+    counter("tarnflow_flow_messages_sent_total", "Messages of flow records, once per collector.",
+            &R::messages);
+    gauge("tarnflow_sampling_interval_packets", "One packet out of so many is looked at.",
+          &R::sampleRate);
+  }
+  void devices() {
+    counter("tarnflow_device_messages_total", "IPFIX messages that devices sent.",
+            &R::deviceMessages);
+    counter("tarnflow_device_records_total", "Data records in them, of templates that were known.",
+            &R::deviceRecords);
+    counter("tarnflow_device_records_refused_total",
+            "Of these, records of a refused template, or too large.", &R::deviceRecordsRefused);
+    counter("tarnflow_device_unknown_sets_total", "Sets of records whose template was not known.",
+            &R::deviceSetsUnknown);
+    parts("tarnflow_device_datagrams_lost_total", "Datagrams of devices that were not looked at.",
+          {{"malformed", &R::deviceDatagramsBad},
+           {"buffer_full", &R::deviceDatagramsLost},
+           {"looped", &R::deviceDatagramsLooped}});
+  }
+  void times() {
+    out_.gauge("tarnflow_flow_counters_timestamp_seconds",
+               "When the tracker's counters were written.");
+    for (size_t i = 0; i < flows_.size(); ++i) out_.time(trackers_[i], flows_[i].updatedTime);
+  }
+
+ private:
+  using R = FlowPathRecord;
+  using Value = uint64_t R::*;
   struct Part {
     std::string_view reason;
-    uint64_t FlowPathRecord::*value;
+    Value value;
   };
-  const auto parts = [&](std::string_view name, std::string_view help,
-                         std::initializer_list<Part> reasons) {
-    out.counter(name, help);
-    for (size_t i = 0; i < flows.size(); ++i)
+
+  void samples(Value value) {
+    for (size_t i = 0; i < flows_.size(); ++i) out_.sample(trackers_[i], flows_[i].*value);
+  }
+  void counter(std::string_view name, std::string_view help, Value value) {
+    out_.counter(name, help);
+    samples(value);
+  }
+  void gauge(std::string_view name, std::string_view help, Value value) {
+    out_.gauge(name, help);
+    samples(value);
+  }
+  void parts(std::string_view name, std::string_view help, std::initializer_list<Part> reasons) {
+    out_.counter(name, help);
+    for (size_t i = 0; i < flows_.size(); ++i)
       for (const Part& p : reasons)
-        out.sample(fmt::format(R"({},reason="{}")", trackers[i], p.reason), flows[i].*p.value);
-  };
-  using R = FlowPathRecord;
-  counter("tarnflow_capture_packets_total", "Packets that reached the capture, after sampling.",
-          &R::packetsSeen);
-  parts("tarnflow_capture_packets_uncounted_total", "Of these, packets that no flow counted.",
-        {{"kernel_drop", &R::kernelDrops},
-         {"not_ip", &R::notIp},
-         {"truncated", &R::truncated},
-         {"malformed", &R::malformed}});
-  counter("tarnflow_flow_packets_total", "Packets counted in flows.", &R::packets);
-  counter("tarnflow_flow_bytes_total", "Octets of their IP packets.", &R::octets);
-  gauge("tarnflow_flows_active", "Flows now.", &R::flowsActive);
-  gauge("tarnflow_flows_max", "Flows that have room.", &R::flowsMax);
-  counter("tarnflow_flows_created_total", "Flows that began.", &R::flowsCreated);
-  parts("tarnflow_flows_reported_total", "Flow records made, by flowEndReason.",
-        {{"idle", &R::endedIdle},
-         {"active", &R::endedActive},
-         {"end_of_flow", &R::endedEndOfFlow},
-         {"forced", &R::endedForced},
-         {"resources", &R::endedResources}});
-  parts("tarnflow_flows_lost_total", "Flows that ended without a record.",
-        {{"no_collector", &R::lostNoCollector}, {"queue_full", &R::lostQueueFull}});
-  counter("tarnflow_flow_packets_lost_total", "Packets of the flows without a record.",
-          &R::lostPackets);
-  counter("tarnflow_flow_records_sent_total", "Flow records sent, once per collector.",
-          &R::records);
-  counter("tarnflow_flow_records_lost_total",
-          "Flow records of an exporter none of whose collectors was ready.", &R::recordsLost);
-  counter("tarnflow_flow_messages_sent_total", "Messages of flow records, once per collector.",
-          &R::messages);
-  gauge("tarnflow_sampling_interval_packets", "One packet out of so many is looked at.",
-        &R::sampleRate);
-  counter("tarnflow_device_messages_total", "IPFIX messages that devices sent.",
-          &R::deviceMessages);
-  counter("tarnflow_device_records_total", "Data records in them, of templates that were known.",
-          &R::deviceRecords);
-  counter("tarnflow_device_records_refused_total",
-          "Of these, records of a refused template, or too large.", &R::deviceRecordsRefused);
-  counter("tarnflow_device_unknown_sets_total", "Sets of records whose template was not known.",
-          &R::deviceSetsUnknown);
-  parts("tarnflow_device_datagrams_lost_total", "Datagrams of devices that were not looked at.",
-        {{"malformed", &R::deviceDatagramsBad},
-         {"buffer_full", &R::deviceDatagramsLost},
-         {"looped", &R::deviceDatagramsLooped}});
-  out.gauge("tarnflow_flow_counters_timestamp_seconds",
-            "When the tracker's counters were written.");
-  for (size_t i = 0; i < flows.size(); ++i) out.time(trackers[i], flows[i].updatedTime);
-}
+        out_.sample(fmt::format(R"({},reason="{}")", trackers_[i], p.reason), flows_[i].*p.value);
+  }
+
+  Exposition& out_;
+  const std::vector<FlowPathRecord>& flows_;
+  std::vector<std::string> trackers_;
+};
 
 /// What the shared memory holds now, as text.
 class Source {
@@ -345,7 +361,10 @@ std::string metricsText(const Counters& collectors, const std::vector<FlowPathRe
     out.sample("", static_cast<uint64_t>(collectors.unreadable));
     collectorFamilies(out, collectors.entries);
     endpointFamilies(out, collectors.endpoints);
-    flowFamilies(out, flows);
+    FlowFamilies trackers(out, flows);
+    trackers.packets();
+    trackers.devices();
+    trackers.times();
   }
   return std::move(out).text();
 }

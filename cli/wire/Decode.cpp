@@ -44,6 +44,71 @@ bool tellCounts(const DatagramCounts& counts, const std::string& file) {
   return whole & tell(counts.malformed, "UDP packet with lengths that contradict each other",
                       "UDP packets with lengths that contradict each other");
 }
+
+/// What is found in one capture, as it is printed.
+class Decoding {
+ public:
+  explicit Decoding(const DecodeOptions& options)
+      : options_(options), print_(printOptions(options.quietData)), decoder_(registryLookup()) {}
+
+  bool more() const { return written_ && (!options_.messages || messages_ < *options_.messages); }
+
+  void take(const platform::Packet& packet) {
+    auto d = datagramIn(packet, counts_);
+    if (!d || (options_.port ? d->destination.port != *options_.port : messageLen(d->octets) == 0))
+      return;
+    const std::string stream = d->source.stringValue() + " > " + d->destination.stringValue();
+    // Captured on the host that sends, a datagram may be several: the kernel, or the device, cuts
+    // it up later (UDP segmentation offload). What follows a message and is none is malformed.
+    auto rest = d->octets;
+    do {
+      const size_t len = messageLen(rest);
+      d->octets = len > 0 ? rest.first(len) : rest;
+      rest = rest.subspan(d->octets.size());
+      if (messages_++ == 0) first_ = d->time;
+      last_ = d->time;
+      const auto message = decoder_.decode(stream, d->octets);
+      if (options_.tables) {
+        tables_.take(*d, message);
+      } else {
+        written_ =
+            Output::write(options_.json ? jsonLine(messageJson(*d, message, options_.quietData))
+                                        : messageText(*d, message, print_));
+      }
+    } while (!rest.empty() && more());
+  }
+
+  /// What is to be said in the end. False: something was wrong or missing.
+  bool end() {
+    if (options_.tables)
+      Output::write(options_.json ? jsonLine(tables_.json(decoder_, last_))
+                                  : tables_.text(decoder_, last_, tableRowsShown));
+    const Summary summary{last_ - first_, 0, decoder_};
+    Output::write(options_.json ? jsonLine(summaryJson(summary)) : summaryText(summary));
+    Output::flush();
+    return tellCounts(counts_, options_.file) && flawless(decoder_);
+  }
+  /// False, which it says: there was none.
+  bool anyMessage() const {
+    if (messages_ == 0)
+      warn(fmt::format("{}: no IPFIX among {} packets, {} of them whole UDP datagrams{}",
+                       options_.file, counts_.packets, counts_.udp,
+                       options_.port ? fmt::format("; none went to port {}", *options_.port)
+                                     : "; --port N shows what goes to a port, whatever it is"));
+    return messages_ > 0;
+  }
+
+ private:
+  const DecodeOptions& options_;
+  const PrintOptions print_;
+  decoder::Decoder decoder_;
+  OptionsTables tables_;
+  DatagramCounts counts_;
+  uint64_t messages_ = 0;
+  double first_ = 0;
+  double last_ = 0;
+  bool written_ = true;
+};
 }  // namespace
 
 int decode(const DecodeOptions& options) {
@@ -54,59 +119,14 @@ int decode(const DecodeOptions& options) {
     warn(e.what());
     return 2;
   }
-  const PrintOptions print = printOptions(options.quietData);
-  decoder::Decoder decoder(registryLookup());
-  OptionsTables tables;
-  DatagramCounts counts;
-  uint64_t messages = 0;
-  double first = 0;
-  double last = 0;
-  bool written = true;
-  const auto more = [&] { return written && (!options.messages || messages < *options.messages); };
+  Decoding decoding(options);
   platform::Packet packet;
-  while (more() && file->next(packet)) {
-    auto d = datagramIn(packet, counts);
-    if (!d || (options.port ? d->destination.port != *options.port : messageLen(d->octets) == 0))
-      continue;
-    const std::string stream = d->source.stringValue() + " > " + d->destination.stringValue();
-    // Captured on the host that sends, a datagram may be several: the kernel, or the device, cuts
-    // it up later (UDP segmentation offload). What follows a message and is none is malformed.
-    auto rest = d->octets;
-    do {
-      const size_t len = messageLen(rest);
-      d->octets = len > 0 ? rest.first(len) : rest;
-      rest = rest.subspan(d->octets.size());
-      if (messages++ == 0) first = d->time;
-      last = d->time;
-      const auto message = decoder.decode(stream, d->octets);
-      if (options.tables) {
-        tables.take(*d, message);
-      } else {
-        written = Output::write(options.json ? jsonLine(messageJson(*d, message, options.quietData))
-                                             : messageText(*d, message, print));
-      }
-    } while (!rest.empty() && more());
-  }
-  if (options.tables)
-    Output::write(options.json ? jsonLine(tables.json(decoder, last))
-                               : tables.text(decoder, last, tableRowsShown));
-  const Summary summary{last - first, 0, decoder};
-  Output::write(options.json ? jsonLine(summaryJson(summary)) : summaryText(summary));
-  Output::flush();
-
-  bool good = tellCounts(counts, options.file) && flawless(decoder);
+  while (decoding.more() && file->next(packet)) decoding.take(packet);
+  bool good = decoding.end();
   for (const std::string& warning : file->warnings()) warn(warning);
-  if (!file->error().empty()) {
-    warn(file->error());
-    good = false;
-  }
-  if (messages == 0) {
-    warn(fmt::format("{}: no IPFIX among {} packets, {} of them whole UDP datagrams{}",
-                     options.file, counts.packets, counts.udp,
-                     options.port ? fmt::format("; none went to port {}", *options.port)
-                                  : "; --port N shows what goes to a port, whatever it is"));
-    good = false;
-  }
+  if (!file->error().empty()) warn(file->error());
+  good &= file->error().empty();
+  good &= decoding.anyMessage();
   return good ? 0 : 1;
 }
 
