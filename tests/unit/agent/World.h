@@ -70,6 +70,7 @@ class Random {
  public:
   /// One below `n`.
   uint32_t operator()(size_t n) { return static_cast<uint32_t>(engine_() % n); }
+  std::mt19937& engine() { return engine_; }
 
  private:
   const unsigned seed_ = support::fromEnvironment("TARN_SEED", std::random_device{}());
