@@ -230,7 +230,7 @@ class Life:
         for e in shown["endpoints"]:
             key = e["tracker"], e["exporter"], e["family"]
             rows.append((f"datagrams of {key}", handed[key], e["sent"] + e["refused"],
-                         handed[key] - before[key]))
+                         max(handed[key] - before[key], 0)))  # less: it was forgotten meanwhile
         now = {what: (here, there, *late) for what, here, there, *late in rows}
         if self.forgotten and now == self.latest:  # nothing is under way
             self.counted, self.forgotten = now, False
