@@ -15,6 +15,7 @@
 #include "agent/Agent.h"
 #include "agent/host/Capabilities.h"
 #include "agent/host/Printable.h"
+#include "agent/settings/SettingsKeys.h"
 #include "platform/linux/Fd.h"
 
 namespace {
@@ -101,6 +102,7 @@ int main(int argc, char** argv) {
   std::string level;
   bool effective = false;
   bool printDefault = false;
+  bool printSchema = false;
   app.add_option("--config", options.configFile,
                  "the configuration (TOML); without it the built-in default runs")
       ->type_name("FILE");
@@ -112,6 +114,8 @@ int main(int argc, char** argv) {
       ->needs(checks);
   app.add_flag("--print-default-config", printDefault,
                "print the built-in default, which explains every key, and exit");
+  app.add_flag("--print-schema", printSchema,
+               "print the JSON schema of the configuration, for editors, and exit");
   app.add_option("--log-level", level,
                  "0 to 9, or error (0), event (3), detail (5), packet (8): how much of what goes "
                  "on inside is logged; default 0")
@@ -129,8 +133,9 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     return written(app.exit(e) == 0 ? 0 : exitUsage);
   }
-  if (printDefault) {
-    std::fputs(std::string(defaultSettingsText()).c_str(), stdout);
+  if (printDefault || printSchema) {
+    const std::string text = printDefault ? std::string(defaultSettingsText()) : settingsSchema();
+    std::fputs(text.c_str(), stdout);
     return written(0);
   }
   if (!checkFile.empty()) return check(checkFile, effective);

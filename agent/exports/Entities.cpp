@@ -292,11 +292,7 @@ void Entities::removeFrom(Tracker& tracker, const TrackerSettings& wanted, Chang
 void Entities::change(const std::string& name, Tracker& tracker, const TrackerSettings& wanted,
                       Changes& changes) {
   TrackerSettings& now = tracker.settings;
-  const auto own = [](const TrackerSettings& t) {
-    return std::tie(t.id, t.interfaces, t.sampleRate, t.activeInterval, t.inactiveTimeout,
-                    t.localPort, t.maxFlows);
-  };
-  if (own(now) != own(wanted)) ++changes.trackers.changed;
+  if (!sameKeys(now, wanted)) ++changes.trackers.changed;
   if (now.id != wanted.id) {
     replaceTracker(name, tracker, wanted, changes);
     return;
@@ -314,11 +310,7 @@ void Entities::change(const std::string& name, Tracker& tracker, const TrackerSe
 void Entities::changeExporter(Exporter& exporter, const ExporterSettings& wanted,
                               Changes& changes) {
   ExporterSettings& now = exporter.settings;
-  const auto own = [](const ExporterSettings& e) {
-    return std::tie(e.vrf, e.localInterface, e.dscp, e.mtu, e.templateInterval, e.rateLimit.unit,
-                    e.rateLimit.perSecond);
-  };
-  if (own(now) != own(wanted)) ++changes.exporters.changed;
+  if (!sameKeys(now, wanted)) ++changes.exporters.changed;
   ExporterConfig& config = *exporter.config;
   // What marks and bounds packets comes before what makes them leave.
   config.dscpIs(wanted.dscp);

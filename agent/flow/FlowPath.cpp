@@ -102,7 +102,7 @@ void FlowPath::hide() {
 }
 
 void FlowPath::settingsIs(const TrackerSettings& settings) {
-  const bool anew = settings.maxFlows != settings_.maxFlows;
+  const bool anew = !sameKeys(settings, settings_, Effect::flowsAnew);
   settings_ = settings;
   if (anew && !file_)
     for (auto& [vrf, source] : sources_) release(source);

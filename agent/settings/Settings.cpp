@@ -7,6 +7,11 @@ std::string some(size_t n, const char* noun) {
 }
 }  // namespace
 
+std::string timeText(std::chrono::milliseconds t) {
+  return t.count() % 1000 == 0 ? std::to_string(t.count() / 1000) + 's'
+                               : std::to_string(t.count()) + "ms";
+}
+
 SettingsCount count(const Settings& settings) {
   SettingsCount n;
   n.trackers = settings.trackers.size();

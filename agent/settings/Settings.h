@@ -58,8 +58,28 @@ struct Settings {
 
 inline constexpr VrfId vrfIdMax = 0xfffffe;  ///< 0xffffff is exported for "no VRF"
 
+/// Octets of a tracker's, exporter's or collector's name: what a statistics entry holds.
+inline constexpr size_t settingsNameMax = 128;
+
 /// Errors of one configuration that are kept, the first ones; the others are counted.
 inline constexpr size_t settingsErrorsMax = 100;
+
+/// What a change of a key does to what runs.
+enum class Effect {
+  atOnce,       ///< nothing starts anew
+  flowsAnew,    ///< flows under way are reported and end
+  trackerAnew,  ///< the exporters get new sockets and counters
+  nextStart,    ///< nothing before the agent is started again
+};
+
+/// No own key differs; those of tables below it may.
+bool sameKeys(const TrackerSettings& a, const TrackerSettings& b);
+bool sameKeys(const ExporterSettings& a, const ExporterSettings& b);
+/// No own key of this effect differs.
+bool sameKeys(const TrackerSettings& a, const TrackerSettings& b, Effect effect);
+
+/// A time as the configuration writes it: "1500ms", "60s".
+std::string timeText(std::chrono::milliseconds t);
 
 /// How many of each a configuration has, for messages.
 struct SettingsCount {

@@ -35,8 +35,6 @@ SettingsResult parseSettings(std::string_view toml, const std::string& fileName)
 /// file is an error like others; the directory need not be there. Waits for nobody.
 SettingsResult readSettings(const std::string& fileName);
 
-/// A time as the configuration writes it: "1500ms", "60s".
-std::string timeText(std::chrono::milliseconds t);
 /// The settings as TOML, every key with its value: read again, it gives equal settings.
 std::string settingsText(const Settings& settings);
 

@@ -77,6 +77,19 @@ std::string shown(const toml::node& node) {
 }
 }  // namespace
 
+bool SettingsSection::value(std::string_view key, const char* missing,
+                            const std::function<std::string(const toml::node& node)>& read) {
+  known_.push_back(key);
+  const toml::node* node = table_.get(key);
+  if (!node) {
+    if (missing) errors_.atKey(at_, pathOf(key), std::string("missing: ") + missing);
+    return !missing;
+  }
+  const std::string expected = read(*node);
+  if (!expected.empty()) refuse(key, *node, expected);
+  return expected.empty();
+}
+
 void SettingsSection::table(std::string_view key,
                             const std::function<void(SettingsSection& section)>& visit) {
   known_.push_back(key);

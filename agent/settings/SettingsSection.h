@@ -9,10 +9,6 @@
 
 namespace agent {
 
-/// Reads one value into `out`. Returns what would be right, or nothing when the value is.
-template <class T>
-using SettingsRule = std::function<std::string(const toml::node& node, T& out)>;
-
 /// One table of the file: hands out its keys and, in the end, complains about the others.
 class SettingsSection {
  public:
@@ -27,27 +23,10 @@ class SettingsSection {
     return path_.empty() ? keyText(key) : path_ + '.' + keyText(key);
   }
 
-  /// False when the key is absent or wrong: `out` is unchanged.
-  template <class T>
-  bool optional(std::string_view key, T& out, const SettingsRule<T>& rule) {
-    known_.push_back(key);
-    const toml::node* node = table_.get(key);
-    if (!node) return false;
-    T value{};
-    const std::string expected = rule(*node, value);
-    if (!expected.empty()) {
-      refuse(key, *node, expected);
-      return false;
-    }
-    out = std::move(value);
-    return true;
-  }
-  template <class T>
-  bool required(std::string_view key, T& out, const SettingsRule<T>& rule,
-                const std::string& what) {
-    if (!table_.get(key)) errors_.atKey(at_, pathOf(key), "missing: " + what);
-    return optional(key, out, rule);
-  }
+  /// Reads the value at `key` if there is one: `read` returns what would be right, or nothing.
+  /// `missing`: what the file lacks without it; null: it may be left out. False: an error.
+  bool value(std::string_view key, const char* missing,
+             const std::function<std::string(const toml::node& node)>& read);
 
   /// Visits the table at `key` when it is there.
   void table(std::string_view key, const std::function<void(SettingsSection& section)>& visit);

@@ -5,39 +5,23 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 
-#include "Ipfix/FlowTrackingTypes.h"
-#include "agent/host/Names.h"
 #include "agent/host/Printable.h"
 #include "agent/settings/SettingsFile.h"
+#include "agent/settings/SettingsKeys.h"
 #include "platform/linux/Fd.h"
 
 namespace agent {
 namespace {
-using std::chrono::milliseconds;
 
-/// A text as TOML writes it.
-std::string tomlText(std::string_view text) {
-  std::string out = "\"";
-  for (const char c : text) {
-    if (c == '"' || c == '\\') {
-      (out += '\\') += c;
-    } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
-      char escape[8];
-      std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(c));
-      out += escape;
-    } else {
-      out += c;
-    }
-  }
-  return out += '"';
-}
-std::string tomlText(milliseconds t) { return tomlText(timeText(t)); }
-std::string tomlKey(std::string_view key) {
-  return isBareKey(key) ? std::string(key) : tomlText(key);
+/// The header of a table and its keys.
+template <class S>
+void write(std::string& out, const std::string& path, const S& settings) {
+  out += (out.empty() ? "[" : "\n[") + path + "]\n";
+  for (const SettingsKey<S>& key : settingsKeys<S>())
+    out += std::string(key.name) + " = " + key.write(settings) + '\n';
 }
 
 /// Reads a file whole. Returns what is in the way, or nothing. Only a regular file is read: the
@@ -58,11 +42,6 @@ std::string readText(const std::string& fileName, std::string& text) {
   return {};
 }
 }  // namespace
-
-std::string timeText(milliseconds t) {
-  return t.count() % 1000 == 0 ? std::to_string(t.count() / 1000) + 's'
-                               : std::to_string(t.count()) + "ms";
-}
 
 SettingsResult readSettings(const std::string& fileName) {
   namespace fs = std::filesystem;
@@ -94,50 +73,17 @@ SettingsResult readSettings(const std::string& fileName) {
 }
 
 std::string settingsText(const Settings& settings) {
-  const auto number = [](auto n) { return std::to_string(n); };
   std::string out;
-  const auto header = [&](const std::string& path) {
-    out += (out.empty() ? "[" : "\n[") + path + "]\n";
-  };
-  const auto row = [&](const char* key, const std::string& value) {
-    out += std::string(key) + " = " + value + '\n';
-  };
-  header("agent");
-  row("statistics", tomlText(settings.statistics));
-  row("control", tomlText(settings.control));
-  row("resolve-interval", tomlText(settings.resolveInterval));
-  for (const auto& [name, id] : settings.vrfs) {
-    header("vrf." + tomlKey(name));
-    row("id", number(id));
-  }
+  write(out, "agent", settings);
+  for (const auto& [name, id] : settings.vrfs) write(out, "vrf." + tomlKey(name), id);
   for (const auto& [trackerName, t] : settings.trackers) {
     const std::string tracker = "tracker." + tomlKey(trackerName);
-    header(tracker);
-    row("id", number(t.id));
-    row("type", tomlText(FlowTracking::toText(t.type)));
-    std::string patterns;
-    for (const std::string& p : t.interfaces)
-      patterns += (patterns.empty() ? "" : ", ") + tomlText(p);
-    row("interfaces", '[' + patterns + ']');
-    row("sample-rate", number(t.sampleRate));
-    row("active-interval", tomlText(t.activeInterval));
-    row("inactive-timeout", tomlText(t.inactiveTimeout));
-    row("local-port", number(t.localPort));
-    row("max-flows", number(t.maxFlows));
+    write(out, tracker, t);
     for (const auto& [exporterName, e] : t.exporters) {
       const std::string exporter = tracker + ".exporter." + tomlKey(exporterName);
-      header(exporter);
-      row("local-interface", tomlText(e.localInterface));
-      row("vrf", tomlText(e.vrf.stringValue()));
-      row("dscp", e.dscp.stringValue());
-      row("mtu", number(e.mtu));
-      row("template-interval", tomlText(e.templateInterval));
-      row("rate-limit", tomlText(e.rateLimit.stringValue()));
-      for (const auto& [name, c] : e.collectors) {
-        header(exporter + ".collector." + tomlKey(name));
-        row("address", tomlText(c.host.empty() ? c.address.stringValue() : c.host));
-        row("port", number(c.port));
-      }
+      write(out, exporter, e);
+      for (const auto& [name, c] : e.collectors)
+        write(out, exporter + ".collector." + tomlKey(name), c);
     }
   }
   return out;

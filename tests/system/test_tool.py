@@ -315,7 +315,7 @@ def test_output_that_cannot_be_written(lab, far):
         ("show", "counters", "--watch", "0.1"), ("show", "flows", "--json"), ("show", "tables"),
         ("show", "templates"), ("show", "state"), ("log-level",), ("reload",), ("resend",),
         ("clear", "counters"), ("decode", file), ("check", agent.file), ("listen", "--port", "0"))]
-    commands += [(AGENT, "--version"), (AGENT, "--print-default-config")]
+    commands += [(AGENT, f"--{x}") for x in ("version", "print-default-config", "print-schema")]
     for argv in commands:
         for to in (">/dev/full", ">&-"):
             done = subprocess.run(["sh", "-c", f'exec "$@" {to}', "sh", *map(str, argv)], timeout=20,

@@ -1,0 +1,54 @@
+#pragma once
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "agent/settings/Settings.h"
+#include "agent/settings/Toml.h"
+
+namespace agent {
+
+/// One key of the file, in a table that fills an `S`. Reading, checking and writing the file, the
+/// editors' schema and the documents' reference all come from here; its default is that of the `S`.
+template <class S>
+struct SettingsKey {
+  const char* name;
+  const char* missing;  ///< what a file lacks that is without it; null: it may be left out
+  Effect effect;
+  const char* meaning;  ///< sentences, in Markdown
+  std::string values;   ///< what may stand there, in words
+  std::string schema;   ///< members of its JSON schema
+  /// Sets it in `S`, or returns what would be right.
+  std::function<std::string(const toml::node& node, S& settings)> read;
+  /// The value as TOML.
+  std::function<std::string(const S& settings)> write;
+  std::function<bool(const S& a, const S& b)> same;
+};
+
+/// The keys of `[agent]` (Settings), `[vrf.NAME]` (VrfId), `[tracker.NAME]` (TrackerSettings), its
+/// exporters (ExporterSettings) and their collectors (CollectorSettings).
+template <class S>
+const std::vector<SettingsKey<S>>& settingsKeys();
+template <>
+const std::vector<SettingsKey<Settings>>& settingsKeys();
+template <>
+const std::vector<SettingsKey<VrfId>>& settingsKeys();
+template <>
+const std::vector<SettingsKey<TrackerSettings>>& settingsKeys();
+template <>
+const std::vector<SettingsKey<ExporterSettings>>& settingsKeys();
+template <>
+const std::vector<SettingsKey<CollectorSettings>>& settingsKeys();
+
+/// A text as TOML writes it, in quotes, and a key, in quotes if it needs them.
+std::string tomlText(std::string_view text);
+std::string tomlKey(std::string_view key);
+
+/// The JSON schema (draft 7) of the file, for editors.
+std::string settingsSchema();
+/// The documents' table of the keys of one section, in Markdown. `section`: its header, with NAME
+/// for names: "tracker.NAME".
+std::string settingsReference(std::string_view section);
+
+}  // namespace agent
