@@ -52,7 +52,10 @@ SentMessages Collector::transmit_p(const typename Family::Dst& dst, const Export
 void Collector::updateStats(const SentMessages& sent) {
   if (retired()) return;
   auto known = collStats_->stats(key_);
-  if (!known) known.emplace(key_);
+  if (!known) {
+    known.emplace(key_);
+    made_ = true;
+  }
   auto& entry = *known;
   entry.exportedMessageTotalCountInc(sent.messages);
   entry.exportedFlowRecordTotalCountInc(sent.records);
@@ -73,6 +76,14 @@ void Collector::updateStats(const Ptr<MessageWrapper>& msgWrap) {
   SentMessages sent;
   sent.add(*msgWrap);
   updateStats(sent);
+}
+/// The statistics entry is the template exporters', and goes with them. Where none has counted in
+/// it, because the tracker's status went before they sent anything, it goes with its maker.
+void Collector::handleRetired() {
+  exporterSm_ = nullptr;
+  if (!made_) return;
+  const auto entry = collStats_->stats(key_);
+  if (entry && entry->lastTemplateSentTime() == 0) collStats_->statsDel(key_);
 }
 AttrRows Collector::attrRows() const {
   using C = Collector;

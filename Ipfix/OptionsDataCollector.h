@@ -73,7 +73,7 @@ class TARN_API Collector final : public Entity {
   AttrRows attrRows() const override;
 
  private:
-  void handleRetired() override { exporterSm_ = nullptr; }
+  void handleRetired() override;
   template <class Family>
   SentMessages transmit_p(const typename Family::Dst& dst, const ExporterInfo& expInfo,
                           const HwFlowTracking::ExporterConfig& hwExpConfig,
@@ -84,6 +84,7 @@ class TARN_API Collector final : public Entity {
   IpAndPort dst4_;
   Ip6AndPort dst6_;
   bool ipv4_;
+  bool made_ = false;  // the statistics entry was not there before
   bool skippedTraced_ = false;
   OptionsDataExporterSm* exporterSm_;
   Ptr<Tarn::Ipfix::CollectorStatistics> collStats_;
