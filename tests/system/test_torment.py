@@ -223,14 +223,15 @@ class Life:
             handed[*to[:2], 6 if ":" in to[2] else 4] += found["messages"]
         # Endpoints are looked at once a second.
         now = time.monotonic()
-        self.handed = [h for h in self.handed if h[0] > now - 2 * SLOW] + [(now, handed)]
+        self.handed = [(at, h) for at, h in self.handed if at > now - 2 * SLOW
+                       and all(handed[key] >= n for key, n in h.items())] + [(now, handed)]
         before = next((h for at, h in self.handed if at < now - 1.2), None)
         if before is None:
             return "not counted for long enough"
         for e in shown["endpoints"]:
             key = e["tracker"], e["exporter"], e["family"]
             rows.append((f"datagrams of {key}", handed[key], e["sent"] + e["refused"],
-                         max(handed[key] - before[key], 0)))  # less: it was forgotten meanwhile
+                         handed[key] - before[key]))
         now = {what: (here, there, *late) for what, here, there, *late in rows}
         if self.forgotten and now == self.latest:  # nothing is under way
             self.counted, self.forgotten = now, False
