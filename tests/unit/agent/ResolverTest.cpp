@@ -49,7 +49,8 @@ TEST_F(World, DeadHostsDoNotKeepOthersWaiting) {
   resolver->hostsAre(hosts, 1h);  // while the first lookups are under way
   for (const std::string& host : hosts) {
     const bool there = host[0] == 'h';
-    EXPECT_TRUE(until([&] { return (there ? found(host) : resolver->problem(host)) != ""; }, 30s));
+    EXPECT_TRUE(
+        until([&] { return !(there ? found(host) : resolver->problem(host)).empty(); }, 30s));
     EXPECT_EQ(found(host), there ? "192.0.2." + host.substr(1) : "");
   }
   EXPECT_EQ(resolver->problem("group"), "its address 224.0.0.1 is a multicast address");

@@ -45,8 +45,8 @@ struct OutputTest : testing::Test {
 TEST_F(OutputTest, ShowsARichMessageToPeople) {
   const std::string shown = text(rich);
   for (const char* const part :
-       {"2024-11-22 03:52:32.250Z  10.0.0.9:40001 > [2001:db8::1]:4739  domain 7  seq 5  exported "
-        "2024-11-22 03:52:32Z  127 octets  DSCP 46 (EF), ECN 1\n",
+       {"2024-11-22 03:52:32.250Z  10.0.0.9:40001 > [2001:db8::1]:4739  domain 7  seq 5  exported ",
+        " exported 2024-11-22 03:52:32Z  127 octets  DSCP 46 (EF), ECN 1\n",
         "\n    99991/1001  flowTrackingType          2\n",
         "\n  options template 65281, new: 2 fields, records of at least 5 octets\n",
         "\n         10  ingressInterface         4  scope\n",
