@@ -76,7 +76,8 @@ class TemplateExporterSmBase::Family {
     } else {
       collector_[name] = now->second;
     }
-    if (gone || !info(name)) sent_.erase(name);  // when it returns, it is a new session
+    // When it returns, it is a new session; also to an address that it had a moment ago.
+    if (left || gone || !info(name)) sent_.erase(name);
     if (left) leave(*left);
     // While nobody of the family is being sent to, other collectors may lack the message as well.
     if (!sending_ || !ready()) return maybeTxTemplate_p();
