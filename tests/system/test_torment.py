@@ -163,6 +163,7 @@ class Life:
     def __init__(self, lab):
         self.lab, self.began, self.pauses, self.clients = lab, None, [], []
         self.counted, self.forgotten, self.latest = {}, False, None
+        self.truncated = False
         self.far, source = lab.namespace("tt-far"), lab.namespace("tt-src")
         for near, there, ns in (("up0", "dn0", self.far), ("sh0", "sd0", self.far),
                                 ("in0", "src0", source)):
@@ -233,6 +234,8 @@ class Life:
             rows.append((f"datagrams of {key}", handed[key], e["sent"] + e["refused"],
                          handed[key] - before[key]))
         now = {what: (here, there, *late) for what, here, there, *late in rows}
+        if self.truncated and any(now.get(what, (n,))[0] < n for what, (n, *_) in self.counted.items()):
+            self.forgotten = True  # the agent has only now seen it
         if self.forgotten and now == self.latest:  # nothing is under way
             self.counted, self.forgotten = now, False
         self.latest = now
@@ -302,6 +305,7 @@ class Life:
         log = self.agent.program.log()
         assert not re.search("abort|terminate|Sanitizer|runtime error", log), log[-3000:]
         self.began = self.began or (*self.held(), resident_kib(self.pid))
+        self.truncated = False
         wait_for(f"as many descriptors and threads as before: {self.began}",
                  lambda: all(a <= b for a, b in zip(self.held(), self.began)), 10)
 
@@ -321,7 +325,7 @@ class Life:
 def world(life, rng):
     what = rng.choice(WORLD).strip().format(n=rng.randrange(1, 10), m=rng.randrange(10))
     if "truncate" in what:
-        life.forgotten = True  # what was counted
+        life.forgotten = life.truncated = True  # what was counted
     print("world:", what)
     subprocess.run(["sh", "-c", what], stderr=subprocess.DEVNULL, check=False)
 
