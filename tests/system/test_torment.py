@@ -234,7 +234,8 @@ class Life:
             rows.append((f"datagrams of {key}", handed[key], e["sent"] + e["refused"],
                          handed[key] - before[key]))
         now = {what: (here, there, *late) for what, here, there, *late in rows}
-        if self.truncated and any(now.get(what, (n,))[0] < n for what, (n, *_) in self.counted.items()):
+        if self.truncated and any(now.get(what, (n,))[0] < n
+                                  for what, (n, *_) in (self.latest or {}).items()):
             self.forgotten = True  # the agent has only now seen it
         if self.forgotten and now == self.latest:  # nothing is under way
             self.counted, self.forgotten = now, False
