@@ -6,6 +6,7 @@
 
 #include "agent/records/FlowExport.h"
 #include "bench/Tree.h"
+#include "platform/BlockPool.h"
 
 namespace {
 uint64_t allocations = 0;

@@ -20,6 +20,7 @@ struct ExporterModel {
   Ptr<HwFlowTracking::ExporterConfig> config = nullptr;
   std::map<std::string, Place> collectors = {};
   std::map<std::string, uint32_t> mtuMost = {};  // by key, since it joined or all was quiet
+  uint32_t mtuBefore = 0;                        // when the event began
 
   std::string key(const Place& place) const {
     return (place.addr().isIpv6() ? "udpPam6-" : "udpPam4-") + tracker + "-" + name + " > " +
@@ -70,6 +71,7 @@ class World : private Tree {
         &W::fullTransmission, &W::fullTransmission, &W::exporterChange, &W::vrfChange,
         &W::refusal, &W::trackerChange, &W::intervalChange, &W::soon, &W::soon, &W::coalescing, &W::flap, &W::flap};
     // clang-format on
+    for (auto& e : exporters_) e.mtuBefore = e.config->ipfixMtu();
     (this->*events[pick(std::size(events))])();
     receive();
     ears_.hearAll(*info);
@@ -266,7 +268,8 @@ class World : private Tree {
     for (auto& [key, most] : e.mtuMost) most = std::max(most, e.config->ipfixMtu());
   }
   void placed(ExporterModel& e, const Place& place) {
-    e.mtuMost[e.key(place)] = e.config->ipfixMtu();
+    // Who joins inside a notification may be sent the message that is being handed round.
+    e.mtuMost[e.key(place)] = std::max(e.config->ipfixMtu(), meddles_ ? 0 : e.mtuBefore);
   }
 
   Place freshPlace() {
