@@ -419,6 +419,9 @@ class World : private Tree {
   }
   void sourceChange() {
     auto& c = *anExporter().config;
+    // Nobody answers while one endpoint takes another's place: what waits in the old one arrives
+    // behind what the new one sends, from another port, which the model does not tell apart.
+    const bool meddles = std::exchange(meddles_, false);
     if (pick(2) == 0) {
       c.srcIpAddrIs(c.srcIpAddr().isZero() || pick(3) == 0 ? IpAddr(source4.value() + ++last_)
                                                            : IpAddr());
@@ -427,6 +430,7 @@ class World : private Tree {
       o[14] = static_cast<uint8_t>(++last_);
       c.srcIp6AddrIs(c.srcIp6Addr().isZero() || pick(3) == 0 ? Ip6Addr(o) : Ip6Addr());
     }
+    meddles_ = meddles;
   }
   /// Not ready for a moment, in which something changes, and which nobody answers.
   void flap() {
