@@ -1,5 +1,6 @@
 #include <benchmark/benchmark.h>
 
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -8,6 +9,7 @@
 #include "Ipfix/FlowTrackerTemplateSm.h"
 #include "Ipfix/IpfixSm.h"
 #include "Ipfix/MessageBuilder.h"
+#include "Ipfix/OptionsDataManagerSm.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/ShmTable.h"
 #include "platform/sim/SimPlatform.h"
@@ -42,6 +44,18 @@ void notification(benchmark::State& state) {
     state.SkipWithError("a watcher did not hear");
 }
 BENCHMARK(notification)->Arg(0)->Arg(1)->Arg(4)->Arg(64);
+
+/// Watchers of one entity leave, the first first: each costs the same, however many there are.
+void watchersLeave(benchmark::State& state) {
+  const auto config = HwFlowTracking::exporterConfigFactory("e");
+  std::vector<std::unique_ptr<Counting>> watchers(size_t(state.range(0)));
+  for (auto _ : state) {
+    for (auto& w : watchers) w = std::make_unique<Counting>(config);
+    for (auto& w : watchers) w.reset();
+  }
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(watchersLeave)->Arg(100)->Arg(10000)->Arg(100000);
 
 // --- Message building, beside copying the same octets and nothing else ---
 
@@ -152,6 +166,63 @@ void templateSend(benchmark::State& state) {
   Platform::install(nullptr);
 }
 BENCHMARK(templateSend)->Arg(1)->Arg(8)->Arg(64)->Arg(512);
+
+// --- Trackers and exporters that go: each costs the same, however many there are ---
+
+void removal(benchmark::State& state) {
+  const auto name = [](int64_t i) { return "n" + std::to_string(i); };
+  const int64_t trackers = state.range(0);
+  const int64_t exporters = state.range(1);
+  for (auto _ : state) {
+    const Installed host;
+    const auto init = ::Ipfix::ipfixInitSmFactory();
+    const auto config = HwFlowTracking::configFactory();
+    const auto status = HwFlowTracking::statusFactory();
+    const auto info = flowTrackingInfoFactory(FlowTrackingType::software);
+    const auto stats = Tarn::Ipfix::collectorStatisticsFactory(
+        simTableFactory(Tarn::Ipfix::CollectorStatistics::keyLen,
+                        Tarn::Ipfix::CollectorStatistics::valueLen, 65536));
+    for (int64_t t = 0; t < trackers; ++t) {
+      const auto tracker = HwFlowTracking::ftConfigFactory(name(t), uint32_t(t));
+      for (int64_t e = 0; e < exporters; ++e) {
+        const auto exporter = HwFlowTracking::exporterConfigFactory(name(e));
+        exporter->srcIpAddrIs(IpAddr(0x7f000001));
+        exporter->collectorIpAndPortIs("c", {IpAddr(0x7f000001), 4739});
+        tracker->expConfigIs(exporter);
+      }
+      config->ftConfigIs(tracker);
+      status->ftStatusIs(HwFlowTracking::ftStatusFactory(name(t)));
+    }
+    const auto scheduler = host.sim->scheduler();
+    const auto infoSm =
+        flowTrackingInfoSmFactory(host.sim->schedulerRoot(), config, info, init->agentInfo());
+    const auto templates = templateSmFactory(configReqFactory(), config, status, info,
+                                             init->elementIdCollection(), stats, scheduler);
+    const auto manager =
+        optionsDataManagerSmFactory(config, status, info, intfIndexMapFactory(),
+                                    Vrf::VrfIdMap::statusFactory(), stats, scheduler);
+    host.sim->advance(Seconds(2));
+    const auto begun = std::chrono::steady_clock::now();
+    if (exporters > 1) {
+      for (int64_t e = 0; e < exporters; ++e) config->ftConfig(name(0))->expConfigDel(name(e));
+    } else {
+      for (int64_t t = 0; t < trackers; ++t) config->ftConfigDel(name(t));
+    }
+    host.sim->runDue();
+    state.SetIterationTime(
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count());
+    if (host.sim->openEndpoints() > 0) state.SkipWithError("an endpoint stayed open");
+  }
+  state.SetItemsProcessed(state.iterations() * trackers * exporters);
+}
+BENCHMARK(removal)
+    ->ArgNames({"trackers", "exporters"})
+    ->Args({1000, 1})
+    ->Args({10000, 1})
+    ->Args({1, 1000})
+    ->Args({1, 10000})
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 
 // --- Statistics: read, add, write back one entry ---
 

@@ -37,16 +37,19 @@ void Entity::destroy() const noexcept {
 void Entity::watcherAdd(EntityWatcherBase* w) const {
   assertOwningThread();
   if (!watchers_) watchers_ = std::make_unique<WatcherList>();
+  w->slot_ = watchers_->all.size();
   watchers_->all.push_back(w);
 }
 void Entity::watcherDel(EntityWatcherBase* w) const noexcept {
-  auto it = std::find(watchers_->all.begin(), watchers_->all.end(), w);
-  if (watchers_->depth == 0) {
-    watchers_->all.erase(it);
-  } else {
-    *it = nullptr;
-    watchers_->cleared = true;
-  }
+  watchers_->all[w->slot_] = nullptr;
+  ++watchers_->cleared;
+  watchers_->settle();
+}
+void Entity::WatcherList::settle() noexcept {
+  if (depth > 0 || cleared * 2 < all.size()) return;
+  std::erase(all, nullptr);
+  for (size_t i = 0; i < all.size(); ++i) all[i]->slot_ = i;
+  cleared = 0;
 }
 
 Entity::Round::Round(const Entity& e) noexcept : entity(&e), count(e.watchers_->all.size()) {
@@ -55,9 +58,7 @@ Entity::Round::Round(const Entity& e) noexcept : entity(&e), count(e.watchers_->
 }
 Entity::Round::~Round() {
   WatcherList& list = *entity->watchers_;
-  if (--list.depth > 0 || !list.cleared) return;
-  list.cleared = false;
-  std::erase(list.all, nullptr);
+  if (--list.depth == 0) list.settle();
 }
 
 namespace {

@@ -94,6 +94,7 @@ class TARN_API EntityWatcherBase {
   friend class Entity;
   Ptr<const Entity> watched_;
   Entity* reactor_;
+  size_t slot_ = 0;  // of the entity's list
 };
 
 /// Base of the `Watcher` class of entity type `E`.
@@ -218,9 +219,12 @@ class TARN_API Entity {
  private:
   friend class EntityWatcherBase;
   struct WatcherList {
-    std::vector<EntityWatcherBase*> all;
-    uint32_t depth = 0;    // rounds under way, nested
-    bool cleared = false;  // a slot was cleared during a round
+    std::vector<EntityWatcherBase*> all;  // null: one that left
+    size_t cleared = 0;                   // slots of those that left
+    uint32_t depth = 0;                   // rounds under way, nested
+    /// Takes the cleared slots out once they are half of all, so that each watcher that leaves
+    /// costs the same however many there are.
+    void settle() noexcept;
   };
   struct TARN_API Round {
     explicit Round(const Entity& e) noexcept;

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstring>
 #include <deque>
+#include <ranges>
 #include <set>
 
 #include "platform/Assert.h"
@@ -77,6 +78,14 @@ class SimPlatformImpl final : public SimPlatform, private TimerQueue::Host {
     bool any() const { return addr.isIpv6() ? addr.ip6Addr().isZero() : addr.ipAddr().isZero(); }
   };
   bool taken(const Binding& b) const;
+  /// The endpoints that have this port, of both families.
+  auto atPort(const std::string& ns, uint16_t port) const {
+    const auto from = bound_.lower_bound(Binding{ns, port, {}});
+    const auto to = std::find_if(from, bound_.end(), [&](const auto& at) {
+      return at.first.ns != ns || at.first.port != port;
+    });
+    return std::ranges::subrange(from, to);
+  }
   struct Root final : TaskSchedulerRoot {
     explicit Root(Ptr<TaskScheduler> s) : scheduler(std::move(s)) {}
     Ptr<TaskScheduler> taskScheduler() const override { return scheduler; }
@@ -213,10 +222,9 @@ class SimPam final : public UdpPam {
 };
 
 bool SimPlatformImpl::taken(const Binding& b) const {
-  return std::any_of(bound_.begin(), bound_.end(), [&](const auto& other) {
+  return std::ranges::any_of(atPort(b.ns, b.port), [&](const auto& other) {
     const Binding& o = other.first;
-    return o.ns == b.ns && o.port == b.port && o.addr.isIpv6() == b.addr.isIpv6() &&
-           (o.addr == b.addr || o.any() || b.any());
+    return o.addr.isIpv6() == b.addr.isIpv6() && (o.addr == b.addr || o.any() || b.any());
   });
 }
 
@@ -289,9 +297,8 @@ void SimPam::send() {
 }
 
 void SimPam::deliver(const SimDatagram& d) const {
-  for (const auto& [binding, pam] : platform_.bound_) {
-    if (binding.ns != bound_.ns || binding.port != d.dstPort ||
-        binding.addr.isIpv6() != d.dst.isIpv6() || (!binding.any() && binding.addr != d.dst))
+  for (const auto& [binding, pam] : platform_.atPort(bound_.ns, d.dstPort)) {
+    if (binding.addr.isIpv6() != d.dst.isIpv6() || (!binding.any() && binding.addr != d.dst))
       continue;
     if (pam->arrived_.size() >= rxQueueMax) {
       ++pam->counters_.rxDropped;
