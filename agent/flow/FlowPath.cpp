@@ -43,24 +43,6 @@ uint64_t randomSeed() {
 }
 }  // namespace
 
-class FlowPath::Watch final : public VrfNetwork::Watcher {
- public:
-  Watch(FlowPath& path, Ptr<const VrfNetwork> network) : Watcher(std::move(network)), path_(path) {}
-  void handlePresent() override { path_.reviewSoon(); }
-  void handleLink(const std::string&) override { path_.reviewSoon(); }
-
- private:
-  FlowPath& path_;
-};
-class FlowPath::ListWatch final : public NetworkList::Watcher {
- public:
-  explicit ListWatch(FlowPath& path) : Watcher(path.host_.networks), path_(path) {}
-  void handleNetwork(const VrfName&) override { path_.reviewSoon(); }
-
- private:
-  FlowPath& path_;
-};
-
 FlowPath::FlowPath(std::string tracker, FlowPathHost host, FlowExportTree tree,
                    const TrackerSettings& settings)
     : tracker_(std::move(tracker)),
@@ -77,8 +59,10 @@ FlowPath::FlowPath(std::string tracker, FlowPathHost host, FlowExportTree tree,
   flushTask_ = task("Flush", [this] { export_.flush(); });
   tickTask_ = task("Tick", [this] { handleTick(); });
   tickTask_->scheduleIs(Seconds(0));
-  listWatch_ = std::make_unique<ListWatch>(*this);
   reviewSoon();
+  const auto changed = [this](const auto&...) { reviewSoon(); };
+  follower_ = std::make_unique<NetworkFollower>(
+      host_.networks, NetworkFollower::Handlers{changed, changed, changed});
 }
 
 FlowPath::~FlowPath() {
@@ -146,11 +130,7 @@ void FlowPath::review() {
     return;
   }
   opened_ = false;
-  for (const auto& [vrf, network] : host_.networks->network()) {
-    Source& source = sources_[vrf];
-    if (!source.network) source.network = std::make_unique<Watch>(*this, network);
-    reviewNetwork(vrf, source);
-  }
+  for (const auto& [vrf, network] : host_.networks->network()) reviewNetwork(vrf, sources_[vrf]);
   for (auto it = sources_.begin(); it != sources_.end();) {
     if (host_.networks->network(it->first)) {
       ++it;

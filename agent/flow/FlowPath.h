@@ -10,7 +10,7 @@
 #include "agent/flow/FileMeter.h"
 #include "agent/flow/FlowCaptures.h"
 #include "agent/host/AgentLog.h"
-#include "agent/network/Network.h"
+#include "agent/network/NetworkFollower.h"
 #include "agent/records/FlowExport.h"
 #include "agent/settings/Settings.h"
 #include "platform/FlowPathCounters.h"
@@ -70,13 +70,11 @@ class FlowPath {
   static constexpr std::chrono::seconds readyMax{15};
   static constexpr std::chrono::seconds leaveMax{10};  // a million flows leave in half of it
 
-  class Watch;
   struct Live {
     std::unique_ptr<FlowMeter> meter;
     std::unique_ptr<EventLoop::FdWatch> watch;
   };
   struct Source : Live {
-    std::unique_ptr<Watch> network;
     NetnsId netns;                         // that the meter's sockets are in
     std::map<uint32_t, uint32_t> tracked;  // the interfaces, as they were told
     std::chrono::steady_clock::time_point nextTry;
@@ -87,7 +85,6 @@ class FlowPath {
   struct Leaving : Live {
     std::chrono::steady_clock::time_point end;  // when the rest is lost
   };
-  class ListWatch;
 
   void reviewSoon() { reviewTask_->scheduleLowestIs(Seconds(0.01)); }
   void review();
@@ -127,11 +124,11 @@ class FlowPath {
   std::function<void(bool sent)> fileDone_;
   std::chrono::steady_clock::time_point heldSince_ = std::chrono::steady_clock::now();
   std::chrono::steady_clock::time_point progressTold_ = heldSince_;
-  std::unique_ptr<ListWatch> listWatch_;
   std::unique_ptr<TimerTask> reviewTask_;
   std::unique_ptr<TimerTask> drainTask_;
   std::unique_ptr<TimerTask> flushTask_;
   std::unique_ptr<TimerTask> tickTask_;
+  std::unique_ptr<NetworkFollower> follower_;
   int ticks_ = 0;
 };
 
