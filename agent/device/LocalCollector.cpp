@@ -333,24 +333,6 @@ void LocalCollector::tellTroubles(const char* when) {
 
 // --- All of them ---
 
-class LocalCollectors::ListWatcher final : public NetworkList::Watcher {
- public:
-  explicit ListWatcher(LocalCollectors& all) : Watcher(all.networks_), all_(all) {}
-  void handleNetwork(const VrfName& vrf) override { all_.handleNetwork(vrf); }
-
- private:
-  LocalCollectors& all_;
-};
-class LocalCollectors::NetworkWatcher final : public VrfNetwork::Watcher {
- public:
-  NetworkWatcher(LocalCollectors& all, Ptr<const VrfNetwork> network)
-      : Watcher(std::move(network)), all_(all) {}
-  void handlePresent() override { all_.handlePresent(*entity()); }
-
- private:
-  LocalCollectors& all_;
-};
-
 namespace {
 Ptr<const FlowTracking::Config> softwareExport() {
   const auto config = FlowTracking::configFactory();
@@ -363,8 +345,7 @@ LocalCollectors::LocalCollectors(Ptr<const NetworkList> networks,
                                  Ptr<const Ipfix::ElementIdColl> registry,
                                  Ptr<TaskScheduler> scheduler, AgentLog& log,
                                  Ptr<SharedTable> counters)
-    : networks_(std::move(networks)),
-      vrfs_(Ip::allVrfStatusLocalFactory()),
+    : vrfs_(Ip::allVrfStatusLocalFactory()),
       host_{softwareExport(),
             std::move(registry),
             vrfs_,
@@ -372,22 +353,10 @@ LocalCollectors::LocalCollectors(Ptr<const NetworkList> networks,
             log,
             std::move(counters),
             loops_},
-      listWatcher_(std::make_unique<ListWatcher>(*this)) {
-  const auto all = networks_->network();  // a copy: the loop notifies
-  for (const auto& [vrf, network] : all) handleNetwork(vrf);
-}
+      follower_(std::move(networks), {[this](const VrfNetwork& network) { handlePresent(network); },
+                                      [this](const VrfName& vrf) { vrfs_->vrfDel(vrf); },
+                                      {}}) {}
 LocalCollectors::~LocalCollectors() = default;
-
-void LocalCollectors::handleNetwork(const VrfName& vrf) {
-  const auto network = networks_->network(vrf);
-  const auto it = networkWatchers_.find(vrf);
-  if (it != networkWatchers_.end() && it->second->entity() == network.get()) return;
-  if (it != networkWatchers_.end()) networkWatchers_.erase(it);
-  vrfs_->vrfDel(vrf);
-  if (!network) return;
-  networkWatchers_[vrf] = std::make_unique<NetworkWatcher>(*this, network);
-  handlePresent(*network);
-}
 
 void LocalCollectors::handlePresent(const VrfNetwork& network) {
   if (network.present()) {

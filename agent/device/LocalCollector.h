@@ -11,7 +11,7 @@
 #include "agent/device/LocalCollectorDecoder.h"
 #include "agent/device/LocalCollectorLoops.h"
 #include "agent/host/AgentLog.h"
-#include "agent/network/Network.h"
+#include "agent/network/NetworkFollower.h"
 #include "agent/records/FlowExport.h"
 #include "platform/FlowPathCounters.h"
 #include "platform/HwFlowTracking.h"
@@ -144,19 +144,13 @@ class LocalCollectors {
   const LocalCollector* collector(const std::string& trackerName) const;
 
  private:
-  class ListWatcher;
-  class NetworkWatcher;
-
-  void handleNetwork(const VrfName& vrf);
   void handlePresent(const VrfNetwork& network);
 
-  const Ptr<const NetworkList> networks_;
   const Ptr<Ip::AllVrfStatusLocal> vrfs_;
   LocalCollectorLoops loops_;
   const LocalCollectorHost host_;
   uint64_t instance_ = 0;
-  std::map<VrfName, std::unique_ptr<NetworkWatcher>> networkWatchers_;
-  std::unique_ptr<ListWatcher> listWatcher_;
+  NetworkFollower follower_;
   std::map<std::string, std::unique_ptr<LocalCollector>> collectors_;
 };
 

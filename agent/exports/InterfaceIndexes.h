@@ -1,14 +1,13 @@
 #pragma once
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
 #include "Ipfix/FlowTrackingTypes.h"
 #include "agent/host/AgentLog.h"
-#include "agent/network/Network.h"
+#include "agent/network/NetworkFollower.h"
 
 namespace agent {
 
@@ -30,36 +29,45 @@ class InterfaceIndexes {
 
   /// `next`: the first index to give out.
   InterfaceIndexes(Ptr<const NetworkList> networks, AgentLog& log, uint32_t next = firstGiven);
-  ~InterfaceIndexes();
   InterfaceIndexes(const InterfaceIndexes&) = delete;
   InterfaceIndexes& operator=(const InterfaceIndexes&) = delete;
 
   const Ptr<FlowTracking::IntfIndexMap>& map() const { return map_; }
 
  private:
-  class ListWatcher;
-  class Place;
+  /// One network and the indexes of its links.
+  struct Namespace {
+    explicit Namespace(const VrfNetwork& n)
+        : network(&n), prefix(n.isDefault() ? "" : n.vrf().stringValue() + '/') {}
+    const Link* live(uint32_t link) const;
+
+    Ptr<const VrfNetwork> network;
+    std::string prefix;                              // of its interfaces' exported names
+    std::unordered_map<uint32_t, uint32_t> index;    // by the kernel's
+    std::unordered_map<uint32_t, std::string> said;  // names that cannot be exported, told of
+  };
   struct Owner {
-    Place* place;
+    Namespace* ns;
     uint32_t link;  // the kernel's index
   };
 
-  void handleNetwork(const VrfName& vrf);
-  void settle(Place& place, const std::vector<uint32_t>& links);
-  void giveUp(Place& place, uint32_t link);
-  void name(Place& place, uint32_t link, const std::string& name);
+  void handlePresent(const VrfNetwork& network);
+  void handleGone(const VrfName& vrf);
+  void handleLink(const VrfNetwork& network, const std::string& name);
+  void settle(Namespace& ns, const std::vector<uint32_t>& links);
+  void giveUp(Namespace& ns, uint32_t link);
+  void name(Namespace& ns, uint32_t link, const std::string& name);
   void unname(uint32_t index);
-  uint32_t take(Place& place, uint32_t link);
+  uint32_t take(Namespace& ns, uint32_t link);
   void move(uint32_t index);
   uint32_t unused();
 
-  Ptr<const NetworkList> networks_;
   AgentLog& log_;
   Ptr<FlowTracking::IntfIndexMap> map_ = FlowTracking::intfIndexMapFactory();
   uint32_t next_;
   std::unordered_map<uint32_t, Owner> owner_;  // of every index in use, named or not
-  std::map<VrfName, std::unique_ptr<Place>> places_;
-  std::unique_ptr<ListWatcher> listWatcher_;
+  std::map<VrfName, Namespace> namespaces_;
+  NetworkFollower follower_;
 };
 
 }  // namespace agent

@@ -4,58 +4,30 @@
 
 namespace agent {
 
-class VrfIds::ListWatcher final : public NetworkList::Watcher {
- public:
-  explicit ListWatcher(VrfIds& ids) : Watcher(ids.networks_), ids_(ids) {}
-  void handleNetwork(const VrfName& vrf) override { ids_.handleNetwork(vrf); }
-
- private:
-  VrfIds& ids_;
-};
-class VrfIds::NetworkWatcher final : public VrfNetwork::Watcher {
- public:
-  NetworkWatcher(VrfIds& ids, Ptr<const VrfNetwork> network)
-      : Watcher(std::move(network)), ids_(ids) {}
-  void handlePresent() override { ids_.handlePresent(*entity()); }
-
- private:
-  VrfIds& ids_;
-};
-
 VrfIds::VrfIds(Ptr<const NetworkList> networks, AgentLog& log)
-    : networks_(std::move(networks)),
-      log_(log),
-      listWatcher_(std::make_unique<ListWatcher>(*this)) {
+    : networks_(std::move(networks)), log_(log) {
   configuredIs({});
-  const auto all = networks_->network();
-  for (const auto& [vrf, network] : all) handleNetwork(vrf);
+  follower_ = std::make_unique<NetworkFollower>(
+      networks_,
+      NetworkFollower::Handlers{[this](const VrfNetwork& network) { handlePresent(network); },
+                                [this](const VrfName& vrf) { release(vrf); },
+                                {}});
 }
-VrfIds::~VrfIds() = default;
 
-void VrfIds::handleNetwork(const VrfName& vrf) {
-  const auto network = networks_->network(vrf);
-  auto& watcher = watchers_[vrf];
-  if (watcher && watcher->entity() == network.get()) return;
-  if (const auto it = given_.find(vrf); it != given_.end()) {
-    hold(it->second, vrf);
-    given_.erase(it);
-  }
-  if (network) {
-    watcher = std::make_unique<NetworkWatcher>(*this, network);
-    handlePresent(*network);
-  } else {
-    watchers_.erase(vrf);
-  }
+/// Takes the id that was given to the VRF, if one was, off the list.
+void VrfIds::release(const VrfName& vrf) {
+  const auto it = given_.find(vrf);
+  if (it == given_.end()) return;
+  hold(it->second, vrf);
+  given_.erase(it);
 }
 
 void VrfIds::handlePresent(const VrfNetwork& network) {
   const VrfName& vrf = network.vrf();
-  const auto it = given_.find(vrf);
-  if (network.present() && it == given_.end() && !configured_.contains(vrf)) {
+  if (!network.present()) {
+    release(vrf);
+  } else if (!given_.contains(vrf) && !configured_.contains(vrf)) {
     give(vrf);
-  } else if (!network.present() && it != given_.end()) {
-    hold(it->second, vrf);
-    given_.erase(it);
   }
 }
 
@@ -80,7 +52,8 @@ void VrfIds::configuredIs(const std::map<std::string, VrfId>& ids) {
     unhold(id);
     status_->vrfIs(id, name);
   }
-  for (const auto& [vrf, watcher] : watchers_) handlePresent(*watcher->entity());
+  const auto all = networks_->network();  // a copy: the loop notifies
+  for (const auto& [vrf, network] : all) handlePresent(*network);
 }
 
 /// Lists the VRF under an id of its own: its last one, or the lowest that is free.

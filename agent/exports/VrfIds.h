@@ -6,7 +6,7 @@
 #include <string>
 
 #include "agent/host/AgentLog.h"
-#include "agent/network/Network.h"
+#include "agent/network/NetworkFollower.h"
 #include "agent/settings/Settings.h"
 #include "platform/Vrf.h"
 
@@ -24,7 +24,6 @@ class VrfIds {
   static constexpr size_t heldMax = 4096;
 
   VrfIds(Ptr<const NetworkList> networks, AgentLog& log);
-  ~VrfIds();
   VrfIds(const VrfIds&) = delete;
   VrfIds& operator=(const VrfIds&) = delete;
 
@@ -33,16 +32,14 @@ class VrfIds {
   void configuredIs(const std::map<std::string, VrfId>& ids);
 
  private:
-  class ListWatcher;
-  class NetworkWatcher;
   struct Held {
     VrfName name;
     uint64_t turn;
   };
 
-  void handleNetwork(const VrfName& vrf);
   void handlePresent(const VrfNetwork& network);
   void give(const VrfName& vrf);
+  void release(const VrfName& vrf);
   void hold(VrfId id, const VrfName& vrf);
   void unhold(VrfId id);
   VrfId lowestFree();
@@ -57,8 +54,7 @@ class VrfIds {
   std::deque<std::pair<VrfId, uint64_t>> turns_;
   uint64_t turn_ = 0;
   VrfId lowest_ = 1;  // none below is free
-  std::map<VrfName, std::unique_ptr<NetworkWatcher>> watchers_;
-  std::unique_ptr<ListWatcher> listWatcher_;
+  std::unique_ptr<NetworkFollower> follower_;
 };
 
 }  // namespace agent
