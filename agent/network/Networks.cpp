@@ -1,16 +1,10 @@
 #include "agent/network/Networks.h"
 
-#include <sys/epoll.h>
-#include <sys/inotify.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstring>
 #include <filesystem>
-#include <functional>
-#include <vector>
 
 #include "agent/host/Names.h"
 #include "agent/host/Printable.h"
@@ -37,91 +31,6 @@ struct Networks::Entry {
   std::string said;     // the last state told to the operator
 };
 
-/// Tells the names that come and go in a directory, which itself may come and go.
-class Networks::DirectoryWatch {
- public:
-  DirectoryWatch(EventLoop& loop, std::string dir, AgentLog& log,
-                 std::function<void(const std::string&)> name, std::function<void()> all)
-      : dir_(std::move(dir)), name_(std::move(name)), all_(std::move(all)) {
-    const size_t slash = dir_.find_last_of('/');
-    parent_ = slash == 0 || slash == dir_.npos ? "/" : dir_.substr(0, slash);
-    base_ = slash == dir_.npos ? dir_ : dir_.substr(slash + 1);
-    fd_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    if (fd_ < 0) {
-      log.warning(std::string("inotify: ") + std::strerror(errno) +
-                  "; namespaces are looked for every 2 seconds");
-      return;
-    }
-    watch_ = loop.fdWatch(fd_, EPOLLIN, [this](uint32_t) { handleReadable(); });
-    attach();
-  }
-  ~DirectoryWatch() {
-    watch_.reset();
-    if (fd_ >= 0) ::close(fd_);
-  }
-
-  /// Watches the directory, or its parent while it does not exist.
-  void attach() {
-    if (fd_ < 0 || dirWatch_ >= 0) return;
-    constexpr uint32_t events = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
-                                IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-    // The parent first: a directory made in between is not missed.
-    if (parentWatch_ < 0)
-      parentWatch_ =
-          inotify_add_watch(fd_, parent_.c_str(),
-                            IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR);
-    dirWatch_ = inotify_add_watch(fd_, dir_.c_str(), events);
-    if (dirWatch_ < 0 || parentWatch_ < 0) return;
-    inotify_rm_watch(fd_, parentWatch_);
-    parentWatch_ = -1;
-  }
-
- private:
-  void handleReadable() {
-    alignas(inotify_event) std::array<char, 16384> buffer;
-    std::vector<std::string> names;
-    bool all = false;
-    for (;;) {
-      const ssize_t n = read(fd_, buffer.data(), buffer.size());
-      if (n <= 0) break;
-      for (ssize_t at = 0; at < n;) {
-        const auto& event = *reinterpret_cast<const inotify_event*>(buffer.data() + at);
-        at += static_cast<ssize_t>(sizeof event + event.len);
-        const bool self = (event.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) != 0;
-        if ((event.mask & IN_Q_OVERFLOW) != 0) {
-          all = true;
-        } else if (event.wd == dirWatch_ && self) {
-          if ((event.mask & IN_MOVE_SELF) != 0) inotify_rm_watch(fd_, dirWatch_);
-          dirWatch_ = -1;
-          all = true;
-        } else if (event.wd == parentWatch_ && self) {
-          parentWatch_ = -1;
-        } else if (event.wd == dirWatch_ && event.len > 0) {
-          names.emplace_back(event.name);
-        } else if (event.wd == parentWatch_ && event.len > 0 && base_ == event.name) {
-          all = true;
-        }
-      }
-    }
-    if (all) {
-      attach();
-      all_();
-    } else {
-      for (const std::string& name : names) name_(name);
-    }
-  }
-
-  std::string dir_;
-  std::string parent_;
-  std::string base_;
-  std::function<void(const std::string&)> name_;
-  std::function<void()> all_;
-  int fd_ = -1;
-  int dirWatch_ = -1;
-  int parentWatch_ = -1;
-  std::unique_ptr<EventLoop::FdWatch> watch_;
-};
-
 Networks::Networks(Ptr<EventLoop> loop, std::string netnsDir, AgentLog& log)
     : loop_(std::move(loop)), dir_(std::move(netnsDir)), log_(log) {
   while (dir_.size() > 1 && dir_.back() == '/') dir_.pop_back();
@@ -130,8 +39,9 @@ Networks::Networks(Ptr<EventLoop> loop, std::string netnsDir, AgentLog& log)
   tickTask_ = scheduler->timerTask("networks-tick", priority, [this] { handleTick(); });
   tickTask_->scheduleIs(tick);
   watch_ = std::make_unique<DirectoryWatch>(
-      *loop_, dir_, log_, [this](const std::string& name) { handleName(name); },
-      [this] { handleDirectory(); });
+      *loop_, dir_, log_,
+      DirectoryWatch::Handlers{[this](const std::string& name) { handleName(name); },
+                               [this] { handleDirectory(); }});
   network(VrfName(std::string(defaultVrf)));
   scan();
 }

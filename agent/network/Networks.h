@@ -6,6 +6,7 @@
 #include <string>
 
 #include "agent/host/AgentLog.h"
+#include "agent/network/DirectoryWatch.h"
 #include "agent/network/Network.h"
 #include "agent/network/Rtnetlink.h"
 #include "platform/linux/EventLoop.h"
@@ -37,7 +38,6 @@ class Networks {
 
  private:
   struct Entry;
-  class DirectoryWatch;
 
   Entry& entry(const VrfName& vrf);
   std::optional<VrfName> vrfOf(const std::string& fileName);

@@ -7,7 +7,6 @@
 #include <net/if.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -123,33 +122,26 @@ RtnetlinkMonitor::RtnetlinkMonitor(EventLoop& loop, Ptr<VrfNetwork> network,
     : network_(std::move(network)), failed_(std::move(failed)), buffer_(bufferLen) {
   {
     const NetnsScope inside(path);
-    fd_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
-    if (fd_ < 0) throw ErrnoException(errno, "rtnetlink socket");
+    fd_ = Fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
+    if (!fd_) throw ErrnoException(errno, "rtnetlink socket");
     netns_ = inside.id();
   }
-  try {
-    // The forced size needs CAP_NET_ADMIN; without it the system's limit holds.
-    if (setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &receiveBufferLen, sizeof receiveBufferLen) < 0)
-      setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receiveBufferLen, sizeof receiveBufferLen);
-    sockaddr_nl self{};
-    self.nl_family = AF_NETLINK;
-    self.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
-    if (bind(fd_, reinterpret_cast<const sockaddr*>(&self), sizeof self) < 0)
-      throw ErrnoException(errno, "rtnetlink bind");
-    watch_ = loop.fdWatch(fd_, EPOLLIN, [this](uint32_t) { handleReadable(); });
-    network_->netnsIs(netns_);
-    surveyStart();
-  } catch (...) {
-    watch_.reset();
-    close(fd_);
-    throw;
-  }
+  // The forced size needs CAP_NET_ADMIN; without it the system's limit holds.
+  if (setsockopt(fd_.get(), SOL_SOCKET, SO_RCVBUFFORCE, &receiveBufferLen,
+                 sizeof receiveBufferLen) < 0)
+    setsockopt(fd_.get(), SOL_SOCKET, SO_RCVBUF, &receiveBufferLen, sizeof receiveBufferLen);
+  sockaddr_nl self{};
+  self.nl_family = AF_NETLINK;
+  self.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
+  if (bind(fd_.get(), reinterpret_cast<const sockaddr*>(&self), sizeof self) < 0)
+    throw ErrnoException(errno, "rtnetlink bind");
+  watch_ = loop.fdWatch(fd_.get(), EPOLLIN, [this](uint32_t) { handleReadable(); });
+  network_->netnsIs(netns_);
+  surveyStart();
 }
 
 RtnetlinkMonitor::~RtnetlinkMonitor() {
   if (gone_) *gone_ = true;
-  watch_.reset();
-  close(fd_);
 }
 
 bool RtnetlinkMonitor::alive() {
@@ -171,7 +163,7 @@ void RtnetlinkMonitor::request(uint16_t type) {
   }
   sockaddr_nl kernel{};
   kernel.nl_family = AF_NETLINK;
-  if (sendto(fd_, message, message->nlmsg_len, 0, reinterpret_cast<const sockaddr*>(&kernel),
+  if (sendto(fd_.get(), message, message->nlmsg_len, 0, reinterpret_cast<const sockaddr*>(&kernel),
              sizeof kernel) < 0)
     throw ErrnoException(errno, "rtnetlink request");
 }
@@ -245,7 +237,7 @@ void RtnetlinkMonitor::handleReadable() {
       message.msg_namelen = sizeof from;
       message.msg_iov = &part;
       message.msg_iovlen = 1;
-      const ssize_t n = recvmsg(fd_, &message, 0);
+      const ssize_t n = recvmsg(fd_.get(), &message, 0);
       if (n < 0) {
         if (errno == EAGAIN || errno == EINTR) break;
         if (errno != ENOBUFS) throw ErrnoException(errno, "rtnetlink receive");

@@ -7,6 +7,7 @@
 
 #include "agent/network/Network.h"
 #include "platform/linux/EventLoop.h"
+#include "platform/linux/Fd.h"
 
 struct nlmsghdr;
 
@@ -36,7 +37,7 @@ class RtnetlinkMonitor {
   bool alive();
   /// Surveys begun, the first included.
   uint64_t surveys() const { return surveys_; }
-  int fd() const { return fd_; }
+  int fd() const { return fd_.get(); }
   const NetnsId& netns() const { return netns_; }  ///< the namespace that it listens in
 
  private:
@@ -51,7 +52,7 @@ class RtnetlinkMonitor {
 
   Ptr<VrfNetwork> network_;
   std::function<void(const std::string&)> failed_;
-  int fd_ = -1;
+  Fd fd_;
   NetnsId netns_;
   std::unique_ptr<EventLoop::FdWatch> watch_;
   std::vector<char> buffer_;
