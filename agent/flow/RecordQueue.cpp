@@ -10,13 +10,12 @@
 namespace agent::flow {
 
 RecordQueue::RecordQueue() : eventFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
-  if (eventFd_ < 0) throw platform::ErrnoException(errno, "eventfd");
+  if (!eventFd_) throw platform::ErrnoException(errno, "eventfd");
   for (size_t i = 0; i < blocks; ++i) {
     all_.push_back(std::make_unique<RecordBlock>());
     free_.put(all_.back().get());
   }
 }
-RecordQueue::~RecordQueue() { close(eventFd_); }
 
 char* RecordQueue::room(bool ipv6) {
   RecordBlock*& open = open_[ipv6 ? 1 : 0];
@@ -39,13 +38,13 @@ void RecordQueue::flush() {
 void RecordQueue::publish(bool ipv6) {
   filled_.put(std::exchange(open_[ipv6 ? 1 : 0], nullptr));  // as many slots as there are blocks
   const uint64_t one = 1;
-  [[maybe_unused]] const auto n = write(eventFd_, &one, sizeof one);
+  [[maybe_unused]] const auto n = write(eventFd_.get(), &one, sizeof one);
 }
 
 RecordBlock* RecordQueue::take() { return filled_.take(); }
 void RecordQueue::heard() {
   uint64_t n = 0;
-  [[maybe_unused]] const auto got = read(eventFd_, &n, sizeof n);
+  [[maybe_unused]] const auto got = read(eventFd_.get(), &n, sizeof n);
 }
 
 }  // namespace agent::flow

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "agent/flow/FlowRecord.h"
+#include "platform/linux/Fd.h"
 
 namespace agent::flow {
 
@@ -51,12 +52,11 @@ class RecordQueue {
   static constexpr size_t blocks = 64;
 
   RecordQueue();
-  ~RecordQueue();
   RecordQueue(const RecordQueue&) = delete;
   RecordQueue& operator=(const RecordQueue&) = delete;
 
   /// Readable when blocks may have come; the reader's event loop watches it.
-  int fd() const { return eventFd_; }
+  int fd() const { return eventFd_.get(); }
 
   // The writer's side.
   /// Room for one record, or null: the reader is behind. `written` must follow.
@@ -79,7 +79,7 @@ class RecordQueue {
   BlockRing filled_{blocks};
   BlockRing free_{blocks};
   std::array<RecordBlock*, 2> open_{};  // by family
-  int eventFd_;
+  platform::Fd eventFd_;
 };
 
 }  // namespace agent::flow
