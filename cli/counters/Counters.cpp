@@ -11,10 +11,10 @@
 
 #include "cli/text/Output.h"
 #include "cli/text/Quoted.h"
-#include "cli/text/Signals.h"
 #include "cli/text/Table.h"
 #include "cli/text/Text.h"
 #include "platform/UdpPam.h"
+#include "platform/linux/StopSignals.h"
 
 namespace cli {
 namespace {
@@ -305,12 +305,12 @@ int showTable(const CountersOptions& options, size_t keyLen, size_t valueLen, co
   try {
     const auto reader = platform::shmTableReader(options.name, keyLen, valueLen);
     if (!options.watch) return look(*reader, options, false);
-    const StopSignals signals;
+    const platform::Fd signals = platform::stopSignals();
     const bool screen = !options.json && isatty(STDOUT_FILENO);
     for (;;) {
       const int status = look(*reader, options, screen);
       if (!Output::flush()) return status;
-      pollfd stop{signals.fd(), POLLIN, 0};
+      pollfd stop{signals.get(), POLLIN, 0};
       if (poll(&stop, 1, static_cast<int>(std::min(*options.watch, 86400.0) * 1000)) > 0)
         return status;
     }

@@ -10,10 +10,10 @@
 
 #include "cli/text/Output.h"
 #include "cli/text/Quoted.h"
-#include "cli/text/Signals.h"
 #include "cli/text/Text.h"
 #include "platform/UdpPam.h"
 #include "platform/linux/Fd.h"
+#include "platform/linux/StopSignals.h"
 
 namespace cli {
 namespace {
@@ -285,7 +285,7 @@ int serve(const MetricsOptions& options, Source& source) {
     complain("tarnflow: --listen: {}\n", error);
     return 1;
   }
-  const StopSignals signals;
+  const platform::Fd signals = platform::stopSignals();
   std::signal(SIGPIPE, SIG_IGN);
   std::unique_ptr<MetricsServer> server;
   try {
@@ -298,7 +298,7 @@ int serve(const MetricsOptions& options, Source& source) {
   Output::write(fmt::format("serving http://{}:{}/metrics\n",
                             options.listen.substr(0, options.listen.rfind(':')), server->port()));
   Output::flush();
-  server->run(signals.fd());
+  server->run(signals.get());
   return 0;
 }
 
@@ -323,7 +323,7 @@ void writeFile(const std::string& file, const std::string& text) {
 }
 
 int writeFiles(const MetricsOptions& options, Source& source) {
-  const StopSignals signals;
+  const platform::Fd signals = platform::stopSignals();
   std::string said;
   for (;;) {
     std::string error;
@@ -336,7 +336,7 @@ int writeFiles(const MetricsOptions& options, Source& source) {
     if (error != said && !error.empty()) complain("tarnflow: {}\n", error);
     said = error;
     if (!options.interval) return error.empty() ? 0 : 1;
-    pollfd stop{signals.fd(), POLLIN, 0};
+    pollfd stop{signals.get(), POLLIN, 0};
     if (poll(&stop, 1, static_cast<int>(std::min(*options.interval, 86400.0) * 1000)) > 0) break;
   }
   unlink(options.textFile.c_str());  // nobody renews it from now on

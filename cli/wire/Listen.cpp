@@ -11,11 +11,11 @@
 #include <utility>
 
 #include "cli/text/Output.h"
-#include "cli/text/Signals.h"
 #include "cli/text/Style.h"
 #include "cli/wire/Elements.h"
 #include "cli/wire/MessagePrinter.h"
 #include "cli/wire/OptionsTables.h"
+#include "platform/linux/StopSignals.h"
 
 namespace cli {
 namespace {
@@ -28,7 +28,8 @@ class Listener {
       : options_(options), print_(printOptions(options.quietData)), decoder_(registryLookup()) {}
 
   int run() {
-    const StopSignals signals;  // from before the sockets: a signal always leads to a summary
+    // Before the sockets are opened: from here on a signal always leads to a summary.
+    const platform::Fd signals = platform::stopSignals();
     try {
       UdpReceiver receiver(options_.addresses, options_.port);
       receive(receiver, signals);
@@ -40,12 +41,12 @@ class Listener {
   }
 
  private:
-  void receive(UdpReceiver& receiver, const StopSignals& signals) {
+  void receive(UdpReceiver& receiver, const platform::Fd& signals) {
     const auto start = Clock::now();
     announce(receiver);
     std::vector<pollfd> polled;
-    for (const int fd : receiver.fds()) polled.push_back({fd, POLLIN, 0});
-    polled.push_back({signals.fd(), POLLIN, 0});
+    for (const auto& fd : receiver.fds()) polled.push_back({fd.get(), POLLIN, 0});
+    polled.push_back({signals.get(), POLLIN, 0});
     while (!done()) {
       int wait = -1;
       if (tablesChanged_) {  // when no more comes for a while, or much has come

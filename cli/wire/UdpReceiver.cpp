@@ -7,7 +7,6 @@
 #include <netinet/in.h>
 #include <sys/time.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -79,19 +78,12 @@ UdpReceiver::UdpReceiver(const std::vector<std::string>& addresses, uint16_t por
       }
       return;
     } catch (const std::system_error& e) {
-      closeAll_p();
+      fds_.clear();
+      bound_.clear();
       if (port != 0 || e.code().value() != EADDRINUSE || attempt == tries) throw;
     }
   }
 }
-UdpReceiver::~UdpReceiver() { closeAll_p(); }
-
-void UdpReceiver::closeAll_p() {
-  for (const int fd : fds_) close(fd);
-  fds_.clear();
-  bound_.clear();
-}
-
 void UdpReceiver::open_p(const std::string& address, uint16_t port) {
   addrinfo hints{};
   hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
@@ -112,7 +104,7 @@ void UdpReceiver::open_p(const std::string& address, uint16_t port) {
   };
   const int fd = socket(local.ss_family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (fd < 0) refuse("cannot open a socket for");
-  fds_.push_back(fd);
+  fds_.emplace_back(fd);
   if (local.ss_family == AF_INET6) {
     set(fd, IPPROTO_IPV6, IPV6_V6ONLY, 1);
     set(fd, IPPROTO_IPV6, IPV6_RECVTCLASS, 1);
@@ -141,7 +133,7 @@ std::optional<Datagram> UdpReceiver::receive(size_t socket) {
   m.msg_iovlen = 1;
   m.msg_control = control;
   m.msg_controllen = sizeof control;
-  const ssize_t n = recvmsg(fds_[socket], &m, 0);
+  const ssize_t n = recvmsg(fds_[socket].get(), &m, 0);
   if (n < 0) return std::nullopt;
 
   Datagram d;
@@ -172,10 +164,11 @@ std::optional<Datagram> UdpReceiver::receive(size_t socket) {
 
 uint64_t UdpReceiver::drops() const {
   uint64_t total = 0;
-  for (const int fd : fds_) {
+  for (const auto& fd : fds_) {
     uint32_t info[SK_MEMINFO_VARS] = {};
     socklen_t len = sizeof info;
-    if (getsockopt(fd, SOL_SOCKET, SO_MEMINFO, info, &len) == 0) total += info[SK_MEMINFO_DROPS];
+    if (getsockopt(fd.get(), SOL_SOCKET, SO_MEMINFO, info, &len) == 0)
+      total += info[SK_MEMINFO_DROPS];
   }
   return total;
 }

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/linux/Fd.h"
+
 namespace cli {
 
 /// An address of either family with a port.
@@ -30,12 +32,9 @@ class UdpReceiver {
   /// Without addresses: all of this host's, IPv4 and IPv6 (one of the two may be missing). Port 0:
   /// the kernel chooses. Throws std::runtime_error, which says what cannot be opened and why.
   UdpReceiver(const std::vector<std::string>& addresses, uint16_t port);
-  ~UdpReceiver();
-  UdpReceiver(const UdpReceiver&) = delete;
-  UdpReceiver& operator=(const UdpReceiver&) = delete;
 
   const std::vector<Endpoint>& bound() const { return bound_; }
-  const std::vector<int>& fds() const { return fds_; }
+  const std::vector<platform::Fd>& fds() const { return fds_; }
   /// The next datagram of that socket; nothing when none waits.
   std::optional<Datagram> receive(size_t socket);
   /// Datagrams that the kernel dropped since the start because a socket's buffer was full. Asks
@@ -44,9 +43,8 @@ class UdpReceiver {
 
  private:
   void open_p(const std::string& address, uint16_t port);
-  void closeAll_p();
 
-  std::vector<int> fds_;
+  std::vector<platform::Fd> fds_;
   std::vector<Endpoint> bound_;
   std::vector<uint8_t> buffer_;
 };

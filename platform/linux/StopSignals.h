@@ -1,29 +1,20 @@
 #pragma once
 #include <sys/signalfd.h>
-#include <unistd.h>
 
 #include <csignal>
 
-namespace cli {
+#include "platform/linux/Fd.h"
 
-/// SIGINT and SIGTERM as something to poll: readable once one came.
-class StopSignals {
- public:
-  StopSignals() {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    sigprocmask(SIG_BLOCK, &set, nullptr);
-    fd_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-  }
-  ~StopSignals() { close(fd_); }
-  StopSignals(const StopSignals&) = delete;
-  StopSignals& operator=(const StopSignals&) = delete;
-  int fd() const { return fd_; }
+namespace platform {
 
- private:
-  int fd_ = -1;
-};
+/// A descriptor that is readable once SIGINT or SIGTERM came. Both are blocked from now on.
+inline Fd stopSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGTERM);
+  sigprocmask(SIG_BLOCK, &set, nullptr);
+  return Fd(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+}
 
-}  // namespace cli
+}  // namespace platform
