@@ -24,13 +24,13 @@ constexpr Seconds tick{1};
 constexpr int ticksPerTelling = 10;
 constexpr uint32_t holdIntervals = 3;  // RFC 7011, 8.1: a collector may have missed two
 
-std::string placeText(const HwFlowTracking::LocalCollectorConfig& place) {
-  const IpGenAddr& addr = place.destIp();
+std::string endpointText(const HwFlowTracking::LocalCollectorConfig& config) {
+  const IpGenAddr& addr = config.destIp();
   const std::string where = addr.isIpv6()
-                                ? Ip6AndPort{addr.ip6Addr(), place.destPort()}.stringValue()
-                                : IpAndPort{addr.ipAddr(), place.destPort()}.stringValue();
-  return where + " (exporter " + printable(place.expName()) + ", VRF " +
-         printable(place.vrfName().stringValue()) + ')';
+                                ? Ip6AndPort{addr.ip6Addr(), config.destPort()}.stringValue()
+                                : IpAndPort{addr.ipAddr(), config.destPort()}.stringValue();
+  return where + " (exporter " + printable(config.expName()) + ", VRF " +
+         printable(config.vrfName().stringValue()) + ')';
 }
 
 /// What an operator should know of, in words.
@@ -66,10 +66,10 @@ class LocalCollector::PamsWatcher final : public FlowTracking::LocalCollectorPam
  private:
   LocalCollector& c_;
 };
-class LocalCollector::PlaceWatcher final : public HwFlowTracking::LocalCollectorConfig::Watcher {
+class LocalCollector::ReadyWatcher final : public HwFlowTracking::LocalCollectorConfig::Watcher {
  public:
-  explicit PlaceWatcher(LocalCollector& c) : Watcher(c.config_->localCollectorConfig()), c_(c) {}
-  void handleExporterReady() override { c_.handlePlace(); }
+  explicit ReadyWatcher(LocalCollector& c) : Watcher(c.config_->localCollectorConfig()), c_(c) {}
+  void handleExporterReady() override { c_.handleExporterReady(); }
 
  private:
   LocalCollector& c_;
@@ -123,7 +123,7 @@ LocalCollector::LocalCollector(std::string trackerName, Ptr<FtConfig> config,
       tickTask_(host.scheduler->timerTask("localCollectorTick-" + trackerName_, afterTemplates,
                                           [this] { handleTick(); })),
       pamsWatcher_(std::make_unique<PamsWatcher>(*this)),
-      placeWatcher_(std::make_unique<PlaceWatcher>(*this)),
+      readyWatcher_(std::make_unique<ReadyWatcher>(*this)),
       configWatcher_(std::make_unique<ConfigWatcher>(*this)) {
   handleExporters();
   tickTask_->scheduleIs(tick);
@@ -133,7 +133,7 @@ LocalCollector::LocalCollector(std::string trackerName, Ptr<FtConfig> config,
 
 LocalCollector::~LocalCollector() {
   if (heard_) heard_->rxPktHandlerIs(nullptr);
-  placeWatcher_.reset();  // that it stops is no news
+  readyWatcher_.reset();  // or the log would say that nobody listens any more
   pamsWatcher_.reset();
   configWatcher_.reset();
   exporterWatchers_.clear();
@@ -208,16 +208,16 @@ void LocalCollector::review() {
   }
 }
 
-void LocalCollector::handlePlace() {
-  const auto& place = *config_->localCollectorConfig();
-  if (place.exporterReady()) {
-    place_ = placeText(place);
-    log_.info("tracker " + printable(trackerName_) + ": devices send to " + place_,
+void LocalCollector::handleExporterReady() {
+  const auto& config = *config_->localCollectorConfig();
+  if (config.exporterReady()) {
+    heardAt_ = endpointText(config);
+    log_.info("tracker " + printable(trackerName_) + ": devices send to " + heardAt_,
               {.tracker = trackerName_});
-  } else if (!place_.empty()) {
-    log_.warning("tracker " + printable(trackerName_) + ": nobody listens any more at " + place_,
+  } else if (!heardAt_.empty()) {
+    log_.warning("tracker " + printable(trackerName_) + ": nobody listens any more at " + heardAt_,
                  {.tracker = trackerName_});
-    place_.clear();
+    heardAt_.clear();
   }
 }
 

@@ -74,14 +74,14 @@ class LocalCollector {
 
  private:
   class PamsWatcher;
-  class PlaceWatcher;
+  class ReadyWatcher;
   class ConfigWatcher;
   class ExporterWatcher;
 
   void handlePam();
   void hear();
   void review();
-  void handlePlace();
+  void handleExporterReady();
   void handleExporters();
   void handleLimits();
   void handleDatagram(std::string_view datagram, const IpGenAddr& from, uint16_t port);
@@ -110,8 +110,8 @@ class LocalCollector {
   uint64_t lostTold_ = 0;
   uint64_t unsentTold_ = 0;
   int ticks_ = 0;
-  std::string place_;  // where devices send to, as it was told; empty: nowhere
-  Ptr<UdpPam> heard_;  // the endpoint whose datagrams come here
+  std::string heardAt_;  // what the log said devices send to; empty: nothing
+  Ptr<UdpPam> heard_;    // the endpoint whose datagrams come here
 
   const Ptr<FlowTracking::LocalCollectorPams> pams_;
   std::unique_ptr<TimerTask> settleTask_;
@@ -119,7 +119,7 @@ class LocalCollector {
   std::unique_ptr<TimerTask> reviewTask_;
   std::unique_ptr<TimerTask> tickTask_;
   std::unique_ptr<PamsWatcher> pamsWatcher_;
-  std::unique_ptr<PlaceWatcher> placeWatcher_;
+  std::unique_ptr<ReadyWatcher> readyWatcher_;
   std::unique_ptr<ConfigWatcher> configWatcher_;
   std::map<std::string, std::unique_ptr<ExporterWatcher>> exporterWatchers_;
   Ptr<FlowTracking::LocalCollectorConfigSm> sm_;

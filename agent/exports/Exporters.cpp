@@ -11,9 +11,9 @@
 namespace agent {
 
 /// One VRF's exporters, by the name of their interface.
-class SourceFinder::Place final : public VrfNetwork::Watcher {
+class SourceFinder::VrfSides final : public VrfNetwork::Watcher {
  public:
-  explicit Place(Ptr<VrfNetwork> network) : Watcher(network), network_(std::move(network)) {}
+  explicit VrfSides(Ptr<VrfNetwork> network) : Watcher(network), network_(std::move(network)) {}
   const Ptr<VrfNetwork>& network() const { return network_; }
   Sides::iterator add(const std::string& interface, ExporterSide* side) {
     return sides_.emplace(interface, side);
@@ -46,13 +46,13 @@ SourceFinder::~SourceFinder() = default;
 
 SourceFinder::Entry SourceFinder::enter(const VrfName& vrf, const std::string& interface,
                                         ExporterSide* side) {
-  auto& place = places_[vrf];
-  if (!place) place = std::make_unique<Place>(networkOf_(vrf));
-  return {place.get(), place->add(interface, side)};
+  auto& sides = vrfs_[vrf];
+  if (!sides) sides = std::make_unique<VrfSides>(networkOf_(vrf));
+  return {sides.get(), sides->add(interface, side)};
 }
 void SourceFinder::leave(const Entry& entry) {
-  const VrfName vrf = entry.place->network()->vrf();  // the place holds it, and may go
-  if (entry.place->del(entry.side)) places_.erase(vrf);
+  const VrfName vrf = entry.vrf->network()->vrf();  // a copy: `erase` may delete the network
+  if (entry.vrf->del(entry.position)) vrfs_.erase(vrf);
 }
 
 class ExporterSide::Readiness final : public HwFlowTracking::ExporterConfig::Watcher {
@@ -82,9 +82,9 @@ ExporterSide::~ExporterSide() {
 
 void ExporterSide::placeIs(const VrfName& vrf, const std::string& interface) {
   const bool moves{network_};
-  // Enter first: the place, and the watch on the network, stays when only the interface changes.
+  // Enter before leaving: the watcher of the network stays when only the interface changes.
   const SourceFinder::Entry before = std::exchange(entry_, finder_.enter(vrf, interface, this));
-  network_ = entry_.place->network();
+  network_ = entry_.vrf->network();
   if (moves) finder_.leave(before);
   interface_ = interface;
   if (config_->vrfName() != vrf) {

@@ -22,18 +22,19 @@ class SourceFinder {
 
  private:
   friend class ExporterSide;
-  class Place;
+  class VrfSides;
   using Sides = std::multimap<std::string, ExporterSide*>;  // by interface
-  /// That a side wants news of an interface. Thousands may want those of one: it knows its place.
+  /// A side's entry among those of its VRF. It has the position, since thousands of sides may
+  /// follow one interface.
   struct Entry {
-    Place* place = nullptr;
-    Sides::iterator side;
+    VrfSides* vrf = nullptr;
+    Sides::iterator position;
   };
   Entry enter(const VrfName& vrf, const std::string& interface, ExporterSide* side);
   void leave(const Entry& entry);
 
   NetworkOf networkOf_;
-  std::map<VrfName, std::unique_ptr<Place>> places_;
+  std::map<VrfName, std::unique_ptr<VrfSides>> vrfs_;
 };
 
 /// The host's side of one exporter: writes the source addresses that its local interface has, as
@@ -69,7 +70,7 @@ class ExporterSide {
   std::function<void(bool)> readinessChanged_;
   std::string interface_;
   SourceFinder::Entry entry_;
-  Ptr<VrfNetwork> network_;  // null before the first place
+  Ptr<VrfNetwork> network_;  // null before the first `placeIs`
   std::string told_;
   bool ready_ = false;
   std::unique_ptr<Readiness> readiness_;

@@ -96,7 +96,7 @@ void Resolver::hostsAre(const std::set<std::string>& hosts, Seconds interval) {
     std::erase_if(*queue, [&](const std::string& name) { return !hosts.contains(name); });
   for (const std::string& name : hosts) {
     auto [it, fresh] = hosts_.try_emplace(name);
-    Host& host = it->second;
+    Followed& host = it->second;
     if (fresh) {
       host.due = loop_->taskScheduler()->timerTask("agent-resolve", afterAll,
                                                    [this, name] { lookUp(name); });
@@ -122,7 +122,7 @@ void Resolver::lookUpAll() {
 }
 
 void Resolver::lookUp(const std::string& name) {
-  Host& host = hosts_.at(name);
+  Followed& host = hosts_.at(name);
   if (std::exchange(host.underWay, true)) {
     host.again = true;
     return;
@@ -172,7 +172,7 @@ void Resolver::handleResults() {
 void Resolver::take(Result result) {
   const auto it = hosts_.find(result.host);
   if (it == hosts_.end()) return;
-  Host& host = it->second;
+  Followed& host = it->second;
   host.underWay = false;
   const bool failed = result.addresses.empty();
   const bool again = std::exchange(host.again, false);

@@ -46,7 +46,7 @@ class Resolver {
   static constexpr size_t failingMax = 8;  ///< of those, for hosts whose last lookup failed
 
  private:
-  struct Host {
+  struct Followed {
     Addresses addresses;
     std::string problem;  // of the last lookup; empty: it found something
     bool underWay = false;
@@ -71,7 +71,7 @@ class Resolver {
   AgentLog& log_;
   std::function<void()> changed_;
   Seconds interval_{60};
-  std::map<std::string, Host> hosts_;
+  std::map<std::string, Followed> hosts_;
   std::deque<std::string> waiting_;
   std::deque<std::string> waitingFailing_;  // those whose last lookup failed
   size_t underWay_ = 0;

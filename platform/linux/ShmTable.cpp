@@ -147,14 +147,14 @@ class ShmTable final : public SharedTable {
   void each(const std::function<void(Octets, Octets)>& visit) const override;
 
  private:
-  struct Place {
+  struct Search {
     uint8_t* slot;  // holds the key, or is where it would go
     bool found;
   };
 
   void create();
   void build(const std::string& path, int fd, uint64_t generation);
-  Place find(Octets key, uint64_t tag) const;
+  Search find(Octets key, uint64_t tag) const;
   bool hasKey(const uint8_t* slot, Octets key) const {
     return std::memcmp(keyOf(slot).data(), key.data(), key.size()) == 0;
   }
@@ -344,7 +344,7 @@ ShmTable::~ShmTable() {
     ::unlink(path_.c_str());
 }
 
-ShmTable::Place ShmTable::find(Octets key, uint64_t tag) const {
+ShmTable::Search ShmTable::find(Octets key, uint64_t tag) const {
   for (size_t i = tag;; ++i) {
     uint8_t* slot = slotAt(i);
     const uint64_t t = tagOf(slot);
