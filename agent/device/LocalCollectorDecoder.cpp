@@ -1,9 +1,9 @@
 #include "agent/device/LocalCollectorDecoder.h"
 
 #include <algorithm>
-#include <array>
 #include <utility>
 
+#include "elements/Elements.h"
 #include "platform/IpfixTypes.h"
 
 namespace agent {
@@ -27,16 +27,6 @@ uint16_t u16(std::string_view s, size_t at) {
 uint32_t u32(std::string_view s, size_t at) {
   return static_cast<uint32_t>(u16(s, at)) << 16 | u16(s, at + 2);
 }
-
-/// Addresses and times have one length; numbers may be shortened (RFC 7011, 6.2). The registry has
-/// no types: these are IANA's, and the enterprise's inner addresses.
-bool exactLength(uint16_t element, bool enterprise) {
-  static constexpr std::array<uint16_t, 12> iana = {8,  12, 15, 18, 27,  28,
-                                                    56, 57, 62, 63, 152, 153};
-  if (enterprise) return element >= 1024 && element <= 1027;
-  return std::find(iana.begin(), iana.end(), element) != iana.end();
-}
-
 }  // namespace
 
 LocalCollectorDecoder::LocalCollectorDecoder(Ptr<const Ipfix::ElementIdColl> registry,
@@ -184,8 +174,9 @@ bool LocalCollectorDecoder::readFields(std::string_view fields, Template& t) {
       ++unknown;
     } else if (known.len() == IpfixConst::variableLen()
                    ? len == 0
-                   : len != known.len() &&
-                         (len == 0 || len > known.len() || exactLength(element, enterprise))) {
+                   : len > known.len() ||
+                         !elements::typeAllows(elements::typeOf(enterprise, element, known.len()),
+                                               len)) {
       ++badLength;
     } else {
       keep = true;

@@ -5,43 +5,24 @@
 #include <utility>
 
 namespace cli {
-namespace {
 using decoder::Element;
-using decoder::Type;
-
-Type enterpriseType(const Ipfix::ElementId& e) {
-  switch (e.id().value()) {
-    case 1024:
-    case 1025:
-      return Type::ipv4Address;
-    case 1026:
-    case 1027:
-      return Type::ipv6Address;
-    default:
-      return e.len() <= 8 ? Type::unsigned64 : Type::octetArray;
-  }
-}
-
-struct Table {
-  platform::Ptr<const Ipfix::ElementIdColl> registry;  // holds the names
-  std::map<std::pair<uint32_t, uint32_t>, Element> elements;
-};
-}  // namespace
 
 decoder::ElementLookup elementLookup(platform::Ptr<const Ipfix::ElementIdColl> registry) {
+  struct Table {
+    platform::Ptr<const Ipfix::ElementIdColl> registry;  // holds the names
+    std::map<std::pair<uint32_t, uint32_t>, Element> elements;
+  };
   auto table = std::make_shared<Table>();
   table->registry = std::move(registry);
   for (const auto& [type, e] : table->registry->elementIdColl()) {
-    const uint32_t id = type.value();
-    const Element* iana =
-        e.enterpriseIe() ? nullptr : decoder::ianaElement(static_cast<uint16_t>(id));
-    Element element{e.str(), iana ? iana->type : enterpriseType(e), iana && iana->flags};
-    table->elements[{e.enterpriseIe() ? Ipfix::IpfixConst::enterpriseNumber() : 0, id}] = element;
+    const auto id = static_cast<uint16_t>(type.value());
+    table->elements[{e.enterpriseIe() ? Ipfix::IpfixConst::enterpriseNumber() : 0, id}] = {
+        e.str(), elements::typeOf(e.enterpriseIe(), id, e.len())};
   }
   return [table](uint32_t enterprise, uint16_t id) -> const Element* {
+    if (const Element* iana = enterprise == 0 ? decoder::ianaElement(id) : nullptr) return iana;
     auto it = table->elements.find({enterprise, id});
-    if (it != table->elements.end()) return &it->second;
-    return enterprise == 0 ? decoder::ianaElement(id) : nullptr;
+    return it == table->elements.end() ? nullptr : &it->second;
   };
 }
 

@@ -4,8 +4,7 @@
 
 namespace cli {
 
-/// Elements by the registry's names: those of IANA with IANA's types, those of the enterprise as
-/// addresses or numbers. What the registry lacks is looked up in IANA's own list.
+/// IANA's elements as its list has them, and the others of the registry by their names there.
 decoder::ElementLookup elementLookup(platform::Ptr<const Ipfix::ElementIdColl> registry);
 /// The same with the registry that the library knows.
 decoder::ElementLookup registryLookup();
