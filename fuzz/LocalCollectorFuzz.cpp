@@ -69,18 +69,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // A copy of its own, so that a read behind its end is seen.
     const std::vector<char> octets(rest.begin(), rest.begin() + static_cast<ptrdiff_t>(len));
     rest = rest.subspan(len);
-    if (what & 0x10) decoder.settle();
-    if (what & 0x20) decoder.advance(Seconds(what & 0x40 ? 301 : 50));
-    if (what & 0x80) decoder.roomIs(what & 0x40 ? 40 : 1432);
+    if (what & 0x10) decoder.templates().settle();
+    if (what & 0x20) decoder.templates().advance(Seconds(what & 0x40 ? 301 : 50));
+    if (what & 0x80) decoder.templates().roomIs(what & 0x40 ? 40 : 1432);
     decoder.decode({octets.data(), octets.size()}, IpAddr(what & 7u), 4739);
 
     const LocalCollectorCounters& n = decoder.counters();
     check(n.recordsPassed == records);
     check(n.recordsIn == n.recordsPassed + n.recordsOfRefused + n.recordsTooLarge);
-    check(decoder.streams() <= decoder.templates() && decoder.templates() <= limits.templates &&
-          decoder.layouts() <= limits.layouts && published.size() <= limits.layouts);
-    check(decoder.mostTemplates().templates <= limits.templatesPerSender);
-    check(decoder.mostOctets().octets <= decoder.publishedLen());
+    const LocalCollectorTemplates& t = decoder.templates();
+    check(t.streams() <= t.templates() && t.templates() <= limits.templates &&
+          t.layouts() <= limits.layouts && published.size() <= limits.layouts);
+    check(t.mostTemplates().templates <= limits.templatesPerSender);
+    check(t.mostOctets().octets <= t.publishedLen());
   }
   return 0;
 }

@@ -172,8 +172,8 @@ void LocalCollector::handleLimits() {
     mtu = std::min(mtu, exporter->ipfixMtu());
     interval = std::max(interval, exporter->templateInterval());
   }
-  decoder_.holdIs(std::chrono::milliseconds(uint64_t{holdIntervals} * interval));
-  decoder_.roomIs(mtu - std::min(mtu, headers));
+  decoder_.templates().holdIs(std::chrono::milliseconds(uint64_t{holdIntervals} * interval));
+  decoder_.templates().roomIs(mtu - std::min(mtu, headers));
 }
 
 void LocalCollector::handlePam() {
@@ -254,7 +254,7 @@ void LocalCollector::publish(TemplateId id, const PassedLayout& layout) {
 /// then is told after a run of this task that was due before.
 void LocalCollector::settle() {
   if (sink_.told()) {
-    decoder_.settle();
+    decoder_.templates().settle();
   } else {
     settleTask_->scheduleIs(Seconds(0));
   }
@@ -269,7 +269,7 @@ void LocalCollector::handleTick() {
   tickTask_->scheduleIs(tick);
   tellCounters();
   if (++ticks_ % ticksPerTelling != 0) return;
-  decoder_.advance(tick * ticksPerTelling);
+  decoder_.templates().advance(tick * ticksPerTelling);
   tellTroubles("");
 }
 
@@ -296,6 +296,7 @@ void LocalCollector::tellCounters() {
 /// of what is full.
 void LocalCollector::tellTroubles(const char* when) {
   const LocalCollectorCounters& now = decoder_.counters();
+  const LocalCollectorTemplates& templates = decoder_.templates();
   std::string text;
   const auto add = [&](uint64_t n, const std::string& what) {
     if (n == 0) return;
@@ -311,15 +312,15 @@ void LocalCollector::tellTroubles(const char* when) {
   add(unsent - unsentTold_, "records of exporters without a ready collector");
   if (now.templatesDisplaced > told_.templatesDisplaced ||
       now.templatesOverLimit > told_.templatesOverLimit) {
-    const auto most = decoder_.mostTemplates();
+    const auto most = templates.mostTemplates();
     text += "; " + most.sender.stringValue() + " has " + std::to_string(most.templates) + " of " +
-            std::to_string(decoder_.templates()) + " templates, " +
-            std::to_string(decoder_.limits().templates) + " have room";
+            std::to_string(templates.templates()) + " templates, " +
+            std::to_string(templates.limits().templates) + " have room";
   }
   if (now.templatesWithoutRoom > told_.templatesWithoutRoom) {
-    const auto most = decoder_.mostOctets();
+    const auto most = templates.mostOctets();
     text += "; those of " + most.sender.stringValue() + " take " + std::to_string(most.octets) +
-            " of the " + std::to_string(decoder_.room()) + " octets of the template message";
+            " of the " + std::to_string(templates.room()) + " octets of the template message";
   }
   told_ = now;
   loopedTold_ = looped_;

@@ -70,7 +70,6 @@ class LocalCollector {
   uint64_t loopedDatagrams() const { return looped_; }
   /// Datagrams for which the receive buffer had no room.
   uint64_t lostDatagrams() const { return lost_ + (heard_ ? heard_->counters().rxDropped : 0); }
-  const LocalCollectorDecoder& decoder() const { return decoder_; }
 
  private:
   class PamsWatcher;

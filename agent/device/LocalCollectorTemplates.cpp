@@ -1,11 +1,11 @@
-// What a local collector remembers of templates and layouts, and who gives way when it is full.
+#include "agent/device/LocalCollectorTemplates.h"
+
 #include <algorithm>
 #include <bit>
 #include <tuple>
 #include <utility>
 #include <vector>
 
-#include "agent/device/LocalCollectorDecoder.h"
 #include "platform/IpfixTypes.h"
 
 namespace agent {
@@ -24,14 +24,9 @@ constexpr size_t sharePart = 64;
 /// Searches for layouts that give way, per datagram. A datagram may hold 5,000 templates.
 constexpr int displacementsMax = 4;
 
-uint16_t fieldCount(std::string_view record) {
-  return static_cast<uint16_t>(static_cast<uint8_t>(record[2]) << 8 |
-                               static_cast<uint8_t>(record[3]));
-}
-uint32_t specifierLen(const PassedField& f) { return f.enterprise ? 8 : 4; }
 uint32_t templateLen(const PassedLayout& layout) {
   uint32_t len = templateHeaderLen;
-  for (const PassedField& f : layout) len += specifierLen(f);
+  for (const PassedField& f : layout) len += f.enterprise ? 8 : 4;
   return len;
 }
 
@@ -48,11 +43,31 @@ bool mixesFamilies(const PassedLayout& layout) {
 }
 }  // namespace
 
+LocalCollectorTemplates::LocalCollectorTemplates(Ptr<const Ipfix::ElementIdColl> registry,
+                                                 Publish publish, Withdraw withdraw,
+                                                 const Limits& limits,
+                                                 LocalCollectorCounters& counters)
+    : registry_(std::move(registry)),
+      publish_(std::move(publish)),
+      withdraw_(std::move(withdraw)),
+      limits_(limits),
+      counters_(counters) {}
+
 // --- Templates ---
 
-/// False: no record can have such a template.
-bool LocalCollectorDecoder::learn(const StreamKey& key, TemplateId id, std::string_view record,
-                                  size_t headerLen, bool options) {
+void LocalCollectorTemplates::datagramBegins() {
+  ++datagrams_;
+  displacements_ = 0;
+  madeRoom_ = false;
+}
+
+LocalCollectorTemplates::Stream* LocalCollectorTemplates::stream(const StreamKey& key) {
+  const auto it = streams_.find(key);
+  return it == streams_.end() ? nullptr : &it->second;
+}
+
+bool LocalCollectorTemplates::learn(const StreamKey& key, TemplateId id, std::string_view record,
+                                    size_t headerLen, bool options) {
   auto stream = streams_.find(key);
   bool known = stream != streams_.end() && stream->second.templates.contains(id);
   if (known) {
@@ -70,7 +85,7 @@ bool LocalCollectorDecoder::learn(const StreamKey& key, TemplateId id, std::stri
   t.options = options;
   t.learnt = now_;
   t.heard = datagrams_;
-  if (fieldCount(record) > limits_.fields) {
+  if (u16At(record, 2) > limits_.fields) {
     ++counters_.templatesOverLimit;
     if (known) forget(stream, id);
     return true;
@@ -80,7 +95,12 @@ bool LocalCollectorDecoder::learn(const StreamKey& key, TemplateId id, std::stri
     ++counters_.templatesOverLimit;
     return true;
   }
-  if (!readFields(record.substr(headerLen), t)) return false;
+  t.records = RecordReduction(record.substr(headerLen), *registry_);
+  if (t.records.minLen == 0) return false;
+  if (!options) {
+    counters_.fieldsUnknown += t.records.unknown;
+    counters_.fieldsOfBadLength += t.records.badLength;
+  }
   t.octets = record;
 
   if (!known) {
@@ -107,7 +127,7 @@ bool LocalCollectorDecoder::learn(const StreamKey& key, TemplateId id, std::stri
 
 /// Makes room for one more template where there is none. False: this datagram made room before, for
 /// a 16th of the limit, and brings more than that: a flood shall not cost a search for each.
-bool LocalCollectorDecoder::roomFor(const IpGenAddr& address) {
+bool LocalCollectorTemplates::roomFor(const IpGenAddr& address) {
   const auto sender = senders_.find(address);
   const bool own =
       sender != senders_.end() && sender->second.templates >= limits_.templatesPerSender;
@@ -118,7 +138,7 @@ bool LocalCollectorDecoder::roomFor(const IpGenAddr& address) {
 }
 
 /// Forgets a few of all templates, or of those of `only`, which have reached `limit`.
-void LocalCollectorDecoder::makeRoom(const IpGenAddr* only, size_t limit) {
+void LocalCollectorTemplates::makeRoom(const IpGenAddr* only, size_t limit) {
   struct Candidate {
     int greed;
     uint64_t heard;
@@ -147,8 +167,8 @@ void LocalCollectorDecoder::makeRoom(const IpGenAddr* only, size_t limit) {
 }
 
 /// Returns the stream, or the next one when it had no other template and is gone.
-LocalCollectorDecoder::Streams::iterator LocalCollectorDecoder::forget(Streams::iterator stream,
-                                                                       TemplateId id) {
+LocalCollectorTemplates::Streams::iterator LocalCollectorTemplates::forget(Streams::iterator stream,
+                                                                           TemplateId id) {
   auto& templates = stream->second.templates;
   const auto it = templates.find(id);
   Senders::value_type* const sender = it->second.sender;
@@ -160,11 +180,11 @@ LocalCollectorDecoder::Streams::iterator LocalCollectorDecoder::forget(Streams::
   return templates.empty() ? streams_.erase(stream) : stream;
 }
 
-void LocalCollectorDecoder::forgetIdle(Senders::value_type* sender) {
+void LocalCollectorTemplates::forgetIdle(Senders::value_type* sender) {
   if (sender->second.templates == 0 && sender->second.layouts == 0) senders_.erase(sender->first);
 }
 
-void LocalCollectorDecoder::heardRecords(Template& t) {
+void LocalCollectorTemplates::heardRecords(Template& t) {
   t.heard = datagrams_;
   if (t.layout) t.layout->second.heard = now_;
   if (!std::exchange(t.tried, true)) {
@@ -175,7 +195,7 @@ void LocalCollectorDecoder::heardRecords(Template& t) {
   if (t.waits && t.waitedAt != changes_) retry(t, true);
 }
 
-void LocalCollectorDecoder::advance(Seconds d) {
+void LocalCollectorTemplates::advance(Seconds d) {
   now_ += d;
   ++changes_;
   for (auto stream = streams_.begin(); stream != streams_.end();) {
@@ -205,15 +225,15 @@ void LocalCollectorDecoder::advance(Seconds d) {
 // --- Layouts ---
 
 /// Gives the template its layout, if that can be published. The one it had until now goes.
-void LocalCollectorDecoder::publish(Template& t) {
+void LocalCollectorTemplates::publish(Template& t) {
   uint64_t LocalCollectorCounters::*refusal = nullptr;
   t.waits = false;
-  if (t.passed.empty()) {
+  if (t.records.passed.empty()) {
     refusal = &LocalCollectorCounters::templatesWithoutField;
-  } else if (mixesFamilies(t.passed)) {
+  } else if (mixesFamilies(t.records.passed)) {
     refusal = &LocalCollectorCounters::templatesMixed;
   } else {
-    if (t.layout && t.layout->first == t.passed) return;
+    if (t.layout && t.layout->first == t.records.passed) return;
     t.waits = true;
     refusal = acquire(t, false);
     if (refusal) {  // the room of the old one may do
@@ -227,16 +247,16 @@ void LocalCollectorDecoder::publish(Template& t) {
 }
 
 /// Tries once more what was refused and counted before.
-void LocalCollectorDecoder::retry(Template& t, bool displace) {
+void LocalCollectorTemplates::retry(Template& t, bool displace) {
   t.waitedAt = changes_;
   acquire(t, displace);
 }
 
 /// Publishes the template's layout, or uses the one that is published, in place of the one it has.
 /// `displace`: others may give way. Returns null, or the counter of what is in the way.
-uint64_t LocalCollectorCounters::*LocalCollectorDecoder::acquire(Template& t, bool displace) {
-  if (t.keptLen > room_) return &LocalCollectorCounters::templatesTooLarge;
-  auto it = layouts_.find(t.passed);
+uint64_t LocalCollectorCounters::*LocalCollectorTemplates::acquire(Template& t, bool displace) {
+  if (t.records.keptLen > room_) return &LocalCollectorCounters::templatesTooLarge;
+  auto it = layouts_.find(t.records.passed);
   if (it != layouts_.end() && it->second.published) {
     use(t, &*it);
     return nullptr;
@@ -249,11 +269,11 @@ uint64_t LocalCollectorCounters::*LocalCollectorDecoder::acquire(Template& t, bo
       id = freeId();
     if (id == 0) return &LocalCollectorCounters::templatesOverLimit;
   }
-  const uint32_t len = templateLen(t.passed);
+  const uint32_t len = templateLen(t.records.passed);
   if (publishedLen_ + len > room_ && (!displace || !displaceFor(t, len)))
     return &LocalCollectorCounters::templatesWithoutRoom;
   if (it == layouts_.end()) {
-    it = layouts_.try_emplace(t.passed).first;
+    it = layouts_.try_emplace(t.records.passed).first;
     it->second.id = id;
     it->second.cause = t.sender;
     ++t.sender->second.layouts;
@@ -263,14 +283,14 @@ uint64_t LocalCollectorCounters::*LocalCollectorDecoder::acquire(Template& t, bo
   layout.published = layout.fresh = true;
   fresh_.push_back(&*it);
   publishedLen_ += len;
-  output_.publish(layout.id, it->first);
+  publish_(layout.id, it->first);
   use(t, &*it);
   return nullptr;
 }
 
 /// Octets of the templates of the layouts that only one sender uses, by sender.
-std::map<const LocalCollectorDecoder::Senders::value_type*, uint32_t>
-LocalCollectorDecoder::ownOctets() const {
+std::map<const LocalCollectorTemplates::Senders::value_type*, uint32_t>
+LocalCollectorTemplates::ownOctets() const {
   std::map<const Senders::value_type*, uint32_t> octets;
   for (const auto& [id, layout] : ids_)
     if (layout->second.published && layout->second.uses.size() == 1)
@@ -283,7 +303,7 @@ LocalCollectorDecoder::ownOctets() const {
 /// - those that were not tried, when `t` was;
 /// - those of a sender that takes more room than that of `t` would then, and it cannot take it
 ///   back, since then it would be the one that takes more.
-bool LocalCollectorDecoder::displaceFor(const Template& t, uint32_t len) {
+bool LocalCollectorTemplates::displaceFor(const Template& t, uint32_t len) {
   if (displacements_++ >= displacementsMax || len > room_) return false;
   const auto octets = ownOctets();
   const auto octetsOf = [&](const Senders::value_type* sender) {
@@ -320,7 +340,7 @@ bool LocalCollectorDecoder::displaceFor(const Template& t, uint32_t len) {
 }
 
 /// Takes the layout off all templates that use it.
-void LocalCollectorDecoder::displace(Layouts::value_type* layout) {
+void LocalCollectorTemplates::displace(Layouts::value_type* layout) {
   for (auto& [key, stream] : streams_)
     for (auto& [id, t] : stream.templates)
       if (t.layout == layout) {
@@ -330,7 +350,7 @@ void LocalCollectorDecoder::displace(Layouts::value_type* layout) {
       }
 }
 
-void LocalCollectorDecoder::use(Template& t, Layouts::value_type* layout) {
+void LocalCollectorTemplates::use(Template& t, Layouts::value_type* layout) {
   Layouts::value_type* const before = std::exchange(t.layout, nullptr);
   t.waits = false;
   ++layout->second.uses[t.sender];
@@ -343,7 +363,7 @@ void LocalCollectorDecoder::use(Template& t, Layouts::value_type* layout) {
   t.layout = layout;
 }
 
-void LocalCollectorDecoder::release(Template& t) {
+void LocalCollectorTemplates::release(Template& t) {
   Layouts::value_type* const layout = std::exchange(t.layout, nullptr);
   if (!layout) return;
   Layout& l = layout->second;
@@ -353,15 +373,15 @@ void LocalCollectorDecoder::release(Template& t) {
   if (l.uses.empty() && !l.fresh) withdraw(layout);
 }
 
-void LocalCollectorDecoder::withdraw(Layouts::value_type* layout) {
+void LocalCollectorTemplates::withdraw(Layouts::value_type* layout) {
   ++changes_;
   layout->second.published = false;
   layout->second.withdrawn = now_;
   publishedLen_ -= templateLen(layout->first);
-  output_.withdraw(layout->second.id);
+  withdraw_(layout->second.id);
 }
 
-void LocalCollectorDecoder::settle() {
+void LocalCollectorTemplates::settle() {
   for (Layouts::value_type* layout : std::exchange(fresh_, {})) {
     layout->second.fresh = false;
     if (layout->second.uses.empty()) withdraw(layout);
@@ -369,7 +389,7 @@ void LocalCollectorDecoder::settle() {
 }
 
 /// The lowest id that no layout has; 0: there is none.
-TemplateId LocalCollectorDecoder::freeId() const {
+TemplateId LocalCollectorTemplates::freeId() const {
   uint32_t id = IpfixConst::firstDataSetId();
   for (auto it = ids_.begin(); id <= UINT16_MAX; ++id) {
     if (it != ids_.end() && it->first == id) {
@@ -381,14 +401,14 @@ TemplateId LocalCollectorDecoder::freeId() const {
   return 0;
 }
 
-void LocalCollectorDecoder::roomIs(uint32_t octets) {
+void LocalCollectorTemplates::roomIs(uint32_t octets) {
   if (octets == room_) return;
   room_ = octets;
   ++changes_;
   // What does not fit any more waits, from the highest id down.
   for (auto& [key, stream] : streams_)
     for (auto& [id, t] : stream.templates)
-      if (t.layout && t.keptLen > room_) {
+      if (t.layout && t.records.keptLen > room_) {
         t.waits = true;
         release(t);
       }
@@ -397,13 +417,13 @@ void LocalCollectorDecoder::roomIs(uint32_t octets) {
     if (!it->second->second.uses.empty()) displace(it->second);
 }
 
-LocalCollectorDecoder::Fullest LocalCollectorDecoder::mostTemplates() const {
+LocalCollectorTemplates::Fullest LocalCollectorTemplates::mostTemplates() const {
   Fullest most;
   for (const auto& [address, sender] : senders_)
     if (sender.templates > most.templates) most = {address, sender.templates, 0};
   return most;
 }
-LocalCollectorDecoder::Fullest LocalCollectorDecoder::mostOctets() const {
+LocalCollectorTemplates::Fullest LocalCollectorTemplates::mostOctets() const {
   Fullest most;
   for (const auto& [sender, octets] : ownOctets())
     if (octets > most.octets) most = {sender->first, sender->second.templates, octets};

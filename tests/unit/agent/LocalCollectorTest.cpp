@@ -82,7 +82,7 @@ class DecoderTest : public PassedTest {
                        pass(lens, records);
                      }},
                 limits) {
-    decoder.holdIs(hold);
+    decoder.templates().holdIs(hold);
   }
   void publish(TemplateId id, const PassedLayout& layout) {
     TemplateId expected = 256;
@@ -106,11 +106,11 @@ class DecoderTest : public PassedTest {
   }
   void settle() {
     untold.clear();
-    decoder.settle();
+    decoder.templates().settle();
   }
   void advance(Seconds d) {
     now += d;
-    decoder.advance(d);
+    decoder.templates().advance(d);
     std::erase_if(resting, [this](const auto& r) { return now - r.second.second >= hold; });
   }
   const LocalCollectorCounters& n() const { return decoder.counters(); }
@@ -130,7 +130,7 @@ TEST_F(DecoderTest, WhatThereIsNoRoomForWaits) {
   EXPECT_EQ(n().templatesOverLimit, 1u);
   EXPECT_EQ(n().setsWithoutTemplate, 1u) << "what 302 was is no more";
   settle();
-  decoder.roomIs(15);
+  decoder.templates().roomIs(15);
   hear(message(templates(303, {{1, 8}, {2, 8}})));
   EXPECT_EQ(n().templatesWithoutRoom + n().templatesTooLarge, 1u);
   EXPECT_TRUE(published.contains(256) && published.size() == 1) << "the last come off";
@@ -188,7 +188,7 @@ class RandomTest : public DecoderTest {
     ++expected.templatesLearnt;
     if (refused(t)) ++(t.mixed ? expected.templatesMixed : expected.templatesTooLarge);
   }
-  bool refused(const Template& t) const { return t.mixed || t.len > decoder.room(); }
+  bool refused(const Template& t) const { return t.mixed || t.len > decoder.templates().room(); }
   /// A record; what of it is passed on is added to `passes`.
   std::string record(const Template& t, std::string& passes) {
     std::string made;
@@ -210,7 +210,7 @@ class RandomTest : public DecoderTest {
       content += record(t, passes);
       if (refused(t)) {
         ++expected.recordsOfRefused;
-      } else if (passes.size() > decoder.room()) {
+      } else if (passes.size() > decoder.templates().room()) {
         ++expected.recordsTooLarge;
       } else {
         toPass.push_back(passes);
@@ -327,7 +327,7 @@ class RandomTest : public DecoderTest {
       for (const auto& [id, t] : d.templates)
         if (!t.fields.empty() && !refused(t)) wanted.insert(t.layout);
     }
-    ASSERT_EQ(decoder.templates(), templates);
+    ASSERT_EQ(decoder.templates().templates(), templates);
     std::set<PassedLayout> there;
     for (const auto& [id, layout] : published) ASSERT_TRUE(there.insert(layout).second);
     ASSERT_TRUE(std::includes(there.begin(), there.end(), wanted.begin(), wanted.end()));
@@ -361,7 +361,7 @@ TEST_F(RandomTest, EveryRecordTemplateAndNumberIsAccountedFor) {
     if (pick(2) == 0) settle();
     // Refused templates are tried again when there is more room.
     if (pick(30) == 0) {
-      decoder.roomIs(700 + 700 * pick(2));
+      decoder.templates().roomIs(700 + 700 * pick(2));
       advance(Seconds(0));
     }
     if (pick(10) == 0) advance(Seconds(times[pick(std::size(times))]));
@@ -433,9 +433,9 @@ TEST_P(HostileTest, TheOthersLoseNothing) {
     if (n % 20 == 1)
       for (const Device& d : devices) sendRecords(d);
     if (n % 200 == 0) advance(Seconds(10));
-    ASSERT_LE(decoder.templates(), few.templates);
-    ASSERT_LE(decoder.layouts(), few.layouts);
-    ASSERT_LE(decoder.publishedLen(), decoder.room());
+    ASSERT_LE(decoder.templates().templates(), few.templates);
+    ASSERT_LE(decoder.templates().layouts(), few.layouts);
+    ASSERT_LE(decoder.templates().publishedLen(), decoder.templates().room());
   }
   const std::set<std::string> all(passed.begin(), passed.end());
   for (const std::string& one : sent) ASSERT_TRUE(all.contains(one));
@@ -444,8 +444,9 @@ TEST_P(HostileTest, TheOthersLoseNothing) {
     advance(Seconds(10));
     settle();
   }
-  EXPECT_EQ(decoder.streams() + decoder.templates() + published.size() + decoder.layouts(), 0u);
-  EXPECT_EQ(decoder.mostTemplates().templates + decoder.mostOctets().octets, 0u);
+  const LocalCollectorTemplates& t = decoder.templates();
+  EXPECT_EQ(t.streams() + t.templates() + published.size() + t.layouts(), 0u);
+  EXPECT_EQ(t.mostTemplates().templates + t.mostOctets().octets, 0u);
 }
 // Four kinds of senders, two of ports, two of domains and seven of templates.
 INSTANTIATE_TEST_SUITE_P(By, HostileTest, testing::Range(0, 4 * 2 * 2 * 7));

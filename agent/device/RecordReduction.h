@@ -1,0 +1,62 @@
+#pragma once
+#include <compare>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Ipfix/Ipfix.h"
+
+namespace agent {
+
+inline uint8_t octetAt(std::string_view s, size_t at) { return static_cast<uint8_t>(s[at]); }
+inline uint16_t u16At(std::string_view s, size_t at) {
+  return static_cast<uint16_t>(octetAt(s, at) << 8 | octetAt(s, at + 1));
+}
+inline uint32_t u32At(std::string_view s, size_t at) {
+  return uint32_t{u16At(s, at)} << 16 | u16At(s, at + 2);
+}
+
+/// Octets of the field specifier (RFC 7011, 3.2) that begins with `word`: with an enterprise number
+/// or without.
+inline size_t specifierLen(uint16_t word) { return (word & 0x8000) != 0 ? 8 : 4; }
+
+/// One field of the records that are passed on.
+struct PassedField {
+  uint16_t element = 0;  ///< its number in the registry
+  uint16_t len = 0;      ///< as the device sends it, which may be reduced; 65535: variable
+  bool enterprise = false;
+  auto operator<=>(const PassedField&) const = default;
+};
+using PassedLayout = std::vector<PassedField>;
+
+/// How the records of a device's template are made, and what is left of them when they are reduced
+/// to the fields that the registry knows.
+struct RecordReduction {
+  RecordReduction() = default;
+  /// `fields`: the template's field specifiers, each of them whole.
+  RecordReduction(std::string_view fields, const Ipfix::ElementIdColl& registry);
+
+  /// The length of the record that `rest` begins with; false: it is longer than what there is.
+  /// Appends the fields that are kept to `kept`, unless that is null.
+  bool take(std::string_view rest, size_t& len, std::string* kept) const;
+  /// The same for `n` records of a template without fields of variable length.
+  void takeFixed(const char* records, uint64_t n, std::string& kept) const;
+
+  /// Neighbouring octets of a record that are treated alike.
+  struct Step {
+    uint16_t len = 0;  // fixed ones
+    bool variable = false;
+    bool keep = false;
+  };
+  std::vector<Step> steps;
+  PassedLayout passed;
+  bool fixed = true;       ///< no field of variable length
+  bool whole = true;       ///< nothing is left out
+  uint32_t minLen = 0;     ///< of a record
+  uint32_t keptLen = 0;    ///< of it, the fixed fields that are kept
+  uint32_t unknown = 0;    ///< fields that are left out: not in the registry
+  uint32_t badLength = 0;  ///< left out: no encoding of the element has this length
+};
+
+}  // namespace agent
