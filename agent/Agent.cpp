@@ -130,8 +130,10 @@ bool Agent::start() {
     }
     return false;
   }
+  trees_ = std::make_unique<LibraryTrees>(LibraryHost{loop_, ipfixInit_, configReq_, statistics_,
+                                                      interfaceIndexes_->map(), vrfIds_->status()});
   entities_ = std::make_unique<Entities>(
-      [this](const VrfName& vrf) { return networks_->network(vrf); },
+      *trees_, [this](const VrfName& vrf) { return networks_->network(vrf); },
       ipfixInit_->elementIdCollection(), log_,
       [this] {
         if (told_) statusTask_->scheduleLowestIs(statusDelay);
@@ -174,24 +176,9 @@ Changes Agent::apply(const Settings& wanted) {
   vrfIds_->configuredIs(settings.vrfs);
   followHosts(settings);
   const Changes changes = entities_->apply(settings);
-  for (const auto& [type, tree] : entities_->trees())
-    if (type == FlowTracking::FlowTrackingType::hardware) localCollectors_->keepOnly(*tree.config);
-  for (const auto& [type, tree] : entities_->trees()) {
-    Roots& roots = roots_[type];
-    if (tree.config->ftConfig().empty()) {
-      roots.release();
-    } else if (!roots.templateSm) {
-      roots.info = FlowTracking::flowTrackingInfoFactory(type);
-      roots.infoSm = FlowTracking::flowTrackingInfoSmFactory(loop_, tree.config, roots.info,
-                                                             ipfixInit_->agentInfo());
-      roots.templateSm = FlowTracking::templateSmFactory(
-          configReq_, tree.config, tree.status, roots.info, ipfixInit_->elementIdCollection(),
-          statistics_, loop_->taskScheduler());
-      roots.optionsDataSm = FlowTracking::optionsDataManagerSmFactory(
-          tree.config, tree.status, roots.info, interfaceIndexes_->map(), vrfIds_->status(),
-          statistics_, loop_->taskScheduler());
-    }
-  }
+  if (const auto& config = trees_->tree(FlowTracking::FlowTrackingType::hardware).config)
+    localCollectors_->keepOnly(*config);
+  trees_->followTrackers();
   std::set<VrfName> vrfs;
   for (const auto& [trackerName, tracker] : settings.trackers)
     for (const auto& [name, exporter] : tracker.exporters) vrfs.insert(exporter.vrf);
@@ -204,14 +191,10 @@ Changes Agent::apply(const Settings& wanted) {
 
 /// Devices track for the trackers of type hardware; what they send goes out as the trackers' own.
 void Agent::startLocalCollectors() {
-  constexpr auto type = FlowTracking::FlowTrackingType::hardware;
-  const auto found = entities_->trees().find(type);
-  if (found == entities_->trees().end()) return;
-  const Entities::Tree& tree = found->second;
+  const LibraryTree& tree = trees_->tree(FlowTracking::FlowTrackingType::hardware);
+  if (!tree.config) return;
   localCollectors_->follow(*tree.config, *tree.status, [&](const std::string& trackerName) {
-    const Roots& roots = roots_.at(type);
-    const auto exporters = std::make_shared<FlowExport>(
-        trackerName, FlowExportTree{tree.config, roots.info, roots.templateSm, statistics_});
+    const auto exporters = std::make_shared<FlowExport>(trackerName, tree);
     return LocalCollectorSink{
         [exporters](FlowTracking::TemplateId id, RecordLens lens, std::string_view records) {
           exporters->recordsIs(id, lens, records);
@@ -241,9 +224,9 @@ void Agent::followHosts(const Settings& settings) {
 /// What cannot be sent may be on its way to a host that is elsewhere by now.
 void Agent::handleSendErrors() {
   uint64_t errors = 0;
-  for (const auto& [type, roots] : roots_) {
-    if (!roots.info) continue;
-    for (const auto& [trackerName, tracker] : roots.info->ftInfo())
+  for (const auto& [type, tree] : trees_->all()) {
+    if (!tree.info) continue;
+    for (const auto& [trackerName, tracker] : tree.info->ftInfo())
       for (const auto& [name, exporter] : tracker->expInfo())
         for (const auto& pam : {exporter->udpPam4(), exporter->udpPam6()})
           if (pam) errors += pam->counters().dropped;
@@ -317,13 +300,8 @@ ReloadOutcome Agent::reload() {
 ExportsView Agent::exportsView() const {
   ExportsView view;
   view.settings = [this]() -> const Settings& { return entities_->placedSettings(); };
-  view.tree = [this](FlowTracking::FlowTrackingType type) {
-    const auto roots = roots_.find(type);
-    const auto tree = entities_->trees().find(type);
-    if (roots == roots_.end() || tree == entities_->trees().end()) return LibraryTree{};
-    const Roots& r = roots->second;
-    return LibraryTree{tree->second.config, tree->second.status, r.info, r.infoSm,
-                       r.templateSm,        r.optionsDataSm};
+  view.tree = [this](FlowTracking::FlowTrackingType type) -> const LibraryTree& {
+    return trees_->tree(type);
   };
   view.hostProblem = [this](const std::string& host) { return resolver_->problem(host); };
   view.elements = ipfixInit_->elementIdCollection();
@@ -356,15 +334,14 @@ std::vector<StateTree::Root> Agent::stateRoots() const {
   const auto add = [&](std::string name, Ptr<const Entity> entity) {
     if (entity) roots.push_back({std::move(name), std::move(entity)});
   };
-  for (const auto& [type, tree] : entities_->trees()) {
+  for (const auto& [type, tree] : trees_->all()) {
     const std::string kind = FlowTracking::toText(type) + '-';
-    const Roots& reactors = roots_.at(type);
     add(kind + "config", tree.config);
     add(kind + "status", tree.status);
-    add(kind + "info", reactors.info);
-    add(kind + "info-reactors", reactors.infoSm);
-    add(kind + "templates", reactors.templateSm);
-    add(kind + "options-data", reactors.optionsDataSm);
+    add(kind + "info", tree.info);
+    add(kind + "info-reactors", tree.infoSm);
+    add(kind + "templates", tree.templateSm);
+    add(kind + "options-data", tree.optionsDataSm);
   }
   add("interfaces", interfaceIndexes_->map());
   add("vrfs", vrfIds_->status());
@@ -375,13 +352,6 @@ std::vector<StateTree::Root> Agent::stateRoots() const {
   add("elements", ipfixInit_);
   add("loop", loop_);
   return roots;
-}
-
-void Agent::Roots::release() {
-  optionsDataSm = nullptr;
-  templateSm = nullptr;
-  infoSm = nullptr;
-  info = nullptr;
 }
 
 void Agent::stop() {
@@ -405,9 +375,8 @@ void Agent::stop() {
   flowPaths_.clear();
   leavingPaths_.clear();
   localCollectors_.reset();
-  for (auto& [type, roots] : roots_) roots.release();
-  roots_.clear();
   entities_.reset();
+  trees_.reset();
   resolver_.reset();
   addressesTask_.reset();  // those before ask for it
   vrfIds_.reset();

@@ -5,11 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "Ipfix/CollectorStats.h"
-#include "Ipfix/FlowTrackerInfoSm.h"
-#include "Ipfix/FlowTrackerTemplateSm.h"
-#include "Ipfix/IpfixSm.h"
-#include "Ipfix/OptionsDataManagerSm.h"
 #include "agent/control/ControlRequests.h"
 #include "agent/control/ControlSocket.h"
 #include "agent/device/LocalCollector.h"
@@ -63,16 +58,6 @@ class Agent {
   bool fileFailed() const { return fileFailed_; }
 
  private:
-  /// The reactors of one kind of tracking. Options data waits for templates, and both refer to the
-  /// information: they go in the reverse order.
-  struct Roots {
-    Ptr<FlowTracking::FlowTrackingInfo> info;
-    Ptr<FlowTracking::FlowTrackingInfoSm> infoSm;
-    Ptr<FlowTracking::TemplateSm> templateSm;
-    Ptr<FlowTracking::OptionsDataManagerSm> optionsDataSm;
-    void release();
-  };
-
   void makeTables(const Settings& settings);
   void makeTasks();
   bool openFile(const Settings& settings);
@@ -113,8 +98,8 @@ class Agent {
   std::unique_ptr<InterfaceIndexes> interfaceIndexes_;
   std::unique_ptr<VrfIds> vrfIds_;
   std::unique_ptr<Resolver> resolver_;
+  std::unique_ptr<LibraryTrees> trees_;
   std::unique_ptr<Entities> entities_;
-  std::map<FlowTracking::FlowTrackingType, Roots> roots_;
   std::unique_ptr<LocalCollectors> localCollectors_;
   Ptr<SharedTable> flowCounters_;
   const Ptr<flow::FlowCaptures> flowCaptures_ = flow::flowCapturesFactory();

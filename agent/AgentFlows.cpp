@@ -26,14 +26,11 @@ void Agent::startFlows(const Settings& settings) {
       path->settingsIs(tracker);
       continue;
     }
-    const Roots& roots = roots_.at(tracker.type);
     path = std::make_unique<flow::FlowPath>(
         name,
         flow::FlowPathHost{loop_, networks_->list(), interfaceIndexes_->map(), vrfIds_->status(),
                            options_.netnsDir, flowCounters_, flowCaptures_, log_},
-        FlowExportTree{entities_->trees().at(tracker.type).config, roots.info, roots.templateSm,
-                       statistics_},
-        tracker);
+        trees_->tree(tracker.type), tracker);
     if (options_.readFile.empty()) continue;
     ++filesUnderWay_;
     path->fileIs(std::make_unique<CaptureFile>(options_.readFile),

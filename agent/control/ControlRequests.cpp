@@ -148,20 +148,18 @@ Json ControlRequests::collectors(const Request& request) {
     after = {at[0], at[1], at[2]};
   Json out = {{"collectors", Json::array()}, {"next", nullptr}};
   size_t looks = 0;
-  std::map<FlowTracking::FlowTrackingType, LibraryTree> trees;
-  CollectorStates::each(settings, after,
-                        [&](const CollectorName& name, const TrackerSettings& t,
-                            const ExporterSettings& e, const CollectorSettings& c) {
-                          if (!tracker.empty() && name.tracker != tracker) return false;
-                          if (exporter.empty() || name.exporter == exporter) {
-                            auto [tree, fresh] = trees.try_emplace(t.type);
-                            if (fresh) tree->second = host_.view.tree(t.type);
-                            out["collectors"].push_back(collector(tree->second, name, t, e, c));
-                          }
-                          if (++looks < collectorsPerPart) return true;
-                          out["next"] = {name.tracker, name.exporter, name.collector};
-                          return false;
-                        });
+  CollectorStates::each(
+      settings, after,
+      [&](const CollectorName& name, const TrackerSettings& t, const ExporterSettings& e,
+          const CollectorSettings& c) {
+        if (!tracker.empty() && name.tracker != tracker) return false;
+        if (exporter.empty() || name.exporter == exporter) {
+          out["collectors"].push_back(collector(host_.view.tree(t.type), name, t, e, c));
+        }
+        if (++looks < collectorsPerPart) return true;
+        out["next"] = {name.tracker, name.exporter, name.collector};
+        return false;
+      });
   return out;
 }
 
@@ -254,7 +252,7 @@ Json ControlRequests::resend(const Request& request) {
   size_t exporters = 0;
   for (const auto& [trackerName, t] : settings.trackers) {
     if (!tracker.empty() && tracker != trackerName) continue;
-    const LibraryTree tree = host_.view.tree(t.type);
+    const LibraryTree& tree = host_.view.tree(t.type);
     const auto templates = tree.templateSm ? tree.templateSm->ftTemplateSm(trackerName) : nullptr;
     const auto data = tree.optionsDataSm ? tree.optionsDataSm->ftManagerSm(trackerName) : nullptr;
     if (!templates) continue;

@@ -152,15 +152,13 @@ std::vector<std::string_view> ControlTables::names() {
 
 Json ControlTables::list(const ExportsView& view) {
   Json tables = Json::array();
-  std::map<FlowTracking::FlowTrackingType, LibraryTree> trees;
-  for (const auto type : types) trees[type] = view.tree(type);
   for (const TableKind& kind : kinds) {
     uint64_t records = 0;
     if (!kind.ofTracker) {
       if (const auto source = globalSource(view, kind)) records = source->dataRecords();
     } else {
       for (const auto& [name, tracker] : view.settings().trackers)
-        if (const auto source = trackerSource(trees[tracker.type], name, kind))
+        if (const auto source = trackerSource(view.tree(tracker.type), name, kind))
           records += source->dataRecords();
     }
     tables.push_back({{"name", kind.name},
@@ -208,11 +206,9 @@ Json ControlTables::rows(const ExportsView& view, std::string_view name, const s
       addAll(*source, {}, nullptr, numberAt(after, 1));
     return out;
   }
-  std::map<FlowTracking::FlowTrackingType, LibraryTree> trees;
-  for (const auto type : types) trees[type] = view.tree(type);
   const std::string first = textAt(after, 0);
   eachTracker(view, only, first, [&](const std::string& tracker, const TrackerSettings& settings) {
-    const LibraryTree& tree = trees[settings.type];
+    const LibraryTree& tree = view.tree(settings.type);
     const auto source = trackerSource(tree, tracker, kind);
     return !source || addAll(*source, tracker, &tree, tracker == first ? numberAt(after, 1) : 0);
   });
@@ -238,12 +234,10 @@ Json lastSent(const Exporters& exporters) {
 
 Json ControlTables::templates(const ExportsView& view, const std::string& only, const Json& after) {
   Json out = {{"templates", Json::array()}, {"next", nullptr}};
-  std::map<FlowTracking::FlowTrackingType, LibraryTree> trees;
-  for (const auto type : types) trees[type] = view.tree(type);
   Share share;
   const std::string first = textAt(after, 0);
   eachTracker(view, only, first, [&](const std::string& name, const TrackerSettings& tracker) {
-    const LibraryTree& tree = trees[tracker.type];
+    const LibraryTree& tree = view.tree(tracker.type);
     const auto from =
         name == first ? static_cast<TemplateId>(numberAt(after, 1) + 1) : TemplateId{0};
     const auto sms = tree.templateSm ? tree.templateSm->ftTemplateSm(name) : nullptr;

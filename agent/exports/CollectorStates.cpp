@@ -83,7 +83,6 @@ void CollectorStates::each(
 void CollectorStates::look() {
   size_t n = 0;
   bool more = false;
-  std::map<FlowTracking::FlowTrackingType, LibraryTree> trees;
   each(view_.settings(), last_,
        [&](const CollectorName& name, const TrackerSettings& tracker, const ExporterSettings&,
            const CollectorSettings& collector) {
@@ -91,11 +90,9 @@ void CollectorStates::look() {
            more = true;
            return false;
          }
-         auto [tree, fresh] = trees.try_emplace(tracker.type);
-         if (fresh) tree->second = view_.tree(tracker.type);
          const bool ipv6 = collector.address.isIpv6();
          lookAt({{name.tracker, name.exporter}, ipv6},
-                tree->second.exporterInfo(name.tracker, name.exporter));
+                view_.tree(tracker.type).exporterInfo(name.tracker, name.exporter));
          note(name);
          last_ = name;
          return true;
@@ -231,7 +228,7 @@ CollectorState CollectorStates::find(const CollectorName& name) {
   const bool ipv6 = collector->second.address.isIpv6();
   if (collector->second.address.family() == IpGenAddr::Family::none)
     return withoutAddress(view_, collector->second.host);
-  const LibraryTree tree = view_.tree(tracker->second.type);
+  const LibraryTree& tree = view_.tree(tracker->second.type);
   const auto config = tree.exporterConfig(name.tracker, name.exporter);
   if (!config) return {Status::waitingForAddress, "", 0};
   if (ipv6 ? config->srcIp6Addr().isZero() : config->srcIpAddr().isZero())

@@ -133,20 +133,16 @@ struct Entities::Tracker {
   std::map<std::string, Exporter> exporters;
 };
 
-Entities::Entities(SourceFinder::NetworkOf networkOf, Ptr<Ipfix::ElementIdColl> registry,
-                   AgentLog& log, std::function<void()> readiness, Hosts hosts)
-    : finder_(std::move(networkOf)),
+Entities::Entities(LibraryTrees& trees, SourceFinder::NetworkOf networkOf,
+                   Ptr<Ipfix::ElementIdColl> registry, AgentLog& log,
+                   std::function<void()> readiness, Hosts hosts)
+    : trees_(trees),
+      finder_(std::move(networkOf)),
       registry_(std::move(registry)),
       log_(log),
       readiness_(std::move(readiness)),
       hosts_(std::move(hosts)) {}
-Entities::~Entities() = default;
-
-Entities::Tree& Entities::tree(FlowTrackingType type) {
-  Tree& t = trees_[type];
-  if (!t.config) t = {HwFlowTracking::configFactory(), HwFlowTracking::statusFactory()};
-  return t;
-}
+Entities::~Entities() { trees_.releaseReactors(); }
 
 Changes Entities::apply(const Settings& settings) {
   const Changes changes = applyPlaced(placed(settings));
@@ -259,7 +255,7 @@ void Entities::removeTracker(const std::string& name, Tracker& tracker, Changes&
   changes.exporters.removed += tracker.exporters.size();
   for (const auto& [exporterName, exporter] : tracker.exporters)
     changes.collectors.removed += exporter.settings.collectors.size();
-  Tree& t = tree(tracker.settings.type);
+  const LibraryTree& t = trees_.make(tracker.settings.type);
   t.status->ftStatusDel(name);
   t.config->ftConfigDel(name);
 }
@@ -365,7 +361,7 @@ void Entities::replaceTracker(const std::string& name, Tracker& tracker,
   fresh.status->activeIntervalIs(wanted.activeInterval);
   fresh.status->inactiveTimeoutIs(wanted.inactiveTimeout);
   fresh.status->sampleRateIs(wanted.sampleRate);
-  tree(wanted.type).config->ftConfigIs(fresh.config);
+  trees_.make(wanted.type).config->ftConfigIs(fresh.config);
   tracker = std::move(fresh);
 }
 
@@ -383,12 +379,12 @@ void Entities::addTracker(const std::string& name, const TrackerSettings& wanted
   tracker->status->sampleRateIs(wanted.sampleRate);
   // Devices bring their own templates.
   std::string problem;
-  if (wanted.type == FlowTrackingType::software)
+  if (wanted.type == LibraryTrees::Type::software)
     for (const auto& t : flowTemplates(*registry_, problem)) tracker->status->templateStatusIs(t);
   if (!problem.empty())
     log_.error("tracker " + name + ": no flow templates: " + problem, {.tracker = name});
   addExporters(name, *tracker, wanted, changes);
-  Tree& t = tree(wanted.type);
+  const LibraryTree& t = trees_.make(wanted.type);
   Tracker& added = *(trackers_[name] = std::move(tracker));
   t.config->ftConfigIs(added.config);
   t.status->ftStatusIs(added.status);

@@ -8,6 +8,7 @@
 
 #include "Ipfix/Ipfix.h"
 #include "agent/exports/Exporters.h"
+#include "agent/exports/LibraryTrees.h"
 #include "agent/settings/Settings.h"
 #include "platform/HwFlowTracking.h"
 
@@ -34,11 +35,6 @@ std::string describe(const Changes& changes);
 /// smallest change: what did not change keeps its entities and hears nothing.
 class Entities {
  public:
-  struct Tree {
-    Ptr<HwFlowTracking::Config> config;
-    Ptr<HwFlowTracking::Status> status;
-  };
-
   /// Where the addresses of collectors come from that are given by the name of their host.
   struct Hosts {
     /// The addresses in the order to be tried; null as long as there are none.
@@ -48,8 +44,10 @@ class Entities {
   };
 
   /// `readiness` is called when the count of ready exporters changed.
-  Entities(SourceFinder::NetworkOf networkOf, Ptr<Ipfix::ElementIdColl> registry, AgentLog& log,
-           std::function<void()> readiness, Hosts hosts = {});
+  Entities(LibraryTrees& trees, SourceFinder::NetworkOf networkOf,
+           Ptr<Ipfix::ElementIdColl> registry, AgentLog& log, std::function<void()> readiness,
+           Hosts hosts = {});
+  /// Releases the trees' reactors first, so that each exporter still says that it is not ready.
   ~Entities();
   Entities(const Entities&) = delete;
   Entities& operator=(const Entities&) = delete;
@@ -62,8 +60,6 @@ class Entities {
   /// still is such. Another address is another session: its sequence numbers start at 0.
   void addressesAre();
 
-  /// One per kind of tracking that has, or had, a tracker.
-  const std::map<FlowTracking::FlowTrackingType, Tree>& trees() const { return trees_; }
   size_t readyExporters() const { return ready_; }
   /// Tracker, exporter and collector names with their settings, for comparison.
   const Settings& settings() const { return settings_; }
@@ -74,9 +70,7 @@ class Entities {
   class Sources;
   struct Exporter;
   struct Tracker;
-  using FlowTrackingType = FlowTracking::FlowTrackingType;
 
-  Tree& tree(FlowTrackingType type);
   Changes applyPlaced(Settings settings);
   Settings placed(const Settings& settings);
   void place(const std::string& tracker, const std::string& exporter, ExporterSettings& settings,
@@ -92,6 +86,7 @@ class Entities {
   void addExporters(const std::string& trackerName, Tracker& tracker, const TrackerSettings& wanted,
                     Changes& changes);
 
+  LibraryTrees& trees_;
   SourceFinder finder_;
   Ptr<Ipfix::ElementIdColl> registry_;
   AgentLog& log_;
@@ -100,7 +95,6 @@ class Entities {
   Settings settings_;                             // as given: without the hosts' addresses
   Settings placed_;                               // with them
   std::map<std::string, std::string> toldPlace_;  // by collector, what the log said last
-  std::map<FlowTrackingType, Tree> trees_;
   std::map<std::string, std::unique_ptr<Tracker>> trackers_;
   size_t ready_ = 0;
 };

@@ -43,12 +43,12 @@ uint64_t randomSeed() {
 }
 }  // namespace
 
-FlowPath::FlowPath(std::string tracker, FlowPathHost host, FlowExportTree tree,
+FlowPath::FlowPath(std::string tracker, FlowPathHost host, const LibraryTree& tree,
                    const TrackerSettings& settings)
     : tracker_(std::move(tracker)),
       host_(std::move(host)),
       settings_(settings),
-      export_(tracker_, std::move(tree)),
+      export_(tracker_, tree),
       ended_{.key = FlowTracking::FlowPathKey(tracker_)} {
   const auto scheduler = host_.loop->taskScheduler();
   const auto task = [&](const char* kind, auto body) {

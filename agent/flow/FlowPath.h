@@ -37,7 +37,7 @@ struct FlowPathHost {
 /// are held back while no collector is ready, and while the endpoints have much to send.
 class FlowPath {
  public:
-  FlowPath(std::string tracker, FlowPathHost host, FlowExportTree tree,
+  FlowPath(std::string tracker, FlowPathHost host, const LibraryTree& tree,
            const TrackerSettings& settings);
   /// Ends at once: flows under way that `endSoon` left no time to report are lost.
   ~FlowPath();

@@ -6,14 +6,10 @@
 #include <string_view>
 #include <vector>
 
-#include "Ipfix/CollectorStats.h"
-#include "Ipfix/FlowTrackerInfoSm.h"
-#include "Ipfix/FlowTrackerTemplateSm.h"
 #include "Ipfix/MessageBuilder.h"
-#include "platform/HwFlowTracking.h"
+#include "agent/records/LibraryTree.h"
 
 namespace agent {
-using namespace platform;
 
 /// The length that all records have, or the length of each.
 using RecordLens = std::span<const uint16_t>;
@@ -21,15 +17,6 @@ using RecordLens = std::span<const uint16_t>;
 inline size_t recordCount(RecordLens lens, std::string_view octets) {
   return lens.size() == 1 ? octets.size() / lens[0] : lens.size();
 }
-
-/// The library's reactors and entities of one kind of tracking, as a sender of flow records needs
-/// them.
-struct FlowExportTree {
-  Ptr<const HwFlowTracking::Config> config;
-  Ptr<FlowTracking::FlowTrackingInfo> info;
-  Ptr<FlowTracking::TemplateSm> templateSm;
-  Ptr<Tarn::Ipfix::CollectorStatistics> statistics;
-};
 
 /// Sends one tracker's flow records to all its collectors, in messages of one set each, numbered
 /// and counted with the options data that goes to the same collector. A collector is sent records
@@ -45,8 +32,9 @@ class FlowExport {
     uint64_t recordsLost = 0;  ///< meant for an exporter that had no ready collector, or too large
   };
 
-  FlowExport(std::string trackerName, FlowExportTree tree)
-      : trackerName_(std::move(trackerName)), tree_(std::move(tree)) {}
+  /// The tree's reactors must run as long as this lives.
+  FlowExport(std::string trackerName, const LibraryTree& tree)
+      : trackerName_(std::move(trackerName)), tree_(tree) {}
   FlowExport(const FlowExport&) = delete;
   FlowExport& operator=(const FlowExport&) = delete;
 
@@ -99,7 +87,7 @@ class FlowExport {
   void forgetGone(const HwFlowTracking::FtConfig* tracker);
 
   std::string trackerName_;
-  FlowExportTree tree_;
+  const LibraryTree& tree_;
   std::map<std::string, Exporter> exporters_;
   Counters counters_;
 };

@@ -91,10 +91,10 @@ struct Ear final : ExporterConfig::Watcher {
   bool other = false;
 };
 
-/// Everything below the entities as text.
-std::string dump(const Entities& entities) {
+/// All configuration and status entities as text.
+std::string dump(const LibraryTrees& trees) {
   std::string out;
-  for (const auto& [type, tree] : entities.trees()) {
+  for (const auto& [type, tree] : trees.all()) {
     if (tree.config->ftConfig().empty() && tree.status->ftStatus().empty()) continue;
     out += FlowTracking::toText(type) + '\n';
     const StateTree all({{"config", tree.config}, {"status", tree.status}});
@@ -106,34 +106,34 @@ std::string dump(const Entities& entities) {
 
 class EntitiesTest : public FlowTracking::TreeTest {
  protected:
-  std::unique_ptr<Entities> make() {
+  std::unique_ptr<Entities> make(LibraryTrees& of) {
     const auto addresses = [this](const std::string& host) {
       const auto it = known.find(host);
       return it == known.end() ? nullptr : &it->second;
     };
     return std::make_unique<Entities>(
-        [this](const VrfName& vrf) { return nets.of(vrf); }, init->elementIdCollection(), heard.log,
-        [this] { ++readinessChanges; }, Entities::Hosts{addresses, [this] { ++asked; }});
+        of, [this](const VrfName& vrf) { return nets.of(vrf); }, init->elementIdCollection(),
+        heard.log, [this] { ++readinessChanges; }, Entities::Hosts{addresses, [this] { ++asked; }});
   }
-  static Ptr<ExporterConfig> mainOf(const Entities& entities) {
-    const auto& tree = entities.trees().at(FlowTrackingType::software);
-    return tree.config->ftConfig("edge")->expConfig("main");
+  Ptr<ExporterConfig> mainExporter() const {
+    return trees.tree(FlowTrackingType::software).exporterConfig("edge", "main");
   }
 
   Heard heard;
   Nets nets;
+  LibraryTrees trees{LibraryHost{}};
   std::map<std::string, std::vector<IpGenAddr>> known;  // addresses of hosts
   int asked = 0;                                        // to look at these again
   int readinessChanges = 0;
 };
 
 TEST_F(EntitiesTest, AHostsAddressIsOneThatTheExporterCanSendTo) {
-  const auto entities = make();
+  const auto entities = make(trees);
   Settings settings = base();
   CollectorSettings& named = settings.trackers["edge"].exporters["main"].collectors["named"];
   named.host = "coll";
   entities->apply(settings);
-  const auto main = mainOf(*entities);
+  const auto main = mainExporter();
   const auto now = [&] {
     entities->addressesAre();
     std::string all;
@@ -175,28 +175,28 @@ TEST_F(EntitiesTest, AHostsAddressIsOneThatTheExporterCanSendTo) {
 // The entities end as after a fresh start, and what is the same in both files hears nothing.
 TEST_F(EntitiesTest, RandomReloadsTellTheDifferenceOnly) {
   RandomSettings random;
-  const auto entities = make();
+  const auto entities = make(trees);
   Settings settings;
   for (int round = 0; round < 500; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
     const Settings before = settings;
     for (uint32_t n = random.pick(3); n > 0; --n) nets.change(random.pick);
     std::map<std::pair<std::string, std::string>, Ear> ears;
-    for (const auto& [type, tree] : entities->trees())
+    for (const auto& [type, tree] : trees.all())
       for (const auto& [ftName, ft] : tree.config->ftConfig())
         for (const auto& [name, e] : ft->expConfig()) ears.try_emplace({ftName, name}, e);
     random.mutate(settings);
     EXPECT_EQ(describe(entities->apply(settings)) == "nothing changed",
               settings.trackers == before.trackers);
-    const auto fresh = make();
-    fresh->apply(settings);
-    ASSERT_EQ(dump(*entities), dump(*fresh));
+    LibraryTrees freshTrees{LibraryHost{}};
+    make(freshTrees)->apply(settings);
+    ASSERT_EQ(dump(trees), dump(freshTrees));
     for (const auto& [names, ear] : ears) {
       const TrackerSettings& then = before.trackers.at(names.first);
       if (!settings.trackers.contains(names.first)) continue;
       const TrackerSettings& t = settings.trackers.at(names.first);
       if (t.id != then.id || t.type != then.type || !t.exporters.contains(names.second)) continue;
-      const auto now = entities->trees().at(then.type).config->ftConfig(names.first);
+      const auto now = trees.tree(then.type).config->ftConfig(names.first);
       ASSERT_EQ(now->expConfig(names.second).get(), ear.entity()) << "made anew";
       const ExporterSettings& e = t.exporters.at(names.second);
       ExporterSettings old = then.exporters.at(names.second);
@@ -213,9 +213,9 @@ TEST_F(EntitiesTest, RandomReloadsTellTheDifferenceOnly) {
 }
 
 TEST_F(EntitiesTest, AReadyExporterIsOneOfEitherFamily) {
-  const auto entities = make();
+  const auto entities = make(trees);
   entities->apply(base());
-  const auto exporter = mainOf(*entities);
+  const auto exporter = mainExporter();
   heard.text.clear();
   exporter->exporter6ReadyIs(true);
   EXPECT_EQ(entities->readyExporters(), 1u);
