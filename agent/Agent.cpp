@@ -1,7 +1,5 @@
 #include "agent/Agent.h"
 
-#include <algorithm>
-#include <cerrno>
 #include <set>
 
 #include "agent/host/Printable.h"
@@ -9,27 +7,15 @@
 #include "agent/host/ServiceManager.h"
 #include "agent/records/FlowTemplates.h"
 #include "platform/linux/LinuxPlatform.h"
-#include "platform/linux/ShmTable.h"
 
 namespace agent {
 namespace {
-using Tarn::Ipfix::CollectorStatistics;
-
 constexpr Seconds settlePoll{0.01};
 constexpr int settlePolls = 200;  // 2 s: a namespace that does not answer delays nobody longer
 constexpr Seconds statusDelay{0.2};
-constexpr Seconds notifyDelay{0.1};     // a service manager that had no room for a message gets it
-constexpr Seconds restoreInterval{10};  // between two looks for shared memory that is gone
-constexpr Seconds heldDelay{10};        // what the log holds back is told so much later
+constexpr Seconds notifyDelay{0.1};  // a service manager that had no room for a message gets it
+constexpr Seconds heldDelay{10};     // what the log holds back is told so much later
 constexpr Seconds sendErrorsPoll{5};
-constexpr size_t statisticsMin = 1024;
-constexpr size_t flowCountersCapacity = 1024;  // trackers
-
-/// Records in the statistics table, which cannot grow: one per collector, and as many again for
-/// those that reloads bring.
-size_t statisticsCapacity(const SettingsCount& n) {
-  return std::max(statisticsMin, 2 * n.collectors);
-}
 }  // namespace
 
 Agent::Agent(Ptr<EventLoop> loop, AgentLog& log, AgentOptions options)
@@ -55,24 +41,6 @@ std::optional<Settings> Agent::readConfig(std::vector<std::string>* errors) cons
   return std::move(read.settings);
 }
 
-/// The shared memory that counters are kept in. Throws ErrnoException.
-void Agent::makeTables(const Settings& settings) {
-  const SettingsCount n = count(settings);
-  const std::string locks = ServiceManager::runtimeDirectory("/dev/shm");
-  statisticsTable_ = shmTableFactory(settings.statistics, CollectorStatistics::keyLen,
-                                     CollectorStatistics::valueLen, statisticsCapacity(n), locks);
-  statistics_ = Tarn::Ipfix::collectorStatisticsFactory(statisticsTable_);
-  flowCounters_ =
-      shmTableFactory(settings.statistics + std::string(FlowTracking::flowPathSuffix),
-                      sizeof(FlowTracking::FlowPathKey), sizeof(FlowTracking::FlowPathRecord),
-                      flowCountersCapacity, locks);
-  endpointCounters_ = shmTableFactory(
-      settings.statistics + std::string(FlowTracking::endpointSuffix),
-      sizeof(FlowTracking::EndpointKey), sizeof(FlowTracking::EndpointRecord),
-      std::max(statisticsMin, 4 * n.exporters),  // two families, and as many that reloads bring
-      locks);
-}
-
 void Agent::makeTasks() {
   const auto scheduler = loop_->taskScheduler();
   startedTask_ = scheduler->timerTask("agent-started", afterAll, [this] { handleStarted(); });
@@ -82,8 +50,6 @@ void Agent::makeTasks() {
   ServiceManager::queuedHandlerIs([this] { notifyTask_->scheduleLowestIs(notifyDelay); });
   heldTask_ = scheduler->timerTask("log-held", afterAll, [this] { log_.tellHeld(); });
   log_.heldHandlerIs([this] { heldTask_->scheduleLowestIs(heldDelay); });
-  restoreTask_ = scheduler->timerTask("agent-restore", afterAll, [this] { restoreTables(); });
-  restoreTask_->scheduleIs(restoreInterval);
   watchdogTask_ = scheduler->timerTask("agent-watchdog", afterAll, [this] { handleWatchdog(); });
   addressesTask_ =
       scheduler->timerTask("agent-addresses", afterAll, [this] { entities_->addressesAre(); });
@@ -106,7 +72,7 @@ bool Agent::start() {
       log_.error("not started: " + problem);
       return false;
     }
-    makeTables(*settings);
+    tables_ = std::make_unique<SharedTables>(*settings, loop_->taskScheduler(), log_);
     if (!openFile(*settings)) return false;
     configReq_ = FlowTracking::configReqFactory();
     networks_ = std::make_unique<Networks>(loop_, options_.netnsDir, log_);
@@ -116,22 +82,17 @@ bool Agent::start() {
     vrfIds_ = std::make_unique<VrfIds>(networks_->list(), log_);
     localCollectors_ =
         std::make_unique<LocalCollectors>(networks_->list(), ipfixInit_->elementIdCollection(),
-                                          loop_->taskScheduler(), log_, flowCounters_);
+                                          loop_->taskScheduler(), log_, tables_->flows);
     makeTasks();
     resolver_ =
         std::make_unique<Resolver>(loop_, log_, [this] { addressesTask_->scheduleIs(Seconds(0)); });
-  } catch (const ErrnoException& e) {
-    if (e.code().value() == EBUSY) {
-      log_.error("not started: the statistics " + settings->statistics +
-                 " have a living writer; stop it, or give this agent others in agent.statistics (" +
-                 e.what() + ')');
-    } else {
-      log_.error("not started: " + std::string(e.what()));
-    }
+  } catch (const std::exception& e) {
+    log_.error("not started: " + std::string(e.what()));
     return false;
   }
-  trees_ = std::make_unique<LibraryTrees>(LibraryHost{loop_, ipfixInit_, configReq_, statistics_,
-                                                      interfaceIndexes_->map(), vrfIds_->status()});
+  trees_ =
+      std::make_unique<LibraryTrees>(LibraryHost{loop_, ipfixInit_, configReq_, tables_->statistics,
+                                                 interfaceIndexes_->map(), vrfIds_->status()});
   entities_ = std::make_unique<Entities>(
       *trees_, [this](const VrfName& vrf) { return networks_->network(vrf); },
       ipfixInit_->elementIdCollection(), log_,
@@ -235,29 +196,13 @@ void Agent::handleSendErrors() {
   sendErrorsTask_->scheduleIs(sendErrorsPoll);
 }
 
-/// Shared memory that somebody removed or truncated is made again.
-void Agent::restoreTables() {
-  restoreTask_->scheduleIs(restoreInterval);
-  std::string failed;
-  for (const auto& table : {statisticsTable_, flowCounters_, endpointCounters_}) {
-    try {
-      if (const std::string wrong = shmTableRestore(*table); !wrong.empty())
-        log_.warning(wrong + ": it is made again");
-    } catch (const ErrnoException& e) {
-      failed = e.what();
-      if (failed != restoreProblem_) log_.warning("counters reach nobody: " + failed);
-    }
-  }
-  restoreProblem_ = failed;
-}
-
 ReloadOutcome Agent::reload() {
   ReloadOutcome outcome;
   if (!running_ || finishing_) {
     outcome.summary = "not reloaded: the agent is stopping";
     return outcome;
   }
-  restoreTables();
+  tables_->restore();
   if (control_) control_->restore();
   if (options_.configFile.empty()) {
     outcome.done = true;
@@ -283,8 +228,8 @@ ReloadOutcome Agent::reload() {
       outcome.warnings.emplace_back(
           "agent.statistics and agent.control take effect at the next start");
     const size_t collectors = count(*settings).collectors;
-    if (collectors > statisticsTable_->capacity())
-      outcome.warnings.push_back("counters of " + std::to_string(statisticsTable_->capacity()) +
+    if (collectors > tables_->collectors->capacity())
+      outcome.warnings.push_back("counters of " + std::to_string(tables_->collectors->capacity()) +
                                  " of " + std::to_string(collectors) +
                                  " collectors are kept: the table grows at the next start");
     for (const std::string& warning : outcome.warnings) log_.tell(Severity::warning, warning);
@@ -310,8 +255,8 @@ ExportsView Agent::exportsView() const {
 }
 
 void Agent::startControl(const std::string& path) {
-  collectorStates_ = std::make_unique<CollectorStates>(exportsView(), loop_->taskScheduler(),
-                                                       platform_->clock(), log_, endpointCounters_);
+  collectorStates_ = std::make_unique<CollectorStates>(
+      exportsView(), loop_->taskScheduler(), platform_->clock(), log_, tables_->endpoints);
   ControlHost host;
   host.version = TARN_VERSION;
   host.config = configName();
@@ -348,7 +293,7 @@ std::vector<StateTree::Root> Agent::stateRoots() const {
   add("networks", networks_->list());
   add("captures", flowCaptures_);
   add("requests", configReq_);
-  add("statistics", statistics_);
+  add("statistics", tables_->statistics);
   add("elements", ipfixInit_);
   add("loop", loop_);
   return roots;
@@ -367,7 +312,6 @@ void Agent::stop() {
   startedTask_.reset();
   ServiceManager::queuedHandlerIs({});
   notifyTask_.reset();
-  restoreTask_.reset();
   statusTask_.reset();
   watchdogTask_.reset();
   sendErrorsTask_.reset();
@@ -383,10 +327,7 @@ void Agent::stop() {
   interfaceIndexes_.reset();
   networks_.reset();
   configReq_ = nullptr;
-  statistics_ = nullptr;
-  statisticsTable_ = nullptr;
-  flowCounters_ = nullptr;
-  endpointCounters_ = nullptr;
+  tables_.reset();
   fileNetworks_ = nullptr;
   ipfixInit_ = nullptr;
   log_.heldHandlerIs({});

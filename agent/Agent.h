@@ -11,6 +11,7 @@
 #include "agent/exports/CollectorStates.h"
 #include "agent/exports/Entities.h"
 #include "agent/exports/InterfaceIndexes.h"
+#include "agent/exports/SharedTables.h"
 #include "agent/exports/VrfIds.h"
 #include "agent/flow/FlowPath.h"
 #include "agent/host/AgentLog.h"
@@ -58,7 +59,6 @@ class Agent {
   bool fileFailed() const { return fileFailed_; }
 
  private:
-  void makeTables(const Settings& settings);
   void makeTasks();
   bool openFile(const Settings& settings);
   bool tracksPackets(const TrackerSettings& tracker) const;
@@ -78,7 +78,6 @@ class Agent {
   std::vector<StateTree::Root> stateRoots() const;
   void followHosts(const Settings& settings);
   void handleSendErrors();
-  void restoreTables();
 
   Ptr<EventLoop> loop_;
   AgentLog& log_;
@@ -91,8 +90,7 @@ class Agent {
 
   std::unique_ptr<Platform> platform_;
   Ptr<Ipfix::IpfixInitSm> ipfixInit_;
-  Ptr<SharedTable> statisticsTable_;
-  Ptr<Tarn::Ipfix::CollectorStatistics> statistics_;
+  std::unique_ptr<SharedTables> tables_;
   Ptr<FlowTracking::ConfigReq> configReq_;
   std::unique_ptr<Networks> networks_;
   std::unique_ptr<InterfaceIndexes> interfaceIndexes_;
@@ -101,9 +99,7 @@ class Agent {
   std::unique_ptr<LibraryTrees> trees_;
   std::unique_ptr<Entities> entities_;
   std::unique_ptr<LocalCollectors> localCollectors_;
-  Ptr<SharedTable> flowCounters_;
   const Ptr<flow::FlowCaptures> flowCaptures_ = flow::flowCapturesFactory();
-  Ptr<SharedTable> endpointCounters_;
   std::map<std::string, std::unique_ptr<flow::FlowPath>> flowPaths_;
   // Paths of trackers that are to go, or to track no more, and the settings that wait for their
   // end.
@@ -116,8 +112,6 @@ class Agent {
   std::unique_ptr<TimerTask> finishTask_;
   std::unique_ptr<TimerTask> startedTask_;
   std::unique_ptr<TimerTask> notifyTask_;
-  std::unique_ptr<TimerTask> restoreTask_;
-  std::string restoreProblem_;  // why a table could not be made again, as the log has it
   std::unique_ptr<TimerTask> statusTask_;
   std::unique_ptr<TimerTask> heldTask_;
   std::unique_ptr<TimerTask> watchdogTask_;

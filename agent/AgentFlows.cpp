@@ -29,7 +29,7 @@ void Agent::startFlows(const Settings& settings) {
     path = std::make_unique<flow::FlowPath>(
         name,
         flow::FlowPathHost{loop_, networks_->list(), interfaceIndexes_->map(), vrfIds_->status(),
-                           options_.netnsDir, flowCounters_, flowCaptures_, log_},
+                           options_.netnsDir, tables_->flows, flowCaptures_, log_},
         trees_->tree(tracker.type), tracker);
     if (options_.readFile.empty()) continue;
     ++filesUnderWay_;
