@@ -53,7 +53,6 @@ void Agent::makeTasks() {
   watchdogTask_ = scheduler->timerTask("agent-watchdog", afterAll, [this] { handleWatchdog(); });
   addressesTask_ =
       scheduler->timerTask("agent-addresses", afterAll, [this] { entities_->addressesAre(); });
-  leavingTask_ = scheduler->timerTask("agent-leaving", afterAll, [this] { handleLeaving(); });
   sendErrorsTask_ =
       scheduler->timerTask("agent-send-errors", afterAll, [this] { handleSendErrors(); });
 }
@@ -73,12 +72,14 @@ bool Agent::start() {
       return false;
     }
     tables_ = std::make_unique<SharedTables>(*settings, loop_->taskScheduler(), log_);
-    if (!openFile(*settings)) return false;
+    if (!options_.readFile.empty())
+      replay_ =
+          std::make_unique<flow::Replay>(options_.readFile, *settings, configName(), loop_, log_);
     configReq_ = FlowTracking::configReqFactory();
     networks_ = std::make_unique<Networks>(loop_, options_.netnsDir, log_);
     // Before exporters hear of a network: what they send first is complete.
     interfaceIndexes_ =
-        std::make_unique<InterfaceIndexes>(fileNetworks_ ? fileNetworks_ : networks_->list(), log_);
+        std::make_unique<InterfaceIndexes>(replay_ ? replay_->networks() : networks_->list(), log_);
     vrfIds_ = std::make_unique<VrfIds>(networks_->list(), log_);
     localCollectors_ =
         std::make_unique<LocalCollectors>(networks_->list(), ipfixInit_->elementIdCollection(),
@@ -101,6 +102,13 @@ bool Agent::start() {
       },
       Entities::Hosts{[this](const std::string& host) { return resolver_->addresses(host); },
                       [this] { addressesTask_->scheduleIs(Seconds(0)); }});
+  flowPaths_ = std::make_unique<flow::FlowPaths>(
+      flow::FlowPathHost{loop_, networks_->list(), interfaceIndexes_->map(), vrfIds_->status(),
+                         options_.netnsDir, tables_->flows, flowCaptures_, log_},
+      replay_.get(), [this](const Settings& wanted) {
+        log_.info("the reload is complete, flows under way were reported: " +
+                  describe(apply(wanted)));
+      });
   running_ = true;
   apply(*settings);
   log_.tell(Severity::info, "started with " + configName() + ": " + describe(n));
@@ -133,7 +141,7 @@ void Agent::handleWatchdog() {
 }
 
 Changes Agent::apply(const Settings& wanted) {
-  const Settings settings = leaveFlows(wanted);
+  const Settings settings = flowPaths_->leave(wanted, entities_->settings());
   vrfIds_->configuredIs(settings.vrfs);
   followHosts(settings);
   const Changes changes = entities_->apply(settings);
@@ -144,7 +152,7 @@ Changes Agent::apply(const Settings& wanted) {
   for (const auto& [trackerName, tracker] : settings.trackers)
     for (const auto& [name, exporter] : tracker.exporters) vrfs.insert(exporter.vrf);
   networks_->keepOnly(vrfs);
-  startFlows(wanted);
+  flowPaths_->follow(wanted, trees_->tree(FlowTracking::FlowTrackingType::software));
   startLocalCollectors();
   if (collectorStates_) collectorStates_->settingsAre();
   return changes;
@@ -210,8 +218,8 @@ ReloadOutcome Agent::reload() {
     log_.tell(Severity::info, outcome.summary);
     return outcome;
   }
-  if (!options_.readFile.empty()) {
-    outcome.summary = "not reloaded: " + printable(options_.readFile) +
+  if (replay_) {
+    outcome.summary = "not reloaded: " + printable(replay_->fileName()) +
                       " is read to its end with the settings that it was begun with";
     log_.tell(Severity::warning, outcome.summary);
     return outcome;
@@ -299,6 +307,16 @@ std::vector<StateTree::Root> Agent::stateRoots() const {
   return roots;
 }
 
+void Agent::finish() {
+  if (std::exchange(finishing_, true)) {
+    loop_->stop();
+    return;
+  }
+  ServiceManager::stopping();
+  log_.tell(Severity::info, "stopping");
+  flowPaths_->finish([this] { loop_->stop(); });
+}
+
 void Agent::stop() {
   if (running_ && !finishing_) {
     ServiceManager::stopping();
@@ -308,16 +326,13 @@ void Agent::stop() {
   control_.reset();  // nobody asks from here on
   controlRequests_.reset();
   collectorStates_.reset();
-  finishTask_.reset();
   startedTask_.reset();
   ServiceManager::queuedHandlerIs({});
   notifyTask_.reset();
   statusTask_.reset();
   watchdogTask_.reset();
   sendErrorsTask_.reset();
-  leavingTask_.reset();
-  flowPaths_.clear();
-  leavingPaths_.clear();
+  flowPaths_.reset();
   localCollectors_.reset();
   entities_.reset();
   trees_.reset();
@@ -328,7 +343,6 @@ void Agent::stop() {
   networks_.reset();
   configReq_ = nullptr;
   tables_.reset();
-  fileNetworks_ = nullptr;
   ipfixInit_ = nullptr;
   log_.heldHandlerIs({});
   heldTask_.reset();

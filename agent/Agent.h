@@ -13,7 +13,7 @@
 #include "agent/exports/InterfaceIndexes.h"
 #include "agent/exports/SharedTables.h"
 #include "agent/exports/VrfIds.h"
-#include "agent/flow/FlowPath.h"
+#include "agent/flow/FlowPaths.h"
 #include "agent/host/AgentLog.h"
 #include "agent/network/Networks.h"
 #include "agent/network/Resolver.h"
@@ -56,20 +56,14 @@ class Agent {
 
   const Entities& entities() const { return *entities_; }
   /// A file was to be read, and what was exported is not all of it.
-  bool fileFailed() const { return fileFailed_; }
+  bool fileFailed() const { return replay_ && replay_->failed(); }
 
  private:
   void makeTasks();
-  bool openFile(const Settings& settings);
-  bool tracksPackets(const TrackerSettings& tracker) const;
-  void startFlows(const Settings& settings);
   void startLocalCollectors();
-  void handleFileDone(bool sent);
   std::optional<Settings> readConfig(std::vector<std::string>* errors = nullptr) const;
   std::string configName() const;
   Changes apply(const Settings& settings);
-  Settings leaveFlows(const Settings& settings);
-  void handleLeaving();
   void handleStarted();
   std::string status() const;
   void handleWatchdog();
@@ -100,16 +94,8 @@ class Agent {
   std::unique_ptr<Entities> entities_;
   std::unique_ptr<LocalCollectors> localCollectors_;
   const Ptr<flow::FlowCaptures> flowCaptures_ = flow::flowCapturesFactory();
-  std::map<std::string, std::unique_ptr<flow::FlowPath>> flowPaths_;
-  // Paths of trackers that are to go, or to track no more, and the settings that wait for their
-  // end.
-  std::vector<std::unique_ptr<flow::FlowPath>> leavingPaths_;
-  std::optional<Settings> later_;
-  std::unique_ptr<TimerTask> leavingTask_;
-  Ptr<NetworkList> fileNetworks_;  // what stands for networks where packets come from a file
-  size_t filesUnderWay_ = 0;
-  bool fileFailed_ = false;
-  std::unique_ptr<TimerTask> finishTask_;
+  std::unique_ptr<flow::FlowPaths> flowPaths_;
+  std::unique_ptr<flow::Replay> replay_;  // null: the interfaces' packets are tracked
   std::unique_ptr<TimerTask> startedTask_;
   std::unique_ptr<TimerTask> notifyTask_;
   std::unique_ptr<TimerTask> statusTask_;
