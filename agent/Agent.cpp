@@ -10,11 +10,6 @@
 
 namespace agent {
 namespace {
-constexpr Seconds settlePoll{0.01};
-constexpr int settlePolls = 200;  // 2 s: a namespace that does not answer delays nobody longer
-constexpr Seconds statusDelay{0.2};
-constexpr Seconds notifyDelay{0.1};  // a service manager that had no room for a message gets it
-constexpr Seconds heldDelay{10};     // what the log holds back is told so much later
 constexpr Seconds sendErrorsPoll{5};
 }  // namespace
 
@@ -43,14 +38,6 @@ std::optional<Settings> Agent::readConfig(std::vector<std::string>* errors) cons
 
 void Agent::makeTasks() {
   const auto scheduler = loop_->taskScheduler();
-  startedTask_ = scheduler->timerTask("agent-started", afterAll, [this] { handleStarted(); });
-  statusTask_ =
-      scheduler->timerTask("agent-status", afterAll, [this] { ServiceManager::status(status()); });
-  notifyTask_ = scheduler->timerTask("agent-notify", afterAll, [] { ServiceManager::flush(); });
-  ServiceManager::queuedHandlerIs([this] { notifyTask_->scheduleLowestIs(notifyDelay); });
-  heldTask_ = scheduler->timerTask("log-held", afterAll, [this] { log_.tellHeld(); });
-  log_.heldHandlerIs([this] { heldTask_->scheduleLowestIs(heldDelay); });
-  watchdogTask_ = scheduler->timerTask("agent-watchdog", afterAll, [this] { handleWatchdog(); });
   addressesTask_ =
       scheduler->timerTask("agent-addresses", afterAll, [this] { entities_->addressesAre(); });
   sendErrorsTask_ =
@@ -65,6 +52,7 @@ bool Agent::start() {
   }
   const SettingsCount n = count(*settings);
   try {
+    readiness_ = std::make_unique<Readiness>(loop_->taskScheduler(), log_);
     ipfixInit_ = Ipfix::ipfixInitSmFactory();
     std::string problem;
     if (flowTemplates(*ipfixInit_->elementIdCollection(), problem).empty()) {
@@ -96,10 +84,7 @@ bool Agent::start() {
                                                  interfaceIndexes_->map(), vrfIds_->status()});
   entities_ = std::make_unique<Entities>(
       *trees_, [this](const VrfName& vrf) { return networks_->network(vrf); },
-      ipfixInit_->elementIdCollection(), log_,
-      [this] {
-        if (told_) statusTask_->scheduleLowestIs(statusDelay);
-      },
+      ipfixInit_->elementIdCollection(), log_, [this] { readiness_->statusChanged(); },
       Entities::Hosts{[this](const std::string& host) { return resolver_->addresses(host); },
                       [this] { addressesTask_->scheduleIs(Seconds(0)); }});
   flowPaths_ = std::make_unique<flow::FlowPaths>(
@@ -113,31 +98,14 @@ bool Agent::start() {
   apply(*settings);
   log_.tell(Severity::info, "started with " + configName() + ": " + describe(n));
   startControl(settings->control);
-  startedTask_->scheduleIs(Seconds(0));
-  if (ServiceManager::watchdog().count() > 0) handleWatchdog();
+  readiness_->start([this] { return networks_->settled(); }, [this] { return status(); });
   return true;
-}
-
-/// Ready is who has surveyed its networks and given the exporters found there a round to send.
-void Agent::handleStarted() {
-  if (!settled_) {
-    settled_ = networks_->settled() || ++startTries_ > settlePolls;
-    startedTask_->scheduleIs(settled_ ? Seconds(0) : settlePoll);
-    return;
-  }
-  told_ = true;
-  ServiceManager::ready(status());
 }
 
 std::string Agent::status() const {
   const SettingsCount n = count(entities_->settings());
   return std::to_string(entities_->readyExporters()) + " of " + std::to_string(n.exporters) +
          " exporters ready, " + std::to_string(n.collectors) + " collectors";
-}
-
-void Agent::handleWatchdog() {
-  ServiceManager::alive();
-  watchdogTask_->scheduleIs(ServiceManager::watchdog() / 2);
 }
 
 Changes Agent::apply(const Settings& wanted) {
@@ -246,7 +214,7 @@ ReloadOutcome Agent::reload() {
         "not reloaded: " + configName() + " is not valid; everything runs on as it was before";
     log_.tell(Severity::error, outcome.summary);
   }
-  if (told_) ServiceManager::ready(status());
+  readiness_->reloaded();
   return outcome;
 }
 
@@ -322,15 +290,9 @@ void Agent::stop() {
     ServiceManager::stopping();
     log_.tell(Severity::info, "stopping");
   }
-  told_ = false;
   control_.reset();  // nobody asks from here on
   controlRequests_.reset();
   collectorStates_.reset();
-  startedTask_.reset();
-  ServiceManager::queuedHandlerIs({});
-  notifyTask_.reset();
-  statusTask_.reset();
-  watchdogTask_.reset();
   sendErrorsTask_.reset();
   flowPaths_.reset();
   localCollectors_.reset();
@@ -344,9 +306,7 @@ void Agent::stop() {
   configReq_ = nullptr;
   tables_.reset();
   ipfixInit_ = nullptr;
-  log_.heldHandlerIs({});
-  heldTask_.reset();
-  log_.tellHeld();
+  readiness_.reset();
   if (std::exchange(running_, false)) log_.tell(Severity::info, "stopped");
 }
 

@@ -15,6 +15,7 @@
 #include "agent/exports/VrfIds.h"
 #include "agent/flow/FlowPaths.h"
 #include "agent/host/AgentLog.h"
+#include "agent/host/Readiness.h"
 #include "agent/network/Networks.h"
 #include "agent/network/Resolver.h"
 #include "agent/settings/SettingsFile.h"
@@ -64,9 +65,7 @@ class Agent {
   std::optional<Settings> readConfig(std::vector<std::string>* errors = nullptr) const;
   std::string configName() const;
   Changes apply(const Settings& settings);
-  void handleStarted();
   std::string status() const;
-  void handleWatchdog();
   ExportsView exportsView() const;
   void startControl(const std::string& path);
   std::vector<StateTree::Root> stateRoots() const;
@@ -78,9 +77,6 @@ class Agent {
   AgentOptions options_;
   bool running_ = false;
   bool finishing_ = false;
-  bool told_ = false;  // the service manager knows that the agent is ready
-  bool settled_ = false;
-  int startTries_ = 0;
 
   std::unique_ptr<Platform> platform_;
   Ptr<Ipfix::IpfixInitSm> ipfixInit_;
@@ -96,11 +92,7 @@ class Agent {
   const Ptr<flow::FlowCaptures> flowCaptures_ = flow::flowCapturesFactory();
   std::unique_ptr<flow::FlowPaths> flowPaths_;
   std::unique_ptr<flow::Replay> replay_;  // null: the interfaces' packets are tracked
-  std::unique_ptr<TimerTask> startedTask_;
-  std::unique_ptr<TimerTask> notifyTask_;
-  std::unique_ptr<TimerTask> statusTask_;
-  std::unique_ptr<TimerTask> heldTask_;
-  std::unique_ptr<TimerTask> watchdogTask_;
+  std::unique_ptr<Readiness> readiness_;
   std::unique_ptr<CollectorStates> collectorStates_;
   std::unique_ptr<ControlRequests> controlRequests_;
   std::unique_ptr<ControlSocket> control_;
