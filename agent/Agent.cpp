@@ -1,7 +1,5 @@
 #include "agent/Agent.h"
 
-#include <set>
-
 #include "agent/host/Printable.h"
 #include "agent/host/Priorities.h"
 #include "agent/host/ServiceManager.h"
@@ -9,9 +7,7 @@
 #include "platform/linux/LinuxPlatform.h"
 
 namespace agent {
-namespace {
-constexpr Seconds sendErrorsPoll{5};
-}  // namespace
+namespace {}  // namespace
 
 Agent::Agent(Ptr<EventLoop> loop, AgentLog& log, AgentOptions options)
     : loop_(std::move(loop)), log_(log), options_(std::move(options)) {
@@ -36,14 +32,6 @@ std::optional<Settings> Agent::readConfig(std::vector<std::string>* errors) cons
   return std::move(read.settings);
 }
 
-void Agent::makeTasks() {
-  const auto scheduler = loop_->taskScheduler();
-  addressesTask_ =
-      scheduler->timerTask("agent-addresses", afterAll, [this] { entities_->addressesAre(); });
-  sendErrorsTask_ =
-      scheduler->timerTask("agent-send-errors", afterAll, [this] { handleSendErrors(); });
-}
-
 bool Agent::start() {
   const auto settings = readConfig();
   if (!settings) {
@@ -65,30 +53,19 @@ bool Agent::start() {
           std::make_unique<flow::Replay>(options_.readFile, *settings, configName(), loop_, log_);
     configReq_ = FlowTracking::configReqFactory();
     networks_ = std::make_unique<Networks>(loop_, options_.netnsDir, log_);
-    // Before exporters hear of a network: what they send first is complete.
-    interfaceIndexes_ =
-        std::make_unique<InterfaceIndexes>(replay_ ? replay_->networks() : networks_->list(), log_);
-    vrfIds_ = std::make_unique<VrfIds>(networks_->list(), log_);
     localCollectors_ =
         std::make_unique<LocalCollectors>(networks_->list(), ipfixInit_->elementIdCollection(),
                                           loop_->taskScheduler(), log_, tables_->flows);
-    makeTasks();
-    resolver_ =
-        std::make_unique<Resolver>(loop_, log_, [this] { addressesTask_->scheduleIs(Seconds(0)); });
+    exports_ = std::make_unique<Exports>(
+        ExportsHost{loop_, log_, *networks_, replay_ ? replay_->networks() : networks_->list(),
+                    ipfixInit_, configReq_, tables_->statistics},
+        [this] { readiness_->statusChanged(); });
   } catch (const std::exception& e) {
     log_.error("not started: " + std::string(e.what()));
     return false;
   }
-  trees_ =
-      std::make_unique<LibraryTrees>(LibraryHost{loop_, ipfixInit_, configReq_, tables_->statistics,
-                                                 interfaceIndexes_->map(), vrfIds_->status()});
-  entities_ = std::make_unique<Entities>(
-      *trees_, [this](const VrfName& vrf) { return networks_->network(vrf); },
-      ipfixInit_->elementIdCollection(), log_, [this] { readiness_->statusChanged(); },
-      Entities::Hosts{[this](const std::string& host) { return resolver_->addresses(host); },
-                      [this] { addressesTask_->scheduleIs(Seconds(0)); }});
   flowPaths_ = std::make_unique<flow::FlowPaths>(
-      flow::FlowPathHost{loop_, networks_->list(), interfaceIndexes_->map(), vrfIds_->status(),
+      flow::FlowPathHost{loop_, networks_->list(), exports_->interfaces(), exports_->vrfs(),
                          options_.netnsDir, tables_->flows, flowCaptures_, log_},
       replay_.get(), [this](const Settings& wanted) {
         log_.info("the reload is complete, flows under way were reported: " +
@@ -103,24 +80,17 @@ bool Agent::start() {
 }
 
 std::string Agent::status() const {
-  const SettingsCount n = count(entities_->settings());
-  return std::to_string(entities_->readyExporters()) + " of " + std::to_string(n.exporters) +
+  const SettingsCount n = count(exports_->settings());
+  return std::to_string(exports_->readyExporters()) + " of " + std::to_string(n.exporters) +
          " exporters ready, " + std::to_string(n.collectors) + " collectors";
 }
 
 Changes Agent::apply(const Settings& wanted) {
-  const Settings settings = flowPaths_->leave(wanted, entities_->settings());
-  vrfIds_->configuredIs(settings.vrfs);
-  followHosts(settings);
-  const Changes changes = entities_->apply(settings);
-  if (const auto& config = trees_->tree(FlowTracking::FlowTrackingType::hardware).config)
-    localCollectors_->keepOnly(*config);
-  trees_->followTrackers();
-  std::set<VrfName> vrfs;
-  for (const auto& [trackerName, tracker] : settings.trackers)
-    for (const auto& [name, exporter] : tracker.exporters) vrfs.insert(exporter.vrf);
-  networks_->keepOnly(vrfs);
-  flowPaths_->follow(wanted, trees_->tree(FlowTracking::FlowTrackingType::software));
+  const Changes changes = exports_->apply(flowPaths_->leave(wanted, exports_->settings()), [this] {
+    if (const auto& config = exports_->tree(FlowTracking::FlowTrackingType::hardware).config)
+      localCollectors_->keepOnly(*config);
+  });
+  flowPaths_->follow(wanted, exports_->tree(FlowTracking::FlowTrackingType::software));
   startLocalCollectors();
   if (collectorStates_) collectorStates_->settingsAre();
   return changes;
@@ -128,7 +98,7 @@ Changes Agent::apply(const Settings& wanted) {
 
 /// Devices track for the trackers of type hardware; what they send goes out as the trackers' own.
 void Agent::startLocalCollectors() {
-  const LibraryTree& tree = trees_->tree(FlowTracking::FlowTrackingType::hardware);
+  const LibraryTree& tree = exports_->tree(FlowTracking::FlowTrackingType::hardware);
   if (!tree.config) return;
   localCollectors_->follow(*tree.config, *tree.status, [&](const std::string& trackerName) {
     const auto exporters = std::make_shared<FlowExport>(trackerName, tree);
@@ -142,34 +112,6 @@ void Agent::startLocalCollectors() {
         [exporters] { return exporters->queued(); },
         [exporters] { return exporters->counters(); }};
   });
-}
-
-void Agent::followHosts(const Settings& settings) {
-  std::set<std::string> hosts;
-  for (const auto& [trackerName, tracker] : settings.trackers)
-    for (const auto& [name, exporter] : tracker.exporters)
-      for (const auto& [collectorName, collector] : exporter.collectors)
-        if (!collector.host.empty()) hosts.insert(collector.host);
-  resolver_->hostsAre(hosts, settings.resolveInterval);
-  if (hosts.empty()) {
-    sendErrorsTask_->stop();
-  } else {
-    sendErrorsTask_->scheduleLowestIs(sendErrorsPoll);
-  }
-}
-
-/// What cannot be sent may be on its way to a host that is elsewhere by now.
-void Agent::handleSendErrors() {
-  uint64_t errors = 0;
-  for (const auto& [type, tree] : trees_->all()) {
-    if (!tree.info) continue;
-    for (const auto& [trackerName, tracker] : tree.info->ftInfo())
-      for (const auto& [name, exporter] : tracker->expInfo())
-        for (const auto& pam : {exporter->udpPam4(), exporter->udpPam6()})
-          if (pam) errors += pam->counters().dropped;
-  }
-  if (errors > std::exchange(sendErrors_, errors)) resolver_->lookUpAll();
-  sendErrorsTask_->scheduleIs(sendErrorsPoll);
 }
 
 ReloadOutcome Agent::reload() {
@@ -194,7 +136,7 @@ ReloadOutcome Agent::reload() {
   }
   ServiceManager::reloading();
   if (const auto settings = readConfig(&outcome.errors)) {
-    const Settings before = entities_->settings();
+    const Settings before = exports_->settings();
     const Changes changes = apply(*settings);
     outcome.done = true;
     outcome.summary = "reloaded " + configName() + ": " + describe(changes);
@@ -218,26 +160,14 @@ ReloadOutcome Agent::reload() {
   return outcome;
 }
 
-ExportsView Agent::exportsView() const {
-  ExportsView view;
-  view.settings = [this]() -> const Settings& { return entities_->placedSettings(); };
-  view.tree = [this](FlowTracking::FlowTrackingType type) -> const LibraryTree& {
-    return trees_->tree(type);
-  };
-  view.hostProblem = [this](const std::string& host) { return resolver_->problem(host); };
-  view.elements = ipfixInit_->elementIdCollection();
-  view.networks = networks_->list();
-  return view;
-}
-
 void Agent::startControl(const std::string& path) {
   collectorStates_ = std::make_unique<CollectorStates>(
-      exportsView(), loop_->taskScheduler(), platform_->clock(), log_, tables_->endpoints);
+      *exports_, loop_->taskScheduler(), platform_->clock(), log_, tables_->endpoints);
   ControlHost host;
   host.version = TARN_VERSION;
   host.config = configName();
   host.startTime = platform_->clock().now();
-  host.view = exportsView();
+  host.exports = exports_.get();
   host.states = collectorStates_.get();
   host.clearCounters = [this] { configReq_->clearCountersIs(configReq_->clearCounters() + 1); };
   host.roots = [this] { return stateRoots(); };
@@ -255,7 +185,7 @@ std::vector<StateTree::Root> Agent::stateRoots() const {
   const auto add = [&](std::string name, Ptr<const Entity> entity) {
     if (entity) roots.push_back({std::move(name), std::move(entity)});
   };
-  for (const auto& [type, tree] : trees_->all()) {
+  for (const auto& [type, tree] : exports_->trees().all()) {
     const std::string kind = FlowTracking::toText(type) + '-';
     add(kind + "config", tree.config);
     add(kind + "status", tree.status);
@@ -264,8 +194,8 @@ std::vector<StateTree::Root> Agent::stateRoots() const {
     add(kind + "templates", tree.templateSm);
     add(kind + "options-data", tree.optionsDataSm);
   }
-  add("interfaces", interfaceIndexes_->map());
-  add("vrfs", vrfIds_->status());
+  add("interfaces", exports_->interfaces());
+  add("vrfs", exports_->vrfs());
   add("networks", networks_->list());
   add("captures", flowCaptures_);
   add("requests", configReq_);
@@ -293,15 +223,9 @@ void Agent::stop() {
   control_.reset();  // nobody asks from here on
   controlRequests_.reset();
   collectorStates_.reset();
-  sendErrorsTask_.reset();
   flowPaths_.reset();
   localCollectors_.reset();
-  entities_.reset();
-  trees_.reset();
-  resolver_.reset();
-  addressesTask_.reset();  // those before ask for it
-  vrfIds_.reset();
-  interfaceIndexes_.reset();
+  exports_.reset();
   networks_.reset();
   configReq_ = nullptr;
   tables_.reset();

@@ -9,15 +9,12 @@
 #include "agent/control/ControlSocket.h"
 #include "agent/device/LocalCollector.h"
 #include "agent/exports/CollectorStates.h"
-#include "agent/exports/Entities.h"
-#include "agent/exports/InterfaceIndexes.h"
+#include "agent/exports/Exports.h"
 #include "agent/exports/SharedTables.h"
-#include "agent/exports/VrfIds.h"
 #include "agent/flow/FlowPaths.h"
 #include "agent/host/AgentLog.h"
 #include "agent/host/Readiness.h"
 #include "agent/network/Networks.h"
-#include "agent/network/Resolver.h"
 #include "agent/settings/SettingsFile.h"
 #include "platform/Platform.h"
 #include "platform/linux/EventLoop.h"
@@ -55,22 +52,17 @@ class Agent {
   /// Releases the library's reactors, then what they stood on. Nothing after the first time.
   void stop();
 
-  const Entities& entities() const { return *entities_; }
   /// A file was to be read, and what was exported is not all of it.
   bool fileFailed() const { return replay_ && replay_->failed(); }
 
  private:
-  void makeTasks();
   void startLocalCollectors();
   std::optional<Settings> readConfig(std::vector<std::string>* errors = nullptr) const;
   std::string configName() const;
   Changes apply(const Settings& settings);
   std::string status() const;
-  ExportsView exportsView() const;
   void startControl(const std::string& path);
   std::vector<StateTree::Root> stateRoots() const;
-  void followHosts(const Settings& settings);
-  void handleSendErrors();
 
   Ptr<EventLoop> loop_;
   AgentLog& log_;
@@ -83,11 +75,7 @@ class Agent {
   std::unique_ptr<SharedTables> tables_;
   Ptr<FlowTracking::ConfigReq> configReq_;
   std::unique_ptr<Networks> networks_;
-  std::unique_ptr<InterfaceIndexes> interfaceIndexes_;
-  std::unique_ptr<VrfIds> vrfIds_;
-  std::unique_ptr<Resolver> resolver_;
-  std::unique_ptr<LibraryTrees> trees_;
-  std::unique_ptr<Entities> entities_;
+  std::unique_ptr<Exports> exports_;
   std::unique_ptr<LocalCollectors> localCollectors_;
   const Ptr<flow::FlowCaptures> flowCaptures_ = flow::flowCapturesFactory();
   std::unique_ptr<flow::FlowPaths> flowPaths_;
@@ -96,9 +84,6 @@ class Agent {
   std::unique_ptr<CollectorStates> collectorStates_;
   std::unique_ptr<ControlRequests> controlRequests_;
   std::unique_ptr<ControlSocket> control_;
-  std::unique_ptr<TimerTask> addressesTask_;  // hosts or sources have other addresses
-  std::unique_ptr<TimerTask> sendErrorsTask_;
-  uint64_t sendErrors_ = 0;  // that the last look found
 };
 
 }  // namespace agent

@@ -138,7 +138,7 @@ Json ControlRequests::agent(const Request& request) {
 }
 
 Json ControlRequests::collectors(const Request& request) {
-  const Settings& settings = host_.view.settings();
+  const Settings& settings = host_.exports->runningSettings();
   const std::string tracker = request.tracker(settings);
   const std::string exporter = request.exporter(settings);
   CollectorName after{tracker, {}, {}};
@@ -154,7 +154,7 @@ Json ControlRequests::collectors(const Request& request) {
           const CollectorSettings& c) {
         if (!tracker.empty() && name.tracker != tracker) return false;
         if (exporter.empty() || name.exporter == exporter) {
-          out["collectors"].push_back(collector(host_.view.tree(t.type), name, t, e, c));
+          out["collectors"].push_back(collector(host_.exports->tree(t.type), name, t, e, c));
         }
         if (++looks < collectorsPerPart) return true;
         out["next"] = {name.tracker, name.exporter, name.collector};
@@ -225,17 +225,17 @@ Json ControlRequests::collector(const LibraryTree& tree, const CollectorName& na
 
 Json ControlRequests::tables(const Request& request) {
   const std::string name = request.text("name");
-  const std::string tracker = request.tracker(host_.view.settings());
-  if (name.empty()) return ControlTables::list(host_.view);
+  const std::string tracker = request.tracker(host_.exports->runningSettings());
+  if (name.empty()) return ControlTables::list(*host_.exports);
   const auto names = ControlTables::names();
   if (std::find(names.begin(), names.end(), name) == names.end())
     throw Refusal{"notFound",
                   "there is no table " + inQuotes(name) + ": there are " + joined(names)};
-  return ControlTables::rows(host_.view, name, tracker, request.at("after"));
+  return ControlTables::rows(*host_.exports, name, tracker, request.at("after"));
 }
 
 Json ControlRequests::templates(const Request& request) {
-  return ControlTables::templates(host_.view, request.tracker(host_.view.settings()),
+  return ControlTables::templates(*host_.exports, request.tracker(host_.exports->runningSettings()),
                                   request.at("after"));
 }
 
@@ -246,13 +246,13 @@ Json ControlRequests::clearCounters(const Request& request) {
 }
 
 Json ControlRequests::resend(const Request& request) {
-  const Settings& settings = host_.view.settings();
+  const Settings& settings = host_.exports->runningSettings();
   const std::string tracker = request.tracker(settings);
   const std::string exporter = request.exporter(settings);
   size_t exporters = 0;
   for (const auto& [trackerName, t] : settings.trackers) {
     if (!tracker.empty() && tracker != trackerName) continue;
-    const LibraryTree& tree = host_.view.tree(t.type);
+    const LibraryTree& tree = host_.exports->tree(t.type);
     const auto templates = tree.templateSm ? tree.templateSm->ftTemplateSm(trackerName) : nullptr;
     const auto data = tree.optionsDataSm ? tree.optionsDataSm->ftManagerSm(trackerName) : nullptr;
     if (!templates) continue;

@@ -8,7 +8,7 @@
 #include "agent/control/ControlSocket.h"
 #include "agent/control/StateTree.h"
 #include "agent/exports/CollectorStates.h"
-#include "agent/exports/ExportsView.h"
+#include "agent/exports/Exports.h"
 #include "agent/host/AgentLog.h"
 
 namespace agent {
@@ -26,7 +26,7 @@ struct ControlHost {
   std::string version;
   std::string config;  ///< the configuration's name, for people
   double startTime = 0;
-  ExportsView view;
+  const Exports* exports = nullptr;
   CollectorStates* states = nullptr;
   std::function<std::vector<StateTree::Root>()> roots;
   std::function<ReloadOutcome()> reload;

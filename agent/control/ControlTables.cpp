@@ -48,9 +48,9 @@ Ptr<OptionsDataSource> sourceIn(const Ptr<FlowTracking::OptionsDataSourceColl>& 
   return data ? data->source(kind.source) : nullptr;
 }
 /// Of a global table; each kind of tracking has the same one.
-Ptr<OptionsDataSource> globalSource(const ExportsView& view, const TableKind& kind) {
+Ptr<OptionsDataSource> globalSource(const Exports& exports, const TableKind& kind) {
   for (const auto type : types)
-    if (const auto sm = view.tree(type).optionsDataSm)
+    if (const auto sm = exports.tree(type).optionsDataSm)
       if (auto source = sourceIn(sm->dataAll()->globalData(), kind)) return source;
   return {};
 }
@@ -61,9 +61,9 @@ Ptr<OptionsDataSource> trackerSource(const LibraryTree& tree, const std::string&
   return data ? sourceIn(data->data(), kind) : nullptr;
 }
 
-Ptr<const OptionsTemplate> layoutOf(const ExportsView& view, TemplateId id) {
+Ptr<const OptionsTemplate> layoutOf(const Exports& exports, TemplateId id) {
   for (const auto type : types)
-    if (const auto sm = view.tree(type).templateSm)
+    if (const auto sm = exports.tree(type).templateSm)
       for (const auto& [name, entry] : sm->optTemplateConfig()->templateEntry())
         if (entry->templateId() == id) return entry;
   return {};
@@ -75,8 +75,8 @@ std::vector<FtTemplateEntry> fieldsOf(const OptionsTemplate& layout) {
     for (const auto& [position, entry] : *part) fields.push_back(entry);
   return fields;
 }
-std::string nameOf(const ExportsView& view, Ipfix::RecordType id) {
-  return view.elements->elementIdColl(id).str();
+std::string nameOf(const Exports& exports, Ipfix::RecordType id) {
+  return exports.elements().elementIdColl(id).str();
 }
 
 /// Takes one field off the record: numbers in network order, text behind its length (RFC 7011, 7).
@@ -99,14 +99,14 @@ Json take(std::string_view& record, const FtTemplateEntry& field) {
 
 /// The names of the fields that a flow key indicator's bits stand for, the lowest bit the first
 /// field (RFC 7011, 4.4).
-Json keyNames(const ExportsView& view, const LibraryTree& tree, const std::string& tracker,
+Json keyNames(const Exports& exports, const LibraryTree& tree, const std::string& tracker,
               TemplateId id, uint64_t bits) {
   Json names = Json::array();
   const auto ftStatus = tree.status ? tree.status->ftStatus(tracker) : nullptr;
   const auto status = ftStatus ? ftStatus->templateStatus(id) : nullptr;
   if (!status) return names;
   for (const auto& [position, entry] : status->ftTemplateEntry()) {
-    if (bits & 1) names.push_back(nameOf(view, entry.fieldId()));
+    if (bits & 1) names.push_back(nameOf(exports, entry.fieldId()));
     bits >>= 1;
   }
   return names;
@@ -124,16 +124,16 @@ uint64_t numberAt(const Json& after, size_t i) {
 
 /// The settings' trackers from the one where `after` is, or the one of that name.
 template <class Visit>
-void eachTracker(const ExportsView& view, const std::string& only, const std::string& from,
+void eachTracker(const Exports& exports, const std::string& only, const std::string& from,
                  Visit&& visit) {
-  const auto& trackers = view.settings().trackers;
+  const auto& trackers = exports.runningSettings().trackers;
   auto it = trackers.lower_bound(only.empty() ? from : std::max(only, from));
   for (; it != trackers.end() && (only.empty() || it->first == only); ++it)
     if (!visit(it->first, it->second)) return;
 }
 
-Json fieldJson(const ExportsView& view, const FtTemplateEntry& e, bool scope) {
-  Json out = {{"name", nameOf(view, e.fieldId())},
+Json fieldJson(const Exports& exports, const FtTemplateEntry& e, bool scope) {
+  Json out = {{"name", nameOf(exports, e.fieldId())},
               {"id", e.fieldId().value()},
               {"enterprise", e.enterpriseIe() ? Ipfix::IpfixConst::enterpriseNumber() : 0},
               {"length", e.fieldLen()},
@@ -150,15 +150,15 @@ std::vector<std::string_view> ControlTables::names() {
   return all;
 }
 
-Json ControlTables::list(const ExportsView& view) {
+Json ControlTables::list(const Exports& exports) {
   Json tables = Json::array();
   for (const TableKind& kind : kinds) {
     uint64_t records = 0;
     if (!kind.ofTracker) {
-      if (const auto source = globalSource(view, kind)) records = source->dataRecords();
+      if (const auto source = globalSource(exports, kind)) records = source->dataRecords();
     } else {
-      for (const auto& [name, tracker] : view.settings().trackers)
-        if (const auto source = trackerSource(view.tree(tracker.type), name, kind))
+      for (const auto& [name, tracker] : exports.runningSettings().trackers)
+        if (const auto source = trackerSource(exports.tree(tracker.type), name, kind))
           records += source->dataRecords();
     }
     tables.push_back({{"name", kind.name},
@@ -168,18 +168,18 @@ Json ControlTables::list(const ExportsView& view) {
   return {{"tables", std::move(tables)}};
 }
 
-Json ControlTables::rows(const ExportsView& view, std::string_view name, const std::string& only,
+Json ControlTables::rows(const Exports& exports, std::string_view name, const std::string& only,
                          const Json& after) {
   const auto found =
       std::find_if(kinds.begin(), kinds.end(), [&](const TableKind& k) { return k.name == name; });
   const TableKind& kind = *found;
   const TemplateId id = FlowTracking::Constants::reservedTemplateId(kind.id);
   Json out = {{"name", kind.name}, {"templateId", id}, {"rows", Json::array()}, {"next", nullptr}};
-  const auto layout = layoutOf(view, id);
+  const auto layout = layoutOf(exports, id);
   if (!layout) return out;  // no tracker, no table
   std::vector<std::pair<std::string, FtTemplateEntry>> fields;
   for (const FtTemplateEntry& e : fieldsOf(*layout))
-    fields.emplace_back(nameOf(view, e.fieldId()), e);
+    fields.emplace_back(nameOf(exports, e.fieldId()), e);
 
   Share share;
   const auto addAll = [&](const OptionsDataSource& source, const std::string& tracker,
@@ -192,7 +192,7 @@ Json ControlTables::rows(const ExportsView& view, std::string_view name, const s
       if (tree) row["tracker"] = tracker;
       for (const auto& [fieldName, field] : fields) row[fieldName] = take(record, field);
       if (kind.id == StaticTemplateId::flowKey)
-        row["keys"] = keyNames(view, *tree, tracker, row.value("templateId", TemplateId{0}),
+        row["keys"] = keyNames(exports, *tree, tracker, row.value("templateId", TemplateId{0}),
                                row.value("flowKeyIndicator", uint64_t{0}));
       out["rows"].push_back(std::move(row));
       if (share.more()) continue;
@@ -202,13 +202,13 @@ Json ControlTables::rows(const ExportsView& view, std::string_view name, const s
     return true;
   };
   if (!kind.ofTracker) {
-    if (const auto source = globalSource(view, kind))
+    if (const auto source = globalSource(exports, kind))
       addAll(*source, {}, nullptr, numberAt(after, 1));
     return out;
   }
   const std::string first = textAt(after, 0);
-  eachTracker(view, only, first, [&](const std::string& tracker, const TrackerSettings& settings) {
-    const LibraryTree& tree = view.tree(settings.type);
+  eachTracker(exports, only, first, [&](const std::string& tracker, const TrackerSettings& settings) {
+    const LibraryTree& tree = exports.tree(settings.type);
     const auto source = trackerSource(tree, tracker, kind);
     return !source || addAll(*source, tracker, &tree, tracker == first ? numberAt(after, 1) : 0);
   });
@@ -232,12 +232,12 @@ Json lastSent(const Exporters& exporters) {
 }
 }  // namespace
 
-Json ControlTables::templates(const ExportsView& view, const std::string& only, const Json& after) {
+Json ControlTables::templates(const Exports& exports, const std::string& only, const Json& after) {
   Json out = {{"templates", Json::array()}, {"next", nullptr}};
   Share share;
   const std::string first = textAt(after, 0);
-  eachTracker(view, only, first, [&](const std::string& name, const TrackerSettings& tracker) {
-    const LibraryTree& tree = view.tree(tracker.type);
+  eachTracker(exports, only, first, [&](const std::string& name, const TrackerSettings& tracker) {
+    const LibraryTree& tree = exports.tree(tracker.type);
     const auto from =
         name == first ? static_cast<TemplateId>(numberAt(after, 1) + 1) : TemplateId{0};
     const auto sms = tree.templateSm ? tree.templateSm->ftTemplateSm(name) : nullptr;
@@ -262,7 +262,7 @@ Json ControlTables::templates(const ExportsView& view, const std::string& only, 
       for (auto it = all.lower_bound(from); it != all.end(); ++it) {
         Json fields = Json::array();
         for (const auto& [position, e] : it->second->ftTemplateEntry())
-          fields.push_back(fieldJson(view, e, false));
+          fields.push_back(fieldJson(exports, e, false));
         if (!add(it->first, "data", std::move(fields), sent)) return false;
       }
     }
@@ -273,9 +273,9 @@ Json ControlTables::templates(const ExportsView& view, const std::string& only, 
     for (auto it = byId.lower_bound(from); it != byId.end(); ++it) {
       Json fields = Json::array();
       for (const auto& [position, e] : it->second->scopeField())
-        fields.push_back(fieldJson(view, e, true));
+        fields.push_back(fieldJson(exports, e, true));
       for (const auto& [position, e] : it->second->field())
-        fields.push_back(fieldJson(view, e, false));
+        fields.push_back(fieldJson(exports, e, false));
       if (!add(it->first, "options", std::move(fields), sent)) return false;
     }
     return true;

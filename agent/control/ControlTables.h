@@ -4,7 +4,7 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/exports/ExportsView.h"
+#include "agent/exports/Exports.h"
 
 namespace agent {
 
@@ -17,12 +17,12 @@ struct ControlTables {
   /// The names of the tables.
   static std::vector<std::string_view> names();
   /// All tables with their size.
-  static Json list(const ExportsView& view);
+  static Json list(const Exports& exports);
   /// The records of one table, decoded: of all trackers, or of one.
-  static Json rows(const ExportsView& view, std::string_view name, const std::string& tracker,
+  static Json rows(const Exports& exports, std::string_view name, const std::string& tracker,
                    const Json& after);
   /// Data and options templates of all trackers, or of one.
-  static Json templates(const ExportsView& view, const std::string& tracker, const Json& after);
+  static Json templates(const Exports& exports, const std::string& tracker, const Json& after);
 };
 
 }  // namespace agent

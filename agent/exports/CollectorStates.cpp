@@ -52,9 +52,9 @@ class CollectorStates::Watch final : public ExporterInfo::Watcher {
   std::vector<Ptr<const UdpPam>>& came_;
 };
 
-CollectorStates::CollectorStates(ExportsView view, const Ptr<TaskScheduler>& scheduler,
+CollectorStates::CollectorStates(const Exports& exports, const Ptr<TaskScheduler>& scheduler,
                                  const Clock& clock, AgentLog& log, Ptr<SharedTable> counters)
-    : view_(std::move(view)),
+    : exports_(exports),
       clock_(clock),
       log_(log),
       counters_(std::move(counters)),
@@ -83,7 +83,7 @@ void CollectorStates::each(
 void CollectorStates::look() {
   size_t n = 0;
   bool more = false;
-  each(view_.settings(), last_,
+  each(exports_.runningSettings(), last_,
        [&](const CollectorName& name, const TrackerSettings& tracker, const ExporterSettings&,
            const CollectorSettings& collector) {
          if (++n > collectorsPerStep) {
@@ -92,7 +92,7 @@ void CollectorStates::look() {
          }
          const bool ipv6 = collector.address.isIpv6();
          lookAt({{name.tracker, name.exporter}, ipv6},
-                view_.tree(tracker.type).exporterInfo(name.tracker, name.exporter));
+                exports_.tree(tracker.type).exporterInfo(name.tracker, name.exporter));
          note(name);
          last_ = name;
          return true;
@@ -171,16 +171,16 @@ void CollectorStates::Endpoint::follow(const UdpPam* endpoint, const UdpPamCount
 namespace {
 std::string familyText(bool ipv6) { return ipv6 ? "IPv6" : "IPv4"; }
 
-CollectorState withoutAddress(const ExportsView& view, const std::string& host) {
-  const std::string problem = view.hostProblem(host);
+CollectorState withoutAddress(const Exports& exports, const std::string& host) {
+  const std::string problem = exports.hostProblem(host);
   return {Status::waitingForAddress,
           problem.empty() ? "its host " + host + " has no address to use yet"
                           : "its host " + host + " cannot be looked up: " + problem,
           0};
 }
 
-CollectorState withoutSource(const ExportsView& view, const ExporterSettings& e, bool ipv6) {
-  const auto network = view.networks->network(e.vrf);
+CollectorState withoutSource(const Exports& exports, const ExporterSettings& e, bool ipv6) {
+  const auto network = exports.networks().network(e.vrf);
   if (!network || !network->present())
     return {Status::waitingForNamespace,
             e.vrf.stringValue() == defaultVrf
@@ -218,7 +218,7 @@ std::string templateProblem(const LibraryTree& tree, const CollectorName& name,
 }  // namespace
 
 CollectorState CollectorStates::find(const CollectorName& name) {
-  const Settings& settings = view_.settings();
+  const Settings& settings = exports_.runningSettings();
   const auto tracker = settings.trackers.find(name.tracker);
   if (tracker == settings.trackers.end()) return {};
   const auto exporter = tracker->second.exporters.find(name.exporter);
@@ -227,12 +227,12 @@ CollectorState CollectorStates::find(const CollectorName& name) {
   if (collector == exporter->second.collectors.end()) return {};
   const bool ipv6 = collector->second.address.isIpv6();
   if (collector->second.address.family() == IpGenAddr::Family::none)
-    return withoutAddress(view_, collector->second.host);
-  const LibraryTree& tree = view_.tree(tracker->second.type);
+    return withoutAddress(exports_, collector->second.host);
+  const LibraryTree& tree = exports_.tree(tracker->second.type);
   const auto config = tree.exporterConfig(name.tracker, name.exporter);
   if (!config) return {Status::waitingForAddress, "", 0};
   if (ipv6 ? config->srcIp6Addr().isZero() : config->srcIpAddr().isZero())
-    return withoutSource(view_, exporter->second, ipv6);
+    return withoutSource(exports_, exporter->second, ipv6);
   const auto info = tree.exporterInfo(name.tracker, name.exporter);
   const UdpPam* pam = pamOf(info.get(), ipv6);
   if (!pam) return withoutSocket(tree, name, ipv6);

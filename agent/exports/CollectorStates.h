@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/exports/ExportsView.h"
+#include "agent/exports/Exports.h"
 #include "agent/host/AgentLog.h"
 #include "platform/Clock.h"
 #include "platform/EndpointCounters.h"
@@ -48,7 +48,7 @@ class CollectorStates {
   /// The operator is told when a collector comes to be refused, and when it is no longer.
   /// `counters` gets an EndpointRecord for each exporter and family that has collectors, written at
   /// each look; it may be null.
-  CollectorStates(ExportsView view, const Ptr<TaskScheduler>& scheduler, const Clock& clock,
+  CollectorStates(const Exports& exports, const Ptr<TaskScheduler>& scheduler, const Clock& clock,
                   AgentLog& log, Ptr<SharedTable> counters);
   CollectorStates(const CollectorStates&) = delete;
   CollectorStates& operator=(const CollectorStates&) = delete;
@@ -101,7 +101,7 @@ class CollectorStates {
   void tellChange(const CollectorName& name, CollectorState::Status before,
                   const CollectorState& now);
 
-  ExportsView view_;
+  const Exports& exports_;
   const Clock& clock_;
   AgentLog& log_;
   const Ptr<SharedTable> counters_;

@@ -78,34 +78,7 @@ std::vector<std::string> changedInOrder(const Collectors& running, const Collect
   return order;
 }
 
-bool hasHosts(const Settings& settings) {
-  for (const auto& [trackerName, tracker] : settings.trackers)
-    for (const auto& [name, exporter] : tracker.exporters)
-      for (const auto& [collectorName, c] : exporter.collectors)
-        if (!c.host.empty()) return true;
-  return false;
-}
-
-/// Names as the log shows them together.
-std::string collectorText(const std::string& tracker, const std::string& exporter,
-                          const std::string& collector) {
-  return "collector " + printable(collector) + " of exporter " + printable(exporter) +
-         " of tracker " + printable(tracker);
-}
-
 }  // namespace
-
-/// Hears that an exporter's sources change.
-class Entities::Sources final : public ExporterConfig::Watcher {
- public:
-  Sources(Ptr<const ExporterConfig> config, const std::function<void()>& changed)
-      : Watcher(std::move(config)), changed_(changed) {}
-  void handleSrcIpAddr() override { changed_(); }
-  void handleSrcIp6Addr() override { changed_(); }
-
- private:
-  const std::function<void()>& changed_;
-};
 
 std::string describe(const Changes& changes) {
   std::string out;
@@ -123,7 +96,6 @@ struct Entities::Exporter {
   ExporterSettings settings;
   Ptr<ExporterConfig> config;
   std::unique_ptr<ExporterSide> side;
-  std::unique_ptr<Sources> sources;  // where a collector is given by its host
 };
 
 struct Entities::Tracker {
@@ -135,98 +107,17 @@ struct Entities::Tracker {
 
 Entities::Entities(LibraryTrees& trees, SourceFinder::NetworkOf networkOf,
                    Ptr<Ipfix::ElementIdColl> registry, AgentLog& log,
-                   std::function<void()> readiness, Hosts hosts)
+                   std::function<void()> readiness)
     : trees_(trees),
       finder_(std::move(networkOf)),
       registry_(std::move(registry)),
       log_(log),
-      readiness_(std::move(readiness)),
-      hosts_(std::move(hosts)) {}
+      readiness_(std::move(readiness)) {}
 Entities::~Entities() { trees_.releaseReactors(); }
 
-Changes Entities::apply(const Settings& settings) {
-  const Changes changes = applyPlaced(placed(settings));
-  settings_ = settings;
-  addressesAre();  // exporters that are new have their sources only now
-  return changes;
-}
-
-void Entities::addressesAre() {
-  // Also where none has an address now: it may have had one.
-  if (hasHosts(settings_)) applyPlaced(placed(settings_));
-}
-
-Settings Entities::placed(const Settings& settings) {
-  Settings out = settings;
-  std::map<std::string, std::string> told = std::exchange(toldPlace_, {});
-  for (auto& [trackerName, tracker] : out.trackers)
-    for (auto& [name, exporter] : tracker.exporters) place(trackerName, name, exporter, told);
-  return out;
-}
-
-void Entities::place(const std::string& trackerName, const std::string& name,
-                     ExporterSettings& settings, std::map<std::string, std::string>& told) {
-  std::map<Destination, std::string> taken;
-  bool any = false;
-  for (const auto& [collector, c] : settings.collectors) {
-    any = any || !c.host.empty();
-    if (c.host.empty()) taken.emplace(destinationOf(c), collector);
-  }
-  if (!any || !hosts_.addresses) return;
-  const auto tracker = trackers_.find(trackerName);
-  Exporter* running = nullptr;
-  if (tracker != trackers_.end()) {
-    const auto it = tracker->second->exporters.find(name);
-    if (it != tracker->second->exporters.end()) running = &it->second;
-  }
-  if (!running) return;
-  if (!running->sources && hosts_.later)
-    running->sources = std::make_unique<Sources>(running->config, hosts_.later);
-  const bool has4 = !running->config->srcIpAddr().isZero();
-  const bool has6 = !running->config->srcIp6Addr().isZero();
-  for (auto& [collector, c] : settings.collectors) {
-    if (c.host.empty()) continue;
-    const std::string who = collectorText(trackerName, name, collector);
-    std::string& last = toldPlace_[who] = told[who];
-    const auto now = running->settings.collectors.find(collector);
-    const IpGenAddr current =
-        now != running->settings.collectors.end() && now->second.host == c.host
-            ? now->second.address
-            : IpGenAddr();
-    const auto* const found = hosts_.addresses(c.host);
-    if (!found) continue;
-    const auto usable = [&, port = c.port](const IpGenAddr& a) {
-      return (a.isIpv4() ? has4 : has6) && !taken.contains({a, port});
-    };
-    // Where nothing can be sent from there is no reason to leave an address either.
-    const bool stays = std::find(found->begin(), found->end(), current) != found->end() &&
-                       (usable(current) || !(has4 || has6));
-    const auto first = std::find_if(found->begin(), found->end(), usable);
-    if (stays) {
-      c.address = current;
-    } else if (first != found->end()) {
-      c.address = *first;
-    }
-    std::string text;
-    if (c.address.family() != IpGenAddr::Family::none) {
-      taken.emplace(destinationOf(c), collector);
-      text = c.host + " is " + c.address.stringValue();
-    } else if (has4 || has6) {
-      text = "waits: no address of " + c.host +
-             " is of a family that its exporter sends from and no other collector's";
-    } else {
-      continue;
-    }
-    if (last == text) continue;
-    last = text;
-    log_.say(c.address.family() != IpGenAddr::Family::none ? Severity::info : Severity::warning,
-             who + ": " + text);
-  }
-}
-
-Changes Entities::applyPlaced(Settings wantedSettings) {
-  placed_ = std::move(wantedSettings);
-  const Settings& settings = placed_;
+Changes Entities::apply(Settings wantedSettings) {
+  settings_ = std::move(wantedSettings);
+  const Settings& settings = settings_;
   Changes changes;
   for (auto it = trackers_.begin(); it != trackers_.end();) {
     auto wanted = settings.trackers.find(it->first);

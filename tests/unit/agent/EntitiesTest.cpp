@@ -6,6 +6,7 @@
 
 #include "RandomSettings.h"
 #include "agent/control/StateTree.h"
+#include "agent/exports/AddressChoice.h"
 #include "agent/settings/SettingsFile.h"
 #include "tests/unit/ipfix/Tree.h"
 
@@ -107,13 +108,9 @@ std::string dump(const LibraryTrees& trees) {
 class EntitiesTest : public FlowTracking::TreeTest {
  protected:
   std::unique_ptr<Entities> make(LibraryTrees& of) {
-    const auto addresses = [this](const std::string& host) {
-      const auto it = known.find(host);
-      return it == known.end() ? nullptr : &it->second;
-    };
     return std::make_unique<Entities>(
         of, [this](const VrfName& vrf) { return nets.of(vrf); }, init->elementIdCollection(),
-        heard.log, [this] { ++readinessChanges; }, Entities::Hosts{addresses, [this] { ++asked; }});
+        heard.log, [this] { ++readinessChanges; });
   }
   Ptr<ExporterConfig> mainExporter() const {
     return trees.tree(FlowTrackingType::software).exporterConfig("edge", "main");
@@ -122,20 +119,25 @@ class EntitiesTest : public FlowTracking::TreeTest {
   Heard heard;
   Nets nets;
   LibraryTrees trees{LibraryHost{}};
-  std::map<std::string, std::vector<IpGenAddr>> known;  // addresses of hosts
-  int asked = 0;                                        // to look at these again
   int readinessChanges = 0;
 };
 
 TEST_F(EntitiesTest, AHostsAddressIsOneThatTheExporterCanSendTo) {
   const auto entities = make(trees);
+  std::map<std::string, std::vector<IpGenAddr>> known;
+  int asked = 0;
+  const auto addresses = [&](const std::string& host) {
+    const auto it = known.find(host);
+    return it == known.end() ? nullptr : &it->second;
+  };
+  AddressChoice choice(*entities, trees, heard.log, {addresses, [&] { ++asked; }});
   Settings settings = base();
   CollectorSettings& named = settings.trackers["edge"].exporters["main"].collectors["named"];
   named.host = "coll";
-  entities->apply(settings);
+  choice.apply(settings);
   const auto main = mainExporter();
   const auto now = [&] {
-    entities->addressesAre();
+    choice.review();
     std::string all;
     if (main->collectorIpAndPort().contains("named"))
       all += main->collectorIpAndPort().at("named").stringValue();
@@ -148,7 +150,7 @@ TEST_F(EntitiesTest, AHostsAddressIsOneThatTheExporterCanSendTo) {
   EXPECT_EQ(now(), "") << "not known yet";
   known["coll"] = {six, four};
   EXPECT_EQ(now(), "[2001:db8::5]:4739");
-  EXPECT_EQ(describe(entities->apply(settings)), "nothing changed");
+  EXPECT_EQ(describe(choice.apply(settings)), "nothing changed");
   known["coll"] = {four, six};
   EXPECT_EQ(now(), "[2001:db8::5]:4739") << "another order is no reason to move";
   const auto home = nets.of(VrfName("default"));
@@ -167,7 +169,7 @@ TEST_F(EntitiesTest, AHostsAddressIsOneThatTheExporterCanSendTo) {
   EXPECT_EQ(now(), "192.0.2.6:4739");
   Ear ear(main);
   named.port = 1;
-  EXPECT_EQ(describe(entities->apply(settings)), "collectors: 1 changed");
+  EXPECT_EQ(describe(choice.apply(settings)), "collectors: 1 changed");
   EXPECT_EQ(ear.collectors, std::set<std::string>{"named"});
   EXPECT_EQ(now(), "192.0.2.6:1");
 }
