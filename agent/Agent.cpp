@@ -1,13 +1,108 @@
 #include "agent/Agent.h"
 
+#include <stdexcept>
+#include <utility>
+
+#include "agent/control/Control.h"
+#include "agent/device/LocalCollector.h"
+#include "agent/exports/Exports.h"
+#include "agent/exports/SharedTables.h"
+#include "agent/flow/FlowPaths.h"
+#include "agent/flow/Replay.h"
 #include "agent/host/Printable.h"
-#include "agent/host/Priorities.h"
+#include "agent/host/Readiness.h"
 #include "agent/host/ServiceManager.h"
+#include "agent/network/Networks.h"
 #include "agent/records/FlowTemplates.h"
+#include "agent/settings/SettingsFile.h"
 #include "platform/linux/LinuxPlatform.h"
 
 namespace agent {
-namespace {}  // namespace
+namespace {
+using FlowTracking::FlowTrackingType;
+
+Ptr<Ipfix::IpfixInitSm> makeIpfix() {
+  auto ipfix = Ipfix::ipfixInitSmFactory();
+  std::string problem;
+  if (flowTemplates(*ipfix->elementIdCollection(), problem).empty())
+    throw std::runtime_error(problem);
+  return ipfix;
+}
+
+/// What a device sends to the tracker goes out as the tracker's own records.
+LocalCollectorSink sinkOf(const std::string& tracker, const LibraryTree& tree) {
+  const auto exporters = std::make_shared<FlowExport>(tracker, tree);
+  return {[exporters](FlowTracking::TemplateId id, RecordLens lens, std::string_view records) {
+            exporters->recordsIs(id, lens, records);
+          },
+          [exporters] { exporters->flush(); },
+          [exporters] { exporters->end(); },
+          [exporters] { return exporters->templatesTold(); },
+          [exporters] { return exporters->queued(); },
+          [exporters] { return exporters->counters(); }};
+}
+}  // namespace
+
+/// All that runs. Each member stands on those before it, so they are released from the last to the
+/// first: nobody asks over the control socket any more, what tracks flows ends, then the library's
+/// reactors go, so that endpoints close and counters are removed, and then what these stood on.
+struct Agent::Parts {
+  /// Throws std::exception: why it cannot start, in words.
+  Parts(Agent& agent, const Settings& settings)
+      : log(agent.log_),
+        readiness(agent.loop_->taskScheduler(), log),
+        tables(settings, agent.loop_->taskScheduler(), log),
+        replay(agent.options_.readFile.empty()
+                   ? nullptr
+                   : std::make_unique<flow::Replay>(agent.options_.readFile, settings,
+                                                    agent.configName(), agent.loop_, log)),
+        networks(agent.loop_, agent.options_.netnsDir, log),
+        exports({agent.loop_, log, networks, replay ? replay->networks() : networks.list(), ipfix,
+                 configReq, tables.statistics},
+                [this] { readiness.statusChanged(); }),
+        localCollectors(networks.list(), ipfix->elementIdCollection(), agent.loop_->taskScheduler(),
+                        log, tables.flows),
+        flowPaths({agent.loop_, networks.list(), exports.interfaces(), exports.vrfs(),
+                   agent.options_.netnsDir, tables.flows, captures, log},
+                  replay.get(), [this](const Settings& wanted) {
+                    log.info("the reload is complete, flows under way were reported: " +
+                             describe(apply(wanted)));
+                  }) {}
+
+  /// Makes what runs equal to the settings: from here on every part follows them.
+  Changes apply(const Settings& wanted) {
+    const Changes changes = exports.apply(flowPaths.leave(wanted, exports.settings()), [this] {
+      if (const auto& config = exports.tree(FlowTrackingType::hardware).config)
+        localCollectors.keepOnly(*config);
+    });
+    flowPaths.follow(wanted, exports.tree(FlowTrackingType::software));
+    const LibraryTree& devices = exports.tree(FlowTrackingType::hardware);
+    if (devices.config)
+      localCollectors.follow(*devices.config, *devices.status,
+                             [&](const std::string& tracker) { return sinkOf(tracker, devices); });
+    if (control) control->settingsAre();
+    return changes;
+  }
+
+  std::string status() const {
+    const SettingsCount n = count(exports.settings());
+    return std::to_string(exports.readyExporters()) + " of " + std::to_string(n.exporters) +
+           " exporters ready, " + std::to_string(n.collectors) + " collectors";
+  }
+
+  AgentLog& log;
+  Readiness readiness;
+  const Ptr<Ipfix::IpfixInitSm> ipfix = makeIpfix();
+  SharedTables tables;
+  const std::unique_ptr<flow::Replay> replay;  // null: the interfaces' packets are tracked
+  const Ptr<FlowTracking::ConfigReq> configReq = FlowTracking::configReqFactory();
+  Networks networks;
+  Exports exports;
+  LocalCollectors localCollectors;
+  const Ptr<flow::FlowCaptures> captures = flow::flowCapturesFactory();
+  flow::FlowPaths flowPaths;
+  std::unique_ptr<Control> control;  // null until the first settings are applied
+};
 
 Agent::Agent(Ptr<EventLoop> loop, AgentLog& log, AgentOptions options)
     : loop_(std::move(loop)), log_(log), options_(std::move(options)) {
@@ -38,171 +133,87 @@ bool Agent::start() {
     log_.error("not started: " + configName() + " is not valid");
     return false;
   }
-  const SettingsCount n = count(*settings);
   try {
-    readiness_ = std::make_unique<Readiness>(loop_->taskScheduler(), log_);
-    ipfixInit_ = Ipfix::ipfixInitSmFactory();
-    std::string problem;
-    if (flowTemplates(*ipfixInit_->elementIdCollection(), problem).empty()) {
-      log_.error("not started: " + problem);
-      return false;
-    }
-    tables_ = std::make_unique<SharedTables>(*settings, loop_->taskScheduler(), log_);
-    if (!options_.readFile.empty())
-      replay_ =
-          std::make_unique<flow::Replay>(options_.readFile, *settings, configName(), loop_, log_);
-    configReq_ = FlowTracking::configReqFactory();
-    networks_ = std::make_unique<Networks>(loop_, options_.netnsDir, log_);
-    localCollectors_ =
-        std::make_unique<LocalCollectors>(networks_->list(), ipfixInit_->elementIdCollection(),
-                                          loop_->taskScheduler(), log_, tables_->flows);
-    exports_ = std::make_unique<Exports>(
-        ExportsHost{loop_, log_, *networks_, replay_ ? replay_->networks() : networks_->list(),
-                    ipfixInit_, configReq_, tables_->statistics},
-        [this] { readiness_->statusChanged(); });
+    parts_ = std::make_unique<Parts>(*this, *settings);
   } catch (const std::exception& e) {
     log_.error("not started: " + std::string(e.what()));
     return false;
   }
-  flowPaths_ = std::make_unique<flow::FlowPaths>(
-      flow::FlowPathHost{loop_, networks_->list(), exports_->interfaces(), exports_->vrfs(),
-                         options_.netnsDir, tables_->flows, flowCaptures_, log_},
-      replay_.get(), [this](const Settings& wanted) {
-        log_.info("the reload is complete, flows under way were reported: " +
-                  describe(apply(wanted)));
-      });
-  running_ = true;
-  apply(*settings);
-  log_.tell(Severity::info, "started with " + configName() + ": " + describe(n));
+  parts_->apply(*settings);
+  log_.tell(Severity::info, "started with " + configName() + ": " + describe(count(*settings)));
   startControl(settings->control);
-  readiness_->start([this] { return networks_->settled(); }, [this] { return status(); });
+  parts_->readiness.start([parts = parts_.get()] { return parts->networks.settled(); },
+                          [parts = parts_.get()] { return parts->status(); });
   return true;
 }
 
-std::string Agent::status() const {
-  const SettingsCount n = count(exports_->settings());
-  return std::to_string(exports_->readyExporters()) + " of " + std::to_string(n.exporters) +
-         " exporters ready, " + std::to_string(n.collectors) + " collectors";
-}
-
-Changes Agent::apply(const Settings& wanted) {
-  const Changes changes = exports_->apply(flowPaths_->leave(wanted, exports_->settings()), [this] {
-    if (const auto& config = exports_->tree(FlowTracking::FlowTrackingType::hardware).config)
-      localCollectors_->keepOnly(*config);
-  });
-  flowPaths_->follow(wanted, exports_->tree(FlowTracking::FlowTrackingType::software));
-  startLocalCollectors();
-  if (collectorStates_) collectorStates_->settingsAre();
-  return changes;
-}
-
-/// Devices track for the trackers of type hardware; what they send goes out as the trackers' own.
-void Agent::startLocalCollectors() {
-  const LibraryTree& tree = exports_->tree(FlowTracking::FlowTrackingType::hardware);
-  if (!tree.config) return;
-  localCollectors_->follow(*tree.config, *tree.status, [&](const std::string& trackerName) {
-    const auto exporters = std::make_shared<FlowExport>(trackerName, tree);
-    return LocalCollectorSink{
-        [exporters](FlowTracking::TemplateId id, RecordLens lens, std::string_view records) {
-          exporters->recordsIs(id, lens, records);
-        },
-        [exporters] { exporters->flush(); },
-        [exporters] { exporters->end(); },
-        [exporters] { return exporters->templatesTold(); },
-        [exporters] { return exporters->queued(); },
-        [exporters] { return exporters->counters(); }};
-  });
+void Agent::startControl(const std::string& path) {
+  const Parts& p = *parts_;
+  const auto clear = [req = p.configReq] { req->clearCountersIs(req->clearCounters() + 1); };
+  parts_->control =
+      std::make_unique<Control>(ControlHost{.config = configName(),
+                                            .exports = &p.exports,
+                                            .roots = {{"interfaces", p.exports.interfaces()},
+                                                      {"vrfs", p.exports.vrfs()},
+                                                      {"networks", p.networks.list()},
+                                                      {"captures", p.captures},
+                                                      {"requests", p.configReq},
+                                                      {"statistics", p.tables.statistics},
+                                                      {"elements", p.ipfix},
+                                                      {"loop", loop_}},
+                                            .reload = [this] { return reload(); },
+                                            .clearCounters = clear},
+                                path, loop_, log_, platform_->clock(), p.tables.endpoints);
 }
 
 ReloadOutcome Agent::reload() {
   ReloadOutcome outcome;
-  if (!running_ || finishing_) {
+  if (!parts_ || finishing_) {
     outcome.summary = "not reloaded: the agent is stopping";
     return outcome;
   }
-  tables_->restore();
-  if (control_) control_->restore();
+  parts_->tables.restore();
+  parts_->control->restore();
   if (options_.configFile.empty()) {
     outcome.done = true;
     outcome.summary = "nothing to reload: the built-in configuration runs";
     log_.tell(Severity::info, outcome.summary);
     return outcome;
   }
-  if (replay_) {
-    outcome.summary = "not reloaded: " + printable(replay_->fileName()) +
+  if (parts_->replay) {
+    outcome.summary = "not reloaded: " + printable(options_.readFile) +
                       " is read to its end with the settings that it was begun with";
     log_.tell(Severity::warning, outcome.summary);
     return outcome;
   }
   ServiceManager::reloading();
   if (const auto settings = readConfig(&outcome.errors)) {
-    const Settings before = exports_->settings();
-    const Changes changes = apply(*settings);
-    outcome.done = true;
-    outcome.summary = "reloaded " + configName() + ": " + describe(changes);
-    if (before.vrfs != settings->vrfs) outcome.summary += "; VRF ids changed";
-    log_.tell(Severity::info, outcome.summary);
-    if (before.statistics != settings->statistics || before.control != settings->control)
-      outcome.warnings.emplace_back(
-          "agent.statistics and agent.control take effect at the next start");
-    const size_t collectors = count(*settings).collectors;
-    if (collectors > tables_->collectors->capacity())
-      outcome.warnings.push_back("counters of " + std::to_string(tables_->collectors->capacity()) +
-                                 " of " + std::to_string(collectors) +
-                                 " collectors are kept: the table grows at the next start");
-    for (const std::string& warning : outcome.warnings) log_.tell(Severity::warning, warning);
+    applyReload(*settings, outcome);
   } else {
     outcome.summary =
         "not reloaded: " + configName() + " is not valid; everything runs on as it was before";
     log_.tell(Severity::error, outcome.summary);
   }
-  readiness_->reloaded();
+  parts_->readiness.reloaded();
   return outcome;
 }
 
-void Agent::startControl(const std::string& path) {
-  collectorStates_ = std::make_unique<CollectorStates>(
-      *exports_, loop_->taskScheduler(), platform_->clock(), log_, tables_->endpoints);
-  ControlHost host;
-  host.version = TARN_VERSION;
-  host.config = configName();
-  host.startTime = platform_->clock().now();
-  host.exports = exports_.get();
-  host.states = collectorStates_.get();
-  host.clearCounters = [this] { configReq_->clearCountersIs(configReq_->clearCounters() + 1); };
-  host.roots = [this] { return stateRoots(); };
-  host.reload = [this] { return reload(); };
-  controlRequests_ = std::make_unique<ControlRequests>(std::move(host), log_);
-  control_ = std::make_unique<ControlSocket>(
-      loop_, log_, [this](const ControlPeer& peer, std::string_view line) {
-        return controlRequests_->answer(peer, line);
-      });
-  control_->listen(path);
-}
-
-std::vector<StateTree::Root> Agent::stateRoots() const {
-  std::vector<StateTree::Root> roots;
-  const auto add = [&](std::string name, Ptr<const Entity> entity) {
-    if (entity) roots.push_back({std::move(name), std::move(entity)});
-  };
-  for (const auto& [type, tree] : exports_->trees().all()) {
-    const std::string kind = FlowTracking::toText(type) + '-';
-    add(kind + "config", tree.config);
-    add(kind + "status", tree.status);
-    add(kind + "info", tree.info);
-    add(kind + "info-reactors", tree.infoSm);
-    add(kind + "templates", tree.templateSm);
-    add(kind + "options-data", tree.optionsDataSm);
-  }
-  add("interfaces", exports_->interfaces());
-  add("vrfs", exports_->vrfs());
-  add("networks", networks_->list());
-  add("captures", flowCaptures_);
-  add("requests", configReq_);
-  add("statistics", tables_->statistics);
-  add("elements", ipfixInit_);
-  add("loop", loop_);
-  return roots;
+void Agent::applyReload(const Settings& settings, ReloadOutcome& outcome) {
+  const Settings before = parts_->exports.settings();
+  outcome.summary = "reloaded " + configName() + ": " + describe(parts_->apply(settings));
+  outcome.done = true;
+  if (before.vrfs != settings.vrfs) outcome.summary += "; VRF ids changed";
+  log_.tell(Severity::info, outcome.summary);
+  if (before.statistics != settings.statistics || before.control != settings.control)
+    outcome.warnings.emplace_back(
+        "agent.statistics and agent.control take effect at the next start");
+  const size_t kept = parts_->tables.collectors->capacity();
+  const size_t collectors = count(settings).collectors;
+  if (collectors > kept)
+    outcome.warnings.push_back("counters of " + std::to_string(kept) + " of " +
+                               std::to_string(collectors) +
+                               " collectors are kept: the table grows at the next start");
+  for (const std::string& warning : outcome.warnings) log_.tell(Severity::warning, warning);
 }
 
 void Agent::finish() {
@@ -212,26 +223,18 @@ void Agent::finish() {
   }
   ServiceManager::stopping();
   log_.tell(Severity::info, "stopping");
-  flowPaths_->finish([this] { loop_->stop(); });
+  parts_->flowPaths.finish([this] { loop_->stop(); });
 }
 
 void Agent::stop() {
-  if (running_ && !finishing_) {
+  if (!parts_) return;
+  if (!finishing_) {
     ServiceManager::stopping();
     log_.tell(Severity::info, "stopping");
   }
-  control_.reset();  // nobody asks from here on
-  controlRequests_.reset();
-  collectorStates_.reset();
-  flowPaths_.reset();
-  localCollectors_.reset();
-  exports_.reset();
-  networks_.reset();
-  configReq_ = nullptr;
-  tables_.reset();
-  ipfixInit_ = nullptr;
-  readiness_.reset();
-  if (std::exchange(running_, false)) log_.tell(Severity::info, "stopped");
+  fileFailed_ = parts_->replay && parts_->replay->failed();
+  parts_.reset();
+  log_.tell(Severity::info, "stopped");
 }
 
 }  // namespace agent

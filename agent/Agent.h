@@ -1,21 +1,12 @@
 #pragma once
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "agent/control/ControlRequests.h"
-#include "agent/control/ControlSocket.h"
-#include "agent/device/LocalCollector.h"
-#include "agent/exports/CollectorStates.h"
-#include "agent/exports/Exports.h"
-#include "agent/exports/SharedTables.h"
-#include "agent/flow/FlowPaths.h"
+#include "agent/control/ControlAnswers.h"
 #include "agent/host/AgentLog.h"
-#include "agent/host/Readiness.h"
-#include "agent/network/Networks.h"
-#include "agent/settings/SettingsFile.h"
+#include "agent/settings/Settings.h"
 #include "platform/Platform.h"
 #include "platform/linux/EventLoop.h"
 
@@ -28,7 +19,7 @@ struct AgentOptions {
   std::string readFile = {};
 };
 
-/// The running agent: the platform, the networks, the entities, and the library's root reactors.
+/// The life of the running agent: it starts, is reloaded, finishes and stops.
 ///
 ///   Agent agent(loop, log, options);
 ///   if (!agent.start()) return 1;   // it said why
@@ -52,38 +43,24 @@ class Agent {
   /// Releases the library's reactors, then what they stood on. Nothing after the first time.
   void stop();
 
-  /// A file was to be read, and what was exported is not all of it.
-  bool fileFailed() const { return replay_ && replay_->failed(); }
+  /// After `stop`: a file was to be read, and what was exported is not all of it.
+  bool fileFailed() const { return fileFailed_; }
 
  private:
-  void startLocalCollectors();
+  struct Parts;
+
   std::optional<Settings> readConfig(std::vector<std::string>* errors = nullptr) const;
   std::string configName() const;
-  Changes apply(const Settings& settings);
-  std::string status() const;
   void startControl(const std::string& path);
-  std::vector<StateTree::Root> stateRoots() const;
+  void applyReload(const Settings& settings, ReloadOutcome& outcome);
 
-  Ptr<EventLoop> loop_;
+  const Ptr<EventLoop> loop_;
   AgentLog& log_;
-  AgentOptions options_;
-  bool running_ = false;
+  const AgentOptions options_;
   bool finishing_ = false;
-
+  bool fileFailed_ = false;
   std::unique_ptr<Platform> platform_;
-  Ptr<Ipfix::IpfixInitSm> ipfixInit_;
-  std::unique_ptr<SharedTables> tables_;
-  Ptr<FlowTracking::ConfigReq> configReq_;
-  std::unique_ptr<Networks> networks_;
-  std::unique_ptr<Exports> exports_;
-  std::unique_ptr<LocalCollectors> localCollectors_;
-  const Ptr<flow::FlowCaptures> flowCaptures_ = flow::flowCapturesFactory();
-  std::unique_ptr<flow::FlowPaths> flowPaths_;
-  std::unique_ptr<flow::Replay> replay_;  // null: the interfaces' packets are tracked
-  std::unique_ptr<Readiness> readiness_;
-  std::unique_ptr<CollectorStates> collectorStates_;
-  std::unique_ptr<ControlRequests> controlRequests_;
-  std::unique_ptr<ControlSocket> control_;
+  std::unique_ptr<Parts> parts_;  // null: nothing runs
 };
 
 }  // namespace agent

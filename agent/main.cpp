@@ -15,6 +15,7 @@
 #include "agent/Agent.h"
 #include "agent/host/Capabilities.h"
 #include "agent/host/Printable.h"
+#include "agent/settings/SettingsFile.h"
 #include "agent/settings/SettingsKeys.h"
 #include "platform/linux/Fd.h"
 

@@ -207,11 +207,13 @@ Json ControlTables::rows(const Exports& exports, std::string_view name, const st
     return out;
   }
   const std::string first = textAt(after, 0);
-  eachTracker(exports, only, first, [&](const std::string& tracker, const TrackerSettings& settings) {
-    const LibraryTree& tree = exports.tree(settings.type);
-    const auto source = trackerSource(tree, tracker, kind);
-    return !source || addAll(*source, tracker, &tree, tracker == first ? numberAt(after, 1) : 0);
-  });
+  eachTracker(exports, only, first,
+              [&](const std::string& tracker, const TrackerSettings& settings) {
+                const LibraryTree& tree = exports.tree(settings.type);
+                const auto source = trackerSource(tree, tracker, kind);
+                return !source ||
+                       addAll(*source, tracker, &tree, tracker == first ? numberAt(after, 1) : 0);
+              });
   return out;
 }
 

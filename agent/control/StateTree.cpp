@@ -118,7 +118,7 @@ class Walk {
       if (child && key.empty()) {
         more = more && entity(*child, path, after, depth + 1);
       } else if (after.empty()) {
-        // Such a collection is shown whole: a page that begins inside it could not find its place.
+        // Such a collection is shown whole: a page that begins inside it could not be continued.
         more = add(path + '/' + keyMark + encoded(key), text) && more;
       }
     });
@@ -188,9 +188,9 @@ bool findMember(const Entity& e, const AttrRow& r, const std::string& part, std:
 }
 
 /// Where a path leads: to an entity, to a collection of one, or to a value.
-class Place {
+class PathTarget {
  public:
-  explicit Place(const StateTree::Root& root) : entity_(root.entity.get()), full_(root.name) {}
+  explicit PathTarget(const StateTree::Root& root) : entity_(root.entity.get()), full_(root.name) {}
 
   /// Goes one part of the path further. Returns why it cannot, or nothing.
   std::string partIs(const std::string& part) {
@@ -307,19 +307,19 @@ StateTree::Page StateTree::page(std::string_view path, std::string_view after,
     page.problem = "there is no " + inQuotes(parts.front()) + ": there are " + all;
     return page;
   }
-  Place place(*root);
+  PathTarget target(*root);
   for (size_t i = 1; i < parts.size() && page.problem.empty(); ++i)
-    page.problem = place.partIs(parts[i]);
+    page.problem = target.partIs(parts[i]);
   if (!page.problem.empty()) return page;
   PartsLeft left;
   if (!afterParts.empty()) {
-    const auto found = behind(partsOf(place.full()), afterParts);
-    if (!found) page.problem = inQuotes(after) + " is not in " + printable(place.full());
+    const auto found = behind(partsOf(target.full()), afterParts);
+    if (!found) page.problem = inQuotes(after) + " is not in " + printable(target.full());
     page.done = found && found->empty();
     if (!found || page.done) return page;
     left = *found;
   }
-  page.done = place.show(walk, left);
+  page.done = target.show(walk, left);
   return page;
 }
 

@@ -29,12 +29,24 @@ std::string describe(const char* noun, const Changes::Count& n) {
 
 uint32_t ms(std::chrono::milliseconds t) { return static_cast<uint32_t>(t.count()); }
 
+void write(const TrackerSettings& from, FtConfig& config, FtStatus& status) {
+  config.activeIntervalIs(ms(from.activeInterval));
+  config.localPortIs(from.localPort);
+  status.activeIntervalIs(from.activeInterval);
+  status.inactiveTimeoutIs(from.inactiveTimeout);
+  status.sampleRateIs(from.sampleRate);
+}
+
+void delCollector(ExporterConfig& config, const std::string& name) {
+  config.collectorIpAndPortDel(name);
+  config.collectorIp6AndPortDel(name);
+}
+
 /// Writes a collector into its family's map, and then removes it from the other's: one that moves
 /// between the families is never absent.
 void setCollector(ExporterConfig& config, const std::string& name, const CollectorSettings& c) {
   if (c.address.family() == IpGenAddr::Family::none) {
-    config.collectorIpAndPortDel(name);
-    config.collectorIp6AndPortDel(name);
+    delCollector(config, name);
   } else if (c.address.isIpv4()) {
     config.collectorIpAndPortIs(name, IpAndPort{c.address.ipAddr(), c.port});
     config.collectorIp6AndPortDel(name);
@@ -42,10 +54,6 @@ void setCollector(ExporterConfig& config, const std::string& name, const Collect
     config.collectorIp6AndPortIs(name, Ip6AndPort{c.address.ip6Addr(), c.port});
     config.collectorIpAndPortDel(name);
   }
-}
-void delCollector(ExporterConfig& config, const std::string& name) {
-  config.collectorIpAndPortDel(name);
-  config.collectorIp6AndPortDel(name);
 }
 
 using Collectors = std::map<std::string, CollectorSettings>;
@@ -184,11 +192,7 @@ void Entities::change(const std::string& name, Tracker& tracker, const TrackerSe
     replaceTracker(name, tracker, wanted, changes);
     return;
   }
-  tracker.config->activeIntervalIs(ms(wanted.activeInterval));
-  tracker.config->localPortIs(wanted.localPort);
-  tracker.status->activeIntervalIs(wanted.activeInterval);
-  tracker.status->inactiveTimeoutIs(wanted.inactiveTimeout);
-  tracker.status->sampleRateIs(wanted.sampleRate);
+  write(wanted, *tracker.config, *tracker.status);
   for (auto& [exporterName, exporter] : tracker.exporters)
     changeExporter(exporter, wanted.exporters.at(exporterName), changes);
   now = wanted;
@@ -228,8 +232,7 @@ void Entities::replaceTracker(const std::string& name, Tracker& tracker,
   fresh.settings = wanted;
   fresh.status = tracker.status;
   fresh.config = HwFlowTracking::ftConfigFactory(name, wanted.id);
-  fresh.config->activeIntervalIs(ms(wanted.activeInterval));
-  fresh.config->localPortIs(wanted.localPort);
+  write(wanted, *fresh.config, *fresh.status);
   Changes inside;
   addExporters(name, fresh, wanted, inside);
   for (const auto& [exporterName, exporter] : wanted.exporters) {
@@ -249,9 +252,6 @@ void Entities::replaceTracker(const std::string& name, Tracker& tracker,
       }
     }
   }
-  fresh.status->activeIntervalIs(wanted.activeInterval);
-  fresh.status->inactiveTimeoutIs(wanted.inactiveTimeout);
-  fresh.status->sampleRateIs(wanted.sampleRate);
   trees_.make(wanted.type).config->ftConfigIs(fresh.config);
   tracker = std::move(fresh);
 }
@@ -262,12 +262,8 @@ void Entities::addTracker(const std::string& name, const TrackerSettings& wanted
   auto tracker = std::make_unique<Tracker>();
   tracker->settings = wanted;
   tracker->config = HwFlowTracking::ftConfigFactory(name, wanted.id);
-  tracker->config->activeIntervalIs(ms(wanted.activeInterval));
-  tracker->config->localPortIs(wanted.localPort);
   tracker->status = HwFlowTracking::ftStatusFactory(name);
-  tracker->status->activeIntervalIs(wanted.activeInterval);
-  tracker->status->inactiveTimeoutIs(wanted.inactiveTimeout);
-  tracker->status->sampleRateIs(wanted.sampleRate);
+  write(wanted, *tracker->config, *tracker->status);
   // Devices bring their own templates.
   std::string problem;
   if (wanted.type == LibraryTrees::Type::software)

@@ -286,7 +286,7 @@ TEST(ControlRequests, WhatIsAskedWrongly) {
     return ReloadOutcome{.done = true, .summary = "reloaded", .errors = {}, .warnings = {}};
   };
   host.clearCounters = [&] { ++changes; };
-  ControlRequests requests(std::move(host), heard.log);
+  ControlRequests requests(ControlAnswers(std::move(host), nullptr, 0, heard.log));
   const auto ask = [&](uint32_t uid, const std::string& line) {
     const std::string text = requests.answer({.uid = uid, .mayChange = uid == 0}, line);
     EXPECT_EQ(text.find('\n'), std::string::npos);
