@@ -25,24 +25,6 @@ class MessageBuilderTest : public testing::Test {
   std::unique_ptr<SimPlatform> sim_ = simPlatform();
 };
 
-TEST_F(MessageBuilderTest, EachExporterStampsTheOnePacketAnew) {
-  auto builder = messageBuilderFactory(200, 1);
-  builder->startMsg();
-  for (const TemplateId id : {256, 256, 257, 256})
-    EXPECT_EQ(builder->addSetRecordStr(id, "xyz"), 3u);
-  const auto message = builder->finalizeMsg();
-  EXPECT_EQ(message->recordCount(), 4u);
-  EXPECT_EQ(message->len(), 16u + 10 + 7 + 7);
-  const auto pkt = message->pkt(1);
-  for (const auto& [time, number] :
-       {std::pair(1700000000.75, 0xfffffffe), std::pair(1700000011.2, 7u)}) {
-    sim_->wallClockIs(time);
-    EXPECT_EQ(message->pkt(number), pkt);
-    EXPECT_EQ(be(pkt->octets(), 4, 4), static_cast<uint32_t>(time));
-    EXPECT_EQ(be(pkt->octets(), 8, 4), number);
-  }
-}
-
 TEST_F(MessageBuilderTest, MisuseStopsTheProgram) {
   auto builder = messageBuilderFactory(100, 1);
   EXPECT_DEATH(builder->addSetRecordStr(256, "x"), "builder->pkt\\(\\)");

@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <cerrno>
+#include <functional>
 #include <random>
 
 #include "Ears.h"
@@ -42,14 +44,19 @@ class World : private Tree {
  public:
   explicit World(unsigned seed) : rnd_(seed), activeSeconds(pick(4) != 0 ? 60 : 0.4) {
     pace();
-    for (const std::string name : {"ft1", "ft2"}) {
-      hwConfig->ftConfigIs(freshTracker(name));
-      hwStatus->ftStatusIs(freshStatus(name));
-    }
-    for (auto& e : exporters_) exporterIs(e);
-    makeInfoSm();
-    makeTemplateSm();
-    makeManager();
+    meddles_ = false;  // nobody answers before all is there
+    std::function<void()> parts[] = {
+        [this] { makeInfoSm(); },
+        [this] { makeTemplateSm(); },
+        [this] { makeManager(); },
+        [this] { hwStatus->ftStatusIs(freshStatus("ft1")); },
+        [this] { hwStatus->ftStatusIs(freshStatus("ft2")); },
+        [this] { trackerIs("ft1"); },
+        [this] { trackerIs("ft2"); },
+    };
+    std::ranges::shuffle(parts, rnd_);
+    for (const auto& part : parts) part();
+    meddles_ = true;
     ears_.hear<OnStats>(stats, 300);
     ears_.hear<OnUpdate>(manager->dataAll()->globalUpdate(), 100);
   }

@@ -44,6 +44,7 @@ class Receiver {
     }
     heard_.insert(to);
     next = m.header->sequence + static_cast<uint32_t>(m.recordCount());
+    EXPECT_LE(static_cast<uint32_t>(seen.datagram.time) - m.header->exportTime, 1u) << to;
     Count& count = counts_[to];
     ++count.messages;
     count.octets += seen.datagram.octets.size();

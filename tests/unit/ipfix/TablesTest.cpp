@@ -1,7 +1,6 @@
 #include <functional>
 #include <set>
 
-#include "Ears.h"
 #include "Receiver.h"
 
 /// The four options tables at their limits, what they announce, and the tree by name. What watchers
@@ -77,40 +76,6 @@ TEST_F(TablesTest, FlowKeyBitsAreWidenedAsCollectorsExpect) {
   EXPECT_EQ(flowKey->dataSource()->dataRecords(), 0u);
 }
 
-TEST_F(TablesTest, ATrackersOwnRateHidesTheOneOfAllTrackers) {
-  ftStatus->sampleRateIs(5);
-  const auto table = trackerTableSm();
-  const auto announced = [&] {
-    const uint32_t before = slot->version();
-    sim->advance(Seconds(2.5));
-    return slot->version() - before;
-  };
-  hwStatus->sampleRateIs(9);
-  EXPECT_EQ(announced(), 0u);
-  ftStatus->sampleRateIs(0);
-  ftStatus->activeIntervalIs(Seconds(2));
-  sim->advance(Seconds(1.9));
-  ftStatus->inactiveTimeoutIs(Seconds(1));
-  EXPECT_EQ(announced(), 1u) << "one for the three";
-  EXPECT_EQ(octetsOf(slot->record()).substr(18, 4), netOctets(9, 4));
-  hwStatus->sampleRateIs(10);
-  EXPECT_EQ(announced(), 1u);
-  EXPECT_EQ(table->dataSource()->version(), 3u);
-}
-
-TEST_F(TablesTest, EachWatcherOfASlotSeesEachRecordOnce) {
-  std::string seen[2];
-  const OnUpdate first(slot, [&] {
-    seen[0] += octetsOf(slot->record());
-    if (slot->version() == 1)
-      for (const char* next : {"b", "c"}) slot->addUpdate(300, dataRecordFactory(next));
-  });
-  const OnUpdate second(slot, [&] { seen[1] += octetsOf(slot->record()); });
-  slot->addUpdate(300, dataRecordFactory("a"));
-  slot->addUpdate(300, slot->record());
-  for (const std::string& s : seen) EXPECT_EQ(s, "abcc") << "the same again is announced again";
-}
-
 /// Calls `visit` with `root` and each entity beneath it, once.
 void walk(const Entity& root, std::set<const Entity*>& seen,
           const std::function<void(const Entity&)>& visit) {
@@ -171,19 +136,6 @@ TEST_F(TablesTest, EverythingIsListedByNameWholeAndInParts) {
   EXPECT_EQ(octetsOf(e3), netOctets(3, 4) + "\2e3");
   EXPECT_EQ(table->dataRecord(e3), e3);
   EXPECT_FALSE(manager->intfTableSm()->dataRecord(IntfId("CPU")));
-}
-
-TEST_F(TablesTest, TheStoresPartsAreMadeOnceAndKnowTheirParent) {
-  const auto scope = OptionsDataScope::scopeTracker;
-  const auto all = optionsDataAllFactory();
-  const auto ft = all->trackerDataIs("ft1");
-  EXPECT_EQ(ft->parent(), all.get());
-  EXPECT_EQ(ft->dataIs(scope), ft->dataIs(scope));
-  EXPECT_THROW(ft->dataIs(OptionsDataScope::scopeGlobal), ReinstantiationError);
-  ft->data()->sourceIs("s", 300);
-  EXPECT_THROW(ft->data()->sourceIs("s", 301), ReinstantiationError);
-  all->trackerDataDel("ft1");
-  EXPECT_EQ(ft->parent(), nullptr);
 }
 
 }  // namespace

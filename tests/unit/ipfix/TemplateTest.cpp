@@ -68,20 +68,6 @@ TEST_F(TemplateTest, EveryWholeSecondsOfTheInterval) {
   }
 }
 
-TEST_F(TemplateTest, WhatIsNewStartsWithTheTemplates) {
-  sim->namespaceIs("ns-red", true);
-  exporter->srcIpAddrIs(IpAddr(0xc0000202));
-  EXPECT_EQ(seenCounts(), four);
-  exporter->vrfNameIs(VrfName("red"));
-  EXPECT_EQ(seenCounts(), four);
-  const uint16_t port = expInfo()->rxPort4();
-  expInfo()->rxPort4Is(0);
-  expInfo()->rxPort4Is(port);
-  EXPECT_EQ(seenCounts(), four) << "ready again, same endpoint";
-  exporter->srcIpAddrIs(IpAddr());
-  EXPECT_FALSE(ftExporter()->periodicTemplateTxTask()->scheduled());
-}
-
 TEST_F(TemplateTest, FollowsTheTrackersTemplates) {
   const auto sent = [this] {
     sim->runDue();
