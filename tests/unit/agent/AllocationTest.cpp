@@ -65,5 +65,9 @@ TEST(Allocation, NothingForARecordOrAMessage) {
     EXPECT_LT(allocations - sum, measured ? 1000u : 100000u) << "for a million records";
   }
   EXPECT_EQ(tree.pam()->counters().dropped, 0u);
+  const auto unknown = flowTrackingInfoFactory(FlowTrackingType::software);
+  agent::FlowExport nowhere("ft", {tree.config, unknown, tree.templates, tree.stats});
+  nowhere.recordsIs(flows, 4, records);
+  EXPECT_EQ(nowhere.counters().recordsLost, 100000u) << "no way leads to its exporter";
 }
 }  // namespace
