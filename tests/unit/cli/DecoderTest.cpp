@@ -3,14 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <random>
 #include <sstream>
 #include <utility>
 
 #include "cli/ToolPlatform.h"
 #include "cli/wire/Elements.h"
-#include "fuzz/DecoderInput.h"
-#include "tests/support/Random.h"
 #include "tests/unit/cli/Octets.h"
 
 namespace decoder {
@@ -196,7 +193,7 @@ TEST(Sequence, IsCheckedAgainstTheRecordsBefore) {
   }
 }
 
-// That the bounds hold is for the random messages below; here, who makes room.
+// That the bounds hold is for the fuzzer; here, who makes room.
 TEST(Limits, TheStreamUnheardLongestMakesRoom) {
   Decoder small(testElement,
                 {.streams = 3, .costPerStream = 12, .cost = 18, .valuesPerMessage = 10});
@@ -258,44 +255,6 @@ TEST(ValueText, FollowsTheElementsType) {
   EXPECT_EQ((Value{&f, hex("fffffe")}.text()), "-2");
   EXPECT_EQ((Field{77, 4, 0, false, nullptr}.name()), "ie77");
   EXPECT_EQ((Field{77, 4, 99991, false, nullptr}.name()), "ie99991/77");
-}
-
-// Any message with a few octets changed is read or refused; TARN_SEED repeats a run.
-TEST(Mutation, NeverHarmsTheDecoder) {
-  support::eachSeed(1, [](unsigned seed) {
-    std::mt19937 random(seed);
-    const auto below = [&](size_t n) { return random() % n; };
-
-    const Limits limits{.streams = 4, .costPerStream = 40, .cost = 100, .sequenceErrors = 3};
-    Decoder decoder(testElement, limits);
-    static constexpr uint16_t corners[] = {0,   1,   2,      3,      4,      255,
-                                           256, 257, 0x7fff, 0x8000, 0xfffe, 65535};
-    size_t wellFormed = 0;
-    constexpr size_t rounds = 20000;
-    for (size_t round = 0; round < rounds; ++round) {
-      Octets o = rich;
-      for (size_t n = 1 + below(6); n > 0; --n) {
-        const size_t at = below(o.size() - 1), what = below(4);
-        const auto place = o.begin() + static_cast<ptrdiff_t>(at);
-        if (what == 0) *place = static_cast<uint8_t>(random());
-        if (what == 1) put16(o, at, corners[below(std::size(corners))]);
-        if (what == 2) o.insert(place, 1 + below(9), uint8_t{0});
-        if (what == 3)
-          o.erase(place, place + static_cast<ptrdiff_t>(std::min(o.size() - at - 2, below(9))));
-      }
-      if (below(8) != 0 && o.size() >= 16) {  // past the checks of the header, most of the time
-        put16(o, 0, 10);
-        put16(o, 2, o.size());
-      }
-      const Message m = decoder.decode(std::string(1, static_cast<char>('a' + below(6))), o);
-      wellFormed += !m.error;
-      checkDecoded(m, decoder, limits);
-    }
-    // The mutations reach both sides of the decoder.
-    EXPECT_GT(wellFormed, rounds / 50);
-    EXPECT_LT(wellFormed, rounds);
-    EXPECT_GT(decoder.evicted(), 0U);
-  });
 }
 
 // The library's registry and the list of elements were written apart: they must agree in names and
