@@ -9,7 +9,6 @@ from lab import AGENT_WRAP, BUILD, Notify, wait_for
 
 AGENT = f"{BUILD}/bin/tarnflowd"
 TOOL = f"{BUILD}/bin/tarnflow"
-STATISTICS = "/tarnflow"
 
 # Octets of the elements that our templates use, as IANA's IPFIX registry gives their types.
 LENGTH = {1: 8, 2: 8, 4: 1, 5: 1, 6: 2, 7: 2, 8: 4, 10: 4, 11: 2, 12: 4, 14: 4, 27: 16, 28: 16,
@@ -47,7 +46,7 @@ def exporter(interface, collector, **keys):
             "collector": collector}
 
 
-def config(trackers, vrfs=None, statistics=STATISTICS):
+def config(trackers, vrfs=None):
     """The text of a configuration file. trackers: {name: {"id": .., "exporter": {..}}}."""
     lines = []
 
@@ -58,7 +57,7 @@ def config(trackers, vrfs=None, statistics=STATISTICS):
             if isinstance(inner, dict):
                 for name, child in inner.items():
                     section(f"{path}.{key}.{toml(name)}", child)
-    section("agent", {"statistics": statistics, "control": "/run/tarnflow/control.sock"})
+    section("agent", {"statistics": "/tarnflow", "control": "/run/tarnflow/control.sock"})
     for name, vrf_id in (vrfs or {}).items():
         section(f"vrf.{toml(name)}", {"id": vrf_id})
     for name, table in trackers.items():
@@ -132,25 +131,25 @@ def listen(lab, *argv, ns=None):
     return program
 
 
-def _shown(what, statistics):
-    code, text, error = tool("show", what, "--json", "--name", statistics, check=False)
+def _shown(what):
+    code, text, error = tool("show", what, "--json", check=False)
     assert code in (0, 1) and text, (code, text, error)
     return json.loads(text)
 
 
-def show_counters(statistics=STATISTICS):
+def show_counters():
     """`tarnflow show counters --json`, whatever it finds."""
-    return _shown("counters", statistics)
+    return _shown("counters")
 
 
-def flows(statistics=STATISTICS):
+def flows():
     """`tarnflow show flows --json`: the counters of each tracker that looks at packets."""
-    return {t["tracker"]: t for t in _shown("flows", statistics)["trackers"]}
+    return {t["tracker"]: t for t in _shown("flows")["trackers"]}
 
 
-def counters(statistics=STATISTICS):
+def counters():
     """The counters of each collector by its address; each has one exporter only in our tests."""
-    found = show_counters(statistics)
+    found = show_counters()
     assert found["unreadable"] == 0, found
     entries = {e["collectorAddress"]: e for e in found["entries"]}
     assert len(entries) == len(found["entries"]), found

@@ -16,45 +16,31 @@ PORT = 4739
 TEMPLATES = (2, 3)  # the set ids of templates (RFC 7011, 3.3.2)
 
 
-# One captured IPFIX message, by its IP, UDP and message headers; sets: (set id, octets) of each.
-Message = collections.namedtuple("Message", "time src dst src_port dst_port tos length export_time "
-                                 "sequence domain sets octets")
+# One captured IPFIX message, by its IP and message headers; sets: the set ids.
+Message = collections.namedtuple("Message", "time src dst tos length sequence sets octets")
 
 
-def _packets(data):
-    """(time, octets) of each whole packet of a pcap file under construction."""
-    if len(data) < 24:
-        return
-    magic, link_type = struct.unpack_from("<I16xI", data)
-    assert magic in (0xA1B2C3D4, 0xA1B23C4D) and link_type == 1, (hex(magic), link_type)
-    fraction = 1e-9 if magic == 0xA1B23C4D else 1e-6
+def _messages(data):
+    """The messages of a pcap file under construction, of Ethernet frames without IP options."""
     at = 24
     while at + 16 <= len(data):
         seconds, part, captured = struct.unpack_from("<III", data, at)
-        if at + 16 + captured > len(data):
-            return
-        yield seconds + part * fraction, data[at + 16:at + 16 + captured]
+        frame = data[at + 16:at + 16 + captured]
         at += 16 + captured
-
-
-def _message(time, frame):
-    kind = struct.unpack_from(">H", frame, 12)[0]
-    if kind not in (0x0800, 0x86DD):
-        return None
-    v6 = kind == 0x86DD
-    tos = struct.unpack_from(">H", frame, 14)[0] >> 4 & 0xFF if v6 else frame[15]
-    src, dst = (frame[22:38], frame[38:54]) if v6 else (frame[26:30], frame[30:34])
-    udp = 54 if v6 else 14 + (frame[14] & 15) * 4
-    src_port, dst_port = struct.unpack_from(">HH", frame, udp)
-    body = frame[udp + 8:]
-    _, length, export_time, sequence, domain = struct.unpack_from(">HHIII", body)
-    sets, at = [], 16
-    while at + 4 <= len(body):
-        set_id, set_len = struct.unpack_from(">HH", body, at)
-        sets.append((set_id, set_len))
-        at += max(set_len, 4)
-    return Message(time, str(ipaddress.ip_address(src)), str(ipaddress.ip_address(dst)), src_port,
-                   dst_port, tos, length, export_time, sequence, domain, tuple(sets), bytes(body))
+        if at > len(data):
+            return
+        v6 = frame[12:14] == b"\x86\xdd"
+        src, dst = (frame[22:38], frame[38:54]) if v6 else (frame[26:30], frame[30:34])
+        tos = struct.unpack_from(">H", frame, 14)[0] >> 4 & 0xFF if v6 else frame[15]
+        body = frame[62 if v6 else 42:]
+        _, length, _, sequence = struct.unpack_from(">HHII", body)
+        sets, to = [], 16
+        while to + 4 <= len(body):
+            set_id, set_len = struct.unpack_from(">HH", body, to)
+            sets.append(set_id)
+            to += max(set_len, 4)
+        yield Message(seconds + part * 1e-6, str(ipaddress.ip_address(src)),
+                      str(ipaddress.ip_address(dst)), tos, length, sequence, sets, bytes(body))
 
 
 class Capture:
@@ -73,9 +59,8 @@ class Capture:
     def messages(self, **fields):
         """The messages so far, in order; only those whose fields equal `fields`."""
         data = self.file.read_bytes() if self.file.exists() else b""
-        found = [m for m in (_message(*p) for p in _packets(data))
-                 if m and (self.kinds is None or m.sets[0][0] in self.kinds)]
-        return [m for m in found if all(getattr(m, k) == v for k, v in fields.items())]
+        return [m for m in _messages(data) if (self.kinds is None or m.sets[0] in self.kinds)
+                and all(getattr(m, k) == v for k, v in fields.items())]
 
     def wait(self, count, seconds=5.0, **fields):
         """Waits for at least `count` such messages."""
@@ -116,8 +101,7 @@ class Nfcapd:
 # A template as tshark read it (scope_count 0: a data template), fields: (element id, length,
 # enterprise number or 0) of each; and a packet, records: (set id, {tshark's field: its text}) of each.
 Template = collections.namedtuple("Template", "id scope_count fields")
-Decoded = collections.namedtuple("Decoded", "src dst tos length sequence domain set_ids templates "
-                                 "records")
+Decoded = collections.namedtuple("Decoded", "dst tos sequence templates records")
 
 
 def _template(record):
@@ -159,9 +143,7 @@ def tshark(file, ports=(PORT,)):
         assert layer["frame"]["frame.protocols"].endswith(":udp:cflow"), layer["frame"]
         cflow = layer["cflow"]
         assert cflow["cflow.version"] == "10", f"packet {number} is not IPFIX: {cflow}"
-        ip = layer.get("ip")
-        tos = ip["ip.dsfield"] if ip else layer["ipv6"]["ipv6.tclass"]
-        ip = ip or layer["ipv6"]
+        ip = layer.get("ip") or layer["ipv6"]
         sets = [v for k, v in cflow.items() if re.match(r"Set \d+ \[", k)]
         records = [v for one in sets for k, v in one.items()
                    if re.match(r"(Options )?Template \(", k)]
@@ -169,10 +151,8 @@ def tshark(file, ports=(PORT,)):
         said = (int(layer["udp"]["udp.length"]) - 8, int(cflow["cflow.len"]), 16 + sum(lengths))
         assert len(set(said)) == 1, f"packet {number}: UDP payload, message, sets: {said}"
         decoded.append(Decoded(
-            ip.get("ip.src", ip.get("ipv6.src")), ip.get("ip.dst", ip.get("ipv6.dst")),
-            int(tos, 16), int(cflow["cflow.len"]), int(cflow["cflow.sequence"]),
-            int(cflow["cflow.od_id"]),
-            tuple(int(one["cflow.flowset_id"]) for one in sets),
+            ip.get("ip.dst", ip.get("ipv6.dst")),
+            int(ip.get("ip.dsfield", ip.get("ipv6.tclass")), 16), int(cflow["cflow.sequence"]),
             tuple(_template(r) for r in records),
             tuple((int(one["cflow.flowset_id"]), v) for one in sets for k, v in one.items()
                   if re.match(r"Flow \d+$", k))))

@@ -43,7 +43,7 @@ def tracking(lab, text):
 
 
 def of_flows(messages):
-    return [m for m in messages if m.sets[0][0] in RECORD_LEN]
+    return [m for m in messages if m.sets[0] in RECORD_LEN]
 
 
 def same_flows(stored, expected, times):

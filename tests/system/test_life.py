@@ -25,15 +25,6 @@ def test_stops_in_order(lab, sig):
     assert re.search("started with.*stopping.*stopped", agent.program.log(), re.S)
 
 
-def test_second_agent_is_refused(lab):
-    first = Agent(lab, ONE)
-    second = Agent(lab, ONE, ready=False)
-    assert second.program.wait_exit() == 1
-    error = second.program.log()
-    assert "statistics" in error and str(first.pid) in error and "/tarnflow" in error
-    assert len(counters()) == 2
-
-
 def test_started_on_a_wrong_file(lab):
     agent = Agent(lab, ONE.replace("id = 7", "id = -7"), ready=False)
     assert agent.program.wait_exit() == 1

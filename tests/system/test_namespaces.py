@@ -29,7 +29,7 @@ def test_follows_its_network(lab):
         capture = Capture(lab, "dn0", ns=far, kinds=TEMPLATES)
         lab.address("up0", f"{HERE4}/24", f"{HERE6}/64", ns="ns-red")
         for here in (HERE4, HERE6):
-            capture.wait_until("both templates", lambda ms: {m.sets[0][0] for m in ms} == {2, 3},
+            capture.wait_until("both templates", lambda ms: {m.sets[0] for m in ms} == {2, 3},
                                src=here)
         said("FLOWTRACKING_EXPORTER_ACTIVE", n)
         said("devices send to", n)

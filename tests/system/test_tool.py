@@ -150,7 +150,7 @@ def test_resend_and_log_level(lab, far):
     def whole(address):
         """Templates, options templates, and then tables, after what was sent before."""
         def all_of(messages):
-            ids = [i for m in messages[sent[address]:] for i, _ in m.sets]
+            ids = [i for m in messages[sent[address]:] for i in m.sets]
             return ids[:2] == [2, 3] and {65280, 65281, 65282, 65283} <= set(ids)
         capture.wait_until(f"everything at {address}", all_of, dst=address)
     for address in sent:
@@ -175,16 +175,22 @@ def test_resend_and_log_level(lab, far):
 
 def test_reload(lab, far):
     agent = Agent(lab, config(edge()))
-    agent.write(config(edge(other=exporter("up0", collectors(b="10.99.0.3")))))
+    more = config(edge(other=exporter("up0", collectors(b="10.99.0.3"))))
+    agent.write(more)
     summary = f"reloaded {agent.file}: exporters: 1 added; collectors: 1 added"
     assert tool_json("reload") == {"done": True, "errors": [], "warnings": [], "summary": summary}
     assert summary in agent.program.log() and "nothing changed" in tool("reload")[1]
     agent.write(config(edge()).replace(str(SOCKET), "/run/other.sock"))
     assert "take effect at the next start" in tool("reload")[2]
-    agent.write(config(edge()).replace("id = 7", "id = -7"))
+    agent.write(more.replace("id = 7", "id = -7"))
     (line,) = tool_json("reload", code=1)["errors"]
     assert f"{agent.file}:" in line and "-7" in line and line in agent.program.log()
     assert line in tool("reload", check=False)[2]
+    agent.file.unlink()
+    assert str(agent.file) in tool_json("reload", code=1)["errors"][0]
+    assert "b" not in states(), "what goes with an error does not happen"
+    agent.reload(more)
+    assert "b" in states(), "put right, it does"
 
 
 def test_what_is_in_the_way(lab, far):
