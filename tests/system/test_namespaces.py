@@ -1,9 +1,9 @@
-"""An exporter follows its network: the namespace, the interface and the addresses, as they come
-and go. What goes out, the log and the counters follow within seconds."""
+"""An exporter follows its network: the namespace, the interface, the addresses and a collector's name,
+as they come and go. What goes out, the log and the counters follow within seconds."""
 
-from lab import descriptors, run, wait_for
+from lab import SLOW, descriptors, run, wait_for
 from tarnflow import Agent, counters, edge, tool
-from wire import TEMPLATES, Capture
+from wire import TEMPLATES, Capture, tshark
 
 HERE4, HERE6 = "10.99.0.1", "fd99::1"
 THERE4, THERE6 = "10.99.0.2", "fd99::2"
@@ -52,3 +52,34 @@ def test_follows_its_network(lab):
         # Deleting the namespace takes the device at its other end away only when nobody holds it.
         wait_for("the namespace is let go", lambda: "dn0" not in run("ip", "-o", "link", ns=far))
         said("FLOWTRACKING_EXPORTER_INACTIVE", n)
+
+
+def test_a_collector_by_the_name_of_its_host(lab, far, tmp_path):
+    files = {"/etc/nsswitch.conf": tmp_path / "nsswitch", "/etc/hosts": tmp_path / "hosts"}
+    for target, file in files.items():
+        file.write_text("hosts: files\n" if "nsswitch" in target else "\n" * 40)
+        run("mount", "--bind", file, target)
+
+    def names(text):  # in one write: nobody reads a file that is half written
+        with open(files["/etc/hosts"], "r+b", buffering=0) as file:
+            file.write(text.encode().ljust(40, b"\n"))
+    capture = Capture(lab, "dn0", ns=far)
+    agent = Agent(lab, edge({"a": "coll", "b": "10.99.0.5"}, template_interval="1s").replace(
+        "[agent]", '[agent]\nresolve-interval = "1s"'))
+    agent.program.wait_log("host coll cannot be looked up: .*; its collectors wait")
+    assert "its host coll cannot be looked up: " in tool("show", "collectors", check=False)[1]
+    for address in ("10.99.0.2", "10.99.0.3"):  # a session each: from 0, the templates first
+        names(f"{address} coll\n")
+        messages = capture.wait(6, dst=address)
+        assert [m.sequence for m in messages[:3]] == [0, 0, 0]
+        assert {m.sets[0] for m in messages[:2]} == {2, 3}
+        assert set(counters()) == {address, "10.99.0.5"}
+    assert agent.program.log().count("cannot be looked up") == 1, agent.program.log()
+    assert agent.stop() == 0
+    # The other collector of the exporter heard nothing of it.
+    times = [m.time for m in capture.messages(dst="10.99.0.5") if m.sets[0] == 2]
+    assert all(abs(b - a - 1) < 0.3 * SLOW for a, b in zip(times, times[1:])), times
+    capture.stop()
+    tshark(capture.file)
+    for target in files:
+        run("umount", target)

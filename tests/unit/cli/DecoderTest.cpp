@@ -265,18 +265,20 @@ TEST(Elements, RegistryAndIanaListAgree) {
   auto registry = Ipfix::elementIdCollFactory();
   registry->doInitialize();
   const auto lookup = cli::elementLookup(registry);
-  size_t named = 0;
+  size_t named = 0, lens = 0;  // of all that have one
   for (const auto& [type, e] : registry->elementIdColl()) {
     const auto id = static_cast<uint16_t>(type.value());
     const Element* found = lookup(e.enterpriseIe() ? 99991 : 0, id);
     ASSERT_TRUE(found && found->name == e.str()) << id;
     EXPECT_TRUE(typeAllows(found->type, e.len())) << e.str() << " has " << e.len() << " octets";
+    lens += e.len() == variableLen ? 0 : e.len();
     if (e.enterpriseIe() || !ianaElement(id)) continue;
     const bool variable = e.len() == Ipfix::IpfixConst::variableLen();
     EXPECT_EQ(typeAllows(found->type, e.len() + 1), variable) << e.str();
     ++named;
   }
   EXPECT_EQ(named, 48U);  // all but the two that carry a number of the enterprise's range
+  EXPECT_EQ(std::pair(registry->elementIdColl().size(), lens), std::pair(size_t{87}, size_t{373}));
   registry = nullptr;
   platform::Platform::install(nullptr);
 }

@@ -7,7 +7,6 @@
 #include <random>
 #include <set>
 
-#include "Ipfix/IpfixSm.h"
 #include "Ipfix/MessageBuilder.h"
 #include "platform/sim/SimPlatform.h"
 #include "tests/support/Random.h"
@@ -85,23 +84,6 @@ TEST(CollectorStatsTest, SlotsAgreeWithAMap) {
   });
 }
 
-TEST(CollectorStatsTest, ReadableFormAndClearing) {
-  CollectorStatisticsEntry entry(CollectorStatisticsKey("t1", "e1", place6));
-  entry.exportedMessageTotalCountInc(3);
-  entry.exportedOctetTotalCountInc(300);
-  entry.lastSentTimeIs(990);
-  entry.lastTemplateSentTimeIs(989.6);
-  entry.setEntryIs(CollectorSetStatisticsEntry(2, 0, 6));
-  EXPECT_EQ(entry.readable(1000),
-            "[t1 e1 [2001:db8::1]:4739] msgs: 3, flows: 0, octets: 300, last message: 10, "
-            "template: 10, data: inf, options data: inf, cleared: inf, "
-            "set 2: (flows: 0, templates: 6)");
-  entry.clear(1000);
-  EXPECT_EQ(entry.exportedMessageTotalCount(), 0u);
-  EXPECT_EQ(entry.setEntry(SetId(2)), CollectorSetStatisticsEntry(2));
-  EXPECT_EQ(entry.lastClearedTime(), 1000);
-}
-
 TEST(CollectorStatsTest, FormsReadBackAndValuesOutsideAreRefused) {
   for (const std::string& text : {place6.strep(), place6.stringValue()})
     EXPECT_EQ(CollectorInfo::fromString(text), place6) << text;
@@ -156,23 +138,6 @@ TEST_F(WithPlatform, TheTableSurvivesBeingFull) {
   stats->statsDel(keyOf(1));
   stats->statsIs(CollectorStatisticsEntry(keyOf(3)));
   EXPECT_TRUE(stats->stats(keyOf(3)));
-}
-
-// Sums over the registry: any length or flag that is another shows.
-TEST_F(WithPlatform, TheRegistryHoldsTheElementsAsTheyAreSent) {
-  const auto elements = ::Ipfix::ipfixInitSmFactory()->elementIdCollection();
-  uint64_t variable = 0, enterprise = 0, fixedLen = 0;
-  std::set<std::string> names;
-  for (const auto& [id, e] : elements->elementIdColl()) {
-    variable += e.len() == 65535;
-    fixedLen += e.len() == 65535 ? 0 : e.len();
-    enterprise += e.enterpriseIe();
-    names.insert(e.str());
-  }
-  EXPECT_EQ(std::tuple(names.size(), variable, enterprise, fixedLen),
-            std::tuple(87u, 5u, 37u, 373u));
-  EXPECT_EQ(elements->elementIdColl(1041), ::Ipfix::ElementId(true, 1041, 3, "vxlanNetworkId"));
-  EXPECT_EQ(elements->elementIdColl(3), ::Ipfix::ElementId()) << "there is none";
 }
 
 TEST_F(WithPlatform, MisuseStopsTheProgram) {

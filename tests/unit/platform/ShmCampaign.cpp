@@ -29,9 +29,6 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 constexpr size_t words = 110;  // about what a collector's record takes
-struct Key {
-  uint64_t id = 0;
-};
 struct Value {
   uint64_t count = 0;
   uint64_t writer = 0;
@@ -58,22 +55,19 @@ double since(Clock::time_point start) {
 /// Writes until it is killed.
 void write(const std::string& name) {
   std::mt19937_64 random(std::random_device{}());
-  auto table = shmTableFactory(name, sizeof(Key), sizeof(Value), capacity);
-  Key key;
+  auto table = shmTableFactory(name, sizeof(uint64_t), sizeof(Value), capacity);
   Value value;
   value.writer = random();
   auto put = [&](uint64_t id) {
-    key.id = id;
     ++value.count;
     for (size_t i = 0; i < words; ++i) value.fill[i] = mixed(id, value.count, value.writer, i);
-    if (!table->put(octets(key), octets(value))) fail("the table is full");
+    if (!table->put(octets(id), octets(value))) fail("the table is full");
   };
   for (uint64_t id = 0; id < ids; ++id) put(id);
   for (auto deletion = Clock::now();; put(random() % ids)) {
     if (Clock::now() < deletion) continue;
     deletion += deletionEvery;
-    key.id = lasting + random() % (ids - lasting);
-    table->del(octets(key));
+    table->del(octets(lasting + random() % (ids - lasting)));
   }
 }
 
@@ -99,20 +93,20 @@ class Judge {
     filled_ = filled_ || lastingSeen == lasting;
   }
   uint64_t record(std::span<const std::byte> k, std::span<const std::byte> v) {
-    Key key;
+    uint64_t id;
     Value value;
-    if (k.size() != sizeof key || v.size() != sizeof value) fail("a record of another length");
-    std::memcpy(&key, k.data(), sizeof key);
+    if (k.size() != sizeof id || v.size() != sizeof value) fail("a record of another length");
+    std::memcpy(&id, k.data(), sizeof id);
     std::memcpy(&value, v.data(), sizeof value);
-    if (key.id >= ids) fail("a torn key");
+    if (id >= ids) fail("a torn key");
     for (size_t i = 0; i < words; ++i)
-      if (value.fill[i] != mixed(key.id, value.count, value.writer, i)) fail("a torn record");
+      if (value.fill[i] != mixed(id, value.count, value.writer, i)) fail("a torn record");
     if (writer_ != 0 && value.writer != writer_) fail("two writers in one table");
     writer_ = value.writer;
-    uint64_t& last = counts_[key.id];
+    uint64_t& last = counts_[id];
     if (value.count < last) fail("a record went back in time");
     last = value.count;
-    return key.id;
+    return id;
   }
 
  private:
@@ -133,9 +127,9 @@ struct Shared {
 uint64_t getAll(ShmTableReader& reader) {
   uint64_t found = 0;
   std::vector<std::byte> value;
-  for (Key key; key.id < ids; ++key.id) {
-    if (!reader.get(octets(key), value)) continue;
-    if (Judge().record(octets(key), value) != key.id) fail("another key's record");
+  for (uint64_t id = 0; id < ids; ++id) {
+    if (!reader.get(octets(id), value)) continue;
+    if (Judge().record(octets(id), value) != id) fail("another key's record");
     ++found;
   }
   return found;
@@ -143,7 +137,7 @@ uint64_t getAll(ShmTableReader& reader) {
 
 /// Reads until it is told to stop.
 void readOn(const std::string& name, Shared& shared) {
-  auto reader = shmTableReader(name, sizeof(Key), sizeof(Value));
+  auto reader = shmTableReader(name, sizeof(uint64_t), sizeof(Value));
   Judge judge;
   while (!shared.stop) {
     const auto start = Clock::now();
@@ -179,7 +173,7 @@ TEST(ShmCampaign, NoReaderHangsOrIsMisled) {
   auto* shared = new (::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
                              MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Shared;
   const pid_t hammer = started([&] { readOn(name, *shared); });
-  auto reader = shmTableReader(name, sizeof(Key), sizeof(Value));
+  auto reader = shmTableReader(name, sizeof(uint64_t), sizeof(Value));
   std::mt19937 random(std::random_device{}());
   int halfDone = 0;
   bool any = false;  // table was made
