@@ -117,15 +117,24 @@ def test_says_what_the_counters_say(lab):
     agent.program.process.send_signal(signal.SIGCONT)
 
 
-def test_everyone_recovers_from_kill(lab):
+def test_everyone_recovers_from_kill(lab, tmp_path):
     """An agent dies without warning: who reads its counters tells a living agent from a dead one, and
     shows nothing of the dead."""
     agent, metrics = Agent(lab, ONE), Metrics(lab)
     watch = lab.start("watch", TOOL, "show", "counters", "--json", "--watch", "0.05")
+    file = tmp_path / "tarnflow.prom"
+    tool("metrics", "--textfile", file)
+    lint(file.read_text())
+    first = file.stat()
+    assert first.st_mode & 0o777 == 0o644
+    writer = lab.start("textfile", TOOL, "metrics", "--textfile", file, "--interval", "0.02")
 
     def judge(alive):
         wait_for(f"metrics say {alive}", lambda: metrics.up() == alive)
         assert any(n.startswith("tarnflow_exported") for n, _ in metrics.samples()) == alive
+        # Each time it is another file, whole; none besides is what node-exporter would take for one.
+        wait_for(f"the file says {alive}", lambda: (samples(file.read_text()).keys() > DOWN) == alive)
+        assert {f.name for f in tmp_path.glob("*.prom")} == {file.name}
         done = subprocess.run([READER], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         assert (done.returncode == 0) == bool(done.stdout) == alive, done
         assert (tool("show", "counters", check=False)[0] == 0) == alive
@@ -142,6 +151,8 @@ def test_everyone_recovers_from_kill(lab):
     assert agent.stop() == 0
     assert show_counters()["state"] == "absent"
     wait_for("nobody is up", lambda: metrics.samples().keys() == DOWN)
+    assert file.stat().st_ino != first.st_ino
+    assert writer.stop() == 0 and list(tmp_path.glob("*.prom*")) == []
 
 
 def test_clients_do_not_wait_for_each_other(lab):
@@ -172,25 +183,3 @@ def test_clients_do_not_wait_for_each_other(lab):
         while slow:
             slow.pop().close()
         scrape()
-
-
-def test_text_file(lab, tmp_path):
-    agent = Agent(lab, ONE)
-    file = tmp_path / "tarnflow.prom"
-    tool("metrics", "--textfile", file)
-    text = file.read_text()
-    lint(text)
-    assert samples(text)["tarnflow_up", ()] == 1 and file.stat().st_mode & 0o777 == 0o644
-    writer = lab.start("textfile", TOOL, "metrics", "--textfile", file, "--interval", "0.02")
-    # Each time it is another file, whole; none besides is what node-exporter would take for one.
-    inodes = set()
-
-    def versions():
-        assert file.read_text().count("# HELP") == text.count("# HELP")
-        inodes.add(file.stat().st_ino)
-        return len(inodes) > 1
-    wait_for("another file has its name", versions)
-    assert {f.name for f in tmp_path.glob("*.prom")} == {file.name}
-    agent.program.stop(signal.SIGKILL)
-    wait_for("the file says that nobody is up", lambda: samples(file.read_text()).keys() == DOWN)
-    assert writer.stop() == 0 and list(tmp_path.glob("*.prom*")) == []

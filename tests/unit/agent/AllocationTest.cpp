@@ -65,9 +65,14 @@ TEST(Allocation, NothingForARecordOrAMessage) {
     EXPECT_LT(allocations - sum, measured ? 1000u : 100000u) << "for a million records";
   }
   EXPECT_EQ(tree.pam()->counters().dropped, 0u);
-  const auto unknown = flowTrackingInfoFactory(FlowTrackingType::software);
-  agent::FlowExport nowhere("ft", {tree.config, unknown, tree.templates, tree.stats});
-  nowhere.recordsIs(flows, 4, records);
-  EXPECT_EQ(nowhere.counters().recordsLost, 100000u) << "no way leads to its exporter";
+  // Lost is what no way leads to the exporter of, and what none of its collectors is there for.
+  const auto e0 = tree.config->ftConfig("ft")->expConfig("e0");
+  for (const char* c : {"c0", "c1"}) e0->collectorIpAndPortDel(c);
+  for (const auto& info : {flowTrackingInfoFactory(FlowTrackingType::software), tree.info}) {
+    agent::FlowExport lost("ft", {tree.config, info, tree.templates, tree.stats});
+    lost.recordsIs(flows, 4, records);
+    lost.end();
+    EXPECT_EQ(lost.counters().recordsLost, 100000u);
+  }
 }
 }  // namespace

@@ -253,21 +253,5 @@ TEST_F(LocalCollectorTest, ARefusedEndpointIsTriedAgainAfterFiftyMilliseconds) {
     EXPECT_THROW(sm->pamCreateRetryIntervalIs(bad), std::range_error);
 }
 
-TEST_F(LocalCollectorTest, TheReviewGoesByNameAndYields) {
-  exporterIs("b", source4);
-  exporterIs("a", IpAddr(9));
-  EXPECT_EQ(reviewed(), "ab") << "b was tried before a had an address";
-  sim->yieldAfterIs(1);
-  sim->openErrorIs(0);
-  sim->advance(Seconds(0.05));
-  EXPECT_EQ(where(), "a 0.0.0.9");
-  EXPECT_EQ(reviewed(), "b");
-  EXPECT_EQ(traced("YIELDING::"), 1u);
-  sim->yieldAfterIs(0);
-  sim->advance(Seconds(0.05));
-  EXPECT_EQ(reviewed(), "");
-  EXPECT_EQ(where(), "a 0.0.0.9");
-}
-
 }  // namespace
 }  // namespace FlowTracking

@@ -38,12 +38,9 @@ class Receiver {
     ASSERT_TRUE(m.countable()) << to << ": a record without its template";
     // A new session starts where the old one stopped; within one, nothing is missing or repeated.
     ASSERT_FALSE(m.sequence.error()) << to << " " << m.sequence.stringValue(m.header->sequence);
-    auto& next = sequence_[to];
-    if (heard_.contains(to)) {
-      ASSERT_EQ(m.header->sequence, next) << to;
-    }
-    heard_.insert(to);
-    next = m.header->sequence + static_cast<uint32_t>(m.recordCount());
+    auto& next = sequence_.try_emplace(to, m.header->sequence).first->second;
+    ASSERT_EQ(m.header->sequence, next) << to;
+    next += static_cast<uint32_t>(m.recordCount());
     EXPECT_LE(static_cast<uint32_t>(seen.datagram.time) - m.header->exportTime, 1u) << to;
     Count& count = counts_[to];
     ++count.messages;
@@ -76,7 +73,7 @@ class Receiver {
   std::map<std::string, Count>& counts() { return counts_; }
   /// The destination starts over: another collector, or the same one anew.
   void forget(const std::string& to) {
-    heard_.erase(to);
+    sequence_.erase(to);
     pictures_.erase(to);
     counts_.erase(to);
   }
@@ -86,7 +83,6 @@ class Receiver {
   std::map<std::string, Picture> pictures_;
   std::map<std::string, Count> counts_;
   std::map<std::string, uint32_t> sequence_;
-  std::set<std::string> heard_;
 };
 
 }  // namespace FlowTracking

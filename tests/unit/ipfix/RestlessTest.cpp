@@ -322,6 +322,7 @@ TEST_F(Restless, EndsWithWhatIsConfigured) {
     for (int step = 0; step < 200; ++step) {
       SCOPED_TRACE(step);
       acts = true;
+      sim->yieldAfterIs(static_cast<unsigned>(pick(3)));
       rootsAre();
       listen();
       for (size_t n = 1 + pick(5); n > 0; --n) {

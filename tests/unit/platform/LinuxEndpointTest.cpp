@@ -8,7 +8,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <optional>
 
 #include "platform/linux/LinuxPlatform.h"
 #include "tests/support/Net.h"
@@ -30,6 +29,13 @@ class LinuxEndpoint : public testing::TestWithParam<bool> {
   void SetUp() override {
     if (!support::privateNetwork()) GTEST_SKIP() << "no network namespace permitted";
     make({.paceBurst = 0});
+  }
+  void TearDown() override { sh("tc qdisc del dev lo root 2>/dev/null"); }
+  /// How fast the loopback is from now on. It takes next to nothing while a test fills the socket,
+  /// and more when that is done; so it does not matter how slow the test itself is.
+  static bool rate(const std::string& bits, const std::string& limit) {
+    return sh("tc qdisc replace dev lo root handle 1: tbf burst 10kb limit " + limit + " rate " +
+              bits + " 2>/dev/null");
   }
   void make(LinuxPlatformOptions options) {
     options.netnsDir = dir.path();
@@ -272,30 +278,14 @@ TEST_P(LinuxEndpoint, OpensInItsNamespaceAndComesBackWithoutALeak) {
   EXPECT_EQ(support::openFds(), fds + 1) << "of the receiver";
 }
 
-/// A loopback that takes next to nothing while a test fills the socket, and 20 Mbit/s when that is
-/// done; so it does not matter how slow the test itself is.
-class SlowWire : public LinuxEndpoint {
- protected:
-  void SetUp() override {
-    LinuxEndpoint::SetUp();
-    if (IsSkipped()) return;
-    if (!rate("64kbit", "4mb")) GTEST_SKIP() << "the kernel has no tbf";
-    sink.emplace(*IpGenAddr::fromString(local));
-  }
-  void TearDown() override { sh("tc qdisc del dev lo root 2>/dev/null"); }
-  static bool rate(const std::string& bits, const std::string& limit) {
-    return sh("tc qdisc replace dev lo root handle 1: tbf burst 10kb limit " + limit + " rate " +
-              bits + " 2>/dev/null");
-  }
-  std::optional<Receiver> sink;
-};
-
-TEST_P(SlowWire, AFullSocketDelaysAndAFullQueueDropsAndTells) {
+TEST_P(LinuxEndpoint, AFullSocketDelaysAndAFullQueueDropsAndTells) {
+  if (!rate("64kbit", "4mb")) GTEST_SKIP() << "the kernel has no tbf";
   make({.netnsDir = {}, .endpointQueueMax = 1000, .paceBurst = 0});
   auto pam = opened();
+  Receiver sink(*IpGenAddr::fromString(local));
   const int small = 8192;
   ASSERT_EQ(::setsockopt(pam->fd(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
-  sendAll(*pam, local, sink->port(), 3000, 400);
+  sendAll(*pam, local, sink.port(), 3000, 400);
   EXPECT_EQ(pam->counters().queued, 1000u);
   const uint64_t dropped = pam->counters().dropped;
   EXPECT_GT(dropped, 1500u);
@@ -305,27 +295,28 @@ TEST_P(SlowWire, AFullSocketDelaysAndAFullQueueDropsAndTells) {
   int rounds = 0, last = -1;
   for (uint64_t arrived = dropped; arrived < 3000; ++rounds) {
     loop->runOnce(10ms);
-    for (auto d = sink->next(0); d; d = sink->next(0), ++arrived) {
+    for (auto d = sink.next(0); d; d = sink.next(0), ++arrived) {
       ASSERT_GT(number(*d), last);
       last = number(*d);
     }
     ASSERT_LT(rounds, 20000) << arrived << " arrived or were dropped";
   }
-  EXPECT_FALSE(sink->next(50)) << "each once";
+  EXPECT_FALSE(sink.next(50)) << "each once";
   EXPECT_EQ(pam->counters().sent, 3000 - dropped);
   EXPECT_GT(rounds, 2) << "the loop goes on";
   ASSERT_EQ(trace.all.size(), 2u);
   EXPECT_EQ(trace.all[1], "pam: queue is empty again after " + std::to_string(dropped) + " drops");
 }
 
-TEST_P(SlowWire, WhatIsDroppedOnTheWayOutIsCountedAndWhatNobodyHearsByDestination) {
-  ASSERT_TRUE(rate("64kbit", "20kb"));
-  auto pam = opened("pam");
-  for (int i = 0; i < 200; ++i) send(*pam, local, sink->port(), 1000 + i % 2, i);
+TEST_P(LinuxEndpoint, WhatIsDroppedOnTheWayOutIsCountedAndWhatNobodyHearsByDestination) {
+  if (!rate("64kbit", "20kb")) GTEST_SKIP() << "the kernel has no tbf";
+  auto pam = opened();
+  Receiver sink(*IpGenAddr::fromString(local));
+  for (int i = 0; i < 200; ++i) send(*pam, local, sink.port(), 1000 + i % 2, i);
   settle();
   ASSERT_TRUE(rate("20mbit", "4mb"));
   uint64_t came = 0;
-  while (sink->next(1000)) ++came;
+  while (sink.next(1000)) ++came;
   EXPECT_EQ(pam->counters().sent, came);
   EXPECT_EQ(pam->counters().dropByErrno, (Drops{{ENOBUFS, 200 - came}}));
   EXPECT_THAT(trace.all, ElementsAre(testing::EndsWith("the queue of the interface drops")));
@@ -355,6 +346,5 @@ TEST_P(SlowWire, WhatIsDroppedOnTheWayOutIsCountedAndWhatNobodyHearsByDestinatio
 
 constexpr auto family = [](const auto& info) { return std::string(info.param ? "ipv6" : "ipv4"); };
 INSTANTIATE_TEST_SUITE_P(On, LinuxEndpoint, testing::Bool(), family);
-INSTANTIATE_TEST_SUITE_P(On, SlowWire, testing::Bool(), family);
 
 }  // namespace
