@@ -92,7 +92,6 @@ Receiver::Receiver(const platform::IpGenAddr& addr, const std::string& netns, ui
   const int room = 16 << 20;  // a burst waits here until the test reads it
   if (::setsockopt(fd_.get(), SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) != 0)
     on(SOL_SOCKET, SO_RCVBUF, room);
-  on(v6 ? IPPROTO_IPV6 : IPPROTO_IP, v6 ? IPV6_RECVPKTINFO : IP_PKTINFO);
   on(v6 ? IPPROTO_IPV6 : IPPROTO_IP, v6 ? IPV6_RECVTCLASS : IP_RECVTOS);
   addrinfo numeric{};
   numeric.ai_flags = AI_NUMERICHOST;
@@ -135,14 +134,6 @@ std::optional<Receiver::Datagram> Receiver::next(int timeoutMs) {
       d.tos = *CMSG_DATA(c);
     } else if (c->cmsg_level == IPPROTO_IPV6 && c->cmsg_type == IPV6_TCLASS) {
       std::memcpy(&d.tos, CMSG_DATA(c), sizeof d.tos);
-    } else if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_PKTINFO) {
-      in_pktinfo info;
-      std::memcpy(&info, CMSG_DATA(c), sizeof info);
-      d.dst = platform::IpAddr(ntohl(info.ipi_addr.s_addr));
-    } else if (c->cmsg_level == IPPROTO_IPV6 && c->cmsg_type == IPV6_PKTINFO) {
-      platform::Ip6Addr::Octets to;  // what an in6_pktinfo begins with
-      std::memcpy(to.data(), CMSG_DATA(c), to.size());
-      d.dst = platform::Ip6Addr(to);
     }
   }
   return d;

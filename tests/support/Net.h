@@ -62,7 +62,6 @@ class Receiver {
   struct Datagram {
     std::vector<uint8_t> octets;
     platform::IpGenAddr src;
-    platform::IpGenAddr dst;
     uint16_t srcPort = 0;
     int tos = -1;
   };

@@ -51,7 +51,7 @@ class Endpoint : public testing::TestWithParam<std::tuple<bool, bool>> {
         while (auto d = sink->next(all.size() < n ? 50 : 0))
           all.push_back({.endpoint = {},
                          .src = d->src,
-                         .dst = d->dst,
+                         .dst = source(1),  // where it listens
                          .srcPort = d->srcPort,
                          .dstPort = sink->port(),
                          .tos = static_cast<uint8_t>(d->tos),
