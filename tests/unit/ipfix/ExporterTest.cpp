@@ -196,20 +196,27 @@ TEST_F(TreeTest, ARefusedLocalCollectorIsTriedAgainAfterFiftyMilliseconds) {
   sim->traceLevelIs(TraceLevel::error);
   sim->openErrorIs(EADDRNOTAVAIL);
   exporter->srcIpAddrIs(source4);
-  tracker->expConfigIs(exporter);
+  const auto second = HwFlowTracking::exporterConfigFactory("z");
+  second->srcIpAddrIs(IpAddr(8));
   const auto sm =
       localCollectorConfigSmFactory("ft1", config, tracker, localCollectorPamsFactory("ft1"),
                                     Ip::allVrfStatusLocalFactory(), sim->scheduler());
   const auto told = tracker->localCollectorConfig();
-  EXPECT_EQ(sm->exporterReviewList().size(), 1u);
+  for (const auto& e : {second, exporter}) tracker->expConfigIs(e);
+  EXPECT_EQ(sm->exporterReviewList().size(), 2u);
+  sim->yieldAfterIs(1);
   sim->advance(Seconds(0.049));
   sim->openErrorIs(0);
   EXPECT_FALSE(told->exporterReady());
   sim->advance(Seconds(0.001));
   EXPECT_EQ(told->destIp(), IpGenAddr(source4));
+  EXPECT_EQ(sm->exporterReviewList().size(), 1u) << "the review goes by name, and yields";
+  sim->yieldAfterIs(0);
+  sim->advance(Seconds(0.05));
   EXPECT_TRUE(sm->exporterReviewList().empty() && !sm->pamRetryTask()->scheduled());
 
   // For as long as it takes, and the operator hears of it once.
+  tracker->expConfigDel("z");
   sim->takeTrace();
   sim->openErrorIs(EADDRINUSE);
   exporter->srcIpAddrIs(IpAddr(9));
