@@ -104,8 +104,8 @@ AddressChoice::State AddressChoice::choose(const Name& name, ExporterSettings& e
   return state;
 }
 
-void AddressChoice::tell(const Name& name, const std::string& collector,
-                         const CollectorSettings& c, std::string& told) {
+void AddressChoice::tell(const Name& name, const std::string& collector, const CollectorSettings& c,
+                         std::string& told) {
   std::string text = isKnown(c.address)
                          ? c.host + " is " + c.address.stringValue()
                          : "waits: no address of " + c.host +

@@ -12,39 +12,38 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr Seconds poll{0.01};
-constexpr std::chrono::milliseconds leaveShare{10}; // of the loop, at a reload
-constexpr std::chrono::seconds finishMax{
-    10}; // a million flows leave in half of it
-} // namespace
+constexpr std::chrono::milliseconds leaveShare{10};  // of the loop, at a reload
+constexpr std::chrono::seconds finishMax{10};        // a million flows leave in half of it
+}  // namespace
 
-FlowPaths::FlowPaths(FlowPathHost host, Replay *replay,
-                     std::function<void(const Settings &wanted)> reported)
-    : host_(std::move(host)), replay_(replay), reported_(std::move(reported)),
-      leavingTask_(host_.loop->taskScheduler()->timerTask(
-          "agent-leaving", afterAll, [this] { handleLeaving(); })) {}
+FlowPaths::FlowPaths(FlowPathHost host, Replay* replay,
+                     std::function<void(const Settings& wanted)> reported)
+    : host_(std::move(host)),
+      replay_(replay),
+      reported_(std::move(reported)),
+      leavingTask_(host_.loop->taskScheduler()->timerTask("agent-leaving", afterAll,
+                                                          [this] { handleLeaving(); })) {}
 FlowPaths::~FlowPaths() = default;
 
-bool FlowPaths::tracksPackets(const TrackerSettings &tracker) const {
+bool FlowPaths::tracksPackets(const TrackerSettings& tracker) const {
   return tracker.type == FlowTracking::FlowTrackingType::software &&
          (!tracker.interfaces.empty() || replay_);
 }
 
-void FlowPaths::follow(const Settings &wanted, const LibraryTree &tree) {
-  for (const auto &[name, tracker] : wanted.trackers) {
-    if (!tracksPackets(tracker))
-      continue;
-    auto &path = paths_[name];
+void FlowPaths::follow(const Settings& wanted, const LibraryTree& tree) {
+  for (const auto& [name, tracker] : wanted.trackers) {
+    if (!tracksPackets(tracker)) continue;
+    auto& path = paths_[name];
     if (path) {
       path->settingsIs(tracker);
     } else {
       path = std::make_unique<FlowPath>(name, host_, tree, tracker);
-      if (replay_)
-        replay_->read(*path);
+      if (replay_) replay_->read(*path);
     }
   }
 }
 
-Settings FlowPaths::leave(const Settings &wanted, const Settings &running) {
+Settings FlowPaths::leave(const Settings& wanted, const Settings& running) {
   for (auto it = paths_.begin(); it != paths_.end();) {
     const auto tracker = wanted.trackers.find(it->first);
     if (tracker != wanted.trackers.end() && tracksPackets(tracker->second)) {
@@ -59,31 +58,28 @@ Settings FlowPaths::leave(const Settings &wanted, const Settings &running) {
   // A few flows are reported here and now, so that the new settings hold when
   // this returns.
   const auto end = Clock::now() + leaveShare;
-  const auto left = [](const auto &path) { return path->left(); };
+  const auto left = [](const auto& path) { return path->left(); };
   while (std::erase_if(leaving_, left), !leaving_.empty()) {
-    if (Clock::now() >= end)
-      break;
+    if (Clock::now() >= end) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   Settings now = wanted;
   waiting_.reset();
-  for (const auto &path : leaving_) {
+  for (const auto& path : leaving_) {
     const auto old = running.trackers.find(path->tracker());
     const auto tracker = now.trackers.find(path->tracker());
     if (old == running.trackers.end() ||
-        (tracker != now.trackers.end() &&
-         tracker->second.type == old->second.type))
+        (tracker != now.trackers.end() && tracker->second.type == old->second.type))
       continue;
     now.trackers.insert_or_assign(old->first, old->second);
     waiting_ = wanted;
   }
-  if (!leaving_.empty())
-    leavingTask_->scheduleIs(poll);
+  if (!leaving_.empty()) leavingTask_->scheduleIs(poll);
   return now;
 }
 
 void FlowPaths::handleLeaving() {
-  std::erase_if(leaving_, [](const auto &path) { return path->ended(); });
+  std::erase_if(leaving_, [](const auto& path) { return path->ended(); });
   if (!leaving_.empty()) {
     leavingTask_->scheduleIs(poll);
   } else if (const auto wanted = std::exchange(waiting_, std::nullopt)) {
@@ -94,25 +90,22 @@ void FlowPaths::handleLeaving() {
 /// Asks every path, since a path goes on when it is asked.
 bool FlowPaths::ended() const {
   bool all = true;
-  for (const auto &[name, path] : paths_)
-    all = path->ended() && all;
-  for (const auto &path : leaving_)
-    all = path->ended() && all;
+  for (const auto& [name, path] : paths_) all = path->ended() && all;
+  for (const auto& path : leaving_) all = path->ended() && all;
   return all;
 }
 
 void FlowPaths::finish(std::function<void()> done) {
   leavingTask_->stop();
-  for (const auto &[name, path] : paths_)
-    path->endSoon();
+  for (const auto& [name, path] : paths_) path->endSoon();
   finishTask_ = host_.loop->taskScheduler()->timerTask(
-      "agentFinish", afterAll,
-      [this, done = std::move(done), end = Clock::now() + finishMax] {
+      "agentFinish", afterAll, [this, done = std::move(done), end = Clock::now() + finishMax] {
         const bool all = ended();
         const bool late = Clock::now() >= end;
         if (late && !all)
-          host_.log.warning("flows under way are still being reported: the "
-                            "rest leaves at once");
+          host_.log.warning(
+              "flows under way are still being reported: the "
+              "rest leaves at once");
         if (late || all) {
           done();
         } else {
@@ -122,4 +115,4 @@ void FlowPaths::finish(std::function<void()> done) {
   finishTask_->scheduleIs(Seconds(0));
 }
 
-} // namespace agent::flow
+}  // namespace agent::flow

@@ -19,41 +19,41 @@ namespace agent::flow {
 ///   ...                               // apply `now` to the entities
 ///   paths.follow(wanted, tree);
 class FlowPaths {
-public:
+ public:
   /// `replay`: reads a file in place of interfaces; null: there is none.
   /// `reported` is called when settings that had to wait for flows can be
   /// applied whole.
-  FlowPaths(FlowPathHost host, Replay *replay,
-            std::function<void(const Settings &wanted)> reported);
+  FlowPaths(FlowPathHost host, Replay* replay,
+            std::function<void(const Settings& wanted)> reported);
   /// Ends all paths at once.
   ~FlowPaths();
 
   /// Begins to end the paths of trackers that no longer track packets. Returns
   /// the settings to apply now: `wanted`, but with a tracker as it is in
   /// `running` as long as its flows are under way.
-  Settings leave(const Settings &wanted, const Settings &running);
+  Settings leave(const Settings& wanted, const Settings& running);
   /// Starts the paths of new trackers, and gives the others their settings.
   /// `tree`: of software tracking.
-  void follow(const Settings &wanted, const LibraryTree &tree);
+  void follow(const Settings& wanted, const LibraryTree& tree);
   /// Ends all paths, and calls `done` when their flows were reported, or after
   /// some seconds.
   void finish(std::function<void()> done);
 
-private:
+ private:
   using Paths = std::vector<std::unique_ptr<FlowPath>>;
 
-  bool tracksPackets(const TrackerSettings &tracker) const;
+  bool tracksPackets(const TrackerSettings& tracker) const;
   void handleLeaving();
   bool ended() const;
 
   const FlowPathHost host_;
-  Replay *const replay_;
-  const std::function<void(const Settings &wanted)> reported_;
+  Replay* const replay_;
+  const std::function<void(const Settings& wanted)> reported_;
   Paths leaving_;
-  std::optional<Settings> waiting_; // for the end of those
+  std::optional<Settings> waiting_;  // for the end of those
   std::map<std::string, std::unique_ptr<FlowPath>> paths_;
   std::unique_ptr<TimerTask> leavingTask_;
   std::unique_ptr<TimerTask> finishTask_;
 };
 
-} // namespace agent::flow
+}  // namespace agent::flow
