@@ -16,10 +16,10 @@ using Ipfix::IpfixConst;
 constexpr TaskPriority afterTemplates = 3;  // the library's template tasks have 2
 /// How long records may gather into fuller messages.
 constexpr Seconds flushDelay{0.1};
-/// How soon it is looked again whether reading can go on.
+/// How soon the collector looks again whether it can read on.
 constexpr Seconds pause{0.01};
-/// How often the counters are written; every so many times templates are looked at for their age,
-/// and troubles told.
+/// How often the counters are written. Every `ticksPerTelling` times, old templates are forgotten
+/// and the log gets a line about troubles.
 constexpr Seconds tick{1};
 constexpr int ticksPerTelling = 10;
 constexpr uint32_t holdIntervals = 3;  // RFC 7011, 8.1: a collector may have missed two
@@ -162,7 +162,7 @@ void LocalCollector::handleExporters() {
   handleSources();
 }
 
-/// What has to fit into one message must fit into those of the smallest exporter.
+/// What has to fit into one message must fit into a message of the exporter with the smallest mtu.
 void LocalCollector::handleLimits() {
   constexpr uint32_t headers =
       IpfixConst::ipUdpHeaderLen() + IpfixConst::messageHeaderLen() + IpfixConst::setHeaderLen();
@@ -195,8 +195,8 @@ void LocalCollector::hear() {
   });
 }
 
-/// Reads on, or not for the moment. Not from inside the handler: that would lose what was read
-/// together with the datagram it was given.
+/// Reads on, or pauses. Runs as a task, not inside the packet handler: removing the handler there
+/// would lose the datagrams that were read together with the current one.
 void LocalCollector::review() {
   const bool full = sink_.queued() > queuedMax / 2;
   if (full) reviewTask_->scheduleIs(pause);
@@ -249,9 +249,9 @@ void LocalCollector::publish(TemplateId id, const PassedLayout& layout) {
   settleTask_->scheduleLowestIs(Seconds(0));
 }
 
-/// The library's tasks, which `publish` set off, tell the collectors, and usually run before this
-/// one. Not always: a round of tasks may end between two of them, and a template that is published
-/// then is told after a run of this task that was due before.
+/// The library's tasks, which `publish` scheduled, send the templates to the collectors and usually
+/// run before this one. Not always: a round of tasks may end between two of them, and a template
+/// that is published then is sent after this task has run.
 void LocalCollector::settle() {
   if (sink_.told()) {
     decoder_.templates().settle();
@@ -261,7 +261,7 @@ void LocalCollector::settle() {
 }
 
 void LocalCollector::withdraw(TemplateId id) {
-  sink_.flush();  // its records leave before it
+  sink_.flush();  // its records leave before the withdrawal
   status_->templateStatusDel(id);
 }
 
@@ -292,8 +292,8 @@ void LocalCollector::tellCounters() {
   table_->put(std::as_bytes(std::span(&r.key, 1)), std::as_bytes(std::span(&r, 1)));
 }
 
-/// One line for all that was refused since the last one, however much that is, and who takes most
-/// of what is full.
+/// Writes one line for all that was refused since the line before, however much that is. It names
+/// the sender that takes most of whatever is full.
 void LocalCollector::tellTroubles(const char* when) {
   const LocalCollectorCounters& now = decoder_.counters();
   const LocalCollectorTemplates& templates = decoder_.templates();
@@ -332,7 +332,7 @@ void LocalCollector::tellTroubles(const char* when) {
         {.tracker = trackerName_});
 }
 
-// --- All of them ---
+// --- The local collectors of all trackers ---
 
 namespace {
 Ptr<const FlowTracking::Config> softwareExport() {

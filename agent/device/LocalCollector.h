@@ -26,13 +26,13 @@ struct LocalCollectorSink {
   std::function<void(FlowTracking::TemplateId id, std::span<const uint16_t> lens,
                      std::string_view records)>
       records;
-  /// What has gathered shall leave.
+  /// Sends the messages that records have gathered in.
   std::function<void()> flush;
-  /// The same for the last time.
+  /// The same at the local collector's end: no call follows.
   std::function<void()> end;
   /// Whether the collectors have been told of the templates as they are published now.
   std::function<bool()> told;
-  /// Datagrams that wait to leave, in the fullest endpoint.
+  /// Datagrams that wait in the fullest endpoint to be sent.
   std::function<uint64_t()> queued;
   std::function<FlowExport::Counters()> counters;
 };
@@ -66,7 +66,7 @@ class LocalCollector {
 
   const Ptr<HwFlowTracking::FtConfig>& config() const { return config_; }
   const LocalCollectorCounters& counters() const { return decoder_.counters(); }
-  /// Datagrams of exporters of this agent that would come round for ever; they are not looked at.
+  /// Datagrams of this agent's exporters that would come round for ever; they are not decoded.
   uint64_t loopedDatagrams() const { return looped_; }
   /// Datagrams for which the receive buffer had no room.
   uint64_t lostDatagrams() const { return lost_ + (heard_ ? heard_->counters().rxDropped : 0); }
@@ -103,7 +103,7 @@ class LocalCollector {
   uint64_t looped_ = 0;
   std::string loopedOf_;  // the tracker that sent the last of them
   uint64_t lost_ = 0;     // in the receive buffers of endpoints that are gone
-  // As they were told last.
+  // What the counters were when the log last had a line about them.
   LocalCollectorCounters told_;
   uint64_t loopedTold_ = 0;
   uint64_t lostTold_ = 0;

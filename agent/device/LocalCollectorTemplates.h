@@ -60,10 +60,11 @@ struct LocalCollectorCounters {
 /// that are left after the reduction are numbered here, one id for equal layouts, whoever sent
 /// them. An id whose layout nobody uses any more is not given to another one before `holdIs`.
 ///
-/// Anybody can send here, under any address, so whoever is new always gets a place, and others give
-/// theirs up for it. A template counts as tried once records of it came. Templates are limited per
-/// sender's address and in all: at the limit those go that were not tried (unless they are only a
-/// quarter), of the senders that have most, the least recently heard first. The message in which
+/// Anybody can send here, under any address, so a new template is always taken, and others are
+/// forgotten for it. A template counts as tried once records of it came. Templates are limited per
+/// sender's address and in all. At the limit the decoder forgets templates that were not tried
+/// (unless they are only a quarter), first those of the senders that have most templates, and of
+/// these the least recently heard. The message in which
 /// the templates of all layouts have to fit is shared likewise, see `displaceFor`.
 class LocalCollectorTemplates {
  public:
@@ -89,7 +90,7 @@ class LocalCollectorTemplates {
 
   struct Sender {
     size_t templates = 0;
-    size_t layouts = 0;  // that it caused
+    size_t layouts = 0;  // whose first template was this sender's
   };
   using Senders = std::map<IpGenAddr, Sender>;
   struct Layout {
@@ -99,13 +100,13 @@ class LocalCollectorTemplates {
     size_t tried = 0;                                   // of these
     Seconds heard{};                                    // when one of them was last
     bool published = false;
-    bool fresh = false;   // not settled yet
+    bool fresh = false;   // published since the last `settle`
     Seconds withdrawn{};  // when
   };
   using Layouts = std::map<PassedLayout, Layout>;
 
   struct Template {
-    /// The id that its records are passed on under; 0: they are not.
+    /// The id that its records are passed on under; 0: they are not passed on.
     FlowTracking::TemplateId passedAs() const { return layout ? layout->second.id : 0; }
 
     std::string octets;  // the record as it was sent, to tell a repetition from a change
@@ -137,7 +138,7 @@ class LocalCollectorTemplates {
   LocalCollectorTemplates(const LocalCollectorTemplates&) = delete;
   LocalCollectorTemplates& operator=(const LocalCollectorTemplates&) = delete;
 
-  /// A datagram begins: what one of them may cost is counted anew.
+  /// A datagram begins, and with it what one datagram may cost.
   void datagramBegins();
   /// Takes a template record, whose header of `headerLen` octets and field specifiers are whole.
   /// False: no record can have such a template.
@@ -201,7 +202,7 @@ class LocalCollectorTemplates {
   Layouts layouts_;
   uint32_t publishedLen_ = 0;  // octets of all published templates
   std::map<FlowTracking::TemplateId, Layouts::value_type*> ids_;
-  std::vector<Layouts::value_type*> fresh_;  // the collectors were not told of these yet
+  std::vector<Layouts::value_type*> fresh_;  // published since the last `settle`
 };
 
 }  // namespace agent

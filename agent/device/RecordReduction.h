@@ -37,15 +37,15 @@ struct RecordReduction {
   /// `fields`: the template's field specifiers, each of them whole.
   RecordReduction(std::string_view fields, const Ipfix::ElementIdColl& registry);
 
-  /// The length of the record that `rest` begins with; false: it is longer than what there is.
-  /// Appends the fields that are kept to `kept`, unless that is null.
+  /// Sets `len` to the length of the record that `rest` begins with and appends its fields that are
+  /// kept to `kept`, unless that is null. False: the record is longer than `rest`.
   bool take(std::string_view rest, size_t& len, std::string* kept) const;
   /// The same for `n` records of a template without fields of variable length.
   void takeFixed(const char* records, uint64_t n, std::string& kept) const;
 
   /// Neighbouring octets of a record that are treated alike.
   struct Step {
-    uint16_t len = 0;  // fixed ones
+    uint16_t len = 0;  // of fixed fields
     bool variable = false;
     bool keep = false;
   };
@@ -54,7 +54,7 @@ struct RecordReduction {
   bool fixed = true;       ///< no field of variable length
   bool whole = true;       ///< nothing is left out
   uint32_t minLen = 0;     ///< of a record
-  uint32_t keptLen = 0;    ///< of it, the fixed fields that are kept
+  uint32_t keptLen = 0;    ///< of the fixed fields that are kept
   uint32_t unknown = 0;    ///< fields that are left out: not in the registry
   uint32_t badLength = 0;  ///< left out: no encoding of the element has this length
 };

@@ -18,7 +18,7 @@ class SourceFinder::VrfSides final : public VrfNetwork::Watcher {
   Sides::iterator add(const std::string& interface, ExporterSide* side) {
     return sides_.emplace(interface, side);
   }
-  /// True: nobody is left.
+  /// True: no side is left.
   bool del(Sides::iterator side) {
     sides_.erase(side);
     return sides_.empty();
@@ -32,7 +32,7 @@ class SourceFinder::VrfSides final : public VrfNetwork::Watcher {
 
  private:
   void resolve(Sides::iterator first, Sides::iterator last) {
-    std::vector<ExporterSide*> concerned;  // a copy: what a new address sets off may be a lot
+    std::vector<ExporterSide*> concerned;  // a copy: `resolve` may add and remove sides
     for (; first != last; ++first) concerned.push_back(first->second);
     for (ExporterSide* side : concerned) side->resolve();
   }
@@ -88,7 +88,7 @@ void ExporterSide::placeIs(const VrfName& vrf, const std::string& interface) {
   if (moves) finder_.leave(before);
   interface_ = interface;
   if (config_->vrfName() != vrf) {
-    // An endpoint moves to the other VRF; an address that is not valid there goes before.
+    // The endpoint moves to the other VRF. Addresses that are not valid there are removed first.
     const SourceAddresses there = find();
     if (there.v4 != config_->srcIpAddr()) config_->srcIpAddrIs(IpAddr());
     if (there.v6 != config_->srcIp6Addr()) config_->srcIp6AddrIs(Ip6Addr());
@@ -123,7 +123,7 @@ void ExporterSide::tellSource(const SourceAddresses& found) {
     if (has6) text += found.v6.stringValue();
     text += " (" + where + ')';
   } else if (!network_->present()) {
-    if (told_.empty()) return;  // not known yet
+    if (told_.empty()) return;  // nothing is known of the network yet
     text =
         "has no source address: the namespace of VRF " + network_->vrf().stringValue() + " is gone";
   } else if (!link) {

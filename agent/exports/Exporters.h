@@ -13,7 +13,7 @@ namespace agent {
 
 class ExporterSide;
 
-/// Brings the news of networks to the exporters that they concern.
+/// Lets each exporter look for its source addresses again when its interface or network changes.
 class SourceFinder {
  public:
   using NetworkOf = std::function<Ptr<VrfNetwork>(const VrfName&)>;
@@ -41,7 +41,7 @@ class SourceFinder {
 /// they come and go, and tells the operator of them and of the exporter's readiness.
 class ExporterSide {
  public:
-  /// `readiness` is called when any-family readiness changed.
+  /// Calls `readiness` when the exporter becomes ready in its first family or unready in its last.
   ExporterSide(SourceFinder& finder, FlowTracking::FlowTrackingType type, std::string tracker,
                Ptr<HwFlowTracking::ExporterConfig> config, AgentLog& log,
                std::function<void(bool ready)> readiness);
@@ -49,7 +49,7 @@ class ExporterSide {
   ExporterSide(const ExporterSide&) = delete;
   ExporterSide& operator=(const ExporterSide&) = delete;
 
-  /// Where the exporter sends from; writes its VRF and what is known of its sources now.
+  /// Sets the interface that the exporter sends from; writes its VRF and source addresses.
   void placeIs(const VrfName& vrf, const std::string& interface);
   bool ready() const { return ready_; }
 

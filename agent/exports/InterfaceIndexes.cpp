@@ -3,7 +3,7 @@
 namespace agent {
 using FlowTracking::IntfIndexMap;
 
-/// The link of this kernel index, if it has a name that is nobody else's by now.
+/// The link of this kernel index, unless another link has taken its name by now.
 const Link* InterfaceIndexes::Namespace::live(uint32_t link) const {
   const auto it = network->links().find(link);
   return it != network->links().end() && network->link(it->second.name) == &it->second ? &it->second
@@ -52,7 +52,7 @@ void InterfaceIndexes::handleLink(const VrfNetwork& network, const std::string& 
 
 /// Makes the map say of these links, by the kernel's index, what the network says.
 void InterfaceIndexes::settle(Namespace& ns, const std::vector<uint32_t>& links) {
-  // Names that are given up first: one of the others may take them.
+  // First give up names: another of these links may take one.
   for (const uint32_t link : links) giveUp(ns, link);
   for (const uint32_t link : links) {
     if (const Link* live = ns.live(link)) {
@@ -63,7 +63,7 @@ void InterfaceIndexes::settle(Namespace& ns, const std::vector<uint32_t>& links)
   }
 }
 
-/// Takes from the link what it no longer has: its name, and when it is gone its index.
+/// Takes the name off a link that lost it, and the index off a link that is gone.
 void InterfaceIndexes::giveUp(Namespace& ns, uint32_t link) {
   const auto it = ns.index.find(link);
   if (it == ns.index.end()) return;
@@ -88,7 +88,7 @@ void InterfaceIndexes::name(Namespace& ns, uint32_t link, const std::string& nam
                    "' has not 1 to " + std::to_string(IntfIndexMap::nameMax) + " octets");
     return;
   }
-  // Its former owner has lost it; if that one lives, the news of its new name is on its way.
+  // The link that had the name has lost it. If it lives, `handleLink` will bring its new name.
   if (const auto it = map_->intfIndex().find(id); it != map_->intfIndex().end()) {
     const Owner owner = owner_.at(it->second);
     if (owner.link == link) return;
@@ -108,7 +108,7 @@ void InterfaceIndexes::unname(uint32_t index) {
   map_->intfIndexDel(id);
 }
 
-/// The link's index, from now on if it has none yet.
+/// The link's index. A link without one gets one.
 uint32_t InterfaceIndexes::take(Namespace& ns, uint32_t link) {
   if (const auto it = ns.index.find(link); it != ns.index.end()) return it->second;
   uint32_t index = link;
@@ -122,7 +122,7 @@ uint32_t InterfaceIndexes::take(Namespace& ns, uint32_t link) {
   return index;
 }
 
-/// Gives the owner of `index` another one.
+/// Gives the owner of `index` another index.
 void InterfaceIndexes::move(uint32_t index) {
   const Owner owner = owner_.at(index);
   const uint32_t other = unused();

@@ -15,12 +15,13 @@ namespace agent {
 /// keeps the library's map of them in step with the networks.
 ///
 /// In the default namespace the index is the kernel's. Elsewhere it is one that no other interface
-/// has: given out upwards, so that the number of an interface that went stands for nobody else for
-/// as long as possible. Either stays while the interface lives, whatever happens to its name; only
-/// an interface of the default namespace whose kernel index was given out elsewhere takes it away,
-/// and the other one gets a new one. A kernel index that is reserved counts as none.
+/// has. These are given out upwards, so that the index of an interface that is gone stands for no
+/// other one for as long as possible. An interface keeps its index while it lives, also under a new
+/// name, with one exception: if the kernel gives an interface of the default namespace an index
+/// that was given out elsewhere, the interface there gets a new one. A kernel index that is
+/// reserved is not used: such an interface gets one like those of other namespaces.
 ///
-/// The reverse map is written first: in each round of the forward map both say the same.
+/// The reverse map is written first: watchers of the forward map find both in step.
 class InterfaceIndexes {
  public:
   // Above what kernels count up to, and no more than 31 bits: the range of ifIndex (RFC 2863).
@@ -44,7 +45,7 @@ class InterfaceIndexes {
     Ptr<const VrfNetwork> network;
     std::string prefix;                              // of its interfaces' exported names
     std::unordered_map<uint32_t, uint32_t> index;    // by the kernel's
-    std::unordered_map<uint32_t, std::string> said;  // names that cannot be exported, told of
+    std::unordered_map<uint32_t, std::string> said;  // names that the log said are not exported
   };
   struct Owner {
     Namespace* ns;

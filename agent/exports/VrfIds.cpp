@@ -39,7 +39,8 @@ void VrfIds::configuredIs(const std::map<std::string, VrfId>& ids) {
   for (const auto& [name, id] : wanted) nameOf.emplace(id, name);
   configured_ = std::move(wanted);
 
-  // Ids that fall free, then those of the configuration, then others for those that lost theirs.
+  // First take off the list what falls free, then list the configured ids, then give new ids to
+  // the VRFs that lost theirs to the configuration.
   std::erase_if(given_, [&](const auto& g) {
     return configured_.contains(g.first) || nameOf.contains(g.second);
   });
@@ -70,10 +71,10 @@ void VrfIds::give(const VrfName& vrf) {
   status_->vrfIs(id, vrf);
 }
 
-/// Takes the id off the list and keeps it for the name.
+/// Takes the id off the list and reserves it for the name.
 void VrfIds::hold(VrfId id, const VrfName& vrf) {
   status_->vrfDel(id);
-  if (id == 0 || id > idMax) return;  // never given out
+  if (id == 0 || id > idMax) return;  // `give` never gives such an id
   unhold(id);
   held_[id] = {vrf, ++turn_};
   heldFor_[vrf] = id;
@@ -82,7 +83,7 @@ void VrfIds::hold(VrfId id, const VrfName& vrf) {
   const auto [oldest, turn] = turns_.front();
   turns_.pop_front();
   const auto it = held_.find(oldest);
-  if (it == held_.end() || it->second.turn != turn) return;  // taken meanwhile
+  if (it == held_.end() || it->second.turn != turn) return;  // the id was given out meanwhile
   unhold(oldest);
   lowest_ = std::min(lowest_, oldest);
 }

@@ -15,9 +15,9 @@ namespace agent {
 /// Keeps the library's list of VRFs: those of the configuration, whether their namespaces are there
 /// or not, and those of the namespaces that are there.
 ///
-/// A VRF that the configuration gives no id has the lowest from 1 that is nobody's, while its
-/// namespace lives. An id that was somebody's is kept for that name, and given to no other one,
-/// until another 4096 ids have fallen free after it; only the configuration may claim it before.
+/// A VRF that the configuration gives no id has the lowest free one from 1 while its namespace
+/// lives. An id that falls free stays reserved for its VRF's name until another 4096 ids have
+/// fallen free after it; only the configuration may give it to another VRF before.
 class VrfIds {
  public:
   static constexpr VrfId idMax = vrfIdMax;
@@ -53,7 +53,7 @@ class VrfIds {
   std::map<VrfName, VrfId> heldFor_;  // the last id of each name
   std::deque<std::pair<VrfId, uint64_t>> turns_;
   uint64_t turn_ = 0;
-  VrfId lowest_ = 1;  // none below is free
+  VrfId lowest_ = 1;  // all ids below are listed or reserved
   std::unique_ptr<NetworkFollower> follower_;
 };
 

@@ -16,7 +16,7 @@ constexpr TaskPriority priority = 2;
 constexpr Seconds tick{2.0};
 // `ip netns add` makes the file first and mounts the namespace on it a moment later.
 constexpr Seconds firstRetry{0.01};
-constexpr int patience = 8;  // doubling the time, 2.5 s; then the slow look is enough
+constexpr int patience = 8;  // retries, each after twice the time: 2.5 s; then `tick` does
 }  // namespace
 
 struct Networks::Entry {
@@ -24,11 +24,11 @@ struct Networks::Entry {
   std::string fileName;  // empty: the namespace that the agent is in
   std::string path;
   std::unique_ptr<RtnetlinkMonitor> monitor;
-  bool there = false;   // the file was there at the last look
-  bool wanted = false;  // somebody asked for it
-  bool failed = false;  // the monitor said that it is of no more use
-  int notYet = 0;       // looks at something that is no namespace yet; 0: none
-  std::string said;     // the last state told to the operator
+  bool there = false;   // the file existed when `review` last looked
+  bool wanted = false;  // `network` was called for this VRF
+  bool failed = false;  // the monitor failed, or the kernel does not answer it
+  int notYet = 0;       // reviews that found a file which is no namespace yet
+  std::string said;     // the state that the log last had a line about
 };
 
 Networks::Networks(Ptr<EventLoop> loop, std::string netnsDir, AgentLog& log)
@@ -41,7 +41,10 @@ Networks::Networks(Ptr<EventLoop> loop, std::string netnsDir, AgentLog& log)
   watch_ = std::make_unique<DirectoryWatch>(
       *loop_, dir_, log_,
       DirectoryWatch::Handlers{[this](const std::string& name) { handleName(name); },
-                               [this] { handleDirectory(); }});
+                               [this] {
+                                 reviewAll();
+                                 reviewSoon();
+                               }});
   network(VrfName(std::string(defaultVrf)));
   scan();
 }
@@ -59,7 +62,7 @@ void Networks::keepOnly(const std::set<VrfName>& vrfs) {
   forget();
 }
 
-/// The VRF's entry, made and looked at when there is none.
+/// The VRF's entry. A new one is reviewed at once.
 Networks::Entry& Networks::entry(const VrfName& vrf) {
   auto& entry = entries_[vrf];
   if (entry) return *entry;
@@ -74,7 +77,8 @@ Networks::Entry& Networks::entry(const VrfName& vrf) {
   return made;
 }
 
-/// The VRF whose namespace a file of this name is; a VRF's that it cannot be is told once.
+/// The VRF that a namespace file of this name belongs to. If no VRF can have the name after the
+/// prefix, the log says so once.
 std::optional<VrfName> Networks::vrfOf(const std::string& fileName) {
   constexpr std::string_view prefix = "ns-";
   if (!fileName.starts_with(prefix)) return std::nullopt;
@@ -88,7 +92,7 @@ std::optional<VrfName> Networks::vrfOf(const std::string& fileName) {
   return std::nullopt;
 }
 
-/// Makes an entry for a file that has none. Of a link that leads nowhere it says so once.
+/// Makes an entry for a file that has none. The log says once that a symbolic link leads nowhere.
 void Networks::look(const std::string& fileName) {
   const auto vrf = vrfOf(fileName);
   if (!vrf || entries_.contains(*vrf)) return;
@@ -104,7 +108,7 @@ void Networks::look(const std::string& fileName) {
     log_.warning("namespace " + path + " is not looked at: what it links to: " + why);
 }
 
-/// Looks at namespaces that nobody spoke of yet.
+/// Looks for namespace files that have no entry yet.
 void Networks::scan() {
   std::set<std::string> names;
   std::error_code error;  // a directory that is not there has none
@@ -115,7 +119,7 @@ void Networks::scan() {
   for (const std::string& name : names) look(name);
 }
 
-/// Drops what is not there and nobody asked for.
+/// Drops the entries whose file is gone and whose network nobody asked for.
 void Networks::forget() {
   std::erase_if(entries_, [this](const auto& e) {
     const Entry& entry = *e.second;
@@ -165,7 +169,7 @@ void Networks::review(Entry& entry) {
   entry.there = found.has_value();
   if (!found) {
     entry.notYet = 0;
-    // A first look that finds nothing is as much news as a namespace that went.
+    // The log has a line for a namespace that was never there, too.
     say(entry, Severity::info, entry.said.empty() ? "is not there" : "is gone");
     return;
   }
@@ -175,8 +179,8 @@ void Networks::review(Entry& entry) {
   } catch (const ErrnoException& e) {
     const int err = e.code().value();
     close(entry);
-    // Made, and not mounted yet (the file below has mode 0, which only stops who is not root); or
-    // gone again.
+    // The file was made and no namespace is mounted on it yet (it has mode 0, which only stops
+    // users other than root), or it is gone again.
     if (err == EINVAL || err == ENOENT || err == EACCES) {
       if (++entry.notYet == patience)
         say(entry, Severity::warning, err == EACCES ? "may not be opened" : "is no namespace");
@@ -215,14 +219,9 @@ void Networks::handleName(const std::string& fileName) {
     if (it->second->notYet > 0) reviewSoon();
     forget();
   } else {
-    skipped_.erase(fileName);  // it may be another link
+    skipped_.erase(fileName);  // it may be a symbolic link to something else now
     look(fileName);
   }
-}
-
-void Networks::handleDirectory() {
-  reviewAll();
-  reviewSoon();
 }
 
 void Networks::reviewAll() {

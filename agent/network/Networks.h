@@ -14,12 +14,12 @@
 namespace agent {
 
 /// The networks of this machine: the one of the namespace that the agent started in, VRF "default",
-/// those of all namespaces `ns-<vrf>`, and those that somebody asked for and that may come. Follows
-/// namespaces that appear, disappear, and are replaced by others of the same name; of one that
-/// disappeared it keeps nothing, so that the kernel can take it down.
+/// those of all namespaces `ns-<vrf>`, and those that `network` was called for and that may appear.
+/// Follows namespaces that appear, disappear, and are replaced by others of the same name; of one
+/// that disappeared it keeps nothing, so that the kernel can take it down.
 ///
-/// inotify tells within milliseconds; a look at all of them every two seconds finds what it cannot
-/// tell (a mount is no event of the directory) or had to drop.
+/// inotify reports changes within milliseconds. A review of all namespaces every two seconds finds
+/// what inotify cannot report (a mount is no event of the directory) or had to drop.
 class Networks {
  public:
   /// `netnsDir` holds the namespaces' mounts; it need not exist yet.
@@ -30,7 +30,7 @@ class Networks {
 
   /// The VRF's network, kept from now on whether it is there or not.
   Ptr<VrfNetwork> network(const VrfName& vrf);
-  /// Keeps no others than these and the default one that are not there.
+  /// Forgets networks that are not there, except the default one and those of `vrfs`.
   void keepOnly(const std::set<VrfName>& vrfs);
   const Ptr<NetworkList>& list() const { return list_; }
   /// Every namespace that is there has been surveyed.
@@ -52,14 +52,13 @@ class Networks {
   void handleSoon();
   void handleTick();
   void handleName(const std::string& fileName);
-  void handleDirectory();
   void reviewAll();
 
   Ptr<EventLoop> loop_;
   std::string dir_;
   AgentLog& log_;
   const Ptr<NetworkList> list_ = networkListFactory();
-  std::set<std::string> skipped_;  // files that no VRF can have, as they were told
+  std::set<std::string> skipped_;  // files that are not looked at, as the log said
   std::map<VrfName, std::unique_ptr<Entry>> entries_;
   std::unique_ptr<DirectoryWatch> watch_;
   std::unique_ptr<TimerTask> soonTask_;

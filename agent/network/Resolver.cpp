@@ -35,7 +35,7 @@ IpGenAddr addressOf(const sockaddr& a) {
   return Ip6Addr(octets);
 }
 
-/// Blocks. The addresses that a collector can have, or what is in the way.
+/// The host's addresses that a collector can have; if it has none, `problem` says why. Blocks.
 Resolver::Addresses resolve(const std::string& host, std::string& problem) {
   addrinfo hints{};
   hints.ai_socktype = SOCK_DGRAM;
@@ -176,7 +176,7 @@ void Resolver::take(Result result) {
   host.underWay = false;
   const bool failed = result.addresses.empty();
   const bool again = std::exchange(host.again, false);
-  // The lowest: it may have been asked for meanwhile.
+  // `scheduleLowestIs`: `lookUpAll` may have scheduled an earlier lookup meanwhile.
   host.due->scheduleLowestIs(again ? Seconds(0) : failed ? std::min(interval_, retry) : interval_);
   const bool failing = !host.problem.empty();
   host.problem = failed ? printable(result.problem) : std::string();

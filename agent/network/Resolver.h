@@ -24,9 +24,9 @@ class Resolver {
  public:
   using Addresses = std::vector<IpGenAddr>;  ///< in the order in which they are to be tried
 
-  /// `changed` is called from the loop when the addresses of some host are others.
+  /// The loop calls `changed` when the addresses of some host have changed.
   Resolver(Ptr<EventLoop> loop, AgentLog& log, std::function<void()> changed);
-  /// Waits for no lookup.
+  /// Does not wait for lookups that are under way.
   ~Resolver();
   Resolver(const Resolver&) = delete;
   Resolver& operator=(const Resolver&) = delete;
@@ -34,11 +34,11 @@ class Resolver {
   /// The hosts to follow from now on, and the time between two lookups of one. New ones are looked
   /// up at once; what is known of others is forgotten.
   void hostsAre(const std::set<std::string>& hosts, Seconds interval);
-  /// Null: not found yet, or not followed. Never empty.
+  /// Null while no address was found, and for hosts that are not followed. Never empty.
   const Addresses* addresses(const std::string& host) const;
-  /// Why the last lookup failed; empty: it did not, or there was none.
+  /// Why the last lookup failed; empty if it did not fail, or there was none.
   std::string problem(const std::string& host) const;
-  /// Looks all up now: sending to what is known met errors.
+  /// Looks all hosts up now. Called when sending to the known addresses met errors.
   void lookUpAll();
 
   static constexpr Seconds retry{5};  ///< after a failure, when the interval is not shorter

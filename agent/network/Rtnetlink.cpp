@@ -62,7 +62,7 @@ IpGenAddr addressOf(const nlattr* attr, int family) {
 void applyLink(const nlmsghdr& message, VrfNetwork& network) {
   if (message.nlmsg_len < NLMSG_LENGTH(sizeof(ifinfomsg))) return;
   const auto& info = *static_cast<const ifinfomsg*>(mnl_nlmsg_get_payload(&message));
-  // Messages of a family are about the link's role there: a DELLINK of AF_BRIDGE says that the
+  // Such a message is about the link's role in the family: a DELLINK of AF_BRIDGE says that the
   // link left its bridge, not that it is gone.
   if (info.ifi_family != AF_UNSPEC || info.ifi_index <= 0) return;
   const auto index = static_cast<uint32_t>(info.ifi_index);
@@ -155,7 +155,7 @@ void RtnetlinkMonitor::request(uint16_t type) {
   message->nlmsg_type = type;
   message->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
   message->nlmsg_seq = ++seq_;
-  // All zero: every family. The kernel takes an ifinfomsg for links, an ifaddrmsg for addresses.
+  // The extra header stays zero: every family. The kernel takes an ifinfomsg or an ifaddrmsg.
   if (type == RTM_GETLINK) {
     mnl_nlmsg_put_extra_header(message, sizeof(ifinfomsg));
   } else {
@@ -201,8 +201,8 @@ void RtnetlinkMonitor::surveyStepDone() {
 }
 
 void RtnetlinkMonitor::handleMessage(const nlmsghdr& message) {
-  // Of a dump; a change that this process asked for would carry its sequence number, too, but it
-  // asks for none.
+  // The message answers the dump. Answers to changes that a process asks for carry its sequence
+  // number, too, but this one asks for none.
   const bool mine = survey_ != Survey::none && message.nlmsg_seq == seq_;
   if (mine && (message.nlmsg_flags & NLM_F_DUMP_INTR) != 0) again_ = true;
   switch (message.nlmsg_type) {
@@ -226,7 +226,7 @@ void RtnetlinkMonitor::handleMessage(const nlmsghdr& message) {
 void RtnetlinkMonitor::handleReadable() {
   bool gone = false;
   gone_ = &gone;
-  const Ptr<VrfNetwork> network = network_;  // told after this may be gone
+  const Ptr<VrfNetwork> network = network_;  // `tell` needs it even if a handler destroys this
   std::string why;
   try {
     for (int reads = 0; reads < readsPerTurn; ++reads) {
@@ -254,7 +254,7 @@ void RtnetlinkMonitor::handleReadable() {
       const auto* header = reinterpret_cast<const nlmsghdr*>(buffer_.data());
       while (mnl_nlmsg_ok(header, left)) {
         handleMessage(*header);
-        if (gone) return;  // and the buffer with it
+        if (gone) return;  // the buffer is gone, too
         header = mnl_nlmsg_next(header, &left);
       }
     }
@@ -265,7 +265,7 @@ void RtnetlinkMonitor::handleReadable() {
   if (gone) return;
   gone_ = nullptr;
   if (why.empty()) return;
-  watch_.reset();  // or the error would be heard again and again
+  watch_.reset();  // or the loop would report the error again and again
   failed_(why);    // may destroy this
 }
 

@@ -33,7 +33,8 @@ class RtnetlinkMonitor {
 
   /// No survey is under way.
   bool settled() const { return survey_ == Survey::none; }
-  /// Called now and then by the owner; false: an answer of the kernel is overdue.
+  /// The owner calls this now and then. False: a survey is under way, and the kernel has sent
+  /// nothing since the last call.
   bool alive();
   /// Surveys begun, the first included.
   uint64_t surveys() const { return surveys_; }
@@ -57,9 +58,9 @@ class RtnetlinkMonitor {
   std::unique_ptr<EventLoop::FdWatch> watch_;
   std::vector<char> buffer_;
   Survey survey_ = Survey::none;
-  bool again_ = false;  // the survey under way has gaps
-  bool heard_ = false;  // since the last `alive`
-  uint32_t seq_ = 0;    // of the dump under way
+  bool again_ = false;  // the survey under way has gaps: another one follows it
+  bool heard_ = false;  // the kernel sent something since the last `alive`
+  uint32_t seq_ = 0;    // sequence number of the dump under way
   uint64_t surveys_ = 0;
   bool* gone_ = nullptr;  // set when destroyed inside its own handler
 };

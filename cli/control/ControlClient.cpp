@@ -59,7 +59,7 @@ ControlClient::Json ControlClient::ask(const Json& request) {
   for (size_t sent = 0; sent < line.size();) {
     const ssize_t n = send(fd_.get(), line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) break;  // what the agent said before it hung up is read all the same
+    if (n < 0) break;  // the agent hung up; its answer may still be there to read
     sent += static_cast<size_t>(n);
   }
   const int patienceMs = request.value("request", "") == "reload" ? reloadMs : answerMs;

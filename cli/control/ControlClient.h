@@ -8,12 +8,12 @@
 
 namespace cli {
 
-/// The agent cannot be asked: the text says why, and what to do.
+/// No agent answers: the text says why, and what to do.
 class NoAgent : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
-/// It was asked and refuses.
+/// The agent refuses the request; the text is its reason.
 class Refused : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -27,7 +27,7 @@ class ControlClient {
   /// Throws NoAgent.
   explicit ControlClient(const std::string& path);
 
-  /// The answer to one request. Throws NoAgent when none comes, Refused when it is a refusal.
+  /// The answer to one request. Throws NoAgent when no answer comes, Refused when it is a refusal.
   Json ask(const Json& request);
 
   /// All parts of an answer that comes in several: asks until nothing follows. `part` gets each

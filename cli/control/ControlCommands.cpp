@@ -108,9 +108,9 @@ struct ControlCommands {
   int showTables(ControlClient& agent) const {
     const Style style = Style::ofOutput();
     Json tables = Json::array();
-    // With a name that there is not, the agent says which there are.
     Json list = agent.ask({{"request", "tables"}}).at("tables");
     if (!table.empty()) {
+      // If there is no table of this name, the agent's refusal lists the names.
       agent.ask({{"request", "tables"}, {"name", table}});
       for (const Json& t : Json(list))
         if (t.at("name") == table) list = Json::array({t});

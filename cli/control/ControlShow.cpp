@@ -151,7 +151,7 @@ std::string collectorsText(const Json& collectors, double now, const Style& styl
                c.at("state").get<std::string>(), ageText(now, c.at("since").get<double>()),
                shown(c.at("detail").get<std::string>())});
   }
-  // Colours have no width: they are put in once the columns stand.
+  // Escape sequences for colours have no width, so they are inserted after the table is laid out.
   std::string out;
   std::string_view rest;
   const std::string text = table.text(0);

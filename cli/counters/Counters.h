@@ -24,7 +24,7 @@ struct Counters {
   double now = 0;                                              ///< what ages count from
   std::vector<FlowTracking::EndpointRecord> endpoints;         ///< by tracker, exporter, family
 };
-/// What the kernel made of the datagrams; none where the agent keeps no such table.
+/// What became of the datagrams in the kernel; none where the agent keeps no such table.
 std::vector<FlowTracking::EndpointRecord> endpointsFrom(
     const platform::ShmTableReader::Snapshot& snapshot);
 /// "ENETUNREACH"; "other" for 0.
@@ -35,7 +35,7 @@ Counters countersFrom(const platform::ShmTableReader::Snapshot& snapshot, double
 bool showable(const Counters& counters);
 /// Why not, or what to think of the entries that are shown; empty when all is well.
 std::string countersNote(const Counters& counters, const std::string& name);
-/// What changed per second between two looks at one agent's counters.
+/// What changed per second between two snapshots of one agent's counters.
 struct CounterRates {
   double messages = 0;
   double records = 0;
@@ -43,7 +43,7 @@ struct CounterRates {
 };
 /// By key; an entry that is new, or was cleared in between, has none.
 using RatesByKey = std::map<Tarn::Ipfix::CollectorStatisticsKey, CounterRates>;
-/// Empty when the two are of different agents.
+/// Empty when the two snapshots are of different runs of the agent.
 RatesByKey countersRates(const Counters& before, const Counters& now);
 
 std::string countersText(const Counters& counters, const RatesByKey* rates = nullptr);
@@ -54,7 +54,7 @@ nlohmann::ordered_json countersJson(const Counters& counters, const std::string&
 struct CountersOptions {
   std::string name = "/tarnflow";  ///< of the shared memory
   bool json = false;
-  std::optional<double> watch;  ///< seconds between two looks; none: one look
+  std::optional<double> watch;  ///< seconds between two snapshots; none: one snapshot
   std::string tracker;          ///< only its entries; empty: all
   std::string exporter;         ///< only its entries; empty: all
 };

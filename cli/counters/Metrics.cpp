@@ -45,7 +45,7 @@ class Exposition {
   /// A sample of the family begun last; `labels` without braces.
   void sample(std::string_view labels, uint64_t v) { line(labels, fmt::to_string(v)); }
   void sample(std::string_view labels, double v) { line(labels, fmt::format("{:.3f}", v)); }
-  /// A point in time; one that never was has no sample.
+  /// A sample of a point in time; an event that never happened has none.
   void time(std::string_view labels, double v) {
     if (v > 0) sample(labels, v);
   }
@@ -110,7 +110,7 @@ void collectorFamilies(Exposition& out, const std::vector<CollectorStatisticsEnt
          });
   counts("tarnflow_exported_bytes_total", "Octets of them, without UDP and IP headers.",
          [](const Entry& e) { return e.exportedOctetTotalCount(); });
-  // By themselves: with them in the families above, a sum over all labels would count twice.
+  // In families of their own: among those above, a sum over all labels would count them twice.
   out.counter("tarnflow_exported_set_data_records_total",
               "Data records by set id, which is their template's id.");
   for (const Row& r : rows)
@@ -302,7 +302,7 @@ int serve(const MetricsOptions& options, Source& source) {
   return 0;
 }
 
-/// Writes the file whole under another name first: who collects such files never reads half of one.
+/// Writes the whole file under another name and renames it: a reader never finds half of one.
 void writeFile(const std::string& file, const std::string& text) {
   const auto slash = file.rfind('/') + 1;  // npos + 1 is 0
   std::string temporary = file.substr(0, slash) + '.' + file.substr(slash) + ".XXXXXX";
@@ -339,7 +339,7 @@ int writeFiles(const MetricsOptions& options, Source& source) {
     pollfd stop{signals.get(), POLLIN, 0};
     if (poll(&stop, 1, static_cast<int>(std::min(*options.interval, 86400.0) * 1000)) > 0) break;
   }
-  unlink(options.textFile.c_str());  // nobody renews it from now on
+  unlink(options.textFile.c_str());  // its values would grow stale from now on
   return 0;
 }
 

@@ -9,8 +9,8 @@
 
 namespace cli {
 
-/// Everything that is known of the agent, by the naming rules of Prometheus. Of an agent that does
-/// not live there is `tarnflow_up 0` and no counter: its last values are nobody's now.
+/// Everything that is known of the agent, by the naming rules of Prometheus. For an agent that does
+/// not run there is `tarnflow_up 0` and no counter: its last values are out of date.
 std::string metricsText(const Counters& collectors,
                         const std::vector<FlowTracking::FlowPathRecord>& flows,
                         MetricsFormat format);

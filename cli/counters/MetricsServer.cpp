@@ -67,7 +67,7 @@ class MetricsServer::Server {
   /// A connection lives no longer, whatever it sends or reads: a client that sends an octet now and
   /// then would keep its slot for days.
   static constexpr auto lifeMax = std::chrono::seconds(60);
-  /// Scrapes that come together are served one text: what clients can make of work is bounded.
+  /// Scrapes that come together get the same text: this bounds the work that clients can cause.
   static constexpr auto freshFor = std::chrono::milliseconds(100);
 
   Server(const Listen& listen, std::function<std::string(MetricsFormat)> text)
@@ -106,14 +106,14 @@ class MetricsServer::Server {
       FD_SET(stopFd, &read);
       MHD_get_fdset(daemon_, &read, &write, &except, &last);
       FD_SET(listener, &read);
-      MHD_UNSIGNED_LONG_LONG ms = 1000;  // who lives too long is looked for once a second
+      MHD_UNSIGNED_LONG_LONG ms = 1000;  // connections that are too old are ended once a second
       if (MHD_get_timeout(daemon_, &ms) != MHD_YES || ms > 1000) ms = 1000;
       timeval wait{static_cast<time_t>(ms / 1000), static_cast<suseconds_t>(ms % 1000 * 1000)};
       if (select(last + 1, &read, &write, &except, clients_.empty() ? nullptr : &wait) < 0)
         continue;
       if (FD_ISSET(stopFd, &read)) return;
       if (clients_.size() >= connectionsMax && FD_ISSET(listener, &read)) {
-        FD_CLR(listener, &read);  // waits in the kernel's queue until the slot is free
+        FD_CLR(listener, &read);  // the client waits in the kernel's queue until a slot is free
         endTheMostSilent();
       }
       MHD_run_from_select(daemon_, &read, &write, &except);
@@ -199,7 +199,8 @@ class MetricsServer::Server {
     try {
       if (!kept.response || Clock::now() - kept.made > freshFor) {
         const std::string body = text_(format);
-        if (kept.response) MHD_destroy_response(kept.response);  // who still reads it holds it
+        if (kept.response)
+          MHD_destroy_response(kept.response);  // connections that still send it hold it
         kept.response = MHD_create_response_from_buffer(body.size(), const_cast<char*>(body.data()),
                                                         MHD_RESPMEM_MUST_COPY);
         kept.made = Clock::now();

@@ -7,7 +7,7 @@
 namespace cli {
 
 namespace {
-int firstError = 0;  // errno of the first failure: later ones have others
+int firstError = 0;  // errno of the first failure; later failures may have another
 bool done(bool written) {
   if (!written && firstError == 0) firstError = errno;
   return firstError == 0;
