@@ -61,7 +61,19 @@ int signalDescriptor() {
   return signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
 }
 
-int run(const AgentOptions& options, AgentLog& log) {
+/// `level`: how much is logged; empty: the default.
+int run(const AgentOptions& options, const std::string& level) {
+  AgentLog log = AgentLog::standard();
+  if (!level.empty()) {
+    const int number = traceLevelFromText(level);
+    if (number < 0) {
+      std::fprintf(stderr,
+                   "--log-level: '%s' is not allowed: 0 to 9, error, event, detail or packet\n",
+                   printable(level).c_str());
+      return exitUsage;
+    }
+    log.levelIs(number);
+  }
   const int signals = signalDescriptor();
   raiseDescriptorLimit();
   try {
@@ -140,17 +152,5 @@ int main(int argc, char** argv) {
     return written(0);
   }
   if (!checkFile.empty()) return check(checkFile, effective);
-
-  AgentLog log = AgentLog::standard();
-  if (!level.empty()) {
-    const int number = traceLevelFromText(level);
-    if (number < 0) {
-      std::fprintf(stderr,
-                   "--log-level: '%s' is not allowed: 0 to 9, error, event, detail or packet\n",
-                   printable(level).c_str());
-      return exitUsage;
-    }
-    log.levelIs(number);
-  }
-  return run(options, log);
+  return run(options, level);
 }

@@ -132,14 +132,17 @@ void eachTracker(const Exports& exports, const std::string& only, const std::str
     if (!visit(it->first, it->second)) return;
 }
 
-Json fieldJson(const Exports& exports, const FtTemplateEntry& e, bool scope) {
-  Json out = {{"name", nameOf(exports, e.fieldId())},
-              {"id", e.fieldId().value()},
-              {"enterprise", e.enterpriseIe() ? Ipfix::IpfixConst::enterpriseNumber() : 0},
-              {"length", e.fieldLen()},
-              {"scope", scope}};
-  if (e.flowKey()) out["key"] = true;
-  return out;
+template <class Entries>
+void addFields(Json& fields, const Exports& exports, const Entries& entries, bool scope) {
+  for (const auto& [position, e] : entries) {
+    Json out = {{"name", nameOf(exports, e.fieldId())},
+                {"id", e.fieldId().value()},
+                {"enterprise", e.enterpriseIe() ? Ipfix::IpfixConst::enterpriseNumber() : 0},
+                {"length", e.fieldLen()},
+                {"scope", scope}};
+    if (e.flowKey()) out["key"] = true;
+    fields.push_back(std::move(out));
+  }
 }
 }  // namespace
 
@@ -263,8 +266,7 @@ Json ControlTables::templates(const Exports& exports, const std::string& only, c
       const auto& all = status->templateStatus();
       for (auto it = all.lower_bound(from); it != all.end(); ++it) {
         Json fields = Json::array();
-        for (const auto& [position, e] : it->second->ftTemplateEntry())
-          fields.push_back(fieldJson(exports, e, false));
+        addFields(fields, exports, it->second->ftTemplateEntry(), false);
         if (!add(it->first, "data", std::move(fields), sent)) return false;
       }
     }
@@ -274,10 +276,8 @@ Json ControlTables::templates(const Exports& exports, const std::string& only, c
       byId[entry->templateId()] = entry;
     for (auto it = byId.lower_bound(from); it != byId.end(); ++it) {
       Json fields = Json::array();
-      for (const auto& [position, e] : it->second->scopeField())
-        fields.push_back(fieldJson(exports, e, true));
-      for (const auto& [position, e] : it->second->field())
-        fields.push_back(fieldJson(exports, e, false));
+      addFields(fields, exports, it->second->scopeField(), true);
+      addFields(fields, exports, it->second->field(), false);
       if (!add(it->first, "options", std::move(fields), sent)) return false;
     }
     return true;

@@ -13,12 +13,6 @@ bool hasHosts(const ExporterSettings& exporter) {
   return std::any_of(exporter.collectors.begin(), exporter.collectors.end(),
                      [](const auto& c) { return !c.second.host.empty(); });
 }
-bool hasHosts(const Settings& settings) {
-  for (const auto& [trackerName, tracker] : settings.trackers)
-    for (const auto& [name, exporter] : tracker.exporters)
-      if (hasHosts(exporter)) return true;
-  return false;
-}
 bool isKnown(const IpGenAddr& address) { return address.family() != IpGenAddr::Family::none; }
 }  // namespace
 
@@ -47,7 +41,7 @@ Changes AddressChoice::apply(const Settings& settings) {
 
 void AddressChoice::review() {
   // Also where no host has an address now: a collector may have the one that it had.
-  if (hasHosts(settings_)) entities_.apply(chosen(settings_));
+  if (!states_.empty()) entities_.apply(chosen(settings_));
 }
 
 Settings AddressChoice::chosen(const Settings& settings) {

@@ -224,17 +224,20 @@ void Entities::changeExporter(Exporter& exporter, const ExporterSettings& wanted
   now = wanted;
 }
 
+Entities::Tracker Entities::make(const std::string& name, const TrackerSettings& wanted,
+                                 Ptr<FtStatus> status, Changes& changes) {
+  Tracker made{wanted, HwFlowTracking::ftConfigFactory(name, wanted.id), std::move(status), {}};
+  write(wanted, *made.config, *made.status);
+  addExporters(name, made, wanted, changes);
+  return made;
+}
+
 /// The id is the identity that collectors know a tracker by, and fixed in its entity.
 void Entities::replaceTracker(const std::string& name, Tracker& tracker,
                               const TrackerSettings& wanted, Changes& changes) {
   // Exporters that stay are not counted as added: the tracker is counted as changed.
-  Tracker fresh;
-  fresh.settings = wanted;
-  fresh.status = tracker.status;
-  fresh.config = HwFlowTracking::ftConfigFactory(name, wanted.id);
-  write(wanted, *fresh.config, *fresh.status);
   Changes inside;
-  addExporters(name, fresh, wanted, inside);
+  Tracker fresh = make(name, wanted, tracker.status, inside);
   for (const auto& [exporterName, exporter] : wanted.exporters) {
     auto old = tracker.exporters.find(exporterName);
     if (old == tracker.exporters.end()) {
@@ -259,20 +262,16 @@ void Entities::replaceTracker(const std::string& name, Tracker& tracker,
 void Entities::addTracker(const std::string& name, const TrackerSettings& wanted,
                           Changes& changes) {
   ++changes.trackers.added;
-  auto tracker = std::make_unique<Tracker>();
-  tracker->settings = wanted;
-  tracker->config = HwFlowTracking::ftConfigFactory(name, wanted.id);
-  tracker->status = HwFlowTracking::ftStatusFactory(name);
-  write(wanted, *tracker->config, *tracker->status);
+  const auto status = HwFlowTracking::ftStatusFactory(name);
   // Devices bring their own templates.
   std::string problem;
   if (wanted.type == LibraryTrees::Type::software)
-    for (const auto& t : flowTemplates(*registry_, problem)) tracker->status->templateStatusIs(t);
+    for (const auto& t : flowTemplates(*registry_, problem)) status->templateStatusIs(t);
   if (!problem.empty())
     log_.error("tracker " + name + ": no flow templates: " + problem, {.tracker = name});
-  addExporters(name, *tracker, wanted, changes);
+  const Tracker& added =
+      *(trackers_[name] = std::make_unique<Tracker>(make(name, wanted, status, changes)));
   const LibraryTree& t = trees_.make(wanted.type);
-  Tracker& added = *(trackers_[name] = std::move(tracker));
   t.config->ftConfigIs(added.config);
   t.status->ftStatusIs(added.status);
 }

@@ -61,6 +61,8 @@ class Entities {
   void changeExporter(Exporter& exporter, const ExporterSettings& wanted, Changes& changes);
   void replaceTracker(const std::string& name, Tracker& tracker, const TrackerSettings& wanted,
                       Changes& changes);
+  Tracker make(const std::string& name, const TrackerSettings& wanted,
+               Ptr<HwFlowTracking::FtStatus> status, Changes& changes);
   void addTracker(const std::string& name, const TrackerSettings& wanted, Changes& changes);
   void addExporters(const std::string& trackerName, Tracker& tracker, const TrackerSettings& wanted,
                     Changes& changes);

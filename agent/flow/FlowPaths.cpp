@@ -23,7 +23,6 @@ FlowPaths::FlowPaths(FlowPathHost host, Replay* replay,
       reported_(std::move(reported)),
       leavingTask_(host_.loop->taskScheduler()->timerTask("agent-leaving", afterAll,
                                                           [this] { handleLeaving(); })) {}
-FlowPaths::~FlowPaths() = default;
 
 bool FlowPaths::tracksPackets(const TrackerSettings& tracker) const {
   return tracker.type == FlowTracking::FlowTrackingType::software &&

@@ -25,8 +25,6 @@ class FlowPaths {
   /// applied whole.
   FlowPaths(FlowPathHost host, Replay* replay,
             std::function<void(const Settings& wanted)> reported);
-  /// Ends all paths at once.
-  ~FlowPaths();
 
   /// Begins to end the paths of trackers that no longer track packets. Returns
   /// the settings to apply now: `wanted`, but with a tracker as it is in
