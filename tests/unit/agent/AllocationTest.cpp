@@ -52,7 +52,11 @@ TEST(Allocation, NothingForARecordOrAMessage) {
   EXPECT_GE(tree.sent() - sentBefore, 400u);
   EXPECT_LT(allocations - before, 100u) << "for 40000 records in 400 messages";
 
-  agent::FlowExport exportOf("ft", {tree.config, tree.info, tree.templates, tree.stats});
+  agent::LibraryTree library{.config = tree.config,
+                             .statistics = tree.stats,
+                             .info = tree.info,
+                             .templateSm = tree.templates};
+  agent::FlowExport exportOf("ft", library);
   const std::string records(4 * 100000, 'r');
   for (const bool measured : {false, true}) {
     const uint64_t sum = allocations;
@@ -69,7 +73,8 @@ TEST(Allocation, NothingForARecordOrAMessage) {
   const auto e0 = tree.config->ftConfig("ft")->expConfig("e0");
   for (const char* c : {"c0", "c1"}) e0->collectorIpAndPortDel(c);
   for (const auto& info : {flowTrackingInfoFactory(FlowTrackingType::software), tree.info}) {
-    agent::FlowExport lost("ft", {tree.config, info, tree.templates, tree.stats});
+    library.info = info;
+    agent::FlowExport lost("ft", library);
     lost.recordsIs(flows, 4, records);
     lost.end();
     EXPECT_EQ(lost.counters().recordsLost, 100000u);
