@@ -423,7 +423,7 @@ def fails(steps, directory):
     lab = Lab(directory)
     try:
         return live(lab, list(steps))
-    except AssertionError:
+    except Exception:  # also what asking a dead agent's /proc leads to
         return True
     finally:
         lab.close()
