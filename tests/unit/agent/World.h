@@ -73,7 +73,7 @@ class Random {
   std::mt19937& engine() { return engine_; }
 
  private:
-  const unsigned seed_ = support::fromEnvironment("TARN_SEED", std::random_device{}());
+  const unsigned seed_ = support::firstSeed();
   const testing::ScopedTrace trace_{__FILE__, __LINE__, "TARN_SEED=" + std::to_string(seed_)};
   std::mt19937 engine_{seed_};
 };
