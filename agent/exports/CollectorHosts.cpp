@@ -13,7 +13,8 @@ constexpr Seconds sendErrorsPoll{5};
 CollectorHosts::CollectorHosts(const Ptr<EventLoop>& loop, AgentLog& log, const LibraryTrees& trees,
                                std::function<void()> changed)
     : trees_(trees),
-      changedTask_(loop->taskScheduler()->timerTask("agent-addresses", afterAll, changed)),
+      changedTask_(
+          loop->taskScheduler()->timerTask("agent-addresses", afterAll, std::move(changed))),
       sendErrorsTask_(loop->taskScheduler()->timerTask("agent-send-errors", afterAll,
                                                        [this] { handleSendErrors(); })),
       resolver_(loop, log, [this] { changedSoon(); }) {}

@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstring>
 #include <deque>
-#include <ranges>
 #include <set>
 
 #include "platform/Assert.h"
@@ -78,13 +77,13 @@ class SimPlatformImpl final : public SimPlatform, private TimerQueue::Host {
     bool any() const { return addr.isIpv6() ? addr.ip6Addr().isZero() : addr.ipAddr().isZero(); }
   };
   bool taken(const Binding& b) const;
-  /// The endpoints that have this port, of both families.
-  auto atPort(const std::string& ns, uint16_t port) const {
-    const auto from = bound_.lower_bound(Binding{ns, port, {}});
-    const auto to = std::find_if(from, bound_.end(), [&](const auto& at) {
-      return at.first.ns != ns || at.first.port != port;
-    });
-    return std::ranges::subrange(from, to);
+  /// Calls `visit` with the endpoints that have this port, of both families, until it is true.
+  template <class Visit>
+  bool anyAtPort(const std::string& ns, uint16_t port, Visit visit) const {
+    for (auto at = bound_.lower_bound(Binding{ns, port, {}});
+         at != bound_.end() && at->first.ns == ns && at->first.port == port; ++at)
+      if (visit(at->first, *at->second)) return true;
+    return false;
   }
   struct Root final : TaskSchedulerRoot {
     explicit Root(Ptr<TaskScheduler> s) : scheduler(std::move(s)) {}
@@ -222,8 +221,7 @@ class SimPam final : public UdpPam {
 };
 
 bool SimPlatformImpl::taken(const Binding& b) const {
-  return std::ranges::any_of(atPort(b.ns, b.port), [&](const auto& other) {
-    const Binding& o = other.first;
+  return anyAtPort(b.ns, b.port, [&](const Binding& o, const SimPam&) {
     return o.addr.isIpv6() == b.addr.isIpv6() && (o.addr == b.addr || o.any() || b.any());
   });
 }
@@ -297,17 +295,18 @@ void SimPam::send() {
 }
 
 void SimPam::deliver(const SimDatagram& d) const {
-  for (const auto& [binding, pam] : platform_.atPort(bound_.ns, d.dstPort)) {
+  const auto takes = [&](const auto& binding, SimPam& pam) {
     if (binding.addr.isIpv6() != d.dst.isIpv6() || (!binding.any() && binding.addr != d.dst))
-      continue;
-    if (pam->arrived_.size() >= rxQueueMax) {
-      ++pam->counters_.rxDropped;
+      return false;
+    if (pam.arrived_.size() >= rxQueueMax) {
+      ++pam.counters_.rxDropped;
     } else {
-      pam->arrived_.push_back({{d.octets.begin(), d.octets.end()}, d.src, d.srcPort});
-      pam->readSoon();
+      pam.arrived_.push_back({{d.octets.begin(), d.octets.end()}, d.src, d.srcPort});
+      pam.readSoon();
     }
-    return;
-  }
+    return true;
+  };
+  platform_.anyAtPort(bound_.ns, d.dstPort, takes);
 }
 
 void SimPam::read() {
