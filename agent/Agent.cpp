@@ -13,7 +13,7 @@
 #include "agent/host/Readiness.h"
 #include "agent/host/ServiceManager.h"
 #include "agent/network/Networks.h"
-#include "agent/records/FlowTemplates.h"
+#include "agent/records/FlowRecords.h"
 #include "agent/settings/SettingsFile.h"
 #include "platform/linux/LinuxPlatform.h"
 
@@ -23,9 +23,7 @@ using FlowTracking::FlowTrackingType;
 
 Ptr<Ipfix::IpfixInitSm> makeIpfix() {
   auto ipfix = Ipfix::ipfixInitSmFactory();
-  std::string problem;
-  if (flowTemplates(*ipfix->elementIdCollection(), problem).empty())
-    throw std::runtime_error(problem);
+  addRecordElements(*ipfix->elementIdCollection());
   return ipfix;
 }
 
@@ -62,12 +60,18 @@ struct Agent::Parts {
                 [this] { readiness.statusChanged(); }),
         localCollectors(networks.list(), ipfix->elementIdCollection(), agent.loop_->taskScheduler(),
                         log, tables.flows),
-        flowPaths({agent.loop_, networks.list(), exports.interfaces(), exports.vrfs(),
-                   agent.options_.netnsDir, tables.flows, captures, log},
-                  replay.get(), [this](const Settings& wanted) {
-                    log.info("the reload is complete, flows under way were reported: " +
-                             describe(apply(wanted)));
-                  }) {}
+        flowPaths(
+            {agent.loop_, networks.list(), exports.interfaces(), exports.vrfs(),
+             agent.options_.netnsDir, tables.flows, captures, log},
+            replay.get(),
+            {[this](const std::string& tracker) { return exports.firstFlowTemplate(tracker); },
+             [this](const flow::FlowTemplateIds::Unused& unused) {
+               return exports.forgetTemplates(unused);
+             }},
+            [this](const Settings& wanted) {
+              log.info("the reload is complete, flows under way were reported: " +
+                       describe(apply(wanted)));
+            }) {}
 
   /// Makes what runs equal to the settings: from here on every part follows them.
   Changes apply(const Settings& wanted) {

@@ -6,6 +6,7 @@
 #include <span>
 
 #include "agent/flow/PacketParser.h"
+#include "agent/flow/RecordPlan.h"
 #include "platform/Assert.h"
 
 namespace agent::flow {
@@ -28,6 +29,9 @@ inline bool sameResult(const Parsed& a, const Parsed& b) {
 inline void checkPacketInput(std::span<const uint8_t> rest) {
   PacketParser parser(7, 4);
   PacketParser other(7, 4);
+  PacketParser labels(7, 4, true);
+  static const RecordPlan plans[] = {{builtInRecords().at("full"), 256},
+                                     {builtInRecords().at("layer2"), 256}};
   int64_t now = 0;
   while (rest.size() >= 7) {
     const auto u16 = [&](size_t at) { return static_cast<uint16_t>(rest[at] << 8 | rest[at + 1]); };
@@ -55,6 +59,17 @@ inline void checkPacketInput(std::span<const uint8_t> rest) {
       TARN_ASSERT(flow.vlanId <= 0xfff && flow.interface == 1);
       TARN_ASSERT(flow.protocol == 6 || out.tcpFlags == 0);
     }
+
+    // What other records take of it lies within it, too.
+    Parsed behindLabels;
+    labels.parse(p, behindLabels);
+    if (behindLabels.error == ParseError::none || behindLabels.error == ParseError::notIp)
+      for (const RecordPlan& plan : plans) {
+        PlannedSample sample;
+        const bool ip = behindLabels.error == ParseError::none;
+        TARN_ASSERT(plan.sample(p, behindLabels, 1, sample) == (ip || &plan != plans));
+        TARN_ASSERT(!ip || sample.ipOctets == behindLabels.ipOctets);
+      }
 
     // The same packet behind a cooked header never takes the short way.
     const std::unique_ptr<uint8_t[]> cooked(new uint8_t[p.capLen + 2]());

@@ -9,6 +9,7 @@
 #include "agent/records/FlowTemplates.h"
 
 namespace agent {
+using FlowTracking::TemplateId;
 using HwFlowTracking::ExporterConfig;
 using HwFlowTracking::FtConfig;
 using HwFlowTracking::FtStatus;
@@ -111,6 +112,8 @@ struct Entities::Tracker {
   Ptr<FtConfig> config;
   Ptr<FtStatus> status;
   std::map<std::string, Exporter> exporters;
+  TemplateId firstTemplate = agent::firstFlowTemplate;
+  std::vector<TemplateId> formerTemplates = {};
 };
 
 Entities::Entities(LibraryTrees& trees, SourceFinder::NetworkOf networkOf,
@@ -188,6 +191,13 @@ void Entities::change(const std::string& name, Tracker& tracker, const TrackerSe
                       Changes& changes) {
   TrackerSettings& now = tracker.settings;
   if (!sameKeys(now, wanted)) ++changes.trackers.changed;
+  if (now.definition != wanted.definition) {
+    for (const auto& [id, status] : tracker.status->templateStatus())
+      if (id >= tracker.firstTemplate && id < tracker.firstTemplate + flowTemplateStep)
+        tracker.formerTemplates.push_back(id);
+    tracker.firstTemplate = nextFlowTemplate(tracker.firstTemplate);
+    publishTemplates(name, tracker, wanted);
+  }
   if (now.id != wanted.id) {
     replaceTracker(name, tracker, wanted, changes);
     return;
@@ -238,6 +248,8 @@ void Entities::replaceTracker(const std::string& name, Tracker& tracker,
   // Exporters that stay are not counted as added: the tracker is counted as changed.
   Changes inside;
   Tracker fresh = make(name, wanted, tracker.status, inside);
+  fresh.firstTemplate = tracker.firstTemplate;
+  fresh.formerTemplates = tracker.formerTemplates;
   for (const auto& [exporterName, exporter] : wanted.exporters) {
     auto old = tracker.exporters.find(exporterName);
     if (old == tracker.exporters.end()) {
@@ -259,18 +271,55 @@ void Entities::replaceTracker(const std::string& name, Tracker& tracker,
   tracker = std::move(fresh);
 }
 
+/// Devices bring their own templates.
+void Entities::publishTemplates(const std::string& name, Tracker& tracker,
+                                const TrackerSettings& wanted) {
+  if (wanted.type != LibraryTrees::Type::software) return;
+  const RecordLayouts layouts = recordLayouts(wanted.definition);
+  // All templates leave in one message. Collectors know the former ones, so these need not be
+  // there.
+  uint32_t len = messageLenFor(layouts);
+  for (const TemplateId id : tracker.formerTemplates)
+    len +=
+        4 + 4 * static_cast<uint32_t>(tracker.status->templateStatus(id)->ftTemplateEntry().size());
+  const auto& exporters = wanted.exporters;
+  const bool fit = std::all_of(exporters.begin(), exporters.end(), [&](const auto& e) {
+    return Ipfix::IpfixConst::ipUdpHeaderLen() + len <= e.second.mtu;
+  });
+  if (!fit)
+    for (const TemplateId id : std::exchange(tracker.formerTemplates, {}))
+      tracker.status->templateStatusDel(id);
+  std::string problem;
+  for (const auto& t : flowTemplates(layouts, tracker.firstTemplate, *registry_, problem))
+    tracker.status->templateStatusIs(t);
+  if (!problem.empty())
+    log_.error("tracker " + name + ": no flow templates: " + problem, {.tracker = name});
+}
+
+TemplateId Entities::firstFlowTemplate(const std::string& tracker) const {
+  const auto it = trackers_.find(tracker);
+  return it == trackers_.end() ? agent::firstFlowTemplate : it->second->firstTemplate;
+}
+
+bool Entities::forgetTemplates(const std::function<bool(const std::string& tracker)>& unused) {
+  bool any = false;
+  for (auto& [name, tracker] : trackers_) {
+    if (tracker->formerTemplates.empty()) continue;
+    any = true;
+    if (!unused(name)) continue;
+    for (const TemplateId id : std::exchange(tracker->formerTemplates, {}))
+      tracker->status->templateStatusDel(id);
+  }
+  return any;
+}
+
 void Entities::addTracker(const std::string& name, const TrackerSettings& wanted,
                           Changes& changes) {
   ++changes.trackers.added;
-  const auto status = HwFlowTracking::ftStatusFactory(name);
-  // Devices bring their own templates.
-  std::string problem;
-  if (wanted.type == LibraryTrees::Type::software)
-    for (const auto& t : flowTemplates(*registry_, problem)) status->templateStatusIs(t);
-  if (!problem.empty())
-    log_.error("tracker " + name + ": no flow templates: " + problem, {.tracker = name});
-  const Tracker& added =
-      *(trackers_[name] = std::make_unique<Tracker>(make(name, wanted, status, changes)));
+  auto tracker =
+      std::make_unique<Tracker>(make(name, wanted, HwFlowTracking::ftStatusFactory(name), changes));
+  publishTemplates(name, *tracker, wanted);
+  const Tracker& added = *(trackers_[name] = std::move(tracker));
   const LibraryTree& t = trees_.make(wanted.type);
   t.config->ftConfigIs(added.config);
   t.status->ftStatusIs(added.status);

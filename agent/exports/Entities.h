@@ -46,6 +46,13 @@ class Entities {
   /// Removes first, then changes, then adds, so that what takes the place of another finds it
   /// free: the library keeps counters under tracker, exporter and collector address.
   Changes apply(Settings settings);
+  /// Where the templates of a software tracker's record begin. Another record has others, and the
+  /// former ones stay until `forgetTemplates`, for the flows that were begun with them.
+  FlowTracking::TemplateId firstFlowTemplate(const std::string& tracker) const;
+  /// Withdraws the former templates of the trackers for which `unused` is true. Returns whether
+  /// there are some left.
+  bool forgetTemplates(const std::function<bool(const std::string& tracker)>& unused);
+
   size_t readyExporters() const { return ready_; }
   /// As they were applied last.
   const Settings& settings() const { return settings_; }
@@ -63,6 +70,7 @@ class Entities {
                       Changes& changes);
   Tracker make(const std::string& name, const TrackerSettings& wanted,
                Ptr<HwFlowTracking::FtStatus> status, Changes& changes);
+  void publishTemplates(const std::string& name, Tracker& tracker, const TrackerSettings& wanted);
   void addTracker(const std::string& name, const TrackerSettings& wanted, Changes& changes);
   void addExporters(const std::string& trackerName, Tracker& tracker, const TrackerSettings& wanted,
                     Changes& changes);

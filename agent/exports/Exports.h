@@ -38,6 +38,13 @@ class Exports {
   /// The same with the address that each collector with a host has now, if it has one.
   const Settings& runningSettings() const { return entities_.settings(); }
   size_t readyExporters() const { return entities_.readyExporters(); }
+  /// The templates of software trackers' records: see Entities.
+  FlowTracking::TemplateId firstFlowTemplate(const std::string& tracker) const {
+    return entities_.firstFlowTemplate(tracker);
+  }
+  bool forgetTemplates(const std::function<bool(const std::string& tracker)>& unused) {
+    return entities_.forgetTemplates(unused);
+  }
   const LibraryTrees& trees() const { return trees_; }
   const LibraryTree& tree(LibraryTrees::Type type) const { return trees_.tree(type); }
   /// Why a host cannot be looked up; empty: it can, or it is not known yet.

@@ -23,8 +23,9 @@ int64_t steadyMs() {
 }
 }  // namespace
 
-CaptureMeter::CaptureMeter(size_t maxFlows, uint64_t seed, const MeterOrders& orders)
-    : FlowMeter(maxFlows, seed, orders),
+CaptureMeter::CaptureMeter(RecordPlanPtr plan, size_t maxFlows, uint64_t seed,
+                           const MeterOrders& orders)
+    : FlowMeter(std::move(plan), maxFlows, seed, orders),
       ring_(PacketRingOptions{}),
       wakeFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
   if (!wakeFd_) throw platform::ErrnoException(errno, "eventfd");

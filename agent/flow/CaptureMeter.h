@@ -9,7 +9,7 @@ namespace agent::flow {
 class CaptureMeter final : public FlowMeter {
  public:
   /// Throws ErrnoException (EPERM: needs CAP_NET_RAW).
-  CaptureMeter(size_t maxFlows, uint64_t seed, const MeterOrders& orders);
+  CaptureMeter(RecordPlanPtr plan, size_t maxFlows, uint64_t seed, const MeterOrders& orders);
   ~CaptureMeter() override;
 
  private:

@@ -5,8 +5,9 @@ namespace {
 constexpr uint64_t fileSeed = 0x7461726e666c6f77;  // a file gives the same records each time
 }  // namespace
 
-FileMeter::FileMeter(std::unique_ptr<CaptureFile> file, size_t maxFlows, const MeterOrders& orders)
-    : FlowMeter(maxFlows, fileSeed, orders), file_(std::move(file)) {
+FileMeter::FileMeter(RecordPlanPtr plan, std::unique_ptr<CaptureFile> file, size_t maxFlows,
+                     const MeterOrders& orders)
+    : FlowMeter(std::move(plan), maxFlows, fileSeed, orders), file_(std::move(file)) {
   cache_.waiterIs([this] { return waitForRoom(); });
   // A file can be long and hold nothing that is counted.
   file_->goOnIs([this] {

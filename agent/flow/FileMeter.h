@@ -11,7 +11,8 @@ using platform::CaptureFile;
 /// Reads a capture file as fast as the records are taken; time is the packets'.
 class FileMeter final : public FlowMeter {
  public:
-  FileMeter(std::unique_ptr<CaptureFile> file, size_t maxFlows, const MeterOrders& orders);
+  FileMeter(RecordPlanPtr plan, std::unique_ptr<CaptureFile> file, size_t maxFlows,
+            const MeterOrders& orders);
   ~FileMeter() override;
   const CaptureFile& file() const { return *file_; }  ///< once `done`
   /// How much of the file was read so far, in percent.

@@ -5,12 +5,19 @@
 
 namespace agent::flow {
 
-FlowCache::FlowCache(size_t maxFlows, const FlowTimes& times, uint64_t seed, RecordQueue& queue)
+FlowCache::FlowCache(size_t maxFlows, const FlowTimes& times, uint64_t seed, const RecordPlan& plan,
+                     RecordQueue& queue)
     : maxFlows_(maxFlows),
       times_(times),
       queue_(queue),
-      ipv4_(maxFlows, {seed}),
-      ipv6_(maxFlows, {seed}) {}
+      ipv4_(plan.standard() ? maxFlows : 1, {seed}),
+      ipv6_(plan.standard() ? maxFlows : 1, {seed}) {
+  if (plan.standard()) return;
+  for (PlannedFormat format : plan.formats()) {
+    format.seedIs(seed);
+    planned_.emplace_back(maxFlows, format);
+  }
+}
 
 template <class Entry>
 inline bool FlowCache::outdated(const Entry& e) const {
@@ -19,8 +26,7 @@ inline bool FlowCache::outdated(const Entry& e) const {
 template <class Entry>
 inline int64_t FlowCache::dueMs(const Entry& e) const {
   if (outdated(e)) return std::numeric_limits<int64_t>::min();
-  const int64_t silent =
-      e.ending ? std::min(times_.inactiveMs, FlowTable<Entry>::endingMs) : times_.inactiveMs;
+  const int64_t silent = e.ending ? std::min(times_.inactiveMs, endingMs) : times_.inactiveMs;
   return std::min(e.firstMs + times_.activeMs, e.lastMs + silent);
 }
 template <class Entry>
@@ -31,14 +37,25 @@ EndReason FlowCache::reasonOf(const Entry& e) const {
                                                                     : EndReason::activeTimeout;
 }
 
-template <class Entry>
-bool FlowCache::report(const Entry& entry, EndReason reason) {
-  constexpr bool ipv6 = sizeof(entry.key.src) == 16;
+template <class Table>
+bool FlowCache::report(Table& table, const typename Table::Entry& entry, EndReason reason) {
+  const auto& format = table.format();
+  if (format.silent(entry)) return true;
   char* to = nullptr;
-  while (hold_ || !(to = queue_.room(ipv6)))
+  while (hold_ || !(to = queue_.room(format.place())))
     if (!waiter_ || !waiter_()) return false;
-  queue_.written(ipv6, encodeFlow(entry, reason, vrfId_, to));
+  queue_.written(format.place(), format.encode(entry, table.cold(entry), reason, context_, to));
   ++counters_.expired[static_cast<size_t>(reason)];
+  return true;
+}
+
+template <class Table>
+bool FlowCache::stays(Table& table, typename Table::Entry& entry, EndReason reason) {
+  if (reason != EndReason::activeTimeout || !table.format().goOn(entry, table.cold(entry)) ||
+      dueMs(entry) <= nowMs_)
+    return false;
+  // Its next packet moves it in no wheel: the look comes in time for either end.
+  table.dueAt(entry, nowMs_ + std::min(times_.activeMs, times_.inactiveMs));
   return true;
 }
 
@@ -52,8 +69,8 @@ template <class Table>
 bool FlowCache::look(Table& table, typename Table::Entry& entry) {
   if (const int64_t due = dueMs(entry); due > nowMs_) {
     table.dueAt(entry, due);
-  } else if (report(entry, reasonOf(entry))) {
-    table.remove(entry);
+  } else if (const EndReason reason = reasonOf(entry); report(table, entry, reason)) {
+    if (!stays(table, entry, reason)) table.remove(entry);
   } else {
     table.overdueIs(entry);
     return false;
@@ -75,18 +92,18 @@ void FlowCache::nowIs(int64_t nowMs) {
   if (nowMs <= nowMs_ && nowMs >= nowMs_ - setBackMs) return;
   const bool back = nowMs < nowMs_;
   nowMs_ = nowMs;
-  if (back) {
-    ipv4_.setBack(nowMs);
-    ipv6_.setBack(nowMs);
-  } else {
-    timeIs(ipv4_);
-    timeIs(ipv6_);
-  }
+  eachTable([&](auto& table) {
+    if (back) {
+      table.setBack(nowMs);
+    } else {
+      this->timeIs(table);
+    }
+  });
 }
 
 template <class Table>
 void FlowCache::evict(Table& table, typename Table::Entry& entry) {
-  if (!report(entry, EndReason::lackOfResources)) lose(entry);
+  if (!report(table, entry, EndReason::lackOfResources)) lose(entry);
   table.remove(entry);
 }
 template <class Table>
@@ -94,37 +111,39 @@ void FlowCache::evictFrom(Table& table) {
   evict(table, table.victim([this](const auto& e) { return this->dueMs(e); }));
 }
 
-template <class Table>
-typename Table::Entry& FlowCache::make(Table& table, const typename Table::Key& key,
-                                       const Sample& s) {
+template <class Table, class S>
+typename Table::Entry& FlowCache::make(Table& table, const typename Table::Key& key, const S& s) {
   if (size() >= maxFlows_) {
-    if (table.size() > 0) {
-      evictFrom(table);
-    } else if (ipv4_.size() > 0) {
-      evictFrom(ipv4_);
-    } else {
-      evictFrom(ipv6_);
-    }
+    bool evicted = table.size() > 0;
+    if (evicted) evictFrom(table);
+    eachTable([&](auto& other) {
+      if (evicted || other.size() == 0) return;
+      this->evictFrom(other);
+      evicted = true;
+    });
   }
   while (auto* entry = table.inTheWay(s.hash)) evict(table, *entry);
   ++counters_.created;
   auto& entry = table.add(key, s.hash, s.timeMs);
-  entry.flowLabelIs(s.parsed.flowLabel);
+  table.format().keep(entry, table.cold(entry), s);
   table.dueAt(entry, dueMs(entry));
   return entry;
 }
 
-template <class Table, class Key>
-void FlowCache::count(Table& table, const Key& key, const Sample& s) {
+template <class Table, class S>
+void FlowCache::count(Table& table, const typename Table::Key& key, const S& s) {
   auto* entry = table.find(key, s.hash, s.place);
   if (entry) {
     // The wheel is a tick late at most; a packet knows exactly that the flow before it is over. A
     // connection that begins anew on the same ports is another flow.
-    const bool anew = entry->ending && (s.parsed.tcpFlags & tcpSyn) != 0;
+    const bool anew = entry->ending && (s.flags() & tcpSyn) != 0;
     if (dueMs(*entry) <= s.timeMs || anew) {
-      if (report(*entry, reasonOf(*entry))) {
-        table.remove(*entry);
-        entry = nullptr;
+      const EndReason reason = reasonOf(*entry);
+      if (report(table, *entry, reason)) {
+        if (!stays(table, *entry, reason)) {
+          table.remove(*entry);
+          entry = nullptr;
+        }
       } else if (outdated(*entry)) {  // it goes on, as long as it was, by the clock as it is now
         entry->firstMs += s.timeMs - entry->lastMs;
         entry->lastMs = s.timeMs;
@@ -132,51 +151,40 @@ void FlowCache::count(Table& table, const Key& key, const Sample& s) {
     }
   }
   if (!entry) entry = &make(table, key, s);
-  ++entry->packets;
-  entry->octets += s.parsed.ipOctets;
-  entry->firstMs = std::min(entry->firstMs, s.timeMs);
-  entry->lastMs = std::max(entry->lastMs, s.timeMs);
-  entry->tcpFlags |= s.parsed.tcpFlags;
-  if ((s.parsed.tcpFlags & (tcpFin | tcpRst)) != 0 && !entry->ending) {
+  table.format().count(*entry, s);
+  if ((s.flags() & (tcpFin | tcpRst)) != 0 && !entry->ending) {
     entry->ending = true;
     table.dueAt(*entry, dueMs(*entry));
   }
 }
 
-void FlowCache::samplesIs(Sample* samples, size_t n) {
-  for (size_t i = 0; i < n; ++i) {
-    Sample& s = samples[i];
-    if (s.parsed.ipv6) {
-      s.hash = ipv6_.hash(s.parsed.key6);
-      ipv6_.prefetchSlot(s.hash);
-    } else {
-      s.hash = ipv4_.hash(s.parsed.key4);
-      ipv4_.prefetchSlot(s.hash);
-    }
-  }
-  for (size_t i = 0; i < n; ++i) {
-    Sample& s = samples[i];
-    s.place = s.parsed.ipv6 ? ipv6_.prefetchEntry(s.hash) : ipv4_.prefetchEntry(s.hash);
-  }
+template <class S>
+void FlowCache::samplesAre(S* samples, size_t n) {
+  for (size_t i = 0; i < n; ++i)
+    place(samples[i], [&s = samples[i]](auto& table, const auto& key) {
+      s.hash = table.hash(key);
+      table.prefetchSlot(s.hash);
+    });
+  for (size_t i = 0; i < n; ++i)
+    place(samples[i],
+          [&s = samples[i]](auto& table, const auto&) { s.place = table.prefetchEntry(s.hash); });
   counters_.packets += n;
   for (size_t i = 0; i < n; ++i) {
-    const Sample& s = samples[i];
-    counters_.octets += s.parsed.ipOctets;
+    const S& s = samples[i];
+    counters_.octets += s.octets();
     if (s.timeMs != nowMs_) nowIs(s.timeMs);
-    if (s.parsed.ipv6) {
-      count(ipv6_, s.parsed.key6, s);
-    } else {
-      count(ipv4_, s.parsed.key4, s);
-    }
+    place(s, [&](auto& table, const auto& key) { this->count(table, key, s); });
   }
 }
+template void FlowCache::samplesAre(Sample* samples, size_t n);
+template void FlowCache::samplesAre(PlannedSample* samples, size_t n);
 
 void FlowCache::endAll(EndReason reason) {
-  const auto end = [&](const auto& entry) {
-    if (!report(entry, reason)) lose(entry);
-  };
-  ipv4_.takeAll(end);
-  ipv6_.takeAll(end);
+  eachTable([&](auto& table) {
+    table.takeAll([&](const auto& entry) {
+      if (!this->report(table, entry, reason)) this->lose(entry);
+    });
+  });
 }
 
 }  // namespace agent::flow

@@ -2,9 +2,12 @@
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <utility>
+#include <vector>
 
 #include "agent/flow/FlowTable.h"
 #include "agent/flow/PacketParser.h"
+#include "agent/flow/RecordPlan.h"
 #include "agent/flow/RecordQueue.h"
 
 namespace agent::flow {
@@ -33,24 +36,34 @@ struct FlowCacheCounters {
 /// from before then end as forced, each with its next packet or when it was to be looked at, with
 /// their times by the clock as it was; no flow waits for the clock to catch up.
 ///
-/// Memory: 64 octets for each IPv4 flow under way, 96 for IPv6, and 15 to 30 of the index, 45 while
-/// it grows; however long flows are held, and whoever chose their keys. At most `maxFlows` are
-/// under way. What a flood took goes back to the system, but for two chunks of each FlowTable.
+/// The standard record has entries and code of its own, every other record those of its plan; all
+/// else is the same. A flow whose record has totals stays when it is reported for its length, so
+/// that they go on; it ends silently when no packet follows.
+///
+/// Memory: of the standard record 64 octets for each IPv4 flow under way, 96 for IPv6, of others
+/// 96 and more, and 15 to 30 of the index, 45 while it grows; however long flows are held, and
+/// whoever chose their keys. At most `maxFlows` are under way. What a flood took goes back to the
+/// system, but for two chunks of each FlowTable.
 class FlowCache {
  public:
-  /// A packet, parsed, on its way through the cache.
+  /// A packet of the standard record, parsed, on its way through the cache.
   struct Sample {
     Parsed parsed;
     uint32_t hash = 0;
     uint32_t place = 0;
     int64_t timeMs = 0;
+
+    uint8_t flags() const { return parsed.tcpFlags; }
+    uint32_t octets() const { return parsed.ipOctets; }
   };
 
-  FlowCache(size_t maxFlows, const FlowTimes& times, uint64_t seed, RecordQueue& queue);
+  FlowCache(size_t maxFlows, const FlowTimes& times, uint64_t seed, const RecordPlan& plan,
+            RecordQueue& queue);
 
-  /// Counts packets, in order, none of which has an error. Batches of some dozens hide the
-  /// memory's latency.
-  void samplesIs(Sample* samples, size_t n);
+  /// Counts packets, in order, none of which has an error: the first of a standard plan, the other
+  /// of any other plan. Batches of some dozens hide the memory's latency.
+  void samplesIs(Sample* samples, size_t n) { samplesAre(samples, n); }
+  void samplesIs(PlannedSample* samples, size_t n) { samplesAre(samples, n); }
   /// Lets time pass without packets.
   void nowIs(int64_t nowMs);
   int64_t nowMs() const { return nowMs_; }
@@ -58,13 +71,17 @@ class FlowCache {
   void endAll(EndReason reason);
 
   void timesIs(const FlowTimes& v) { times_ = v; }
-  void vrfIdIs(uint32_t v) { vrfId_ = v; }
+  void contextIs(RecordContext v) { context_ = std::move(v); }
   /// While set nothing is reported: no collector is ready.
   void holdIs(bool v) { hold_ = v; }
   /// Called when a flow ends and cannot be reported; true: try again, perhaps it can by now.
   /// Without one, flows stay.
   void waiterIs(std::function<bool()> v) { waiter_ = std::move(v); }
-  size_t size() const { return ipv4_.size() + ipv6_.size(); }
+  size_t size() const {
+    size_t size = ipv4_.size() + ipv6_.size();
+    for (const auto& table : planned_) size += table.size();
+    return size;
+  }
   size_t maxFlows() const { return maxFlows_; }
   const FlowCacheCounters& counters() const { return counters_; }
 
@@ -72,10 +89,31 @@ class FlowCache {
   static constexpr int64_t setBackMs = 1000;    // packets may be out of order by so much
   static constexpr int overdueLooks = 1 << 16;  // at a time
 
-  template <class Table, class Key>
-  void count(Table& table, const Key& key, const Sample& s);
-  template <class Table>
-  typename Table::Entry& make(Table& table, const typename Table::Key& key, const Sample& s);
+  template <class S>
+  void samplesAre(S* samples, size_t n);
+  /// Calls `visit(table, key)` with where the packet belongs.
+  template <class Visit>
+  void place(const Sample& s, Visit visit) {
+    if (s.parsed.ipv6) {
+      visit(ipv6_, s.parsed.key6);
+    } else {
+      visit(ipv4_, s.parsed.key4);
+    }
+  }
+  template <class Visit>
+  void place(const PlannedSample& s, Visit visit) {
+    visit(planned_[s.layout], s.key.data());
+  }
+  template <class Visit>
+  void eachTable(Visit visit) {
+    visit(ipv4_);
+    visit(ipv6_);
+    for (auto& table : planned_) visit(table);
+  }
+  template <class Table, class S>
+  void count(Table& table, const typename Table::Key& key, const S& s);
+  template <class Table, class S>
+  typename Table::Entry& make(Table& table, const typename Table::Key& key, const S& s);
   template <class Table>
   void timeIs(Table& table);
   /// False: it is over, and cannot be reported now.
@@ -87,8 +125,11 @@ class FlowCache {
   void evictFrom(Table& table);
   template <class Entry>
   void lose(const Entry& entry);
-  template <class Entry>
-  bool report(const Entry& entry, EndReason reason);
+  template <class Table>
+  bool report(Table& table, const typename Table::Entry& entry, EndReason reason);
+  /// After the report of a flow that is over: true, it stays.
+  template <class Table>
+  bool stays(Table& table, typename Table::Entry& entry, EndReason reason);
   /// It was last seen at a time that is yet to come, by the clock as it is now.
   template <class Entry>
   bool outdated(const Entry& e) const;
@@ -100,12 +141,13 @@ class FlowCache {
   size_t maxFlows_;
   FlowTimes times_;
   RecordQueue& queue_;
-  uint32_t vrfId_ = 0;
+  RecordContext context_;
   bool hold_ = false;
   std::function<bool()> waiter_;
   int64_t nowMs_ = 0;
-  FlowTable<FlowEntry4> ipv4_;
-  FlowTable<FlowEntry6> ipv6_;
+  FlowTable<StandardFormat<FlowEntry4>> ipv4_;
+  FlowTable<StandardFormat<FlowEntry6>> ipv6_;
+  std::vector<FlowTable<PlannedFormat>> planned_;  // empty for the standard record
   FlowCacheCounters counters_;
 };
 

@@ -7,12 +7,18 @@
 namespace agent::flow {
 namespace {
 constexpr auto roomWait = std::chrono::milliseconds(4);  // the endpoints' pace
-
+constexpr size_t fragmentSets = 1024;
 }  // namespace
 
-FlowMeter::FlowMeter(size_t maxFlows, uint64_t seed, const MeterOrders& orders)
-    : orders_(orders), cache_(maxFlows, orders.times, seed, queue_), parser_(seed), given_(orders) {
-  cache_.vrfIdIs(orders.vrfId);
+FlowMeter::FlowMeter(RecordPlanPtr plan, size_t maxFlows, uint64_t seed, const MeterOrders& orders)
+    : plan_(std::move(plan)),
+      orders_(orders),
+      queue_(plan_->recordLens()),
+      cache_(maxFlows, orders.times, seed, *plan_, queue_),
+      parser_(seed, fragmentSets, plan_->mpls()),
+      planned_(plan_->standard() ? 0 : batch),
+      given_(orders) {
+  cache_.contextIs(orders.context);
   cache_.holdIs(orders.hold);
 }
 
@@ -47,6 +53,18 @@ bool FlowMeter::waitForRoom() {
   return !abandon_;
 }
 
+void FlowMeter::plannedPacketIs(const Packet& packet, uint32_t interface) {
+  Parsed parsed;
+  parser_.parse(packet, parsed);
+  ++counters_.seen;
+  const bool whole = parsed.error == ParseError::none || parsed.error == ParseError::notIp;
+  if (!whole || !plan_->sample(packet, parsed, interface, planned_[gathered_])) {
+    ++counters_.errors[static_cast<size_t>(parsed.error)];
+  } else if (++gathered_ == batch) {
+    settle();
+  }
+}
+
 void FlowMeter::ordersIs(const MeterOrders& orders) {
   const std::lock_guard lock(mutex_);
   if (given_ == orders) return;
@@ -62,7 +80,7 @@ bool FlowMeter::takeOrders() {
     fresh_ = false;
   }
   cache_.timesIs(orders_.times);
-  cache_.vrfIdIs(orders_.vrfId);
+  cache_.contextIs(orders_.context);
   cache_.holdIs(orders_.hold);
   return true;
 }

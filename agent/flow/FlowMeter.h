@@ -3,9 +3,11 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "agent/flow/FlowCache.h"
 #include "agent/flow/PacketParser.h"
@@ -17,7 +19,7 @@ namespace agent::flow {
 struct MeterOrders {
   FlowTimes times;
   uint32_t sampleRate = 1;
-  uint32_t vrfId = 0;
+  RecordContext context;
   bool hold = true;  ///< no collector is ready
   /// The captured interfaces by the kernel's index, with the index that is exported.
   std::map<uint32_t, uint32_t> interfaces;
@@ -37,7 +39,8 @@ struct MeterCounters {
 /// gives orders, reads the counters and takes the records from `queue`.
 class FlowMeter {
  public:
-  FlowMeter(size_t maxFlows, uint64_t seed, const MeterOrders& orders);
+  using RecordPlanPtr = std::shared_ptr<const RecordPlan>;
+  FlowMeter(RecordPlanPtr plan, size_t maxFlows, uint64_t seed, const MeterOrders& orders);
   virtual ~FlowMeter() = default;
   FlowMeter(const FlowMeter&) = delete;
   FlowMeter& operator=(const FlowMeter&) = delete;
@@ -46,6 +49,8 @@ class FlowMeter {
   void ordersIs(const MeterOrders& orders);
   MeterCounters counters() const;
   RecordQueue& queue() { return queue_; }
+  /// What its records are.
+  const RecordPlanPtr& plan() const { return plan_; }
   /// The thread is over: what it had to say is in the queue and the counters.
   bool done() const { return done_.load(std::memory_order_acquire); }
   /// Tells the thread to report the flows under way and to end; returns at once. The thread waits
@@ -74,6 +79,7 @@ class FlowMeter {
   /// False: nobody will make room.
   bool waitForRoom();
   void packetIs(const Packet& packet, uint32_t interface) {
+    if (!plan_->standard()) return plannedPacketIs(packet, interface);
     auto& sample = samples_[gathered_];
     parser_.parse(packet, sample.parsed);
     ++counters_.seen;
@@ -87,19 +93,27 @@ class FlowMeter {
   }
   /// Counts what has gathered in the batch.
   void settle() {
-    cache_.samplesIs(samples_.data(), gathered_);
+    if (plan_->standard()) {
+      cache_.samplesIs(samples_.data(), gathered_);
+    } else {
+      cache_.samplesIs(planned_.data(), gathered_);
+    }
     gathered_ = 0;
   }
   void tellCounters();
 
+  const RecordPlanPtr plan_;
   MeterOrders orders_;
   RecordQueue queue_;
   FlowCache cache_;
   MeterCounters counters_;
 
  private:
+  void plannedPacketIs(const Packet& packet, uint32_t interface);
+
   PacketParser parser_;
   std::array<FlowCache::Sample, batch> samples_;
+  std::vector<PlannedSample> planned_;  // a batch, unless the record is standard
   size_t gathered_ = 0;
 
   std::atomic<bool> stop_{false};

@@ -11,7 +11,6 @@
 
 #include "agent/flow/CaptureMeter.h"
 #include "agent/host/Printable.h"
-#include "agent/records/FlowTemplates.h"
 #include "platform/Platform.h"
 #include "platform/linux/Netns.h"
 
@@ -44,10 +43,11 @@ uint64_t randomSeed() {
 }  // namespace
 
 FlowPath::FlowPath(std::string tracker, FlowPathHost host, const LibraryTree& tree,
-                   const TrackerSettings& settings)
+                   const TrackerSettings& settings, FlowTracking::TemplateId firstTemplate)
     : tracker_(std::move(tracker)),
       host_(std::move(host)),
       settings_(settings),
+      plan_(std::make_shared<const RecordPlan>(settings.definition, firstTemplate)),
       export_(tracker_, tree),
       ended_{.key = FlowTracking::FlowPathKey(tracker_)} {
   const auto scheduler = host_.loop->taskScheduler();
@@ -85,18 +85,29 @@ void FlowPath::hide() {
   host_.counters = nullptr;
 }
 
-void FlowPath::settingsIs(const TrackerSettings& settings) {
+void FlowPath::settingsIs(const TrackerSettings& settings, FlowTracking::TemplateId firstTemplate) {
   const bool anew = !sameKeys(settings, settings_, Effect::flowsAnew);
+  if (anew) plan_ = std::make_shared<const RecordPlan>(settings.definition, firstTemplate);
   settings_ = settings;
   if (anew && !file_)
     for (auto& [vrf, source] : sources_) release(source);
   reviewSoon();
 }
 
+bool FlowPath::formerRecordsSent() {
+  const auto former = [this](const Leaving& l) {
+    return l.meter->plan()->templateId(0) != plan_->templateId(0);
+  };
+  if (std::any_of(leaving_.begin(), leaving_.end(), former) || !export_.templatesTold())
+    return false;
+  export_.flush();
+  return true;
+}
+
 void FlowPath::fileIs(std::unique_ptr<CaptureFile> file, std::function<void(bool sent)> done) {
   const VrfName vrf{std::string(defaultVrf)};
   Source& source = sources_[vrf];
-  auto meter = std::make_unique<FileMeter>(std::move(file), settings_.maxFlows, orders(vrf));
+  auto meter = std::make_unique<FileMeter>(plan_, std::move(file), settings_.maxFlows, orders(vrf));
   file_ = meter.get();
   source.meter = std::move(meter);
   fileDone_ = std::move(done);
@@ -111,7 +122,10 @@ MeterOrders FlowPath::orders(const VrfName& vrf) const {
   o.sampleRate = settings_.sampleRate;
   o.hold = hold_;
   for (const auto& [id, name] : host_.vrfs->vrf())
-    if (name == vrf) o.vrfId = id;
+    if (name == vrf) o.context.vrfId = id;
+  if (plan_->namesInterfaces())
+    for (const auto& [name, index] : host_.indexes->intfIndex())
+      o.context.interfaceNames.emplace(index, name.stringValue());
   const auto network = host_.networks->network(vrf);
   if (!network || !network->present()) return o;
   for (const auto& [kernel, link] : network->links()) {
@@ -187,7 +201,7 @@ bool FlowPath::openMeter(const VrfName& vrf, Source& source, const MeterOrders& 
     source.netns = inside.id();
     // Another namespace is there by now; its links will be told.
     if (source.netns != host_.networks->network(vrf)->netns()) return false;
-    source.meter = std::make_unique<CaptureMeter>(settings_.maxFlows, randomSeed(), wanted);
+    source.meter = std::make_unique<CaptureMeter>(plan_, settings_.maxFlows, randomSeed(), wanted);
     watchQueue(source);
   } catch (const std::exception& e) {  // a right, descriptors, memory, threads
     source.meter.reset();
@@ -267,8 +281,8 @@ bool FlowPath::ended() { return left() && (hold_ || export_.queued() == 0); }
 bool FlowPath::drain(FlowMeter& meter) {
   RecordBlock* block = meter.queue().take();
   if (!block) return false;
-  export_.recordsIs(block->ipv6 ? ipv6FlowTemplate : ipv4FlowTemplate,
-                    block->ipv6 ? flowRecordLen6 : flowRecordLen4,
+  const RecordPlan& plan = *meter.plan();
+  export_.recordsIs(plan.templateId(block->place), plan.recordLens()[block->place],
                     {block->octets.data(), block->used});
   meter.queue().release(block);
   return true;

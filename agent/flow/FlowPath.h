@@ -37,15 +37,20 @@ struct FlowPathHost {
 /// are held back while no collector is ready, and while the endpoints have much to send.
 class FlowPath {
  public:
+  /// `firstTemplate`: where the published templates of the tracker's record begin.
   FlowPath(std::string tracker, FlowPathHost host, const LibraryTree& tree,
-           const TrackerSettings& settings);
+           const TrackerSettings& settings, FlowTracking::TemplateId firstTemplate);
   /// Ends at once: flows under way that `endSoon` left no time to report are lost.
   ~FlowPath();
   FlowPath(const FlowPath&) = delete;
   FlowPath& operator=(const FlowPath&) = delete;
 
-  /// The times, the sampling and the interfaces apply from now on; another `maxFlows` starts anew.
-  void settingsIs(const TrackerSettings& settings);
+  /// The times, the sampling and the interfaces apply from now on; another `maxFlows` or record
+  /// starts anew. Flows under way are reported as they were begun, by the templates of then.
+  void settingsIs(const TrackerSettings& settings, FlowTracking::TemplateId firstTemplate);
+  /// Asked again and again: no flow that was begun with another record is under way, and their
+  /// records are with the endpoints.
+  bool formerRecordsSent();
   /// Reads a file instead of interfaces. `done` is called once: true, all of it was sent; false, no
   /// collector was ready for `readyMax`, as the log says then. Throws what the meter's constructor
   /// does.
@@ -113,6 +118,7 @@ class FlowPath {
   std::string tracker_;
   FlowPathHost host_;
   TrackerSettings settings_;
+  FlowMeter::RecordPlanPtr plan_;
   FlowExport export_;
   bool hold_ = true;
   bool ending_ = false;

@@ -16,10 +16,11 @@ constexpr std::chrono::milliseconds leaveShare{10};  // of the loop, at a reload
 constexpr std::chrono::seconds finishMax{10};        // a million flows leave in half of it
 }  // namespace
 
-FlowPaths::FlowPaths(FlowPathHost host, Replay* replay,
+FlowPaths::FlowPaths(FlowPathHost host, Replay* replay, FlowTemplateIds templates,
                      std::function<void(const Settings& wanted)> reported)
     : host_(std::move(host)),
       replay_(replay),
+      templates_(std::move(templates)),
       reported_(std::move(reported)),
       leavingTask_(host_.loop->taskScheduler()->timerTask("agent-leaving", afterAll,
                                                           [this] { handleLeaving(); })) {}
@@ -34,12 +35,22 @@ void FlowPaths::follow(const Settings& wanted, const LibraryTree& tree) {
     if (!tracksPackets(tracker)) continue;
     auto& path = paths_[name];
     if (path) {
-      path->settingsIs(tracker);
+      path->settingsIs(tracker, templates_.first(name));
     } else {
-      path = std::make_unique<FlowPath>(name, host_, tree, tracker);
+      path = std::make_unique<FlowPath>(name, host_, tree, tracker, templates_.first(name));
       if (replay_) replay_->read(*path);
     }
   }
+  forgetTemplates();
+}
+
+/// Templates of former records go when their last flow was reported.
+void FlowPaths::forgetTemplates() {
+  const bool any = templates_.forget([this](const std::string& tracker) {
+    const auto path = paths_.find(tracker);
+    return leaving_.empty() && (path == paths_.end() || path->second->formerRecordsSent());
+  });
+  if (any) leavingTask_->scheduleIs(poll);
 }
 
 Settings FlowPaths::leave(const Settings& wanted, const Settings& running) {
@@ -79,6 +90,7 @@ Settings FlowPaths::leave(const Settings& wanted, const Settings& running) {
 
 void FlowPaths::handleLeaving() {
   std::erase_if(leaving_, [](const auto& path) { return path->ended(); });
+  forgetTemplates();
   if (!leaving_.empty()) {
     leavingTask_->scheduleIs(poll);
   } else if (const auto wanted = std::exchange(waiting_, std::nullopt)) {

@@ -11,6 +11,16 @@
 
 namespace agent::flow {
 
+/// Who publishes the templates of the trackers' records.
+struct FlowTemplateIds {
+  using Unused = std::function<bool(const std::string& tracker)>;
+  /// Where those of a tracker's record begin.
+  std::function<FlowTracking::TemplateId(const std::string& tracker)> first;
+  /// Withdraws those of former records of the trackers for which `unused` is true. Returns whether
+  /// there are some left.
+  std::function<bool(const Unused& unused)> forget;
+};
+
 /// The software flow paths, one for each tracker that tracks packets. A path
 /// that ends reports its flows at the exporters' pace, and its tracker keeps
 /// its exporters until then.
@@ -23,7 +33,7 @@ class FlowPaths {
   /// `replay`: reads a file in place of interfaces; null: there is none.
   /// `reported` is called when settings that had to wait for flows can be
   /// applied whole.
-  FlowPaths(FlowPathHost host, Replay* replay,
+  FlowPaths(FlowPathHost host, Replay* replay, FlowTemplateIds templates,
             std::function<void(const Settings& wanted)> reported);
 
   /// Begins to end the paths of trackers that no longer track packets. Returns
@@ -42,10 +52,12 @@ class FlowPaths {
 
   bool tracksPackets(const TrackerSettings& tracker) const;
   void handleLeaving();
+  void forgetTemplates();
   bool ended() const;
 
   const FlowPathHost host_;
   Replay* const replay_;
+  const FlowTemplateIds templates_;
   const std::function<void(const Settings& wanted)> reported_;
   Paths leaving_;
   std::optional<Settings> waiting_;  // for the end of those

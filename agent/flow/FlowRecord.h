@@ -1,15 +1,37 @@
 #pragma once
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <cstring>
+#include <map>
+#include <string>
+#include <string_view>
 
 #include "agent/flow/FlowTable.h"
 
 namespace agent::flow {
 
-/// Octets of a flow's record in the layout of its template (agent/records/FlowTemplates.h).
+/// Octets of a standard record, whose fields are those of builtInRecords().
 inline constexpr size_t flowRecordLen4 = 63;
 inline constexpr size_t flowRecordLen6 = 91;
+
+/// A number of this machine in network byte order, and back.
+template <class T>
+T networkOrder(T v) {
+  static_assert(std::endian::native == std::endian::little);
+  if constexpr (sizeof(T) == 2) v = static_cast<T>(__builtin_bswap16(static_cast<uint16_t>(v)));
+  if constexpr (sizeof(T) == 4) v = static_cast<T>(__builtin_bswap32(static_cast<uint32_t>(v)));
+  if constexpr (sizeof(T) == 8) v = static_cast<T>(__builtin_bswap64(static_cast<uint64_t>(v)));
+  return v;
+}
+
+/// What encoding a record needs besides the flow.
+struct RecordContext {
+  uint32_t vrfId = 0;
+  /// Names of interfaces by the index that is exported, where the record has them.
+  std::map<uint32_t, std::string> interfaceNames;
+  bool operator==(const RecordContext&) const = default;
+};
 
 /// Writes fields in network byte order, one behind the other.
 class FieldWriter {
@@ -17,15 +39,37 @@ class FieldWriter {
   explicit FieldWriter(char* at) : at_(at) {}
   template <class T>
   void put(T v) {
-    if constexpr (sizeof(T) == 2) v = static_cast<T>(__builtin_bswap16(static_cast<uint16_t>(v)));
-    if constexpr (sizeof(T) == 4) v = static_cast<T>(__builtin_bswap32(static_cast<uint32_t>(v)));
-    if constexpr (sizeof(T) == 8) v = static_cast<T>(__builtin_bswap64(static_cast<uint64_t>(v)));
+    v = networkOrder(v);
     std::memcpy(at_, &v, sizeof v);
     at_ += sizeof v;
   }
   void octets(const void* from, size_t n) {
-    std::memcpy(at_, from, n);
+    // Lengths that the compiler knows are copied without a call.
+    if (n == 1) {
+      std::memcpy(at_, from, 1);
+    } else if (n == 6) {
+      std::memcpy(at_, from, 6);
+    } else if (n == 8) {
+      std::memcpy(at_, from, 8);
+    } else {
+      std::memcpy(at_, from, n);
+    }
     at_ += n;
+  }
+  /// Numbers that lie in this machine's order.
+  template <class T>
+  void swapped(const char* from) {
+    T v;
+    std::memcpy(&v, from, sizeof v);
+    put(v);
+  }
+  /// In a field of fixed length: cut between two characters of UTF-8, padded with zeros.
+  void text(std::string_view from, size_t len) {
+    size_t n = std::min(from.size(), len);
+    while (n > 0 && n < from.size() && (from[n] & 0xc0) == 0x80) --n;
+    std::memcpy(at_, from.data(), n);
+    std::memset(at_ + n, 0, len - n);
+    at_ += len;
   }
   const char* at() const { return at_; }
 
@@ -33,7 +77,8 @@ class FieldWriter {
   char* at_;
 };
 
-/// Encodes one flow where flowRecordLen4 or flowRecordLen6 octets have room; returns its octets.
+/// Encodes one flow as a standard record where flowRecordLen4 or flowRecordLen6 octets have room;
+/// returns its octets.
 template <class Entry>
 size_t encodeFlow(const Entry& e, EndReason reason, uint32_t vrfId, char* to) {
   const FlowClass& c = e.key.rest;
@@ -57,5 +102,32 @@ size_t encodeFlow(const Entry& e, EndReason reason, uint32_t vrfId, char* to) {
   if constexpr (sizeof(e.key.src) == 16) w.put(e.flowLabel);
   return static_cast<size_t>(w.at() - to);
 }
+
+/// The flow table's view of entries of the standard record, whose layout the compiler knows.
+template <class EntryType>
+struct StandardFormat : FixedFormat<EntryType> {
+  using Entry = EntryType;
+  static constexpr bool ipv6 = sizeof(Entry::key.src) == 16;
+
+  static constexpr uint8_t place() { return ipv6 ? 1 : 0; }
+  template <class Sample>
+  static void keep(Entry& e, char* /*cold*/, const Sample& s) {
+    e.flowLabelIs(s.parsed.flowLabel);
+  }
+  template <class Sample>
+  static void count(Entry& e, const Sample& s) {
+    ++e.packets;
+    e.octets += s.parsed.ipOctets;
+    e.firstMs = std::min(e.firstMs, s.timeMs);
+    e.lastMs = std::max(e.lastMs, s.timeMs);
+    e.tcpFlags |= s.parsed.tcpFlags;
+  }
+  static constexpr bool goOn(const Entry&, char* /*cold*/) { return false; }
+  static constexpr bool silent(const Entry&) { return false; }
+  static size_t encode(const Entry& e, const char* /*cold*/, EndReason reason,
+                       const RecordContext& context, char* to) {
+    return encodeFlow(e, reason, context.vrfId, to);
+  }
+};
 
 }  // namespace agent::flow

@@ -28,6 +28,7 @@ struct FlowTimes {
   bool operator==(const FlowTimes&) const = default;
 };
 
+inline constexpr int64_t endingMs = 1000;  ///< the last acknowledgements follow a FIN
 inline constexpr uint8_t tcpFin = 0x01, tcpSyn = 0x02, tcpRst = 0x04;
 
 /// What is known of one flow: one cache line for IPv4, one and a half for IPv6. `next` and `prev`
@@ -68,16 +69,70 @@ struct alignas(32) FlowEntry6 {
 };
 static_assert(sizeof(FlowEntry6) == 96, "a flow lies in two cache lines");
 
-/// The hash of a flow table: see keyHash.
-struct SeededHash {
-  uint64_t seed;
-  template <class Key>
-  uint32_t operator()(const Key& key) const {
-    return static_cast<uint32_t>(keyHash(key, seed));
-  }
+/// An entry's list in a FlowTable, and its neighbours there by their places from 1; 0: none.
+struct FlowLinks {
+  uint32_t& next;
+  uint32_t& prev;
+  uint16_t& list;
 };
 
-/// The flows of one address family. Entries keep their place while they live; an index leads to
+/// How a flow table sees its entries: here all of one type that is known when this is compiled. An
+/// entry has members `used`, `firstMs` and `lastMs`.
+template <class EntryType>
+struct FixedFormat {
+  using Entry = EntryType;
+  using Key = decltype(Entry::key);
+  uint64_t seed;
+
+  static constexpr size_t entryLen() { return sizeof(Entry); }
+  /// What packets of a flow do not need may lie elsewhere, so that more entries are in the cache.
+  static constexpr size_t coldLen() { return 0; }
+  static FlowLinks links(Entry& e, char* /*cold*/) { return {e.next, e.prev, e.list}; }
+  static const Key& keyOf(const Entry& e) { return e.key; }
+  static bool same(const Entry& e, const Key& key) { return e.key == key; }
+  static void begin(Entry& e, const Key& key) {
+    e = Entry{};
+    e.key = key;
+  }
+  uint32_t hash(const Key& key) const { return static_cast<uint32_t>(keyHash(key, seed)); }
+};
+
+/// Entries behind each other, as long as their format says, and in another place their cold parts.
+template <class Format>
+class EntryArray {
+ public:
+  using Entry = typename Format::Entry;
+  EntryArray(size_t n, const Format& format) : size_(n), format_(format) {
+    octets_ = Mapping<char>(n * format.entryLen());
+    if (format.coldLen() > 0) cold_ = Mapping<char>(n * format.coldLen());
+  }
+  size_t size() const { return size_; }
+  Entry& operator[](size_t i) { return *reinterpret_cast<Entry*>(&octets_[i * len()]); }
+  const Entry& operator[](size_t i) const {
+    return *reinterpret_cast<const Entry*>(&octets_[i * len()]);
+  }
+  size_t indexOf(const Entry& e) const {
+    const auto at = static_cast<size_t>(reinterpret_cast<const char*>(&e) - &octets_[0]);
+    return len() == 64 ? at / 64 : at / len();  // most are, and are found without a division
+  }
+  char* coldOf(const Entry& e) {
+    return format_.coldLen() > 0 ? &cold_[indexOf(e) * format_.coldLen()] : nullptr;
+  }
+  void forget(size_t first, size_t n) {
+    octets_.forget(first * len(), n * len());
+    if (format_.coldLen() > 0) cold_.forget(first * format_.coldLen(), n * format_.coldLen());
+  }
+  const Format& format() const { return format_; }
+
+ private:
+  size_t len() const { return format_.entryLen(); }
+  Mapping<char> octets_;
+  Mapping<char> cold_;
+  size_t size_;
+  Format format_;
+};
+
+/// The flows of one kind of packets. Entries keep their place while they live; an index leads to
 /// them, and a wheel of ticks knows when each is due. A look-up costs two cache misses, and both
 /// can be asked for ahead:
 ///
@@ -90,16 +145,16 @@ struct SeededHash {
 /// that are empty go back to the system.
 ///
 /// Times in milliseconds since 1970, from the packets. Not for several threads.
-template <class EntryType, class Hash = SeededHash>
+template <class EntryFormat>
 class FlowTable {
  public:
-  using Entry = EntryType;
-  using Key = decltype(Entry::key);
+  using Format = EntryFormat;
+  using Entry = typename Format::Entry;
+  using Key = typename Format::Key;
   static constexpr int64_t tickMs = 64;
-  static constexpr int64_t ticks = 1024;     ///< 65 s: what is due later is looked at again then
-  static constexpr int64_t endingMs = 1000;  ///< the last acknowledgements follow a FIN
+  static constexpr int64_t ticks = 1024;  ///< 65 s: what is due later is looked at again then
 
-  FlowTable(size_t capacity, Hash hash) : hash_(hash), entries_(capacity) {
+  FlowTable(size_t capacity, const Format& format) : entries_(capacity, format) {
     while (maxChunks << chunkBits_ < capacity) ++chunkBits_;
     clearChunks();
   }
@@ -107,7 +162,10 @@ class FlowTable {
   size_t size() const { return size_; }
   size_t capacity() const { return entries_.size(); }
   bool full() const { return size_ == capacity(); }
-  uint32_t hash(const Key& key) const { return hash_(key); }
+  const Format& format() const { return entries_.format(); }
+  /// The cold part of an entry, where the format has one.
+  char* cold(const Entry& e) { return entries_.coldOf(e); }
+  uint32_t hash(const Key& key) const { return format().hash(key); }
 
   void prefetchSlot(uint32_t hash) const { index_.prefetch(hash); }
   /// Where the entry of this hash most likely is, for `find`; 0: nowhere.
@@ -115,15 +173,14 @@ class FlowTable {
     const uint32_t place = index_.find(hash, [](uint32_t) { return true; });
     if (place == 0) return 0;
     const auto* entry = reinterpret_cast<const char*>(&entries_[place - 1]);
-    __builtin_prefetch(entry, 1);
-    if constexpr (sizeof(Entry) > 64) __builtin_prefetch(entry + 64, 1);
+    for (size_t at = 0; at < format().entryLen(); at += 64) __builtin_prefetch(entry + at, 1);
     return place;
   }
 
   /// Null: there is none. `place` is what `prefetchEntry` said, perhaps long ago.
   Entry* find(const Key& key, uint32_t hash, uint32_t place = 0) {
     const auto same = [&](uint32_t p) {
-      return entries_[p - 1].used && entries_[p - 1].key == key;
+      return entries_[p - 1].used && format().same(entries_[p - 1], key);
     };
     if (place == 0 || !same(place)) place = index_.find(hash, same);
     return place == 0 ? nullptr : &entries_[place - 1];
@@ -141,10 +198,9 @@ class FlowTable {
   Entry& add(const Key& key, uint32_t hash, int64_t nowMs) {
     const uint32_t place = newPlace();
     Entry& e = entries_[place - 1];
-    e = Entry{};
-    e.key = key;
+    format().begin(e, key);
     e.firstMs = e.lastMs = nowMs;
-    e.list = noList;
+    links(e).list = noList;
     e.used = true;
     index_.add(hash, place);
     ++size_;
@@ -153,7 +209,7 @@ class FlowTable {
 
   void remove(Entry& entry) {
     const uint32_t place = placeOf(entry);
-    index_.remove(hash_(entry.key), place);
+    index_.remove(hash(format().keyOf(entry)), place);
     unlink(entry);
     entry.used = false;
     --size_;
@@ -169,7 +225,7 @@ class FlowTable {
   }
   /// The entry waits behind those that are overdue already, and for no tick any more.
   void overdueIs(Entry& entry) {
-    if (entry.list != overdueList) link(entry, overdueList);
+    if (links(entry).list != overdueList) link(entry, overdueList);
   }
   /// The entry that is overdue for longest, or null.
   Entry* overdue() { return at(lists_[overdueList].head); }
@@ -184,7 +240,7 @@ class FlowTable {
       ++tick_;
       tickBeganMs_ += tickMs;
       for (Entry* e = at(lists_[static_cast<size_t>(tick_ % ticks)].head); e;) {
-        Entry* next = at(e->next);
+        Entry* next = at(links(*e).next);
         __builtin_prefetch(next, 1);
         look(*e);
         e = next;
@@ -247,8 +303,9 @@ class FlowTable {
     uint32_t free = 0;
   };
 
+  FlowLinks links(Entry& e) { return format().links(e, cold(e)); }
   Entry* at(uint32_t place) { return place == 0 ? nullptr : &entries_[place - 1]; }
-  uint32_t placeOf(const Entry& e) const { return static_cast<uint32_t>(&e - &entries_[0]) + 1; }
+  uint32_t placeOf(const Entry& e) const { return static_cast<uint32_t>(entries_.indexOf(e)) + 1; }
   int64_t ticksUntil(int64_t ms) const {
     if (ms < tickBeganMs_) return 1;
     return std::min((ms - tickBeganMs_) / tickMs + 1, ticks - 1);
@@ -258,17 +315,19 @@ class FlowTable {
     unlink(e);
     List& l = lists_[list];
     const uint32_t place = placeOf(e);
-    e.list = list;
-    e.next = 0;
-    e.prev = l.tail;
-    (l.tail == 0 ? l.head : entries_[l.tail - 1].next) = place;
+    const FlowLinks own = links(e);
+    own.list = list;
+    own.next = 0;
+    own.prev = l.tail;
+    (l.tail == 0 ? l.head : links(entries_[l.tail - 1]).next) = place;
     l.tail = place;
   }
   void unlink(Entry& e) {
-    if (e.list == noList) return;
-    List& l = lists_[e.list];
-    (e.prev == 0 ? l.head : entries_[e.prev - 1].next) = e.next;
-    (e.next == 0 ? l.tail : entries_[e.next - 1].prev) = e.prev;
+    const FlowLinks own = links(e);
+    if (own.list == noList) return;
+    List& l = lists_[own.list];
+    (own.prev == 0 ? l.head : links(entries_[own.prev - 1]).next) = own.next;
+    (own.next == 0 ? l.tail : links(entries_[own.next - 1]).prev) = own.prev;
   }
 
   size_t firstOf(uint32_t chunk) const { return size_t{chunk} << chunkBits_; }
@@ -277,7 +336,7 @@ class FlowTable {
     Chunk& chunk = chunks_[c];
     uint32_t place = chunk.free;
     if (place != 0) {
-      chunk.free = entries_[place - 1].next;
+      chunk.free = links(entries_[place - 1]).next;
     } else {
       place = static_cast<uint32_t>(firstOf(c)) + ++chunk.touched;
     }
@@ -287,7 +346,7 @@ class FlowTable {
   void freePlace(uint32_t place) {
     const uint32_t c = (place - 1) >> chunkBits_;
     Chunk& chunk = chunks_[c];
-    entries_[place - 1].next = std::exchange(chunk.free, place);
+    links(entries_[place - 1]).next = std::exchange(chunk.free, place);
     roomy_ |= uint64_t{1} << c;
     if (++chunk.room < chunk.length || c == 0) return;
     // Empty chunks stay as long as the flows would not fit half a chunk below them: else memory
@@ -312,8 +371,7 @@ class FlowTable {
     }
   }
 
-  Hash hash_;
-  Mapping<Entry> entries_;
+  EntryArray<Format> entries_;
   FlowIndex index_;
   size_t size_ = 0;
   uint32_t chunkBits_ = 15;

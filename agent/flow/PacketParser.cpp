@@ -92,8 +92,48 @@ std::string_view toText(ParseError e) {
   return names[static_cast<size_t>(e)];
 }
 
+namespace {
+constexpr uint16_t etherTypeMpls = 0x8847, etherTypeMplsUpstream = 0x8848;  // RFC 5332
+constexpr int mplsLabelsMax = 16;
+
+/// Goes behind the MPLS labels (RFC 3032), where there are any, to a packet whose version tells
+/// what it is.
+NetworkLayer behindLabels(const Packet& p, NetworkLayer n) {
+  if (n.etherType != etherTypeMpls && n.etherType != etherTypeMplsUpstream) return n;
+  n.etherType = 0;
+  for (int labels = 0; labels < mplsLabelsMax; ++labels) {
+    n.at += 4;
+    if (n.at >= p.capLen) {
+      ++n.at;  // the octet with the version has to be there
+      return n;
+    }
+    if ((p.octets[n.at - 2] & 1) == 0) continue;  // not the bottom of the stack
+    if (p.octets[n.at] >> 4 == 4) n.etherType = platform::etherTypeIpv4;
+    if (p.octets[n.at] >> 4 == 6) n.etherType = platform::etherTypeIpv6;
+    return n;
+  }
+  return n;
+}
+}  // namespace
+
+LinkFacts linkFacts(const Packet& p) {
+  LinkFacts facts{.network = networkLayer(p)};
+  const NetworkLayer& n = facts.network;
+  facts.ipAt = behindLabels(p, n).at;
+  if (facts.ipAt > n.at && n.at + 3 <= p.capLen) std::memcpy(&facts.mpls, p.octets + n.at, 3);
+  if (p.link != LinkLayer::ethernet) return facts;
+  constexpr size_t headerLen = 14;
+  constexpr size_t tagLen = 4;
+  std::memcpy(&facts.dstMac, p.octets, 6);
+  std::memcpy(&facts.srcMac, p.octets + 6, 6);
+  const size_t second = headerLen + (p.hasVlan ? 0 : tagLen);
+  if (n.at >= second + tagLen) facts.customerVlan = be16(p.octets + second) & 0xfff;
+  return facts;
+}
+
 ParseError PacketParser::parseAny(const Packet& p, Parsed& out) {
-  const NetworkLayer ip = networkLayer(p);
+  NetworkLayer ip = networkLayer(p);
+  if (mpls_ && p.capLen >= ip.at) ip = behindLabels(p, ip);
   if (p.capLen < ip.at) return lacking(p, ip.at);
   if (ip.etherType == platform::etherTypeIpv4) return parse4(p, ip, out);
   if (ip.etherType == platform::etherTypeIpv6) return parse6(p, ip, out);

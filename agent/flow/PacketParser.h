@@ -35,6 +35,19 @@ struct Parsed {
   FlowKey6 key6;           ///< when `ipv6`
 };
 
+/// What lies in front of a packet's network layer. MAC addresses and the MPLS label are octets as
+/// they lie in the packet, the first one lowest.
+struct LinkFacts {
+  NetworkLayer network;
+  size_t ipAt = 0;      ///< where an IP packet begins, behind any MPLS labels
+  uint64_t srcMac = 0;  ///< 0: the link layer has none
+  uint64_t dstMac = 0;
+  uint64_t mpls = 0;          ///< top label, traffic class and bottom bit, three octets; 0: none
+  uint16_t customerVlan = 0;  ///< id in the second tag; 0: none
+};
+/// Of a packet in which the parser found the network layer.
+LinkFacts linkFacts(const Packet& packet);
+
 /// The transport ports that first fragments had, for the fragments behind them, which have none.
 /// Bounded: when it is full, a new datagram takes the place of the oldest it collides with.
 class FragmentTable {
@@ -94,9 +107,10 @@ class PacketParser {
  public:
   /// `seed`: for the hash of the fragment table, whose places nobody on the wire shall foresee;
   /// the same seed and packets give the same results. `fragmentSets`: sets of four packets whose
-  /// fragments are remembered, a power of two; 256 octets each.
-  explicit PacketParser(uint64_t seed, size_t fragmentSets = 1024)
-      : fragments_(seed, fragmentSets) {}
+  /// fragments are remembered, a power of two; 256 octets each. `mpls`: IP packets behind MPLS
+  /// labels belong to flows as well; otherwise they are `notIp`.
+  explicit PacketParser(uint64_t seed, size_t fragmentSets = 1024, bool mpls = false)
+      : fragments_(seed, fragmentSets), mpls_(mpls) {}
 
   /// True when the packet belongs to a flow. Otherwise `out.error` says why and the rest of `out`
   /// means nothing. Of the two keys only the one that `out.ipv6` names is written.
@@ -135,6 +149,7 @@ class PacketParser {
   void fragmentIs(const FragmentTable::Key& key, const Packet& packet, bool first, FlowClass& flow);
 
   FragmentTable fragments_;
+  bool mpls_;
 };
 
 inline bool PacketParser::parseCommon(const Packet& p, Parsed& out) {

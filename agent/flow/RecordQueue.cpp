@@ -4,12 +4,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "platform/UdpPam.h"
 
 namespace agent::flow {
 
-RecordQueue::RecordQueue() : eventFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+RecordQueue::RecordQueue(const RecordLens& lens)
+    : lens_(lens), eventFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
   if (!eventFd_) throw platform::ErrnoException(errno, "eventfd");
   for (size_t i = 0; i < blocks; ++i) {
     all_.push_back(std::make_unique<RecordBlock>());
@@ -17,26 +19,25 @@ RecordQueue::RecordQueue() : eventFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
   }
 }
 
-char* RecordQueue::room(bool ipv6) {
-  RecordBlock*& open = open_[ipv6 ? 1 : 0];
-  const size_t len = ipv6 ? flowRecordLen6 : flowRecordLen4;
-  if (open && open->used + len > RecordBlock::size) publish(ipv6);
+char* RecordQueue::room(uint8_t place) {
+  RecordBlock*& open = open_[place];
+  if (open && open->used + lens_[place] > RecordBlock::size) publish(place);
   if (!open) {
     open = free_.take();
     if (!open) return nullptr;
-    open->ipv6 = ipv6;
+    open->place = place;
     open->used = 0;
   }
   return open->octets.data() + open->used;
 }
 
 void RecordQueue::flush() {
-  for (const bool ipv6 : {false, true})
-    if (open_[ipv6 ? 1 : 0] && open_[ipv6 ? 1 : 0]->used > 0) publish(ipv6);
+  for (uint8_t place = 0; place < open_.size(); ++place)
+    if (open_[place] && open_[place]->used > 0) publish(place);
 }
 
-void RecordQueue::publish(bool ipv6) {
-  filled_.put(std::exchange(open_[ipv6 ? 1 : 0], nullptr));  // as many slots as there are blocks
+void RecordQueue::publish(uint8_t place) {
+  filled_.put(std::exchange(open_[place], nullptr));  // as many slots as there are blocks
   const uint64_t one = 1;
   [[maybe_unused]] const auto n = write(eventFd_.get(), &one, sizeof one);
 }

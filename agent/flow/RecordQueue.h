@@ -5,15 +5,15 @@
 #include <memory>
 #include <vector>
 
-#include "agent/flow/FlowRecord.h"
+#include "agent/records/FlowRecords.h"
 #include "platform/linux/Fd.h"
 
 namespace agent::flow {
 
-/// Encoded records of one family, back to back.
+/// Encoded records of one layout, back to back.
 struct RecordBlock {
   static constexpr size_t size = 32 << 10;
-  bool ipv6 = false;
+  uint8_t place = 0;  ///< the layout's
   uint32_t used = 0;
   std::array<char, size> octets;
 };
@@ -48,10 +48,12 @@ class BlockRing {
 /// blocks. The writer's side and the reader's side belong to one thread each.
 class RecordQueue {
  public:
-  /// Two blocks of each writer are being filled; the others wait or are free.
+  /// One block of each layout is being filled; the others wait or are free.
   static constexpr size_t blocks = 64;
+  using RecordLens = std::array<uint16_t, packetKinds>;
 
-  RecordQueue();
+  /// `lens`: octets of a record, by its layout's place.
+  explicit RecordQueue(const RecordLens& lens);
   RecordQueue(const RecordQueue&) = delete;
   RecordQueue& operator=(const RecordQueue&) = delete;
 
@@ -60,8 +62,10 @@ class RecordQueue {
 
   // The writer's side.
   /// Room for one record, or null: the reader is behind. `written` must follow.
-  char* room(bool ipv6);
-  void written(bool ipv6, size_t octets) { open_[ipv6 ? 1 : 0]->used += octets; }
+  char* room(uint8_t place);
+  void written(uint8_t place, size_t octets) {
+    open_[place]->used += static_cast<uint32_t>(octets);
+  }
   /// Hands over what has gathered.
   void flush();
 
@@ -73,12 +77,13 @@ class RecordQueue {
   void heard();
 
  private:
-  void publish(bool ipv6);
+  void publish(uint8_t place);
 
+  RecordLens lens_;
   std::vector<std::unique_ptr<RecordBlock>> all_;
   BlockRing filled_{blocks};
   BlockRing free_{blocks};
-  std::array<RecordBlock*, 2> open_{};  // by family
+  std::array<RecordBlock*, packetKinds> open_{};  // by place
   platform::Fd eventFd_;
 };
 

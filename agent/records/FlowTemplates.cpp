@@ -7,35 +7,6 @@ namespace {
 using FlowTracking::TemplateId;
 using HwFlowTracking::FtTemplateEntry;
 using HwFlowTracking::TemplateStatus;
-
-// Element numbers of IANA's IPFIX registry.
-constexpr Ipfix::RecordType octetDeltaCount = 1, packetDeltaCount = 2, protocolIdentifier = 4,
-                            ipClassOfService = 5, tcpControlBits = 6, sourceTransportPort = 7,
-                            sourceIPv4Address = 8, ingressInterface = 10,
-                            destinationTransportPort = 11, destinationIPv4Address = 12,
-                            egressInterface = 14, sourceIPv6Address = 27,
-                            destinationIPv6Address = 28, flowLabelIPv6 = 31, flowEndReason = 136,
-                            vlanId = 58, flowStartMilliseconds = 152, flowEndMilliseconds = 153,
-                            ingressVRFID = 234;
-
-std::vector<FlowField> flowFields(Ipfix::RecordType source, Ipfix::RecordType destination) {
-  return {{source, true},
-          {destination, true},
-          {sourceTransportPort, true},
-          {destinationTransportPort, true},
-          {protocolIdentifier, true},
-          {ipClassOfService, true},
-          {vlanId, true},
-          {ingressInterface, true},
-          {ingressVRFID, true},
-          {egressInterface},
-          {octetDeltaCount},
-          {packetDeltaCount},
-          {flowStartMilliseconds},
-          {flowEndMilliseconds},
-          {tcpControlBits},
-          {flowEndReason}};
-}
 }  // namespace
 
 Ptr<TemplateStatus> flowTemplate(TemplateId id, const std::vector<FlowField>& fields,
@@ -58,7 +29,7 @@ Ptr<TemplateStatus> flowTemplate(TemplateId id, const std::vector<FlowField>& fi
     }
     const Ipfix::ElementId& element = registry.elementIdColl(field.element);
     FtTemplateEntry entry(position++, field.element);
-    entry.fieldLenIs(static_cast<uint16_t>(element.len()));
+    entry.fieldLenIs(field.len > 0 ? field.len : static_cast<uint16_t>(element.len()));
     entry.enterpriseIeIs(element.enterpriseIe());
     entry.flowKeyIs(field.key);
     status->ftTemplateEntryIs(entry);
@@ -67,16 +38,26 @@ Ptr<TemplateStatus> flowTemplate(TemplateId id, const std::vector<FlowField>& fi
   return status;
 }
 
-std::vector<Ptr<TemplateStatus>> flowTemplates(const Ipfix::ElementIdColl& registry,
+std::vector<Ptr<TemplateStatus>> flowTemplates(const RecordLayouts& layouts, TemplateId first,
+                                               const Ipfix::ElementIdColl& registry,
                                                std::string& problem) {
-  auto ipv6Fields = flowFields(sourceIPv6Address, destinationIPv6Address);
-  ipv6Fields.push_back({flowLabelIPv6});
-  auto ipv4 = flowTemplate(ipv4FlowTemplate, flowFields(sourceIPv4Address, destinationIPv4Address),
-                           registry, problem);
-  if (!ipv4) return {};
-  auto ipv6 = flowTemplate(ipv6FlowTemplate, ipv6Fields, registry, problem);
-  if (!ipv6) return {};
-  return {ipv4, ipv6};
+  std::vector<Ptr<TemplateStatus>> all;
+  for (size_t place = 0; place < layouts.size(); ++place) {
+    if (layouts[place].kinds == 0) continue;
+    std::vector<FlowField> fields;
+    for (const RecordLayout::Field& f : layouts[place].fields)
+      fields.push_back({f.field->element, f.key, f.field->len});
+    auto one = flowTemplate(static_cast<TemplateId>(first + place), fields, registry, problem);
+    if (!one) return {};
+    all.push_back(std::move(one));
+  }
+  return all;
+}
+
+TemplateId nextFlowTemplate(TemplateId id) {
+  // After 16,000 changes they begin anew; what stood there is long forgotten.
+  const auto next = static_cast<TemplateId>(id + flowTemplateStep);
+  return FlowTracking::Constants::isReserved(next) ? firstFlowTemplate : next;
 }
 
 }  // namespace agent

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "agent/records/FlowRecords.h"
 #include "platform/FlowTracking.h"
 #include "platform/Ip.h"
 #include "platform/UdpPam.h"
@@ -43,6 +44,8 @@ struct TrackerSettings {
   std::chrono::milliseconds inactiveTimeout{15000};
   uint16_t localPort = 4739;  ///< where devices send to, of a hardware tracker; 0: any
   size_t maxFlows = 1000000;  ///< flows under way in each VRF, of a software tracker
+  std::string record = standardRecordName;  ///< what is told of a flow, of a software tracker ...
+  RecordDefinition definition = builtInRecords().at(standardRecordName);  ///< ... and its fields
   std::map<std::string, ExporterSettings> exporters;
   bool operator==(const TrackerSettings&) const = default;
 };
@@ -52,6 +55,7 @@ struct Settings {
   std::string control = "/run/tarnflow/control.sock";  ///< path of the control socket
   std::chrono::milliseconds resolveInterval{60000};    ///< between two lookups of a host's name
   std::map<std::string, VrfId> vrfs;                   ///< exported ids; always has "default"
+  std::map<std::string, RecordDefinition> records;     ///< by name; without those built in
   std::map<std::string, TrackerSettings> trackers;
   bool operator==(const Settings&) const = default;
 };

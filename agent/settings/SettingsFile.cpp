@@ -115,16 +115,82 @@ void readCollectors(Section& exporter, ExporterSettings& out) {
       });
 }
 
+void checkRecordLen(Section& exporter, const TrackerSettings& t, const ExporterSettings& e) {
+  if (t.type != FlowTrackingType::software) return;
+  const uint32_t least =
+      ::Ipfix::IpfixConst::ipUdpHeaderLen() + messageLenFor(recordLayouts(t.definition));
+  if (e.mtu < least)
+    exporter.refuse("mtu", "record " + keyText(t.record) + " of the tracker needs one of " +
+                               std::to_string(least) + " octets at least");
+}
+
 void readExporters(Section& tracker, TrackerSettings& out) {
   tracker.tables("exporter", "exporter", nameRule("an exporter"),
                  [&](const std::string& name, Section& s) {
                    ExporterSettings e;
-                   readKeys(s, e);
+                   if (!readKeys(s, e).contains("mtu")) checkRecordLen(s, out, e);
                    readCollectors(s, e);
                    out.exporters.emplace(name, std::move(e));
                  });
 }
 
+/// What is wrong with the name of a field, or nothing.
+std::string nameProblem(const std::string& name) {
+  if (recordField(name)) return {};
+  std::vector<std::string_view> known;
+  for (const RecordField& f : recordFields()) known.emplace_back(f.name);
+  return "no field has this name; " + suggestion(name, known, "there are");
+}
+
+void readRecord(Section& s, RecordDefinition& r) {
+  if (!readKeys(s, r).empty()) return;
+  s.elements("fields", [&](size_t at) {
+    const std::string unknown = nameProblem(r.fields[at]);
+    return unknown.empty() ? fieldProblem(r, at) : unknown;
+  });
+  s.elements("keys", [&](size_t at) {
+    const std::string unknown = nameProblem(r.keys[at]);
+    return unknown.empty() ? keyProblem(r, at) : unknown;
+  });
+  const auto any = [&](const auto& good) {
+    return std::any_of(r.fields.begin(), r.fields.end(), [&](const std::string& name) {
+      const RecordField* f = recordField(name);
+      return !f || good(*f);
+    });
+  };
+  if (!any([](const RecordField& f) { return (f.kinds & ipPackets) == ipPackets; }))
+    s.refuse("fields", "one field at least is of all IP packets, like packetDeltaCount");
+  const auto hasAddress = [&](uint16_t source, uint16_t destination) {
+    return any(
+        [=](const RecordField& f) { return f.element == source || f.element == destination; });
+  };
+  if (r.prefix4 < 32 && !hasAddress(8, 12))
+    s.refuse("prefix4", "none of the fields is an IPv4 address");
+  if (r.prefix6 < 128 && !hasAddress(27, 28))
+    s.refuse("prefix6", "none of the fields is an IPv6 address");
+}
+
+void readRecords(Section& root, Settings& out) {
+  const auto rule = [](const std::string& name) {
+    return builtInRecords().contains(name) ? "a record of this name is built in"
+                                           : nameRule("a record")(name);
+  };
+  root.tables("record", "record", rule,
+              [&](const std::string& name, Section& s) { readRecord(s, out.records[name]); });
+}
+
+/// Finds the tracker's record, and looks whether it fits what its exporters send.
+void followRecord(Section& s, const Settings& all, TrackerSettings& t) {
+  std::vector<std::string_view> known;
+  for (const auto* records : {&builtInRecords(), &all.records}) {
+    for (const auto& [name, record] : *records) known.emplace_back(name);
+    if (const auto it = records->find(t.record); it != records->end()) {
+      t.definition = it->second;
+      return;
+    }
+  }
+  s.refuse("record", "no record has this name; " + suggestion(t.record, known, "there are"));
+}
 void readTrackers(Section& root, Settings& out) {
   Unique<FlowTracking::FtId> taken;
   Unique<std::tuple<std::string, std::string, uint16_t>> listening;
@@ -136,6 +202,7 @@ void readTrackers(Section& root, Settings& out) {
           if (!other.empty())
             s.refuse("id", "tracker " + other + " has this observation domain id");
         }
+        followRecord(s, out, t);
         readExporters(s, t);
         if (t.type == FlowTrackingType::hardware && t.localPort != 0 && !t.exporters.empty()) {
           const ExporterSettings& first = t.exporters.begin()->second;
@@ -194,6 +261,7 @@ SettingsResult parseSettings(const std::vector<SettingsText>& files) {
     Section root(errors, all, {}, {{1, 1}, {1, 1}, {}});
     root.table("agent", [&](Section& s) { readKeys(s, settings); });
     readVrfs(root, settings);
+    readRecords(root, settings);
     readTrackers(root, settings);
   }
   if (errors.empty()) {

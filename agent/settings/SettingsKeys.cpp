@@ -177,6 +177,25 @@ struct Patterns {
   }
 };
 
+struct FieldNames {
+  std::string values() const { return "list of names"; }
+  std::string schema() const {
+    std::string names;
+    for (const RecordField& f : recordFields())
+      names += (names.empty() ? "" : ", ") + jsonText(f.name);
+    return R"("type": "array", "minItems": 1, "uniqueItems": true, "items": {"enum": [)" + names +
+           "]}";
+  }
+  std::string read(const toml::node& node, std::vector<std::string>& out) const {
+    const auto* all = node.as_array();
+    if (!all || all->empty() || !all->is_homogeneous<std::string>())
+      return R"(it is a list of names, like ["sourceIPv4Address", "packetDeltaCount"])";
+    for (const auto& n : *all) out.push_back(n.as_string()->get());
+    return {};
+  }
+  std::string write(const std::vector<std::string>& v) const { return Patterns{}.write(v); }
+};
+
 struct Rate {
   std::string values() const { return "text"; }
   std::string schema() const { return R"("type": "string", "minLength": 1)"; }
@@ -248,6 +267,21 @@ SettingsKey<S> keyOfAll(const char* name, const Kind& kind, const char* meaning,
           .write = [=](const S& s) { return kind.write(s); },
           .same = [=](const S& a, const S& b) { return kind.write(a) == kind.write(b); }};
 }
+/// The record of a tracker. Two are the same when their fields are, whatever their names.
+SettingsKey<TrackerSettings> recordKey() {
+  using S = TrackerSettings;
+  auto record = key(
+      "record", &S::record,
+      Text{"name of a record", R"("minLength": 1)", "a record's name is a text",
+           [](const std::string&) { return true; }},
+      "Of a tracker of type `\"software\"`: what it tells of a flow, and what tells flows apart: "
+      "`\"standard\"`, `\"minimal\"`, `\"layer2\"`, `\"full\"` or the name of a "
+      "[section](#recordname) "
+      "`record.NAME`.",
+      Effect::flowsAnew);
+  record.same = [](const S& a, const S& b) { return a.definition == b.definition; };
+  return record;
+}
 }  // namespace
 
 template <>
@@ -293,6 +327,27 @@ const std::vector<SettingsKey<VrfId>>& settingsKeys() {
 }
 
 template <>
+const std::vector<SettingsKey<RecordDefinition>>& settingsKeys() {
+  using S = RecordDefinition;
+  static const std::vector<SettingsKey<S>> keys = {
+      key("fields", &S::fields, FieldNames{},
+          "What a record tells, in this order: names of the table below.", Effect::atOnce,
+          "the names of the fields that the record has"),
+      key("keys", &S::keys, FieldNames{},
+          "Those of the fields that tell flows apart: packets that have the same values of them "
+          "are "
+          "one flow.",
+          Effect::atOnce, "the names of the fields that tell flows apart"),
+      key("prefix4", &S::prefix4, Integer<uint32_t>{"a prefix of IPv4 addresses", 1, 32, ", bits"},
+          "So much counts of an IPv4 address; what is behind is 0 in records, and tells no flows "
+          "apart."),
+      key("prefix6", &S::prefix6, Integer<uint32_t>{"a prefix of IPv6 addresses", 1, 128, ", bits"},
+          "The same of an IPv6 address."),
+  };
+  return keys;
+}
+
+template <>
 const std::vector<SettingsKey<TrackerSettings>>& settingsKeys() {
   using S = TrackerSettings;
   static const std::vector<SettingsKey<S>> keys = {
@@ -318,8 +373,10 @@ const std::vector<SettingsKey<TrackerSettings>>& settingsKeys() {
           Integer<size_t>{"a number of flows that have room at a time", 1, maxFlowsMax},
           "Of a tracker of type `\"software\"`: flows under way that have room, in each VRF. "
           "Beyond it a new flow ends the one that is nearest to its end. Memory is used for flows "
-          "that there are, 80 to 125 octets each ([operating.md](operating.md#memory)).",
+          "that there are, 80 to 125 octets each of a standard record "
+          "([operating.md](operating.md#memory)).",
           Effect::flowsAnew),
+      recordKey(),
       key("local-port", &S::localPort, Integer<uint16_t>{"a port that devices send to", 0, 65535},
           "Of a tracker of type `\"hardware\"`: the UDP port that devices send to. 0: one that the "
           "kernel chooses; the log says which."),
@@ -409,94 +466,6 @@ std::string tomlText(std::string_view text) {
 }
 std::string tomlKey(std::string_view key) {
   return isBareKey(key) ? std::string(key) : tomlText(key);
-}
-
-// --- What people and editors are told of them ---
-
-namespace {
-/// With what a change does; `links`: with Markdown's marks.
-template <class S>
-std::string meaningOf(const SettingsKey<S>& key, bool marks) {
-  std::string text = key.meaning;
-  if (key.effect == Effect::nextStart) text += " Takes effect at the next start.";
-  if (key.effect == Effect::flowsAnew) text += " Changing it reports all flows and starts anew.";
-  if (key.effect == Effect::trackerAnew)
-    text +=
-        " Another one makes it another tracker to collectors: its exporters start anew, with "
-        "new sockets and counters.";
-  if (marks) return text;
-  std::string plain;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == ']' && text.compare(i, 2, "](") == 0) {
-      i = text.find(')', i);
-    } else if (text[i] != '`' && text[i] != '[') {
-      plain += text[i];
-    }
-  }
-  return plain;
-}
-
-/// The schema of a table with these keys; `below`: of the tables in it.
-template <class S>
-std::string tableSchema(const std::string& below = {}) {
-  std::string members;
-  for (const SettingsKey<S>& key : settingsKeys<S>()) {
-    members += (members.empty() ? "" : ",\n") + jsonText(key.name) + ": {" +
-               member("description", jsonText(meaningOf(key, false))) + ", " + key.schema;
-    if (!key.missing) members += ", " + member("default", key.write(S{}));
-    members += '}';
-  }
-  if (!below.empty()) members += ",\n" + below;
-  return R"({"type": "object", "additionalProperties": false, "properties": {)"
-         "\n" +
-         members + "}}";
-}
-std::string namedTables(const char* key, const char* description, const std::string& each,
-                        size_t longest = settingsNameMax) {
-  return jsonText(key) + ": {" + member("description", jsonText(description)) +
-         R"(, "type": "object", "propertyNames": {)" + lengths(1, longest) +
-         R"(, "pattern": "^[^\\u0000-\\u001f\\u007f]*$"}, "additionalProperties": )" + each + '}';
-}
-
-template <class S>
-std::string tableReference() {
-  std::string rows = "| key | value | default | meaning |\n|---|---|---|---|\n";
-  for (const SettingsKey<S>& key : settingsKeys<S>())
-    rows += std::string("| `") + key.name + "` | " + key.values + " | " +
-            (key.missing ? "required" : '`' + key.write(S{}) + '`') + " | " + meaningOf(key, true) +
-            " |\n";
-  return rows;
-}
-}  // namespace
-
-std::string settingsSchema() {
-  const std::string collectors =
-      namedTables("collector", "Where the messages go.", tableSchema<CollectorSettings>());
-  const std::string exporters =
-      namedTables("exporter", "Who sends what the tracker knows to collectors.",
-                  tableSchema<ExporterSettings>(collectors));
-  return R"({"$schema": "http://json-schema.org/draft-07/schema#",
-"title": "tarnflowd configuration",
-"description": "The TOML file that tarnflowd reads, and each file of the directory beside it.",
-"type": "object", "additionalProperties": false, "properties": {
-"agent": )" +
-         tableSchema<Settings>() + ",\n" +
-         namedTables("vrf", "Ids of VRFs: network namespaces ns-NAME.", tableSchema<VrfId>(),
-                     VrfName::maxLength) +
-         ",\n" +
-         namedTables("tracker", "What tracks flows, each an observation domain.",
-                     tableSchema<TrackerSettings>(exporters)) +
-         "}}\n";
-}
-
-std::string settingsReference(std::string_view section) {
-  if (section == "agent") return tableReference<Settings>();
-  if (section == "vrf.NAME") return tableReference<VrfId>();
-  if (section == "tracker.NAME") return tableReference<TrackerSettings>();
-  if (section == "tracker.NAME.exporter.NAME") return tableReference<ExporterSettings>();
-  if (section == "tracker.NAME.exporter.NAME.collector.NAME")
-    return tableReference<CollectorSettings>();
-  return {};
 }
 
 }  // namespace agent

@@ -26,14 +26,17 @@ struct SettingsKey {
   std::function<bool(const S& a, const S& b)> same;
 };
 
-/// The keys of `[agent]` (Settings), `[vrf.NAME]` (VrfId), `[tracker.NAME]` (TrackerSettings), its
-/// exporters (ExporterSettings) and their collectors (CollectorSettings).
+/// The keys of `[agent]` (Settings), `[vrf.NAME]` (VrfId), `[record.NAME]` (RecordDefinition),
+/// `[tracker.NAME]` (TrackerSettings), its exporters (ExporterSettings) and their collectors
+/// (CollectorSettings).
 template <class S>
 const std::vector<SettingsKey<S>>& settingsKeys();
 template <>
 const std::vector<SettingsKey<Settings>>& settingsKeys();
 template <>
 const std::vector<SettingsKey<VrfId>>& settingsKeys();
+template <>
+const std::vector<SettingsKey<RecordDefinition>>& settingsKeys();
 template <>
 const std::vector<SettingsKey<TrackerSettings>>& settingsKeys();
 template <>
@@ -50,5 +53,7 @@ std::string settingsSchema();
 /// The documents' table of the keys of one section, in Markdown. `section`: its header, with NAME
 /// for names: "tracker.NAME".
 std::string settingsReference(std::string_view section);
+/// The documents' table of the fields that a record may have, and of the records built in.
+std::string fieldReference();
 
 }  // namespace agent

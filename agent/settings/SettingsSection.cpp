@@ -42,7 +42,7 @@ std::string_view nearest(std::string_view key, const std::vector<std::string_vie
   std::string_view best;
   size_t bestDistance = 4;
   for (const std::string_view c : candidates) {
-    const size_t d = editDistance(folded(key), c);
+    const size_t d = editDistance(folded(key), folded(c));
     if (d < bestDistance && d <= 1 + c.size() / 4) {
       best = c;
       bestDistance = d;
@@ -77,6 +77,16 @@ std::string shown(const toml::node& node) {
 }
 }  // namespace
 
+std::string suggestion(std::string_view wrong, const std::vector<std::string_view>& candidates,
+                       const std::string& otherwise) {
+  const std::string_view meant = nearest(wrong, candidates);
+  if (!meant.empty()) return "did you mean '" + std::string(meant) + "'?";
+  std::string text = otherwise;
+  for (const std::string_view c : candidates)
+    text += (c == candidates.front() ? " " : ", ") + std::string(c);
+  return text;
+}
+
 bool SettingsSection::value(std::string_view key, const char* missing,
                             const std::function<std::string(const toml::node& node)>& read) {
   known_.push_back(key);
@@ -88,6 +98,16 @@ bool SettingsSection::value(std::string_view key, const char* missing,
   const std::string expected = read(*node);
   if (!expected.empty()) refuse(key, *node, expected);
   return expected.empty();
+}
+
+void SettingsSection::elements(std::string_view key,
+                               const std::function<std::string(size_t at)>& problem) {
+  const toml::node* node = table_.get(key);
+  const toml::array* all = node ? node->as_array() : nullptr;
+  if (!all) return;
+  for (size_t i = 0; i < all->size(); ++i)
+    if (const std::string expected = problem(i); !expected.empty())
+      refuse(key, *all->get(i), expected);
 }
 
 void SettingsSection::table(std::string_view key,
@@ -154,15 +174,7 @@ void SettingsSection::refuseUnknown() {
     if (std::find(known_.begin(), known_.end(), key.str()) != known_.end() ||
         !errors_.wanted(key.source()))
       continue;
-    const std::string_view meant = nearest(key.str(), known_);
-    std::string text = "unknown";
-    if (!meant.empty()) {
-      text += "; did you mean '" + std::string(meant) + "'?";
-    } else {
-      text += "; known here:";
-      for (const std::string_view k : known_)
-        text += (k == known_.front() ? " " : ", ") + std::string(k);
-    }
+    const std::string text = "unknown; " + suggestion(key.str(), known_, "known here:");
     errors_.atKey(key.source(), pathOf(key.str()), text);
   }
 }

@@ -9,6 +9,10 @@
 
 namespace agent {
 
+/// "did you mean 'x'?" with the candidate that was probably meant, or `otherwise` and all of them.
+std::string suggestion(std::string_view wrong, const std::vector<std::string_view>& candidates,
+                       const std::string& otherwise);
+
 /// One table of the file: hands out its keys and, in the end, complains about the others.
 class SettingsSection {
  public:
@@ -27,6 +31,10 @@ class SettingsSection {
   /// `missing`: what the file lacks without it; null: it may be left out. False: an error.
   bool value(std::string_view key, const char* missing,
              const std::function<std::string(const toml::node& node)>& read);
+
+  /// Judges each text of the list at `key` by its index: `problem` returns what would be right, or
+  /// nothing.
+  void elements(std::string_view key, const std::function<std::string(size_t at)>& problem);
 
   /// Visits the table at `key` when it is there.
   void table(std::string_view key, const std::function<void(SettingsSection& section)>& visit);

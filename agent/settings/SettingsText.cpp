@@ -76,6 +76,7 @@ std::string settingsText(const Settings& settings) {
   std::string out;
   write(out, "agent", settings);
   for (const auto& [name, id] : settings.vrfs) write(out, "vrf." + tomlKey(name), id);
+  for (const auto& [name, record] : settings.records) write(out, "record." + tomlKey(name), record);
   for (const auto& [trackerName, t] : settings.trackers) {
     const std::string tracker = "tracker." + tomlKey(trackerName);
     write(out, tracker, t);

@@ -149,6 +149,57 @@ def reading(lab, name, capture, text):
     return lab.start(name, AGENT, "--config", file, "--read", capture), file
 
 
+def test_records_of_ones_own(house):
+    """Each built-in record at two decoders; and a record that is changed while flows are under way:
+    these are reported as they were begun, the others by templates that came first."""
+    lab = house
+    capture = lab.path("records.pcap")
+    capture.write_bytes(pcap([frame for frame, *_ in traffic.mixture(200)]))
+    expected = traffic.truth(200)
+    sent = sum(s.packets for s in expected.values())
+    for record in ("minimal", "layer2", "full"):
+        wire = Capture(lab, "dn0", ns="tt-far", ports=(9995,))
+        store = Nfcapd(lab, "10.99.0.2", port=9995, ns="tt-far")
+        text = settings({"one": FAR["nf4"]}, record=record)
+        assert reading(lab, record, capture, text)[0].wait_exit(30) == 0
+        stored = store.stop()
+        wire.wait_until("the records", of_flows)
+        wire.stop()
+        records = [r for m in tshark(wire.file, ports=(9995,)) for i, r in m.records if i < 65280]
+        assert sum(int(r["cflow.packets"]) for r in records) == sent, record
+        assert sum(r["in_packets"] for r in stored) == sent, record
+        octets = sum(s.octets for s in expected.values())
+        assert sum(int(r["cflow.octets"]) for r in records if "cflow.octets" in r) == octets
+        if record == "full":
+            assert {r["cflow.ttl_min"] for r in records} == {"64"}
+            assert len(records) >= len(expected)
+
+    wire = Capture(lab, "dn0", ns="tt-far", ports=(9996,))
+    agent = tracking(lab, settings(**{"inactive-timeout": "60s"}))
+    long = {"inactive-timeout": "60s"}
+    for n, record in enumerate(("full", "layer2", None), 1):
+        play("burst", 10 * n)
+        wait_for("the packets", lambda: flows()["edge"]["packets"] == 5 * n * (n + 1))
+        if record:
+            agent.reload(settings(record=record, **long))
+            wait_for("it tracks anew", lambda: len(re.findall(
+                "tracking flows on in0", agent.program.log())) == n + 1)
+            wait_for("it is reported", lambda: flows()["edge"]["flowsActive"] == 0)
+    templates = tool("show", "templates")[1]
+    assert re.findall(r"data template (\d+)", templates) == ["264", "266"], templates
+    assert agent.stop() == 0
+    wire.stop()
+    messages = tshark(wire.file, ports=(9996,))
+    found = [(i, int(r["cflow.packets"])) for m in messages for i, r in m.records if i < 65280]
+    assert found == [(256, 10), (260, 20), (264, 30)]
+    # Each record while its template is among those told last, so that a new collector knows it.
+    told = []
+    for m in messages:
+        told = [t.id for t in m.templates if t.id < 65280] or told
+        assert all(i in told for i, _ in m.records if i < 65280), (told, m)
+    assert told == [264, 266]
+
+
 def test_reading_always_ends(house):
     """Without a collector, and with a reload."""
     lab = house

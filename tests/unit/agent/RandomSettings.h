@@ -32,7 +32,13 @@ class RandomSettings {
     if (what == 1) s.statistics = "/\"é";
     if (what == 1) s.resolveInterval = time();
     if (what < 2) return;
-    TrackerSettings& t = s.trackers[name()];
+    const std::string tracker = name();
+    TrackerSettings& t = s.trackers[tracker];
+    // Each name has a record of its own: with another one its templates would have other ids.
+    if (tracker == "a") t.record = "minimal";
+    if (tracker[0] == 'B')
+      s.records[t.record = "r\"é"] = {{"vlanId", "packetDeltaCount"}, {"vlanId"}};
+    t.definition = (s.records.contains(t.record) ? s.records : builtInRecords()).at(t.record);
     if (t.id == 0 || what == 2) {
       t.id = ++ids_;
       t.localPort = static_cast<uint16_t>(t.id + pick(2) * 30000);

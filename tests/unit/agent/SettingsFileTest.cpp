@@ -106,6 +106,10 @@ TEST(SettingsFile, OneErrorThatNamesPlaceKeyAndValue) {
       {"dscp   ", "dspc   ", "f:19:1: " + exp + "dspc': unknown; did you mean 'dscp'?"},
       {"port    = 2055", "colour = 1",
        "f:25:1: " + exp + "collector.one.colour': unknown; known here: address, port"},
+      {"id = 8", "id = 8\nrecord = \"ful\"",
+       "f:32:10: key 'tracker.core.record': \"ful\" is not allowed: no record has this name; did "
+       "you "
+       "mean 'full'?"},
       {"[tracker.core]\nid = 8\nlocal-port = 2056", "[tracker]\ncore = 8",
        "f:31:8: key 'tracker.core': 8 is not allowed: each tracker is a table"},
   };
@@ -113,6 +117,78 @@ TEST(SettingsFile, OneErrorThatNamesPlaceKeyAndValue) {
     const auto errors = errorsOf(goodBut(row.from, row.to));
     EXPECT_TRUE(errors.size() == 1 && errors[0].starts_with(row.error)) << errors.at(0);
   }
+}
+
+TEST(SettingsFile, RecordsThatMakeNoSense) {
+  struct Row {
+    std::string fields;
+    std::string keys;
+    std::string error;  // behind "f:", its line and column
+    std::string more = {};
+  };
+  const Row rows[] = {
+      {R"("vlanId", "packetDeltaCount")", R"("vlanId")", ""},
+      {R"("interfaceName", "packetDeltaCount")", R"("interfaceName")", ""},
+      {R"("vlanID", "packetDeltaCount")", R"("vlanID")",
+       R"(2:11: key 'record.r.fields': "vlanID" is not allowed: no field has this name; did you mean 'vlanId'?)"},
+      {R"("vlanId", "tos", "packetDeltaCount")", R"("vlanId")",
+       R"(2:21: key 'record.r.fields': "tos" is not allowed: no field has this name; there are octetDelta)"},
+      {R"("vlanId", "vlanId", "packetDeltaCount")", R"("vlanId")",
+       R"(2:21: key 'record.r.fields': "vlanId" is not allowed: a record has each field once)"},
+      {R"("vlanId", "packetDeltaCount")", R"("vlanId", "vlanId")",
+       R"(3:19: key 'record.r.keys': "vlanId" is not allowed: a record has each key once)"},
+      {R"("vlanId", "packetDeltaCount")", R"("protocolIdentifier")",
+       R"(3:9: key 'record.r.keys': "protocolIdentifier" is not allowed: each key is one of the rec)"},
+      {R"("vlanId", "packetDeltaCount")", R"("packetDeltaCount")",
+       R"(3:9: key 'record.r.keys': "packetDeltaCount" is not allowed: flows cannot be told apart by)"},
+      {R"("vlanId", "packetDeltaCount", "sourceIPv4PrefixLength")", R"("vlanId")",
+       R"(2:41: key 'record.r.fields': "sourceIPv4PrefixLength" is not allowed: it needs sourceIPv4Add)"},
+      {R"("vlanId", "packetDeltaCount", "interfaceName")", R"("vlanId")",
+       R"(2:41: key 'record.r.fields': "interfaceName" is not allowed: it needs ingressInterface among)"},
+      {R"("sourceIPv6Address", "flowLabelIPv6")", R"("sourceIPv6Address")",
+       R"(2:10: key 'record.r.fields': an array is not allowed: one field at least is of all IP packets)"},
+      {"", R"("vlanId")",
+       R"(2:10: key 'record.r.fields': an array is not allowed: it is a list of names)"},
+      {R"("vlanId", 7)", R"("vlanId")",
+       R"(2:10: key 'record.r.fields': an array is not allowed: it is a)"},
+      {R"("vlanId", "packetDeltaCount")", R"("vlanId")",
+       R"(4:11: key 'record.r.prefix4': 24 is not allowed: none of the fields is an IPv4 address)",
+       "prefix4 = 24"},
+      {R"("vlanId", "sourceIPv6Address", "packetDeltaCount")", R"("vlanId")",
+       R"(4:11: key 'record.r.prefix6': 0 is not allowed: a prefix of IPv6 addresses is an integer)",
+       "prefix6 = 0"},
+  };
+  for (const Row& row : rows) {
+    const auto errors = errorsOf("[record.r]\nfields = [" + row.fields + "]\nkeys = [" + row.keys +
+                                 "]\n" + row.more + "\n[tracker.t]\nid = 1\nrecord = \"r\"\n");
+    EXPECT_EQ(errors.empty(), row.error.empty()) << row.error;
+    EXPECT_TRUE(errors.empty() || errors[0].starts_with("f:" + row.error)) << errors[0];
+  }
+  // A key where collectors could not be told of it: behind 31 others.
+  std::string all;
+  for (const RecordField& f : recordFields())
+    if (!(f.kinds & ipv6Packets) || f.kinds & ipv4Packets)
+      if (f.element != 82) all += '"' + std::string(f.name) + "\", ";
+  const auto errors = errorsOf("[record.r]\nfields = [" + all +
+                               "]\nkeys = [\"sourceIPv4Address\", "
+                               "\"destinationIPv4Address\", \"ethernetType\"]\n");
+  ASSERT_EQ(errors.size(), 1u);
+  EXPECT_NE(errors[0].find("\"ethernetType\" is not allowed: keys are among the first 31 fields"),
+            errors[0].npos)
+      << errors[0];
+  // As many templates as that leave in no message of the smallest size.
+  const auto tooLong = errorsOf(
+      "[record.r]\nfields = [" + all +
+      "]\nkeys = [\"sourceIPv4Address\", "
+      "\"destinationIPv4Address\"]\n[tracker.t]\nid = 1\nrecord = \"r\"\n[tracker.t.exporter.e]\n"
+      "local-interface = \"lo\"\nmtu = 327\n");
+  ASSERT_EQ(tooLong.size(), 1u);
+  EXPECT_TRUE(
+      tooLong[0].starts_with("f:9:7: key 'tracker.t.exporter.e.mtu': 327 is not allowed: "
+                             "record r of the tracker needs one of 3"))
+      << tooLong[0];
+  EXPECT_TRUE(errorsOf("[record.full]\nfields = [\"packetDeltaCount\"]\nkeys = [\"vlanId\"]\n")[0]
+                  .starts_with("f:1:9: key 'record.full': this name is not allowed: a record of"));
 }
 
 TEST(SettingsFile, Bounds) {
@@ -192,10 +268,11 @@ TEST(SettingsFile, TheDocumentHasTheTablesOfKeys) {
   std::ifstream in(TARN_SOURCE_DIR "/docs/configuration.md");
   const std::string document(std::istreambuf_iterator<char>(in), {});
   const auto schema = nlohmann::json::parse(settingsSchema());
+  EXPECT_NE(document.find(fieldReference()), document.npos) << fieldReference();
   std::string tables;
   const nlohmann::json* table = &schema;
   for (const char* const one :
-       {"agent", "vrf.NAME", "tracker.NAME", ".exporter.NAME", ".collector.NAME"}) {
+       {"agent", "vrf.NAME", "record.NAME", "tracker.NAME", ".exporter.NAME", ".collector.NAME"}) {
     tables = *one == '.' ? tables + one : one;
     const std::string expected = settingsReference(tables);
     const size_t at = document.find("\n## `[" + tables + "]`\n");

@@ -33,7 +33,8 @@ struct FlowCacheTest : testing::Test {
     std::string problem;
     const auto registry = Ipfix::elementIdCollFactory();
     registry->doInitialize();
-    for (const auto& t : flowTemplates(*registry, problem))
+    for (const auto& t : flowTemplates(recordLayouts(builtInRecords().at(standardRecordName)),
+                                       firstFlowTemplate, *registry, problem))
       for (const auto& [position, entry] : t->ftTemplateEntry())
         templates[t->templateId()].emplace_back(entry.fieldId().value(), entry.fieldLen());
     Platform::install(nullptr);
@@ -46,9 +47,8 @@ struct FlowCacheTest : testing::Test {
       const char* at = block->octets.data();
       const char* const end = at + block->used;
       while (at < end) {
-        Record r{block->ipv6, static_cast<uint8_t>(*at), {}};
-        for (const auto& [element, len] :
-             templates.at(block->ipv6 ? ipv6FlowTemplate : ipv4FlowTemplate)) {
+        Record r{block->place == 1, static_cast<uint8_t>(*at), {}};
+        for (const auto& [element, len] : templates.at(plan.templateId(block->place))) {
           uint64_t& n = r.number[element];
           for (size_t i = 0; i < len; ++i) n = n << 8 | static_cast<uint8_t>(*at++);
         }
@@ -59,9 +59,9 @@ struct FlowCacheTest : testing::Test {
     }
   }
   void cacheIs(size_t maxFlows, FlowTimes times = {}) {
-    queue.emplace();
-    cache.emplace(maxFlows, times, 7, *queue);
-    cache->vrfIdIs(10);
+    queue.emplace(plan.recordLens());
+    cache.emplace(maxFlows, times, 7, plan, *queue);
+    cache->contextIs({.vrfId = 10, .interfaceNames = {}});
     cache->holdIs(false);
   }
   FlowCache::Sample sample(uint16_t port, int64_t ms, uint8_t flags = 0, uint32_t octets = 100,
@@ -110,6 +110,7 @@ struct FlowCacheTest : testing::Test {
     return out;
   }
 
+  const RecordPlan plan{builtInRecords().at(standardRecordName), firstFlowTemplate};
   std::map<uint16_t, std::vector<std::pair<uint16_t, size_t>>> templates;  // element, octets
   std::optional<RecordQueue> queue;
   std::optional<FlowCache> cache;
@@ -277,13 +278,13 @@ TEST_F(FlowCacheTest, AFloodTakesNoMoreThanItsBoundAndGivesItBack) {
 }
 
 /// Three hashes that a fifth of the keys share, around the end of the index, and 700 others.
-struct BadHash {
+struct BadHash : FixedFormat<FlowEntry4> {
   static uint32_t number(const FlowKey4& key) {
     uint32_t n = 0;
     std::memcpy(&n, key.src.data(), 4);
     return n;
   }
-  uint32_t operator()(const FlowKey4& key) const {
+  static uint32_t hash(const FlowKey4& key) {
     const uint32_t n = number(key);
     return n % 5 == 0 ? 511 - n % 3 : n % 700;
   }
@@ -294,7 +295,7 @@ struct BadHash {
 TEST(FlowTableTest, IsAMapWhateverTheHash) {
   Random pick;
   auto& random = pick.engine();
-  FlowTable<FlowEntry4, BadHash> table(3000, {});
+  FlowTable<BadHash> table(3000, {});
   std::map<uint32_t, uint64_t> truth;  // key, packets
   std::map<uint32_t, int> equal;       // by hash
   size_t removed = 0;
@@ -329,7 +330,7 @@ TEST(FlowTableTest, IsAMapWhateverTheHash) {
 
 TEST(FlowTableTest, EvictsWhereTheIndexCannotGrow) {
   const auto child = [] {
-    FlowTable<FlowEntry4> table(1 << 20, {7});
+    FlowTable<FixedFormat<FlowEntry4>> table(1 << 20, {7});
     size_t pages = 0;
     std::ifstream("/proc/self/statm") >> pages;
     const rlim_t most = pages * static_cast<size_t>(sysconf(_SC_PAGESIZE)) + (1 << 20);

@@ -1,0 +1,394 @@
+#include "agent/flow/RecordPlan.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <initializer_list>
+#include <limits>
+#include <string_view>
+#include <utility>
+
+namespace agent::flow {
+namespace {
+// Element numbers of IANA's IPFIX registry, of fields that are no octets of a packet.
+enum Element : uint16_t {
+  octetDeltaCount = 1,
+  packetDeltaCount = 2,
+  tcpControlBits = 6,
+  sourceIPv4Address = 8,
+  sourceIPv4PrefixLength = 9,
+  destinationIPv4Address = 12,
+  destinationIPv4PrefixLength = 13,
+  minimumIpTotalLength = 25,
+  maximumIpTotalLength = 26,
+  sourceIPv6Address = 27,
+  destinationIPv6Address = 28,
+  sourceIPv6PrefixLength = 29,
+  destinationIPv6PrefixLength = 30,
+  minimumTTL = 52,
+  maximumTTL = 53,
+  mplsTopLabelStackSection = 70,
+  interfaceName = 82,
+  octetTotalCount = 85,
+  packetTotalCount = 86,
+  flowEndReason = 136,
+  flowStartSeconds = 150,
+  flowEndSeconds = 151,
+  flowStartMilliseconds = 152,
+  flowEndMilliseconds = 153,
+  flowStartMicroseconds = 154,
+  flowEndMicroseconds = 155,
+  flowStartNanoseconds = 156,
+  flowEndNanoseconds = 157,
+  ingressVRFID = 234,
+  layer2OctetDeltaCount = 352,
+  layer2OctetTotalCount = 353
+};
+
+/// Where a field's value lies in PacketFacts.
+struct Place {
+  uint16_t element;
+  uint16_t at;
+  uint8_t len;
+  bool swapped;  // a number in this machine's order
+};
+using At = PacketFacts::At;
+constexpr Place places[] = {
+    {4, At::protocol, 1, false},
+    {5, At::tos, 1, false},
+    {7, At::srcPort, 2, true},
+    {sourceIPv4Address, At::source, 4, false},
+    {10, At::ingress, 4, true},
+    {11, At::dstPort, 2, true},
+    {destinationIPv4Address, At::destination4, 4, false},
+    {14, At::egress, 4, true},
+    {sourceIPv6Address, At::source, 16, false},
+    {destinationIPv6Address, At::destination6, 16, false},
+    {31, At::flowLabel, 4, true},
+    {32, At::icmp, 2, true},
+    {56, At::srcMac, 6, false},
+    {58, At::vlanId, 2, true},
+    {mplsTopLabelStackSection, At::mpls, 3, false},
+    {80, At::dstMac, 6, false},
+    {interfaceName, At::ingress, 4, true},
+    {139, At::icmp, 2, true},
+    {243, At::vlanId, 2, true},
+    {245, At::customerVlan, 2, true},
+    {256, At::etherType, 2, false},
+};
+/// Null: it is not in there.
+const Place* placeOf(uint16_t element) {
+  const auto* it = std::find_if(std::begin(places), std::end(places),
+                                [&](const Place& p) { return p.element == element; });
+  return it == std::end(places) ? nullptr : it;
+}
+
+/// The bits that count of the octet at `i` of an address; of other fields all.
+uint8_t octetMask(uint16_t element, size_t i, uint32_t prefix4, uint32_t prefix6) {
+  uint32_t bits = 128;
+  if (element == sourceIPv4Address || element == destinationIPv4Address) bits = prefix4;
+  if (element == sourceIPv6Address || element == destinationIPv6Address) bits = prefix6;
+  if (bits >= 8 * (i + 1)) return 0xff;
+  return bits <= 8 * i ? uint8_t{0} : static_cast<uint8_t>(0xff00 >> (bits - 8 * i));
+}
+
+// Whoever goes on without a packet begins with the next one.
+constexpr int64_t notYet = std::numeric_limits<int64_t>::max() / 4;
+
+/// The NTP format of RFC 7011, 6.1.9 and 6.1.10: seconds since 1900, and their fraction, rounded
+/// up, or who reads it would find a nanosecond less.
+uint64_t ntpTime(int64_t ms, uint32_t ns) {
+  constexpr uint64_t from1900To1970 = 2208988800;
+  const auto now = static_cast<uint64_t>(std::max<int64_t>(ms, 0));
+  const uint64_t fraction = (((now % 1000 * 1000000 + ns) << 32) + 999999999) / 1000000000;
+  return (now / 1000 + from1900To1970) << 32 | fraction;
+}
+/// Of whole microseconds the last 11 bits of the fraction are 0 (RFC 7011, 6.1.9).
+uint64_t ntpMicroseconds(int64_t ms, uint32_t ns) {
+  return (ntpTime(ms, ns / 1000 * 1000) + 0x7ff) & ~uint64_t{0x7ff};
+}
+
+/// Of the interface whose index lies there; empty: it was never told.
+std::string_view nameOf(const RecordContext& context, const char* ingress) {
+  uint32_t index = 0;
+  std::memcpy(&index, ingress, sizeof index);
+  const auto name = context.interfaceNames.find(index);
+  return name == context.interfaceNames.end() ? std::string_view() : name->second;
+}
+}  // namespace
+
+PlannedFormat::PlannedFormat(const RecordLayout& layout, uint32_t prefix4, uint32_t prefix6,
+                             uint8_t place)
+    : recordLen_(static_cast<uint16_t>(layout.len())), place_(place) {
+  struct Chosen {
+    std::array<uint8_t, PacketFacts::end> mask{};
+    std::array<bool, PacketFacts::words> any{};
+  };
+  Chosen chosen[2];  // of the first packet, of the key
+  for (const auto& [field, key] : layout.fields) {
+    const Place* const in = placeOf(field->element);
+    for (size_t i = 0; in && i < in->len; ++i) {
+      chosen[key].mask[in->at + i] |= octetMask(field->element, i, prefix4, prefix6);
+      chosen[key].any[(in->at + i) / 8] = true;
+    }
+  }
+  for (const bool key : {true, false}) {
+    for (size_t i = 0; i < PacketFacts::words; ++i) {
+      if (!chosen[key].any[i]) continue;
+      Word word{i, 0};
+      std::memcpy(&word.mask, &chosen[key].mask[8 * i], 8);
+      if (key) {
+        key_[keyWords_++] = word;
+      } else {
+        first_.push_back(word);
+      }
+    }
+  }
+  const auto has = [&](std::initializer_list<uint16_t> elements) {
+    return std::any_of(layout.fields.begin(), layout.fields.end(), [&](const auto& f) {
+      return std::find(elements.begin(), elements.end(), f.field->element) != elements.end();
+    });
+  };
+  size_t words = keyWords_;
+  const auto reserve = [&](size_t n) { return std::exchange(words, words + n); };
+  words += words == 0;  // place 0 says that there is none
+  if (has({layer2OctetDeltaCount, layer2OctetTotalCount})) layer2_ = reserve(1);
+  if (has({flowStartMicroseconds, flowEndMicroseconds, flowStartNanoseconds, flowEndNanoseconds}))
+    nanoseconds_ = reserve(1);
+  // A cache line, or few entries that begin in one and end in the next.
+  const auto rounded = [](size_t n, size_t to) { return (n + to - 1) / to * to; };
+  entryLen_ = std::max(rounded(sizeof(Entry) + 8 * words, 32), size_t{64});
+  totals_ = 8 * first_.size();
+  hasTotals_ = has({octetTotalCount, packetTotalCount, layer2OctetTotalCount});
+  links_ = totals_ + (hasTotals_ ? 24 : 0);
+  coldLen_ = rounded(links_ + sizeof(Links), 8);
+  for (const auto& field : layout.fields) addStep(field, prefix4, prefix6);
+}
+
+void PlannedFormat::addStep(const RecordLayout::Field& field, uint32_t prefix4, uint32_t prefix6) {
+  const uint16_t element = field.field->element;
+  Step step{Step::summed, false, element, 0, field.field->len};
+  if (const Place* const in = placeOf(element)) {
+    const auto at = [&](const Word* words, size_t n) {
+      return static_cast<size_t>(
+          std::find_if(words, words + n, [&](const Word& w) { return w.index == in->at / 8u; }) -
+          words);
+    };
+    step.cold = !field.key;
+    const size_t word = step.cold ? 8 * at(first_.data(), first_.size())
+                                  : sizeof(Entry) + 8 * at(key_.data(), keyWords_);
+    step.from = static_cast<uint16_t>(word + in->at % 8u);
+    if (element != interfaceName)
+      step.kind = !in->swapped ? Step::octets : in->len == 2 ? Step::swapped2 : Step::swapped4;
+  } else if (element == sourceIPv4PrefixLength || element == destinationIPv4PrefixLength) {
+    step.from = static_cast<uint16_t>(prefix4);
+  } else if (element == sourceIPv6PrefixLength || element == destinationIPv6PrefixLength) {
+    step.from = static_cast<uint16_t>(prefix6);
+  }
+  Step* const last = steps_.empty() ? nullptr : &steps_.back();
+  if (step.kind == Step::octets && last && last->kind == Step::octets && last->cold == step.cold &&
+      last->from + last->len == step.from) {
+    last->len = static_cast<uint16_t>(last->len + step.len);
+  } else {
+    steps_.push_back(step);
+  }
+}
+
+void PlannedFormat::countNanoseconds(Entry& e, const PlannedSample& s) const {
+  Nanoseconds& ns = *nanoseconds(e);
+  if (s.timeMs < e.firstMs || (s.timeMs == e.firstMs && s.timeNs < ns.first)) ns.first = s.timeNs;
+  if (s.timeMs > e.lastMs || (s.timeMs == e.lastMs && s.timeNs > ns.last)) ns.last = s.timeNs;
+}
+
+bool PlannedFormat::goOn(Entry& e, char* cold) const {
+  if (!hasTotals_) return false;
+  auto* const total = reinterpret_cast<uint64_t*>(cold + totals_);
+  total[0] += std::exchange(e.octets, 0);
+  if (layer2_ > 0) total[1] += std::exchange(e.words()[layer2_], 0);
+  total[2] += std::exchange(e.packets, 0);
+  e.firstMs = notYet;
+  e.tcpFlags = 0;
+  e.leastTtl = UINT8_MAX;
+  e.leastOctets = UINT16_MAX;
+  e.mostTtl = 0;
+  e.mostOctets = 0;
+  return true;
+}
+
+void PlannedFormat::put(FieldWriter& w, const Step& step, const Entry& e, const char* cold,
+                        EndReason reason, const RecordContext& context) const {
+  const auto ms = [](int64_t t) { return static_cast<uint64_t>(std::max<int64_t>(t, 0)); };
+  const auto* const total = reinterpret_cast<const uint64_t*>(cold + totals_);
+  const auto* const ns = reinterpret_cast<const Nanoseconds*>(e.words() + nanoseconds_);
+  switch (step.element) {
+    case octetDeltaCount:
+      return w.put(e.octets);
+    case packetDeltaCount:
+      return w.put(e.packets);
+    case layer2OctetDeltaCount:
+      return w.put(e.words()[layer2_]);
+    case octetTotalCount:
+      return w.put(e.octets + total[0]);
+    case layer2OctetTotalCount:
+      return w.put(e.words()[layer2_] + total[1]);
+    case packetTotalCount:
+      return w.put(e.packets + total[2]);
+    case tcpControlBits:
+      return w.put(uint16_t{e.tcpFlags});
+    case minimumIpTotalLength:
+      return w.put(uint64_t{e.leastOctets});
+    case maximumIpTotalLength:
+      return w.put(uint64_t{e.mostOctets});
+    case minimumTTL:
+      return w.put(e.leastTtl);
+    case maximumTTL:
+      return w.put(e.mostTtl);
+    case flowEndReason:
+      return w.put(static_cast<uint8_t>(reason));
+    case ingressVRFID:
+      return w.put(context.vrfId);
+    case interfaceName:
+      return w.text(
+          nameOf(context, (step.cold ? cold : reinterpret_cast<const char*>(&e)) + step.from),
+          step.len);
+    case flowStartSeconds:
+      return w.put(static_cast<uint32_t>(ms(e.firstMs) / 1000));
+    case flowEndSeconds:
+      return w.put(static_cast<uint32_t>(ms(e.lastMs) / 1000));
+    case flowStartMilliseconds:
+      return w.put(ms(e.firstMs));
+    case flowEndMilliseconds:
+      return w.put(ms(e.lastMs));
+    case flowStartMicroseconds:
+      return w.put(ntpMicroseconds(e.firstMs, ns->first));
+    case flowEndMicroseconds:
+      return w.put(ntpMicroseconds(e.lastMs, ns->last));
+    case flowStartNanoseconds:
+      return w.put(ntpTime(e.firstMs, ns->first));
+    case flowEndNanoseconds:
+      return w.put(ntpTime(e.lastMs, ns->last));
+    default:  // a prefix length
+      return w.put(static_cast<uint8_t>(step.from));
+  }
+}
+
+size_t PlannedFormat::encode(const Entry& e, const char* cold, EndReason reason,
+                             const RecordContext& context, char* to) const {
+  FieldWriter w(to);
+  for (const Step& step : steps_) {
+    const char* const from = (step.cold ? cold : reinterpret_cast<const char*>(&e)) + step.from;
+    switch (step.kind) {
+      case Step::octets:
+        w.octets(from, step.len);
+        break;
+      case Step::swapped2:
+        w.swapped<uint16_t>(from);
+        break;
+      case Step::swapped4:
+        w.swapped<uint32_t>(from);
+        break;
+      case Step::summed:
+        put(w, step, e, cold, reason, context);
+        break;
+    }
+  }
+  return static_cast<size_t>(w.at() - to);
+}
+
+// --- RecordPlan ---
+
+RecordPlan::RecordPlan(const RecordDefinition& definition, FlowTracking::TemplateId firstTemplate)
+    : layouts_(recordLayouts(definition)),
+      firstTemplate_(firstTemplate),
+      standard_(definition == builtInRecords().at(standardRecordName)) {
+  for (size_t place = 0; place < layouts_.size(); ++place) {
+    const RecordLayout& layout = layouts_[place];
+    if (layout.kinds == 0) continue;
+    for (size_t kind = 0; kind < packetKinds; ++kind)
+      if (layout.kinds >> kind & 1) formatOf_[kind] = static_cast<uint8_t>(formats_.size());
+    formats_.emplace_back(layout, definition.prefix4, definition.prefix6,
+                          static_cast<uint8_t>(place));
+    for (const auto& [field, key] : layout.fields) {
+      namesInterfaces_ = namesInterfaces_ || field->element == interfaceName;
+      mpls_ = mpls_ || field->element == mplsTopLabelStackSection;
+    }
+  }
+}
+
+std::array<uint16_t, packetKinds> RecordPlan::recordLens() const {
+  std::array<uint16_t, packetKinds> lens{};
+  for (const PlannedFormat& format : formats_) lens[format.place()] = format.recordLen();
+  return lens;
+}
+
+namespace {
+uint64_t load64(const void* from) {
+  uint64_t v = 0;
+  std::memcpy(&v, from, sizeof v);
+  return v;
+}
+constexpr uint64_t sixOctets = 0xffffffffffff;
+
+/// What the link layer says, into its words. Returns where the IP packet begins.
+size_t takeLink(const Packet& p, const Parsed& parsed, uint32_t interface, PacketFacts& f) {
+  uint64_t customerVlan = 0;
+  size_t ipAt = 14;
+  const uint8_t* const o = p.octets;
+  const bool plain = p.link == LinkLayer::ethernet && parsed.error == ParseError::none &&
+                     (parsed.ipv6 ? o[12] == 0x86 && o[13] == 0xdd : o[12] == 8 && o[13] == 0);
+  if (plain) {
+    f.word[PacketFacts::dstMac / 8] = (load64(o) & sixOctets) | (load64(o + 6) & ~sixOctets);
+    f.word[PacketFacts::srcMac / 8] = load64(o + 6) & sixOctets;
+    f.word[PacketFacts::mpls / 8] = 0;
+  } else {
+    const LinkFacts link = linkFacts(p);
+    const uint16_t type = link.network.etherType;
+    const uint64_t etherType = type < 0x600 ? 0 : networkOrder(type);
+    f.word[PacketFacts::dstMac / 8] = link.dstMac | etherType << 48;
+    f.word[PacketFacts::srcMac / 8] = link.srcMac;
+    f.word[PacketFacts::mpls / 8] = link.mpls;
+    customerVlan = link.customerVlan;
+    ipAt = link.ipAt;
+    // Of IP packets the parser says it.
+    f.word[PacketFacts::srcPort / 8] = uint64_t{link.network.vlanId} << 48;
+  }
+  f.word[PacketFacts::ingress / 8] = interface | customerVlan << 32;
+  f.word[PacketFacts::egress / 8] = 0;  // not known at the ingress
+  return ipAt;
+}
+}  // namespace
+
+bool RecordPlan::sample(const Packet& packet, const Parsed& parsed, uint32_t interface,
+                        PlannedSample& out) const {
+  const size_t kind = parsed.error != ParseError::none ? 2 : parsed.ipv6 ? 1 : 0;
+  out.layout = formatOf_[kind];
+  if (out.layout == noLayout) return false;
+  PacketFacts& f = out.facts;
+  const size_t ipAt = takeLink(packet, parsed, interface, f);
+  const auto flow = [&](const auto& key, uint8_t icmpProtocol, size_t ttlAt) {
+    std::memcpy(&f.word[0], &key, 2 * key.ipLen);
+    f.word[PacketFacts::srcPort / 8] = load64(&key.rest);
+    if (key.rest.protocol == icmpProtocol)
+      f.word[PacketFacts::ingress / 8] |= uint64_t{key.rest.dstPort} << 48;
+    out.ipOctets = parsed.ipOctets;
+    out.tcpFlags = parsed.tcpFlags;
+    out.ttl = packet.octets[ipAt + ttlAt];
+  };
+  if (kind == 0) {
+    flow(parsed.key4, 1, 8);
+  } else if (kind == 1) {
+    flow(parsed.key6, 58, 7);
+    f.word[PacketFacts::egress / 8] |= uint64_t{parsed.flowLabel} << 32;
+  } else {
+    out.ipOctets = 0;
+    out.tcpFlags = 0;
+    out.ttl = 0;
+  }
+  // A tag that the device took off was on the wire as well.
+  out.layer2Octets = packet.wireLen + (packet.hasVlan ? 4 : 0);
+  out.timeMs = packet.timeNs / 1000000;
+  out.timeNs = static_cast<uint32_t>(packet.timeNs - out.timeMs * 1000000);
+  formats_[out.layout].takeKey(out);
+  return true;
+}
+
+}  // namespace agent::flow

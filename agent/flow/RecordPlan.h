@@ -1,0 +1,230 @@
+#pragma once
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "agent/flow/FlowRecord.h"
+#include "agent/flow/PacketParser.h"
+#include "agent/records/FlowRecords.h"
+#include "platform/FlowTracking.h"
+
+namespace agent::flow {
+
+/// What records may tell of one packet: fields in whole words, so that one word is written and read
+/// at a time. Addresses, MAC addresses, the Ethernet type and the MPLS label are as on the wire,
+/// other numbers in this machine's order. Of another kind of packet than a field is for, the
+/// field's octets mean nothing.
+struct PacketFacts {
+  enum At : size_t {  // octets from the beginning
+    source = 0,
+    destination4 = 4,
+    destination6 = 16,
+    srcPort = 32,
+    dstPort = 34,
+    protocol = 36,
+    tos = 37,
+    vlanId = 38,
+    ingress = 40,
+    customerVlan = 44,
+    icmp = 46,
+    dstMac = 48,
+    etherType = 54,
+    srcMac = 56,
+    egress = 64,
+    flowLabel = 68,
+    mpls = 72,
+    end = 80
+  };
+  static constexpr size_t words = end / 8;
+  std::array<uint64_t, words> word;
+};
+
+/// One packet on its way through the cache, of a record that has a plan.
+struct PlannedSample {
+  PacketFacts facts;
+  std::array<uint64_t, PacketFacts::words> key;
+  uint32_t hash;
+  uint32_t place;
+  int64_t timeMs;
+  uint32_t timeNs;  ///< of the millisecond
+  uint32_t ipOctets;
+  uint32_t layer2Octets;
+  uint8_t layout;  ///< its index among the plan's formats
+  uint8_t tcpFlags;
+  uint8_t ttl;
+
+  uint8_t flags() const { return tcpFlags; }
+  uint32_t octets() const { return ipOctets; }
+};
+
+/// What is known of one flow, whatever its record has of it, as far as packets need it. Behind it
+/// lie words: the key, and where the record has them the octets with link layer and the nanoseconds
+/// of first and last packet. With up to three words it is a cache line. The cold part has, in
+/// words, the values of the first packet and the totals of earlier reports (octets, octets with
+/// link layer, packets), and the links of a FlowTable.
+struct PlannedEntry {
+  uint64_t octets;
+  uint64_t packets;
+  int64_t firstMs;
+  int64_t lastMs;
+  uint16_t leastOctets;  ///< of an IP packet; what is longer than 65535 counts as that
+  uint16_t mostOctets;
+  uint8_t leastTtl;
+  uint8_t mostTtl;
+  uint8_t tcpFlags;
+  bool used : 1;
+  bool ending : 1;
+
+  uint64_t* words() { return reinterpret_cast<uint64_t*>(this + 1); }
+  const uint64_t* words() const { return reinterpret_cast<const uint64_t*>(this + 1); }
+};
+static_assert(sizeof(PlannedEntry) == 40);
+
+/// The flow table's view of entries whose record is known only at run time: a layout, compiled to
+/// the words of PacketFacts that are a flow's key, those that are kept of its first packet, and the
+/// steps that write a record.
+class PlannedFormat {
+ public:
+  using Entry = PlannedEntry;
+  using Key = const uint64_t*;
+
+  PlannedFormat(const RecordLayout& layout, uint32_t prefix4, uint32_t prefix6, uint8_t place);
+
+  size_t entryLen() const { return entryLen_; }
+  size_t coldLen() const { return coldLen_; }
+  FlowLinks links(Entry& /*e*/, char* cold) const {
+    auto* const own = reinterpret_cast<Links*>(cold + links_);
+    return {own->next, own->prev, own->list};
+  }
+  Key keyOf(const Entry& e) const { return e.words(); }
+  bool same(const Entry& e, Key key) const {
+    const uint64_t* own = e.words();
+    uint64_t differ = 0;
+    for (size_t i = 0; i < keyWords_; ++i) differ |= own[i] ^ key[i];
+    return differ == 0;
+  }
+  void begin(Entry& e, Key key) const {
+    std::memset(static_cast<void*>(&e), 0, entryLen_);
+    std::memcpy(e.words(), key, 8 * keyWords_);
+    e.leastTtl = UINT8_MAX;
+    e.leastOctets = UINT16_MAX;
+  }
+  uint32_t hash(Key key) const { return static_cast<uint32_t>(wordsHash(key, keyWords_, seed_)); }
+  void seedIs(uint64_t v) { seed_ = v; }
+
+  uint8_t place() const { return place_; }
+  uint16_t recordLen() const { return recordLen_; }
+  void takeKey(PlannedSample& s) const {
+    for (size_t i = 0; i < keyWords_; ++i) s.key[i] = s.facts.word[key_[i].index] & key_[i].mask;
+  }
+  /// Of the first packet of a flow; the key is there.
+  void keep(Entry& e, char* cold, const PlannedSample& s) const {
+    std::memset(cold + totals_, 0, links_ - totals_);
+    auto* to = reinterpret_cast<uint64_t*>(cold);
+    for (const Word& w : first_) *to++ = s.facts.word[w.index] & w.mask;
+    if (nanoseconds_ > 0) *nanoseconds(e) = {s.timeNs, s.timeNs};
+  }
+  void count(Entry& e, const PlannedSample& s) const {
+    if (layer2_ > 0) e.words()[layer2_] += s.layer2Octets;
+    if (nanoseconds_ > 0) countNanoseconds(e, s);
+    ++e.packets;
+    e.octets += s.ipOctets;
+    e.tcpFlags |= s.tcpFlags;
+    e.leastTtl = std::min(e.leastTtl, s.ttl);
+    e.mostTtl = std::max(e.mostTtl, s.ttl);
+    const auto octets = static_cast<uint16_t>(std::min<uint32_t>(s.ipOctets, UINT16_MAX));
+    e.leastOctets = std::min(e.leastOctets, octets);
+    e.mostOctets = std::max(e.mostOctets, octets);
+    e.firstMs = std::min(e.firstMs, s.timeMs);
+    e.lastMs = std::max(e.lastMs, s.timeMs);
+  }
+  /// A flow that was reported and may go on stays, to count its totals. False: it does not.
+  bool goOn(Entry& e, char* cold) const;
+  /// It was reported, and no packet came since.
+  static bool silent(const Entry& e) { return e.packets == 0; }
+  size_t encode(const Entry& e, const char* cold, EndReason reason, const RecordContext& context,
+                char* to) const;
+
+ private:
+  struct Word {
+    size_t index;  // in PacketFacts
+    uint64_t mask;
+  };
+  /// Writes one field, or several that lie behind each other.
+  struct Step {
+    enum Kind : uint8_t { octets, swapped2, swapped4, summed } kind;
+    bool cold;
+    uint16_t element;  // of what sums up packets
+    uint16_t from;     // octets of the entry or its cold part; of a constant its value
+    uint16_t len;
+  };
+  struct Links {
+    uint32_t next;
+    uint32_t prev;
+    uint16_t list;
+  };
+  struct Nanoseconds {  // of the milliseconds
+    uint32_t first;
+    uint32_t last;
+  };
+  Nanoseconds* nanoseconds(Entry& e) const {
+    return reinterpret_cast<Nanoseconds*>(e.words() + nanoseconds_);
+  }
+  void countNanoseconds(Entry& e, const PlannedSample& s) const;
+  void addStep(const RecordLayout::Field& field, uint32_t prefix4, uint32_t prefix6);
+  void put(FieldWriter& w, const Step& step, const Entry& e, const char* cold, EndReason reason,
+           const RecordContext& context) const;
+
+  std::array<Word, PacketFacts::words> key_;
+  size_t keyWords_ = 0;
+  std::vector<Word> first_;
+  std::vector<Step> steps_;
+  uint64_t seed_ = 0;
+  size_t entryLen_ = 0;
+  size_t coldLen_ = 0;
+  size_t layer2_ = 0;       // its word behind the entry; 0: there is none
+  size_t nanoseconds_ = 0;  // so are these
+  size_t totals_ = 0;       // octets of the cold part before these
+  bool hasTotals_ = false;
+  size_t links_ = 0;  // and before these
+  uint16_t recordLen_ = 0;
+  uint8_t place_;
+};
+
+/// A record, compiled once: nothing about it is decided per packet.
+class RecordPlan {
+ public:
+  RecordPlan(const RecordDefinition& definition, FlowTracking::TemplateId firstTemplate);
+
+  /// The record of builtInRecords() that has entries and code of its own, which cost least.
+  bool standard() const { return standard_; }
+  FlowTracking::TemplateId templateId(size_t place) const {
+    return static_cast<FlowTracking::TemplateId>(firstTemplate_ + place);
+  }
+  /// Octets of a record of the layout at this place; 0: there is none.
+  std::array<uint16_t, packetKinds> recordLens() const;
+  /// By its place; a place may have none.
+  const std::vector<PlannedFormat>& formats() const { return formats_; }
+  bool namesInterfaces() const { return namesInterfaces_; }
+  /// The parser is to look for IP packets behind MPLS labels.
+  bool mpls() const { return mpls_; }
+
+  /// Fills all of the sample but hash and place. `parsed` is what the parser said of the packet,
+  /// and `interface` what is exported. False: the record is not about packets like this.
+  bool sample(const Packet& packet, const Parsed& parsed, uint32_t interface,
+              PlannedSample& out) const;
+
+ private:
+  static constexpr uint8_t noLayout = UINT8_MAX;
+  RecordLayouts layouts_;
+  FlowTracking::TemplateId firstTemplate_;
+  bool standard_;
+  bool namesInterfaces_ = false;
+  bool mpls_ = false;
+  std::vector<PlannedFormat> formats_;                                       // without gaps
+  std::array<uint8_t, packetKinds> formatOf_{noLayout, noLayout, noLayout};  // by kind of packet
+};
+
+}  // namespace agent::flow

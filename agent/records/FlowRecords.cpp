@@ -1,0 +1,206 @@
+#include "agent/records/FlowRecords.h"
+
+#include <algorithm>
+
+#include "platform/HwFlowTracking.h"
+
+namespace agent {
+namespace {
+using ::Ipfix::IpfixConst;
+
+// Names, numbers and lengths are those of IANA's registry (https://www.iana.org/assignments/ipfix).
+// An interface's name is a text of any length there; here it has a fixed one, padded with zeros,
+// since collectors that do not read options data rarely read fields of variable length either.
+constexpr RecordField fieldTable[] = {
+    {"octetDeltaCount", 1, 8, ipPackets, false},
+    {"packetDeltaCount", 2, 8, allPackets, false},
+    {"protocolIdentifier", 4, 1, ipPackets, true},
+    {"ipClassOfService", 5, 1, ipPackets, true},
+    {"tcpControlBits", 6, 2, ipPackets, false},
+    {"sourceTransportPort", 7, 2, ipPackets, true},
+    {"sourceIPv4Address", 8, 4, ipv4Packets, true},
+    {"sourceIPv4PrefixLength", 9, 1, ipv4Packets, false},
+    {"ingressInterface", 10, 4, allPackets, true},
+    {"destinationTransportPort", 11, 2, ipPackets, true},
+    {"destinationIPv4Address", 12, 4, ipv4Packets, true},
+    {"destinationIPv4PrefixLength", 13, 1, ipv4Packets, false},
+    {"egressInterface", 14, 4, allPackets, true},
+    {"minimumIpTotalLength", 25, 8, ipPackets, false},
+    {"maximumIpTotalLength", 26, 8, ipPackets, false},
+    {"sourceIPv6Address", 27, 16, ipv6Packets, true},
+    {"destinationIPv6Address", 28, 16, ipv6Packets, true},
+    {"sourceIPv6PrefixLength", 29, 1, ipv6Packets, false},
+    {"destinationIPv6PrefixLength", 30, 1, ipv6Packets, false},
+    {"flowLabelIPv6", 31, 4, ipv6Packets, true},
+    {"icmpTypeCodeIPv4", 32, 2, ipv4Packets, true},
+    {"minimumTTL", 52, 1, ipPackets, false},
+    {"maximumTTL", 53, 1, ipPackets, false},
+    {"sourceMacAddress", 56, 6, allPackets, true},
+    {"vlanId", 58, 2, allPackets, true},
+    {"mplsTopLabelStackSection", 70, 3, allPackets, true},
+    {"destinationMacAddress", 80, 6, allPackets, true},
+    {"interfaceName", 82, 32, allPackets, true},
+    {"octetTotalCount", 85, 8, ipPackets, false},
+    {"packetTotalCount", 86, 8, allPackets, false},
+    {"flowEndReason", 136, 1, allPackets, false},
+    {"icmpTypeCodeIPv6", 139, 2, ipv6Packets, true},
+    {"flowStartSeconds", 150, 4, allPackets, false},
+    {"flowEndSeconds", 151, 4, allPackets, false},
+    {"flowStartMilliseconds", 152, 8, allPackets, false},
+    {"flowEndMilliseconds", 153, 8, allPackets, false},
+    {"flowStartMicroseconds", 154, 8, allPackets, false},
+    {"flowEndMicroseconds", 155, 8, allPackets, false},
+    {"flowStartNanoseconds", 156, 8, allPackets, false},
+    {"flowEndNanoseconds", 157, 8, allPackets, false},
+    {"ingressVRFID", 234, 4, allPackets, true},
+    {"dot1qVlanId", 243, 2, allPackets, true},
+    {"dot1qCustomerVlanId", 245, 2, allPackets, true},
+    {"ethernetType", 256, 2, allPackets, true},
+    {"layer2OctetDeltaCount", 352, 8, allPackets, false},
+    {"layer2OctetTotalCount", 353, 8, allPackets, false},
+};
+
+// What a field says nothing without: itself or the other has to be a key.
+struct Need {
+  std::string_view field;
+  std::string_view key;
+};
+constexpr Need needs[] = {
+    {"sourceIPv4PrefixLength", "sourceIPv4Address"},
+    {"destinationIPv4PrefixLength", "destinationIPv4Address"},
+    {"sourceIPv6PrefixLength", "sourceIPv6Address"},
+    {"destinationIPv6PrefixLength", "destinationIPv6Address"},
+    {"interfaceName", "ingressInterface"},
+};
+
+// Collectors are told of keys by their bits of flowKeyIndicator; beyond these they are ambiguous.
+constexpr size_t keyPlaces = 31;
+
+using Names = std::vector<std::string>;
+bool has(const Names& names, std::string_view name) {
+  return std::find(names.begin(), names.end(), name) != names.end();
+}
+bool repeated(const Names& names, size_t at) {
+  return std::find(names.begin(), names.begin() + static_cast<ptrdiff_t>(at), names[at]) !=
+         names.begin() + static_cast<ptrdiff_t>(at);
+}
+Names operator+(Names a, const Names& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+std::map<std::string, RecordDefinition> makeBuiltIn() {
+  const Names addresses = {"sourceIPv4Address", "destinationIPv4Address", "sourceIPv6Address",
+                           "destinationIPv6Address"};
+  const Names ports = {"sourceTransportPort", "destinationTransportPort", "protocolIdentifier"};
+  const Names counts = {"octetDeltaCount", "packetDeltaCount", "flowStartMilliseconds",
+                        "flowEndMilliseconds"};
+  const Names keys =
+      addresses + ports + Names{"ipClassOfService", "vlanId", "ingressInterface", "ingressVRFID"};
+  const Names standard = keys + Names{"egressInterface"} + counts +
+                         Names{"tcpControlBits", "flowEndReason", "flowLabelIPv6"};
+  const Names macs = {"sourceMacAddress", "destinationMacAddress", "ethernetType", "dot1qVlanId",
+                      "dot1qCustomerVlanId"};
+  return {
+      {"minimal", {addresses + ports + counts, addresses + ports}},
+      {standardRecordName, {standard, keys}},
+      {"layer2",
+       {macs + Names{"ingressInterface", "layer2OctetDeltaCount"} + counts + Names{"flowEndReason"},
+        macs + Names{"ingressInterface"}}},
+      {"full",
+       {standard + macs +
+            Names{"minimumTTL", "maximumTTL", "minimumIpTotalLength", "maximumIpTotalLength",
+                  "icmpTypeCodeIPv4", "icmpTypeCodeIPv6", "mplsTopLabelStackSection"},
+        keys + Names{"dot1qCustomerVlanId"}}},
+  };
+}
+
+bool sameFields(const RecordLayout& a, const RecordLayout& b) {
+  return std::equal(a.fields.begin(), a.fields.end(), b.fields.begin(), b.fields.end(),
+                    [](const auto& x, const auto& y) { return x.field == y.field; });
+}
+}  // namespace
+
+std::span<const RecordField> recordFields() { return fieldTable; }
+const RecordField* recordField(std::string_view name) {
+  const auto* it = std::find_if(std::begin(fieldTable), std::end(fieldTable),
+                                [&](const RecordField& f) { return f.name == name; });
+  return it == std::end(fieldTable) ? nullptr : it;
+}
+
+void addRecordElements(Ipfix::ElementIdColl& registry) {
+  for (const RecordField& f : fieldTable)
+    if (!registry.elementIdCollHas(f.element))
+      registry.elementIdCollIs(Ipfix::ElementId(false, f.element, f.len, f.name));
+}
+
+const std::map<std::string, RecordDefinition>& builtInRecords() {
+  static const auto records = makeBuiltIn();
+  return records;
+}
+
+uint32_t RecordLayout::len() const {
+  uint32_t len = 0;
+  for (const Field& f : fields) len += f.field->len;
+  return len;
+}
+uint32_t RecordLayout::templateLen() const {  // RFC 7011, 3.4.1
+  return kinds == 0 ? 0 : static_cast<uint32_t>(4 + 4 * fields.size());
+}
+
+RecordLayouts recordLayouts(const RecordDefinition& definition) {
+  PacketKinds wanted = allPackets;
+  for (const std::string& key : definition.keys)
+    if (const RecordField* f = recordField(key); f && !(f->kinds & otherFrames)) wanted = ipPackets;
+  RecordLayouts layouts;
+  for (size_t place = 0; place < packetKinds; ++place) {
+    const auto kind = static_cast<PacketKinds>(1 << place);
+    RecordLayout& own = layouts[place];
+    if (!(wanted & kind)) continue;
+    for (const std::string& name : definition.fields)
+      if (const RecordField* f = recordField(name); f && f->kinds & kind)
+        own.fields.push_back({f, has(definition.keys, name)});
+    RecordLayout* const like =
+        std::find_if(layouts.begin(), &own, [&](const auto& l) { return sameFields(l, own); });
+    like->kinds |= own.fields.empty() ? PacketKinds{0} : kind;
+    if (like != &own) own.fields.clear();
+  }
+  return layouts;
+}
+
+uint32_t messageLenFor(const RecordLayouts& layouts) {
+  uint32_t longest = 0;
+  uint32_t templates = 0;
+  for (const RecordLayout& l : layouts) {
+    longest = std::max(longest, l.len());
+    templates += l.templateLen();
+  }
+  return IpfixConst::messageHeaderLen() + IpfixConst::setHeaderLen() + std::max(longest, templates);
+}
+
+std::string fieldProblem(const RecordDefinition& definition, size_t at) {
+  const std::string& name = definition.fields[at];
+  if (repeated(definition.fields, at)) return "a record has each field once";
+  if (has(definition.keys, name)) {
+    const auto layouts = recordLayouts(definition);
+    for (const RecordLayout& l : layouts)
+      for (size_t i = keyPlaces; i < l.fields.size(); ++i)
+        if (l.fields[i].field->name == name)
+          return "keys are among the first " + std::to_string(keyPlaces) + " fields of a record";
+  }
+  for (const Need& need : needs)
+    if (need.field == name && !has(definition.keys, name) && !has(definition.keys, need.key))
+      return "it needs " + std::string(need.key) + " among the keys";
+  return {};
+}
+
+std::string keyProblem(const RecordDefinition& definition, size_t at) {
+  const std::string& name = definition.keys[at];
+  if (repeated(definition.keys, at)) return "a record has each key once";
+  if (!has(definition.fields, name)) return "each key is one of the record's fields";
+  if (const RecordField* f = recordField(name); f && !f->ofPacket)
+    return "flows cannot be told apart by it, it sums up their packets";
+  return {};
+}
+
+}  // namespace agent

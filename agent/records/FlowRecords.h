@@ -1,0 +1,79 @@
+#pragma once
+#include <array>
+#include <cstdint>
+#include <map>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Ipfix/Ipfix.h"
+
+namespace agent {
+
+/// The kinds of packets that a flow record may be about, a bit each.
+using PacketKinds = uint8_t;
+inline constexpr PacketKinds ipv4Packets = 1, ipv6Packets = 2, otherFrames = 4;
+inline constexpr PacketKinds ipPackets = ipv4Packets | ipv6Packets;
+inline constexpr PacketKinds allPackets = ipPackets | otherFrames;
+inline constexpr size_t packetKinds = 3;
+
+/// One information element that the software flow path knows to fill.
+struct RecordField {
+  const char* name;   ///< IANA's
+  uint16_t element;   ///< its number
+  uint16_t len;       ///< octets in a record
+  PacketKinds kinds;  ///< the packets that have it; the records of others leave it out
+  /// Each packet has a value of its own, so flows can be told apart by it; where it is no key, a
+  /// record has that of the flow's first packet. Otherwise it sums up the packets of a flow.
+  bool ofPacket;
+};
+/// All of them, by element number.
+std::span<const RecordField> recordFields();
+/// Null: there is none of this name.
+const RecordField* recordField(std::string_view name);
+
+/// Adds those elements to the registry that it does not hold yet.
+void addRecordElements(Ipfix::ElementIdColl& registry);
+
+/// A flow record as the configuration describes it.
+struct RecordDefinition {
+  std::vector<std::string> fields;  ///< names, in the order of the record
+  std::vector<std::string> keys;    ///< those of the fields that tell flows apart
+  uint32_t prefix4 = 32;            ///< bits that count of an IPv4 address, and of an IPv6 address
+  uint32_t prefix6 = 128;
+  bool operator==(const RecordDefinition&) const = default;
+};
+
+/// The records that need no section in the configuration. `standard` is every tracker's default.
+inline constexpr const char* standardRecordName = "standard";
+const std::map<std::string, RecordDefinition>& builtInRecords();
+
+/// Of one definition the record of some kinds of packets, which has a template of its own.
+struct RecordLayout {
+  struct Field {
+    const RecordField* field;
+    bool key;
+  };
+  PacketKinds kinds = 0;
+  std::vector<Field> fields;
+  uint32_t len() const;          ///< octets of a record
+  uint32_t templateLen() const;  ///< octets of its template
+};
+
+/// A definition's layouts by their place in its template ids: of IPv4 packets, of IPv6 packets and
+/// of other frames. Kinds of packets whose records have the same fields share the first one's
+/// layout; a place without a layout has no kinds. Frames that are not IP have a layout when no key
+/// needs an IP packet. Names that are unknown are left out.
+using RecordLayouts = std::array<RecordLayout, packetKinds>;
+RecordLayouts recordLayouts(const RecordDefinition& definition);
+
+/// Octets of the smallest message that holds the longest record, and all templates together.
+uint32_t messageLenFor(const RecordLayouts& layouts);
+
+/// What is wrong with one name of `fields` or `keys`, in the definition as a whole: what would be
+/// right, or nothing. `at`: its index.
+std::string fieldProblem(const RecordDefinition& definition, size_t at);
+std::string keyProblem(const RecordDefinition& definition, size_t at);
+
+}  // namespace agent

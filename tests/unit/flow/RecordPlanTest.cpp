@@ -1,0 +1,339 @@
+#include "agent/flow/RecordPlan.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include "Frames.h"
+#include "agent/flow/FlowCache.h"
+#include "cli/wire/decoder/Element.h"
+#include "tests/unit/agent/World.h"
+
+namespace agent::flow {
+namespace {
+constexpr int64_t startMs = 1'700'000'000'000;
+
+/// A packet and what each field of it is worth, told by whoever made it.
+struct Made {
+  Octets frame;
+  PacketKinds kind = 0;
+  std::map<uint16_t, std::vector<uint8_t>> value;  // by element, as on the wire
+  uint64_t ipOctets = 0;
+  uint64_t layer2Octets = 0;
+  uint64_t ttl = 0;
+  uint64_t tcpFlags = 0;
+  int64_t timeNs = 0;
+};
+
+class RandomPackets {
+ public:
+  Made operator()() {
+    Made m;
+    m.timeNs = now_ += static_cast<int64_t>(pick(3'000'000));
+    const uint32_t port = pick(2), vlan = pick(3), customer = vlan > 0 ? pick(2) : 0;
+    const uint8_t tos = pick(2) ? 0xb8 : 0;
+    const bool tcpPacket = pick(2) == 0, icmp = !tcpPacket && pick(3) == 0;
+    const unsigned what = pick(5);
+    const bool mpls = what < 4 && pick(4) == 0;
+    const uint32_t label = 0x12340 + pick(2) * 0x1000;
+    m.ttl = 60 + pick(5);
+    m.tcpFlags = tcpPacket && what < 4 ? 0x10 + pick(2) * 8 : 0;
+    const auto put = [&](uint16_t element, const Octets& o) { m.value[element] = o; };
+    Octets rest;
+    uint8_t protocol = tcpPacket ? 6 : 17;
+    if (icmp) {
+      protocol = what < 2 ? 1 : 58;
+      rest = Octets{}.u8(8).u8(port).fill(6 + pick(50));
+    } else {
+      rest = tcpPacket ? tcp(7, static_cast<uint16_t>(80 + port), static_cast<uint8_t>(m.tcpFlags))
+                       : udp(7, static_cast<uint16_t>(80 + port), pick(300));
+    }
+    uint16_t type = 0x0806;
+    if (what < 2) {
+      m.kind = ipv4Packets;
+      Ip4 ip{tos};
+      ip.src = {10, 0, static_cast<uint8_t>(pick(2)), static_cast<uint8_t>(pick(2))};
+      put(8, ip.src);
+      put(12, ip.dst);
+      rest = ip(protocol, rest);
+      rest[8] = static_cast<uint8_t>(m.ttl);
+      type = 0x0800;
+    } else if (what < 4) {
+      m.kind = ipv6Packets;
+      Ip6 ip{tos, 0xabc00 + pick(2)};
+      ip.src[7] = static_cast<uint8_t>(pick(2));
+      ip.src[15] = static_cast<uint8_t>(pick(2));
+      put(27, ip.src);
+      put(28, ip.dst);
+      put(31, Octets{}.u32(ip.flowLabel));
+      rest = ip(protocol, rest);
+      rest[7] = static_cast<uint8_t>(m.ttl);
+      type = 0x86dd;
+    } else {
+      m.kind = otherFrames;
+      rest = Octets{}.fill(46, 1);
+      if (pick(2)) type = 46;  // the length of an 802.3 frame
+    }
+    if (m.kind != otherFrames) {
+      const uint32_t typeCode = icmp ? 0x800 + port : 0;
+      m.ipOctets = rest.size();
+      put(4, {protocol});
+      put(5, {tos});
+      put(7, Octets{}.u16(icmp ? 0 : 7));
+      put(11, Octets{}.u16(icmp ? typeCode : 80 + port));
+      put(m.kind == ipv4Packets ? 32 : 139, Octets{}.u16(typeCode));
+    }
+    if (mpls) {  // two labels, 20 bits each with the traffic class and the bottom bit
+      rest = Octets{}.u32(label << 8 | 64).u32(0x00777100 | 63).add(rest);
+      type = 0x8847;
+    }
+    put(70, mpls ? Octets{}.u8(label >> 16).u16(label) : Octets{0, 0, 0});
+    put(256, Octets{}.u16(type < 0x600 ? 0 : type));
+    if (customer > 0) rest = Octets{}.u16(customer).u16(type).add(rest), type = 0x8100;
+    if (vlan > 0) rest = Octets{}.u16(0x6000 | vlan).u16(type).add(rest), type = 0x88a8;
+    m.frame = ethernet(type, rest);
+    m.frame[5] = static_cast<uint8_t>(pick(2));
+    m.frame[11] = static_cast<uint8_t>(pick(2));
+    m.layer2Octets = m.frame.size();
+    put(80, Octets(m.frame.begin(), m.frame.begin() + 6));
+    put(56, Octets(m.frame.begin() + 6, m.frame.begin() + 12));
+    for (const uint16_t element : {58, 243}) put(element, Octets{}.u16(vlan));
+    put(245, Octets{}.u16(customer));
+    const uint32_t interface = 3 + pick(2);
+    put(10, Octets{}.u32(interface));
+    Octets name = {'e', 't', 'h', static_cast<uint8_t>('0' + interface)};
+    put(82, name.fill(28));
+    put(14, Octets{}.u32(0));
+    put(234, Octets{}.u32(10));
+    return m;
+  }
+  Random pick;
+
+ private:
+  int64_t now_ = startMs * 1'000'000;
+};
+
+RecordDefinition randomRecord(Random& pick) {
+  RecordDefinition r;
+  const auto all = recordFields();
+  const unsigned of = 2 + pick(all.size() - 1);
+  for (const RecordField& f : all)
+    if (pick(all.size()) < of || f.element == 2) r.fields.emplace_back(f.name);
+  std::shuffle(r.fields.begin(), r.fields.end(), pick.engine());
+  for (size_t at = 0; at < r.fields.size() && at < 31; ++at)
+    if (recordField(r.fields[at])->ofPacket && pick(3) == 0) r.keys.push_back(r.fields[at]);
+  for (size_t at = r.fields.size(); at-- > 0;)
+    if (!fieldProblem(r, at).empty()) r.fields.erase(r.fields.begin() + static_cast<ptrdiff_t>(at));
+  r.prefix4 = pick(2) ? 32 : 1 + pick(32);
+  r.prefix6 = pick(2) ? 128 : 1 + pick(128);
+  return r;
+}
+
+/// The addresses of an element, or nothing, cut to their prefix.
+std::vector<uint8_t> cut(const RecordDefinition& r, uint16_t element, std::vector<uint8_t> value) {
+  const uint32_t bits = element == 8 || element == 12    ? r.prefix4
+                        : element == 27 || element == 28 ? r.prefix6
+                                                         : 8 * 64;
+  for (uint32_t bit = bits; bit < 8 * value.size(); ++bit)
+    value[bit / 8] &= static_cast<uint8_t>(~(0x80 >> bit % 8));
+  return value;
+}
+
+/// What a record should say of one flow, made of its packets.
+std::vector<uint8_t> expectedField(const RecordDefinition& r, const RecordField& f,
+                                   const std::vector<Made>& packets) {
+  const auto number = [&](uint64_t v) {
+    Octets o;
+    for (unsigned i = f.len; i-- > 0;) o.u8(static_cast<uint32_t>(v >> 8 * i));
+    return o;
+  };
+  const auto sum = [&](uint64_t Made::*what) {
+    uint64_t v = 0;
+    for (const Made& m : packets) v += m.*what;
+    return number(v);
+  };
+  const auto extreme = [&](uint64_t Made::*what, bool most) {
+    uint64_t v = packets[0].*what;
+    for (const Made& m : packets) v = most ? std::max(v, m.*what) : std::min(v, m.*what);
+    return number(v);
+  };
+  const bool first = f.element % 2 == 0;  // of the times
+  const int64_t ns = first ? packets.front().timeNs : packets.back().timeNs;
+  switch (f.element) {
+    case 1:
+    case 85:
+      return sum(&Made::ipOctets);
+    case 352:
+    case 353:
+      return sum(&Made::layer2Octets);
+    case 2:
+    case 86:
+      return number(packets.size());
+    case 6: {
+      uint64_t flags = 0;
+      for (const Made& m : packets) flags |= m.tcpFlags;
+      return number(flags);
+    }
+    case 9:
+    case 13:
+      return number(r.prefix4);
+    case 29:
+    case 30:
+      return number(r.prefix6);
+    case 25:
+    case 26:
+      return extreme(&Made::ipOctets, f.element == 26);
+    case 52:
+    case 53:
+      return extreme(&Made::ttl, f.element == 53);
+    case 136:
+      return number(static_cast<uint64_t>(EndReason::idleTimeout));
+    case 150:
+    case 151:
+      return number(static_cast<uint64_t>(ns / 1'000'000'000));
+    case 152:
+    case 153:
+      return number(static_cast<uint64_t>(ns / 1'000'000));
+    default:
+      return cut(r, f.element, packets.front().value.at(f.element));
+  }
+}
+
+/// A time in NTP's form as whole nanoseconds since 1970.
+int64_t fromNtp(const std::vector<uint8_t>& o) {
+  uint64_t v = 0;
+  for (const uint8_t octet : o) v = v << 8 | octet;
+  const auto fraction = static_cast<unsigned __int128>(v & 0xffffffff) * 1'000'000'000 >> 32;
+  return static_cast<int64_t>((v >> 32) - 2208988800) * 1'000'000'000 +
+         static_cast<int64_t>(fraction);
+}
+
+/// Random packets through parser, plan and cache: the record of every flow, field by field, against
+/// a map of what the packets were made of. The built-in records, too.
+TEST(RecordPlan, EachFieldIsWhatThePacketsSay) {
+  RandomPackets next;
+  std::vector<RecordDefinition> records;
+  for (const auto& [name, record] : builtInRecords())
+    if (name != standardRecordName) records.push_back(record);
+  while (records.size() < 23) records.push_back(randomRecord(next.pick));
+  for (const RecordDefinition& r : records) {
+    std::string text;
+    for (const std::string& f : r.fields) text += f + ' ';
+    for (const std::string& k : r.keys) text += "| " + k;
+    SCOPED_TRACE(text);
+    const RecordPlan plan(r, 260);
+    const RecordLayouts layouts = recordLayouts(r);
+    RecordQueue queue(plan.recordLens());
+    FlowCache cache(100000, {.activeMs = 600000, .inactiveMs = 66000}, 7, plan, queue);
+    cache.contextIs({.vrfId = 10, .interfaceNames = {{3, "eth3"}, {4, "eth4"}}});
+    cache.holdIs(false);
+    PacketParser parser(7, 4, plan.mpls());
+    using Flow = std::pair<size_t, std::vector<uint8_t>>;  // its layout and the octets of its key
+    std::map<Flow, std::vector<Made>> flows;
+    for (int i = 0; i < 2000; ++i) {
+      const Made m = next();
+      Boxed box(m.frame);
+      box.packet.timeNs = m.timeNs;
+      Parsed parsed;
+      PlannedSample sample;
+      parser.parse(box.packet, parsed);
+      const bool isMpls = m.value.at(256) == Octets{0x88, 0x47};
+      const PacketKinds kind = isMpls && !plan.mpls() ? otherFrames : m.kind;
+      const auto layout =
+          static_cast<size_t>(std::find_if(layouts.begin(), layouts.end(),
+                                           [&](const RecordLayout& l) { return l.kinds & kind; }) -
+                              layouts.begin());
+      ASSERT_EQ(plan.sample(box.packet, parsed, m.value.at(10)[3], sample), layout < 3);
+      if (layout == 3) continue;
+      Flow flow{layout, {}};
+      for (const auto& [field, key] : layouts[layout].fields)
+        if (key)
+          for (const uint8_t o : cut(r, field->element, m.value.at(field->element)))
+            flow.second.push_back(o);
+      auto& packets = flows[flow];
+      packets.push_back(m);
+      if (kind != m.kind) packets.back().ipOctets = packets.back().tcpFlags = 0;
+      cache.samplesIs(&sample, 1);
+    }
+    cache.nowIs(startMs + 600000);
+    EXPECT_EQ(cache.size(), 0u) << "a flow that the wheel forgot";
+    queue.flush();
+    size_t found = 0;
+    while (RecordBlock* block = queue.take()) {
+      const RecordLayout& layout = layouts[block->place];
+      for (uint32_t at = 0; at < block->used;) {
+        std::map<uint16_t, std::vector<uint8_t>> fields;
+        Flow flow{block->place, {}};
+        for (const auto& [field, key] : layout.fields) {
+          const auto* const o = reinterpret_cast<const uint8_t*>(block->octets.data()) + at;
+          fields[field->element].assign(o, o + field->len);
+          if (key) flow.second.insert(flow.second.end(), o, o + field->len);
+          at += field->len;
+        }
+        const auto it = flows.find(flow);
+        ASSERT_NE(it, flows.end());
+        ++found;
+        for (const auto& [field, key] : layout.fields) {
+          if (field->element < 154 || field->element > 157) {
+            ASSERT_EQ(fields[field->element], expectedField(r, *field, it->second)) << field->name;
+            continue;
+          }
+          const Made& m = field->element % 2 == 0 ? it->second.front() : it->second.back();
+          const int64_t unit = field->element < 156 ? 1000 : 1;
+          ASSERT_EQ(fromNtp(fields[field->element]) / unit, m.timeNs / unit) << field->name;
+        }
+      }
+      queue.release(block);
+    }
+    EXPECT_EQ(found, flows.size());
+  }
+}
+
+/// Totals go on over the reports of a long flow, and begin anew after silence.
+TEST(RecordPlan, TotalsGoOn) {
+  const RecordPlan plan(
+      {{"vlanId", "packetDeltaCount", "packetTotalCount", "flowStartSeconds"}, {"vlanId"}}, 256);
+  RecordQueue queue(plan.recordLens());
+  FlowCache cache(10, {.activeMs = 5000, .inactiveMs = 60000}, 7, plan, queue);
+  cache.holdIs(false);
+  const Octets frame = tagged(0x8100, 5, 0x0806, Octets{}.fill(46));
+  for (const int second : {0, 1, 2, 5, 6, 30, 100}) {
+    Boxed box(frame);
+    box.packet.timeNs = second * 1'000'000'000LL;
+    Parsed parsed;
+    PlannedSample sample;
+    PacketParser(7, 4).parse(box.packet, parsed);
+    ASSERT_TRUE(plan.sample(box.packet, parsed, 1, sample));
+    cache.samplesIs(&sample, 1);
+  }
+  cache.nowIs(200'000);
+  queue.flush();
+  std::string seen;
+  RecordBlock* const block = queue.take();
+  ASSERT_TRUE(block);
+  for (uint32_t at = 0; at < block->used; at += 22)
+    for (const uint32_t last : {9, 17, 21})
+      (seen += std::to_string(block->octets[at + last])) += last == 21 ? ' ' : ':';
+  EXPECT_EQ(seen, "3:3:0 2:5:5 1:6:30 1:1:100 ");
+  EXPECT_EQ(cache.size(), 0u);
+  EXPECT_EQ(cache.counters().created, 2u);
+}
+
+/// The table of fields is IANA's, as the tool's decoder has it, and every field is in the plan.
+TEST(RecordPlan, FieldsAreThoseOfTheRegistry) {
+  std::set<std::string> names;
+  for (const RecordField& f : recordFields()) {
+    const auto* const element = decoder::ianaElement(f.element);
+    ASSERT_TRUE(element) << f.name;
+    EXPECT_EQ(element->name, f.name);
+    EXPECT_TRUE(decoder::typeAllows(element->type, f.len)) << f.name;
+    const auto type = static_cast<unsigned>(element->type);  // of 1, 2, 4 and 8 octets
+    EXPECT_TRUE(type < 1 || type > 4 || f.len == 1u << (type - 1)) << f.name;
+    EXPECT_TRUE(names.insert(f.name).second);
+  }
+}
+
+}  // namespace
+}  // namespace agent::flow
