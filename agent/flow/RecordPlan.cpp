@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <initializer_list>
 #include <limits>
+#include <span>
 #include <string_view>
 #include <utility>
 
@@ -75,11 +76,18 @@ constexpr Place places[] = {
     {245, At::customerVlan, 2, true},
     {256, At::etherType, 2, false},
 };
+// And of what sums up packets, where it lies in the entry.
+constexpr Place sums[] = {
+    {octetDeltaCount, offsetof(PlannedEntry, octets), 8, true},
+    {packetDeltaCount, offsetof(PlannedEntry, packets), 8, true},
+    {minimumTTL, offsetof(PlannedEntry, leastTtl), 1, false},
+    {maximumTTL, offsetof(PlannedEntry, mostTtl), 1, false},
+};
 /// Null: it is not in there.
-const Place* placeOf(uint16_t element) {
-  const auto* it = std::find_if(std::begin(places), std::end(places),
-                                [&](const Place& p) { return p.element == element; });
-  return it == std::end(places) ? nullptr : it;
+const Place* placeOf(std::span<const Place> all, uint16_t element) {
+  const auto it =
+      std::find_if(all.begin(), all.end(), [&](const Place& p) { return p.element == element; });
+  return it == all.end() ? nullptr : &*it;
 }
 
 /// The bits that count of the octet at `i` of an address; of other fields all.
@@ -125,7 +133,7 @@ PlannedFormat::PlannedFormat(const RecordLayout& layout, uint32_t prefix4, uint3
   };
   Chosen chosen[2];  // of the first packet, of the key
   for (const auto& [field, key] : layout.fields) {
-    const Place* const in = placeOf(field->element);
+    const Place* const in = placeOf(places, field->element);
     for (size_t i = 0; in && i < in->len; ++i) {
       chosen[key].mask[in->at + i] |= octetMask(field->element, i, prefix4, prefix6);
       chosen[key].any[(in->at + i) / 8] = true;
@@ -167,7 +175,11 @@ PlannedFormat::PlannedFormat(const RecordLayout& layout, uint32_t prefix4, uint3
 void PlannedFormat::addStep(const RecordLayout::Field& field, uint32_t prefix4, uint32_t prefix6) {
   const uint16_t element = field.field->element;
   Step step{Step::summed, false, element, 0, field.field->len};
-  if (const Place* const in = placeOf(element)) {
+  const auto kindOf = [](const Place& p) {
+    if (!p.swapped) return Step::octets;
+    return p.len == 2 ? Step::swapped2 : p.len == 4 ? Step::swapped4 : Step::swapped8;
+  };
+  if (const Place* const in = placeOf(places, element)) {
     const auto at = [&](const Word* words, size_t n) {
       return static_cast<size_t>(
           std::find_if(words, words + n, [&](const Word& w) { return w.index == in->at / 8u; }) -
@@ -177,8 +189,10 @@ void PlannedFormat::addStep(const RecordLayout::Field& field, uint32_t prefix4, 
     const size_t word = step.cold ? 8 * at(first_.data(), first_.size())
                                   : sizeof(Entry) + 8 * at(key_.data(), keyWords_);
     step.from = static_cast<uint16_t>(word + in->at % 8u);
-    if (element != interfaceName)
-      step.kind = !in->swapped ? Step::octets : in->len == 2 ? Step::swapped2 : Step::swapped4;
+    if (element != interfaceName) step.kind = kindOf(*in);
+  } else if (const Place* const sum = placeOf(sums, element)) {
+    step.kind = kindOf(*sum);
+    step.from = sum->at;
   } else if (element == sourceIPv4PrefixLength || element == destinationIPv4PrefixLength) {
     step.from = static_cast<uint16_t>(prefix4);
   } else if (element == sourceIPv6PrefixLength || element == destinationIPv6PrefixLength) {
@@ -220,10 +234,6 @@ void PlannedFormat::put(FieldWriter& w, const Step& step, const Entry& e, const 
   const auto* const total = reinterpret_cast<const uint64_t*>(cold + totals_);
   const auto* const ns = reinterpret_cast<const Nanoseconds*>(e.words() + nanoseconds_);
   switch (step.element) {
-    case octetDeltaCount:
-      return w.put(e.octets);
-    case packetDeltaCount:
-      return w.put(e.packets);
     case layer2OctetDeltaCount:
       return w.put(e.words()[layer2_]);
     case octetTotalCount:
@@ -238,10 +248,6 @@ void PlannedFormat::put(FieldWriter& w, const Step& step, const Entry& e, const 
       return w.put(uint64_t{e.leastOctets});
     case maximumIpTotalLength:
       return w.put(uint64_t{e.mostOctets});
-    case minimumTTL:
-      return w.put(e.leastTtl);
-    case maximumTTL:
-      return w.put(e.mostTtl);
     case flowEndReason:
       return w.put(static_cast<uint8_t>(reason));
     case ingressVRFID:
@@ -285,6 +291,9 @@ size_t PlannedFormat::encode(const Entry& e, const char* cold, EndReason reason,
         break;
       case Step::swapped4:
         w.swapped<uint32_t>(from);
+        break;
+      case Step::swapped8:
+        w.swapped<uint64_t>(from);
         break;
       case Step::summed:
         put(w, step, e, cold, reason, context);

@@ -154,7 +154,7 @@ class PlannedFormat {
   };
   /// Writes one field, or several that lie behind each other.
   struct Step {
-    enum Kind : uint8_t { octets, swapped2, swapped4, summed } kind;
+    enum Kind : uint8_t { octets, swapped2, swapped4, swapped8, summed } kind;
     bool cold;
     uint16_t element;  // of what sums up packets
     uint16_t from;     // octets of the entry or its cold part; of a constant its value
