@@ -161,44 +161,21 @@ std::vector<uint8_t> expectedField(const RecordDefinition& r, const RecordField&
   };
   const bool first = f.element % 2 == 0;  // of the times
   const int64_t ns = first ? packets.front().timeNs : packets.back().timeNs;
-  switch (f.element) {
-    case 1:
-    case 85:
-      return sum(&Made::ipOctets);
-    case 352:
-    case 353:
-      return sum(&Made::layer2Octets);
-    case 2:
-    case 86:
-      return number(packets.size());
-    case 6: {
-      uint64_t flags = 0;
-      for (const Made& m : packets) flags |= m.tcpFlags;
-      return number(flags);
-    }
-    case 9:
-    case 13:
-      return number(r.prefix4);
-    case 29:
-    case 30:
-      return number(r.prefix6);
-    case 25:
-    case 26:
-      return extreme(&Made::ipOctets, f.element == 26);
-    case 52:
-    case 53:
-      return extreme(&Made::ttl, f.element == 53);
-    case 136:
-      return number(static_cast<uint64_t>(EndReason::idleTimeout));
-    case 150:
-    case 151:
-      return number(static_cast<uint64_t>(ns / 1'000'000'000));
-    case 152:
-    case 153:
-      return number(static_cast<uint64_t>(ns / 1'000'000));
-    default:
-      return cut(r, f.element, packets.front().value.at(f.element));
-  }
+  const auto is = [&](auto... element) { return ((f.element == element) || ...); };
+  if (is(1, 85)) return sum(&Made::ipOctets);
+  if (is(352, 353)) return sum(&Made::layer2Octets);
+  if (is(2, 86)) return number(packets.size());
+  if (is(9, 13)) return number(r.prefix4);
+  if (is(29, 30)) return number(r.prefix6);
+  if (is(25, 26)) return extreme(&Made::ipOctets, is(26));
+  if (is(52, 53)) return extreme(&Made::ttl, is(53));
+  if (is(136)) return number(static_cast<uint64_t>(EndReason::idleTimeout));
+  if (is(150, 151)) return number(static_cast<uint64_t>(ns / 1'000'000'000));
+  if (is(152, 153)) return number(static_cast<uint64_t>(ns / 1'000'000));
+  if (!is(6)) return cut(r, f.element, packets.front().value.at(f.element));
+  uint64_t flags = 0;
+  for (const Made& m : packets) flags |= m.tcpFlags;
+  return number(flags);
 }
 
 /// A time in NTP's form as whole nanoseconds since 1970.
