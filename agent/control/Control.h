@@ -22,7 +22,7 @@ class Control {
     socket_.listen(path);
   }
 
-  /// There are other settings.
+  /// The settings have changed.
   void settingsAre() { states_.settingsAre(); }
   /// Makes the socket's file again when somebody removed it.
   void restore() { socket_.restore(); }

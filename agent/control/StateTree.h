@@ -23,7 +23,7 @@ struct StateRow {
 /// is.
 ///
 ///   StateTree tree({{"config", config}, {"info", info}});
-///   StatePage page = tree.page("config");
+///   StateTree::Page page = tree.page("config");
 ///   while (!page.done) page = tree.page("config", page.rows.back().path);
 ///
 /// What changes meanwhile may be missed or be of two moments; nothing is shown twice but what was

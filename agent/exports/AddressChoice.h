@@ -10,8 +10,8 @@
 
 namespace agent {
 
-/// Chooses which address of its host each collector is sent to that is given by a host's name, and
-/// applies settings to the entities with the addresses chosen.
+/// Chooses the address of each collector that is given by a host's name, and applies settings to
+/// the entities with the addresses chosen.
 ///
 /// The address is the first of the host's in a family that the collector's exporter has a source
 /// address for, and that no other collector of the exporter has with the same port. The collector
@@ -30,7 +30,7 @@ class AddressChoice {
   ~AddressChoice();
 
   Changes apply(const Settings& settings);
-  /// Chooses again: hosts or exporters have other addresses.
+  /// Chooses again and applies what changed: hosts or exporters have other addresses.
   void review();
   /// As given: without the addresses chosen, which `Entities::settings` has.
   const Settings& settings() const { return settings_; }
@@ -53,7 +53,7 @@ class AddressChoice {
   AgentLog& log_;
   const Hosts hosts_;
   Settings settings_;
-  std::map<Name, State> states_;  // of exporters with such a collector
+  std::map<Name, State> states_;  // of exporters with a collector given by name
 };
 
 }  // namespace agent

@@ -50,7 +50,7 @@ class Entities {
   /// former ones stay until `forgetTemplates`, for the flows that were begun with them.
   FlowTracking::TemplateId firstFlowTemplate(const std::string& tracker) const;
   /// Withdraws the former templates of the trackers for which `unused` is true. Returns whether
-  /// there are some left.
+  /// there were any, so that the caller asks again.
   bool forgetTemplates(const std::function<bool(const std::string& tracker)>& unused);
 
   size_t readyExporters() const { return ready_; }

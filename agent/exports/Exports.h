@@ -22,8 +22,8 @@ struct ExportsHost {
   Ptr<Tarn::Ipfix::CollectorStatistics> statistics;
 };
 
-/// All that is exported: settings and networks made into the library's entities and reactors, and
-/// how those find them who tell of what is exported.
+/// Turns settings and networks into the library's entities and reactors, and lets other parts of
+/// the agent read them.
 class Exports {
  public:
   /// `readiness` is called when the count of ready exporters changed.
@@ -33,7 +33,7 @@ class Exports {
   /// trackers that are to go are gone, and their reactors still run.
   Changes apply(const Settings& settings, const std::function<void()>& removed);
 
-  /// As they were applied.
+  /// As they were given to `apply`.
   const Settings& settings() const { return addresses_.settings(); }
   /// The same with the address that each collector with a host has now, if it has one.
   const Settings& runningSettings() const { return entities_.settings(); }

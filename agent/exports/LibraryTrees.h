@@ -17,7 +17,7 @@ struct LibraryHost {
   Ptr<Vrf::VrfIdMap::Status> vrfs = {};
 };
 
-/// The library's trees by kind of tracking. References to a tree stay valid.
+/// The library's trees by kind of tracking. References to a kind's own tree stay valid.
 class LibraryTrees {
  public:
   using Type = FlowTracking::FlowTrackingType;
@@ -26,9 +26,9 @@ class LibraryTrees {
 
   /// Those of the kinds that have, or had, a tracker.
   const std::map<Type, LibraryTree>& all() const { return trees_; }
-  /// An empty one where the kind never had a tracker.
+  /// An empty one, which is never filled, where the kind never had a tracker.
   const LibraryTree& tree(Type type) const;
-  /// The kind's configuration and status are made when they are first written.
+  /// The kind's tree. The first call makes its configuration and status.
   LibraryTree& make(Type type);
   /// Starts the reactors of each kind that has trackers now, and releases those of the others.
   void followTrackers();

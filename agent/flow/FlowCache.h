@@ -14,8 +14,8 @@ namespace agent::flow {
 
 /// Why a flow ended unreported.
 enum class Loss : uint8_t {
-  noCollector,  ///< the cache was full and no collector was ready
-  queueFull,    ///< the cache was full and the queue of records, too
+  noCollector,  ///< no collector was ready when the flow had to leave
+  queueFull,    ///< the queue of records had no room when the flow had to leave
 };
 inline constexpr size_t losses = 2;
 
@@ -30,18 +30,19 @@ struct FlowCacheCounters {
 
 /// The flows under way, bounded. What ends is encoded at once and goes to the queue; when the queue
 /// has no room, or nobody could be sent records, flows stay and go on counting: they are lost only
-/// when their place is needed for others.
+/// when their place is needed for others, or when the cache ends.
 ///
 /// Time is that of the packets. When it goes back by more than `setBackMs` the clock was set: flows
-/// from before then end as forced, each with its next packet or when it was to be looked at, with
-/// their times by the clock as it was; no flow waits for the clock to catch up.
+/// from before end as forced at their next packet or look (as ended, after FIN or RST), with the
+/// times of the clock as it was. One that cannot be reported then goes on, its times shifted to the
+/// new clock. No flow waits for the clock to catch up.
 ///
 /// The standard record has entries and code of its own, every other record those of its plan; all
 /// else is the same. A flow whose record has totals stays when it is reported for its length, so
 /// that they go on; it ends silently when no packet follows.
 ///
 /// Memory: of the standard record 64 octets for each IPv4 flow under way, 96 for IPv6, of others
-/// 96 and more, and 15 to 30 of the index, 45 while it grows; however long flows are held, and
+/// 80 and more, and 15 to 30 of the index, 45 while it grows; however long flows are held, and
 /// whoever chose their keys. At most `maxFlows` are under way. What a flood took goes back to the
 /// system, but for two chunks of each FlowTable.
 class FlowCache {
@@ -60,8 +61,9 @@ class FlowCache {
   FlowCache(size_t maxFlows, const FlowTimes& times, uint64_t seed, const RecordPlan& plan,
             RecordQueue& queue);
 
-  /// Counts packets, in order, none of which has an error: the first of a standard plan, the other
-  /// of any other plan. Batches of some dozens hide the memory's latency.
+  /// Counts packets in order. A `Sample` is of the standard record, and its packet has no error; a
+  /// `PlannedSample` is of any other record, and its packet may be no IP packet. Batches of some
+  /// dozens hide the memory's latency.
   void samplesIs(Sample* samples, size_t n) { samplesAre(samples, n); }
   void samplesIs(PlannedSample* samples, size_t n) { samplesAre(samples, n); }
   /// Lets time pass without packets.

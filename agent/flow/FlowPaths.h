@@ -17,7 +17,7 @@ struct FlowTemplateIds {
   /// Where those of a tracker's record begin.
   std::function<FlowTracking::TemplateId(const std::string& tracker)> first;
   /// Withdraws those of former records of the trackers for which `unused` is true. Returns whether
-  /// there are some left.
+  /// there were any, so that the caller asks again.
   std::function<bool(const Unused& unused)> forget;
 };
 

@@ -14,7 +14,7 @@ using platform::LinkLayer;
 using platform::NetworkLayer;
 using platform::Packet;
 
-/// Why a packet belongs to no flow.
+/// Why a packet has no key of an IP flow. Records without such a key count `notIp` all the same.
 enum class ParseError : uint8_t {
   none,
   notIp,      ///< another network protocol: ARP, LLDP, MPLS, ...
@@ -112,8 +112,8 @@ class PacketParser {
   explicit PacketParser(uint64_t seed, size_t fragmentSets = 1024, bool mpls = false)
       : fragments_(seed, fragmentSets), mpls_(mpls) {}
 
-  /// True when the packet belongs to a flow. Otherwise `out.error` says why and the rest of `out`
-  /// means nothing. Of the two keys only the one that `out.ipv6` names is written.
+  /// True when the packet has the key of an IP flow. Otherwise `out.error` says why and the rest of
+  /// `out` means nothing. Of the two keys only the one that `out.ipv6` names is written.
   bool parse(const Packet& packet, Parsed& out) {
     if (parseCommon(packet, out)) return true;
     out.error = parseAny(packet, out);

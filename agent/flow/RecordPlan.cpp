@@ -76,7 +76,7 @@ constexpr Place places[] = {
     {245, At::customerVlan, 2, true},
     {256, At::etherType, 2, false},
 };
-// And of what sums up packets, where it lies in the entry.
+// And of what is computed, where it lies in the entry.
 constexpr Place sums[] = {
     {octetDeltaCount, offsetof(PlannedEntry, octets), 8, true},
     {packetDeltaCount, offsetof(PlannedEntry, packets), 8, true},
@@ -174,7 +174,7 @@ PlannedFormat::PlannedFormat(const RecordLayout& layout, uint32_t prefix4, uint3
 
 void PlannedFormat::addStep(const RecordLayout::Field& field, uint32_t prefix4, uint32_t prefix6) {
   const uint16_t element = field.field->element;
-  Step step{Step::summed, false, element, 0, field.field->len};
+  Step step{Step::computed, false, element, 0, field.field->len};
   const auto kindOf = [](const Place& p) {
     if (!p.swapped) return Step::octets;
     return p.len == 2 ? Step::swapped2 : p.len == 4 ? Step::swapped4 : Step::swapped8;
@@ -295,7 +295,7 @@ size_t PlannedFormat::encode(const Entry& e, const char* cold, EndReason reason,
       case Step::swapped8:
         w.swapped<uint64_t>(from);
         break;
-      case Step::summed:
+      case Step::computed:
         put(w, step, e, cold, reason, context);
         break;
     }

@@ -154,9 +154,9 @@ class PlannedFormat {
   };
   /// Writes one field, or several that lie behind each other.
   struct Step {
-    enum Kind : uint8_t { octets, swapped2, swapped4, swapped8, summed } kind;
+    enum Kind : uint8_t { octets, swapped2, swapped4, swapped8, computed } kind;
     bool cold;
-    uint16_t element;  // of what sums up packets
+    uint16_t element;  // of what is computed
     uint16_t from;     // octets of the entry or its cold part; of a constant its value
     uint16_t len;
   };
@@ -193,7 +193,7 @@ class PlannedFormat {
   uint8_t place_;
 };
 
-/// A record, compiled once: nothing about it is decided per packet.
+/// A record, compiled once: what is decided per packet is the format, by the packet's kind.
 class RecordPlan {
  public:
   RecordPlan(const RecordDefinition& definition, FlowTracking::TemplateId firstTemplate);

@@ -32,7 +32,7 @@ char* RecordQueue::room(uint8_t place) {
 }
 
 void RecordQueue::flush() {
-  for (uint8_t place = 0; place < open_.size(); ++place)
+  for (uint8_t place = 0; place < packetKinds; ++place)
     if (open_[place] && open_[place]->used > 0) publish(place);
 }
 

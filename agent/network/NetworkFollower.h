@@ -18,7 +18,7 @@ class NetworkFollower {
     std::function<void(const VrfNetwork&)> present;
     /// The VRF's network left the list. If another one took its place, `present` is called next.
     std::function<void(const VrfName&)> gone;
-    /// The network's link of this name came, went or changed.
+    /// The network's link of this name came, went or changed. May be empty.
     std::function<void(const VrfNetwork&, const std::string& name)> link;
   };
   NetworkFollower(Ptr<const NetworkList> networks, Handlers handlers);

@@ -199,7 +199,7 @@ std::string keyProblem(const RecordDefinition& definition, size_t at) {
   if (repeated(definition.keys, at)) return "a record has each key once";
   if (!has(definition.fields, name)) return "each key is one of the record's fields";
   if (const RecordField* f = recordField(name); f && !f->ofPacket)
-    return "flows cannot be told apart by it, it sums up their packets";
+    return "flows cannot be told apart by it: no single packet has it";
   return {};
 }
 

@@ -25,7 +25,8 @@ struct RecordField {
   uint16_t len;       ///< octets in a record
   PacketKinds kinds;  ///< the packets that have it; the records of others leave it out
   /// Each packet has a value of its own, so flows can be told apart by it; where it is no key, a
-  /// record has that of the flow's first packet. Otherwise it sums up the packets of a flow.
+  /// record has that of the flow's first packet. False: a sum over the flow, the reason for its
+  /// end, or a constant, none of which can be a key.
   bool ofPacket;
 };
 /// All of them, by element number.
@@ -40,8 +41,8 @@ void addRecordElements(Ipfix::ElementIdColl& registry);
 struct RecordDefinition {
   std::vector<std::string> fields;  ///< names, in the order of the record
   std::vector<std::string> keys;    ///< those of the fields that tell flows apart
-  uint32_t prefix4 = 32;            ///< bits that count of an IPv4 address, and of an IPv6 address
-  uint32_t prefix6 = 128;
+  uint32_t prefix4 = 32;            ///< leading bits of IPv4 addresses that count
+  uint32_t prefix6 = 128;           ///< the same of IPv6 addresses
   bool operator==(const RecordDefinition&) const = default;
 };
 
@@ -49,7 +50,7 @@ struct RecordDefinition {
 inline constexpr const char* standardRecordName = "standard";
 const std::map<std::string, RecordDefinition>& builtInRecords();
 
-/// Of one definition the record of some kinds of packets, which has a template of its own.
+/// A definition's record for some kinds of packets, with a template of its own.
 struct RecordLayout {
   struct Field {
     const RecordField* field;
@@ -68,11 +69,11 @@ struct RecordLayout {
 using RecordLayouts = std::array<RecordLayout, packetKinds>;
 RecordLayouts recordLayouts(const RecordDefinition& definition);
 
-/// Octets of the smallest message that holds the longest record, and all templates together.
+/// Octets of a message that has room for the longest record, and for all templates together.
 uint32_t messageLenFor(const RecordLayouts& layouts);
 
-/// What is wrong with one name of `fields` or `keys`, in the definition as a whole: what would be
-/// right, or nothing. `at`: its index.
+/// The rule that the name at index `at` of `fields` or `keys` breaks, in the definition as a whole;
+/// empty: none.
 std::string fieldProblem(const RecordDefinition& definition, size_t at);
 std::string keyProblem(const RecordDefinition& definition, size_t at);
 
