@@ -173,6 +173,8 @@ class World : private Tree {
         }
         ASSERT_EQ(seen.domain(), domainOf(e.tracker));
       }
+      const std::string to = d.endpoint + " > " + seen.to();
+      ASSERT_FALSE(gone_.contains(to) && d.time > gone_[to]) << to << " is there no more";
       receiver_.take(seen);
       if (testing::Test::HasFatalFailure()) return;
     }
@@ -306,6 +308,7 @@ class World : private Tree {
     const auto config = e.config;
     config->collectorIpAndPortDel(name);
     config->collectorIp6AndPortDel(name);
+    gone_[e.key(place)] = sim->clock().now();
   }
   void collectorMove() {
     auto& e = anExporter();
@@ -495,6 +498,7 @@ class World : private Tree {
   const double activeSeconds;
   std::vector<ExporterModel> exporters_{{"ft1", "e1"}, {"ft1", "e2"}, {"ft2", "e1"}};
   Receiver receiver_;
+  std::map<std::string, double> gone_;  // since when
   uint32_t last_ = 0;
   bool meddles_ = true;
   Ears ears_{[this](size_t often) { meddle(often); }};
