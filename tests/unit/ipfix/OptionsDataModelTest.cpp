@@ -306,9 +306,11 @@ class World : private Tree {
     receiver_.forget(e.key(place));
     e.collectors.erase(name);
     const auto config = e.config;
+    const unsigned answersBefore = answers_;
     config->collectorIpAndPortDel(name);
     config->collectorIp6AndPortDel(name);
-    gone_[e.key(place)] = sim->clock().now();
+    // An exporter that ends in between does not hear of it: what waits in its endpoint leaves.
+    if (meddles_ && answers_ == answersBefore) gone_[e.key(place)] = sim->clock().now();
   }
   void collectorMove() {
     auto& e = anExporter();
@@ -417,6 +419,7 @@ class World : private Tree {
   void meddle(size_t often) {
     if (!meddles_ || pick(often) != 0) return;
     meddles_ = false;
+    ++answers_;
     using W = World;
     static constexpr void (*answers[])(W&) = {
         does<&W::anyExporterDel>, does<&W::exporterChange>,  does<&W::sourceChange>,
@@ -500,6 +503,7 @@ class World : private Tree {
   Receiver receiver_;
   std::map<std::string, double> gone_;  // since when
   uint32_t last_ = 0;
+  unsigned answers_ = 0;
   bool meddles_ = true;
   Ears ears_{[this](size_t often) { meddle(often); }};
 };
