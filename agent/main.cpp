@@ -9,7 +9,6 @@
 #include <malloc.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include "agent/Agent.h"
@@ -17,7 +16,7 @@
 #include "agent/host/Printable.h"
 #include "agent/settings/SettingsFile.h"
 #include "agent/settings/SettingsKeys.h"
-#include "platform/linux/Fd.h"
+#include "platform/linux/SignalDescriptor.h"
 
 namespace {
 using namespace agent;
@@ -51,16 +50,6 @@ void raiseDescriptorLimit() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-/// The signals that the agent serves, as descriptor; blocked for good.
-int signalDescriptor() {
-  std::signal(SIGPIPE, SIG_IGN);  // a reader of the log that went away is no reason to stop
-  sigset_t set;
-  sigemptyset(&set);
-  for (const int s : {SIGHUP, SIGTERM, SIGINT}) sigaddset(&set, s);
-  sigprocmask(SIG_BLOCK, &set, nullptr);
-  return signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
-}
-
 /// `level`: how much is logged; empty: the default.
 int run(const AgentOptions& options, const std::string& level) {
   AgentLog log = AgentLog::standard();
@@ -74,15 +63,16 @@ int run(const AgentOptions& options, const std::string& level) {
     }
     log.levelIs(number);
   }
-  const int signals = signalDescriptor();
+  std::signal(SIGPIPE, SIG_IGN);  // a reader of the log that went away is no reason to stop
+  const Fd signals = platform::signalDescriptor({SIGHUP, SIGTERM, SIGINT});
   raiseDescriptorLimit();
   try {
     keepNeededCapabilities();
     const Ptr<EventLoop> loop = eventLoopFactory();
     Agent agent(loop, log, options);
-    const auto watch = loop->fdWatch(signals, EPOLLIN, [&](uint32_t) {
+    const auto watch = loop->fdWatch(signals.get(), EPOLLIN, [&](uint32_t) {
       signalfd_siginfo info{};
-      while (read(signals, &info, sizeof info) == sizeof info) {
+      while (read(signals.get(), &info, sizeof info) == sizeof info) {
         if (info.ssi_signo == SIGHUP) {
           agent.reload();
         } else {

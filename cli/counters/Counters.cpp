@@ -14,7 +14,7 @@
 #include "cli/text/Table.h"
 #include "cli/text/Text.h"
 #include "platform/UdpPam.h"
-#include "platform/linux/StopSignals.h"
+#include "platform/linux/SignalDescriptor.h"
 
 namespace cli {
 namespace {
@@ -305,7 +305,7 @@ int showTable(const CountersOptions& options, size_t keyLen, size_t valueLen, co
   try {
     const auto reader = platform::shmTableReader(options.name, keyLen, valueLen);
     if (!options.watch) return look(*reader, options, false);
-    const platform::Fd signals = platform::stopSignals();
+    const platform::Fd signals = platform::signalDescriptor({SIGINT, SIGTERM});
     const bool screen = !options.json && isatty(STDOUT_FILENO);
     for (;;) {
       const int status = look(*reader, options, screen);

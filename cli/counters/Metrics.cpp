@@ -13,7 +13,7 @@
 #include "cli/text/Text.h"
 #include "platform/UdpPam.h"
 #include "platform/linux/Fd.h"
-#include "platform/linux/StopSignals.h"
+#include "platform/linux/SignalDescriptor.h"
 
 namespace cli {
 namespace {
@@ -285,7 +285,7 @@ int serve(const MetricsOptions& options, Source& source) {
     complain("tarnflow: --listen: {}\n", error);
     return 1;
   }
-  const platform::Fd signals = platform::stopSignals();
+  const platform::Fd signals = platform::signalDescriptor({SIGINT, SIGTERM});
   std::signal(SIGPIPE, SIG_IGN);
   std::unique_ptr<MetricsServer> server;
   try {
@@ -323,7 +323,7 @@ void writeFile(const std::string& file, const std::string& text) {
 }
 
 int writeFiles(const MetricsOptions& options, Source& source) {
-  const platform::Fd signals = platform::stopSignals();
+  const platform::Fd signals = platform::signalDescriptor({SIGINT, SIGTERM});
   std::string said;
   for (;;) {
     std::string error;

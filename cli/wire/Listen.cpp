@@ -15,7 +15,7 @@
 #include "cli/wire/Elements.h"
 #include "cli/wire/MessagePrinter.h"
 #include "cli/wire/OptionsTables.h"
-#include "platform/linux/StopSignals.h"
+#include "platform/linux/SignalDescriptor.h"
 
 namespace cli {
 namespace {
@@ -29,7 +29,7 @@ class Listener {
 
   int run() {
     // Before the sockets are opened: from here on a signal always leads to a summary.
-    const platform::Fd signals = platform::stopSignals();
+    const platform::Fd signals = platform::signalDescriptor({SIGINT, SIGTERM});
     try {
       UdpReceiver receiver(options_.addresses, options_.port);
       receive(receiver, signals);

@@ -382,8 +382,8 @@ class World : private Tree {
       const bool meddles = std::exchange(meddles_, false);  // nobody adds one meanwhile
       for (auto& e : exporters_)
         while (e.tracker == name && !e.collectors.empty()) collectorDel(e);
-      meddles_ = meddles;
       hwStatus->ftStatusDel(name);
+      meddles_ = meddles;
       if (pick(2) == 0) hwStatus->ftStatusIs(freshStatus(name));
       return;
     }
@@ -391,12 +391,12 @@ class World : private Tree {
     const bool meddles = std::exchange(meddles_, meddles_ && what != 2);
     hwConfig->ftConfigDel(name);
     for (auto& e : exporters_) {
-      if (e.tracker != name) continue;
+      if (e.tracker != name || attached(e)) continue;  // an answer has made it anew
       forget(e);
       if (what != 2 || !config) e.collectors.clear();
     }
     meddles_ = meddles;
-    if (what == 1) trackerIs(name);
+    if (what == 1 && !hwConfig->ftConfig(name)) trackerIs(name);
     if (what == 2 && config) hwConfig->ftConfigIs(config);
   }
   void intervalChange() {
