@@ -12,6 +12,7 @@
 #include "platform/FlowTracking.h"
 #include "platform/HwFlowTracking.h"
 #include "platform/VrfStatus.h"
+#include "platform/sim/SimPlatform.h"
 #include "tests/support/Random.h"
 
 using namespace platform;
@@ -54,7 +55,7 @@ class Rounds {
   void run() {
     for (int step = 0; step < 300 && !testing::Test::HasFailure(); ++step) {
       change();
-      size_t reachable = 2;
+      size_t reachable = 2 + reactors_.size();
       for (const Side& side : sides_) {
         check(side);
         reachable += side.items.size();
@@ -65,10 +66,15 @@ class Rounds {
 
  private:
   struct Spy final : Thing::Watcher {
-    Spy(Ptr<const Thing> t, Rounds& r, int i) : Watcher(std::move(t)), rounds(r), id(i) {}
+    Spy(Ptr<const Thing> t, Rounds& r, int i)
+        : Watcher(std::move(t), r.reactors_.back().get()),
+          rounds(r),
+          reactor(*r.reactors_.back()),
+          id(i) {}
     void handleSize() override { rounds.heard(*this, {}); }
     void handleItem(const std::string& key) override { rounds.heard(*this, key); }
     Rounds& rounds;
+    const Thing& reactor;
     const int id;
   };
   /// What an entity should hold.
@@ -93,6 +99,10 @@ class Rounds {
       if (spy->entity() == thing) ids.push_back(id);
     return ids;
   }
+  bool listens(int id) const {
+    const auto spy = spies_.find(id);
+    return spy != spies_.end() && !spy->second->reactor.retired();
+  }
   static void check(const Side& side) {
     ASSERT_EQ(side.thing->size(), side.size);
     ASSERT_EQ(side.thing->item().size(), side.items.size());
@@ -102,7 +112,7 @@ class Rounds {
   int turn() {
     Round& r = rounds_.back();
     for (;;) {
-      while (!r.left.empty() && !spies_.contains(r.left.front())) r.left.pop_front();
+      while (!r.left.empty() && !listens(r.left.front())) r.left.pop_front();
       if (!r.left.empty()) return r.left.front();
       if (r.next.empty()) return 0;
       r.key = r.next.front();
@@ -137,7 +147,11 @@ class Rounds {
     const std::string key = std::string(100, 'k') + std::to_string(pick(4));
     const auto old = side.items.find(key);
     Round r{thing, key, old == side.items.end() ? nullptr : old->second};
-    switch (pick(9)) {
+    switch (pick(10)) {
+      case 9:  // those who belong to it hear no more
+        reactors_.back()->retire();
+        reactors_.push_back(make<Thing>());
+        break;
       case 0:  // many, so that the list moves in memory while it is walked
         for (size_t n = pick(20); n > 0; --n, ++last_)
           spies_[last_] = std::make_unique<Spy>(side.thing, *this, last_);
@@ -184,6 +198,7 @@ class Rounds {
 
   std::mt19937 random_;
   int last_ = 1;
+  std::vector<Ptr<Thing>> reactors_{make<Thing>()};
   std::map<int, std::unique_ptr<Spy>> spies_;  // in the order of their making
   Side sides_[2];
   std::vector<Round> rounds_;
@@ -192,6 +207,87 @@ class Rounds {
 
 TEST(Entity, AHandlerMayDoAnything) {
   support::eachSeed(60, [](unsigned seed) { Rounds(seed).run(); });
+}
+
+/// A reactor that makes a child of each value there is, where making and ending a child may change
+/// the values, remove children, or end the reactor itself.
+class Parent final : public Entity {
+ public:
+  struct Child final : Entity {
+    Child(Parent& p, int k) : parent(p), key(k), value(p.values[k]) {
+      ++parent.alive;
+      if (parent.pick(2)) parent.children.beingMade(key, *this);
+      parent.change();
+    }
+    ~Child() override { --parent.alive; }
+    void handleRetired() override { parent.change(); }
+    Parent& parent;
+    const int key;
+    const int value;
+  };
+  Parent(unsigned seed, const Ptr<TaskScheduler>& tasks)
+      : random(seed), task(reactorTask(tasks, "parent", 0, *this, &Parent::run)) {
+    task->scheduleIs(Seconds(0));
+  }
+  void run() {
+    EXPECT_FALSE(retired());
+    change();
+    task->scheduleIs(Seconds(1));
+  }
+  int pick(unsigned n) { return static_cast<int>(random() % n); }
+  void change() {
+    if (depth == 4 || pick(3) == 0) return;
+    ++depth;
+    const int key = pick(3);
+    switch (pick(6)) {
+      case 0:
+        children.del(key);
+        break;
+      case 1:
+        if (pick(40) == 0) retire();
+        break;
+      case 2:
+        values.erase(key);
+        break;
+      default:
+        values[key] = pick(5);
+    }
+    const auto fits = [this](const Child& c) {
+      return values.contains(c.key) && values[c.key] == c.value;
+    };
+    const auto again = [this](int) { change(); };
+    children.reconcile(*this, key, fits, again, [this](int k) {
+      return values.contains(k) ? make<Child>(*this, k) : Ptr<Child>();
+    });
+    --depth;
+  }
+  void handleRetired() override { children.delAll(); }
+
+  std::mt19937 random;
+  const std::unique_ptr<TimerTask> task;
+  int depth = 0;
+  size_t alive = 0;
+  std::map<int, int> values;
+  ChildMap<Child, int> children;
+};
+
+TEST(ChildMap, HasALiveChildOfEachValueWhateverMakingItDoes) {
+  support::eachSeed(300, [](unsigned seed) {
+    const auto sim = simPlatform();
+    const auto parent = make<Parent>(seed, sim->scheduler());
+    for (int step = 0; step < 40; ++step) {
+      if (!parent->retired()) parent->change();
+      sim->advance(Seconds(1));
+      ASSERT_EQ(parent->alive, parent->children.all().size());
+      for (const auto& [key, child] : parent->children.all()) ASSERT_FALSE(child->retired());
+    }
+    for (const auto& [key, value] : parent->values) {
+      const auto child = parent->children.find(key);
+      ASSERT_EQ(bool{child}, !parent->retired());
+      ASSERT_TRUE(!child || child->value == value);
+    }
+    ASSERT_TRUE(!parent->retired() || parent->alive == 0);
+  });
 }
 
 /// Every entity type that hosts and operators reach by name.
