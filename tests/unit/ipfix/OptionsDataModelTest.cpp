@@ -76,8 +76,8 @@ class World : private Tree {
         does<&W::intfIs>, does<&W::intfIs>, does<&W::intfIs>, does<&W::intfChange>,
         does<&W::intfChange>, does<&W::intfChange>, does<&W::vrfIs>, does<&W::vrfDel>,
         does<&W::mtuIs>, does<&W::collectorIs>, does<&W::anyCollectorDel>,
-        does<&W::collectorMove>, does<&W::sourceChange>, does<&W::templateChange>,
-        does<&W::paramChange>, does<&W::now>, does<&W::later>, does<&W::fullTransmission>,
+        does<&W::anyExporterDel>, does<&W::collectorMove>, does<&W::sourceChange>,
+        does<&W::templateChange>, does<&W::paramChange>, does<&W::now>, does<&W::later>, does<&W::fullTransmission>,
         does<&W::fullTransmission>, does<&W::exporterChange>, does<&W::vrfChange>,
         does<&W::refusal>, does<&W::trackerChange>, does<&W::intervalChange>, does<&W::soon>,
         does<&W::soon>, does<&W::coalescing>, does<&W::flap>, does<&W::flap>};
@@ -343,7 +343,7 @@ class World : private Tree {
     if (!first) ears_.hear<OnConfig>(e.config, 10);
   }
   void exporterDel(ExporterModel& e) {
-    if (const auto tracker = hwConfig->ftConfig(e.tracker)) tracker->expConfigDel(e.name);
+    while (attached(e)) hwConfig->ftConfig(e.tracker)->expConfigDel(e.name);  // anew by an answer
     forget(e);
     e.collectors.clear();
   }
