@@ -32,16 +32,13 @@ def prefix(tmp_path_factory):
     return Path(shutil.move(made, made.with_name("moved")))
 
 
-def test_programs_run_from_there(lab, far, prefix):
+def test_programs_run_from_there(lab, prefix):
     libraries = run("ldd", prefix / "sbin" / "tarnflowd")
     assert re.search(rf"libtarnipfix\.so\.\d+ => {prefix}/", libraries), libraries
     assert run(prefix / "bin" / "tarnflow", "--version").strip()
     file = lab.path("installed.toml")
     file.write_text(edge({"a": "10.99.0.2"}))
     assert "up0" in run(prefix / "bin" / "tarnflow", "check", file), "by the agent beside it"
-    program = lab.start("installed", prefix / "sbin" / "tarnflowd", "--config", file)
-    program.wait_log("FLOWTRACKING_EXPORTER_ACTIVE")
-    assert program.stop() == 0
 
 
 def test_service_names_its_prefix_and_keeps_what_was_edited(tmp_path):

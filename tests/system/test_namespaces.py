@@ -52,6 +52,7 @@ def test_follows_its_network(lab):
         # Deleting the namespace takes the device at its other end away only when nobody holds it.
         wait_for("the namespace is let go", lambda: "dn0" not in run("ip", "-o", "link", ns=far))
         said("FLOWTRACKING_EXPORTER_INACTIVE", n)
+    assert agent.program.log().count("_ACTIVE: software") == 3, "of either family"
 
 
 def test_a_collector_by_the_name_of_its_host(lab, far, tmp_path):

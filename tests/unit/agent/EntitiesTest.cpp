@@ -14,11 +14,7 @@ namespace agent {
 namespace {
 using namespace std::chrono_literals;
 using FlowTracking::FlowTrackingType;
-using HwFlowTracking::Config;
 using HwFlowTracking::ExporterConfig;
-using HwFlowTracking::FtConfig;
-using HwFlowTracking::FtStatus;
-using HwFlowTracking::Status;
 
 IpGenAddr ip(const std::string& text) { return *IpGenAddr::fromString(text); }
 LinkAddress on(const std::string& address) { return {ip(address), ip(address), 24, 0, 0}; }
@@ -110,16 +106,12 @@ class EntitiesTest : public FlowTracking::TreeTest {
   std::unique_ptr<Entities> make(LibraryTrees& of) {
     return std::make_unique<Entities>(
         of, [this](const VrfName& vrf) { return nets.of(vrf); }, init->elementIdCollection(),
-        heard.log, [this] { ++readinessChanges; });
-  }
-  Ptr<ExporterConfig> mainExporter() const {
-    return trees.tree(FlowTrackingType::software).exporterConfig("edge", "main");
+        heard.log, [] {});
   }
 
   Heard heard;
   Nets nets;
   LibraryTrees trees{LibraryHost{}};
-  int readinessChanges = 0;
 };
 
 TEST_F(EntitiesTest, AHostsAddressIsOneThatTheExporterCanSendTo) {
@@ -135,7 +127,7 @@ TEST_F(EntitiesTest, AHostsAddressIsOneThatTheExporterCanSendTo) {
   CollectorSettings& named = settings.trackers["edge"].exporters["main"].collectors["named"];
   named.host = "coll";
   choice.apply(settings);
-  const auto main = mainExporter();
+  const auto main = trees.tree(FlowTrackingType::software).exporterConfig("edge", "main");
   const auto now = [&] {
     choice.review();
     std::string all;
@@ -212,22 +204,6 @@ TEST_F(EntitiesTest, RandomReloadsTellTheDifferenceOnly) {
   }
   entities->apply({});
   for (const char* vrf : {"default", "red", "r\"é"}) EXPECT_EQ(nets.of(VrfName(vrf))->refs(), 2u);
-}
-
-TEST_F(EntitiesTest, AReadyExporterIsOneOfEitherFamily) {
-  const auto entities = make(trees);
-  entities->apply(base());
-  const auto exporter = mainExporter();
-  heard.text.clear();
-  exporter->exporter6ReadyIs(true);
-  EXPECT_EQ(entities->readyExporters(), 1u);
-  exporter->exporter4ReadyIs(true);
-  exporter->exporter6ReadyIs(false);
-  EXPECT_EQ(entities->readyExporters(), 1u);
-  exporter->exporter4ReadyIs(false);
-  EXPECT_EQ(entities->readyExporters(), 0u);
-  EXPECT_EQ(readinessChanges, 2);
-  EXPECT_EQ(std::count(heard.text.begin(), heard.text.end(), '\n'), 2) << heard.text;
 }
 
 }  // namespace

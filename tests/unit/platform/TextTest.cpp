@@ -6,7 +6,6 @@
 
 #include <array>
 #include <cstring>
-#include <limits>
 #include <random>
 
 #include "platform/Ip.h"
