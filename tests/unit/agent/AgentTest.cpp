@@ -21,6 +21,7 @@ TEST_F(World, TheServiceManagerIsToldHoweverBusyItIs) {
   ASSERT_EQ(bind(manager.get(), to, sizeof address), 0);
   setenv("NOTIFY_SOCKET", address.sun_path, 1);
   setenv("WATCHDOG_USEC", "200000", 1);
+  setenv("RUNTIME_DIRECTORY", "/run", 1);
   run("ip link set lo up");
   std::ofstream("/run/tarnflow.toml") << "tracker.t.id = 7\n[tracker.t.exporter.e]\n"
                                          "local-interface = \"lo\"\ncollector.c.address = \"::1\"";
@@ -39,6 +40,7 @@ TEST_F(World, TheServiceManagerIsToldHoweverBusyItIs) {
   }
   alarm(60);  // ends a test that waits
   ASSERT_TRUE(agent.start()) << heard.text;
+  EXPECT_EQ(access("/run/tarnflow.lock", F_OK), 0) << "where nobody else may put one";
   pass(300ms);
   alarm(0);
   EXPECT_TRUE(told("\nREADY=1\nSTATUS=1 of 1 exporters ready, 1 collectors"));

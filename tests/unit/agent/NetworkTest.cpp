@@ -148,7 +148,7 @@ TEST(Rtnetlink, BrokenMessagesAreHarmless) {
 
 TEST_F(World, NamespacesThatNobodyAskedFor) {
   run("ip netns add ns-early && ip netns add 'ns-a blank' && ip netns add ns-default && "
-      "ip netns add other && ln -s /nowhere /run/netns/ns-lost");
+      "ip netns add other && ln -s /nowhere /run/netns/ns-lost && ln -s x /run/netns/ns-void");
   Networks networks(loop, "/run/netns", heard.log);
   std::string names;
   // Sooner than by a look at all namespaces: an event tells.
@@ -184,6 +184,7 @@ TEST_F(World, NamespacesThatNobodyAskedFor) {
   EXPECT_EQ(said("ns-a blank"), 1u);
   EXPECT_EQ(said("ns-default"), 1u);
   EXPECT_EQ(said("ns-lost"), 2u) << "it is there, too";
+  EXPECT_EQ(said("ns-void"), 1u);
   EXPECT_FALSE(heard.has("other")) << heard.text;
   run("ip netns add 'ns-a blank'");
   EXPECT_TRUE(until([&] { return said("ns-a blank") == 2; })) << heard.text;

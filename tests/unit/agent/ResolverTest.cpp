@@ -1,13 +1,19 @@
 #include "agent/network/Resolver.h"
 
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <netinet/in.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <fstream>
 
 #include "World.h"
+#include "agent/host/Capabilities.h"
+#include "tests/unit/platform/Sinks.h"
 
 namespace agent {
 namespace {
@@ -47,6 +53,7 @@ TEST_F(World, DeadHostsDoNotKeepOthersWaiting) {
   resolver->hostsAre(hosts, 1h);
   resolver->hostsAre({}, 1h);
   resolver->hostsAre(hosts, 1h);  // while the first lookups are under way
+  run("test $(grep -h CapPrm /proc/$PPID/task/*/status | grep -vc 00000$) = 1");  // no lookup's
   for (const std::string& host : hosts) {
     const bool there = host[0] == 'h';
     EXPECT_TRUE(
@@ -70,6 +77,23 @@ TEST_F(World, DeadHostsDoNotKeepOthersWaiting) {
   loop->runOnce(Seconds(0));
   resolver = nullptr;
   loop->runOnce(Seconds(0.05));
+}
+
+// As where a filter of system calls lacks the one that gives capabilities up.
+TEST_F(World, NothingRunsWithCapabilitiesThatItCannotGiveUp) {
+  sock_filter refuse[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                          BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_capset, 0, 1),
+                          BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+                          BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+  const sock_fprog filter{4, refuse};
+  const auto right = [&] {
+    prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter);
+    Resolver resolver(loop, heard.log, [] {});
+    resolver.hostsAre({"host"}, 1h);
+    return errorOf(keepNeededCapabilities) == EPERM &&
+           until([&] { return heard.has("cannot be looked up: a thread cannot give up its"); });
+  };
+  EXPECT_EXIT(_exit(right() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

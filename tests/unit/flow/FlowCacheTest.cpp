@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "Ipfix/Ipfix.h"
+#include "agent/flow/FlowMeter.h"
 #include "agent/records/FlowTemplates.h"
 #include "platform/sim/SimPlatform.h"
 #include "tests/unit/agent/World.h"
@@ -239,6 +240,16 @@ size_t resident() {
   size_t pages = 0;
   std::ifstream("/proc/self/statm") >> pages >> pages;
   return pages * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+}
+
+TEST_F(FlowCacheTest, AMeterWithoutMemoryEndsByItself) {
+  struct Meter : FlowMeter {
+    explicit Meter(RecordPlanPtr p) : FlowMeter(std::move(p), 9, 1, {}) { start(); }
+    ~Meter() override { stop(); }
+    void run() override { throw std::bad_alloc(); }
+  } const meter(std::make_shared<const RecordPlan>(plan));
+  while (!meter.done()) std::this_thread::yield();
+  EXPECT_EQ(meter.failure(), "std::bad_alloc");
 }
 
 /// Four hundred thousand flows of one packet for which there is room, and as many that take their
