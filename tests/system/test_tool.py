@@ -355,5 +355,7 @@ def test_log_goes_to_the_journal_with_fields(lab, far):
             entry = {}
             while not all(value in entry.get(key, "") for key, value in expected.items()):
                 entry = dict(line.split("=", 1) for line in journal.recv(65536).decode().splitlines())
+        for _ in range(12):  # more than it takes unread
+            agent.reload()
         assert agent.stop() == 0
     assert agent.program.err() == ""
