@@ -28,7 +28,10 @@ class Thing final : public Entity {
     virtual void handleItem(const std::string&) {}
   };
   Thing() { alive.insert(this); }
-  ~Thing() override { alive.erase(this); }
+  ~Thing() override {
+    EXPECT_TRUE(retired()) << "its handlers are to answer no more";
+    alive.erase(this);
+  }
 
   uint32_t size() const { return size_; }
   void sizeIs(uint32_t v) { set(size_, v, &Watcher::handleSize); }
