@@ -13,6 +13,7 @@
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/ShmTable.h"
 #include "platform/sim/SimPlatform.h"
+#include "tests/support/Net.h"
 
 using namespace platform;
 using namespace FlowTracking;
@@ -135,9 +136,13 @@ void templateSend(benchmark::State& state) {
     const auto tracker = HwFlowTracking::ftConfigFactory("ft", 1);
     const auto exporter = HwFlowTracking::exporterConfigFactory("exp");
     exporter->srcIpAddrIs(IpAddr(0x7f000001));
-    for (int64_t i = 0; i < state.range(0); ++i)
+    // Whom nobody reads: a closed port would answer each message with an error.
+    std::vector<std::unique_ptr<support::Receiver>> collectors;
+    for (int64_t i = 0; i < state.range(0); ++i) {
+      collectors.push_back(std::make_unique<support::Receiver>(IpAddr(0x7f000001)));
       exporter->collectorIpAndPortIs("c" + std::to_string(i),
-                                     {IpAddr(0x7f000001), uint16_t(20000 + i)});
+                                     {IpAddr(0x7f000001), collectors.back()->port()});
+    }
     tracker->expConfigIs(exporter);
     config->ftConfigIs(tracker);
     const auto ftStatus = HwFlowTracking::ftStatusFactory("ft");

@@ -58,7 +58,7 @@ Entity::Round::Round(const Entity& e) noexcept : entity(&e), count(e.watchers_->
 }
 Entity::Round::~Round() {
   WatcherList& list = *entity->watchers_;
-  if (--list.depth == 0) list.settle();
+  if (--list.depth == 0 && list.cleared > 0) list.settle();
 }
 
 namespace {
