@@ -2,7 +2,7 @@
 #include <string>
 #include <utility>
 
-#include "agent/control/ControlRequests.h"
+#include "agent/control/ControlDispatcher.h"
 #include "agent/control/ControlSocket.h"
 #include "agent/exports/CollectorStates.h"
 
@@ -15,9 +15,9 @@ class Control {
   Control(ControlHost host, const std::string& path, const Ptr<EventLoop>& loop, AgentLog& log,
           const Clock& clock, Ptr<SharedTable> endpoints)
       : states_(*host.exports, loop->taskScheduler(), clock, log, std::move(endpoints)),
-        requests_(ControlAnswers(std::move(host), &states_, clock.now(), log)),
+        dispatcher_(ControlAnswers(std::move(host), &states_, clock.now(), log)),
         socket_(loop, log, [this](const ControlPeer& peer, std::string_view line) {
-          return requests_.answer(peer, line);
+          return dispatcher_.answer(peer, line);
         }) {
     socket_.listen(path);
   }
@@ -29,7 +29,7 @@ class Control {
 
  private:
   CollectorStates states_;
-  ControlRequests requests_;
+  ControlDispatcher dispatcher_;
   ControlSocket socket_;
 };
 

@@ -12,7 +12,7 @@
 #include <tuple>
 
 #include "World.h"
-#include "agent/control/ControlRequests.h"
+#include "agent/control/ControlDispatcher.h"
 #include "agent/exports/CollectorStates.h"
 
 namespace agent {
@@ -277,7 +277,7 @@ TEST(CollectorStates, WhatAnEndpointTookAndRefused) {
 }
 
 // (Names that are unknown are the system test's.)
-TEST(ControlRequests, WhatIsAskedWrongly) {
+TEST(ControlDispatcher, WhatIsAskedWrongly) {
   Heard heard;
   int changes = 0;
   ControlHost host;
@@ -286,9 +286,9 @@ TEST(ControlRequests, WhatIsAskedWrongly) {
     return ReloadOutcome{.done = true, .summary = "reloaded", .errors = {}, .warnings = {}};
   };
   host.clearCounters = [&] { ++changes; };
-  ControlRequests requests(ControlAnswers(std::move(host), nullptr, 0, heard.log));
+  ControlDispatcher dispatcher(ControlAnswers(std::move(host), nullptr, 0, heard.log));
   const auto ask = [&](uint32_t uid, const std::string& line) {
-    const std::string text = requests.answer({.uid = uid, .mayChange = uid == 0}, line);
+    const std::string text = dispatcher.answer({.uid = uid, .mayChange = uid == 0}, line);
     EXPECT_EQ(text.find('\n'), std::string::npos);
     return Json::parse(text);
   };

@@ -9,9 +9,9 @@ namespace agent {
 
 /// Reads the requests of the control socket, refuses those that are wrong or not allowed, and hands
 /// the others to what answers them.
-class ControlRequests {
+class ControlDispatcher {
  public:
-  explicit ControlRequests(ControlAnswers answers) : answers_(std::move(answers)) {}
+  explicit ControlDispatcher(ControlAnswers answers) : answers_(std::move(answers)) {}
 
   /// One line for one line. Never throws.
   std::string answer(const ControlPeer& peer, std::string_view line);

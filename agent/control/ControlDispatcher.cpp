@@ -1,4 +1,4 @@
-#include "agent/control/ControlRequests.h"
+#include "agent/control/ControlDispatcher.h"
 
 #include <algorithm>
 
@@ -8,7 +8,7 @@
 namespace agent {
 using Json = nlohmann::ordered_json;
 
-std::string ControlRequests::answer(const ControlPeer& peer, std::string_view line) {
+std::string ControlDispatcher::answer(const ControlPeer& peer, std::string_view line) {
   Json out;
   Json id;
   try {
