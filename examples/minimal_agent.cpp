@@ -5,9 +5,7 @@
 ///   minimal_agent 127.0.0.1 127.0.0.1   # from one address to port 4739 of the other
 #include <net/if.h>
 #include <sys/epoll.h>
-#include <sys/signalfd.h>
 
-#include <csignal>
 #include <cstdio>
 
 #include "Ipfix/CollectorStats.h"
@@ -17,6 +15,7 @@
 #include "platform/linux/EventLoop.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/ShmTable.h"
+#include "platform/linux/SignalDescriptor.h"
 
 /// Where the library's lines go.
 struct Output : platform::TraceSink, platform::LogSink {
@@ -79,13 +78,8 @@ void run(platform::IpAddr source, platform::IpAddr collector) {
   const auto optionsData =
       optionsDataManagerSmFactory(config, status, info, interfaces, vrfs, statistics, scheduler);
 
-  sigset_t stops;
-  sigemptyset(&stops);
-  sigaddset(&stops, SIGINT);
-  sigaddset(&stops, SIGTERM);
-  sigprocmask(SIG_BLOCK, &stops, nullptr);
-  const auto watch = loop->fdWatch(signalfd(-1, &stops, SFD_NONBLOCK | SFD_CLOEXEC), EPOLLIN,
-                                   [&](uint32_t) { loop->stop(); });
+  const auto stops = platform::signalDescriptor({SIGINT, SIGTERM});
+  const auto watch = loop->fdWatch(stops.get(), EPOLLIN, [&](uint32_t) { loop->stop(); });
   loop->run();
 }
 
