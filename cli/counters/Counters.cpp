@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 
 #include "cli/text/Output.h"
 #include "cli/text/Quoted.h"
@@ -20,10 +19,21 @@ namespace cli {
 namespace {
 
 using Json = nlohmann::ordered_json;
+using FlowTracking::EndpointRecord;
 using Tarn::Ipfix::CollectorSetStatisticsEntry;
 using Tarn::Ipfix::CollectorStatistics;
 using Tarn::Ipfix::CollectorStatisticsEntry;
 using Tarn::Ipfix::SetIndex;
+
+/// What is counted of each collector.
+struct Total {
+  const char* name;
+  uint64_t (CollectorStatisticsEntry::*count)() const;
+};
+constexpr std::array<Total, 3> totals = {
+    {{"messages", &CollectorStatisticsEntry::exportedMessageTotalCount},
+     {"records", &CollectorStatisticsEntry::exportedFlowRecordTotalCount},
+     {"octets", &CollectorStatisticsEntry::exportedOctetTotalCount}}};
 
 std::vector<CollectorSetStatisticsEntry> setsOf(const CollectorStatisticsEntry& e) {
   std::vector<CollectorSetStatisticsEntry> sets;
@@ -46,33 +56,32 @@ std::string_view stateName(Counters::State state) {
   return names[static_cast<size_t>(state)];
 }
 
-Counters countersFrom(const platform::ShmTableReader::Snapshot& snapshot, double now) {
-  Counters c{snapshot.state,
-             snapshot.writerPid,
-             snapshot.startTime,
-             snapshot.generation,
-             snapshot.unreadable,
-             {},
-             now,
-             {}};
-  for (const auto& record : snapshot.records) {
-    if (auto entry = CollectorStatisticsEntry::fromOctets(record.value))
-      c.entries.push_back(*entry);
-    else
-      ++c.unreadable;
-  }
+Counters countersFrom(Counters::Table table, double now) {
+  Counters c;
+  c.table = std::move(table);
+  c.now = now;
+  c.entries = recordsOf<CollectorStatisticsEntry>(c.table);
   std::ranges::sort(c.entries, {}, &CollectorStatisticsEntry::key);
+  c.table.unreadable += c.table.records.size() - c.entries.size();
+  c.table.records.clear();
   return c;
 }
 
-std::vector<FlowTracking::EndpointRecord> endpointsFrom(
-    const platform::ShmTableReader::Snapshot& snapshot) {
-  std::vector<FlowTracking::EndpointRecord> endpoints;
-  for (const auto& record : snapshot.records)
-    if (const auto e = FlowTracking::EndpointRecord::fromOctets(record.value))
-      endpoints.push_back(*e);
-  std::ranges::sort(endpoints, {}, &FlowTracking::EndpointRecord::key);
-  return endpoints;
+CounterTables::CounterTables(const std::string& name)
+    : collectors_(platform::shmTableReader(name, CollectorStatistics::keyLen,
+                                           CollectorStatistics::valueLen)),
+      endpoints_(platform::shmTableReader(name + std::string(FlowTracking::endpointSuffix),
+                                          sizeof(FlowTracking::EndpointKey),
+                                          sizeof(EndpointRecord))),
+      flows_(platform::shmTableReader(name + std::string(FlowTracking::flowPathSuffix),
+                                      sizeof(FlowTracking::FlowPathKey),
+                                      sizeof(FlowTracking::FlowPathRecord))) {}
+
+Counters CounterTables::counters() {
+  Counters c = countersFrom(collectors_->snapshot(), utcNow());
+  c.endpoints = recordsOf<EndpointRecord>(endpoints_->snapshot());
+  std::ranges::sort(c.endpoints, {}, &EndpointRecord::key);
+  return c;
 }
 
 std::string causeName(uint64_t error) {
@@ -81,7 +90,7 @@ std::string causeName(uint64_t error) {
 }
 
 /// Which exporters lost datagrams on this host, and why; empty when none did.
-std::string refusedText(const std::vector<FlowTracking::EndpointRecord>& endpoints) {
+std::string refusedText(const std::vector<EndpointRecord>& endpoints) {
   Table table({false, false, false, true, true, true});
   table.add({"tracker", "exporter", "family", "taken", "refused", "of these", "because"});
   bool any = false;
@@ -104,14 +113,13 @@ std::string refusedText(const std::vector<FlowTracking::EndpointRecord>& endpoin
              : "";
 }
 
-bool showable(const Counters& c) { return c.state == Counters::State::live && !c.entries.empty(); }
-
-std::string stateNote(Counters::State state, int writerPid, const std::string& name) {
-  switch (state) {
+std::string stateNote(const Counters::Table& table, const std::string& name) {
+  switch (table.state) {
     case Counters::State::live:
       break;
     case Counters::State::dead:
-      return fmt::format("{} was written by pid {}, which has died: last values", name, writerPid);
+      return fmt::format("{} was written by pid {}, which has died: last values", name,
+                         table.writerPid);
     case Counters::State::closed:
       return fmt::format("the agent is starting or stopping: its table {} is closed", name);
     case Counters::State::absent:
@@ -125,42 +133,39 @@ std::string stateNote(Counters::State state, int writerPid, const std::string& n
 }
 
 std::string countersNote(const Counters& c, const std::string& name) {
-  if (std::string note = stateNote(c.state, c.writerPid, name); !note.empty()) return note;
-  if (c.entries.empty() && c.unreadable == 0)
-    return fmt::format("the agent (pid {}) has sent nothing to any collector yet", c.writerPid);
-  if (c.unreadable > 0)
-    return fmt::format("{} could not be read",
-                       c.unreadable == 1 ? "1 entry" : fmt::format("{} entries", c.unreadable));
-  return "";
+  if (std::string note = stateNote(c.table, name); !note.empty()) return note;
+  const size_t n = c.table.unreadable;
+  if (n > 0) return fmt::format("{} {} could not be read", n, n == 1 ? "entry" : "entries");
+  if (!c.entries.empty()) return "";
+  return fmt::format("the agent (pid {}) has sent nothing to any collector yet", c.table.writerPid);
 }
 
 RatesByKey countersRates(const Counters& before, const Counters& now) {
   RatesByKey rates;
   const double seconds = now.now - before.now;
-  if (before.generation != now.generation || seconds <= 0) return rates;
+  if (before.table.generation != now.table.generation || seconds <= 0) return rates;
   std::map<Tarn::Ipfix::CollectorStatisticsKey, const CollectorStatisticsEntry*> old;
   for (const auto& e : before.entries) old[e.key()] = &e;
   for (const auto& e : now.entries) {
     const auto it = old.find(e.key());
     if (it == old.end() || it->second->lastClearedTime() != e.lastClearedTime()) continue;
-    const auto rate = [&](uint64_t (CollectorStatisticsEntry::*count)() const) {
-      return static_cast<double>((e.*count)() - (it->second->*count)()) / seconds;
-    };
-    rates[e.key()] = {rate(&CollectorStatisticsEntry::exportedMessageTotalCount),
-                      rate(&CollectorStatisticsEntry::exportedFlowRecordTotalCount),
-                      rate(&CollectorStatisticsEntry::exportedOctetTotalCount)};
+    for (size_t i = 0; i < totals.size(); ++i)
+      rates[e.key()][i] =
+          static_cast<double>((e.*totals[i].count)() - (it->second->*totals[i].count)()) / seconds;
   }
   return rates;
 }
 
 std::string countersText(const Counters& c, const RatesByKey* rates) {
-  std::string out =
-      fmt::format("agent pid {}, counting since {}\n", c.writerPid, utcText(c.startTime));
+  std::string out = fmt::format("agent pid {}, counting since {}\n", c.table.writerPid,
+                                utcText(c.table.startTime));
   std::vector<bool> right(3, false);
   right.resize(rates ? 13 : 10, true);
   Table table(right);
-  Table::Row head = {"tracker", "exporter", "collector", "messages", "records", "octets"};
-  if (rates) head.insert(head.end(), {"messages/s", "records/s", "octets/s"});
+  Table::Row head = {"tracker", "exporter", "collector"};
+  for (const Total& t : totals) head.emplace_back(t.name);
+  if (rates)
+    for (const Total& t : totals) head.push_back(fmt::format("{}/s", t.name));
   head.insert(head.end(), {"last message", "template", "data", "options"});
   table.add(head);
   Table sets({false, false, false, false, true, true});
@@ -169,17 +174,11 @@ std::string countersText(const Counters& c, const RatesByKey* rates) {
     const Table::Row who = {nameText(e.key().tracker()), nameText(e.key().exporter()),
                             e.key().collector().stringValue()};
     Table::Row row = who;
-    for (const uint64_t n : {e.exportedMessageTotalCount(), e.exportedFlowRecordTotalCount(),
-                             e.exportedOctetTotalCount()})
-      row.push_back(fmt::to_string(n));
+    for (const Total& t : totals) row.push_back(fmt::to_string((e.*t.count)()));
     if (rates) {
       const auto it = rates->find(e.key());
-      if (it == rates->end()) {
-        row.insert(row.end(), 3, "-");
-      } else {
-        for (const double r : {it->second.messages, it->second.records, it->second.octets})
-          row.push_back(fmt::format("{:.1f}", r));
-      }
+      for (size_t i = 0; i < totals.size(); ++i)
+        row.push_back(it == rates->end() ? "-" : fmt::format("{:.1f}", it->second[i]));
     }
     for (const double t : {e.lastSentTime(), e.lastTemplateSentTime(), e.lastDataRecordSentTime(),
                            e.lastOptionsDataSentTime()})
@@ -199,42 +198,39 @@ std::string countersText(const Counters& c, const RatesByKey* rates) {
 }
 
 Json countersJson(const Counters& c, const std::string& name, const RatesByKey* rates) {
-  const bool table = c.state == Counters::State::live || c.state == Counters::State::dead;
+  const Counters::Table& table = c.table;
+  const bool written = table.state == Counters::State::live || table.state == Counters::State::dead;
   Json out = {{"name", name},
-              {"state", stateName(c.state)},
+              {"state", stateName(table.state)},
               {"time", c.now},
-              {"writerPid", table ? Json(c.writerPid) : Json(nullptr)},
-              {"startTime", table ? Json(c.startTime) : Json(nullptr)},
-              {"generation", c.generation},
-              {"unreadable", c.unreadable},
+              {"writerPid", written ? Json(table.writerPid) : Json(nullptr)},
+              {"startTime", written ? Json(table.startTime) : Json(nullptr)},
+              {"generation", table.generation},
+              {"unreadable", table.unreadable},
               {"entries", Json::array()}};
   const auto at = [](double t) { return t == 0 ? Json(nullptr) : Json(t); };
   for (const auto& e : c.entries) {
-    Json sets = Json::array();
+    Json one = {{"tracker", e.key().tracker()},
+                {"exporter", e.key().exporter()},
+                {"collectorAddress", e.key().collector().addr().stringValue()},
+                {"collectorPort", e.key().collector().port()}};
+    for (const Total& t : totals) one[t.name] = (e.*t.count)();
+    one["lastMessageTime"] = at(e.lastSentTime());
+    one["lastTemplateTime"] = at(e.lastTemplateSentTime());
+    one["lastDataTime"] = at(e.lastDataRecordSentTime());
+    one["lastOptionsDataTime"] = at(e.lastOptionsDataSentTime());
+    one["lastClearedTime"] = at(e.lastClearedTime());
+    one["sets"] = Json::array();
     for (const auto& s : setsOf(e))
-      sets.push_back({{"id", s.setId()},
-                      {"records", s.exportedFlowRecordCount()},
-                      {"templates", s.exportedTemplateCount()}});
-    out["entries"].push_back({{"tracker", e.key().tracker()},
-                              {"exporter", e.key().exporter()},
-                              {"collectorAddress", e.key().collector().addr().stringValue()},
-                              {"collectorPort", e.key().collector().port()},
-                              {"messages", e.exportedMessageTotalCount()},
-                              {"records", e.exportedFlowRecordTotalCount()},
-                              {"octets", e.exportedOctetTotalCount()},
-                              {"lastMessageTime", at(e.lastSentTime())},
-                              {"lastTemplateTime", at(e.lastTemplateSentTime())},
-                              {"lastDataTime", at(e.lastDataRecordSentTime())},
-                              {"lastOptionsDataTime", at(e.lastOptionsDataSentTime())},
-                              {"lastClearedTime", at(e.lastClearedTime())},
-                              {"sets", std::move(sets)}});
-    if (!rates) continue;
-    const auto it = rates->find(e.key());
-    out["entries"].back()["perSecond"] = it == rates->end()
-                                             ? Json(nullptr)
-                                             : Json{{"messages", it->second.messages},
-                                                    {"records", it->second.records},
-                                                    {"octets", it->second.octets}};
+      one["sets"].push_back({{"id", s.setId()},
+                             {"records", s.exportedFlowRecordCount()},
+                             {"templates", s.exportedTemplateCount()}});
+    if (rates) {
+      Json& perSecond = one["perSecond"] = nullptr;
+      if (const auto it = rates->find(e.key()); it != rates->end())
+        for (size_t i = 0; i < totals.size(); ++i) perSecond[totals[i].name] = it->second[i];
+    }
+    out["entries"].push_back(std::move(one));
   }
   out["endpoints"] = Json::array();
   for (const auto& e : c.endpoints) {
@@ -252,77 +248,57 @@ Json countersJson(const Counters& c, const std::string& name, const RatesByKey* 
   return out;
 }
 
-namespace {
-
-/// Shows one snapshot after the other, and from the second on what changed per second.
-class CounterLooks {
- public:
-  int operator()(platform::ShmTableReader& reader, const CountersOptions& options,
-                 bool clearScreen) {
-    Counters c = countersFrom(reader.snapshot(), utcNow());
-    if (!endpoints_)
-      endpoints_ = platform::shmTableReader(
-          options.name + std::string(FlowTracking::endpointSuffix),
-          sizeof(FlowTracking::EndpointKey), sizeof(FlowTracking::EndpointRecord));
-    c.endpoints = endpointsFrom(endpoints_->snapshot());
-    std::string note = countersNote(c, options.name);
-    const size_t all = c.entries.size();
-    const auto unwanted = [&](const auto& key) {
-      return (!options.tracker.empty() && key.tracker() != options.tracker) ||
-             (!options.exporter.empty() && key.exporter() != options.exporter);
-    };
-    std::erase_if(c.entries, [&](const auto& e) { return unwanted(e.key()); });
-    std::erase_if(c.endpoints, [&](const auto& e) { return unwanted(e.key); });
-    if (note.empty() && c.entries.empty() && all > 0)
-      note =
-          "nothing was sent by what was asked for; without --tracker and --exporter there is "
-          "more";
-    const RatesByKey rates = before_ ? countersRates(*before_, c) : RatesByKey();
-    const RatesByKey* shownRates = options.watch ? &rates : nullptr;
-    if (options.json) {
-      Output::write(jsonLine(countersJson(c, options.name, shownRates)));
-    } else {
-      if (clearScreen) Output::write("\x1b[H\x1b[2J");
-      Output::flush();
-      if (!note.empty()) complain("tarnflow: {}\n", note);
-      if (c.state == Counters::State::live || c.state == Counters::State::dead)
-        Output::write(countersText(c, shownRates));
-    }
-    Output::flush();
-    const int status = showable(c) ? 0 : 1;
-    before_ = std::move(c);
-    return status;
-  }
-
- private:
-  std::shared_ptr<platform::ShmTableReader> endpoints_;
-  std::optional<Counters> before_;
-};
-
-}  // namespace
-
-int showTable(const CountersOptions& options, size_t keyLen, size_t valueLen, const Look& look) {
+int showTables(const CountersOptions& options, const std::function<Look(CounterTables&)>& look) {
   try {
-    const auto reader = platform::shmTableReader(options.name, keyLen, valueLen);
-    if (!options.watch) return look(*reader, options, false);
-    const platform::Fd signals = platform::signalDescriptor({SIGINT, SIGTERM});
-    const bool screen = !options.json && isatty(STDOUT_FILENO);
+    CounterTables tables(options.name);
+    const platform::Fd signals =
+        options.watch ? platform::signalDescriptor({SIGINT, SIGTERM}) : platform::Fd();
+    const bool screen = options.watch && !options.json && isatty(STDOUT_FILENO);
     for (;;) {
-      const int status = look(*reader, options, screen);
-      if (!Output::flush()) return status;
+      const Look shown = look(tables);
+      if (screen) Output::write("\x1b[H\x1b[2J");
+      Output::flush();  // a note on the same terminal follows what was written before it
+      if (!options.json && !shown.note.empty()) complain("tarnflow: {}\n", shown.note);
+      Output::write(shown.text);
+      if (!Output::flush() || !options.watch) return shown.status;
       pollfd stop{signals.get(), POLLIN, 0};
       if (poll(&stop, 1, static_cast<int>(std::min(*options.watch, 86400.0) * 1000)) > 0)
-        return status;
+        return shown.status;
     }
   } catch (const platform::ErrnoException& e) {
-    complain("tarnflow: cannot read the statistics table {}: {}\n", options.name, e.what());
+    complain("tarnflow: cannot read the statistics table {}\n", e.what());
     return 1;
   }
 }
 
 int showCounters(const CountersOptions& options) {
-  return showTable(options, CollectorStatistics::keyLen, CollectorStatistics::valueLen,
-                   CounterLooks());
+  const auto unwanted = [&](const auto& key) {
+    return (!options.tracker.empty() && key.tracker() != options.tracker) ||
+           (!options.exporter.empty() && key.exporter() != options.exporter);
+  };
+  std::optional<Counters> before;
+  return showTables(options, [&](CounterTables& tables) {
+    Counters c = tables.counters();
+    Look look{.text = {}, .note = countersNote(c, options.name), .status = 1};
+    const size_t all = c.entries.size();
+    std::erase_if(c.entries, [&](const auto& e) { return unwanted(e.key()); });
+    std::erase_if(c.endpoints, [&](const auto& e) { return unwanted(e.key); });
+    if (look.note.empty() && c.entries.empty() && all > 0)
+      look.note =
+          "nothing was sent by what was asked for; without --tracker and --exporter there is "
+          "more";
+    const RatesByKey rates = before ? countersRates(*before, c) : RatesByKey();
+    const RatesByKey* shownRates = options.watch ? &rates : nullptr;
+    const bool live = c.table.state == Counters::State::live;
+    if (options.json) {
+      look.text = jsonLine(countersJson(c, options.name, shownRates));
+    } else if (live || c.table.state == Counters::State::dead) {
+      look.text = countersText(c, shownRates);
+    }
+    if (live && !c.entries.empty()) look.status = 0;
+    before = std::move(c);
+    return look;
+  });
 }
 
 }  // namespace cli

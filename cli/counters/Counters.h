@@ -1,6 +1,8 @@
 #pragma once
+#include <array>
 #include <functional>
 #include <map>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -8,42 +10,64 @@
 
 #include "Ipfix/CollectorStats.h"
 #include "platform/EndpointCounters.h"
+#include "platform/FlowPathCounters.h"
 #include "platform/linux/ShmTable.h"
 
 namespace cli {
 
-/// What the statistics table held at one moment.
+/// What the agent's counters were at one moment.
 struct Counters {
-  using State = platform::ShmTableReader::Snapshot::State;
-  State state = State::absent;
-  int writerPid = 0;
-  double startTime = 0;  ///< UTC seconds
-  uint64_t generation = 0;
-  size_t unreadable = 0;  ///< entries under change at every try, or damaged
-  std::vector<Tarn::Ipfix::CollectorStatisticsEntry> entries;  ///< by tracker, exporter, collector
-  double now = 0;                                              ///< what ages count from
-  std::vector<FlowTracking::EndpointRecord> endpoints;         ///< by tracker, exporter, family
-};
-/// What became of the datagrams in the kernel; none where the agent keeps no such table.
-std::vector<FlowTracking::EndpointRecord> endpointsFrom(
-    const platform::ShmTableReader::Snapshot& snapshot);
-/// "ENETUNREACH"; "other" for 0.
-std::string causeName(uint64_t error);
-Counters countersFrom(const platform::ShmTableReader::Snapshot& snapshot, double now);
+  using Table = platform::ShmTableReader::Snapshot;
+  using State = Table::State;
 
-/// A living agent's entries, at least one.
-bool showable(const Counters& counters);
-/// Why not, or what to think of the entries that are shown; empty when all is well.
-std::string countersNote(const Counters& counters, const std::string& name);
-/// What changed per second between two snapshots of one agent's counters.
-struct CounterRates {
-  double messages = 0;
-  double records = 0;
-  double octets = 0;
+  /// The statistics table without its records, which are in `entries`. Those that are damaged count
+  /// as unreadable, too.
+  Table table;
+  std::vector<Tarn::Ipfix::CollectorStatisticsEntry> entries;  ///< by tracker, exporter, collector
+  double now = 0;  ///< what ages count from, UTC seconds
+  /// What became of the datagrams in the kernel, by tracker, exporter, family. Empty where the
+  /// agent keeps no such table.
+  std::vector<FlowTracking::EndpointRecord> endpoints;
 };
+Counters countersFrom(Counters::Table table, double now);
+
+/// The records of a table, those of another length than a `Record` left out.
+template <class Record>
+std::vector<Record> recordsOf(const Counters::Table& table) {
+  std::vector<Record> records;
+  for (const auto& octets : table.records)
+    if (const auto record = Record::fromOctets(octets.value)) records.push_back(*record);
+  return records;
+}
+
+/// The agent's tables in shared memory. Reading one throws ErrnoException where it may not be read.
+class CounterTables {
+ public:
+  /// `name`: of the statistics table, beside which the others stand.
+  explicit CounterTables(const std::string& name);
+  /// Of this moment, the endpoints included.
+  Counters counters();
+  /// Of FlowPathRecord.
+  Counters::Table flows() { return flows_->snapshot(); }
+
+ private:
+  const std::unique_ptr<platform::ShmTableReader> collectors_;
+  const std::unique_ptr<platform::ShmTableReader> endpoints_;
+  const std::unique_ptr<platform::ShmTableReader> flows_;
+};
+
+/// The name of an errno: "ENETUNREACH"; "other" for 0, which stands for several.
+std::string causeName(uint64_t error);
+
+/// Why no living agent's entries are shown, or what to think of those that are; empty when all is
+/// well. `name`: of the statistics table.
+std::string countersNote(const Counters& counters, const std::string& name);
+
+/// By how much the messages, records and octets of one entry grew per second.
+using CounterRates = std::array<double, 3>;
 /// By key; an entry that is new, or was cleared in between, has none.
 using RatesByKey = std::map<Tarn::Ipfix::CollectorStatisticsKey, CounterRates>;
-/// Empty when the two snapshots are of different runs of the agent.
+/// The rates between two looks. Empty when they are of different runs of the agent.
 RatesByKey countersRates(const Counters& before, const Counters& now);
 
 std::string countersText(const Counters& counters, const RatesByKey* rates = nullptr);
@@ -58,16 +82,19 @@ struct CountersOptions {
   std::string tracker;          ///< only its entries; empty: all
   std::string exporter;         ///< only its entries; empty: all
 };
-/// Shows a table of the agent's once, or again and again; `look` shows one snapshot, on a cleared
-/// screen or not, and returns the exit status so far.
-using Look =
-    std::function<int(platform::ShmTableReader&, const CountersOptions&, bool clearScreen)>;
-int showTable(const CountersOptions& options, size_t keyLen, size_t valueLen, const Look& look);
+/// What one look at the agent's tables shows.
+struct Look {
+  std::string text;  ///< for standard output: lines for people, or JSON
+  std::string note;  ///< for standard error, where `text` is for people; may be empty
+  int status = 0;    ///< the exit status, if this is the last look
+};
+/// Shows one look, or one each `options.watch` seconds until SIGINT or SIGTERM. Returns the exit
+/// status: 1 where the tables may not be read, else that of the last look.
+int showTables(const CountersOptions& options, const std::function<Look(CounterTables&)>& look);
 
-// What the tables have in common.
 std::string_view stateName(Counters::State state);
-/// Why a table that is not live is not; empty when it is.
-std::string stateNote(Counters::State state, int writerPid, const std::string& name);
+/// Why a table is not live; empty when it is.
+std::string stateNote(const Counters::Table& table, const std::string& name);
 
 /// Returns the exit status: 1 without a living agent or without entries, also when a dead agent's
 /// last values are shown.

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-#include "cli/text/Output.h"
 #include "cli/text/Quoted.h"
 #include "cli/text/Table.h"
 #include "cli/text/Text.h"
@@ -13,32 +12,6 @@ namespace cli {
 namespace {
 using FlowTracking::FlowPathRecord;
 using Json = nlohmann::ordered_json;
-
-int look(platform::ShmTableReader& reader, const CountersOptions& options, bool clearScreen) {
-  const auto snapshot = reader.snapshot();
-  std::vector<FlowPathRecord> records;
-  for (const auto& record : snapshot.records)
-    if (const auto r = FlowPathRecord::fromOctets(record.value)) records.push_back(*r);
-  std::ranges::sort(records, {}, [](const FlowPathRecord& r) { return r.key.tracker; });
-  const bool live = snapshot.state == Counters::State::live;
-  std::string note = stateNote(snapshot.state, snapshot.writerPid, options.name);
-  if (note.empty() && records.empty())
-    note = "no tracker looks at packets: give one of type \"software\" its interfaces";
-  if (options.json) {
-    Output::write(jsonLine({{"name", options.name},
-                            {"state", stateName(snapshot.state)},
-                            {"time", utcNow()},
-                            {"trackers", flowsJson(records)}}));
-  } else {
-    if (clearScreen) Output::write("\x1b[H\x1b[2J");
-    Output::flush();
-    if (!note.empty()) complain("tarnflow: {}\n", note);
-    Output::write(flowsText(records));
-  }
-  Output::flush();
-  return live && !records.empty() ? 0 : 1;
-}
-}  // namespace
 
 std::string flowsText(const std::vector<FlowPathRecord>& records) {
   if (records.empty()) return {};
@@ -68,10 +41,25 @@ Json flowsJson(const std::vector<FlowPathRecord>& records) {
   }
   return all;
 }
+}  // namespace
 
-int showFlows(CountersOptions options) {
-  options.name += FlowTracking::flowPathSuffix;
-  return showTable(options, sizeof(FlowTracking::FlowPathKey), sizeof(FlowPathRecord), look);
+int showFlows(const CountersOptions& options) {
+  const std::string name = options.name + std::string(FlowTracking::flowPathSuffix);
+  return showTables(options, [&](CounterTables& tables) {
+    const auto table = tables.flows();
+    auto records = recordsOf<FlowPathRecord>(table);
+    std::ranges::sort(records, {}, [](const FlowPathRecord& r) { return r.key.tracker; });
+    Look look{.text = {}, .note = stateNote(table, name), .status = 0};
+    if (table.state != Counters::State::live || records.empty()) look.status = 1;
+    if (look.note.empty() && records.empty())
+      look.note = "no tracker looks at packets: give one of type \"software\" its interfaces";
+    look.text = options.json ? jsonLine({{"name", name},
+                                         {"state", stateName(table.state)},
+                                         {"time", utcNow()},
+                                         {"trackers", flowsJson(records)}})
+                             : flowsText(records);
+    return look;
+  });
 }
 
 }  // namespace cli

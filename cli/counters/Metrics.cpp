@@ -6,7 +6,10 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <functional>
+#include <initializer_list>
 #include <memory>
+#include <utility>
 
 #include "cli/text/Output.h"
 #include "cli/text/Quoted.h"
@@ -18,7 +21,6 @@
 namespace cli {
 namespace {
 using FlowTracking::FlowPathRecord;
-using Tarn::Ipfix::CollectorStatistics;
 using Tarn::Ipfix::CollectorStatisticsEntry;
 
 /// Whatever a name holds, what comes out is UTF-8 in which both formats see one label value:
@@ -45,10 +47,6 @@ class Exposition {
   /// A sample of the family begun last; `labels` without braces.
   void sample(std::string_view labels, uint64_t v) { line(labels, fmt::to_string(v)); }
   void sample(std::string_view labels, double v) { line(labels, fmt::format("{:.3f}", v)); }
-  /// A sample of a point in time; an event that never happened has none.
-  void time(std::string_view labels, double v) {
-    if (v > 0) sample(labels, v);
-  }
   std::string text() && {
     if (open_) out_ += "# EOF\n";
     return std::move(out_);
@@ -71,216 +69,196 @@ class Exposition {
   std::string out_;
 };
 
-struct Row {
-  std::string labels;
-  const CollectorStatisticsEntry* entry;
-};
-
-void collectorFamilies(Exposition& out, const std::vector<CollectorStatisticsEntry>& entries) {
-  std::vector<Row> rows;
-  rows.reserve(entries.size());
-  for (const auto& e : entries)
-    rows.push_back(
-        {fmt::format(R"(tracker="{}",exporter="{}",collector="{}")", labelValue(e.key().tracker()),
-                     labelValue(e.key().exporter()), e.key().collector().stringValue()),
-         &e});
-  using Entry = CollectorStatisticsEntry;
-  const auto counts = [&](std::string_view name, std::string_view help, auto value) {
-    out.counter(name, help);
-    for (const Row& r : rows) out.sample(r.labels, static_cast<uint64_t>(value(*r.entry)));
-  };
-  const auto times = [&](std::string_view name, std::string_view help, auto value) {
-    out.gauge(name, help);
-    for (const Row& r : rows) out.time(r.labels, value(*r.entry));
-  };
-  const auto eachSet = [](const Entry& e, const auto& f) {
-    for (uint32_t i = 0; i < e.setEntryCount(); ++i)
-      if (const auto& s = e.setEntryStorage(Tarn::Ipfix::SetIndex(i)); s.setId() != 0) f(s);
-  };
-  counts("tarnflow_exported_messages_total", "IPFIX messages sent to the collector.",
-         [](const Entry& e) { return e.exportedMessageTotalCount(); });
-  counts("tarnflow_exported_data_records_total",
-         "Data records in them, options data included, templates not.",
-         [](const Entry& e) { return e.exportedFlowRecordTotalCount(); });
-  counts("tarnflow_exported_templates_total",
-         "Template records in them, options templates included.", [&](const Entry& e) {
-           uint64_t n = 0;
-           eachSet(e, [&](const auto& s) { n += s.exportedTemplateCount(); });
-           return n;
-         });
-  counts("tarnflow_exported_bytes_total", "Octets of them, without UDP and IP headers.",
-         [](const Entry& e) { return e.exportedOctetTotalCount(); });
-  // In families of their own: among those above, a sum over all labels would count them twice.
-  out.counter("tarnflow_exported_set_data_records_total",
-              "Data records by set id, which is their template's id.");
-  for (const Row& r : rows)
-    eachSet(*r.entry, [&](const auto& s) {
-      if (s.setId() >= 256)
-        out.sample(fmt::format(R"({},set="{}")", r.labels, s.setId()), s.exportedFlowRecordCount());
-    });
-  out.counter("tarnflow_exported_set_templates_total",
-              "Template records by set id: 2 templates, 3 options templates.");
-  for (const Row& r : rows)
-    eachSet(*r.entry, [&](const auto& s) {
-      if (s.setId() < 256)
-        out.sample(fmt::format(R"({},set="{}")", r.labels, s.setId()), s.exportedTemplateCount());
-    });
-  times("tarnflow_last_message_timestamp_seconds", "When a message was last sent.",
-        [](const Entry& e) { return e.lastSentTime(); });
-  times("tarnflow_last_template_timestamp_seconds", "When templates were last sent.",
-        [](const Entry& e) { return e.lastTemplateSentTime(); });
-  times("tarnflow_last_data_record_timestamp_seconds", "When flow records were last sent.",
-        [](const Entry& e) { return e.lastDataRecordSentTime(); });
-  times("tarnflow_last_options_data_timestamp_seconds", "When options data was last sent.",
-        [](const Entry& e) { return e.lastOptionsDataSentTime(); });
-  times("tarnflow_last_cleared_timestamp_seconds", "When the counts were last set to 0.",
-        [](const Entry& e) { return e.lastClearedTime(); });
-}
-
-void endpointFamilies(Exposition& out, const std::vector<FlowTracking::EndpointRecord>& all) {
-  std::vector<std::string> labels;
-  labels.reserve(all.size());
-  for (const auto& e : all)
-    labels.push_back(fmt::format(R"(tracker="{}",exporter="{}",family="ipv{}")",
-                                 labelValue(e.key.tracker()), labelValue(e.key.exporter()),
-                                 e.key.family));
-  out.counter("tarnflow_sent_datagrams_total", "Datagrams that the kernel took.");
-  for (size_t i = 0; i < all.size(); ++i) out.sample(labels[i], all[i].sent);
-  out.counter("tarnflow_refused_datagrams_total",
-              "Datagrams that did not leave this host, though they count as exported messages.");
-  for (size_t i = 0; i < all.size(); ++i) out.sample(labels[i], all[i].refused);
-  out.counter("tarnflow_refused_datagrams_by_cause_total", "The same by errno.");
-  for (size_t i = 0; i < all.size(); ++i)
-    for (const auto& c : all[i].causes)
-      if (c.datagrams > 0)
-        out.sample(fmt::format(R"({},cause="{}")", labels[i], causeName(c.error)), c.datagrams);
-  out.counter("tarnflow_undelivered_datagrams_total",
-              "Sent datagrams that ICMP messages say did not arrive; there may be more.");
-  for (size_t i = 0; i < all.size(); ++i) out.sample(labels[i], all[i].undelivered);
-}
-
-/// The families of what each tracker counts.
-class FlowFamilies {
+/// The families of one kind of object. Each object has a sample in each, with the same labels.
+template <class T>
+class Families {
  public:
-  FlowFamilies(Exposition& out, const std::vector<FlowPathRecord>& flows)
-      : out_(out), flows_(flows) {
-    trackers_.reserve(flows.size());
-    for (const FlowPathRecord& f : flows)
-      trackers_.push_back(fmt::format(R"(tracker="{}")", labelValue(f.key.name())));
+  /// `objects` must outlive this; `labelsOf` gives the labels of one, without braces.
+  template <class LabelsOf>
+  Families(Exposition& out, const std::vector<T>& objects, LabelsOf labelsOf) : out_(out) {
+    objects_.reserve(objects.size());
+    for (const T& object : objects) objects_.emplace_back(labelsOf(object), &object);
   }
 
-  void packets() {
-    counter("tarnflow_capture_packets_total", "Packets that reached the capture, after sampling.",
-            &R::packetsSeen);
-    parts("tarnflow_capture_packets_uncounted_total", "Of these, packets that no flow counted.",
-          {{"kernel_drop", &R::kernelDrops},
-           {"not_ip", &R::notIp},
-           {"truncated", &R::truncated},
-           {"malformed", &R::malformed}});
-    counter("tarnflow_flow_packets_total", "Packets counted in flows.", &R::packets);
-    counter("tarnflow_flow_bytes_total", "Octets of their IP packets.", &R::octets);
-    gauge("tarnflow_flows_active", "Flows now.", &R::flowsActive);
-    gauge("tarnflow_flows_max", "Flows that have room.", &R::flowsMax);
-    counter("tarnflow_flows_created_total", "Flows that began.", &R::flowsCreated);
-    parts("tarnflow_flows_reported_total", "Flow records made, by flowEndReason.",
-          {{"idle", &R::endedIdle},
-           {"active", &R::endedActive},
-           {"end_of_flow", &R::endedEndOfFlow},
-           {"forced", &R::endedForced},
-           {"resources", &R::endedResources}});
-    parts("tarnflow_flows_lost_total", "Flows that ended without a record.",
-          {{"no_collector", &R::lostNoCollector}, {"queue_full", &R::lostQueueFull}});
-    counter("tarnflow_flow_packets_lost_total", "Packets of the flows without a record.",
-            &R::lostPackets);
-    counter("tarnflow_flow_records_sent_total", "Flow records sent, once per collector.",
-            &R::records);
-    counter("tarnflow_flow_records_lost_total",
-            "Flow records of an exporter none of whose collectors was ready.", &R::recordsLost);
-    counter("tarnflow_flow_messages_sent_total", "Messages of flow records, once per collector.",
-            &R::messages);
-    gauge("tarnflow_sampling_interval_packets", "One packet out of so many is looked at.",
-          &R::sampleRate);
-  }
-  void devices() {
-    counter("tarnflow_device_messages_total", "IPFIX messages that devices sent.",
-            &R::deviceMessages);
-    counter("tarnflow_device_records_total", "Data records in them, of templates that were known.",
-            &R::deviceRecords);
-    counter("tarnflow_device_records_refused_total",
-            "Of these, records of a refused template, or too large.", &R::deviceRecordsRefused);
-    counter("tarnflow_device_unknown_sets_total", "Sets of records whose template was not known.",
-            &R::deviceSetsUnknown);
-    parts("tarnflow_device_datagrams_lost_total", "Datagrams of devices that were not looked at.",
-          {{"malformed", &R::deviceDatagramsBad},
-           {"buffer_full", &R::deviceDatagramsLost},
-           {"looped", &R::deviceDatagramsLooped}});
-  }
-  void times() {
-    out_.gauge("tarnflow_flow_counters_timestamp_seconds",
-               "When the tracker's counters were written.");
-    for (size_t i = 0; i < flows_.size(); ++i) out_.time(trackers_[i], flows_[i].updatedTime);
-  }
-
- private:
-  using R = FlowPathRecord;
-  using Value = uint64_t R::*;
-  struct Part {
-    std::string_view reason;
-    Value value;
-  };
-
-  void samples(Value value) {
-    for (size_t i = 0; i < flows_.size(); ++i) out_.sample(trackers_[i], flows_[i].*value);
-  }
+  /// `value` of each family is a member of `T`, or a function of a `T`.
+  template <class Value>
   void counter(std::string_view name, std::string_view help, Value value) {
     out_.counter(name, help);
     samples(value);
   }
+  template <class Value>
   void gauge(std::string_view name, std::string_view help, Value value) {
     out_.gauge(name, help);
     samples(value);
   }
-  void parts(std::string_view name, std::string_view help, std::initializer_list<Part> reasons) {
-    out_.counter(name, help);
-    for (size_t i = 0; i < flows_.size(); ++i)
-      for (const Part& p : reasons)
-        out_.sample(fmt::format(R"({},reason="{}")", trackers_[i], p.reason), flows_[i].*p.value);
+  /// Points in time, UTC seconds. An event that never happened, 0, has no sample.
+  template <class Value>
+  void time(std::string_view name, std::string_view help, Value value) {
+    out_.gauge(name, help);
+    for (const auto& [labels, object] : objects_)
+      if (const double t = std::invoke(value, *object); t > 0) out_.sample(labels, t);
   }
-
-  Exposition& out_;
-  const std::vector<FlowPathRecord>& flows_;
-  std::vector<std::string> trackers_;
-};
-
-/// What the shared memory holds now, as text.
-class Source {
- public:
-  explicit Source(const std::string& name)
-      : collectors_(platform::shmTableReader(name, CollectorStatistics::keyLen,
-                                             CollectorStatistics::valueLen)),
-        flows_(platform::shmTableReader(name + std::string(FlowTracking::flowPathSuffix),
-                                        sizeof(FlowTracking::FlowPathKey), sizeof(FlowPathRecord))),
-        endpoints_(platform::shmTableReader(name + std::string(FlowTracking::endpointSuffix),
-                                            sizeof(FlowTracking::EndpointKey),
-                                            sizeof(FlowTracking::EndpointRecord))) {}
-  /// Throws ErrnoException where the segment may not be read.
-  std::string text(MetricsFormat format) {
-    Counters c = countersFrom(collectors_->snapshot(), utcNow());
-    c.endpoints = endpointsFrom(endpoints_->snapshot());
-    std::vector<FlowPathRecord> flows;
-    if (const auto s = flows_->snapshot(); s.state == Counters::State::live)
-      for (const auto& record : s.records)
-        if (const auto r = FlowPathRecord::fromOctets(record.value)) flows.push_back(*r);
-    return metricsText(c, flows, format);
+  /// A counter that has several samples of each object, told apart by the label `by`.
+  /// `eachPart(object, sample)` calls `sample(label's value, count)` for each.
+  template <class EachPart>
+  void parts(std::string_view name, std::string_view help, std::string_view by, EachPart eachPart) {
+    out_.counter(name, help);
+    for (const auto& [labels, object] : objects_)
+      eachPart(*object, [&, &all = labels](const auto& part, uint64_t count) {
+        out_.sample(fmt::format(R"({},{}="{}")", all, by, part), count);
+      });
+  }
+  /// The same with a member of `T` for each reason.
+  void reasons(std::string_view name, std::string_view help,
+               std::initializer_list<std::pair<std::string_view, uint64_t T::*>> reasons) {
+    parts(name, help, "reason", [&](const T& object, const auto& sample) {
+      for (const auto& [reason, value] : reasons) sample(reason, object.*value);
+    });
   }
 
  private:
-  std::unique_ptr<platform::ShmTableReader> collectors_;
-  std::unique_ptr<platform::ShmTableReader> flows_;
-  std::unique_ptr<platform::ShmTableReader> endpoints_;
+  template <class Value>
+  void samples(Value value) {
+    for (const auto& [labels, object] : objects_) out_.sample(labels, std::invoke(value, *object));
+  }
+
+  Exposition& out_;
+  std::vector<std::pair<std::string, const T*>> objects_;  // each behind its labels
 };
 
-int serve(const MetricsOptions& options, Source& source) {
+void collectorFamilies(Exposition& out, const std::vector<CollectorStatisticsEntry>& entries) {
+  using Entry = CollectorStatisticsEntry;
+  Families<Entry> all(out, entries, [](const Entry& e) {
+    return fmt::format(R"(tracker="{}",exporter="{}",collector="{}")",
+                       labelValue(e.key().tracker()), labelValue(e.key().exporter()),
+                       e.key().collector().stringValue());
+  });
+  const auto eachSet = [](const Entry& e, const auto& f) {
+    for (uint32_t i = 0; i < e.setEntryCount(); ++i)
+      if (const auto& s = e.setEntryStorage(Tarn::Ipfix::SetIndex(i)); s.setId() != 0) f(s);
+  };
+  all.counter("tarnflow_exported_messages_total", "IPFIX messages sent to the collector.",
+              &Entry::exportedMessageTotalCount);
+  all.counter("tarnflow_exported_data_records_total",
+              "Data records in them, options data included, templates not.",
+              &Entry::exportedFlowRecordTotalCount);
+  all.counter("tarnflow_exported_templates_total",
+              "Template records in them, options templates included.", [&](const Entry& e) {
+                uint64_t n = 0;
+                eachSet(e, [&](const auto& s) { n += s.exportedTemplateCount(); });
+                return n;
+              });
+  all.counter("tarnflow_exported_bytes_total", "Octets of them, without UDP and IP headers.",
+              &Entry::exportedOctetTotalCount);
+  // In families of their own: among those above, a sum over all labels would count them twice.
+  all.parts("tarnflow_exported_set_data_records_total",
+            "Data records by set id, which is their template's id.", "set",
+            [&](const Entry& e, const auto& sample) {
+              eachSet(e, [&](const auto& s) {
+                if (s.setId() >= 256) sample(s.setId(), s.exportedFlowRecordCount());
+              });
+            });
+  all.parts("tarnflow_exported_set_templates_total",
+            "Template records by set id: 2 templates, 3 options templates.", "set",
+            [&](const Entry& e, const auto& sample) {
+              eachSet(e, [&](const auto& s) {
+                if (s.setId() < 256) sample(s.setId(), s.exportedTemplateCount());
+              });
+            });
+  all.time("tarnflow_last_message_timestamp_seconds", "When a message was last sent.",
+           &Entry::lastSentTime);
+  all.time("tarnflow_last_template_timestamp_seconds", "When templates were last sent.",
+           &Entry::lastTemplateSentTime);
+  all.time("tarnflow_last_data_record_timestamp_seconds", "When flow records were last sent.",
+           &Entry::lastDataRecordSentTime);
+  all.time("tarnflow_last_options_data_timestamp_seconds", "When options data was last sent.",
+           &Entry::lastOptionsDataSentTime);
+  all.time("tarnflow_last_cleared_timestamp_seconds", "When the counts were last set to 0.",
+           &Entry::lastClearedTime);
+}
+
+void endpointFamilies(Exposition& out, const std::vector<FlowTracking::EndpointRecord>& endpoints) {
+  using Endpoint = FlowTracking::EndpointRecord;
+  Families<Endpoint> all(out, endpoints, [](const Endpoint& e) {
+    return fmt::format(R"(tracker="{}",exporter="{}",family="ipv{}")", labelValue(e.key.tracker()),
+                       labelValue(e.key.exporter()), e.key.family);
+  });
+  all.counter("tarnflow_sent_datagrams_total", "Datagrams that the kernel took.", &Endpoint::sent);
+  all.counter("tarnflow_refused_datagrams_total",
+              "Datagrams that did not leave this host, though they count as exported messages.",
+              &Endpoint::refused);
+  all.parts("tarnflow_refused_datagrams_by_cause_total", "The same by errno.", "cause",
+            [](const Endpoint& e, const auto& sample) {
+              for (const auto& c : e.causes)
+                if (c.datagrams > 0) sample(causeName(c.error), c.datagrams);
+            });
+  all.counter("tarnflow_undelivered_datagrams_total",
+              "Sent datagrams that ICMP messages say did not arrive; there may be more.",
+              &Endpoint::undelivered);
+}
+
+void trackerFamilies(Exposition& out, const std::vector<FlowPathRecord>& trackers) {
+  using R = FlowPathRecord;
+  Families<R> all(out, trackers, [](const R& r) {
+    return fmt::format(R"(tracker="{}")", labelValue(r.key.name()));
+  });
+  all.counter("tarnflow_capture_packets_total", "Packets that reached the capture, after sampling.",
+              &R::packetsSeen);
+  all.reasons("tarnflow_capture_packets_uncounted_total", "Of these, packets that no flow counted.",
+              {{"kernel_drop", &R::kernelDrops},
+               {"not_ip", &R::notIp},
+               {"truncated", &R::truncated},
+               {"malformed", &R::malformed}});
+  all.counter("tarnflow_flow_packets_total", "Packets counted in flows.", &R::packets);
+  all.counter("tarnflow_flow_bytes_total", "Octets of their IP packets.", &R::octets);
+  all.gauge("tarnflow_flows_active", "Flows now.", &R::flowsActive);
+  all.gauge("tarnflow_flows_max", "Flows that have room.", &R::flowsMax);
+  all.counter("tarnflow_flows_created_total", "Flows that began.", &R::flowsCreated);
+  all.reasons("tarnflow_flows_reported_total", "Flow records made, by flowEndReason.",
+              {{"idle", &R::endedIdle},
+               {"active", &R::endedActive},
+               {"end_of_flow", &R::endedEndOfFlow},
+               {"forced", &R::endedForced},
+               {"resources", &R::endedResources}});
+  all.reasons("tarnflow_flows_lost_total", "Flows that ended without a record.",
+              {{"no_collector", &R::lostNoCollector}, {"queue_full", &R::lostQueueFull}});
+  all.counter("tarnflow_flow_packets_lost_total", "Packets of the flows without a record.",
+              &R::lostPackets);
+  all.counter("tarnflow_flow_records_sent_total", "Flow records sent, once per collector.",
+              &R::records);
+  all.counter("tarnflow_flow_records_lost_total",
+              "Flow records of an exporter none of whose collectors was ready.", &R::recordsLost);
+  all.counter("tarnflow_flow_messages_sent_total", "Messages of flow records, once per collector.",
+              &R::messages);
+  all.gauge("tarnflow_sampling_interval_packets", "One packet out of so many is looked at.",
+            &R::sampleRate);
+  all.counter("tarnflow_device_messages_total", "IPFIX messages that devices sent.",
+              &R::deviceMessages);
+  all.counter("tarnflow_device_records_total",
+              "Data records in them, of templates that were known.", &R::deviceRecords);
+  all.counter("tarnflow_device_records_refused_total",
+              "Of these, records of a refused template, or too large.", &R::deviceRecordsRefused);
+  all.counter("tarnflow_device_unknown_sets_total", "Sets of records whose template was not known.",
+              &R::deviceSetsUnknown);
+  all.reasons("tarnflow_device_datagrams_lost_total",
+              "Datagrams of devices that were not looked at.",
+              {{"malformed", &R::deviceDatagramsBad},
+               {"buffer_full", &R::deviceDatagramsLost},
+               {"looped", &R::deviceDatagramsLooped}});
+  all.time("tarnflow_flow_counters_timestamp_seconds", "When the tracker's counters were written.",
+           &R::updatedTime);
+}
+
+/// What the shared memory holds now, as text. Throws ErrnoException where it may not be read.
+std::string textNow(CounterTables& tables, MetricsFormat format) {
+  const Counters c = tables.counters();
+  const auto flows = tables.flows();
+  const bool live = flows.state == Counters::State::live;
+  return metricsText(c, live ? recordsOf<FlowPathRecord>(flows) : std::vector<FlowPathRecord>(),
+                     format);
+}
+
+int serve(const MetricsOptions& options, CounterTables& tables) {
   if (const std::string error = listenError(options.listen); !error.empty()) {
     complain("tarnflow: --listen: {}\n", error);
     return 1;
@@ -290,7 +268,7 @@ int serve(const MetricsOptions& options, Source& source) {
   std::unique_ptr<MetricsServer> server;
   try {
     server = std::make_unique<MetricsServer>(
-        options.listen, [&](MetricsFormat format) { return source.text(format); });
+        options.listen, [&](MetricsFormat format) { return textNow(tables, format); });
   } catch (const platform::ErrnoException& e) {
     complain("tarnflow: {} for HTTP: {}\n", options.listen, e.what());
     return 1;
@@ -322,13 +300,13 @@ void writeFile(const std::string& file, const std::string& text) {
   if (rename(temporary.c_str(), file.c_str()) < 0) failed(file);
 }
 
-int writeFiles(const MetricsOptions& options, Source& source) {
+int writeFiles(const MetricsOptions& options, CounterTables& tables) {
   const platform::Fd signals = platform::signalDescriptor({SIGINT, SIGTERM});
   std::string said;
   for (;;) {
     std::string error;
     try {
-      writeFile(options.textFile, source.text(MetricsFormat::prometheus));
+      writeFile(options.textFile, textNow(tables, MetricsFormat::prometheus));
     } catch (const platform::ErrnoException& e) {
       error = e.what();
     }
@@ -348,30 +326,27 @@ int writeFiles(const MetricsOptions& options, Source& source) {
 std::string metricsText(const Counters& collectors, const std::vector<FlowPathRecord>& flows,
                         MetricsFormat format) {
   Exposition out(format);
-  const bool up = collectors.state == Counters::State::live;
+  const bool up = collectors.table.state == Counters::State::live;
   out.gauge("tarnflow_up", "1 while the agent lives that writes the counters.");
   out.sample("", static_cast<uint64_t>(up));
   out.gauge("tarnflow_build_info", "The version of what serves these metrics.");
   out.sample(R"(version=")" TARN_VERSION R"(")", static_cast<uint64_t>(1));
   if (up) {
     out.gauge("tarnflow_start_timestamp_seconds", "When the agent began to count.");
-    out.time("", collectors.startTime);
+    out.sample("", collectors.table.startTime);
     out.gauge("tarnflow_unreadable_entries",
               "Collectors left out: their entries were under change at every try.");
-    out.sample("", static_cast<uint64_t>(collectors.unreadable));
+    out.sample("", static_cast<uint64_t>(collectors.table.unreadable));
     collectorFamilies(out, collectors.entries);
     endpointFamilies(out, collectors.endpoints);
-    FlowFamilies trackers(out, flows);
-    trackers.packets();
-    trackers.devices();
-    trackers.times();
+    trackerFamilies(out, flows);
   }
   return std::move(out).text();
 }
 
 int metrics(const MetricsOptions& options) {
-  Source source(options.name);
-  return options.textFile.empty() ? serve(options, source) : writeFiles(options, source);
+  CounterTables tables(options.name);
+  return options.textFile.empty() ? serve(options, tables) : writeFiles(options, tables);
 }
 
 }  // namespace cli

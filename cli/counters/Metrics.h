@@ -5,7 +5,6 @@
 
 #include "cli/counters/Counters.h"
 #include "cli/counters/MetricsServer.h"
-#include "platform/FlowPathCounters.h"
 
 namespace cli {
 
