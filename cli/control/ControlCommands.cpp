@@ -1,8 +1,8 @@
 #include "cli/control/ControlCommands.h"
 
-#include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "cli/control/ControlClient.h"
 #include "cli/control/ControlShow.h"
@@ -20,12 +20,10 @@ constexpr int exitFailure = 2;
 constexpr size_t membersShown = 20;
 constexpr size_t rowsShown = 20;
 
-struct ControlCommands {
-  using Run = int (ControlCommands::*)(ControlClient&) const;
+/// The options of all commands that ask the agent, and what each command does with them.
+struct ControlCommand {
+  using Run = int (ControlCommand::*)(ControlClient&) const;
 
-  explicit ControlCommands(int& exitStatus) : status(exitStatus) {}
-
-  int& status;
   std::string socket = "/run/tarnflow/control.sock";
   bool json = false;
   std::string path;
@@ -35,18 +33,6 @@ struct ControlCommands {
   std::string level;
   std::optional<size_t> limit;
 
-  /// Adds a command, which lives as long as `p` does.
-  static CLI::App* add(const std::shared_ptr<ControlCommands>& p, CLI::App& to, const char* name,
-                       const char* what, Run run) {
-    CLI::App* cmd = to.add_subcommand(name, what);
-    cmd->add_option("--socket", p->socket, "The agent's control socket (agent.control)")
-        ->type_name("PATH")
-        ->envname("TARNFLOW_SOCKET")
-        ->capture_default_str();
-    cmd->add_flag("--json", p->json, "One JSON object, on one line");
-    cmd->callback([p, run] { p->status = p->ask(run); });
-    return cmd;
-  }
   int ask(Run run) const {
     try {
       ControlClient agent(socket);
@@ -61,15 +47,6 @@ struct ControlCommands {
     return exitFailure;
   }
 
-  void addTracker(CLI::App* cmd) {
-    cmd->add_option("--tracker", tracker, "Only this tracker's")->type_name("NAME");
-  }
-  void addExporter(CLI::App* cmd) {
-    cmd->add_option("--exporter", exporter, "Only exporters of this name")->type_name("NAME");
-  }
-  void addLimit(CLI::App* cmd, const char* what) {
-    cmd->add_option("--limit", limit, what)->type_name("N");
-  }
   size_t limitOr(size_t forText) const { return limit.value_or(json ? 0 : forText); }
 
   Json request(const char* name) const {
@@ -91,18 +68,25 @@ struct ControlCommands {
     return all;
   }
 
+  /// Writes the list `all`, which the JSON has under `key`; `none` says that it is empty.
+  int show(const Json& all, const char* key, const char* none,
+           std::string (*text)(const Json& all, double now, const Style& style)) const {
+    if (json) {
+      Output::write(jsonLine({{"time", utcNow()}, {key, all}}));
+    } else if (all.empty()) {
+      complain("tarnflow: {}\n", none);
+    } else {
+      Output::write(text(all, utcNow(), Style::ofOutput()));
+    }
+    return all.empty() ? exitFault : 0;
+  }
+
   int showCollectors(ControlClient& agent) const {
     const Json all = whole(agent, request("collectors"), "collectors");
-    if (json) {
-      Output::write(jsonLine({{"time", utcNow()}, {"collectors", all}}));
-    } else if (all.empty()) {
-      complain("tarnflow: no collector is configured\n");
-    } else {
-      Output::write(collectorsText(all, utcNow(), Style::ofOutput()));
-    }
+    const int status = show(all, "collectors", "no collector is configured", collectorsText);
     for (const Json& c : all)
       if (c.at("state") != "sending") return exitFault;
-    return all.empty() ? exitFault : 0;
+    return status;
   }
 
   int showTables(ControlClient& agent) const {
@@ -129,15 +113,8 @@ struct ControlCommands {
   }
 
   int showTemplates(ControlClient& agent) const {
-    const Json all = whole(agent, request("templates"), "templates");
-    if (json) {
-      Output::write(jsonLine({{"time", utcNow()}, {"templates", all}}));
-    } else if (all.empty()) {
-      complain("tarnflow: there is no template: no tracker is configured\n");
-    } else {
-      Output::write(templatesText(all, utcNow(), Style::ofOutput()));
-    }
-    return all.empty() ? exitFault : 0;
+    return show(whole(agent, request("templates"), "templates"), "templates",
+                "there is no template: no tracker is configured", templatesText);
   }
 
   int clearCounters(ControlClient& agent) const {
@@ -200,56 +177,78 @@ struct ControlCommands {
     return done ? 0 : exitFault;
   }
 };
+
+/// Adds a command to `to`, with the options that all of them have.
+std::pair<CLI::App*, ControlCommand&> add(CLI::App& to, const char* name, const char* what,
+                                          int& status, ControlCommand::Run run) {
+  auto [cmd, options] = addCommand<ControlCommand>(
+      to, name, what, status, [run](const ControlCommand& command) { return command.ask(run); });
+  cmd->add_option("--socket", options.socket, "The agent's control socket (agent.control)")
+      ->type_name("PATH")
+      ->envname("TARNFLOW_SOCKET")
+      ->capture_default_str();
+  addJson(cmd, options.json);
+  return {cmd, options};
+}
+void addLimit(CLI::App* cmd, ControlCommand& options, const char* what) {
+  cmd->add_option("--limit", options.limit, what)->type_name("N");
+}
 }  // namespace
 
 void addControl(CLI::App& app, CLI::App& show, int& status) {
-  const auto p = std::make_shared<ControlCommands>(status);
-  const auto add = ControlCommands::add;
-  CLI::App* state =
-      add(p, show, "state", "Everything that runs, as the agent's own objects have it, live",
-          &ControlCommands::showState);
-  state->add_option("PATH", p->path, "Only what is there and below, such as interfaces/intfIndex")
+  auto [state, stateOptions] =
+      add(show, "state", "Everything that runs, as the agent's own objects have it, live", status,
+          &ControlCommand::showState);
+  state
+      ->add_option("PATH", stateOptions.path,
+                   "Only what is there and below, such as interfaces/intfIndex")
       ->type_name("");
-  p->addLimit(state, "Members shown of each collection; 0: all [20; with --json all]");
+  addLimit(state, stateOptions, "Members shown of each collection; 0: all [20; with --json all]");
 
-  CLI::App* collectors =
-      add(p, show, "collectors", "Whether each collector is sent to, and if not, what is missing",
-          &ControlCommands::showCollectors);
-  p->addTracker(collectors);
-  p->addExporter(collectors);
+  auto [collectors, collectorsOptions] =
+      add(show, "collectors", "Whether each collector is sent to, and if not, what is missing",
+          status, &ControlCommand::showCollectors);
+  addTracker(collectors, collectorsOptions.tracker);
+  addExporter(collectors, collectorsOptions.exporter);
   collectors->footer(
       "Exit status: 0; 1 when a collector is not sent to, or there is none; 2 no agent.");
 
-  CLI::App* tables = add(p, show, "tables", "The options tables as they are now, decoded",
-                         &ControlCommands::showTables);
-  tables->add_option("NAME", p->table, "Only this one: interfaces, vrfs, trackers or flow-keys")
+  auto [tables, tablesOptions] = add(show, "tables", "The options tables as they are now, decoded",
+                                     status, &ControlCommand::showTables);
+  tables
+      ->add_option("NAME", tablesOptions.table,
+                   "Only this one: interfaces, vrfs, trackers or flow-keys")
       ->type_name("");
-  p->addTracker(tables);
-  p->addLimit(tables,
-              "Records shown of each table; 0: all [20; of one table all; with --json all]");
+  addTracker(tables, tablesOptions.tracker);
+  addLimit(tables, tablesOptions,
+           "Records shown of each table; 0: all [20; of one table all; with --json all]");
 
-  CLI::App* templates = add(p, show, "templates", "Data and options templates with their fields",
-                            &ControlCommands::showTemplates);
-  p->addTracker(templates);
+  auto [templates, templatesOptions] =
+      add(show, "templates", "Data and options templates with their fields", status,
+          &ControlCommand::showTemplates);
+  addTracker(templates, templatesOptions.tracker);
 
   CLI::App* clear = app.add_subcommand("clear", "Set to zero what a running agent counts");
   clear->require_subcommand(1);
-  add(p, *clear, "counters", "The counters of all collectors", &ControlCommands::clearCounters);
+  add(*clear, "counters", "The counters of all collectors", status, &ControlCommand::clearCounters);
 
-  CLI::App* resend =
-      add(p, app, "resend", "Have the agent send templates and full tables again now",
-          &ControlCommands::resend);
-  p->addTracker(resend);
-  p->addExporter(resend);
+  auto [resend, resendOptions] =
+      add(app, "resend", "Have the agent send templates and full tables again now", status,
+          &ControlCommand::resend);
+  addTracker(resend, resendOptions.tracker);
+  addExporter(resend, resendOptions.exporter);
   resend->footer("Exit status: 0; 1 when nobody is being sent to; 2 no agent, or not allowed.");
 
-  CLI::App* logLevel =
-      add(p, app, "log-level", "Show, or set, how much of its inside the agent logs",
-          &ControlCommands::logLevel);
-  logLevel->add_option("LEVEL", p->level, "0 to 9, or error (0), event (3), detail (5), packet (8)")
+  auto [logLevel, levelOptions] =
+      add(app, "log-level", "Show, or set, how much of its inside the agent logs", status,
+          &ControlCommand::logLevel);
+  logLevel
+      ->add_option("LEVEL", levelOptions.level,
+                   "0 to 9, or error (0), event (3), detail (5), packet (8)")
       ->type_name("");
-  add(p, app, "reload", "Have the agent read its configuration again", &ControlCommands::reload)
-      ->footer(
+
+  add(app, "reload", "Have the agent read its configuration again", status, &ControlCommand::reload)
+      .first->footer(
           "Exit status: 0 reloaded; 1 the configuration has errors, and what ran before runs "
           "on; 2 no agent, or\nnot allowed.");
 }

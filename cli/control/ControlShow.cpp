@@ -46,10 +46,7 @@ std::string decoded(std::string_view part) {
   return out;
 }
 /// A text of the framework without the quotes that strings have there.
-std::string plain(const std::string& text) {
-  const auto unquoted = platform::fromQuoted(text);
-  return unquoted ? *unquoted : text;
-}
+std::string plain(const std::string& text) { return platform::fromQuoted(text).value_or(text); }
 std::string nameOf(std::string_view part) {
   return isMember(part) ? plain(decoded(part.substr(1))) : decoded(part);
 }
@@ -151,26 +148,11 @@ std::string collectorsText(const Json& collectors, double now, const Style& styl
                c.at("state").get<std::string>(), ageText(now, c.at("since").get<double>()),
                shown(c.at("detail").get<std::string>())});
   }
-  // Escape sequences for colours have no width, so they are inserted after the table is laid out.
-  std::string out;
-  std::string_view rest;
-  const std::string text = table.text(0);
-  rest = text;
-  for (size_t line = 0; !rest.empty(); ++line) {
-    const size_t end = rest.find('\n');
-    const std::string_view one = rest.substr(0, end);
-    rest.remove_prefix(end + 1);
-    if (line == 0) {
-      out += style.strong(one);
-    } else {
-      const auto state = collectors.at(line - 1).at("state").get<std::string>();
-      out += state == "sending"   ? std::string(one)
-             : state == "refused" ? style.bad(one)
-                                  : style.waits(one);
-    }
-    out += '\n';
-  }
-  return out;
+  return table.text(0, [&](size_t row, std::string line) {
+    if (row == 0) return style.strong(line);
+    const auto state = collectors.at(row - 1).at("state").get<std::string>();
+    return state == "sending" ? line : state == "refused" ? style.bad(line) : style.waits(line);
+  });
 }
 
 std::string templatesText(const Json& templates, double now, const Style& style) {

@@ -19,7 +19,7 @@ void addName(CLI::App* cmd, std::string& to) {
 }
 void addTableOptions(CLI::App* cmd, CountersOptions& options) {
   addName(cmd, options.name);
-  cmd->add_flag("--json", options.json, "One JSON object, on one line");
+  addJson(cmd, options.json);
   cmd->add_option("--watch", options.watch, "Show again every S seconds")
       ->type_name("S")
       ->check(positive());
@@ -31,8 +31,8 @@ void addCounters(CLI::App& show, int& status) {
       show, "counters", "What was exported, per tracker, exporter and collector", status,
       showCounters);
   addTableOptions(cmd, options);
-  cmd->add_option("--tracker", options.tracker, "Only this tracker's")->type_name("NAME");
-  cmd->add_option("--exporter", options.exporter, "Only exporters of this name")->type_name("NAME");
+  addTracker(cmd, options.tracker);
+  addExporter(cmd, options.exporter);
   cmd->footer(
       "Reads shared memory; the agent notices nothing. Exit status: 0; 1 when no agent runs or "
       "nothing was sent yet.");

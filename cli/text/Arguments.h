@@ -18,6 +18,15 @@ std::pair<CLI::App*, Options&> addCommand(CLI::App& to, const char* name, const 
   return {cmd, *options};
 }
 
+inline void addTracker(CLI::App* cmd, std::string& tracker) {
+  cmd->add_option("--tracker", tracker, "Only this tracker's")->type_name("NAME");
+}
+inline void addExporter(CLI::App* cmd, std::string& exporter) {
+  cmd->add_option("--exporter", exporter, "Only exporters of this name")->type_name("NAME");
+}
+inline void addJson(CLI::App* cmd, bool& json) {
+  cmd->add_flag("--json", json, "One JSON object, on one line");
+}
 inline CLI::Validator positive() {
   return {[](const std::string& text) {
             double v = 0;

@@ -13,11 +13,9 @@ class Style {
   static Style ofOutput();
 
   bool colour() const { return colour_; }
-  std::string good(std::string_view text) const { return in("32", text); }
   std::string bad(std::string_view text) const { return in("1;31", text); }
   std::string waits(std::string_view text) const { return in("33", text); }
   std::string strong(std::string_view text) const { return in("1", text); }
-  std::string faint(std::string_view text) const { return in("2", text); }
 
  private:
   std::string in(std::string_view code, std::string_view text) const;

@@ -28,10 +28,12 @@ size_t Table::width(size_t indent) const {
          gap * (widths.empty() ? 0 : widths.size() - 1);
 }
 
-std::string Table::text(size_t indent) const {
+std::string Table::text(
+    size_t indent, const std::function<std::string(size_t row, std::string line)>& styled) const {
   const auto widths = widths_p();
   std::string out;
-  for (const Row& row : rows_) {
+  for (size_t r = 0; r < rows_.size(); ++r) {
+    const Row& row = rows_[r];
     std::string line(indent, ' ');
     for (size_t i = 0; i < row.size(); ++i) {
       if (i > 0) line.append(gap, ' ');
@@ -40,7 +42,7 @@ std::string Table::text(size_t indent) const {
       line += right ? fill + row[i] : row[i] + fill;
     }
     line.erase(line.find_last_not_of(' ') + 1);
-    out += line + '\n';
+    out += (styled ? styled(r, std::move(line)) : line) + '\n';
   }
   return out;
 }

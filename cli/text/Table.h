@@ -1,4 +1,5 @@
 #pragma once
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -13,7 +14,11 @@ class Table {
 
   void add(Row row) { rows_.push_back(std::move(row)); }
   size_t width(size_t indent) const;
-  std::string text(size_t indent) const;
+  /// The lines, each behind `indent` blanks and without blanks at its end. `styled` gets each row's
+  /// line, the first is row 0, and returns it with its colours: these have no width.
+  std::string text(
+      size_t indent,
+      const std::function<std::string(size_t row, std::string line)>& styled = nullptr) const;
 
  private:
   std::vector<size_t> widths_p() const;

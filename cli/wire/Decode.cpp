@@ -9,7 +9,6 @@
 #include "cli/text/Quoted.h"
 #include "cli/wire/Datagrams.h"
 #include "cli/wire/Elements.h"
-#include "cli/wire/Listen.h"
 #include "cli/wire/MessagePrinter.h"
 #include "cli/wire/OptionsTables.h"
 #include "platform/linux/CaptureFile.h"
@@ -49,7 +48,9 @@ bool tellCounts(const DatagramCounts& counts, const std::string& file) {
 class Decoding {
  public:
   explicit Decoding(const DecodeOptions& options)
-      : options_(options), print_(printOptions(options.quietData)), decoder_(registryLookup()) {}
+      : options_(options),
+        print_(PrintOptions::ofOutput(options.quietData)),
+        decoder_(registryLookup()) {}
 
   bool more() const { return written_ && (!options_.messages || messages_ < *options_.messages); }
 

@@ -2,8 +2,6 @@
 
 #include <fmt/format.h>
 #include <poll.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -11,7 +9,6 @@
 #include <utility>
 
 #include "cli/text/Output.h"
-#include "cli/text/Style.h"
 #include "cli/wire/Elements.h"
 #include "cli/wire/MessagePrinter.h"
 #include "cli/wire/OptionsTables.h"
@@ -25,7 +22,9 @@ using Clock = std::chrono::steady_clock;
 class Listener {
  public:
   explicit Listener(const ListenOptions& options)
-      : options_(options), print_(printOptions(options.quietData)), decoder_(registryLookup()) {}
+      : options_(options),
+        print_(PrintOptions::ofOutput(options.quietData)),
+        decoder_(registryLookup()) {}
 
   int run() {
     // Before the sockets are opened: from here on a signal always leads to a summary.
@@ -149,16 +148,6 @@ class Listener {
 };
 
 }  // namespace
-
-PrintOptions printOptions(bool quietData) {
-  PrintOptions o;
-  o.quietData = quietData;
-  winsize size{};
-  o.colour = Style::ofOutput().colour();
-  if (isatty(STDOUT_FILENO) && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col >= 40)
-    o.width = size.ws_col;
-  return o;
-}
 
 int listen(const ListenOptions& options) { return Listener(options).run(); }
 

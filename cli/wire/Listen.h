@@ -4,8 +4,6 @@
 #include <string>
 #include <vector>
 
-#include "cli/wire/MessagePrinter.h"
-
 namespace cli {
 
 struct ListenOptions {
@@ -21,8 +19,5 @@ struct ListenOptions {
 /// Prints what arrives until SIGINT, SIGTERM or a limit. Returns the exit status: 1 when something
 /// was malformed or a sequence number wrong, 2 when it could not listen.
 int listen(const ListenOptions& options);
-
-/// As standard output and the environment want it.
-PrintOptions printOptions(bool quietData);
 
 }  // namespace cli

@@ -2,6 +2,8 @@
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -25,9 +27,8 @@ using Json = nlohmann::ordered_json;
 
 constexpr size_t valueMax = 64;  // characters of a value in a table
 
-std::string loud(const PrintOptions& o, std::string_view text) {
-  return o.colour ? fmt::format("\x1b[1;31m  !! {}\x1b[0m\n", text)
-                  : fmt::format("  !! {}\n", text);
+std::string loud(const PrintOptions& o, const std::string& text) {
+  return o.style.bad("  !! " + text) + '\n';
 }
 /// Empty for a code point without a name.
 std::string_view dscpName(int dscp) {
@@ -170,6 +171,14 @@ Json setJson(const Set& set, bool quietData) {
 
 }  // namespace
 
+PrintOptions PrintOptions::ofOutput(bool quietData) {
+  PrintOptions o{.quietData = quietData, .style = Style::ofOutput()};
+  winsize size{};
+  if (isatty(STDOUT_FILENO) && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col >= 40)
+    o.width = size.ws_col;
+  return o;
+}
+
 Json valueJson(const Value& v) {
   if (v.type() == Type::boolean && (v.octets[0] == 1 || v.octets[0] == 2)) return v.octets[0] == 1;
   if (const auto n = v.unsignedValue()) return *n;
@@ -188,8 +197,7 @@ std::string messageText(const Datagram& from, const Message& m, const PrintOptio
                        fmt::gmtime(static_cast<std::time_t>(m.header->exportTime)));
   out += fmt::format("  {}", plural(from.octets.size(), "octet"));
   if (from.tos) out += "  " + tosText(*from.tos);
-  if (options.colour) out = "\x1b[1m" + out + "\x1b[0m";
-  out += '\n';
+  out = options.style.strong(out) + '\n';
 
   if (m.sequence.error()) {
     out += loud(options, "SEQUENCE ERROR: " + m.sequence.stringValue(m.header->sequence));

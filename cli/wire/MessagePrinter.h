@@ -2,6 +2,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "cli/text/Style.h"
 #include "cli/text/Text.h"
 #include "cli/wire/UdpReceiver.h"
 #include "cli/wire/decoder/Decoder.h"
@@ -10,8 +11,11 @@ namespace cli {
 
 struct PrintOptions {
   bool quietData = false;  ///< data sets by their count only
-  bool colour = false;
+  Style style = Style(false);
   size_t width = 120;  ///< of a line; wider tables become lists
+
+  /// With the colours that standard output may have, and the width of its terminal.
+  static PrintOptions ofOutput(bool quietData);
 };
 
 /// A message for people: a header line, then its sets, then what is wrong with it.

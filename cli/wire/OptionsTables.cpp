@@ -36,22 +36,32 @@ std::string titleOf(const decoder::Template& t) {
   return fmt::format("options {}", t.id);
 }
 
-/// The names behind a flow-key indicator, as far as the template it speaks of is known.
-std::string keyNames(const decoder::Stream& stream, uint64_t id, uint64_t indicator) {
-  const auto t = stream.templates.find(static_cast<uint16_t>(id));
-  if (t == stream.templates.end()) return {};
-  std::string out;
-  for (size_t i = 0; i < t->second->fields.size() && i < 64; ++i)
-    if (indicator >> i & 1) out += (out.empty() ? "" : ", ") + t->second->fields[i].name();
-  return out;
-}
-
 bool isFlowKeys(const std::vector<decoder::Field>& fields) {
   return fields.size() == 2 && fields[0].enterprise == 0 && fields[0].id == templateId &&
          fields[1].enterprise == 0 && fields[1].id == flowKeyIndicator;
 }
-
 }  // namespace
+
+/// The names of the fields that a row of the table of flow keys tells of: empty while their
+/// template is unknown. Nothing for the rows of other tables, or of a stream that is forgotten.
+std::optional<std::string> OptionsTables::keyNames_p(const decoder::Decoder& decoder,
+                                                     const decoder::StreamKey& key,
+                                                     const Table& table, const Row& row) {
+  if (!isFlowKeys(table.fields)) return std::nullopt;
+  const auto stream = decoder.streams().find(key);
+  const auto& id = row.cells[0].value;
+  const auto& indicator = row.cells[1].value;
+  if (stream == decoder.streams().end() || !id.is_number() || !indicator.is_number())
+    return std::nullopt;
+  std::string out;
+  const auto& templates = stream->second.templates;
+  const auto t = templates.find(id.get<uint16_t>());
+  if (t == templates.end()) return out;
+  for (size_t i = 0; i < t->second->fields.size() && i < 64; ++i)
+    if (indicator.get<uint64_t>() >> i & 1)
+      out += (out.empty() ? "" : ", ") + t->second->fields[i].name();
+  return out;
+}
 
 bool OptionsTables::take(const Datagram& from, const decoder::Message& message) {
   if (!message.header || message.error) return false;
@@ -95,14 +105,13 @@ std::string OptionsTables::text(const decoder::Decoder& decoder, double now, siz
   std::string out;
   for (const auto& [key, tables] : tables_) {
     out += fmt::format("{}  domain {}\n", key.session, key.domain);
-    const auto stream = decoder.streams().find(key);
     for (const auto& [id, table] : tables) {
       out += fmt::format("  {} ({})\n", table.title, table.rows.size());
       if (table.rows.empty()) continue;  // all of them refused
-      const bool keys = isFlowKeys(table.fields) && stream != decoder.streams().end();
+      const Row& first = table.rows.begin()->second;
+      const bool keys = keyNames_p(decoder, key, table, first).has_value();
       std::vector<bool> right;
-      for (const auto& cell : table.rows.begin()->second.cells)
-        right.push_back(cell.value.is_number());
+      for (const auto& cell : first.cells) right.push_back(cell.value.is_number());
       cli::Table shown(std::move(right));
       cli::Table::Row names;
       for (const auto& field : table.fields) names.push_back(field.name());
@@ -114,9 +123,7 @@ std::string OptionsTables::text(const decoder::Decoder& decoder, double now, siz
         if (++n > rowsMax) break;
         cli::Table::Row cells;
         for (const auto& cell : row.cells) cells.push_back(cell.text);
-        if (keys && row.cells[0].value.is_number() && row.cells[1].value.is_number())
-          cells.push_back(keyNames(stream->second, row.cells[0].value.get<uint64_t>(),
-                                   row.cells[1].value.get<uint64_t>()));
+        if (keys) cells.push_back(keyNames_p(decoder, key, table, row).value_or(""));
         cells.push_back(fmt::format("{:.0f} s ago", now - row.heard));
         shown.add(std::move(cells));
       }
@@ -133,7 +140,6 @@ nlohmann::ordered_json OptionsTables::json(const decoder::Decoder& decoder, doub
   using Json = nlohmann::ordered_json;
   Json streams = Json::array();
   for (const auto& [key, tables] : tables_) {
-    const auto stream = decoder.streams().find(key);
     Json list = Json::array();
     for (const auto& [id, table] : tables) {
       Json rows = Json::array();
@@ -141,10 +147,7 @@ nlohmann::ordered_json OptionsTables::json(const decoder::Decoder& decoder, doub
         Json r = Json::object();
         for (size_t i = 0; i < row.cells.size() && i < table.fields.size(); ++i)
           r[table.fields[i].name()] = row.cells[i].value;
-        if (isFlowKeys(table.fields) && stream != decoder.streams().end() &&
-            row.cells[0].value.is_number() && row.cells[1].value.is_number())
-          r["keys"] = keyNames(stream->second, row.cells[0].value.get<uint64_t>(),
-                               row.cells[1].value.get<uint64_t>());
+        if (const auto names = keyNames_p(decoder, key, table, row)) r["keys"] = *names;
         r["age"] = now - row.heard;
         rows.push_back(std::move(r));
       }

@@ -1,6 +1,7 @@
 #pragma once
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,10 @@ class OptionsTables {
     std::vector<decoder::Field> fields;
     std::map<std::string, Row> rows;  ///< by the scope fields' octets
   };
+  static std::optional<std::string> keyNames_p(const decoder::Decoder& decoder,
+                                               const decoder::StreamKey& key, const Table& table,
+                                               const Row& row);
+
   /// Per stream, by template id.
   std::map<decoder::StreamKey, std::map<uint16_t, Table>> tables_;
   size_t rows_ = 0;

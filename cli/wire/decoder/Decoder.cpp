@@ -162,12 +162,9 @@ class Decoder::Parser {
   /// The template as known at this place of the message: from an earlier record in it, or before.
   std::shared_ptr<const Template> known(uint16_t id) const {
     if (auto it = staged_.find(id); it != staged_.end()) return it->second;
-    if (allWithdrawn_[0] || allWithdrawn_[1]) {
-      auto it = stream_->templates.find(id);
-      if (it != stream_->templates.end() && allWithdrawn_[it->second->options()]) return nullptr;
-    }
     auto it = stream_->templates.find(id);
-    return it == stream_->templates.end() ? nullptr : it->second;
+    if (it == stream_->templates.end() || allWithdrawn_[it->second->options()]) return nullptr;
+    return it->second;
   }
 
   void templateSet(Set& set) {
