@@ -193,8 +193,8 @@ Json ControlAnswers::resend(const ControlRequest& request) {
       if (const auto tables = data ? data->exporterSm(name) : nullptr) tables->resend();
     }
   }
-  log_.info("templates and tables of " + std::to_string(exporters) +
-            (exporters == 1 ? " exporter" : " exporters") + " are sent again" + askedBy(request));
+  log_.info("templates and tables of " + counted(exporters, "exporter") + " are sent again" +
+            askedBy(request));
   return {{"exporters", exporters}};
 }
 

@@ -23,12 +23,10 @@ std::string ControlDispatcher::answer(const ControlPeer& peer, std::string_view 
     const auto verbs = ControlAnswers::verbs();
     const auto verb =
         std::find_if(verbs.begin(), verbs.end(), [&](const auto& v) { return v.name == name; });
-    if (verb == verbs.end()) {
-      std::vector<std::string_view> all;
-      for (const auto& v : verbs) all.push_back(v.name);
-      throw Refusal{"unknownRequest", "'request' is one of " + joined(all) +
+    if (verb == verbs.end())
+      throw Refusal{"unknownRequest", "'request' is one of " +
+                                          joined(verbs, &ControlAnswers::Verb::name) +
                                           (name.empty() ? "" : ", not " + inQuotes(name))};
-    }
     for (const auto& [key, value] : json.items()) {
       if (key == "request" || key == "id" ||
           std::find(verb->keys.begin(), verb->keys.end(), key) != verb->keys.end())

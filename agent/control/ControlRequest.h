@@ -3,7 +3,6 @@
 
 #include <nlohmann/json.hpp>
 #include <string>
-#include <vector>
 
 #include "agent/control/ControlSocket.h"
 #include "agent/host/Printable.h"
@@ -57,13 +56,5 @@ struct ControlRequest {
                                     " may ask for this; you are user " + std::to_string(peer.uid)};
   }
 };
-
-/// "a, b, c"
-template <class Names>
-std::string joined(const Names& names) {
-  std::string all;
-  for (const auto& name : names) all += (all.empty() ? "" : ", ") + std::string(name);
-  return all;
-}
 
 }  // namespace agent

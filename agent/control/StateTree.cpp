@@ -1,6 +1,7 @@
 #include "agent/control/StateTree.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <span>
 
@@ -33,19 +34,13 @@ std::string encoded(std::string_view part) {
   return out;
 }
 
-int hexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
-
 std::string decoded(std::string_view part) {
   std::string out;
   for (size_t i = 0; i < part.size(); ++i) {
-    if (part[i] == '%' && i + 2 < part.size() && hexDigit(part[i + 1]) >= 0 &&
-        hexDigit(part[i + 2]) >= 0) {
-      out += static_cast<char>(hexDigit(part[i + 1]) << 4 | hexDigit(part[i + 2]));
+    unsigned octet = 0;
+    if (part[i] == '%' && i + 2 < part.size() &&
+        std::from_chars(&part[i + 1], &part[i] + 3, octet, 16).ptr == &part[i] + 3) {
+      out += static_cast<char>(octet);
       i += 2;
     } else {
       out += part[i];
@@ -161,30 +156,29 @@ std::string names(AttrRows rows) {
   return all;
 }
 
+struct Member {
+  std::string key;      // its text
+  const Entity* child;  // null: the member is a value
+  std::string text;
+};
 /// Finds the member that `part` means, as its key's text is or without the quotes of that.
-bool findMember(const Entity& e, const AttrRow& r, const std::string& part, std::string& keyText,
-                const Entity*& child, std::string& text) {
+std::optional<Member> findMember(const Entity& e, const AttrRow& r, const std::string& part) {
   const std::string bare(withoutMark(part));
+  std::optional<Member> found;
   for (const std::string& wanted : {bare, toQuoted(bare), part}) {
-    bool found = false;
-    const auto visit = [&](const std::string& key, const Entity* c, const std::string& t) {
-      if (key != wanted) return false;
-      found = true;
-      keyText = key;
-      child = c;
-      text = t;
+    // False: of a map that lists its members from `wanted` on, the first decides.
+    const auto visit = [&](const std::string& key, const Entity* child, const std::string& text) {
+      if (!found && key == wanted) found = Member{key, child, text};
       return false;
     };
     if (r.from) {
       r.from(e, &wanted, false, visit);
     } else {
-      r.each(e, [&](const std::string& key, const Entity* c, const std::string& t) {
-        if (!found) visit(key, c, t);
-      });
+      r.each(e, visit);
     }
-    if (found) return true;
+    if (found) break;
   }
-  return false;
+  return found;
 }
 
 /// Where a path leads: to an entity, to a collection of one, or to a value.
@@ -213,17 +207,15 @@ class PathTarget {
   }
 
   std::string memberIs(const std::string& part) {
-    std::string key;
-    const Entity* child = nullptr;
-    std::string text;
-    if (!findMember(*entity_, *collection_, part, key, child, text)) return nothing(part, "");
+    const auto member = findMember(*entity_, *collection_, part);
+    if (!member) return nothing(part, "");
     full_ += '/';
     full_ += keyMark;
-    full_ += encoded(key);
-    if (child) {
-      entity_ = child;
+    full_ += encoded(member->key);
+    if (member->child) {
+      entity_ = member->child;
     } else {
-      text_ = text;
+      text_ = member->text;
     }
     collection_ = nullptr;
     return {};
@@ -302,9 +294,8 @@ StateTree::Page StateTree::page(std::string_view path, std::string_view after,
   const auto root = std::find_if(roots_.begin(), roots_.end(),
                                  [&](const Root& r) { return r.name == parts.front(); });
   if (root == roots_.end()) {
-    std::string all;
-    for (const Root& r : roots_) all += (all.empty() ? "" : ", ") + r.name;
-    page.problem = "there is no " + inQuotes(parts.front()) + ": there are " + all;
+    page.problem =
+        "there is no " + inQuotes(parts.front()) + ": there are " + joined(roots_, &Root::name);
     return page;
   }
   PathTarget target(*root);

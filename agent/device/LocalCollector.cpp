@@ -1,6 +1,7 @@
 #include "agent/device/LocalCollector.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "agent/host/Printable.h"
 #include "platform/Platform.h"
@@ -114,14 +115,10 @@ LocalCollector::LocalCollector(std::string trackerName, Ptr<FtConfig> config,
                 .withdraw = [this](TemplateId id) { withdraw(id); },
                 .records = sink_.records}),
       pams_(FlowTracking::localCollectorPamsFactory(trackerName_)),
-      settleTask_(host.scheduler->timerTask("localCollectorSettle-" + trackerName_, afterTemplates,
-                                            [this] { settle(); })),
-      flushTask_(host.scheduler->timerTask("localCollectorFlush-" + trackerName_, afterTemplates,
-                                           [this] { sink_.flush(); })),
-      reviewTask_(host.scheduler->timerTask("localCollectorReview-" + trackerName_, afterTemplates,
-                                            [this] { review(); })),
-      tickTask_(host.scheduler->timerTask("localCollectorTick-" + trackerName_, afterTemplates,
-                                          [this] { handleTick(); })),
+      settleTask_(task(*host.scheduler, "Settle", [this] { settle(); })),
+      flushTask_(task(*host.scheduler, "Flush", [this] { sink_.flush(); })),
+      reviewTask_(task(*host.scheduler, "Review", [this] { review(); })),
+      tickTask_(task(*host.scheduler, "Tick", [this] { handleTick(); })),
       pamsWatcher_(std::make_unique<PamsWatcher>(*this)),
       readyWatcher_(std::make_unique<ReadyWatcher>(*this)),
       configWatcher_(std::make_unique<ConfigWatcher>(*this)) {
@@ -129,6 +126,12 @@ LocalCollector::LocalCollector(std::string trackerName, Ptr<FtConfig> config,
   tickTask_->scheduleIs(tick);
   sm_ = FlowTracking::localCollectorConfigSmFactory(trackerName_, host.config, config_, pams_,
                                                     host.vrfs, host.scheduler);
+}
+
+std::unique_ptr<TimerTask> LocalCollector::task(TaskScheduler& scheduler, const char* what,
+                                                std::function<void()> run) const {
+  return scheduler.timerTask(std::string("localCollector") + what + '-' + trackerName_,
+                             afterTemplates, std::move(run));
 }
 
 LocalCollector::~LocalCollector() {
@@ -303,13 +306,14 @@ void LocalCollector::tellTroubles(const char* when) {
     text += (text.empty() ? "" : ", ") + std::to_string(n) + ' ' + what;
   };
   for (const Trouble& t : troubles) add(now.*t.counter - told_.*t.counter, t.what);
-  add(looped_ - loopedTold_,
+  add(looped_ - std::exchange(loopedTold_, looped_),
       "datagrams of exporters of tracker " + printable(loopedOf_) +
           " that would come round for ever (a collector is given this tracker's address)");
   const uint64_t lost = lostDatagrams();
-  add(lost - lostTold_, "datagrams for which the receive buffer had no room");
+  add(lost - std::exchange(lostTold_, lost), "datagrams for which the receive buffer had no room");
   const uint64_t unsent = sink_.counters().recordsLost;
-  add(unsent - unsentTold_, "records of exporters without a ready collector");
+  add(unsent - std::exchange(unsentTold_, unsent),
+      "records of exporters without a ready collector");
   if (now.templatesDisplaced > told_.templatesDisplaced ||
       now.templatesOverLimit > told_.templatesOverLimit) {
     const auto most = templates.mostTemplates();
@@ -323,9 +327,6 @@ void LocalCollector::tellTroubles(const char* when) {
             " of the " + std::to_string(templates.room()) + " octets of the template message";
   }
   told_ = now;
-  loopedTold_ = looped_;
-  lostTold_ = lost;
-  unsentTold_ = unsent;
   if (!text.empty())
     log_.warning(
         "tracker " + printable(trackerName_) + ": " + when + "from devices, not passed on: " + text,

@@ -77,6 +77,8 @@ class LocalCollector {
   class ConfigWatcher;
   class ExporterWatcher;
 
+  std::unique_ptr<TimerTask> task(TaskScheduler& scheduler, const char* what,
+                                  std::function<void()> run) const;
   void handlePam();
   void hear();
   void review();

@@ -1,10 +1,9 @@
 #include "agent/exports/CollectorStates.h"
 
-#include <net/if.h>
-
 #include <algorithm>
 #include <cstring>
 #include <span>
+#include <tuple>
 #include <utility>
 
 #include "agent/host/Priorities.h"
@@ -62,10 +61,8 @@ CollectorStates::CollectorStates(const Exports& exports, const Ptr<TaskScheduler
   task_->scheduleIs(Seconds(0));
 }
 
-void CollectorStates::each(
-    const Settings& settings, const CollectorName& after,
-    const std::function<bool(const CollectorName&, const TrackerSettings&, const ExporterSettings&,
-                             const CollectorSettings&)>& visit) {
+void CollectorStates::each(const Settings& settings, const CollectorName& after,
+                           const Visit& visit) {
   for (auto t = settings.trackers.lower_bound(after.tracker); t != settings.trackers.end(); ++t) {
     const auto& exporters = t->second.exporters;
     const bool thisTracker = t->first == after.tracker;
@@ -93,7 +90,7 @@ void CollectorStates::look() {
          const bool ipv6 = collector.address.isIpv6();
          lookAt({{name.tracker, name.exporter}, ipv6},
                 exports_.tree(tracker.type).exporterInfo(name.tracker, name.exporter));
-         note(name);
+         state(name);
          last_ = name;
          return true;
        });
@@ -120,14 +117,12 @@ void CollectorStates::lookAt(const EndpointKey& key, const Ptr<ExporterInfo>& in
   const bool seen = e.turn == turn_ && e.pam == pam;  // by another collector in this look
   e.turn = turn_;
   if (seen) return;
-  const uint64_t sent = e.total.sent;
-  const uint64_t refused = e.total.refused;
-  const uint64_t undelivered = e.total.undelivered;
+  const auto counts = [&t = e.total] { return std::tuple(t.sent, t.refused, t.undelivered); };
+  const auto before = counts();
   for (const auto& one : e.came) e.follow(one.get(), one->counters());
   std::erase_if(e.came, [pam](const auto& one) { return one.get() != pam; });
   if (!pam) e.pam = nullptr;
-  if (!e.inTable || sent != e.total.sent || refused != e.total.refused ||
-      undelivered != e.total.undelivered)
+  if (!e.inTable || counts() != before)
     e.inTable = counters_ && counters_->put(octetsOf(e.total.key), octetsOf(e.total));
 }
 
@@ -187,13 +182,11 @@ CollectorState withoutSource(const Exports& exports, const ExporterSettings& e, 
                 ? "its links are not known yet"
                 : "there is no namespace " + namespaceOf(e.vrf).stringValue(),
             0};
-  const std::string where = e.localInterface + " in VRF " + e.vrf.stringValue();
-  const Link* link = network->link(e.localInterface);
-  const std::string why = !link                         ? "there is no interface " + where
-                          : (link->flags & IFF_UP) == 0 ? "interface " + where + " is down"
-                                                        : "interface " + where + " has no " +
-                                                              familyText(ipv6) + " address to use";
-  return {Status::waitingForAddress, why, 0};
+  std::string why = linkProblem(*network, e.localInterface);
+  if (why.empty())
+    why = "interface " + linkPlace(*network, e.localInterface) + " has no " + familyText(ipv6) +
+          " address to use";
+  return {Status::waitingForAddress, std::move(why), 0};
 }
 
 CollectorState withoutSocket(const LibraryTree& tree, const CollectorName& name, bool ipv6) {
@@ -255,7 +248,7 @@ CollectorState CollectorStates::find(const CollectorName& name) {
   return {};
 }
 
-const CollectorState& CollectorStates::note(const CollectorName& name) {
+const CollectorState& CollectorStates::state(const CollectorName& name) {
   CollectorState found = find(name);
   auto [it, fresh] = known_.try_emplace(name);
   Known& known = it->second;
@@ -279,7 +272,5 @@ void CollectorStates::tellChange(const CollectorName& name, Status before,
                         : ": " + std::string(statusText(now.status)) + " again"),
            {.tracker = name.tracker, .exporter = name.exporter, .collector = name.collector});
 }
-
-CollectorState CollectorStates::state(const CollectorName& name) { return note(name); }
 
 }  // namespace agent

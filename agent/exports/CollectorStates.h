@@ -53,8 +53,9 @@ class CollectorStates {
   CollectorStates(const CollectorStates&) = delete;
   CollectorStates& operator=(const CollectorStates&) = delete;
 
-  /// As it is at this moment, with the time at which it was first seen so.
-  CollectorState state(const CollectorName& name);
+  /// As it is at this moment, with the time at which it was first seen so. Valid until the next
+  /// call and until the loop runs on.
+  const CollectorState& state(const CollectorName& name);
 
   /// There are other settings: what is new in them is looked at, and followed, from now on.
   void settingsAre() { task_->scheduleIs(Seconds(0)); }
@@ -81,11 +82,9 @@ class CollectorStates {
   };
 
   /// All collectors of the settings behind `after`, in order, until `visit` returns false.
-  static void each(
-      const Settings& settings, const CollectorName& after,
-      const std::function<bool(const CollectorName& name, const TrackerSettings& tracker,
-                               const ExporterSettings& exporter,
-                               const CollectorSettings& collector)>& visit);
+  using Visit = std::function<bool(const CollectorName&, const TrackerSettings&,
+                                   const ExporterSettings&, const CollectorSettings&)>;
+  static void each(const Settings& settings, const CollectorName& after, const Visit& visit);
 
  private:
   struct Known {
@@ -97,7 +96,6 @@ class CollectorStates {
   void look();
   void lookAt(const EndpointKey& key, const Ptr<FlowTracking::ExporterInfo>& info);
   CollectorState find(const CollectorName& name);
-  const CollectorState& note(const CollectorName& name);
   void tellChange(const CollectorName& name, CollectorState::Status before,
                   const CollectorState& now);
 

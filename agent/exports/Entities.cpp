@@ -203,20 +203,23 @@ void Entities::change(const std::string& name, Tracker& tracker, const TrackerSe
     return;
   }
   write(wanted, *tracker.config, *tracker.status);
-  for (auto& [exporterName, exporter] : tracker.exporters)
-    changeExporter(exporter, wanted.exporters.at(exporterName), changes);
+  for (auto& [exporterName, exporter] : tracker.exporters) {
+    const ExporterSettings& other = wanted.exporters.at(exporterName);
+    if (!sameKeys(exporter.settings, other)) ++changes.exporters.changed;
+    changeExporter(exporter, other, changes);
+  }
   now = wanted;
 }
 
 void Entities::changeExporter(Exporter& exporter, const ExporterSettings& wanted,
                               Changes& changes) {
   ExporterSettings& now = exporter.settings;
-  if (!sameKeys(now, wanted)) ++changes.exporters.changed;
   ExporterConfig& config = *exporter.config;
   // What marks and bounds packets comes before what makes them leave.
   config.dscpIs(wanted.dscp);
   config.ipfixMtuIs(wanted.mtu);
   config.rateLimitIs(wanted.rateLimit);
+  // That of a new exporter has no name yet, so it always differs.
   if (now.vrf != wanted.vrf || now.localInterface != wanted.localInterface)
     exporter.side->placeIs(wanted.vrf, wanted.localInterface);
   for (const std::string& name : changedInOrder(now.collectors, wanted.collectors)) {
@@ -330,22 +333,14 @@ void Entities::addExporters(const std::string& trackerName, Tracker& tracker,
   for (const auto& [name, e] : wanted.exporters) {
     if (tracker.exporters.contains(name)) continue;
     ++changes.exporters.added;
-    changes.collectors.added += e.collectors.size();
     Exporter exporter;
-    exporter.settings = e;
     exporter.config = HwFlowTracking::exporterConfigFactory(name);
-    exporter.config->dscpIs(e.dscp);
-    exporter.config->ipfixMtuIs(e.mtu);
-    exporter.config->rateLimitIs(e.rateLimit);
-    exporter.config->templateIntervalIs(ms(e.templateInterval));
-    for (const auto& [collectorName, c] : e.collectors)
-      setCollector(*exporter.config, collectorName, c);
     exporter.side = std::make_unique<ExporterSide>(finder_, wanted.type, trackerName,
                                                    exporter.config, log_, [this](bool ready) {
                                                      ready ? ++ready_ : --ready_;
                                                      readiness_();
                                                    });
-    exporter.side->placeIs(e.vrf, e.localInterface);
+    changeExporter(exporter, e, changes);
     const Ptr<ExporterConfig> config = exporter.config;
     tracker.exporters.emplace(name, std::move(exporter));
     tracker.config->expConfigIs(config);  // complete: what it sets off finds it so

@@ -1,7 +1,5 @@
 #include "agent/exports/Exporters.h"
 
-#include <net/if.h>
-
 #include <array>
 #include <utility>
 #include <vector>
@@ -111,10 +109,9 @@ void ExporterSide::resolve() {
 }
 
 void ExporterSide::tellSource(const SourceAddresses& found) {
-  const Link* link = network_->link(interface_);
   const bool has4 = !found.v4.isZero();
   const bool has6 = !found.v6.isZero();
-  const std::string where = interface_ + " in VRF " + network_->vrf().stringValue();
+  const std::string where = linkPlace(*network_, interface_);
   std::string text;
   if (has4 || has6) {
     text = "sends from ";
@@ -126,12 +123,10 @@ void ExporterSide::tellSource(const SourceAddresses& found) {
     if (told_.empty()) return;  // nothing is known of the network yet
     text =
         "has no source address: the namespace of VRF " + network_->vrf().stringValue() + " is gone";
-  } else if (!link) {
-    text = "has no source address: there is no interface " + where;
-  } else if ((link->flags & IFF_UP) == 0) {
-    text = "has no source address: interface " + where + " is down";
   } else {
-    text = "has no source address: interface " + where + " has none that can be used";
+    const std::string problem = linkProblem(*network_, interface_);
+    text = "has no source address: " +
+           (problem.empty() ? "interface " + where + " has none that can be used" : problem);
   }
   if (text == told_) return;
   told_ = text;

@@ -152,6 +152,15 @@ AttrRows NetworkList::attrRows() const {
 }
 Ptr<NetworkList> networkListFactory() { return Ptr<NetworkList>::adopt(new NetworkList); }
 
+std::string linkPlace(const VrfNetwork& network, const std::string& link) {
+  return link + " in VRF " + network.vrf().stringValue();
+}
+std::string linkProblem(const VrfNetwork& network, const std::string& link) {
+  const Link* const found = network.link(link);
+  if (!found) return "there is no interface " + linkPlace(network, link);
+  return found->flags & IFF_UP ? "" : "interface " + linkPlace(network, link) + " is down";
+}
+
 namespace {
 constexpr int unusable = 0;
 

@@ -119,6 +119,11 @@ class NetworkList final : public Entity {
 };
 Ptr<NetworkList> networkListFactory();
 
+/// "eth0 in VRF red".
+std::string linkPlace(const VrfNetwork& network, const std::string& link);
+/// Why nothing can be sent from the link of a network that is present, in words; empty: it is up.
+std::string linkProblem(const VrfNetwork& network, const std::string& link);
+
 /// The addresses that an exporter sends from; zero: none.
 struct SourceAddresses {
   IpAddr v4;

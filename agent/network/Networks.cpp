@@ -150,15 +150,13 @@ void Networks::close(Entry& entry) {
 }
 
 void Networks::open(Entry& entry) {
-  Entry* const e = &entry;
-  auto monitor = std::make_unique<RtnetlinkMonitor>(
-      *loop_, entry.network, entry.path, [this, e](const std::string& why) {
+  entry.monitor = std::make_unique<RtnetlinkMonitor>(
+      *loop_, entry.network, entry.path, [this, e = &entry](const std::string& why) {
         log_.warning("rtnetlink in VRF " + e->network->vrf().stringValue() + ": " + why);
         e->failed = true;
         ++e->notYet;
         reviewSoon();
       });
-  entry.monitor = std::move(monitor);
   entry.failed = false;
 }
 

@@ -1,7 +1,6 @@
 #include "agent/network/Resolver.h"
 
 #include <netdb.h>
-#include <netinet/in.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -19,22 +18,10 @@
 #include "agent/host/Thread.h"
 #include "platform/UdpPam.h"
 #include "platform/linux/Fd.h"
+#include "platform/linux/UdpMessages.h"
 
 namespace agent {
 namespace {
-IpGenAddr addressOf(const sockaddr& a) {
-  if (a.sa_family == AF_INET) {
-    sockaddr_in in;
-    std::memcpy(&in, &a, sizeof in);
-    return IpAddr(ntohl(in.sin_addr.s_addr));
-  }
-  sockaddr_in6 in;
-  std::memcpy(&in, &a, sizeof in);
-  Ip6Addr::Octets octets;
-  std::memcpy(octets.data(), &in.sin6_addr, octets.size());
-  return Ip6Addr(octets);
-}
-
 /// The host's addresses that a collector can have; if it has none, `problem` says why. Blocks.
 Resolver::Addresses resolve(const std::string& host, std::string& problem) {
   addrinfo hints{};
@@ -48,7 +35,9 @@ Resolver::Addresses resolve(const std::string& host, std::string& problem) {
   Resolver::Addresses found;
   for (const addrinfo* one = list; one; one = one->ai_next) {
     if (one->ai_family != AF_INET && one->ai_family != AF_INET6) continue;
-    const IpGenAddr address = addressOf(*one->ai_addr);
+    sockaddr_storage storage{};
+    std::memcpy(&storage, one->ai_addr, one->ai_addrlen);
+    const IpGenAddr address = destinationOf(storage).addr;
     const std::string what = collectorAddressProblem(address);
     if (!what.empty()) {
       problem = "its address " + address.stringValue() + " is " + what;

@@ -102,18 +102,9 @@ void applyAddress(const nlmsghdr& message, VrfNetwork& network) {
 }  // namespace
 
 void applyRtnetlink(const nlmsghdr& message, VrfNetwork& network) {
-  switch (message.nlmsg_type) {
-    case RTM_NEWLINK:
-    case RTM_DELLINK:
-      applyLink(message, network);
-      break;
-    case RTM_NEWADDR:
-    case RTM_DELADDR:
-      applyAddress(message, network);
-      break;
-    default:
-      break;
-  }
+  const uint16_t type = message.nlmsg_type;
+  if (type == RTM_NEWLINK || type == RTM_DELLINK) applyLink(message, network);
+  if (type == RTM_NEWADDR || type == RTM_DELADDR) applyAddress(message, network);
 }
 
 RtnetlinkMonitor::RtnetlinkMonitor(EventLoop& loop, Ptr<VrfNetwork> network,
@@ -156,11 +147,7 @@ void RtnetlinkMonitor::request(uint16_t type) {
   message->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
   message->nlmsg_seq = ++seq_;
   // The extra header stays zero: every family. The kernel takes an ifinfomsg or an ifaddrmsg.
-  if (type == RTM_GETLINK) {
-    mnl_nlmsg_put_extra_header(message, sizeof(ifinfomsg));
-  } else {
-    mnl_nlmsg_put_extra_header(message, sizeof(ifaddrmsg));
-  }
+  mnl_nlmsg_put_extra_header(message, type == RTM_GETLINK ? sizeof(ifinfomsg) : sizeof(ifaddrmsg));
   sockaddr_nl kernel{};
   kernel.nl_family = AF_NETLINK;
   if (sendto(fd_.get(), message, message->nlmsg_len, 0, reinterpret_cast<const sockaddr*>(&kernel),

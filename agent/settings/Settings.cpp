@@ -1,11 +1,8 @@
 #include "agent/settings/Settings.h"
 
+#include "agent/host/Printable.h"
+
 namespace agent {
-namespace {
-std::string some(size_t n, const char* noun) {
-  return std::to_string(n) + ' ' + noun + (n == 1 ? "" : "s");
-}
-}  // namespace
 
 std::string timeText(std::chrono::milliseconds t) {
   return t.count() % 1000 == 0 ? std::to_string(t.count() / 1000) + 's'
@@ -24,8 +21,8 @@ SettingsCount count(const Settings& settings) {
 }
 
 std::string describe(const SettingsCount& n) {
-  return some(n.trackers, "tracker") + ", " + some(n.exporters, "exporter") + ", " +
-         some(n.collectors, "collector");
+  return counted(n.trackers, "tracker") + ", " + counted(n.exporters, "exporter") + ", " +
+         counted(n.collectors, "collector");
 }
 
 }  // namespace agent

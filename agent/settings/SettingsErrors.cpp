@@ -30,7 +30,7 @@ std::vector<std::string> SettingsErrors::inFileOrder() const {
     lines.push_back(printable(files_[at.file]) + ':' + std::to_string(at.line) + ':' +
                     std::to_string(at.column) + ": " + text);
   if (const size_t more = count_ - errors_.size(); more > 0)
-    lines.push_back("and " + std::to_string(more) + (more == 1 ? " more error" : " more errors"));
+    lines.push_back("and " + counted(more, "more error"));
   return lines;
 }
 SettingsErrors::Position SettingsErrors::positionOf(const toml::source_region& at) const {

@@ -81,10 +81,7 @@ std::string suggestion(std::string_view wrong, const std::vector<std::string_vie
                        const std::string& otherwise) {
   const std::string_view meant = nearest(wrong, candidates);
   if (!meant.empty()) return "did you mean '" + std::string(meant) + "'?";
-  std::string text = otherwise;
-  for (const std::string_view c : candidates)
-    text += (c == candidates.front() ? " " : ", ") + std::string(c);
-  return text;
+  return otherwise + ' ' + joined(candidates);
 }
 
 bool SettingsSection::value(std::string_view key, const char* missing,
