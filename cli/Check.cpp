@@ -12,12 +12,14 @@
 namespace cli {
 namespace {
 
+/// Returns only when tarnflowd cannot be run.
 int check(const std::string& file) {
   namespace fs = std::filesystem;
   constexpr const char* agent = "tarnflowd";
   const auto become = [&](const std::string& program) {
     const char* const args[] = {agent, "--check", file.c_str(), "--effective", nullptr};
-    execvp(program.c_str(), const_cast<char* const*>(args));  // a name without '/': by PATH
+    execvp(program.c_str(),
+           const_cast<char* const*>(args));  // searches PATH for a name without '/'
     return errno;
   };
   std::error_code ec;

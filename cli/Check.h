@@ -6,9 +6,9 @@ class App;
 
 namespace cli {
 
-/// `check` has the agent's own parser judge a configuration file: becomes `tarnflowd --check FILE
-/// --effective`, the program beside this one, in ../sbin, or in PATH. Sets `status` to 2 only when
-/// there is none.
+/// Adds `check`, which lets the agent's own parser judge a configuration file: it replaces this
+/// process by `tarnflowd --check FILE --effective`. It looks for tarnflowd beside this program, in
+/// ../sbin and in PATH; only when none can be run does it return, with `status` 2.
 void addCheck(CLI::App& app, int& status);
 
 }  // namespace cli

@@ -4,7 +4,8 @@
 
 namespace cli {
 
-/// The tool sends nothing and traces nothing: a platform with the clock only.
+/// What the library asks of its host, as far as the tool needs it: a clock. The tool has no
+/// endpoints, and what the library traces or logs is dropped.
 class ToolPlatform final : public platform::Platform {
  public:
   platform::Ptr<platform::UdpPam> udpPam(const std::string&) override {

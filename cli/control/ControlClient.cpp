@@ -14,7 +14,7 @@ namespace {
 // A reload of a large configuration takes seconds; everything else a fraction of one.
 constexpr int reloadMs = 60000;
 constexpr int answerMs = 10000;
-constexpr size_t answerMax = 16 << 20;
+constexpr size_t answerMax = 16 << 20;  // octets; the agent's parts are far smaller
 
 std::string errorText(int err) { return std::strerror(err); }
 
@@ -46,10 +46,11 @@ ControlClient::ControlClient(const std::string& path)
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.empty() || path.size() >= sizeof address.sun_path)
-    throw NoAgent(fmt::format("\"{}\" is no path of a socket: 1 to {} octets", path,
-                              sizeof address.sun_path - 1));
+    throw NoAgent(
+        fmt::format("\"{}\" is not the path of a socket: it has {} octets, allowed are 1 to {}",
+                    path, path.size(), sizeof address.sun_path - 1));
   path.copy(address.sun_path, path.size());
-  if (!fd_) throw NoAgent(errorText(errno));
+  if (!fd_) throw NoAgent("cannot open a socket: " + errorText(errno));
   if (connect(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0)
     throw NoAgent(connectProblem(path, errno));
 }
@@ -75,7 +76,11 @@ ControlClient::Json ControlClient::ask(const Json& request) {
     std::array<char, 65536> piece;
     const ssize_t n = ready < 0 ? -1 : recv(fd_.get(), piece.data(), piece.size(), 0);
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0 || in_.size() > answerMax)
+    if (in_.size() > answerMax)
+      throw NoAgent(
+          fmt::format("what answers at {} is not tarnflowd: its line has more than {} octets",
+                      path_, answerMax));
+    if (n <= 0)
       throw NoAgent(fmt::format("the agent at {} hung up{}", path_,
                                 n < 0 ? ": " + errorText(errno) : " before it answered"));
     in_.append(piece.data(), static_cast<size_t>(n));
@@ -83,7 +88,8 @@ ControlClient::Json ControlClient::ask(const Json& request) {
   Json answer = Json::parse(in_.begin(), in_.begin() + static_cast<ptrdiff_t>(end), nullptr, false);
   in_.erase(0, end + 1);
   if (!answer.is_object() || !answer.contains("ok") || !answer["ok"].is_boolean())
-    throw NoAgent(fmt::format("what answers at {} is no tarnflowd", path_));
+    throw NoAgent(fmt::format(
+        "what answers at {} is not tarnflowd: its line is no JSON object with \"ok\"", path_));
   if (!answer["ok"].get<bool>())
     throw Refused(answer.value("error", std::string("the agent refuses and does not say why")));
   return answer;

@@ -30,8 +30,9 @@ class ControlClient {
   /// The answer to one request. Throws NoAgent when no answer comes, Refused when it is a refusal.
   Json ask(const Json& request);
 
-  /// All parts of an answer that comes in several: asks until nothing follows. `part` gets each
-  /// answer and returns where to go on: null, where the answer says; false, nowhere, it is enough.
+  /// Asks for all parts of an answer that comes in several. `part` gets each of them and returns
+  /// the "after" of the next request: null for the part's own "next", false when it wants no more.
+  /// Throws as `ask`.
   void askAll(Json request, const std::function<Json(const Json& answer)>& part);
 
  private:

@@ -15,8 +15,9 @@ namespace cli {
 namespace {
 using Json = ControlClient::Json;
 
-constexpr int exitFault = 1;
-constexpr int exitFailure = 2;
+constexpr int exitFault = 1;    // the answer shows a fault
+constexpr int exitFailure = 2;  // there is no answer
+// Of each collection, and of each table, when the text is for people and has no --limit.
 constexpr size_t membersShown = 20;
 constexpr size_t rowsShown = 20;
 
@@ -47,15 +48,18 @@ struct ControlCommand {
     return exitFailure;
   }
 
+  /// How many items to show, 0 for all: as JSON all, as text `forText`, unless --limit says.
   size_t limitOr(size_t forText) const { return limit.value_or(json ? 0 : forText); }
 
+  /// A request about the tracker and the exporter that were given.
   Json request(const char* name) const {
     Json r = {{"request", name}};
     if (!tracker.empty()) r["tracker"] = tracker;
     if (!exporter.empty()) r["exporter"] = exporter;
     return r;
   }
-  /// The whole list that comes in parts under `key`, or its first `max` members (0: all).
+  /// Puts together the list that comes in parts under `key`; of its members the first `max`, 0:
+  /// all.
   static Json whole(ControlClient& agent, Json request, const char* key, size_t max = 0) {
     Json all = Json::array();
     agent.askAll(std::move(request), [&](const Json& answer) -> Json {

@@ -23,11 +23,13 @@ std::vector<std::string> partsOf(std::string_view path) {
     path.remove_prefix(end + 1);
   }
 }
+/// The path of the first `n` parts.
 std::string joined(const std::vector<std::string>& parts, size_t n) {
   std::string path;
   for (size_t i = 0; i < n; ++i) path += (i ? "/" : "") + parts[i];
   return path;
 }
+/// A member of a collection is "=" and its key; an attribute is its name.
 bool isMember(std::string_view part) { return part.starts_with('='); }
 
 /// "%2F" as '/', and so on.
@@ -45,14 +47,15 @@ std::string decoded(std::string_view part) {
   }
   return out;
 }
-/// A text of the framework without the quotes that strings have there.
+/// An attribute's text (platform/Text.h), without the quotes that texts of strings have.
 std::string plain(const std::string& text) { return platform::fromQuoted(text).value_or(text); }
 std::string nameOf(std::string_view part) {
   return isMember(part) ? plain(decoded(part.substr(1))) : decoded(part);
 }
 }  // namespace
 
-/// Notes which collections the row is in; true: it is in one that has had all its members shown.
+/// Counts the members of the collections that the row with this path is in. True: one of them has
+/// had as many members shown as it may, so the row is left out.
 bool StateView::cut_p(const std::vector<std::string>& parts) {
   size_t level = 0;
   for (size_t i = 0; i < parts.size(); ++i) {

@@ -10,28 +10,31 @@
 /// The agent's answers for people and for programs; docs/tarnflow.md has the keys.
 namespace cli {
 
-/// Takes the rows of the live entity tree as they come, in order, and cuts collections short.
+/// Shows the live entity tree. Takes its rows in the order in which the agent sends them, and
+/// leaves out the members of a collection behind the first `membersMax`.
 class StateView {
  public:
   using Json = nlohmann::ordered_json;
 
   enum class Form { text, json };
-  /// Shows so many members of each collection; 0: all.
+  /// `membersMax` 0: shows all members.
   StateView(Form form, size_t membersMax) : form_(form), membersMax_(membersMax) {}
-  /// One part of the tree: [path, text] each. Returns where to go on: null, where this part ends;
-  /// or behind the collection that is cut short and would go on.
+  /// Takes one part of the tree, rows of [path, text]. Returns the path behind which the next part
+  /// shall begin: null, that of the last row; or a collection whose members were shown as far as
+  /// they may be, so that the rest of them is not even fetched.
   Json take(const Json& rows);
 
   const Json& json() const { return json_; }
-  /// What came since the last call, as lines.
+  /// The lines for what was taken since the last call.
   std::string takeText(const Style& style);
 
  private:
+  /// A collection that the last row is in.
   struct Open {
-    std::string path;  // of a collection that the last row is in
-    std::string member;
-    size_t members = 0;
-    bool cut = false;
+    std::string path;
+    std::string member;  // the last one
+    size_t members = 0;  // so far
+    bool cut = false;    // no more of them are shown
   };
   bool cut_p(const std::vector<std::string>& parts);
   void add_p(const std::vector<std::string>& parts, const Json& text);

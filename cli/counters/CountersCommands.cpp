@@ -14,7 +14,9 @@ void addName(CLI::App* cmd, std::string& to) {
       ->check([](const std::string& name) {
         return name.size() > 1 && name[0] == '/' && name.find('/', 1) == std::string::npos
                    ? std::string()
-                   : "\"" + name + "\" is no name of shared memory: one '/' and it comes first";
+                   : "\"" + name +
+                         "\" is no name of shared memory: it begins with '/' and has no other, "
+                         "such as /tarnflow";
       });
 }
 void addTableOptions(CLI::App* cmd, CountersOptions& options) {

@@ -6,8 +6,8 @@ class App;
 
 namespace cli {
 
-// The commands that read the agent's shared memory. Each sets `status` to its exit status when it
-// is given.
+// Each adds a command that reads the agent's shared memory. The command that is given sets `status`
+// to its exit status.
 void addCounters(CLI::App& show, int& status);
 void addFlows(CLI::App& show, int& status);
 void addMetrics(CLI::App& app, int& status);

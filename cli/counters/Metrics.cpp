@@ -23,15 +23,15 @@ namespace {
 using FlowTracking::FlowPathRecord;
 using Tarn::Ipfix::CollectorStatisticsEntry;
 
-/// Whatever a name holds, what comes out is UTF-8 in which both formats see one label value:
-/// another octet would cost the whole scrape.
+/// The value of a label with this text. Whatever octets a name has, the value is UTF-8 and ends
+/// where it should: a scraper would refuse the whole text for one label that does not.
 std::string labelValue(std::string_view text) {
   const std::string q = quoted(text);
   std::string out;
   for (size_t i = 1; i + 1 < q.size(); ++i) {
     out += q[i];
     if (q[i] != '\\') continue;
-    // \\ and \" are theirs as well; of \xNN the backslash has to be said.
+    // `quoted` made \\ and \", which the formats have, and \xNN, whose backslash they want escaped.
     out += q[i + 1] == 'x' ? '\\' : q[++i];
   }
   return out;
@@ -270,7 +270,7 @@ int serve(const MetricsOptions& options, CounterTables& tables) {
     server = std::make_unique<MetricsServer>(
         options.listen, [&](MetricsFormat format) { return textNow(tables, format); });
   } catch (const platform::ErrnoException& e) {
-    complain("tarnflow: {} for HTTP: {}\n", options.listen, e.what());
+    complain("tarnflow: --listen {}: {}\n", options.listen, e.what());
     return 1;
   }
   Output::write(fmt::format("serving http://{}:{}/metrics\n",
@@ -285,11 +285,11 @@ void writeFile(const std::string& file, const std::string& text) {
   const auto slash = file.rfind('/') + 1;  // npos + 1 is 0
   std::string temporary = file.substr(0, slash) + '.' + file.substr(slash) + ".XXXXXX";
   platform::Fd fd(mkstemp(temporary.data()));
-  if (!fd) throw platform::ErrnoException(errno, temporary);
+  if (!fd) throw platform::ErrnoException(errno, "cannot make " + temporary);
   const auto failed = [&](const std::string& what) {
     const int error = errno;
     unlink(temporary.c_str());
-    throw platform::ErrnoException(error, what);
+    throw platform::ErrnoException(error, "cannot write " + what);
   };
   for (size_t at = 0; at < text.size();) {
     const ssize_t n = write(fd.get(), text.data() + at, text.size() - at);
@@ -310,14 +310,15 @@ int writeFiles(const MetricsOptions& options, CounterTables& tables) {
     } catch (const platform::ErrnoException& e) {
       error = e.what();
     }
-    // A disk that is full now may have room later.
+    // Each new error is said once. With an interval it ends nothing: a full disk may have room
+    // later.
     if (error != said && !error.empty()) complain("tarnflow: {}\n", error);
     said = error;
     if (!options.interval) return error.empty() ? 0 : 1;
     pollfd stop{signals.get(), POLLIN, 0};
     if (poll(&stop, 1, static_cast<int>(std::min(*options.interval, 86400.0) * 1000)) > 0) break;
   }
-  unlink(options.textFile.c_str());  // its values would grow stale from now on
+  unlink(options.textFile.c_str());  // nobody brings its values up to date from now on
   return 0;
 }
 

@@ -21,11 +21,13 @@ namespace cli {
 namespace {
 using Clock = std::chrono::steady_clock;
 
+/// An address and a port to listen on.
 struct Listen {
   sockaddr_storage address{};
   bool six() const { return address.ss_family == AF_INET6; }
 };
 
+/// Empty, or what is wrong with the text.
 std::string parseListen(const std::string& text, Listen& out) {
   const auto colon = text.rfind(':');
   std::string host = text.substr(0, colon);
@@ -49,8 +51,7 @@ std::string parseListen(const std::string& text, Listen& out) {
     six->sin6_port = htons(static_cast<uint16_t>(port));
     return {};
   }
-  return fmt::format("\"{}\" is no address and port: 127.0.0.1:9739, [::1]:9739, 0.0.0.0:9739",
-                     text);
+  return fmt::format("\"{}\" is no address and port, such as 127.0.0.1:9739 or [::1]:9739", text);
 }
 
 }  // namespace
@@ -93,8 +94,8 @@ class MetricsServer::Server {
   uint16_t port() const { return MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_BIND_PORT)->port; }
   /// Serves until `stopFd` is readable.
   ///
-  /// By select, whose few descriptors are all that there are: told by edges, as epoll does it for
-  /// this library, the end of a client comes together with its last octets and is not heard.
+  /// It uses select, which suffices for 64 connections. libmicrohttpd's loop with epoll is
+  /// edge-triggered: a client's end that comes together with its last octets goes unnoticed there.
   void run(int stopFd) {
     const int listener = MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_LISTEN_FD)->listen_fd;
     for (;;) {
@@ -124,6 +125,7 @@ class MetricsServer::Server {
   }
 
  private:
+  /// The text that a format's last scrape got.
   struct Kept {
     MHD_Response* response = nullptr;
     Clock::time_point made;
@@ -131,7 +133,7 @@ class MetricsServer::Server {
 
   struct Client {
     Clock::time_point begun = Clock::now();
-    Clock::time_point asked = begun;  // last, or nothing yet
+    Clock::time_point asked = begun;  // when it last sent a request; before the first, `begun`
     bool ended = false;
 
     void end(int fd) {
@@ -173,7 +175,7 @@ class MetricsServer::Server {
 
   static MHD_Result handle(void* self, MHD_Connection* c, const char* url, const char* method,
                            const char*, const char*, size_t*, void** seen) {
-    // The first call is for the headers alone; an answer to it would end the connection.
+    // libmicrohttpd calls first for the headers alone; an answer then would end the connection.
     static int once;
     if (!*seen) {
       *seen = &once;

@@ -10,12 +10,12 @@ namespace cli {
 /// their "_total" and ends in "# EOF".
 enum class MetricsFormat { prometheus, openMetrics };
 
-/// "127.0.0.1:9739", "[::1]:9739"; what is wrong with it, or empty.
+/// What is wrong with an address and port such as "127.0.0.1:9739" or "[::1]:9739"; empty: nothing.
 std::string listenError(const std::string& text);
 
-/// The HTTP server, on the caller's thread. A client costs a slot and what the kernel buffers for
-/// it, never a wait of the others: nothing here blocks, and when all slots are taken, whoever comes
-/// gets that of the client that has been silent for the longest time.
+/// The HTTP server of /metrics, on the caller's thread. No client keeps the others waiting: nothing
+/// here blocks, and when all 64 connections are taken, a new client gets the one of the client that
+/// has sent no request for the longest time.
 class MetricsServer {
  public:
   /// `listen` as `listenError` accepts it; `text` makes what is served, and may throw

@@ -4,11 +4,11 @@
 #include <string>
 #include <utility>
 
-/// How the tool's commands come to be.
+/// What the tool's commands have in common on the command line.
 namespace cli {
 
-/// Adds a command to `to` and returns it with its options, which the command line fills. When the
-/// command is given, `run` gets the options and `status` what it returns.
+/// Adds a command to `to`. Returns it with its options, which the command line fills and which live
+/// as long as the command. When the command is given, `status` becomes what `run` returns for them.
 template <class Options, class Run>
 std::pair<CLI::App*, Options&> addCommand(CLI::App& to, const char* name, const char* what,
                                           int& status, Run run) {
@@ -27,6 +27,7 @@ inline void addExporter(CLI::App* cmd, std::string& exporter) {
 inline void addJson(CLI::App* cmd, bool& json) {
   cmd->add_flag("--json", json, "One JSON object, on one line");
 }
+/// Accepts numbers above 0.
 inline CLI::Validator positive() {
   return {[](const std::string& text) {
             double v = 0;

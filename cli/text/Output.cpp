@@ -7,7 +7,8 @@
 namespace cli {
 
 namespace {
-int firstError = 0;  // errno of the first failure; later failures may have another
+int firstError = 0;  // the errno of the first failure: that of a later one may be less telling
+/// Notes why writing failed. True while everything was written.
 bool done(bool written) {
   if (!written && firstError == 0) firstError = errno;
   return firstError == 0;
@@ -20,7 +21,7 @@ bool Output::write(std::string_view text) {
 bool Output::flush() { return done(std::fflush(stdout) == 0); }
 
 int Output::status(int status) {
-  if (flush() && std::ferror(stdout) == 0) return status;  // the command line's parser writes too
+  if (flush() && std::ferror(stdout) == 0) return status;  // CLI11 writes help texts to stdout
   complain("tarnflow: cannot write to standard output: {}\n", std::strerror(firstError));
   return 2;
 }

@@ -6,20 +6,20 @@
 
 namespace cli {
 
-/// Standard output and standard error of all commands. Neither throws when it cannot be written to,
-/// as fmt::print does.
+/// Standard output of all commands. Unlike fmt::print, it does not throw when it cannot be written
+/// to.
 struct Output {
-  /// False: standard output is full or gone, and nothing more need be made for it. Text may stay in
-  /// the buffer until `flush`.
+  /// Writes text, which may stay in a buffer until `flush`. False when this or an earlier text
+  /// could not be written: a command that goes on for long can stop.
   static bool write(std::string_view text);
-  /// Writes what is buffered, at once, also into a pipe. False as with `write`.
+  /// Writes what is in the buffer. A pipe's reader, too, gets it at once then. False as `write`.
   static bool flush();
-  /// A command's exit status: `status`, or 2 when not all of its output was written, which standard
-  /// error then says.
+  /// The exit status of the tool: `status`, or 2, with a line on standard error, when some of the
+  /// output could not be written.
   static int status(int status);
 };
 
-/// Text for people, on standard error.
+/// Writes text for people to standard error. Does not throw either.
 void complainLine(std::string_view text);
 template <class... T>
 void complain(fmt::format_string<T...> format, T&&... args) {

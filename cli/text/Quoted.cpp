@@ -21,7 +21,7 @@ size_t utf8Length(std::string_view s, uint32_t& code) {
   if (code < least[len] || code > 0x10ffff || (code >= 0xd800 && code < 0xe000)) return 0;
   return len;
 }
-/// Would move the cursor, turn the writing direction or not be seen at all.
+/// Characters that move the cursor, change the direction of writing or cannot be seen.
 bool deceptive(uint32_t c) {
   return c < 0x20 || (c >= 0x7f && c < 0xa0) || c == 0xad || c == 0x61c ||
          (c >= 0x200b && c <= 0x200f) || (c >= 0x2028 && c <= 0x202e) ||

@@ -9,7 +9,7 @@ namespace cli {
 class Style {
  public:
   explicit Style(bool colour) : colour_(colour) {}
-  /// As standard output and the environment want it.
+  /// With colours when standard output is a terminal and NO_COLOR is not set.
   static Style ofOutput();
 
   bool colour() const { return colour_; }

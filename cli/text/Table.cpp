@@ -6,7 +6,8 @@
 namespace cli {
 namespace {
 constexpr size_t gap = 2;
-// Code points: all that we print takes one column each, or nearly.
+// The code points of `s`, each taken for one column of a terminal: wide and combining characters
+// are rare in names and only move the rest of their line.
 size_t columns(const std::string& s) {
   return static_cast<size_t>(
       std::count_if(s.begin(), s.end(), [](char c) { return (c & 0xc0) != 0x80; }));

@@ -5,7 +5,7 @@
 
 namespace cli {
 
-/// Lines of cells under each other, as wide as their widest.
+/// Text in columns, each as wide as its widest cell, with two blanks between them.
 class Table {
  public:
   using Row = std::vector<std::string>;
@@ -13,6 +13,7 @@ class Table {
   explicit Table(std::vector<bool> rightAligned = {}) : right_(std::move(rightAligned)) {}
 
   void add(Row row) { rows_.push_back(std::move(row)); }
+  /// Columns of a terminal that the widest line takes behind `indent` blanks.
   size_t width(size_t indent) const;
   /// The lines, each behind `indent` blanks and without blanks at its end. `styled` gets each row's
   /// line, the first is row 0, and returns it with its colours: these have no width.

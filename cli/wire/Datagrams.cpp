@@ -11,7 +11,7 @@ using Octets = std::span<const uint8_t>;
 // https://www.iana.org/assignments/protocol-numbers
 constexpr uint8_t hopByHop = 0, udp = 17, routing = 43, fragment = 44, authentication = 51,
                   destinationOptions = 60;
-constexpr int extensionsMax = 16;
+constexpr int extensionsMax = 16;  // extension headers of one IPv6 packet that are skipped
 
 uint16_t u16(Octets o, size_t at) { return static_cast<uint16_t>(o[at] << 8 | o[at + 1]); }
 
@@ -21,14 +21,16 @@ std::string addressText(int family, const uint8_t* octets) {
   return text.data();
 }
 
+/// What an IP packet carries, and what its header says of it.
 struct IpPayload {
   Octets octets;     ///< of what is there, without padding behind the packet
-  bool cut = false;  ///< more was on the wire
+  bool cut = false;  ///< the capture has less than was on the wire
   uint8_t tos = 0;
   std::string source;
   std::string destination;
 };
 
+/// Nothing when the packet carries no UDP, or is counted as a fragment or as malformed.
 std::optional<IpPayload> udpIn4(Octets o, DatagramCounts& counts) {
   if (o.size() < 20 || o[9] != udp) return std::nullopt;
   const size_t headerLen = size_t{o[0] & 15U} * 4;
@@ -51,6 +53,7 @@ std::optional<IpPayload> udpIn4(Octets o, DatagramCounts& counts) {
   return p;
 }
 
+/// The same for IPv6. Extension headers: RFC 8200, 4; the authentication header: RFC 4302, 2.
 std::optional<IpPayload> udpIn6(Octets o, DatagramCounts& counts) {
   if (o.size() < 40) return std::nullopt;
   IpPayload p;
@@ -69,7 +72,7 @@ std::optional<IpPayload> udpIn6(Octets o, DatagramCounts& counts) {
     const bool extension = next == hopByHop || next == routing || next == fragment ||
                            next == authentication || next == destinationOptions;
     if (!extension || o.size() < 8) return std::nullopt;
-    if (next == fragment && (u16(o, 2) & 0xfff9) != 0) {
+    if (next == fragment && (u16(o, 2) & 0xfff9) != 0) {  // an offset, or more fragments
       counts.fragments += o[0] == udp;
       return std::nullopt;
     }

@@ -17,7 +17,7 @@ namespace cli {
 namespace {
 using platform::CaptureFile;
 
-constexpr size_t tableRowsShown = 200;
+constexpr size_t tableRowsShown = 200;  // of each table, in text
 
 /// The octets of the IPFIX message at the start of `o`, by its version and length (RFC 7011, 3.1);
 /// 0: there is none.
@@ -30,7 +30,7 @@ size_t messageLen(std::span<const uint8_t> o) {
 
 void warn(const std::string& text) { complain("tarnflow decode: {}\n", shown(text)); }
 
-/// False: something was left out that may have held messages.
+/// Warns of packets that may have held messages and could not be looked into. True: none.
 bool tellCounts(const DatagramCounts& counts, const std::string& file) {
   const auto tell = [&](uint64_t n, const char* one, const char* many) {
     if (n > 0) warn(fmt::format("{}: {} {}", file, n, n == 1 ? one : many));
@@ -44,7 +44,7 @@ bool tellCounts(const DatagramCounts& counts, const std::string& file) {
                       "UDP packets with lengths that contradict each other");
 }
 
-/// What is found in one capture, as it is printed.
+/// Decodes and prints the messages of one capture.
 class Decoding {
  public:
   explicit Decoding(const DecodeOptions& options)
@@ -59,8 +59,9 @@ class Decoding {
     if (!d || (options_.port ? d->destination.port != *options_.port : messageLen(d->octets) == 0))
       return;
     const std::string stream = d->source.stringValue() + " > " + d->destination.stringValue();
-    // Captured on the host that sends, a datagram may be several: the kernel, or the device, cuts
-    // it up later (UDP segmentation offload). What follows a message and is none is malformed.
+    // Captured on the sending host, one datagram may hold several: the kernel or the device cuts it
+    // up later (UDP segmentation offload). Octets behind a message that are none are decoded as a
+    // message of their own, which is malformed.
     auto rest = d->octets;
     do {
       const size_t len = messageLen(rest);
@@ -79,7 +80,8 @@ class Decoding {
     } while (!rest.empty() && more());
   }
 
-  /// What is to be said in the end. False: something was wrong or missing.
+  /// Writes the tables, if they were asked for, and the summary. False: something was wrong or
+  /// missing.
   bool end() {
     if (options_.tables)
       Output::write(options_.json ? jsonLine(tables_.json(decoder_, last_))
@@ -89,7 +91,7 @@ class Decoding {
     Output::flush();
     return tellCounts(counts_, options_.file) && flawless(decoder_);
   }
-  /// False, which it says: there was none.
+  /// False, with a warning: the capture held no message.
   bool anyMessage() const {
     if (messages_ == 0)
       warn(fmt::format("{}: no IPFIX among {} packets, {} of them whole UDP datagrams{}",

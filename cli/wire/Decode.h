@@ -12,7 +12,7 @@ struct DecodeOptions {
   std::optional<uint64_t> messages;  ///< ends after so many
   bool json = false;
   bool quietData = false;
-  bool tables = false;  ///< the options data as it is at the end, instead of the messages
+  bool tables = false;  ///< print the options data as it is at the end, not the messages
 };
 
 /// Prints the IPFIX messages of a capture, pcap or pcapng, as `listen` prints those that arrive.

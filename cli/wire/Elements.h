@@ -4,9 +4,9 @@
 
 namespace cli {
 
-/// IANA's elements as its list has them, and the others of the registry by their names there.
+/// Finds IANA's elements in IANA's list, and the others by the names that `registry` has for them.
 decoder::ElementLookup elementLookup(platform::Ptr<const Ipfix::ElementIdColl> registry);
-/// The same with the registry that the library knows.
+/// The same with the registry that the library comes with.
 decoder::ElementLookup registryLookup();
 
 }  // namespace cli

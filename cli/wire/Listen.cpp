@@ -27,7 +27,8 @@ class Listener {
         decoder_(registryLookup()) {}
 
   int run() {
-    // Before the sockets are opened: from here on a signal always leads to a summary.
+    // Blocked before the sockets are opened: who sees them open can send a signal and get a
+    // summary.
     const platform::Fd signals = platform::signalDescriptor({SIGINT, SIGTERM});
     try {
       UdpReceiver receiver(options_.addresses, options_.port);
@@ -48,7 +49,7 @@ class Listener {
     polled.push_back({signals.get(), POLLIN, 0});
     while (!done()) {
       int wait = -1;
-      if (tablesChanged_) {  // when no more comes for a while, or much has come
+      if (tablesChanged_) {
         const auto due = std::min(lastChange_ + tablesQuiet, firstChange_ + tablesLate);
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now());
         if (left.count() <= 0) {
@@ -80,7 +81,7 @@ class Listener {
   bool done() const { return !written_ || (options_.messages && heard_ >= *options_.messages); }
 
   void drain(UdpReceiver& receiver, size_t socket) {
-    // A share at a time, so that signals and the other sockets get their turn under load.
+    // No more than 64 at a time, so that signals and the other sockets get their turn under load.
     for (int n = 0; n < 64 && !done(); ++n) {
       const auto d = receiver.receive(socket);
       if (!d) return;
@@ -126,14 +127,16 @@ class Listener {
     write(text + '\n');
   }
 
-  /// At once, also into a pipe.
+  /// Writes text that a pipe's reader gets at once, too. Nothing after a failure.
   void write(const std::string& text) {
     written_ = written_ && Output::write(text) && Output::flush();
   }
 
+  // Changed tables are written when nothing changed for `tablesQuiet`, so that what an exporter
+  // sends at once is seen at once, but no later than `tablesLate` after the first change.
   static constexpr std::chrono::milliseconds tablesQuiet{300};
   static constexpr std::chrono::milliseconds tablesLate{3000};
-  static constexpr size_t tableRowsShown = 200;
+  static constexpr size_t tableRowsShown = 200;  // of each table, in text
 
   const ListenOptions& options_;
   const PrintOptions print_;
@@ -142,8 +145,8 @@ class Listener {
   Clock::time_point firstChange_;
   Clock::time_point lastChange_;
   decoder::Decoder decoder_;
-  uint64_t heard_ = 0;
-  uint64_t drops_ = 0;
+  uint64_t heard_ = 0;  // datagrams
+  uint64_t drops_ = 0;  // datagrams that this host lost, as far as that was said
   bool written_ = true;
 };
 

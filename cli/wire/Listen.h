@@ -11,7 +11,7 @@ struct ListenOptions {
   uint16_t port = 4739;                // registered for IPFIX
   bool json = false;
   bool quietData = false;
-  bool tables = false;               ///< print the picture of the options data, not the messages
+  bool tables = false;               ///< print the options data as tables, not the messages
   std::optional<uint64_t> messages;  ///< ends after so many
   std::optional<double> seconds;     ///< ends after so long
 };

@@ -8,7 +8,8 @@
 namespace cli {
 namespace {
 
-constexpr size_t rowsKept = 1 << 22;  // of all streams: a bound on what strangers can make us keep
+// Rows of all streams together: anybody may send here, and memory is bounded.
+constexpr size_t rowsKept = 1 << 22;
 
 // IANA elements that name what the usual tables are about.
 constexpr uint16_t ingressInterface = 10;

@@ -42,10 +42,10 @@ class OptionsTables {
                                                const decoder::StreamKey& key, const Table& table,
                                                const Row& row);
 
-  /// Per stream, by template id.
+  /// The tables of each stream, by template id.
   std::map<decoder::StreamKey, std::map<uint16_t, Table>> tables_;
-  size_t rows_ = 0;
-  size_t refused_ = 0;
+  size_t rows_ = 0;     // of all tables
+  size_t refused_ = 0;  // new rows for which there was no room
 };
 
 }  // namespace cli

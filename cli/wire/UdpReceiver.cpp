@@ -16,8 +16,9 @@
 namespace cli {
 namespace {
 
-constexpr size_t datagramMax = 65535;
-constexpr int bufferWanted = 8 << 20;  // bursts of templates and tables wait here while we print
+constexpr size_t datagramMax = 65535;  // octets
+constexpr int bufferWanted =
+    8 << 20;  // octets: bursts wait in the kernel while messages are printed
 
 Endpoint endpointOf(const sockaddr_storage& from) {
   char text[INET6_ADDRSTRLEN] = "";
@@ -38,7 +39,7 @@ Endpoint endpointOf(const sockaddr_storage& from) {
 }
 
 void set(int fd, int level, int option, int value) {
-  // What the kernel does not have is only not shown.
+  // Where the kernel lacks an option, what it would tell is not shown, and the rest is.
   (void)setsockopt(fd, level, option, &value, sizeof value);
 }
 template <class T>

@@ -37,8 +37,8 @@ class UdpReceiver {
   const std::vector<platform::Fd>& fds() const { return fds_; }
   /// The next datagram of that socket; nothing when none waits.
   std::optional<Datagram> receive(size_t socket);
-  /// Datagrams that the kernel dropped since the start because a socket's buffer was full. Asks
-  /// the kernel.
+  /// Datagrams that the kernel dropped since the start because a socket's buffer was full. Costs a
+  /// system call for each socket.
   uint64_t drops() const;
 
  private:

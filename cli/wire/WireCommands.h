@@ -6,7 +6,8 @@ class App;
 
 namespace cli {
 
-// The commands that decode IPFIX. Each sets `status` to its exit status when it is given.
+// Each adds a command that decodes IPFIX. The command that is given sets `status` to its exit
+// status.
 void addListen(CLI::App& app, int& status);
 void addDecode(CLI::App& app, int& status);
 

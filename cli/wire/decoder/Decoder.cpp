@@ -12,8 +12,8 @@ constexpr size_t setHeaderLen = 4;
 constexpr uint16_t templateSetId = 2;
 constexpr uint16_t optionsTemplateSetId = 3;
 constexpr uint16_t firstDataSetId = 256;
-constexpr size_t warningsMax = 64;
-constexpr size_t gapsMax = 32;
+constexpr size_t warningsMax = 64;  // kept of one message
+constexpr size_t gapsMax = 32;      // kept of one stream
 constexpr size_t templateCost = 4;  // of a template beyond its fields, in fields
 
 std::string_view asText(std::string_view s) { return s; }
@@ -266,7 +266,7 @@ class Decoder::Parser {
   void checkLengths(const Template& t, size_t at) {
     for (size_t i = 0; i < t.fields.size(); ++i) {
       const Field& f = t.fields[i];
-      // Told to have any length, an element must be one of those that have no length of their own.
+      // Variable length is the number 65535 here: only types without a fixed length allow it.
       if (f.element && !typeAllows(f.element->type, f.len))
         warn(at + 2, cat("field ", i + 1, " of template ", t.id, ", ", f.name(), ", has ",
                          f.variable() ? std::string("variable length") : cat("length ", f.len),
@@ -374,7 +374,7 @@ Stream& Decoder::streamOf_p(const StreamKey& key) {
   return streams_[key];
 }
 
-/// Forgets the stream that was not heard for longest. False: there is none but `keep`.
+/// Forgets the stream that has been silent longest. False: there is none but `keep`.
 bool Decoder::evict_p(const Stream* keep) {
   auto oldest = streams_.end();
   for (auto it = streams_.begin(); it != streams_.end(); ++it)
@@ -388,7 +388,8 @@ bool Decoder::evict_p(const Stream* keep) {
   return true;
 }
 
-/// Only now, when the message is known to be well-formed, do its template records count.
+/// Takes over the message's template records, now that the whole message is known to be
+/// well-formed.
 void Decoder::learn_p(Stream& stream, Message& m) {
   for (Set& set : m.sets)
     for (TemplateRecord& r : set.templates) {
@@ -450,6 +451,8 @@ SequenceCheck Decoder::checkSequence_p(Stream& s, const Message& m) const {
       if (s.gaps.size() == gapsMax) s.gaps.erase(s.gaps.begin());
       s.gaps.emplace_back(c.expected, sequence);
     } else {
+      // Behind. It is late, and no error, where its records fill a gap or a part of one; what is
+      // left of the gap before and behind them stays.
       c.distance = c.expected - sequence;
       c.state = State::back;
       for (auto gap = s.gaps.begin(); gap != s.gaps.end(); ++gap) {
@@ -471,7 +474,7 @@ SequenceCheck Decoder::checkSequence_p(Stream& s, const Message& m) const {
     if (s.lastErrors.size() == limits_.sequenceErrors) s.lastErrors.erase(s.lastErrors.begin());
     s.lastErrors.push_back({s.messages + 1, sequence, c});
   }
-  if (c.state == State::late) return c;
+  if (c.state == State::late) return c;  // it says nothing of what comes next
   if (c.state == State::back) s.gaps.clear();
   s.expected.reset();
   if (m.countable()) s.expected = sequence + records;
