@@ -7,13 +7,13 @@
 
 namespace agent {
 
-/// Reads the requests of the control socket, refuses those that are wrong or not allowed, and hands
-/// the others to what answers them.
+/// Reads the requests of the control socket, refuses those that are wrong or not allowed, and has
+/// ControlAnswers answer the others.
 class ControlDispatcher {
  public:
   explicit ControlDispatcher(ControlAnswers answers) : answers_(std::move(answers)) {}
 
-  /// One line for one line. Never throws.
+  /// The answer's line to a request's line, both without their newline. Never throws.
   std::string answer(const ControlPeer& peer, std::string_view line);
 
  private:

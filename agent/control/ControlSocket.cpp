@@ -137,7 +137,7 @@ std::string ControlSocket::bindTo(const std::string& path) {
       return where + " is there and is no socket; remove it, or set agent.control to another path";
     // Only a socket that somebody listens at can be connected to.
     Fd probe = fresh();
-    if (!probe) return errorText(errno);
+    if (!probe) return "cannot open a socket: " + errorText(errno);
     const bool connected = connect(probe.get(), generic(address), sizeof address) == 0;
     const int err = errno;
     if (connected || err == EAGAIN) {
@@ -154,7 +154,7 @@ std::string ControlSocket::bindTo(const std::string& path) {
   }
 
   socket_ = fresh();
-  if (!socket_) return errorText(errno);
+  if (!socket_) return "cannot open a socket: " + errorText(errno);
   if (bind(socket_.get(), generic(address), sizeof address) < 0)
     return "cannot make " + where + ": " + errorText(errno);
   if (lstat(path.c_str(), &there) == 0) {
@@ -164,7 +164,8 @@ std::string ControlSocket::bindTo(const std::string& path) {
   // Whoever may look at the statistics may look here; requests that change something are checked.
   if (chmod(path.c_str(), everybody) < 0)
     return "cannot open " + where + " to everybody: " + errorText(errno);
-  if (::listen(socket_.get(), backlog) < 0) return "cannot listen: " + errorText(errno);
+  if (::listen(socket_.get(), backlog) < 0)
+    return "cannot listen at " + where + ": " + errorText(errno);
   return {};
 }
 

@@ -62,10 +62,10 @@ struct LocalCollectorCounters {
 ///
 /// Anybody can send here, under any address, so a new template is always taken, and others are
 /// forgotten for it. A template counts as tried once records of it came. Templates are limited per
-/// sender's address and in all. At the limit the decoder forgets templates that were not tried
-/// (unless they are only a quarter), first those of the senders that have most templates, and of
-/// these the least recently heard. The message in which
-/// the templates of all layouts have to fit is shared likewise, see `displaceFor`.
+/// sender's address and in all. At the limit those are forgotten that were not tried (unless they
+/// are only a quarter): first those of the senders that have most templates, and of these the ones
+/// that have been silent longest. The message in which the templates of all layouts have to fit is
+/// shared in the same way, see `displaceFor`.
 class LocalCollectorTemplates {
  public:
   struct Limits {

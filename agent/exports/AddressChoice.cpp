@@ -103,8 +103,8 @@ void AddressChoice::tell(const Name& name, const std::string& collector, const C
   std::string text = isKnown(c.address)
                          ? c.host + " is " + c.address.stringValue()
                          : "waits: no address of " + c.host +
-                               " is of a family that its exporter sends from and no other "
-                               "collector's";
+                               " can be used: its exporter sends from none of that family, or "
+                               "another of its collectors has it";
   if (text == told) return;
   told = std::move(text);
   log_.say(isKnown(c.address) ? Severity::info : Severity::warning,

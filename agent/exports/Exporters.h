@@ -71,7 +71,7 @@ class ExporterSide {
   std::string interface_;
   SourceFinder::Entry entry_;
   Ptr<VrfNetwork> network_;  // null before the first `placeIs`
-  std::string told_;
+  std::string told_;         // what the log last said of the source addresses
   bool ready_ = false;
   std::unique_ptr<Readiness> readiness_;
 };

@@ -29,7 +29,7 @@ bool send(const std::string& message) {
   to.sun_family = AF_UNIX;
   std::copy_n(path, len, to.sun_path);
   if (*path == '@') to.sun_path[0] = '\0';  // Linux's abstract names
-  // Kept open: who has no descriptor left is alive all the same.
+  // Kept open: an agent without a free descriptor must still be able to say that it is alive.
   static platform::Fd fd;
   if (!fd) fd = platform::Fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!fd) return false;

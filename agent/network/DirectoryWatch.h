@@ -20,8 +20,8 @@ class DirectoryWatch {
   /// `dir` has no slash at its end. Without inotify no handler is called, and the log says so.
   DirectoryWatch(EventLoop& loop, std::string dir, AgentLog& log, Handlers handlers);
 
-  /// Watches the directory, or its parent while it does not exist. To be called now and then: that
-  /// of a directory whose parent did not exist either nothing is heard.
+  /// Watches the directory, or its parent while it does not exist. Call it now and then: inotify
+  /// does not report that a directory appears together with its parent.
   void attach();
 
  private:

@@ -3,7 +3,7 @@
 
 #include "agent/settings/SettingsKeys.h"
 
-// What people and editors are told of the keys.
+// The keys of the configuration as a JSON schema for editors and as tables for the documents.
 
 namespace agent {
 namespace {
@@ -12,7 +12,7 @@ std::string member(const char* name, const std::string& json) {
   return jsonText(name) + ": " + json;
 }
 
-/// With what a change does; `links`: with Markdown's marks.
+/// What the key means and what a change of it does, with Markdown's marks or as plain text.
 template <class S>
 std::string meaningOf(const SettingsKey<S>& key, bool marks) {
   std::string text = key.meaning;
