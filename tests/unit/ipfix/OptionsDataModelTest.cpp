@@ -21,8 +21,9 @@ struct ExporterModel {
   std::string name;
   Ptr<HwFlowTracking::ExporterConfig> config = nullptr;
   std::map<std::string, Place> collectors = {};
-  std::map<std::string, uint32_t> mtuMost = {};  // by key, since it joined or all was quiet
-  uint32_t mtuBefore = 0;                        // when the event began
+  std::vector<std::pair<std::string, Place>> left = {};  // removed, with nothing under way to them
+  std::map<std::string, uint32_t> mtuMost = {};          // by key, since it joined or all was quiet
+  uint32_t mtuBefore = 0;                                // when the event began
 
   std::string key(const Place& place) const {
     return (place.addr().isIpv6() ? "udpPam6-" : "udpPam4-") + tracker + "-" + name + " > " +
@@ -290,8 +291,16 @@ class World : private Tree {
     auto& e = anExporter();
     if (!attached(e)) exporterIs(e);
     if (!attached(e)) return;
-    const std::string name = "c" + std::to_string(++last_);
-    const Place place = e.collectors[name] = freshPlace();
+    std::pair<std::string, Place> fresh("c" + std::to_string(++last_), freshPlace());
+    if (!e.left.empty() && pick(2) == 0) {
+      fresh = e.left.back();
+      e.left.pop_back();
+      receive();
+      gone_.erase(e.key(fresh.second));
+      receiver_.startAnew(e.key(fresh.second));
+    }
+    const auto [name, place] = fresh;
+    e.collectors[name] = place;
     placed(e, place);
     e.configure(name, place);
   }
@@ -310,7 +319,9 @@ class World : private Tree {
     config->collectorIpAndPortDel(name);
     config->collectorIp6AndPortDel(name);
     // An exporter that ends in between does not hear of it: what waits in its endpoint leaves.
-    if (meddles_ && answers_ == answersBefore) gone_[e.key(place)] = sim->clock().now();
+    if (!meddles_ || answers_ != answersBefore) return;
+    gone_[e.key(place)] = sim->clock().now();
+    e.left.emplace_back(name, place);
   }
   void collectorMove() {
     auto& e = anExporter();

@@ -181,16 +181,6 @@ TEST_F(TablesTest, FlowKeyBitsAreWidenedAsCollectorsExpect) {
     ftStatus->templateStatusIs(status);
     EXPECT_EQ(octetsOf(flowKey->makeDataRecord(256)), netOctets(256, 2) + netOctets(indicator, 8));
   }
-  // Mixed families: the record goes, and with it the old one.
-  const uint32_t before = flowKey->dataSource()->version();
-  ftStatus->templateStatusIs(templateOf(256, {8, 28}));
-  EXPECT_FALSE(flowKey->makeDataRecord(256));
-  EXPECT_EQ(flowKey->dataRecords(), 0u);
-  EXPECT_EQ(flowKey->dataSource()->version(), before + 1);
-  ftStatus->templateStatusIs(templateOf(256, {27, 28, 1}));
-  EXPECT_EQ(flowKey->dataRecords(), 1u);
-  ftStatus->templateStatusDel(256);
-  EXPECT_EQ(flowKey->dataSource()->dataRecords(), 0u);
 }
 
 /// Calls `visit` with `root` and each entity beneath it, once.
@@ -212,6 +202,12 @@ TEST_F(TablesTest, EverythingIsListedByNameWholeAndInParts) {
   for (uint32_t i = 1; i <= 5; ++i) intfs->intfIndexIs(IntfId("e" + std::to_string(i)), i);
   vrfs->vrfIs(1, VrfName("red"));
   makeReadyTree();
+  const auto withoutTables = [this] {
+    ftOptionsDataManagerSmFactory("ft1", 7, hwConfig, hwStatus, tracker, ftStatus,
+                                  info->ftInfo("ft1"), FlowTrackingType::software, stats,
+                                  optionsDataContainerFactory("none"), sim->scheduler());
+  };
+  EXPECT_DEATH(withoutTables(), "[^a-z]data[^a-z]");
   makeManager();
   sim->runDue();
   std::set<const Entity*> seen;

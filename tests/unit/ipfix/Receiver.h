@@ -31,7 +31,8 @@ class Receiver {
   /// Takes one datagram; faults of any kind are test failures.
   void take(const Seen& seen) {
     const std::string to = seen.datagram.endpoint + " > " + seen.to();
-    const auto m = decoder_.decode(to + " from " + std::to_string(seen.datagram.srcPort),
+    const auto m = decoder_.decode(to + " from " + std::to_string(seen.datagram.srcPort) +
+                                       " session " + std::to_string(session_[to]),
                                    seen.datagram.octets);
     ASSERT_FALSE(m.error) << to << " " << m.error->stringValue();
     ASSERT_TRUE(m.warnings.empty()) << to << " " << m.warnings[0].stringValue();
@@ -77,12 +78,18 @@ class Receiver {
     pictures_.erase(to);
     counts_.erase(to);
   }
+  /// The same, and it knows no templates any more.
+  void startAnew(const std::string& to) {
+    ++session_[to];
+    forget(to);
+  }
 
  private:
   decoder::Decoder decoder_{[](uint32_t, uint16_t) { return nullptr; }};
   std::map<std::string, Picture> pictures_;
   std::map<std::string, Count> counts_;
   std::map<std::string, uint32_t> sequence_;
+  std::map<std::string, unsigned> session_;
 };
 
 }  // namespace FlowTracking
