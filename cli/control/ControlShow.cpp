@@ -151,7 +151,7 @@ std::string collectorsText(const Json& collectors, double now, const Style& styl
                c.at("state").get<std::string>(), ageText(now, c.at("since").get<double>()),
                shown(c.at("detail").get<std::string>())});
   }
-  return table.text(0, [&](size_t row, std::string line) {
+  return table.text(0, [&](size_t row, const std::string& line) {
     if (row == 0) return style.strong(line);
     const auto state = collectors.at(row - 1).at("state").get<std::string>();
     return state == "sending" ? line : state == "refused" ? style.bad(line) : style.waits(line);
