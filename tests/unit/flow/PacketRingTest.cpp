@@ -156,6 +156,7 @@ TEST_F(PacketRingTest, RingsOfAGroupShareByFlow) {
   makePair("a", 100);
   const Sender sender("a-peer"), back("a");
   PacketRing::Options o = options();
+  o.blocks = 64;  // a slow sender's take 10 ms each, however little is in them
   o.fanoutRings = 2;
   o.fanoutGroup = 7;
   PacketRing first(o), second(o);
