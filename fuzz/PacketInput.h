@@ -15,12 +15,14 @@ inline bool sameResult(const Parsed& a, const Parsed& b) {
   if (a.error != b.error) return false;
   if (a.error != ParseError::none) return true;
   return a.ipv6 == b.ipv6 && a.tcpFlags == b.tcpFlags && a.ipOctets == b.ipOctets &&
-         a.flowLabel == b.flowLabel && (a.ipv6 ? a.key6 == b.key6 : a.key4 == b.key4);
+         a.packets == b.packets && a.repeated() == b.repeated() && a.flowLabel == b.flowLabel &&
+         (a.ipv6 ? a.key6 == b.key6 : a.key4 == b.key4);
 }
 
 /// Parses an input of the packet fuzzer: packets one after the other, each behind
 ///
-///   1 octet   bits 0-1 the link layer, bit 2 its tag was taken off, bit 3 a minute has passed
+///   1 octet   bits 0-1 the link layer, bit 2 its tag was taken off, bit 3 a minute has passed,
+///             bits 4-7 how many segments it is beyond one
 ///   2 octets  captured length
 ///   2 octets  what the wire length has beyond it
 ///   2 octets  the tag, if it was taken off
@@ -44,6 +46,7 @@ inline void checkPacketInput(std::span<const uint8_t> rest) {
     p.wireLen = p.capLen + u16(3);
     p.vlanTci = p.hasVlan ? u16(5) : 0;
     p.interface = 1;
+    p.segments = (rest[0] >> 4) + 1u;
     // A block of its own, so that a read behind its end is seen.
     const std::unique_ptr<uint8_t[]> block(new uint8_t[p.capLen]);
     std::copy_n(rest.begin() + 7, p.capLen, block.get());
@@ -53,7 +56,10 @@ inline void checkPacketInput(std::span<const uint8_t> rest) {
     Parsed out;
     TARN_ASSERT(parser.parse(p, out) == (out.error == ParseError::none));
     if (out.error == ParseError::none) {
-      TARN_ASSERT(out.ipOctets >= (out.ipv6 ? 40 : 20) && out.ipOctets <= p.wireLen);
+      const uint32_t octets = out.ipOctets - out.repeated();
+      TARN_ASSERT(octets >= (out.ipv6 ? 40 : 20) && octets <= p.wireLen);
+      TARN_ASSERT(out.packets == p.segments || out.packets == 1);
+      TARN_ASSERT(out.repeated() >= (out.packets - 1u) * (out.ipv6 ? 40 : 20));
       TARN_ASSERT(out.flowLabel <= 0xfffff && (out.ipv6 || out.flowLabel == 0));
       const FlowClass& flow = out.ipv6 ? out.key6.rest : out.key4.rest;
       TARN_ASSERT(flow.vlanId <= 0xfff && flow.interface == 1);
@@ -67,7 +73,7 @@ inline void checkPacketInput(std::span<const uint8_t> rest) {
       for (const RecordPlan& plan : plans) {
         PlannedSample sample;
         const bool ip = behindLabels.error == ParseError::none;
-        TARN_ASSERT(plan.sample(p, behindLabels, 1, sample) == (ip || &plan != plans));
+        TARN_ASSERT(plan.sample(p, behindLabels, 1, {}, sample) == (ip || &plan != plans));
         TARN_ASSERT(!ip || sample.ipOctets == behindLabels.ipOctets);
       }
 

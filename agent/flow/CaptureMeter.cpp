@@ -6,12 +6,19 @@
 
 #include <cerrno>
 #include <chrono>
+#include <utility>
 #include <vector>
 
 #include "platform/UdpPam.h"
+#include "platform/linux/OwnPorts.h"
 
 namespace agent::flow {
 namespace {
+PacketRingOptions ringOptions(const MeterOrders& orders) {
+  PacketRingOptions options;
+  options.direction = orders.direction;
+  return options;
+}
 constexpr int tickMs = 100;  // how late a record may leave for want of company
 constexpr int ringMs = 200;  // how old a packet may be when the ring hands it over
 constexpr size_t blocksPerRound = 16;
@@ -24,11 +31,15 @@ int64_t steadyMs() {
 }  // namespace
 
 CaptureMeter::CaptureMeter(RecordPlanPtr plan, size_t maxFlows, uint64_t seed,
-                           const MeterOrders& orders)
+                           const MeterOrders& orders, const platform::NetnsId& netns)
     : FlowMeter(std::move(plan), maxFlows, seed, orders),
-      ring_(PacketRingOptions{}),
+      netns_(netns),
+      ring_(ringOptions(orders)),
       wakeFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
   if (!wakeFd_) throw platform::ErrnoException(errno, "eventfd");
+  counters_.programError = ring_.programError();
+  tellCounters();
+  orders_ = withFilter(orders);
   start();
 }
 CaptureMeter::~CaptureMeter() { stop(); }
@@ -37,19 +48,35 @@ void CaptureMeter::wake() {
   [[maybe_unused]] const auto n = write(wakeFd_.get(), &one, sizeof one);
 }
 
+MeterOrders CaptureMeter::withFilter(MeterOrders orders) {
+  std::vector<uint32_t> interfaces;  // sorted, as the map is
+  for (const auto& [kernel, exported] : orders.interfaces) interfaces.push_back(kernel);
+  if (!filter_ || filter_->error != 0 || filter_->interfaces != interfaces ||
+      filter_->sampleRate != orders.sampleRate)
+    filter_ =
+        std::make_shared<PacketFilter>(ring_.filter(std::move(interfaces), orders.sampleRate));
+  orders.filter = filter_;
+  return orders;
+}
+void CaptureMeter::ordersIs(const MeterOrders& orders) { FlowMeter::ordersIs(withFilter(orders)); }
+
 bool CaptureMeter::filterIs() {
-  std::vector<uint32_t> interfaces;
-  for (const auto& [kernel, exported] : orders_.interfaces) {
-    interfaces.push_back(kernel);
-    known_[kernel] = exported;
-  }
+  for (const auto& [kernel, exported] : orders_.interfaces) known_[kernel] = exported;
   try {
-    ring_.filterIs(std::move(interfaces), orders_.sampleRate);
+    ring_.filterIs(*orders_.filter);
     counters_.filterError = 0;
   } catch (const platform::ErrnoException& e) {
     counters_.filterError = e.code().value();
   }
   return counters_.filterError == 0;
+}
+
+/// `due`: ports that are no longer the agent's are forgotten.
+void CaptureMeter::followOwnPorts(bool due) {
+  const uint64_t version = platform::OwnPorts::version();
+  if (version == portsVersion_ && !due) return;
+  portsVersion_ = version;
+  ownPorts_ = orders_.ownExport ? std::vector<uint16_t>() : platform::OwnPorts::of(netns_);
 }
 
 size_t CaptureMeter::readBlocks() {
@@ -73,8 +100,12 @@ void CaptureMeter::run() {
   int64_t countedMs = 0;  // the last packet's time, and when it was counted
   int64_t countedAt = 0;
   bool filterDue = true;
+  int64_t portsAt = 0;  // the second when the agent's ports were looked at last
   while (!stopped()) {
-    if (takeOrders() || filterDue) filterDue = !filterIs();
+    const bool ordered = takeOrders();
+    if (ordered || filterDue) filterDue = !filterIs();
+    const int64_t second = steadyMs() / 1000;
+    followOwnPorts(ordered || std::exchange(portsAt, second) != second);
     const size_t got = readBlocks();
     settle();
     const int64_t now = steadyMs();

@@ -160,6 +160,8 @@ void FlowCache::count(Table& table, const typename Table::Key& key, const S& s) 
 
 template <class S>
 void FlowCache::samplesAre(S* samples, size_t n) {
+  uint64_t packets = 0;
+  uint64_t octets = 0;
   for (size_t i = 0; i < n; ++i)
     place(samples[i], [&s = samples[i]](auto& table, const auto& key) {
       s.hash = table.hash(key);
@@ -168,13 +170,15 @@ void FlowCache::samplesAre(S* samples, size_t n) {
   for (size_t i = 0; i < n; ++i)
     place(samples[i],
           [&s = samples[i]](auto& table, const auto&) { s.place = table.prefetchEntry(s.hash); });
-  counters_.packets += n;
   for (size_t i = 0; i < n; ++i) {
     const S& s = samples[i];
-    counters_.octets += s.octets();
+    packets += s.packets();
+    octets += s.octets();
     if (s.timeMs != nowMs_) nowIs(s.timeMs);
     place(s, [&](auto& table, const auto& key) { this->count(table, key, s); });
   }
+  counters_.packets += packets;
+  counters_.octets += octets;
 }
 template void FlowCache::samplesAre(Sample* samples, size_t n);
 template void FlowCache::samplesAre(PlannedSample* samples, size_t n);

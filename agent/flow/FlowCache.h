@@ -56,6 +56,7 @@ class FlowCache {
 
     uint8_t flags() const { return parsed.tcpFlags; }
     uint32_t octets() const { return parsed.ipOctets; }
+    uint32_t packets() const { return parsed.packets; }
   };
 
   FlowCache(size_t maxFlows, const FlowTimes& times, uint64_t seed, const RecordPlan& plan,

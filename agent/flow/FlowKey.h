@@ -11,8 +11,12 @@ struct FlowClass {
   uint16_t dstPort = 0;  ///< of ICMP and ICMPv6: type * 256 + code
   uint8_t protocol = 0;  ///< of the innermost header that is no IPv6 extension
   uint8_t tos = 0;       ///< IPv4 TOS or IPv6 traffic class
-  uint16_t vlanId = 0;   ///< of the outermost tag, 12 bits; 0: untagged or priority-tagged
+  /// Of the outermost tag, 12 bits; 0: untagged or priority-tagged. And `leaving`, of packets that
+  /// leave by the interface, so that they are other flows than those that arrive there.
+  uint16_t vlanId = 0;
   uint32_t interface = 0;
+  static constexpr uint16_t leaving = 0x8000;
+  bool leaves() const { return (vlanId & leaving) != 0; }
   bool operator==(const FlowClass&) const = default;
 };
 static_assert(sizeof(FlowClass) == 12);

@@ -1,5 +1,6 @@
 #include "agent/flow/FlowMeter.h"
 
+#include <algorithm>
 #include <chrono>
 
 #include "agent/host/Thread.h"
@@ -56,13 +57,25 @@ bool FlowMeter::waitForRoom() {
 void FlowMeter::plannedPacketIs(const Packet& packet, uint32_t interface) {
   Parsed parsed;
   parser_.parse(packet, parsed);
-  ++counters_.seen;
-  const bool whole = parsed.error == ParseError::none || parsed.error == ParseError::notIp;
-  if (!whole || !plan_->sample(packet, parsed, interface, planned_[gathered_])) {
+  const bool ip = parsed.error == ParseError::none;
+  if (ip && mayBeOurs(packet) && isOurs(packet, parsed)) return;
+  const bool whole = ip || parsed.error == ParseError::notIp;
+  if (!whole ||
+      !plan_->sample(packet, parsed, interface, orders_.context.host, planned_[gathered_])) {
     ++counters_.errors[static_cast<size_t>(parsed.error)];
   } else if (++gathered_ == batch) {
     settle();
   }
+}
+
+bool FlowMeter::isOurs(const Packet& packet, const Parsed& parsed) const {
+  constexpr uint8_t udp = 17;
+  const FlowClass& flow = parsed.ipv6 ? parsed.key6.rest : parsed.key4.rest;
+  if (flow.protocol != udp || !std::binary_search(ownPorts_.begin(), ownPorts_.end(), flow.srcPort))
+    return false;
+  const HostAddresses& host = orders_.context.host;
+  if (packet.leaves && host.onlyOwnLeave) return true;
+  return parsed.ipv6 ? host.has(parsed.key6.src) : host.has(parsed.key4.src);
 }
 
 void FlowMeter::ordersIs(const MeterOrders& orders) {

@@ -15,24 +15,30 @@
 
 namespace agent::flow {
 
+struct PacketFilter;
+
 /// What a meter is to do; changes while it runs.
 struct MeterOrders {
   FlowTimes times;
   uint32_t sampleRate = 1;
   RecordContext context;
-  bool hold = true;  ///< no collector is ready
+  Direction direction = Direction::ingress;  ///< as it was when the meter was made
+  bool ownExport = false;                    ///< count what the agent itself sends
+  bool hold = true;                          ///< no collector is ready
   /// The captured interfaces by the kernel's index, with the index that is exported.
   std::map<uint32_t, uint32_t> interfaces;
+  /// For these interfaces and this rate, made by a meter that captures.
+  std::shared_ptr<const PacketFilter> filter;
   bool operator==(const MeterOrders&) const = default;
 };
 
 struct MeterCounters {
   FlowCacheCounters cache;
-  uint64_t seen = 0;   ///< packets that reached the capture
-  uint64_t drops = 0;  ///< of them, those that the kernel had no room for
+  uint64_t drops = 0;  ///< packets that reached the capture, and the kernel had no room for
   std::array<uint64_t, parseErrors> errors{};
   size_t active = 0;
-  int filterError = 0;  ///< errno: what chooses the packets was refused, and is tried again
+  int programError = 0;  ///< errno: see PacketRing::programError
+  int filterError = 0;   ///< errno: what chooses the packets was refused, and is tried again
 };
 
 /// Turns packets into flows and flows into records, on a thread of its own. The agent's thread
@@ -46,7 +52,7 @@ class FlowMeter {
   FlowMeter& operator=(const FlowMeter&) = delete;
 
   // The agent's thread.
-  void ordersIs(const MeterOrders& orders);
+  virtual void ordersIs(const MeterOrders& orders);
   MeterCounters counters() const;
   RecordQueue& queue() { return queue_; }
   /// What its records are.
@@ -82,12 +88,14 @@ class FlowMeter {
     if (!plan_->standard()) return plannedPacketIs(packet, interface);
     auto& sample = samples_[gathered_];
     parser_.parse(packet, sample.parsed);
-    ++counters_.seen;
     if (sample.parsed.error != ParseError::none) {
       ++counters_.errors[static_cast<size_t>(sample.parsed.error)];
       return;
     }
-    (sample.parsed.ipv6 ? sample.parsed.key6.rest : sample.parsed.key4.rest).interface = interface;
+    if (mayBeOurs(packet) && isOurs(packet, sample.parsed)) return;
+    FlowClass& flow = sample.parsed.ipv6 ? sample.parsed.key6.rest : sample.parsed.key4.rest;
+    flow.interface = interface;
+    if (packet.leaves) flow.vlanId |= FlowClass::leaving;
     sample.timeMs = packet.timeNs / 1000000;
     if (++gathered_ == batch) settle();
   }
@@ -102,6 +110,10 @@ class FlowMeter {
   }
   void tellCounters();
 
+  /// UDP ports, sorted, from which the agent itself sends in the network of the packets: those are
+  /// not counted. Of a file it has none.
+  std::vector<uint16_t> ownPorts_;
+
   const RecordPlanPtr plan_;
   MeterOrders orders_;
   RecordQueue queue_;
@@ -109,7 +121,14 @@ class FlowMeter {
   MeterCounters counters_;
 
  private:
+  static constexpr uint32_t loopback = 1;  // the index of lo in every namespace
+
   void plannedPacketIs(const Packet& packet, uint32_t interface);
+  /// Only where it leaves, or comes back at once, a packet is known to be this machine's.
+  bool mayBeOurs(const Packet& p) const {
+    return !ownPorts_.empty() && (p.leaves || p.interface == loopback);
+  }
+  bool isOurs(const Packet& packet, const Parsed& parsed) const;
 
   PacketParser parser_;
   std::array<FlowCache::Sample, batch> samples_;

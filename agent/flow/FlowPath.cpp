@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <numeric>
 #include <random>
 #include <system_error>
 #include <utility>
@@ -121,6 +122,9 @@ MeterOrders FlowPath::orders(const VrfName& vrf) const {
   o.times = {settings_.activeInterval.count(), settings_.inactiveTimeout.count()};
   o.sampleRate = settings_.sampleRate;
   o.hold = hold_;
+  o.direction = settings_.direction;
+  o.ownExport = settings_.ownExport;
+  o.context.host.onlyOwnLeave = settings_.direction == Direction::once;
   for (const auto& [id, name] : host_.vrfs->vrf())
     if (name == vrf) o.context.vrfId = id;
   if (plan_->namesInterfaces())
@@ -129,6 +133,7 @@ MeterOrders FlowPath::orders(const VrfName& vrf) const {
   const auto network = host_.networks->network(vrf);
   if (!network || !network->present()) return o;
   for (const auto& [kernel, link] : network->links()) {
+    for (const LinkAddress& a : link.addresses) o.context.host.addressIs(a.local);
     const std::string name = exportedName(vrf, link.name);
     if (!matches(settings_.interfaces, name)) continue;
     const auto index = host_.indexes->intfIndex().find(IntfId(name));
@@ -201,7 +206,9 @@ bool FlowPath::openMeter(const VrfName& vrf, Source& source, const MeterOrders& 
     source.netns = inside.id();
     // Another namespace is there by now; its links will be told.
     if (source.netns != host_.networks->network(vrf)->netns()) return false;
-    source.meter = std::make_unique<CaptureMeter>(plan_, settings_.maxFlows, randomSeed(), wanted);
+    source.meter = std::make_unique<CaptureMeter>(plan_, settings_.maxFlows, randomSeed(), wanted,
+                                                  source.netns);
+    tellProgramError(vrf, source);
     watchQueue(source);
   } catch (const std::exception& e) {  // a right, descriptors, memory, threads
     source.meter.reset();
@@ -220,6 +227,22 @@ bool FlowPath::openMeter(const VrfName& vrf, Source& source, const MeterOrders& 
 
 std::string FlowPath::placeText(const VrfName& vrf) const {
   return "tracker " + printable(tracker_) + ", VRF " + printable(vrf.stringValue()) + ": ";
+}
+
+/// Each time that there is a new meter: what it does not count is missing from all it reports.
+void FlowPath::tellProgramError(const VrfName& vrf, const Source& source) const {
+  const int problem = source.meter->counters().programError;
+  if (problem == 0) return;
+  const bool once = settings_.direction == Direction::once;
+  host_.log.warning(
+      placeText(vrf) +
+          (once ? "what this machine sends is not counted, direction \"once\" is as \"ingress\", "
+                  "and "
+                : "") +
+          "segments that were put together count as one packet: the kernel refuses the filter that "
+          "tells them apart, which needs CAP_BPF or CAP_SYS_ADMIN: " +
+          std::generic_category().message(problem),
+      {.tracker = tracker_, .vrf = vrf.stringValue()});
 }
 
 void FlowPath::watchQueue(Source& source) {
@@ -358,7 +381,7 @@ void FlowPath::addCounters(const FlowMeter& meter, FlowTracking::FlowPathRecord&
   const MeterCounters c = meter.counters();
   const auto ended = [&](EndReason r) { return c.cache.expired[static_cast<size_t>(r)]; };
   const auto errors = [&](ParseError e) { return c.errors[static_cast<size_t>(e)]; };
-  to.packetsSeen += c.seen + c.drops;
+  to.packetsSeen += std::accumulate(c.errors.begin(), c.errors.end(), c.cache.packets + c.drops);
   to.kernelDrops += c.drops;
   to.notIp += errors(ParseError::notIp);
   to.truncated += errors(ParseError::truncated);
@@ -421,6 +444,7 @@ void FlowPath::tellFilterErrors() {
                             std::generic_category().message(now),
                         {.tracker = tracker_, .vrf = vrf.stringValue()});
     source.filterError = now;
+    if (now != 0) reviewSoon();  // which makes the filter anew
   }
 }
 /// A meter whose thread ended before its time is told and made anew.

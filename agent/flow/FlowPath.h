@@ -96,6 +96,7 @@ class FlowPath {
   void reviewNetwork(const VrfName& vrf, Source& source);
   bool openMeter(const VrfName& vrf, Source& source, const MeterOrders& wanted);
   MeterOrders orders(const VrfName& vrf) const;
+  void tellProgramError(const VrfName& vrf, const Source& source) const;
   void watchQueue(Source& source);
   void release(Source& source);
   void captureIs(const VrfName& vrf, const std::string& state) {

@@ -7,13 +7,14 @@
 #include <string>
 #include <string_view>
 
+#include "agent/flow/FlowInterfaces.h"
 #include "agent/flow/FlowTable.h"
 
 namespace agent::flow {
 
 /// Octets of a standard record, whose fields are those of builtInRecords().
-inline constexpr size_t flowRecordLen4 = 63;
-inline constexpr size_t flowRecordLen6 = 91;
+inline constexpr size_t flowRecordLen4 = 64;
+inline constexpr size_t flowRecordLen6 = 92;
 
 /// A number of this machine in network byte order, and back.
 template <class T>
@@ -30,6 +31,7 @@ struct RecordContext {
   uint32_t vrfId = 0;
   /// Names of interfaces by the index that is exported, where the record has them.
   std::map<uint32_t, std::string> interfaceNames;
+  HostAddresses host;
   bool operator==(const RecordContext&) const = default;
 };
 
@@ -80,8 +82,10 @@ class FieldWriter {
 /// Encodes one flow as a standard record where flowRecordLen4 or flowRecordLen6 octets have room;
 /// returns its octets.
 template <class Entry>
-size_t encodeFlow(const Entry& e, EndReason reason, uint32_t vrfId, char* to) {
+size_t encodeFlow(const Entry& e, EndReason reason, const RecordContext& context, char* to) {
   const FlowClass& c = e.key.rest;
+  const auto [ingress, egress] =
+      flowInterfaces(c.interface, c.leaves(), e.key.src, e.key.dst, context.host);
   FieldWriter w(to);
   w.octets(e.key.src.data(), e.key.src.size());
   w.octets(e.key.dst.data(), e.key.dst.size());
@@ -89,10 +93,11 @@ size_t encodeFlow(const Entry& e, EndReason reason, uint32_t vrfId, char* to) {
   w.put(c.dstPort);
   w.put(c.protocol);
   w.put(c.tos);
-  w.put(c.vlanId);
-  w.put(c.interface);
-  w.put(vrfId);
-  w.put(uint32_t{0});  // the egress interface is not known at the ingress
+  w.put(static_cast<uint16_t>(c.vlanId & 0xfff));
+  w.put(ingress);
+  w.put(context.vrfId);
+  w.put(egress);
+  w.put(static_cast<uint8_t>(c.leaves()));  // flowDirection, IANA element 61
   w.put(e.octets);
   w.put(e.packets);
   w.put(std::max<int64_t>(e.firstMs, 0));  // unsigned on the wire
@@ -116,7 +121,7 @@ struct StandardFormat : FixedFormat<EntryType> {
   }
   template <class Sample>
   static void count(Entry& e, const Sample& s) {
-    ++e.packets;
+    e.packets += s.parsed.packets;
     e.octets += s.parsed.ipOctets;
     e.firstMs = std::min(e.firstMs, s.timeMs);
     e.lastMs = std::max(e.lastMs, s.timeMs);
@@ -126,7 +131,7 @@ struct StandardFormat : FixedFormat<EntryType> {
   static constexpr bool silent(const Entry&) { return false; }
   static size_t encode(const Entry& e, const char* /*cold*/, EndReason reason,
                        const RecordContext& context, char* to) {
-    return encodeFlow(e, reason, context.vrfId, to);
+    return encodeFlow(e, reason, context, to);
   }
 };
 

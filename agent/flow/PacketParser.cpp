@@ -1,5 +1,6 @@
 #include "agent/flow/PacketParser.h"
 
+#include <algorithm>
 #include <optional>
 
 #include "agent/flow/KeyHash.h"
@@ -84,6 +85,32 @@ ParseError parseTransport(const Packet& p, size_t at, size_t end, FlowClass& flo
   if (flow.protocol == tcp && end - at >= 14 && at + 14 <= p.capLen) tcpFlags = o[13];
   return ParseError::none;
 }
+
+/// Of a packet whose transport header is at `at`, and that ends at `end` >= `at`: how many it is.
+void countSegments(const Packet& p, size_t ipAt, size_t at, size_t end, uint8_t protocol,
+                   Parsed& out) {
+  size_t headers = at - ipAt;
+  switch (protocol) {
+    case tcp:
+      headers += p.capLen > at + 12 ? size_t{p.octets[at + 12]} >> 4 << 2 : 20;
+      break;
+    case udp:
+    case udpLite:
+      headers += 8;
+      break;
+    case sctp:
+      headers += 12;
+      break;
+    default:
+      break;
+  }
+  // Each has an octet of its own, or it would not be there.
+  if (ipAt + headers + p.segments > end || std::max<size_t>(headers, p.segments) > UINT16_MAX)
+    return;
+  out.packets = static_cast<uint16_t>(p.segments);
+  out.headers = static_cast<uint16_t>(headers);
+  out.ipOctets += out.repeated();
+}
 }  // namespace
 
 std::string_view toText(ParseError e) {
@@ -152,6 +179,7 @@ ParseError PacketParser::parse4(const Packet& p, NetworkLayer ip, Parsed& out) {
 
   out.ipv6 = false;
   out.tcpFlags = 0;
+  out.packets = 1;
   out.ipOctets = static_cast<uint32_t>(total);
   out.flowLabel = 0;
   FlowClass flow{0, 0, o[9], o[1], ip.vlanId, p.interface};
@@ -163,6 +191,7 @@ ParseError PacketParser::parse4(const Packet& p, NetworkLayer ip, Parsed& out) {
         parseTransport(p, ip.at + headerLen, ip.at + total, flow, out.tcpFlags, icmp);
     if (e != ParseError::none) return e;
   }
+  if (p.segments > 1) countSegments(p, ip.at, ip.at + headerLen, ip.at + total, flow.protocol, out);
   if (!first || more) {
     FragmentTable::Key key;
     std::memcpy(key.src.data(), o + 12, 4);
@@ -250,6 +279,7 @@ ParseError PacketParser::parse6(const Packet& p, NetworkLayer ip, Parsed& out) {
 
   out.ipv6 = true;
   out.tcpFlags = 0;
+  out.packets = 1;
   out.ipOctets = static_cast<uint32_t>(header6Len + *payload);
   out.flowLabel = head & 0xfffff;
   FlowClass flow{0, 0, 0, static_cast<uint8_t>(head >> 20 & 0xff), ip.vlanId, p.interface};
@@ -261,6 +291,7 @@ ParseError PacketParser::parse6(const Packet& p, NetworkLayer ip, Parsed& out) {
     const ParseError e = parseTransport(p, x.at, end, flow, out.tcpFlags, icmp6);
     if (e != ParseError::none) return e;
   }
+  if (p.segments > 1) countSegments(p, ip.at, x.at, end, flow.protocol, out);
   if (!x.first || x.more) {
     FragmentTable::Key key;
     std::memcpy(key.src.data(), o + 8, 16);

@@ -29,10 +29,15 @@ struct Parsed {
   ParseError error = ParseError::none;
   bool ipv6 = false;
   uint8_t tcpFlags = 0;    ///< of TCP; 0 of others, and of fragments without the header
-  uint32_t ipOctets = 0;   ///< of the IP packet, headers included, as its header has it
+  uint16_t packets = 1;    ///< more than one of a packet that is several segments
+  uint16_t headers = 0;    ///< of several packets: octets of the headers that each has
+  uint32_t ipOctets = 0;   ///< of the IP packet or all its segments, headers included
   uint32_t flowLabel = 0;  ///< of IPv6, 20 bits
   FlowKey4 key4;           ///< when not `ipv6`
   FlowKey6 key6;           ///< when `ipv6`
+
+  /// Octets that are headers of all packets but one.
+  uint32_t repeated() const { return (packets - 1u) * headers; }
 };
 
 /// What lies in front of a packet's network layer. MAC addresses and the MPLS label are octets as
@@ -101,6 +106,9 @@ class FragmentTable {
 ///  - Ports of TCP, UDP, UDP-Lite, DCCP and SCTP; type and code of ICMP and ICMPv6. They are 0 of
 ///    other protocols, where the IP packet ends before them, and of fragments whose first one was
 ///    not seen before.
+///  - A packet of several segments counts as these: each has the IP header and those of TCP, UDP,
+///    UDP-Lite or SCTP. What a tunnel has behind its outer headers is not known, so that the
+///    octets of its segments lack the inner headers of all but one.
 ///  - A packet cut short by the snap length is fine as long as the key is there; the TCP flags of
 ///    one cut before them are 0.
 class PacketParser {
@@ -161,7 +169,8 @@ inline bool PacketParser::parseCommon(const Packet& p, Parsed& out) {
   const auto isCommon = [](uint8_t protocol) {
     return protocol < 32 && (1u << protocol & (1u << tcp | 1u << udp)) != 0;
   };
-  if (p.link != LinkLayer::ethernet || p.capLen < link + 40 + ports) return false;
+  if (p.link != LinkLayer::ethernet || p.capLen < link + 40 + ports || p.segments != 1)
+    return false;
   const uint8_t* ip = p.octets + link;
   const uint16_t vlan = p.hasVlan ? p.vlanTci & 0xfff : 0;
   const uint16_t type = load16(ip - 2);
@@ -201,6 +210,7 @@ inline bool PacketParser::parseCommon(const Packet& p, Parsed& out) {
     return false;
   }
   out.error = ParseError::none;
+  out.packets = 1;
   return true;
 }
 

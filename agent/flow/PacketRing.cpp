@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <span>
 #include <string>
 
 #include "platform/UdpPam.h"
@@ -24,49 +23,6 @@ using Program = std::vector<sock_filter>;
 constexpr int fanoutIgnoreOutgoing = 0x4000;
 // The kernel wants frames in a block, though blocks of this version hold packets of any length.
 constexpr uint32_t frameLen = 2048;
-constexpr size_t leafMax = 8;
-
-constexpr sock_filter statement(uint16_t code, uint32_t k) { return {code, 0, 0, k}; }
-constexpr sock_filter jump(uint16_t code, uint32_t k, size_t ifTrue, size_t ifFalse) {
-  return {code, static_cast<uint8_t>(ifTrue), static_cast<uint8_t>(ifFalse), k};
-}
-constexpr sock_filter ancillary(int what) {
-  return statement(BPF_LD | BPF_W | BPF_ABS, static_cast<uint32_t>(SKF_AD_OFF + what));
-}
-constexpr sock_filter result(uint32_t octets) { return statement(BPF_RET | BPF_K, octets); }
-
-/// Appends the search for the accumulator among sorted numbers; no matter where it ends, it
-/// returns.
-void appendTree(Program& program, std::span<const uint32_t> numbers, uint32_t snapLen) {
-  if (numbers.size() <= leafMax) {
-    for (size_t i = 0; i < numbers.size(); ++i)
-      program.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, numbers[i], numbers.size() - i, 0));
-    program.push_back(result(0));
-    if (!numbers.empty()) program.push_back(result(snapLen));
-    return;
-  }
-  const size_t half = numbers.size() / 2;
-  Program below;
-  appendTree(below, numbers.first(half), snapLen);
-  const auto len = static_cast<uint32_t>(below.size());
-  if (len <= 255) {
-    program.push_back(jump(BPF_JMP | BPF_JGE | BPF_K, numbers[half], len, 0));
-  } else {  // farther than a conditional jump reaches
-    program.push_back(jump(BPF_JMP | BPF_JGE | BPF_K, numbers[half], 0, 1));
-    program.push_back(statement(BPF_JMP | BPF_JA, len));
-  }
-  program.insert(program.end(), below.begin(), below.end());
-  appendTree(program, numbers.subspan(half), snapLen);
-}
-
-/// Sampling comes first: at high rates it spares most packets the rest.
-void appendSampling(Program& program, uint32_t sampleRate) {
-  if (sampleRate <= 1) return;
-  const uint64_t share = ((uint64_t{1} << 32) + sampleRate / 2) / sampleRate;
-  program.push_back(ancillary(SKF_AD_RANDOM));
-  program.push_back(jump(BPF_JMP | BPF_JGE | BPF_K, static_cast<uint32_t>(share), 0, 1));
-  program.push_back(result(0));
-}
 
 /// False: the program is too long for the kernel.
 bool attach(int fd, Program& program) {
@@ -103,11 +59,17 @@ PacketRing::PacketRing(const Options& options) : options_(options), share_(optio
     throw platform::ErrnoException(errno, errno == EPERM ? "a packet socket needs CAP_NET_RAW"
                                                          : "cannot open a packet socket");
   const int fd = fd_.get();
-  Program nothing{result(0)};
+  Program nothing{{BPF_RET | BPF_K, 0, 0, 0}};
   if (!attach(fd, nothing))
     throw platform::ErrnoException(ENOMEM, "the packet socket refused its filter");
   optionIs(fd, PACKET_VERSION, int{TPACKET_V3}, "the kernel has no receive ring of version 3");
-  optionIs(fd, PACKET_IGNORE_OUTGOING, int{1}, "the kernel cannot leave out outgoing packets");
+  programError_ = extendedFilter({}, 1, options_.direction, options_.snapLen).error;
+  if (programError_ == ENOMEM || programError_ == EAGAIN || programError_ == EINTR)
+    throw platform::ErrnoException(programError_, "the kernel cannot load the packet filter now");
+  if (programError_ != 0 && options_.direction == Direction::once)
+    options_.direction = Direction::ingress;
+  if (options_.direction == Direction::ingress)
+    optionIs(fd, PACKET_IGNORE_OUTGOING, int{1}, "the kernel cannot leave out outgoing packets");
 
   tpacket_req3 request{};
   request.tp_block_size = options.blockLen;
@@ -131,8 +93,9 @@ PacketRing::PacketRing(const Options& options) : options_(options), share_(optio
   if (options.fanoutRings > 1) {
     // Not PACKET_FANOUT_FLAG_DEFRAG: it would put fragments together, and one packet be counted
     // where several came. The hash leaves out the ports of fragments, so they meet anyway.
-    const uint32_t group = options.fanoutGroup | uint32_t{PACKET_FANOUT_HASH | fanoutIgnoreOutgoing}
-                                                     << 16;
+    uint32_t kind = PACKET_FANOUT_HASH;
+    if (options_.direction == Direction::ingress) kind |= fanoutIgnoreOutgoing;
+    const uint32_t group = options.fanoutGroup | kind << 16;
     optionIs(fd, PACKET_FANOUT, group,
              "cannot join the packet group " + std::to_string(options.fanoutGroup));
   }
@@ -143,36 +106,43 @@ void PacketRing::close() {
   fd_.close();
 }
 
-void PacketRing::filterIs(std::vector<uint32_t> interfaces, uint32_t sampleRate) {
+PacketFilter PacketRing::filter(std::vector<uint32_t> interfaces, uint32_t sampleRate) const {
   std::sort(interfaces.begin(), interfaces.end());
   interfaces.erase(std::unique(interfaces.begin(), interfaces.end()), interfaces.end());
-  Program program;
-  program.reserve(8 + 2 * interfaces.size());
-  appendSampling(program, sampleRate);
-  const size_t common = program.size();
-  program.push_back(ancillary(SKF_AD_IFINDEX));
-  appendTree(program, interfaces, options_.snapLen);
-  bool here = false;
-  if (!attach(fd_.get(), program)) {
-    program.resize(common);
-    program.push_back(result(options_.snapLen));
-    if (!attach(fd_.get(), program))
-      throw platform::ErrnoException(ENOMEM, "the packet socket refused its filter");
-    here = true;
+  if (programError_ != 0) return {.interfaces = std::move(interfaces), .sampleRate = sampleRate};
+  return extendedFilter(std::move(interfaces), sampleRate, options_.direction, options_.snapLen);
+}
+
+bool PacketRing::attached(const PacketFilter& filter, bool any) {
+  if (programError_ != 0) {
+    Program program = classicFilter(filter, options_.direction, options_.snapLen, any);
+    return attach(fd_.get(), program);
   }
-  chooseHere_ = here;
-  interfaces_ = std::move(interfaces);
+  const platform::Fd& program = any ? filter.anyInterface : filter.program;
+  const int fd = program.get();
+  return program && ::setsockopt(fd_.get(), SOL_SOCKET, SO_ATTACH_BPF, &fd, sizeof fd) == 0;
+}
+
+void PacketRing::filterIs(const PacketFilter& filter) {
+  if (filter.error != 0) errno = filter.error;
+  const bool all = filter.error == 0 && attached(filter, false);
+  if (!all && (filter.error != 0 || !attached(filter, true)))
+    throw platform::ErrnoException(errno, "the packet socket refused its filter");
+  chooseHere_ = !all;
+  interfaces_ = filter.interfaces;
 }
 
 bool PacketRing::wanted(uint32_t interface) const {
   return std::binary_search(interfaces_.begin(), interfaces_.end(), interface);
 }
 
-void PacketRing::packetIs(Packet& p, const tpacket3_hdr& h) {
+void PacketRing::packetIs(Packet& p, const tpacket3_hdr& h) const {
   const auto* at = reinterpret_cast<const uint8_t*>(&h);
   const auto& from = *reinterpret_cast<const sockaddr_ll*>(at + TPACKET_ALIGN(sizeof h));
   p.timeNs = int64_t{h.tp_sec} * 1'000'000'000 + h.tp_nsec;
   p.interface = static_cast<uint32_t>(from.sll_ifindex);
+  p.segments = segmentsOf(h.tp_snaplen, options_.snapLen);
+  p.leaves = from.sll_pkttype == PACKET_OUTGOING;
   p.hasVlan = (h.tp_status & TP_STATUS_VLAN_VALID) != 0;
   p.vlanTci = p.hasVlan ? static_cast<uint16_t>(h.hv1.tp_vlan_tci) : 0;
   if (from.sll_hatype == ARPHRD_ETHER || from.sll_hatype == ARPHRD_LOOPBACK) {

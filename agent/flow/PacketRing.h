@@ -6,8 +6,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <utility>
 #include <vector>
 
+#include "agent/flow/PacketFilter.h"
+#include "agent/records/FlowRecords.h"
 #include "platform/linux/Fd.h"
 #include "platform/linux/Packet.h"
 
@@ -30,34 +33,47 @@ struct PacketRingOptions {
   /// Rings that this process may have, this one included: their memory is the kernel's, not swapped
   /// and not counted as the process's, 16 MiB each.
   uint32_t ringsMax = 256;
+  Direction direction = Direction::ingress;
 };
 
-/// Packets as they arrive at interfaces of the network namespace that the calling thread is in, in
-/// memory shared with the kernel. What this host sends is not seen; on lo each packet is seen once.
+/// Packets as they arrive at, or leave by, interfaces of the network namespace that the calling
+/// thread is in, in memory shared with the kernel. On lo every packet leaves and arrives: unless
+/// the direction is `both` it is seen once.
 ///
 ///   PacketRing ring;                                  // accepts nothing yet
 ///   ring.filterIs({3, 4}, 1);
 ///   poll(ring.fd(), POLLIN) ... ring.read([&](const Packet& p) { ... }, 16);
 ///
-/// For one thread. Needs CAP_NET_RAW. Packets that are segments put together by the device or the
-/// kernel come as one, with lengths beyond the interface's MTU.
+/// For one thread. Needs CAP_NET_RAW. Packets that are yet to be cut into segments, and those that
+/// the device or the kernel put together, come as one, with lengths beyond the interface's MTU;
+/// `Packet::segments` says how many they are.
 class PacketRing {
  public:
   using Options = PacketRingOptions;
   /// Throws ErrnoException (EPERM: no CAP_NET_RAW; ENOMEM: no room for the ring; EUSERS: there are
-  /// `ringsMax` already; EINVAL: lengths,
-  /// or the group's id belongs to a group of another kind).
+  /// `ringsMax` already; EINVAL: lengths, or the group's id belongs to a group of another kind).
   explicit PacketRing(const Options& options = {});
 
   /// From now on packets of these interfaces are accepted, one out of `sampleRate` at random, and
   /// no others. Takes effect between two packets; those already in the ring stay. An empty set
   /// accepts nothing; 0 is as 1. The rate is exact up to 1 / 2^33 of it. Throws ErrnoException when
   /// the kernel refuses the filter; the one before then stays.
-  void filterIs(std::vector<uint32_t> interfaces, uint32_t sampleRate);
+  void filterIs(const PacketFilter& filter);
+  /// Makes what `filterIs` takes, on any thread: here rights to load programs are needed, not
+  /// there.
+  PacketFilter filter(std::vector<uint32_t> interfaces, uint32_t sampleRate) const;
+  void filterIs(std::vector<uint32_t> interfaces, uint32_t sampleRate) {
+    filterIs(filter(std::move(interfaces), sampleRate));
+  }
 
   /// Ends the capture, for good, and gives its memory back. As its destructor does; closing a
   /// packet socket takes the kernel some 35 ms, and opening one as much.
   void close();
+
+  /// The kernel's errno when it takes no program of its extended machine (EPERM: no right to load
+  /// one; EINVAL, EACCES: it is too old). Then a packet that is several segments counts as one, and
+  /// the direction `once` is `ingress`. 0: none of this.
+  int programError() const { return programError_; }
 
   /// Readable when a block is ready.
   int fd() const { return fd_.get(); }
@@ -82,7 +98,9 @@ class PacketRing {
     size_t len;
     void operator()(uint8_t* at) const noexcept;
   };
-  static void packetIs(Packet& p, const tpacket3_hdr& h);
+  void packetIs(Packet& p, const tpacket3_hdr& h) const;
+  /// False: the kernel has no room for the program.
+  bool attached(const PacketFilter& filter, bool any);
   bool wanted(uint32_t interface) const;
 
   /// One of the rings that the process may have.
@@ -100,7 +118,8 @@ class PacketRing {
   std::unique_ptr<uint8_t, Unmap> ring_;
   uint32_t block_ = 0;                // the next to become ready
   std::vector<uint32_t> interfaces_;  // sorted
-  bool chooseHere_ = false;           // more interfaces than a filter of the kernel can hold
+  int programError_ = 0;
+  bool chooseHere_ = false;  // more interfaces than a filter of the kernel can hold
   Statistics statistics_;
 };
 

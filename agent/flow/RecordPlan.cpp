@@ -17,8 +17,10 @@ enum Element : uint16_t {
   tcpControlBits = 6,
   sourceIPv4Address = 8,
   sourceIPv4PrefixLength = 9,
+  ingressInterface = 10,
   destinationIPv4Address = 12,
   destinationIPv4PrefixLength = 13,
+  egressInterface = 14,
   minimumIpTotalLength = 25,
   maximumIpTotalLength = 26,
   sourceIPv6Address = 27,
@@ -58,19 +60,20 @@ constexpr Place places[] = {
     {5, At::tos, 1, false},
     {7, At::srcPort, 2, true},
     {sourceIPv4Address, At::source, 4, false},
-    {10, At::ingress, 4, true},
+    {ingressInterface, At::ingress, 4, true},
     {11, At::dstPort, 2, true},
     {destinationIPv4Address, At::destination4, 4, false},
-    {14, At::egress, 4, true},
+    {egressInterface, At::egress, 4, true},
     {sourceIPv6Address, At::source, 16, false},
     {destinationIPv6Address, At::destination6, 16, false},
     {31, At::flowLabel, 4, true},
     {32, At::icmp, 2, true},
     {56, At::srcMac, 6, false},
     {58, At::vlanId, 2, true},
+    {61, At::direction, 1, false},
     {mplsTopLabelStackSection, At::mpls, 3, false},
     {80, At::dstMac, 6, false},
-    {interfaceName, At::ingress, 4, true},
+    {interfaceName, At::observed, 4, true},
     {139, At::icmp, 2, true},
     {243, At::vlanId, 2, true},
     {245, At::customerVlan, 2, true},
@@ -116,9 +119,9 @@ uint64_t ntpMicroseconds(int64_t ms, uint32_t ns) {
 }
 
 /// Of the interface whose index lies there; empty: it was never told.
-std::string_view nameOf(const RecordContext& context, const char* ingress) {
+std::string_view nameOf(const RecordContext& context, const char* observed) {
   uint32_t index = 0;
-  std::memcpy(&index, ingress, sizeof index);
+  std::memcpy(&index, observed, sizeof index);
   const auto name = context.interfaceNames.find(index);
   return name == context.interfaceNames.end() ? std::string_view() : name->second;
 }
@@ -319,6 +322,8 @@ RecordPlan::RecordPlan(const RecordDefinition& definition, FlowTracking::Templat
     for (const auto& [field, key] : layout.fields) {
       namesInterfaces_ = namesInterfaces_ || field->element == interfaceName;
       mpls_ = mpls_ || field->element == mplsTopLabelStackSection;
+      tellsInterfaces_ = tellsInterfaces_ || field->element == ingressInterface ||
+                         field->element == egressInterface;
     }
   }
 }
@@ -341,38 +346,40 @@ constexpr uint64_t sixOctets = 0xffffffffffff;
 size_t takeLink(const Packet& p, const Parsed& parsed, uint32_t interface, PacketFacts& f) {
   uint64_t customerVlan = 0;
   size_t ipAt = 14;
+  const uint64_t observed = uint64_t{interface} << 32 | uint64_t{p.leaves} << 24;
   const uint8_t* const o = p.octets;
   const bool plain = p.link == LinkLayer::ethernet && parsed.error == ParseError::none &&
                      (parsed.ipv6 ? o[12] == 0x86 && o[13] == 0xdd : o[12] == 8 && o[13] == 0);
   if (plain) {
     f.word[PacketFacts::dstMac / 8] = (load64(o) & sixOctets) | (load64(o + 6) & ~sixOctets);
     f.word[PacketFacts::srcMac / 8] = load64(o + 6) & sixOctets;
-    f.word[PacketFacts::mpls / 8] = 0;
+    f.word[PacketFacts::mpls / 8] = observed;
   } else {
     const LinkFacts link = linkFacts(p);
     const uint16_t type = link.network.etherType;
     const uint64_t etherType = type < 0x600 ? 0 : networkOrder(type);
     f.word[PacketFacts::dstMac / 8] = link.dstMac | etherType << 48;
     f.word[PacketFacts::srcMac / 8] = link.srcMac;
-    f.word[PacketFacts::mpls / 8] = link.mpls;
+    f.word[PacketFacts::mpls / 8] = link.mpls | observed;
     customerVlan = link.customerVlan;
     ipAt = link.ipAt;
     // Of IP packets the parser says it.
     f.word[PacketFacts::srcPort / 8] = uint64_t{link.network.vlanId} << 48;
   }
-  f.word[PacketFacts::ingress / 8] = interface | customerVlan << 32;
-  f.word[PacketFacts::egress / 8] = 0;  // not known at the ingress
+  f.word[PacketFacts::ingress / 8] = customerVlan << 32;
+  f.word[PacketFacts::egress / 8] = 0;
   return ipAt;
 }
 }  // namespace
 
 bool RecordPlan::sample(const Packet& packet, const Parsed& parsed, uint32_t interface,
-                        PlannedSample& out) const {
+                        const HostAddresses& host, PlannedSample& out) const {
   const size_t kind = parsed.error != ParseError::none ? 2 : parsed.ipv6 ? 1 : 0;
   out.layout = formatOf_[kind];
   if (out.layout == noLayout) return false;
   PacketFacts& f = out.facts;
   const size_t ipAt = takeLink(packet, parsed, interface, f);
+  FlowInterfaces interfaces;
   const auto flow = [&](const auto& key, uint8_t icmpProtocol, size_t ttlAt) {
     std::memcpy(&f.word[0], &key, 2 * key.ipLen);
     f.word[PacketFacts::srcPort / 8] = load64(&key.rest);
@@ -381,6 +388,8 @@ bool RecordPlan::sample(const Packet& packet, const Parsed& parsed, uint32_t int
     out.ipOctets = parsed.ipOctets;
     out.tcpFlags = parsed.tcpFlags;
     out.ttl = packet.octets[ipAt + ttlAt];
+    if (tellsInterfaces_)
+      interfaces = flowInterfaces(interface, packet.leaves, key.src, key.dst, host);
   };
   if (kind == 0) {
     flow(parsed.key4, 1, 8);
@@ -391,9 +400,23 @@ bool RecordPlan::sample(const Packet& packet, const Parsed& parsed, uint32_t int
     out.ipOctets = 0;
     out.tcpFlags = 0;
     out.ttl = 0;
+    // No address of a kind that this machine's could be compared with.
+    using None = std::array<uint8_t, 4>;
+    interfaces = flowInterfaces(interface, packet.leaves, None{}, None{}, host);
   }
+  f.word[PacketFacts::ingress / 8] |= interfaces.ingress;
+  f.word[PacketFacts::egress / 8] |= interfaces.egress;
   // A tag that the device took off was on the wire as well.
-  out.layer2Octets = packet.wireLen + (packet.hasVlan ? 4 : 0);
+  const uint32_t tagLen = packet.hasVlan ? 4 : 0;
+  out.layer2Octets = packet.wireLen + tagLen;
+  out.segments = kind < 2 ? parsed.packets : 1;
+  uint32_t each = out.ipOctets;
+  if (out.segments > 1) {
+    out.layer2Octets +=
+        parsed.repeated() + (out.segments - 1) * (static_cast<uint32_t>(ipAt) + tagLen);
+    each = (each + out.segments - 1) / out.segments;
+  }
+  out.packetOctets = static_cast<uint16_t>(std::min<uint32_t>(each, UINT16_MAX));
   out.timeMs = packet.timeNs / 1000000;
   out.timeNs = static_cast<uint32_t>(packet.timeNs - out.timeMs * 1000000);
   formats_[out.layout].takeKey(out);

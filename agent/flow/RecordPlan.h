@@ -35,6 +35,8 @@ struct PacketFacts {
     egress = 64,
     flowLabel = 68,
     mpls = 72,
+    direction = 75,
+    observed = 76,  // the interface that the packet was counted at
     end = 80
   };
   static constexpr size_t words = end / 8;
@@ -49,14 +51,17 @@ struct PlannedSample {
   uint32_t place;
   int64_t timeMs;
   uint32_t timeNs;  ///< of the millisecond
-  uint32_t ipOctets;
-  uint32_t layer2Octets;
-  uint8_t layout;  ///< its index among the plan's formats
+  uint32_t segments;
+  uint32_t ipOctets;      ///< of all segments
+  uint32_t layer2Octets;  ///< so are these
+  uint16_t packetOctets;  ///< of an IP packet: of segments on average, of 65536 and more 65535
+  uint8_t layout;         ///< its index among the plan's formats
   uint8_t tcpFlags;
   uint8_t ttl;
 
   uint8_t flags() const { return tcpFlags; }
   uint32_t octets() const { return ipOctets; }
+  uint32_t packets() const { return segments; }
 };
 
 /// What is known of one flow, whatever its record has of it, as far as packets need it. Behind it
@@ -129,14 +134,13 @@ class PlannedFormat {
   void count(Entry& e, const PlannedSample& s) const {
     if (layer2_ > 0) e.words()[layer2_] += s.layer2Octets;
     if (nanoseconds_ > 0) countNanoseconds(e, s);
-    ++e.packets;
+    e.packets += s.segments;
     e.octets += s.ipOctets;
     e.tcpFlags |= s.tcpFlags;
     e.leastTtl = std::min(e.leastTtl, s.ttl);
     e.mostTtl = std::max(e.mostTtl, s.ttl);
-    const auto octets = static_cast<uint16_t>(std::min<uint32_t>(s.ipOctets, UINT16_MAX));
-    e.leastOctets = std::min(e.leastOctets, octets);
-    e.mostOctets = std::max(e.mostOctets, octets);
+    e.leastOctets = std::min(e.leastOctets, s.packetOctets);
+    e.mostOctets = std::max(e.mostOctets, s.packetOctets);
     e.firstMs = std::min(e.firstMs, s.timeMs);
     e.lastMs = std::max(e.lastMs, s.timeMs);
   }
@@ -207,6 +211,8 @@ class RecordPlan {
   std::array<uint16_t, packetKinds> recordLens() const;
   /// By its place; a place may have none.
   const std::vector<PlannedFormat>& formats() const { return formats_; }
+  /// A record has indexes of interfaces, which depend on the addresses of this machine.
+  bool tellsInterfaces() const { return tellsInterfaces_; }
   bool namesInterfaces() const { return namesInterfaces_; }
   /// The parser is to look for IP packets behind MPLS labels.
   bool mpls() const { return mpls_; }
@@ -214,7 +220,7 @@ class RecordPlan {
   /// Fills all of the sample but hash and place. `parsed` is what the parser said of the packet,
   /// and `interface` what is exported. False: the record is not about packets like this.
   bool sample(const Packet& packet, const Parsed& parsed, uint32_t interface,
-              PlannedSample& out) const;
+              const HostAddresses& host, PlannedSample& out) const;
 
  private:
   static constexpr uint8_t noLayout = UINT8_MAX;
@@ -223,6 +229,7 @@ class RecordPlan {
   bool standard_;
   bool namesInterfaces_ = false;
   bool mpls_ = false;
+  bool tellsInterfaces_ = false;
   std::vector<PlannedFormat> formats_;                                       // without gaps
   std::array<uint8_t, packetKinds> formatOf_{noLayout, noLayout, noLayout};  // by kind of packet
 };

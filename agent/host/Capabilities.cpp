@@ -13,8 +13,8 @@
 namespace agent {
 namespace {
 
-constexpr int needed[] = {CAP_NET_RAW, CAP_SYS_ADMIN, CAP_NET_ADMIN, CAP_NET_BIND_SERVICE,
-                          CAP_DAC_READ_SEARCH};
+constexpr int needed[] = {CAP_NET_RAW,          CAP_SYS_ADMIN,       CAP_NET_ADMIN,
+                          CAP_NET_BIND_SERVICE, CAP_DAC_READ_SEARCH, CAP_BPF};
 
 using Sets = std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3>;
 

@@ -11,6 +11,8 @@ namespace agent {
 ///   CAP_SYS_ADMIN         entering the namespaces of VRFs
 ///   CAP_NET_ADMIN         receive buffers beyond net.core.rmem_max, for devices that send bursts
 ///   CAP_NET_BIND_SERVICE  a local collector on a port below 1024
+///   CAP_BPF               telling what this machine sends from what it forwards, and how many
+///                         segments a packet has, where CAP_SYS_ADMIN is not there
 ///   CAP_DAC_READ_SEARCH   reloading a file that only its owner may read, where root started it
 void keepNeededCapabilities();
 

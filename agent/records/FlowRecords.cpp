@@ -37,6 +37,7 @@ constexpr RecordField fieldTable[] = {
     {"maximumTTL", 53, 1, ipPackets, false},
     {"sourceMacAddress", 56, 6, allPackets, true},
     {"vlanId", 58, 2, allPackets, true},
+    {"flowDirection", 61, 1, allPackets, true},
     {"mplsTopLabelStackSection", 70, 3, allPackets, true},
     {"destinationMacAddress", 80, 6, allPackets, true},
     {"interfaceName", 82, 32, allPackets, true},
@@ -96,17 +97,18 @@ std::map<std::string, RecordDefinition> makeBuiltIn() {
   const Names counts = {"octetDeltaCount", "packetDeltaCount", "flowStartMilliseconds",
                         "flowEndMilliseconds"};
   const Names keys =
-      addresses + ports + Names{"ipClassOfService", "vlanId", "ingressInterface", "ingressVRFID"};
-  const Names standard = keys + Names{"egressInterface"} + counts +
-                         Names{"tcpControlBits", "flowEndReason", "flowLabelIPv6"};
+      addresses + ports + Names{"ipClassOfService", "vlanId",          "ingressInterface",
+                                "ingressVRFID",     "egressInterface", "flowDirection"};
+  const Names standard = keys + counts + Names{"tcpControlBits", "flowEndReason", "flowLabelIPv6"};
+  const Names interfaces = {"ingressInterface", "egressInterface", "flowDirection"};
   const Names macs = {"sourceMacAddress", "destinationMacAddress", "ethernetType", "dot1qVlanId",
                       "dot1qCustomerVlanId"};
   return {
       {"minimal", {addresses + ports + counts, addresses + ports}},
       {standardRecordName, {standard, keys}},
       {"layer2",
-       {macs + Names{"ingressInterface", "layer2OctetDeltaCount"} + counts + Names{"flowEndReason"},
-        macs + Names{"ingressInterface"}}},
+       {macs + interfaces + Names{"layer2OctetDeltaCount"} + counts + Names{"flowEndReason"},
+        macs + interfaces}},
       {"full",
        {standard + macs +
             Names{"minimumTTL", "maximumTTL", "minimumIpTotalLength", "maximumIpTotalLength",
@@ -120,6 +122,11 @@ bool sameFields(const RecordLayout& a, const RecordLayout& b) {
                     [](const auto& x, const auto& y) { return x.field == y.field; });
 }
 }  // namespace
+
+std::string_view toText(Direction d) {
+  static constexpr std::string_view names[] = {"ingress", "egress", "both", "once"};
+  return names[static_cast<size_t>(d)];
+}
 
 std::span<const RecordField> recordFields() { return fieldTable; }
 const RecordField* recordField(std::string_view name) {

@@ -18,6 +18,17 @@ inline constexpr PacketKinds ipPackets = ipv4Packets | ipv6Packets;
 inline constexpr PacketKinds allPackets = ipPackets | otherFrames;
 inline constexpr size_t packetKinds = 3;
 
+/// Which packets of its interfaces a tracker counts.
+enum class Direction : uint8_t {
+  ingress,  ///< those that arrive
+  egress,   ///< those that leave: sent by this machine, or forwarded
+  both,     ///< a forwarded packet once where it arrives and once where it leaves
+  once,     ///< those that arrive, and of those that leave what this machine sends itself
+};
+inline constexpr Direction directions[] = {Direction::ingress, Direction::egress, Direction::both,
+                                           Direction::once};
+std::string_view toText(Direction d);  ///< "ingress", ...
+
 /// One information element that the software flow path knows to fill.
 struct RecordField {
   const char* name;   ///< IANA's

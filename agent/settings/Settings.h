@@ -39,7 +39,9 @@ struct TrackerSettings {
   FlowTracking::FtId id = 0;  ///< observation domain id, unique over all trackers
   FlowTracking::FlowTrackingType type = FlowTracking::FlowTrackingType::software;
   std::vector<std::string> interfaces;  ///< patterns of the interfaces whose packets are tracked
-  uint32_t sampleRate = 1;              ///< one packet out of this many
+  Direction direction = Direction::ingress;  ///< of the packets that are tracked
+  bool ownExport = false;                    ///< the agent's own messages are tracked as well
+  uint32_t sampleRate = 1;                   ///< one packet out of this many
   std::chrono::milliseconds activeInterval{60000};
   std::chrono::milliseconds inactiveTimeout{15000};
   uint16_t localPort = 4739;  ///< where devices send to, of a hardware tracker; 0: any

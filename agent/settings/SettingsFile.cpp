@@ -186,6 +186,14 @@ void followRecord(Section& s, const Settings& all, TrackerSettings& t) {
     for (const auto& [name, record] : *records) known.emplace_back(name);
     if (const auto it = records->find(t.record); it != records->end()) {
       t.definition = it->second;
+      const auto& keys = t.definition.keys;
+      if (t.direction == Direction::both &&
+          std::find(keys.begin(), keys.end(), "flowDirection") == keys.end())
+        s.refuse("direction",
+                 "record " + keyText(t.record) +
+                     " does not tell what arrives from what leaves, so a forwarded packet would "
+                     "count twice in one flow: it needs flowDirection among its keys, or the "
+                     "tracker another direction");
       return;
     }
   }

@@ -19,7 +19,7 @@ constexpr size_t interfaceNameMax = 15;  // IFNAMSIZ without its terminator
 constexpr size_t socketPathMax = 107;    // sockaddr_un::sun_path without its terminator
 // What must fit into one packet: IPv6, UDP, message and set headers with the longest record. That
 // is an options record about an interface (index, length, 254 octets of name); one about a tracker
-// has up to 21 + 128. Templates travel in one message, which is shorter: 152 octets for flows.
+// has up to 21 + 128. Templates travel in one message, which is shorter: 168 octets for flows.
 constexpr uint32_t mtuMin = 40 + 8 + 16 + 4 + (4 + 1 + FlowTracking::IntfIndexMap::nameMax);
 constexpr uint32_t mtuMax = 65535;          // the length field of an IPv4 packet
 constexpr int64_t maxFlowsMax = 100000000;  // 17 GB
@@ -137,19 +137,52 @@ struct Vrf {
   std::string write(const VrfName& v) const { return tomlText(v.stringValue()); }
 };
 
-struct Type {
-  std::string values() const { return R"(`"software"` or `"hardware"`)"; }
-  std::string schema() const { return R"("enum": ["software", "hardware"])"; }
-  std::string read(const toml::node& node, FlowTrackingType& out) const {
+/// One of several words.
+template <class T>
+struct Choice {
+  const char* noun;
+  std::vector<T> all;
+
+  std::string values() const { return joined("`"); }
+  std::string schema() const {
+    std::string texts;
+    for (const T v : all) texts += (texts.empty() ? "" : ", ") + jsonText(toText(v));
+    return "\"enum\": [" + texts + ']';
+  }
+  std::string read(const toml::node& node, T& out) const {
     const auto* value = node.as_string();
-    for (const auto type : {FlowTrackingType::software, FlowTrackingType::hardware})
-      if (value && value->get() == toText(type)) {
-        out = type;
+    for (const T v : all)
+      if (value && value->get() == toText(v)) {
+        out = v;
         return {};
       }
-    return R"(a tracker's type is "software" or "hardware")";
+    return std::string(noun) + " is " + joined("");
   }
-  std::string write(FlowTrackingType v) const { return tomlText(toText(v)); }
+  std::string write(T v) const { return tomlText(toText(v)); }
+
+ private:
+  std::string joined(const char* quote) const {
+    std::string text;
+    for (size_t i = 0; i < all.size(); ++i) {
+      if (i > 0) text += i + 1 < all.size() ? ", " : " or ";
+      text += quote + tomlText(toText(all[i])) + quote;
+    }
+    return text;
+  }
+};
+
+struct YesNo {
+  const char* noun;
+
+  std::string values() const { return "`true` or `false`"; }
+  std::string schema() const { return member("type", "\"boolean\""); }
+  std::string read(const toml::node& node, bool& out) const {
+    const auto* value = node.as_boolean();
+    if (!value) return std::string(noun) + " is true or false, without quotes";
+    out = value->get();
+    return {};
+  }
+  std::string write(bool v) const { return v ? "true" : "false"; }
 };
 
 struct Patterns {
@@ -335,8 +368,7 @@ const std::vector<SettingsKey<RecordDefinition>>& settingsKeys() {
           "the names of the fields that the record has"),
       key("keys", &S::keys, FieldNames{},
           "Those of the fields that tell flows apart: packets that have the same values of them "
-          "are "
-          "one flow.",
+          "are one flow.",
           Effect::atOnce, "the names of the fields that tell flows apart"),
       key("prefix4", &S::prefix4, Integer<uint32_t>{"a prefix of IPv4 addresses", 1, 32, ", bits"},
           "So much counts of an IPv4 address; what is behind is 0 in records, and tells no flows "
@@ -355,12 +387,23 @@ const std::vector<SettingsKey<TrackerSettings>>& settingsKeys() {
           Integer<FlowTracking::FtId>{"an observation domain id", 0, UINT32_MAX, ", unique"},
           "Observation domain id of all messages of this tracker.", Effect::trackerAnew,
           "the observation domain id, an integer of its own for each tracker"),
-      key("type", &S::type, Type{}, "Who tracks the flows.", Effect::trackerAnew),
+      key("type", &S::type,
+          Choice<FlowTrackingType>{"a tracker's type",
+                                   {FlowTrackingType::software, FlowTrackingType::hardware}},
+          "Who tracks the flows.", Effect::trackerAnew),
       key("interfaces", &S::interfaces, Patterns{},
           "Interfaces whose packets are tracked, as they come and go, of a tracker of type "
-          "`\"software\"`: `\"eth0\"`, `\"eth*\"`, in other VRFs `\"red/eth0\"`, `\"red/*\"`. What "
-          "arrives is counted, not what this host sends; on `lo` each packet once. Needs "
-          "CAP_NET_RAW."),
+          "`\"software\"`: `\"eth0\"`, `\"eth*\"`, in other VRFs `\"red/eth0\"`, `\"red/*\"`. "
+          "Needs CAP_NET_RAW."),
+      key("direction", &S::direction,
+          Choice<Direction>{"a direction", {std::begin(directions), std::end(directions)}},
+          "Of a tracker of type `\"software\"`: the packets that are counted at its interfaces: "
+          "those that arrive, those that leave, or both; or each packet once, which is what "
+          "arrives and what this machine sends itself ([below](#direction)).",
+          Effect::flowsAnew),
+      key("own-export", &S::ownExport, YesNo{"own-export"},
+          "Of a tracker of type `\"software\"`: whether it counts the messages that this agent "
+          "itself sends ([below](#direction))."),
       key("sample-rate", &S::sampleRate,
           Integer<uint32_t>{"a sample rate, one packet out of so many,", 1, UINT32_MAX},
           "One packet out of so many is looked at."),
@@ -411,9 +454,9 @@ const std::vector<SettingsKey<ExporterSettings>>& settingsKeys() {
           "How often templates are sent again, in whole seconds: `\"1500ms\"` is every second. A "
           "change sends at once."),
       key("rate-limit", &S::rateLimit, Rate{},
-          "How fast this exporter sends at most, in each family: `\"100 Mbit/s\"`, `\"12.5 "
-          "MB/s\"`, "
-          "`\"8000 messages/s\"` (k, M and G are powers of 1000; octets are those of UDP payload), "
+          "How fast this exporter sends at most, in each family: `\"100 Mbit/s\"`, "
+          "`\"12.5 MB/s\"`, `\"8000 messages/s\"` (k, M and G are powers of 1000; octets are those "
+          "of UDP payload), "
           "or `\"none\"`. What is beyond waits, nothing is dropped for it. `\"default\"` is 8000 "
           "messages a second in bursts of 32, which a collector's socket holds that was given no "
           "more room than usual."),

@@ -22,6 +22,10 @@ struct Packet {
   LinkLayer link = LinkLayer::ethernet;
   bool hasVlan = false;  ///< the outermost tag was taken off by the device; it stands in `vlanTci`
   uint16_t vlanTci = 0;
+  bool leaves = false;  ///< this machine sends it on the interface; otherwise it arrived there
+  /// Packets that it is on the wire, where the device or the kernel cuts it, or put it together,
+  /// elsewhere; each has the headers again.
+  uint32_t segments = 1;
 };
 
 // https://www.iana.org/assignments/ieee-802-numbers

@@ -60,10 +60,12 @@ void UdpPamLinux::open() {
     throw ErrnoException(err, name_ + ": " + what);
   };
   Fd socket;
+  NetnsId netns;
   {
     const NetnsScope scope(ns.empty() ? std::string() : netnsDir_ + '/' + ns);
     socket = Fd(::socket(family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_UDP));
     if (!socket) refuse("socket");
+    netns = scope.id();
   }
   auto option = [&](int level, int opt, int value, const char* what) {
     if (::setsockopt(socket.get(), level, opt, &value, sizeof value) != 0) refuse(what);
@@ -98,6 +100,7 @@ void UdpPamLinux::open() {
   // the kernel's bounded buffer.
   watch_ = loop_->fdWatch(socket.get(), 0, [this](uint32_t events) { handleEvents(events); });
   boundPort_ = ntohs(ipv6En_ ? local.v6.sin6_port : local.v4.sin_port);
+  ownPort_.emplace(netns, boundPort_);
   socketIpv6_ = ipv6En_;
   socketTos_ = 0;
   wayChanged_ = true;  // the family may be another
@@ -151,6 +154,7 @@ void UdpPamLinux::close() {
   countRxDrops();
   watch_ = nullptr;
   socket_.close();
+  ownPort_.reset();
   wayChanged_ = true;
   full_ = false;
   errors_.clear();

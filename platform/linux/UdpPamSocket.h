@@ -13,6 +13,7 @@
 #include "platform/linux/EventLoop.h"
 #include "platform/linux/Fd.h"
 #include "platform/linux/LinuxPlatformOptions.h"
+#include "platform/linux/OwnPorts.h"
 #include "platform/linux/Pacer.h"
 #include "platform/linux/SendErrors.h"
 #include "platform/linux/UdpMessages.h"
@@ -131,6 +132,7 @@ class UdpPamLinux final : public UdpPam {
   Fd socket_;
   bool socketIpv6_ = false;
   uint16_t boundPort_ = 0;
+  std::optional<OwnPorts::Use> ownPort_;
   std::unique_ptr<EventLoop::FdWatch> watch_;
   uint8_t socketTos_ = 0;
   bool full_ = false;  // the socket has no room; EPOLLOUT is awaited

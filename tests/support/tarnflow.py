@@ -12,12 +12,12 @@ TOOL = f"{BUILD}/bin/tarnflow"
 
 # Octets of the elements that our templates use, as IANA's IPFIX registry gives their types.
 LENGTH = {1: 8, 2: 8, 4: 1, 5: 1, 6: 2, 7: 2, 8: 4, 10: 4, 11: 2, 12: 4, 14: 4, 27: 16, 28: 16,
-          31: 4, 36: 2, 37: 2, 58: 2, 82: 65535, 136: 1, 145: 2, 149: 4, 152: 8, 153: 8, 173: 8, 234: 4,
+          31: 4, 36: 2, 37: 2, 58: 2, 61: 1, 82: 65535, 136: 1, 145: 2, 149: 4, 152: 8, 153: 8, 173: 8, 234: 4,
           236: 65535, 300: 65535, 304: 2, 309: 4, 310: 4}
 ENTERPRISE = 99991
 
 # Flow templates: 5-tuple, class of service, where it came in; then what is counted.
-FLOW4 = (8, 12, 7, 11, 4, 5, 58, 10, 234, 14, 1, 2, 152, 153, 6, 136)
+FLOW4 = (8, 12, 7, 11, 4, 5, 58, 10, 234, 14, 61, 1, 2, 152, 153, 6, 136)
 FLOW6 = (27, 28, *FLOW4[2:], 31)
 DATA_TEMPLATES = {256: (0, tuple((e, LENGTH[e], 0) for e in FLOW4)),
                   257: (0, tuple((e, LENGTH[e], 0) for e in FLOW6))}

@@ -19,7 +19,7 @@ from wire import Capture, Nfcapd, no_faults, tshark
 from wire_maker import pcap
 
 FLOWS = 10000
-RECORD_LEN = {256: 63, 257: 91}
+RECORD_LEN = {256: 64, 257: 92}
 FAR = {"nf4": ("10.99.0.2", 9995), "nf6": ("fd99::2", 9995), "more4": ("10.99.0.3", 9996),
        "more6": ("fd99::3", 9996)}
 

@@ -68,7 +68,7 @@ def test_softflowd(lab, vrf, family):
     # The fields of softflowd that the registry knows, with the lengths that softflowd uses.
     fields = {f for d in decoded for t in d.templates if t.scope_count == 0 for f in t.fields}
     known = {element for element, _, _ in fields}
-    assert known >= {1, 2, 4, 7, 8, 11, 12, 27, 28, 32, 139, 152, 153} and not known & {60, 61}
+    assert known >= {1, 2, 4, 7, 8, 11, 12, 27, 28, 32, 61, 139, 152, 153} and 60 not in known
     assert {length for element, length, _ in fields if element in (1, 2)} == {4}
 
 

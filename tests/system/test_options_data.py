@@ -42,7 +42,7 @@ def test_every_collector_knows_the_truth(lab, far):
         truth = {**{(INTERFACE, i): (n,) for i, n in (PSEUDO | {FIRST_GIVEN: f"{LONG}/lo"} | {
             link["ifindex"]: link["ifname"] for link in links}).items()},
             **{(VRF, i): (n,) for i, n in {0: "default", 10: "red", 1: LONG, 0xFFFFFF: ""}.items()},
-            **{(FLOW_KEY, t): (0x1FF,) for t in (256, 257)},
+            **{(FLOW_KEY, t): (0x7FF,) for t in (256, 257)},
             (TRACKER, 7): ("edge", 60, timeout, 3, 1, rate, 1)}
         wait_for("every table everywhere", lambda: all(
             {r[:2]: r[2] for m in heard(a) for r in records(m)}.items() >= truth.items()

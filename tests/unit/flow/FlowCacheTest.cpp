@@ -34,6 +34,7 @@ struct FlowCacheTest : testing::Test {
     std::string problem;
     const auto registry = Ipfix::elementIdCollFactory();
     registry->doInitialize();
+    addRecordElements(*registry);
     for (const auto& t : flowTemplates(recordLayouts(builtInRecords().at(standardRecordName)),
                                        firstFlowTemplate, *registry, problem))
       for (const auto& [position, entry] : t->ftTemplateEntry())
@@ -62,7 +63,7 @@ struct FlowCacheTest : testing::Test {
   void cacheIs(size_t maxFlows, FlowTimes times = {}) {
     queue.emplace(plan.recordLens());
     cache.emplace(maxFlows, times, 7, plan, *queue);
-    cache->contextIs({.vrfId = 10, .interfaceNames = {}});
+    cache->contextIs({.vrfId = 10, .interfaceNames = {}, .host = {}});
     cache->holdIs(false);
   }
   FlowCache::Sample sample(uint16_t port, int64_t ms, uint8_t flags = 0, uint32_t octets = 100,

@@ -90,6 +90,16 @@ class PacketRingTest : public agent::World {
         name + "-peer index " + std::to_string(index + 1));
     run("ip link set dev " + name + " up && ip link set dev " + name + "-peer up");
   }
+  /// The device t, which takes packets from the test; nothing: there are no such devices.
+  static platform::Fd deviceT(int flags) {
+    platform::Fd tun(::open("/dev/net/tun", O_RDWR));
+    ifreq request{};
+    std::strcpy(request.ifr_name, "t");
+    request.ifr_flags = static_cast<short>(flags | IFF_NO_PI);
+    if (!tun || ::ioctl(tun.get(), TUNSETIFF, &request) != 0) return {};
+    run("ip link set dev t up");
+    return tun;
+  }
   static PacketRing::Options options() {
     PacketRing::Options o;
     o.blocks = 8;
@@ -99,12 +109,8 @@ class PacketRingTest : public agent::World {
 };
 
 TEST_F(PacketRingTest, DeviceWithoutLinkLayer) {
-  const platform::Fd tun(::open("/dev/net/tun", O_RDWR));
-  ifreq request{};
-  std::strcpy(request.ifr_name, "t");
-  request.ifr_flags = IFF_TUN | IFF_NO_PI;
-  if (!tun || ::ioctl(tun.get(), TUNSETIFF, &request) != 0) GTEST_SKIP() << "no tun devices";
-  run("ip link set dev t up");
+  const platform::Fd tun = deviceT(IFF_TUN);
+  if (!tun) GTEST_SKIP() << "no tun devices";
   PacketRing ring(options());
   ring.filterIs({if_nametoindex("t")}, 1);
   ASSERT_EQ(::write(tun.get(), ip(77).data(), 50), 50);
@@ -113,6 +119,49 @@ TEST_F(PacketRingTest, DeviceWithoutLinkLayer) {
   EXPECT_EQ(seen[0].packet.link, LinkLayer::raw);
   EXPECT_EQ(seen[0].packet.wireLen, 50u);
   EXPECT_EQ(seen[0].octets, ip(77));
+}
+
+/// A virtual machine hands over a packet and the length of its segments, and leaves the counting to
+/// others; what its headers say need not be true.
+TEST_F(PacketRingTest, SegmentsThatNobodyCounted) {
+  const platform::Fd tap = deviceT(IFF_TAP | IFF_VNET_HDR);
+  if (!tap) GTEST_SKIP() << "no tap devices";
+  PacketRing ring(options());
+  if (ring.programError() != 0) GTEST_SKIP() << "no right to load a program";
+  ring.filterIs({if_nametoindex("t")}, 1);
+  constexpr uint8_t none = 0, tcp4 = 1, tcp6 = 4, udpAny = 5;
+  const auto v4 = [](uint8_t protocol, const Octets& rest) { return Ip4{}(protocol, rest); };
+  const auto v6 = [](uint8_t protocol, const Octets& rest) { return Ip6{}(protocol, rest); };
+  const Octets plain = v4(6, tcp(1, 2, 0x10, 400));
+  Octets options4 = tcp(1, 2, 0x10, 412), wrong = plain;
+  options4[12] = 0x80;          // 12 octets of the 412 are options
+  wrong[2] = 0, wrong[3] = 30;  // a total length without room for the headers
+  const std::tuple<uint8_t, Octets, uint32_t> cases[] = {
+      {none, plain, 1},
+      {tcp4, plain, 4},
+      {tcp4, v4(6, options4), 4},
+      {tcp4, wrong, 1},
+      {tcp6, v6(6, tcp(1, 2, 0x10, 401)), 5},
+      {udpAny, v4(17, udp(1, 2, 399)), 4},
+      {udpAny, v6(17, udp(1, 2, 301)), 4},
+  };
+  for (const auto& [kind, packet, segments] : cases) {
+    const bool ipv6 = packet[0] >> 4 == 6, udp = kind == udpAny;
+    const uint16_t transport = ipv6 ? 54 : 34;
+    // struct virtio_net_hdr of linux/virtio_net.h, which C++ does not take: flags (a checksum is
+    // needed), kind; octets of headers, of a segment, where the checksum begins and is.
+    Octets all{1, kind};
+    const uint16_t numbers[] = {transport, uint16_t(kind == none ? 0 : 100), transport,
+                                uint16_t(udp ? 6 : 16)};
+    const auto* const octets = reinterpret_cast<const uint8_t*>(numbers);
+    all.insert(all.end(), octets, octets + sizeof numbers);
+    all.add(ethernet(ipv6 ? 0x86dd : 0x0800, packet));
+    ASSERT_EQ(::write(tap.get(), all.data(), all.size()), ssize_t(all.size()));
+    const std::vector<Seen> seen = collect(ring, 1);
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].packet.segments, segments) << packet.size();
+    EXPECT_EQ(seen[0].packet.wireLen, all.size() - 2 - sizeof numbers);
+  }
 }
 
 /// A ring hears what arrives at the interfaces of its list, and nothing that leaves there: of a

@@ -20,11 +20,15 @@ struct Made {
   Octets frame;
   PacketKinds kind = 0;
   std::map<uint16_t, std::vector<uint8_t>> value;  // by element, as on the wire
+  uint32_t packets = 1;
   uint64_t ipOctets = 0;
+  uint64_t packetOctets = 0;  // on average
   uint64_t layer2Octets = 0;
   uint64_t ttl = 0;
   uint64_t tcpFlags = 0;
   int64_t timeNs = 0;
+  uint32_t interface = 0;
+  bool leaves = false;
 };
 
 class RandomPackets {
@@ -47,7 +51,8 @@ class RandomPackets {
       protocol = what < 2 ? 1 : 58;
       rest = Octets{}.u8(8).u8(port).fill(6 + pick(50));
     } else {
-      rest = tcpPacket ? tcp(7, static_cast<uint16_t>(80 + port), static_cast<uint8_t>(m.tcpFlags))
+      rest = tcpPacket ? tcp(7, static_cast<uint16_t>(80 + port), static_cast<uint8_t>(m.tcpFlags),
+                             pick(300))
                        : udp(7, static_cast<uint16_t>(80 + port), pick(300));
     }
     uint16_t type = 0x0806;
@@ -55,6 +60,7 @@ class RandomPackets {
       m.kind = ipv4Packets;
       Ip4 ip{tos};
       ip.src = {10, 0, static_cast<uint8_t>(pick(2)), static_cast<uint8_t>(pick(2))};
+      if (pick(2)) ip.dst = pick(2) ? Octets{224, 0, 0, 9} : Octets{10, 0, 0, 1};
       put(8, ip.src);
       put(12, ip.dst);
       rest = ip(protocol, rest);
@@ -65,6 +71,7 @@ class RandomPackets {
       Ip6 ip{tos, 0xabc00 + pick(2)};
       ip.src[7] = static_cast<uint8_t>(pick(2));
       ip.src[15] = static_cast<uint8_t>(pick(2));
+      if (pick(2)) ip.dst = ip.src;
       put(27, ip.src);
       put(28, ip.dst);
       put(31, Octets{}.u32(ip.flowLabel));
@@ -78,13 +85,18 @@ class RandomPackets {
     }
     if (m.kind != otherFrames) {
       const uint32_t typeCode = icmp ? 0x800 + port : 0;
-      m.ipOctets = rest.size();
+      const uint64_t headers = (m.kind == ipv4Packets ? 20 : 40) + (tcpPacket ? 20 : 8);
+      if (!icmp && rest.size() > headers + 4) m.packets = 1 + pick(4);
+      m.ipOctets = rest.size() + (m.packets - 1) * headers;
+      m.packetOctets = (m.ipOctets + m.packets - 1) / m.packets;
+      m.layer2Octets = (m.packets - 1) * headers;
       put(4, {protocol});
       put(5, {tos});
       put(7, Octets{}.u16(icmp ? 0 : 7));
       put(11, Octets{}.u16(icmp ? typeCode : 80 + port));
       put(m.kind == ipv4Packets ? 32 : 139, Octets{}.u16(typeCode));
     }
+    const size_t ipLen = rest.size();
     if (mpls) {  // two labels, 20 bits each with the traffic class and the bottom bit
       rest = Octets{}.u32(label << 8 | 64).u32(0x00777100 | 63).add(rest);
       type = 0x8847;
@@ -96,16 +108,28 @@ class RandomPackets {
     m.frame = ethernet(type, rest);
     m.frame[5] = static_cast<uint8_t>(pick(2));
     m.frame[11] = static_cast<uint8_t>(pick(2));
-    m.layer2Octets = m.frame.size();
+    m.layer2Octets += m.frame.size() + (m.packets - 1) * (m.frame.size() - ipLen);
     put(80, Octets(m.frame.begin(), m.frame.begin() + 6));
     put(56, Octets(m.frame.begin() + 6, m.frame.begin() + 12));
     for (const uint16_t element : {58, 243}) put(element, Octets{}.u16(vlan));
     put(245, Octets{}.u16(customer));
     const uint32_t interface = 3 + pick(2);
-    put(10, Octets{}.u32(interface));
     Octets name = {'e', 't', 'h', static_cast<uint8_t>('0' + interface)};
     put(82, name.fill(28));
-    put(14, Octets{}.u32(0));
+    // One address of each family is this machine's; what is sent to it or from it meets the CPU.
+    m.leaves = pick(3) == 0;
+    const Octets own4 = {10, 0, 0, 1},
+                 own6 = {0x20, 1, 0xd, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+    const auto own = [&](uint16_t address4, uint16_t address6) {
+      if (m.kind == otherFrames) return false;
+      return m.kind == ipv4Packets ? m.value[address4] == own4 : m.value[address6] == own6;
+    };
+    const bool group = m.kind == ipv4Packets && m.value.at(12)[0] == 224;
+    const uint32_t ends = group ? 0x80000000 : own(12, 28) ? 0x3fffffff : 0;
+    put(61, {static_cast<uint8_t>(m.leaves)});
+    put(10, Octets{}.u32(!m.leaves ? interface : own(8, 27) ? 0x3fffffff : 0));
+    put(14, Octets{}.u32(m.leaves ? interface : ends));
+    m.interface = interface;
     put(234, Octets{}.u32(10));
     return m;
   }
@@ -149,7 +173,7 @@ std::vector<uint8_t> expectedField(const RecordDefinition& r, const RecordField&
     for (unsigned i = f.len; i-- > 0;) o.u8(static_cast<uint32_t>(v >> 8 * i));
     return o;
   };
-  const auto sum = [&](uint64_t Made::*what) {
+  const auto sum = [&](auto what) {
     uint64_t v = 0;
     for (const Made& m : packets) v += m.*what;
     return number(v);
@@ -164,10 +188,10 @@ std::vector<uint8_t> expectedField(const RecordDefinition& r, const RecordField&
   const auto is = [&](auto... element) { return ((f.element == element) || ...); };
   if (is(1, 85)) return sum(&Made::ipOctets);
   if (is(352, 353)) return sum(&Made::layer2Octets);
-  if (is(2, 86)) return number(packets.size());
+  if (is(2, 86)) return sum(&Made::packets);
   if (is(9, 13)) return number(r.prefix4);
   if (is(29, 30)) return number(r.prefix6);
-  if (is(25, 26)) return extreme(&Made::ipOctets, is(26));
+  if (is(25, 26)) return extreme(&Made::packetOctets, is(26));
   if (is(52, 53)) return extreme(&Made::ttl, is(53));
   if (is(136)) return number(static_cast<uint64_t>(EndReason::idleTimeout));
   if (is(150, 151)) return number(static_cast<uint64_t>(ns / 1'000'000'000));
@@ -204,15 +228,20 @@ TEST(RecordPlan, EachFieldIsWhatThePacketsSay) {
     const RecordLayouts layouts = recordLayouts(r);
     RecordQueue queue(plan.recordLens());
     FlowCache cache(100000, {.activeMs = 600000, .inactiveMs = 66000}, 7, plan, queue);
-    cache.contextIs({.vrfId = 10, .interfaceNames = {{3, "eth3"}, {4, "eth4"}}});
+    cache.contextIs({.vrfId = 10, .interfaceNames = {{3, "eth3"}, {4, "eth4"}}, .host = {}});
     cache.holdIs(false);
+    HostAddresses host;
+    host.ipv4.insert({10, 0, 0, 1});
+    host.ipv6.insert({0x20, 1, 0xd, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1});
     PacketParser parser(7, 4, plan.mpls());
     using Flow = std::pair<size_t, std::vector<uint8_t>>;  // its layout and the octets of its key
     std::map<Flow, std::vector<Made>> flows;
     for (int i = 0; i < 2000; ++i) {
-      const Made m = next();
+      Made m = next();
       Boxed box(m.frame);
       box.packet.timeNs = m.timeNs;
+      box.packet.leaves = m.leaves;
+      box.packet.segments = m.packets;
       Parsed parsed;
       PlannedSample sample;
       parser.parse(box.packet, parsed);
@@ -222,8 +251,14 @@ TEST(RecordPlan, EachFieldIsWhatThePacketsSay) {
           static_cast<size_t>(std::find_if(layouts.begin(), layouts.end(),
                                            [&](const RecordLayout& l) { return l.kinds & kind; }) -
                               layouts.begin());
-      ASSERT_EQ(plan.sample(box.packet, parsed, m.value.at(10)[3], sample), layout < 3);
+      ASSERT_EQ(plan.sample(box.packet, parsed, m.interface, host, sample), layout < 3);
       if (layout == 3) continue;
+      if (kind != m.kind) {  // nobody looked for its addresses
+        m.ipOctets = m.packetOctets = m.tcpFlags = 0;
+        m.packets = 1;
+        m.layer2Octets = m.frame.size();
+        m.value[m.leaves ? 10 : 14] = Octets{}.u32(0);
+      }
       Flow flow{layout, {}};
       for (const auto& [field, key] : layouts[layout].fields)
         if (key)
@@ -231,7 +266,6 @@ TEST(RecordPlan, EachFieldIsWhatThePacketsSay) {
             flow.second.push_back(o);
       auto& packets = flows[flow];
       packets.push_back(m);
-      if (kind != m.kind) packets.back().ipOctets = packets.back().tcpFlags = 0;
       cache.samplesIs(&sample, 1);
     }
     cache.nowIs(startMs + 600000);
@@ -282,7 +316,7 @@ TEST(RecordPlan, TotalsGoOn) {
     Parsed parsed;
     PlannedSample sample;
     PacketParser(7, 4).parse(box.packet, parsed);
-    ASSERT_TRUE(plan.sample(box.packet, parsed, 1, sample));
+    ASSERT_TRUE(plan.sample(box.packet, parsed, 1, {}, sample));
     cache.samplesIs(&sample, 1);
   }
   cache.nowIs(200'000);
