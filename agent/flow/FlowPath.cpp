@@ -71,7 +71,7 @@ FlowPath::~FlowPath() {
   for (Leaving& l : leaving_) l.meter->giveUp();  // all of them before the first is waited for
   for (Leaving& l : leaving_) {
     l.meter->stop();
-    while (drain(*l.meter)) {
+    while (drain(l)) {
     }
   }
   export_.end();
@@ -132,14 +132,23 @@ MeterOrders FlowPath::orders(const VrfName& vrf) const {
       o.context.interfaceNames.emplace(index, name.stringValue());
   const auto network = host_.networks->network(vrf);
   if (!network || !network->present()) return o;
-  for (const auto& [kernel, link] : network->links()) {
+  for (const auto& [kernel, link] : network->links())
     for (const LinkAddress& a : link.addresses) o.context.host.addressIs(a.local);
-    const std::string name = exportedName(vrf, link.name);
-    if (!matches(settings_.interfaces, name)) continue;
-    const auto index = host_.indexes->intfIndex().find(IntfId(name));
-    if (index != host_.indexes->intfIndex().end()) o.interfaces.emplace(kernel, index->second);
-  }
+  o.interfaces = exportedLinks(*network, settings_.interfaces);
   return o;
+}
+
+/// The indexes that records have of the links that match, by the kernel's.
+std::map<uint32_t, uint32_t> FlowPath::exportedLinks(
+    const VrfNetwork& network, const std::vector<std::string>& patterns) const {
+  std::map<uint32_t, uint32_t> exported;
+  for (const auto& [kernel, link] : network.links()) {
+    const std::string name = exportedName(network.vrf(), link.name);
+    if (!matches(patterns, name)) continue;
+    const auto index = host_.indexes->intfIndex().find(IntfId(name));
+    if (index != host_.indexes->intfIndex().end()) exported.emplace(kernel, index->second);
+  }
+  return exported;
 }
 
 void FlowPath::review() {
@@ -183,6 +192,8 @@ void FlowPath::reviewNetwork(const VrfName& vrf, Source& source) {
     }
   }
   source.meter->ordersIs(wanted);
+  if (source.routes)
+    source.routes->interfacesIs(exportedLinks(*host_.networks->network(vrf), {"*", "*/*"}));
   if (source.tracked == wanted.interfaces) return;
   source.tracked = wanted.interfaces;
   std::string names;
@@ -206,12 +217,14 @@ bool FlowPath::openMeter(const VrfName& vrf, Source& source, const MeterOrders& 
     source.netns = inside.id();
     // Another namespace is there by now; its links will be told.
     if (source.netns != host_.networks->network(vrf)->netns()) return false;
+    if (settings_.egress == Egress::route) source.routes = std::make_unique<EgressRoutes>(*plan_);
     source.meter = std::make_unique<CaptureMeter>(plan_, settings_.maxFlows, randomSeed(), wanted,
                                                   source.netns);
     tellProgramError(vrf, source);
     watchQueue(source);
   } catch (const std::exception& e) {  // a right, descriptors, memory, threads
     source.meter.reset();
+    source.routes.reset();
     if (source.problem != e.what())
       host_.log.warning(placeText(vrf) + "cannot track flows, trying again: " + e.what(),
                         {.tracker = tracker_, .vrf = vrf.stringValue()});
@@ -256,7 +269,7 @@ void FlowPath::watchQueue(Source& source) {
 void FlowPath::release(Source& source) {
   if (!source.meter) return;
   source.meter->endSoon();
-  leaving_.push_back({{std::move(source.meter), std::move(source.watch)},
+  leaving_.push_back({{std::move(source.meter), std::move(source.routes), std::move(source.watch)},
                       std::chrono::steady_clock::now() + leaveMax});
 }
 
@@ -268,11 +281,11 @@ void FlowPath::forgetLeft() {
     const bool give = hold_ || now >= l.end;
     if (give) meter.giveUp();
     if (!meter.done()) return false;
-    if (!give && drain(meter)) {
+    if (!give && drain(l)) {
       drainTask_->scheduleLowestIs(Seconds(0));
       return false;
     }
-    while (drain(meter)) {  // without a collector they are counted as lost
+    while (drain(l)) {  // without a collector they are counted as lost
     }
     addCounters(meter, ended_);
     if (&meter == file_) file_ = nullptr;
@@ -301,10 +314,11 @@ bool FlowPath::ended() { return left() && (hold_ || export_.queued() == 0); }
 
 // --- Records ---
 
-bool FlowPath::drain(FlowMeter& meter) {
+bool FlowPath::drain(FlowMeter& meter, EgressRoutes* routes) {
   RecordBlock* block = meter.queue().take();
   if (!block) return false;
   const RecordPlan& plan = *meter.plan();
+  if (routes) routes->complete(block->place, {block->octets.data(), block->used});
   export_.recordsIs(plan.templateId(block->place), plan.recordLens()[block->place],
                     {block->octets.data(), block->used});
   meter.queue().release(block);
@@ -314,18 +328,18 @@ bool FlowPath::drain(FlowMeter& meter) {
 void FlowPath::drainAll() {
   if (hold_) return;  // the tick comes back to it
   int blocks = 0;
-  std::vector<FlowMeter*> meters;
-  for (auto& [vrf, source] : sources_)
-    if (source.meter) meters.push_back(source.meter.get());
-  for (Leaving& l : leaving_) meters.push_back(l.meter.get());
+  std::vector<const Live*> all;
+  for (const auto& [vrf, source] : sources_)
+    if (source.meter) all.push_back(&source);
+  for (const Leaving& l : leaving_) all.push_back(&l);
   for (bool any = true; any;) {
     any = false;
-    for (FlowMeter* meter : meters) {
+    for (const Live* live : all) {
       if (++blocks > blocksPerTask || export_.queued() > queuedMax) {
         drainTask_->scheduleLowestIs(blocks > blocksPerTask ? Seconds(0) : drainRetry);
         return;
       }
-      any = drain(*meter) || any;
+      any = drain(*live) || any;
     }
   }
   // What a file gives is packed the same way each time, whatever the clock says.
@@ -366,7 +380,7 @@ void FlowPath::followFile() {
     std::exchange(fileDone_, nullptr)(false);
   } else if (hold_) {
     return;
-  } else if (file_->done() && drain(*file_)) {
+  } else if (file_->done() && drain(*file_, nullptr)) {
     drainTask_->scheduleLowestIs(Seconds(0));
   } else if (file_->done() && export_.queued() == 0) {
     export_.flush();

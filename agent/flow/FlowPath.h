@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Ipfix/FlowTrackingTypes.h"
+#include "agent/flow/EgressRoutes.h"
 #include "agent/flow/FileMeter.h"
 #include "agent/flow/FlowCaptures.h"
 #include "agent/host/AgentLog.h"
@@ -77,6 +78,7 @@ class FlowPath {
 
   struct Live {
     std::unique_ptr<FlowMeter> meter;
+    std::unique_ptr<EgressRoutes> routes;  // null: records leave as the meter made them
     std::unique_ptr<EventLoop::FdWatch> watch;
   };
   struct Source : Live {
@@ -96,6 +98,8 @@ class FlowPath {
   void reviewNetwork(const VrfName& vrf, Source& source);
   bool openMeter(const VrfName& vrf, Source& source, const MeterOrders& wanted);
   MeterOrders orders(const VrfName& vrf) const;
+  std::map<uint32_t, uint32_t> exportedLinks(const VrfNetwork& network,
+                                             const std::vector<std::string>& patterns) const;
   void tellProgramError(const VrfName& vrf, const Source& source) const;
   void watchQueue(Source& source);
   void release(Source& source);
@@ -106,7 +110,8 @@ class FlowPath {
   void tellFailures();
   std::string placeText(const VrfName& vrf) const;  ///< what a line about it begins with
   /// False: more waits than can be sent now.
-  bool drain(FlowMeter& meter);
+  bool drain(FlowMeter& meter, EgressRoutes* routes);
+  bool drain(const Live& l) { return drain(*l.meter, l.routes.get()); }
   void drainAll();
   void handleTick();
   void followFile();

@@ -21,6 +21,7 @@ enum Element : uint16_t {
   destinationIPv4Address = 12,
   destinationIPv4PrefixLength = 13,
   egressInterface = 14,
+  ipNextHopIPv4Address = 15,
   minimumIpTotalLength = 25,
   maximumIpTotalLength = 26,
   sourceIPv6Address = 27,
@@ -29,6 +30,7 @@ enum Element : uint16_t {
   destinationIPv6PrefixLength = 30,
   minimumTTL = 52,
   maximumTTL = 53,
+  ipNextHopIPv6Address = 62,
   mplsTopLabelStackSection = 70,
   interfaceName = 82,
   octetTotalCount = 85,
@@ -255,6 +257,9 @@ void PlannedFormat::put(FieldWriter& w, const Step& step, const Entry& e, const 
       return w.put(static_cast<uint8_t>(reason));
     case ingressVRFID:
       return w.put(context.vrfId);
+    case ipNextHopIPv4Address:
+    case ipNextHopIPv6Address:
+      return w.text({}, step.len);  // zeros, until EgressRoutes knows better
     case interfaceName:
       return w.text(
           nameOf(context, (step.cold ? cold : reinterpret_cast<const char*>(&e)) + step.from),

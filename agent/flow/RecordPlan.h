@@ -209,6 +209,7 @@ class RecordPlan {
   }
   /// Octets of a record of the layout at this place; 0: there is none.
   std::array<uint16_t, packetKinds> recordLens() const;
+  const RecordLayouts& layouts() const { return layouts_; }
   /// By its place; a place may have none.
   const std::vector<PlannedFormat>& formats() const { return formats_; }
   /// A record has indexes of interfaces, which depend on the addresses of this machine.

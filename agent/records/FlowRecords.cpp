@@ -25,6 +25,7 @@ constexpr RecordField fieldTable[] = {
     {"destinationIPv4Address", 12, 4, ipv4Packets, true},
     {"destinationIPv4PrefixLength", 13, 1, ipv4Packets, false},
     {"egressInterface", 14, 4, allPackets, true},
+    {"ipNextHopIPv4Address", 15, 4, ipv4Packets, false},
     {"minimumIpTotalLength", 25, 8, ipPackets, false},
     {"maximumIpTotalLength", 26, 8, ipPackets, false},
     {"sourceIPv6Address", 27, 16, ipv6Packets, true},
@@ -38,6 +39,7 @@ constexpr RecordField fieldTable[] = {
     {"sourceMacAddress", 56, 6, allPackets, true},
     {"vlanId", 58, 2, allPackets, true},
     {"flowDirection", 61, 1, allPackets, true},
+    {"ipNextHopIPv6Address", 62, 16, ipv6Packets, false},
     {"mplsTopLabelStackSection", 70, 3, allPackets, true},
     {"destinationMacAddress", 80, 6, allPackets, true},
     {"interfaceName", 82, 32, allPackets, true},
@@ -128,6 +130,8 @@ std::string_view toText(Direction d) {
   return names[static_cast<size_t>(d)];
 }
 
+std::string_view toText(Egress e) { return e == Egress::none ? "none" : "route"; }
+
 std::span<const RecordField> recordFields() { return fieldTable; }
 const RecordField* recordField(std::string_view name) {
   const auto* it = std::find_if(std::begin(fieldTable), std::end(fieldTable),
@@ -198,6 +202,24 @@ std::string fieldProblem(const RecordDefinition& definition, size_t at) {
   for (const Need& need : needs)
     if (need.field == name && !has(definition.keys, name) && !has(definition.keys, need.key))
       return "it needs " + std::string(need.key) + " among the keys";
+  return {};
+}
+
+std::string egressProblem(const RecordDefinition& definition, Egress egress) {
+  const auto& fields = definition.fields;
+  const auto hop = std::find_if(fields.begin(), fields.end(), [](const std::string& name) {
+    return name == "ipNextHopIPv4Address" || name == "ipNextHopIPv6Address";
+  });
+  if (egress == Egress::none)
+    return hop == fields.end() ? std::string() : "has " + *hop + ", which only \"route\" can tell";
+  for (const char* wanted : {"ingressInterface", "sourceIPv4Address", "destinationIPv4Address",
+                             "sourceIPv6Address", "destinationIPv6Address"})
+    if (!has(fields, wanted))
+      return "has no " + std::string(wanted) + ", and routes are looked up by it";
+  if (definition.prefix4 < 32 || definition.prefix6 < 128)
+    return "has prefixes for addresses, and routes are looked up by whole ones";
+  if (hop == fields.end() && !has(fields, "egressInterface"))
+    return "has neither egressInterface nor the address of a next hop";
   return {};
 }
 

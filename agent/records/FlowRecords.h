@@ -29,6 +29,14 @@ inline constexpr Direction directions[] = {Direction::ingress, Direction::egress
                                            Direction::once};
 std::string_view toText(Direction d);  ///< "ingress", ...
 
+/// Where a tracker knows from by which interface a packet for somebody else leaves.
+enum class Egress : uint8_t {
+  none,   ///< from nowhere
+  route,  ///< from the kernel's routing tables
+};
+inline constexpr Egress egresses[] = {Egress::none, Egress::route};
+std::string_view toText(Egress e);  ///< "none", ...
+
 /// One information element that the software flow path knows to fill.
 struct RecordField {
   const char* name;   ///< IANA's
@@ -87,5 +95,7 @@ uint32_t messageLenFor(const RecordLayouts& layouts);
 /// empty: none.
 std::string fieldProblem(const RecordDefinition& definition, size_t at);
 std::string keyProblem(const RecordDefinition& definition, size_t at);
+/// The rule that a record breaks together with where its tracker knows egress interfaces from.
+std::string egressProblem(const RecordDefinition& definition, Egress egress);
 
 }  // namespace agent

@@ -39,7 +39,8 @@ struct TrackerSettings {
   FlowTracking::FtId id = 0;  ///< observation domain id, unique over all trackers
   FlowTracking::FlowTrackingType type = FlowTracking::FlowTrackingType::software;
   std::vector<std::string> interfaces;  ///< patterns of the interfaces whose packets are tracked
-  Direction direction = Direction::ingress;  ///< of the packets that are tracked
+  Direction direction = Direction::once;  ///< of the packets that are tracked
+  Egress egress = Egress::none;              ///< how far it is known where they leave
   bool ownExport = false;                    ///< the agent's own messages are tracked as well
   uint32_t sampleRate = 1;                   ///< one packet out of this many
   std::chrono::milliseconds activeInterval{60000};

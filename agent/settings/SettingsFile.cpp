@@ -194,6 +194,8 @@ void followRecord(Section& s, const Settings& all, TrackerSettings& t) {
                      " does not tell what arrives from what leaves, so a forwarded packet would "
                      "count twice in one flow: it needs flowDirection among its keys, or the "
                      "tracker another direction");
+      if (const std::string problem = egressProblem(t.definition, t.egress); !problem.empty())
+        s.refuse("egress", "record " + keyText(t.record) + " " + problem);
       return;
     }
   }

@@ -401,6 +401,13 @@ const std::vector<SettingsKey<TrackerSettings>>& settingsKeys() {
           "those that arrive, those that leave, or both; or each packet once, which is what "
           "arrives and what this machine sends itself ([below](#direction)).",
           Effect::flowsAnew),
+      key("egress", &S::egress,
+          Choice<Egress>{"where egress interfaces are known from",
+                         {std::begin(egresses), std::end(egresses)}},
+          "Of a tracker of type `\"software\"`: how records know by which interface, and to which "
+          "next hop, a packet for somebody else leaves: not at all, or from the kernel's routing "
+          "tables ([below](#direction)).",
+          Effect::flowsAnew),
       key("own-export", &S::ownExport, YesNo{"own-export"},
           "Of a tracker of type `\"software\"`: whether it counts the messages that this agent "
           "itself sends ([below](#direction))."),

@@ -3,6 +3,7 @@ wires that cut segmented sends, as a network card does; what a collector is told
 what captures saw."""
 
 import collections
+import json
 import socket
 
 import pytest
@@ -97,12 +98,14 @@ def seen_on(file, longest={}):
     return sums
 
 
-@pytest.mark.parametrize("direction", ["ingress", "egress", "both", "once"])
-def test_each_direction_is_what_the_wire_saw(router, direction):
+@pytest.mark.parametrize("direction,egress", [("ingress", "none"), ("egress", "none"), ("both", "none"),
+                                              ("once", "none"), ("once", "route")])
+def test_each_direction_is_what_the_wire_saw(router, direction, egress):
     lab = router
     store = Nfcapd(lab, "10.97.0.2", port=PORT, ns="tt-src")
     agent = Agent(lab, edge({"one": ("10.97.0.2", PORT)}, interface="co0", tracker={
-        "interfaces": list(TRACKED), "direction": direction, "inactive-timeout": "1s"}))
+        "interfaces": list(TRACKED), "direction": direction, "egress": egress,
+        "inactive-timeout": "1s"}))
     agent.program.wait_log("tracking flows on .*co0")
     captures = {}
     for device, way, ns in [(d, w, None) for d in TRACKED for w in ("in", "out")] + [
@@ -136,6 +139,9 @@ def test_each_direction_is_what_the_wire_saw(router, direction):
                     "once": way == "in" or src in OWN}[direction]:
                 here = socket.if_nametoindex(device)
                 other = MULTICAST if dst in GROUPS else CPU if dst in OWN else UNKNOWN
+                if (other, way, egress) == (UNKNOWN, "in", "route"):
+                    gone = json.loads(run("ip", "-j", "route", "get", dst, "from", src, "iif", device))
+                    other = socket.if_nametoindex(gone[0]["dev"])
                 ends = (here, other) if way == "in" else (CPU if src in OWN else UNKNOWN, here)
                 expected[src, dst, *rest, *ends, int(way == "out")] += n
     # Much of it was captured before it was cut, into what the wire saw, but for what may be lost there.

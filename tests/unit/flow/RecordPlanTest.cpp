@@ -131,6 +131,8 @@ class RandomPackets {
     put(14, Octets{}.u32(m.leaves ? interface : ends));
     m.interface = interface;
     put(234, Octets{}.u32(10));
+    put(15, Octets{}.fill(4));  // told by routes, which are looked up later
+    put(62, Octets{}.fill(16));
     return m;
   }
   Random pick;
