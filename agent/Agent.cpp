@@ -166,7 +166,8 @@ void Agent::startControl(const std::string& path) {
                                                       {"elements", p.ipfix},
                                                       {"loop", loop_}},
                                             .reload = [this] { return reload(); },
-                                            .clearCounters = clear},
+                                            .clearCounters = clear,
+                                            .flows = &parts_->flowPaths},
                                 path, loop_, log_, platform_->clock(), p.tables.endpoints);
 }
 

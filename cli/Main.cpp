@@ -2,6 +2,7 @@
 #include "cli/ToolPlatform.h"
 #include "cli/control/ControlCommands.h"
 #include "cli/counters/CountersCommands.h"
+#include "cli/counters/Flows.h"
 #include "cli/text/Arguments.h"
 #include "cli/text/Output.h"
 #include "cli/wire/WireCommands.h"
@@ -25,7 +26,11 @@ int main(int argc, char** argv) {
   CLI::App* const show = app.add_subcommand("show", "Show what a running agent does");
   show->require_subcommand(1);
   cli::addCounters(*show, status);
-  cli::addFlows(*show, status);
+  cli::addFlows(*show, status,
+                {[](const cli::FlowsOptions& o) {
+                   return cli::listFlows({o.socket, o.tracker, o.filter, o.limit, o.json});
+                 },
+                 [](const cli::FlowsOptions& o) { return cli::trackedInterfaces(o.socket); }});
   cli::addMetrics(app, status);
   cli::addControl(app, *show, status);
   cli::addDecode(app, status);

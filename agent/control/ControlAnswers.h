@@ -10,6 +10,7 @@
 #include "agent/exports/CollectorStates.h"
 #include "agent/exports/Exports.h"
 #include "agent/host/AgentLog.h"
+#include "agent/records/FlowLook.h"
 
 namespace agent {
 
@@ -30,6 +31,7 @@ struct ControlHost {
   std::vector<StateTree::Root> roots = {};  ///< that are shown behind those of `exports`
   std::function<ReloadOutcome()> reload = {};
   std::function<void()> clearCounters = {};
+  FlowLooks* flows = nullptr;
 };
 
 /// What each request of the control socket is answered; docs/control-socket.md describes them. What
@@ -56,6 +58,8 @@ class ControlAnswers {
   Json templates(const ControlRequest& request);
   Json clearCounters(const ControlRequest& request);
   Json resend(const ControlRequest& request);
+  Json flows(const ControlRequest& request);
+  Json tracked(const ControlRequest& request);
   Json state(const ControlRequest& request);
   Json reload(const ControlRequest& request);
   Json logLevel(const ControlRequest& request);

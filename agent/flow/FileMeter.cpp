@@ -30,6 +30,7 @@ void FileMeter::run() {
       if (stopped()) break;
       takeOrders();
       tellCounters();
+      feeds_.fill(cache_, FlowFeed::blockFlows);
     }
     if (orders_.sampleRate > 1) {
       random = random * 6364136223846793005 + 1442695040888963407;

@@ -183,6 +183,27 @@ void FlowCache::samplesAre(S* samples, size_t n) {
 template void FlowCache::samplesAre(Sample* samples, size_t n);
 template void FlowCache::samplesAre(PlannedSample* samples, size_t n);
 
+bool FlowCache::feed(size_t& table, size_t& place, size_t places, FlowFeedBlock& to) {
+  to.used = 0;
+  to.nowMs = nowMs_;
+  size_t i = 0;
+  const size_t wanted = table;
+  eachTable([&](auto& each) {
+    if (i++ != wanted) return;
+    const auto& format = each.format();
+    to.place = format.place();
+    place = each.visit(place, places, [&](const auto& e) {
+      if (format.silent(e)) return;
+      to.used += format.encode(e, each.cold(e), EndReason::forcedEnd, context_,
+                               to.octets.data() + to.used);
+    });
+    if (place < each.capacity()) return;
+    ++table;
+    place = 0;
+  });
+  return table < i;
+}
+
 void FlowCache::endAll(EndReason reason) {
   eachTable([&](auto& table) {
     table.takeAll([&](const auto& entry) {

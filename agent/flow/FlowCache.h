@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "agent/flow/FlowFeed.h"
 #include "agent/flow/FlowTable.h"
 #include "agent/flow/PacketParser.h"
 #include "agent/flow/RecordPlan.h"
@@ -72,6 +73,11 @@ class FlowCache {
   int64_t nowMs() const { return nowMs_; }
   /// Reports every flow that there is and forgets it.
   void endAll(EndReason reason);
+
+  /// Writes the flows in the next `places` places, from a table and a place there on, as records of
+  /// what was counted so far; both are set to where the next call goes on. False: nothing follows.
+  /// A flow that was reported and stays for its totals is left out until its next packet.
+  bool feed(size_t& table, size_t& place, size_t places, FlowFeedBlock& to);
 
   void timesIs(const FlowTimes& v) { times_ = v; }
   void contextIs(RecordContext v) { context_ = std::move(v); }

@@ -32,6 +32,7 @@ void FlowMeter::start() {
     }
     queue_.flush();
     tellCounters();
+    feeds_.end();
     done_.store(true, std::memory_order_release);
   });
 }
@@ -63,8 +64,9 @@ void FlowMeter::plannedPacketIs(const Packet& packet, uint32_t interface) {
   if (!whole ||
       !plan_->sample(packet, parsed, interface, orders_.context.host, planned_[gathered_])) {
     ++counters_.errors[static_cast<size_t>(parsed.error)];
-  } else if (++gathered_ == batch) {
-    settle();
+  } else {
+    interfaces_.count(interface, planned_[gathered_].segments, planned_[gathered_].ipOctets);
+    if (++gathered_ == batch) settle();
   }
 }
 
@@ -103,6 +105,11 @@ void FlowMeter::tellCounters() {
   counters_.active = cache_.size();
   const std::lock_guard lock(mutex_);
   told_ = counters_;
+  interfaces_.copyTo(interfacesTold_);
+}
+InterfaceSums::Sums FlowMeter::interfaces() const {
+  const std::lock_guard lock(mutex_);
+  return interfacesTold_;
 }
 MeterCounters FlowMeter::counters() const {
   const std::lock_guard lock(mutex_);

@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "agent/flow/FlowCache.h"
+#include "agent/flow/FlowFeeds.h"
+#include "agent/flow/InterfaceSums.h"
 #include "agent/flow/PacketParser.h"
 #include "agent/flow/RecordQueue.h"
 
@@ -54,6 +56,13 @@ class FlowMeter {
   // The agent's thread.
   virtual void ordersIs(const MeterOrders& orders);
   MeterCounters counters() const;
+  /// What was counted in flows of each interface, by the index that is exported.
+  InterfaceSums::Sums interfaces() const;
+  /// Has the flows under way told to `feed`; it ends when all are, or when the thread ends.
+  void feedIs(FlowFeedPtr feed) {
+    feeds_.add(std::move(feed));
+    wake();
+  }
   RecordQueue& queue() { return queue_; }
   /// What its records are.
   const RecordPlanPtr& plan() const { return plan_; }
@@ -96,6 +105,7 @@ class FlowMeter {
     FlowClass& flow = sample.parsed.ipv6 ? sample.parsed.key6.rest : sample.parsed.key4.rest;
     flow.interface = interface;
     if (packet.leaves) flow.vlanId |= FlowClass::leaving;
+    interfaces_.count(interface, sample.parsed.packets, sample.parsed.ipOctets);
     sample.timeMs = packet.timeNs / 1000000;
     if (++gathered_ == batch) settle();
   }
@@ -119,6 +129,8 @@ class FlowMeter {
   RecordQueue queue_;
   FlowCache cache_;
   MeterCounters counters_;
+  InterfaceSums interfaces_;
+  FlowFeeds feeds_;
 
  private:
   static constexpr uint32_t loopback = 1;  // the index of lo in every namespace
@@ -143,6 +155,7 @@ class FlowMeter {
   MeterOrders given_;
   std::atomic<bool> fresh_{false};
   MeterCounters told_;
+  InterfaceSums::Sums interfacesTold_;
 
   std::thread thread_;
 };

@@ -10,6 +10,7 @@
 #include "agent/flow/EgressRoutes.h"
 #include "agent/flow/FileMeter.h"
 #include "agent/flow/FlowCaptures.h"
+#include "agent/flow/FlowSurvey.h"
 #include "agent/host/AgentLog.h"
 #include "agent/network/NetworkFollower.h"
 #include "agent/records/FlowExport.h"
@@ -67,6 +68,10 @@ class FlowPath {
   void hide();
   const std::string& tracker() const { return tracker_; }
   const TrackerSettings& settings() const { return settings_; }
+  /// Has each of its meters tell of its flows.
+  std::vector<FlowSource> feeds();
+  /// The interfaces that are captured from, by VRF and index, with what was counted there.
+  std::vector<FlowRow> tracked() const;
   /// What the path did, in words.
   std::string summary() const;
   /// The file's meter, or null.

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <random>
 #include <thread>
 
+#include "agent/host/Printable.h"
 #include "agent/host/Priorities.h"
 #include "platform/UdpPam.h"
 
@@ -23,7 +25,8 @@ FlowPaths::FlowPaths(FlowPathHost host, Replay* replay, FlowTemplateIds template
       templates_(std::move(templates)),
       reported_(std::move(reported)),
       leavingTask_(host_.loop->taskScheduler()->timerTask("agent-leaving", afterAll,
-                                                          [this] { handleLeaving(); })) {}
+                                                          [this] { handleLeaving(); })),
+      surveys_(host_.loop) {}
 
 bool FlowPaths::tracksPackets(const TrackerSettings& tracker) const {
   return tracker.type == FlowTracking::FlowTrackingType::software &&
@@ -124,6 +127,58 @@ void FlowPaths::finish(std::function<void()> done) {
         }
       });
   finishTask_->scheduleIs(Seconds(0));
+}
+
+// --- Looks at flows under way ---
+
+FlowPath& FlowPaths::path(const std::string& name) {
+  if (paths_.empty())
+    throw FlowLookError("no tracker looks at packets: give one of type 'software' its interfaces");
+  const auto names = [&] {
+    return joined(paths_, [](const auto& p) { return inQuotes(p.first); });
+  };
+  if (name.empty() && paths_.size() > 1)
+    throw FlowLookError("there are several trackers, name one of them: " + names());
+  const auto found = name.empty() ? paths_.begin() : paths_.find(name);
+  if (found == paths_.end())
+    throw FlowLookError("tracker " + inQuotes(name) +
+                        " does not look at packets; those that do: " + names());
+  return *found->second;
+}
+
+FlowPart FlowPaths::look(const FlowLook& wanted) {
+  FlowPath& chosen = path(wanted.tracker);
+  FlowFilter filter(wanted.filter, [this](const std::string& name) {
+    const auto& all = host_.indexes->intfIndex();
+    const auto it = all.find(FlowTracking::IntfId(name));
+    return it == all.end() ? 0 : it->second;
+  });
+  surveys_.mustHaveRoom();
+  FlowLook look = wanted;
+  look.tracker = chosen.tracker();
+  FlowSurvey::Names names;
+  for (const auto& [name, index] : host_.indexes->intfIndex())
+    names.emplace(index, name.stringValue());
+  std::random_device device;
+  return surveys_.begin(std::make_unique<FlowSurvey>(std::move(look), std::move(filter),
+                                                     chosen.feeds(), std::move(names),
+                                                     uint64_t{device()} << 32 | device()));
+}
+
+std::vector<FlowRow> FlowPaths::tracked(const std::string& tracker, size_t first, size_t max) {
+  std::vector<FlowRow> rows;
+  if (!tracker.empty()) path(tracker);
+  for (const auto& [name, path] : paths_) {
+    if (!tracker.empty() && name != tracker) continue;
+    for (FlowRow& row : path->tracked()) {
+      if (first > 0) {
+        --first;
+      } else if (rows.size() < max) {
+        rows.push_back(std::move(row));
+      }
+    }
+  }
+  return rows;
 }
 
 }  // namespace agent::flow

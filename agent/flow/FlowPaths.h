@@ -7,7 +7,9 @@
 #include <vector>
 
 #include "agent/flow/FlowPath.h"
+#include "agent/flow/FlowSurveys.h"
 #include "agent/flow/Replay.h"
+#include "agent/records/FlowLook.h"
 
 namespace agent::flow {
 
@@ -28,7 +30,7 @@ struct FlowTemplateIds {
 ///   const Settings now = paths.leave(wanted, running);
 ///   ...                               // apply `now` to the entities
 ///   paths.follow(wanted, tree);
-class FlowPaths {
+class FlowPaths final : public FlowLooks {
  public:
   /// `replay`: reads a file in place of interfaces; null: there is none.
   /// `reported` is called when settings that had to wait for flows can be
@@ -47,6 +49,12 @@ class FlowPaths {
   /// some seconds.
   void finish(std::function<void()> done);
 
+  FlowPart look(const FlowLook& look) override;
+  FlowPart more(const std::string& survey, size_t next) override {
+    return surveys_.more(survey, next);
+  }
+  std::vector<FlowRow> tracked(const std::string& tracker, size_t first, size_t max) override;
+
  private:
   using Paths = std::vector<std::unique_ptr<FlowPath>>;
 
@@ -54,6 +62,8 @@ class FlowPaths {
   void handleLeaving();
   void forgetTemplates();
   bool ended() const;
+  /// Throws FlowLookError: what `name` should be.
+  FlowPath& path(const std::string& name);
 
   const FlowPathHost host_;
   Replay* const replay_;
@@ -64,6 +74,7 @@ class FlowPaths {
   std::map<std::string, std::unique_ptr<FlowPath>> paths_;
   std::unique_ptr<TimerTask> leavingTask_;
   std::unique_ptr<TimerTask> finishTask_;
+  FlowSurveys surveys_;
 };
 
 }  // namespace agent::flow

@@ -270,6 +270,21 @@ class FlowTable {
     }
   }
 
+  /// Visits the entries in the next `n` places from `place` on, of those that were ever used.
+  /// Returns where the next visit goes on: at `capacity()` or beyond, nothing follows. What is
+  /// added or removed between two visits may be missed, or come again in another place.
+  template <class Visit>
+  size_t visit(size_t place, size_t n, Visit visit) {
+    for (size_t c = place >> chunkBits_; c < chunks_.size() && chunks_[c].length > 0; ++c) {
+      const size_t first = firstOf(static_cast<uint32_t>(c));
+      for (size_t i = std::max(place, first); i < first + chunks_[c].touched; ++i) {
+        if (n-- == 0) return i;
+        if (entries_[i].used) visit(entries_[i]);
+      }
+    }
+    return capacity();
+  }
+
   /// Visits every entry, in the order of their places, and forgets them all.
   template <class Visit>
   void takeAll(Visit visit) {

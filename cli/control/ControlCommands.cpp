@@ -6,6 +6,8 @@
 
 #include "cli/control/ControlClient.h"
 #include "cli/control/ControlShow.h"
+#include "cli/control/FlowRows.h"
+#include "cli/control/Top.h"
 #include "cli/text/Arguments.h"
 #include "cli/text/Output.h"
 #include "cli/text/Quoted.h"
@@ -20,6 +22,7 @@ constexpr int exitFailure = 2;  // there is no answer
 // Of each collection, and of each table, when the text is for people and has no --limit.
 constexpr size_t membersShown = 20;
 constexpr size_t rowsShown = 20;
+constexpr size_t flowsShown = 100;
 
 /// The options of all commands that ask the agent, and what each command does with them.
 struct ControlCommand {
@@ -32,7 +35,9 @@ struct ControlCommand {
   std::string exporter;
   std::string table;
   std::string level;
+  std::string filter;
   std::optional<size_t> limit;
+  TopOptions heaviest;
 
   int ask(Run run) const {
     try {
@@ -160,6 +165,34 @@ struct ControlCommand {
     return 0;
   }
 
+  int showTop(ControlClient& agent) const {
+    TopOptions options = heaviest;
+    options.socket = socket;
+    options.tracker = tracker;
+    options.filter = filter;
+    options.json = json;
+    return top(agent, options);
+  }
+
+  int listFlows(ControlClient& agent) const {
+    Json r = request("flows");
+    if (!filter.empty()) r["filter"] = filter;
+    const FlowRows found = FlowRows::ask(agent, r, limitOr(flowsShown));
+    if (json) {
+      Output::write(jsonLine(found.json()));
+    } else {
+      const Style style = Style::ofOutput();
+      Output::write(found.table().text(0, [&](size_t row, const std::string& line) {
+        return row == 0 ? style.strong(line) : line;
+      }));
+      if (found.more)
+        complain("tarnflow: these are the first {}, --limit 0 shows all\n", found.rows.size());
+      if (!found.incomplete.is_null())
+        complain("tarnflow: flows are missing: {}\n", shown(found.incomplete.get<std::string>()));
+    }
+    return found.incomplete.is_null() ? 0 : exitFault;
+  }
+
   int reload(ControlClient& agent) const {
     Json answer = agent.ask({{"request", "reload"}});
     answer.erase("ok");
@@ -187,12 +220,33 @@ std::pair<CLI::App*, ControlCommand&> add(CLI::App& to, const char* name, const 
                                           int& status, ControlCommand::Run run) {
   auto [cmd, options] = addCommand<ControlCommand>(
       to, name, what, status, [run](const ControlCommand& command) { return command.ask(run); });
-  cmd->add_option("--socket", options.socket, "The agent's control socket (agent.control)")
-      ->type_name("PATH")
-      ->envname("TARNFLOW_SOCKET")
-      ->capture_default_str();
+  addSocket(cmd, options.socket);
   addJson(cmd, options.json);
   return {cmd, options};
+}
+void addTop(CLI::App& app, int& status) {
+  auto [cmd, options] = add(app, "top", "The heaviest flows, hosts, ports or interfaces, live",
+                            status, &ControlCommand::showTop);
+  TopOptions& o = options.heaviest;
+  addTracker(cmd, options.tracker);
+  cmd->add_option("--by", o.by, "What is listed: flows, hosts, ports or interfaces")
+      ->type_name("WHAT")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"flows", "hosts", "ports", "interfaces"}));
+  cmd->add_option("--order", o.order, "octets or packets")
+      ->type_name("SUM")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"octets", "packets"}));
+  addFilter(cmd, options.filter);
+  cmd->add_option("--count", o.count, "So many at most [20; on a terminal what fits]")
+      ->type_name("N")
+      ->check(CLI::Range(1, 1000));
+  cmd->add_option("--interval", o.interval, "Look again every S seconds, on a terminal")
+      ->type_name("S")
+      ->capture_default_str()
+      ->check(positive());
+  cmd->add_flag("--once", o.once, "Look once, as where standard output is no terminal");
+  cmd->footer("Exit status: 0; 1 when flows are missing; 2 no agent, or it refuses.");
 }
 void addLimit(CLI::App* cmd, ControlCommand& options, const char* what) {
   cmd->add_option("--limit", options.limit, what)->type_name("N");
@@ -251,10 +305,29 @@ void addControl(CLI::App& app, CLI::App& show, int& status) {
                    "0 to 9, or error (0), event (3), detail (5), packet (8)")
       ->type_name("");
 
+  addTop(app, status);
   add(app, "reload", "Have the agent read its configuration again", status, &ControlCommand::reload)
       .first->footer(
           "Exit status: 0 reloaded; 1 the configuration has errors, and what ran before runs "
           "on; 2 no agent, or\nnot allowed.");
+}
+
+int listFlows(const FlowListOptions& o) {
+  ControlCommand command;
+  command.socket = o.socket;
+  command.tracker = o.tracker;
+  command.filter = o.filter;
+  command.limit = o.limit;
+  command.json = o.json;
+  return command.ask(&ControlCommand::listFlows);
+}
+Json trackedInterfaces(const std::string& socket) {
+  try {
+    ControlClient agent(socket);
+    return ControlCommand::whole(agent, {{"request", "tracked"}}, "interfaces");
+  } catch (const std::exception&) {
+    return nullptr;
+  }
 }
 
 }  // namespace cli

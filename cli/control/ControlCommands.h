@@ -1,4 +1,7 @@
 #pragma once
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
 
 namespace CLI {
 class App;
@@ -9,5 +12,17 @@ namespace cli {
 /// Adds the commands that ask a running agent over its control socket, to the tool and to its
 /// "show". The one that is given sets `status` to its exit status.
 void addControl(CLI::App& app, CLI::App& show, int& status);
+
+struct FlowListOptions {
+  std::string socket;
+  std::string tracker;  ///< empty: the only one
+  std::string filter;
+  std::optional<size_t> limit;
+  bool json;
+};
+/// Lists flows under way. Returns the exit status.
+int listFlows(const FlowListOptions& options);
+/// The interfaces that are tracked now, a list; null: no agent answers at the socket.
+nlohmann::ordered_json trackedInterfaces(const std::string& socket);
 
 }  // namespace cli

@@ -19,10 +19,10 @@ void addName(CLI::App* cmd, std::string& to) {
                          "such as /tarnflow";
       });
 }
-void addTableOptions(CLI::App* cmd, CountersOptions& options) {
+CLI::Option* addTableOptions(CLI::App* cmd, CountersOptions& options) {
   addName(cmd, options.name);
   addJson(cmd, options.json);
-  cmd->add_option("--watch", options.watch, "Show again every S seconds")
+  return cmd->add_option("--watch", options.watch, "Show again every S seconds")
       ->type_name("S")
       ->check(positive());
 }
@@ -40,14 +40,23 @@ void addCounters(CLI::App& show, int& status) {
       "nothing was sent yet.");
 }
 
-void addFlows(CLI::App& show, int& status) {
-  auto [cmd, options] = addCommand<CountersOptions>(
+void addFlows(CLI::App& show, int& status, const FlowsAtAgent& agent) {
+  auto [cmd, options] = addCommand<FlowsOptions>(
       show, "flows", "What the software flow path saw, dropped, holds and reported, per tracker",
-      status, showFlows);
-  addTableOptions(cmd, options);
+      status, [agent](const FlowsOptions& o) { return showFlows(o, agent); });
+  CLI::Option* const watch = addTableOptions(cmd, options);
+  CLI::Option* const list =
+      cmd->add_flag("--list", options.list, "List the flows under way instead")->excludes(watch);
+  addTracker(cmd, options.tracker)->needs(list);
+  addFilter(cmd, options.filter)->needs(list);
+  cmd->add_option("--limit", options.limit, "Flows that are listed; 0: all [100; with --json all]")
+      ->type_name("N")
+      ->needs(list);
+  addSocket(cmd, options.socket);
   cmd->footer(
-      "Reads shared memory; the agent notices nothing. Exit status: 0; 1 when no agent runs or no "
-      "tracker looks at packets.");
+      "Reads shared memory, and asks the agent for interfaces and flows. Exit status: 0; 1 when no "
+      "agent runs or no tracker\nlooks at packets, or listed flows are missing; 2 no agent answers "
+      "--list, or it refuses.");
 }
 
 void addMetrics(CLI::App& app, int& status) {

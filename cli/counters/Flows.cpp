@@ -30,6 +30,18 @@ std::string flowsText(const std::vector<FlowPathRecord>& records) {
   return table.text(0);
 }
 
+std::string interfacesText(const Json& interfaces) {
+  if (interfaces.is_null() || interfaces.empty()) return {};
+  Table table({false, false, false, true, true, true});
+  table.add({"tracker", "VRF", "interface", "index", "packets", "octets"});
+  for (const Json& i : interfaces)
+    table.add({nameText(i.at("tracker").get<std::string>()),
+               nameText(i.at("vrf").get<std::string>()),
+               nameText(i.at("interface").get<std::string>()), i.at("index").dump(),
+               i.at("packets").dump(), i.at("octets").dump()});
+  return '\n' + table.text(0);
+}
+
 Json flowsJson(const std::vector<FlowPathRecord>& records) {
   Json all = Json::array();
   for (const auto& r : records) {
@@ -43,7 +55,8 @@ Json flowsJson(const std::vector<FlowPathRecord>& records) {
 }
 }  // namespace
 
-int showFlows(const CountersOptions& options) {
+int showFlows(const FlowsOptions& options, const FlowsAtAgent& agent) {
+  if (options.list) return agent.list(options);
   const std::string name = options.name + std::string(FlowTracking::flowPathSuffix);
   return showTables(options, [&](CounterTables& tables) {
     const auto table = tables.flows();
@@ -53,11 +66,13 @@ int showFlows(const CountersOptions& options) {
     if (table.state != Counters::State::live || records.empty()) look.status = 1;
     if (look.note.empty() && records.empty())
       look.note = "no tracker looks at packets: give one of type \"software\" its interfaces";
+    const Json interfaces = look.status == 0 ? agent.tracked(options) : Json();
     look.text = options.json ? jsonLine({{"name", name},
                                          {"state", stateName(table.state)},
                                          {"time", utcNow()},
-                                         {"trackers", flowsJson(records)}})
-                             : flowsText(records);
+                                         {"trackers", flowsJson(records)},
+                                         {"interfaces", interfaces}})
+                             : flowsText(records) + interfacesText(interfaces);
     return look;
   });
 }

@@ -18,8 +18,22 @@ std::pair<CLI::App*, Options&> addCommand(CLI::App& to, const char* name, const 
   return {cmd, *options};
 }
 
-inline void addTracker(CLI::App* cmd, std::string& tracker) {
-  cmd->add_option("--tracker", tracker, "Only this tracker's")->type_name("NAME");
+inline CLI::Option* addTracker(CLI::App* cmd, std::string& tracker) {
+  return cmd->add_option("--tracker", tracker, "Only this tracker's")->type_name("NAME");
+}
+inline void addSocket(CLI::App* cmd, std::string& socket) {
+  cmd->add_option("--socket", socket, "The agent's control socket (agent.control)")
+      ->type_name("PATH")
+      ->envname("TARNFLOW_SOCKET")
+      ->capture_default_str();
+}
+/// Of flows under way; the agent reads it.
+inline CLI::Option* addFilter(CLI::App* cmd, std::string& filter) {
+  return cmd
+      ->add_option("--filter", filter,
+                   "Only such flows: host ADDRESS[/LENGTH], port N, protocol NAME, interface NAME, "
+                   "vrf NAME, joined by 'and'")
+      ->type_name("TEXT");
 }
 inline void addExporter(CLI::App* cmd, std::string& exporter) {
   cmd->add_option("--exporter", exporter, "Only exporters of this name")->type_name("NAME");

@@ -1,0 +1,42 @@
+#pragma once
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "agent/flow/RecordView.h"
+
+namespace agent::flow {
+
+/// Chooses flows by a text such as "host 192.0.2.0/24 and port 53": terms joined by "and", each
+/// `host ADDRESS[/LENGTH]`, `port N`, `protocol NAME|N`, `interface NAME` or `vrf NAME`. A host,
+/// port or interface may be at either end of the flow.
+class FlowFilter {
+ public:
+  /// The index that is exported of an interface; 0: there is none of this name.
+  using IndexOf = std::function<uint32_t(const std::string& name)>;
+
+  /// Empty text: all flows. Throws FlowLookError: what is wrong, and what is allowed.
+  FlowFilter(std::string_view text, const IndexOf& indexOf);
+
+  /// What a term needs and no layout has: "ports"; empty: nothing.
+  std::string missing(const std::vector<RecordView>& layouts) const;
+  bool matches(const RecordView& view, const char* record, const std::string& vrf) const;
+
+ private:
+  struct Term {
+    enum Kind : uint8_t { host, port, protocol, interface, vrf } kind;
+    uint64_t number = 0;  // a length of a prefix in bits, a port, a protocol, an index
+    size_t addressLen = 0;
+    std::array<char, 16> address{};
+    std::string name = {};
+  };
+  static Term term(const std::string& kind, const std::string& value, const IndexOf& indexOf);
+  static bool matches(const Term& term, const RecordView& view, const char* record);
+
+  std::vector<Term> terms_;
+};
+
+}  // namespace agent::flow

@@ -1,0 +1,28 @@
+#pragma once
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "cli/control/ControlClient.h"
+#include "cli/text/Table.h"
+
+namespace cli {
+
+/// What the agent answers of the flows under way, put together from its parts.
+struct FlowRows {
+  using Json = nlohmann::ordered_json;
+
+  std::string tracker;
+  uint64_t flows = 0;  ///< that were looked at
+  Json incomplete;     ///< why these are not all, a text; null: they are
+  bool more = false;   ///< there are more rows than were wanted
+  Json rows = Json::array();
+
+  /// `request`: as docs/control-socket.md has it. Takes the first `max` rows, 0: all. Waits while
+  /// the agent looks at the flows. Throws what ControlClient does.
+  static FlowRows ask(ControlClient& agent, Json request, size_t max);
+  Json json() const;
+  /// A line for each row behind a head; of flows, hosts, ports or interfaces, as the rows are.
+  Table table() const;
+};
+
+}  // namespace cli
