@@ -45,14 +45,14 @@ std::string protocolText(uint64_t number) {
   }
 }
 
-/// "950", "1.23k", "45.6M".
+/// Three digits: "950", "1.23k", "45.6M".
 std::string shortText(const Json& row, const char* key) {
   if (!has(row, key)) return "-";
   auto value = row[key].get<double>();
   static constexpr std::array units = {"", "k", "M", "G", "T"};
   size_t unit = 0;
   for (; value >= 999.5 && unit + 1 < units.size(); ++unit) value /= 1000;
-  const int digits = value >= 99.95 || unit == 0 ? 0 : value >= 9.995 ? 1 : 2;
+  const int digits = value >= 99.95 || value == 0 ? 0 : value >= 9.995 ? 1 : 2;
   return fmt::format("{:.{}f}{}", value, digits, units[unit]);
 }
 

@@ -4,6 +4,7 @@ import collections
 import fcntl
 import json
 import os
+import pathlib
 import pty
 import signal
 import socket
@@ -150,6 +151,12 @@ def on_a_terminal(agent):
         fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 40, 20, 0, 0))
         top.send_signal(signal.SIGWINCH)  # which the kernel sends where it is in the foreground
         wait_for("lines are cut", lambda: shows(b"\x1b[Htracker edge: the he\x1b[K"))
+        top.send_signal(signal.SIGTSTP)
+        wait_for("it is stopped", lambda: pathlib.Path(
+            f"/proc/{top.pid}/stat").read_text().rsplit(")", 1)[1].split()[0] == "T")
+        assert termios.tcgetattr(terminal) == before
+        top.send_signal(signal.SIGCONT)
+        wait_for("it goes on", lambda: termios.tcgetattr(terminal) != before)
         if isinstance(way_out, bytes):
             os.write(leader, way_out)
         else:

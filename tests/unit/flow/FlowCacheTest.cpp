@@ -8,6 +8,7 @@
 #include <fstream>
 #include <map>
 #include <optional>
+#include <set>
 
 #include "Ipfix/Ipfix.h"
 #include "agent/flow/FlowMeter.h"
@@ -278,6 +279,11 @@ TEST_F(FlowCacheTest, AFloodTakesNoMoreThanItsBoundAndGivesItBack) {
     }
     took[mode] = std::clock() - began;
     EXPECT_LT(resident(), before + maxFlows * (96 + 45) + slack);
+    FlowFeedBlock block{.octets = std::vector<char>(FlowFeed::blockFlows * flowRecordLen6)};
+    size_t table = 0, place = 0, told = 0;
+    for (bool more = true; more; told += block.used / plan.recordLens()[block.place])
+      more = cache->feed(table, place, FlowFeed::blockFlows, block);
+    EXPECT_EQ(told, cache->size());
     cache->holdIs(false);
     for (int64_t s = 0; cache->size() > 0 && s < 60; ++s) {
       takeAll();
@@ -303,7 +309,8 @@ struct BadHash : FixedFormat<FlowEntry4> {
 };
 
 /// The table alone, with hashes that collide all the time, against a map. What is in the way of
-/// another with the same hash is removed, and never are there more than the bound.
+/// another with the same hash is removed, and never are there more than the bound. A walk that goes
+/// on piece by piece meanwhile finds each entry that stays.
 TEST(FlowTableTest, IsAMapWhateverTheHash) {
   Random pick;
   auto& random = pick.engine();
@@ -311,7 +318,11 @@ TEST(FlowTableTest, IsAMapWhateverTheHash) {
   std::map<uint32_t, uint64_t> truth;  // key, packets
   std::map<uint32_t, int> equal;       // by hash
   size_t removed = 0;
+  std::set<uint32_t> stay;  // keys that the walk has yet to come to
+  size_t place = 0;
+  size_t walks = 0;
   const auto forget = [&](FlowEntry4& e) {
+    stay.erase(BadHash::number(e.key));
     --equal[table.hash(e.key)];
     ASSERT_EQ(e.packets, truth.at(BadHash::number(e.key)));
     truth.erase(BadHash::number(e.key));
@@ -334,8 +345,15 @@ TEST(FlowTableTest, IsAMapWhateverTheHash) {
       ASSERT_LE(++equal[hash], FlowIndex::equalMax);
     }
     ASSERT_EQ(table.size(), truth.size());
+    place = table.visit(place, random() % 8,
+                        [&](const FlowEntry4& e) { stay.erase(BadHash::number(e.key)); });
+    if (place < table.capacity()) continue;
+    ASSERT_TRUE(stay.empty()) << "the walk missed " << *stay.begin();
+    for (const auto& [key, packets] : truth) stay.insert(key);
+    place = 0;
+    ++walks;
   }
-  EXPECT_GT(removed, 0u);
+  EXPECT_TRUE(removed > 0 && walks > 10);
   table.takeAll([&](const FlowEntry4& e) { EXPECT_EQ(truth.erase(BadHash::number(e.key)), 1u); });
   EXPECT_TRUE(truth.empty() && table.size() == 0);
 }
