@@ -31,7 +31,7 @@ std::span<const ControlAnswers::Verb> ControlAnswers::verbs() {
       {"templates", &ControlAnswers::templates, false, {"tracker", "after"}},
       {"flows",
        &ControlAnswers::flows,
-       false,
+       true,
        {"tracker", "by", "order", "count", "filter", "after"}},
       {"tracked", &ControlAnswers::tracked, false, {"tracker", "after"}},
       {"state", &ControlAnswers::state, false, {"path", "after"}},

@@ -43,7 +43,7 @@ class ControlAnswers {
   struct Verb {
     std::string_view name;
     Json (ControlAnswers::*run)(const ControlRequest&);
-    bool changes;                        ///< only for those who may change what runs
+    bool changes;  ///< or shows who talks to whom: only for those who may change what runs
     std::vector<std::string_view> keys;  ///< besides "request" and "id"
   };
 

@@ -126,6 +126,7 @@ void CaptureMeter::run() {
       queue_.flush();
       counters_.drops = ring_.statistics().dropped;
       tellCounters();
+      tellInterfaces();
     }
     feeds_.fill(cache_, got > 0 ? feedBusy : feedIdle);
     if (got > 0) continue;

@@ -31,8 +31,8 @@ void FlowMeter::start() {
       failure_ = e.what();
     }
     queue_.flush();
-    tellCounters();
     feeds_.end();
+    tellCounters();
     done_.store(true, std::memory_order_release);
   });
 }
@@ -105,6 +105,9 @@ void FlowMeter::tellCounters() {
   counters_.active = cache_.size();
   const std::lock_guard lock(mutex_);
   told_ = counters_;
+}
+void FlowMeter::tellInterfaces() {
+  const std::lock_guard lock(mutex_);
   interfaces_.copyTo(interfacesTold_);
 }
 InterfaceSums::Sums FlowMeter::interfaces() const {

@@ -119,6 +119,7 @@ class FlowMeter {
     gathered_ = 0;
   }
   void tellCounters();
+  void tellInterfaces();  ///< takes memory
 
   /// UDP ports, sorted, from which the agent itself sends in the network of the packets: those are
   /// not counted. Of a file it has none.

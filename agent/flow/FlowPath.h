@@ -70,8 +70,9 @@ class FlowPath {
   const TrackerSettings& settings() const { return settings_; }
   /// Has each of its meters tell of its flows.
   std::vector<FlowSource> feeds();
-  /// The interfaces that are captured from, by VRF and index, with what was counted there.
-  std::vector<FlowRow> tracked() const;
+  /// Adds the interfaces that are captured from, by VRF and index, with what was counted there,
+  /// until there are `max` rows; passes over the first `skip`, and takes from it those there were.
+  void tracked(size_t& skip, size_t max, std::vector<FlowRow>& rows) const;
   /// What the path did, in words.
   std::string summary() const;
   /// The file's meter, or null.

@@ -17,29 +17,31 @@ std::vector<FlowSource> FlowPath::feeds() {
   return all;
 }
 
-std::vector<FlowRow> FlowPath::tracked() const {
-  std::vector<FlowRow> rows;
+void FlowPath::tracked(size_t& skip, size_t max, std::vector<FlowRow>& rows) const {
   for (const auto& [vrf, source] : sources_) {
     const auto network = host_.networks->network(vrf);
-    if (!source.meter || !network) continue;
+    if (!source.meter || !network || rows.size() == max) continue;
+    const size_t passed = std::min(skip, source.tracked.size());
+    skip -= passed;
+    if (passed == source.tracked.size()) continue;
     std::map<uint32_t, InterfaceSums::Sum> sums;
     for (const InterfaceSums::Sum& s : source.meter->interfaces()) {
       sums[s.interface].packets += s.packets;
       sums[s.interface].octets += s.octets;
     }
-    for (const auto& [kernel, exported] : source.tracked) {
-      const auto link = network->links().find(kernel);
-      const InterfaceSums::Sum& sum = sums[exported];
+    for (auto it = std::next(source.tracked.begin(), static_cast<ptrdiff_t>(passed));
+         it != source.tracked.end() && rows.size() < max; ++it) {
+      const auto link = network->links().find(it->first);
+      const InterfaceSums::Sum& sum = sums[it->second];
       rows.push_back(
           {{"tracker", tracker_},
            {"vrf", vrf.stringValue()},
            {"interface", link == network->links().end() ? std::string() : link->second.name},
-           {"index", uint64_t{exported}},
+           {"index", uint64_t{it->second}},
            {"packets", sum.packets},
            {"octets", sum.octets}});
     }
   }
-  return rows;
 }
 
 }  // namespace agent::flow

@@ -157,8 +157,9 @@ FlowPart FlowPaths::look(const FlowLook& wanted) {
   FlowLook look = wanted;
   look.tracker = chosen.tracker();
   FlowSurvey::Names names;
-  for (const auto& [name, index] : host_.indexes->intfIndex())
-    names.emplace(index, name.stringValue());
+  if (look.by != FlowLook::By::hosts && look.by != FlowLook::By::ports)
+    for (const auto& [name, index] : host_.indexes->intfIndex())
+      names.emplace(index, name.stringValue());
   std::random_device device;
   return surveys_.begin(std::make_unique<FlowSurvey>(std::move(look), std::move(filter),
                                                      chosen.feeds(), std::move(names),
@@ -168,16 +169,8 @@ FlowPart FlowPaths::look(const FlowLook& wanted) {
 std::vector<FlowRow> FlowPaths::tracked(const std::string& tracker, size_t first, size_t max) {
   std::vector<FlowRow> rows;
   if (!tracker.empty()) path(tracker);
-  for (const auto& [name, path] : paths_) {
-    if (!tracker.empty() && name != tracker) continue;
-    for (FlowRow& row : path->tracked()) {
-      if (first > 0) {
-        --first;
-      } else if (rows.size() < max) {
-        rows.push_back(std::move(row));
-      }
-    }
-  }
+  for (const auto& [name, path] : paths_)
+    if (tracker.empty() || name == tracker) path->tracked(first, max, rows);
   return rows;
 }
 

@@ -60,7 +60,7 @@ bool FlowSurvey::work(Clock::time_point end) {
   }
   if (!done_ && std::all_of(sources_.begin(), sources_.end(), [](const auto& s) { return s.done; }))
     finish();
-  return !done_;
+  return !done_ && rows_.size() < rowsMax;
 }
 
 /// Takes one block. False: there is none now.

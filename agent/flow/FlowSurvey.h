@@ -36,7 +36,8 @@ class FlowSurvey {
   FlowSurvey(const FlowSurvey&) = delete;
   FlowSurvey& operator=(const FlowSurvey&) = delete;
 
-  /// Takes what the feeds have until `end`. True: it can go on when they have more.
+  /// Takes what the feeds have until `end`. True: it goes on when they have more; false: it is
+  /// done, or rows wait to be asked for.
   bool work(Clock::time_point end);
   /// The rows from `next` on that there are now, but for `survey`, which is left empty.
   FlowPart part(size_t next);
