@@ -297,17 +297,18 @@ TEST(ControlDispatcher, WhatIsAskedWrongly) {
     const char* says;
     std::vector<std::string> lines;
   };
-  const Case cases[] = {{"badRequest",
-                         "one JSON object",
-                         {"", "[\"agent\"]", std::string(4000, '['), "{\"request\":\"\xff\"}"}},
-                        {"badRequest", "'request'", {R"({"request":7})"}},
-                        {"badRequest", "path, after", {R"({"request":"state","paht":"x"})"}},
-                        {"unknownRequest", "reload", {"{}"}},
-                        {"unknownRequest", "x\\x1b\\x00", {R"({"request":"x\u001b\u0000"})"}},
-                        {"notAllowed",
-                         "user 1000",
-                         {R"({"request":"reload"})", R"({"request":"clearCounters"})",
-                          R"({"request":"resend"})", R"({"request":"logLevel","level":5})"}}};
+  const Case cases[] = {
+      {"badRequest",
+       "one JSON object",
+       {"", "[\"agent\"]", std::string(4000, '['), "{\"request\":\"\xff\"}"}},
+      {"badRequest", "'request'", {R"({"request":7})"}},
+      {"badRequest", "path, after", {R"({"request":"state","paht":"x"})"}},
+      {"unknownRequest", "reload", {"{}"}},
+      {"unknownRequest", "x\\x1b\\x00", {R"({"request":"x\u001b\u0000"})"}},
+      {"notAllowed",
+       "user 1000",
+       {R"({"request":"reload"})", R"({"request":"clearCounters"})", R"({"request":"resend"})",
+        R"({"request":"flows"})", R"({"request":"logLevel","level":5})"}}};
   for (const Case& c : cases)
     for (const std::string& line : c.lines) {
       const Json answer = ask(1000, line);
