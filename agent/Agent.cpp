@@ -62,7 +62,8 @@ struct Agent::Parts {
                         log, tables.flows),
         flowPaths(
             {agent.loop_, networks.list(), exports.interfaces(), exports.vrfs(),
-             agent.options_.netnsDir, tables.flows, captures, log},
+             agent.options_.netnsDir, tables.flows, captures, log,
+             [this] { return networks.settled(); }},
             replay.get(),
             {[this](const std::string& tracker) { return exports.firstFlowTemplate(tracker); },
              [this](const flow::FlowTemplateIds::Unused& unused) {

@@ -5,8 +5,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include <malloc.h>
+#include <net/if.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -31,10 +33,29 @@ int written(int status) {
   return exitUsage;
 }
 
+/// Notes patterns that take no interface of this machine, which need not be the one that the
+/// configuration is for. Those of other namespaces are not looked at.
+void noteIdlePatterns(const std::string& fileName, const Settings& settings) {
+  std::vector<std::string> names;
+  if (struct if_nameindex* const all = if_nameindex()) {
+    for (const auto* i = all; i->if_name; ++i) names.emplace_back(i->if_name);
+    if_freenameindex(all);
+  }
+  for (const auto& [name, tracker] : settings.trackers)
+    for (const std::string& pattern : idlePatterns(tracker.interfaces, names))
+      if (pattern.find('/') == pattern.npos)
+        std::fprintf(stderr,
+                     "%s: note: key 'tracker.%s.interfaces': no interface of this machine is taken "
+                     "by \"%s\" now\n",
+                     printable(fileName).c_str(), printable(tomlKey(name)).c_str(),
+                     printable(pattern).c_str());
+}
+
 int check(const std::string& fileName, bool effective) {
   const SettingsResult read = readSettings(fileName);
   for (const std::string& error : read.errors) std::fprintf(stderr, "%s\n", error.c_str());
   if (!read.settings) return exitFailure;
+  noteIdlePatterns(fileName, *read.settings);
   std::printf("%s%s: ok: %s\n", effective ? "# " : "", printable(fileName).c_str(),
               describe(count(*read.settings)).c_str());
   if (effective) std::fputs(settingsText(*read.settings).c_str(), stdout);

@@ -6,6 +6,8 @@
 
 #include <cerrno>
 #include <chrono>
+#include <set>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -53,12 +55,13 @@ void CaptureMeter::wake() {
 }
 
 MeterOrders CaptureMeter::withFilter(MeterOrders orders) {
-  std::vector<uint32_t> interfaces;  // sorted, as the map is
-  for (const auto& [kernel, exported] : orders.interfaces) interfaces.push_back(kernel);
-  if (!filter_ || filter_->error != 0 || filter_->interfaces != interfaces ||
-      filter_->sampleRate != orders.sampleRate)
-    filter_ =
-        std::make_shared<PacketFilter>(ring_.filter(std::move(interfaces), orders.sampleRate));
+  PacketChoice choice{.sampleRate = orders.sampleRate,
+                      .expression = orders.expression,
+                      .withoutEthernet = orders.withoutEthernet};
+  for (const auto& [kernel, exported] : orders.interfaces)  // sorted, as the map is
+    choice.interfaces.push_back(kernel);
+  if (!filter_ || filter_->error != 0 || filter_->choice != choice)
+    filter_ = std::make_shared<PacketFilter>(ring_.filter(std::move(choice)));
   orders.filter = filter_;
   return orders;
 }
@@ -73,6 +76,13 @@ bool CaptureMeter::filterIs() {
     counters_.filterError = e.code().value();
   }
   return counters_.filterError == 0;
+}
+
+void CaptureMeter::promiscuousIs() {
+  std::set<uint32_t> wanted;
+  if (orders_.promiscuous)
+    for (const auto& [kernel, exported] : orders_.interfaces) wanted.insert(kernel);
+  std::tie(counters_.promiscuousRefused, counters_.promiscuousError) = ring_.promiscuousIs(wanted);
 }
 
 /// `due`: ports that are no longer the agent's are forgotten.
@@ -104,12 +114,14 @@ void CaptureMeter::run() {
   int64_t countedMs = 0;  // the last packet's time, and when it was counted
   int64_t countedAt = 0;
   bool filterDue = true;
-  int64_t portsAt = 0;  // the second when the agent's ports were looked at last
+  int64_t dueAt = 0;  // the second when what is done each second was done last
   while (!stopped()) {
     const bool ordered = takeOrders();
     if (ordered || filterDue) filterDue = !filterIs();
     const int64_t second = steadyMs() / 1000;
-    followOwnPorts(ordered || std::exchange(portsAt, second) != second);
+    const bool due = std::exchange(dueAt, second) != second;
+    followOwnPorts(ordered || due);
+    if (ordered || due) promiscuousIs();
     const size_t got = readBlocks();
     settle();
     const int64_t now = steadyMs();

@@ -25,6 +25,7 @@ class CaptureMeter final : public FlowMeter {
   void run() override;
   /// False: the kernel refused, and it is to be tried again.
   bool filterIs();
+  void promiscuousIs();
   size_t readBlocks();
   void followOwnPorts(bool due);
 

@@ -1,5 +1,8 @@
 #include "agent/flow/FileMeter.h"
 
+#include <stdexcept>
+#include <utility>
+
 namespace agent::flow {
 namespace {
 constexpr uint64_t fileSeed = 0x7461726e666c6f77;  // a file gives the same records each time
@@ -32,6 +35,7 @@ void FileMeter::run() {
       tellCounters();
       feeds_.fill(cache_, FlowFeed::blockFlows);
     }
+    if (!orders_.expression.empty() && !chosen(packet)) continue;
     if (orders_.sampleRate > 1) {
       random = random * 6364136223846793005 + 1442695040888963407;
       if ((random >> 32) % orders_.sampleRate != 0) continue;
@@ -40,6 +44,17 @@ void FileMeter::run() {
   }
   settle();
   cache_.endAll(EndReason::forcedEnd);
+}
+
+/// Throws where the expression has no meaning for the packet's link layer.
+bool FileMeter::chosen(const Packet& packet) {
+  auto& program = programs_[packet.link];
+  if (program.empty()) {
+    PacketProgram compiled = compilePacketExpression(orders_.expression, packet.link);
+    if (!compiled.problem.empty()) throw std::runtime_error("its filter: " + compiled.problem);
+    program = std::move(compiled.code);
+  }
+  return chooses(program, packet);
 }
 
 }  // namespace agent::flow

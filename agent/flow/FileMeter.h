@@ -1,8 +1,11 @@
 #pragma once
 #include <atomic>
+#include <map>
 #include <memory>
+#include <vector>
 
 #include "agent/flow/FlowMeter.h"
+#include "agent/settings/PacketExpression.h"
 #include "platform/linux/CaptureFile.h"
 
 namespace agent::flow {
@@ -20,7 +23,9 @@ class FileMeter final : public FlowMeter {
 
  private:
   void run() override;
+  bool chosen(const Packet& packet);
 
+  std::map<platform::LinkLayer, std::vector<sock_filter>> programs_;  // of the orders' expression
   std::unique_ptr<CaptureFile> file_;
   std::atomic<unsigned> percent_{0};
 };

@@ -29,7 +29,10 @@ struct MeterOrders {
   bool hold = true;                          ///< no collector is ready
   /// The captured interfaces by the kernel's index, with the index that is exported.
   std::map<uint32_t, uint32_t> interfaces;
-  /// For these interfaces and this rate, made by a meter that captures.
+  std::vector<uint32_t> withoutEthernet;  ///< those of them that have no such header; sorted
+  bool promiscuous = false;               ///< they are asked for packets for other stations
+  std::string expression;                 ///< chooses packets; empty: all
+  /// For these interfaces, this rate and expression, made by a meter that captures.
   std::shared_ptr<const PacketFilter> filter;
   bool operator==(const MeterOrders&) const = default;
 };
@@ -39,8 +42,10 @@ struct MeterCounters {
   uint64_t drops = 0;  ///< packets that reached the capture, and the kernel had no room for
   std::array<uint64_t, parseErrors> errors{};
   size_t active = 0;
-  int programError = 0;  ///< errno: see PacketRing::programError
-  int filterError = 0;   ///< errno: what chooses the packets was refused, and is tried again
+  int programError = 0;      ///< errno: see PacketRing::programError
+  int filterError = 0;       ///< errno: what chooses the packets was refused, and is tried again
+  int promiscuousError = 0;  ///< errno: an interface refuses packets for other stations
+  uint32_t promiscuousRefused = 0;  ///< the kernel's index of that interface
 };
 
 /// Turns packets into flows and flows into records, on a thread of its own. The agent's thread

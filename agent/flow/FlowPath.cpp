@@ -1,6 +1,5 @@
 #include "agent/flow/FlowPath.h"
 
-#include <fnmatch.h>
 #include <sys/epoll.h>
 
 #include <algorithm>
@@ -28,15 +27,6 @@ constexpr int blocksPerTask = 8;
 constexpr std::chrono::seconds progressEvery{10};
 constexpr std::chrono::seconds retry{1};  // what could not be had
 
-/// The name that patterns, and the interface table, know the interface by.
-std::string exportedName(const VrfName& vrf, const std::string& name) {
-  return vrf.stringValue() == defaultVrf ? name : vrf.stringValue() + '/' + name;
-}
-bool matches(const std::vector<std::string>& patterns, const std::string& name) {
-  return std::any_of(patterns.begin(), patterns.end(), [&](const std::string& pattern) {
-    return fnmatch(pattern.c_str(), name.c_str(), FNM_PATHNAME) == 0;
-  });
-}
 uint64_t randomSeed() {
   std::random_device device;
   return uint64_t{device()} << 32 | device();
@@ -50,6 +40,7 @@ FlowPath::FlowPath(std::string tracker, FlowPathHost host, const LibraryTree& tr
       settings_(settings),
       plan_(std::make_shared<const RecordPlan>(settings.definition, firstTemplate)),
       export_(tracker_, tree),
+      warnings_(tracker_, host_.log),
       ended_{.key = FlowTracking::FlowPathKey(tracker_)} {
   const auto scheduler = host_.loop->taskScheduler();
   const auto task = [&](const char* kind, auto body) {
@@ -124,6 +115,8 @@ MeterOrders FlowPath::orders(const VrfName& vrf) const {
   o.hold = hold_;
   o.direction = settings_.direction;
   o.ownExport = settings_.ownExport;
+  o.promiscuous = settings_.promiscuous;
+  o.expression = settings_.filter;
   o.context.host.onlyOwnLeave = settings_.direction == Direction::once;
   for (const auto& [id, name] : host_.vrfs->vrf())
     if (name == vrf) o.context.vrfId = id;
@@ -135,16 +128,18 @@ MeterOrders FlowPath::orders(const VrfName& vrf) const {
   for (const auto& [kernel, link] : network->links())
     for (const LinkAddress& a : link.addresses) o.context.host.addressIs(a.local);
   o.interfaces = exportedLinks(*network, settings_.interfaces);
+  for (const auto& [kernel, exported] : o.interfaces)
+    if (!network->links().at(kernel).hasEthernetHeader()) o.withoutEthernet.push_back(kernel);
   return o;
 }
 
 /// The indexes that records have of the links that match, by the kernel's.
-std::map<uint32_t, uint32_t> FlowPath::exportedLinks(
-    const VrfNetwork& network, const std::vector<std::string>& patterns) const {
+std::map<uint32_t, uint32_t> FlowPath::exportedLinks(const VrfNetwork& network,
+                                                     const InterfacePatterns& patterns) const {
   std::map<uint32_t, uint32_t> exported;
   for (const auto& [kernel, link] : network.links()) {
     const std::string name = exportedName(network.vrf(), link.name);
-    if (!matches(patterns, name)) continue;
+    if (!takes(patterns, name)) continue;
     const auto index = host_.indexes->intfIndex().find(IntfId(name));
     if (index != host_.indexes->intfIndex().end()) exported.emplace(kernel, index->second);
   }
@@ -157,6 +152,7 @@ void FlowPath::review() {
     for (auto& [vrf, source] : sources_) source.meter->ordersIs(orders(vrf));
     return;
   }
+  if (host_.surveyed()) warnings_.review(settings_, *host_.networks);
   opened_ = false;
   for (const auto& [vrf, network] : host_.networks->network()) reviewNetwork(vrf, sources_[vrf]);
   for (auto it = sources_.begin(); it != sources_.end();) {
@@ -252,7 +248,10 @@ void FlowPath::tellProgramError(const VrfName& vrf, const Source& source) const 
           (once ? "what this machine sends is not counted, direction \"once\" is as \"ingress\", "
                   "and "
                 : "") +
-          "segments that were put together count as one packet: the kernel refuses the filter that "
+          "segments that were put together count as one packet" +
+          (settings_.filter.empty() ? ""
+                                    : ", and the filter sees no VLAN tag that a device took off") +
+          ": the kernel refuses the filter that "
           "tells them apart, which needs CAP_BPF or CAP_SYS_ADMIN: " +
           std::generic_category().message(problem),
       {.tracker = tracker_, .vrf = vrf.stringValue()});
@@ -292,6 +291,19 @@ void FlowPath::forgetLeft() {
     l.watch.reset();  // before the descriptor that it watches
     return true;
   });
+}
+
+/// A meter whose thread ended before its time is told and made anew.
+void FlowPath::tellFailures() {
+  for (auto& [vrf, source] : sources_) {
+    if (!source.meter || !source.meter->done() || source.meter->failure().empty()) continue;
+    host_.log.warning(
+        placeText(vrf) + "stopped tracking flows, trying again: " + source.meter->failure(),
+        {.tracker = tracker_, .vrf = vrf.stringValue()});
+    captureIs(vrf, source.meter->failure());
+    release(source);
+    reviewTask_->scheduleLowestIs(retry);
+  }
 }
 
 void FlowPath::endSoon() {
@@ -387,105 +399,6 @@ void FlowPath::followFile() {
     tellCounters();
     std::exchange(fileDone_, nullptr)(true);
   }
-}
-
-// --- Counters ---
-
-void FlowPath::addCounters(const FlowMeter& meter, FlowTracking::FlowPathRecord& to) const {
-  const MeterCounters c = meter.counters();
-  const auto ended = [&](EndReason r) { return c.cache.expired[static_cast<size_t>(r)]; };
-  const auto errors = [&](ParseError e) { return c.errors[static_cast<size_t>(e)]; };
-  to.packetsSeen += std::accumulate(c.errors.begin(), c.errors.end(), c.cache.packets + c.drops);
-  to.kernelDrops += c.drops;
-  to.notIp += errors(ParseError::notIp);
-  to.truncated += errors(ParseError::truncated);
-  to.malformed += errors(ParseError::malformed);
-  to.packets += c.cache.packets;
-  to.octets += c.cache.octets;
-  to.flowsCreated += c.cache.created;
-  to.endedIdle += ended(EndReason::idleTimeout);
-  to.endedActive += ended(EndReason::activeTimeout);
-  to.endedEndOfFlow += ended(EndReason::endOfFlow);
-  to.endedForced += ended(EndReason::forcedEnd);
-  to.endedResources += ended(EndReason::lackOfResources);
-  to.lostNoCollector += c.cache.lost[static_cast<size_t>(Loss::noCollector)];
-  to.lostQueueFull += c.cache.lost[static_cast<size_t>(Loss::queueFull)];
-  to.lostPackets += c.cache.lostPackets;
-}
-
-FlowTracking::FlowPathRecord FlowPath::record() const {
-  FlowTracking::FlowPathRecord r = ended_;
-  const auto add = [&](const FlowMeter& meter) {
-    addCounters(meter, r);
-    r.flowsActive += meter.counters().active;
-  };
-  for (const auto& [vrf, source] : sources_) {
-    if (!source.meter) continue;
-    add(*source.meter);
-    r.flowsMax += settings_.maxFlows;
-  }
-  for (const Leaving& l : leaving_) add(*l.meter);
-  r.records = export_.counters().records;
-  r.recordsLost = export_.counters().recordsLost;
-  r.messages = export_.counters().messages;
-  r.sampleRate = settings_.sampleRate;
-  r.updatedTime = Platform::current().clock().now();
-  return r;
-}
-void FlowPath::tellCounters() {
-  if (!host_.counters) return;
-  const auto r = record();
-  host_.counters->put(std::as_bytes(std::span(&r.key, 1)), std::as_bytes(std::span(&r, 1)));
-}
-/// At the end, when the counters go: what did not leave.
-void FlowPath::tellLosses() const {
-  const auto r = record();
-  if (r.lostNoCollector + r.lostQueueFull + r.recordsLost == 0) return;
-  host_.log.warning("tracker " + printable(tracker_) +
-                        ": at its end, lost in all: " + std::to_string(r.lostNoCollector) +
-                        " flows since no collector was ready, " + std::to_string(r.lostQueueFull) +
-                        " that could not be sent in time, " + std::to_string(r.recordsLost) +
-                        " records of exporters without a ready collector",
-                    {.tracker = tracker_});
-}
-void FlowPath::tellFilterErrors() {
-  for (auto& [vrf, source] : sources_) {
-    const int now = source.meter ? source.meter->counters().filterError : 0;
-    if (now != 0 && now != source.filterError)
-      host_.log.warning(placeText(vrf) +
-                            "the kernel refuses the new choice of interfaces and sampling, the one "
-                            "before holds, trying again: " +
-                            std::generic_category().message(now),
-                        {.tracker = tracker_, .vrf = vrf.stringValue()});
-    source.filterError = now;
-    if (now != 0) reviewSoon();  // which makes the filter anew
-  }
-}
-/// A meter whose thread ended before its time is told and made anew.
-void FlowPath::tellFailures() {
-  for (auto& [vrf, source] : sources_) {
-    if (!source.meter || !source.meter->done() || source.meter->failure().empty()) continue;
-    host_.log.warning(
-        placeText(vrf) + "stopped tracking flows, trying again: " + source.meter->failure(),
-        {.tracker = tracker_, .vrf = vrf.stringValue()});
-    captureIs(vrf, source.meter->failure());
-    release(source);
-    reviewTask_->scheduleLowestIs(retry);
-  }
-}
-std::string FlowPath::summary() const {
-  const auto r = record();
-  const auto n = [](uint64_t v, const char* noun) { return std::to_string(v) + ' ' + noun; };
-  std::string text = n(r.packetsSeen, "packets seen, ") + n(r.packets, "in flows, ") +
-                     n(r.flowsCreated, "flows, ") + n(r.records, "records sent in ") +
-                     n(r.messages, "messages");
-  for (const auto& [count, what] :
-       {std::pair(r.notIp, "packets not IP"), std::pair(r.truncated, "packets truncated"),
-        std::pair(r.malformed, "packets malformed"),
-        std::pair(r.lostNoCollector + r.lostQueueFull, "flows lost"),
-        std::pair(r.recordsLost, "records lost")})
-    if (count > 0) text += ", " + n(count, what);
-  return text;
 }
 
 }  // namespace agent::flow

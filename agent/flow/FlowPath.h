@@ -1,9 +1,11 @@
 #pragma once
 #include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Ipfix/FlowTrackingTypes.h"
@@ -11,6 +13,7 @@
 #include "agent/flow/FileMeter.h"
 #include "agent/flow/FlowCaptures.h"
 #include "agent/flow/FlowSurvey.h"
+#include "agent/flow/InterfaceWarnings.h"
 #include "agent/host/AgentLog.h"
 #include "agent/network/NetworkFollower.h"
 #include "agent/records/FlowExport.h"
@@ -32,6 +35,7 @@ struct FlowPathHost {
   Ptr<SharedTable> counters;  ///< of FlowPathRecord; null: not shown
   Ptr<FlowCaptures> captures;
   AgentLog& log;
+  std::function<bool()> surveyed;  ///< every network that is there is known
 };
 
 /// The software flow path of one tracker, on the agent's thread: a meter in each network that has
@@ -91,8 +95,9 @@ class FlowPath {
     NetnsId netns;                         // that the meter's sockets are in
     std::map<uint32_t, uint32_t> tracked;  // the interfaces, as they were told
     std::chrono::steady_clock::time_point nextTry;
-    std::string problem;  // why there is no meter, as it was told
-    int filterError = 0;  // of the meter, as it was told
+    std::string problem;                          // why there is no meter, as it was told
+    int filterError = 0;                          // of the meter, as it was told
+    std::pair<uint32_t, int> promiscuousError{};  // the same
   };
   /// A meter that counts no more and has flows to report.
   struct Leaving : Live {
@@ -105,7 +110,7 @@ class FlowPath {
   bool openMeter(const VrfName& vrf, Source& source, const MeterOrders& wanted);
   MeterOrders orders(const VrfName& vrf) const;
   std::map<uint32_t, uint32_t> exportedLinks(const VrfNetwork& network,
-                                             const std::vector<std::string>& patterns) const;
+                                             const InterfacePatterns& patterns) const;
   void tellProgramError(const VrfName& vrf, const Source& source) const;
   void watchQueue(Source& source);
   void release(Source& source);
@@ -124,6 +129,7 @@ class FlowPath {
   FlowTracking::FlowPathRecord record() const;
   void tellCounters();
   void tellFilterErrors();
+  void tellPromiscuousError(const VrfName& vrf, Source& source, const MeterCounters& counters);
   void tellLosses() const;
   void addCounters(const FlowMeter& meter, FlowTracking::FlowPathRecord& to) const;
 
@@ -132,6 +138,7 @@ class FlowPath {
   TrackerSettings settings_;
   FlowMeter::RecordPlanPtr plan_;
   FlowExport export_;
+  InterfaceWarnings warnings_;
   bool hold_ = true;
   bool ending_ = false;
   bool opened_ = false;  // a meter, in the review under way

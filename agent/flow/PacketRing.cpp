@@ -63,7 +63,7 @@ PacketRing::PacketRing(const Options& options) : options_(options), share_(optio
   if (!attach(fd, nothing))
     throw platform::ErrnoException(ENOMEM, "the packet socket refused its filter");
   optionIs(fd, PACKET_VERSION, int{TPACKET_V3}, "the kernel has no receive ring of version 3");
-  programError_ = extendedFilter({}, 1, options_.direction, options_.snapLen).error;
+  programError_ = extendedFilter({}, options_.direction, options_.snapLen).error;
   if (programError_ == ENOMEM || programError_ == EAGAIN || programError_ == EINTR)
     throw platform::ErrnoException(programError_, "the kernel cannot load the packet filter now");
   if (programError_ != 0 && options_.direction == Direction::once)
@@ -106,16 +106,39 @@ void PacketRing::close() {
   fd_.close();
 }
 
-PacketFilter PacketRing::filter(std::vector<uint32_t> interfaces, uint32_t sampleRate) const {
+std::pair<uint32_t, int> PacketRing::promiscuousIs(const std::set<uint32_t>& interfaces) {
+  const auto request = [this](int option, uint32_t interface) {
+    packet_mreq one{};
+    one.mr_ifindex = static_cast<int>(interface);
+    one.mr_type = PACKET_MR_PROMISC;
+    return ::setsockopt(fd_.get(), SOL_PACKET, option, &one, sizeof one) == 0 ? 0 : errno;
+  };
+  std::erase_if(promiscuous_, [&](uint32_t interface) {
+    if (interfaces.contains(interface)) return false;
+    request(PACKET_DROP_MEMBERSHIP, interface);  // fails where the interface is gone
+    return true;
+  });
+  std::pair<uint32_t, int> refused{};
+  for (const uint32_t interface : interfaces) {
+    if (promiscuous_.contains(interface)) continue;
+    const int error = request(PACKET_ADD_MEMBERSHIP, interface);
+    if (error == 0) promiscuous_.insert(interface);
+    if (error != 0 && refused.second == 0) refused = {interface, error};
+  }
+  return refused;
+}
+
+PacketFilter PacketRing::filter(PacketChoice choice) const {
+  std::vector<uint32_t>& interfaces = choice.interfaces;
   std::sort(interfaces.begin(), interfaces.end());
   interfaces.erase(std::unique(interfaces.begin(), interfaces.end()), interfaces.end());
-  if (programError_ != 0) return {.interfaces = std::move(interfaces), .sampleRate = sampleRate};
-  return extendedFilter(std::move(interfaces), sampleRate, options_.direction, options_.snapLen);
+  if (programError_ != 0) return {.choice = std::move(choice)};
+  return extendedFilter(std::move(choice), options_.direction, options_.snapLen);
 }
 
 bool PacketRing::attached(const PacketFilter& filter, bool any) {
   if (programError_ != 0) {
-    Program program = classicFilter(filter, options_.direction, options_.snapLen, any);
+    Program program = classicFilter(filter.choice, options_.direction, options_.snapLen, any);
     return attach(fd_.get(), program);
   }
   const platform::Fd& program = any ? filter.anyInterface : filter.program;
@@ -129,7 +152,7 @@ void PacketRing::filterIs(const PacketFilter& filter) {
   if (!all && (filter.error != 0 || !attached(filter, true)))
     throw platform::ErrnoException(errno, "the packet socket refused its filter");
   chooseHere_ = !all;
-  interfaces_ = filter.interfaces;
+  interfaces_ = filter.choice.interfaces;
 }
 
 bool PacketRing::wanted(uint32_t interface) const {

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -55,16 +56,22 @@ class PacketRing {
   explicit PacketRing(const Options& options = {});
 
   /// From now on packets of these interfaces are accepted, one out of `sampleRate` at random, and
-  /// no others. Takes effect between two packets; those already in the ring stay. An empty set
-  /// accepts nothing; 0 is as 1. The rate is exact up to 1 / 2^33 of it. Throws ErrnoException when
-  /// the kernel refuses the filter; the one before then stays.
+  /// no others; of these, what the choice's expression chooses. Takes effect between two packets;
+  /// those already in the ring stay. An empty set accepts nothing; 0 is as 1. The rate is exact up
+  /// to 1 / 2^33 of it. Throws ErrnoException when the kernel refuses the filter; the one before
+  /// then stays.
   void filterIs(const PacketFilter& filter);
   /// Makes what `filterIs` takes, on any thread: here rights to load programs are needed, not
   /// there.
-  PacketFilter filter(std::vector<uint32_t> interfaces, uint32_t sampleRate) const;
+  PacketFilter filter(PacketChoice choice) const;
   void filterIs(std::vector<uint32_t> interfaces, uint32_t sampleRate) {
-    filterIs(filter(std::move(interfaces), sampleRate));
+    filterIs(filter({std::move(interfaces), sampleRate}));
   }
+
+  /// From now on these interfaces take packets for other stations, as far as this ring has a say:
+  /// others may ask for them too. That ends with the ring. Those that refuse are asked again by the
+  /// next call. Returns the first of them with its errno (ENODEV: it is not there), or zeros.
+  std::pair<uint32_t, int> promiscuousIs(const std::set<uint32_t>& interfaces);
 
   /// Ends the capture, for good, and gives its memory back. As its destructor does; closing a
   /// packet socket takes the kernel some 35 ms, and opening one as much.
@@ -118,6 +125,7 @@ class PacketRing {
   std::unique_ptr<uint8_t, Unmap> ring_;
   uint32_t block_ = 0;                // the next to become ready
   std::vector<uint32_t> interfaces_;  // sorted
+  std::set<uint32_t> promiscuous_;
   int programError_ = 0;
   bool chooseHere_ = false;  // more interfaces than a filter of the kernel can hold
   Statistics statistics_;

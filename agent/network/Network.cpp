@@ -3,6 +3,7 @@
 #include <linux/if_addr.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <net/if_arp.h>
 
 #include <algorithm>
 
@@ -20,6 +21,10 @@ std::string Link::stringValue() const {
       .attr("up", (flags & IFF_UP) != 0)
       .raw("addresses", '[' + all + ']')
       .str();
+}
+
+bool Link::hasEthernetHeader() const {
+  return relations.type == ARPHRD_ETHER || relations.type == ARPHRD_LOOPBACK;
 }
 
 void VrfNetwork::presentIs(bool v) {
@@ -64,6 +69,13 @@ void VrfNetwork::linkIs(uint32_t index, const std::string& name, uint32_t flags)
   link.name = name;
   link.flags = flags;
   changed(name);
+}
+
+void VrfNetwork::relationsIs(uint32_t index, const LinkRelations& relations) {
+  const auto it = links_.find(index);
+  if (it == links_.end() || it->second.relations == relations) return;
+  it->second.relations = relations;
+  changed(it->second.name);
 }
 
 void VrfNetwork::linkDel(uint32_t index) {

@@ -27,12 +27,22 @@ struct LinkAddress {
   bool operator==(const LinkAddress&) const = default;
 };
 
+/// What a link is, and what it stands on, by the kernel's indexes in its namespace.
+struct LinkRelations {
+  uint16_t type = 1;    ///< ARPHRD_*
+  uint32_t master = 0;  ///< the bridge, bond, team or VRF device that has it as a member; 0: none
+  uint32_t lower = 0;   ///< of a VLAN or MACVLAN, and the like: what carries it; 0: none
+  bool operator==(const LinkRelations&) const = default;
+};
+
 struct Link {
   uint32_t index = 0;  ///< the kernel's, in its namespace
   std::string name;
   uint32_t flags = 0;                  ///< IFF_*
   std::vector<LinkAddress> addresses;  ///< in the kernel's order
+  LinkRelations relations = {};
 
+  bool hasEthernetHeader() const;
   std::string stringValue() const;
   bool operator==(const Link&) const = default;
 };
@@ -69,6 +79,8 @@ class VrfNetwork final : public Entity {
   const Link* link(const std::string& name) const;  ///< null: there is none
 
   void linkIs(uint32_t index, const std::string& name, uint32_t flags);
+  /// Of an unknown link: ignored.
+  void relationsIs(uint32_t index, const LinkRelations& relations);
   void linkDel(uint32_t index);
   /// Of an unknown link: ignored.
   void addressIs(uint32_t index, const LinkAddress& address);

@@ -8,9 +8,12 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
+#include <string_view>
 
 #include "platform/UdpPam.h"
 #include "platform/linux/Netns.h"
@@ -28,7 +31,7 @@ template <size_t n>
 using Attrs = std::array<const nlattr*, n>;
 
 template <size_t n>
-bool parseAttrs(const nlmsghdr& message, size_t headerLen, Attrs<n>& attrs) {
+bool parseAttrs(const void* at, size_t len, Attrs<n>& attrs) {
   attrs.fill(nullptr);
   const auto each = [](const nlattr* attr, void* data) {
     auto& all = *static_cast<Attrs<n>*>(data);
@@ -36,11 +39,17 @@ bool parseAttrs(const nlmsghdr& message, size_t headerLen, Attrs<n>& attrs) {
     if (type < n) all[type] = attr;
     return MNL_CB_OK;
   };
+  return mnl_attr_parse_payload(at, len, each, &attrs) == MNL_CB_OK;
+}
+
+template <size_t n>
+bool parseAttrs(const nlmsghdr& message, size_t headerLen, Attrs<n>& attrs) {
   // Not mnl_attr_parse, which reads up to three octets behind a message of odd length.
   const size_t before = MNL_NLMSG_HDRLEN + MNL_ALIGN(headerLen);
+  attrs.fill(nullptr);
   if (message.nlmsg_len < before) return false;
-  return mnl_attr_parse_payload(mnl_nlmsg_get_payload_offset(&message, headerLen),
-                                message.nlmsg_len - before, each, &attrs) == MNL_CB_OK;
+  return parseAttrs(mnl_nlmsg_get_payload_offset(&message, headerLen), message.nlmsg_len - before,
+                    attrs);
 }
 
 IpGenAddr addressOf(const nlattr* attr, int family) {
@@ -59,6 +68,33 @@ IpGenAddr addressOf(const nlattr* attr, int family) {
   return {};
 }
 
+std::string_view textOf(const nlattr* attr) {
+  if (!attr) return {};
+  const auto* text = static_cast<const char*>(mnl_attr_get_payload(attr));
+  return {text, strnlen(text, mnl_attr_get_payload_len(attr))};
+}
+uint32_t numberOf(const nlattr* attr) {
+  return attr && mnl_attr_get_payload_len(attr) == sizeof(uint32_t) ? mnl_attr_get_u32(attr) : 0;
+}
+
+LinkRelations relationsOf(const ifinfomsg& info, const Attrs<IFLA_LINK_NETNSID + 1>& attrs) {
+  LinkRelations r{.type = info.ifi_type};
+  Attrs<IFLA_INFO_SLAVE_KIND + 1> about{};
+  if (const nlattr* const all = attrs[IFLA_LINKINFO])
+    parseAttrs(mnl_attr_get_payload(all), mnl_attr_get_payload_len(all), about);
+  // Ports of this kind have a master that packets do not pass.
+  if (textOf(about[IFLA_INFO_SLAVE_KIND]) != "openvswitch") r.master = numberOf(attrs[IFLA_MASTER]);
+  // What a tunnel puts around a packet makes another one of it, and a veth's other end is no part
+  // of it. An index in another namespace says nothing here.
+  static constexpr std::string_view kinds[] = {"vlan",   "macvlan", "macvtap",
+                                               "ipvlan", "ipvtap",  "dsa"};
+  if (std::find(std::begin(kinds), std::end(kinds), textOf(about[IFLA_INFO_KIND])) !=
+          std::end(kinds) &&
+      !attrs[IFLA_LINK_NETNSID])
+    r.lower = numberOf(attrs[IFLA_LINK]);
+  return r;
+}
+
 void applyLink(const nlmsghdr& message, VrfNetwork& network) {
   if (message.nlmsg_len < NLMSG_LENGTH(sizeof(ifinfomsg))) return;
   const auto& info = *static_cast<const ifinfomsg*>(mnl_nlmsg_get_payload(&message));
@@ -70,12 +106,13 @@ void applyLink(const nlmsghdr& message, VrfNetwork& network) {
     network.linkDel(index);
     return;
   }
-  Attrs<IFLA_IFNAME + 1> attrs;
+  Attrs<IFLA_LINK_NETNSID + 1> attrs;
   if (!parseAttrs(message, sizeof(ifinfomsg), attrs) || !attrs[IFLA_IFNAME]) return;
-  const auto* name = static_cast<const char*>(mnl_attr_get_payload(attrs[IFLA_IFNAME]));
-  const size_t len = strnlen(name, mnl_attr_get_payload_len(attrs[IFLA_IFNAME]));
-  if (len == 0 || len >= IFNAMSIZ) return;
-  network.linkIs(index, std::string(name, len), info.ifi_flags);
+  const std::string_view name = textOf(attrs[IFLA_IFNAME]);
+  if (name.empty() || name.size() >= IFNAMSIZ) return;
+  network.linkIs(index, std::string(name), info.ifi_flags);
+  // News of one thing only, as of a radio's, lack the rest.
+  if (attrs[IFLA_MTU]) network.relationsIs(index, relationsOf(info, attrs));
 }
 
 void applyAddress(const nlmsghdr& message, VrfNetwork& network) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "agent/records/FlowRecords.h"
+#include "agent/settings/InterfacePatterns.h"
 #include "platform/FlowTracking.h"
 #include "platform/Ip.h"
 #include "platform/UdpPam.h"
@@ -38,11 +39,13 @@ struct ExporterSettings {
 struct TrackerSettings {
   FlowTracking::FtId id = 0;  ///< observation domain id, unique over all trackers
   FlowTracking::FlowTrackingType type = FlowTracking::FlowTrackingType::software;
-  std::vector<std::string> interfaces;  ///< patterns of the interfaces whose packets are tracked
+  InterfacePatterns interfaces;           ///< of the interfaces whose packets are tracked
   Direction direction = Direction::once;  ///< of the packets that are tracked
-  Egress egress = Egress::none;              ///< how far it is known where they leave
-  bool ownExport = false;                    ///< the agent's own messages are tracked as well
-  uint32_t sampleRate = 1;                   ///< one packet out of this many
+  Egress egress = Egress::none;           ///< how far it is known where they leave
+  bool ownExport = false;                 ///< the agent's own messages are tracked as well
+  bool promiscuous = false;               ///< packets for other stations are asked for
+  std::string filter;       ///< an expression that chooses packets; empty: all of them
+  uint32_t sampleRate = 1;  ///< one packet out of this many
   std::chrono::milliseconds activeInterval{60000};
   std::chrono::milliseconds inactiveTimeout{15000};
   uint16_t localPort = 4739;  ///< where devices send to, of a hardware tracker; 0: any

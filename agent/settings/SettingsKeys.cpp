@@ -1,19 +1,17 @@
 #include "agent/settings/SettingsKeys.h"
 
 #include <algorithm>
-#include <charconv>
 #include <climits>
-#include <cstdio>
 #include <optional>
 
 #include "Ipfix/FlowTrackingTypes.h"
 #include "agent/host/Names.h"
-#include "agent/settings/SettingsErrors.h"
+#include "agent/settings/SettingsKinds.h"
 
 namespace agent {
 namespace {
+using namespace kinds;
 using FlowTracking::FlowTrackingType;
-using std::chrono::milliseconds;
 
 constexpr size_t interfaceNameMax = 15;  // IFNAMSIZ without its terminator
 constexpr size_t socketPathMax = 107;    // sockaddr_un::sun_path without its terminator
@@ -23,248 +21,6 @@ constexpr size_t socketPathMax = 107;    // sockaddr_un::sun_path without its te
 constexpr uint32_t mtuMin = 40 + 8 + 16 + 4 + (4 + 1 + FlowTracking::IntfIndexMap::nameMax);
 constexpr uint32_t mtuMax = 65535;          // the length field of an IPv4 packet
 constexpr int64_t maxFlowsMax = 100000000;  // 17 GB
-
-// --- Kinds of values: what each is in words and in a schema, how it is read and written ---
-
-std::string member(const char* name, const std::string& json) {
-  return std::string("\"") + name + "\": " + json;
-}
-/// A text as JSON writes it: of what stands in this file, which has no control characters.
-std::string jsonText(std::string_view text) { return tomlText(text); }
-
-template <class T>
-struct Integer {
-  const char* noun;
-  int64_t min;
-  int64_t max;
-  const char* more = "";  // for the documents
-
-  std::string range() const { return std::to_string(min) + " to " + std::to_string(max); }
-  std::string values() const { return "integer, " + range() + more; }
-  std::string schema() const {
-    return member("type", "\"integer\"") + ", " + member("minimum", std::to_string(min)) + ", " +
-           member("maximum", std::to_string(max));
-  }
-  std::string read(const toml::node& node, T& out) const {
-    const auto* value = node.as_integer();
-    if (!value || value->get() < min || value->get() > max)
-      return std::string(noun) + " is an integer from " + range();
-    out = static_cast<T>(value->get());
-    return {};
-  }
-  std::string write(const T& v) const { return std::to_string(v); }
-};
-
-struct Dscp {
-  static constexpr Integer<uint32_t> number{"a DSCP", 0, DscpValue::max};
-  std::string values() const { return number.values(); }
-  std::string schema() const { return number.schema(); }
-  std::string read(const toml::node& node, DscpValue& out) const {
-    uint32_t v = 0;
-    std::string expected = number.read(node, v);
-    if (expected.empty()) out = DscpValue(v);
-    return expected;
-  }
-  std::string write(const DscpValue& v) const { return v.stringValue(); }
-};
-
-std::optional<milliseconds> parseTime(std::string_view text) {
-  int64_t value = 0;
-  auto [end, err] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (err != std::errc{} || text.empty() || text[0] == '-') return std::nullopt;
-  const std::string_view unit(end, static_cast<size_t>(text.data() + text.size() - end));
-  const int64_t factor = unit == "ms"  ? 1
-                         : unit == "s" ? 1000
-                         : unit == "m" ? 60000
-                         : unit == "h" ? 3600000
-                                       : 0;
-  if (factor == 0 || value > INT64_MAX / factor) return std::nullopt;
-  return milliseconds(value * factor);
-}
-/// A time from one second on.
-struct Duration {
-  const char* noun;
-  int maxSeconds;
-
-  std::string max() const { return timeText(std::chrono::seconds(maxSeconds)); }
-  std::string values() const { return "time, `1s` to `" + max() + '`'; }
-  std::string schema() const { return R"("type": "string", "pattern": "^[0-9]+(ms|s|m|h)$")"; }
-  std::string read(const toml::node& node, milliseconds& out) const {
-    const auto* value = node.as_string();
-    const auto parsed = value ? parseTime(value->get()) : std::nullopt;
-    if (!parsed || *parsed < std::chrono::seconds(1) || *parsed > std::chrono::seconds(maxSeconds))
-      return std::string(noun) + " is a time from 1s to " + max() +
-             R"(, in quotes, like "1500ms", "30s", "5m" or "1h")";
-    out = *parsed;
-    return {};
-  }
-  std::string write(milliseconds v) const { return tomlText(timeText(v)); }
-};
-
-struct Text {
-  const char* words;
-  std::string members;
-  std::string expected;
-  bool (*good)(const std::string&);
-
-  std::string values() const { return words; }
-  std::string schema() const { return R"("type": "string", )" + members; }
-  std::string read(const toml::node& node, std::string& out) const {
-    const auto* value = node.as_string();
-    if (!value || !good(value->get())) return expected;
-    out = value->get();
-    return {};
-  }
-  std::string write(const std::string& v) const { return tomlText(v); }
-};
-std::string lengths(size_t min, size_t max) {
-  return member("minLength", std::to_string(min)) + ", " + member("maxLength", std::to_string(max));
-}
-
-struct Vrf {
-  std::string values() const { return "name of a VRF"; }
-  std::string schema() const {
-    return R"("type": "string", )" + lengths(1, VrfName::maxLength) +
-           R"(, "pattern": "^[^/ \\u0000-\\u001f\\u007f]*$")";
-  }
-  std::string read(const toml::node& node, VrfName& out) const {
-    const auto* value = node.as_string();
-    const std::string name = value ? value->get() : std::string();
-    std::string problem = vrfNameProblem(name);
-    if (problem.empty()) out = VrfName(name);
-    return problem;
-  }
-  std::string write(const VrfName& v) const { return tomlText(v.stringValue()); }
-};
-
-/// One of several words.
-template <class T>
-struct Choice {
-  const char* noun;
-  std::vector<T> all;
-
-  std::string values() const { return joined("`"); }
-  std::string schema() const {
-    std::string texts;
-    for (const T v : all) texts += (texts.empty() ? "" : ", ") + jsonText(toText(v));
-    return "\"enum\": [" + texts + ']';
-  }
-  std::string read(const toml::node& node, T& out) const {
-    const auto* value = node.as_string();
-    for (const T v : all)
-      if (value && value->get() == toText(v)) {
-        out = v;
-        return {};
-      }
-    return std::string(noun) + " is " + joined("");
-  }
-  std::string write(T v) const { return tomlText(toText(v)); }
-
- private:
-  std::string joined(const char* quote) const {
-    std::string text;
-    for (size_t i = 0; i < all.size(); ++i) {
-      if (i > 0) text += i + 1 < all.size() ? ", " : " or ";
-      text += quote + tomlText(toText(all[i])) + quote;
-    }
-    return text;
-  }
-};
-
-struct YesNo {
-  const char* noun;
-
-  std::string values() const { return "`true` or `false`"; }
-  std::string schema() const { return member("type", "\"boolean\""); }
-  std::string read(const toml::node& node, bool& out) const {
-    const auto* value = node.as_boolean();
-    if (!value) return std::string(noun) + " is true or false, without quotes";
-    out = value->get();
-    return {};
-  }
-  std::string write(bool v) const { return v ? "true" : "false"; }
-};
-
-struct Patterns {
-  static constexpr size_t longest = VrfName::maxLength + 1 + settingsNameMax;
-  std::string values() const { return "list of names and patterns"; }
-  std::string schema() const {
-    return R"("type": "array", "items": {"type": "string", )" + lengths(1, longest) +
-           R"(, "pattern": "^[^ \\u0000-\\u001f\\u007f]*$"})";
-  }
-  std::string read(const toml::node& node, std::vector<std::string>& out) const {
-    const auto* all = node.as_array();
-    const auto good = [](const toml::node& n) {
-      const auto* s = n.as_string();
-      return s && !s->get().empty() && s->get().size() <= longest && !hasControlOrBlank(s->get());
-    };
-    if (!all || !std::all_of(all->begin(), all->end(), good))
-      return R"(interfaces is a list of names or patterns without blanks, like ["eth*", "red/eth0"])";
-    for (const auto& n : *all) out.push_back(n.as_string()->get());
-    return {};
-  }
-  std::string write(const std::vector<std::string>& v) const {
-    std::string out;
-    for (const std::string& p : v) out += (out.empty() ? "" : ", ") + tomlText(p);
-    return '[' + out + ']';
-  }
-};
-
-struct FieldNames {
-  std::string values() const { return "list of names"; }
-  std::string schema() const {
-    std::string names;
-    for (const RecordField& f : recordFields())
-      names += (names.empty() ? "" : ", ") + jsonText(f.name);
-    return R"("type": "array", "minItems": 1, "uniqueItems": true, "items": {"enum": [)" + names +
-           "]}";
-  }
-  std::string read(const toml::node& node, std::vector<std::string>& out) const {
-    const auto* all = node.as_array();
-    if (!all || all->empty() || !all->is_homogeneous<std::string>())
-      return R"(it is a list of names, like ["sourceIPv4Address", "packetDeltaCount"])";
-    for (const auto& n : *all) out.push_back(n.as_string()->get());
-    return {};
-  }
-  std::string write(const std::vector<std::string>& v) const { return Patterns{}.write(v); }
-};
-
-struct Rate {
-  std::string values() const { return "text"; }
-  std::string schema() const { return R"("type": "string", "minLength": 1)"; }
-  std::string read(const toml::node& node, RateLimit& out) const {
-    const auto* value = node.as_string();
-    const auto limit = value ? RateLimit::fromString(value->get()) : std::nullopt;
-    if (limit) out = *limit;
-    return limit ? std::string()
-                 : "a rate limit is \"default\", \"none\" or a number with a unit: "
-                   "\"100 Mbit/s\", \"12 MB/s\", \"8000 messages/s\"";
-  }
-  std::string write(const RateLimit& v) const { return tomlText(v.stringValue()); }
-};
-
-/// A collector's place: an address, or the name of a host.
-struct AddressOrHost {
-  std::string values() const { return "IPv4 or IPv6 address, or host name"; }
-  std::string schema() const { return R"("type": "string", "minLength": 1)"; }
-  std::string read(const toml::node& node, CollectorSettings& out) const {
-    const auto* value = node.as_string();
-    const auto parsed = value ? IpGenAddr::fromString(value->get()) : std::nullopt;
-    if (parsed && parsed->family() != IpGenAddr::Family::none) {
-      if (const std::string what = collectorAddressProblem(*parsed); !what.empty())
-        return "a collector has an address of its own, and this is " + what;
-      out.address = *parsed;
-    } else if (value && isHostName(value->get())) {
-      out.host = value->get();
-    } else {
-      return "a collector's address is one IPv4 or IPv6 address, or the name of a host, in quotes";
-    }
-    return {};
-  }
-  std::string write(const CollectorSettings& c) const {
-    return tomlText(c.host.empty() ? c.address.stringValue() : c.host);
-  }
-};
 
 // --- The tables ---
 
@@ -393,8 +149,8 @@ const std::vector<SettingsKey<TrackerSettings>>& settingsKeys() {
           "Who tracks the flows.", Effect::trackerAnew),
       key("interfaces", &S::interfaces, Patterns{},
           "Interfaces whose packets are tracked, as they come and go, of a tracker of type "
-          "`\"software\"`: `\"eth0\"`, `\"eth*\"`, in other VRFs `\"red/eth0\"`, `\"red/*\"`. "
-          "Needs CAP_NET_RAW."),
+          "`\"software\"`: `\"eth0\"`, `\"eth*\"`, in other VRFs `\"red/eth0\"`, `\"red/*\"`; "
+          "`\"!veth*\"`: but not these ([below](#interfaces)). Needs CAP_NET_RAW."),
       key("direction", &S::direction,
           Choice<Direction>{"a direction", {std::begin(directions), std::end(directions)}},
           "Of a tracker of type `\"software\"`: the packets that are counted at its interfaces: "
@@ -411,9 +167,15 @@ const std::vector<SettingsKey<TrackerSettings>>& settingsKeys() {
       key("own-export", &S::ownExport, YesNo{"own-export"},
           "Of a tracker of type `\"software\"`: whether it counts the messages that this agent "
           "itself sends ([below](#direction))."),
+      key("promiscuous", &S::promiscuous, YesNo{"promiscuous"},
+          "Of a tracker of type `\"software\"`: whether its interfaces take packets for other "
+          "stations as well, as those of a mirror port ([below](#interfaces))."),
+      key("filter", &S::filter, Expression{},
+          "Of a tracker of type `\"software\"`: the packets that are counted, in the language of "
+          "packet captures: `\"not port 4739\"` ([below](#filter)). Empty: all."),
       key("sample-rate", &S::sampleRate,
           Integer<uint32_t>{"a sample rate, one packet out of so many,", 1, UINT32_MAX},
-          "One packet out of so many is looked at."),
+          "One packet out of so many is looked at, of those that pass the filter."),
       key("active-interval", &S::activeInterval, Duration{"an active interval", 65534},
           "How often a flow that goes on is reported, and the options tables are sent whole: "
           "interfaces, VRFs, this tracker, its flow keys. Collectors are told in whole seconds."),
@@ -497,25 +259,6 @@ bool sameKeys(const TrackerSettings& a, const TrackerSettings& b) { return same(
 bool sameKeys(const ExporterSettings& a, const ExporterSettings& b) { return same(a, b); }
 bool sameKeys(const TrackerSettings& a, const TrackerSettings& b, Effect effect) {
   return same(a, b, effect);
-}
-
-std::string tomlText(std::string_view text) {
-  std::string out = "\"";
-  for (const char c : text) {
-    if (c == '"' || c == '\\') {
-      (out += '\\') += c;
-    } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
-      char escape[8];
-      std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(c));
-      out += escape;
-    } else {
-      out += c;
-    }
-  }
-  return out += '"';
-}
-std::string tomlKey(std::string_view key) {
-  return isBareKey(key) ? std::string(key) : tomlText(key);
 }
 
 }  // namespace agent

@@ -6,6 +6,7 @@
 
 #include "agent/settings/Settings.h"
 #include "agent/settings/Toml.h"
+#include "agent/settings/TomlText.h"
 
 namespace agent {
 
@@ -43,10 +44,6 @@ template <>
 const std::vector<SettingsKey<ExporterSettings>>& settingsKeys();
 template <>
 const std::vector<SettingsKey<CollectorSettings>>& settingsKeys();
-
-/// A text as TOML writes it, in quotes, and a key, in quotes if it needs them.
-std::string tomlText(std::string_view text);
-std::string tomlKey(std::string_view key);
 
 /// The JSON schema (draft 7) of the file, for editors.
 std::string settingsSchema();

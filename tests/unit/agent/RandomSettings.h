@@ -50,7 +50,8 @@ class RandomSettings {
     if (what == 7) t.sampleRate = 1 + pick(5000);
     if (what == 8) t.maxFlows = 1 + pick(1000);
     if (what == 8 && t.record == "standard") t.egress = Egress(pick(2));
-    if (what == 9) t.interfaces = {"eth*", "r\"é/\\x"};
+    if (what == 9) t.interfaces = {"eth*", "!r\"é/\\x"};
+    if (what == 9) t.promiscuous = !t.promiscuous, t.filter = pick(2) ? "" : "not\nport 4739";
     if (what == 10) t.exporters.erase(name());
     if (what < 11) return;
     ExporterSettings& e = t.exporters[name()];

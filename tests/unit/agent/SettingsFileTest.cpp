@@ -93,6 +93,10 @@ TEST(SettingsFile, OneErrorThatNamesPlaceKeyAndValue) {
       {"id = 8", "id = 7", "f:31:6: key 'tracker.core.id': 7 is not allowed: tracker edge has"},
       {"id = 8\n", "", "f:30:10: key 'tracker.core.id': missing: the observation domain id"},
       {"\"red/eth0\"", "\"red eth0\"", "f:11:20: key 'tracker.edge.interfaces': an array is not"},
+      {"\"eth*\", \"red/eth0\"", "\"!lo\", \"!red/*\"",
+       "f:11:20: key 'tracker.edge.interfaces': an array is not allowed: a list of exclusions "
+       "takes "
+       "no interface: one pattern at least says what is tracked, like [\"*\", \"!lo\"]"},
       {"local-interface   = \"eth0\"\n", "", "f:16:24: " + exp + "local-interface': missing: the"},
       {"id = 10", "id = 10\n[vrf.blue]\nid = 10",
        "f:8:6: key 'vrf.blue.id': 10 is not allowed: VRF red has this id"},
@@ -102,6 +106,12 @@ TEST(SettingsFile, OneErrorThatNamesPlaceKeyAndValue) {
        "type = \"hardware\"\nlocal-port = 4739\n[tracker.core.exporter.x]\nvrf = \"red\"\n"
        "local-interface = \"eth0\"",
        "f:33:14: key 'tracker.core.local-port': 4739 is not allowed: devices of tracker edge send"},
+      {"sample-rate      = 100", "filter = \"udp and prt 53\"",
+       "f:12:10: key 'tracker.edge.filter': \"udp and prt 53\" is not allowed: a filter is an "
+       "expression like \"not port 4739\": 'prt' is no word"},
+      {"sample-rate      = 100", "filter = \"udp and\"",
+       "f:12:10: key 'tracker.edge.filter': \"udp and\" is not allowed: a filter is an expression "
+       "like \"not port 4739\": can't parse filter expression: syntax error"},
       {"dscp   ", "dspc   ", "f:19:1: " + exp + "dspc': unknown; did you mean 'dscp'?"},
       {"port    = 2055", "colour = 1",
        "f:25:1: " + exp + "collector.one.colour': unknown; known here: address, port"},
@@ -191,6 +201,16 @@ TEST(SettingsFile, Bounds) {
       {"= 327", {"= 65535"}, {"= 326", "= 65536"}},
       {"\"1h\"", {"\"1s\"", "\"65535s\""}, {"60", "\"999ms\"", "\"65536s\"", "\"15 s\"", "\"\""}},
       {"\"30s\"", {"\"65534000ms\""}, {"\"65535s\"", "\"9223372036854775807h\""}},
+      {"\"red/eth0\"", {"\"!eth1\"", "\"\\\\!x\""}, {"\"!\"", "\"!!x\"", "\"\"", "\"!a b\""}},
+      {"sample-rate      = 100",
+       {"filter = \"\"", "filter = \"not port 4739 and (vlan 10 or ether host 2:0:0:0:0:1)\"",
+        "filter = \"host ::1 or net 10.1 or tcp[tcpflags] & tcp-syn != 0\"", "promiscuous = true"},
+       {"filter = 7", "filter = \"port\"", "filter = \"host example.org\"",
+        "filter = \"ip and arp\"", "filter = \"host 1.2.3.4.5\"", "filter = \"host dead:beef\"",
+        "filter = \"ip6 protochain 6\"", "filter = \"ip proto \\\\tcp\"",
+        "filter = \"port 1\\u0000\"", "filter = \"ether[600000]=1\"",
+        "filter = \"ip" + std::string(1000, ' ') + '"', "filter = \"" + std::string(990, '(') + '"',
+        "promiscuous = 1"}},
       {"= 100", {"= 1", "= 4294967295"}, {"= 0", "= 4294967296"}},
       {"sample-rate      = 100",
        {"direction = \"both\"", "direction = \"once\"",

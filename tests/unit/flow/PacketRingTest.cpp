@@ -16,6 +16,7 @@
 #include <tuple>
 
 #include "Frames.h"
+#include "agent/settings/PacketExpression.h"
 #include "platform/UdpPam.h"
 #include "tests/unit/agent/World.h"
 
@@ -199,6 +200,174 @@ TEST_F(PacketRingTest, AnyNumberOfInterfaces) {
         }
       }
     }
+}
+
+/// Random expressions, and packets that they may be about.
+struct Language {
+  Random& pick;
+
+  std::string number() {
+    static const char* const all[] = {"0", "1", "6", "17", "53", "80", "0x45", "0x8100", "2048"};
+    return pick(3) ? all[pick(9)] : std::to_string(pick(300));
+  }
+  std::string value(unsigned depth) {
+    static const char* const layers[] = {"ether", "ether", "ip", "tcp", "udp", "ip6"};
+    static const char* const operators[] = {"+", "-", "*", "/", "%", "&", "|", "^", "<<", ">>"};
+    static const char* const widths[] = {"", ":2", ":4"};
+    if (depth == 0 || pick(4) == 0) return pick(6) ? number() : "len";
+    if (pick(2))
+      return std::string(layers[pick(6)]) + "[" +
+             (pick(3) ? std::to_string(pick(24)) : value(depth - 1)) + widths[pick(3)] + "]";
+    return "(" + value(depth - 1) + " " + operators[pick(10)] + " " + value(depth - 1) + ")";
+  }
+  std::string expression(unsigned depth) {
+    static const char* const atoms[] = {"ip",
+                                        "ip6",
+                                        "arp",
+                                        "tcp",
+                                        "udp",
+                                        "vlan",
+                                        "vlan 10",
+                                        "port 53",
+                                        "src port 80",
+                                        "portrange 50-90",
+                                        "host 10.1.2.3",
+                                        "dst net 192.0.2.0/24",
+                                        "host 2001:db8::1",
+                                        "ether host 2:0:0:0:0:2",
+                                        "ether proto 0x0800",
+                                        "less 60",
+                                        "multicast",
+                                        "mpls",
+                                        "tcp[tcpflags] & tcp-syn != 0"};
+    static const char* const relations[] = {"=", "!=", "<", ">", "<=", ">="};
+    switch (depth == 0 ? pick(2) : pick(6)) {
+      case 0:
+        return atoms[pick(19)];
+      case 1:
+        return value(2) + " " + relations[pick(6)] + " " + value(1);
+      case 2:
+        return "not (" + expression(depth - 1) + ")";
+      default:
+        return "(" + expression(depth - 1) + (pick(2) ? " and " : " or ") + expression(depth - 1) +
+               ")";
+    }
+  }
+  Octets ipPacket() {
+    const uint16_t ports[] = {53, 80, uint16_t(pick(100))};
+    const Octets body = pick(2) ? udp(ports[pick(3)], ports[pick(3)], pick(60))
+                                : tcp(ports[pick(3)], 80, uint8_t(pick(64)), pick(30));
+    const uint8_t protocol = pick(8) ? (body.size() > 20 && body[12] == 0x50 ? 6 : 17) : 50;
+    if (pick(3) == 0) return Ip6{}(protocol, body);
+    return Ip4{.fragment = uint16_t(pick(4) ? 0 : 3), .optionsLen = 4 * pick(3)}(protocol, body);
+  }
+  Octets frame() {
+    Octets packet = ipPacket();
+    if (pick(6) == 0) packet.resize(2 + pick(static_cast<uint32_t>(packet.size() - 1)));
+    const uint16_t type = pick(8) == 0 ? 0x0806 : packet[0] >> 4 == 6 ? 0x86dd : 0x0800;
+    const auto tci = static_cast<uint16_t>(pick(2) ? 10 : pick(0x10000));
+    if (pick(3)) return ethernet(type, packet);
+    if (pick(2)) return tagged(pick(4) ? 0x8100 : 0x88a8, tci, type, packet);
+    return tagged(0x88a8, 7, 0x8100, Octets{}.u16(tci).u16(type).add(packet));
+  }
+};
+
+/// What arrives at a socket of the test's own, with this program or without one.
+class Tap {
+ public:
+  Tap() : fd_(::socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK, htons(ETH_P_ALL))) {
+    const int on = 1;
+    ::setsockopt(fd_.get(), SOL_PACKET, PACKET_IGNORE_OUTGOING, &on, sizeof on);
+  }
+  void extended(int program) {
+    ASSERT_EQ(::setsockopt(fd_.get(), SOL_SOCKET, SO_ATTACH_BPF, &program, sizeof program), 0);
+  }
+  void classic(std::vector<sock_filter> program) {
+    const sock_fprog all{static_cast<uint16_t>(program.size()), program.data()};
+    ASSERT_EQ(::setsockopt(fd_.get(), SOL_SOCKET, SO_ATTACH_FILTER, &all, sizeof all), 0);
+  }
+  /// Without the tag of Ethernet, by interface.
+  std::vector<std::pair<int, Octets>> take() {
+    std::vector<std::pair<int, Octets>> all;
+    Octets room(2000);
+    sockaddr_ll from{};
+    socklen_t len = sizeof from;
+    for (ssize_t n = 0; (n = ::recvfrom(fd_.get(), room.data(), room.size(), 0,
+                                        reinterpret_cast<sockaddr*>(&from), &len)) >= 0;)
+      if (from.sll_ifindex != 101)
+        all.push_back({from.sll_ifindex, {room.begin(), room.begin() + n}});
+    return all;
+  }
+
+ private:
+  platform::Fd fd_;
+};
+
+/// The kernel takes exactly the packets that the expression chooses as they were on the wire; a
+/// program of the classic machine sees them without the tag that was taken off.
+TEST_F(PacketRingTest, ExpressionsMeanWhatTheyMeanInACapture) {
+  makePair("a", 100);
+  const platform::Fd tun = deviceT(IFF_TUN);
+  if (!tun) GTEST_SKIP() << "no tun devices";
+  const Sender to("a-peer");
+  const int raw = static_cast<int>(if_nametoindex("t"));
+  const Octets last = ethernet(0x88b5, Octets{}.fill(50, 7));
+  Random pick;
+  Language language{pick};
+  Tap whole, extended, classic;
+  size_t chosen = 0, refused = 0;
+  for (int round = 0; round < 1000; ++round) {
+    PacketChoice choice{{100, static_cast<uint32_t>(raw)}, 1, language.expression(3), {}};
+    choice.withoutEthernet = {static_cast<uint32_t>(raw)};
+    const auto programs = {compilePacketExpression(choice.expression, LinkLayer::ethernet),
+                           compilePacketExpression(choice.expression, LinkLayer::raw)};
+    if (!programs.begin()->problem.empty()) continue;
+    SCOPED_TRACE(choice.expression);
+    const PacketFilter filter = extendedFilter(choice, Direction::ingress, 192);
+    if (filter.error == EPERM) GTEST_SKIP() << "no right to load a program";
+    ASSERT_EQ(filter.error, 0);
+    extended.extended(filter.program.get());
+    classic.classic(classicFilter(choice, Direction::ingress, 192, false));
+    std::vector<std::pair<int, Octets>> wanted, wantedUntagged;
+    for (int i = 0; i < 30; ++i) {
+      const bool onTun = pick(4) == 0;
+      const Octets wire = onTun ? language.ipPacket() : language.frame();
+      Octets octets = wire;
+      if (!onTun && (wire[12] == 0x81 || wire[12] == 0x88))
+        octets.erase(octets.begin() + 12, octets.begin() + 16);
+      const LinkLayer link = onTun ? LinkLayer::raw : LinkLayer::ethernet;
+      const auto& program = programs.begin()[onTun].code;
+      const auto is = [&](const Octets& o) {
+        return !program.empty() && chooses(program, Boxed(o, link).packet);
+      };
+      onTun ? void(::write(tun.get(), wire.data(), wire.size())) : to.send(wire);
+      if (is(wire)) wanted.push_back({onTun ? raw : 100, octets});
+      if (is(octets)) wantedUntagged.push_back({onTun ? raw : 100, octets});
+      ++(is(wire) ? chosen : refused);
+    }
+    to.send(last);
+    std::vector<std::pair<int, Octets>> all;
+    const auto end = std::chrono::steady_clock::now() + 2s;
+    while ((all.empty() || all.back().second != last) && std::chrono::steady_clock::now() < end)
+      for (auto& one : whole.take()) all.push_back(std::move(one));
+    ASSERT_EQ(all.size(), 31u);
+    const auto without = [&](Tap& tap) {
+      auto got = tap.take();
+      std::erase_if(got, [&](const auto& one) { return one.second == last; });
+      return got;
+    };
+    ASSERT_EQ(without(extended), wanted);
+    const auto fallback = without(classic);
+    // Of a shift by 32 and more the kernel's classic machine takes the remainder.
+    const auto has = [&](const char* text) {
+      return choice.expression.find(text) != choice.expression.npos;
+    };
+    if (!has("<<") && !has(">>")) {
+      ASSERT_EQ(fallback, wantedUntagged);
+    }
+  }
+  EXPECT_GT(chosen, 3000u);
+  EXPECT_GT(refused, 3000u);
 }
 
 TEST_F(PacketRingTest, RingsOfAGroupShareByFlow) {
