@@ -32,8 +32,10 @@ inline void checkPacketInput(std::span<const uint8_t> rest) {
   PacketParser parser(7, 4);
   PacketParser other(7, 4);
   PacketParser labels(7, 4, true);
-  static const RecordPlan plans[] = {{builtInRecords().at("full"), 256},
-                                     {builtInRecords().at("layer2"), 256}};
+  RecordDefinition whole = builtInRecords().at("full");
+  whole.fields.emplace_back("layer2SegmentId");
+  static const RecordPlan plans[] = {
+      {whole, 256}, {whole, 256, Tunnel::inner}, {builtInRecords().at("layer2"), 256}};
   int64_t now = 0;
   while (rest.size() >= 7) {
     const auto u16 = [&](size_t at) { return static_cast<uint16_t>(rest[at] << 8 | rest[at + 1]); };
@@ -66,15 +68,25 @@ inline void checkPacketInput(std::span<const uint8_t> rest) {
       TARN_ASSERT(flow.protocol == 6 || out.tcpFlags == 0);
     }
 
-    // What other records take of it lies within it, too.
+    // What other records take of it lies within it, too, also behind labels and in tunnels.
     Parsed behindLabels;
     labels.parse(p, behindLabels);
     if (behindLabels.error == ParseError::none || behindLabels.error == ParseError::notIp)
       for (const RecordPlan& plan : plans) {
         PlannedSample sample;
-        const bool ip = behindLabels.error == ParseError::none;
-        TARN_ASSERT(plan.sample(p, behindLabels, 1, {}, sample) == (ip || &plan != plans));
-        TARN_ASSERT(!ip || sample.ipOctets == behindLabels.ipOctets);
+        Parsed counted = behindLabels;
+        TunnelFacts tunnel;
+        const bool ip = counted.error == ParseError::none;
+        if (ip && plan.tunnels()) tunnel = labels.lookInside(p, counted, plan.inner());
+        TARN_ASSERT(plan.sample(p, counted, 1, {}, sample, tunnel) == (ip || !plan.tunnels()));
+        TARN_ASSERT(!ip || sample.ipOctets == counted.ipOctets);
+        if (!ip) continue;
+        const bool entered = tunnel.innerAt > 0;
+        TARN_ASSERT(entered ? plan.inner() : sameResult(counted, behindLabels));
+        TARN_ASSERT(tunnel.innerAt + (counted.ipv6 ? 40 : 20) <= p.capLen || !entered);
+        // An inner packet is shorter than the one around it.
+        TARN_ASSERT(!entered || counted.ipOctets - counted.repeated() + 20 <=
+                                    behindLabels.ipOctets - behindLabels.repeated());
       }
 
     // The same packet behind a cooked header never takes the short way.

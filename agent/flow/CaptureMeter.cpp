@@ -16,9 +16,10 @@
 
 namespace agent::flow {
 namespace {
-PacketRingOptions ringOptions(const MeterOrders& orders) {
+PacketRingOptions ringOptions(const MeterOrders& orders, const RecordPlan& plan) {
   PacketRingOptions options;
   options.direction = orders.direction;
+  if (plan.inner()) options.snapLen = PacketRingOptions::tunnelSnapLen;
   return options;
 }
 constexpr int tickMs = 100;  // how late a record may leave for want of company
@@ -40,7 +41,7 @@ CaptureMeter::CaptureMeter(RecordPlanPtr plan, size_t maxFlows, uint64_t seed,
                            const MeterOrders& orders, const platform::NetnsId& netns)
     : FlowMeter(std::move(plan), maxFlows, seed, orders),
       netns_(netns),
-      ring_(ringOptions(orders)),
+      ring_(ringOptions(orders, *plan_)),
       wakeFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
   if (!wakeFd_) throw platform::ErrnoException(errno, "eventfd");
   counters_.programError = ring_.programError();

@@ -61,8 +61,17 @@ void FlowMeter::plannedPacketIs(const Packet& packet, uint32_t interface) {
   const bool ip = parsed.error == ParseError::none;
   if (ip && mayBeOurs(packet) && isOurs(packet, parsed)) return;
   const bool whole = ip || parsed.error == ParseError::notIp;
-  if (!whole ||
-      !plan_->sample(packet, parsed, interface, orders_.context.host, planned_[gathered_])) {
+  const HostAddresses& host = orders_.context.host;
+  PlannedSample& sample = planned_[gathered_];
+  bool known = false;
+  if (whole && plan_->tunnels()) {
+    TunnelFacts tunnel;
+    if (ip) tunnel = parser_.lookInside(packet, parsed, plan_->inner());
+    known = plan_->sample(packet, parsed, interface, host, sample, tunnel);
+  } else if (whole) {
+    known = plan_->sample(packet, parsed, interface, host, sample);
+  }
+  if (!known) {
     ++counters_.errors[static_cast<size_t>(parsed.error)];
   } else {
     interfaces_.count(interface, planned_[gathered_].segments, planned_[gathered_].ipOctets);

@@ -38,7 +38,8 @@ FlowPath::FlowPath(std::string tracker, FlowPathHost host, const LibraryTree& tr
     : tracker_(std::move(tracker)),
       host_(std::move(host)),
       settings_(settings),
-      plan_(std::make_shared<const RecordPlan>(settings.definition, firstTemplate)),
+      plan_(
+          std::make_shared<const RecordPlan>(settings.definition, firstTemplate, settings.tunnel)),
       export_(tracker_, tree),
       warnings_(tracker_, host_.log),
       ended_{.key = FlowTracking::FlowPathKey(tracker_)} {
@@ -79,7 +80,8 @@ void FlowPath::hide() {
 
 void FlowPath::settingsIs(const TrackerSettings& settings, FlowTracking::TemplateId firstTemplate) {
   const bool anew = !sameKeys(settings, settings_, Effect::flowsAnew);
-  if (anew) plan_ = std::make_shared<const RecordPlan>(settings.definition, firstTemplate);
+  if (anew)
+    plan_ = std::make_shared<const RecordPlan>(settings.definition, firstTemplate, settings.tunnel);
   settings_ = settings;
   if (anew && !file_)
     for (auto& [vrf, source] : sources_) release(source);

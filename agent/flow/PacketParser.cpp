@@ -122,9 +122,8 @@ std::string_view toText(ParseError e) {
 namespace {
 constexpr uint16_t etherTypeMpls = 0x8847, etherTypeMplsUpstream = 0x8848;  // RFC 5332
 constexpr int mplsLabelsMax = 16;
+}  // namespace
 
-/// Goes behind the MPLS labels (RFC 3032), where there are any, to a packet whose version tells
-/// what it is.
 NetworkLayer behindLabels(const Packet& p, NetworkLayer n) {
   if (n.etherType != etherTypeMpls && n.etherType != etherTypeMplsUpstream) return n;
   n.etherType = 0;
@@ -141,7 +140,6 @@ NetworkLayer behindLabels(const Packet& p, NetworkLayer n) {
   }
   return n;
 }
-}  // namespace
 
 LinkFacts linkFacts(const Packet& p) {
   LinkFacts facts{.network = networkLayer(p)};
@@ -159,15 +157,62 @@ LinkFacts linkFacts(const Packet& p) {
 }
 
 ParseError PacketParser::parseAny(const Packet& p, Parsed& out) {
-  NetworkLayer ip = networkLayer(p);
-  if (mpls_ && p.capLen >= ip.at) ip = behindLabels(p, ip);
+  const NetworkLayer ip = outermost(p);
+  IpPayload payload;
+  const ParseError e = parseIp(p, ip, 0, out, payload);
+  if (e != ParseError::none || out.packets == 1) return e;
+  // What was cut, or put together, is the innermost packet, and each segment has all headers.
+  Parsed inner;
+  const TunnelFacts facts = descend(p, 0, payload, inner);
+  const size_t headers = facts.innerAt + inner.headers - ip.at;
+  if (facts.innerAt == 0 || inner.packets == 1 || headers > UINT16_MAX) return e;
+  out.ipOctets -= out.repeated();
+  out.headers = static_cast<uint16_t>(headers);
+  out.ipOctets += out.repeated();
+  return e;
+}
+
+ParseError PacketParser::parseIp(const Packet& p, NetworkLayer ip, uint32_t segment, Parsed& out,
+                                 IpPayload& payload) {
   if (p.capLen < ip.at) return lacking(p, ip.at);
-  if (ip.etherType == platform::etherTypeIpv4) return parse4(p, ip, out);
-  if (ip.etherType == platform::etherTypeIpv6) return parse6(p, ip, out);
+  if (ip.etherType == platform::etherTypeIpv4) return parse4(p, ip, segment, out, payload);
+  if (ip.etherType == platform::etherTypeIpv6) return parse6(p, ip, segment, out, payload);
   return ParseError::notIp;
 }
 
-ParseError PacketParser::parse4(const Packet& p, NetworkLayer ip, Parsed& out) {
+TunnelFacts PacketParser::lookInTunnel(const Packet& p, Parsed& out, bool inner) {
+  const NetworkLayer ip = outermost(p);
+  Parsed again;
+  IpPayload payload;
+  parseIp(p, ip, 0, again, payload);
+  if (inner) return descend(p, ip.vlanId, payload, out);
+  const auto content = tunnelContent(p, payload);
+  return {.segment = content ? content->segment : 0};
+}
+
+TunnelFacts PacketParser::descend(Packet p, uint16_t vlanId, IpPayload payload, Parsed& out) {
+  TunnelFacts facts;
+  for (int depth = 0; depth < tunnelsMax; ++depth) {
+    const auto content = tunnelContent(p, payload);
+    if (!content) break;
+    if (content->segment != 0) facts.segment = content->segment;
+    NetworkLayer ip = content->network;
+    ip.vlanId = vlanId;
+    p.wireLen = static_cast<uint32_t>(content->end);
+    p.capLen = std::min(p.capLen, p.wireLen);
+    Parsed inner;
+    if (parseIp(p, ip, facts.segment, inner, payload) != ParseError::none) break;
+    // Where the content goes on behind the inner packet, the segments are tunnel packets that were
+    // put together, each with an inner packet of its own.
+    if (p.segments > 1 && payload.end != content->end) break;
+    out = inner;
+    facts.innerAt = ip.at;
+  }
+  return facts;
+}
+
+ParseError PacketParser::parse4(const Packet& p, NetworkLayer ip, uint32_t segment, Parsed& out,
+                                IpPayload& payload) {
   if (p.capLen - ip.at < 20) return lacking(p, ip.at + 20);
   const uint8_t* o = p.octets + ip.at;
   const size_t headerLen = size_t{o[0] & 0xfu} * 4;
@@ -186,18 +231,19 @@ ParseError PacketParser::parse4(const Packet& p, NetworkLayer ip, Parsed& out) {
   const uint16_t fragmentWord = load16(o + 6);
   const bool first = (fragmentWord & 0x1fff) == 0;
   const bool more = (fragmentWord & 0x2000) != 0;
+  payload = {ip.at + headerLen, ip.at + total, flow.protocol, !first || more};
   if (first) {
-    const ParseError e =
-        parseTransport(p, ip.at + headerLen, ip.at + total, flow, out.tcpFlags, icmp);
+    const ParseError e = parseTransport(p, payload.at, payload.end, flow, out.tcpFlags, icmp);
     if (e != ParseError::none) return e;
   }
-  if (p.segments > 1) countSegments(p, ip.at, ip.at + headerLen, ip.at + total, flow.protocol, out);
+  if (p.segments > 1) countSegments(p, ip.at, payload.at, payload.end, flow.protocol, out);
   if (!first || more) {
     FragmentTable::Key key;
     std::memcpy(key.src.data(), o + 12, 4);
     std::memcpy(key.dst.data(), o + 16, 4);
     key.id = load16(o + 4);
     key.interface = p.interface;
+    key.segment = segment;
     key.version = 4;
     key.protocol = flow.protocol;
     fragmentIs(key, p, first, flow);
@@ -269,24 +315,26 @@ struct Extensions {
 };
 }  // namespace
 
-ParseError PacketParser::parse6(const Packet& p, NetworkLayer ip, Parsed& out) {
+ParseError PacketParser::parse6(const Packet& p, NetworkLayer ip, uint32_t segment, Parsed& out,
+                                IpPayload& payload) {
   if (p.capLen - ip.at < header6Len) return lacking(p, ip.at + header6Len);
   const uint8_t* o = p.octets + ip.at;
   const uint32_t head = load32(o);
-  const auto payload = payload6(p, ip.at);
-  if (!payload || head >> 28 != 6 || header6Len + *payload > roomAt(p, ip.at))
+  const auto octets = payload6(p, ip.at);
+  if (!octets || head >> 28 != 6 || header6Len + *octets > roomAt(p, ip.at))
     return ParseError::malformed;
 
   out.ipv6 = true;
   out.tcpFlags = 0;
   out.packets = 1;
-  out.ipOctets = static_cast<uint32_t>(header6Len + *payload);
+  out.ipOctets = static_cast<uint32_t>(header6Len + *octets);
   out.flowLabel = head & 0xfffff;
   FlowClass flow{0, 0, 0, static_cast<uint8_t>(head >> 20 & 0xff), ip.vlanId, p.interface};
-  const size_t end = ip.at + header6Len + *payload;
+  const size_t end = ip.at + header6Len + *octets;
   Extensions x{.at = ip.at + header6Len, .next = o[6]};
   if (const ParseError e = x.skip(p, end); e != ParseError::none) return e;
   flow.protocol = x.next;
+  payload = {x.at, end, flow.protocol, !x.first || x.more};
   if (x.first) {
     const ParseError e = parseTransport(p, x.at, end, flow, out.tcpFlags, icmp6);
     if (e != ParseError::none) return e;
@@ -298,6 +346,7 @@ ParseError PacketParser::parse6(const Packet& p, NetworkLayer ip, Parsed& out) {
     std::memcpy(key.dst.data(), o + 24, 16);
     key.id = x.id;
     key.interface = p.interface;
+    key.segment = segment;
     key.version = 6;
     fragmentIs(key, p, x.first, flow);
   }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "agent/flow/FlowKey.h"
+#include "agent/flow/TunnelParser.h"
 #include "platform/linux/Packet.h"
 
 namespace agent::flow {
@@ -40,6 +41,12 @@ struct Parsed {
   uint32_t repeated() const { return (packets - 1u) * headers; }
 };
 
+/// What the parser found behind the tunnel headers of a packet.
+struct TunnelFacts {
+  size_t innerAt = 0;    ///< where the inner IP packet begins; 0: the packet's own is meant
+  uint32_t segment = 0;  ///< as in TunnelContent, of the innermost header that names one
+};
+
 /// What lies in front of a packet's network layer. MAC addresses and the MPLS label are octets as
 /// they lie in the packet, the first one lowest.
 struct LinkFacts {
@@ -52,6 +59,9 @@ struct LinkFacts {
 };
 /// Of a packet in which the parser found the network layer.
 LinkFacts linkFacts(const Packet& packet);
+/// Goes behind the MPLS labels (RFC 3032), where there are any, to a packet whose version tells
+/// what it is.
+NetworkLayer behindLabels(const Packet& packet, NetworkLayer n);
 
 /// The transport ports that first fragments had, for the fragments behind them, which have none.
 /// Bounded: when it is full, a new datagram takes the place of the oldest it collides with.
@@ -63,9 +73,10 @@ class FragmentTable {
     std::array<uint8_t, 16> dst{};
     uint32_t id = 0;
     uint32_t interface = 0;
+    uint32_t segment = 0;  ///< of the tunnel around: each may use the same addresses
     uint8_t version = 0;   ///< 4 or 6; 0 of an empty entry
     uint8_t protocol = 0;  ///< of IPv6 always 0: fragments of one packet may differ in it
-    std::array<uint8_t, 6> unused{};
+    std::array<uint8_t, 2> unused{};
   };
   static_assert(sizeof(Key) == 48);
   /// What the first fragment said.
@@ -107,8 +118,7 @@ class FragmentTable {
 ///    other protocols, where the IP packet ends before them, and of fragments whose first one was
 ///    not seen before.
 ///  - A packet of several segments counts as these: each has the IP header and those of TCP, UDP,
-///    UDP-Lite or SCTP. What a tunnel has behind its outer headers is not known, so that the
-///    octets of its segments lack the inner headers of all but one.
+///    UDP-Lite or SCTP, and where tunnels are around that header, all headers up to it.
 ///  - A packet cut short by the snap length is fine as long as the key is there; the TCP flags of
 ///    one cut before them are 0.
 class PacketParser {
@@ -126,6 +136,16 @@ class PacketParser {
     if (parseCommon(packet, out)) return true;
     out.error = parseAny(packet, out);
     return out.error == ParseError::none;
+  }
+  /// Looks for tunnels in a packet that `parse` filled `out` of. Not `inner`: `out` stays as it is,
+  /// and the segment is that of the packet's own tunnel. `inner`: `out` becomes what the innermost
+  /// IP packet says, whose headers lie within the captured octets and the outer packets' lengths;
+  /// interface and VLAN id stay. Where a tunnel's content is no such packet, or only a fragment of
+  /// the outer one, `out` is what `parse` would say of the IP packet that the tunnel begins in.
+  TunnelFacts lookInside(const Packet& packet, Parsed& out, bool inner) {
+    const FlowClass& flow = out.ipv6 ? out.key6.rest : out.key4.rest;
+    return mayBeTunnel(flow.protocol, flow.dstPort) ? lookInTunnel(packet, out, inner)
+                                                    : TunnelFacts{};
   }
 
  private:
@@ -150,8 +170,23 @@ class PacketParser {
   /// closer. Says of these packets what parseAny says.
   static bool parseCommon(const Packet& packet, Parsed& out);
   ParseError parseAny(const Packet& packet, Parsed& out);
-  ParseError parse4(const Packet& packet, NetworkLayer ip, Parsed& out);
-  ParseError parse6(const Packet& packet, NetworkLayer ip, Parsed& out);
+  /// Where the packet's own network layer begins.
+  NetworkLayer outermost(const Packet& packet) const {
+    const NetworkLayer n = networkLayer(packet);
+    return mpls_ && packet.capLen >= n.at ? behindLabels(packet, n) : n;
+  }
+  /// Of the IP packet that begins there. `payload` is filled when there is no error; `segment` is
+  /// that of the tunnel around.
+  ParseError parseIp(const Packet& packet, NetworkLayer ip, uint32_t segment, Parsed& out,
+                     IpPayload& payload);
+  ParseError parse4(const Packet& packet, NetworkLayer ip, uint32_t segment, Parsed& out,
+                    IpPayload& payload);
+  ParseError parse6(const Packet& packet, NetworkLayer ip, uint32_t segment, Parsed& out,
+                    IpPayload& payload);
+  TunnelFacts lookInTunnel(const Packet& packet, Parsed& out, bool inner);
+  /// Goes into tunnels from the IP packet with this payload. `out` becomes what the last one that
+  /// was reached says, and stays where there is none.
+  TunnelFacts descend(Packet packet, uint16_t vlanId, IpPayload payload, Parsed& out);
 
   /// Of a packet in fragments: the first one leaves its ports, which those behind it find.
   void fragmentIs(const FragmentTable::Key& key, const Packet& packet, bool first, FlowClass& flow);

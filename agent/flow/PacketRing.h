@@ -24,6 +24,9 @@ struct PacketRingOptions {
   uint32_t blocks = 64;
   /// Octets kept of a packet: what the parser needs, tags and extension headers included.
   uint32_t snapLen = 192;
+  /// The same where it looks into tunnels: four VXLAN headers with IPv6, each in the next, and a
+  /// TCP header take 372 octets, and one GENEVE header's options up to 252.
+  static constexpr uint32_t tunnelSnapLen = 512;
   /// A block is handed over when it is full or this old.
   std::chrono::milliseconds blockTimeout{50};
   /// Rings of one group, in one network namespace, share the packets by flow: every packet goes to

@@ -45,6 +45,7 @@ enum Element : uint16_t {
   flowStartNanoseconds = 156,
   flowEndNanoseconds = 157,
   ingressVRFID = 234,
+  layer2SegmentId = 351,
   layer2OctetDeltaCount = 352,
   layer2OctetTotalCount = 353
 };
@@ -80,6 +81,7 @@ constexpr Place places[] = {
     {243, At::vlanId, 2, true},
     {245, At::customerVlan, 2, true},
     {256, At::etherType, 2, false},
+    {layer2SegmentId, At::segment, 8, true},
 };
 // And of what is computed, where it lies in the entry.
 constexpr Place sums[] = {
@@ -313,10 +315,12 @@ size_t PlannedFormat::encode(const Entry& e, const char* cold, EndReason reason,
 
 // --- RecordPlan ---
 
-RecordPlan::RecordPlan(const RecordDefinition& definition, FlowTracking::TemplateId firstTemplate)
+RecordPlan::RecordPlan(const RecordDefinition& definition, FlowTracking::TemplateId firstTemplate,
+                       Tunnel tunnel)
     : layouts_(recordLayouts(definition)),
       firstTemplate_(firstTemplate),
-      standard_(definition == builtInRecords().at(standardRecordName)) {
+      tunnel_(tunnel),
+      standard_(tunnel == Tunnel::outer && definition == builtInRecords().at(standardRecordName)) {
   for (size_t place = 0; place < layouts_.size(); ++place) {
     const RecordLayout& layout = layouts_[place];
     if (layout.kinds == 0) continue;
@@ -326,6 +330,7 @@ RecordPlan::RecordPlan(const RecordDefinition& definition, FlowTracking::Templat
                           static_cast<uint8_t>(place));
     for (const auto& [field, key] : layout.fields) {
       namesInterfaces_ = namesInterfaces_ || field->element == interfaceName;
+      segments_ = segments_ || field->element == layer2SegmentId;
       mpls_ = mpls_ || field->element == mplsTopLabelStackSection;
       tellsInterfaces_ = tellsInterfaces_ || field->element == ingressInterface ||
                          field->element == egressInterface;
@@ -424,6 +429,23 @@ bool RecordPlan::sample(const Packet& packet, const Parsed& parsed, uint32_t int
   out.packetOctets = static_cast<uint16_t>(std::min<uint32_t>(each, UINT16_MAX));
   out.timeMs = packet.timeNs / 1000000;
   out.timeNs = static_cast<uint32_t>(packet.timeNs - out.timeMs * 1000000);
+  formats_[out.layout].takeKey(out);
+  return true;
+}
+
+bool RecordPlan::sample(const Packet& packet, const Parsed& parsed, uint32_t interface,
+                        const HostAddresses& host, PlannedSample& out,
+                        const TunnelFacts& tunnel) const {
+  if (!sample(packet, parsed, interface, host, out)) return false;
+  // The kind of segment in the first octet, and its identifier in the last three.
+  out.facts.word[PacketFacts::segment / 8] =
+      uint64_t{tunnel.segment >> 24} << 56 | (tunnel.segment & 0xffffff);
+  if (tunnel.innerAt > 0) {
+    out.ttl = packet.octets[tunnel.innerAt + (parsed.ipv6 ? 7 : 8)];
+    const size_t tagLen = packet.hasVlan ? 4 : 0;
+    const size_t again = tunnel.innerAt + parsed.headers + tagLen;
+    out.layer2Octets = static_cast<uint32_t>(packet.wireLen + tagLen + (out.segments - 1) * again);
+  }
   formats_[out.layout].takeKey(out);
   return true;
 }

@@ -37,7 +37,8 @@ struct PacketFacts {
     mpls = 72,
     direction = 75,
     observed = 76,  // the interface that the packet was counted at
-    end = 80
+    segment = 80,
+    end = 88
   };
   static constexpr size_t words = end / 8;
   std::array<uint64_t, words> word;
@@ -197,12 +198,15 @@ class PlannedFormat {
   uint8_t place_;
 };
 
-/// A record, compiled once: what is decided per packet is the format, by the packet's kind.
+/// A record, compiled once: what is decided per packet is the format, by the packet's kind. And
+/// which packets it is about, where a packet is a tunnel's.
 class RecordPlan {
  public:
-  RecordPlan(const RecordDefinition& definition, FlowTracking::TemplateId firstTemplate);
+  RecordPlan(const RecordDefinition& definition, FlowTracking::TemplateId firstTemplate,
+             Tunnel tunnel = Tunnel::outer);
 
-  /// The record of builtInRecords() that has entries and code of its own, which cost least.
+  /// The record of builtInRecords() that has entries and code of its own, which cost least; they
+  /// know nothing of tunnels.
   bool standard() const { return standard_; }
   FlowTracking::TemplateId templateId(size_t place) const {
     return static_cast<FlowTracking::TemplateId>(firstTemplate_ + place);
@@ -217,17 +221,26 @@ class RecordPlan {
   bool namesInterfaces() const { return namesInterfaces_; }
   /// The parser is to look for IP packets behind MPLS labels.
   bool mpls() const { return mpls_; }
+  /// The parser is to look into tunnels, and the inner packet is what counts.
+  bool inner() const { return tunnel_ == Tunnel::inner; }
+  /// The parser is to look into tunnels, for the inner packet or the segment.
+  bool tunnels() const { return inner() || segments_; }
 
   /// Fills all of the sample but hash and place. `parsed` is what the parser said of the packet,
   /// and `interface` what is exported. False: the record is not about packets like this.
   bool sample(const Packet& packet, const Parsed& parsed, uint32_t interface,
               const HostAddresses& host, PlannedSample& out) const;
+  /// The same where the parser is to look into tunnels, with what it found there.
+  bool sample(const Packet& packet, const Parsed& parsed, uint32_t interface,
+              const HostAddresses& host, PlannedSample& out, const TunnelFacts& tunnel) const;
 
  private:
   static constexpr uint8_t noLayout = UINT8_MAX;
   RecordLayouts layouts_;
   FlowTracking::TemplateId firstTemplate_;
+  Tunnel tunnel_;
   bool standard_;
+  bool segments_ = false;
   bool namesInterfaces_ = false;
   bool mpls_ = false;
   bool tellsInterfaces_ = false;

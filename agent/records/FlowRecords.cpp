@@ -59,6 +59,7 @@ constexpr RecordField fieldTable[] = {
     {"dot1qVlanId", 243, 2, allPackets, true},
     {"dot1qCustomerVlanId", 245, 2, allPackets, true},
     {"ethernetType", 256, 2, allPackets, true},
+    {"layer2SegmentId", 351, 8, allPackets, true},
     {"layer2OctetDeltaCount", 352, 8, allPackets, false},
     {"layer2OctetTotalCount", 353, 8, allPackets, false},
 };
@@ -131,6 +132,7 @@ std::string_view toText(Direction d) {
 }
 
 std::string_view toText(Egress e) { return e == Egress::none ? "none" : "route"; }
+std::string_view toText(Tunnel t) { return t == Tunnel::inner ? "inner" : "outer"; }
 
 std::span<const RecordField> recordFields() { return fieldTable; }
 const RecordField* recordField(std::string_view name) {

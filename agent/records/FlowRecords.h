@@ -37,6 +37,11 @@ enum class Egress : uint8_t {
 inline constexpr Egress egresses[] = {Egress::none, Egress::route};
 std::string_view toText(Egress e);  ///< "none", ...
 
+/// Which IP packet of those in each other is counted, where a packet is a tunnel's.
+enum class Tunnel : uint8_t { outer, inner };
+inline constexpr Tunnel tunnels[] = {Tunnel::outer, Tunnel::inner};
+std::string_view toText(Tunnel t);  ///< "outer", "inner"
+
 /// One information element that the software flow path knows to fill.
 struct RecordField {
   const char* name;   ///< IANA's

@@ -42,6 +42,7 @@ struct TrackerSettings {
   InterfacePatterns interfaces;           ///< of the interfaces whose packets are tracked
   Direction direction = Direction::once;  ///< of the packets that are tracked
   Egress egress = Egress::none;           ///< how far it is known where they leave
+  Tunnel tunnel = Tunnel::outer;          ///< which packet of a tunnel's is tracked
   bool ownExport = false;                 ///< the agent's own messages are tracked as well
   bool promiscuous = false;               ///< packets for other stations are asked for
   std::string filter;       ///< an expression that chooses packets; empty: all of them

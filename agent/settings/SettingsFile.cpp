@@ -196,6 +196,10 @@ void followRecord(Section& s, const Settings& all, TrackerSettings& t) {
                      "tracker another direction");
       if (const std::string problem = egressProblem(t.definition, t.egress); !problem.empty())
         s.refuse("egress", "record " + keyText(t.record) + " " + problem);
+      if (t.egress == Egress::route && t.tunnel == Tunnel::inner)
+        s.refuse(
+            "egress",
+            "the kernel routes the outer packet of a tunnel, and the tracker counts the inner one");
       return;
     }
   }

@@ -164,6 +164,11 @@ const std::vector<SettingsKey<TrackerSettings>>& settingsKeys() {
           "next hop, a packet for somebody else leaves: not at all, or from the kernel's routing "
           "tables ([below](#direction)).",
           Effect::flowsAnew),
+      key("tunnel", &S::tunnel,
+          Choice<Tunnel>{"a packet of a tunnel", {std::begin(tunnels), std::end(tunnels)}},
+          "Of a tracker of type `\"software\"`: whether a packet in a tunnel counts as what it is "
+          "on the wire, or as the IP packet inside ([below](#tunnels)).",
+          Effect::flowsAnew),
       key("own-export", &S::ownExport, YesNo{"own-export"},
           "Of a tracker of type `\"software\"`: whether it counts the messages that this agent "
           "itself sends ([below](#direction))."),

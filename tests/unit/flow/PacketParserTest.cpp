@@ -141,9 +141,15 @@ class Fragments : public testing::Test {
     box.packet.interface = interface;
     Parsed out;
     EXPECT_TRUE(parser_.parse(box.packet, out)) << toText(out.error);
+    parser_.lookInside(box.packet, out, true);
     const FlowClass& rest = out.ipv6 ? out.key6.rest : out.key4.rest;
     return std::to_string(rest.srcPort) + ':' + std::to_string(rest.dstPort) + '/' +
            std::to_string(rest.protocol);
+  }
+  static Octets inVxlan(uint32_t vni, const Octets& frame) {
+    Octets o = udp(5, 4789);
+    o.put16(4, static_cast<uint32_t>(16 + frame.size()));
+    return ethernet(0x0800, Ip4{}(17, o.u32(0x08000000).u32(vni << 8).add(frame)));
   }
   static Octets first4(uint16_t id, const Octets& rest) {
     return ethernet(0x0800, Ip4{0, id, 0x2000}(17, rest));
@@ -172,6 +178,11 @@ TEST_F(Fragments, HavePortsOfTheFirst) {
     EXPECT_EQ(ports(later4(other), 2 * second), "0:0/17");
   EXPECT_EQ(ports(later4(one, 6), 2 * second), "0:0/6");
   EXPECT_EQ(ports(later4(one), 2 * second, 4), "0:0/17");
+  EXPECT_EQ(ports(inVxlan(7, later4(one)), 2 * second), "0:0/17");
+  EXPECT_EQ(ports(inVxlan(7, first4(1, udp(3000, 4000, 32))), 2 * second), "3000:4000/17");
+  EXPECT_EQ(ports(inVxlan(8, later4(one)), 2 * second), "0:0/17");
+  EXPECT_EQ(ports(inVxlan(7, later4(one)), 2 * second), "3000:4000/17");
+  EXPECT_EQ(ports(later4(one), 2 * second), "1000:2000/17");
   // The id comes round again, in a first fragment that ends before the ports.
   EXPECT_EQ(ports(first4(1, Octets{1, 2}), 4 * second), "0:0/17");
   EXPECT_EQ(ports(later4(one), 4 * second), "0:0/17");

@@ -31,72 +31,71 @@ struct Made {
   bool leaves = false;
 };
 
+/// One IP packet of those in each other.
+struct Layer {
+  PacketKinds kind = 0;
+  std::map<uint16_t, std::vector<uint8_t>> value;
+  size_t len = 0;
+  size_t headers = 0;  // of IP, and of TCP or UDP
+  uint64_t ttl = 0;
+  uint64_t tcpFlags = 0;
+  // Of the tunnel that it is:
+  uint64_t segment = 0;
+  enum { none, fragment, header, content, padded } spoilt = none;
+};
+
+Octets number(uint64_t v, unsigned len) {
+  Octets o;
+  while (len-- > 0) o.u8(static_cast<uint32_t>(v >> 8 * len));
+  return o;
+}
+
 class RandomPackets {
  public:
-  Made operator()() {
+  Made operator()(Tunnel tunnel) {
     Made m;
     m.timeNs = now_ += static_cast<int64_t>(pick(3'000'000));
-    const uint32_t port = pick(2), vlan = pick(3), customer = vlan > 0 ? pick(2) : 0;
-    const uint8_t tos = pick(2) ? 0xb8 : 0;
-    const bool tcpPacket = pick(2) == 0, icmp = !tcpPacket && pick(3) == 0;
+    const uint32_t vlan = pick(3), customer = vlan > 0 ? pick(2) : 0;
     const unsigned what = pick(5);
     const bool mpls = what < 4 && pick(4) == 0;
     const uint32_t label = 0x12340 + pick(2) * 0x1000;
-    m.ttl = 60 + pick(5);
-    m.tcpFlags = tcpPacket && what < 4 ? 0x10 + pick(2) * 8 : 0;
     const auto put = [&](uint16_t element, const Octets& o) { m.value[element] = o; };
     Octets rest;
-    uint8_t protocol = tcpPacket ? 6 : 17;
-    if (icmp) {
-      protocol = what < 2 ? 1 : 58;
-      rest = Octets{}.u8(8).u8(port).fill(6 + pick(50));
-    } else {
-      rest = tcpPacket ? tcp(7, static_cast<uint16_t>(80 + port), static_cast<uint8_t>(m.tcpFlags),
-                             pick(300))
-                       : udp(7, static_cast<uint16_t>(80 + port), pick(300));
-    }
+    size_t payload = 0;  // of all segments together
     uint16_t type = 0x0806;
-    if (what < 2) {
-      m.kind = ipv4Packets;
-      Ip4 ip{tos};
-      ip.src = {10, 0, static_cast<uint8_t>(pick(2)), static_cast<uint8_t>(pick(2))};
-      if (pick(2)) ip.dst = pick(2) ? Octets{224, 0, 0, 9} : Octets{10, 0, 0, 1};
-      put(8, ip.src);
-      put(12, ip.dst);
-      rest = ip(protocol, rest);
-      rest[8] = static_cast<uint8_t>(m.ttl);
-      type = 0x0800;
-    } else if (what < 4) {
-      m.kind = ipv6Packets;
-      Ip6 ip{tos, 0xabc00 + pick(2)};
-      ip.src[7] = static_cast<uint8_t>(pick(2));
-      ip.src[15] = static_cast<uint8_t>(pick(2));
-      if (pick(2)) ip.dst = ip.src;
-      put(27, ip.src);
-      put(28, ip.dst);
-      put(31, Octets{}.u32(ip.flowLabel));
-      rest = ip(protocol, rest);
-      rest[7] = static_cast<uint8_t>(m.ttl);
-      type = 0x86dd;
+    put(351, Octets{}.fill(8));
+    if (what < 4) {
+      std::vector<Layer> layers(1);
+      rest = innermost(layers[0], what >= 2);
+      const size_t tunnels = pick(2) ? 1 + pick(tunnelsMax + 1) : 0;
+      while (layers.size() <= tunnels) {
+        const bool v6 = layers.back().kind == ipv6Packets;
+        rest = wrapped(layers.emplace_back(), v6, std::move(rest));
+      }
+      if (layers[0].len > layers[0].headers + 4) m.packets = 1 + pick(4);
+      size_t counted = tunnels, last = tunnels;  // whose headers could be read
+      for (bool first = true; last > 0 && last + tunnelsMax > tunnels; --last, first = false) {
+        const Layer& l = layers[last];
+        if (l.spoilt == Layer::fragment || l.spoilt == Layer::header) break;
+        if (l.segment != 0 && (first || tunnel == Tunnel::inner)) put(351, number(l.segment, 8));
+        if (l.spoilt == Layer::content || (l.spoilt == Layer::padded && m.packets > 1)) break;
+      }
+      if (tunnel == Tunnel::inner) counted = last;
+      const Layer& l = layers[counted];
+      m.kind = l.kind;
+      m.value.insert(l.value.begin(), l.value.end());
+      m.ttl = l.ttl;
+      m.tcpFlags = l.tcpFlags;
+      const size_t headers = l.len - layers[last].len + layers[last].headers;
+      payload = l.len - headers;
+      m.ipOctets = l.len + (m.packets - 1) * headers;
+      m.packetOctets = (m.ipOctets + m.packets - 1) / m.packets;
+      type = layers.back().kind == ipv4Packets ? 0x0800 : 0x86dd;
     } else {
       m.kind = otherFrames;
       rest = Octets{}.fill(46, 1);
       if (pick(2)) type = 46;  // the length of an 802.3 frame
     }
-    if (m.kind != otherFrames) {
-      const uint32_t typeCode = icmp ? 0x800 + port : 0;
-      const uint64_t headers = (m.kind == ipv4Packets ? 20 : 40) + (tcpPacket ? 20 : 8);
-      if (!icmp && rest.size() > headers + 4) m.packets = 1 + pick(4);
-      m.ipOctets = rest.size() + (m.packets - 1) * headers;
-      m.packetOctets = (m.ipOctets + m.packets - 1) / m.packets;
-      m.layer2Octets = (m.packets - 1) * headers;
-      put(4, {protocol});
-      put(5, {tos});
-      put(7, Octets{}.u16(icmp ? 0 : 7));
-      put(11, Octets{}.u16(icmp ? typeCode : 80 + port));
-      put(m.kind == ipv4Packets ? 32 : 139, Octets{}.u16(typeCode));
-    }
-    const size_t ipLen = rest.size();
     if (mpls) {  // two labels, 20 bits each with the traffic class and the bottom bit
       rest = Octets{}.u32(label << 8 | 64).u32(0x00777100 | 63).add(rest);
       type = 0x8847;
@@ -108,7 +107,7 @@ class RandomPackets {
     m.frame = ethernet(type, rest);
     m.frame[5] = static_cast<uint8_t>(pick(2));
     m.frame[11] = static_cast<uint8_t>(pick(2));
-    m.layer2Octets += m.frame.size() + (m.packets - 1) * (m.frame.size() - ipLen);
+    m.layer2Octets = m.packets * m.frame.size() - (m.packets - 1) * payload;
     put(80, Octets(m.frame.begin(), m.frame.begin() + 6));
     put(56, Octets(m.frame.begin() + 6, m.frame.begin() + 12));
     for (const uint16_t element : {58, 243}) put(element, Octets{}.u16(vlan));
@@ -138,6 +137,107 @@ class RandomPackets {
   Random pick;
 
  private:
+  Octets ip(Layer& l, bool v6, uint8_t protocol, const Octets& rest, uint16_t fragment = 0) {
+    const uint8_t tos = pick(2) ? 0xb8 : 0;
+    const bool twoHosts = pick(2) == 0;
+    Octets packet;
+    l.ttl = 60 + pick(5);
+    if (v6) {
+      Ip6 ip{tos, 0xabc00 + pick(2)};
+      ip.src[7] = static_cast<uint8_t>(pick(2));
+      ip.src[15] = static_cast<uint8_t>(pick(2));
+      if (!twoHosts) ip.dst = ip.src;
+      l.value = {{27, ip.src}, {28, ip.dst}, {31, Octets{}.u32(ip.flowLabel)}};
+      packet = ip(protocol, rest);
+    } else {
+      Ip4 ip{tos, 0, fragment};
+      ip.src = {10, 0, static_cast<uint8_t>(pick(2)), static_cast<uint8_t>(pick(2))};
+      if (!twoHosts) ip.dst = pick(2) ? Octets{224, 0, 0, 9} : Octets{10, 0, 0, 1};
+      l.value = {{8, ip.src}, {12, ip.dst}};
+      packet = ip(protocol, rest);
+    }
+    packet[v6 ? 7 : 8] = static_cast<uint8_t>(l.ttl);
+    l.kind = v6 ? ipv6Packets : ipv4Packets;
+    l.len = packet.size();
+    l.headers = (v6 ? 40 : 20) + (protocol == 6 ? 20 : protocol == 17 ? 8 : 0);
+    l.value[4] = {protocol};
+    l.value[5] = {tos};
+    l.value[v6 ? 139 : 32] = {0, 0};
+    for (const uint16_t element : {7, 11}) l.value[element] = {0, 0};
+    return packet;
+  }
+  Octets innermost(Layer& l, bool v6) {
+    const auto port = static_cast<uint16_t>(pick(2));
+    const unsigned what = pick(6);  // two of them ICMP, and two UDP
+    if (what < 2) {
+      Octets packet = ip(l, v6, v6 ? 58 : 1, Octets{}.u8(8).u8(port).fill(6 + pick(50)));
+      l.value[11] = l.value[v6 ? 139 : 32] = Octets{}.u16(0x800u + port);
+      return packet;
+    }
+    if (what > 3) l.tcpFlags = 0x10 + pick(2) * 8;
+    const auto to = static_cast<uint16_t>(80 + port);
+    Octets packet = what > 3 ? ip(l, v6, 6, tcp(7, to, static_cast<uint8_t>(l.tcpFlags), pick(300)))
+                             : ip(l, v6, 17, udp(7, to, pick(300)));
+    l.value[7] = Octets{}.u16(7);
+    l.value[11] = Octets{}.u16(to);
+    return packet;
+  }
+  Octets wrapped(Layer& l, bool v6, Octets rest) {
+    const unsigned how = pick(4);
+    const uint32_t id = 0xabcd00 + pick(2);
+    if (pick(6) == 0)
+      l.spoilt = std::array{Layer::fragment, Layer::header, Layer::content, Layer::padded}[pick(4)];
+    if (how == 0 && l.spoilt == Layer::header) l.spoilt = Layer::content;
+    if (l.spoilt == Layer::content) rest[0] ^= 0x50;
+    if (l.spoilt == Layer::padded) rest.fill(1 + pick(20));
+    uint16_t type = v6 ? 0x86dd : 0x0800;
+    if (how == 1 || (how > 1 && pick(2))) {
+      rest = pick(2) ? tagged(0x8100, 5, type, rest) : ethernet(type, rest);
+      type = 0x6558;
+    }
+    uint8_t protocol = v6 ? 41 : 4;
+    uint16_t port = 0;
+    Octets header, fixed;  // and the bits of it that are not free
+    if (how == 1) {        // VXLAN
+      port = 4789;
+      header.u8(8).u8(0).u16(0).u32(id << 8);
+      fixed = {0xff, 0xff, 0xff, 0xff, 0, 0, 0, 0xff};
+      l.segment = uint64_t{1} << 56 | id;
+    } else if (how == 2) {  // GENEVE
+      port = 6081;
+      const uint32_t words = pick(4);
+      header.u8(words).u8(words > 0 ? 0x40 : 0).u16(type).u32(id << 8).fill(4 * words, 9);
+      fixed = {0xc0, 0xbf, 0, 0, 0, 0, 0, 0xff};
+      l.segment = id;
+    } else if (how == 3) {  // GRE: checksum, key, sequence number
+      protocol = 47;
+      const uint32_t flags = pick(2) << 15 | pick(2) << 13 | pick(2) << 12;
+      header.u16(flags).u16(type);
+      fixed = {0x4f, 0xff};
+      if (flags & 0x8000) header.fill(4, 7);
+      if (flags & 0x2000) header.u32(id << 8 | 3);
+      if (flags & 0x1000) header.fill(4, 7);
+      if (flags == 0x2000 && type == 0x6558) l.segment = uint64_t{2} << 56 | id;
+    }
+    const bool lies = l.spoilt == Layer::header && port > 0 && pick(2);  // the length of UDP
+    if (l.spoilt == Layer::header && !lies) {
+      size_t bit = pick(8 * fixed.size());
+      while (!(fixed[bit / 8] >> bit % 8 & 1)) bit = (bit + 1) % (8 * fixed.size());
+      header[bit / 8] ^= static_cast<uint8_t>(1 << bit % 8);
+    }
+    const auto from = static_cast<uint16_t>(50000 + pick(2));
+    if (port > 0) {
+      protocol = 17;
+      Octets outer = udp(from, port);
+      outer.put16(4, static_cast<uint32_t>(8 + header.size() + rest.size() + lies));
+      header = outer.add(header);
+    }
+    const bool fragment = l.spoilt == Layer::fragment;
+    rest = ip(l, !fragment && pick(2) == 0, protocol, header.add(rest), fragment ? 0x2000 : 0);
+    if (port > 0) l.value[7] = Octets{}.u16(from), l.value[11] = Octets{}.u16(port);
+    return rest;
+  }
+
   int64_t now_ = startMs * 1'000'000;
 };
 
@@ -170,11 +270,7 @@ std::vector<uint8_t> cut(const RecordDefinition& r, uint16_t element, std::vecto
 /// What a record should say of one flow, made of its packets.
 std::vector<uint8_t> expectedField(const RecordDefinition& r, const RecordField& f,
                                    const std::vector<Made>& packets) {
-  const auto number = [&](uint64_t v) {
-    Octets o;
-    for (unsigned i = f.len; i-- > 0;) o.u8(static_cast<uint32_t>(v >> 8 * i));
-    return o;
-  };
+  const auto number = [&](uint64_t v) { return flow::number(v, f.len); };
   const auto sum = [&](auto what) {
     uint64_t v = 0;
     for (const Made& m : packets) v += m.*what;
@@ -213,20 +309,36 @@ int64_t fromNtp(const std::vector<uint8_t>& o) {
          static_cast<int64_t>(fraction);
 }
 
+/// Whatever is missing or wrong, what is read lies in the packet, and so does what counts.
+void damage(const RecordPlan& plan, const Octets& frame, Random& pick) {
+  for (size_t n = 0; n < frame.size(); ++n) {
+    Boxed box(frame, n, frame.size(), LinkLayer::ethernet);
+    if (n > 0 && pick(2)) box.block[pick(n)] = static_cast<uint8_t>(pick(256));
+    PacketParser parser(7, 1, plan.mpls());
+    Parsed parsed;
+    PlannedSample sample;
+    if (!parser.parse(box.packet, parsed)) continue;
+    const TunnelFacts inside = parser.lookInside(box.packet, parsed, true);
+    plan.sample(box.packet, parsed, 3, {}, sample, inside);
+    ASSERT_LE(inside.innerAt + parsed.ipOctets, frame.size());
+  }
+}
+
 /// Random packets through parser, plan and cache: the record of every flow, field by field, against
 /// a map of what the packets were made of. The built-in records, too.
 TEST(RecordPlan, EachFieldIsWhatThePacketsSay) {
   RandomPackets next;
   std::vector<RecordDefinition> records;
-  for (const auto& [name, record] : builtInRecords())
-    if (name != standardRecordName) records.push_back(record);
-  while (records.size() < 23) records.push_back(randomRecord(next.pick));
+  for (const auto& [name, record] : builtInRecords()) records.push_back(record);
+  const RecordDefinition standard = builtInRecords().at(standardRecordName);
+  while (records.size() < 24) records.push_back(randomRecord(next.pick));
   for (const RecordDefinition& r : records) {
     std::string text;
     for (const std::string& f : r.fields) text += f + ' ';
     for (const std::string& k : r.keys) text += "| " + k;
     SCOPED_TRACE(text);
-    const RecordPlan plan(r, 260);
+    const auto tunnel = r == standard ? Tunnel::inner : tunnels[next.pick(2)];
+    const RecordPlan plan(r, 260, tunnel);
     const RecordLayouts layouts = recordLayouts(r);
     RecordQueue queue(plan.recordLens());
     FlowCache cache(100000, {.activeMs = 600000, .inactiveMs = 66000}, 7, plan, queue);
@@ -239,27 +351,31 @@ TEST(RecordPlan, EachFieldIsWhatThePacketsSay) {
     using Flow = std::pair<size_t, std::vector<uint8_t>>;  // its layout and the octets of its key
     std::map<Flow, std::vector<Made>> flows;
     for (int i = 0; i < 2000; ++i) {
-      Made m = next();
+      Made m = next(tunnel);
+      if (i % 100 == 0) damage(plan, m.frame, next.pick);
       Boxed box(m.frame);
       box.packet.timeNs = m.timeNs;
       box.packet.leaves = m.leaves;
       box.packet.segments = m.packets;
       Parsed parsed;
       PlannedSample sample;
-      parser.parse(box.packet, parsed);
+      TunnelFacts inside;
+      if (parser.parse(box.packet, parsed) && plan.tunnels())
+        inside = parser.lookInside(box.packet, parsed, plan.inner());
       const bool isMpls = m.value.at(256) == Octets{0x88, 0x47};
       const PacketKinds kind = isMpls && !plan.mpls() ? otherFrames : m.kind;
       const auto layout =
           static_cast<size_t>(std::find_if(layouts.begin(), layouts.end(),
                                            [&](const RecordLayout& l) { return l.kinds & kind; }) -
                               layouts.begin());
-      ASSERT_EQ(plan.sample(box.packet, parsed, m.interface, host, sample), layout < 3);
+      ASSERT_EQ(plan.sample(box.packet, parsed, m.interface, host, sample, inside), layout < 3);
       if (layout == 3) continue;
       if (kind != m.kind) {  // nobody looked for its addresses
         m.ipOctets = m.packetOctets = m.tcpFlags = 0;
         m.packets = 1;
         m.layer2Octets = m.frame.size();
         m.value[m.leaves ? 10 : 14] = Octets{}.u32(0);
+        m.value[351] = Octets{}.fill(8);
       }
       Flow flow{layout, {}};
       for (const auto& [field, key] : layouts[layout].fields)
