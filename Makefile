@@ -3,7 +3,7 @@
 BUILD := build
 JOBS ?= $(shell nproc)
 
-.PHONY: build run test bench bench-peers bench-probe bench-agent fuzz lint asan clang valgrind soak \
+.PHONY: build run test bench bench-peers bench-probe bench-live bench-agent fuzz lint asan clang valgrind soak \
         torment format install package try-package clean
 build:
 	@scripts/install-deps build
@@ -59,6 +59,13 @@ bench-probe:
 	cmake --preset release -DTARN_BENCH=ON
 	cmake --build $(BUILD) -j $(JOBS) --target tarnflowd pcap_maker
 	scripts/bench-probe $(BUILD)
+
+# What a packet costs on a live interface, beside the least that a program can do. As root.
+bench-live:
+	@scripts/install-deps test
+	cmake --preset release -DTARN_BENCH=ON
+	cmake --build $(BUILD) -j $(JOBS) --target tarnflowd tarnflow pcap_maker live_traffic
+	scripts/bench-live $(BUILD)
 
 # Start, reload and stop of the agent with many trackers.
 bench-agent:
