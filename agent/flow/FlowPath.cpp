@@ -333,8 +333,9 @@ bool FlowPath::drain(FlowMeter& meter, EgressRoutes* routes) {
   if (!block) return false;
   const RecordPlan& plan = *meter.plan();
   if (routes) routes->complete(block->place, {block->octets.data(), block->used});
-  export_.recordsIs(plan.templateId(block->place), plan.recordLens()[block->place],
-                    {block->octets.data(), block->used});
+  if (!toNobody())
+    export_.recordsIs(plan.templateId(block->place), plan.recordLens()[block->place],
+                      {block->octets.data(), block->used});
   meter.queue().release(block);
   return true;
 }
@@ -362,7 +363,7 @@ void FlowPath::drainAll() {
 
 void FlowPath::handleTick() {
   tickTask_->scheduleIs(tick);
-  const bool hold = !export_.ready();
+  const bool hold = !toNobody() && !export_.ready();
   if (hold != hold_) {
     hold_ = hold;
     heldSince_ = std::chrono::steady_clock::now();

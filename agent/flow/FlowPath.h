@@ -125,6 +125,8 @@ class FlowPath {
   bool drain(const Live& l) { return drain(*l.meter, l.routes.get()); }
   void drainAll();
   void handleTick();
+  /// There is no exporter: flows are looked at as long as they go on, and their records forgotten.
+  bool toNobody() const { return !file_ && settings_.exporters.empty(); }
   void followFile();
   FlowTracking::FlowPathRecord record() const;
   void tellCounters();

@@ -156,7 +156,10 @@ FlowPart FlowPaths::look(const FlowLook& wanted) {
   surveys_.mustHaveRoom();
   FlowLook look = wanted;
   look.tracker = chosen.tracker();
-  FlowSurvey::Names names;
+  using Map = FlowTracking::IntfIndexMap;
+  FlowSurvey::Names names = {{Map::cpuIndex, Map::cpuIntfName},
+                             {Map::multicastIndex, Map::multicastIntfName},
+                             {Map::unknownIndex, Map::unknownIntfName}};
   if (look.by != FlowLook::By::hosts && look.by != FlowLook::By::ports)
     for (const auto& [name, index] : host_.indexes->intfIndex())
       names.emplace(index, name.stringValue());

@@ -41,7 +41,7 @@ struct Route {
 /// cannot.
 class RouteLookups {
  public:
-  static constexpr size_t keptMax = 2 * 32768;  ///< answers, some 120 octets each
+  static constexpr size_t keptMax = 65536;  ///< answers, some 120 octets each
   static constexpr std::chrono::seconds ageMax{30};
 
   /// In the namespace that the thread is in. Throws ErrnoException.

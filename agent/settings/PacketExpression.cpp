@@ -150,7 +150,7 @@ std::string nameIn(const std::string& text) {
     const size_t end = static_cast<size_t>(
         std::find_if_not(text.begin() + static_cast<std::ptrdiff_t>(i), text.end(), inWord) -
         text.begin());
-    const std::string word = text.substr(i, end - i);
+    std::string word = text.substr(i, end - i);
     if (!std::binary_search(std::begin(words), std::end(words), word) && !isNumeric(word))
       return word;
     i = end - 1;

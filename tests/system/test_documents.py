@@ -27,6 +27,11 @@ def test_readme_tour(tmp_path):
     for what in ("options template 65281", r"packetsSeen +[1-9]", "127.0.0.1:4739",
                  "reloaded my.toml", "FLOWTRACKING_EXPORTER_INACTIVE"):
         assert re.search(what, done.stdout), (what, done.stdout)
+    section = (ROOT / "README.md").read_text().split("## A first look\n", 1)[1]
+    look = re.search(r"(?:^    .*\n)+", section, re.M)[0].replace("make build", "")
+    done = subprocess.run(["bash", "-e", "-c", look.replace("&\n", "&\n sleep 1\n") + "\nkill $!; wait"],
+                          cwd=tmp_path, text=True, stdout=subprocess.PIPE, timeout=60)
+    assert done.stdout.startswith("tracker here: the heaviest flows by octets, of"), done
 
 
 def commands(program, *path):

@@ -16,7 +16,7 @@ import pytest
 
 import traffic
 from lab import wait_for
-from tarnflow import TOOL, Agent, edge, flows, tool
+from tarnflow import TOOL, Agent, config, edge, flows, tool
 from traffic import play
 
 FLOWS = 2000
@@ -61,6 +61,7 @@ def test_what_is_under_way(house):
             (r["packets"], r["octets"]) for r in answer["rows"]}
         assert len(found) == len(answer["rows"]) and answer["flows"] == len(expected)
         assert {r["ingressName"] for r in answer["rows"]} <= {"in0"}
+        assert {r["egressName"] for r in answer["rows"]} <= {"unknown", "multicast"}
         return found
 
     ported = (traffic.TCP, traffic.UDP)
@@ -107,6 +108,10 @@ def test_what_is_under_way(house):
     for what in ("hosts", "ports"):
         wait_for("the other record", lambda: tool("top", "--by", what, check=False)[0] == 2)
         assert "have no" in tool("top", "--by", what, check=False)[2]
+    # Nobody is told of them: what is over is not under way.
+    agent.reload(config({"edge": {"id": 7, "interfaces": ["in*"], "inactive-timeout": "1s"}}))
+    play(9)
+    wait_for("flows end", lambda: flows()["edge"]["endedIdle"] and not flows()["edge"]["flowsActive"])
     agent.reload(edge({"nc": ("10.99.0.2", 9995)}))
     code, _, error = tool("top", check=False)
     assert code == 2 and "no tracker looks at packets" in error, error
