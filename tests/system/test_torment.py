@@ -105,7 +105,10 @@ def settings(rng=None):
                 dscp=rng.randrange(64), mtu=rng.choice([327, 1500, 9000]),
                 vrf=rng.choice(["default", "default", "red"])) for j in range(rng.randrange(4))}
             life[f"t{i}"] = {"id": 20 + i, "type": rng.choice(["software", "hardware"]),
-                             "interfaces": rng.choice([[], ["in*"], ["red/*", "sh*"]]),
+                             "interfaces": rng.choice([[], ["in*"], ["red/*", "sh*"], ["*", "!up0"]]),
+                             **rng.choice([{}, {"direction": "both", "egress": "route"},
+                                           {"tunnel": "inner", "filter": "not port 7"},
+                                           {"promiscuous": True, "record": "full"}]),
                              "local-port": 5001 + i, "max-flows": rng.choice([1, 1000, 4000000]),
                              "exporter": others}
         vrfs = rng.choice([vrfs, {"red": 4, "blue": 5}, {}])
@@ -368,7 +371,9 @@ def clients(life, rng):
                                     b'{"request":"sta', rng.randbytes(5000), b"[" * 4000 + b"\n"]))
     if rng.random() < 0.5:
         life.clients.clear()
-    tool("show", *rng.choice([["collectors"], ["tables"], ["state", "--limit", 3]]), check=False)
+    tool(*rng.choice([["show", "collectors"], ["show", "tables"], ["show", "state", "--limit", 3],
+                      ["top", "--tracker", "edge"], ["show", "flows", "--list", "--tracker", "t0"]]),
+         check=False)
 
 
 def refusal(life, rng):
