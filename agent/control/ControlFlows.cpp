@@ -30,7 +30,7 @@ Json rowsJson(const std::vector<FlowRow>& rows) {
   return all;
 }
 
-/// The index among `names` of what the request has under `key`; of nothing 0.
+/// The index among `names` of the text that the request has under `key`; 0 where it has none.
 template <size_t n>
 size_t oneOf(const ControlRequest& request, const char* key,
              const std::array<std::string_view, n>& names) {

@@ -25,8 +25,8 @@ PacketRingOptions ringOptions(const MeterOrders& orders, const RecordPlan& plan)
 constexpr int tickMs = 100;  // how late a record may leave for want of company
 constexpr int ringMs = 200;  // how old a packet may be when the ring hands it over
 constexpr size_t blocksPerRound = 16;
-// Flows that a feed takes between two looks for packets: some 50 us where there are none, and so
-// few where packets come that these lose no time.
+// Places of the cache whose flows a feed gets between two looks for packets: where none come, what
+// takes some 50 us; where packets come, so few that these are not delayed.
 constexpr size_t feedIdle = FlowFeed::blockFlows;
 constexpr size_t feedBusy = 64;
 
@@ -115,7 +115,7 @@ void CaptureMeter::run() {
   int64_t countedMs = 0;  // the last packet's time, and when it was counted
   int64_t countedAt = 0;
   bool filterDue = true;
-  int64_t dueAt = 0;  // the second when what is done each second was done last
+  int64_t dueAt = 0;  // the second in which the work of each second was done last
   while (!stopped()) {
     const bool ordered = takeOrders();
     if (ordered || filterDue) filterDue = !filterIs();

@@ -58,7 +58,8 @@ void EgressRoutes::interfacesIs(const std::map<uint32_t, uint32_t>& exported) {
   for (const auto& [kernel, index] : exported_) kernel_.emplace(index, kernel);
 }
 
-/// False: it did not arrive at an interface, or where it went is known.
+/// False: nothing is to be asked, since the record has its egress interface, or no ingress
+/// interface of this namespace.
 bool EgressRoutes::question(const Offsets& o, const char* record, RouteQuestion& q) const {
   if (o.egress != Offsets::none && numberAt(record + o.egress) != 0) return false;
   const auto interface = kernel_.find(numberAt(record + o.ingress));

@@ -12,16 +12,18 @@
 namespace agent::flow {
 namespace {
 // Calls and loads from the packet overwrite registers 0 to 5; loads find the packet by register 6,
-// register 10 is the end of the stack. The program chooses first, then it counts segments.
+// register 10 is the end of the stack. The program chooses packets first, and then counts segments:
+// both use registers 7 to 9.
 constexpr int packet = 6, stack = 10;
 constexpr int accumulator = 7, index = 8, offset = 9;
 constexpr int segmentLen = 7, segments = 8, headerLen = 9;
 constexpr int room = -16;                        // on the stack, for octets of the packet
 constexpr int memory = room - 4 * BPF_MEMWORDS;  // and for the classic machine's memory
 
-constexpr uint32_t tagAt = 12, tagLen = 4;  // in a frame
+constexpr uint32_t tagAt = 12, tagLen = 4;  // the VLAN tag's place in a frame, in octets
 
-/// Loads octets of the packet, counted from its network header, to `room`.
+/// Copies `len` octets of the packet to `room`. Register 2 has the offset from its network header.
+/// Goes to `ifNone` where the packet is shorter.
 void loadOctets(FilterAssembler& a, uint32_t len, size_t ifNone) {
   a.copy(1, packet);
   a.copy(3, stack);
@@ -33,9 +35,9 @@ void loadOctets(FilterAssembler& a, uint32_t len, size_t ifNone) {
 }
 
 /// Counts the segments of a packet whose sender, a virtual machine or its host, left the counting
-/// to others: what is behind the headers of IP and TCP or UDP, by the length of a segment. The
-/// number may be as wrong as what the headers say: where it goes it is bounded by the packet's
-/// length. Goes on behind it; or at `single`.
+/// to others: the octets behind the headers of IP and TCP or UDP, divided by the length of a
+/// segment and rounded up. The headers may be wrong, so the code that follows compares the number
+/// with the packet's length. Goes to `single` where the packet counts as one.
 void countSegments(FilterAssembler& a, size_t transport, size_t divide, size_t single) {
   a.set(2, 0);
   loadOctets(a, 10, single);
@@ -71,19 +73,19 @@ void countSegments(FilterAssembler& a, size_t transport, size_t divide, size_t s
   a.by(BPF_DIV, segments, segmentLen);
 }
 
-/// Where the octets are that an instruction of the source is about.
+/// Where the offsets begin that an instruction of the source has.
 enum class Octets {
-  frame,        ///< as the packet socket has them
-  taggedFrame,  ///< the same, but for a VLAN tag that the device took off
-  network       ///< from the network header on
+  frame,        ///< at the frame, as the packet socket has it
+  taggedFrame,  ///< at the frame with the VLAN tag that the device took off
+  network       ///< at the network header
 };
 
-/// Translates a source. Where the classic machine would leave what it has not been given, the
-/// program stays with 32 bits, rejects what lies beyond the packet, and starts from zeros.
+/// Translates a source. As the classic machine does, the program computes with 32 bits, rejects a
+/// packet when it loads from beyond its end, and begins with zeros in registers and memory.
 class Translation {
  public:
   explicit Translation(const FilterSource& source) : source_(source) {}
-  /// Goes to `accepted` with a packet that it accepts. False: there is none.
+  /// Packets that the source accepts go to `accepted`. False: the source accepts none.
   bool write(FilterAssembler& a, size_t accepted);
 
  private:
@@ -119,7 +121,7 @@ class Translation {
   size_t tagged_ = 0;  // where the expression about tagged frames is
   bool accepts_ = false;
   bool rejects_ = false;
-  // Of the part that is being written.
+  // About the part that is being written.
   Octets octets_ = Octets::frame;
   size_t from_ = 0;
   std::vector<size_t> places_;
@@ -226,13 +228,14 @@ void Translation::ancillary(uint32_t what) {
   if (what == SKF_AD_PROTOCOL) swap16(accumulator);
 }
 
-/// Loads what the instruction is about. The kernel ends the program, and rejects the packet, where
-/// it is shorter.
+/// Loads the octets of the packet that the instruction names. Where the packet is shorter, the
+/// kernel ends the program and rejects it.
 void Translation::octetsTo(int to, const sock_filter& f) {
   const int size = BPF_SIZE(f.code);
   const uint32_t width = size == BPF_W ? 4 : size == BPF_H ? 2 : 1;
   const int mode = BPF_MODE(f.code) == BPF_IND ? BPF_IND : BPF_ABS;
-  // A larger one could be taken for an offset from elsewhere, which the kernel has below zero.
+  // To the kernel an offset below zero begins elsewhere, at the network header for instance: a
+  // larger index could make such an offset.
   if (mode == BPF_IND) rejectIf(BPF_JGT, index, packetOffsetMax);
   if (octets_ != Octets::taggedFrame) {
     packetLoad(mode, size, octets_ == Octets::network ? f.k + SKF_NET_OFF : f.k);
@@ -244,7 +247,8 @@ void Translation::octetsTo(int to, const sock_filter& f) {
   }
 }
 
-/// Loads octets of a frame from before, in and behind the tag that is not in the packet.
+/// Loads octets of a frame whose tag the device took off: those of the tag from what the kernel
+/// noted of it, those behind it from `tagLen` octets before their place in the frame.
 void Translation::taggedTo(int to, uint32_t at, uint32_t width) {
   constexpr uint32_t behind = tagAt + tagLen;
   if (at + width <= tagAt || at >= behind) {
@@ -270,6 +274,8 @@ void Translation::taggedTo(int to, uint32_t at, uint32_t width) {
   }
 }
 
+/// The same at an offset that only the running program knows: compares it with each up to the end
+/// of the tag.
 void Translation::taggedIndirect(const sock_filter& f, uint32_t width) {
   constexpr uint32_t behind = tagAt + tagLen;
   const size_t done = a_->place(), far = a_->place();
@@ -331,7 +337,7 @@ std::vector<bpf_insn> extendedProgram(const FilterSource& source, uint32_t snapL
   const size_t accepted = a.place(), counted = a.place(), transport = a.place(), divide = a.place(),
                single = a.place(), done = a.place();
   a.copy(packet, 1);
-  // The kernel takes nothing that is never run.
+  // The kernel refuses a program with instructions that can never run.
   if (!Translation(source).write(a, accepted)) return a.finish();
   a.here(accepted);
   member(segmentLen, offsetof(__sk_buff, gso_size));

@@ -8,7 +8,8 @@
 
 namespace agent::flow {
 
-/// Writes programs of the extended machine. Jumps lead to places, which are numbered.
+/// Writes programs of the extended machine. Jumps lead to places: `place` returns the number of a
+/// new one, and `here` puts it before the instruction that is written next.
 class FilterAssembler {
  public:
   void add(int code, int to, int from, int offset, uint32_t k) {
@@ -22,6 +23,7 @@ class FilterAssembler {
   }
   void set(int to, uint32_t k) { with(BPF_MOV, to, k); }
   void copy(int to, int from) { by(BPF_MOV, to, from); }
+  // With 64 bits: an operation with a number, and with another register.
   void with(int operation, int to, uint32_t k) { add(BPF_ALU64 | BPF_K | operation, to, 0, 0, k); }
   void by(int operation, int to, int from) { add(BPF_ALU64 | BPF_X | operation, to, from, 0, 0); }
   /// `width`: BPF_W, BPF_H or BPF_B.
@@ -30,7 +32,7 @@ class FilterAssembler {
   }
   void call(uint32_t function) { add(BPF_JMP | BPF_CALL, 0, 0, 0, function); }
   void go(size_t place) { jumpTo(BPF_JMP | BPF_JA, 0, 0, 0, place); }
-  /// Compares 32 bits.
+  /// Compares 32 bits; `goIfBy` compares 64.
   void goIf(int operation, int reg, uint32_t k, size_t place) {
     jumpTo(BPF_JMP32 | BPF_K | operation, reg, 0, k, place);
   }
@@ -41,7 +43,7 @@ class FilterAssembler {
   size_t place() { return at_.emplace_back(), at_.size() - 1; }
   void here(size_t place) { at_[place] = code_.size(); }
 
-  /// Empty: a jump cannot reach so far.
+  /// The program. Empty: it is longer than a jump can reach.
   std::vector<bpf_insn> finish() {
     if (code_.size() > INT16_MAX) return {};
     for (const auto& [from, place] : jumps_)

@@ -15,7 +15,7 @@ void FlowFeeds::add(FlowFeedPtr feed) {
 }
 
 void FlowFeeds::takeFresh() {
-  // Packets do not wait for the lock: the next round comes soon.
+  // Packets must not wait for the lock: if another thread has it, the next call tries again.
   const std::unique_lock lock(mutex_, std::try_to_lock);
   if (!lock) return;
   for (FlowFeedPtr& feed : new_) walks_.push_back({std::move(feed)});

@@ -27,7 +27,7 @@ constexpr Protocol protocols[] = {{"icmp", 1}, {"igmp", 2}, {"tcp", 6},     {"ud
       "protocol 0 to 255 or one of " +
       joined(protocols, &Protocol::name) + ", interface NAME, vrf NAME");
 }
-/// Nothing: it is no number up to `most`.
+/// The decimal number that the text is; nothing where it is none, or greater than `most`.
 std::optional<uint64_t> numberIn(std::string_view text, uint64_t most) {
   uint64_t value = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);

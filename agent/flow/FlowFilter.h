@@ -15,20 +15,20 @@ namespace agent::flow {
 /// port or interface may be at either end of the flow.
 class FlowFilter {
  public:
-  /// The index that is exported of an interface; 0: there is none of this name.
+  /// The exported index of the interface of this name; 0: there is no such interface.
   using IndexOf = std::function<uint32_t(const std::string& name)>;
 
-  /// Empty text: all flows. Throws FlowLookError: what is wrong, and what is allowed.
+  /// An empty text chooses all flows. Throws FlowLookError: what is wrong, and what is allowed.
   FlowFilter(std::string_view text, const IndexOf& indexOf);
 
-  /// What a term needs and no layout has: "ports"; empty: nothing.
+  /// What a term needs and no layout has, such as "ports"; empty: nothing is missing.
   std::string missing(const std::vector<RecordView>& layouts) const;
   bool matches(const RecordView& view, const char* record, const std::string& vrf) const;
 
  private:
   struct Term {
     enum Kind : uint8_t { host, port, protocol, interface, vrf } kind;
-    uint64_t number = 0;  // a length of a prefix in bits, a port, a protocol, an index
+    uint64_t number = 0;  // a prefix length in bits, a port, a protocol or an interface's index
     size_t addressLen = 0;
     std::array<char, 16> address{};
     std::string name = {};

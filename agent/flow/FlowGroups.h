@@ -8,8 +8,8 @@
 
 namespace agent::flow {
 
-/// Sums of flows by a key of three words. Bounded: flows of more groups than `groupsMax` are
-/// counted as left out. 56 octets a group and 8 to 16 of the index.
+/// Sums of flows by a key of three words. Bounded: once there are `groupsMax` groups, flows of
+/// other keys only count as left out. A group takes 56 octets, and 8 to 16 of the index.
 class FlowGroups {
  public:
   static constexpr size_t groupsMax = 1 << 18;
@@ -19,7 +19,7 @@ class FlowGroups {
     uint64_t octets = 0;
     uint64_t packets = 0;
     uint64_t flows = 0;
-    int64_t firstMs = INT64_MAX;
+    int64_t firstMs = INT64_MAX;  ///< when the oldest of the flows began
   };
 
   explicit FlowGroups(uint64_t seed) : seed_(seed), index_(1024) {}
@@ -48,7 +48,7 @@ class FlowGroups {
   uint64_t leftOut() const { return leftOut_; }
 
  private:
-  /// Where the key is, or belongs.
+  /// The slot that the key is in, or the empty one that it belongs into.
   size_t slotOf(const Key& key) const {
     size_t slot = wordsHash(key.data(), key.size(), seed_) & (index_.size() - 1);
     while (index_[slot] != 0 && groups_[index_[slot] - 1].key != key)

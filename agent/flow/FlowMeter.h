@@ -29,8 +29,8 @@ struct MeterOrders {
   bool hold = true;                          ///< no collector is ready
   /// The captured interfaces by the kernel's index, with the index that is exported.
   std::map<uint32_t, uint32_t> interfaces;
-  std::vector<uint32_t> withoutEthernet;  ///< those of them that have no such header; sorted
-  bool promiscuous = false;               ///< they are asked for packets for other stations
+  std::vector<uint32_t> withoutEthernet;  ///< those without an Ethernet header; sorted
+  bool promiscuous = false;               ///< they are to take packets for other stations
   std::string expression;                 ///< chooses packets; empty: all
   /// For these interfaces, this rate and expression, made by a meter that captures.
   std::shared_ptr<const PacketFilter> filter;
@@ -61,9 +61,9 @@ class FlowMeter {
   // The agent's thread.
   virtual void ordersIs(const MeterOrders& orders);
   MeterCounters counters() const;
-  /// What was counted in flows of each interface, by the index that is exported.
+  /// What was counted in flows of each interface, by its exported index.
   InterfaceSums::Sums interfaces() const;
-  /// Has the flows under way told to `feed`; it ends when all are, or when the thread ends.
+  /// Writes the flows under way to `feed`, which ends behind the last one, or with the thread.
   void feedIs(FlowFeedPtr feed) {
     feeds_.add(std::move(feed));
     wake();
@@ -124,7 +124,7 @@ class FlowMeter {
     gathered_ = 0;
   }
   void tellCounters();
-  void tellInterfaces();  ///< takes memory
+  void tellInterfaces();  ///< allocates memory
 
   /// UDP ports, sorted, from which the agent itself sends in the network of the packets: those are
   /// not counted. Of a file it has none.

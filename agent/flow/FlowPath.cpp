@@ -295,7 +295,7 @@ void FlowPath::forgetLeft() {
   });
 }
 
-/// A meter whose thread ended before its time is told and made anew.
+/// Logs each meter whose thread failed, and has it made anew.
 void FlowPath::tellFailures() {
   for (auto& [vrf, source] : sources_) {
     if (!source.meter || !source.meter->done() || source.meter->failure().empty()) continue;

@@ -35,7 +35,7 @@ struct FlowPathHost {
   Ptr<SharedTable> counters;  ///< of FlowPathRecord; null: not shown
   Ptr<FlowCaptures> captures;
   AgentLog& log;
-  std::function<bool()> surveyed;  ///< every network that is there is known
+  std::function<bool()> surveyed;  ///< whether all networks that exist are known
 };
 
 /// The software flow path of one tracker, on the agent's thread: a meter in each network that has
@@ -72,10 +72,11 @@ class FlowPath {
   void hide();
   const std::string& tracker() const { return tracker_; }
   const TrackerSettings& settings() const { return settings_; }
-  /// Has each of its meters tell of its flows.
+  /// Has each of its meters write its flows to a feed.
   std::vector<FlowSource> feeds();
-  /// Adds the interfaces that are captured from, by VRF and index, with what was counted there,
-  /// until there are `max` rows; passes over the first `skip`, and takes from it those there were.
+  /// Adds a row for each interface that it captures from, by VRF and index, with what was counted
+  /// there, until there are `max` rows. Leaves out the first `skip` interfaces, and reduces `skip`
+  /// by the number of those left out.
   void tracked(size_t& skip, size_t max, std::vector<FlowRow>& rows) const;
   /// What the path did, in words.
   std::string summary() const;
@@ -125,7 +126,7 @@ class FlowPath {
   bool drain(const Live& l) { return drain(*l.meter, l.routes.get()); }
   void drainAll();
   void handleTick();
-  /// There is no exporter: flows are looked at as long as they go on, and their records forgotten.
+  /// There is no exporter: flows can be looked at while they last, and records are thrown away.
   bool toNobody() const { return !file_ && settings_.exporters.empty(); }
   void followFile();
   FlowTracking::FlowPathRecord record() const;

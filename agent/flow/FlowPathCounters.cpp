@@ -58,7 +58,7 @@ void FlowPath::tellCounters() {
   const auto r = record();
   host_.counters->put(std::as_bytes(std::span(&r.key, 1)), std::as_bytes(std::span(&r, 1)));
 }
-/// At the end, when the counters go: what did not leave.
+/// Logs what was lost in all. To be called at the end, when the counters disappear.
 void FlowPath::tellLosses() const {
   const auto r = record();
   if (r.lostNoCollector + r.lostQueueFull + r.recordsLost == 0) return;
@@ -77,8 +77,8 @@ void FlowPath::tellFilterErrors() {
     if (now != 0 && now != source.filterError)
       host_.log.warning(
           placeText(vrf) +
-              "the kernel refuses the new choice of interfaces, sampling or filter, the one "
-              "before holds, trying again: " +
+              "the kernel refuses the new choice of interfaces, sampling or filter, trying "
+              "again; until then the choice before holds: " +
               std::generic_category().message(now),
           {.tracker = tracker_, .vrf = vrf.stringValue()});
     source.filterError = now;
@@ -92,7 +92,8 @@ void FlowPath::tellPromiscuousError(const VrfName& vrf, Source& source,
   const auto network = host_.networks->network(vrf);
   if (!network || !network->links().contains(now.first)) return;  // it is gone
   host_.log.warning(placeText(vrf) + printable(network->links().at(now.first).name) +
-                        " takes no packets for other stations, trying again: " +
+                        " refuses to be promiscuous, so packets for other stations may be "
+                        "missing; trying again: " +
                         std::generic_category().message(now.second),
                     {.tracker = tracker_, .vrf = vrf.stringValue()});
 }

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-/// What others may see of a path's flows under way.
+/// What a path shows of its flows under way and its interfaces.
 namespace agent::flow {
 
 std::vector<FlowSource> FlowPath::feeds() {

@@ -62,7 +62,7 @@ class FlowPaths final : public FlowLooks {
   void handleLeaving();
   void forgetTemplates();
   bool ended() const;
-  /// Throws FlowLookError: what `name` should be.
+  /// The path of this tracker; empty name: the only one. Throws FlowLookError, which lists names.
   FlowPath& path(const std::string& name);
 
   const FlowPathHost host_;

@@ -48,7 +48,7 @@ void FlowSurvey::check() const {
       missing = "packets";
     if (!missing.empty())
       throw FlowLookError("the flow records of tracker " + inQuotes(look_.tracker) + " have no " +
-                          missing);
+                          missing + ": ask for something else, or give it another 'record'");
   }
 }
 
@@ -74,7 +74,8 @@ bool FlowSurvey::takeFrom(size_t index) {
     source.done = true;
     if (!source.feed->whole())
       incomplete_ = "flows of VRF " + printable(source.vrf) +
-                    " were ended meanwhile, by a reload or since its interfaces went";
+                    " are missing: tracking there ended meanwhile, by a reload, a failure, or "
+                    "because its interfaces are gone";
     return false;
   }
   nowMs_ = std::max(nowMs_, block->nowMs);
@@ -116,7 +117,7 @@ void FlowSurvey::group(const RecordView& view, const char* record, uint64_t vrf,
       key[0] = RecordView::number(record, place);
       if (look_.by == By::ports)
         key[1] = view.protocol ? RecordView::number(record, view.protocol) : 256;
-      if (look_.by == By::interfaces && key[0] == 0) return;  // it is not known
+      if (look_.by == By::interfaces && key[0] == 0) return;  // the interface is not known
     }
     key[2] |= vrf << 8;
     if (any && key == first) return;  // both ends are the same
@@ -164,13 +165,14 @@ void FlowSurvey::finish() {
   if (groups_->leftOut() > 0)
     incomplete_ = "there are more than " + std::to_string(FlowGroups::groupsMax) + ' ' +
                   (look_.by == By::hosts ? "hosts" : "ports") + ": " +
-                  std::to_string(groups_->leftOut()) + " ends of flows are in none of them";
+                  std::to_string(groups_->leftOut()) +
+                  " ends of flows belong to others and are left out";
   groups_.reset();
 }
 
 void FlowSurvey::hurry() {
   if (done_) return;
-  incomplete_ = "it took too long, flows are missing";
+  incomplete_ = "the time for a look was over before all flows were looked at";
   for (Source& s : sources_) {
     s.feed.reset();
     s.done = true;
@@ -179,7 +181,8 @@ void FlowSurvey::hurry() {
 }
 
 FlowPart FlowSurvey::part(size_t next) {
-  if (next != given_) throw FlowLookError("this part was given before");
+  if (next != given_)
+    throw FlowLookError("this is not the next part: ask with what 'next' of the last part was");
   FlowPart part;
   part.tracker = look_.tracker;
   if (done_ || look_.by == By::list) {
@@ -234,8 +237,8 @@ void FlowSurvey::addGroup(const FlowGroups::Group& g, FlowRow& to) const {
   addRates(to, g.octets, g.packets, g.firstMs, nowMs_);
 }
 
-/// The mean since the record of the flow, or of the oldest of several, began. Of less than a second
-/// it would say nothing.
+/// Adds the mean rates since `firstMs`, when the record of the flow, or the oldest of several,
+/// began: without values for less than a second, where a mean says nothing.
 void FlowSurvey::addRates(FlowRow& to, uint64_t octets, uint64_t packets, int64_t firstMs,
                           int64_t nowMs) const {
   FlowValue seconds, bits, rate;

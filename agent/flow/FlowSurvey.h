@@ -15,7 +15,7 @@
 
 namespace agent::flow {
 
-/// A meter that tells of its flows, and what its records are.
+/// The feed of a meter's flows, and the plan of the records in it.
 struct FlowSource {
   std::string vrf;
   FlowFeedPtr feed;
@@ -23,36 +23,37 @@ struct FlowSource {
 };
 
 /// One look at a tracker's flows under way, on the agent's thread: it takes them from the meters'
-/// feeds piece by piece, and keeps the heaviest, or a bounded number of those that match until
-/// somebody asks for them.
+/// feeds piece by piece. It keeps the heaviest rows; of a list, a bounded number of flows that
+/// match, until the client asks for them.
 class FlowSurvey {
  public:
   using Clock = std::chrono::steady_clock;
-  using Names = std::map<uint32_t, std::string>;  ///< of interfaces by the index that is exported
+  using Names = std::map<uint32_t, std::string>;  ///< of interfaces, by the exported index
 
-  /// Throws FlowLookError: the records have not what is asked for.
+  /// Throws FlowLookError when the records lack a field that the look or its filter needs.
   FlowSurvey(FlowLook look, FlowFilter filter, std::vector<FlowSource> sources, Names names,
              uint64_t seed);
   FlowSurvey(const FlowSurvey&) = delete;
   FlowSurvey& operator=(const FlowSurvey&) = delete;
 
-  /// Takes what the feeds have until `end`. True: it goes on when they have more; false: it is
-  /// done, or rows wait to be asked for.
+  /// Takes what the feeds have, until `end` at the latest. True: the feeds may get more; false: the
+  /// look is done, or its list is full until the client asks for rows.
   bool work(Clock::time_point end);
-  /// The rows from `next` on that there are now, but for `survey`, which is left empty.
+  /// The rows from `next` on that are ready now; the part's `survey` is left empty. Throws
+  /// FlowLookError when `next` is not where the last part ended.
   FlowPart part(size_t next);
-  /// Nothing follows the last part.
+  /// Nothing follows the part that was given last.
   bool over() const { return done_ && rows_.empty(); }
   bool isList() const { return look_.by == FlowLook::By::list; }
-  /// The rest of the flows is not waited for.
+  /// Ends the look with the flows that were found so far, as incomplete.
   void hurry();
 
   Clock::time_point begun = Clock::now();
-  Clock::time_point asked = begun;  ///< last
+  Clock::time_point asked = begun;  ///< when the client asked for a part last
 
  private:
-  static constexpr size_t rowsMax = 4096;  // of a list, that wait to be asked for
-  static constexpr size_t partRows = 250;  // JSON of a flow takes some 8 us
+  static constexpr size_t rowsMax = 4096;  // of a list, that wait for the client
+  static constexpr size_t partRows = 250;  // the JSON of one takes some 8 us
 
   struct Source : FlowSource {
     std::vector<RecordView> views;  // by the layout's place
@@ -64,7 +65,7 @@ class FlowSurvey {
     int64_t firstMs;
   };
   struct Row {
-    uint64_t weight;
+    uint64_t weight;  // octets or packets
     size_t source;
     uint8_t place;
     int64_t nowMs;
@@ -88,9 +89,9 @@ class FlowSurvey {
   const Names names_;
   std::vector<Source> sources_;
   std::unique_ptr<FlowGroups> groups_;  // until `done_`
-  std::deque<Row>
-      rows_;          // what follows; the heaviest are a heap, the lightest first, until `done_`
-  size_t given_ = 0;  // rows of former parts
+  // Rows that are not given yet. Until `done_` the heaviest are a heap with the lightest in front.
+  std::deque<Row> rows_;
+  size_t given_ = 0;  // rows in all parts so far
   int64_t nowMs_ = 0;
   uint64_t flows_ = 0;
   bool done_ = false;

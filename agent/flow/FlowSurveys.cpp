@@ -11,15 +11,15 @@ namespace {
 using Clock = FlowSurvey::Clock;
 
 constexpr size_t surveysMax = 8;
-constexpr std::chrono::seconds patience{10};         // until somebody asks for the next part
-constexpr std::chrono::seconds patienceFull{1};      // the same when all surveys are taken
-constexpr std::chrono::seconds lookMax{10};          // for all flows to be looked at
-constexpr std::chrono::seconds listMax{60};          // the same of a list, which waits for who asks
-constexpr std::chrono::microseconds workShare{500};  // of the loop, at a time
-constexpr Seconds pause{0.002};
-constexpr Seconds idlePause{0.2};
+constexpr std::chrono::seconds patience{10};     // until the client must ask for the next part
+constexpr std::chrono::seconds patienceFull{1};  // the same while another client wants to begin
+constexpr std::chrono::seconds lookMax{10};      // for a look at all flows
+constexpr std::chrono::seconds listMax{60};      // the same of a list, which waits for its client
+constexpr std::chrono::microseconds workShare{500};  // of all surveys, in one run of the task
+constexpr Seconds pause{0.002};                      // until the next run
+constexpr Seconds idlePause{0.2};                    // the same where there is nothing to take
 
-/// Nobody else can guess it and take the rows away.
+/// Random: no other client can guess it and take the rows away.
 std::string newId() {
   std::random_device device;
   return std::to_string(device()) + '-' + std::to_string(device());
@@ -36,8 +36,8 @@ void FlowSurveys::mustHaveRoom() {
       surveys_.begin(), surveys_.end(),
       [](const auto& a, const auto& b) { return a.second->asked < b.second->asked; });
   if (now - oldest->second->asked < patienceFull)
-    throw FlowLookError("others look at flows, " + std::to_string(surveysMax) +
-                        " at a time: try again in a moment");
+    throw FlowLookError("others look at flows already, and no more than " +
+                        std::to_string(surveysMax) + " can at a time: try again in a moment");
   surveys_.erase(oldest);
 }
 
@@ -51,9 +51,10 @@ FlowPart FlowSurveys::begin(std::unique_ptr<FlowSurvey> survey) {
 FlowPart FlowSurveys::more(const std::string& id, size_t next) {
   if (!surveys_.contains(id))
     throw FlowLookError(
-        "there is no such look at flows any more: nobody asked for its next part "
-        "in " +
-        std::to_string(patience.count()) + " s");
+        "there is no such look at flows any more: it is over, or its next part was not asked for "
+        "within " +
+        std::to_string(patience.count()) + " s, or " + std::to_string(patienceFull.count()) +
+        " s while others wait: begin again");
   task_->scheduleLowestIs(pause);
   return partOf(id, next);
 }
@@ -79,7 +80,7 @@ void FlowSurveys::work() {
     if (now - survey->begun > most) survey->hurry();
     any = survey->work(Clock::now() + workShare / surveys_.size()) || any;
   }
-  // Others have the loop for longer than this took.
+  // Pauses at least as long as this run took: others have half of the loop's time or more.
   const std::chrono::duration<double> took = Clock::now() - now;
   if (!surveys_.empty())
     task_->scheduleIs(any ? std::max(pause, Seconds(took.count())) : idlePause);

@@ -14,10 +14,12 @@ class FlowSurveys {
  public:
   explicit FlowSurveys(const Ptr<EventLoop>& loop);
 
-  /// Throws FlowLookError when there are too many.
+  /// Makes room for one more, if need be by forgetting the survey whose client has been silent for
+  /// longest. Throws FlowLookError when none has been silent for long enough.
   void mustHaveRoom();
+  /// Starts the survey. The first part has no rows yet.
   FlowPart begin(std::unique_ptr<FlowSurvey> survey);
-  /// Throws FlowLookError when there is no such survey.
+  /// Throws FlowLookError when there is no such survey, or `next` is not where its last part ended.
   FlowPart more(const std::string& id, size_t next);
 
  private:

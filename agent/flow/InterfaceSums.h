@@ -8,11 +8,11 @@
 namespace agent::flow {
 
 /// Packets and octets of each interface. Counting costs a comparison and two additions in a cache
-/// line, as long as no two interfaces that packets take turns on share a slot.
+/// line, unless packets alternate between interfaces that share a slot.
 class InterfaceSums {
  public:
   struct Sum {
-    uint32_t interface = 0;  ///< the index that is exported; 0: not known
+    uint32_t interface = 0;  ///< the exported index; 0: not known
     uint64_t packets = 0;
     uint64_t octets = 0;
   };
@@ -25,7 +25,7 @@ class InterfaceSums {
     sum.packets += packets;
     sum.octets += octets;
   }
-  /// In no order; an interface that shares a slot may have two sums, which are to be added.
+  /// Replaces `to`, in no order. Add up: an interface that shares a slot may be there twice.
   void copyTo(Sums& to) const {
     to.clear();
     for (const auto& [interface, sum] : others_) to.push_back(sum);
@@ -42,7 +42,7 @@ class InterfaceSums {
   }
 
   std::array<Sum, 256> slots_{};
-  std::map<uint32_t, Sum> others_;  // of former owners of slots
+  std::map<uint32_t, Sum> others_;  // of interfaces that lost their slot, up to then
 };
 
 }  // namespace agent::flow

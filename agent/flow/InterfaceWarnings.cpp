@@ -9,7 +9,7 @@
 
 namespace agent::flow {
 namespace {
-/// The links of one network that a packet of another one is seen at as well.
+/// For each link, the links of its network that see its packets as well: its bridge, its VLANs, ...
 using Above = std::multimap<uint32_t, uint32_t>;
 
 Above aboveOf(const VrfNetwork& network) {
@@ -21,7 +21,7 @@ Above aboveOf(const VrfNetwork& network) {
   return above;
 }
 
-/// The nearest taken links above this one, by whatever ways there are.
+/// The links above `from` that the tracker takes, of each way up only the nearest.
 std::set<uint32_t> takenAbove(uint32_t from, const Above& above, const std::set<uint32_t>& taken) {
   std::set<uint32_t> found;
   std::set<uint32_t> visited{from};
@@ -62,7 +62,7 @@ void InterfaceWarnings::sayNew(std::set<Pair>& said, std::set<Pair> now, const c
       say(printable(pair.first) + between + printable(pair.second) + what);
     }
   }
-  if (more > 0) say("the same of " + std::to_string(more) + " more");
+  if (more > 0) say("the same is true of " + std::to_string(more) + " more");
   said = std::move(now);
 }
 
@@ -95,13 +95,13 @@ void InterfaceWarnings::review(const TrackerSettings& settings, const NetworkLis
     const InterfacePatterns idle = idlePatterns(patterns_, names);
     for (size_t i = 0; i < std::min(idle.size(), warningsMax); ++i)
       say("no interface is there that \"" + printable(idle[i]) +
-          "\" of its interfaces takes; one that comes is tracked from then on");
+          "\" takes, a pattern of its key 'interfaces'; one that comes later is tracked");
     if (idle.size() > warningsMax)
-      say("the same of " + std::to_string(idle.size() - warningsMax) + " more");
+      say("the same is true of " + std::to_string(idle.size() - warningsMax) + " more");
   }
   sayNew(doubles_, std::move(doubles), " and ",
-         ": a packet that passes both is counted at each; exclude one, like \"!eth0\", unless that "
-         "is meant");
+         ": a packet that passes both is counted at each; unless that is meant, exclude one with a "
+         "pattern like \"!eth0\"");
   sayNew(unfiltered_, std::move(unfiltered), "",
          " has no Ethernet header, and no packet of it is counted, since the filter needs one: " +
              problem_);

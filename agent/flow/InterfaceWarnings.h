@@ -12,15 +12,15 @@ namespace agent::flow {
 /// The name that patterns, and the interface table, know an interface by.
 std::string exportedName(const VrfName& vrf, const std::string& name);
 
-/// Says in the log what is probably not meant with the interfaces that a tracker takes: a pattern
-/// that takes none, interfaces of which one sees the packets of the other, and a filter that has no
-/// meaning for an interface. Each is said once, and again when it has ceased and is true anew;
-/// patterns only when they are new.
+/// Warns in the log of what is probably not meant with the interfaces that a tracker takes: a
+/// pattern that takes none, two interfaces of which one sees the packets of the other, and a filter
+/// that has no meaning for an interface. The last two are logged when they become true, the first
+/// when the list of patterns is new.
 class InterfaceWarnings {
  public:
   InterfaceWarnings(std::string tracker, AgentLog& log) : tracker_(std::move(tracker)), log_(log) {}
 
-  /// For settings that are new, or networks that changed; these have been surveyed.
+  /// To be called with new settings, and when a network has changed; once all networks are known.
   void review(const TrackerSettings& settings, const NetworkList& networks);
 
  private:
@@ -33,11 +33,11 @@ class InterfaceWarnings {
 
   const std::string tracker_;
   AgentLog& log_;
-  InterfacePatterns patterns_;  // as the review before had them
+  InterfacePatterns patterns_;  // of the last review
   std::string filter_;          // the same
-  std::string problem_;         // of the filter, where there is no Ethernet header
+  std::string problem_;  // why the filter has no meaning without an Ethernet header, or empty
   std::set<Pair> doubles_;
-  std::set<Pair> unfiltered_;  // an interface and nothing
+  std::set<Pair> unfiltered_;  // the second of each is empty
 };
 
 }  // namespace agent::flow

@@ -18,7 +18,7 @@ namespace agent::flow {
 namespace {
 using Program = std::vector<sock_filter>;
 
-constexpr size_t leafMax = 8;
+constexpr size_t leafMax = 8;  // numbers that are compared one by one
 // A socket has room for two programs of this length, the new one and the one before, where
 // net.core.optmem_max is 20480 octets, as it was until Linux 6.6.
 constexpr size_t surelyAttached = 1200;  // instructions
@@ -34,8 +34,8 @@ constexpr sock_filter result(uint32_t octets) { return statement(BPF_RET | BPF_K
 
 constexpr uint32_t loopback = 1;  // the index of lo in every namespace
 
-/// Appends the search for the accumulator among sorted numbers; no matter where it ends, it
-/// returns.
+/// Appends the search for the accumulator among sorted numbers. It ends the program: with `snapLen`
+/// where it finds the number, else with 0.
 void appendTree(Program& program, std::span<const uint32_t> numbers, uint32_t snapLen) {
   if (numbers.size() <= leafMax) {
     for (size_t i = 0; i < numbers.size(); ++i)
@@ -67,7 +67,8 @@ void appendSampling(Program& program, uint32_t sampleRate) {
   program.push_back(result(0));
 }
 
-/// What is counted of the packets that leave; those that arrive are where the socket hears them.
+/// Rejects packets of the wrong direction. With `ingress` the socket does so itself
+/// (PACKET_IGNORE_OUTGOING).
 void appendDirection(Program& program, Direction direction) {
   if (direction == Direction::ingress || direction == Direction::both) return;
   program.push_back(ancillary(SKF_AD_PKTTYPE));
@@ -76,7 +77,7 @@ void appendDirection(Program& program, Direction direction) {
     program.push_back(result(0));
     return;
   }
-  // What leaves by lo arrives there.
+  // What leaves by lo also arrives there, and is counted then.
   program.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, PACKET_OUTGOING, 0, 5));
   program.push_back(ancillary(adIngress));
   program.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, 0, 0, 2));
@@ -85,8 +86,8 @@ void appendDirection(Program& program, Direction direction) {
   program.push_back(result(0));
 }
 
-/// In code that ends with results: they become jumps to what is behind it. `rejected` 0: only those
-/// that accept do.
+/// Replaces the results between `from` and `to` by jumps: to `accepted` where they accept, else to
+/// `rejected`. With `rejected` 0 those that reject stay.
 void leadOn(Program& program, size_t from, size_t to, size_t accepted, size_t rejected) {
   for (size_t i = from; i < to; ++i) {
     if (program[i].code != (BPF_RET | BPF_K)) continue;
@@ -97,16 +98,16 @@ void leadOn(Program& program, size_t from, size_t to, size_t accepted, size_t re
 
 void appendExpression(Program& program, const std::string& text, LinkLayer link, uint32_t snapLen) {
   PacketProgram part = compilePacketExpression(text, link);
-  // One about addresses of Ethernet, say, chooses no packet that has none.
+  // It has no meaning for this link layer, as one about Ethernet addresses: it chooses no packet.
   if (part.code.empty()) part.code = {result(0)};
   for (sock_filter& f : part.code)
     if (f.code == (BPF_RET | BPF_K) && f.k > 0) f.k = snapLen;
   program.insert(program.end(), part.code.begin(), part.code.end());
 }
 
-/// What is sampled of the packets of the wanted interfaces and direction; of that, what the
-/// expression chooses. Sampling is random for each packet, so it does not matter which of the two
-/// comes first.
+/// Sampling, direction, interfaces, and the expression at last. Sampling is random for each packet,
+/// so the outcome is the same as if it came behind the expression. `any`: packets of all
+/// interfaces.
 FilterSource compose(const PacketChoice& choice, Direction direction, uint32_t snapLen, bool any) {
   FilterSource source;
   Program& program = source.code;
@@ -135,7 +136,7 @@ FilterSource compose(const PacketChoice& choice, Direction direction, uint32_t s
   source.raw = program.size();
   leadOn(program, kinds, source.ethernet, source.raw, source.ethernet);
   if (!raw) return source;
-  // The first octet of other packets could look like a version of IP.
+  // The expression would take the first octet of any other packet for a version of IP.
   program.push_back(ancillary(SKF_AD_PROTOCOL));
   program.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, ETH_P_IP, 2, 0));
   program.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, ETH_P_IPV6, 1, 0));
@@ -144,7 +145,7 @@ FilterSource compose(const PacketChoice& choice, Direction direction, uint32_t s
   return source;
 }
 
-/// None, and errno: E2BIG, the program is too long for the kernel; EPERM, it takes none from us.
+/// None, and errno, where the kernel refuses: E2BIG, it is too long; EPERM, we may load none.
 platform::Fd load(const std::vector<bpf_insn>& code) {
   errno = E2BIG;
   if (code.empty()) return {};
@@ -161,7 +162,7 @@ platform::Fd load(const std::vector<bpf_insn>& code) {
 std::vector<sock_filter> classicFilter(const PacketChoice& choice, Direction direction,
                                        uint32_t snapLen, bool any) {
   FilterSource source = compose(choice, direction, snapLen, any);
-  // The kernel's way to say: from the network header on.
+  // By this number the kernel knows offsets that begin at the network header.
   for (size_t i = source.raw; i < source.code.size(); ++i)
     if (loadsPacket(source.code[i]) && source.code[i].k <= packetOffsetMax)
       source.code[i].k += static_cast<uint32_t>(SKF_NET_OFF);

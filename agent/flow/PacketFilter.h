@@ -15,25 +15,27 @@ struct PacketChoice {
   std::vector<uint32_t> interfaces{};  ///< sorted
   uint32_t sampleRate = 1;
   std::string expression{};                 ///< see `PacketProgram`; empty: all packets
-  std::vector<uint32_t> withoutEthernet{};  ///< those of the interfaces; sorted
+  std::vector<uint32_t> withoutEthernet{};  ///< interfaces without that header; sorted
   bool operator==(const PacketChoice&) const = default;
 };
 
-/// The same, and the programs that tell the kernel.
+/// A choice, and the programs by which the kernel makes it.
 struct PacketFilter {
   PacketChoice choice;
-  /// Programs of the kernel's extended machine (eBPF). The second is for packets of all interfaces:
-  /// the first may be too long for the kernel, or for the room that a socket has. Without either
-  /// the ring makes a program of the classic machine.
+  /// Programs of the kernel's extended machine (eBPF). `anyInterface` accepts packets of all
+  /// interfaces, among which the ring then chooses: it is there where `program` is, or may be, too
+  /// long for the kernel or for a socket's room. Where this process may load neither, the ring
+  /// makes a program of the classic machine.
   platform::Fd program{};
   platform::Fd anyInterface{};
   int error = 0;  ///< errno: the kernel took neither
 };
 
-/// What the ring hands over of a packet: `snapLen` octets, or the whole packet where it is shorter.
-/// A packet that is yet to be cut into n segments, or that was put together from them, has n - 1
-/// octets more: a packet socket has no other way to pass on what a program knows of a packet.
-/// Without them are packets that are shorter than that, and those of classic programs.
+/// The number of a packet's segments, by the octets that the ring hands over of it. These are
+/// `snapLen`, or the whole packet where it is shorter. A packet that is yet to be cut into n
+/// segments, or that was put together from them, has n - 1 octets more: a packet socket has no
+/// other way to pass on what a program knows of a packet. A packet that is too short for that
+/// counts as one segment, and so does every packet that a classic program accepted.
 inline uint32_t segmentsOf(uint32_t captured, uint32_t snapLen) {
   return captured > snapLen ? captured - snapLen + 1 : 1;
 }
@@ -42,8 +44,9 @@ inline uint32_t segmentsOf(uint32_t captured, uint32_t snapLen) {
 /// more than 4096 instructions.
 PacketFilter extendedFilter(PacketChoice choice, Direction direction, uint32_t snapLen);
 
-/// A program of the classic machine, for every direction but `once`. `any`: for all interfaces. The
-/// expression does not see a VLAN tag that the device took off, and shifts by a number modulo 32.
+/// A program of the classic machine, for every direction but `once`. `any`: for all interfaces. Its
+/// expression does not see a VLAN tag that the device took off, and takes the number of bits to
+/// shift by modulo 32.
 std::vector<sock_filter> classicFilter(const PacketChoice& choice, Direction direction,
                                        uint32_t snapLen, bool any);
 

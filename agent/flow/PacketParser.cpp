@@ -161,7 +161,7 @@ ParseError PacketParser::parseAny(const Packet& p, Parsed& out) {
   IpPayload payload;
   const ParseError e = parseIp(p, ip, 0, out, payload);
   if (e != ParseError::none || out.packets == 1) return e;
-  // What was cut, or put together, is the innermost packet, and each segment has all headers.
+  // Segments are those of the innermost packet, and each repeats all headers in front of its own.
   Parsed inner;
   const TunnelFacts facts = descend(p, 0, payload, inner);
   const size_t headers = facts.innerAt + inner.headers - ip.at;

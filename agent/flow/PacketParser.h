@@ -43,7 +43,7 @@ struct Parsed {
 
 /// What the parser found behind the tunnel headers of a packet.
 struct TunnelFacts {
-  size_t innerAt = 0;    ///< where the inner IP packet begins; 0: the packet's own is meant
+  size_t innerAt = 0;    ///< where the inner IP packet begins; 0: there is none
   uint32_t segment = 0;  ///< as in TunnelContent, of the innermost header that names one
 };
 
@@ -59,8 +59,8 @@ struct LinkFacts {
 };
 /// Of a packet in which the parser found the network layer.
 LinkFacts linkFacts(const Packet& packet);
-/// Goes behind the MPLS labels (RFC 3032), where there are any, to a packet whose version tells
-/// what it is.
+/// The network layer behind the MPLS labels (RFC 3032), where `n` is MPLS: IPv4 or IPv6, as the
+/// first octet there says. Else `n`.
 NetworkLayer behindLabels(const Packet& packet, NetworkLayer n);
 
 /// The transport ports that first fragments had, for the fragments behind them, which have none.
@@ -175,8 +175,8 @@ class PacketParser {
     const NetworkLayer n = networkLayer(packet);
     return mpls_ && packet.capLen >= n.at ? behindLabels(packet, n) : n;
   }
-  /// Of the IP packet that begins there. `payload` is filled when there is no error; `segment` is
-  /// that of the tunnel around.
+  /// Parses the IP packet at `ip`. Fills `payload` when there is no error. `segment` is that of the
+  /// tunnel around.
   ParseError parseIp(const Packet& packet, NetworkLayer ip, uint32_t segment, Parsed& out,
                      IpPayload& payload);
   ParseError parse4(const Packet& packet, NetworkLayer ip, uint32_t segment, Parsed& out,
@@ -184,8 +184,8 @@ class PacketParser {
   ParseError parse6(const Packet& packet, NetworkLayer ip, uint32_t segment, Parsed& out,
                     IpPayload& payload);
   TunnelFacts lookInTunnel(const Packet& packet, Parsed& out, bool inner);
-  /// Goes into tunnels from the IP packet with this payload. `out` becomes what the last one that
-  /// was reached says, and stays where there is none.
+  /// Goes into tunnels from the IP packet with this payload. `out` becomes what the innermost
+  /// packet says that can be read; it stays where there is none.
   TunnelFacts descend(Packet packet, uint16_t vlanId, IpPayload payload, Parsed& out);
 
   /// Of a packet in fragments: the first one leaves its ports, which those behind it find.

@@ -198,8 +198,8 @@ class PlannedFormat {
   uint8_t place_;
 };
 
-/// A record, compiled once: what is decided per packet is the format, by the packet's kind. And
-/// which packets it is about, where a packet is a tunnel's.
+/// A record, compiled once: per packet only the format is chosen, by the packet's kind. It also
+/// says whether the packet itself or the one inside counts, where a packet is a tunnel's.
 class RecordPlan {
  public:
   RecordPlan(const RecordDefinition& definition, FlowTracking::TemplateId firstTemplate,

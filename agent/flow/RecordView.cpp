@@ -8,7 +8,7 @@
 namespace agent::flow {
 namespace {
 constexpr uint16_t flowEndReason = 136;
-/// Of IANA's elements, in the order in which they are preferred.
+/// A member of RecordView, and IANA's elements that can give it, the preferred one first.
 struct Wanted {
   RecordView::Place RecordView::*place;
   std::array<uint16_t, 4> elements;

@@ -9,7 +9,8 @@
 
 namespace agent::flow {
 
-/// Reads flow records of one layout: where in the octets lies what flows are compared by.
+/// Reads flow records of one layout: knows where those fields are by which flows are chosen and
+/// summed.
 class RecordView {
  public:
   struct Place {
@@ -22,16 +23,17 @@ class RecordView {
   RecordView() = default;
   explicit RecordView(const RecordLayout& layout);
 
-  Place octets, packets;  ///< deltas where the record has them, else totals
+  Place octets, packets;  ///< deltas rather than totals, of IP rather than link layer
   Place start, last;
   Place protocol, source, destination, sourcePort, destinationPort, ingress, egress;
 
+  /// An unsigned number of up to 8 octets; 0 where the record has no such field.
   static uint64_t number(const char* record, Place place);
   /// Milliseconds since 1970, of a field of any of the time elements.
   static int64_t timeMs(const char* record, Place place);
-  /// The protocol is one that has ports, or the record does not say which it is.
+  /// Whether the record's protocol has ports; true where the record has no protocol.
   bool hasPorts(const char* record) const;
-  /// Fields by name as values, but for the counts and times above and the reason for an end.
+  /// Adds all fields by name, but for `octets` and `packets`, times and the reason for the end.
   void addFields(const char* record, FlowRow& to) const;
 
  private:

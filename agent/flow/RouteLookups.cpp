@@ -14,8 +14,8 @@
 
 namespace agent::flow {
 namespace {
-// The answers to so many requests fit a socket's receive buffer of the usual 208 KiB: the kernel
-// counts a page for each.
+// Requests per system call. Their answers fit a socket's receive buffer of the usual 208 KiB, of
+// which the kernel charges a page for each answer.
 constexpr size_t batch = 32;
 constexpr size_t requestLen = 96;
 constexpr size_t answerLen = 1024;
@@ -74,7 +74,7 @@ Route readAnswer(const nlmsghdr& message) {
 platform::Fd routeSocket() {
   platform::Fd fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
   if (!fd) throw platform::ErrnoException(errno, "rtnetlink socket");
-  // Without a number of its own it would not hear what the kernel does by itself.
+  // Only a bound socket, which has a port id, receives the kernel's notifications.
   sockaddr_nl self{};
   self.nl_family = AF_NETLINK;
   if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&self), sizeof self) < 0)
@@ -96,7 +96,8 @@ RouteLookups::RouteLookups()
       throw platform::ErrnoException(errno, "rtnetlink membership");
 }
 
-/// Something that answers depend on, or may. What it was does not matter, nor what was dropped.
+/// Whether something changed that answers may depend on, or they are too old. Discards all
+/// notifications; that the kernel dropped some (ENOBUFS) counts as a change.
 bool RouteLookups::changed() {
   bool any = false;
   char octet = 0;
@@ -132,7 +133,7 @@ void RouteLookups::ask(std::span<const RouteQuestion> questions, std::span<Route
   std::transform(all.begin(), all.end(), answers.begin(), [](const auto* a) { return a->second; });
 }
 
-/// The kernel answers while it is asked: all there will be is there when `send` returns.
+/// The kernel answers within `send`: all answers that will come are there when it returns.
 void RouteLookups::askKernel(std::span<Kept::value_type* const> open) {
   alignas(nlmsghdr) std::array<char, batch * requestLen> requests{};
   const uint32_t first = seq_ + 1;

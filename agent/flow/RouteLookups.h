@@ -11,11 +11,12 @@
 
 namespace agent::flow {
 
-/// A packet that arrived and is not for this machine; asked is where the kernel sends it on.
+/// A packet that arrived and is not for this machine. The question is where the kernel would
+/// forward it.
 struct RouteQuestion {
-  std::array<uint8_t, 16> src{};  ///< in network byte order; of IPv4 the first four octets count
+  std::array<uint8_t, 16> src{};  ///< in network byte order; IPv4: in the first four octets
   std::array<uint8_t, 16> dst{};
-  uint32_t interface = 0;  ///< where it arrived, by the kernel's index
+  uint32_t interface = 0;  ///< where the packet arrived, by the kernel's index
   uint16_t family = 0;     ///< AF_INET or AF_INET6
   uint8_t tos = 0;         ///< IPv4 TOS or IPv6 traffic class
   uint8_t zero = 0;        // no padding: equal questions are equal octets
@@ -31,26 +32,26 @@ struct Route {
   };
   To to = To::nowhere;
   uint32_t interface = 0;             ///< by the kernel's index
-  std::array<uint8_t, 16> nextHop{};  ///< zeros: the destination is the link's neighbour
+  std::array<uint8_t, 16> nextHop{};  ///< zeros: none, or of the other family
 };
 
-/// Asks the kernel's routing tables of one namespace, rules and VRF devices included. Where several
-/// paths are equal the kernel chooses by the addresses. Answers are kept until a route, a rule, a
-/// link or an address of the namespace changes, and for `ageMax` at most, since not all that
-/// matters is told (redirects, sysctls). It never waits, and answers `nowhere` where the kernel
-/// cannot.
+/// Asks the kernel's routing tables of one namespace, rules and VRF devices included. Of several
+/// equal paths the kernel chooses one by the addresses. Answers are kept until a route, a rule, a
+/// link or an address of the namespace changes, and for `ageMax` at most, since the kernel does not
+/// report all that matters (redirects, sysctls). Never waits; where the kernel gives no answer, it
+/// is `nowhere`.
 class RouteLookups {
  public:
   static constexpr size_t keptMax = 65536;  ///< answers, some 120 octets each
   static constexpr std::chrono::seconds ageMax{30};
 
-  /// In the namespace that the thread is in. Throws ErrnoException.
+  /// For the network namespace of the calling thread. Throws ErrnoException.
   RouteLookups();
 
-  /// One answer to each question, in their order. Of those that it has no answer for it asks the
-  /// kernel, dozens with a system call.
+  /// Writes the answer to each question, in their order. Asks the kernel about those whose answers
+  /// are not kept, dozens in one system call.
   void ask(std::span<const RouteQuestion> questions, std::span<Route> answers);
-  /// Questions that the kernel was asked.
+  /// How many questions the kernel was asked so far.
   uint64_t asked() const { return asked_; }
 
  private:
@@ -64,13 +65,13 @@ class RouteLookups {
   bool changed();
   void askKernel(std::span<Kept::value_type* const> open);
 
-  platform::Fd fd_;
-  platform::Fd news_;
+  platform::Fd fd_;    // for questions
+  platform::Fd news_;  // for the kernel's notifications
   uint32_t seq_ = 0;
   uint64_t asked_ = 0;
   std::chrono::steady_clock::time_point since_ = std::chrono::steady_clock::now();
-  Kept kept_;    // when half of `keptMax` are in it, it becomes ...
-  Kept before_;  // ... this, whose answers come back when they are asked for
+  Kept kept_;    // with half of `keptMax` in it, it replaces `before_` and begins empty
+  Kept before_;  // an answer that is asked for again is copied to `kept_`
 };
 
 }  // namespace agent::flow

@@ -18,7 +18,8 @@ const uint8_t* headerAt(const Packet& p, size_t at, size_t end, size_t len) {
   return at + len <= std::min<size_t>(end, p.capLen) ? p.octets + at : nullptr;
 }
 
-/// Content of the protocol type that a tunnel's header names, at a place that was captured.
+/// The content at `at`, of the protocol type that the tunnel's header names. The header was
+/// captured.
 std::optional<TunnelContent> contentOf(const Packet& p, uint16_t type, size_t at, size_t end,
                                        uint32_t segment) {
   if (type != etherTypeFrame) return TunnelContent{{.at = at, .etherType = type}, end, segment};
@@ -39,7 +40,7 @@ std::optional<TunnelContent> vxlanContent(const Packet& p, size_t at, size_t end
   return contentOf(p, etherTypeFrame, at + len, end, segmentOfVxlan << 24 | be32(o + 4) >> 8);
 }
 
-/// RFC 8926, 3.4. A packet with the flag O is for the tunnel's end itself.
+/// RFC 8926, 3.4. A packet with the flag O is refused: it is for the tunnel's end itself.
 std::optional<TunnelContent> geneveContent(const Packet& p, size_t at, size_t end) {
   constexpr size_t len = 8;
   constexpr uint8_t optionsLen = 0x3f;  // the bits before it are the version, which is 0
@@ -66,7 +67,8 @@ std::optional<TunnelContent> greContent(const Packet& p, size_t at, size_t end) 
   return contentOf(p, type, at + len, end, nvgre ? segmentOfNvgre << 24 | be32(o + 4) >> 8 : 0);
 }
 
-/// Of an IP packet whose payload is UDP. The length in the UDP header is 0 where it exceeds 65535.
+/// Of an IP packet whose payload is UDP. The length in the UDP header is 0 where it exceeds 65535
+/// (RFC 2675, 4).
 std::optional<TunnelContent> udpContent(const Packet& p, size_t at, size_t end) {
   constexpr size_t len = 8;
   const uint8_t* const o = headerAt(p, at, end, len);

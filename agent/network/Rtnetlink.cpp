@@ -82,10 +82,11 @@ LinkRelations relationsOf(const ifinfomsg& info, const Attrs<IFLA_LINK_NETNSID +
   Attrs<IFLA_INFO_SLAVE_KIND + 1> about{};
   if (const nlattr* const all = attrs[IFLA_LINKINFO])
     parseAttrs(mnl_attr_get_payload(all), mnl_attr_get_payload_len(all), about);
-  // Ports of this kind have a master that packets do not pass.
+  // A port of this kind has a master that its packets do not pass.
   if (textOf(about[IFLA_INFO_SLAVE_KIND]) != "openvswitch") r.master = numberOf(attrs[IFLA_MASTER]);
-  // What a tunnel puts around a packet makes another one of it, and a veth's other end is no part
-  // of it. An index in another namespace says nothing here.
+  // Links of these kinds see packets of the link that IFLA_LINK names. With other kinds it does not
+  // carry the same packets: a tunnel wraps them, and a veth's is its other end. With
+  // IFLA_LINK_NETNSID the index is one of another namespace.
   static constexpr std::string_view kinds[] = {"vlan",   "macvlan", "macvtap",
                                                "ipvlan", "ipvtap",  "dsa"};
   if (std::find(std::begin(kinds), std::end(kinds), textOf(about[IFLA_INFO_KIND])) !=
@@ -111,7 +112,7 @@ void applyLink(const nlmsghdr& message, VrfNetwork& network) {
   const std::string_view name = textOf(attrs[IFLA_IFNAME]);
   if (name.empty() || name.size() >= IFNAMSIZ) return;
   network.linkIs(index, std::string(name), info.ifi_flags);
-  // News of one thing only, as of a radio's, lack the rest.
+  // A message about one property, as wireless devices send them, has no MTU and lacks the rest.
   if (attrs[IFLA_MTU]) network.relationsIs(index, relationsOf(info, attrs));
 }
 

@@ -14,9 +14,9 @@ struct FlowLook {
   enum class Order : uint8_t { octets, packets };
 
   std::string tracker;  ///< empty: the only one that there is
-  By by = By::list;     ///< `list`: every flow, in no order; else the heaviest of these
+  By by = By::list;     ///< `list`: every flow, in no order; else what the heaviest are of
   Order order = Order::octets;
-  size_t count = 20;   ///< of the heaviest, at most `countMax`
+  size_t count = 20;   ///< how many of the heaviest, at most `countMax`
   std::string filter;  ///< only flows that match; empty: all
 
   static constexpr size_t countMax = 1000;
@@ -29,13 +29,13 @@ using FlowRow = std::vector<std::pair<std::string, FlowValue>>;  ///< values by 
 struct FlowPart {
   std::string tracker;
   std::vector<FlowRow> rows;
-  std::string survey;      ///< names what goes on in `more`; empty: these rows were the last
-  size_t next = 0;         ///< how many rows there were up to here
-  uint64_t flows = 0;      ///< that were looked at up to here
+  std::string survey;      ///< for `more`, which has the next part; empty: this is the last
+  size_t next = 0;         ///< rows so far, those of this part included
+  uint64_t flows = 0;      ///< that were looked at so far
   std::string incomplete;  ///< why the answer is not of all flows; empty: it is
 };
 
-/// It cannot be answered; the text says why and what could be.
+/// A look cannot be answered. The text says why, and what would be right.
 struct FlowLookError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
@@ -50,8 +50,9 @@ class FlowLooks {
   /// The next part, by `survey` and `next` of the part before. What nobody asks for any more is
   /// forgotten after some seconds. Throws FlowLookError.
   virtual FlowPart more(const std::string& survey, size_t next) = 0;
-  /// The interfaces that a tracker (empty: each) captures from now, by tracker, VRF and index, with
-  /// what was counted in flows there since the meter began; at most `max` rows from `first` on.
+  /// The interfaces from which a tracker (empty: each) captures at present, by tracker, VRF and
+  /// index, with what was counted in flows there since the meter began; at most `max` rows from
+  /// `first` on. Throws FlowLookError.
   virtual std::vector<FlowRow> tracked(const std::string& tracker, size_t first, size_t max) = 0;
 };
 

@@ -11,7 +11,7 @@ using InterfacePatterns = std::vector<std::string>;
 
 inline bool excludes(const std::string& pattern) { return pattern.starts_with('!'); }
 bool takes(const InterfacePatterns& patterns, const std::string& name);
-/// Those that are no exclusion and take none of the names, in their order.
+/// The patterns, without exclusions, that take none of the names: each once, in their order.
 InterfacePatterns idlePatterns(const InterfacePatterns& patterns,
                                const std::vector<std::string>& names);
 

@@ -14,11 +14,12 @@
 
 namespace agent {
 namespace {
+// By LinkLayer.
 constexpr int linkTypes[] = {DLT_EN10MB, DLT_RAW, DLT_LINUX_SLL, DLT_LINUX_SLL2};
-constexpr int longestPacket = 262144;
+constexpr int longestPacket = 262144;  // octets
 
-// The language's words. Whatever else begins with a letter is a name to its compiler, which may
-// ask a name server about it.
+// The words of the language. Its compiler takes other words for names, and may ask a name server
+// about them.
 constexpr std::string_view words[] = {"aarp",
                                       "ah",
                                       "and",
@@ -127,6 +128,8 @@ constexpr std::string_view words[] = {"aarp",
                                       "vlan",
                                       "vrrp"};
 
+/// Whether it is a number, a range, an IPv4 address or the beginning of one, a MAC address in one
+/// of its notations, or an IPv6 address.
 bool isNumeric(const std::string& word) {
   static const std::regex numbers(
       "[0-9]+(-[0-9]+)?|0[xX][0-9a-fA-F]+|[0-9]+(\\.[0-9]+){1,3}|"
@@ -146,7 +149,7 @@ std::string nameIn(const std::string& text) {
     };
     if (text[i] == '[') ++brackets;
     if (text[i] == ']') --brackets;
-    if (!inWord(text[i]) || text[i] == '-') continue;  // minus
+    if (!inWord(text[i]) || text[i] == '-') continue;  // operators
     const size_t end = static_cast<size_t>(
         std::find_if_not(text.begin() + static_cast<std::ptrdiff_t>(i), text.end(), inWord) -
         text.begin());
@@ -160,11 +163,12 @@ std::string nameIn(const std::string& text) {
 
 std::string textProblem(const std::string& text) {
   if (text.size() > packetExpressionMax)
-    return "it has at most " + std::to_string(packetExpressionMax) + " octets";
+    return "it has " + std::to_string(text.size()) + " octets, and may have " +
+           std::to_string(packetExpressionMax);
   if (std::any_of(text.begin(), text.end(), [](char c) {
         return c == '\\' || c == 0x7f || (c >= 0 && c < ' ' && c != '\n' && c != '\t');
       }))
-    return "it has no control characters and no names of protocols behind a backslash: give their "
+    return "it has a control character or a backslash, which are not allowed: give protocols as "
            "numbers";
   if (const std::string name = nameIn(text); !name.empty())
     return '\'' + printable(name, 80) +
@@ -177,7 +181,7 @@ std::string textProblem(const std::string& text) {
 std::string programProblem(const std::vector<sock_filter>& code) {
   for (size_t i = 0; i < code.size(); ++i) {
     if (code[i].code == (BPF_JMP | BPF_JA) && code[i].k >= code.size() - i)
-      return "it needs a loop, which the kernel does not run (protochain)";
+      return "it needs a loop, as 'protochain' does, and the kernel runs none";
     if (loadsPacket(code[i]) && code[i].k > packetOffsetMax)
       return "it looks at octet " + std::to_string(code[i].k) + ", and no packet is so long";
   }

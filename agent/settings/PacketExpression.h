@@ -10,8 +10,8 @@ namespace agent {
 using platform::LinkLayer;
 using platform::Packet;
 
-/// Octets of an expression. The time to compile one grows with the cube of its length: 0.2 s for a
-/// list of ports of this length, 9 s for four times as much.
+/// Octets that an expression may have. The time to compile one grows with the cube of its length:
+/// 0.2 s for a list of ports of this length, 9 s for four times as much.
 inline constexpr size_t packetExpressionMax = 1000;
 
 /// An expression that chooses packets, in the language of packet captures (pcap-filter(7)), as a
@@ -24,11 +24,11 @@ struct PacketProgram {
 };
 inline constexpr uint32_t packetOffsetMax = 0x7ffff;
 
-/// Of an instruction: it looks into the packet.
+/// Whether an instruction loads octets of the packet.
 bool loadsPacket(const sock_filter& f);
 
-/// Names of hosts, networks, ports and protocols are a problem: nothing is looked up. `link`: an
-/// expression about addresses of Ethernet, for instance, has no meaning for `raw`.
+/// Names of hosts, networks, ports and protocols are a problem, since nothing is to be looked up.
+/// So is an expression that has no meaning for `link`, such as Ethernet addresses for `raw`.
 PacketProgram compilePacketExpression(const std::string& text, LinkLayer link);
 
 /// Whether the program, which was compiled for the packet's link layer, chooses it.

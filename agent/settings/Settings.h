@@ -41,7 +41,7 @@ struct TrackerSettings {
   FlowTracking::FlowTrackingType type = FlowTracking::FlowTrackingType::software;
   InterfacePatterns interfaces;           ///< of the interfaces whose packets are tracked
   Direction direction = Direction::once;  ///< of the packets that are tracked
-  Egress egress = Egress::none;           ///< how far it is known where they leave
+  Egress egress = Egress::none;           ///< where records know from by what they leave
   Tunnel tunnel = Tunnel::outer;          ///< which packet of a tunnel's is tracked
   bool ownExport = false;                 ///< the agent's own messages are tracked as well
   bool promiscuous = false;               ///< packets for other stations are asked for

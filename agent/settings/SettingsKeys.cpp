@@ -165,7 +165,8 @@ const std::vector<SettingsKey<TrackerSettings>>& settingsKeys() {
           "tables ([below](#direction)).",
           Effect::flowsAnew),
       key("tunnel", &S::tunnel,
-          Choice<Tunnel>{"a packet of a tunnel", {std::begin(tunnels), std::end(tunnels)}},
+          Choice<Tunnel>{"the packet of a tunnel that counts",
+                         {std::begin(tunnels), std::end(tunnels)}},
           "Of a tracker of type `\"software\"`: whether a packet in a tunnel counts as what it is "
           "on the wire, or as the IP packet inside ([below](#tunnels)).",
           Effect::flowsAnew),

@@ -233,19 +233,19 @@ void addTop(CLI::App& app, int& status) {
       ->type_name("WHAT")
       ->capture_default_str()
       ->check(CLI::IsMember({"flows", "hosts", "ports", "interfaces"}));
-  cmd->add_option("--order", o.order, "octets or packets")
+  cmd->add_option("--order", o.order, "What makes them heavy: octets or packets")
       ->type_name("SUM")
       ->capture_default_str()
       ->check(CLI::IsMember({"octets", "packets"}));
   addFilter(cmd, options.filter);
-  cmd->add_option("--count", o.count, "So many at most [20; on a terminal what fits]")
+  cmd->add_option("--count", o.count, "Rows to show, 1 to 1000 [20; on a terminal what fits]")
       ->type_name("N")
       ->check(CLI::Range(1, 1000));
   cmd->add_option("--interval", o.interval, "Look again every S seconds, on a terminal")
       ->type_name("S")
       ->capture_default_str()
       ->check(positive());
-  cmd->add_flag("--once", o.once, "Look once, as where standard output is no terminal");
+  cmd->add_flag("--once", o.once, "Look once and end, as where standard output is no terminal");
   cmd->footer("Exit status: 0; 1 when flows are missing; 2 no agent, or it refuses.");
 }
 void addLimit(CLI::App* cmd, ControlCommand& options, const char* what) {

@@ -13,7 +13,7 @@
 namespace cli {
 namespace {
 using Json = FlowRows::Json;
-constexpr std::chrono::milliseconds lookAgain{5};
+constexpr std::chrono::milliseconds lookAgain{5};  // where rows are not ready yet
 
 bool has(const Json& row, const char* key) { return row.contains(key) && !row[key].is_null(); }
 /// Empty where the row has no such value.
@@ -56,6 +56,7 @@ std::string shortText(const Json& row, const char* key) {
   return fmt::format("{:.{}f}{}", value, digits, units[unit]);
 }
 
+// Keys that are no fields of the record.
 constexpr std::array wholes = {"vrf",     "start", "last",          "packets",         "octets",
                                "seconds", "flows", "bitsPerSecond", "packetsPerSecond"};
 
@@ -91,7 +92,7 @@ std::string protocol(const Json& row) {
 std::string interfaceOf(const Json& row, const char* name, const char* index) {
   return has(row, name) ? text(row, name) : text(row, index) == "0" ? "" : text(row, index);
 }
-/// Of records without addresses: all that tells them apart.
+/// All fields, for records without addresses.
 std::string fields(const Json& row) {
   std::string all;
   for (const auto& [key, value] : row.items())

@@ -7,7 +7,7 @@
 
 namespace cli {
 
-/// What the agent answers of the flows under way, put together from its parts.
+/// The agent's answer about flows under way, put together from its parts.
 struct FlowRows {
   using Json = nlohmann::ordered_json;
 
@@ -21,7 +21,7 @@ struct FlowRows {
   /// the agent looks at the flows. Throws what ControlClient does.
   static FlowRows ask(ControlClient& agent, Json request, size_t max);
   Json json() const;
-  /// A line for each row behind a head; of flows, hosts, ports or interfaces, as the rows are.
+  /// A head, and a line for each row, with the columns that such rows need.
   Table table() const;
 };
 

@@ -15,7 +15,8 @@
 namespace cli {
 namespace {
 // Control sequences (ECMA-48, and private modes that terminals share).
-constexpr const char* enterText = "\x1b[?1049h\x1b[?25l\x1b[?7l";  // other lines, cursor, wrapping
+constexpr const char* enterText =
+    "\x1b[?1049h\x1b[?25l\x1b[?7l";  // other screen; cursor and wrapping off
 constexpr const char* leaveText = "\x1b[?7h\x1b[?25h\x1b[?1049l";
 
 /// The first `columns` code points.

@@ -8,10 +8,10 @@
 
 namespace cli {
 
-/// A terminal on standard output that is drawn as a whole. Its lines, cursor and modes of before
-/// are there again when this ends, and while the process is stopped (SIGTSTP).
+/// The terminal on standard output, drawn as a whole. Its former lines, cursor and modes return
+/// with the destructor, and while the process is stopped (SIGTSTP).
 ///
-/// From its making on, the signals that end or stop a program are blocked and handled in `wait`.
+/// The constructor blocks the signals that end or stop a program; `wait` handles them.
 class Screen {
  public:
   struct Size {
@@ -30,10 +30,10 @@ class Screen {
 
   static Size size();
   /// Replaces what is shown; lines are cut where the terminal ends. `head`: the line that stands
-  /// out, from 0. False: nobody sees it any more.
+  /// out, from 0. False: it could not be written.
   bool draw(const std::string& text, size_t head);
-  /// The next key or change, or none within that time. `end`: a signal says so, or the terminal is
-  /// gone.
+  /// The next key or new size; `none` where nothing comes within `most`. `end`: a signal asks for
+  /// it, or the terminal is gone.
   Event wait(std::chrono::milliseconds most);
 
  private:
@@ -42,7 +42,7 @@ class Screen {
   Event signalled();
 
   platform::Fd signals_;
-  termios before_{};   // filled by the test that follows
+  termios before_{};   // filled by the initializer of keys_
   bool keys_ = false;  // standard input is a terminal, too
 };
 

@@ -85,7 +85,7 @@ bool take(char key, TopOptions& o) {
   return true;
 }
 
-/// The text of one look. Each has a connection of its own: the agent closes those that are silent.
+/// The text of one look. Each look connects anew: the agent closes connections that are silent.
 std::string lookText(const TopOptions& o) {
   const size_t rows = Screen::size().rows;
   const size_t fit = rows > linesAround + 2 ? rows - linesAround - 1 : 1;
@@ -113,7 +113,7 @@ int live(TopOptions& o) {
     const std::string text = lookText(o);
     const auto next = Clock::now() + interval;
     Screen::Event event;
-    do {  // until the next look is due, or what it shows has changed
+    do {  // draws again where the size changes, until a key is pressed or the next look is due
       if (!screen.draw(text, 2)) return 0;
       const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now());
       if (left.count() <= 0) break;
@@ -127,7 +127,7 @@ int live(TopOptions& o) {
 
 int top(ControlClient& agent, TopOptions options) {
   if (options.once || options.json || !isatty(STDOUT_FILENO)) return once(agent, options);
-  look(agent, options, 1);  // what is wrong with the options is told before the screen is taken
+  look(agent, options, 1);  // reports wrong options before the screen is taken
   return live(options);
 }
 

@@ -31,8 +31,8 @@ inline void addSocket(CLI::App* cmd, std::string& socket) {
 inline CLI::Option* addFilter(CLI::App* cmd, std::string& filter) {
   return cmd
       ->add_option("--filter", filter,
-                   "Only such flows: host ADDRESS[/LENGTH], port N, protocol NAME, interface NAME, "
-                   "vrf NAME, joined by 'and'")
+                   "Only flows that match terms joined by 'and': host ADDRESS[/LENGTH], port N, "
+                   "protocol N or NAME, interface NAME, vrf NAME")
       ->type_name("TEXT");
 }
 inline void addExporter(CLI::App* cmd, std::string& exporter) {
