@@ -61,6 +61,7 @@ int send(const char* interface, const char* file, double seconds, double rate) {
   for (size_t at = 24; at + 16 <= octets.size();) {  // behind the file's header
     uint32_t len = 0;
     std::memcpy(&len, octets.data() + at + 8, sizeof len);
+    if (len > octets.size() - at - 16) break;
     frames.push_back({const_cast<char*>(octets.data()) + at + 16, len});
     at += 16 + len;
   }

@@ -261,7 +261,7 @@ void PlannedFormat::put(FieldWriter& w, const Step& step, const Entry& e, const 
       return w.put(context.vrfId);
     case ipNextHopIPv4Address:
     case ipNextHopIPv6Address:
-      return w.text({}, step.len);  // zeros, until EgressRoutes knows better
+      return w.text("", step.len);  // zeros, until EgressRoutes knows better
     case interfaceName:
       return w.text(
           nameOf(context, (step.cold ? cold : reinterpret_cast<const char*>(&e)) + step.from),

@@ -29,7 +29,8 @@ constexpr Wanted wanted[] = {
 bool isTime(uint16_t element) { return element >= 150 && element <= 157; }
 bool isMac(uint16_t element) { return element == 56 || element == 80; }
 bool isAddress(uint16_t element) {
-  return element == 8 || element == 12 || element == 27 || element == 28;
+  constexpr uint16_t addresses[] = {8, 12, 15, 27, 28, 62};
+  return std::find(std::begin(addresses), std::end(addresses), element) != std::end(addresses);
 }
 constexpr uint16_t interfaceName = 82;
 

@@ -128,20 +128,23 @@ constexpr std::string_view words[] = {"aarp",
                                       "vlan",
                                       "vrrp"};
 
-/// Whether it is a number, a range, an IPv4 address or the beginning of one, a MAC address in one
+/// Whether it is a number, an IPv4 address or the beginning of one, a MAC address in one
 /// of its notations, or an IPv6 address.
-bool isNumeric(const std::string& word) {
+bool isNumeric(const std::string& word, const std::string& before) {
   static const std::regex numbers(
-      "[0-9]+(-[0-9]+)?|0[xX][0-9a-fA-F]+|[0-9]+(\\.[0-9]+){1,3}|"
-      "[0-9a-fA-F]{1,2}([:.-])[0-9a-fA-F]{1,2}(\\3[0-9a-fA-F]{1,2}){4}|"
+      "[0-9]+|0[xX][0-9a-fA-F]+|[0-9]+(\\.[0-9]+){1,3}|"
+      "[0-9a-fA-F]{1,2}([:.-])[0-9a-fA-F]{1,2}(\\2[0-9a-fA-F]{1,2}){4}|"
       "[0-9a-fA-F]{4}(\\.[0-9a-fA-F]{4}){2}|[0-9a-fA-F]{12}");
+  static const std::regex range("[0-9]+-[0-9]+");
   in6_addr address;
-  return std::regex_match(word, numbers) || inet_pton(AF_INET6, word.c_str(), &address) == 1;
+  return (before == "portrange" && std::regex_match(word, range)) ||
+         std::regex_match(word, numbers) || inet_pton(AF_INET6, word.c_str(), &address) == 1;
 }
 
 /// The first word that would be looked up, or nothing.
 std::string nameIn(const std::string& text) {
   int brackets = 0;
+  std::string before;
   for (size_t i = 0; i < text.size(); ++i) {
     const auto inWord = [&](char c) {
       return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
@@ -154,8 +157,9 @@ std::string nameIn(const std::string& text) {
         std::find_if_not(text.begin() + static_cast<std::ptrdiff_t>(i), text.end(), inWord) -
         text.begin());
     std::string word = text.substr(i, end - i);
-    if (!std::binary_search(std::begin(words), std::end(words), word) && !isNumeric(word))
+    if (!std::binary_search(std::begin(words), std::end(words), word) && !isNumeric(word, before))
       return word;
+    before = std::move(word);
     i = end - 1;
   }
   return {};

@@ -19,7 +19,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr size_t countOnce = 20;
 constexpr size_t countMax = 1000;  // that the agent answers
-constexpr size_t linesAround = 3;  // above and below the rows
+constexpr size_t linesAround = 5;  // above and below the rows
 
 FlowRows look(ControlClient& agent, const TopOptions& o, size_t count) {
   nlohmann::ordered_json request = {
@@ -88,7 +88,7 @@ bool take(char key, TopOptions& o) {
 /// The text of one look. Each look connects anew: the agent closes connections that are silent.
 std::string lookText(const TopOptions& o) {
   const size_t rows = Screen::size().rows;
-  const size_t fit = rows > linesAround + 2 ? rows - linesAround - 1 : 1;
+  const size_t fit = rows > linesAround ? rows - linesAround : 1;
   std::string text;
   try {
     ControlClient agent(o.socket);
