@@ -9,6 +9,7 @@
 #include "platform/FlowTracking.h"
 #include "platform/HwFlowTracking.h"
 #include "platform/Log.h"
+#include "platform/Reactor.h"
 #include "platform/TaskScheduler.h"
 #include "platform/UdpPam.h"
 

@@ -7,6 +7,7 @@
 #include "Ipfix/OptionsTemplateExporterSm.h"
 #include "Ipfix/TemplateSmBase.h"
 #include "platform/FlowTracking.h"
+#include "platform/Reactor.h"
 
 /// Template export: the reactors that keep one data-template exporter and one options-template
 /// exporter per configured (tracker, exporter), and the data templates' message.

@@ -2,6 +2,7 @@
 
 #include "platform/Assert.h"
 #include "platform/Platform.h"
+#include "platform/Reactor.h"
 #include "platform/Trace.h"
 
 namespace FlowTracking {

@@ -1,5 +1,6 @@
 #include "Ipfix/OptionsDataExporterSm.h"
 
+#include "platform/Reactor.h"
 #include "platform/Trace.h"
 
 namespace FlowTracking {

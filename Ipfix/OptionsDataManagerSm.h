@@ -8,6 +8,7 @@
 #include "Ipfix/OptionsDataSourceFlowTrackerTableSm.h"
 #include "Ipfix/OptionsDataSourceIntfTableSm.h"
 #include "Ipfix/OptionsDataSourceVrfTableSm.h"
+#include "platform/Reactor.h"
 
 /// Decides which options data sources and exporters exist: two global tables per agent, two tables
 /// per tracker, one exporter per exporter of a tracker. Sources are made before the exporters that

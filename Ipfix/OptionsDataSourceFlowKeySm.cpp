@@ -1,4 +1,5 @@
 #include "Ipfix/OptionsDataSourceFlowKeySm.h"
+#include "platform/Reactor.h"
 
 #include <array>
 #include <ios>

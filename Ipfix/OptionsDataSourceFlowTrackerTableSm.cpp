@@ -1,4 +1,5 @@
 #include "Ipfix/OptionsDataSourceFlowTrackerTableSm.h"
+#include "platform/Reactor.h"
 
 #include <algorithm>
 #include <concepts>

@@ -1,4 +1,5 @@
 #include "Ipfix/OptionsDataSourceVrfTableSm.h"
+#include "platform/Reactor.h"
 
 #include <array>
 #include <cstring>

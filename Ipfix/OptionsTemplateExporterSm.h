@@ -1,6 +1,7 @@
 #pragma once
 #include "Ipfix/OptionsTemplate.h"
 #include "Ipfix/TemplateSmBase.h"
+#include "platform/Reactor.h"
 
 namespace FlowTracking {
 

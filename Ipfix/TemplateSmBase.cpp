@@ -7,6 +7,7 @@
 #include "Ipfix/FlowTrackerPktTxUtil.h"
 #include "Ipfix/MessageBuilder.h"
 #include "platform/Platform.h"
+#include "platform/Reactor.h"
 #include "platform/Trace.h"
 
 namespace FlowTracking {

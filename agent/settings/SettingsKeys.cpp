@@ -71,6 +71,64 @@ SettingsKey<TrackerSettings> recordKey() {
   record.same = [](const S& a, const S& b) { return a.definition == b.definition; };
   return record;
 }
+/// Those of a tracker's keys that say which packets count.
+std::vector<SettingsKey<TrackerSettings>> packetKeys() {
+  using S = TrackerSettings;
+  return {
+      key("interfaces", &S::interfaces, Patterns{},
+          "Interfaces whose packets are tracked, as they come and go, of a tracker of type "
+          "`\"software\"`: `\"eth0\"`, `\"eth*\"`, in other VRFs `\"red/eth0\"`, `\"red/*\"`; "
+          "`\"!veth*\"`: but not these ([below](#interfaces)). Needs CAP_NET_RAW."),
+      key("direction", &S::direction, choice("a direction", directions),
+          "Of a tracker of type `\"software\"`: the packets that are counted at its interfaces: "
+          "those that arrive, those that leave, or both; or each packet once, which is what "
+          "arrives and what this machine sends itself ([below](#direction)).",
+          Effect::flowsAnew),
+      key("egress", &S::egress, choice("where egress interfaces are known from", egresses),
+          "Of a tracker of type `\"software\"`: how records know by which interface, and to which "
+          "next hop, a packet for somebody else leaves: not at all, or from the kernel's routing "
+          "tables ([below](#direction)).",
+          Effect::flowsAnew),
+      key("tunnel", &S::tunnel, choice("the packet of a tunnel that counts", tunnels),
+          "Of a tracker of type `\"software\"`: whether a packet in a tunnel counts as what it is "
+          "on the wire, or as the IP packet inside ([below](#tunnels)).",
+          Effect::flowsAnew),
+      key("own-export", &S::ownExport, YesNo{"own-export"},
+          "Of a tracker of type `\"software\"`: whether it counts the messages that this agent "
+          "itself sends ([below](#direction))."),
+      key("promiscuous", &S::promiscuous, YesNo{"promiscuous"},
+          "Of a tracker of type `\"software\"`: whether its interfaces take packets for other "
+          "stations as well, as those of a mirror port ([below](#interfaces))."),
+      key("filter", &S::filter, Expression{},
+          "Of a tracker of type `\"software\"`: the packets that are counted, in the language of "
+          "packet captures: `\"not port 4739\"` ([below](#filter)). Empty: all."),
+      key("sample-rate", &S::sampleRate,
+          Integer<uint32_t>{"a sample rate, one packet out of so many,", 1, UINT32_MAX},
+          "One packet out of so many is looked at, of those that pass the filter."),
+  };
+}
+/// Those that say how its flows are told, and where a device sends its own.
+std::vector<SettingsKey<TrackerSettings>> flowKeys() {
+  using S = TrackerSettings;
+  return {
+      key("active-interval", &S::activeInterval, Duration{"an active interval", 65534},
+          "How often a flow that goes on is reported, and the options tables are sent whole: "
+          "interfaces, VRFs, this tracker, its flow keys. Collectors are told in whole seconds."),
+      key("inactive-timeout", &S::inactiveTimeout, Duration{"an inactive timeout", 65534},
+          "Silence after which a flow is over."),
+      key("max-flows", &S::maxFlows,
+          Integer<size_t>{"a number of flows that have room at a time", 1, maxFlowsMax},
+          "Of a tracker of type `\"software\"`: flows under way that have room, in each VRF. "
+          "Beyond it a new flow ends the one that is nearest to its end. Memory is used for flows "
+          "that there are, 80 to 125 octets each of a standard record "
+          "([operating.md](operating.md#memory)).",
+          Effect::flowsAnew),
+      recordKey(),
+      key("local-port", &S::localPort, Integer<uint16_t>{"a port that devices send to", 0, 65535},
+          "Of a tracker of type `\"hardware\"`: the UDP port that devices send to. 0: one that the "
+          "kernel chooses; the log says which."),
+  };
+}
 }  // namespace
 
 template <>
@@ -138,67 +196,21 @@ const std::vector<SettingsKey<RecordDefinition>>& settingsKeys() {
 template <>
 const std::vector<SettingsKey<TrackerSettings>>& settingsKeys() {
   using S = TrackerSettings;
-  static const std::vector<SettingsKey<S>> keys = {
-      key("id", &S::id,
-          Integer<FlowTracking::FtId>{"an observation domain id", 0, UINT32_MAX, ", unique"},
-          "Observation domain id of all messages of this tracker.", Effect::trackerAnew,
-          "the observation domain id, an integer of its own for each tracker"),
-      key("type", &S::type,
-          Choice<FlowTrackingType>{"a tracker's type",
-                                   {FlowTrackingType::software, FlowTrackingType::hardware}},
-          "Who tracks the flows.", Effect::trackerAnew),
-      key("interfaces", &S::interfaces, Patterns{},
-          "Interfaces whose packets are tracked, as they come and go, of a tracker of type "
-          "`\"software\"`: `\"eth0\"`, `\"eth*\"`, in other VRFs `\"red/eth0\"`, `\"red/*\"`; "
-          "`\"!veth*\"`: but not these ([below](#interfaces)). Needs CAP_NET_RAW."),
-      key("direction", &S::direction,
-          Choice<Direction>{"a direction", {std::begin(directions), std::end(directions)}},
-          "Of a tracker of type `\"software\"`: the packets that are counted at its interfaces: "
-          "those that arrive, those that leave, or both; or each packet once, which is what "
-          "arrives and what this machine sends itself ([below](#direction)).",
-          Effect::flowsAnew),
-      key("egress", &S::egress,
-          Choice<Egress>{"where egress interfaces are known from",
-                         {std::begin(egresses), std::end(egresses)}},
-          "Of a tracker of type `\"software\"`: how records know by which interface, and to which "
-          "next hop, a packet for somebody else leaves: not at all, or from the kernel's routing "
-          "tables ([below](#direction)).",
-          Effect::flowsAnew),
-      key("tunnel", &S::tunnel,
-          Choice<Tunnel>{"the packet of a tunnel that counts",
-                         {std::begin(tunnels), std::end(tunnels)}},
-          "Of a tracker of type `\"software\"`: whether a packet in a tunnel counts as what it is "
-          "on the wire, or as the IP packet inside ([below](#tunnels)).",
-          Effect::flowsAnew),
-      key("own-export", &S::ownExport, YesNo{"own-export"},
-          "Of a tracker of type `\"software\"`: whether it counts the messages that this agent "
-          "itself sends ([below](#direction))."),
-      key("promiscuous", &S::promiscuous, YesNo{"promiscuous"},
-          "Of a tracker of type `\"software\"`: whether its interfaces take packets for other "
-          "stations as well, as those of a mirror port ([below](#interfaces))."),
-      key("filter", &S::filter, Expression{},
-          "Of a tracker of type `\"software\"`: the packets that are counted, in the language of "
-          "packet captures: `\"not port 4739\"` ([below](#filter)). Empty: all."),
-      key("sample-rate", &S::sampleRate,
-          Integer<uint32_t>{"a sample rate, one packet out of so many,", 1, UINT32_MAX},
-          "One packet out of so many is looked at, of those that pass the filter."),
-      key("active-interval", &S::activeInterval, Duration{"an active interval", 65534},
-          "How often a flow that goes on is reported, and the options tables are sent whole: "
-          "interfaces, VRFs, this tracker, its flow keys. Collectors are told in whole seconds."),
-      key("inactive-timeout", &S::inactiveTimeout, Duration{"an inactive timeout", 65534},
-          "Silence after which a flow is over."),
-      key("max-flows", &S::maxFlows,
-          Integer<size_t>{"a number of flows that have room at a time", 1, maxFlowsMax},
-          "Of a tracker of type `\"software\"`: flows under way that have room, in each VRF. "
-          "Beyond it a new flow ends the one that is nearest to its end. Memory is used for flows "
-          "that there are, 80 to 125 octets each of a standard record "
-          "([operating.md](operating.md#memory)).",
-          Effect::flowsAnew),
-      recordKey(),
-      key("local-port", &S::localPort, Integer<uint16_t>{"a port that devices send to", 0, 65535},
-          "Of a tracker of type `\"hardware\"`: the UDP port that devices send to. 0: one that the "
-          "kernel chooses; the log says which."),
-  };
+  static const std::vector<SettingsKey<S>> keys = [] {
+    std::vector<SettingsKey<S>> all = {
+        key("id", &S::id,
+            Integer<FlowTracking::FtId>{"an observation domain id", 0, UINT32_MAX, ", unique"},
+            "Observation domain id of all messages of this tracker.", Effect::trackerAnew,
+            "the observation domain id, an integer of its own for each tracker"),
+        key("type", &S::type,
+            Choice<FlowTrackingType>{"a tracker's type",
+                                     {FlowTrackingType::software, FlowTrackingType::hardware}},
+            "Who tracks the flows.", Effect::trackerAnew),
+    };
+    for (auto* more : {packetKeys, flowKeys})
+      for (SettingsKey<S>& one : more()) all.push_back(std::move(one));
+    return all;
+  }();
   return keys;
 }
 

@@ -163,6 +163,10 @@ struct Choice {
     return text;
   }
 };
+template <class T, size_t n>
+Choice<T> choice(const char* noun, const T (&all)[n]) {
+  return {noun, {all, all + n}};
+}
 
 struct YesNo {
   const char* noun;

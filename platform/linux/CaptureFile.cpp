@@ -207,26 +207,30 @@ bool CaptureFile::nextRecord(Packet& p) {
   }
 }
 
-bool CaptureFile::nextBlock(Packet& p) {
-  for (;;) {
-    if (left() == 0) return end();
-    if (left() < 12) return cut();
-    if (!have(12)) return false;
-    const uint32_t type = load32(data_ + pos_);
-    if (type == sectionHeader && !byteOrderIs()) return false;
-    const uint32_t len = load32(data_ + pos_ + 4);
-    if (len < blockLenMin(type) || len > lengthMax || len % 4 != 0)
-      return fail(pos_ + 4, "found a block of " + std::to_string(len) +
-                                " octets; a multiple of 4 " + "from " +
-                                std::to_string(blockLenMin(type)) + " to " +
-                                std::to_string(lengthMax) + " is right");
-    if (left() < len) return cut();
-    if (!have(len)) return false;
-    const uint8_t* b = data_ + pos_;
-    if (const uint32_t again = load32(b + len - 4); again != len)
-      return fail(pos_ + len - 4, "found block length " + std::to_string(again) + "; " +
-                                      std::to_string(len) + ", as at its start, is right");
+/// Has the whole next block in memory. False: there is none, or its length is wrong.
+bool CaptureFile::haveBlock(uint32_t& type, uint32_t& len) {
+  if (left() == 0) return end();
+  if (left() < 12) return cut();
+  if (!have(12)) return false;
+  type = load32(data_ + pos_);
+  if (type == sectionHeader && !byteOrderIs()) return false;
+  len = load32(data_ + pos_ + 4);
+  if (len < blockLenMin(type) || len > lengthMax || len % 4 != 0)
+    return fail(pos_ + 4, "found a block of " + std::to_string(len) + " octets; a multiple of 4 " +
+                              "from " + std::to_string(blockLenMin(type)) + " to " +
+                              std::to_string(lengthMax) + " is right");
+  if (left() < len) return cut();
+  if (!have(len)) return false;
+  if (const uint32_t again = load32(data_ + pos_ + len - 4); again != len)
+    return fail(pos_ + len - 4, "found block length " + std::to_string(again) + "; " +
+                                    std::to_string(len) + ", as at its start, is right");
+  return true;
+}
 
+bool CaptureFile::nextBlock(Packet& p) {
+  for (uint32_t type = 0, len = 0;;) {
+    if (!haveBlock(type, len)) return false;
+    const uint8_t* b = data_ + pos_;
     size_t index = 0;
     bool hasTime = true;
     const uint8_t* octets = b + 28;

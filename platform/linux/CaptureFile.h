@@ -93,6 +93,7 @@ class CaptureFile {
   void beginPcap();
   bool nextAny(Packet& p);
   bool nextRecord(Packet& p);
+  bool haveBlock(uint32_t& type, uint32_t& len);
   bool nextBlock(Packet& p);
   void packetIs(Packet& p, const Interface& i, const uint8_t* octets, uint32_t captured,
                 uint32_t wire) const;

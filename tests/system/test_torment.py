@@ -165,7 +165,7 @@ class Life:
 
     def __init__(self, lab):
         self.lab, self.began, self.pauses, self.clients = lab, None, [], []
-        self.counted, self.forgotten, self.latest = {}, False, None
+        self.counted, self.forgotten, self.latest = {}, set(), {}
         self.truncated = False
         self.far, source = lab.namespace("tt-far"), lab.namespace("tt-src")
         for near, there, ns in (("up0", "dn0", self.far), ("sh0", "sd0", self.far),
@@ -238,10 +238,11 @@ class Life:
                          handed[key] - before[key]))
         now = {what: (here, there, *late) for what, here, there, *late in rows}
         if self.truncated and any(now.get(what, (n,))[0] < n
-                                  for what, (n, *_) in (self.latest or {}).items()):
-            self.forgotten = True  # the agent has only now seen it
-        if self.forgotten and now == self.latest:  # nothing is under way
-            self.counted, self.forgotten = now, False
+                                  for what, (n, *_) in self.latest.items()):
+            self.forgotten = set(now)  # the agent has only now seen it
+        for what in [what for what in self.forgotten if now.get(what) == self.latest.get(what)]:
+            self.counted[what] = now.get(what, (0, 0))  # nothing of it is under way
+            self.forgotten.remove(what)
         self.latest = now
         wrong = []
         for what, (here, there, *late) in now.items():
@@ -329,7 +330,7 @@ class Life:
 def world(life, rng):
     what = rng.choice(WORLD).strip().format(n=rng.randrange(1, 10), m=rng.randrange(10))
     if "truncate" in what:
-        life.forgotten = life.truncated = True  # what was counted
+        life.forgotten, life.truncated = set(life.latest), True  # what was counted
     print("world:", what)
     subprocess.run(["sh", "-c", what], stderr=subprocess.DEVNULL, check=False)
 

@@ -11,6 +11,7 @@
 
 #include "platform/FlowTracking.h"
 #include "platform/HwFlowTracking.h"
+#include "platform/Reactor.h"
 #include "platform/VrfStatus.h"
 #include "platform/sim/SimPlatform.h"
 #include "tests/support/Random.h"
