@@ -30,6 +30,7 @@ enum Element : uint16_t {
   destinationIPv6PrefixLength = 30,
   minimumTTL = 52,
   maximumTTL = 53,
+  flowDirection = 61,
   ipNextHopIPv6Address = 62,
   mplsTopLabelStackSection = 70,
   interfaceName = 82,
@@ -73,7 +74,7 @@ constexpr Place places[] = {
     {32, At::icmp, 2, true},
     {56, At::srcMac, 6, false},
     {58, At::vlanId, 2, true},
-    {61, At::direction, 1, false},
+    {flowDirection, At::direction, 1, false},
     {mplsTopLabelStackSection, At::mpls, 3, false},
     {80, At::dstMac, 6, false},
     {interfaceName, At::observed, 4, true},
@@ -106,6 +107,25 @@ uint8_t octetMask(uint16_t element, size_t i, uint32_t prefix4, uint32_t prefix6
   return bits <= 8 * i ? uint8_t{0} : static_cast<uint8_t>(0xff00 >> (bits - 8 * i));
 }
 
+/// Whether the key has whole addresses, the direction and both interfaces. Then the interface that
+/// the packet was counted at says as much as both of them, in less room.
+bool derivable(const RecordLayout& layout, uint32_t prefix4, uint32_t prefix6) {
+  const auto key = [&](uint16_t element) {
+    return std::any_of(layout.fields.begin(), layout.fields.end(),
+                       [&](const auto& f) { return f.key && f.field->element == element; });
+  };
+  return key(ingressInterface) && key(egressInterface) && key(flowDirection) &&
+         ((key(sourceIPv4Address) && key(destinationIPv4Address) && prefix4 == 32) ||
+          (key(sourceIPv6Address) && key(destinationIPv6Address) && prefix6 == 128));
+}
+/// What both interfaces are derived from, with the direction in the octet before it.
+constexpr Place derived = {0, At::observed, 4, true};
+static_assert(At::observed == At::direction + 1);
+const Place* placeIn(uint16_t element, bool derivesInterfaces) {
+  const bool interface = element == ingressInterface || element == egressInterface;
+  return interface && derivesInterfaces ? &derived : placeOf(places, element);
+}
+
 // Whoever goes on without a packet begins with the next one.
 constexpr int64_t notYet = std::numeric_limits<int64_t>::max() / 4;
 
@@ -133,14 +153,17 @@ std::string_view nameOf(const RecordContext& context, const char* observed) {
 
 PlannedFormat::PlannedFormat(const RecordLayout& layout, uint32_t prefix4, uint32_t prefix6,
                              uint8_t place)
-    : recordLen_(static_cast<uint16_t>(layout.len())), place_(place) {
+    : recordLen_(static_cast<uint16_t>(layout.len())),
+      place_(place),
+      derivesInterfaces_(derivable(layout, prefix4, prefix6)),
+      ipv6_(layout.kinds == ipv6Packets) {
   struct Chosen {
     std::array<uint8_t, PacketFacts::end> mask{};
     std::array<bool, PacketFacts::words> any{};
   };
   Chosen chosen[2];  // of the first packet, of the key
   for (const auto& [field, key] : layout.fields) {
-    const Place* const in = placeOf(places, field->element);
+    const Place* const in = placeIn(field->element, derivesInterfaces_);
     for (size_t i = 0; in && i < in->len; ++i) {
       chosen[key].mask[in->at + i] |= octetMask(field->element, i, prefix4, prefix6);
       chosen[key].any[(in->at + i) / 8] = true;
@@ -186,7 +209,7 @@ void PlannedFormat::addStep(const RecordLayout::Field& field, uint32_t prefix4, 
     if (!p.swapped) return Step::octets;
     return p.len == 2 ? Step::swapped2 : p.len == 4 ? Step::swapped4 : Step::swapped8;
   };
-  if (const Place* const in = placeOf(places, element)) {
+  if (const Place* const in = placeIn(element, derivesInterfaces_)) {
     const auto at = [&](const Word* words, size_t n) {
       return static_cast<size_t>(
           std::find_if(words, words + n, [&](const Word& w) { return w.index == in->at / 8u; }) -
@@ -196,7 +219,7 @@ void PlannedFormat::addStep(const RecordLayout::Field& field, uint32_t prefix4, 
     const size_t word = step.cold ? 8 * at(first_.data(), first_.size())
                                   : sizeof(Entry) + 8 * at(key_.data(), keyWords_);
     step.from = static_cast<uint16_t>(word + in->at % 8u);
-    if (element != interfaceName) step.kind = kindOf(*in);
+    if (element != interfaceName && in != &derived) step.kind = kindOf(*in);
   } else if (const Place* const sum = placeOf(sums, element)) {
     step.kind = kindOf(*sum);
     step.from = sum->at;
@@ -259,6 +282,10 @@ void PlannedFormat::put(FieldWriter& w, const Step& step, const Entry& e, const 
       return w.put(static_cast<uint8_t>(reason));
     case ingressVRFID:
       return w.put(context.vrfId);
+    case ingressInterface:
+      return w.put(interfacesOf(e, step, context.host).ingress);
+    case egressInterface:
+      return w.put(interfacesOf(e, step, context.host).egress);
     case ipNextHopIPv4Address:
     case ipNextHopIPv6Address:
       return w.text("", step.len);  // zeros, until EgressRoutes knows better
@@ -285,6 +312,21 @@ void PlannedFormat::put(FieldWriter& w, const Step& step, const Entry& e, const 
     default:  // a prefix length
       return w.put(static_cast<uint8_t>(step.from));
   }
+}
+
+FlowInterfaces PlannedFormat::interfacesOf(const Entry& e, const Step& step,
+                                           const HostAddresses& host) const {
+  const char* const observed = reinterpret_cast<const char*>(&e) + step.from;
+  uint32_t interface = 0;
+  std::memcpy(&interface, observed, sizeof interface);
+  const auto of = [&](auto src, auto dst) {
+    std::memcpy(src.data(), e.words(), src.size());
+    std::memcpy(dst.data(), reinterpret_cast<const char*>(e.words()) + src.size(), dst.size());
+    return flowInterfaces(interface, observed[-1] != 0, src, dst, host);
+  };
+  using Address4 = std::array<uint8_t, 4>;
+  using Address6 = std::array<uint8_t, 16>;
+  return ipv6_ ? of(Address6{}, Address6{}) : of(Address4{}, Address4{});
 }
 
 size_t PlannedFormat::encode(const Entry& e, const char* cold, EndReason reason,
@@ -332,8 +374,9 @@ RecordPlan::RecordPlan(const RecordDefinition& definition, FlowTracking::Templat
       namesInterfaces_ = namesInterfaces_ || field->element == interfaceName;
       segments_ = segments_ || field->element == layer2SegmentId;
       mpls_ = mpls_ || field->element == mplsTopLabelStackSection;
-      tellsInterfaces_ = tellsInterfaces_ || field->element == ingressInterface ||
-                         field->element == egressInterface;
+      const bool interface =
+          field->element == ingressInterface || field->element == egressInterface;
+      tellsInterfaces_ = tellsInterfaces_ || (interface && !formats_.back().derivesInterfaces());
     }
   }
 }
@@ -354,7 +397,6 @@ constexpr uint64_t sixOctets = 0xffffffffffff;
 
 /// What the link layer says, into its words. Returns where the IP packet begins.
 size_t takeLink(const Packet& p, const Parsed& parsed, uint32_t interface, PacketFacts& f) {
-  uint64_t customerVlan = 0;
   size_t ipAt = 14;
   const uint64_t observed = uint64_t{interface} << 32 | uint64_t{p.leaves} << 24;
   const uint8_t* const o = p.octets;
@@ -363,20 +405,20 @@ size_t takeLink(const Packet& p, const Parsed& parsed, uint32_t interface, Packe
   if (plain) {
     f.word[PacketFacts::dstMac / 8] = (load64(o) & sixOctets) | (load64(o + 6) & ~sixOctets);
     f.word[PacketFacts::srcMac / 8] = load64(o + 6) & sixOctets;
-    f.word[PacketFacts::mpls / 8] = observed;
+    f.word[PacketFacts::observed / 8] = observed;
+    f.word[PacketFacts::ingress / 8] = 0;
   } else {
     const LinkFacts link = linkFacts(p);
     const uint16_t type = link.network.etherType;
     const uint64_t etherType = type < 0x600 ? 0 : networkOrder(type);
     f.word[PacketFacts::dstMac / 8] = link.dstMac | etherType << 48;
     f.word[PacketFacts::srcMac / 8] = link.srcMac;
-    f.word[PacketFacts::mpls / 8] = link.mpls | observed;
-    customerVlan = link.customerVlan;
+    f.word[PacketFacts::observed / 8] = link.customerVlan | observed;
+    f.word[PacketFacts::ingress / 8] = uint64_t{link.mpls} << 32;
     ipAt = link.ipAt;
     // Of IP packets the parser says it.
     f.word[PacketFacts::srcPort / 8] = uint64_t{link.network.vlanId} << 48;
   }
-  f.word[PacketFacts::ingress / 8] = customerVlan << 32;
   f.word[PacketFacts::egress / 8] = 0;
   return ipAt;
 }
@@ -394,7 +436,7 @@ bool RecordPlan::sample(const Packet& packet, const Parsed& parsed, uint32_t int
     std::memcpy(&f.word[0], &key, 2 * key.ipLen);
     f.word[PacketFacts::srcPort / 8] = load64(&key.rest);
     if (key.rest.protocol == icmpProtocol)
-      f.word[PacketFacts::ingress / 8] |= uint64_t{key.rest.dstPort} << 48;
+      f.word[PacketFacts::srcMac / 8] |= uint64_t{key.rest.dstPort} << 48;
     out.ipOctets = parsed.ipOctets;
     out.tcpFlags = parsed.tcpFlags;
     out.ttl = packet.octets[ipAt + ttlAt];

@@ -27,14 +27,14 @@ struct PacketFacts {
     tos = 37,
     vlanId = 38,
     ingress = 40,
-    customerVlan = 44,
-    icmp = 46,
+    mpls = 44,
     dstMac = 48,
     etherType = 54,
     srcMac = 56,
+    icmp = 62,
     egress = 64,
     flowLabel = 68,
-    mpls = 72,
+    customerVlan = 72,
     direction = 75,
     observed = 76,  // the interface that the packet was counted at
     segment = 80,
@@ -121,6 +121,8 @@ class PlannedFormat {
   void seedIs(uint64_t v) { seed_ = v; }
 
   uint8_t place() const { return place_; }
+  /// A packet's far interface is found when the record is written, from the key.
+  bool derivesInterfaces() const { return derivesInterfaces_; }
   uint16_t recordLen() const { return recordLen_; }
   void takeKey(PlannedSample& s) const {
     for (size_t i = 0; i < keyWords_; ++i) s.key[i] = s.facts.word[key_[i].index] & key_[i].mask;
@@ -179,6 +181,7 @@ class PlannedFormat {
   }
   void countNanoseconds(Entry& e, const PlannedSample& s) const;
   void addStep(const RecordLayout::Field& field, uint32_t prefix4, uint32_t prefix6);
+  FlowInterfaces interfacesOf(const Entry& e, const Step& step, const HostAddresses& host) const;
   void put(FieldWriter& w, const Step& step, const Entry& e, const char* cold, EndReason reason,
            const RecordContext& context) const;
 
@@ -196,6 +199,8 @@ class PlannedFormat {
   size_t links_ = 0;  // and before these
   uint16_t recordLen_ = 0;
   uint8_t place_;
+  bool derivesInterfaces_;
+  bool ipv6_;
 };
 
 /// A record, compiled once: per packet only the format is chosen, by the packet's kind. It also
@@ -216,8 +221,6 @@ class RecordPlan {
   const RecordLayouts& layouts() const { return layouts_; }
   /// By its place; a place may have none.
   const std::vector<PlannedFormat>& formats() const { return formats_; }
-  /// A record has indexes of interfaces, which depend on the addresses of this machine.
-  bool tellsInterfaces() const { return tellsInterfaces_; }
   bool namesInterfaces() const { return namesInterfaces_; }
   /// The parser is to look for IP packets behind MPLS labels.
   bool mpls() const { return mpls_; }
@@ -243,7 +246,7 @@ class RecordPlan {
   bool segments_ = false;
   bool namesInterfaces_ = false;
   bool mpls_ = false;
-  bool tellsInterfaces_ = false;
+  bool tellsInterfaces_ = false;  // of packets, by the addresses of this machine
   std::vector<PlannedFormat> formats_;                                       // without gaps
   std::array<uint8_t, packetKinds> formatOf_{noLayout, noLayout, noLayout};  // by kind of packet
 };

@@ -342,11 +342,11 @@ TEST(RecordPlan, EachFieldIsWhatThePacketsSay) {
     const RecordLayouts layouts = recordLayouts(r);
     RecordQueue queue(plan.recordLens());
     FlowCache cache(100000, {.activeMs = 600000, .inactiveMs = 66000}, 7, plan, queue);
-    cache.contextIs({.vrfId = 10, .interfaceNames = {{3, "eth3"}, {4, "eth4"}}, .host = {}});
-    cache.holdIs(false);
     HostAddresses host;
     host.ipv4.insert({10, 0, 0, 1});
     host.ipv6.insert({0x20, 1, 0xd, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1});
+    cache.contextIs({.vrfId = 10, .interfaceNames = {{3, "eth3"}, {4, "eth4"}}, .host = host});
+    cache.holdIs(false);
     PacketParser parser(7, 4, plan.mpls());
     using Flow = std::pair<size_t, std::vector<uint8_t>>;  // its layout and the octets of its key
     std::map<Flow, std::vector<Made>> flows;
