@@ -56,7 +56,7 @@ bool FlowMeter::waitForRoom() {
 }
 
 void FlowMeter::plannedPacketIs(const Packet& packet, uint32_t interface) {
-  Parsed parsed;
+  Parsed& parsed = parsed_;
   parser_.parse(packet, parsed);
   const bool ip = parsed.error == ParseError::none;
   if (ip && mayBeOurs(packet) && isOurs(packet, parsed)) return;
@@ -74,7 +74,7 @@ void FlowMeter::plannedPacketIs(const Packet& packet, uint32_t interface) {
   if (!known) {
     ++counters_.errors[static_cast<size_t>(parsed.error)];
   } else {
-    interfaces_.count(interface, planned_[gathered_].segments, planned_[gathered_].ipOctets);
+    interfaces_.count(interface, sample.segments, sample.ipOctets);
     if (++gathered_ == batch) settle();
   }
 }

@@ -151,6 +151,7 @@ class FlowMeter {
   PacketParser parser_;
   std::array<FlowCache::Sample, batch> samples_;
   std::vector<PlannedSample> planned_;  // a batch, unless the record is standard
+  Parsed parsed_;                       // of the last packet; to clear it for each takes time
   size_t gathered_ = 0;
 
   std::atomic<bool> stop_{false};

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 #include <vector>
 
 #include "agent/flow/FlowRecord.h"
@@ -107,9 +108,11 @@ class PlannedFormat {
   Key keyOf(const Entry& e) const { return e.words(); }
   bool same(const Entry& e, Key key) const {
     const uint64_t* own = e.words();
-    uint64_t differ = 0;
-    for (size_t i = 0; i < keyWords_; ++i) differ |= own[i] ^ key[i];
-    return differ == 0;
+    return ofKey([&](auto n) {
+      uint64_t differ = 0;
+      for (size_t i = 0; i < n; ++i) differ |= own[i] ^ key[i];
+      return differ == 0;
+    });
   }
   void begin(Entry& e, Key key) const {
     std::memset(static_cast<void*>(&e), 0, entryLen_);
@@ -117,7 +120,9 @@ class PlannedFormat {
     e.leastTtl = UINT8_MAX;
     e.leastOctets = UINT16_MAX;
   }
-  uint32_t hash(Key key) const { return static_cast<uint32_t>(wordsHash(key, keyWords_, seed_)); }
+  uint32_t hash(Key key) const {
+    return ofKey([&](auto n) { return static_cast<uint32_t>(wordsHash(key, n, seed_)); });
+  }
   void seedIs(uint64_t v) { seed_ = v; }
 
   uint8_t place() const { return place_; }
@@ -125,7 +130,9 @@ class PlannedFormat {
   bool derivesInterfaces() const { return derivesInterfaces_; }
   uint16_t recordLen() const { return recordLen_; }
   void takeKey(PlannedSample& s) const {
-    for (size_t i = 0; i < keyWords_; ++i) s.key[i] = s.facts.word[key_[i].index] & key_[i].mask;
+    ofKey([&](auto n) {
+      for (size_t i = 0; i < n; ++i) s.key[i] = s.facts.word[key_[i].index] & key_[i].mask;
+    });
   }
   /// Of the first packet of a flow; the key is there.
   void keep(Entry& e, char* cold, const PlannedSample& s) const {
@@ -178,6 +185,12 @@ class PlannedFormat {
   };
   Nanoseconds* nanoseconds(Entry& e) const {
     return reinterpret_cast<Nanoseconds*>(e.words() + nanoseconds_);
+  }
+  /// Calls with the number of the key's words. Most keys have three, for which the compiler writes
+  /// the loop out.
+  template <class Do>
+  auto ofKey(Do what) const -> decltype(what(size_t{})) {
+    return keyWords_ == 3 ? what(std::integral_constant<size_t, 3>()) : what(keyWords_);
   }
   void countNanoseconds(Entry& e, const PlannedSample& s) const;
   void addStep(const RecordLayout::Field& field, uint32_t prefix4, uint32_t prefix6);
@@ -246,8 +259,8 @@ class RecordPlan {
   bool segments_ = false;
   bool namesInterfaces_ = false;
   bool mpls_ = false;
-  bool tellsInterfaces_ = false;  // of packets, by the addresses of this machine
-  std::vector<PlannedFormat> formats_;                                       // without gaps
+  bool tellsInterfaces_ = false;        // of packets, by the addresses of this machine
+  std::vector<PlannedFormat> formats_;  // without gaps
   std::array<uint8_t, packetKinds> formatOf_{noLayout, noLayout, noLayout};  // by kind of packet
 };
 
