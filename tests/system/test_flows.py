@@ -1,8 +1,10 @@
 """The software flow path: known traffic over a veth pair, and from a file; what an independent
 collector stored is compared flow by flow with what was sent."""
 
+import collections
 import datetime
 import pathlib
+import random
 import re
 import resource
 import signal
@@ -198,6 +200,73 @@ def test_records_of_ones_own(house):
         told = [t.id for t in m.templates if t.id < 65280] or told
         assert all(i in told for i, _ in m.records if i < 65280), (told, m)
     assert told == [264, 266]
+
+
+# Fields of records, as tshark and nfdump name them.
+NAMES = {
+    "octetDeltaCount": ("cflow.octets", "in_bytes"), "packetDeltaCount": ("cflow.packets", "in_packets"),
+    "protocolIdentifier": ("cflow.protocol", "proto"), "ipClassOfService": ("cflow.tos", "src_tos"),
+    "tcpControlBits": ("cflow.tcpflags", None), "sourceTransportPort": ("cflow.srcport", "src_port"),
+    "sourceIPv4Address": ("cflow.srcaddr", "src4_addr"), "ingressInterface": ("cflow.inputint", "input_snmp"),
+    "destinationTransportPort": ("cflow.dstport", None), "egressInterface": ("cflow.outputint", "output_snmp"),
+    "destinationIPv4Address": ("cflow.dstaddr", "dst4_addr"), "minimumIpTotalLength": ("cflow.length_min", None),
+    "maximumIpTotalLength": ("cflow.length_max", None), "sourceIPv6Address": ("cflow.srcaddrv6", "src6_addr"),
+    "destinationIPv6Address": ("cflow.dstaddrv6", "dst6_addr"), "minimumTTL": ("cflow.ttl_min", None),
+    "maximumTTL": ("cflow.ttl_max", None), "sourceMacAddress": ("cflow.srcmac", "in_src_mac"),
+    "vlanId": ("cflow.vlanid", "src_vlan"), "flowDirection": ("cflow.direction", "direction"),
+    "destinationMacAddress": ("cflow.dstmac", "in_dst_mac"), "flowEndReason": ("cflow.flow_end_reason", None),
+    "octetTotalCount": ("cflow.permanent_octets", None), "ethernetType": ("cflow.ethernet_type", None),
+    "layer2OctetDeltaCount": ("cflow.layer2_octet_delta_count", None)}
+KEYS = {"sourceIPv4Address": "src", "sourceIPv6Address": "src", "destinationIPv4Address": "dst",
+        "destinationIPv6Address": "dst", "protocolIdentifier": "protocol", "sourceTransportPort": "src_port",
+        "destinationTransportPort": "dst_port", "vlanId": "vlan"}
+
+
+def test_random_records_at_three_decoders(house):
+    """Twenty records of random fields: each field of each record is the same for our decoder, tshark
+    and nfdump, and by their keys they sum up to what was captured."""
+    capture = house.path("records.pcap")
+    capture.write_bytes(pcap([frame for frame, *_ in traffic.mixture(200)]))
+    seed = random.randrange(1 << 32)
+    print("seed", seed)
+    rng = random.Random(seed)
+    wire = Capture(house, "dn0", ns="tt-far", ports=(9995,))
+    store = Nfcapd(house, "10.99.0.2", port=9995, ns="tt-far")
+    keys, sent = {}, 0
+    for domain in range(1, 21):
+        keys[domain] = rng.sample(sorted(KEYS), rng.randrange(1, 8))
+        fields = {*keys[domain], *rng.sample(sorted(NAMES), rng.randrange(15)), "octetDeltaCount",
+                  "packetDeltaCount"}
+        text = settings({"one": FAR["nf4"]}, record="r", id=domain) + (
+            f"[record.r]\nfields = {rng.sample(sorted(fields), len(fields))}\nkeys = {keys[domain]}\n")
+        reader = reading(house, f"r{domain}", capture, text)[0]
+        assert reader.wait_exit(30) == 0, reader.log()
+        sent += int(re.search(r"sent in (\d+) messages", reader.log())[1])
+    wire.wait_until("the last message", lambda seen: len(of_flows(seen)) == sent)
+    wire.stop()
+    stored = store.stop()
+    theirs = [r for m in tshark(wire.file, ports=(9995,)) for i, r in m.records if i < 65280]
+    ours = [(m["domain"], r) for m in parse_json_lines(tool("decode", "--json", wire.file)[1])
+            if m["type"] == "message" for s in m["sets"] if s["id"] < 65280 for r in s.get("records", ())]
+    assert len(ours) == len(theirs) == len(stored)
+
+    def plain(value):
+        text = str(value)
+        return int(text, 0) if re.fullmatch(r"\d+|0x[0-9a-f]+", text) else text
+    for (domain, record), there, kept in zip(ours, theirs, stored):
+        for name, value in record.items():
+            for decoder, field in zip((there, kept), NAMES[name]):
+                assert not field or plain(decoder.get(field, 0)) == plain(value), (domain, name, record, decoder)
+    expected, found = collections.Counter(), collections.Counter()
+    for domain, chosen in keys.items():
+        for key, total in traffic.truth(200).items():
+            told = frozenset((name, str(getattr(key, KEYS[name]))) for name in chosen
+                             if ("IPv" not in name or ("v6" in name) == (":" in key.src)))
+            expected[domain, told] += 1j * total.packets + total.octets
+    for domain, record in ours:
+        told = frozenset((name, str(record[name])) for name in keys[domain] if name in record)
+        found[domain, told] += 1j * record["packetDeltaCount"] + record["octetDeltaCount"]
+    assert found == expected
 
 
 def test_reading_always_ends(house):
