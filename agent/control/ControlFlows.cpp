@@ -42,6 +42,10 @@ size_t oneOf(const ControlRequest& request, const char* key,
                                   inQuotes(text)};
 }
 
+[[noreturn]] void refuseAfter(const Json& after) {
+  throw Refusal{"badRequest", "'after' is what 'next' of the part before was, not " + after.dump()};
+}
+
 FlowLook lookOf(const ControlRequest& request) {
   FlowLook look{.tracker = request.text("tracker"),
                 .by = static_cast<FlowLook::By>(oneOf(request, "by", kinds)),
@@ -62,8 +66,7 @@ Json ControlAnswers::flows(const ControlRequest& request) {
   const Json after = request.at("after");
   if (!after.is_null() && !(after.is_array() && after.size() == 2 && after[0].is_string() &&
                             after[1].is_number_unsigned()))
-    throw Refusal{"badRequest",
-                  "'after' is what 'next' of the part before was, not " + after.dump()};
+    refuseAfter(after);
   try {
     const FlowPart part =
         after.is_null() ? host_.flows->look(lookOf(request))
@@ -74,20 +77,21 @@ Json ControlAnswers::flows(const ControlRequest& request) {
             {"rows", rowsJson(part.rows)},
             {"next", part.survey.empty() ? Json(nullptr) : Json({part.survey, part.next})}};
   } catch (const FlowLookError& e) {
-    throw Refusal{after.is_null() ? "badRequest" : "notFound", e.what()};
+    throw Refusal{e.code, e.what()};
   }
 }
 
 Json ControlAnswers::tracked(const ControlRequest& request) {
   if (!host_.flows) throw Refusal{"failed", "there are no flows"};
   const Json after = request.at("after");
-  const size_t first = after.is_number_unsigned() ? after.get<size_t>() : 0;
+  if (!after.is_null() && !after.is_number_unsigned()) refuseAfter(after);
+  const size_t first = after.is_null() ? 0 : after.get<size_t>();
   try {
     const auto rows = host_.flows->tracked(request.text("tracker"), first, trackedPerPart);
     return {{"interfaces", rowsJson(rows)},
             {"next", rows.size() < trackedPerPart ? Json(nullptr) : Json(first + rows.size())}};
   } catch (const FlowLookError& e) {
-    throw Refusal{"notFound", e.what()};
+    throw Refusal{e.code, e.what()};
   }
 }
 

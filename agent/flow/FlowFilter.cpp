@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
-#include <optional>
 #include <sstream>
 
 #include "agent/host/Printable.h"
@@ -69,10 +68,12 @@ FlowFilter::Term FlowFilter::term(const std::string& kind, const std::string& va
     t.number = named != std::end(protocols) ? named->number : number(255);
   } else if (kind == "interface") {
     t.kind = Term::interface;
-    t.number = indexOf(value);
-    if (t.number == 0)
+    const auto index = indexOf(value);
+    if (!index)
       throw FlowLookError("filter: there is no interface " + inQuotes(value) +
-                          "; 'tarnflow show tables interfaces' lists them");
+                              "; 'tarnflow show tables interfaces' lists them",
+                          "notFound");
+    t.number = *index;
   } else if (kind == "vrf") {
     t.kind = Term::vrf;
     t.name = value;
@@ -108,6 +109,12 @@ std::string FlowFilter::missing(const std::vector<RecordView>& layouts) const {
     if (t.kind == Term::interface && none([](const auto& v) { return v.ingress || v.egress; }))
       return "interfaces";
   }
+  return {};
+}
+
+std::string FlowFilter::vrfNotIn(const std::set<std::string>& among) const {
+  for (const Term& t : terms_)
+    if (t.kind == Term::vrf && !among.contains(t.name)) return t.name;
   return {};
 }
 

@@ -2,6 +2,8 @@
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,14 +17,16 @@ namespace agent::flow {
 /// port or interface may be at either end of the flow.
 class FlowFilter {
  public:
-  /// The exported index of the interface of this name; 0: there is no such interface.
-  using IndexOf = std::function<uint32_t(const std::string& name)>;
+  /// The exported index of the interface of this name, if there is one.
+  using IndexOf = std::function<std::optional<uint32_t>(const std::string& name)>;
 
   /// An empty text chooses all flows. Throws FlowLookError: what is wrong, and what is allowed.
   FlowFilter(std::string_view text, const IndexOf& indexOf);
 
   /// What a term needs and no layout has, such as "ports"; empty: nothing is missing.
   std::string missing(const std::vector<RecordView>& layouts) const;
+  /// A VRF that a term names and `among` has not; empty: there is none.
+  std::string vrfNotIn(const std::set<std::string>& among) const;
   bool matches(const RecordView& view, const char* record, const std::string& vrf) const;
 
  private:

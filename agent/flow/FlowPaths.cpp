@@ -141,25 +141,30 @@ FlowPath& FlowPaths::path(const std::string& name) {
     throw FlowLookError("there are several trackers, name one of them: " + names());
   const auto found = name.empty() ? paths_.begin() : paths_.find(name);
   if (found == paths_.end())
-    throw FlowLookError("tracker " + inQuotes(name) +
-                        " does not look at packets; those that do: " + names());
+    throw FlowLookError(
+        "tracker " + inQuotes(name) + " does not look at packets; those that do: " + names(),
+        "notFound");
   return *found->second;
 }
 
 FlowPart FlowPaths::look(const FlowLook& wanted) {
   FlowPath& chosen = path(wanted.tracker);
-  FlowFilter filter(wanted.filter, [this](const std::string& name) {
+  using Map = FlowTracking::IntfIndexMap;
+  // What stands for no interface, as the options table has it; an interface of such a name wins.
+  const FlowSurvey::Names reserved = {{Map::cpuIndex, Map::cpuIntfName},
+                                      {Map::multicastIndex, Map::multicastIntfName},
+                                      {Map::unknownIndex, Map::unknownIntfName}};
+  FlowFilter filter(wanted.filter, [&](const std::string& name) -> std::optional<uint32_t> {
     const auto& all = host_.indexes->intfIndex();
-    const auto it = all.find(FlowTracking::IntfId(name));
-    return it == all.end() ? 0 : it->second;
+    if (const auto it = all.find(FlowTracking::IntfId(name)); it != all.end()) return it->second;
+    for (const auto& [index, text] : reserved)
+      if (text == name) return index;
+    return std::nullopt;
   });
   surveys_.mustHaveRoom();
   FlowLook look = wanted;
   look.tracker = chosen.tracker();
-  using Map = FlowTracking::IntfIndexMap;
-  FlowSurvey::Names names = {{Map::cpuIndex, Map::cpuIntfName},
-                             {Map::multicastIndex, Map::multicastIntfName},
-                             {Map::unknownIndex, Map::unknownIntfName}};
+  FlowSurvey::Names names = reserved;
   if (look.by != FlowLook::By::hosts && look.by != FlowLook::By::ports)
     for (const auto& [name, index] : host_.indexes->intfIndex())
       names.emplace(index, name.stringValue());

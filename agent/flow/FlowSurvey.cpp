@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <set>
 
 #include "agent/host/Printable.h"
 
@@ -30,6 +31,13 @@ FlowSurvey::FlowSurvey(FlowLook look, FlowFilter filter, std::vector<FlowSource>
 }
 
 void FlowSurvey::check() const {
+  std::set<std::string> vrfs;
+  for (const Source& s : sources_) vrfs.insert(s.vrf);
+  if (const std::string vrf = filter_.vrfNotIn(vrfs); !vrf.empty())
+    throw FlowLookError("filter: tracker " + inQuotes(look_.tracker) + " counts nothing in VRF " +
+                            inQuotes(vrf) + "; it counts in " +
+                            (vrfs.empty() ? "none" : joined(vrfs, inQuotes)),
+                        "notFound");
   for (const Source& s : sources_) {
     const auto any = [&](auto has) { return std::any_of(s.views.begin(), s.views.end(), has); };
     std::string missing = filter_.missing(s.views);

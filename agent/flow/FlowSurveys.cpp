@@ -37,7 +37,8 @@ void FlowSurveys::mustHaveRoom() {
       [](const auto& a, const auto& b) { return a.second->asked < b.second->asked; });
   if (now - oldest->second->asked < patienceFull)
     throw FlowLookError("others look at flows already, and no more than " +
-                        std::to_string(surveysMax) + " can at a time: try again in a moment");
+                            std::to_string(surveysMax) + " can at a time: try again in a moment",
+                        "busy");
   surveys_.erase(oldest);
 }
 
@@ -53,8 +54,9 @@ FlowPart FlowSurveys::more(const std::string& id, size_t next) {
     throw FlowLookError(
         "there is no such look at flows any more: it is over, or its next part was not asked for "
         "within " +
-        std::to_string(patience.count()) + " s, or " + std::to_string(patienceFull.count()) +
-        " s while others wait: begin again");
+            std::to_string(patience.count()) + " s, or " + std::to_string(patienceFull.count()) +
+            " s while others wait: begin again",
+        "notFound");
   task_->scheduleLowestIs(pause);
   return partOf(id, next);
 }

@@ -37,7 +37,10 @@ struct FlowPart {
 
 /// A look cannot be answered. The text says why, and what would be right.
 struct FlowLookError : std::runtime_error {
-  using std::runtime_error::runtime_error;
+  /// `code`: of the control socket's answer, see docs/control-socket.md.
+  explicit FlowLookError(const std::string& text, const char* code = "badRequest")
+      : std::runtime_error(text), code(code) {}
+  const char* code;
 };
 
 /// The flows under way of the trackers that look at packets. For the agent's thread; nothing here

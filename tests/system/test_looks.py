@@ -2,6 +2,7 @@
 
 import collections
 import fcntl
+import ipaddress
 import json
 import os
 import pathlib
@@ -74,13 +75,15 @@ def test_what_is_under_way(house):
             ("host 2001:db8:2::/48 and protocol udp",
              lambda k: ":" in k.dst and k.protocol == traffic.UDP),
             ("protocol 1 and interface in0 and vrf default", lambda k: k.protocol == traffic.ICMP),
-            ("vrf other", lambda k: False)):
+            ("interface multicast", lambda k: ipaddress.ip_address(k.dst).is_multicast),
+            ("interface unknown", lambda k: not ipaddress.ip_address(k.dst).is_multicast)):
         found = listed(*(("--filter", text) if text else ()))
         assert found == {k: (s.packets, s.octets) for k, s in expected.items() if matches(k)}, text
     for text, why in (("hots 1.2.3.4", "'hots' is not allowed"), ("port 65536", "port '65536'"),
                       ("port", "has no value"), ("port 1 port 2", "'and' belongs"),
                       ("host 1.2.3.4/33", "host '1.2.3.4/33'"), ("port 1 and", "last 'and'"),
-                      ("interface no", "no interface 'no'")):
+                      ("interface no", "no interface 'no'"),
+                      ("vrf other", "nothing in VRF 'other'; it counts in 'default'")):
         code, _, error = tool("show", "flows", "--list", "--filter", text, check=False)
         assert code == 2 and why in error, (text, error)
 
@@ -127,8 +130,9 @@ def rude_clients_do_not_matter(flows_under_way):
             return json.loads(s.makefile().readline())
     answers = [ask({}) for _ in range(10)]
     assert [a["ok"] for a in answers] == [True] * 8 + [False] * 2
-    assert "at a time" in answers[-1]["error"]
+    assert "at a time" in answers[-1]["error"] and answers[-1]["code"] == "busy"
     assert ask({"after": ["1-1", 0]})["code"] == "notFound"
+    assert ask({"request": "tracked", "after": "in0"})["code"] == "badRequest"
     wait_for("there is room again", lambda: tool("top", check=False)[0] == 0)
     clients = [subprocess.Popen([TOOL, "show", "flows", "--list", "--json"],
                                 stdout=subprocess.PIPE) for _ in range(4)]
