@@ -26,11 +26,12 @@ int main(int argc, char** argv) {
   CLI::App* const show = app.add_subcommand("show", "Show what a running agent does");
   show->require_subcommand(1);
   cli::addCounters(*show, status);
-  cli::addFlows(*show, status,
-                {[](const cli::FlowsOptions& o) {
-                   return cli::listFlows({o.socket, o.tracker, o.filter, o.limit, o.json});
-                 },
-                 [](const cli::FlowsOptions& o) { return cli::trackedInterfaces(o.socket); }});
+  cli::addFlows(
+      *show, status,
+      {[](const cli::FlowsOptions& o) {
+         return cli::listFlows({o.socket, o.tracker, o.filter, o.limit, o.json});
+       },
+       [](const cli::FlowsOptions& o, int pid) { return cli::trackedInterfaces(o.socket, pid); }});
   cli::addMetrics(app, status);
   cli::addControl(app, *show, status);
   cli::addDecode(app, status);

@@ -12,8 +12,7 @@
 namespace cli {
 namespace {
 // A reload of a large configuration takes seconds; everything else a fraction of one.
-constexpr int reloadMs = 60000;
-constexpr int answerMs = 10000;
+constexpr std::chrono::milliseconds reloadPatience{60000};
 constexpr size_t answerMax = 16 << 20;  // octets; the agent's parts are far smaller
 
 std::string errorText(int err) { return std::strerror(err); }
@@ -41,8 +40,12 @@ std::string connectProblem(const std::string& path, int err) {
 }
 }  // namespace
 
-ControlClient::ControlClient(const std::string& path)
-    : path_(path), fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+ControlClient::ControlClient(const std::string& path, std::chrono::milliseconds most,
+                             std::vector<int> inputs)
+    : path_(path),
+      most_(most),
+      inputs_(std::move(inputs)),
+      fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.empty() || path.size() >= sizeof address.sun_path)
@@ -51,6 +54,9 @@ ControlClient::ControlClient(const std::string& path)
                     path, path.size(), sizeof address.sun_path - 1));
   path.copy(address.sun_path, path.size());
   if (!fd_) throw NoAgent("cannot open a socket: " + errorText(errno));
+  // To connect waits while the agent's queue of new connections is full.
+  const timeval time{most.count() / 1000, most.count() % 1000 * 1000};
+  setsockopt(fd_.get(), SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
   if (connect(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0)
     throw NoAgent(connectProblem(path, errno));
 }
@@ -63,16 +69,15 @@ ControlClient::Json ControlClient::ask(const Json& request) {
     if (n < 0) break;  // the agent hung up; its answer may still be there to read
     sent += static_cast<size_t>(n);
   }
-  const int patienceMs = request.value("request", "") == "reload" ? reloadMs : answerMs;
+  const auto most = request.value("request", "") == "reload" ? reloadPatience : most_;
   size_t end = 0;
   while ((end = in_.find('\n', end)) == std::string::npos) {
     end = in_.size();
-    pollfd polled{fd_.get(), POLLIN, 0};
-    const int ready = poll(&polled, 1, patienceMs);
+    const int ready = wait(fd_.get(), most);
     if (ready == 0)
       throw NoAgent(fmt::format(
           "the agent at {} does not answer within {} s: it is busy, or has no descriptor left",
-          path_, patienceMs / 1000));
+          path_, most.count() / 1000));
     std::array<char, 65536> piece;
     const ssize_t n = ready < 0 ? -1 : recv(fd_.get(), piece.data(), piece.size(), 0);
     if (n < 0 && errno == EINTR) continue;
@@ -93,6 +98,15 @@ ControlClient::Json ControlClient::ask(const Json& request) {
   if (!answer["ok"].get<bool>())
     throw Refused(answer.value("error", std::string("the agent refuses and does not say why")));
   return answer;
+}
+
+/// What poll(2) returns for `fd`; -1: none.
+int ControlClient::wait(int fd, std::chrono::milliseconds most) const {
+  std::vector<pollfd> polled = {{fd, POLLIN, 0}};
+  for (const int input : inputs_) polled.push_back({input, POLLIN, 0});
+  const int ready = poll(polled.data(), polled.size(), static_cast<int>(most.count()));
+  if (ready > (polled[0].revents != 0 ? 1 : 0)) throw Interrupted();
+  return ready;
 }
 
 void ControlClient::askAll(Json request, const std::function<Json(const Json&)>& part) {

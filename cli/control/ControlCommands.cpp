@@ -321,9 +321,10 @@ int listFlows(const FlowListOptions& o) {
   command.json = o.json;
   return command.ask(&ControlCommand::listFlows);
 }
-Json trackedInterfaces(const std::string& socket) {
+Json trackedInterfaces(const std::string& socket, int pid) {
   try {
-    ControlClient agent(socket);
+    ControlClient agent(socket, std::chrono::seconds(1));
+    if (agent.ask({{"request", "agent"}}).at("pid") != pid) return nullptr;
     return ControlCommand::whole(agent, {{"request", "tracked"}}, "interfaces");
   } catch (const std::exception&) {
     return nullptr;

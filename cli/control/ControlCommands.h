@@ -22,7 +22,8 @@ struct FlowListOptions {
 };
 /// Lists flows under way. Returns the exit status.
 int listFlows(const FlowListOptions& options);
-/// The interfaces that are tracked now, a list; null: no agent answers at the socket.
-nlohmann::ordered_json trackedInterfaces(const std::string& socket);
+/// The interfaces that are tracked now, a list; null: the agent with this process id does not
+/// answer at the socket within a second.
+nlohmann::ordered_json trackedInterfaces(const std::string& socket, int pid);
 
 }  // namespace cli

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <thread>
 
 #include "cli/text/Quoted.h"
 #include "cli/text/Text.h"
@@ -121,8 +120,7 @@ FlowRows FlowRows::ask(ControlClient& agent, Json request, size_t max) {
       }
       all.rows.push_back(row);
     }
-    if (answer.at("rows").empty() && !answer.at("next").is_null())
-      std::this_thread::sleep_for(lookAgain);
+    if (answer.at("rows").empty() && !answer.at("next").is_null()) agent.pause(lookAgain);
     return nullptr;
   });
   return all;

@@ -85,6 +85,10 @@ Screen::Event Screen::signalled() {
   return {Event::resized};
 }
 
+std::vector<int> Screen::inputs() const {
+  return keys_ ? std::vector{signals_.get(), STDIN_FILENO} : std::vector{signals_.get()};
+}
+
 Screen::Event Screen::wait(std::chrono::milliseconds most) {
   pollfd fds[] = {{signals_.get(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
   const int n = poll(fds, keys_ ? 2 : 1, static_cast<int>(most.count()));

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <string>
+#include <vector>
 
 #include "platform/linux/Fd.h"
 
@@ -35,6 +36,8 @@ class Screen {
   /// The next key or new size; `none` where nothing comes within `most`. `end`: a signal asks for
   /// it, or the terminal is gone.
   Event wait(std::chrono::milliseconds most);
+  /// Descriptors of which one is readable when `wait` would return at once.
+  std::vector<int> inputs() const;
 
  private:
   void enter();

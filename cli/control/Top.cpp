@@ -85,15 +85,18 @@ bool take(char key, TopOptions& o) {
   return true;
 }
 
-/// The text of one look. Each look connects anew: the agent closes connections that are silent.
-std::string lookText(const TopOptions& o) {
+/// Writes the text of one look. Each look connects anew: the agent closes connections that are
+/// silent. False: a key or a signal came before the answer, and the text stays as it was.
+bool look(const Screen& screen, const TopOptions& o, std::string& to) {
   const size_t rows = Screen::size().rows;
   const size_t fit = rows > linesAround ? rows - linesAround : 1;
   std::string text;
   try {
-    ControlClient agent(o.socket);
+    ControlClient agent(o.socket, ControlClient::patience, screen.inputs());
     const FlowRows found = look(agent, o, std::min({o.count.value_or(fit), fit, countMax}));
     text = title(found, o) + "\n\n" + found.table().text(0);
+  } catch (const Interrupted&) {
+    return false;
   } catch (const NoAgent& e) {
     text = e.what() + std::string("\n");
   } catch (const Refused& e) {
@@ -101,24 +104,24 @@ std::string lookText(const TopOptions& o) {
   } catch (const nlohmann::json::exception& e) {
     text = "the agent's answer is not understood: " + shown(e.what()) + '\n';
   }
-  return text +
-         "\nq quit  by: o octets  p packets  list: f flows  h hosts  t ports  i interfaces\n";
+  to = text + "\nq quit  by: o octets  p packets  list: f flows  h hosts  t ports  i interfaces\n";
+  return true;
 }
 
 int live(TopOptions& o) {
   Screen screen;
   const auto interval =
       std::chrono::milliseconds(static_cast<int64_t>(std::clamp(o.interval, 0.1, 86400.0) * 1000));
+  std::string text;
   for (;;) {
-    const std::string text = lookText(o);
-    const auto next = Clock::now() + interval;
+    const bool whole = look(screen, o, text);
+    const auto next = Clock::now() + (whole ? interval : interval.zero());
     Screen::Event event;
     do {  // draws again where the size changes, until a key is pressed or the next look is due
       if (!screen.draw(text, 2)) return 0;
       const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now());
-      if (left.count() <= 0) break;
-      event = screen.wait(left);
-    } while (event.kind == Screen::Event::resized);
+      event = screen.wait(std::max(left, interval.zero()));
+    } while (event.kind == Screen::Event::resized && Clock::now() < next);
     if (event.kind == Screen::Event::end) return 0;
     if (event.kind == Screen::Event::pressed && !take(event.key, o)) return 0;
   }

@@ -66,7 +66,7 @@ int showFlows(const FlowsOptions& options, const FlowsAtAgent& agent) {
     if (table.state != Counters::State::live || records.empty()) look.status = 1;
     if (look.note.empty() && records.empty())
       look.note = "no tracker looks at packets: give one of type \"software\" its interfaces";
-    const Json interfaces = look.status == 0 ? agent.tracked(options) : Json();
+    const Json interfaces = look.status == 0 ? agent.tracked(options, table.writerPid) : Json();
     look.text = options.json ? jsonLine({{"name", name},
                                          {"state", stateName(table.state)},
                                          {"time", utcNow()},

@@ -18,8 +18,9 @@ struct FlowsOptions : CountersOptions {
 struct FlowsAtAgent {
   /// Lists the flows under way. Returns the exit status.
   std::function<int(const FlowsOptions&)> list;
-  /// The interfaces that are tracked now, a list; null: no agent answers.
-  std::function<nlohmann::ordered_json(const FlowsOptions&)> tracked;
+  /// The interfaces that the agent with this process id tracks now, a list; null: it does not
+  /// answer, or another one does.
+  std::function<nlohmann::ordered_json(const FlowsOptions&, int pid)> tracked;
 };
 
 /// What the software flow paths count, out of the segment beside the collectors' statistics:

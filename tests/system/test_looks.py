@@ -12,6 +12,7 @@ import socket
 import struct
 import subprocess
 import termios
+import time
 
 import pytest
 
@@ -167,10 +168,14 @@ def on_a_terminal(agent):
         top.send_signal(signal.SIGCONT)
         wait_for("it goes on", lambda: termios.tcgetattr(terminal) != before)
         if isinstance(way_out, bytes):
+            os.kill(agent.pid, signal.SIGSTOP)
+            began = time.monotonic()
+            assert asked("show", "flows")["interfaces"] is None and time.monotonic() - began < 5
             os.write(leader, way_out)
         else:
             top.send_signal(way_out)
         assert top.wait(5) == 0
+        os.kill(agent.pid, signal.SIGCONT)
         wait_for("its lines are gone", lambda: shows(b"\x1b[?1049l"))
         assert termios.tcgetattr(terminal) == before, way_out
         os.close(leader)
