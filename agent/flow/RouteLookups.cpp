@@ -1,6 +1,7 @@
 #include "agent/flow/RouteLookups.h"
 
 #include <libmnl/libmnl.h>
+#include <linux/netconf.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
@@ -71,6 +72,33 @@ Route readAnswer(const nlmsghdr& message) {
   return route;
 }
 
+/// Whether the kernel passes IPv6 packets on, which its answer about a route does not say. True,
+/// too, where it gives no answer.
+bool forwardsIpv6(int fd, uint32_t seq) {
+  alignas(nlmsghdr) std::array<char, answerLen> octets{};
+  nlmsghdr* const message = mnl_nlmsg_put_header(octets.data());
+  message->nlmsg_type = RTM_GETNETCONF;
+  message->nlmsg_flags = NLM_F_REQUEST;
+  message->nlmsg_seq = seq;
+  static_cast<netconfmsg*>(mnl_nlmsg_put_extra_header(message, sizeof(netconfmsg)))->ncm_family =
+      AF_INET6;
+  mnl_attr_put_u32(message, NETCONFA_IFINDEX, static_cast<uint32_t>(NETCONFA_IFINDEX_ALL));
+  if (send(fd, octets.data(), message->nlmsg_len, 0) < 0) return true;
+  bool forwards = true;
+  for (ssize_t n; (n = recv(fd, octets.data(), octets.size(), 0)) > 0;) {
+    if (!mnl_nlmsg_ok(message, static_cast<int>(n)) || message->nlmsg_seq != seq ||
+        message->nlmsg_type != RTM_NEWNETCONF)
+      continue;
+    const auto take = [](const nlattr* attr, void* to) {
+      if (mnl_attr_get_type(attr) == NETCONFA_FORWARDING)
+        *static_cast<bool*>(to) = mnl_attr_get_u32(attr) != 0;
+      return MNL_CB_OK;
+    };
+    mnl_attr_parse(message, sizeof(netconfmsg), take, &forwards);
+  }
+  return forwards;
+}
+
 platform::Fd routeSocket() {
   platform::Fd fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
   if (!fd) throw platform::ErrnoException(errno, "rtnetlink socket");
@@ -90,7 +118,8 @@ RouteLookups::RouteLookups()
       before_(0, kept_.hash_function()) {
   for (const int group :
        {RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR, RTNLGRP_IPV4_ROUTE,
-        RTNLGRP_IPV6_ROUTE, RTNLGRP_IPV4_RULE, RTNLGRP_IPV6_RULE, RTNLGRP_NEXTHOP})
+        RTNLGRP_IPV6_ROUTE, RTNLGRP_IPV4_RULE, RTNLGRP_IPV6_RULE, RTNLGRP_IPV4_NETCONF,
+        RTNLGRP_IPV6_NETCONF, RTNLGRP_NEXTHOP})
     if (setsockopt(news_.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) < 0 &&
         group != RTNLGRP_NEXTHOP)  // which kernels before 5.3 do not have
       throw platform::ErrnoException(errno, "rtnetlink membership");
@@ -130,6 +159,12 @@ void RouteLookups::ask(std::span<const RouteQuestion> questions, std::span<Route
   }
   for (size_t i = 0; i < open.size(); i += batch)
     askKernel(std::span(open).subspan(i, std::min(batch, open.size() - i)));
+  const auto away6 = [](const auto* a) {
+    return a->first.family == AF_INET6 && a->second.to == Route::To::away;
+  };
+  if (std::any_of(open.begin(), open.end(), away6) && !forwardsIpv6(fd_.get(), ++seq_))
+    for (auto* a : open)
+      if (away6(a)) a->second = {};
   std::transform(all.begin(), all.end(), answers.begin(), [](const auto* a) { return a->second; });
 }
 

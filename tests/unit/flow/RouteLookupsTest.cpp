@@ -11,6 +11,8 @@
 namespace agent::flow {
 namespace {
 
+bool forwards6() { return support::sh("test $(sysctl -n net.ipv6.conf.all.forwarding) = 1"); }
+
 struct RouteLookupsTest : World {
   void SetUp() override {
     World::SetUp();
@@ -38,7 +40,8 @@ struct RouteLookupsTest : World {
         ip + "rule del iif d" + d + " lookup 100",
         "ip addr add " + (v6 ? "fd02:" + n + "::9 nodad" : "10.2" + n + ".0.9") + " dev d" + d,
         "ip addr flush dev d2 to 10.0.0.0/8",
-        "ip link set d" + d + (pick(2) ? " up" : " down")};
+        "ip link set d" + d + (pick(2) ? " up" : " down"),
+        "sysctl -qw net.ipv6.conf.all.forwarding=" + std::string(forwards6() ? "0" : "1")};
     last = commands[pick(std::size(commands))];
     support::sh(last + " 2>/dev/null");
   }
@@ -84,7 +87,8 @@ std::string toolText(const RouteQuestion& q) {
     if (word == "via") words >> hop;
     if (word == "dev") words >> device;
   }
-  return device.empty() ? "nowhere" : hop + " dev " + device;
+  return device.empty() || (q.family == AF_INET6 && !forwards6()) ? "nowhere"
+                                                                  : hop + " dev " + device;
 }
 
 TEST_F(RouteLookupsTest, AreThoseOfNow) {
