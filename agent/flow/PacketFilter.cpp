@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <list>
+#include <mutex>
 #include <span>
 
 #include "agent/flow/ExtendedFilter.h"
@@ -96,13 +98,37 @@ void leadOn(Program& program, size_t from, size_t to, size_t accepted, size_t re
   }
 }
 
+constexpr size_t programsMax = 64;
+
+/// The expression's program. The last ones are remembered: one takes up to 0.2 s to make, and is
+/// needed again whenever the interfaces change, in each VRF. For any thread.
+std::vector<sock_filter> expressionProgram(const std::string& text, LinkLayer link) {
+  struct Known {
+    std::string text;
+    LinkLayer link;
+    std::vector<sock_filter> code;
+  };
+  static std::mutex mutex;
+  static std::list<Known> programs;  // the last that was asked for in front
+  const std::lock_guard lock(mutex);
+  const auto known = std::find_if(programs.begin(), programs.end(),
+                                  [&](const Known& k) { return k.link == link && k.text == text; });
+  if (known != programs.end()) {
+    programs.splice(programs.begin(), programs, known);
+  } else {
+    programs.push_front({text, link, compilePacketExpression(text, link).code});
+    if (programs.size() > programsMax) programs.pop_back();
+  }
+  return programs.front().code;
+}
+
 void appendExpression(Program& program, const std::string& text, LinkLayer link, uint32_t snapLen) {
-  PacketProgram part = compilePacketExpression(text, link);
+  Program part = expressionProgram(text, link);
   // It has no meaning for this link layer, as one about Ethernet addresses: it chooses no packet.
-  if (part.code.empty()) part.code = {result(0)};
-  for (sock_filter& f : part.code)
+  if (part.empty()) part = {result(0)};
+  for (sock_filter& f : part)
     if (f.code == (BPF_RET | BPF_K) && f.k > 0) f.k = snapLen;
-  program.insert(program.end(), part.code.begin(), part.code.end());
+  program.insert(program.end(), part.begin(), part.end());
 }
 
 /// Sampling, direction, interfaces, and the expression at last. Sampling is random for each packet,
