@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <set>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -80,10 +79,8 @@ bool CaptureMeter::filterIs() {
 }
 
 void CaptureMeter::promiscuousIs() {
-  std::set<uint32_t> wanted;
-  if (orders_.promiscuous)
-    for (const auto& [kernel, exported] : orders_.interfaces) wanted.insert(kernel);
-  std::tie(counters_.promiscuousRefused, counters_.promiscuousError) = ring_.promiscuousIs(wanted);
+  std::tie(counters_.promiscuousRefused, counters_.promiscuousError) =
+      ring_.promiscuousIs(orders_.promiscuous);
 }
 
 /// `due`: ports that are no longer the agent's are forgotten.

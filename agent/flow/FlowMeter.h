@@ -30,8 +30,9 @@ struct MeterOrders {
   /// The captured interfaces by the kernel's index, with the index that is exported.
   std::map<uint32_t, uint32_t> interfaces;
   std::vector<uint32_t> withoutEthernet;  ///< those without an Ethernet header; sorted
-  bool promiscuous = false;               ///< they are to take packets for other stations
-  std::string expression;                 ///< chooses packets; empty: all
+  /// Those that are to take packets for other stations, with their `Link::arrival`.
+  std::map<uint32_t, uint64_t> promiscuous;
+  std::string expression;  ///< chooses packets; empty: all
   /// For these interfaces, this rate and expression, made by a meter that captures.
   std::shared_ptr<const PacketFilter> filter;
   bool operator==(const MeterOrders&) const = default;

@@ -117,7 +117,6 @@ MeterOrders FlowPath::orders(const VrfName& vrf) const {
   o.hold = hold_;
   o.direction = settings_.direction;
   o.ownExport = settings_.ownExport;
-  o.promiscuous = settings_.promiscuous;
   o.expression = settings_.filter;
   o.context.host.onlyOwnLeave = settings_.direction == Direction::once;
   for (const auto& [id, name] : host_.vrfs->vrf())
@@ -130,8 +129,11 @@ MeterOrders FlowPath::orders(const VrfName& vrf) const {
   for (const auto& [kernel, link] : network->links())
     for (const LinkAddress& a : link.addresses) o.context.host.addressIs(a.local);
   o.interfaces = exportedLinks(*network, settings_.interfaces);
-  for (const auto& [kernel, exported] : o.interfaces)
-    if (!network->links().at(kernel).hasEthernetHeader()) o.withoutEthernet.push_back(kernel);
+  for (const auto& [kernel, exported] : o.interfaces) {
+    const Link& link = network->links().at(kernel);
+    if (!link.hasEthernetHeader()) o.withoutEthernet.push_back(kernel);
+    if (settings_.promiscuous) o.promiscuous.emplace(kernel, link.arrival);
+  }
   return o;
 }
 

@@ -106,23 +106,24 @@ void PacketRing::close() {
   fd_.close();
 }
 
-std::pair<uint32_t, int> PacketRing::promiscuousIs(const std::set<uint32_t>& interfaces) {
+std::pair<uint32_t, int> PacketRing::promiscuousIs(const std::map<uint32_t, uint64_t>& interfaces) {
   const auto request = [this](int option, uint32_t interface) {
     packet_mreq one{};
     one.mr_ifindex = static_cast<int>(interface);
     one.mr_type = PACKET_MR_PROMISC;
     return ::setsockopt(fd_.get(), SOL_PACKET, option, &one, sizeof one) == 0 ? 0 : errno;
   };
-  std::erase_if(promiscuous_, [&](uint32_t interface) {
-    if (interfaces.contains(interface)) return false;
-    request(PACKET_DROP_MEMBERSHIP, interface);  // fails where the interface is gone
+  std::erase_if(promiscuous_, [&](const auto& had) {
+    const auto now = interfaces.find(had.first);
+    if (now != interfaces.end() && now->second == had.second) return false;
+    request(PACKET_DROP_MEMBERSHIP, had.first);  // fails where the interface is gone
     return true;
   });
   std::pair<uint32_t, int> refused{};
-  for (const uint32_t interface : interfaces) {
+  for (const auto& [interface, arrival] : interfaces) {
     if (promiscuous_.contains(interface)) continue;
     const int error = request(PACKET_ADD_MEMBERSHIP, interface);
-    if (error == 0) promiscuous_.insert(interface);
+    if (error == 0) promiscuous_.emplace(interface, arrival);
     if (error != 0 && refused.second == 0) refused = {interface, error};
   }
   return refused;

@@ -5,8 +5,8 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
-#include <set>
 #include <utility>
 #include <vector>
 
@@ -72,9 +72,11 @@ class PacketRing {
   }
 
   /// From now on these interfaces take packets for other stations, as far as this ring has a say:
-  /// others may ask for them too. That ends with the ring. Those that refuse are asked again by the
-  /// next call. Returns the first of them with its errno (ENODEV: it is not there), or zeros.
-  std::pair<uint32_t, int> promiscuousIs(const std::set<uint32_t>& interfaces);
+  /// others may ask for them too. That ends with the ring. The kernel forgets it of an interface
+  /// that leaves: another number behind the index says that another interface has it, which is
+  /// asked anew. Those that refuse are asked again by the next call. Returns the first of them with
+  /// its errno (ENODEV: it is not there), or zeros.
+  std::pair<uint32_t, int> promiscuousIs(const std::map<uint32_t, uint64_t>& interfaces);
 
   /// Ends the capture, for good, and gives its memory back. As its destructor does; closing a
   /// packet socket takes the kernel some 35 ms, and opening one as much.
@@ -128,7 +130,7 @@ class PacketRing {
   std::unique_ptr<uint8_t, Unmap> ring_;
   uint32_t block_ = 0;                // the next to become ready
   std::vector<uint32_t> interfaces_;  // sorted
-  std::set<uint32_t> promiscuous_;
+  std::map<uint32_t, uint64_t> promiscuous_;
   int programError_ = 0;
   bool chooseHere_ = false;  // more interfaces than a filter of the kernel can hold
   Statistics statistics_;

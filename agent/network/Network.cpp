@@ -55,7 +55,9 @@ void VrfNetwork::changed(const std::string& name) {
 
 void VrfNetwork::linkIs(uint32_t index, const std::string& name, uint32_t flags) {
   staleLinks_.erase(index);
-  Link& link = links_[index];
+  const auto [at, fresh] = links_.try_emplace(index);
+  Link& link = at->second;
+  if (fresh) link.arrival = ++arrivals_;
   if (link.index == index && link.name == name && link.flags == flags) return;
   if (link.name != name) {
     if (auto it = byName_.find(link.name); it != byName_.end() && it->second == index) {

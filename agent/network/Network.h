@@ -36,7 +36,8 @@ struct LinkRelations {
 };
 
 struct Link {
-  uint32_t index = 0;  ///< the kernel's, in its namespace
+  uint32_t index = 0;    ///< the kernel's, in its namespace
+  uint64_t arrival = 0;  ///< counts the links that came: another one may have the same index later
   std::string name;
   uint32_t flags = 0;                  ///< IFF_*
   std::vector<LinkAddress> addresses;  ///< in the kernel's order
@@ -101,6 +102,7 @@ class VrfNetwork final : public Entity {
   bool present_ = false;
   NetnsId netns_;
   std::map<uint32_t, Link> links_;
+  uint64_t arrivals_ = 0;
   std::map<std::string, uint32_t> byName_;
   std::set<std::string> changed_;
   // Not mentioned yet in the survey under way.

@@ -2,6 +2,8 @@
 interfaces, and filters, judged by what tcpdump takes of the same packets."""
 
 import json
+import os
+import signal
 
 import pytest
 
@@ -18,14 +20,15 @@ def settings(**tracker):
     return edge(TO, tracker={"inactive-timeout": "1s", **tracker})
 
 
-def promiscuity(device):
-    return json.loads(run("ip", "-j", "-d", "link", "show", device))[0]["promiscuity"]
+def link(device):
+    return json.loads(run("ip", "-j", "-d", "link", "show", device))[0]
 
 
 def test_what_is_taken_and_what_is_said_of_it(lab, far):
     lab.source()
     lab.veth("port0", "port1", "tt-src")
-    for device, kind in (("br1", ["type", "bridge"]), ("v0", ["type", "veth", "peer", "name", "v1"]),
+    for device, kind in (("br1", ["type", "bridge"]),
+                         ("v0", ["index", "4000", "type", "veth", "peer", "name", "v1"]),
                          ("mac0", ["link", "in0", "type", "macvlan"])):
         run("ip", "link", "add", "name", device, "up", *kind)
         lab.links.append(device)
@@ -34,7 +37,7 @@ def test_what_is_taken_and_what_is_said_of_it(lab, far):
     agent = Agent(lab, settings(interfaces=without, promiscuous=True))
     tracked = agent.program.wait_log("tracking flows on (.*)")[1]
     assert set(tracked.split(", ")) == {"in0", "mac0", "port0", "v0", "v1"}
-    wait_for("v0 takes everything", lambda: promiscuity("v0") == 1)
+    wait_for("v0 takes everything", lambda: link("v0")["promiscuity"] == 1)
     idle, above, port = 'is there that "nope', "in0 and mac0: ", "port0 and br1: "
 
     def said(*counts):
@@ -44,14 +47,21 @@ def test_what_is_taken_and_what_is_said_of_it(lab, far):
     # Another list: what was said of pairs is not said again; one that becomes true is.
     agent.reload(settings(interfaces=["*", "!lo", "nope*", "!up0"]))
     wait_for("the bridge is said", lambda: said(2, 1, 1))
-    wait_for("nobody asks any more", lambda: promiscuity("v0") == 0)
+    wait_for("nobody asks any more", lambda: link("v0")["promiscuity"] == 0)
     run("ip", "link", "set", "port0", "nomaster")
     agent.reload()
     run("ip", "link", "set", "port0", "master", "br1")
     wait_for("it is true anew", lambda: said(2, 1, 2))
     agent.reload(settings(interfaces=without, promiscuous=True))
-    wait_for("it is asked for again", lambda: promiscuity("v0") == 1)
-    assert agent.stop() == 0 and promiscuity("v0") == 0
+    wait_for("it is asked for again", lambda: link("v0")["promiscuity"] == 1)
+    # It leaves and returns with its index, and the agent hears of both at once.
+    os.kill(agent.pid, signal.SIGSTOP)
+    run("ip", "link", "set", "v0", "netns", "tt-src")
+    run("ip", "-n", "tt-src", "link", "set", "v0", "netns", str(agent.pid))
+    os.kill(agent.pid, signal.SIGCONT)
+    assert link("v0")["ifindex"] == 4000
+    wait_for("it is asked for once more", lambda: link("v0")["promiscuity"] == 1)
+    assert agent.stop() == 0 and link("v0")["promiscuity"] == 0
     code, _, error = tool("check", agent.file)
     assert code == 0 and error.count("note: ") == 1 and 'is taken by "nope*" now' in error
 
