@@ -23,12 +23,13 @@ using FlowTracking::FlowTrackingType;
 
 Ptr<Ipfix::IpfixInitSm> makeIpfix() {
   auto ipfix = Ipfix::ipfixInitSmFactory();
-  addRecordElements(*ipfix->elementIdCollection());
+  addIanaElements(*ipfix->elementIdCollection());
   return ipfix;
 }
 
 /// What a device sends to the tracker goes out as the tracker's own records.
-LocalCollectorSink sinkOf(const std::string& tracker, const LibraryTree& tree) {
+LocalCollectorSink sinkOf(const std::string& tracker, const LibraryTree& tree,
+                          const TrackerSettings& settings) {
   const auto exporters = std::make_shared<FlowExport>(tracker, tree);
   return {[exporters](FlowTracking::TemplateId id, RecordLens lens, std::string_view records) {
             exporters->recordsIs(id, lens, records);
@@ -37,7 +38,8 @@ LocalCollectorSink sinkOf(const std::string& tracker, const LibraryTree& tree) {
           [exporters] { exporters->end(); },
           [exporters] { return exporters->templatesTold(); },
           [exporters] { return exporters->queued(); },
-          [exporters] { return exporters->counters(); }};
+          [exporters] { return exporters->counters(); },
+          settings.exporterAddress};
 }
 }  // namespace
 
@@ -83,8 +85,9 @@ struct Agent::Parts {
     flowPaths.follow(wanted, exports.tree(FlowTrackingType::software));
     const LibraryTree& devices = exports.tree(FlowTrackingType::hardware);
     if (devices.config)
-      localCollectors.follow(*devices.config, *devices.status,
-                             [&](const std::string& tracker) { return sinkOf(tracker, devices); });
+      localCollectors.follow(*devices.config, *devices.status, [&](const std::string& tracker) {
+        return sinkOf(tracker, devices, exports.settings().trackers.at(tracker));
+      });
     if (control) control->settingsAre();
     return changes;
   }

@@ -41,6 +41,7 @@ const TypeRow& rowOf(Type t) { return typeRows[static_cast<size_t>(t)]; }
 
 std::string_view typeName(Type type) { return rowOf(type).name; }
 std::string_view typeLengths(Type type) { return rowOf(type).lengths; }
+size_t typeLen(Type type) { return rowOf(type).most; }
 bool typeAllows(Type type, size_t len) {
   if (type == Type::float64) return len == 4 || len == 8;
   return len >= rowOf(type).least && len <= rowOf(type).most;

@@ -34,6 +34,8 @@ enum class Type : uint8_t {
 };
 std::string_view typeName(Type type);
 
+/// Octets of the type at full size; SIZE_MAX: any number.
+size_t typeLen(Type type);
 /// Whether a field of the type may have `len` octets. Integers may be shortened and float64 sent as
 /// float32 (RFC 7011, 6.2); what has no size of its own may have any.
 bool typeAllows(Type type, size_t len);
@@ -81,6 +83,9 @@ struct Element {
 /// The element of this number in IANA's registry (https://www.iana.org/assignments/ipfix); null
 /// when the list in IanaElements.cpp has none.
 const Element* ianaElement(uint16_t id);
+
+/// The largest number that `ianaElement` knows.
+uint16_t lastIanaElement();
 
 /// The type of an element that has `len` octets at full size. The enterprise's own are addresses,
 /// numbers, or else octets; so are those without a number of IANA's that are sent without the

@@ -21,6 +21,7 @@ Ptr<const Ipfix::ElementIdColl> registry() {
   Platform::install(sim.get());
   auto all = Ipfix::elementIdCollFactory();
   all->doInitialize();
+  addIanaElements(*all);
   return all;
 }
 }  // namespace
@@ -69,6 +70,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // A copy of its own, so that a read behind its end is seen.
     const std::vector<char> octets(rest.begin(), rest.begin() + static_cast<ptrdiff_t>(len));
     rest = rest.subspan(len);
+    decoder.templates().exporterAddressIs((what & 0x08) != 0);
     if (what & 0x10) decoder.templates().settle();
     if (what & 0x20) decoder.templates().advance(Seconds(what & 0x40 ? 301 : 50));
     if (what & 0x80) decoder.templates().roomIs(what & 0x40 ? 40 : 1432);

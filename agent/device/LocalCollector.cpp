@@ -122,6 +122,7 @@ LocalCollector::LocalCollector(std::string trackerName, Ptr<FtConfig> config,
       pamsWatcher_(std::make_unique<PamsWatcher>(*this)),
       readyWatcher_(std::make_unique<ReadyWatcher>(*this)),
       configWatcher_(std::make_unique<ConfigWatcher>(*this)) {
+  decoder_.templates().exporterAddressIs(sink_.exporterAddress);
   handleExporters();
   tickTask_->scheduleIs(tick);
   sm_ = FlowTracking::localCollectorConfigSmFactory(trackerName_, host.config, config_, pams_,

@@ -35,6 +35,8 @@ struct LocalCollectorSink {
   /// Datagrams that wait in the fullest endpoint to be sent.
   std::function<uint64_t()> queued;
   std::function<FlowExport::Counters()> counters;
+  /// Records get the address of the device that sent them.
+  bool exporterAddress = false;
 };
 
 struct LocalCollectorHost {

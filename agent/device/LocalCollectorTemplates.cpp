@@ -97,6 +97,7 @@ bool LocalCollectorTemplates::learn(const StreamKey& key, TemplateId id, std::st
   }
   t.records = RecordReduction(record.substr(headerLen), *registry_);
   if (t.records.minLen == 0) return false;
+  if (exporterAddress_ && !options) t.records.exporterAddressIs(address);
   if (!options) {
     counters_.fieldsUnknown += t.records.unknown;
     counters_.fieldsOfBadLength += t.records.badLength;

@@ -154,6 +154,8 @@ class LocalCollectorTemplates {
   void advance(Seconds d);
   /// Octets that a message has for records, or for the templates of all layouts together.
   void roomIs(uint32_t octets);
+  /// Records get the address of their sender; to be chosen before the first template.
+  void exporterAddressIs(bool v) { exporterAddress_ = v; }
   /// How long an id is kept after its layout was withdrawn.
   void holdIs(Seconds hold) { hold_ = hold; }
 
@@ -191,6 +193,7 @@ class LocalCollectorTemplates {
   LocalCollectorCounters& counters_;
   Seconds now_{};
   Seconds hold_{180};
+  bool exporterAddress_ = false;
   uint32_t room_ = 1432;  // an MTU of 1500
   Senders senders_;
   Streams streams_;

@@ -1,5 +1,7 @@
 #include "agent/device/RecordReduction.h"
 
+#include <algorithm>
+
 #include "elements/Elements.h"
 
 namespace agent {
@@ -45,13 +47,49 @@ RecordReduction::RecordReduction(std::string_view fields, const Ipfix::ElementId
   }
 }
 
+void addIanaElements(Ipfix::ElementIdColl& registry) {
+  using elements::Type;
+  for (uint16_t id = 1; id <= elements::lastIanaElement(); ++id) {
+    const elements::Element* const e = elements::ianaElement(id);
+    if (!e || registry.elementIdCollHas(id) || e->type == Type::subTemplateList ||
+        e->type == Type::subTemplateMultiList)
+      continue;
+    const size_t len = std::min<size_t>(elements::typeLen(e->type), IpfixConst::variableLen());
+    registry.elementIdCollIs(
+        Ipfix::ElementId(false, id, static_cast<uint32_t>(len), std::string(e->name)));
+  }
+}
+
+void RecordReduction::exporterAddressIs(const platform::IpGenAddr& address) {
+  constexpr uint16_t exporterIPv4Address = 130;
+  constexpr uint16_t exporterIPv6Address = 131;
+  if (passed.empty() || std::any_of(passed.begin(), passed.end(), [](const PassedField& f) {
+        return !f.enterprise &&
+               (f.element == exporterIPv4Address || f.element == exporterIPv6Address);
+      }))
+    return;
+  if (address.isIpv6()) {
+    const auto& octets = address.ip6Addr().octets();
+    behind.assign(octets.begin(), octets.end());
+  } else {
+    for (int shift = 24; shift >= 0; shift -= 8)
+      behind += static_cast<char>(address.ipAddr().value() >> shift);
+  }
+  const auto len = static_cast<uint16_t>(behind.size());
+  passed.push_back({address.isIpv6() ? exporterIPv6Address : exporterIPv4Address, len, false});
+  keptLen += len;
+  whole = false;
+}
+
 void RecordReduction::takeFixed(const char* records, uint64_t n, std::string& kept) const {
   kept.reserve(kept.size() + n * keptLen);
-  for (uint64_t i = 0; i < n; ++i)
+  for (uint64_t i = 0; i < n; ++i) {
     for (const Step& step : steps) {
       if (step.keep) kept.append(records, step.len);
       records += step.len;
     }
+    kept += behind;
+  }
 }
 
 bool RecordReduction::take(std::string_view rest, size_t& len, std::string* kept) const {
@@ -71,6 +109,7 @@ bool RecordReduction::take(std::string_view rest, size_t& len, std::string* kept
     if (kept && step.keep) kept->append(rest.substr(len, n));
     len += n;
   }
+  if (kept) *kept += behind;
   return true;
 }
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Ipfix/Ipfix.h"
+#include "platform/Ip.h"
 
 namespace agent {
 
@@ -30,12 +31,20 @@ struct PassedField {
 };
 using PassedLayout = std::vector<PassedField>;
 
+/// Adds IANA's elements to the registry that it does not hold yet, each of its type's length. Lists
+/// of records by template (RFC 6313) are left out: they name templates by the ids of the device.
+void addIanaElements(Ipfix::ElementIdColl& registry);
+
 /// How the records of a device's template are made, and what is left of them when they are reduced
 /// to the fields that the registry knows.
 struct RecordReduction {
   RecordReduction() = default;
   /// `fields`: the template's field specifiers, each of them whole.
   RecordReduction(std::string_view fields, const Ipfix::ElementIdColl& registry);
+
+  /// Puts the address of the device behind each record: exporterIPv4Address or
+  /// exporterIPv6Address. Where the record has one already, or nothing, it is left as it is.
+  void exporterAddressIs(const platform::IpGenAddr& address);
 
   /// Sets `len` to the length of the record that `rest` begins with and appends its fields that are
   /// kept to `kept`, unless that is null. False: the record is longer than `rest`.
@@ -50,6 +59,7 @@ struct RecordReduction {
     bool keep = false;
   };
   std::vector<Step> steps;
+  std::string behind;  // octets that each record gets behind its own
   PassedLayout passed;
   bool fixed = true;       ///< no field of variable length
   bool whole = true;       ///< nothing is left out

@@ -198,7 +198,7 @@ void Entities::change(const std::string& name, Tracker& tracker, const TrackerSe
     tracker.firstTemplate = nextFlowTemplate(tracker.firstTemplate);
     publishTemplates(name, tracker, wanted);
   }
-  if (now.id != wanted.id) {
+  if (!sameKeys(now, wanted, Effect::trackerAnew)) {
     replaceTracker(name, tracker, wanted, changes);
     return;
   }
@@ -245,7 +245,8 @@ Entities::Tracker Entities::make(const std::string& name, const TrackerSettings&
   return made;
 }
 
-/// The id is the identity that collectors know a tracker by, and fixed in its entity.
+/// The id is the identity that collectors know a tracker by, and fixed in its entity; and what else
+/// makes it another one to collectors gets new sockets with it.
 void Entities::replaceTracker(const std::string& name, Tracker& tracker,
                               const TrackerSettings& wanted, Changes& changes) {
   // Exporters that stay are not counted as added: the tracker is counted as changed.

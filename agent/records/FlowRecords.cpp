@@ -141,12 +141,6 @@ const RecordField* recordField(std::string_view name) {
   return it == std::end(fieldTable) ? nullptr : it;
 }
 
-void addRecordElements(Ipfix::ElementIdColl& registry) {
-  for (const RecordField& f : fieldTable)
-    if (!registry.elementIdCollHas(f.element))
-      registry.elementIdCollIs(Ipfix::ElementId(false, f.element, f.len, f.name));
-}
-
 const std::map<std::string, RecordDefinition>& builtInRecords() {
   static const auto records = makeBuiltIn();
   return records;

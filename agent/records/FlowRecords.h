@@ -58,9 +58,6 @@ std::span<const RecordField> recordFields();
 /// Null: there is none of this name.
 const RecordField* recordField(std::string_view name);
 
-/// Adds those elements to the registry that it does not hold yet.
-void addRecordElements(Ipfix::ElementIdColl& registry);
-
 /// A flow record as the configuration describes it.
 struct RecordDefinition {
   std::vector<std::string> fields;  ///< names, in the order of the record

@@ -49,8 +49,9 @@ struct TrackerSettings {
   uint32_t sampleRate = 1;  ///< one packet out of this many
   std::chrono::milliseconds activeInterval{60000};
   std::chrono::milliseconds inactiveTimeout{15000};
-  uint16_t localPort = 4739;  ///< where devices send to, of a hardware tracker; 0: any
-  size_t maxFlows = 1000000;  ///< flows under way in each VRF, of a software tracker
+  uint16_t localPort = 4739;     ///< where devices send to, of a hardware tracker; 0: any
+  bool exporterAddress = false;  ///< records of devices get the device's address
+  size_t maxFlows = 1000000;     ///< flows under way in each VRF, of a software tracker
   std::string record = standardRecordName;  ///< what is told of a flow, of a software tracker ...
   RecordDefinition definition = builtInRecords().at(standardRecordName);  ///< ... and its fields
   std::map<std::string, ExporterSettings> exporters;

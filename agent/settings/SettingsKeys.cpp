@@ -127,6 +127,11 @@ std::vector<SettingsKey<TrackerSettings>> flowKeys() {
       key("local-port", &S::localPort, Integer<uint16_t>{"a port that devices send to", 0, 65535},
           "Of a tracker of type `\"hardware\"`: the UDP port that devices send to. 0: one that the "
           "kernel chooses; the log says which."),
+      key("exporter-address", &S::exporterAddress, YesNo{"exporter-address"},
+          "Of a tracker of type `\"hardware\"`: whether each record gets the address of its "
+          "device, as exporterIPv4Address or exporterIPv6Address "
+          "([below](#trackers-of-type-hardware)).",
+          Effect::trackerAnew),
   };
 }
 }  // namespace

@@ -2,6 +2,7 @@
 registry knows, in the tracker's own messages: each record once to each collector."""
 
 import collections
+import json
 import os
 import random
 import re
@@ -11,7 +12,7 @@ import time
 import pytest
 
 import traffic
-from lab import inside, parse_json_lines, resident_kib, wait_for
+from lab import inside, parse_json_lines, resident_kib, run, wait_for
 from tarnflow import Agent, edge, listen
 from tarnflow import flows as shared
 from wire import Capture, Nfcapd, tshark
@@ -46,7 +47,8 @@ def test_softflowd(lab, vrf, family):
         lab.address("up0", f"{HERE[4]}/24", ns=near, verb="del")
     capture = Capture(lab, "dn0", ns=far)
     store = Nfcapd(lab, THERE[family], ns=far)
-    agent = Agent(lab, edge({"c": THERE[family]}, tracker={"type": "hardware"}, vrf=vrf,
+    agent = Agent(lab, edge({"c": THERE[family]}, vrf=vrf,
+                            tracker={"type": "hardware", "exporter-address": True},
                             vrfs={vrf: 10} if near else {}, template_interval="60s"))
     here = f"{HERE[family]}:4739" if family == 4 else f"[{HERE[family]}]:4739"
     agent.program.wait_log(rf"tracker edge: devices send to {re.escape(here)} .*VRF {vrf}")
@@ -65,10 +67,15 @@ def test_softflowd(lab, vrf, family):
     decoded = [d for d in tshark(capture.file) if d.dst == THERE[family]]
     found = collections.Counter(stored_flows(store.stop()))
     assert found == collections.Counter(expected.items())
-    # The fields of softflowd that the registry knows, with the lengths that softflowd uses.
+    # The fields of softflowd, with the lengths that softflowd uses, and then its address.
     fields = {f for d in decoded for t in d.templates if t.scope_count == 0 for f in t.fields}
     known = {element for element, _, _ in fields}
-    assert known >= {1, 2, 4, 7, 8, 11, 12, 27, 28, 32, 61, 139, 152, 153} and 60 not in known
+    address = {4: 130, 6: 131}[family]
+    assert known == {1, 2, 4, 5, 6, 7, 8, 10, 11, 12, 14, 27, 28, 32, 60, 61, 136, 139, 152, 153, address}
+    assert all(t.fields[-1][0] == address for d in decoded for t in d.templates if not t.scope_count)
+    text = {4: "cflow.exporter_addr", 6: "cflow.exporter_addr_v6"}[family]
+    assert {r.get(text) for d in decoded for i, r in d.records if i < 65280} == {
+        json.loads(run("ip", "-j", "route", "get", HERE[family], ns=far))[0]["prefsrc"]}
     assert {length for element, length, _ in fields if element in (1, 2)} == {4}
 
 

@@ -82,6 +82,7 @@ class DecoderTest : public PassedTest {
                        pass(lens, records);
                      }},
                 limits) {
+    addIanaElements(*init->elementIdCollection());
     decoder.templates().holdIs(hold);
   }
   void publish(TemplateId id, const PassedLayout& layout) {
@@ -140,14 +141,15 @@ TEST_F(DecoderTest, WhatThereIsNoRoomForWaits) {
 /// (Octets changed at random are the fuzzer's.)
 class RandomTest : public DecoderTest {
  protected:
-  // The first 11 are passed on, 4 are unknown, the rest have a length that no encoding has.
-  static constexpr std::array<Field, 24> known = {
-      {{8, 4},           {28, 16}, {1, 8},        {1, 5},          {6, 1},
-       {152, 8},         {82, 9},  {82, 1400},    {82, variable},  {236, variable},
-       {1002, 1, 99991}, {60, 1},  {232, 7},      {371, variable}, {1002, 1, 7},
-       {8, 3},           {27, 4},  {56, 5},       {152, 4},        {1, 9},
-       {2, 0},           {82, 0},  {4, variable}, {1024, 2, 99991}}};
-  static bool kept(size_t field) { return field < 11; }
+  // The first 15 are passed on, 4 are unknown, the rest have a length that no encoding has.
+  static constexpr std::array<Field, 29> known = {
+      {{8, 4},           {28, 16},        {1, 8},           {1, 5},         {6, 1},
+       {152, 8},         {82, 9},         {82, 1400},       {82, variable}, {236, variable},
+       {1002, 1, 99991}, {60, 1},         {371, variable},  {130, 4},       {131, 16},
+       {32000, 7},       {292, variable}, {1002, 1, 7},     {130, 4, 7},    {8, 3},
+       {27, 4},          {56, 5},         {152, 4},         {1, 9},         {2, 0},
+       {82, 0},          {4, variable},   {1024, 2, 99991}, {131, 15}}};
+  static bool kept(size_t field) { return field < 15; }
   struct Template {
     std::vector<size_t> fields = {};  // of `known`; none: of options
     Seconds learnt = {};
@@ -156,6 +158,7 @@ class RandomTest : public DecoderTest {
     bool fixed = true;      // no field of variable length
     uint32_t shortest = 0;  // record
     uint32_t len = 0;       // of what is passed on, without variable fields
+    std::string address = {};
   };
   struct Device {
     uint32_t address;
@@ -167,7 +170,7 @@ class RandomTest : public DecoderTest {
     uint32_t next = 0;
   };
 
-  void describe(Template& t) {
+  void describe(Template& t, uint32_t address) {
     const size_t last = t.fields.empty() ? 0 : (t.fields.back() + 1 + pick(6)) % 7;  // another
     t = {};
     std::set<uint16_t> elements;
@@ -177,12 +180,17 @@ class RandomTest : public DecoderTest {
       t.fixed = t.fixed && field.len != variable;
       t.shortest += field.len == variable ? 1 : field.len;
       if (!kept(f)) {
-        ++(f < 15 ? expected.fieldsUnknown : expected.fieldsOfBadLength);
+        ++(f < 19 ? expected.fieldsUnknown : expected.fieldsOfBadLength);
         continue;
       }
       t.layout.push_back({field.element, field.len, field.pen != 0});
       elements.insert(field.element);
       t.len += field.len == variable ? 0 : field.len;
+    }
+    if (addresses && !elements.contains(130) && !elements.contains(131)) {
+      t.layout.push_back({130, 4, false});
+      t.len += 4;
+      t.address = be(address, 4);
     }
     t.mixed = elements.contains(8) && elements.contains(28);
     ++expected.templatesLearnt;
@@ -200,6 +208,7 @@ class RandomTest : public DecoderTest {
       made += octets;
       if (kept(f)) passes += octets;
     }
+    passes += t.address;
     return made;
   }
   void dataSet(const Template& t, TemplateId id) {
@@ -246,7 +255,7 @@ class RandomTest : public DecoderTest {
       expected.optionsRecords += n;
     } else if (what < 7) {
       Template& t = d.templates[id];
-      if (t.fields.empty() || pick(5) == 0) describe(t);
+      if (t.fields.empty() || pick(5) == 0) describe(t, d.address);
       t.learnt = now;
       std::vector<Field> fields;
       for (const size_t f : t.fields) fields.push_back(known[f]);
@@ -334,6 +343,7 @@ class RandomTest : public DecoderTest {
     ASSERT_TRUE(there.size() == wanted.size() || !untold.empty());
   }
 
+  bool addresses = false;
   Random pick;
   std::vector<Device> devices{{1, 1, 1}, {2, 1, 1}, {1, 2, 1}, {1, 1, 2}};
   LocalCollectorCounters expected;
@@ -352,6 +362,7 @@ TEST_F(RandomTest, EveryRecordTemplateAndNumberIsAccountedFor) {
     Device& d = devices[pick(devices.size())];
     sets.clear();
     records = options = 0;
+    decoder.templates().exporterAddressIs(addresses = pick(2) == 0);
     countable = true;
     for (uint32_t n = pick(4); n > 0; --n) anySet(d);
     if (pick(20) == 0) malformedSet();

@@ -11,6 +11,7 @@
 #include <set>
 
 #include "Ipfix/Ipfix.h"
+#include "agent/device/RecordReduction.h"
 #include "agent/flow/FlowMeter.h"
 #include "agent/records/FlowTemplates.h"
 #include "platform/sim/SimPlatform.h"
@@ -35,7 +36,7 @@ struct FlowCacheTest : testing::Test {
     std::string problem;
     const auto registry = Ipfix::elementIdCollFactory();
     registry->doInitialize();
-    addRecordElements(*registry);
+    addIanaElements(*registry);
     for (const auto& t : flowTemplates(recordLayouts(builtInRecords().at(standardRecordName)),
                                        firstFlowTemplate, *registry, problem))
       for (const auto& [position, entry] : t->ftTemplateEntry())
