@@ -118,6 +118,7 @@ MeterOrders FlowPath::orders(const VrfName& vrf) const {
   o.direction = settings_.direction;
   o.ownExport = settings_.ownExport;
   o.expression = settings_.filter;
+  o.context.sampleRate = settings_.sampleRate;
   o.context.host.onlyOwnLeave = settings_.direction == Direction::once;
   for (const auto& [id, name] : host_.vrfs->vrf())
     if (name == vrf) o.context.vrfId = id;
@@ -365,6 +366,7 @@ void FlowPath::drainAll() {
 
 void FlowPath::handleTick() {
   tickTask_->scheduleIs(tick);
+  if (settings_.samplingOption) export_.samplingIs(settings_.sampleRate);
   const bool hold = !toNobody() && !export_.ready();
   if (hold != hold_) {
     hold_ = hold;

@@ -29,6 +29,7 @@ T networkOrder(T v) {
 /// What encoding a record needs besides the flow.
 struct RecordContext {
   uint32_t vrfId = 0;
+  uint32_t sampleRate = 1;
   /// Names of interfaces by the index that is exported, where the record has them.
   std::map<uint32_t, std::string> interfaceNames;
   HostAddresses host;

@@ -28,6 +28,7 @@ enum Element : uint16_t {
   destinationIPv6Address = 28,
   sourceIPv6PrefixLength = 29,
   destinationIPv6PrefixLength = 30,
+  samplingInterval = 34,
   minimumTTL = 52,
   maximumTTL = 53,
   flowDirection = 61,
@@ -273,7 +274,7 @@ void PlannedFormat::put(FieldWriter& w, const Step& step, const Entry& e, const 
     case packetTotalCount:
       return w.put(e.packets + total[2]);
     case tcpControlBits:
-      return w.put(uint16_t{e.tcpFlags});
+      return step.len == 1 ? w.put(uint8_t{e.tcpFlags}) : w.put(uint16_t{e.tcpFlags});
     case minimumIpTotalLength:
       return w.put(uint64_t{e.leastOctets});
     case maximumIpTotalLength:
@@ -286,6 +287,8 @@ void PlannedFormat::put(FieldWriter& w, const Step& step, const Entry& e, const 
       return w.put(interfacesOf(e, step, context.host).ingress);
     case egressInterface:
       return w.put(interfacesOf(e, step, context.host).egress);
+    case samplingInterval:
+      return w.put(context.sampleRate);
     case ipNextHopIPv4Address:
     case ipNextHopIPv6Address:
       return w.text("", step.len);  // zeros, until EgressRoutes knows better

@@ -13,6 +13,16 @@ using HwFlowTracking::FtConfig;
 using Tarn::Ipfix::CollectorStatisticsEntry;
 using Tarn::Ipfix::CollectorStatisticsKey;
 
+namespace {
+// Behind the options tables' ids; the software flow path has none above these.
+constexpr TemplateId samplingTemplateId = 65284;
+static_assert(FlowTracking::Constants::isReserved(samplingTemplateId - 1) &&
+              !FlowTracking::Constants::isReserved(samplingTemplateId));
+// RFC 7011, 3.4.2.2: the id; two fields, the first of them a scope; observationDomainId (149) and
+// samplingInterval (34), four octets each.
+constexpr std::string_view samplingTemplate("\xff\x04\0\2\0\1\0\x95\0\4\0\x22\0\4", 14);
+}  // namespace
+
 /// One exporter as it stands in the trees at this moment.
 struct FlowExport::Route {
   Ptr<ExporterConfig> config;
@@ -119,44 +129,82 @@ void FlowExport::send(Exporter& exporter, const Route& to) {
   const bool current = to.templates->current();
   if (!current && exporter.held.size() <= heldMax) return;
   const auto held = std::exchange(exporter.held, {});
-  bool any = false;
-  const DscpValue dscp = to.config->dscp();
-  if (current) {
-    to.eachReady([&](FlowTracking::CollectorInfo& collector, const auto& dst) {
-      any = true;
-      using Dst = std::decay_t<decltype(dst)>;
-      for (const auto& [id, message] : held) {
-        const uint32_t seq = collector.ipfixMsgSeqNo().value();
-        collector.ipfixMsgSeqNoInc(message->recordCount());
-        const Ptr<Pkt> packet = message->pkt(seq);
-        if constexpr (std::is_same_v<Dst, IpAndPort>) {
-          FlowTracking::sendPkt4(packet, to.info->udpPam4(), to.config->srcIpAddr(), dst, dscp);
-        } else {
-          FlowTracking::sendPkt6(packet, to.info->udpPam6(), to.config->srcIp6Addr(), dst, dscp);
-        }
-      }
-      count(to, Tarn::Ipfix::CollectorInfo(dst.addr, dst.port), held);
-    });
-  }
-  if (any) return;
+  if (current && transmit(to, held, false)) return;
   for (const auto& [id, message] : held) counters_.recordsLost += message->recordCount();
 }
 
+bool FlowExport::transmit(const Route& to, const std::vector<Held>& messages, bool options) {
+  bool any = false;
+  const DscpValue dscp = to.config->dscp();
+  to.eachReady([&](FlowTracking::CollectorInfo& collector, const auto& dst) {
+    any = true;
+    using Dst = std::decay_t<decltype(dst)>;
+    for (const auto& [id, message] : messages) {
+      const uint32_t seq = collector.ipfixMsgSeqNo().value();
+      collector.ipfixMsgSeqNoInc(message->recordCount());
+      const Ptr<Pkt> packet = message->pkt(seq);
+      if constexpr (std::is_same_v<Dst, IpAndPort>) {
+        FlowTracking::sendPkt4(packet, to.info->udpPam4(), to.config->srcIpAddr(), dst, dscp);
+      } else {
+        FlowTracking::sendPkt6(packet, to.info->udpPam6(), to.config->srcIp6Addr(), dst, dscp);
+      }
+    }
+    count(to, Tarn::Ipfix::CollectorInfo(dst.addr, dst.port), messages, options);
+  });
+  return any;
+}
+
+void FlowExport::samplingIs(uint32_t rate) {
+  const auto tracker = ftConfig();
+  if (!tracker || rate == 0) return;
+  for (const auto& [name, config] : tracker->expConfig()) {
+    Route to;
+    SamplingTold& told = exporters_[name].sampling;
+    if (!route(config, to) || !to.templates->current() || !to.anyReady()) {
+      told = {};  // what is ready next may be another one, which counts from 0
+      continue;
+    }
+    const SamplingTold now{config, to.templates->templateTxCount(), rate};
+    if (std::exchange(told, now) == now) continue;
+    // Two messages, since some collectors learn a template only after the whole message. The
+    // builder counts a record in the first, and templates raise no sequence number (RFC 7011, 3.1).
+    std::vector<Held> messages;
+    const auto builder = FlowTracking::messageBuilderFactory(64, tracker->ftId());
+    const auto add = [&](FlowTracking::TemplateId set, std::string_view octets) {
+      builder->startMsg();
+      builder->addSetRecordStr(set, octets);
+      messages.push_back({set, builder->finalizeMsg()});
+    };
+    std::string record;
+    for (const uint32_t value : {tracker->ftId(), rate})
+      for (int shift = 24; shift >= 0; shift -= 8) record += static_cast<char>(value >> shift);
+    add(::Ipfix::IpfixConst::optionsTemplateSetId(), samplingTemplate);
+    messages.back().message->recordCountIs(0);
+    add(samplingTemplateId, record);
+    transmit(to, messages, true);
+  }
+}
+
 void FlowExport::count(const Route& to, const Tarn::Ipfix::CollectorInfo& collector,
-                       const std::vector<Held>& sent) {
+                       const std::vector<Held>& sent, bool options) {
   const CollectorStatisticsKey key(trackerName_, to.config->name(), collector);
   auto entry = tree_.statistics->stats(key).value_or(CollectorStatisticsEntry(key));
   for (const auto& [id, message] : sent) {
-    ++counters_.messages;
-    counters_.records += message->recordCount();
+    counters_.messages += !options;
+    counters_.records += options ? 0 : message->recordCount();
     entry.exportedMessageTotalCountInc(1);
     entry.exportedFlowRecordTotalCountInc(message->recordCount());
     entry.exportedOctetTotalCountInc(message->len());
-    entry.setEntryInc(Tarn::Ipfix::SetId(id), message->recordCount(), 0);
+    entry.setEntryInc(Tarn::Ipfix::SetId(id), message->recordCount(),
+                      id == ::Ipfix::IpfixConst::optionsTemplateSetId());
   }
   const double now = Platform::current().clock().now();
   entry.lastSentTimeIs(now);
-  entry.lastDataRecordSentTimeIs(now);
+  if (options) {
+    entry.lastOptionsDataSentTimeIs(now);
+  } else {
+    entry.lastDataRecordSentTimeIs(now);
+  }
   tree_.statistics->statsIs(entry);
 }
 

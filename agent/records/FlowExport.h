@@ -45,6 +45,12 @@ class FlowExport {
   void recordsIs(FlowTracking::TemplateId id, uint16_t len, std::string_view records) {
     recordsIs(id, RecordLens(&len, 1), records);
   }
+  /// Tells the collectors, in an options record about the observation domain, that one packet out
+  /// of `rate` is counted (samplingInterval): for those that take the sampling rate from nothing
+  /// else. Whenever an exporter's data templates were sent or the rate is another one, all its
+  /// ready collectors get the options template and the record. Records go by before it only to a
+  /// collector that is newer than the last call. To be called again and again; 0: tells nothing.
+  void samplingIs(uint32_t rate);
   /// What has gathered leaves, in messages that are not full.
   void flush();
   /// The same for the last time: what cannot leave now is lost and counted.
@@ -67,9 +73,19 @@ class FlowExport {
     FlowTracking::TemplateId id;
     Ptr<FlowTracking::Message> message;
   };
+  /// When the sampling was last told: how often templates had been sent by then, and the rate. It
+  /// holds the exporter's configuration and not the reactor that sends the templates, which would
+  /// go on sending for as long as somebody holds it.
+  struct SamplingTold {
+    Ptr<HwFlowTracking::ExporterConfig> by;
+    uint32_t templatesSent = 0;
+    uint32_t rate = 0;
+    bool operator==(const SamplingTold&) const = default;
+  };
   struct Exporter {
     std::map<FlowTracking::TemplateId, Ptr<FlowTracking::MessageBuilder>> builders;
     std::vector<Held> held;
+    SamplingTold sampling;
   };
   struct Route;
 
@@ -82,8 +98,10 @@ class FlowExport {
             FlowTracking::TemplateId id, RecordLens lens, std::string_view records);
   void finish(Exporter& exporter, const Route& to, FlowTracking::TemplateId id);
   void send(Exporter& exporter, const Route& to);
+  /// Sends the messages to each ready collector; false: there is none.
+  bool transmit(const Route& to, const std::vector<Held>& messages, bool options);
   void count(const Route& to, const Tarn::Ipfix::CollectorInfo& collector,
-             const std::vector<Held>& sent);
+             const std::vector<Held>& sent, bool options);
   void forgetGone(const HwFlowTracking::FtConfig* tracker);
 
   std::string trackerName_;

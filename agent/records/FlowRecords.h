@@ -44,7 +44,7 @@ std::string_view toText(Tunnel t);  ///< "outer", "inner"
 
 /// One information element that the software flow path knows to fill.
 struct RecordField {
-  const char* name;   ///< IANA's
+  const char* name;   ///< IANA's; with "/1" behind it, in one octet (RFC 7011, 6.2)
   uint16_t element;   ///< its number
   uint16_t len;       ///< octets in a record
   PacketKinds kinds;  ///< the packets that have it; the records of others leave it out

@@ -45,8 +45,9 @@ struct TrackerSettings {
   Tunnel tunnel = Tunnel::outer;          ///< which packet of a tunnel's is tracked
   bool ownExport = false;                 ///< the agent's own messages are tracked as well
   bool promiscuous = false;               ///< packets for other stations are asked for
-  std::string filter;       ///< an expression that chooses packets; empty: all of them
-  uint32_t sampleRate = 1;  ///< one packet out of this many
+  std::string filter;           ///< an expression that chooses packets; empty: all of them
+  uint32_t sampleRate = 1;      ///< one packet out of this many
+  bool samplingOption = false;  ///< an options record says so
   std::chrono::milliseconds activeInterval{60000};
   std::chrono::milliseconds inactiveTimeout{15000};
   uint16_t localPort = 4739;     ///< where devices send to, of a hardware tracker; 0: any

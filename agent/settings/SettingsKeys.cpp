@@ -105,6 +105,10 @@ std::vector<SettingsKey<TrackerSettings>> packetKeys() {
       key("sample-rate", &S::sampleRate,
           Integer<uint32_t>{"a sample rate, one packet out of so many,", 1, UINT32_MAX},
           "One packet out of so many is looked at, of those that pass the filter."),
+      key("sampling-option", &S::samplingOption, YesNo{"sampling-option"},
+          "Of a tracker of type `\"software\"`: whether an options record of its own, which goes "
+          "with the templates, tells the sample rate as well: for collectors that take it from no "
+          "other ([below](#sampling))."),
   };
 }
 /// Those that say how its flows are told, and where a device sends its own.

@@ -10,7 +10,7 @@ import json
 import re
 import struct
 
-from lab import run, wait_for
+from lab import parse_json_lines, run, wait_for
 
 PORT = 4739
 TEMPLATES = (2, 3)  # the set ids of templates (RFC 7011, 3.3.2)
@@ -96,6 +96,25 @@ class Nfcapd:
         wrong = r"(?<!Sequence )error|fail|malformed|corrupt|skip|unknown|not enough|Packets: [1-9]\d*$"
         assert not re.search(wrong, log, re.I | re.M), log
         return json.loads(run("env", "TZ=UTC", "nfdump", "-R", self.directory, "-o", "json"))
+
+
+class Nfacctd:
+    """Another one, told to scale sampled traffic up, and the flows that it printed. It prints late and may
+    not hear SIGTERM: to be waited for by what it printed, and killed."""
+
+    def __init__(self, lab, address, port, ns=None):
+        self.directory = lab.path("nfacctd")
+        self.directory.mkdir()
+        config = self.directory / "config"
+        config.write_text(f"nfacctd_ip: {address}\nnfacctd_port: {port}\nnfacctd_renormalize: true\n"
+                          "plugins: print\naggregate: src_host,dst_host,src_port,dst_port,proto,tcpflags\n"
+                          "print_output: json\nprint_refresh_time: 1\nprint_output_file_append: true\n"
+                          f"print_output_file: {self.directory}/flows.json\n")
+        self.program = lab.start("nfacctd", "nfacctd", "-f", config, ns=ns)
+        self.program.wait_log("Purging cache - END", 30)  # from here on it takes records
+
+    def flows(self):
+        return [flow for file in self.directory.glob("*.json") for flow in parse_json_lines(file.read_text())]
 
 
 # A template as tshark read it (scope_count 0: a data template), fields: (element id, length,

@@ -3,6 +3,7 @@ collector stored is compared flow by flow with what was sent."""
 
 import collections
 import datetime
+import json
 import pathlib
 import random
 import re
@@ -17,7 +18,7 @@ import traffic
 from lab import SLOW, descriptors, parse_json_lines, run, wait_for
 from tarnflow import AGENT, Agent, edge, flows, listen, tool
 from traffic import Key, Sum, play
-from wire import Capture, Nfcapd, no_faults, tshark
+from wire import Capture, Nfacctd, Nfcapd, no_faults, tshark
 from wire_maker import pcap
 
 FLOWS = 10000
@@ -305,6 +306,37 @@ def test_sampling(house):
     off = (edge["packetsSeen"] - count / rate) / deviation
     assert abs(off) < 5, (off, edge)
     assert edge["packets"] + edge["kernelDrops"] == edge["packetsSeen"]
+
+
+def test_sampling_at_collectors(house):
+    """Collectors that were told of the rate show all of the traffic: ten times what was counted."""
+    lab, capture, rate = house, house.path("sampled.pcap"), 10
+    capture.write_bytes(pcap([frame for frame, *_ in traffic.mixture(500)]))
+    keys = ["sourceIPv4Address", "destinationIPv4Address", "sourceIPv6Address",
+            "destinationIPv6Address", "sourceTransportPort", "destinationTransportPort",
+            "protocolIdentifier"]
+    fields = [*keys, "packetDeltaCount", "octetDeltaCount", "flowStartMilliseconds",
+              "flowEndMilliseconds", "tcpControlBits/1", "samplingInterval"]
+    own = f"[record.own]\nfields = {json.dumps(fields)}\nkeys = {json.dumps(keys)}\n"
+    for name, port, tracker, more in (("option", 9996, {"sampling-option": True}, ""),
+                                      ("field", 9997, {"record": "own"}, own)):
+        to = {"a": FAR["nf4"], "b": ("10.99.0.3", port)}  # of the first one a process may be left
+        scaled = Nfacctd(lab, *to["b"], ns="tt-far")
+        store = Nfcapd(lab, "10.99.0.2", port=9995, ns="tt-far")
+        wire = Capture(lab, "dn0", ns="tt-far", ports=(9995,))
+        text = settings(to, **{"sample-rate": rate}, **tracker) + more
+        reader = reading(lab, name, capture, text)[0]
+        assert reader.wait_exit(30) == 0, reader.log()
+        counted = int(re.search(r"(\d+) in flows", reader.err())[1])
+        wait_for(f"nfacctd shows all, by {name}", lambda: sum(
+            flow["packets"] for flow in scaled.flows()) == rate * counted, 30)
+        seen = [flow for flow in scaled.flows() if flow["ip_proto"] == "tcp"]
+        assert any(int(flow["tcp_flags"]) for flow in seen) == (name == "field")
+        scaled.program.stop(signal.SIGKILL)
+        factor = rate if name == "option" else 1
+        assert sum(r["in_packets"] for r in store.stop()) == factor * counted
+        wire.stop()
+        no_faults(wire.file, (9995,))
 
 
 def test_overload(house):

@@ -48,6 +48,7 @@ class RandomSettings {
     if (what == 5) t.activeInterval = time();
     if (what == 6) t.inactiveTimeout = time();
     if (what == 7) t.sampleRate = 1 + pick(5000);
+    if (what == 7) t.samplingOption = pick(2) == 0;
     if (what == 7) t.exporterAddress = pick(2) == 0;
     if (what == 8) t.maxFlows = 1 + pick(1000);
     if (what == 8 && t.record == "standard") t.egress = Egress(pick(2));

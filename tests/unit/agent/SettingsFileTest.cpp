@@ -175,7 +175,7 @@ TEST(SettingsFile, RecordsThatMakeNoSense) {
       {all, R"("sourceIPv4Address", "destinationIPv4Address", "ethernetType")",
        R"(key 'record.r.fields': "ethernetType" is not allowed: keys are among the first 31 fields)"},
       {all, R"("sourceIPv4Address", "destinationIPv4Address")",
-       R"(6:7: key 'tracker.t.exporter.e.mtu': 327 is not allowed: record r of the tracker needs one of 3)",
+       R"(6:7: key 'tracker.t.exporter.e.mtu': 327 is not allowed: record r of the tracker needs one of 4)",
        "[tracker.t.exporter.e]\nlocal-interface = \"lo\"\nmtu = 327"},
   };
   for (const Row& row : rows) {
