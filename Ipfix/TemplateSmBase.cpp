@@ -341,7 +341,7 @@ uint32_t TemplateExporterSmBase::addTemplateFieldSpecifier(const Ptr<Pkt>& pkt, 
   FieldSpecifier field(pkt, offset, entry.enterpriseIe());
   field.elementIdIs(static_cast<uint16_t>(entry.fieldId().value()));
   field.fieldLenIs(entry.fieldLen());
-  if (entry.enterpriseIe()) field.entNumIs(IpfixConst::enterpriseNumber());
+  if (entry.enterpriseIe()) field.entNumIs(IpfixConst::enterpriseNumberOf(entry.fieldId()));
   return offset + field.len();
 }
 

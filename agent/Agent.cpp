@@ -24,6 +24,7 @@ using FlowTracking::FlowTrackingType;
 Ptr<Ipfix::IpfixInitSm> makeIpfix() {
   auto ipfix = Ipfix::ipfixInitSmFactory();
   addIanaElements(*ipfix->elementIdCollection());
+  addReverseElements(*ipfix->elementIdCollection());
   return ipfix;
 }
 

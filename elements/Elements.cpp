@@ -1,6 +1,9 @@
 #include "elements/Elements.h"
 
+#include <cctype>
 #include <iterator>
+#include <map>
+#include <string>
 
 namespace elements {
 namespace {
@@ -45,6 +48,28 @@ size_t typeLen(Type type) { return rowOf(type).most; }
 bool typeAllows(Type type, size_t len) {
   if (type == Type::float64) return len == 4 || len == 8;
   return len >= rowOf(type).least && len <= rowOf(type).most;
+}
+
+const Element* reverseElement(uint16_t id) {
+  struct Reverse {
+    std::string name;
+    Element element;
+  };
+  static const auto all = [] {
+    std::map<uint16_t, Reverse> made;
+    for (uint32_t number = 0; number < 0x8000; ++number) {
+      const Element* const iana = ianaElement(static_cast<uint16_t>(number));
+      if (!iana) continue;
+      Reverse& r = made[static_cast<uint16_t>(number)];
+      r.name = "reverse" + std::string(iana->name);
+      r.name[7] = static_cast<char>(std::toupper(static_cast<unsigned char>(r.name[7])));
+      r.element = *iana;
+      r.element.name = r.name;
+    }
+    return made;
+  }();
+  const auto it = all.find(id);
+  return it == all.end() ? nullptr : &it->second.element;
 }
 
 Type typeOf(bool enterprise, uint16_t id, size_t len) {

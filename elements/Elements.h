@@ -83,6 +83,10 @@ struct Element {
 /// The element of this number in IANA's registry (https://www.iana.org/assignments/ipfix); null
 /// when the list in IanaElements.cpp has none.
 const Element* ianaElement(uint16_t id);
+/// What it tells of a two-way flow's other direction: `reverseOctetDeltaCount` of `octetDeltaCount`
+/// (RFC 5103, 6.1; enterprise number 29305). Null where IANA has none of this number.
+const Element* reverseElement(uint16_t id);
+inline constexpr uint32_t reverseEnterprise = 29305;
 
 /// The largest number that `ianaElement` knows.
 uint16_t lastIanaElement();

@@ -43,6 +43,16 @@ struct IpfixConst {
   static constexpr uint32_t maxUdpPayload() { return 65507; }
   /// The enterprise number written into field specifiers of enterprise elements.
   static constexpr uint32_t enterpriseNumber() { return 99991; }
+  /// The enterprise number of reverse information elements (RFC 5103, 6.1): they tell of a two-way
+  /// flow's other direction what IANA's element of the same number tells of the first.
+  static constexpr uint32_t reverseEnterpriseNumber() { return 29305; }
+  /// The number of a reverse element in the registry of elements: that of IANA's element with bit
+  /// 15, which no number has on the wire.
+  static constexpr RecordType reverseElement(RecordType id) { return id.value() | 0x8000; }
+  /// The enterprise number that goes with an enterprise element of the registry.
+  static constexpr uint32_t enterpriseNumberOf(RecordType id) {
+    return (id.value() & 0x8000) != 0 ? reverseEnterpriseNumber() : enterpriseNumber();
+  }
   /// Octets of an IPv6 and a UDP header: `ipfixMtu` less this is the largest message.
   static constexpr uint32_t ipUdpHeaderLen() { return 48; }
 };

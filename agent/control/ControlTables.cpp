@@ -135,11 +135,12 @@ void eachTracker(const Exports& exports, const std::string& only, const std::str
 template <class Entries>
 void addFields(Json& fields, const Exports& exports, const Entries& entries, bool scope) {
   for (const auto& [position, e] : entries) {
-    Json out = {{"name", nameOf(exports, e.fieldId())},
-                {"id", e.fieldId().value()},
-                {"enterprise", e.enterpriseIe() ? Ipfix::IpfixConst::enterpriseNumber() : 0},
-                {"length", e.fieldLen()},
-                {"scope", scope}};
+    Json out = {
+        {"name", nameOf(exports, e.fieldId())},
+        {"id", e.fieldId().value() & 0x7fff},
+        {"enterprise", e.enterpriseIe() ? Ipfix::IpfixConst::enterpriseNumberOf(e.fieldId()) : 0},
+        {"length", e.fieldLen()},
+        {"scope", scope}};
     if (e.flowKey()) out["key"] = true;
     fields.push_back(std::move(out));
   }

@@ -283,9 +283,11 @@ void Entities::publishTemplates(const std::string& name, Tracker& tracker,
   // All templates leave in one message. Collectors know the former ones, so these need not be
   // there.
   uint32_t len = messageLenFor(layouts);
-  for (const TemplateId id : tracker.formerTemplates)
-    len +=
-        4 + 4 * static_cast<uint32_t>(tracker.status->templateStatus(id)->ftTemplateEntry().size());
+  for (const TemplateId id : tracker.formerTemplates) {
+    len += 4;
+    for (const auto& [position, entry] : tracker.status->templateStatus(id)->ftTemplateEntry())
+      len += entry.specifierLen();
+  }
   const auto& exporters = wanted.exporters;
   const bool fit = std::all_of(exporters.begin(), exporters.end(), [&](const auto& e) {
     return Ipfix::IpfixConst::ipUdpHeaderLen() + len <= e.second.mtu;

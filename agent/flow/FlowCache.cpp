@@ -59,10 +59,10 @@ bool FlowCache::stays(Table& table, typename Table::Entry& entry, EndReason reas
   return true;
 }
 
-template <class Entry>
-void FlowCache::lose(const Entry& entry) {
+template <class Table>
+void FlowCache::lose(const Table& table, const typename Table::Entry& entry) {
   ++counters_.lost[static_cast<size_t>(hold_ ? Loss::noCollector : Loss::queueFull)];
-  counters_.lostPackets += entry.packets;
+  counters_.lostPackets += table.format().packets(entry);
 }
 
 template <class Table>
@@ -103,7 +103,7 @@ void FlowCache::nowIs(int64_t nowMs) {
 
 template <class Table>
 void FlowCache::evict(Table& table, typename Table::Entry& entry) {
-  if (!report(table, entry, EndReason::lackOfResources)) lose(entry);
+  if (!report(table, entry, EndReason::lackOfResources)) lose(table, entry);
   table.remove(entry);
 }
 template <class Table>
@@ -150,9 +150,13 @@ void FlowCache::count(Table& table, const typename Table::Key& key, const S& s) 
       }
     }
   }
-  if (!entry) entry = &make(table, key, s);
+  if (!entry) {
+    entry = &make(table, key, s);
+  } else if (table.format().lacks(*entry, s)) {
+    table.format().keepOther(*entry, table.cold(*entry), s);
+  }
   table.format().count(*entry, s);
-  if ((s.flags() & (tcpFin | tcpRst)) != 0 && !entry->ending) {
+  if (table.format().ends(*entry, s) && !entry->ending) {
     entry->ending = true;
     table.dueAt(*entry, dueMs(*entry));
   }
@@ -207,7 +211,7 @@ bool FlowCache::feed(size_t& table, size_t& place, size_t places, FlowFeedBlock&
 void FlowCache::endAll(EndReason reason) {
   eachTable([&](auto& table) {
     table.takeAll([&](const auto& entry) {
-      if (!this->report(table, entry, reason)) this->lose(entry);
+      if (!this->report(table, entry, reason)) this->lose(table, entry);
     });
   });
 }

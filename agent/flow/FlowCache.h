@@ -132,8 +132,8 @@ class FlowCache {
   void evict(Table& table, typename Table::Entry& entry);
   template <class Table>
   void evictFrom(Table& table);
-  template <class Entry>
-  void lose(const Entry& entry);
+  template <class Table>
+  void lose(const Table& table, const typename Table::Entry& entry);
   template <class Table>
   bool report(Table& table, const typename Table::Entry& entry, EndReason reason);
   /// After the report of a flow that is over: true, it stays.

@@ -128,6 +128,17 @@ struct StandardFormat : FixedFormat<EntryType> {
     e.lastMs = std::max(e.lastMs, s.timeMs);
     e.tcpFlags |= s.parsed.tcpFlags;
   }
+  template <class Sample>
+  static constexpr bool lacks(const Entry&, const Sample&) {
+    return false;
+  }
+  template <class Sample>
+  static constexpr void keepOther(Entry&, char* /*cold*/, const Sample&) {}
+  template <class Sample>
+  static constexpr bool ends(const Entry&, const Sample& s) {
+    return (s.flags() & (tcpFin | tcpRst)) != 0;
+  }
+  static uint64_t packets(const Entry& e) { return e.packets; }
   static constexpr bool goOn(const Entry&, char* /*cold*/) { return false; }
   static constexpr bool silent(const Entry&) { return false; }
   static size_t encode(const Entry& e, const char* /*cold*/, EndReason reason,

@@ -29,7 +29,7 @@ struct FlowTimes {
 };
 
 inline constexpr int64_t endingMs = 1000;  ///< the last acknowledgements follow a FIN
-inline constexpr uint8_t tcpFin = 0x01, tcpSyn = 0x02, tcpRst = 0x04;
+inline constexpr uint8_t tcpFin = 0x01, tcpSyn = 0x02, tcpRst = 0x04, tcpAck = 0x10;
 
 /// What is known of one flow: one cache line for IPv4, one and a half for IPv6. `next` and `prev`
 /// are places, from 1, of entries in the same list of a FlowTable.

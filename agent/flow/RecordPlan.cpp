@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <initializer_list>
-#include <limits>
 #include <span>
 #include <string_view>
 #include <utility>
@@ -89,7 +88,6 @@ constexpr Place places[] = {
 constexpr Place sums[] = {
     {octetDeltaCount, offsetof(PlannedEntry, octets), 8, true},
     {packetDeltaCount, offsetof(PlannedEntry, packets), 8, true},
-    {minimumTTL, offsetof(PlannedEntry, leastTtl), 1, false},
     {maximumTTL, offsetof(PlannedEntry, mostTtl), 1, false},
 };
 /// Null: it is not in there.
@@ -127,8 +125,23 @@ const Place* placeIn(uint16_t element, bool derivesInterfaces) {
   return interface && derivesInterfaces ? &derived : placeOf(places, element);
 }
 
-// Whoever goes on without a packet begins with the next one.
-constexpr int64_t notYet = std::numeric_limits<int64_t>::max() / 4;
+bool isTotal(uint16_t element) {
+  return element == octetTotalCount || element == packetTotalCount ||
+         element == layer2OctetTotalCount;
+}
+
+constexpr uint16_t numberBits = 0x7fff;  // of a RecordField's element
+
+/// The destination's element of the source's, and the other way round; of others the same.
+uint16_t otherEnd(uint16_t element) {
+  constexpr uint16_t ends[][2] = {{7, 11},
+                                  {sourceIPv4Address, destinationIPv4Address},
+                                  {sourceIPv6Address, destinationIPv6Address}};
+  for (const auto& [source, destination] : ends)
+    if (element == source || element == destination)
+      return element == source ? destination : source;
+  return element;
+}
 
 /// The NTP format of RFC 7011, 6.1.9 and 6.1.10: seconds since 1900, and their fraction, rounded
 /// up, or who reads it would find a nanosecond less.
@@ -162,23 +175,24 @@ PlannedFormat::PlannedFormat(const RecordLayout& layout, uint32_t prefix4, uint3
     std::array<uint8_t, PacketFacts::end> mask{};
     std::array<bool, PacketFacts::words> any{};
   };
-  Chosen chosen[2];  // of the first packet, of the key
+  Chosen chosen[3];  // of the first packet, of the reverse direction's, of the key
   for (const auto& [field, key] : layout.fields) {
-    const Place* const in = placeIn(field->element, derivesInterfaces_);
+    const Place* const in = placeIn(field->element & numberBits, derivesInterfaces_);
+    Chosen& own = chosen[key ? 2 : field->reverse()];
     for (size_t i = 0; in && i < in->len; ++i) {
-      chosen[key].mask[in->at + i] |= octetMask(field->element, i, prefix4, prefix6);
-      chosen[key].any[(in->at + i) / 8] = true;
+      own.mask[in->at + i] |= octetMask(field->element, i, prefix4, prefix6);
+      own.any[(in->at + i) / 8] = true;
     }
   }
-  for (const bool key : {true, false}) {
+  for (size_t which = 0; which < 3; ++which) {
     for (size_t i = 0; i < PacketFacts::words; ++i) {
-      if (!chosen[key].any[i]) continue;
+      if (!chosen[which].any[i]) continue;
       Word word{i, 0};
-      std::memcpy(&word.mask, &chosen[key].mask[8 * i], 8);
-      if (key) {
+      std::memcpy(&word.mask, &chosen[which].mask[8 * i], 8);
+      if (which == 2) {
         key_[keyWords_++] = word;
       } else {
-        first_.push_back(word);
+        first_[which].push_back(word);
       }
     }
   }
@@ -190,22 +204,28 @@ PlannedFormat::PlannedFormat(const RecordLayout& layout, uint32_t prefix4, uint3
   size_t words = keyWords_;
   const auto reserve = [&](size_t n) { return std::exchange(words, words + n); };
   words += words == 0;  // place 0 says that there is none
-  if (has({layer2OctetDeltaCount, layer2OctetTotalCount})) layer2_ = reserve(1);
+  const bool both = has({biflowDirection});
+  if (has({layer2OctetDeltaCount, layer2OctetTotalCount})) layer2_ = reserve(1 + both);
   if (has({flowStartMicroseconds, flowEndMicroseconds, flowStartNanoseconds, flowEndNanoseconds}))
-    nanoseconds_ = reserve(1);
+    nanoseconds_ = reserve(1 + both);
+  if (both) biflow_ = reserve(sizeof(Biflow) / 8);
   // A cache line, or few entries that begin in one and end in the next.
   const auto rounded = [](size_t n, size_t to) { return (n + to - 1) / to * to; };
   entryLen_ = std::max(rounded(sizeof(Entry) + 8 * words, 32), size_t{64});
-  totals_ = 8 * first_.size();
+  totals_ = 8 * (first_[0].size() + first_[1].size());
   hasTotals_ = has({octetTotalCount, packetTotalCount, layer2OctetTotalCount});
-  links_ = totals_ + (hasTotals_ ? 24 : 0);
+  links_ = totals_ + (hasTotals_ ? 24 * (1 + both) : 0);
   coldLen_ = rounded(links_ + sizeof(Links), 8);
-  for (const auto& field : layout.fields) addStep(field, prefix4, prefix6);
+  for (const bool turned : {false, true})
+    for (const auto& field : layout.fields) addStep(field, prefix4, prefix6, turned);
 }
 
-void PlannedFormat::addStep(const RecordLayout::Field& field, uint32_t prefix4, uint32_t prefix6) {
-  const uint16_t element = field.field->element;
-  Step step{Step::computed, false, element, 0, field.field->len};
+void PlannedFormat::addStep(const RecordLayout::Field& field, uint32_t prefix4, uint32_t prefix6,
+                            bool turned) {
+  const bool reverse = field.field->reverse();
+  uint16_t element = field.field->element & numberBits;
+  if (turned && field.key) element = otherEnd(element);
+  Step step{Step::computed, false, reverse, element, 0, field.field->len};
   const auto kindOf = [](const Place& p) {
     if (!p.swapped) return Step::octets;
     return p.len == 2 ? Step::swapped2 : p.len == 4 ? Step::swapped4 : Step::swapped8;
@@ -217,68 +237,58 @@ void PlannedFormat::addStep(const RecordLayout::Field& field, uint32_t prefix4, 
           words);
     };
     step.cold = !field.key;
-    const size_t word = step.cold ? 8 * at(first_.data(), first_.size())
-                                  : sizeof(Entry) + 8 * at(key_.data(), keyWords_);
+    const auto& first = first_[reverse];
+    const size_t word = !step.cold ? sizeof(Entry) + 8 * at(key_.data(), keyWords_)
+                        : reverse  ? 8 * (first_[0].size() + at(first.data(), first.size()))
+                                   : 8 * at(first.data(), first.size());
     step.from = static_cast<uint16_t>(word + in->at % 8u);
     if (element != interfaceName && in != &derived) step.kind = kindOf(*in);
   } else if (const Place* const sum = placeOf(sums, element)) {
     step.kind = kindOf(*sum);
     step.from = sum->at;
+    if (reverse) step.from = static_cast<uint16_t>(step.from + sizeof(Entry) + 8 * biflow_);
   } else if (element == sourceIPv4PrefixLength || element == destinationIPv4PrefixLength) {
     step.from = static_cast<uint16_t>(prefix4);
   } else if (element == sourceIPv6PrefixLength || element == destinationIPv6PrefixLength) {
     step.from = static_cast<uint16_t>(prefix6);
   }
-  Step* const last = steps_.empty() ? nullptr : &steps_.back();
+  std::vector<Step>& steps = steps_[turned];
+  Step* const last = steps.empty() ? nullptr : &steps.back();
   if (step.kind == Step::octets && last && last->kind == Step::octets && last->cold == step.cold &&
       last->from + last->len == step.from) {
     last->len = static_cast<uint16_t>(last->len + step.len);
   } else {
-    steps_.push_back(step);
+    steps.push_back(step);
   }
-}
-
-void PlannedFormat::countNanoseconds(Entry& e, const PlannedSample& s) const {
-  Nanoseconds& ns = *nanoseconds(e);
-  if (s.timeMs < e.firstMs || (s.timeMs == e.firstMs && s.timeNs < ns.first)) ns.first = s.timeNs;
-  if (s.timeMs > e.lastMs || (s.timeMs == e.lastMs && s.timeNs > ns.last)) ns.last = s.timeNs;
-}
-
-bool PlannedFormat::goOn(Entry& e, char* cold) const {
-  if (!hasTotals_) return false;
-  auto* const total = reinterpret_cast<uint64_t*>(cold + totals_);
-  total[0] += std::exchange(e.octets, 0);
-  if (layer2_ > 0) total[1] += std::exchange(e.words()[layer2_], 0);
-  total[2] += std::exchange(e.packets, 0);
-  e.firstMs = notYet;
-  e.tcpFlags = 0;
-  e.leastTtl = UINT8_MAX;
-  e.leastOctets = UINT16_MAX;
-  e.mostTtl = 0;
-  e.mostOctets = 0;
-  return true;
 }
 
 void PlannedFormat::put(FieldWriter& w, const Step& step, const Entry& e, const char* cold,
                         EndReason reason, const RecordContext& context) const {
   const auto ms = [](int64_t t) { return static_cast<uint64_t>(std::max<int64_t>(t, 0)); };
-  const auto* const total = reinterpret_cast<const uint64_t*>(cold + totals_);
-  const auto* const ns = reinterpret_cast<const Nanoseconds*>(e.words() + nanoseconds_);
+  const auto [own, first, last, ns] = sideOf(e, step.reverse);
+  if (step.reverse && own.packets == 0 && !isTotal(step.element)) return w.text({}, step.len);
+  const size_t which = step.reverse;
+  const auto* const total = reinterpret_cast<const uint64_t*>(cold + totals_) + 3 * which;
+  const uint64_t layer2 = e.words()[layer2_ + which];
   switch (step.element) {
     case layer2OctetDeltaCount:
-      return w.put(e.words()[layer2_]);
+      return w.put(layer2);
     case octetTotalCount:
-      return w.put(e.octets + total[0]);
+      return w.put(own.octets + total[0]);
     case layer2OctetTotalCount:
-      return w.put(e.words()[layer2_] + total[1]);
+      return w.put(layer2 + total[1]);
     case packetTotalCount:
-      return w.put(e.packets + total[2]);
+      return w.put(own.packets + total[2]);
     case tcpControlBits:
-      return step.len == 1 ? w.put(uint8_t{e.tcpFlags}) : w.put(uint16_t{e.tcpFlags});
+      return step.len == 1 ? w.put(uint8_t{own.tcpFlags}) : w.put(uint16_t{own.tcpFlags});
     case minimumIpTotalLength:
-      return w.put(uint64_t{e.leastOctets});
+      return w.put(own.packets > 0 ? uint64_t{own.leastOctets} : 0);
     case maximumIpTotalLength:
-      return w.put(uint64_t{e.mostOctets});
+      return w.put(uint64_t{own.mostOctets});
+    case minimumTTL:
+      return w.put(own.packets > 0 ? own.leastTtl : uint8_t{0});
+    case biflowDirection:  // 1: who began it is known to be the source
+      return w.put(static_cast<uint8_t>(e.sure));
     case flowEndReason:
       return w.put(static_cast<uint8_t>(reason));
     case ingressVRFID:
@@ -290,28 +300,28 @@ void PlannedFormat::put(FieldWriter& w, const Step& step, const Entry& e, const 
     case samplingInterval:
       return w.put(context.sampleRate);
     case ipNextHopIPv4Address:
-    case ipNextHopIPv6Address:
-      return w.text("", step.len);  // zeros, until EgressRoutes knows better
+    case ipNextHopIPv6Address:  // zeros, until EgressRoutes knows better
+      return w.text({}, step.len);
     case interfaceName:
       return w.text(
           nameOf(context, (step.cold ? cold : reinterpret_cast<const char*>(&e)) + step.from),
           step.len);
     case flowStartSeconds:
-      return w.put(static_cast<uint32_t>(ms(e.firstMs) / 1000));
+      return w.put(static_cast<uint32_t>(ms(first) / 1000));
     case flowEndSeconds:
-      return w.put(static_cast<uint32_t>(ms(e.lastMs) / 1000));
+      return w.put(static_cast<uint32_t>(ms(last) / 1000));
     case flowStartMilliseconds:
-      return w.put(ms(e.firstMs));
+      return w.put(ms(first));
     case flowEndMilliseconds:
-      return w.put(ms(e.lastMs));
+      return w.put(ms(last));
     case flowStartMicroseconds:
-      return w.put(ntpMicroseconds(e.firstMs, ns->first));
+      return w.put(ntpMicroseconds(first, ns.first));
     case flowEndMicroseconds:
-      return w.put(ntpMicroseconds(e.lastMs, ns->last));
+      return w.put(ntpMicroseconds(last, ns.last));
     case flowStartNanoseconds:
-      return w.put(ntpTime(e.firstMs, ns->first));
+      return w.put(ntpTime(first, ns.first));
     case flowEndNanoseconds:
-      return w.put(ntpTime(e.lastMs, ns->last));
+      return w.put(ntpTime(last, ns.last));
     default:  // a prefix length
       return w.put(static_cast<uint8_t>(step.from));
   }
@@ -335,7 +345,7 @@ FlowInterfaces PlannedFormat::interfacesOf(const Entry& e, const Step& step,
 size_t PlannedFormat::encode(const Entry& e, const char* cold, EndReason reason,
                              const RecordContext& context, char* to) const {
   FieldWriter w(to);
-  for (const Step& step : steps_) {
+  for (const Step& step : steps_[e.turned]) {
     const char* const from = (step.cold ? cold : reinterpret_cast<const char*>(&e)) + step.from;
     switch (step.kind) {
       case Step::octets:
@@ -365,7 +375,8 @@ RecordPlan::RecordPlan(const RecordDefinition& definition, FlowTracking::Templat
     : layouts_(recordLayouts(definition)),
       firstTemplate_(firstTemplate),
       tunnel_(tunnel),
-      standard_(tunnel == Tunnel::outer && definition == builtInRecords().at(standardRecordName)) {
+      standard_(tunnel == Tunnel::outer && definition == builtInRecords().at(standardRecordName)),
+      biflow_(definition.biflow) {
   for (size_t place = 0; place < layouts_.size(); ++place) {
     const RecordLayout& layout = layouts_[place];
     if (layout.kinds == 0) continue;
@@ -438,8 +449,15 @@ bool RecordPlan::sample(const Packet& packet, const Parsed& parsed, uint32_t int
   const auto flow = [&](const auto& key, uint8_t icmpProtocol, size_t ttlAt) {
     std::memcpy(&f.word[0], &key, 2 * key.ipLen);
     f.word[PacketFacts::srcPort / 8] = load64(&key.rest);
-    if (key.rest.protocol == icmpProtocol)
-      f.word[PacketFacts::srcMac / 8] |= uint64_t{key.rest.dstPort} << 48;
+    uint64_t icmp = key.rest.dstPort;
+    if (biflow_) {
+      auto both = key;
+      out.side = orient(both, parsed.tcpFlags);
+      std::memcpy(&f.word[0], &both, 2 * both.ipLen);
+      f.word[PacketFacts::srcPort / 8] = load64(&both.rest);
+      icmp = both.rest.srcPort | both.rest.dstPort;  // one of them is 0
+    }
+    if (key.rest.protocol == icmpProtocol) f.word[PacketFacts::srcMac / 8] |= icmp << 48;
     out.ipOctets = parsed.ipOctets;
     out.tcpFlags = parsed.tcpFlags;
     out.ttl = packet.octets[ipAt + ttlAt];

@@ -6,6 +6,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "agent/flow/Conversation.h"
 #include "agent/flow/FlowRecord.h"
 #include "agent/flow/PacketParser.h"
 #include "agent/records/FlowRecords.h"
@@ -60,6 +61,7 @@ struct PlannedSample {
   uint8_t layout;         ///< its index among the plan's formats
   uint8_t tcpFlags;
   uint8_t ttl;
+  Conversation side;  ///< of a two-way flow
 
   uint8_t flags() const { return tcpFlags; }
   uint32_t octets() const { return ipOctets; }
@@ -71,6 +73,9 @@ struct PlannedSample {
 /// of first and last packet. With up to three words it is a cache line. The cold part has, in
 /// words, the values of the first packet and the totals of earlier reports (octets, octets with
 /// link layer, packets), and the links of a FlowTable.
+///
+/// A two-way flow has behind that a `Biflow`, and each of these words, values and totals twice. Its
+/// entry counts what whoever began it sends, but for the times, which are of both directions.
 struct PlannedEntry {
   uint64_t octets;
   uint64_t packets;
@@ -83,11 +88,23 @@ struct PlannedEntry {
   uint8_t tcpFlags;
   bool used : 1;
   bool ending : 1;
+  // Of two-way flows.
+  bool turned : 1;     ///< the destination in the key began it
+  bool sure : 1;       ///< a packet showed so
+  uint8_t begun : 2;   ///< a bit for each direction, the reverse one second: it had a packet
+  uint8_t closed : 2;  ///< and a FIN
 
   uint64_t* words() { return reinterpret_cast<uint64_t*>(this + 1); }
   const uint64_t* words() const { return reinterpret_cast<const uint64_t*>(this + 1); }
 };
 static_assert(sizeof(PlannedEntry) == 40);
+
+/// What a two-way flow has besides.
+struct Biflow {
+  PlannedEntry reverse;  ///< counters and times of the reverse direction, and nothing else
+  int64_t firstMs;       ///< of the forward direction
+  int64_t lastMs;
+};
 
 /// The flow table's view of entries whose record is known only at run time: a layout, compiled to
 /// the words of PacketFacts that are a flow's key, those that are kept of its first packet, and the
@@ -137,13 +154,43 @@ class PlannedFormat {
   /// Of the first packet of a flow; the key is there.
   void keep(Entry& e, char* cold, const PlannedSample& s) const {
     std::memset(cold + totals_, 0, links_ - totals_);
+    if (biflow_ > 0) return beginBoth(e, cold, s);
     auto* to = reinterpret_cast<uint64_t*>(cold);
-    for (const Word& w : first_) *to++ = s.facts.word[w.index] & w.mask;
+    for (const Word& w : first_[0]) *to++ = s.facts.word[w.index] & w.mask;
     if (nanoseconds_ > 0) *nanoseconds(e) = {s.timeNs, s.timeNs};
   }
+  /// It is the first packet of a direction of a two-way flow: `keepOther` it.
+  bool lacks(const Entry& e, const PlannedSample& s) const {
+    return biflow_ > 0 && (e.begun >> (s.side.turned != e.turned) & 1) == 0;
+  }
+  void keepOther(Entry& e, char* cold, const PlannedSample& s) const;
   void count(Entry& e, const PlannedSample& s) const {
+    if (biflow_ > 0) return countEither(e, s);
+    if (nanoseconds_ > 0) countNanoseconds(*nanoseconds(e), e, s);
     if (layer2_ > 0) e.words()[layer2_] += s.layer2Octets;
-    if (nanoseconds_ > 0) countNanoseconds(e, s);
+    countIn(e, s);
+  }
+  /// This packet, the last that was counted, ends the flow: one of two ways when both are closed.
+  bool ends(Entry& e, const PlannedSample& s) const {
+    if (biflow_ > 0 && (s.tcpFlags & (tcpFin | tcpRst)) == tcpFin) {
+      e.closed |= s.side.turned != e.turned ? 2 : 1;
+      return e.closed == 3;
+    }
+    return (s.tcpFlags & (tcpFin | tcpRst)) != 0;
+  }
+  /// A flow that was reported and may go on stays, to count its totals, or as the two-way flow that
+  /// it is. False: it does not.
+  bool goOn(Entry& e, char* cold) const;
+  uint64_t packets(const Entry& e) const {
+    return e.packets + (biflow_ > 0 ? biflow(e).reverse.packets : 0);
+  }
+  /// It was reported, and no packet came since.
+  bool silent(const Entry& e) const { return packets(e) == 0; }
+  size_t encode(const Entry& e, const char* cold, EndReason reason, const RecordContext& context,
+                char* to) const;
+
+ private:
+  static void countIn(Entry& e, const PlannedSample& s) {
     e.packets += s.segments;
     e.octets += s.ipOctets;
     e.tcpFlags |= s.tcpFlags;
@@ -154,14 +201,6 @@ class PlannedFormat {
     e.firstMs = std::min(e.firstMs, s.timeMs);
     e.lastMs = std::max(e.lastMs, s.timeMs);
   }
-  /// A flow that was reported and may go on stays, to count its totals. False: it does not.
-  bool goOn(Entry& e, char* cold) const;
-  /// It was reported, and no packet came since.
-  static bool silent(const Entry& e) { return e.packets == 0; }
-  size_t encode(const Entry& e, const char* cold, EndReason reason, const RecordContext& context,
-                char* to) const;
-
- private:
   struct Word {
     size_t index;  // in PacketFacts
     uint64_t mask;
@@ -170,7 +209,8 @@ class PlannedFormat {
   struct Step {
     enum Kind : uint8_t { octets, swapped2, swapped4, swapped8, computed } kind;
     bool cold;
-    uint16_t element;  // of what is computed
+    bool reverse;
+    uint16_t element;  // of what is computed, without the bit of reverse elements
     uint16_t from;     // octets of the entry or its cold part; of a constant its value
     uint16_t len;
   };
@@ -183,6 +223,14 @@ class PlannedFormat {
     uint32_t first;
     uint32_t last;
   };
+  /// What is reported of one direction. Where it had no packet, the times are the other's.
+  struct Side {
+    const Entry& own;
+    int64_t firstMs;
+    int64_t lastMs;
+    const Nanoseconds& ns;
+  };
+  Side sideOf(const Entry& e, bool reverse) const;
   Nanoseconds* nanoseconds(Entry& e) const {
     return reinterpret_cast<Nanoseconds*>(e.words() + nanoseconds_);
   }
@@ -192,21 +240,28 @@ class PlannedFormat {
   auto ofKey(Do what) const -> decltype(what(size_t{})) {
     return keyWords_ == 3 ? what(std::integral_constant<size_t, 3>()) : what(keyWords_);
   }
-  void countNanoseconds(Entry& e, const PlannedSample& s) const;
-  void addStep(const RecordLayout::Field& field, uint32_t prefix4, uint32_t prefix6);
   FlowInterfaces interfacesOf(const Entry& e, const Step& step, const HostAddresses& host) const;
+  Biflow& biflow(Entry& e) const { return *reinterpret_cast<Biflow*>(e.words() + biflow_); }
+  const Biflow& biflow(const Entry& e) const {
+    return *reinterpret_cast<const Biflow*>(e.words() + biflow_);
+  }
+  static void countNanoseconds(Nanoseconds& ns, const Entry& e, const PlannedSample& s);
+  void beginBoth(Entry& e, char* cold, const PlannedSample& s) const;
+  void countEither(Entry& e, const PlannedSample& s) const;
+  void addStep(const RecordLayout::Field& field, uint32_t prefix4, uint32_t prefix6, bool turned);
   void put(FieldWriter& w, const Step& step, const Entry& e, const char* cold, EndReason reason,
            const RecordContext& context) const;
 
   std::array<Word, PacketFacts::words> key_;
   size_t keyWords_ = 0;
-  std::vector<Word> first_;
-  std::vector<Step> steps_;
+  std::array<std::vector<Word>, 2> first_;  // of the reverse direction's first packet the second
+  std::array<std::vector<Step>, 2> steps_;  // of a flow that is turned the second
   uint64_t seed_ = 0;
   size_t entryLen_ = 0;
   size_t coldLen_ = 0;
   size_t layer2_ = 0;       // its word behind the entry; 0: there is none
   size_t nanoseconds_ = 0;  // so are these
+  size_t biflow_ = 0;       // so is this
   size_t totals_ = 0;       // octets of the cold part before these
   bool hasTotals_ = false;
   size_t links_ = 0;  // and before these
@@ -259,8 +314,9 @@ class RecordPlan {
   bool segments_ = false;
   bool namesInterfaces_ = false;
   bool mpls_ = false;
-  bool tellsInterfaces_ = false;        // of packets, by the addresses of this machine
-  std::vector<PlannedFormat> formats_;  // without gaps
+  bool tellsInterfaces_ = false;  // of packets, by the addresses of this machine
+  bool biflow_;
+  std::vector<PlannedFormat> formats_;                                       // without gaps
   std::array<uint8_t, packetKinds> formatOf_{noLayout, noLayout, noLayout};  // by kind of packet
 };
 

@@ -1,6 +1,7 @@
 #include "agent/records/FlowRecords.h"
 
 #include <algorithm>
+#include <deque>
 
 #include "platform/HwFlowTracking.h"
 
@@ -136,11 +137,52 @@ std::string_view toText(Direction d) {
 std::string_view toText(Egress e) { return e == Egress::none ? "none" : "route"; }
 std::string_view toText(Tunnel t) { return t == Tunnel::inner ? "inner" : "outer"; }
 
+namespace {
+/// What packets of one conversation differ in by their direction: no keys of two-way flows.
+constexpr uint16_t ofOneDirection[] = {5,  10, 14, 31, 32, 56,
+                                       61, 70, 80, 82, 139};  // classes, interfaces, labels, ...
+/// Of each sum, and of class of service and flow label, RFC 5103 has a reverse element. A record
+/// tells once by which prefix, to which next hop and for which reason.
+bool hasReverse(const RecordField& f) {
+  const auto once = {9, 13, 15, 29, 30, 34, 62, 136};
+  if (f.ofPacket) return f.element == 5 || f.element == 31;
+  return std::find(once.begin(), once.end(), f.element) == once.end();
+}
+std::string reverseName(std::string_view name) {
+  std::string reverse = "reverse" + std::string(name);
+  reverse[7] = static_cast<char>(reverse[7] - 'a' + 'A');
+  return reverse;
+}
+/// biflowDirection and the reverse elements.
+const std::vector<RecordField>& biflowFields() {
+  static const auto fields = [] {
+    static std::deque<std::string> names;
+    std::vector<RecordField> all = {{"biflowDirection", biflowDirection, 1, ipPackets, false}};
+    for (const RecordField& f : fieldTable)
+      if (hasReverse(f))
+        all.push_back({names.emplace_back(reverseName(f.name)).c_str(),
+                       static_cast<uint16_t>(IpfixConst::reverseElement(f.element).value()), f.len,
+                       f.kinds, false});
+    return all;
+  }();
+  return fields;
+}
+}  // namespace
+
 std::span<const RecordField> recordFields() { return fieldTable; }
 const RecordField* recordField(std::string_view name) {
-  const auto* it = std::find_if(std::begin(fieldTable), std::end(fieldTable),
-                                [&](const RecordField& f) { return f.name == name; });
-  return it == std::end(fieldTable) ? nullptr : it;
+  for (const auto& fields : {recordFields(), std::span<const RecordField>(biflowFields())}) {
+    const auto it = std::find_if(fields.begin(), fields.end(),
+                                 [&](const RecordField& f) { return f.name == name; });
+    if (it != fields.end()) return &*it;
+  }
+  return nullptr;
+}
+
+void addReverseElements(Ipfix::ElementIdColl& registry) {
+  for (const RecordField& f : biflowFields())
+    if (f.reverse() && !registry.elementIdCollHas(f.element))
+      registry.elementIdCollIs(Ipfix::ElementId(true, f.element, f.len, f.name));
 }
 
 const std::map<std::string, RecordDefinition>& builtInRecords() {
@@ -154,7 +196,9 @@ uint32_t RecordLayout::len() const {
   return len;
 }
 uint32_t RecordLayout::templateLen() const {  // RFC 7011, 3.4.1
-  return kinds == 0 ? 0 : static_cast<uint32_t>(4 + 4 * fields.size());
+  uint32_t len = kinds == 0 ? 0 : 4;
+  for (const Field& f : fields) len += f.field->reverse() ? 8 : 4;
+  return len;
 }
 
 RecordLayouts recordLayouts(const RecordDefinition& definition) {
@@ -200,6 +244,35 @@ std::string fieldProblem(const RecordDefinition& definition, size_t at) {
   for (const Need& need : needs)
     if (need.field == name && !has(definition.keys, name) && !has(definition.keys, need.key))
       return "it needs " + std::string(need.key) + " among the keys";
+  return {};
+}
+
+RecordDefinition biflowRecord(RecordDefinition definition) {
+  const auto oneWay = [](const std::string& name) {
+    const auto& all = ofOneDirection;
+    const RecordField* const f = recordField(name);
+    return f && std::find(std::begin(all), std::end(all), f->element) != std::end(all);
+  };
+  std::erase_if(definition.keys, oneWay);
+  const Names fields = definition.fields;
+  definition.fields.emplace_back("biflowDirection");
+  for (const std::string& name : fields)
+    if (const RecordField* f = recordField(name); f && hasReverse(*f))
+      definition.fields.push_back(reverseName(name));
+  definition.biflow = true;
+  return definition;
+}
+
+std::string biflowProblem(const RecordDefinition& definition) {
+  for (const char* wanted :
+       {"sourceIPv4Address", "destinationIPv4Address", "sourceIPv6Address",
+        "destinationIPv6Address", "sourceTransportPort", "destinationTransportPort"})
+    if (!has(definition.keys, wanted))
+      return "has no " + std::string(wanted) +
+             " among its keys: both directions are found by both addresses, of IPv4 and IPv6, and "
+             "both ports";
+  if (definition.prefix4 < 32 || definition.prefix6 < 128)
+    return "has prefixes for addresses: both directions are found by whole addresses";
   return {};
 }
 

@@ -44,19 +44,26 @@ std::string_view toText(Tunnel t);  ///< "outer", "inner"
 
 /// One information element that the software flow path knows to fill.
 struct RecordField {
-  const char* name;   ///< IANA's; with "/1" behind it, in one octet (RFC 7011, 6.2)
-  uint16_t element;   ///< its number
+  const char* name;  ///< IANA's; with "/1" behind it, in one octet (RFC 7011, 6.2)
+  /// Its number; with bit 15 it is the reverse element (RFC 5103) of that number.
+  uint16_t element;
   uint16_t len;       ///< octets in a record
   PacketKinds kinds;  ///< the packets that have it; the records of others leave it out
   /// Each packet has a value of its own, so flows can be told apart by it; where it is no key, a
   /// record has that of the flow's first packet. False: a sum over the flow, the reason for its
   /// end, or a constant, none of which can be a key.
   bool ofPacket;
+
+  /// It tells of a two-way flow's other direction.
+  bool reverse() const { return (element & 0x8000) != 0; }
 };
-/// All of them, by element number.
+/// All that a record may be made of, by element number.
 std::span<const RecordField> recordFields();
-/// Null: there is none of this name.
+/// One of these, or of those that `biflowRecord` adds. Null: there is none of this name.
 const RecordField* recordField(std::string_view name);
+
+/// Adds the reverse elements of two-way flows to the registry.
+void addReverseElements(Ipfix::ElementIdColl& registry);
 
 /// A flow record as the configuration describes it.
 struct RecordDefinition {
@@ -64,12 +71,21 @@ struct RecordDefinition {
   std::vector<std::string> keys;    ///< those of the fields that tell flows apart
   uint32_t prefix4 = 32;            ///< leading bits of IPv4 addresses that count
   uint32_t prefix6 = 128;           ///< the same of IPv6 addresses
+  bool biflow = false;              ///< a record tells of both directions of a conversation
   bool operator==(const RecordDefinition&) const = default;
 };
 
 /// The records that need no section in the configuration. `standard` is every tracker's default.
 inline constexpr const char* standardRecordName = "standard";
 const std::map<std::string, RecordDefinition>& builtInRecords();
+
+inline constexpr uint16_t biflowDirection = 239;  ///< its element
+
+/// The record of two-way flows that is made of another one: fields that depend on a packet's
+/// direction are no keys, and biflowDirection and the reverse elements follow the record's fields.
+RecordDefinition biflowRecord(RecordDefinition definition);
+/// What a record lacks to tell of conversations; empty: nothing.
+std::string biflowProblem(const RecordDefinition& definition);
 
 /// A definition's record for some kinds of packets, with a template of its own.
 struct RecordLayout {

@@ -44,6 +44,7 @@ struct TrackerSettings {
   Egress egress = Egress::none;           ///< where records know from by what they leave
   Tunnel tunnel = Tunnel::outer;          ///< which packet of a tunnel's is tracked
   bool ownExport = false;                 ///< the agent's own messages are tracked as well
+  bool biflow = false;                    ///< one record tells of both directions
   bool promiscuous = false;               ///< packets for other stations are asked for
   std::string filter;           ///< an expression that chooses packets; empty: all of them
   uint32_t sampleRate = 1;      ///< one packet out of this many

@@ -136,9 +136,9 @@ void readExporters(Section& tracker, TrackerSettings& out) {
 
 /// What is wrong with the name of a field, or nothing.
 std::string nameProblem(const std::string& name) {
-  if (recordField(name)) return {};
   std::vector<std::string_view> known;
   for (const RecordField& f : recordFields()) known.emplace_back(f.name);
+  if (std::find(known.begin(), known.end(), name) != known.end()) return {};
   return "no field has this name; " + suggestion(name, known, "there are");
 }
 
@@ -179,6 +179,18 @@ void readRecords(Section& root, Settings& out) {
               [&](const std::string& name, Section& s) { readRecord(s, out.records[name]); });
 }
 
+/// Makes the tracker's record that of two-way flows, unless something else forbids it.
+void followBiflow(Section& s, TrackerSettings& t) {
+  if (const std::string problem = biflowProblem(t.definition); !problem.empty())
+    return s.refuse("biflow", "record " + keyText(t.record) + " " + problem);
+  if (t.direction == Direction::both)
+    s.refuse("direction",
+             "with \"both\" a forwarded packet would count twice in one two-way flow, which has "
+             "no flowDirection among its keys: the tracker needs another direction, or biflow = "
+             "false");
+  t.definition = biflowRecord(t.definition);
+}
+
 /// Finds the tracker's record, and looks whether it fits what its exporters send.
 void followRecord(Section& s, const Settings& all, TrackerSettings& t) {
   std::vector<std::string_view> known;
@@ -187,8 +199,10 @@ void followRecord(Section& s, const Settings& all, TrackerSettings& t) {
     if (const auto it = records->find(t.record); it != records->end()) {
       t.definition = it->second;
       const auto& keys = t.definition.keys;
-      if (t.direction == Direction::both &&
-          std::find(keys.begin(), keys.end(), "flowDirection") == keys.end())
+      if (t.biflow) {
+        followBiflow(s, t);
+      } else if (t.direction == Direction::both &&
+                 std::find(keys.begin(), keys.end(), "flowDirection") == keys.end())
         s.refuse("direction",
                  "record " + keyText(t.record) +
                      " does not tell what arrives from what leaves, so a forwarded packet would "

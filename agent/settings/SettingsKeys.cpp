@@ -96,6 +96,10 @@ std::vector<SettingsKey<TrackerSettings>> packetKeys() {
       key("own-export", &S::ownExport, YesNo{"own-export"},
           "Of a tracker of type `\"software\"`: whether it counts the messages that this agent "
           "itself sends ([below](#direction))."),
+      key("biflow", &S::biflow, YesNo{"biflow"},
+          "Of a tracker of type `\"software\"`: whether one record tells of both directions of a "
+          "conversation ([below](#two-way-flows)).",
+          Effect::flowsAnew),
       key("promiscuous", &S::promiscuous, YesNo{"promiscuous"},
           "Of a tracker of type `\"software\"`: whether its interfaces take packets for other "
           "stations as well, as those of a mirror port ([below](#interfaces))."),

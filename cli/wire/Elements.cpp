@@ -21,6 +21,7 @@ decoder::ElementLookup elementLookup(platform::Ptr<const Ipfix::ElementIdColl> r
   }
   return [table](uint32_t enterprise, uint16_t id) -> const Element* {
     if (const Element* iana = enterprise == 0 ? decoder::ianaElement(id) : nullptr) return iana;
+    if (enterprise == elements::reverseEnterprise) return decoder::reverseElement(id);
     auto it = table->elements.find({enterprise, id});
     return it == table->elements.end() ? nullptr : &it->second;
   };

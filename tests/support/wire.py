@@ -130,7 +130,9 @@ def _template(record):
             continue
         scopes += "[Scope]" in key
         enterprise = field["cflow.template_ipfix_pen_provided"] == "1"
-        element = field["cflow.template_ipfix_field_type" + ("_enterprise" if enterprise else "")]
+        # Reverse elements (RFC 5103) are called as IANA's of their number are.
+        name = "cflow.template_ipfix_field_type"
+        element = field.get(f"{name}_enterprise", field.get(name))
         fields.append((int(element), int(field["cflow.template_field_length"]),
                        int(field["cflow.template_ipfix_field_pen"]) if enterprise else 0))
     said = record.get("cflow.template_ipfix_total_field_count",

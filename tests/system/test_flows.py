@@ -3,6 +3,7 @@ collector stored is compared flow by flow with what was sent."""
 
 import collections
 import datetime
+import functools
 import json
 import pathlib
 import random
@@ -437,3 +438,103 @@ def test_interfaces_and_collectors_come_and_go(house):
     records = [r for m in tshark(wire.file, ports=(9996,)) for id, r in m.records if id == 256]
     burst = [r for r in records if r.get("cflow.srcport") == "7"]
     assert sorted(int(r["cflow.packets"]) for r in burst) == [5, 10, 20], records
+
+
+TALKED = ("ip.src", "ipv6.src", "ip.dst", "ipv6.dst", "ip.proto", "ipv6.nxt", "tcp.srcport", "udp.srcport",
+          "tcp.dstport", "udp.dstport", "icmp.type", "icmpv6.type", "ip.len", "ipv6.plen", "tcp.flags",
+          "frame.time_epoch")
+SERVE = """
+import socket, threading
+def answer(u):
+    while True:
+        data, to = u.recvfrom(9999)
+        u.sendto(2 * data, to)
+u = socket.socket(socket.AF_INET6, socket.SOCK_DGRAM)
+u.bind(("::", 7000))
+threading.Thread(target=answer, args=(u,), daemon=True).start()
+s = socket.create_server(("::", 7000), family=socket.AF_INET6, dualstack_ipv6=True)
+while True:
+    c = s.accept()[0]
+    while c.recv(9999): pass
+    c.sendall(bytes(20000)), c.close()
+"""
+TALK = """
+import socket, sys
+for name in sys.argv[1:]:
+    v6 = ":" in name
+    with socket.socket(socket.AF_INET6 if v6 else socket.AF_INET, socket.SOCK_RAW, 58 if v6 else 1) as i:
+        i.sendto(bytes([128, 0, 0, 0] if v6 else [8, 0, 0xf7, 0xfe]) + bytes([0, 1, 0, 0]), (name, 0)), i.recv(9999)
+    with socket.socket(socket.AF_INET6 if v6 else socket.AF_INET, socket.SOCK_DGRAM) as u:
+        for n in range(3): u.sendto(bytes(100 + n), (name, 7000)), u.recv(9999)
+    with socket.create_connection((name, 7000)) as c:
+        c.sendall(bytes(3000)), c.shutdown(socket.SHUT_WR)
+        while c.recv(9999): pass
+"""
+
+
+def conversations(file, known=()):
+    """Of each conversation of a capture, by who sent first unless it is known: of both directions
+    packets, octets, TCP flags, first and last time in milliseconds."""
+    found = {key: ([], []) for key in known}
+    fields = [a for f in TALKED for a in ("-e", f)]
+    for line in run("tshark", "-r", file, "-T", "fields", *fields).splitlines():
+        (s4, s6, d4, d6, p4, p6, st, su, dt, du, i4, i6, len4, len6, flags, time) = line.split("\t")
+        ports = int(st or su or 0), int(dt or du or 0)
+        echo = {"8": 0x800, "0": 0x800, "128": 0x8000, "129": 0x8000}.get(i4 or i6)
+        key, back = ((*ends, int(p4 or p6), *((0, echo) if echo else ports[::way]))
+                     for way, ends in ((1, (s4 or s6, d4 or d6)), (-1, (d4 or d6, s4 or s6))))
+        forward = (i4 or i6) in ("8", "128") if echo else back not in found
+        both = found.setdefault(key if forward else back, ([], []))
+        both[not forward].append((int(len4 or int(len6) + 40), int(flags or "0", 16),
+                                  int(time.replace(".", "")[:13])))
+    for key, both in found.items():
+        times = [[t for _, _, t in way or both[1]] for way in both]  # where the source was silent
+        found[key] = [(len(way), sum(o for o, _, _ in way), functools.reduce(int.__or__, (f for _, f, _ in way), 0),
+                       times[n][0], times[n][-1]) for n, way in enumerate(both)]
+    return found
+
+
+def test_two_way_flows(lab, far):
+    """TCP, UDP and ICMP between two hosts: as two decoders read what is exported, each conversation is
+    one record, its source who began it; also where the first packets were not seen."""
+    lab.veth("in0", "src0", lab.namespace("tt-src"))
+    for n, (device, ns) in enumerate((("in0", None), ("src0", "tt-src")), 1):
+        lab.address(device, f"10.98.0.{n}/24", f"fd98::{n}/64", ns=ns)
+    for ns in (None, "tt-src"):
+        lab.start(f"serve-{ns}", "/usr/bin/python3", "-c", SERVE, ns=ns)
+        wait_for("it serves", lambda ns=ns: "7000" in run("ss", "-Hlnt", ns=ns))
+    seen, later = lab.path("seen.pcap"), lab.path("later.pcap")
+    tcpdump = lab.start("tcpdump", "tcpdump", "-Z", "root", "-i", "in0", "-U", "--immediate-mode", "-B",
+                        "32768", "-w", seen, "port 7000 or icmp or (icmp6 and ip6[40] & 0xfe == 0x80)")
+    tcpdump.wait_log("listening on")
+    for n, ns in ((1, "tt-src"), (2, None)):
+        run("/usr/bin/python3", "-c", TALK, f"10.98.0.{n}", f"fd98::{n}", ns=ns)
+    tcpdump.stop()
+    run("tshark", "-r", seen, "-w", later, "-Y", "not (tcp.flags & 0x12 == 2) and "
+        "not icmp.type == 8 and not icmpv6.type == 128")
+    whole = conversations(seen)
+    assert len(whole) == 12 and all(both[1][0] for both in whole.values())
+    for file in (seen, later):
+        expected = conversations(file, whole)
+        wire = Capture(lab, "dn0", ns="tt-far", ports=(9995,))
+        store = Nfcapd(lab, "10.99.0.2", port=9995, ns="tt-far")
+        reader = reading(lab, "read", file, settings({"one": FAR["nf4"]}, biflow=True))[0]
+        assert reader.wait_exit(30) == 0, reader.log()
+        wire.wait_until("the records", lambda all: {m.sets[0] for m in of_flows(all)} == {256, 257})
+        stored = store.stop()
+        wire.stop()
+        found = {}
+        for r in (r for m in tshark(wire.file, ports=(9995,)) for i, r in m.records if i < 65280):
+            key = (r.get("cflow.srcaddr") or r["cflow.srcaddrv6"],
+                   r.get("cflow.dstaddr") or r["cflow.dstaddrv6"],
+                   *(int(r[f"cflow.{f}"]) for f in ("protocol", "srcport", "dstport")))
+            assert key not in found and r["cflow.biflow_direction"] == "1"
+            times = [[int(datetime.datetime.strptime(t[f"cflow.abstime{end}"][:-7] + "+0000", "%b %d, %Y "
+                      "%H:%M:%S.%f%z").timestamp() * 1000 + .5) for end in ("start", "end")]
+                     for t in r["cflow.timedelta_tree"]]
+            found[key] = [(*(int(r[f"cflow.{f}"][n], 0) for f in ("packets", "octets", "tcpflags")), *times[n])
+                          for n in (0, 1)]
+        assert found == expected
+        assert sorted([r[k] for k in ("in_packets", "in_bytes", "out_packets", "out_bytes")] for r in stored) \
+            == sorted([*one[:2], *other[:2]] for one, other in expected.values())
+    assert "reverseOctetDeltaCount" in tool("decode", wire.file, "--port", 9995)[1]

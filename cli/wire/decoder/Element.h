@@ -6,6 +6,7 @@
 namespace decoder {
 using elements::Element;
 using elements::ianaElement;
+using elements::reverseElement;
 using elements::Type;
 using elements::typeAllows;
 using elements::typeLengths;

@@ -39,6 +39,7 @@ class RandomSettings {
     if (tracker[0] == 'B')
       s.records[t.record = "r\"é"] = {{"vlanId", "packetDeltaCount"}, {"vlanId"}};
     t.definition = (s.records.contains(t.record) ? s.records : builtInRecords()).at(t.record);
+    if ((t.biflow = tracker == "a")) t.definition = biflowRecord(t.definition);
     if (t.id == 0 || what == 2) {
       t.id = ++ids_;
       t.localPort = static_cast<uint16_t>(t.id + pick(2) * 30000);
