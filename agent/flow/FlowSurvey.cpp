@@ -98,8 +98,7 @@ void FlowSurvey::flowIs(const Source& source, size_t index, uint8_t place, const
   ++flows_;
   const RecordView& view = source.views[place];
   if (!filter_.matches(view, record, source.vrf)) return;
-  const Sums sums{RecordView::number(record, view.octets), RecordView::number(record, view.packets),
-                  view.start ? RecordView::timeMs(record, view.start) : INT64_MAX};
+  const Sums sums{view.allOctets(record), view.allPackets(record), view.startMs(record)};
   if (look_.by == By::list) {
     rows_.push_back({0, index, place, nowMs_, {record, record + source.lens[place]}, {}});
   } else if (look_.by == By::flows) {
@@ -215,16 +214,17 @@ FlowRow FlowSurvey::rowOf(const Row& row) const {
   view.addFields(record, out);
   if (view.ingress) addName(out, "ingressName", RecordView::number(record, view.ingress));
   if (view.egress) addName(out, "egressName", RecordView::number(record, view.egress));
-  const auto time = [&](const char* name, RecordView::Place place) {
-    if (place)
-      out.emplace_back(name, static_cast<double>(RecordView::timeMs(record, place)) / 1000);
+  const auto seconds = [](int64_t ms) { return static_cast<double>(ms) / 1000; };
+  if (view.start) out.emplace_back("start", seconds(view.startMs(record)));
+  if (view.last) out.emplace_back("last", seconds(view.lastMs(record)));
+  if (view.packets) out.emplace_back("packets", view.allPackets(record));
+  if (view.octets) out.emplace_back("octets", view.allOctets(record));
+  const auto back = [&](const char* name, RecordView::Place place) {
+    if (place) out.emplace_back(name, RecordView::number(record, place));
   };
-  time("start", view.start);
-  time("last", view.last);
-  if (view.packets) out.emplace_back("packets", RecordView::number(record, view.packets));
-  if (view.octets) out.emplace_back("octets", RecordView::number(record, view.octets));
-  addRates(out, RecordView::number(record, view.octets), RecordView::number(record, view.packets),
-           view.start ? RecordView::timeMs(record, view.start) : INT64_MAX, row.nowMs);
+  back("reversePackets", view.reversePackets);
+  back("reverseOctets", view.reverseOctets);
+  addRates(out, view.allOctets(record), view.allPackets(record), view.startMs(record), row.nowMs);
   return out;
 }
 

@@ -12,12 +12,13 @@ constexpr uint16_t flowEndReason = 136;
 struct Wanted {
   RecordView::Place RecordView::*place;
   std::array<uint16_t, 4> elements;
+  RecordView::Place RecordView::*reverse = nullptr;  // of the reverse element
 };
 constexpr Wanted wanted[] = {
-    {&RecordView::octets, {1, 85, 352, 353}},
-    {&RecordView::packets, {2, 86}},
-    {&RecordView::start, {156, 154, 152, 150}},
-    {&RecordView::last, {157, 155, 153, 151}},
+    {&RecordView::octets, {1, 85, 352, 353}, &RecordView::reverseOctets},
+    {&RecordView::packets, {2, 86}, &RecordView::reversePackets},
+    {&RecordView::start, {156, 154, 152, 150}, &RecordView::reverseStart},
+    {&RecordView::last, {157, 155, 153, 151}, &RecordView::reverseLast},
     {&RecordView::protocol, {4}},
     {&RecordView::source, {8, 27}},
     {&RecordView::destination, {12, 28}},
@@ -26,7 +27,8 @@ constexpr Wanted wanted[] = {
     {&RecordView::ingress, {10}},
     {&RecordView::egress, {14}},
 };
-bool isTime(uint16_t element) { return element >= 150 && element <= 157; }
+uint16_t numberOf(uint16_t element) { return element & 0x7fff; }  // that of a reverse element
+bool isTime(uint16_t element) { return numberOf(element) >= 150 && numberOf(element) <= 157; }
 bool isMac(uint16_t element) { return element == 56 || element == 80; }
 bool isAddress(uint16_t element) {
   constexpr uint16_t addresses[] = {8, 12, 15, 27, 28, 62};
@@ -51,8 +53,9 @@ RecordView::RecordView(const RecordLayout& layout) : layout_(layout) {
     for (const uint16_t element : w.elements) {
       uint16_t at = 0;
       for (const auto& [field, key] : layout.fields) {
-        if (field->element == element && element != 0 && !(this->*w.place))
-          this->*w.place = {at, field->len, element};
+        const auto place = field->reverse() ? w.reverse : w.place;
+        if (numberOf(field->element) == element && element != 0 && place && !(this->*place))
+          this->*place = {at, field->len, field->element};
         at = static_cast<uint16_t>(at + field->len);
       }
     }
@@ -69,11 +72,24 @@ uint64_t RecordView::number(const char* record, Place place) {
 int64_t RecordView::timeMs(const char* record, Place place) {
   constexpr uint64_t from1900To1970 = 2208988800;
   const uint64_t value = number(record, place);
-  if (place.element <= 151) return static_cast<int64_t>(value * 1000);
-  if (place.element <= 153) return static_cast<int64_t>(value);
+  if (numberOf(place.element) <= 151) return static_cast<int64_t>(value * 1000);
+  if (numberOf(place.element) <= 153) return static_cast<int64_t>(value);
   // Microseconds and nanoseconds have the NTP format (RFC 7011, 6.1.9).
   const uint64_t fraction = (value & 0xffffffff) * 1000 >> 32;
   return static_cast<int64_t>(((value >> 32) - from1900To1970) * 1000 + fraction);
+}
+
+int64_t RecordView::startMs(const char* record) const {
+  if (!start) return INT64_MAX;
+  const int64_t ms = timeMs(record, start);
+  const bool both = reverseStart && number(record, reverseStart) != 0;
+  return both ? std::min(ms, timeMs(record, reverseStart)) : ms;
+}
+
+int64_t RecordView::lastMs(const char* record) const {
+  const int64_t ms = timeMs(record, last);
+  const bool both = reverseLast && number(record, reverseLast) != 0;
+  return both ? std::max(ms, timeMs(record, reverseLast)) : ms;
 }
 
 bool RecordView::hasPorts(const char* record) const {
@@ -98,8 +114,10 @@ void RecordView::addFields(const char* record, FlowRow& to) const {
     const Place place{at, field->len, field->element};
     at = static_cast<uint16_t>(at + field->len);
     const char* const from = record + place.at;
-    if (place.element == octets.element || place.element == packets.element ||
-        place.element == flowEndReason || isTime(place.element))
+    const auto shown = {octets, packets, reverseOctets, reversePackets};
+    if (place.element == flowEndReason || isTime(place.element) ||
+        std::any_of(shown.begin(), shown.end(),
+                    [&](const Place& p) { return p && p.element == place.element; }))
       continue;
     if (isAddress(place.element)) {
       to.emplace_back(field->name, addressText(from, place.len));

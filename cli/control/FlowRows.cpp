@@ -56,8 +56,10 @@ std::string shortText(const Json& row, const char* key) {
 }
 
 // Keys that are no fields of the record.
-constexpr std::array wholes = {"vrf",     "start", "last",          "packets",         "octets",
-                               "seconds", "flows", "bitsPerSecond", "packetsPerSecond"};
+constexpr std::array wholes = {
+    "vrf",     "start", "last",          "packets",          "octets",        "reversePackets",
+    "seconds", "flows", "bitsPerSecond", "packetsPerSecond", "reverseOctets",
+};
 
 /// One end of a flow: its address and port, or what the record has instead.
 std::string endText(const Json& row, const char* ipv4, const char* ipv6, const char* mac,
@@ -166,6 +168,7 @@ Table FlowRows::table() const {
   plain("flows", true);
   plain("packets", true);
   plain("octets", true);
+  add("came back", true, [](const Json& r) { return text(r, "reverseOctets"); });
   add("packets/s", true, [](const Json& r) { return shortText(r, "packetsPerSecond"); });
   add("bit/s", true, [](const Json& r) { return shortText(r, "bitsPerSecond"); });
   std::vector<bool> right;

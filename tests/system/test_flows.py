@@ -496,7 +496,8 @@ def conversations(file, known=()):
 
 def test_two_way_flows(lab, far):
     """TCP, UDP and ICMP between two hosts: as two decoders read what is exported, each conversation is
-    one record, its source who began it; also where the first packets were not seen."""
+    one record, its source who began it; also where the first packets were not seen. A look has both
+    directions."""
     lab.veth("in0", "src0", lab.namespace("tt-src"))
     for n, (device, ns) in enumerate((("in0", None), ("src0", "tt-src")), 1):
         lab.address(device, f"10.98.0.{n}/24", f"fd98::{n}/64", ns=ns)
@@ -507,6 +508,8 @@ def test_two_way_flows(lab, far):
     tcpdump = lab.start("tcpdump", "tcpdump", "-Z", "root", "-i", "in0", "-U", "--immediate-mode", "-B",
                         "32768", "-w", seen, "port 7000 or icmp or (icmp6 and ip6[40] & 0xfe == 0x80)")
     tcpdump.wait_log("listening on")
+    agent = tracking(lab, settings({"one": FAR["nf4"]}, biflow=True, **{
+        "active-interval": "300s", "inactive-timeout": "200s"}))
     for n, ns in ((1, "tt-src"), (2, None)):
         run("/usr/bin/python3", "-c", TALK, f"10.98.0.{n}", f"fd98::{n}", ns=ns)
     tcpdump.stop()
@@ -514,6 +517,16 @@ def test_two_way_flows(lab, far):
         "not icmp.type == 8 and not icmpv6.type == 128")
     whole = conversations(seen)
     assert len(whole) == 12 and all(both[1][0] for both in whole.values())
+    looked = {}
+    for r in json.loads(tool("show", "flows", "--list", "--json")[1])["rows"]:
+        key = (r.get("sourceIPv4Address") or r["sourceIPv6Address"],
+               r.get("destinationIPv4Address") or r["destinationIPv6Address"], *(r[f] for f in (
+                   "protocolIdentifier", "sourceTransportPort", "destinationTransportPort")))
+        looked[key] = [r[f] for f in ("packets", "octets", "reversePackets", "reverseOctets")]
+    lasting = {key: both for key, both in whole.items() if key[2] != traffic.TCP}
+    assert {key: looked.get(key) for key in lasting} == {
+        key: [one[0] + other[0], one[1] + other[1], *other[:2]] for key, (one, other) in lasting.items()}
+    assert agent.stop() == 0
     for file in (seen, later):
         expected = conversations(file, whole)
         wire = Capture(lab, "dn0", ns="tt-far", ports=(9995,))

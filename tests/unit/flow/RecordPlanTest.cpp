@@ -8,6 +8,7 @@
 
 #include "RandomPackets.h"
 #include "agent/flow/FlowCache.h"
+#include "agent/flow/RecordView.h"
 #include "cli/wire/decoder/Element.h"
 
 namespace agent::flow {
@@ -131,6 +132,15 @@ void damage(const RecordPlan& plan, const Octets& frame, Random& pick) {
   }
 }
 
+/// A look finds both directions in a record.
+void seenWhole(const RecordView& view, const char* record, const std::vector<Made>& packets) {
+  uint64_t octets = 0;
+  for (const Made& m : packets) octets += m.ipOctets;
+  EXPECT_TRUE(view.octets.element != 1 || view.allOctets(record) == octets);
+  const int64_t startMs = packets[0].timeNs / 1'000'000;
+  EXPECT_TRUE(view.start.element < 152 || view.startMs(record) == startMs);
+}
+
 /// Random packets through parser, plan and cache: the record of every flow, field by field, against
 /// a map of what the packets were made of. The built-in records, too; and of each record the one of
 /// two-way flows, which are reported several times.
@@ -211,9 +221,11 @@ TEST(RecordPlan, EachFieldIsWhatThePacketsSay) {
     size_t found = 0;
     while (RecordBlock* block = queue.take()) {
       const RecordLayout& layout = layouts[block->place];
+      const RecordView view(layout);
       for (uint32_t at = 0; at < block->used;) {
         std::map<uint16_t, std::vector<uint8_t>> fields;
         Flow flow{block->place, {}};
+        const char* const from = block->octets.data() + at;
         for (const auto& [field, key] : layout.fields) {
           const auto* const o = reinterpret_cast<const uint8_t*>(block->octets.data()) + at;
           fields[field->element].assign(o, o + field->len);
@@ -236,6 +248,7 @@ TEST(RecordPlan, EachFieldIsWhatThePacketsSay) {
         Talk& talk = it->second;
         ASSERT_LT(talk.told, talk.reports.size());
         ++found;
+        seenWhole(view, from, talk.reports[talk.told]);
         const std::vector<Made> sides[] = {talk.packets(false, false), talk.packets(true, false),
                                            talk.packets(false, true), talk.packets(true, true)};
         for (const auto& [field, key] : layout.fields) {
