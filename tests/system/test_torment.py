@@ -108,7 +108,9 @@ def settings(rng=None):
                              "interfaces": rng.choice([[], ["in*"], ["red/*", "sh*"], ["*", "!up0"]]),
                              **rng.choice([{}, {"direction": "both", "egress": "route"},
                                            {"tunnel": "inner", "filter": "not port 7"},
-                                           {"promiscuous": True, "record": "full"}]),
+                                           {"promiscuous": True, "record": "full"},
+                                           {"biflow": True, "sampling-option": True},
+                                           {"exporter-address": True}]),
                              "local-port": 5001 + i, "max-flows": rng.choice([1, 1000, 4000000]),
                              "exporter": others}
         vrfs = rng.choice([vrfs, {"red": 4, "blue": 5}, {}])
