@@ -495,7 +495,6 @@ const Element* ianaElement(uint16_t id) {
   const Row* row = std::ranges::lower_bound(rows, id, {}, &Row::id);
   return row != std::end(rows) && row->id == id ? &row->element : nullptr;
 }
-
 uint16_t lastIanaElement() { return std::prev(std::end(rows))->id; }
 
 }  // namespace elements

@@ -7,7 +7,7 @@ import sys
 import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "support"))
-pytest.register_assert_rewrite("lab", "wire", "tarnflow")
+pytest.register_assert_rewrite("lab", "wire", "tarnflow", "flow_path")
 
 import lab as lab_module  # noqa: E402
 
@@ -40,6 +40,13 @@ def lab(request, tmp_path):
 def far(lab):
     """The namespace at the far end of a cable."""
     return lab.far()
+
+
+@pytest.fixture
+def house(lab, far):
+    """A source of traffic behind in0, collectors behind up0."""
+    lab.source()
+    return lab
 
 
 def pytest_sessionfinish(session, exitstatus):
