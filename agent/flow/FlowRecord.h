@@ -70,7 +70,7 @@ class FieldWriter {
   void text(std::string_view from, size_t len) {
     size_t n = std::min(from.size(), len);
     while (n > 0 && n < from.size() && (from[n] & 0xc0) == 0x80) --n;
-    std::memcpy(at_, from.data(), n);
+    std::copy_n(from.data(), n, at_);
     std::memset(at_ + n, 0, len - n);
     at_ += len;
   }
