@@ -50,7 +50,7 @@ struct Layer {
 
 inline Octets number(uint64_t v, unsigned len) {
   Octets o;
-  while (len-- > 0) o.u8(static_cast<uint32_t>(v >> 8 * len));
+  while (len-- > 0) o.u8(len < 8 ? static_cast<uint32_t>(v >> 8 * len) : 0);
   return o;
 }
 
