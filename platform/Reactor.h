@@ -61,7 +61,7 @@ class ChildMap {
     for (const Map old = std::exchange(map_, {}); const auto& [key, child] : old) child->retire();
   }
   /// A child whose constructor notifies may call this first. Then `del` and `delAll` retire it
-  /// although it is not stored yet, and whatever is made in its place finds all given back.
+  /// although it is not stored yet, and its successor finds its resources released.
   void beingMade(const Key& key, Child& child) { beingMade_[key] = &child; }
 
   /// Brings the child under `key` in step with what there is now to make it of.
@@ -69,7 +69,7 @@ class ChildMap {
   ///   gone(key): a child that did not fit has been removed;
   ///   make(key): returns a new child, or null where something is missing.
   /// Called again for the same key from inside one of these, it returns at once, and the call under
-  /// way asks anew when that is over. `owner` is the reactor that this map is a member of.
+  /// way then repeats its checks. `owner` is the reactor that this map is a member of.
   template <class Fits, class Gone, class Make>
   void reconcile(const Entity& owner, const Key& of, Fits&& fits, Gone&& gone, Make&& make) {
     const Key key = of;  // a handler may destroy what `of` refers to

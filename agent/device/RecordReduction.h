@@ -31,7 +31,7 @@ struct PassedField {
 };
 using PassedLayout = std::vector<PassedField>;
 
-/// Adds IANA's elements to the registry that it does not hold yet, each of its type's length. Lists
+/// Adds to the registry the IANA elements that it lacks, each with the length of its type. Lists
 /// of records by template (RFC 6313) are left out: they name templates by the ids of the device.
 void addIanaElements(Ipfix::ElementIdColl& registry);
 
@@ -43,7 +43,7 @@ struct RecordReduction {
   RecordReduction(std::string_view fields, const Ipfix::ElementIdColl& registry);
 
   /// Puts the address of the device behind each record: exporterIPv4Address or
-  /// exporterIPv6Address. Where the record has one already, or nothing, it is left as it is.
+  /// exporterIPv6Address. A record that has one already, or of which no field is kept, stays so.
   void exporterAddressIs(const platform::IpGenAddr& address);
 
   /// Sets `len` to the length of the record that `rest` begins with and appends its fields that are
@@ -62,9 +62,9 @@ struct RecordReduction {
   std::string behind;  // octets that each record gets behind its own
   PassedLayout passed;
   bool fixed = true;       ///< no field of variable length
-  bool whole = true;       ///< nothing is left out
+  bool whole = true;       ///< records are passed on as they are
   uint32_t minLen = 0;     ///< of a record
-  uint32_t keptLen = 0;    ///< of the fixed fields that are kept
+  uint32_t keptLen = 0;    ///< of the fixed fields that are kept, and of `behind`
   uint32_t unknown = 0;    ///< fields that are left out: not in the registry
   uint32_t badLength = 0;  ///< left out: no encoding of the element has this length
 };

@@ -245,8 +245,8 @@ Entities::Tracker Entities::make(const std::string& name, const TrackerSettings&
   return made;
 }
 
-/// The id is the identity that collectors know a tracker by, and fixed in its entity; and what else
-/// makes it another one to collectors gets new sockets with it.
+/// For a new id, which is fixed in its entity, and for any other key with Effect::trackerAnew. It
+/// opens new sockets, since to collectors it is another tracker.
 void Entities::replaceTracker(const std::string& name, Tracker& tracker,
                               const TrackerSettings& wanted, Changes& changes) {
   // Exporters that stay are not counted as added: the tracker is counted as changed.

@@ -12,7 +12,7 @@ namespace agent::flow {
 struct Conversation {
   bool turned = false;  ///< it came from what is the destination in the conversation's key
   bool answer = false;  ///< its receiver began the conversation
-  bool sure = true;     ///< it shows itself who began; else whoever is seen first is believed
+  bool sure = true;     ///< false: TCP without SYN, which does not show who began it
 };
 
 /// The type of ICMP request that this type answers; itself when it answers none. (RFC 792, RFC 950,

@@ -150,9 +150,10 @@ FlowPath& FlowPaths::path(const std::string& name) {
 FlowPart FlowPaths::look(const FlowLook& wanted) {
   FlowPath& chosen = path(wanted.tracker);
   using Map = FlowTracking::IntfIndexMap;
-  // What stands for no interface, as the options table has it; an interface of such a name wins.
+  // Indexes that stand for no interface, by their names; a real interface of the same name wins.
   const FlowSurvey::Names reserved = {{Map::cpuIndex, Map::cpuIntfName},
                                       {Map::multicastIndex, Map::multicastIntfName},
+                                      {Map::discardIndex, Map::discardIntfName},
                                       {Map::unknownIndex, Map::unknownIntfName}};
   FlowFilter filter(wanted.filter, [&](const std::string& name) -> std::optional<uint32_t> {
     const auto& all = host_.indexes->intfIndex();

@@ -73,9 +73,9 @@ class PacketRing {
 
   /// From now on these interfaces take packets for other stations, as far as this ring has a say:
   /// others may ask for them too. That ends with the ring. The kernel forgets it of an interface
-  /// that leaves: another number behind the index says that another interface has it, which is
-  /// asked anew. Those that refuse are asked again by the next call. Returns the first of them with
-  /// its errno (ENODEV: it is not there), or zeros.
+  /// that leaves. The value in the map is `Link::arrival`: a changed one means that the index has
+  /// a new interface, which is asked again. Those that refuse are asked again by the next call.
+  /// Returns the first of them with its errno (ENODEV: it is not there), or zeros.
   std::pair<uint32_t, int> promiscuousIs(const std::map<uint32_t, uint64_t>& interfaces);
 
   /// Ends the capture, for good, and gives its memory back. As its destructor does; closing a

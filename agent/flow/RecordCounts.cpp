@@ -1,5 +1,5 @@
-// How a PlannedFormat counts: the part of it that each packet goes through where a record is not
-// the standard one, and what a report leaves.
+// How a PlannedFormat counts nanoseconds and two-way flows, and what a report leaves of a flow that
+// goes on.
 #include <algorithm>
 #include <limits>
 #include <utility>
@@ -8,7 +8,7 @@
 
 namespace agent::flow {
 namespace {
-// Whoever goes on without a packet begins with the next one.
+// The first time of a direction without a packet: later than any packet's.
 constexpr int64_t notYet = std::numeric_limits<int64_t>::max() / 4;
 
 /// As if no packet had been counted, but for the time of the last one.

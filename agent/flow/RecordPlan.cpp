@@ -117,7 +117,7 @@ bool derivable(const RecordLayout& layout, uint32_t prefix4, uint32_t prefix6) {
          ((key(sourceIPv4Address) && key(destinationIPv4Address) && prefix4 == 32) ||
           (key(sourceIPv6Address) && key(destinationIPv6Address) && prefix6 == 128));
 }
-/// What both interfaces are derived from, with the direction in the octet before it.
+/// The interface that both are derived from, with the direction in the octet before it.
 constexpr Place derived = {0, At::observed, 4, true};
 static_assert(At::observed == At::direction + 1);
 const Place* placeIn(uint16_t element, bool derivesInterfaces) {
@@ -132,7 +132,7 @@ bool isTotal(uint16_t element) {
 
 constexpr uint16_t numberBits = 0x7fff;  // of a RecordField's element
 
-/// The destination's element of the source's, and the other way round; of others the same.
+/// For an element of the source that of the destination, and the reverse; others are unchanged.
 uint16_t otherEnd(uint16_t element) {
   constexpr uint16_t ends[][2] = {{7, 11},
                                   {sourceIPv4Address, destinationIPv4Address},

@@ -56,7 +56,7 @@ struct PlannedSample {
   uint32_t timeNs;  ///< of the millisecond
   uint32_t segments;
   uint32_t ipOctets;      ///< of all segments
-  uint32_t layer2Octets;  ///< so are these
+  uint32_t layer2Octets;  ///< of all segments, with the link layer
   uint16_t packetOctets;  ///< of an IP packet: of segments on average, of 65536 and more 65535
   uint8_t layout;         ///< its index among the plan's formats
   uint8_t tcpFlags;
@@ -68,14 +68,14 @@ struct PlannedSample {
   uint32_t packets() const { return segments; }
 };
 
-/// What is known of one flow, whatever its record has of it, as far as packets need it. Behind it
+/// The counters of one flow; all of them are kept, whatever its record tells. Behind it
 /// lie words: the key, and where the record has them the octets with link layer and the nanoseconds
 /// of first and last packet. With up to three words it is a cache line. The cold part has, in
 /// words, the values of the first packet and the totals of earlier reports (octets, octets with
 /// link layer, packets), and the links of a FlowTable.
 ///
 /// A two-way flow has behind that a `Biflow`, and each of these words, values and totals twice. Its
-/// entry counts what whoever began it sends, but for the times, which are of both directions.
+/// entry counts the packets from the initiator; its times are those of both directions.
 struct PlannedEntry {
   uint64_t octets;
   uint64_t packets;
@@ -90,9 +90,9 @@ struct PlannedEntry {
   bool ending : 1;
   // Of two-way flows.
   bool turned : 1;     ///< the destination in the key began it
-  bool sure : 1;       ///< a packet showed so
-  uint8_t begun : 2;   ///< a bit for each direction, the reverse one second: it had a packet
-  uint8_t closed : 2;  ///< and a FIN
+  bool sure : 1;       ///< `Conversation::sure` of the first packet
+  uint8_t begun : 2;   ///< bit 0: the forward direction had a packet; bit 1: the reverse one
+  uint8_t closed : 2;  ///< the same bits: it had a FIN
 
   uint64_t* words() { return reinterpret_cast<uint64_t*>(this + 1); }
   const uint64_t* words() const { return reinterpret_cast<const uint64_t*>(this + 1); }
@@ -143,7 +143,7 @@ class PlannedFormat {
   void seedIs(uint64_t v) { seed_ = v; }
 
   uint8_t place() const { return place_; }
-  /// A packet's far interface is found when the record is written, from the key.
+  /// Both interfaces are derived from the key when a record is written.
   bool derivesInterfaces() const { return derivesInterfaces_; }
   uint16_t recordLen() const { return recordLen_; }
   void takeKey(PlannedSample& s) const {
@@ -151,7 +151,7 @@ class PlannedFormat {
       for (size_t i = 0; i < n; ++i) s.key[i] = s.facts.word[key_[i].index] & key_[i].mask;
     });
   }
-  /// Of the first packet of a flow; the key is there.
+  /// Stores what the record tells of a flow's first packet; the entry already has its key.
   void keep(Entry& e, char* cold, const PlannedSample& s) const {
     std::memset(cold + totals_, 0, links_ - totals_);
     if (biflow_ > 0) return beginBoth(e, cold, s);
@@ -159,7 +159,7 @@ class PlannedFormat {
     for (const Word& w : first_[0]) *to++ = s.facts.word[w.index] & w.mask;
     if (nanoseconds_ > 0) *nanoseconds(e) = {s.timeNs, s.timeNs};
   }
-  /// It is the first packet of a direction of a two-way flow: `keepOther` it.
+  /// It is the first packet of its direction of a two-way flow; then call `keepOther`.
   bool lacks(const Entry& e, const PlannedSample& s) const {
     return biflow_ > 0 && (e.begun >> (s.side.turned != e.turned) & 1) == 0;
   }
@@ -170,7 +170,7 @@ class PlannedFormat {
     if (layer2_ > 0) e.words()[layer2_] += s.layer2Octets;
     countIn(e, s);
   }
-  /// This packet, the last that was counted, ends the flow: one of two ways when both are closed.
+  /// This packet, already counted, ends the flow: RST or FIN; FIN of both sides of a two-way flow.
   bool ends(Entry& e, const PlannedSample& s) const {
     if (biflow_ > 0 && (s.tcpFlags & (tcpFin | tcpRst)) == tcpFin) {
       e.closed |= s.side.turned != e.turned ? 2 : 1;
@@ -178,8 +178,8 @@ class PlannedFormat {
     }
     return (s.tcpFlags & (tcpFin | tcpRst)) != 0;
   }
-  /// A flow that was reported and may go on stays, to count its totals, or as the two-way flow that
-  /// it is. False: it does not.
+  /// Prepares a flow that was reported to count on, where it has totals or is a two-way flow.
+  /// False: it is to be removed.
   bool goOn(Entry& e, char* cold) const;
   uint64_t packets(const Entry& e) const {
     return e.packets + (biflow_ > 0 ? biflow(e).reverse.packets : 0);
@@ -254,17 +254,17 @@ class PlannedFormat {
 
   std::array<Word, PacketFacts::words> key_;
   size_t keyWords_ = 0;
-  std::array<std::vector<Word>, 2> first_;  // of the reverse direction's first packet the second
-  std::array<std::vector<Step>, 2> steps_;  // of a flow that is turned the second
+  std::array<std::vector<Word>, 2> first_;  // [1]: of the reverse direction
+  std::array<std::vector<Step>, 2> steps_;  // [1]: of turned flows
   uint64_t seed_ = 0;
   size_t entryLen_ = 0;
   size_t coldLen_ = 0;
-  size_t layer2_ = 0;       // its word behind the entry; 0: there is none
-  size_t nanoseconds_ = 0;  // so are these
-  size_t biflow_ = 0;       // so is this
-  size_t totals_ = 0;       // octets of the cold part before these
+  size_t layer2_ = 0;       // place of its word behind the entry; 0: it has none
+  size_t nanoseconds_ = 0;  // the same of these
+  size_t biflow_ = 0;       // the same of this
+  size_t totals_ = 0;       // offset in the cold part
   bool hasTotals_ = false;
-  size_t links_ = 0;  // and before these
+  size_t links_ = 0;  // offset in the cold part
   uint16_t recordLen_ = 0;
   uint8_t place_;
   bool derivesInterfaces_;
@@ -314,7 +314,7 @@ class RecordPlan {
   bool segments_ = false;
   bool namesInterfaces_ = false;
   bool mpls_ = false;
-  bool tellsInterfaces_ = false;  // of packets, by the addresses of this machine
+  bool tellsInterfaces_ = false;  // a format needs interfaces found for each packet
   bool biflow_;
   std::vector<PlannedFormat> formats_;                                       // without gaps
   std::array<uint8_t, packetKinds> formatOf_{noLayout, noLayout, noLayout};  // by kind of packet

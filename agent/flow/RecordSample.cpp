@@ -34,7 +34,7 @@ size_t takeLink(const Packet& p, const Parsed& parsed, uint32_t interface, Packe
     f.word[PacketFacts::observed / 8] = link.customerVlan | observed;
     f.word[PacketFacts::ingress / 8] = uint64_t{link.mpls} << 32;
     ipAt = link.ipAt;
-    // Of IP packets the parser says it.
+    // The VLAN id. Of IP packets the parser's key overwrites this word.
     f.word[PacketFacts::srcPort / 8] = uint64_t{link.network.vlanId} << 48;
   }
   f.word[PacketFacts::egress / 8] = 0;

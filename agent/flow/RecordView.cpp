@@ -1,6 +1,7 @@
 #include "agent/flow/RecordView.h"
 
 #include <algorithm>
+#include <cstring>
 #include <string_view>
 
 #include "platform/Ip.h"
@@ -114,20 +115,21 @@ void RecordView::addFields(const char* record, FlowRow& to) const {
     const Place place{at, field->len, field->element};
     at = static_cast<uint16_t>(at + field->len);
     const char* const from = record + place.at;
+    const std::string name(field->name, std::strcspn(field->name, "/"));  // without its length
     const auto shown = {octets, packets, reverseOctets, reversePackets};
     if (place.element == flowEndReason || isTime(place.element) ||
         std::any_of(shown.begin(), shown.end(),
                     [&](const Place& p) { return p && p.element == place.element; }))
       continue;
     if (isAddress(place.element)) {
-      to.emplace_back(field->name, addressText(from, place.len));
+      to.emplace_back(name, addressText(from, place.len));
     } else if (isMac(place.element)) {
-      to.emplace_back(field->name, macText(from));
+      to.emplace_back(name, macText(from));
     } else if (place.element == interfaceName) {
       const std::string_view text(from, place.len);
-      to.emplace_back(field->name, std::string(text.substr(0, text.find('\0'))));
+      to.emplace_back(name, std::string(text.substr(0, text.find('\0'))));
     } else {
-      to.emplace_back(field->name, number(record, place));
+      to.emplace_back(name, number(record, place));
     }
   }
 }

@@ -14,7 +14,7 @@ using Tarn::Ipfix::CollectorStatisticsEntry;
 using Tarn::Ipfix::CollectorStatisticsKey;
 
 namespace {
-// Behind the options tables' ids; the software flow path has none above these.
+// Above the options tables' ids and those of the software flow path.
 constexpr TemplateId samplingTemplateId = 65284;
 static_assert(FlowTracking::Constants::isReserved(samplingTemplateId - 1) &&
               !FlowTracking::Constants::isReserved(samplingTemplateId));
@@ -161,7 +161,7 @@ void FlowExport::samplingIs(uint32_t rate) {
     Route to;
     SamplingTold& told = exporters_[name].sampling;
     if (!route(config, to) || !to.templates->current() || !to.anyReady()) {
-      told = {};  // what is ready next may be another one, which counts from 0
+      told = {};  // the next template reactor may be a new one, which counts from 0
       continue;
     }
     const SamplingTold now{config, to.templates->templateTxCount(), rate};

@@ -48,12 +48,12 @@ class FlowExport {
   /// Tells the collectors, in an options record about the observation domain, that one packet out
   /// of `rate` is counted (samplingInterval): for those that take the sampling rate from nothing
   /// else. Whenever an exporter's data templates were sent or the rate is another one, all its
-  /// ready collectors get the options template and the record. Records go by before it only to a
-  /// collector that is newer than the last call. To be called again and again; 0: tells nothing.
+  /// ready collectors get the options template and the record. Only a collector that was added
+  /// since the last call may get records before it. To be called again and again; 0: tells nothing.
   void samplingIs(uint32_t rate);
-  /// What has gathered leaves, in messages that are not full.
+  /// Sends all that has gathered, in messages that may not be full.
   void flush();
-  /// The same for the last time: what cannot leave now is lost and counted.
+  /// As `flush`, for the last time: what cannot be sent now is lost and counted.
   void end();
   /// No exporter has yet to tell its collectors of templates that changed.
   bool templatesTold() const;

@@ -138,11 +138,11 @@ std::string_view toText(Egress e) { return e == Egress::none ? "none" : "route";
 std::string_view toText(Tunnel t) { return t == Tunnel::inner ? "inner" : "outer"; }
 
 namespace {
-/// What packets of one conversation differ in by their direction: no keys of two-way flows.
+/// Elements whose value depends on the direction, so that they are no keys of two-way flows.
 constexpr uint16_t ofOneDirection[] = {5,  10, 14, 31, 32, 56,
                                        61, 70, 80, 82, 139};  // classes, interfaces, labels, ...
-/// Of each sum, and of class of service and flow label, RFC 5103 has a reverse element. A record
-/// tells once by which prefix, to which next hop and for which reason.
+/// Of each sum, and of class of service and flow label, RFC 5103 has a reverse element. Prefix
+/// lengths, next hops, the sampling interval and the reason of the end occur once.
 bool hasReverse(const RecordField& f) {
   const auto once = {9, 13, 15, 29, 30, 34, 62, 136};
   if (f.ofPacket) return f.element == 5 || f.element == 31;

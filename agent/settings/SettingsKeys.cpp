@@ -111,8 +111,8 @@ std::vector<SettingsKey<TrackerSettings>> packetKeys() {
           "One packet out of so many is looked at, of those that pass the filter."),
       key("sampling-option", &S::samplingOption, YesNo{"sampling-option"},
           "Of a tracker of type `\"software\"`: whether an options record of its own, which goes "
-          "with the templates, tells the sample rate as well: for collectors that take it from no "
-          "other ([below](#sampling))."),
+          "with the templates, tells the sample rate as well: for collectors that read the rate "
+          "from nothing else ([below](#sampling))."),
   };
 }
 /// Those that say how its flows are told, and where a device sends its own.

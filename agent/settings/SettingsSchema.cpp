@@ -20,7 +20,7 @@ std::string meaningOf(const SettingsKey<S>& key, bool marks) {
   if (key.effect == Effect::flowsAnew) text += " Changing it reports all flows and starts anew.";
   if (key.effect == Effect::trackerAnew)
     text +=
-        " Another one makes it another tracker to collectors: its exporters start anew, with "
+        " Changing it makes it another tracker to collectors: its exporters start anew, with "
         "new sockets and counters.";
   if (marks) return text;
   std::string plain;

@@ -1,5 +1,6 @@
 #include "cli/control/ControlClient.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -13,6 +14,7 @@ namespace cli {
 namespace {
 // A reload of a large configuration takes seconds; everything else a fraction of one.
 constexpr std::chrono::milliseconds reloadPatience{60000};
+constexpr std::chrono::milliseconds connectAgain{50};
 constexpr size_t answerMax = 16 << 20;  // octets; the agent's parts are far smaller
 
 std::string errorText(int err) { return std::strerror(err); }
@@ -45,7 +47,7 @@ ControlClient::ControlClient(const std::string& path, std::chrono::milliseconds 
     : path_(path),
       most_(most),
       inputs_(std::move(inputs)),
-      fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+      fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.empty() || path.size() >= sizeof address.sun_path)
@@ -54,11 +56,14 @@ ControlClient::ControlClient(const std::string& path, std::chrono::milliseconds 
                     path, path.size(), sizeof address.sun_path - 1));
   path.copy(address.sun_path, path.size());
   if (!fd_) throw NoAgent("cannot open a socket: " + errorText(errno));
-  // To connect waits while the agent's queue of new connections is full.
-  const timeval time{most.count() / 1000, most.count() % 1000 * 1000};
-  setsockopt(fd_.get(), SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
-  if (connect(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0)
-    throw NoAgent(connectProblem(path, errno));
+  const auto end = std::chrono::steady_clock::now() + most;
+  while (connect(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0) {
+    // EAGAIN: the agent's queue of new connections is full.
+    if (errno != EAGAIN || std::chrono::steady_clock::now() >= end)
+      throw NoAgent(connectProblem(path, errno));
+    pause(connectAgain);
+  }
+  fcntl(fd_.get(), F_SETFL, 0);  // from now on it is read when there is something to read
 }
 
 ControlClient::Json ControlClient::ask(const Json& request) {
@@ -100,7 +105,7 @@ ControlClient::Json ControlClient::ask(const Json& request) {
   return answer;
 }
 
-/// What poll(2) returns for `fd`; -1: none.
+/// poll(2) on `fd` (-1: only waits). Throws Interrupted when an input becomes readable.
 int ControlClient::wait(int fd, std::chrono::milliseconds most) const {
   std::vector<pollfd> polled = {{fd, POLLIN, 0}};
   for (const int input : inputs_) polled.push_back({input, POLLIN, 0});

@@ -18,7 +18,7 @@ from wire_maker import pcap
 
 def test_records_of_ones_own(house):
     """Each built-in record at two decoders; and a record that is changed while flows are under way:
-    these are reported as they were begun, the others by templates that came first."""
+    these leave in the old record, later ones in the new, each behind its template."""
     lab = house
     capture = lab.path("records.pcap")
     capture.write_bytes(pcap([frame for frame, *_ in traffic.mixture(200)]))
@@ -146,7 +146,7 @@ def test_sampling_at_collectors(house):
     own = f"[record.own]\nfields = {json.dumps(fields)}\nkeys = {json.dumps(keys)}\n"
     for name, port, tracker, more in (("option", 9996, {"sampling-option": True}, ""),
                                       ("field", 9997, {"record": "own"}, own)):
-        to = {"a": FAR["nf4"], "b": ("10.99.0.3", port)}  # of the first one a process may be left
+        to = {"a": FAR["nf4"], "b": ("10.99.0.3", port)}  # the first nfacctd may still hold its port
         scaled = Nfacctd(lab, *to["b"], ns="tt-far")
         store = Nfcapd(lab, "10.99.0.2", port=9995, ns="tt-far")
         wire = Capture(lab, "dn0", ns="tt-far", ports=(9995,))
@@ -198,8 +198,8 @@ for name in sys.argv[1:]:
 
 
 def conversations(file, known=()):
-    """Of each conversation of a capture, by who sent first unless it is known: of both directions
-    packets, octets, TCP flags, first and last time in milliseconds."""
+    """Maps each conversation to both directions' (packets, octets, TCP flags, first and last time in
+    milliseconds). `known` says who began; otherwise who sent first."""
     found = {key: ([], []) for key in known}
     fields = [a for f in TALKED for a in ("-e", f)]
     for line in run("tshark", "-r", file, "-T", "fields", *fields).splitlines():

@@ -65,7 +65,7 @@ class PassedTest : public FlowTracking::TreeTest {
   size_t calls = 0;
 };
 
-/// A decoder, every word of which is checked: an id is published once, the lowest that is free,
+/// A decoder whose calls are checked: an id is published once, the lowest that is free,
 /// rests before it means anything else, and is withdrawn only after the collectors were told of it.
 class DecoderTest : public PassedTest {
  protected:

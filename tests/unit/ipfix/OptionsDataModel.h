@@ -14,7 +14,7 @@ struct ExporterModel {
   Ptr<HwFlowTracking::ExporterConfig> config = nullptr;
   std::map<std::string, Place> collectors = {};
   std::vector<std::pair<std::string, Place>> left = {};  // removed, with nothing under way to them
-  std::map<std::string, uint32_t> mtuMost = {};          // by key, since it joined or all was quiet
+  std::map<std::string, uint32_t> mtuMost = {};          // the largest since it joined
   uint32_t mtuBefore = 0;                                // when the event began
 
   std::string key(const Place& place) const {
