@@ -4,6 +4,7 @@ interfaces, and filters, judged by what tcpdump takes of the same packets."""
 import json
 import os
 import signal
+import time
 
 import pytest
 
@@ -49,6 +50,7 @@ def test_what_is_taken_and_what_is_said_of_it(lab, far):
     wait_for("the bridge is said", lambda: said(2, 1, 1))
     wait_for("nobody asks any more", lambda: link("v0")["promiscuity"] == 0)
     run("ip", "link", "set", "port0", "nomaster")
+    time.sleep(0.5)  # pairs are looked at some 10 ms after a change
     agent.reload()
     run("ip", "link", "set", "port0", "master", "br1")
     wait_for("it is true anew", lambda: said(2, 1, 2))
